@@ -1,0 +1,286 @@
+// Stand-in for the event-manager client library. A connection is a Unix stream socket; an event is
+// one JSON object on one line, so that any line-oriented collector can receive it.
+#include "jix.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+struct JixConn {
+  std::mutex mutex;
+  int sock = -1;
+  bool stalled = false;  // the last post found the event manager not reading
+};
+
+struct JixEvent {
+  std::string name;
+  int priority = 0;
+  std::vector<std::pair<std::string, std::string>> vars;
+};
+
+namespace {
+
+constexpr char kDefaultAddress[] = QOR_ROOT "/run/jix.sock";
+constexpr int kPostLimit = 100;  // milliseconds that a post may wait for the event manager
+constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
+
+struct StatusText {
+  JixStatus status;
+  const char* text;
+};
+constexpr StatusText kStatusTexts[] = {
+    {JixERROR_NONE, "No error"},
+    {JixERROR_NO_MEMORY, "Out of memory"},
+    {JixERROR_INVALID, "Invalid argument"},
+    {JixERROR_CANNOT_CONNECT, "Cannot connect to the event manager"},
+    {JixERROR_BUSY, "The event manager does not read"},
+    {JixERROR_CONNECTION_LOST, "Connection to the event manager lost"},
+};
+
+// Length of the well-formed UTF-8 sequence at the start of `text`, 0 when there is none
+// (RFC 3629, section 4: no overlong forms, no surrogates, nothing above U+10FFFF).
+size_t Utf8SequenceLength(std::string_view text) {
+  const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
+  const uint8_t lead = byte(0);
+  if (lead < 0x80) return 1;
+  size_t length = 0;
+  uint8_t low = 0x80;
+  uint8_t high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+  } else if ((lead & 0xF0) == 0xE0) {
+    length = 3;
+    if (lead == 0xE0) low = 0xA0;
+    if (lead == 0xED) high = 0x9F;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    if (lead == 0xF0) low = 0x90;
+    if (lead == 0xF4) high = 0x8F;
+  }
+  if (length == 0 || text.size() < length || byte(1) < low || byte(1) > high) return 0;
+  for (size_t i = 2; i < length; ++i) {
+    if ((byte(i) & 0xC0) != 0x80) return 0;
+  }
+  return length;
+}
+
+void AppendCharacter(std::string& out, std::string_view character) {
+  const char c = character[0];
+  if (c == '"' || c == '\\') {
+    out += '\\';
+    out += c;
+  } else if (static_cast<uint8_t>(c) < 0x20) {
+    char escape[8];
+    snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
+    out += escape;
+  } else {
+    out += character;
+  }
+}
+
+void AppendString(std::string& out, std::string_view text) {
+  out += '"';
+  while (!text.empty()) {
+    const size_t length = Utf8SequenceLength(text);
+    if (length == 0) {
+      out += kReplacement;
+      text.remove_prefix(1);
+    } else {
+      AppendCharacter(out, text.substr(0, length));
+      text.remove_prefix(length);
+    }
+  }
+  out += '"';
+}
+
+// RFC 3339 with the local zone: 2024-05-06T07:08:09+02:00.
+std::string LocalTime() {
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  char text[40];
+  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
+  std::string stamp = text;
+  stamp.insert(stamp.size() - 2, ":");
+  return stamp;
+}
+
+std::string HostName() {
+  char host[65] = "";
+  if (gethostname(host, sizeof host) != 0) return "<unknown>";
+  host[sizeof host - 1] = '\0';
+  return host;
+}
+
+std::string EventLine(const JixEvent& event) {
+  std::string line = "{\"time\": ";
+  AppendString(line, LocalTime());
+  line += ", \"host\": ";
+  AppendString(line, HostName());
+  line += ", \"name\": ";
+  AppendString(line, event.name);
+  line += ", \"priority\": " + std::to_string(event.priority) + ", \"vars\": {";
+  const char* separator = "";
+  for (const auto& [name, value] : event.vars) {
+    line += separator;
+    AppendString(line, name);
+    line += ": ";
+    AppendString(line, value);
+    separator = ", ";
+  }
+  line += "}}\n";
+  return line;
+}
+
+int64_t MonotonicMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// A manager that has closed its end accepts one more line into the void; asking first keeps that
+// line from being lost.
+bool PeerHasClosed(int sock) {
+  char byte = 0;
+  return recv(sock, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
+}
+
+// A line that has begun must be finished or the stream is torn; one that has not begun may be
+// dropped. While the event manager is known not to read, nothing waits for it.
+JixStatus SendLine(JixConn& conn, const std::string& line) {
+  const int64_t deadline = MonotonicMilliseconds() + (conn.stalled ? 0 : kPostLimit);
+  size_t sent = 0;
+  while (sent < line.size()) {
+    const ssize_t n =
+        send(conn.sock, line.data() + sent, line.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n > 0) {
+      sent += static_cast<size_t>(n);
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN) return JixERROR_CONNECTION_LOST;
+    const int64_t left = deadline - MonotonicMilliseconds();
+    pollfd writable = {conn.sock, POLLOUT, 0};
+    if (left > 0 && poll(&writable, 1, static_cast<int>(left)) >= 0) continue;
+    conn.stalled = true;
+    return sent == 0 ? JixERROR_BUSY : JixERROR_CONNECTION_LOST;
+  }
+  conn.stalled = false;
+  return JixERROR_NONE;
+}
+
+JixStatus SetItem(JixEvent& event, int item, va_list& args) {
+  if (item == JixITEM_NAME) {
+    event.name = va_arg(args, const char*);
+  } else if (item == JixITEM_PRIORITY) {
+    event.priority = va_arg(args, int);
+  } else {
+    return JixERROR_INVALID;
+  }
+  return JixERROR_NONE;
+}
+
+JixStatus SetItems(JixEvent& event, va_list& args) {
+  for (int item = va_arg(args, int); item != JixITEM_END; item = va_arg(args, int)) {
+    const JixStatus status = SetItem(event, item, args);
+    if (status != JixERROR_NONE) return status;
+  }
+  return JixERROR_NONE;
+}
+
+int ConnectTo(const char* path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (strlen(path) >= sizeof address.sun_path) return -1;
+  memcpy(address.sun_path, path, strlen(path));
+  const int sock = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (sock == -1) return -1;
+  if (connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) return sock;
+  close(sock);
+  return -1;
+}
+
+}  // namespace
+
+JixStatus JixConnCreate(const JixConnOptions* options, JixConn** conn) {
+  *conn = nullptr;
+  const bool given = options != nullptr && options->address != nullptr;
+  const int sock = ConnectTo(given ? options->address : kDefaultAddress);
+  if (sock == -1) return JixERROR_CANNOT_CONNECT;
+  *conn = new (std::nothrow) JixConn;
+  if (*conn == nullptr) {
+    close(sock);
+    return JixERROR_NO_MEMORY;
+  }
+  (*conn)->sock = sock;
+  return JixERROR_NONE;
+}
+
+void JixConnDestroy(JixConn* conn) {
+  if (conn == nullptr) return;
+  close(conn->sock);
+  delete conn;
+}
+
+JixStatus JixEventCreateVa(JixEvent** event, ...) try {
+  *event = new JixEvent;
+  va_list args;
+  va_start(args, event);
+  const JixStatus status = SetItems(**event, args);
+  va_end(args);
+  return status;
+} catch (const std::bad_alloc&) {
+  return JixERROR_NO_MEMORY;
+}
+
+JixStatus JixItemSetVa(JixEvent* event, ...) try {
+  va_list args;
+  va_start(args, event);
+  const JixStatus status = SetItems(*event, args);
+  va_end(args);
+  return status;
+} catch (const std::bad_alloc&) {
+  return JixERROR_NO_MEMORY;
+}
+
+JixStatus JixVarSet(JixEvent* event, const char* name, int type, const char* value) try {
+  if (type != JixTYPE_STRING) return JixERROR_INVALID;
+  event->vars.emplace_back(name, value);
+  return JixERROR_NONE;
+} catch (const std::bad_alloc&) {
+  return JixERROR_NO_MEMORY;
+}
+
+JixStatus JixEventPost(JixConn* conn, const JixEvent* event) try {
+  const std::lock_guard lock(conn->mutex);
+  if (PeerHasClosed(conn->sock)) return JixERROR_CONNECTION_LOST;
+  return SendLine(*conn, EventLine(*event));
+} catch (const std::bad_alloc&) {
+  return JixERROR_NO_MEMORY;
+}
+
+void JixEventDestroy(JixEvent* event) {
+  delete event;
+}
+
+void JixStatusTextGet(JixStatus status, char* text, size_t size) {
+  const char* found = "Unknown status";
+  for (const StatusText& row : kStatusTexts) {
+    if (row.status == status) found = row.text;
+  }
+  snprintf(text, size, "%s", found);
+}

@@ -1,0 +1,180 @@
+// The console record, its lists, and the console connection thread "cons_conn".
+//
+// A console is on exactly one of two lists: i_cons_list while it is not connected (owned by the
+// cons_conn thread, guarded by icl_lock), a_cons_list while it is (owned by the cons_mon thread,
+// guarded by acl_lock). A field without a remark is guarded by the lock of the list that the
+// console is on; changing what threads read under the other list's lock takes both.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+#include "fixed_text.h"
+#include "list.h"
+#include "locks.h"
+
+struct EventSetNode;
+struct UserNode;
+
+struct UserListElem {
+  UserNode* unode;
+  UserListElem* prev;
+  UserListElem* next;
+};
+
+/// Users of one console (guarded as the console is) or of the whole daemon (guarded by ul_lock).
+using UserList = SocketList<UserListElem, &UserListElem::unode>;
+
+enum ConsoleStatus : int {
+  kConnected = 0,
+  kInProgress = 1,
+  kRefused = 2,       ///< by the peer, or by a management port whose session another client holds
+  kNotConnected = 3,  ///< initial state, failed, closed or disabled
+};
+
+inline constexpr int kLogBufferSize = 1024;
+
+/// Ring of recent output: empty when head == tail, one cell always stays free.
+struct ConsoleBuffer {
+  char* buf;     ///< cons_buf_size bytes, null when that is 0
+  int32_t head;  ///< index of the oldest byte held
+  int32_t tail;  ///< index at which the next byte is written
+};
+
+/// The start of the log line that is not yet complete.
+struct LogBuffer {
+  char buf[kLogBufferSize];
+  int32_t count;
+};
+
+struct ConsoleNode {
+  char cname[kNameSize];       ///< the key by which users and commands address it
+  char pname[kNameSize];       ///< platform name
+  char ipaddr[kNameSize];      ///< dotted IPv4 address
+  char model[kNameSize];       ///< looked up in the models table
+  char telnet_cmd[kNameSize];  ///< negotiation that the console sent right after connecting
+  uint16_t cons_port;
+  uint16_t mgmt_port;
+  uint16_t mapped_port;  ///< port on which users of this console alone are served; 0: none
+  int logging;           ///< 1: output is written to log files
+  int events;            ///< 1: output is matched against the event set
+  int enable;            ///< 0: not to be connected
+  int auth;              ///< 1: users of the mapped port log in when security is on
+  /// Connected or connecting socket, -1 when none. Written under the list's lock; the user input
+  /// monitor reads it under ul_lock alone.
+  std::atomic<int> sock;
+  int log_fd;               ///< log file, -1 when closed
+  std::atomic<int> status;  ///< ConsoleStatus; any thread may set kNotConnected
+  int deleted;              ///< 1: dropped by a reload, freed once no user refers to it
+  /// User records that point here. Falls under ul_lock and acl_lock, read under either list's lock.
+  std::atomic<int> ref_count;
+  int force;                ///< 1: the next refusal by a management port is overridden
+  int check_for_NET_E_msg;  ///< 1: a refusal may still come after the connection is established
+  time_t lfca_time;         ///< last failed connection attempt, 0 when none
+  time_t lsca_time;         ///< when such a connection was first seen established, 0 when none
+  ConsoleBuffer cons_buf;
+  LogBuffer log_buf;
+  UserList* user_list;  ///< users of this console; the list is owned, its users are not
+  EventSetNode* enode;  ///< event set, shared; null when none
+  char pellox_port_holder_ipaddr[kNameSize];  ///< who held the session at the last refusal
+};
+
+struct ConsoleListElem {
+  ConsoleNode* cnode;
+  ConsoleListElem* prev;
+  ConsoleListElem* next;
+};
+
+using ConsoleList = SocketList<ConsoleListElem, &ConsoleListElem::cnode>;
+
+/// What the configuration says about one console. The texts are cut to 64 characters.
+struct ConsoleSettings {
+  const char* cons_name;
+  const char* plat_name;
+  const char* ipaddr;
+  const char* model;
+  uint16_t cons_port;
+  uint16_t mgmt_port;
+  uint16_t mapped_port;
+  int logging;
+  int events;
+  int enable;
+  int auth;
+  EventSetNode* enode;
+};
+
+// ---- Records and lists; the caller holds the list's lock -----------------------------------------
+
+/// A console that is not connected; null when out of memory.
+ConsoleNode* NewConsoleNode(const ConsoleSettings& settings);
+
+/// Frees the node with its user list and its replay ring; closes nothing.
+void FreeConsoleNode(ConsoleNode* cnode);
+
+ConsoleListElem* NewConsoleListElem(ConsoleNode* cnode);
+ConsoleList* NewConsoleList(const char* list_name);
+void InitConsoleList(ConsoleList* list, const char* list_name);
+
+/// Removes and frees every node.
+void EmptyConsoleList(ConsoleList* list);
+void FreeConsoleList(ConsoleList* list);
+
+/// Appends at the tail. 0, or -1 when out of memory.
+int AddConsoleToList(ConsoleNode* cnode, ConsoleList* list);
+
+/// Unlinks the node and neither closes nor frees it. A node that is not there ends the process.
+int RemoveConsoleFromList(ConsoleNode* cnode, ConsoleList* list);
+
+/// The first console whose name equals `name` exactly, or null.
+ConsoleNode* LocateConsoleInList(const char* name, const ConsoleList* list);
+
+enum class MoveCriterion { kConnected = 0, kNotConnected = 1, kAll = 2 };
+
+/// Moves the consoles that meet the criterion to the tail of `to_list`, in their order.
+void MoveConsolesToList(ConsoleList* from_list, ConsoleList* to_list, MoveCriterion criterion);
+
+/// Tells the users of deleted consoles and closes them; frees deleted consoles that nobody refers
+/// to. Stops at the first one that a user record still refers to.
+void DeleteMarkedConsoles(ConsoleList* list);
+
+/// Writes every console of the list at level -1. Before a fatal exit; takes no lock.
+void DumpConsoles(const ConsoleList* list);
+
+// ---- Look-up by mapped port; these take acl_lock and icl_lock themselves --------------------------
+
+/// What a connection on a mapped port needs to know of its console, copied under the list locks.
+struct MappedConsole {
+  char cname[kNameSize];
+  int status;
+  int auth;
+  bool locked_exclusively;  ///< the first user attached holds mode 3
+};
+
+/// The first console of i_cons_list, then a_cons_list, with that mapped port; null when none. Good
+/// for the question whether there is one: the node may be gone as soon as this returns.
+ConsoleNode* GetConsoleNodeFromMappedPort(uint16_t port) EXCLUDES(acl_lock, icl_lock);
+
+/// The same console's data. False when there is none.
+bool CopyMappedConsole(uint16_t port, MappedConsole* copy) EXCLUDES(acl_lock, icl_lock);
+
+// ---- The connection thread -------------------------------------------------------------------------
+
+void* ConsoleConnectionsThreadStart(void* unused);
+
+/// Starts an attempt for every enabled console of i_cons_list that is due for one.
+void ConnectToConsoles() REQUIRES(icl_lock);
+void ConnectToConsole(ConsoleNode* cnode, int keep_alive);
+
+/// Looks at every connection in progress. 1 when at least one console became connected, else 0.
+int UpdateConnectionStatus() REQUIRES(icl_lock);
+
+/// The ConsoleStatus that the console's socket shows; consumes nothing.
+int CheckConnectionStatus(ConsoleNode* cnode);
+
+/// True when a line of `buf` is a management port's refusal. Splits `buf` into lines in place.
+bool GotErrorMessage(char* buf);
+
+/// The port holder's address in a refusal, within `buf`, which is split in place: what follows its
+/// tenth word up to the next comma; the empty text when there is no eleventh word.
+const char* GetPortHolderIPAddr(char* buf);

@@ -1,0 +1,316 @@
+// The life of the thread "cons_mon", which is the main thread after start-up.
+//
+// It makes a pass at least every 2 seconds: a console's output, a new console or one marked closed
+// ends the wait in select() (cons_mon_waker does so for the last two). It reads console sockets and
+// sends to users with acl_lock held for writing; it alone closes the sockets of a_cons_list and
+// moves closed consoles back to i_cons_list. Pairs of locks: acl_lock and icl_lock for a reload,
+// ul_lock and acl_lock to clean up, icl_lock and acl_lock to move. It frees deleted consoles of
+// a_cons_list. It is the thread that SIGTERM interrupts and that collects SIGHUP.
+#include "cons_mon.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "error.h"
+#include "load.h"
+#include "user_mon.h"
+#include "waker.h"
+#include "zev.h"
+
+namespace {
+
+constexpr useconds_t kPassPause = 500;   // microseconds
+constexpr useconds_t kPausePoll = 100;   // microseconds
+constexpr unsigned kOtherThreads = kPauseConsConn | kPauseUserConn | kPauseUserMon;
+constexpr timeval kSelectLimit = {2, 0};
+constexpr size_t kChunkSize = 1024;
+
+constexpr char kStars[] = "***************************************";  // 39
+constexpr char kBells[] = "\a\a\a\a\a";
+
+/// Notices of a management port about a competing connection: the connection thread deals with
+/// them, users never see them.
+struct Notice {
+  const char* start;  // what the chunk begins with
+  const char* text;   // what it contains
+};
+constexpr Notice kHiddenNotices[] = {
+    {"~NET-E-", "Session is already open to the partition/CLI"},
+    {"~NET-I-", "Enter \"YES\" within 5 seconds to disconnect the existing user"},
+    {"~NET-I-", "Timed out, disconnecting..."},
+};
+
+// `text` ends at the chunk's first NUL.
+bool IsHiddenNotice(const char* text) {
+  for (const Notice& notice : kHiddenNotices) {
+    if (strncmp(text, notice.start, strlen(notice.start)) == 0 &&
+        strstr(text, notice.text) != nullptr) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool HasHighBit(char byte) {
+  return static_cast<unsigned char>(byte) >= 128;
+}
+
+bool IsClosed(const ConsoleNode& cnode) {
+  return cnode.status == kNotConnected || cnode.enable == 0;
+}
+
+void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) {
+  zev_debug(kDetail, "%s: recv() returned %d : %s\n", "ProcessConsoleOutput",
+            static_cast<int>(result), strerror(errno));
+  CloseConsoleConnection(cnode);
+}
+
+// Takes what one peek sees off a readable console and hands it on.
+void ReadConsole(ConsoleNode* cnode) {
+  char buf[kChunkSize];
+  const ssize_t seen = recv(cnode->sock, buf, sizeof buf, MSG_PEEK);
+  if (seen <= 0) {
+    CloseAfterReceiveFailure(cnode, seen);
+    return;
+  }
+  const ssize_t count = recv(cnode->sock, buf, static_cast<size_t>(seen), MSG_WAITALL);
+  if (count < 0) {
+    CloseAfterReceiveFailure(cnode, count);
+    return;
+  }
+  const int length = static_cast<int>(count);
+  zev_debug(kTrace, "%s: Received ->%.*s<- (%d bytes)\n", "ProcessConsoleOutput", length, buf,
+            length);
+  DispatchConsoleOutput(cnode, buf, length);
+}
+
+// ---- The steps of a pass --------------------------------------------------------------------------------
+
+constexpr char kLoop[] = "MonitorConsoleOutput";
+
+bool ReloadIsAskedFor() {
+  sigset_t hup;
+  sigemptyset(&hup);
+  sigaddset(&hup, SIGHUP);
+  constexpr timespec kNoWait = {0, 0};
+  return sigtimedwait(&hup, nullptr, &kNoWait) == SIGHUP;
+}
+
+// Ends as soon as any one of the other threads has parked: it is the locks that protect the lists.
+void PauseOtherThreads() {
+  thread_waitreq_mask |= kOtherThreads;
+  while ((thread_waiting_mask & kOtherThreads) == 0) usleep(kPausePoll);
+}
+
+void ReloadConfiguration() {
+  const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, CallSite{kLoop, __LINE__});
+  if (ReloadConfigFile() != 0) zev_debug(kError, "%s: ReloadConfigFile() failed.\n", kLoop);
+  CloseDisabledConsoleConnections();
+}
+
+void Reload() {
+  PauseOtherThreads();
+  ReloadConfiguration();
+  RefreshMappedPorts();
+  thread_waitreq_mask &= ~kOtherThreads;
+}
+
+void DeleteMarked() {
+  const WriteLock lock(acl_lock, CallSite{kLoop, __LINE__});
+  DeleteMarkedConsoles(a_cons_list);
+}
+
+bool CopyConsoleSockets(int* high_sock, DescriptorSet* fdset) {
+  const ReadLock lock(acl_lock, CallSite{kLoop, __LINE__});
+  *high_sock = a_cons_list->high_sock;
+  return fdset->CopyFrom(a_cons_list->fdset);
+}
+
+void RelayOutput(DescriptorSet* fdset) {
+  int high_sock = -1;
+  if (!CopyConsoleSockets(&high_sock, fdset)) {
+    ReportOutOfMemory(kLoop);
+    return;
+  }
+  if (CheckForConsoleOutput(high_sock, fdset) == 0) return;
+  const WriteLock lock(acl_lock, CallSite{kLoop, __LINE__});
+  ProcessConsoleOutput(*fdset);
+}
+
+bool AnyConsoleClosed() {
+  const ReadLock lock(acl_lock, CallSite{kLoop, __LINE__});
+  return cons_mon::CheckForClosedConnections();
+}
+
+void MoveClosedConsoles() {
+  {
+    const WriteLockPair lock(ul_lock, acl_lock, Release::kFirstFirst, CallSite{kLoop, __LINE__});
+    cons_mon::CleanUpClosedConnections();
+  }
+  const WriteLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, CallSite{kLoop, __LINE__});
+  MoveConsolesToList(a_cons_list, i_cons_list, MoveCriterion::kNotConnected);
+}
+
+}  // namespace
+
+void MonitorConsoleOutput() {
+  RegisterThread("cons_mon");
+  ENTERING();
+  DescriptorSet fdset;
+  for (;;) {
+    ParkIfAsked(kPauseConsMon);
+    if (ReloadIsAskedFor()) Reload();
+    usleep(kPassPause);
+    DeleteMarked();
+    RelayOutput(&fdset);
+    if (AnyConsoleClosed()) MoveClosedConsoles();
+  }
+}
+
+int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset) {
+  ENTERING();
+  timeval timeout = kSelectLimit;
+  zev_debug(kTrace, "%s: Calling select( %d + 1, fdset, 0, 0, (%d,%d))\n", __func__, high_sock,
+            static_cast<int>(timeout.tv_sec), static_cast<int>(timeout.tv_usec));
+  const int ready = WaitForMembers(high_sock, *fdset, cons_mon_waker, &timeout);
+  if (ready < 0) {
+    zev_debug(kError, "%s: select() failed : %s\n", __func__, strerror(errno));
+    DumpConsoles(a_cons_list);
+    DumpConsoles(i_cons_list);
+    TERMINATE(kTerminated);
+  }
+  return ready != 0 ? 1 : 0;
+}
+
+void ProcessConsoleOutput(const DescriptorSet& fdset) {
+  ENTERING();
+  for (ConsoleNode* cnode : Nodes(*a_cons_list)) {
+    if (fdset.Contains(cnode->sock)) ReadConsole(cnode);
+  }
+}
+
+void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count) {
+  ENTERING();
+  // A telnet command of the terminal server, with nobody there to answer it.
+  if (cnode->user_list->head == nullptr && HasHighBit(buf[0])) return;
+  char text[kChunkSize];
+  snprintf(text, sizeof text, "%.*s", count, buf);
+  if (IsHiddenNotice(text)) return;
+  BufferConsoleOutput(cnode, buf, count);
+  SendConsoleOutputToUsers(cnode, buf, count);
+}
+
+void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes) {
+  ENTERING();
+  // The length that one user took is the length that the next is offered.
+  ssize_t length = nbytes;
+  for (UserNode* unode : Nodes(*cnode->user_list)) {
+    if (length < 0) {
+      // What the system would answer to a negative length; handed to it, the length would be taken
+      // for a huge one and the memory behind the chunk sent out.
+      errno = EFAULT;
+    } else {
+      length = send(unode->sock, buf, static_cast<size_t>(length), 0);
+    }
+    if (length < 0) {
+      zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
+                strerror(errno));
+      CloseUserConnection(unode);
+    }
+  }
+}
+
+void BufferConsoleOutput(ConsoleNode* cnode, const char* chars, int count) {
+  ENTERING();
+  if (cons_buf_size == 0) return;
+  ConsoleBuffer& ring = cnode->cons_buf;
+  const auto advance = [](int32_t index) { return index == cons_buf_size - 1 ? 0 : index + 1; };
+  for (int i = 0; i < count; ++i) {
+    ring.buf[ring.tail] = chars[i];
+    ring.tail = advance(ring.tail);
+    if (ring.tail == ring.head) ring.head = advance(ring.head);
+  }
+}
+
+void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) {
+  ENTERING();
+  if (cons_buf_size == 0) return;
+  const ConsoleBuffer& ring = cnode->cons_buf;
+  for (int32_t i = ring.head; i != ring.tail; i = i == cons_buf_size - 1 ? 0 : i + 1) {
+    if (send(unode->sock, &ring.buf[i], 1, 0) < 0) {
+      zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
+                strerror(errno));
+      CloseUserConnection(unode);
+      return;
+    }
+  }
+}
+
+void CloseDisabledConsoleConnections() {
+  ENTERING();
+  for (ConsoleNode* cnode : Nodes(*a_cons_list)) {
+    if (cnode->enable != 0) continue;
+    CloseConsoleConnection(cnode);
+    SendMsgToUsers(cnode, "Console has been disabled.");
+  }
+}
+
+void FormatBanner(char* banner, size_t size, const char* message) {
+  snprintf(banner, size, "%s\r\n\r\n%s%s\r\n\r\n%s\r\n\r\n%s%s\r\n\r\n", kBells, kStars, kStars,
+           message, kStars, kStars);
+}
+
+void SendMsgToUsers(ConsoleNode* cnode, const char* message) {
+  ENTERING();
+  char banner[kMessageBufferSize];
+  FormatBanner(banner, sizeof banner, message);
+  for (const UserNode* unode : Nodes(*cnode->user_list)) {
+    if (send(unode->sock, banner, strlen(banner), 0) < 0) {
+      zev_debug(kInfo, "%s: send() failed : %s\n", __func__, strerror(errno));
+      zev_debug(kInfo, "%s: Message not sent to \"%s@%s\".\n", __func__, unode->user_name,
+                unode->ipaddr);
+    } else {
+      zev_debug(kInfo, "%s: The following message was sent to \"%s@%s\": %s\n", __func__,
+                unode->user_name, unode->ipaddr, banner);
+    }
+  }
+}
+
+void CloseConsoleConnection(ConsoleNode* cnode) {
+  ENTERING();
+  zev_debug(kInfo, "%s: Closing connection with console %s\n", __func__, cnode->cname);
+  cnode->status = kNotConnected;
+  cons_mon_waker.Wake();
+}
+
+void CloseUserConnections(ConsoleNode* cnode) {
+  ENTERING();
+  for (UserNode* unode : Nodes(*cnode->user_list)) CloseUserConnection(unode);
+  DropElements(*cnode->user_list);
+}
+
+namespace cons_mon {
+
+bool CheckForClosedConnections() {
+  ENTERING();
+  return FindNode(*a_cons_list, IsClosed) != nullptr;
+}
+
+void CleanUpClosedConnections() {
+  ENTERING();
+  for (ConsoleNode* cnode : Nodes(*a_cons_list)) {
+    if (!IsClosed(*cnode)) continue;
+    CloseUserConnections(cnode);
+    cnode->status = kNotConnected;
+    close(cnode->sock);
+    cnode->sock = -1;
+  }
+}
+
+}  // namespace cons_mon

@@ -1,0 +1,38 @@
+// A set of descriptors of any size, in the layout that select() reads. A plain fd_set ends at 1024
+// and would be written past its end; the kernel itself takes any width (select(2), Notes).
+#pragma once
+
+#include <sys/select.h>
+
+#include <cstddef>
+
+class DescriptorSet {
+ public:
+  DescriptorSet() = default;
+  ~DescriptorSet();
+  DescriptorSet(const DescriptorSet&) = delete;
+  DescriptorSet& operator=(const DescriptorSet&) = delete;
+
+  /// Makes room for descriptors 0 to `fd`; the set only ever grows. False when out of memory, with
+  /// the set as it was.
+  [[nodiscard]] bool Reserve(int fd);
+
+  /// Adds `fd` (not negative). False when out of memory, with the set as it was.
+  bool Add(int fd);
+
+  void Remove(int fd);
+  bool Contains(int fd) const;
+
+  /// Empties the set and keeps its room.
+  void Clear();
+
+  /// Becomes equal to `other`. False when out of memory, with the set emptied.
+  [[nodiscard]] bool CopyFrom(const DescriptorSet& other);
+
+  /// For select(); valid for as many descriptors as Reserve() or Add() made room for.
+  fd_set* Native() { return reinterpret_cast<fd_set*>(words_); }
+
+ private:
+  unsigned long* words_ = nullptr;
+  size_t word_count_ = 0;
+};

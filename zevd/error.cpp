@@ -1,0 +1,152 @@
+#include "error.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "event.h"
+#include "fixed_text.h"
+#include "timestamp.h"
+#include "zev.h"
+#include "zev_signal.h"
+
+ThreadNameList thread_name_list;
+
+namespace {
+
+constexpr int kSlotFree = 0;
+constexpr int kSlotTaken = 1;
+constexpr int kSlotBeingFilled = 2;
+
+constexpr size_t kMessageSize = 8192;
+
+pthread_rwlock_t debug_lock;
+int first_time = 1;  // the first message is the main thread's, before any other thread exists
+
+// Guarded by debug_lock.
+char msg[kMessageSize];
+char last_msg[kMessageSize] = "XXXX";
+int msg_count = 0;
+
+const char* CallingThreadName() {
+  for (const ThreadName& slot : thread_name_list.slot) {
+    if (slot.in_use.load(std::memory_order_acquire) == kSlotTaken &&
+        slot.id.load(std::memory_order_relaxed) == pthread_self()) {
+      return slot.name;
+    }
+  }
+  return "unknown";
+}
+
+// The debug lock itself failed, so the usual way to say so is closed.
+[[noreturn]] void DieWithoutTrace(const char* call, const char* function, int error) {
+  fprintf(stderr, "%s: %s failed : %s\n", function, call, strerror(error));
+  fflush(stderr);
+  exit(1);
+}
+
+void LockDebugOutput() {
+  if (first_time != 0) {
+    InitializeDebugThreadLock();
+    first_time = 0;
+  }
+  const int error = pthread_rwlock_wrlock(&debug_lock);
+  if (error != 0) DieWithoutTrace("pthread_rwlock_wrlock", "zev_debug", error);
+}
+
+void UnlockDebugOutput() {
+  const int error = pthread_rwlock_unlock(&debug_lock);
+  if (error != 0) DieWithoutTrace("pthread_rwlock_unlock", "zev_debug", error);
+}
+
+// Writes `msg` unless it repeats the last one; debug_lock is held.
+void WriteMessage() {
+  if (strcmp(msg, last_msg) == 0) {
+    ++msg_count;
+    return;
+  }
+  char stamp[80];
+  GetTimeStamp(stamp, sizeof stamp);
+  if (msg_count > 0) printf("ZEV %s: Last message repeated %d times\n", stamp, msg_count);
+  printf("ZEV %s:<%s>: %s", stamp, CallingThreadName(), msg);
+  memcpy(last_msg, msg, sizeof msg);
+  msg_count = 0;
+}
+
+}  // namespace
+
+void InitializeDebugThreadLock() {
+  const int error = pthread_rwlock_init(&debug_lock, nullptr);
+  if (error != 0) {
+    fprintf(stderr, "%s: pthread_rw_lockinit() failed : %s\n", __func__, strerror(error));
+    PostDaemonError("Terminated: Cannot initialize debug thread lock", kErrorPriority);
+    exit(1);
+  }
+}
+
+void zev_debug(int level, const char* format, ...) {
+  if (level > debug_level) return;
+  const int saved_errno = errno;
+  {
+    const TermSignalHold hold;
+    LockDebugOutput();
+    va_list args;
+    va_start(args, format);
+    vsnprintf(msg, sizeof msg, format, args);
+    va_end(args);
+    WriteMessage();
+    fflush(stdout);
+    UnlockDebugOutput();
+  }
+  errno = saved_errno;
+}
+
+void RegisterThread(const char* name) {
+  for (ThreadName& slot : thread_name_list.slot) {
+    int expected = kSlotFree;
+    if (!slot.in_use.compare_exchange_strong(expected, kSlotBeingFilled)) continue;
+    CopyText(slot.name, name);
+    slot.id.store(pthread_self(), std::memory_order_relaxed);
+    slot.in_use.store(kSlotTaken, std::memory_order_release);
+    return;
+  }
+}
+
+void UnregisterThread() {
+  for (ThreadName& slot : thread_name_list.slot) {
+    if (slot.in_use.load(std::memory_order_acquire) == kSlotTaken &&
+        slot.id.load(std::memory_order_relaxed) == pthread_self()) {
+      slot.in_use.store(kSlotFree, std::memory_order_release);
+      return;
+    }
+  }
+}
+
+void ClearThreadNames() {
+  for (ThreadName& slot : thread_name_list.slot) slot.in_use.store(kSlotFree);
+}
+
+void ExitProcess(int code, const char* file, int line) {
+  zev_debug(kInfo, "Exiting with code %d from file %s line %d\n", code, file, line);
+  // exit() must run once. A second thread waits for the first; the SIGTERM handler that interrupts
+  // its own thread inside exit() has nothing left to wait for.
+  static std::atomic<pthread_t> leaving{};
+  pthread_t nobody{};
+  if (leaving.compare_exchange_strong(nobody, pthread_self())) exit(code);
+  if (leaving.load() == pthread_self()) _exit(code);
+  for (;;) pause();
+}
+
+void TerminateProcess(const char* text, const char* file, int line) {
+  PostDaemonError(text, kErrorPriority);
+  ExitProcess(1, file, line);
+}
+
+void ReportOutOfMemory(const char* function) {
+  zev_debug(kError, "%s: malloc() failed : %s\n", function, strerror(errno));
+  PostDaemonError("Out of memory", kErrorPriority);
+}

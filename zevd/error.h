@@ -1,0 +1,77 @@
+// Debug output, thread names and the two ways in which the process may end on purpose.
+//
+// Any thread may call anything here. All output is serialised by debug_lock, which is taken last:
+// whoever holds it takes no other lock.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+
+/// Levels of zev_debug(). A message is written when its level is not above `debug_level`.
+enum DebugLevel : int {
+  kError = -1,  ///< always written, unless debug_level is below 0
+  kInfo = 1,    ///< significant events, the exit trace, hung locks
+  kDetail = 2,  ///< detail
+  kTrace = 3,   ///< function entries and every lock operation
+};
+
+/// Writes "ZEV <time>:<<thread>>: <message>" to standard output and flushes it. A message equal to
+/// the one before it is only counted; the count is written when a different one arrives. Messages
+/// are cut at 8191 bytes and carry their own newline.
+void zev_debug(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+/// First line of a function: its entry line at level 3.
+#define ENTERING() zev_debug(kTrace, "Entering %s\n", __func__)
+
+/// Initialises debug_lock. Called by the first zev_debug(), before there is a second thread.
+void InitializeDebugThreadLock();
+
+inline constexpr int kThreadNameSlots = 50;
+inline constexpr size_t kThreadNameSize = 33;
+
+/// A slot is claimed with one compare-and-swap of `in_use`, filled, then published by setting
+/// `in_use` to 1. Only the thread whose id stands in a published slot reads the slot's name.
+struct ThreadName {
+  std::atomic<int> in_use;    ///< 1 when the slot is taken, 0 when free
+  std::atomic<pthread_t> id;  ///< the thread that owns the slot
+  char name[kThreadNameSize];
+};
+
+struct ThreadNameList {
+  ThreadName slot[kThreadNameSlots];
+};
+
+extern ThreadNameList thread_name_list;
+
+/// Takes the first free slot for the calling thread. With every slot taken the thread stays
+/// unregistered and its lines say "unknown". A thread that registers twice keeps showing the first
+/// name.
+void RegisterThread(const char* name);
+
+/// Gives back the calling thread's slot; does nothing when it has none.
+void UnregisterThread();
+
+/// Frees all slots. Only before there is a second thread.
+void ClearThreadNames();
+
+// ---- Our own failures: the process ends. What peers and files do wrong never comes here. --------
+
+/// Writes the exit trace and ends the process. Safe from any thread and from the SIGTERM handler;
+/// a thread that comes second waits for the first to end the process.
+[[noreturn]] void ExitProcess(int code, const char* file, int line);
+
+/// Posts the daemon error event with `text`, then ExitProcess(1, ...).
+[[noreturn]] void TerminateProcess(const char* text, const char* file, int line);
+
+#define EXIT_PROCESS(code) ExitProcess((code), __FILE_NAME__, __LINE__)
+#define TERMINATE(text) TerminateProcess((text), __FILE_NAME__, __LINE__)
+
+inline constexpr char kTerminated[] = "Terminated.............";
+inline constexpr char kInternalError[] = "Terminated: Internal error";
+
+// ---- Failures that cost one request ------------------------------------------------------------
+
+/// Reports an allocation that failed in `function`: the debug line and the "Out of memory" event.
+void ReportOutOfMemory(const char* function);

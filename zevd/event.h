@@ -1,0 +1,18 @@
+// Posting events to the station's event manager. Any thread; the one connection has a mutex of its
+// own, taken last but for the debug lock. No failure is passed back: an event is best effort.
+#pragma once
+
+inline constexpr int kErrorPriority = 700;
+
+/// 0 when a connection exists or was made, -1 when not. A failure is reported only when it differs
+/// from the one before.
+int ConnectToJix();
+
+/// Posts the event "<event_template>.<varValue>" (or the template alone without a variable) with up
+/// to two string variables. Every "-" in `varValue` becomes "_" in the caller's own string: the
+/// event manager does not take a "-" in a name, and a console keeps its changed name.
+void PostJixEvent(const char* event_template, const char* varName, char* varValue,
+                  const char* varMessage, const char* message, int priority);
+
+/// Posts "qor.zevd.daemon.error" with the variable "message" = `text`.
+void PostDaemonError(const char* text, int priority);

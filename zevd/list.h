@@ -1,0 +1,194 @@
+// The one list mechanism. Every ...List of the daemon has this shape: a name for the debug output,
+// a doubly linked run of elements that point at nodes they do not own, and a count. A list whose
+// nodes have sockets also keeps the set of those sockets, ready to be copied for select().
+//
+// A list has no lock of its own: the header that declares it says which lock the caller holds. The
+// functions here write nothing to the debug output; the lists' own functions (Add...ToList and so
+// on) add their messages and call these.
+#pragma once
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <type_traits>
+
+#include "descriptor_set.h"
+
+/// `Elem` is a record with the pointers `prev`, `next` and the node pointer that `kNode` names.
+template <typename Elem, auto kNode>
+struct List {
+  using Element = Elem;
+  using Node = std::remove_reference_t<decltype(*(std::declval<Elem&>().*kNode))>;
+  static constexpr auto kNodeMember = kNode;
+
+  const char* list_name = nullptr;  ///< for the debug output only
+  Elem* head = nullptr;
+  Elem* tail = nullptr;
+  int count = 0;
+};
+
+/// A list whose nodes have a `sock`, -1 for none.
+template <typename Elem, auto kNode>
+struct SocketList : List<Elem, kNode> {
+  int high_sock = -1;   ///< highest `sock` of the members, -1 when none has one
+  DescriptorSet fdset;  ///< the `sock` of every member that has one
+};
+
+template <typename L>
+concept HasSockets = requires(L& list) { list.fdset; };
+
+/// The node of an element, whatever its member is called.
+template <typename L>
+auto*& NodeOf(const L& /*list*/, typename L::Element* elem) {
+  return elem->*L::kNodeMember;
+}
+
+/// Runs through a list's nodes from head to tail. The successor is taken before the body runs, so
+/// the body may unlink the node it was given.
+template <typename L>
+class NodeRange {
+ public:
+  class Iterator {
+   public:
+    explicit Iterator(typename L::Element* elem) { Load(elem); }
+    typename L::Node* operator*() const { return elem_->*L::kNodeMember; }
+    bool operator!=(const Iterator& other) const { return elem_ != other.elem_; }
+    Iterator& operator++() {
+      Load(next_);
+      return *this;
+    }
+
+   private:
+    void Load(typename L::Element* elem) {
+      elem_ = elem;
+      next_ = elem == nullptr ? nullptr : elem->next;
+    }
+    typename L::Element* elem_ = nullptr;
+    typename L::Element* next_ = nullptr;
+  };
+
+  explicit NodeRange(const L& list) : head_(list.head) {}
+  Iterator begin() const { return Iterator(head_); }
+  Iterator end() const { return Iterator(nullptr); }
+
+ private:
+  typename L::Element* head_;
+};
+
+template <typename L>
+NodeRange<L> Nodes(const L& list) {
+  return NodeRange<L>(list);
+}
+
+/// The highest `sock` of the members, -1 when there is none.
+template <typename L>
+int GetHighestSocketNumber(const L& list) {
+  int highest = -1;
+  for (const auto* node : Nodes(list)) highest = std::max<int>(highest, node->sock);
+  return highest;
+}
+
+/// Rebuilds the set from scratch: exactly the sockets of the members that have one.
+template <typename L>
+void SetFdSet(L& list) {
+  list.fdset.Clear();
+  for (const auto* node : Nodes(list)) {
+    const int sock = node->sock;
+    if (sock != -1) list.fdset.Add(sock);
+  }
+}
+
+/// Run after every change of a list; a list without sockets has nothing to rebuild.
+template <typename L>
+void Recompute(L& list) {
+  if constexpr (HasSockets<L>) {
+    SetFdSet(list);
+    list.high_sock = GetHighestSocketNumber(list);
+  }
+}
+
+/// Makes an empty list named with a copy of `name`.
+template <typename L>
+void InitList(L& list, const char* name) {
+  list.list_name = strdup(name);
+  list.head = nullptr;
+  list.tail = nullptr;
+  list.count = 0;
+  Recompute(list);
+}
+
+/// An element for `node` with null links; null when out of memory.
+template <typename L>
+typename L::Element* NewElement(typename L::Node* node) {
+  auto* elem = new (std::nothrow) typename L::Element{};
+  if (elem != nullptr) elem->*L::kNodeMember = node;
+  return elem;
+}
+
+/// Makes sure that appending `node` will find room in the set. False when out of memory.
+template <typename L>
+[[nodiscard]] bool ReserveFor(L& list, const typename L::Node* node) {
+  if constexpr (HasSockets<L>) {
+    const int sock = node->sock;
+    return sock == -1 || list.fdset.Reserve(sock);
+  }
+  return true;
+}
+
+/// Chains `elem` behind the tail and counts it. Recompute() is left to the caller, whose messages
+/// come in between.
+template <typename L>
+void LinkAtTail(L& list, typename L::Element* elem) {
+  elem->prev = list.tail;
+  elem->next = nullptr;
+  (list.tail == nullptr ? list.head : list.tail->next) = elem;
+  list.tail = elem;
+  ++list.count;
+}
+
+/// The element that holds `node` (identity, not contents), null when it is not on the list.
+template <typename L>
+typename L::Element* FindElement(const L& list, const typename L::Node* node) {
+  for (auto* elem = list.head; elem != nullptr; elem = elem->next) {
+    if (elem->*L::kNodeMember == node) return elem;
+  }
+  return nullptr;
+}
+
+/// Takes `elem` off the list and frees it; the node survives. Recompute() is left to the caller.
+template <typename L>
+void Unlink(L& list, typename L::Element* elem) {
+  (elem->prev == nullptr ? list.head : elem->prev->next) = elem->next;
+  (elem->next == nullptr ? list.tail : elem->next->prev) = elem->prev;
+  --list.count;
+  delete elem;
+}
+
+/// The first node for which `matches` is true, or null.
+template <typename L, typename Predicate>
+typename L::Node* FindNode(const L& list, Predicate matches) {
+  for (auto* node : Nodes(list)) {
+    if (matches(*node)) return node;
+  }
+  return nullptr;
+}
+
+/// Frees the elements and leaves the nodes; the count and the set stay as they were.
+template <typename L>
+void DropElements(L& list) {
+  for (auto* elem = list.head; elem != nullptr;) {
+    auto* next = elem->next;
+    delete elem;
+    elem = next;
+  }
+  list.head = nullptr;
+  list.tail = nullptr;
+}
+
+/// Frees a heap list whose name is a heap copy; elements and nodes are the caller's business.
+template <typename L>
+void FreeListRecord(L* list) {
+  free(const_cast<char*>(list->list_name));
+  delete list;
+}

@@ -1,0 +1,25 @@
+// The console configuration file: reading it, and merging a new reading into the live lists.
+#pragma once
+
+#include "cons_conn.h"
+#include "locks.h"
+
+/// Reads `config_file` into `cons_list`, which is empty. A malformed line is reported and left out;
+/// a missing file ends the process. 0, or -1 when out of memory. The list is one that no other
+/// thread can see.
+int LoadConfigFile(ConsoleList* cons_list);
+
+/// Reads the file again and merges it. 0, or -1 with the live lists untouched.
+int ReloadConfigFile() REQUIRES(acl_lock, icl_lock);
+
+/// Takes over what `new_list` says; consoles that no live one matches are moved to i_cons_list.
+void MergeConsoleLists(ConsoleList* new_list) REQUIRES(acl_lock, icl_lock);
+
+void MarkConsolesAsDeleted(ConsoleList* cons_list);
+
+/// Updates the first console of `cons_list` with the address and console port of `cnode`. 1 when
+/// there was one, else 0.
+int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list);
+
+/// Writes both live lists at level 1; takes no lock.
+void PrintConsoles();

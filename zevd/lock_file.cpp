@@ -1,0 +1,95 @@
+#include "lock_file.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "error.h"
+#include "fixed_text.h"
+#include "paths.h"
+
+namespace {
+
+int lock_fd = -1;  // the descriptor that carries the lock
+
+int GiveGroupOfRoot(const char* function) {
+  struct stat root {};
+  if (stat(kQorRoot, &root) != 0) return 0;
+  if (chown(kLockFile, static_cast<uid_t>(-1), root.st_gid) == 0) return 0;
+  zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", function, kLockFile, strerror(errno));
+  return -1;
+}
+
+int WriteHostName(const char* function) {
+  char hostname[kNameSize];
+  if (gethostname(hostname, sizeof hostname) != 0) {
+    zev_debug(kError, "%s: gethostname() failed : %s\n", function, strerror(errno));
+    return -1;
+  }
+  hostname[sizeof hostname - 1] = '\0';
+  if (ftruncate(lock_fd, 0) != 0) {
+    zev_debug(kError, "%s: ftruncate() failed : %s\n", function, strerror(errno));
+    return -1;
+  }
+  const size_t length = strlen(hostname);
+  if (write(lock_fd, hostname, length) < static_cast<ssize_t>(length)) {
+    zev_debug(kError, "%s: write() failed : %s\n", function, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int Lock() {
+  ENTERING();
+  struct stat existing {};
+  const bool existed = stat(kLockFile, &existing) == 0;
+  lock_fd = open(kLockFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0660);
+  if (lock_fd == -1) {
+    zev_debug(kError, "%s: open( \"%s\", ...) failed : %s\n", __func__, kLockFile, strerror(errno));
+    return -1;
+  }
+  if (!existed && GiveGroupOfRoot(__func__) != 0) return -1;
+  if (flock(lock_fd, LOCK_EX | LOCK_NB) != 0) {
+    zev_debug(kInfo, "%s: flock() failed : %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  return WriteHostName(__func__);
+}
+
+int Unlock() {
+  ENTERING();
+  if (lock_fd == -1) return 0;
+  if (flock(lock_fd, LOCK_UN) != 0) {
+    zev_debug(kInfo, "%s: flock() failed : %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  close(lock_fd);
+  lock_fd = -1;
+  return 0;
+}
+
+int GetHostFromLockFile(char* hostname, int len) {
+  ENTERING();
+  FILE* file = fopen(kLockFile, "re");
+  if (file == nullptr) {
+    zev_debug(kError, "%s: fopen( \"%s\", ...) failed : %s\n", __func__, kLockFile,
+              strerror(errno));
+    return -1;
+  }
+  errno = 0;  // an empty file is no error of the system's
+  const bool got_line = fgets(hostname, len, file) != nullptr;
+  const int error = errno;
+  fclose(file);
+  if (!got_line) {
+    zev_debug(kError, "%s: fgets() failed : %s\n", __func__, strerror(error));
+    return -1;
+  }
+  return 0;
+}

@@ -1,0 +1,163 @@
+#include "locks.h"
+
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "error.h"
+
+RwLock icl_lock;
+RwLock acl_lock;
+RwLock ul_lock;
+
+namespace {
+
+constexpr int kTryRetries = 10;
+constexpr useconds_t kTryPause = 100;  // microseconds
+constexpr time_t kHungAfter = 5;       // seconds
+
+/// What differs between locking for reading and for writing. The texts that say "write" for a read
+/// lock (the request always, the grant in a pair) are part of the trace format.
+struct LockKind {
+  int (*lock)(pthread_rwlock_t*);
+  int (*try_lock)(pthread_rwlock_t*);
+  const char* name;  // "read" or "write"
+  const char* lock_call;
+  const char* try_call;
+};
+
+constexpr LockKind kWrite = {pthread_rwlock_wrlock, pthread_rwlock_trywrlock, "write",
+                             "pthread_rwlock_wrlock", "pthread_rwlock_trywrlock"};
+constexpr LockKind kRead = {pthread_rwlock_rdlock, pthread_rwlock_tryrdlock, "read",
+                            "pthread_rwlock_rdlock", "pthread_rwlock_tryrdlock"};
+
+unsigned long Identity(RwLock& lock) {
+  return reinterpret_cast<unsigned long>(&lock);
+}
+
+void TraceRequest(RwLock& lock, CallSite site) {
+  zev_debug(kTrace, "%s: Requesting write lock %lx at line %d\n", site.function, Identity(lock),
+            site.line);
+}
+
+bool Lock(const LockKind& kind, RwLock& lock, CallSite site) {
+  TraceRequest(lock, site);
+  const int error = kind.lock(lock.native());
+  if (error != 0) {
+    zev_debug(kError, "%s: %s failed : %s\n", site.function, kind.lock_call, strerror(error));
+    return false;
+  }
+  zev_debug(kTrace, "%s: Aquired %s lock %lx\n", site.function, kind.name, Identity(lock));
+  return true;
+}
+
+void Unlock(RwLock& lock, const char* function) {
+  zev_debug(kTrace, "%s: Releasing lock %lx\n", function, Identity(lock));
+  const int error = pthread_rwlock_unlock(lock.native());
+  if (error != 0) {
+    zev_debug(kError, "%s: pthread_rwlock_unlock failed : %s\n", function, strerror(error));
+  }
+}
+
+bool TryLock(const LockKind& kind, RwLock& lock, CallSite site) {
+  TraceRequest(lock, site);
+  int error = kind.try_lock(lock.native());
+  for (int retries = kTryRetries; error == EBUSY && retries > 0; --retries) {
+    usleep(kTryPause);
+    error = kind.try_lock(lock.native());
+  }
+  if (error == 0) {
+    zev_debug(kTrace, "%s: Aquired write lock %lx\n", site.function, Identity(lock));
+  } else if (error != EBUSY) {
+    zev_debug(kTrace, "%s: %s failed : %s\n", site.function, kind.try_call, strerror(error));
+  }
+  return error == 0;
+}
+
+bool TryLockBoth(const LockKind& kind, RwLock& first, RwLock& second, CallSite site) {
+  if (!TryLock(kind, first, site)) return false;
+  if (TryLock(kind, second, site)) return true;
+  Unlock(first, site.function);
+  return false;
+}
+
+// A pseudo-random pause below one second, so that two threads that want the same pair in opposite
+// orders do not meet again for ever.
+void BackOff() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  usleep(static_cast<useconds_t>(now.tv_usec));
+}
+
+void LockBoth(const LockKind& kind, RwLock& first, RwLock& second, CallSite site) {
+  const time_t start = time(nullptr);
+  bool hung = false;
+  while (!TryLockBoth(kind, first, second, site)) {
+    BackOff();
+    if (!hung && time(nullptr) - start > kHungAfter) {
+      zev_debug(kInfo, "%s: Hung on %s locks %lx and %lx at line %d\n", site.function, kind.name,
+                Identity(first), Identity(second), site.line);
+      hung = true;
+    }
+  }
+  if (hung) {
+    zev_debug(kInfo, "%s: Aquired %s locks %lx and %lx at line %d\n", site.function, kind.name,
+              Identity(first), Identity(second), site.line);
+  }
+}
+
+void UnlockBoth(RwLock& first, RwLock& second, Release order, const char* function) {
+  const bool first_first = order == Release::kFirstFirst;
+  Unlock(first_first ? first : second, function);
+  Unlock(first_first ? second : first, function);
+}
+
+}  // namespace
+
+// A lock call that failed must not be followed by an unlock: that would release somebody else's
+// hold of the lock.
+
+WriteLock::WriteLock(RwLock& lock, CallSite site)
+    : lock_(lock), function_(site.function), held_(Lock(kWrite, lock, site)) {}
+
+WriteLock::~WriteLock() {
+  Release();
+}
+
+void WriteLock::Release() {
+  if (held_) Unlock(lock_, function_);
+  held_ = false;
+}
+
+ReadLock::ReadLock(RwLock& lock, CallSite site)
+    : lock_(lock), function_(site.function), held_(Lock(kRead, lock, site)) {}
+
+ReadLock::~ReadLock() {
+  Release();
+}
+
+void ReadLock::Release() {
+  if (held_) Unlock(lock_, function_);
+  held_ = false;
+}
+
+WriteLockPair::WriteLockPair(RwLock& first, RwLock& second, ::Release order, CallSite site)
+    : first_(first), second_(second), order_(order), function_(site.function) {
+  LockBoth(kWrite, first, second, site);
+}
+
+WriteLockPair::~WriteLockPair() {
+  UnlockBoth(first_, second_, order_, function_);
+}
+
+ReadLockPair::ReadLockPair(RwLock& first, RwLock& second, ::Release order, CallSite site)
+    : first_(first), second_(second), order_(order), function_(site.function) {
+  LockBoth(kRead, first, second, site);
+}
+
+ReadLockPair::~ReadLockPair() {
+  UnlockBoth(first_, second_, order_, function_);
+}

@@ -1,0 +1,103 @@
+// The shared read-write locks and the only ways to take them.
+//
+// There is no global lock order. A single lock may be waited for; two locks are only ever taken
+// with the pair guards, which try, back off and never wait while they hold one of the two. Every
+// request, grant and release is traced at level 3 with the name of the calling function and the
+// address of the lock.
+#pragma once
+
+#include <pthread.h>
+
+#include "thread_safety.h"
+
+/// A read-write lock with default attributes. Never destroyed: threads run until the process ends.
+class CAPABILITY("rwlock") RwLock {
+ public:
+  constexpr RwLock() = default;
+  RwLock(const RwLock&) = delete;
+  RwLock& operator=(const RwLock&) = delete;
+
+  pthread_rwlock_t* native() { return &native_; }
+
+ private:
+  pthread_rwlock_t native_ = PTHREAD_RWLOCK_INITIALIZER;
+};
+
+extern RwLock icl_lock;  ///< i_cons_list and the consoles on it
+extern RwLock acl_lock;  ///< a_cons_list, the consoles on it and their user lists
+extern RwLock ul_lock;   ///< user_list
+
+/// Where a lock is taken; the trace lines name it.
+struct CallSite {
+  const char* function;
+  int line;
+};
+#define HERE (CallSite{__func__, __LINE__})
+
+/// One lock, waited for as long as it takes. When the lock call fails, that is reported and the
+/// caller goes on as if it held the lock.
+class SCOPED_CAPABILITY WriteLock {
+ public:
+  WriteLock(RwLock& lock, CallSite site) ACQUIRE(lock);
+  ~WriteLock() RELEASE();
+  WriteLock(const WriteLock&) = delete;
+  WriteLock& operator=(const WriteLock&) = delete;
+
+  /// Releases before the end of the scope; the destructor then does nothing.
+  void Release() RELEASE();
+
+ private:
+  RwLock& lock_;
+  const char* function_;
+  bool held_;
+};
+
+class SCOPED_CAPABILITY ReadLock {
+ public:
+  ReadLock(RwLock& lock, CallSite site) ACQUIRE_SHARED(lock);
+  ~ReadLock() RELEASE_GENERIC();
+  ReadLock(const ReadLock&) = delete;
+  ReadLock& operator=(const ReadLock&) = delete;
+
+  void Release() RELEASE_GENERIC();
+
+ private:
+  RwLock& lock_;
+  const char* function_;
+  bool held_;
+};
+
+/// Which of a pair's locks is released first.
+enum class Release { kFirstFirst, kSecondFirst };
+
+/// Two locks, both for writing. Waits for ever, but never while it holds one of them; says so once
+/// when the wait has lasted more than 5 seconds.
+class SCOPED_CAPABILITY WriteLockPair {
+ public:
+  WriteLockPair(RwLock& first, RwLock& second, Release order, CallSite site) ACQUIRE(first, second);
+  ~WriteLockPair() RELEASE();
+  WriteLockPair(const WriteLockPair&) = delete;
+  WriteLockPair& operator=(const WriteLockPair&) = delete;
+
+ private:
+  RwLock& first_;
+  RwLock& second_;
+  Release order_;
+  const char* function_;
+};
+
+/// Two locks, both for reading; otherwise as WriteLockPair.
+class SCOPED_CAPABILITY ReadLockPair {
+ public:
+  ReadLockPair(RwLock& first, RwLock& second, Release order, CallSite site)
+      ACQUIRE_SHARED(first, second);
+  ~ReadLockPair() RELEASE_GENERIC();
+  ReadLockPair(const ReadLockPair&) = delete;
+  ReadLockPair& operator=(const ReadLockPair&) = delete;
+
+ private:
+  RwLock& first_;
+  RwLock& second_;
+  Release order_;
+  const char* function_;
+};

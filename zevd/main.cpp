@@ -1,0 +1,65 @@
+// Start-up: everything up to the creation of the worker threads runs alone on the main thread,
+// which then becomes the console output monitor.
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include "cons_mon.h"
+#include "error.h"
+#include "event.h"
+#include "fixed_text.h"
+#include "load.h"
+#include "lock_file.h"
+#include "paths.h"
+#include "zev.h"
+#include "zev_signal.h"
+
+namespace {
+
+[[noreturn]] void RefuseSecondInstance() {
+  char hostname[kNameSize];
+  if (GetHostFromLockFile(hostname, sizeof hostname) == 0) {
+    fprintf(stderr, "zevd is already running on \"%s\".\n", hostname);
+  } else {
+    fprintf(stderr, "zevd is already running.\n");
+  }
+  EXIT_PROCESS(1);
+}
+
+// Before the first thread is created, so that every thread inherits the blocked set.
+void ArrangeSignals() {
+  BlockSignal(SIGHUP);
+  BlockSignal(SIGPIPE);
+  signal(SIGTERM, TermHandler);
+}
+
+void LoadConfiguration() NO_THREAD_SAFETY_ANALYSIS {  // no other thread exists yet
+  LoadConfigFile(i_cons_list);
+  LoadModels(&model_list);
+}
+
+void CreateWorkerThreads() {
+  CreateConsoleConnectionsThread();
+  CreateUserConnectionsThread();
+  CreateUserMonitorThread();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ClearThreadNames();
+  RegisterThread("main");
+  ENTERING();
+  progname = argv[0];
+  umask(007);  // nothing at all for others on any file the daemon creates
+  GetCommandLineOptions(argc, argv);
+  if (Lock() != 0) RefuseSecondInstance();
+  if (foreground == 0) RunAsDaemon();
+  ConnectToJix();
+  Initialize();
+  ArrangeSignals();
+  LoadConfiguration();
+  CreateWorkerThreads();
+  MonitorConsoleOutput();
+}

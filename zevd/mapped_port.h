@@ -1,0 +1,91 @@
+// The listening ports and the logins that are pending on each of them.
+//
+// The list is changed by the user_conn thread alone, always with pending_logins_mutex held; that
+// thread may therefore read it without the mutex. serv_conn threads look their port up in it under
+// the mutex. The mutex is taken last but for the debug lock.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "list.h"
+#include "thread_safety.h"
+
+/// Guards the structure of mapped_port_list and `pending_logins` and `thread_ids` of its nodes.
+class CAPABILITY("mutex") PendingLoginsMutex {
+ public:
+  pthread_mutex_t* native() { return &native_; }
+
+ private:
+  pthread_mutex_t native_ = PTHREAD_MUTEX_INITIALIZER;
+};
+
+extern PendingLoginsMutex pending_logins_mutex;
+
+/// Holds pending_logins_mutex. A mutex that cannot be locked ends the process.
+class SCOPED_CAPABILITY PendingLoginsGuard {
+ public:
+  explicit PendingLoginsGuard(const char* function) ACQUIRE(pending_logins_mutex);
+  ~PendingLoginsGuard() RELEASE();
+  PendingLoginsGuard(const PendingLoginsGuard&) = delete;
+  PendingLoginsGuard& operator=(const PendingLoginsGuard&) = delete;
+};
+
+/// One listening port.
+struct MappedPortNode {
+  int sock;  ///< listening socket
+  /// serv_conn threads at work for connections of this port. Changed under the mutex; the accepting
+  /// loop reads it without.
+  std::atomic<int> pending_logins;
+  pthread_t* thread_ids;  ///< the first `pending_logins` are those threads, in order of arrival
+  int thread_id_room;     ///< slots of `thread_ids`; grows, because the main port refuses nobody
+  uint16_t port;
+};
+
+struct MappedPortListElem {
+  MappedPortNode* mpnode;
+  MappedPortListElem* prev;
+  MappedPortListElem* next;
+};
+
+using MappedPortList = SocketList<MappedPortListElem, &MappedPortListElem::mpnode>;
+
+// ---- Records and lists -----------------------------------------------------------------------------
+// Allocation failures set u_err_msg to error 013, are reported, and give null.
+
+MappedPortNode* NewMappedPortNode(int sock, uint16_t port);
+MappedPortListElem* NewMappedPortListElem(MappedPortNode* mpnode);
+MappedPortList* NewMappedPortList(const char* list_name);
+void InitMappedPortList(MappedPortList* list, const char* list_name);
+
+/// Appends at the tail. 0, or -1 when out of memory.
+int AddMappedPortToList(MappedPortNode* mpnode, MappedPortList* list)
+    REQUIRES(pending_logins_mutex);
+
+/// Unlinks the node and neither closes nor frees it. A node that is not there ends the process.
+int RemoveMappedPortFromList(MappedPortNode* mpnode, MappedPortList* list)
+    REQUIRES(pending_logins_mutex);
+
+bool IsPortInMappedPortList(uint16_t port, const MappedPortList* list);
+
+/// Removes and frees every node; closes nothing.
+void EmptyMappedPortList(MappedPortList* list) REQUIRES(pending_logins_mutex);
+void FreeMappedPortList(MappedPortList* list) REQUIRES(pending_logins_mutex);
+
+/// Frees the node; does not close its socket.
+void FreeMappedPortNode(MappedPortNode* mpnode);
+
+// ---- Pending logins; a port or thread that is not known ends the process ---------------------------
+
+/// Counts the calling serv_conn thread `tid` on `port`. 0, or -1 with u_err_msg set when there is no
+/// memory to remember it.
+int IncrementPendingLogins(MappedPortList* list, uint16_t port, pthread_t tid)
+    EXCLUDES(pending_logins_mutex);
+
+/// Uncounts it. Does not return when the thread has been cancelled because its port was dropped.
+void DecrementPendingLogins(MappedPortList* list, uint16_t port, pthread_t tid)
+    EXCLUDES(pending_logins_mutex);
+
+int GetPendingLogins(MappedPortList* list, uint16_t port) EXCLUDES(pending_logins_mutex);

@@ -1,0 +1,64 @@
+#include "models.h"
+
+#include <strings.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "error.h"
+#include "paths.h"
+
+namespace {
+
+constexpr size_t kLineSize = 8192;
+constexpr char kPelloxSeries[] = "PX";
+
+// Splits "series|model" in place. Spaces belong to the two parts. A line without either part is
+// ignored, and so is whatever does not fit into the table.
+void AddModelLine(char* line, ModelList* models) {
+  if (line[0] == '#' || line[0] == '\n' || line[0] == '\r') return;
+  char* rest = nullptr;
+  const char* series = strtok_r(line, "|", &rest);
+  const char* model = strtok_r(nullptr, "\r\n", &rest);
+  if (series == nullptr || model == nullptr || models->count == kMaxModels) return;
+  const ModelList::Entry entry = {strdup(model), strdup(series)};
+  if (entry.model == nullptr || entry.series == nullptr) {
+    ReportOutOfMemory("LoadModels");
+    free(const_cast<char*>(entry.model));
+    free(const_cast<char*>(entry.series));
+    return;
+  }
+  models->m[models->count++] = entry;
+}
+
+}  // namespace
+
+int LoadModels(ModelList* models) {
+  ENTERING();
+  FILE* file = fopen(kModelsFile, "re");
+  if (file == nullptr) {
+    zev_debug(kError, "%s: fopen( %s, ...) failed : %s\n", __func__, kModelsFile, strerror(errno));
+    return 1;
+  }
+  char line[kLineSize];
+  while (fgets(line, sizeof line, file) != nullptr) AddModelLine(line, models);
+  fclose(file);
+  if (models->count == 0) {
+    zev_debug(kError, "%s: No models found in %s!!\n", __func__, kModelsFile);
+    return 1;
+  }
+  return 0;
+}
+
+int IsPellox(const char* model, const ModelList* models) {
+  ENTERING();
+  for (int i = 0; i < models->count; ++i) {
+    const ModelList::Entry& entry = models->m[i];
+    if (strcasecmp(entry.model, model) == 0 && strcasecmp(entry.series, kPelloxSeries) == 0) {
+      return 1;
+    }
+  }
+  return 0;
+}

@@ -1,0 +1,14 @@
+// The fixed files and directories of the station. QOR_ROOT is set by the build; nothing else in
+// the daemon knows the prefix.
+#pragma once
+
+#include <cstddef>
+
+inline constexpr char kQorRoot[] = QOR_ROOT;
+inline constexpr char kConfigFile[] = QOR_ROOT "/config/zev.conf";
+inline constexpr char kModelsFile[] = QOR_ROOT "/config/models";
+inline constexpr char kLockFile[] = QOR_ROOT "/config/zev.lock";
+inline constexpr char kLogDir[] = QOR_ROOT "/logs";
+
+/// Size of the buffers in which paths are built, terminator included; longer paths are cut.
+inline constexpr size_t kPathSize = 4097;

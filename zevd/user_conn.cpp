@@ -1,0 +1,858 @@
+// The life of the thread "user_conn", of the "serv_conn" threads, and the records of users.
+//
+// main starts user_conn; it never ends and nothing wakes it. It owns mapped_port_list, starts one
+// detached serv_conn thread for each accepted connection and waits until that thread is counted.
+// When a port is dropped, it cancels the port's serv_conn threads.
+//
+// A serv_conn thread carries one connection through authentication, argument line and attaching. It
+// ends by itself, or by cancellation while it waits for the client; everywhere else cancellation is
+// disabled, so that no lock is left held and a socket is either handed over or closed, never both.
+// It takes one list lock at a time, or acl_lock and icl_lock as a pair for the look-up by port.
+#include "user_conn.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <semaphore.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "cons_mon.h"
+#include "error.h"
+#include "mapped_port.h"
+#include "user_mon.h"
+#include "util.h"
+#include "waker.h"
+#include "zev.h"
+#include "zev_signal.h"
+
+// ---- Errors and modes --------------------------------------------------------------------------------
+
+thread_local const char* u_err_msg = nullptr;
+
+namespace {
+
+constexpr const char* kUserErrorTexts[kUserErrorCount] = {
+    "001 - Authentication failed.\r\n",
+    "002 - Invalid argument.\r\n",
+    "003 - Timed out.\r\n",
+    "004 - Console not found.\r\n",
+    "005 - Console is not accessible.\r\n",
+    "006 - Console is locked exclusively.\r\n",
+    "007 - Cannot grant exclusive access. Console in use.\r\n",
+    "008 - Read error.\r\n",
+    "009 - Insufficient data.\r\n",
+    "010 - Connection failed.\r\n",
+    "011 - Console has been deleted.\r\n",
+    "012 - Console is disabled.\r\n",
+    "013 - Out of memory.\r\n",
+    "014 - Not an authorized user.\r\n",
+    "015 - Port number not mapped to a console.\r\n",
+    "016 - Too many pending client connections.\r\n",
+};
+
+/// One row for every access mode.
+struct AccessModeRow {
+  AccessMode mode;
+  const char* keyword;  // what follows "mode=" in the argument line
+  const char* name;     // what is printed
+};
+
+constexpr AccessModeRow kAccessModes[] = {
+    {kExclusiveRevocable, "er", "??"},
+    {kExclusive, "ex", "exclusive"},
+    {kShared, "sh", "shared"},
+    {kReadOnly, "ro", "read-only"},
+};
+
+constexpr char kUnknownUser[] = "<unknown>";
+
+}  // namespace
+
+const char* UserErrorText(UserError error) {
+  ENTERING();
+  return kUserErrorTexts[error - 1];
+}
+
+void SetUserError(UserError error) {
+  u_err_msg = UserErrorText(error);
+}
+
+void SendErrorToUser(int sock, const char* err_msg) {
+  ENTERING();
+  if (err_msg == nullptr) return;
+  zev_debug(kInfo, "%s: %s", __func__, err_msg);
+  send(sock, err_msg, strlen(err_msg), 0);
+}
+
+const char* ModeNumToName(int mode) {
+  ENTERING();
+  for (const AccessModeRow& row : kAccessModes) {
+    if (row.mode == mode) return row.name;
+  }
+  return "??";
+}
+
+// ---- Records and lists ---------------------------------------------------------------------------------
+
+namespace {
+
+void ReportNoMemory(const char* function) {
+  SetUserError(kOutOfMemory);
+  ReportOutOfMemory(function);
+}
+
+// For a user who never came to the monitors: the caller of the attaching code closes the socket.
+void DiscardUserNode(UserNode* unode) {
+  --unode->cnode->ref_count;
+  delete unode;
+}
+
+}  // namespace
+
+UserNode* NewUserNode(int sock, ConsoleNode* cnode, const char* user_name, const char* ipaddr,
+                      int mode) {
+  ENTERING();
+  auto* unode = new (std::nothrow) UserNode{};
+  if (unode == nullptr) {
+    ReportNoMemory(__func__);
+    return nullptr;
+  }
+  unode->sock = sock;
+  unode->connected = 1;
+  unode->mode = mode;
+  CopyText(unode->user_name, user_name);
+  CopyText(unode->ipaddr, ipaddr);
+  CopyText(unode->cons_name, cnode->cname);
+  unode->cnode = cnode;
+  ++cnode->ref_count;
+  return unode;
+}
+
+UserListElem* NewUserListElem(UserNode* unode) {
+  ENTERING();
+  UserListElem* elem = NewElement<UserList>(unode);
+  if (elem == nullptr) ReportNoMemory(__func__);
+  return elem;
+}
+
+UserList* NewUserList(const char* list_name) {
+  ENTERING();
+  auto* list = new (std::nothrow) UserList;
+  if (list == nullptr) {
+    ReportNoMemory(__func__);
+    return nullptr;
+  }
+  InitUserList(list, list_name);
+  return list;
+}
+
+void InitUserList(UserList* list, const char* list_name) {
+  ENTERING();
+  InitList(*list, list_name);
+}
+
+void FreeUserList(UserList* list) {
+  ENTERING();
+  FreeListRecord(list);
+}
+
+int AddUserToList(UserNode* unode, UserList* list) {
+  ENTERING();
+  UserListElem* elem = ReserveFor(*list, unode) ? NewUserListElem(unode) : nullptr;
+  if (elem == nullptr) {
+    zev_debug(kError, "%s: NewUserListElem() returned NULL\n", __func__);
+    return -1;
+  }
+  LinkAtTail(*list, elem);
+  zev_debug(kTrace, "%s: Added user to %s for console %s.\n", __func__, list->list_name,
+            unode->cons_name);
+  zev_debug(kTrace, "%s: Doing FD_SET( %d, ...) for user on %s.\n", __func__, unode->sock,
+            list->list_name);
+  Recompute(*list);
+  return 0;
+}
+
+int RemoveUserFromList(UserNode* unode, UserList* list) {
+  ENTERING();
+  UserListElem* elem = FindElement(*list, unode);
+  if (elem == nullptr) {
+    zev_debug(kError, "%s: unode not found in user_list\n", __func__);
+    TERMINATE(kInternalError);
+  }
+  Unlink(*list, elem);
+  zev_debug(kTrace, "%s: Removed user from %s for console %s.\n", __func__, list->list_name,
+            unode->cnode->cname);
+  if (list->count < 0) {
+    zev_debug(kError, "%s: user_list->count = %d\n", __func__, list->count);
+    TERMINATE(kInternalError);
+  }
+  Recompute(*list);
+  return 0;
+}
+
+bool IsUserInUserList(const UserNode* unode, const UserList* list) {
+  ENTERING();
+  return list != nullptr && FindElement(*list, unode) != nullptr;
+}
+
+// ---- Attaching ---------------------------------------------------------------------------------------------
+
+namespace {
+
+/// What the attaching code knows of the new user.
+struct NewUser {
+  int sock;
+  const char* user_name;
+  const char* ipaddr;
+  const char* console_name;
+  int mode;
+};
+
+constexpr char kAttach[] = "ConnectUserToConsole";
+
+// `format` takes the two names.
+int Refuse(UserError error, const char* format, const char* function, const char* console_name) {
+  SetUserError(error);
+  zev_debug(kInfo, format, function, console_name);
+  return -1;
+}
+
+// The console is not on a_cons_list: why not?
+int RefuseInaccessible(const char* console_name) {
+  const WriteLock lock(icl_lock, CallSite{kAttach, __LINE__});
+  const ConsoleNode* cnode = LocateConsoleInList(console_name, i_cons_list);
+  if (cnode == nullptr) {
+    return Refuse(kConsoleNotFound, "%s: Console \"%s\" not found.\n", kAttach, console_name);
+  }
+  if (cnode->enable != 0) {
+    return Refuse(kConsoleNotAccessible, "%s: Console \"%s\" is inaccessible.\n", kAttach,
+                  console_name);
+  }
+  return Refuse(kConsoleDisabled, "%s: Console \"%s\" is disabled.\n", kAttach, console_name);
+}
+
+// Tells the revocable holder who takes the console over, and marks it for closing.
+void RevokeHolder(const ConsoleNode* cnode, const NewUser& user) {
+  UserNode* holder = FindNode(*cnode->user_list, [](const UserNode& unode) {
+    return unode.mode == kExclusiveRevocable;
+  });
+  char line[kMessageBufferSize];
+  char banner[kMessageBufferSize];
+  snprintf(line, sizeof line, "Your session has been terminated by %s@%s", user.user_name,
+           user.ipaddr);
+  FormatBanner(banner, sizeof banner, line);
+  if (send(holder->sock, banner, strlen(banner), 0) < 0) {
+    zev_debug(kInfo, "%s: send() failed : %s\n", kAttach, strerror(errno));
+  }
+  CloseUserConnection(holder);
+}
+
+// 0 when the mode can be granted beside the users who are attached. A revocable holder is revoked
+// before anything is checked, and stays revoked when the new user is then refused.
+int ClaimConsole(const ConsoleNode* cnode, const NewUser& user) {
+  if (cnode->deleted == 1) {
+    return Refuse(kConsoleDeleted, "%s: Console \"%s\" has been deleted.\n", kAttach,
+                  user.console_name);
+  }
+  if (user.mode == kReadOnly) return 0;
+  if (HasExclRevokeConn(cnode) != 0) RevokeHolder(cnode, user);
+  if (IsLockedExclusively(cnode)) {
+    return Refuse(kConsoleLocked, "%s: Console \"%s\" is locked exclusively.\n", kAttach,
+                  user.console_name);
+  }
+  const bool wants_exclusive = user.mode == kExclusive || user.mode == kExclusiveRevocable;
+  if (wants_exclusive && CanGrantExclAccess(cnode) == 0) {
+    return Refuse(kCannotGrantExclusive, "%s: Cannot grant exclusive access for \"%s\".\n", kAttach,
+                  user.console_name);
+  }
+  return 0;
+}
+
+// The negotiation that the console sent first lets the user's client behave as if it had connected
+// to the console itself.
+void GreetTelnetClient(const ConsoleNode* cnode, int sock) {
+  if (cnode->telnet_cmd[0] != '\0') send(sock, cnode->telnet_cmd, strlen(cnode->telnet_cmd), 0);
+  SetTelnetOptions(sock);
+}
+
+// Puts the user on its console's list; from then on it receives output. Null when refused.
+UserNode* JoinConsole(const NewUser& user) {
+  WriteLock lock(acl_lock, CallSite{kAttach, __LINE__});
+  ConsoleNode* cnode = LocateConsoleInList(user.console_name, a_cons_list);
+  if (cnode == nullptr) {
+    lock.Release();
+    RefuseInaccessible(user.console_name);
+    return nullptr;
+  }
+  if (ClaimConsole(cnode, user) != 0) return nullptr;
+  GreetTelnetClient(cnode, user.sock);
+  UserNode* unode = NewUserNode(user.sock, cnode, user.user_name, user.ipaddr, user.mode);
+  if (unode == nullptr) {
+    zev_debug(kInfo, "%s: NewUserNode() failed.\n", kAttach);
+    return nullptr;
+  }
+  if (AddUserToList(unode, cnode->user_list) != 0) {
+    zev_debug(kInfo, "%s: AddUserToList() failed.\n", kAttach);
+    DiscardUserNode(unode);
+    return nullptr;
+  }
+  SendBufferedConsoleOutputToUser(cnode, unode);
+  return unode;
+}
+
+// The caller is about to close the socket, so nothing may go on sending to it.
+void LeaveConsole(UserNode* unode) {
+  const WriteLock lock(acl_lock, CallSite{kAttach, __LINE__});
+  UserList* users = unode->cnode->user_list;
+  if (IsUserInUserList(unode, users)) RemoveUserFromList(unode, users);
+  DiscardUserNode(unode);
+}
+
+// Puts the user on the global list; from then on it is the user input monitor's.
+int JoinUserList(UserNode* unode, const NewUser& user) {
+  WriteLock lock(ul_lock, CallSite{kAttach, __LINE__});
+  if (AddUserToList(unode, user_list) != 0) {
+    zev_debug(kInfo, "%s: AddUserToList() failed.\n", kAttach);
+    lock.Release();
+    LeaveConsole(unode);
+    return -1;
+  }
+  zev_debug(kInfo, "%s: Connected user \"%s\" to console \"%s\" with mode = %s.\n", kAttach,
+            user.user_name, user.console_name, ModeNumToName(user.mode));
+  user_mon_waker.Wake();
+  return 0;
+}
+
+}  // namespace
+
+int ConnectUserToConsole(int user_sock, const char* user_name, const char* ipaddr,
+                         const char* console_name, uint16_t mode) {
+  ENTERING();
+  const NewUser user = {user_sock, user_name, ipaddr, console_name, mode};
+  UserNode* unode = JoinConsole(user);
+  return unode == nullptr ? -1 : JoinUserList(unode, user);
+}
+
+int CanGrantExclAccess(const ConsoleNode* cnode) {
+  ENTERING();
+  const UserNode* in_the_way = FindNode(*cnode->user_list, [](const UserNode& unode) {
+    return unode.mode == kShared || unode.mode == kExclusive;
+  });
+  return in_the_way == nullptr ? 1 : 0;
+}
+
+int HasExclRevokeConn(const ConsoleNode* cnode) {
+  ENTERING();
+  const UserNode* holder = FindNode(*cnode->user_list, [](const UserNode& unode) {
+    return unode.mode == kExclusiveRevocable;
+  });
+  return holder == nullptr ? 0 : 1;
+}
+
+bool IsLockedExclusively(const ConsoleNode* cnode) {
+  ENTERING();
+  // Read-only users who came before an exclusive one keep it from blocking others.
+  const UserListElem* first = cnode->user_list->head;
+  return first != nullptr && first->unode->mode == kExclusive;
+}
+
+// ---- The argument line -----------------------------------------------------------------------------------
+
+namespace {
+
+constexpr char kSeparators[] = " \t\n\r";
+constexpr char kParse[] = "ParseConsoleArgs";
+
+/// One "key=value" option; `apply` returns 0, or -1 with the error set.
+struct ArgumentRow {
+  const char* key;
+  int (*apply)(const char* value, ConsoleArgs* args);
+};
+
+int ApplyMode(const char* value, ConsoleArgs* args) {
+  for (const AccessModeRow& row : kAccessModes) {
+    if (strcmp(value, row.keyword) != 0) continue;
+    args->mode = static_cast<uint16_t>(row.mode);
+    return 0;
+  }
+  SetUserError(kInvalidArgument);
+  zev_debug(kInfo, "%s: Unrecognized mode \"%s\".\n", kParse, value);
+  return -1;
+}
+
+constexpr ArgumentRow kArguments[] = {
+    {"mode=", ApplyMode},
+    {"user=",
+     [](const char* value, ConsoleArgs* args) {
+       CopyText(args->user_name, value);
+       return 0;
+     }},
+    {"addr=",
+     [](const char* value, ConsoleArgs* args) {
+       CopyText(args->addr, value);
+       return 0;
+     }},
+};
+
+int ApplyArgument(const char* token, ConsoleArgs* args) {
+  for (const ArgumentRow& row : kArguments) {
+    const size_t length = strlen(row.key);
+    if (strncmp(token, row.key, length) == 0) return row.apply(token + length, args);
+  }
+  SetUserError(kInvalidArgument);
+  zev_debug(kInfo, "%s: Invalid argument \"%s\".\n", kParse, token);
+  return -1;
+}
+
+int InsufficientData(const char* what) {
+  SetUserError(kInsufficientData);
+  zev_debug(kInfo, "%s: %s\n", kParse, what);
+  return -1;
+}
+
+// Takes an optional token prefix and the console name off the line.
+int ParseConsoleName(char* buf, char** rest, ConsoleArgs* args) {
+  const char* token = strtok_r(buf, kSeparators, rest);
+  if (token == nullptr) return InsufficientData("No console arguments found.");
+  if (strcmp(token, "token") == 0) {
+    CopyText(args->auth_mechanism, token);
+    token = strtok_r(nullptr, kSeparators, rest);
+    if (token == nullptr) return InsufficientData("Cookie not specified.");
+    CopyText(args->user_cookie, token);
+    token = strtok_r(nullptr, kSeparators, rest);
+    if (token == nullptr) return InsufficientData("Console name not specified.");
+  }
+  CopyText(args->cons_name, token);
+  return 0;
+}
+
+}  // namespace
+
+int ParseConsoleArgs(char* buf, ConsoleArgs* args) {
+  ENTERING();
+  *args = ConsoleArgs{};
+  CopyText(args->user_name, kUnknownUser);
+  args->mode = kShared;
+  char* rest = nullptr;
+  if (ParseConsoleName(buf, &rest, args) != 0) return -1;
+  for (const char* token = strtok_r(nullptr, kSeparators, &rest); token != nullptr;
+       token = strtok_r(nullptr, kSeparators, &rest)) {
+    if (ApplyArgument(token, args) != 0) return -1;
+  }
+  return 0;
+}
+
+void SetTelnetOptions(int sock) {
+  ENTERING();
+  constexpr unsigned char kOffers[][3] = {{255, 251, 1}, {255, 251, 3}};  // IAC WILL ECHO, ... SGA
+  for (const auto& offer : kOffers) send(sock, offer, sizeof offer, 0);
+}
+
+// ---- The listening thread ------------------------------------------------------------------------------
+
+namespace {
+
+constexpr useconds_t kPassPause = 500;  // microseconds
+constexpr int kBacklog = 128;
+
+std::atomic<int> refresh_mapped_ports{0};
+
+// The user_conn thread's own.
+pthread_attr_t service_conn_attr;
+int first_time = 1;
+
+sem_t service_thread_counted;  // posted by each new serv_conn thread once its port counts it
+
+bool ListensOn(uint16_t port) {
+  return IsPortInMappedPortList(port, mapped_port_list);
+}
+
+void ConfigureMappedPorts(const ConsoleList& list) {
+  for (const ConsoleNode* cnode : Nodes(list)) {
+    if (cnode->mapped_port == 0 || ListensOn(cnode->mapped_port)) continue;
+    if (ConfigurePort(cnode->mapped_port) != 0) {
+      zev_debug(kInfo, "%s: Cannot configure port for %s.\n", "GetPortsToListenOn", cnode->cname);
+    }
+  }
+}
+
+// Unlinking the port and cancelling its threads are one step under the mutex: a thread that finds
+// its port gone can rely on being cancelled. The ids are valid, because a thread ends only after it
+// has taken its own out, under the same mutex.
+void DropPort(MappedPortNode* mpnode) {
+  constexpr char kFunction[] = "CleanUpStalePorts";
+  const PendingLoginsGuard guard(kFunction);
+  RemoveMappedPortFromList(mpnode, mapped_port_list);
+  zev_debug(kInfo, "%s: Port %d is no longer mapped to console\n", kFunction, mpnode->port);
+  zev_debug(kInfo, "%s: Closing connection for mapped port %d\n", kFunction, mpnode->port);
+  close(mpnode->sock);
+  for (int i = 0; i < mpnode->pending_logins; ++i) pthread_cancel(mpnode->thread_ids[i]);
+  FreeMappedPortNode(mpnode);
+}
+
+void RefuseConnection(int sock) {
+  SendErrorToUser(sock, u_err_msg);
+  close(sock);
+}
+
+// Waits until the new thread is counted, so that the next request on the port meets the true number
+// of pending logins and the port is never dropped between the two.
+bool StartServiceThread(ServiceReqThreadParams* params) {
+  pthread_t service_conn_thread{};
+  const int error = pthread_create(&service_conn_thread, &service_conn_attr,
+                                   ServiceConnectionRequestThreadStart, params);
+  if (error != 0) {
+    zev_debug(kError, "%s: pthread_create() failed : %s\n", "AcceptConnectionRequests",
+              strerror(error));
+    return false;
+  }
+  while (sem_wait(&service_thread_counted) != 0) {
+  }
+  return true;
+}
+
+void ServeConnection(int sock, const MappedPortNode* mpnode, const sockaddr_in& peer) {
+  constexpr char kFunction[] = "AcceptConnectionRequests";
+  char address[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
+  zev_debug(kDetail, "%s: Connection request from IP address \"%s\".\n", kFunction, address);
+  auto* params = new (std::nothrow) ServiceReqThreadParams{};
+  if (params == nullptr) {
+    ReportNoMemory(kFunction);
+    RefuseConnection(sock);
+    return;
+  }
+  params->sock = sock;
+  params->port = mpnode->port;
+  params->client_addr = peer;
+  CopyText(params->ipaddr, address);
+  if (!StartServiceThread(params)) {
+    SetUserError(kOutOfMemory);
+    RefuseConnection(sock);
+    delete params;
+  }
+}
+
+void AcceptOn(const MappedPortNode* mpnode) {
+  constexpr char kFunction[] = "AcceptConnectionRequests";
+  sockaddr_in peer{};
+  socklen_t length = sizeof peer;
+  const int sock =
+      accept4(mpnode->sock, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+  if (sock == -1) {
+    zev_debug(kError, "%s: accept() failed : %s\n", kFunction, strerror(errno));
+    TERMINATE(kTerminated);
+  }
+  PrepareRelaySocket(sock);
+  if (mpnode->port != user_port && mpnode->pending_logins == max_pending_logins) {
+    SetUserError(kTooManyPending);
+    zev_debug(kInfo, "%s: Reached max_pending_logins (%d)\n", kFunction, max_pending_logins);
+    RefuseConnection(sock);
+    return;
+  }
+  ServeConnection(sock, mpnode, peer);
+}
+
+}  // namespace
+
+void* UserConnectionsThreadStart(void* /*unused*/) {
+  RegisterThread("user_conn");
+  ENTERING();
+  BlockSignal(SIGTERM);
+  SetupMappedPorts();
+  WaitForConnectionRequests();
+}
+
+void RefreshMappedPorts() {
+  ENTERING();
+  refresh_mapped_ports = 1;
+}
+
+void SetupMappedPorts() {
+  ENTERING();
+  // Cleared first: a refresh that is asked for meanwhile is done at the next pass, not forgotten.
+  refresh_mapped_ports = 0;
+  CleanUpStalePorts();
+  GetPortsToListenOn();
+}
+
+int GetPortsToListenOn() {
+  ENTERING();
+  if (!ListensOn(user_port) && ConfigurePort(user_port) != 0) {
+    zev_debug(kInfo, "%s: Cannot configure main port %d.\n", __func__, user_port);
+  }
+  const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, HERE);
+  ConfigureMappedPorts(*i_cons_list);
+  ConfigureMappedPorts(*a_cons_list);
+  return 0;
+}
+
+int ConfigurePort(uint16_t port) {
+  ENTERING();
+  const int sock = ListenOnPort(port);
+  if (sock == -1) {
+    zev_debug(kError, "%s: Cannot listen on port %d.\n", __func__, port);
+    return -1;
+  }
+  MappedPortNode* mpnode = NewMappedPortNode(sock, port);
+  if (mpnode == nullptr) {
+    zev_debug(kInfo, "%s: NewMappedPortNode() failed.\n", __func__);
+    close(sock);
+    return -1;
+  }
+  const PendingLoginsGuard guard(__func__);
+  if (AddMappedPortToList(mpnode, mapped_port_list) != 0) {
+    // Not on the list, the port is tried again at the next refresh.
+    close(sock);
+    FreeMappedPortNode(mpnode);
+  }
+  return 0;
+}
+
+void CleanUpStalePorts() {
+  ENTERING();
+  for (MappedPortNode* mpnode : Nodes(*mapped_port_list)) {
+    if (mpnode->port == user_port || GetConsoleNodeFromMappedPort(mpnode->port) != nullptr) continue;
+    DropPort(mpnode);
+  }
+}
+
+int ListenOnPort(uint16_t port) {
+  ENTERING();
+  const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+  if (sock == -1) {
+    zev_debug(kError, "%s: socket() failed : %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  address.sin_port = htons(port);
+  SetSocketFlag(sock, SOL_SOCKET, SO_REUSEADDR);
+  if (bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+    zev_debug(kError, "%s: bind() failed : %s\n", __func__, strerror(errno));
+    zev_debug(kError, "%s: Could not bind to port %d\n", __func__, port);
+    close(sock);
+    return -1;
+  }
+  zev_debug(kError, "%s: bind() to port %d succeeded\n", __func__, port);
+  listen(sock, kBacklog);
+  return sock;
+}
+
+void WaitForConnectionRequests() {
+  ENTERING();
+  DescriptorSet fdset;
+  for (;;) {
+    ParkIfAsked(kPauseUserConn);
+    usleep(kPassPause);
+    if (refresh_mapped_ports != 0) SetupMappedPorts();
+    const int high_sock = mapped_port_list->high_sock;
+    if (!fdset.CopyFrom(mapped_port_list->fdset)) {
+      ReportOutOfMemory(__func__);
+      continue;
+    }
+    if (CheckForConnectionRequests(high_sock, &fdset) == 1) AcceptConnectionRequests(&fdset);
+  }
+}
+
+int CheckForConnectionRequests(int high_sock, DescriptorSet* fdset) {
+  ENTERING();
+  // select() leaves the unslept time here and nothing resets it: once a wait has run out, every
+  // later one only looks, and the pause of the loop alone paces the thread.
+  static timeval timeout = {2, 0};
+  zev_debug(kTrace, "%s: Calling select( %d + 1, fdset, 0, 0, (%d,%d))\n", __func__, high_sock,
+            static_cast<int>(timeout.tv_sec), static_cast<int>(timeout.tv_usec));
+  const int ready = select(high_sock + 1, fdset->Native(), nullptr, nullptr, &timeout);
+  if (ready < 0) {
+    zev_debug(kError, "%s: select() failed : %s\n", __func__, strerror(errno));
+    TERMINATE(kTerminated);
+  }
+  return ready > 0 ? 1 : 0;
+}
+
+void AcceptConnectionRequests(const DescriptorSet* fdset) {
+  ENTERING();
+  if (first_time != 0) {
+    pthread_attr_init(&service_conn_attr);
+    pthread_attr_setinheritsched(&service_conn_attr, PTHREAD_INHERIT_SCHED);
+    pthread_attr_setdetachstate(&service_conn_attr, PTHREAD_CREATE_DETACHED);
+    sem_init(&service_thread_counted, 0, 0);
+    first_time = 0;
+  }
+  for (const MappedPortNode* mpnode : Nodes(*mapped_port_list)) {
+    if (fdset->Contains(mpnode->sock)) AcceptOn(mpnode);
+  }
+}
+
+// ---- The service thread ----------------------------------------------------------------------------------
+
+namespace {
+
+constexpr char kServe[] = "ServiceConnectionRequestThreadStart";
+constexpr time_t kArgumentWait = 10;  // seconds
+constexpr size_t kLineSize = 1024;
+
+/// One connection on its way to a console.
+struct Connection {
+  int sock;  ///< -1 once it is closed or handed over
+  uint16_t port;
+  sockaddr_in client_addr;
+  char ipaddr[kNameSize];
+  char buf[kLineSize];  ///< the argument line
+  ConsoleArgs args;
+
+  bool OnMainPort() const { return port == user_port; }
+};
+
+int ClosingConnection(const Connection& connection) {
+  zev_debug(kInfo, "%s: Closing connection with %s.\n", kServe, connection.ipaddr);
+  return -1;
+}
+
+// The login dialogue and the station's authentication library are not there yet; whoever would have
+// to prove who he is must not get in meanwhile.
+int RefuseLogin(const Connection& connection) {
+  SetUserError(kAuthenticationFailed);
+  return ClosingConnection(connection);
+}
+
+// Finds the console that the port implies and refuses what would be refused after a login too.
+int FindMappedConsole(Connection& connection, MappedConsole* console) {
+  if (!CopyMappedConsole(connection.port, console)) {
+    SetUserError(kPortNotMapped);
+    zev_debug(kError, "%s: Port %d doesn't map to console.\n", kServe, connection.port);
+    return -1;
+  }
+  if (console->status != 0) {
+    return Refuse(kConsoleNotAccessible, "%s: Console \"%s\" is inaccessible.\n", kServe,
+                  console->cname);
+  }
+  if (console->locked_exclusively) {
+    return Refuse(kConsoleLocked, "%s: Console \"%s\" is locked exclusively.\n", kServe,
+                  console->cname);
+  }
+  CopyText(connection.args.cons_name, console->cname);
+  return 0;
+}
+
+int ReadArgumentLine(Connection& connection) {
+  if (ReadLineWithTimeout(connection.sock, connection.buf, sizeof connection.buf, kArgumentWait) !=
+      0) {
+    return ClosingConnection(connection);
+  }
+  return 0;
+}
+
+int PrepareMappedPort(Connection& connection) {
+  MappedConsole console{};
+  if (FindMappedConsole(connection, &console) != 0) return -1;
+  if (security_enabled == 0) return ReadArgumentLine(connection);
+  if (console.auth == 1) return RefuseLogin(connection);
+  return 0;
+}
+
+int PrepareMainPort(Connection& connection) {
+  if (security_enabled != 0) return RefuseLogin(connection);
+  if (ReadArgumentLine(connection) != 0) return -1;
+  zev_debug(kDetail, "%s: Received arguments: %s\n", kServe, connection.buf);
+  if (ParseConsoleArgs(connection.buf, &connection.args) != 0) return ClosingConnection(connection);
+  if (connection.args.addr[0] != '\0') CopyText(connection.ipaddr, connection.args.addr);
+  return 0;
+}
+
+// Learns which console is wanted, in which mode and for whom. 0, or -1 with u_err_msg set.
+int PrepareConnection(Connection& connection) {
+  if (security_enabled != 0) zev_debug(kInfo, "%s: Performing security check.\n", kServe);
+  return connection.OnMainPort() ? PrepareMainPort(connection) : PrepareMappedPort(connection);
+}
+
+void SendGreeting(int sock, const char* cons_name) {
+  char greeting[kMessageBufferSize];
+  snprintf(greeting, sizeof greeting, "Connected to console \"%s\" in shared mode.\r\n\n", cons_name);
+  send(sock, greeting, strlen(greeting), 0);
+}
+
+// Hands the socket over to the monitors. The greeting of a mapped port goes through a descriptor of
+// its own: the user may be gone, and the number of the other one in use elsewhere, by then.
+int AttachUser(Connection& connection) {
+  const ConsoleArgs& args = connection.args;
+  const int greeting_sock =
+      connection.OnMainPort() ? -1 : fcntl(connection.sock, F_DUPFD_CLOEXEC, 0);
+  const int result = ConnectUserToConsole(connection.sock, args.user_name, connection.ipaddr,
+                                          args.cons_name, args.mode);
+  if (result == 0) {
+    connection.sock = -1;
+    if (greeting_sock != -1) SendGreeting(greeting_sock, args.cons_name);
+  } else {
+    zev_debug(kInfo, "%s: Closing connection.\n", kServe);
+  }
+  if (greeting_sock != -1) close(greeting_sock);
+  return result;
+}
+
+void ServiceConnection(Connection& connection) {
+  u_err_msg = nullptr;
+  if (PrepareConnection(connection) == 0 && AttachUser(connection) == 0) return;
+  SendErrorToUser(connection.sock, u_err_msg);
+  close(connection.sock);
+  connection.sock = -1;
+}
+
+void TakeParams(ServiceReqThreadParams* params, Connection& connection) {
+  connection.sock = params->sock;
+  connection.port = params->port;
+  connection.client_addr = params->client_addr;
+  CopyText(connection.ipaddr, params->ipaddr);
+  CopyText(connection.args.user_name, kUnknownUser);
+  connection.args.mode = kShared;
+  zev_debug(kInfo, "%s: Servicing request coming from \"%s\" on port %d\n", kServe,
+            connection.ipaddr, connection.port);
+  delete params;
+}
+
+// Counts the thread for as long as it serves the connection.
+void ServeWhileCounted(Connection& connection) {
+  const int counted = IncrementPendingLogins(mapped_port_list, connection.port, pthread_self());
+  sem_post(&service_thread_counted);
+  if (counted != 0) {
+    RefuseConnection(connection.sock);
+    connection.sock = -1;
+    return;
+  }
+  ServiceConnection(connection);
+  DecrementPendingLogins(mapped_port_list, connection.port, pthread_self());
+}
+
+}  // namespace
+
+void* ServiceConnectionRequestThreadStart(void* thread_params) {
+  int state = PTHREAD_CANCEL_ENABLE;
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+  RegisterThread("serv_conn");
+  ENTERING();
+  Connection connection{};
+  TakeParams(static_cast<ServiceReqThreadParams*>(thread_params), connection);
+  pthread_cleanup_push(ServiceConnectionRequestThreadCleanUp, &connection.sock);
+  ServeWhileCounted(connection);
+  zev_debug(kInfo, "%s: Exiting thread.\n", __func__);
+  UnregisterThread();
+  pthread_cleanup_pop(0);
+  return nullptr;
+}
+
+void ServiceConnectionRequestThreadCleanUp(void* args) {
+  ENTERING();
+  const int sock = *static_cast<const int*>(args);
+  if (sock != -1) close(sock);
+}

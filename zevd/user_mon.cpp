@@ -1,0 +1,186 @@
+// The life of the thread "user_mon".
+//
+// main starts it; it never ends. It makes a pass at least every 2 seconds: a key, a new user or one
+// marked for removal ends the wait in select() (user_mon_waker does so for the last two). It reads
+// users and writes to consoles with ul_lock held for writing, and removes, closes and frees users
+// with ul_lock and acl_lock, taken as a pair in that order.
+#include "user_mon.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "error.h"
+#include "waker.h"
+#include "zev.h"
+#include "zev_signal.h"
+
+namespace {
+
+constexpr useconds_t kPassPause = 500;  // microseconds
+constexpr timeval kSelectLimit = {2, 0};
+constexpr size_t kChunkSize = 8192;
+
+bool IsMarked(const UserNode& unode) {
+  return unode.connected == 0;
+}
+
+void CloseAfterReceiveFailure(UserNode* unode, ssize_t result) {
+  zev_debug(kDetail, "%s: recv() returned %d : %s\n", "ProcessUserInput", static_cast<int>(result),
+            strerror(errno));
+  CloseUserConnection(unode);
+}
+
+// The raw bytes as received. A console that took only part within the send limit has lost keys, so
+// that counts as a failure too; the user is dropped and told nothing, the console stays. The reason
+// is reported at the removal, where the console's name may be read.
+void ForwardToConsole(UserNode* unode, const char* buf, ssize_t count) {
+  const ssize_t sent = send(unode->cnode->sock, buf, static_cast<size_t>(count), 0);
+  if (sent == count) return;
+  unode->send_error = sent < 0 ? errno : EAGAIN;
+  CloseUserConnection(unode);
+}
+
+// Takes what one peek sees off a readable user and forwards it.
+void ReadUser(UserNode* unode) {
+  char buf[kChunkSize];
+  const ssize_t seen = recv(unode->sock, buf, sizeof buf, MSG_PEEK);
+  if (seen <= 0) {
+    CloseAfterReceiveFailure(unode, seen);
+    return;
+  }
+  const ssize_t count = recv(unode->sock, buf, static_cast<size_t>(seen), MSG_WAITALL);
+  if (count < 0) {
+    CloseAfterReceiveFailure(unode, count);
+    return;
+  }
+  const int length = static_cast<int>(count);
+  zev_debug(kTrace, "%s: Received ->%.*s<- (%d bytes)\n", "ProcessUserInput", length, buf, length);
+  if (unode->mode != kReadOnly) ForwardToConsole(unode, buf, count);
+}
+
+void DropReference(ConsoleNode* cnode) {
+  const int references = --cnode->ref_count;
+  if (references >= 0) return;
+  zev_debug(kError, "%s: Negative reference count (%d)\n", "CleanUpClosedConnections", references);
+  TERMINATE(kInternalError);
+}
+
+void ReportSendError(const UserNode* unode) {
+  if (unode->send_error == 0) return;
+  zev_debug(kInfo, "%s: send() to console \"%s\" failed : %s\n", "ProcessUserInput",
+            unode->cnode->cname, strerror(unode->send_error));
+}
+
+void RemoveUser(UserNode* unode) REQUIRES(ul_lock, acl_lock) {
+  ConsoleNode* cnode = unode->cnode;
+  ReportSendError(unode);
+  zev_debug(kInfo, "%s: Closing connection with user \"%s\"on console \"%s\"\n",
+            "CleanUpClosedConnections", unode->user_name, cnode->cname);
+  if (unode->sock != -1) close(unode->sock);
+  RemoveUserFromList(unode, user_list);
+  if (IsUserInUserList(unode, cnode->user_list)) RemoveUserFromList(unode, cnode->user_list);
+  delete unode;
+  DropReference(cnode);  // the console may be freed by its own thread from here on
+}
+
+// ---- The steps of a pass --------------------------------------------------------------------------------
+
+constexpr char kLoop[] = "MonitorUserInput";
+
+bool CopyUserSockets(int* high_sock, DescriptorSet* fdset) {
+  const ReadLock lock(ul_lock, CallSite{kLoop, __LINE__});
+  *high_sock = user_list->high_sock;
+  return fdset->CopyFrom(user_list->fdset);
+}
+
+void RelayInput(DescriptorSet* fdset) {
+  int high_sock = -1;
+  if (!CopyUserSockets(&high_sock, fdset)) {
+    ReportOutOfMemory(kLoop);
+    return;
+  }
+  if (CheckForUserInput(high_sock, fdset) == 0) return;
+  const WriteLock lock(ul_lock, CallSite{kLoop, __LINE__});
+  ProcessUserInput(*fdset);
+}
+
+bool AnyUserMarked() {
+  const ReadLock lock(ul_lock, CallSite{kLoop, __LINE__});
+  return user_mon::CheckForClosedConnections();
+}
+
+void RemoveMarkedUsers() {
+  const WriteLockPair lock(ul_lock, acl_lock, Release::kFirstFirst, CallSite{kLoop, __LINE__});
+  user_mon::CleanUpClosedConnections();
+}
+
+}  // namespace
+
+void* UserMonitorThreadStart(void* /*unused*/) {
+  RegisterThread("user_mon");
+  ENTERING();
+  BlockSignal(SIGTERM);
+  MonitorUserInput();
+}
+
+void CloseUserConnection(UserNode* unode) {
+  ENTERING();
+  unode->connected = 0;
+  user_mon_waker.Wake();
+}
+
+void MonitorUserInput() {
+  ENTERING();
+  DescriptorSet fdset;
+  for (;;) {
+    ParkIfAsked(kPauseUserMon);
+    usleep(kPassPause);
+    RelayInput(&fdset);
+    if (AnyUserMarked()) RemoveMarkedUsers();
+  }
+}
+
+int CheckForUserInput(int high_sock, DescriptorSet* fdset) {
+  ENTERING();
+  timeval timeout = kSelectLimit;
+  zev_debug(kTrace, "%s: Calling select( %d + 1, fdset, 0, 0, (%d,%d))\n", __func__, high_sock,
+            static_cast<int>(timeout.tv_sec), static_cast<int>(timeout.tv_usec));
+  const int ready = WaitForMembers(high_sock, *fdset, user_mon_waker, &timeout);
+  if (ready < 0) {
+    zev_debug(kError, "%s: select() failed : %s\n", __func__, strerror(errno));
+    TERMINATE(kTerminated);
+  }
+  return ready != 0 ? 1 : 0;
+}
+
+void ProcessUserInput(const DescriptorSet& fdset) {
+  ENTERING();
+  for (UserNode* unode : Nodes(*user_list)) {
+    if (fdset.Contains(unode->sock)) ReadUser(unode);
+  }
+}
+
+namespace user_mon {
+
+bool CheckForClosedConnections() {
+  ENTERING();
+  return FindNode(*user_list, IsMarked) != nullptr;
+}
+
+UserNode* GetClosedConnection() {
+  ENTERING();
+  return FindNode(*user_list, IsMarked);
+}
+
+void CleanUpClosedConnections() {
+  ENTERING();
+  for (UserNode* unode = GetClosedConnection(); unode != nullptr; unode = GetClosedConnection()) {
+    RemoveUser(unode);
+  }
+}
+
+}  // namespace user_mon

@@ -1,0 +1,44 @@
+// Reading from one socket with time limits, and the socket options of the relay.
+//
+// The readers block; they run on serv_conn threads and, for the telnet reader, on cons_conn. Their
+// waits for input are the only places at which a serv_conn thread can be cancelled; no lock is held
+// there.
+#pragma once
+
+#include <ctime>
+
+/// Lets the calling thread be cancelled for as long as it lives; restores the former state after.
+class CancellationWindow {
+ public:
+  CancellationWindow();
+  ~CancellationWindow();
+  CancellationWindow(const CancellationWindow&) = delete;
+  CancellationWindow& operator=(const CancellationWindow&) = delete;
+
+ private:
+  int saved_state_ = 0;
+};
+
+/// Reads what one peek sees of a line, at most `size` - 1 bytes, its line end included. 0 with a
+/// terminated text in `buf`; -1 on error or end of stream; -2 when nothing arrived within
+/// `wait_time` seconds (0 or less: no limit). Sets u_err_msg on time-outs and read errors.
+int ReadLineWithTimeout(int sock, char* buf, int size, time_t wait_time);
+
+/// The same without a limit.
+int ReadLine(int sock, char* buf, int size);
+
+/// Reads a line byte by byte, editing and echoing as a terminal does; `echo` 0 hides what is typed.
+/// When telnet commands arrive in place of a line, `buf` holds those and begins with 255. Results as
+/// ReadLineWithTimeout().
+int ReadCharAtATimeWithTimeout(int sock, char* buf, int size, int echo, time_t wait_time);
+
+/// Reads the run of telnet commands (RFC 854) that the peer has sent, at most `size` - 1 bytes, and
+/// nothing after it.
+void DrainTelnetControlSequence(int sock, char* telnet_cmd, int size);
+
+/// Switches a socket option on; a refusal by the system is of no consequence.
+void SetSocketFlag(int sock, int level, int option);
+
+/// For every socket that relays traffic: keystrokes do not wait for an acknowledgement, and a peer
+/// that stops reading makes a send fail after a bounded time with a bounded backlog.
+void PrepareRelaySocket(int sock);

@@ -1,0 +1,270 @@
+// Options, detaching, the global lists and the creation of the worker threads. All of it runs on
+// the main thread before there is another, except ParkIfAsked().
+#include "zev.h"
+
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "error.h"
+#include "event.h"
+#include "lock_file.h"
+#include "paths.h"
+#include "user_mon.h"
+#include "waker.h"
+
+int debug_level = 0;
+int security_enabled = 1;
+int cons_buf_size = 0;
+int suppress_cr = 1;
+int foreground = 0;
+int32_t log_archive_time = 604800;  // seven days
+int USE_CMD_LINE_ARCH_TIME = 0;
+uint16_t user_port = 6500;
+int max_pending_logins = 5;
+const char* log_dir = kLogDir;
+const char* config_file = kConfigFile;
+const char* progname = nullptr;
+
+ConsoleList* const a_cons_list = new ConsoleList;
+ConsoleList* const i_cons_list = new ConsoleList;
+UserList* const user_list = new UserList;
+EventSetList* const ev_list = new EventSetList;
+MappedPortList* const mapped_port_list = new MappedPortList;
+ModelList model_list;
+
+std::atomic<unsigned> thread_waitreq_mask{0};
+std::atomic<unsigned> thread_waiting_mask{0};
+
+namespace {
+
+pthread_t cons_conn_thread;
+pthread_t user_conn_thread;
+pthread_t user_mon_thread;
+pthread_attr_t cons_conn_attr;
+pthread_attr_t user_conn_attr;
+pthread_attr_t user_mon_attr;
+
+constexpr char kOptionString[] = "a:c:d:l:p:fhVs:S:D:B:";
+constexpr int32_t kSecondsPerMinute = 60;
+constexpr int32_t kSecondsPerDay = 86400;
+constexpr int32_t kSecondsPerWeek = 604800;
+
+constexpr char kUsage[] =
+    "usage: %s [options]\n"
+    "\n"
+    " options:\n"
+    "   -a N[dw]          Archive log files every N days (d) or weeks (w).\n"
+    "                     Default: %d days\n"
+    "   -c config_file    Configuration file containing consoles to monitor.\n"
+    "                     Default: %s\n"
+    "   -d N              Set debug level to N\n"
+    "                     Default: %d\n"
+    "   -D                Connect to management ports only on demand.\n"
+    "   -f                Run in foreground mode.\n"
+    "   -h                Display this help message.\n"
+    "   -l                Log file directory.\n"
+    "                     Default: %s\n"
+    "   -p N              Listen on port N for user connections.\n"
+    "                     Default: %d\n"
+    "   -s { 0 | 1 }      Strip carriage returns from log files.\n"
+    "                     Default: %d\n"
+    "   -B N              Send up to N bytes of buffered console output when the\n"
+    "                     user connects to the console.\n"
+    "                     Default: %d\n"
+    "   -S { 0 | 1 }      Turn on/off security.\n"
+    "                     Default: %d\n"
+    "   -V                Display version.\n";
+
+void SetArchiveTime(const char* argument) {
+  if (GetLogArchiveTime(argument) != -1) return;
+  fprintf(stderr, "Invalid option \"-%c %s\"\n", 'a', argument);
+  EXIT_PROCESS(1);
+}
+
+/// One row for every option that is handled; a letter of the option string without a row (-D) ends
+/// the process like an unknown one.
+struct Option {
+  char letter;
+  void (*apply)(const char* argument);
+};
+
+constexpr Option kOptions[] = {
+    {'a', SetArchiveTime},
+    {'c', [](const char* argument) { config_file = strdup(argument); }},
+    {'d', [](const char* argument) { debug_level = atoi(argument); }},
+    {'f', [](const char*) { foreground = 1; }},
+    {'h', [](const char*) { ShowUsage(progname); }},
+    {'l', [](const char* argument) { log_dir = strdup(argument); }},
+    {'p', [](const char* argument) { user_port = static_cast<uint16_t>(atoi(argument)); }},
+    {'s', [](const char* argument) { suppress_cr = atoi(argument); }},
+    {'B', [](const char* argument) { cons_buf_size = atoi(argument); }},
+    {'S', [](const char* argument) { security_enabled = atoi(argument); }},
+    {'V', [](const char*) { ShowVersion(); }},
+};
+
+const Option* FindOption(int letter) {
+  for (const Option& option : kOptions) {
+    if (option.letter == letter) return &option;
+  }
+  return nullptr;
+}
+
+// Products beyond 32 bits wrap round, as the 32-bit seconds of the setting do.
+int32_t Seconds(const char* count, int32_t unit) {
+  return static_cast<int32_t>(static_cast<uint32_t>(atoi(count)) * static_cast<uint32_t>(unit));
+}
+
+int32_t ParseArchiveTime(const char* str) {
+  const size_t length = strlen(str);
+  const char unit = length == 0 ? '\0' : str[length - 1];
+  if (unit == 'm') return Seconds(str, kSecondsPerMinute);
+  if (unit == 'd' || (unit >= '0' && unit <= '9')) return Seconds(str, kSecondsPerDay);
+  if (unit == 'w') return Seconds(str, kSecondsPerWeek);
+  return -1;
+}
+
+// The run before this one keeps its output under the old name.
+void MoveAside(const char* path) {
+  char old_path[kPathSize];
+  snprintf(old_path, sizeof old_path, "%s/%s.old", log_dir, "zevd.log");
+  rename(path, old_path);
+}
+
+int OpenOutputFile() {
+  char path[kPathSize];
+  snprintf(path, sizeof path, "%s/%s", log_dir, "zevd.log");
+  MoveAside(path);
+  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0770);
+  if (fd == -1) {
+    zev_debug(kError, "%s: open() failed : %s\n", "RunAsDaemon", strerror(errno));
+    EXIT_PROCESS(1);
+  }
+  struct stat root {};
+  if (stat(kQorRoot, &root) == 0 && fchown(fd, static_cast<uid_t>(-1), root.st_gid) != 0) {
+    zev_debug(kError, "%s: chown failed : %s\n", "RunAsDaemon", strerror(errno));
+    EXIT_PROCESS(1);
+  }
+  return fd;
+}
+
+// A station may have thousands of consoles, each with a mapped port and a log file.
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+void OpenWaker(Waker& waker) {
+  if (waker.Open()) return;
+  zev_debug(kError, "%s: eventfd() failed : %s\n", "Initialize", strerror(errno));
+  EXIT_PROCESS(1);
+}
+
+void CreateThread(pthread_t* thread, pthread_attr_t* attr, void* (*start)(void*),
+                  const char* function, const char* termination_text) {
+  pthread_attr_init(attr);
+  pthread_attr_setinheritsched(attr, PTHREAD_INHERIT_SCHED);
+  const int error = pthread_create(thread, attr, start, nullptr);
+  if (error == 0) return;
+  zev_debug(kError, "%s: pthread_create() failed : %s\n", function, strerror(error));
+  TERMINATE(termination_text);
+}
+
+}  // namespace
+
+void ParkIfAsked(unsigned bit) {
+  constexpr useconds_t kStep = 100;  // microseconds
+  if ((thread_waitreq_mask & bit) == 0) return;
+  thread_waiting_mask |= bit;
+  while ((thread_waitreq_mask & bit) != 0) usleep(kStep);
+  thread_waiting_mask &= ~bit;
+}
+
+void GetCommandLineOptions(int argc, char** argv) {
+  ENTERING();
+  for (int letter = getopt(argc, argv, kOptionString); letter != -1;
+       letter = getopt(argc, argv, kOptionString)) {
+    const Option* option = FindOption(letter);
+    if (option == nullptr) EXIT_PROCESS(1);
+    option->apply(optarg);
+  }
+}
+
+int32_t GetLogArchiveTime(const char* str) {
+  ENTERING();
+  USE_CMD_LINE_ARCH_TIME = 1;
+  log_archive_time = ParseArchiveTime(str);
+  return log_archive_time;
+}
+
+void ShowUsage(const char* program) {
+  ENTERING();
+  printf(kUsage, program, static_cast<int>(log_archive_time / kSecondsPerDay), config_file,
+         debug_level, log_dir, user_port, suppress_cr, cons_buf_size, security_enabled);
+  EXIT_PROCESS(0);
+}
+
+void ShowVersion() {
+  ENTERING();
+  printf("QOR version %s build date %s\n", QOR_VERSION, __DATE__ " " __TIME__);
+  EXIT_PROCESS(0);
+}
+
+void RunAsDaemon() {
+  ENTERING();
+  // The process that holds the lock ends in daemon().
+  if (Unlock() != 0) {
+    fprintf(stderr, "Unlock() failed.\n");
+    EXIT_PROCESS(1);
+  }
+  if (daemon(1, 0) != 0) {
+    zev_debug(kError, "%s: daemon() failed : %s\n", __func__, strerror(errno));
+    EXIT_PROCESS(1);
+  }
+  const int fd = OpenOutputFile();
+  dup2(fd, STDOUT_FILENO);
+  dup2(fd, STDERR_FILENO);
+  if (Lock() != 0) {
+    zev_debug(kError, "zevd is already running on this machine.\n");
+    EXIT_PROCESS(1);
+  }
+}
+
+void Initialize() {
+  ENTERING();
+  RaiseDescriptorLimit();
+  OpenWaker(cons_mon_waker);
+  OpenWaker(user_mon_waker);
+  InitConsoleList(a_cons_list, "a_cons_list");
+  InitConsoleList(i_cons_list, "i_cons_list");
+  InitUserList(user_list, "user_list");
+  InitEventSetList(ev_list, "ev_list");
+  InitMappedPortList(mapped_port_list, "mapped_port_list");
+}
+
+void CreateConsoleConnectionsThread() {
+  ENTERING();
+  CreateThread(&cons_conn_thread, &cons_conn_attr, ConsoleConnectionsThreadStart, __func__,
+               "Terminated: Couldn't create cons_conn thread");
+}
+
+void CreateUserConnectionsThread() {
+  ENTERING();
+  CreateThread(&user_conn_thread, &user_conn_attr, UserConnectionsThreadStart, __func__,
+               "Terminated: Couldn't create user_conn thread");
+}
+
+void CreateUserMonitorThread() {
+  ENTERING();
+  CreateThread(&user_mon_thread, &user_mon_attr, UserMonitorThreadStart, __func__,
+               "Terminated: Couldn't create user_mon thread");
+}

@@ -1,0 +1,48 @@
+#include "zev_signal.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "error.h"
+
+namespace {
+
+int ChangeSignal(int how, int signum, const char* function) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, signum);
+  if (sigprocmask(how, &set, nullptr) != 0) {
+    zev_debug(kInfo, "%s: sigprocmask() failed : %s\n", function, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int BlockSignal(int signum) {
+  ENTERING();
+  return ChangeSignal(SIG_BLOCK, signum, __func__);
+}
+
+int UnblockSignal(int signum) {
+  ENTERING();
+  return ChangeSignal(SIG_UNBLOCK, signum, __func__);
+}
+
+void TermHandler(int /*sig*/) {
+  ENTERING();
+  zev_debug(kError, "Received SIGTERM.\n");
+  EXIT_PROCESS(1);
+}
+
+TermSignalHold::TermSignalHold() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &set, &saved_);
+}
+
+TermSignalHold::~TermSignalHold() {
+  pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+}

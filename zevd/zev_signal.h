@@ -1,0 +1,26 @@
+// Signals: SIGHUP and SIGPIPE are blocked everywhere, SIGTERM everywhere but in the main thread.
+#pragma once
+
+#include <csignal>
+
+/// Adds (removes) one signal to (from) the calling thread's blocked set. 0, or -1 with the reason
+/// in the debug output.
+int BlockSignal(int signum);
+int UnblockSignal(int signum);
+
+/// The SIGTERM handler: says so and ends the process with status 1. Main thread only.
+void TermHandler(int sig);
+
+/// Keeps SIGTERM away from the calling thread while it holds something that the handler needs too
+/// (the debug lock, the C library's time-zone lock). Without it the handler could wait for a lock
+/// that the very thread it interrupted will never release.
+class TermSignalHold {
+ public:
+  TermSignalHold();
+  ~TermSignalHold();
+  TermSignalHold(const TermSignalHold&) = delete;
+  TermSignalHold& operator=(const TermSignalHold&) = delete;
+
+ private:
+  sigset_t saved_;
+};
