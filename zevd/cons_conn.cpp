@@ -23,14 +23,15 @@
 
 #include "cons_mon.h"
 #include "error.h"
-#include "load.h"
+#include "log.h"
 #include "user_conn.h"
 #include "util.h"
 #include "waker.h"
 #include "zev.h"
 #include "zev_signal.h"
 
-// ---- Records and lists -----------------------------------------------------------------------------
+// ---- Records and lists
+// -----------------------------------------------------------------------------
 
 namespace {
 
@@ -62,7 +63,8 @@ void FillConsole(ConsoleNode* cnode, const ConsoleSettings& settings) {
   cnode->status = kNotConnected;
 }
 
-// The user list and the replay ring. False when out of memory; what was made is freed with the node.
+// The user list and the replay ring. False when out of memory; what was made is freed with the
+// node.
 bool AllocateParts(ConsoleNode* cnode) {
   cnode->user_list = new (std::nothrow) UserList;
   if (cnode->user_list == nullptr) return false;
@@ -92,6 +94,7 @@ void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
     close(cnode->sock);
     cnode->sock = -1;
   }
+  CloseLogFile(cnode);
   RemoveConsoleFromList(cnode, list);
   FreeConsoleNode(cnode);
 }
@@ -251,7 +254,8 @@ void DumpConsoles(const ConsoleList* list) {
   }
 }
 
-// ---- Look-up by mapped port ------------------------------------------------------------------------
+// ---- Look-up by mapped port
+// ------------------------------------------------------------------------
 
 namespace {
 
@@ -281,7 +285,8 @@ bool CopyMappedConsole(uint16_t port, MappedConsole* copy) {
   return true;
 }
 
-// ---- The connection thread -------------------------------------------------------------------------
+// ---- The connection thread
+// -------------------------------------------------------------------------
 
 namespace {
 
@@ -383,6 +388,7 @@ bool ApplyConnectionStatus(ConsoleNode* cnode, int result) {
       zev_debug(kInfo, "%s: Connected to %s (%s/%d).\n", kFunction, cnode->cname, cnode->ipaddr,
                 cnode->cons_port);
       cnode->status = kConnected;
+      OpenLogFile(cnode);
       DrainTelnetControlSequence(cnode->sock, cnode->telnet_cmd, sizeof cnode->telnet_cmd);
       return true;
     case kNotConnected:

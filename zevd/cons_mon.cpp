@@ -17,16 +17,19 @@
 #include <cstring>
 #include <ctime>
 
+#include "archive_time.h"
 #include "error.h"
+#include "event_set.h"
 #include "load.h"
+#include "log.h"
 #include "user_mon.h"
 #include "waker.h"
 #include "zev.h"
 
 namespace {
 
-constexpr useconds_t kPassPause = 500;   // microseconds
-constexpr useconds_t kPausePoll = 100;   // microseconds
+constexpr useconds_t kPassPause = 500;  // microseconds
+constexpr useconds_t kPausePoll = 100;  // microseconds
 constexpr unsigned kOtherThreads = kPauseConsConn | kPauseUserConn | kPauseUserMon;
 constexpr timeval kSelectLimit = {2, 0};
 constexpr size_t kChunkSize = 1024;
@@ -90,7 +93,8 @@ void ReadConsole(ConsoleNode* cnode) {
   DispatchConsoleOutput(cnode, buf, length);
 }
 
-// ---- The steps of a pass --------------------------------------------------------------------------------
+// ---- The steps of a pass
+// --------------------------------------------------------------------------------
 
 constexpr char kLoop[] = "MonitorConsoleOutput";
 
@@ -110,7 +114,11 @@ void PauseOtherThreads() {
 
 void ReloadConfiguration() {
   const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, CallSite{kLoop, __LINE__});
-  if (ReloadConfigFile() != 0) zev_debug(kError, "%s: ReloadConfigFile() failed.\n", kLoop);
+  if (ReloadEventFiles() != 0) {
+    zev_debug(kError, "%s: ReloadEventFiles() failed.\n", kLoop);
+  } else if (ReloadConfigFile() != 0) {
+    zev_debug(kError, "%s: ReloadConfigFile() failed.\n", kLoop);
+  }
   CloseDisabledConsoleConnections();
 }
 
@@ -118,6 +126,7 @@ void Reload() {
   PauseOtherThreads();
   ReloadConfiguration();
   RefreshMappedPorts();
+  GetZevdArchIntFromConfFile();
   thread_waitreq_mask &= ~kOtherThreads;
 }
 
@@ -157,6 +166,13 @@ void MoveClosedConsoles() {
   MoveConsolesToList(a_cons_list, i_cons_list, MoveCriterion::kNotConnected);
 }
 
+void RotateLogs() {
+  const WriteLock lock(acl_lock, CallSite{kLoop, __LINE__});
+  CloseAllLogFiles();
+  ArchiveLogDir();
+  OpenAllLogFiles();
+}
+
 }  // namespace
 
 void MonitorConsoleOutput() {
@@ -170,6 +186,7 @@ void MonitorConsoleOutput() {
     DeleteMarked();
     RelayOutput(&fdset);
     if (AnyConsoleClosed()) MoveClosedConsoles();
+    if (LogDirExpired() != 0) RotateLogs();
   }
 }
 
@@ -203,6 +220,7 @@ void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count) {
   snprintf(text, sizeof text, "%.*s", count, buf);
   if (IsHiddenNotice(text)) return;
   BufferConsoleOutput(cnode, buf, count);
+  if (cnode->logging == 1) WriteLogFile(cnode, buf, count);
   SendConsoleOutputToUsers(cnode, buf, count);
 }
 
@@ -261,6 +279,24 @@ void CloseDisabledConsoleConnections() {
   }
 }
 
+void OpenAllLogFiles() {
+  ENTERING();
+  for (ConsoleNode* cnode : Nodes(*a_cons_list)) OpenLogFile(cnode);
+  OpenConsolidatedLogFile();
+}
+
+void CloseAllLogFiles() {
+  ENTERING();
+  for (ConsoleNode* cnode : Nodes(*a_cons_list)) CloseLogFile(cnode);
+  CloseConsolidatedLogFile();
+}
+
+void SetEventNodeToNULLForAllConsoles() {
+  ENTERING();
+  for (ConsoleNode* cnode : Nodes(*i_cons_list)) cnode->enode = nullptr;
+  for (ConsoleNode* cnode : Nodes(*a_cons_list)) cnode->enode = nullptr;
+}
+
 void FormatBanner(char* banner, size_t size, const char* message) {
   snprintf(banner, size, "%s\r\n\r\n%s%s\r\n\r\n%s\r\n\r\n%s%s\r\n\r\n", kBells, kStars, kStars,
            message, kStars, kStars);
@@ -310,6 +346,7 @@ void CleanUpClosedConnections() {
     cnode->status = kNotConnected;
     close(cnode->sock);
     cnode->sock = -1;
+    CloseLogFile(cnode);
   }
 }
 

@@ -11,7 +11,8 @@
 /// The loop; never returns.
 [[noreturn]] void MonitorConsoleOutput();
 
-// ---- Services for other threads; the caller holds the lock of the console's list -------------------
+// ---- Services for other threads; the caller holds the lock of the console's list
+// -------------------
 
 /// Size of the buffers in which messages to users are formatted; longer ones are cut.
 inline constexpr size_t kMessageBufferSize = 1024;
@@ -31,21 +32,29 @@ void CloseConsoleConnection(ConsoleNode* cnode);
 /// Sends the replay ring to one user who has just attached.
 void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode);
 
-// ---- The monitor's own steps ---------------------------------------------------------------------------
+// ---- The monitor's own steps
+// ---------------------------------------------------------------------------
 
-/// Waits for console output. 1 when some socket of the set is readable (the set then holds those), 0
-/// on time-out. Ends the process when select() fails.
+/// Waits for console output. 1 when some socket of the set is readable (the set then holds those),
+/// 0 on time-out. Ends the process when select() fails.
 int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset);
 
 /// Reads and hands on the output of every readable console.
 void ProcessConsoleOutput(const DescriptorSet& fdset) REQUIRES(acl_lock);
 
-/// Hands one chunk to ring and users, unless it is a notice that nobody shall see.
+/// Hands one chunk to ring, log and users, unless it is a notice that nobody shall see.
 void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count);
 
 void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes);
 void BufferConsoleOutput(ConsoleNode* cnode, const char* chars, int count);
 void CloseDisabledConsoleConnections() REQUIRES(acl_lock);
+
+/// The logs of every connected console, and the consolidated one.
+void OpenAllLogFiles() REQUIRES(acl_lock);
+void CloseAllLogFiles() REQUIRES(acl_lock);
+
+/// Before the event sets are freed.
+void SetEventNodeToNULLForAllConsoles() REQUIRES(acl_lock, icl_lock);
 
 namespace cons_mon {
 

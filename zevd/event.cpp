@@ -67,8 +67,7 @@ bool Succeeded(JixStatus status, const char* call) {
 }
 
 bool SetVariable(JixEvent* event, const char* name, const char* value) {
-  return name == nullptr ||
-         Succeeded(JixVarSet(event, name, JixTYPE_STRING, value), "JixVarSet()");
+  return name == nullptr || Succeeded(JixVarSet(event, name, JixTYPE_STRING, value), "JixVarSet()");
 }
 
 JixStatus PostWithOneRetry(const JixEvent* event) {

@@ -1,15 +1,165 @@
 #include "event_set.h"
 
+#include <dirent.h>
+
+#include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <new>
 
+#include "cons_mon.h"
 #include "error.h"
+#include "event.h"
+#include "paths.h"
+#include "zev.h"
 
-void InitEventSetList(EventSetList* event_sets, const char* list_name) {
+namespace {
+
+constexpr int kWarningPriority = 500;
+
+bool IsDirectoryItself(const char* name) {
+  return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+int LoadDirectory(DIR* directory, EventSetList* event_sets) {
+  for (const dirent* entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
+    if (IsDirectoryItself(entry->d_name)) continue;
+    if (LoadEventFile(entry->d_name, event_sets) != 0) {
+      zev_debug(kError, "%s: LoadEventFile() failed for file %s\n", "LoadEventFiles",
+                entry->d_name);
+      PostDaemonError("Warning: bad event file", kWarningPriority);
+      return -1;
+    }
+  }
+  return 0;
+}
+
+int AppendEventSet(const char* event_file, RegExList* re_list, EventSetList* event_sets) {
+  EventSetNode* enode = NewEventSetNode(event_file, re_list);
+  if (enode == nullptr) {
+    zev_debug(kError, "%s: NewEventSetNode() failed.\n", "LoadEventFile");
+    FreeRegExList(re_list);
+    return -1;
+  }
+  if (AddEventSetToList(enode, event_sets) != 0) {
+    zev_debug(kError, "%s: AddEventSetToList() failed.\n", "LoadEventFile");
+    FreeEventSetNode(enode);
+    return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+EventSetNode* NewEventSetNode(const char* name, RegExList* re_list) {
   ENTERING();
-  InitList(*event_sets, list_name);
+  auto* enode = new (std::nothrow) EventSetNode{};
+  if (enode == nullptr) {
+    ReportOutOfMemory(__func__);
+    return nullptr;
+  }
+  CopyText(enode->name, name);
+  enode->re_list = re_list;
+  return enode;
+}
+
+void FreeEventSetNode(EventSetNode* enode) {
+  ENTERING();
+  FreeRegExList(enode->re_list);
+  delete enode;
+}
+
+EventSetList* NewEventSetList(const char* list_name) {
+  ENTERING();
+  auto* list = new (std::nothrow) EventSetList;
+  if (list == nullptr) {
+    ReportOutOfMemory(__func__);
+    return nullptr;
+  }
+  InitEventSetList(list, list_name);
+  return list;
+}
+
+void InitEventSetList(EventSetList* list, const char* list_name) {
+  ENTERING();
+  InitList(*list, list_name);
+}
+
+int AddEventSetToList(EventSetNode* enode, EventSetList* list) {
+  ENTERING();
+  EventSetListElem* elem = NewElement<EventSetList>(enode);
+  if (elem == nullptr) {
+    ReportOutOfMemory(__func__);
+    return -1;
+  }
+  LinkAtTail(*list, elem);
+  return 0;
+}
+
+int RemoveEventSetFromList(EventSetNode* enode, EventSetList* list) {
+  ENTERING();
+  EventSetListElem* elem = FindElement(*list, enode);
+  if (elem == nullptr) {
+    zev_debug(kError, "%s: enode not found in %s\n", __func__, list->list_name);
+    TERMINATE(kInternalError);
+  }
+  Unlink(*list, elem);
+  return 0;
+}
+
+void EmptyEventSetList(EventSetList* list) {
+  ENTERING();
+  for (EventSetNode* enode : Nodes(*list)) {
+    RemoveEventSetFromList(enode, list);
+    FreeEventSetNode(enode);
+  }
+}
+
+void FreeEventSetList(EventSetList* list) {
+  ENTERING();
+  EmptyEventSetList(list);
+  FreeListRecord(list);
+}
+
+int LoadEventFiles(EventSetList* event_sets) {
+  ENTERING();
+  DIR* directory = opendir(kEventsDir);
+  if (directory == nullptr) {
+    zev_debug(kError, "%s: opendir( %s ) failed: %s\n", __func__, kEventsDir, strerror(errno));
+    PostDaemonError("events directory not found", kErrorPriority);
+    return -1;
+  }
+  const int result = LoadDirectory(directory, event_sets);
+  closedir(directory);
+  return result;
+}
+
+int LoadEventFile(const char* event_file, EventSetList* event_sets) {
+  ENTERING();
+  RegExList* re_list = NewRegExList("re_list");
+  if (re_list == nullptr) return -1;
+  char path[kEventPathSize];
+  snprintf(path, sizeof path, "%s/%s", kEventsDir, event_file);
+  if (ParseRegExFile(path, re_list) != 0) {
+    FreeRegExList(re_list);
+    return -1;
+  }
+  return AppendEventSet(event_file, re_list, event_sets);
+}
+
+int ReloadEventFiles() {
+  ENTERING();
+  SetEventNodeToNULLForAllConsoles();
+  EmptyEventSetList(ev_list);
+  if (LoadEventFiles(ev_list) != 0) {
+    zev_debug(kError, "%s: LoadEventFiles() failed.\n", __func__);
+    return -1;
+  }
+  return 0;
 }
 
 EventSetNode* FindEventNode(const char* name, const EventSetList* event_sets) {
   ENTERING();
-  return FindNode(*event_sets, [&](const EventSetNode& set) { return strcmp(set.name, name) == 0; });
+  return FindNode(*event_sets,
+                  [&](const EventSetNode& enode) { return strcmp(enode.name, name) == 0; });
 }

@@ -36,7 +36,9 @@ struct SocketList : List<Elem, kNode> {
 };
 
 template <typename L>
-concept HasSockets = requires(L& list) { list.fdset; };
+concept HasSockets = requires(L& list) {
+  list.fdset;
+};
 
 /// The node of an element, whatever its member is called.
 template <typename L>

@@ -45,18 +45,10 @@ struct FieldRow {
 };
 
 constexpr FieldRow kFields[kFieldCount] = {
-    {" ", nullptr},
-    {" ", "IP address"},
-    {" ", "console port"},
-    {" ", "management port"},
-    {" ", "user port"},
-    {" ", "model number"},
-    {" ", "platform name"},
-    {"\"", "OS type"},
-    {" ", "logging flag"},
-    {" ", "events flag"},
-    {" ", "enable flag"},
-    {" ", "authentication flag"},
+    {" ", nullptr},           {" ", "IP address"},  {" ", "console port"},
+    {" ", "management port"}, {" ", "user port"},   {" ", "model number"},
+    {" ", "platform name"},   {"\"", "OS type"},    {" ", "logging flag"},
+    {" ", "events flag"},     {" ", "enable flag"}, {" ", "authentication flag"},
     {" ", "event file name"},
 };
 

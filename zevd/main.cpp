@@ -5,12 +5,15 @@
 #include <csignal>
 #include <cstdio>
 
+#include "archive_time.h"
 #include "cons_mon.h"
 #include "error.h"
 #include "event.h"
+#include "event_set.h"
 #include "fixed_text.h"
 #include "load.h"
 #include "lock_file.h"
+#include "log.h"
 #include "paths.h"
 #include "zev.h"
 #include "zev_signal.h"
@@ -35,8 +38,14 @@ void ArrangeSignals() {
 }
 
 void LoadConfiguration() NO_THREAD_SAFETY_ANALYSIS {  // no other thread exists yet
+  LoadEventFiles(ev_list);
   LoadConfigFile(i_cons_list);
   LoadModels(&model_list);
+}
+
+void OpenLogs() {
+  if (LogDirExpired() != 0) ArchiveLogDir();
+  OpenConsolidatedLogFile();
 }
 
 void CreateWorkerThreads() {
@@ -54,12 +63,14 @@ int main(int argc, char** argv) {
   progname = argv[0];
   umask(007);  // nothing at all for others on any file the daemon creates
   GetCommandLineOptions(argc, argv);
+  GetZevdArchIntFromConfFile();
   if (Lock() != 0) RefuseSecondInstance();
   if (foreground == 0) RunAsDaemon();
   ConnectToJix();
   Initialize();
   ArrangeSignals();
   LoadConfiguration();
+  OpenLogs();
   CreateWorkerThreads();
   MonitorConsoleOutput();
 }

@@ -30,9 +30,9 @@ MappedPortNode* FindPort(const MappedPortList* list, uint16_t port) {
   return FindNode(*list, [&](const MappedPortNode& mpnode) { return mpnode.port == port; });
 }
 
-// A port is dropped and its threads are cancelled under the one mutex. A thread that no longer finds
-// itself there has therefore been cancelled already, and ends here; any other way of getting here
-// is an inconsistency of ours. Called without the mutex.
+// A port is dropped and its threads are cancelled under the one mutex. A thread that no longer
+// finds itself there has therefore been cancelled already, and ends here; any other way of getting
+// here is an inconsistency of ours. Called without the mutex.
 void EndIfCancelled() {
   int state = PTHREAD_CANCEL_DISABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);

@@ -52,8 +52,9 @@ struct MappedPortListElem {
 
 using MappedPortList = SocketList<MappedPortListElem, &MappedPortListElem::mpnode>;
 
-// ---- Records and lists -----------------------------------------------------------------------------
-// Allocation failures set u_err_msg to error 013, are reported, and give null.
+// ---- Records and lists
+// ----------------------------------------------------------------------------- Allocation failures
+// set u_err_msg to error 013, are reported, and give null.
 
 MappedPortNode* NewMappedPortNode(int sock, uint16_t port);
 MappedPortListElem* NewMappedPortListElem(MappedPortNode* mpnode);
@@ -77,10 +78,11 @@ void FreeMappedPortList(MappedPortList* list) REQUIRES(pending_logins_mutex);
 /// Frees the node; does not close its socket.
 void FreeMappedPortNode(MappedPortNode* mpnode);
 
-// ---- Pending logins; a port or thread that is not known ends the process ---------------------------
+// ---- Pending logins; a port or thread that is not known ends the process
+// ---------------------------
 
-/// Counts the calling serv_conn thread `tid` on `port`. 0, or -1 with u_err_msg set when there is no
-/// memory to remember it.
+/// Counts the calling serv_conn thread `tid` on `port`. 0, or -1 with u_err_msg set when there is
+/// no memory to remember it.
 int IncrementPendingLogins(MappedPortList* list, uint16_t port, pthread_t tid)
     EXCLUDES(pending_logins_mutex);
 

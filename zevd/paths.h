@@ -8,7 +8,10 @@ inline constexpr char kQorRoot[] = QOR_ROOT;
 inline constexpr char kConfigFile[] = QOR_ROOT "/config/zev.conf";
 inline constexpr char kModelsFile[] = QOR_ROOT "/config/models";
 inline constexpr char kLockFile[] = QOR_ROOT "/config/zev.lock";
+inline constexpr char kSuiteConfigFile[] = QOR_ROOT "/config/qor.conf";
+inline constexpr char kEventsDir[] = QOR_ROOT "/events";
 inline constexpr char kLogDir[] = QOR_ROOT "/logs";
 
 /// Size of the buffers in which paths are built, terminator included; longer paths are cut.
 inline constexpr size_t kPathSize = 4097;
+inline constexpr size_t kEventPathSize = 4096;

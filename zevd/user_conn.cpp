@@ -35,7 +35,8 @@
 #include "zev.h"
 #include "zev_signal.h"
 
-// ---- Errors and modes --------------------------------------------------------------------------------
+// ---- Errors and modes
+// --------------------------------------------------------------------------------
 
 thread_local const char* u_err_msg = nullptr;
 
@@ -102,7 +103,8 @@ const char* ModeNumToName(int mode) {
   return "??";
 }
 
-// ---- Records and lists ---------------------------------------------------------------------------------
+// ---- Records and lists
+// ---------------------------------------------------------------------------------
 
 namespace {
 
@@ -205,7 +207,8 @@ bool IsUserInUserList(const UserNode* unode, const UserList* list) {
   return list != nullptr && FindElement(*list, unode) != nullptr;
 }
 
-// ---- Attaching ---------------------------------------------------------------------------------------------
+// ---- Attaching
+// ---------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -243,9 +246,8 @@ int RefuseInaccessible(const char* console_name) {
 
 // Tells the revocable holder who takes the console over, and marks it for closing.
 void RevokeHolder(const ConsoleNode* cnode, const NewUser& user) {
-  UserNode* holder = FindNode(*cnode->user_list, [](const UserNode& unode) {
-    return unode.mode == kExclusiveRevocable;
-  });
+  UserNode* holder = FindNode(
+      *cnode->user_list, [](const UserNode& unode) { return unode.mode == kExclusiveRevocable; });
   char line[kMessageBufferSize];
   char banner[kMessageBufferSize];
   snprintf(line, sizeof line, "Your session has been terminated by %s@%s", user.user_name,
@@ -353,9 +355,8 @@ int CanGrantExclAccess(const ConsoleNode* cnode) {
 
 int HasExclRevokeConn(const ConsoleNode* cnode) {
   ENTERING();
-  const UserNode* holder = FindNode(*cnode->user_list, [](const UserNode& unode) {
-    return unode.mode == kExclusiveRevocable;
-  });
+  const UserNode* holder = FindNode(
+      *cnode->user_list, [](const UserNode& unode) { return unode.mode == kExclusiveRevocable; });
   return holder == nullptr ? 0 : 1;
 }
 
@@ -366,7 +367,8 @@ bool IsLockedExclusively(const ConsoleNode* cnode) {
   return first != nullptr && first->unode->mode == kExclusive;
 }
 
-// ---- The argument line -----------------------------------------------------------------------------------
+// ---- The argument line
+// -----------------------------------------------------------------------------------
 
 namespace {
 
@@ -458,7 +460,8 @@ void SetTelnetOptions(int sock) {
   for (const auto& offer : kOffers) send(sock, offer, sizeof offer, 0);
 }
 
-// ---- The listening thread ------------------------------------------------------------------------------
+// ---- The listening thread
+// ------------------------------------------------------------------------------
 
 namespace {
 
@@ -547,8 +550,7 @@ void AcceptOn(const MappedPortNode* mpnode) {
   constexpr char kFunction[] = "AcceptConnectionRequests";
   sockaddr_in peer{};
   socklen_t length = sizeof peer;
-  const int sock =
-      accept4(mpnode->sock, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+  const int sock = accept4(mpnode->sock, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
   if (sock == -1) {
     zev_debug(kError, "%s: accept() failed : %s\n", kFunction, strerror(errno));
     TERMINATE(kTerminated);
@@ -622,7 +624,8 @@ int ConfigurePort(uint16_t port) {
 void CleanUpStalePorts() {
   ENTERING();
   for (MappedPortNode* mpnode : Nodes(*mapped_port_list)) {
-    if (mpnode->port == user_port || GetConsoleNodeFromMappedPort(mpnode->port) != nullptr) continue;
+    if (mpnode->port == user_port || GetConsoleNodeFromMappedPort(mpnode->port) != nullptr)
+      continue;
     DropPort(mpnode);
   }
 }
@@ -695,7 +698,8 @@ void AcceptConnectionRequests(const DescriptorSet* fdset) {
   }
 }
 
-// ---- The service thread ----------------------------------------------------------------------------------
+// ---- The service thread
+// ----------------------------------------------------------------------------------
 
 namespace {
 
@@ -779,7 +783,8 @@ int PrepareConnection(Connection& connection) {
 
 void SendGreeting(int sock, const char* cons_name) {
   char greeting[kMessageBufferSize];
-  snprintf(greeting, sizeof greeting, "Connected to console \"%s\" in shared mode.\r\n\n", cons_name);
+  snprintf(greeting, sizeof greeting, "Connected to console \"%s\" in shared mode.\r\n\n",
+           cons_name);
   send(sock, greeting, strlen(greeting), 0);
 }
 

@@ -36,7 +36,8 @@ struct UserNode {
   int send_error;  ///< why sending to the console failed, 0 when it did not; under ul_lock
 };
 
-// ---- Errors that users are told ---------------------------------------------------------------------
+// ---- Errors that users are told
+// ---------------------------------------------------------------------
 
 enum UserError : int {
   kAuthenticationFailed = 1,
@@ -59,8 +60,8 @@ enum UserError : int {
 
 inline constexpr int kUserErrorCount = 16;
 
-/// Why the connection that the calling thread is busy with is refused; null for no reason. Set where
-/// something fails, sent by the code that closes the connection.
+/// Why the connection that the calling thread is busy with is refused; null for no reason. Set
+/// where something fails, sent by the code that closes the connection.
 extern thread_local const char* u_err_msg;
 
 /// The text of an error: "NNN - text\r\n".
@@ -73,7 +74,8 @@ void SendErrorToUser(int sock, const char* err_msg);
 /// "read-only", "shared" or "exclusive"; every other mode, revocable included, is "??".
 const char* ModeNumToName(int mode);
 
-// ---- Records and lists --------------------------------------------------------------------------------
+// ---- Records and lists
+// --------------------------------------------------------------------------------
 
 /// A record for a user who is attached, counted in the console's ref_count; the caller holds
 /// acl_lock. Null, with u_err_msg set, when out of memory.
@@ -93,12 +95,15 @@ int AddUserToList(UserNode* unode, UserList* list);
 int RemoveUserFromList(UserNode* unode, UserList* list);
 bool IsUserInUserList(const UserNode* unode, const UserList* list);
 
-// ---- Attaching -----------------------------------------------------------------------------------------
+// ---- Attaching
+// -----------------------------------------------------------------------------------------
 
-/// Attaches the connection to the console, greets its telnet client and replays recent output. 0, or
-/// -1 with u_err_msg set; the caller then closes the socket. After 0 the socket is the monitors'.
+/// Attaches the connection to the console, greets its telnet client and replays recent output. 0,
+/// or -1 with u_err_msg set; the caller then closes the socket. After 0 the socket is the
+/// monitors'.
 int ConnectUserToConsole(int user_sock, const char* user_name, const char* ipaddr,
-                         const char* console_name, uint16_t mode) EXCLUDES(acl_lock, icl_lock, ul_lock);
+                         const char* console_name, uint16_t mode)
+    EXCLUDES(acl_lock, icl_lock, ul_lock);
 
 /// 0 when some user of the console holds mode 2 or 3, else 1. Caller holds the console's list lock.
 int CanGrantExclAccess(const ConsoleNode* cnode);
@@ -109,7 +114,8 @@ int HasExclRevokeConn(const ConsoleNode* cnode);
 /// True when the first user of the console, and only the first, holds mode 3. Caller as above.
 bool IsLockedExclusively(const ConsoleNode* cnode);
 
-// ---- The argument line ---------------------------------------------------------------------------------
+// ---- The argument line
+// ---------------------------------------------------------------------------------
 
 inline constexpr size_t kCookieSize = 17;
 
@@ -130,7 +136,8 @@ int ParseConsoleArgs(char* buf, ConsoleArgs* args);
 /// (RFC 857, RFC 858).
 void SetTelnetOptions(int sock);
 
-// ---- The listening thread; everything but RefreshMappedPorts() is its own ---------------------------------
+// ---- The listening thread; everything but RefreshMappedPorts() is its own
+// ---------------------------------
 
 void* UserConnectionsThreadStart(void* unused);
 
@@ -151,7 +158,8 @@ int ListenOnPort(uint16_t port);
 int CheckForConnectionRequests(int high_sock, DescriptorSet* fdset);
 void AcceptConnectionRequests(const DescriptorSet* fdset);
 
-// ---- The service thread ------------------------------------------------------------------------------------
+// ---- The service thread
+// ------------------------------------------------------------------------------------
 
 /// Handed to a serv_conn thread, which frees it.
 struct ServiceReqThreadParams {

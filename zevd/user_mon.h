@@ -7,10 +7,12 @@
 
 void* UserMonitorThreadStart(void* unused);
 
-/// Marks one user for removal and wakes the monitor, which does the rest. Any thread; takes no lock.
+/// Marks one user for removal and wakes the monitor, which does the rest. Any thread; takes no
+/// lock.
 void CloseUserConnection(UserNode* unode);
 
-// ---- The monitor's own steps ---------------------------------------------------------------------------
+// ---- The monitor's own steps
+// ---------------------------------------------------------------------------
 
 [[noreturn]] void MonitorUserInput();
 

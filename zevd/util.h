@@ -28,8 +28,8 @@ int ReadLineWithTimeout(int sock, char* buf, int size, time_t wait_time);
 int ReadLine(int sock, char* buf, int size);
 
 /// Reads a line byte by byte, editing and echoing as a terminal does; `echo` 0 hides what is typed.
-/// When telnet commands arrive in place of a line, `buf` holds those and begins with 255. Results as
-/// ReadLineWithTimeout().
+/// When telnet commands arrive in place of a line, `buf` holds those and begins with 255. Results
+/// as ReadLineWithTimeout().
 int ReadCharAtATimeWithTimeout(int sock, char* buf, int size, int echo, time_t wait_time);
 
 /// Reads the run of telnet commands (RFC 854) that the peer has sent, at most `size` - 1 bytes, and

@@ -1,0 +1,385 @@
+#include "log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+#include "error.h"
+#include "event.h"
+#include "event_set.h"
+#include "paths.h"
+#include "reg_expr.h"
+#include "timestamp.h"
+#include "user_conn.h"
+#include "zev.h"
+
+namespace {
+
+constexpr char kDatedDir[] = "/zev.dated";
+constexpr char kCurrentDir[] = "/zev.dated/current";
+constexpr mode_t kDirMode = 0770;
+constexpr mode_t kLogMode = 0660;
+constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
+constexpr int kTelnetCommandLength = 3;
+
+/// Opened at start-up, then only by the rotation, with acl_lock held.
+int consolidated_log_fd = -1;
+
+/// The directories and the link, which two threads may find missing at once.
+std::mutex directory_mutex;
+
+/// Change time of the current dated directory, 0 when not yet known.
+std::atomic<time_t> log_dir_creation_time{0};
+
+// ---- Paths and ownership
+// --------------------------------------------------------------------------
+
+/// A path below the log directory. The slash that the second part begins with is kept, doubled.
+struct LogPath {
+  char text[kPathSize];
+  explicit LogPath(const char* second) { snprintf(text, sizeof text, "%s/%s", log_dir, second); }
+  LogPath(const char* second, const char* third) {
+    snprintf(text, sizeof text, "%s/%s/%s", log_dir, second, third);
+  }
+};
+
+bool Exists(const char* path) {
+  struct stat info {};
+  return stat(path, &info) == 0;
+}
+
+// Gives `path` the group of the station's root, when that can be examined. 0, or -1 with errno set.
+int GiveStationGroup(const char* path) {
+  struct stat root {};
+  if (stat(kQorRoot, &root) != 0) return 0;
+  return chown(path, kSameOwner, root.st_gid);
+}
+
+// Both messages end the process; they speak of a cookie file, and whoever filters the events
+// relies on that.
+void SetUpNewLog(const char* path) {
+  constexpr char kFunction[] = "OpenLogFile";
+  if (!Exists(kQorRoot)) return;
+  if (GiveStationGroup(path) != 0) {
+    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kFunction, path, strerror(errno));
+    TERMINATE("Terminated: Cannot chown cookie file");
+  }
+  if (chmod(path, kLogMode) != 0) {
+    zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", kFunction, path, strerror(errno));
+    TERMINATE("Terminated: Cannot chmod cookie file");
+  }
+}
+
+int EnsureDirectories() {
+  const std::lock_guard lock(directory_mutex);
+  if (ZevDatedDirExists() == 0 && CreateZevDatedDir() != 0) return -1;
+  if (SymlinkToCurrDirExists() == 0 && CreateSymlinkToCurrDir() != 0) return -1;
+  return 0;
+}
+
+// The descriptor, or -1.
+int OpenForAppending(const char* function, const char* path, mode_t mode, bool* is_new) {
+  *is_new = !Exists(path);
+  const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, mode);
+  if (fd == -1) {
+    zev_debug(kError, "%s: open() failed for \"%s\" : %s\n", function, path, strerror(errno));
+    return -1;
+  }
+  zev_debug(kInfo, "%s: opened %s\n", function, path);
+  return fd;
+}
+
+// ---- Records
+// -----------------------------------------------------------------------------------------
+
+/// Writes the parts of a record in one call, so that a record is whole or not there whatever ends
+/// the process meanwhile. False when it was written short.
+bool WriteRecord(int fd, const char* before, const char* buf, int count) {
+  char stamp[80];
+  const size_t stamp_length = GetTimeStamp(stamp, sizeof stamp);
+  const size_t length = static_cast<size_t>(count);
+  const iovec parts[] = {{stamp, stamp_length},
+                         {const_cast<char*>(before), strlen(before)},
+                         {const_cast<char*>(buf), length}};
+  const auto whole = static_cast<ssize_t>(stamp_length + strlen(before) + length);
+  const ssize_t written = writev(fd, parts, 3);
+  if (written < 0 || written == whole) return written == whole;
+  // A disk that fills up in the middle of a record: the piece is taken back.
+  if (ftruncate(fd, lseek(fd, 0, SEEK_CUR) - written) != 0) return false;
+  errno = ENOSPC;
+  return false;
+}
+
+void PostMatch(ConsoleNode* cnode, const char* buf, int count) {
+  constexpr size_t kTextSize = 8192;
+  const RegExList* patterns = cnode->enode == nullptr ? nullptr : cnode->enode->re_list;
+  char* pattern = nullptr;
+  int priority = 0;
+  if (MatchPattern(buf, count, patterns, &pattern, &priority) == 0) return;
+  char text[kTextSize];
+  snprintf(text, sizeof text, "%.*s", count, buf);
+  zev_debug(kInfo, "%s: Matched pattern \"%s\" in string \"%s\".\n", "WriteBuffer", pattern, text);
+  PostJixEvent("qor.zevd.console", "name", cnode->cname, "message", text, priority);
+  free(pattern);
+}
+
+bool IsLineEnd(char byte) {
+  return byte == '\n' || byte == '\r';
+}
+
+bool HoldsLine(const LogBuffer& log_buf) {
+  return GetNewlineIndex(log_buf.buf, 0, log_buf.count) != -1;
+}
+
+// Writes what the full or line-holding buffer has to give. A full buffer without a line end goes
+// out as one record.
+int WriteReady(ConsoleNode* cnode) {
+  if (HoldsLine(cnode->log_buf)) return WriteLines(cnode);
+  return cnode->log_buf.count == kLogBufferSize ? FlushBuffer(cnode) : 0;
+}
+
+}  // namespace
+
+// ---- Logs
+// ------------------------------------------------------------------------------------------------
+
+int OpenLogFile(ConsoleNode* cnode) {
+  ENTERING();
+  if (EnsureDirectories() != 0) return -1;
+  char file_name[kNameSize + 4];
+  snprintf(file_name, sizeof file_name, "%s.log", cnode->cname);
+  const LogPath path(kCurrentDir, file_name);
+  bool is_new = false;
+  cnode->log_fd = OpenForAppending(__func__, path.text, 0770, &is_new);
+  if (cnode->log_fd == -1) return -1;
+  if (is_new) SetUpNewLog(path.text);
+  return 0;
+}
+
+int OpenConsolidatedLogFile() {
+  ENTERING();
+  if (EnsureDirectories() != 0) return -1;
+  const LogPath path(kCurrentDir, "consolidated.log");
+  bool is_new = false;
+  consolidated_log_fd = OpenForAppending(__func__, path.text, kLogMode, &is_new);
+  if (consolidated_log_fd == -1) return -1;
+  if (is_new && GiveStationGroup(path.text) != 0) {
+    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", __func__, path.text, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int WriteLogFile(ConsoleNode* cnode, const char* chars, int count) {
+  ENTERING();
+  if (cnode->log_fd == -1) {
+    zev_debug(kError, "%s: Log file for %s has not been opened.\n", __func__, cnode->cname);
+    return -1;
+  }
+  char filtered[kLogBufferSize];
+  if (suppress_cr != 0) {
+    RemoveCRsAndNULLs(chars, filtered, &count);
+  } else {
+    RemoveNULLs(chars, filtered, &count);
+  }
+  LogBuffer& log_buf = cnode->log_buf;
+  int result = 0;
+  for (int taken = 0; taken < count;) {
+    const int part = std::min(count - taken, kLogBufferSize - log_buf.count);
+    memcpy(log_buf.buf + log_buf.count, filtered + taken, static_cast<size_t>(part));
+    log_buf.count += part;
+    taken += part;
+    // A record that cannot be written is lost alone; what follows it is still tried.
+    const bool full_with_more = log_buf.count == kLogBufferSize && taken < count;
+    if ((HoldsLine(log_buf) || full_with_more) && WriteReady(cnode) != 0) result = -1;
+  }
+  return result;
+}
+
+int WriteLines(ConsoleNode* cnode) {
+  ENTERING();
+  LogBuffer& log_buf = cnode->log_buf;
+  int result = 0;
+  int start = 0;
+  for (int end = GetNewlineIndex(log_buf.buf, start, log_buf.count); end != -1;
+       end = GetNewlineIndex(log_buf.buf, start, log_buf.count)) {
+    if (WriteBuffer(cnode, log_buf.buf + start, end - start + 1) != 0) result = -1;
+    start = end + 1;
+  }
+  std::copy(log_buf.buf + start, log_buf.buf + log_buf.count, log_buf.buf);
+  log_buf.count -= start;
+  return result;
+}
+
+int WriteBuffer(ConsoleNode* cnode, const char* buf, int count) {
+  ENTERING();
+  if (cnode->log_fd == -1) return -1;
+  const UserListElem* first_user = cnode->user_list->head;
+  if (cnode->events == 1 && first_user == nullptr) PostMatch(cnode, buf, count);
+  if (first_user != nullptr && first_user->unode->mode == kExclusiveRevocable) return 0;
+  if (!WriteRecord(cnode->log_fd, " ", buf, count)) {
+    zev_debug(kError, "%s: write() failed for console \"%s\" : %s\n", __func__, cnode->cname,
+              strerror(errno));
+    return -1;
+  }
+  if (consolidated_log_fd == -1) return -1;
+  // The consolidated log receives only what nobody was watching.
+  if (first_user != nullptr) return 0;
+  char name[kNameSize + 2];
+  snprintf(name, sizeof name, " %s ", cnode->cname);
+  if (!WriteRecord(consolidated_log_fd, name, buf, count)) {
+    zev_debug(kError, "%s: write() failed for \"consolidated.log\" : %s\n", __func__,
+              strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int FlushBuffer(ConsoleNode* cnode) {
+  ENTERING();
+  const int count = cnode->log_buf.count;
+  cnode->log_buf.count = 0;
+  return WriteBuffer(cnode, cnode->log_buf.buf, count);
+}
+
+int GetNewlineIndex(const char* buf, int pos, int count) {
+  if (pos >= count) return -1;
+  const char* end = buf + count;
+  const char* found = std::find_if(buf + pos, end, IsLineEnd);
+  return found == end ? -1 : static_cast<int>(found - buf);
+}
+
+void RemoveCRsAndNULLs(const char* inbuf, char* outbuf, int* count) {
+  ENTERING();
+  int copied = 0;
+  for (int i = 0; i < *count; ++i) {
+    const auto byte = static_cast<unsigned char>(inbuf[i]);
+    if (byte == 255) {
+      i += kTelnetCommandLength - 1;  // may lead past the end of the chunk, which ends the loop
+    } else if (byte != '\r' && byte != '\0') {
+      outbuf[copied++] = inbuf[i];
+    }
+  }
+  *count = copied;
+}
+
+void RemoveNULLs(const char* inbuf, char* outbuf, int* count) {
+  ENTERING();
+  const char* end = std::remove_copy(inbuf, inbuf + *count, outbuf, '\0');
+  *count = static_cast<int>(end - outbuf);
+}
+
+void CloseLogFile(ConsoleNode* cnode) {
+  ENTERING();
+  if (cnode->log_fd == -1) return;
+  LogBuffer& log_buf = cnode->log_buf;
+  if (log_buf.count > 0) {
+    const char last = log_buf.buf[log_buf.count - 1];
+    FlushBuffer(cnode);
+    if (!IsLineEnd(last)) WriteLogFile(cnode, "\n", 1);
+  }
+  close(cnode->log_fd);
+  cnode->log_fd = -1;
+}
+
+void CloseConsolidatedLogFile() {
+  ENTERING();
+  if (consolidated_log_fd == -1) return;
+  close(consolidated_log_fd);
+  consolidated_log_fd = -1;
+}
+
+// ---- Directories
+// -------------------------------------------------------------------------------------------
+
+int LogDirExpired() {
+  ENTERING();
+  if (log_dir_creation_time == 0) {
+    struct stat current {};
+    if (stat(LogPath(kCurrentDir).text, &current) != 0) return 0;
+    log_dir_creation_time = current.st_ctime;
+  }
+  return time(nullptr) - log_dir_creation_time >= log_archive_time ? 1 : 0;
+}
+
+void ArchiveLogDir() {
+  ENTERING();
+  zev_debug(kInfo, "%s: Archiving log directory\n", __func__);
+  const std::lock_guard lock(directory_mutex);
+  RemoveSymlinkToCurrDir();
+  CreateSymlinkToCurrDir();
+}
+
+void RemoveSymlinkToCurrDir() {
+  ENTERING();
+  if (unlink(LogPath(kCurrentDir).text) != 0) {
+    zev_debug(kError, "%s: unlink() failed : %s\n", __func__, strerror(errno));
+  }
+}
+
+void GetNewDirName(char* dirname, size_t size) {
+  ENTERING();
+  char name[80];
+  FormatLocalTime(name, sizeof name, "%d-%b-%H:%M");
+  snprintf(dirname, size, "%s/%s/%s", log_dir, kDatedDir, name);
+}
+
+int ZevDatedDirExists() {
+  ENTERING();
+  return Exists(LogPath(kDatedDir).text) ? 1 : 0;
+}
+
+int CreateZevDatedDir() {
+  ENTERING();
+  const LogPath path(kDatedDir);
+  if (mkdir(path.text, kDirMode) != 0 && errno != EEXIST) {
+    zev_debug(kError, "%s: mkdir( %s, ...) failed : %s\n", __func__, path.text, strerror(errno));
+    return -1;
+  }
+  if (GiveStationGroup(path.text) != 0) {
+    zev_debug(kError, "%s: chown failed : %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  return 0;
+}
+
+int SymlinkToCurrDirExists() {
+  ENTERING();
+  const LogPath path(kCurrentDir);
+  struct stat link {};
+  return lstat(path.text, &link) == 0 && Exists(path.text) ? 1 : 0;
+}
+
+int CreateSymlinkToCurrDir() {
+  ENTERING();
+  const LogPath link(kCurrentDir);
+  unlink(link.text);
+  char dirname[kPathSize];
+  GetNewDirName(dirname, sizeof dirname);
+  // A second rotation within the minute uses the same directory again.
+  if (mkdir(dirname, kDirMode) != 0 && errno != EEXIST) {
+    zev_debug(kError, "%s: mkdir( %s, ...) failed : %s\n", __func__, dirname, strerror(errno));
+    return -1;
+  }
+  struct stat created {};
+  if (stat(dirname, &created) == 0) log_dir_creation_time = created.st_ctime;
+  if (symlink(dirname, link.text) != 0) {
+    zev_debug(kError, "%s: symlink failed : %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  if (GiveStationGroup(dirname) != 0) {
+    zev_debug(kError, "%s: chown failed : %s\n", __func__, strerror(errno));
+    return -1;
+  }
+  return 0;
+}

@@ -1,0 +1,217 @@
+#include "reg_expr.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "error.h"
+
+namespace {
+
+constexpr size_t kTextSize = 8192;
+constexpr char kParse[] = "ParseRegExFile";
+constexpr char kWordEnds[] = " \n\r";
+constexpr char kLineEnds[] = "\n\r";
+
+/// The fields of one pattern line, within the line.
+struct PatternLine {
+  const char* name;
+  const char* priority;
+  const char* case_indicator;
+  const char* pattern;
+};
+
+/// How each field after the name ends and what it is called when it is missing.
+struct FieldRow {
+  const char* PatternLine::*field;
+  const char* ends;
+  const char* title;
+};
+
+constexpr FieldRow kFields[] = {
+    {&PatternLine::priority, kWordEnds, "Priority"},
+    {&PatternLine::case_indicator, kWordEnds, "Case indicator"},
+    {&PatternLine::pattern, kLineEnds, "Pattern"},
+};
+
+// Splits a line in place. False when it is blank or malformed.
+bool SplitLine(char* line, int line_number, const char* filename, PatternLine* fields) {
+  char* rest = nullptr;
+  fields->name = strtok_r(line, kWordEnds, &rest);
+  if (fields->name == nullptr) return false;
+  for (const FieldRow& row : kFields) {
+    fields->*row.field = strtok_r(nullptr, row.ends, &rest);
+    if (fields->*row.field == nullptr) {
+      zev_debug(kError, "%s: %s missing in line %d of %s\n", kParse, row.title, line_number,
+                filename);
+      return false;
+    }
+  }
+  return true;
+}
+
+void FreeCompiled(regex_t* comp_regex) {
+  regfree(comp_regex);
+  delete comp_regex;
+}
+
+// 0, or -1 when the expression is bad; the reason is reported.
+int Compile(const PatternLine& fields, regex_t* comp_regex) {
+  const bool any_case = strcmp(fields.case_indicator, "0") == 0;
+  const int error = regcomp(comp_regex, fields.pattern, REG_EXTENDED | (any_case ? REG_ICASE : 0));
+  if (error == 0) return 0;
+  char reason[kTextSize];
+  regerror(error, comp_regex, reason, sizeof reason);
+  zev_debug(kError, "%s: regcomp() failed for pattern %s : %s\n", kParse, fields.pattern, reason);
+  return -1;
+}
+
+int AppendPattern(const PatternLine& fields, regex_t* comp_regex, RegExList* regex_list) {
+  RegExNode* node = NewRegExNode(fields.name, atoi(fields.priority), atoi(fields.case_indicator),
+                                 fields.pattern, comp_regex);
+  if (node == nullptr) {
+    zev_debug(kError, "%s: NewRegExNode() failed.\n", kParse);
+    FreeCompiled(comp_regex);
+    return -1;
+  }
+  if (AddRegExToList(node, regex_list) != 0) {
+    zev_debug(kError, "%s: AddRegExToList() failed.\n", kParse);
+    FreeRegExNode(node);
+    return -1;
+  }
+  return 0;
+}
+
+// 0, also for an expression that does not compile, or -1 when memory runs out.
+int AddPatternLine(const PatternLine& fields, RegExList* regex_list) {
+  auto* comp_regex = new (std::nothrow) regex_t;
+  if (comp_regex == nullptr) {
+    ReportOutOfMemory(kParse);
+    return -1;
+  }
+  if (Compile(fields, comp_regex) != 0) {
+    delete comp_regex;
+    return 0;
+  }
+  return AppendPattern(fields, comp_regex, regex_list);
+}
+
+int ParseLines(FILE* file, const char* filename, RegExList* regex_list) {
+  char line[kTextSize];
+  for (int line_number = 1; fgets(line, sizeof line, file) != nullptr; ++line_number) {
+    PatternLine fields{};
+    if (!SplitLine(line, line_number, filename, &fields)) continue;
+    if (AddPatternLine(fields, regex_list) != 0) return -1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+RegExNode* NewRegExNode(const char* jix_name, int priority, int case_sensitive, const char* pattern,
+                        regex_t* comp_regex) {
+  ENTERING();
+  auto* node = new (std::nothrow)
+      RegExNode{strdup(jix_name), priority, case_sensitive, strdup(pattern), nullptr};
+  if (node == nullptr || node->jix_name == nullptr || node->pattern == nullptr) {
+    ReportOutOfMemory(__func__);
+    if (node != nullptr) FreeRegExNode(node);
+    return nullptr;
+  }
+  node->comp_regex = comp_regex;
+  return node;
+}
+
+void FreeRegExNode(RegExNode* node) {
+  ENTERING();
+  free(node->jix_name);
+  free(node->pattern);
+  if (node->comp_regex != nullptr) FreeCompiled(node->comp_regex);
+  delete node;
+}
+
+RegExList* NewRegExList(const char* list_name) {
+  ENTERING();
+  auto* list = new (std::nothrow) RegExList;
+  if (list == nullptr) {
+    ReportOutOfMemory(__func__);
+    return nullptr;
+  }
+  InitRegExList(list, list_name);
+  return list;
+}
+
+void InitRegExList(RegExList* list, const char* list_name) {
+  ENTERING();
+  InitList(*list, list_name);
+}
+
+int AddRegExToList(RegExNode* node, RegExList* list) {
+  ENTERING();
+  RegExListElem* elem = NewElement<RegExList>(node);
+  if (elem == nullptr) {
+    ReportOutOfMemory(__func__);
+    return -1;
+  }
+  LinkAtTail(*list, elem);
+  zev_debug(kTrace, "%s: Added command to %s.\n", __func__, list->list_name);
+  return 0;
+}
+
+int RemoveRegExFromList(RegExNode* node, RegExList* list) {
+  ENTERING();
+  RegExListElem* elem = FindElement(*list, node);
+  if (elem == nullptr) {
+    zev_debug(kError, "%s: node not found in %s\n", __func__, list->list_name);
+    TERMINATE(kInternalError);
+  }
+  Unlink(*list, elem);
+  return 0;
+}
+
+void EmptyRegExList(RegExList* list) {
+  ENTERING();
+  for (RegExNode* node : Nodes(*list)) {
+    RemoveRegExFromList(node, list);
+    FreeRegExNode(node);
+  }
+}
+
+void FreeRegExList(RegExList* list) {
+  ENTERING();
+  EmptyRegExList(list);
+  FreeListRecord(list);
+}
+
+int ParseRegExFile(const char* filename, RegExList* regex_list) {
+  ENTERING();
+  EmptyRegExList(regex_list);
+  FILE* file = fopen(filename, "re");
+  if (file == nullptr) {
+    zev_debug(kError, "%s: fopen( \"%s\", ...) failed : %s\n", __func__, filename, strerror(errno));
+    return -1;
+  }
+  const int result = ParseLines(file, filename, regex_list);
+  fclose(file);
+  return result;
+}
+
+int MatchPattern(const char* buf, int count, const RegExList* regex_list, char** pattern,
+                 int* priority) {
+  ENTERING();
+  char text[kTextSize + 1];
+  const size_t length = std::min(static_cast<size_t>(count), kTextSize);
+  memcpy(text, buf, length);
+  text[length] = '\0';
+  if (regex_list == nullptr) return 0;
+  const RegExNode* match = FindNode(*regex_list, [&](const RegExNode& node) {
+    return regexec(node.comp_regex, text, 0, nullptr, 0) == 0;
+  });
+  if (match == nullptr) return 0;
+  *pattern = strdup(match->pattern);
+  *priority = match->priority;
+  return 1;
+}

@@ -1,0 +1,54 @@
+// Pattern lists: the lines of one event file. Built before the list of event sets is shared and not
+// changed afterwards.
+#pragma once
+
+#include <regex.h>
+
+#include "list.h"
+
+/// One pattern line.
+struct RegExNode {
+  char* jix_name;       ///< first field; kept, but of no effect
+  int priority;         ///< of the event that a match posts
+  int case_sensitive;   ///< third field; 0 matches without regard to case
+  char* pattern;        ///< the text as written, a POSIX extended regular expression
+  regex_t* comp_regex;  ///< compiled, owned
+};
+
+struct RegExListElem {
+  RegExNode* node;
+  RegExListElem* prev;
+  RegExListElem* next;
+};
+
+/// In file order.
+using RegExList = List<RegExListElem, &RegExListElem::node>;
+
+// Allocation failures are reported, with the "Out of memory" event, and give null or -1.
+
+/// Copies the texts; owns `comp_regex` once it has succeeded.
+RegExNode* NewRegExNode(const char* jix_name, int priority, int case_sensitive, const char* pattern,
+                        regex_t* comp_regex);
+void FreeRegExNode(RegExNode* node);
+RegExList* NewRegExList(const char* list_name);
+void InitRegExList(RegExList* list, const char* list_name);
+
+/// Appends at the tail. 0 or -1.
+int AddRegExToList(RegExNode* node, RegExList* list);
+
+/// Unlinks the node and does not free it. A node that is not there ends the process.
+int RemoveRegExFromList(RegExNode* node, RegExList* list);
+
+/// Removes and frees every node.
+void EmptyRegExList(RegExList* list);
+void FreeRegExList(RegExList* list);
+
+/// Empties the list and fills it from the file. Malformed lines and bad expressions are reported by
+/// line number and left out. 0, or -1 when the file cannot be opened or memory runs out.
+int ParseRegExFile(const char* filename, RegExList* regex_list);
+
+/// 1 when a pattern of the list matches one log record, else 0: the first in file order wins. Then
+/// `*pattern` is a copy of its text, to be freed by the caller, and `*priority` its priority. The
+/// list may be null.
+int MatchPattern(const char* buf, int count, const RegExList* regex_list, char** pattern,
+                 int* priority);
