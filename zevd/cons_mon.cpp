@@ -260,8 +260,10 @@ void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) 
   ENTERING();
   if (cons_buf_size == 0) return;
   const ConsoleBuffer& ring = cnode->cons_buf;
-  for (int32_t i = ring.head; i != ring.tail; i = i == cons_buf_size - 1 ? 0 : i + 1) {
-    if (send(unode->sock, &ring.buf[i], 1, 0) < 0) {
+  for (int32_t i = ring.head, next = 0; i != ring.tail; i = next) {
+    next = i == cons_buf_size - 1 ? 0 : i + 1;
+    // One byte a call, but not one byte a packet.
+    if (send(unode->sock, &ring.buf[i], 1, next == ring.tail ? 0 : MSG_MORE) < 0) {
       zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
                 strerror(errno));
       CloseUserConnection(unode);

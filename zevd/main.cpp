@@ -15,6 +15,7 @@
 #include "lock_file.h"
 #include "log.h"
 #include "paths.h"
+#include "security.h"
 #include "zev.h"
 #include "zev_signal.h"
 
@@ -69,6 +70,7 @@ int main(int argc, char** argv) {
   ConnectToJix();
   Initialize();
   ArrangeSignals();
+  if (security_enabled != 0) GenerateCookie();
   LoadConfiguration();
   OpenLogs();
   CreateWorkerThreads();

@@ -7,6 +7,8 @@
 inline constexpr char kQorRoot[] = QOR_ROOT;
 inline constexpr char kConfigFile[] = QOR_ROOT "/config/zev.conf";
 inline constexpr char kModelsFile[] = QOR_ROOT "/config/models";
+inline constexpr char kCookieFile[] = QOR_ROOT "/config/.cookie";
+inline constexpr char kPasswordHelper[] = QOR_ROOT "/bin/qor_pam_auth";
 inline constexpr char kLockFile[] = QOR_ROOT "/config/zev.lock";
 inline constexpr char kSuiteConfigFile[] = QOR_ROOT "/config/qor.conf";
 inline constexpr char kEventsDir[] = QOR_ROOT "/events";

@@ -29,6 +29,7 @@
 #include "cons_mon.h"
 #include "error.h"
 #include "mapped_port.h"
+#include "security.h"
 #include "user_mon.h"
 #include "util.h"
 #include "waker.h"
@@ -724,13 +725,6 @@ int ClosingConnection(const Connection& connection) {
   return -1;
 }
 
-// The login dialogue and the station's authentication library are not there yet; whoever would have
-// to prove who he is must not get in meanwhile.
-int RefuseLogin(const Connection& connection) {
-  SetUserError(kAuthenticationFailed);
-  return ClosingConnection(connection);
-}
-
 // Finds the console that the port implies and refuses what would be refused after a login too.
 int FindMappedConsole(Connection& connection, MappedConsole* console) {
   if (!CopyMappedConsole(connection.port, console)) {
@@ -750,6 +744,22 @@ int FindMappedConsole(Connection& connection, MappedConsole* console) {
   return 0;
 }
 
+int LogIn(const Connection& connection) {
+  if (PromptForUserNameAndPasswd(connection.sock, connection.args.cons_name) != 0) {
+    return ClosingConnection(connection);
+  }
+  zev_debug(kInfo, "%s: Authenticated %s/%d\n", kServe, connection.ipaddr, connection.port);
+  return 0;
+}
+
+int AuthenticateMainPort(Connection& connection) {
+  if (DoAuthentication(connection.sock, connection.client_addr, connection.buf,
+                       sizeof connection.buf) != 0) {
+    return ClosingConnection(connection);
+  }
+  return 0;
+}
+
 int ReadArgumentLine(Connection& connection) {
   if (ReadLineWithTimeout(connection.sock, connection.buf, sizeof connection.buf, kArgumentWait) !=
       0) {
@@ -762,13 +772,13 @@ int PrepareMappedPort(Connection& connection) {
   MappedConsole console{};
   if (FindMappedConsole(connection, &console) != 0) return -1;
   if (security_enabled == 0) return ReadArgumentLine(connection);
-  if (console.auth == 1) return RefuseLogin(connection);
-  return 0;
+  return console.auth == 1 ? LogIn(connection) : 0;
 }
 
 int PrepareMainPort(Connection& connection) {
-  if (security_enabled != 0) return RefuseLogin(connection);
-  if (ReadArgumentLine(connection) != 0) return -1;
+  const int result =
+      security_enabled != 0 ? AuthenticateMainPort(connection) : ReadArgumentLine(connection);
+  if (result != 0) return -1;
   zev_debug(kDetail, "%s: Received arguments: %s\n", kServe, connection.buf);
   if (ParseConsoleArgs(connection.buf, &connection.args) != 0) return ClosingConnection(connection);
   if (connection.args.addr[0] != '\0') CopyText(connection.ipaddr, connection.args.addr);

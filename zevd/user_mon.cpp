@@ -38,7 +38,11 @@ void CloseAfterReceiveFailure(UserNode* unode, ssize_t result) {
 // that counts as a failure too; the user is dropped and told nothing, the console stays. The reason
 // is reported at the removal, where the console's name may be read.
 void ForwardToConsole(UserNode* unode, const char* buf, ssize_t count) {
-  const ssize_t sent = send(unode->cnode->sock, buf, static_cast<size_t>(count), 0);
+  // A console that is not connected has no socket for users: its own thread may close the one it
+  // is trying at any time, and the number then belongs to a stranger.
+  const ConsoleNode* cnode = unode->cnode;
+  const int sock = cnode->status == kConnected ? cnode->sock.load() : -1;
+  const ssize_t sent = send(sock, buf, static_cast<size_t>(count), 0);
   if (sent == count) return;
   unode->send_error = sent < 0 ? errno : EAGAIN;
   CloseUserConnection(unode);
