@@ -163,7 +163,12 @@ void FreeConsoleList(ConsoleList* list) {
 
 int AddConsoleToList(ConsoleNode* cnode, ConsoleList* list) {
   ENTERING();
-  ConsoleListElem* elem = ReserveFor(*list, cnode) ? NewConsoleListElem(cnode) : nullptr;
+  ConsoleListElem* elem = nullptr;
+  if (ReserveFor(*list, cnode)) {
+    elem = NewConsoleListElem(cnode);
+  } else {
+    ReportOutOfMemory(__func__);
+  }
   if (elem == nullptr) {
     zev_debug(kError, "%s: NewConsoleListElem() failed.\n", __func__);
     return -1;
@@ -259,6 +264,8 @@ void DumpConsoles(const ConsoleList* list) {
 
 namespace {
 
+constexpr char kLookUp[] = "GetConsoleNodeFromMappedPort";
+
 ConsoleNode* FindByMappedPort(uint16_t port) REQUIRES(acl_lock, icl_lock) {
   const auto has_port = [&](const ConsoleNode& cnode) { return cnode.mapped_port == port; };
   ConsoleNode* cnode = FindNode(*i_cons_list, has_port);
@@ -274,8 +281,8 @@ ConsoleNode* GetConsoleNodeFromMappedPort(uint16_t port) {
 }
 
 bool CopyMappedConsole(uint16_t port, MappedConsole* copy) {
-  ENTERING();
-  const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, HERE);
+  zev_debug(kTrace, "Entering %s\n", kLookUp);
+  const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, CallSite{kLookUp, __LINE__});
   const ConsoleNode* cnode = FindByMappedPort(port);
   if (cnode == nullptr) return false;
   CopyText(copy->cname, cnode->cname);
@@ -299,6 +306,11 @@ constexpr char kRefusalStart[] = "~NET-E-";
 constexpr char kRefusalText[] = "Session is already open";
 constexpr char kTakeOver[] = "YES\n";
 
+// Nobody may find the number of a socket that is closed already.
+void CloseSocket(ConsoleNode* cnode) {
+  close(cnode->sock.exchange(-1));
+}
+
 // Starts the connection in the background; the socket is blocking again afterwards.
 void StartConnect(ConsoleNode* cnode) {
   const int sock = cnode->sock;
@@ -315,16 +327,14 @@ void StartConnect(ConsoleNode* cnode) {
   if (result != 0 && errno != EINPROGRESS) {
     // Neither lfca_time nor status changes: an error that comes at once is tried again at once.
     zev_debug(kInfo, "%s: connect() failed : %s\n", "ConnectToConsole", strerror(errno));
-    close(sock);
-    cnode->sock = -1;
+    CloseSocket(cnode);
     return;
   }
   fcntl(sock, F_SETFL, flags);
 }
 
 void AbandonConnection(ConsoleNode* cnode, int status, time_t failed_at) {
-  close(cnode->sock);
-  cnode->sock = -1;
+  CloseSocket(cnode);
   cnode->status = status;
   cnode->lfca_time = failed_at;
   cnode->lsca_time = 0;
@@ -359,6 +369,7 @@ class ProgressPoll {
 };
 
 void TraceStatusCheck(const ConsoleNode* cnode) {
+  zev_debug(kTrace, "Entering %s\n", "CheckConnectionStatus");
   zev_debug(kTrace, "%s: Checking status for \"%s\" (sock=%d).\n", "CheckConnectionStatus",
             cnode->cname, cnode->sock.load());
 }
@@ -511,7 +522,6 @@ int UpdateConnectionStatus() {
 }
 
 int CheckConnectionStatus(ConsoleNode* cnode) {
-  ENTERING();
   TraceStatusCheck(cnode);
   const int sock = cnode->sock;
   if (sock == -1) return kNotConnected;

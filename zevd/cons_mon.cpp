@@ -23,6 +23,7 @@
 #include "load.h"
 #include "log.h"
 #include "user_mon.h"
+#include "util.h"
 #include "waker.h"
 #include "zev.h"
 
@@ -33,6 +34,10 @@ constexpr useconds_t kPausePoll = 100;  // microseconds
 constexpr unsigned kOtherThreads = kPauseConsConn | kPauseUserConn | kPauseUserMon;
 constexpr timeval kSelectLimit = {2, 0};
 constexpr size_t kChunkSize = 1024;
+
+// For as long as this a user may keep a console's output from its other users and its log. One who
+// is alive on a slow line gets longer than one who takes nothing.
+constexpr StallLimits kUserStall = {.idle = 400, .no_room = 5000};
 
 constexpr char kStars[] = "***************************************";  // 39
 constexpr char kBells[] = "\a\a\a\a\a";
@@ -72,6 +77,26 @@ void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) {
   zev_debug(kDetail, "%s: recv() returned %d : %s\n", "ProcessConsoleOutput",
             static_cast<int>(result), strerror(errno));
   CloseConsoleConnection(cnode);
+}
+
+// Whether every user of the console can be sent a chunk without anybody waiting for it. While one
+// cannot, the output stays in the console's socket and the console itself is slowed down; other
+// consoles are not. A user who takes nothing for too long is marked for closing.
+bool UsersHaveRoom(ConsoleNode* cnode) {
+  bool room = true;
+  for (UserNode* unode : Nodes(*cnode->user_list)) {
+    if (HasSendRoom(unode->sock)) {
+      unode->output_stall.End();
+      continue;
+    }
+    room = false;
+    if (unode->connected != 0 && unode->output_stall.IsTooLong(unode->sock, kUserStall)) {
+      zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", "SendConsoleOutputToUsers",
+                cnode->cname, strerror(EAGAIN));
+      CloseUserConnection(unode);
+    }
+  }
+  return room;
 }
 
 // Takes what one peek sees off a readable console and hands it on.
@@ -208,7 +233,7 @@ int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset) {
 void ProcessConsoleOutput(const DescriptorSet& fdset) {
   ENTERING();
   for (ConsoleNode* cnode : Nodes(*a_cons_list)) {
-    if (fdset.Contains(cnode->sock)) ReadConsole(cnode);
+    if (fdset.Contains(cnode->sock) && UsersHaveRoom(cnode)) ReadConsole(cnode);
   }
 }
 
@@ -260,10 +285,11 @@ void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) 
   ENTERING();
   if (cons_buf_size == 0) return;
   const ConsoleBuffer& ring = cnode->cons_buf;
+  SendBudget budget;
   for (int32_t i = ring.head, next = 0; i != ring.tail; i = next) {
     next = i == cons_buf_size - 1 ? 0 : i + 1;
     // One byte a call, but not one byte a packet.
-    if (send(unode->sock, &ring.buf[i], 1, next == ring.tail ? 0 : MSG_MORE) < 0) {
+    if (budget.Send(unode->sock, &ring.buf[i], 1, next == ring.tail ? 0 : MSG_MORE) < 0) {
       zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
                 strerror(errno));
       CloseUserConnection(unode);
@@ -309,7 +335,7 @@ void SendMsgToUsers(ConsoleNode* cnode, const char* message) {
   char banner[kMessageBufferSize];
   FormatBanner(banner, sizeof banner, message);
   for (const UserNode* unode : Nodes(*cnode->user_list)) {
-    if (send(unode->sock, banner, strlen(banner), 0) < 0) {
+    if (send(unode->sock, banner, strlen(banner), MSG_DONTWAIT) < 0) {
       zev_debug(kInfo, "%s: send() failed : %s\n", __func__, strerror(errno));
       zev_debug(kInfo, "%s: Message not sent to \"%s@%s\".\n", __func__, unode->user_name,
                 unode->ipaddr);

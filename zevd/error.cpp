@@ -25,7 +25,7 @@ constexpr int kSlotBeingFilled = 2;
 constexpr size_t kMessageSize = 8192;
 
 pthread_rwlock_t debug_lock;
-int first_time = 1;  // the first message is the main thread's, before any other thread exists
+int first_time = 1;  // the first call is the main thread's, before any other thread exists
 
 // Guarded by debug_lock.
 char msg[kMessageSize];
@@ -50,10 +50,6 @@ const char* CallingThreadName() {
 }
 
 void LockDebugOutput() {
-  if (first_time != 0) {
-    InitializeDebugThreadLock();
-    first_time = 0;
-  }
   const int error = pthread_rwlock_wrlock(&debug_lock);
   if (error != 0) DieWithoutTrace("pthread_rwlock_wrlock", "zev_debug", error);
 }
@@ -83,12 +79,17 @@ void InitializeDebugThreadLock() {
   const int error = pthread_rwlock_init(&debug_lock, nullptr);
   if (error != 0) {
     fprintf(stderr, "%s: pthread_rw_lockinit() failed : %s\n", __func__, strerror(error));
+    debug_level = kError - 1;  // posting must not come back here
     PostDaemonError("Terminated: Cannot initialize debug thread lock", kErrorPriority);
     exit(1);
   }
 }
 
 void zev_debug(int level, const char* format, ...) {
+  if (first_time != 0) {
+    first_time = 0;
+    InitializeDebugThreadLock();
+  }
   if (level > debug_level) return;
   const int saved_errno = errno;
   {

@@ -8,12 +8,15 @@
 #include <mutex>
 
 #include "error.h"
+#include "zev_signal.h"
 
 namespace {
 
 constexpr size_t kTextSize = 8192;
 
-std::mutex connection_mutex;  // trivially destructible; guards the two below
+/// Guards the two below. Whoever holds it holds SIGTERM back too: the handler writes to the debug
+/// output, and the library may hold a lock of the C library's that this needs (its time zone's).
+std::mutex connection_mutex;  // trivially destructible
 JixConn* connection = nullptr;
 JixStatus last_attempt = JixERROR_NONE;
 
@@ -39,6 +42,7 @@ void ReportAttempt(JixStatus status) {
 // connection_mutex is held from here on down.
 
 int Connect() {
+  zev_debug(kTrace, "Entering %s\n", "ConnectToJix");
   if (connection != nullptr) return 0;
   const JixConnOptions defaults{};
   const JixStatus status = JixConnCreate(&defaults, &connection);
@@ -86,7 +90,7 @@ void Post(const JixEvent* event) {
 }  // namespace
 
 int ConnectToJix() {
-  ENTERING();
+  const TermSignalHold hold;
   const std::lock_guard lock(connection_mutex);
   return Connect();
 }
@@ -98,8 +102,9 @@ void PostJixEvent(const char* event_template, const char* varName, char* varValu
   zev_debug(kDetail, "%s: template=%s %s=%s %s=%s priority=%d\n", __func__, event_template,
             or_none(varName), or_none(varValue), or_none(varMessage), or_none(message), priority);
 
+  const TermSignalHold hold;
   const std::lock_guard lock(connection_mutex);
-  if (Connect() != 0) return;
+  if (connection == nullptr && Connect() != 0) return;
   char name[kTextSize];
   if (varName != nullptr) {
     std::replace(varValue, varValue + strlen(varValue), '-', '_');

@@ -3,8 +3,7 @@
 // nodes have sockets also keeps the set of those sockets, ready to be copied for select().
 //
 // A list has no lock of its own: the header that declares it says which lock the caller holds. The
-// functions here write nothing to the debug output; the lists' own functions (Add...ToList and so
-// on) add their messages and call these.
+// lists' own functions (Add...ToList and so on) call the functions here and add their messages.
 #pragma once
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include <type_traits>
 
 #include "descriptor_set.h"
+#include "error.h"
 
 /// `Elem` is a record with the pointers `prev`, `next` and the node pointer that `kNode` names.
 template <typename Elem, auto kNode>
@@ -86,6 +86,7 @@ NodeRange<L> Nodes(const L& list) {
 /// The highest `sock` of the members, -1 when there is none.
 template <typename L>
 int GetHighestSocketNumber(const L& list) {
+  ENTERING();
   int highest = -1;
   for (const auto* node : Nodes(list)) highest = std::max<int>(highest, node->sock);
   return highest;
@@ -94,6 +95,7 @@ int GetHighestSocketNumber(const L& list) {
 /// Rebuilds the set from scratch: exactly the sockets of the members that have one.
 template <typename L>
 void SetFdSet(L& list) {
+  ENTERING();
   list.fdset.Clear();
   for (const auto* node : Nodes(list)) {
     const int sock = node->sock;

@@ -127,7 +127,12 @@ void InitMappedPortList(MappedPortList* list, const char* list_name) {
 
 int AddMappedPortToList(MappedPortNode* mpnode, MappedPortList* list) {
   ENTERING();
-  MappedPortListElem* elem = ReserveFor(*list, mpnode) ? NewMappedPortListElem(mpnode) : nullptr;
+  MappedPortListElem* elem = nullptr;
+  if (ReserveFor(*list, mpnode)) {
+    elem = NewMappedPortListElem(mpnode);
+  } else {
+    ReportNoMemory(__func__);
+  }
   if (elem == nullptr) {
     zev_debug(kError, "%s: NewMappedPortListElem() returned NULL\n", __func__);
     return -1;

@@ -21,8 +21,10 @@ void AddModelLine(char* line, ModelList* models) {
   if (line[0] == '#' || line[0] == '\n' || line[0] == '\r') return;
   char* rest = nullptr;
   const char* series = strtok_r(line, "|", &rest);
-  const char* model = strtok_r(nullptr, "\r\n", &rest);
-  if (series == nullptr || model == nullptr || models->count == kMaxModels) return;
+  if (series == nullptr || models->count == kMaxModels) return;
+  char* model = rest;
+  model[strcspn(model, "\r\n")] = '\0';
+  if (model[0] == '\0') return;
   const ModelList::Entry entry = {strdup(model), strdup(series)};
   if (entry.model == nullptr || entry.series == nullptr) {
     ReportOutOfMemory("LoadModels");

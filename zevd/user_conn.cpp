@@ -171,7 +171,12 @@ void FreeUserList(UserList* list) {
 
 int AddUserToList(UserNode* unode, UserList* list) {
   ENTERING();
-  UserListElem* elem = ReserveFor(*list, unode) ? NewUserListElem(unode) : nullptr;
+  UserListElem* elem = nullptr;
+  if (ReserveFor(*list, unode)) {
+    elem = NewUserListElem(unode);
+  } else {
+    ReportNoMemory(__func__);
+  }
   if (elem == nullptr) {
     zev_debug(kError, "%s: NewUserListElem() returned NULL\n", __func__);
     return -1;
@@ -254,7 +259,7 @@ void RevokeHolder(const ConsoleNode* cnode, const NewUser& user) {
   snprintf(line, sizeof line, "Your session has been terminated by %s@%s", user.user_name,
            user.ipaddr);
   FormatBanner(banner, sizeof banner, line);
-  if (send(holder->sock, banner, strlen(banner), 0) < 0) {
+  if (send(holder->sock, banner, strlen(banner), MSG_DONTWAIT) < 0) {
     zev_debug(kInfo, "%s: send() failed : %s\n", kAttach, strerror(errno));
   }
   CloseUserConnection(holder);

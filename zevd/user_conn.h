@@ -12,6 +12,7 @@
 #include "descriptor_set.h"
 #include "fixed_text.h"
 #include "locks.h"
+#include "stall.h"
 
 enum AccessMode : int {
   kReadOnly = 1,
@@ -33,7 +34,9 @@ struct UserNode {
   /// The console's name at the time of attaching, for debug lines that are written without the lock
   /// of the console's list.
   char cons_name[kNameSize];
-  int send_error;  ///< why sending to the console failed, 0 when it did not; under ul_lock
+  int send_error;       ///< why sending to the console failed, 0 when it did not; under ul_lock
+  Stall console_stall;  ///< the console takes nothing of what the user types; under ul_lock
+  Stall output_stall;   ///< the user takes nothing of what the console prints; under acl_lock
 };
 
 // ---- Errors that users are told

@@ -24,6 +24,10 @@ constexpr useconds_t kPassPause = 500;  // microseconds
 constexpr timeval kSelectLimit = {2, 0};
 constexpr size_t kChunkSize = 8192;
 
+// Long enough for a terminal server that drains its buffer into a 9600 baud line. Only the typing
+// user waits, so a paste may take as long as it takes.
+constexpr StallLimits kConsoleStall = {.idle = 5000, .no_room = INT64_MAX};
+
 bool IsMarked(const UserNode& unode) {
   return unode.connected == 0;
 }
@@ -34,36 +38,61 @@ void CloseAfterReceiveFailure(UserNode* unode, ssize_t result) {
   CloseUserConnection(unode);
 }
 
-// The raw bytes as received. A console that took only part within the send limit has lost keys, so
-// that counts as a failure too; the user is dropped and told nothing, the console stays. The reason
-// is reported at the removal, where the console's name may be read.
-void ForwardToConsole(UserNode* unode, const char* buf, ssize_t count) {
+// The reason is reported at the removal, where the console's name may be read.
+void DropTypingUser(UserNode* unode, int error) {
+  unode->send_error = error;
+  CloseUserConnection(unode);
+}
+
+// Hands the raw bytes to the user's console without waiting for it. The number that it took, 0 when
+// it takes none at present, or -1 with errno set.
+ssize_t ForwardToConsole(const UserNode* unode, const char* buf, ssize_t count) {
   // A console that is not connected has no socket for users: its own thread may close the one it
   // is trying at any time, and the number then belongs to a stranger.
   const ConsoleNode* cnode = unode->cnode;
   const int sock = cnode->status == kConnected ? cnode->sock.load() : -1;
-  const ssize_t sent = send(sock, buf, static_cast<size_t>(count), 0);
-  if (sent == count) return;
-  unode->send_error = sent < 0 ? errno : EAGAIN;
-  CloseUserConnection(unode);
+  const ssize_t sent = send(sock, buf, static_cast<size_t>(count), MSG_DONTWAIT);
+  return sent < 0 && errno == EAGAIN ? 0 : sent;
 }
 
-// Takes what one peek sees off a readable user and forwards it.
+// Takes `count` bytes that were seen off the user's socket.
+void Consume(UserNode* unode, char* buf, ssize_t count) {
+  const ssize_t taken = recv(unode->sock, buf, static_cast<size_t>(count), MSG_WAITALL);
+  if (taken < 0) {
+    CloseAfterReceiveFailure(unode, taken);
+    return;
+  }
+  const int length = static_cast<int>(taken);
+  zev_debug(kTrace, "%s: Received ->%.*s<- (%d bytes)\n", "ProcessUserInput", length, buf, length);
+}
+
+// What the console does not take yet stays in the user's socket, so that nobody else waits and the
+// user's client is slowed down instead of losing keys. A console that takes nothing for too long
+// costs the user the connection.
+void RelayToConsole(UserNode* unode, char* buf, ssize_t seen) {
+  const ssize_t sent = ForwardToConsole(unode, buf, seen);
+  if (sent == 0) {
+    if (unode->console_stall.IsTooLong(unode->cnode->sock, kConsoleStall))
+      DropTypingUser(unode, EAGAIN);
+    return;
+  }
+  const int error = errno;
+  unode->console_stall.End();
+  Consume(unode, buf, sent < 0 ? seen : sent);
+  if (sent < 0) DropTypingUser(unode, error);
+}
+
+// Takes what one peek sees off a readable user. A read-only user's input is thrown away.
 void ReadUser(UserNode* unode) {
   char buf[kChunkSize];
   const ssize_t seen = recv(unode->sock, buf, sizeof buf, MSG_PEEK);
   if (seen <= 0) {
     CloseAfterReceiveFailure(unode, seen);
-    return;
+  } else if (unode->mode == kReadOnly) {
+    Consume(unode, buf, seen);
+  } else {
+    RelayToConsole(unode, buf, seen);
   }
-  const ssize_t count = recv(unode->sock, buf, static_cast<size_t>(seen), MSG_WAITALL);
-  if (count < 0) {
-    CloseAfterReceiveFailure(unode, count);
-    return;
-  }
-  const int length = static_cast<int>(count);
-  zev_debug(kTrace, "%s: Received ->%.*s<- (%d bytes)\n", "ProcessUserInput", length, buf, length);
-  if (unode->mode != kReadOnly) ForwardToConsole(unode, buf, count);
 }
 
 void DropReference(ConsoleNode* cnode) {

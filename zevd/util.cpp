@@ -33,7 +33,7 @@ constexpr unsigned char kDelete = 127;
 constexpr int64_t kMicrosecondsPerSecond = 1000000;
 constexpr int64_t kAfterCarriageReturn = 100;  // microseconds to wait for the rest of a line end
 
-// Two stalls of this length, a short send and then a failed one, stay well below a second.
+// For the few sends that wait for their peer, and for a whole replay.
 constexpr timeval kSendLimit = {0, 200000};
 constexpr int kSendBuffer = 256 * 1024;
 
@@ -215,18 +215,20 @@ bool ContinuesTelnetSequence(unsigned char byte, TelnetState* state) {
   return false;
 }
 
+int64_t MonotonicMicroseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * kMicrosecondsPerSecond + now.tv_nsec / 1000;
+}
+
 // Waits for telnet bytes share one second for the life of the process; once it is used up they only
 // look. A negotiation follows the connection at once, so nobody is made to wait for one twice.
 bool TelnetByteReady(int sock) {
   static std::atomic<int64_t> time_left{kMicrosecondsPerSecond};
-  timespec before{};
-  timespec after{};
-  clock_gettime(CLOCK_MONOTONIC, &before);
+  const int64_t begin = MonotonicMicroseconds();
   const int64_t limit = time_left;
   const int ready = WaitReadable(sock, limit);
-  clock_gettime(CLOCK_MONOTONIC, &after);
-  const int64_t slept = (after.tv_sec - before.tv_sec) * kMicrosecondsPerSecond +
-                        (after.tv_nsec - before.tv_nsec) / 1000;
+  const int64_t slept = MonotonicMicroseconds() - begin;
   time_left = ready == 0 ? 0 : std::max<int64_t>(limit - slept, 0);
   return ready > 0;
 }
@@ -308,4 +310,24 @@ void PrepareRelaySocket(int sock) {
   SetSocketFlag(sock, IPPROTO_TCP, TCP_NODELAY);
   setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &kSendLimit, sizeof kSendLimit);
   setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
+}
+
+bool HasSendRoom(int sock) {
+  pollfd writable = {sock, POLLOUT, 0};
+  return poll(&writable, 1, 0) != 0;
+}
+
+SendBudget::SendBudget() : deadline_(MonotonicMicroseconds() + kSendLimit.tv_usec) {}
+
+ssize_t SendBudget::Send(int sock, const char* buf, size_t count, int flags) {
+  for (;;) {
+    const ssize_t sent = send(sock, buf, count, flags | MSG_DONTWAIT);
+    if (sent >= 0 || errno != EAGAIN) return sent;
+    const int64_t left = (deadline_ - MonotonicMicroseconds()) / 1000;
+    pollfd writable = {sock, POLLOUT, 0};
+    if (left <= 0 || poll(&writable, 1, static_cast<int>(left)) <= 0) {
+      errno = EAGAIN;
+      return -1;
+    }
+  }
 }

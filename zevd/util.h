@@ -5,6 +5,10 @@
 // there.
 #pragma once
 
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
 #include <ctime>
 
 /// Lets the calling thread be cancelled for as long as it lives; restores the former state after.
@@ -42,3 +46,18 @@ void SetSocketFlag(int sock, int level, int option);
 /// For every socket that relays traffic: keystrokes do not wait for an acknowledgement, and a peer
 /// that stops reading makes a send fail after a bounded time with a bounded backlog.
 void PrepareRelaySocket(int sock);
+
+/// True when the socket takes a chunk without making the sender wait, or has an error to report.
+bool HasSendRoom(int sock);
+
+/// A series of sends to one peer that may wait for it for a bounded time in all.
+class SendBudget {
+ public:
+  SendBudget();
+
+  /// As send(2); EAGAIN once the time is used up.
+  ssize_t Send(int sock, const char* buf, size_t count, int flags);
+
+ private:
+  int64_t deadline_;  // CLOCK_MONOTONIC, microseconds
+};

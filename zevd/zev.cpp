@@ -89,6 +89,13 @@ void SetArchiveTime(const char* argument) {
   EXIT_PROCESS(1);
 }
 
+const char* CopyArgument(const char* argument) {
+  const char* copy = strdup(argument);
+  if (copy != nullptr) return copy;
+  ReportOutOfMemory("GetCommandLineOptions");
+  EXIT_PROCESS(1);
+}
+
 /// One row for every option that is handled; a letter of the option string without a row (-D) ends
 /// the process like an unknown one.
 struct Option {
@@ -98,11 +105,11 @@ struct Option {
 
 constexpr Option kOptions[] = {
     {'a', SetArchiveTime},
-    {'c', [](const char* argument) { config_file = strdup(argument); }},
+    {'c', [](const char* argument) { config_file = CopyArgument(argument); }},
     {'d', [](const char* argument) { debug_level = atoi(argument); }},
     {'f', [](const char*) { foreground = 1; }},
     {'h', [](const char*) { ShowUsage(progname); }},
-    {'l', [](const char* argument) { log_dir = strdup(argument); }},
+    {'l', [](const char* argument) { log_dir = CopyArgument(argument); }},
     {'p', [](const char* argument) { user_port = static_cast<uint16_t>(atoi(argument)); }},
     {'s', [](const char* argument) { suppress_cr = atoi(argument); }},
     {'B', [](const char* argument) { cons_buf_size = atoi(argument); }},

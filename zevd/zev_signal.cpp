@@ -36,6 +36,34 @@ void TermHandler(int /*sig*/) {
   EXIT_PROCESS(1);
 }
 
+volatile sig_atomic_t hup_event_flag = 0;
+
+void InitHupSignalHandler() {
+  ENTERING();
+  struct sigaction action {};
+  action.sa_handler = HupHandler;
+  sigemptyset(&action.sa_mask);
+  if (sigaction(SIGHUP, &action, nullptr) != 0) {
+    zev_debug(kInfo, "%s: sigaction() failed : %s\n", __func__, strerror(errno));
+    TERMINATE(kTerminated);
+  }
+}
+
+void HupHandler(int /*sig*/) {
+  ENTERING();
+  SetHupEventFlag();
+}
+
+void SetHupEventFlag() {
+  ENTERING();
+  hup_event_flag = 1;
+}
+
+void ClearHupEventFlag() {
+  ENTERING();
+  hup_event_flag = 0;
+}
+
 TermSignalHold::TermSignalHold() {
   sigset_t set;
   sigemptyset(&set);

@@ -11,6 +11,14 @@ int UnblockSignal(int signum);
 /// The SIGTERM handler: says so and ends the process with status 1. Main thread only.
 void TermHandler(int sig);
 
+/// The asynchronous way to collect SIGHUP, for a program that does not poll for it. The daemon
+/// polls, and neither installs the handler nor reads the flag.
+void InitHupSignalHandler();
+void HupHandler(int sig);
+void SetHupEventFlag();
+void ClearHupEventFlag();
+extern volatile sig_atomic_t hup_event_flag;  ///< 1 once the handler has run
+
 /// Keeps SIGTERM away from the calling thread while it holds something that the handler needs too
 /// (the debug lock, the C library's time-zone lock). Without it the handler could wait for a lock
 /// that the very thread it interrupted will never release.
