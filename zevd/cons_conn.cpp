@@ -81,7 +81,9 @@ bool Meets(const ConsoleNode& cnode, MoveCriterion criterion) {
     case MoveCriterion::kConnected:
       return cnode.status == kConnected;
     case MoveCriterion::kNotConnected:
-      return cnode.status != kConnected;
+      // One that was marked closed since the clean-up still has its socket and its users: it is
+      // cleaned up, and moved, in the next pass.
+      return cnode.status != kConnected && cnode.sock == -1;
     case MoveCriterion::kAll:
       return true;
   }

@@ -31,7 +31,7 @@ namespace {
 
 constexpr useconds_t kPassPause = 500;  // microseconds
 constexpr useconds_t kPausePoll = 100;  // microseconds
-constexpr unsigned kOtherThreads = kPauseConsConn | kPauseUserConn | kPauseUserMon;
+constexpr unsigned kOtherThreads = kPauseConsConn | kPauseUserConn | kPauseUserMon | kPauseCmdMon;
 constexpr timeval kSelectLimit = {2, 0};
 constexpr size_t kChunkSize = 1024;
 
@@ -376,6 +376,12 @@ void CleanUpClosedConnections() {
     cnode->sock = -1;
     CloseLogFile(cnode);
   }
+}
+
+ConsoleNode* GetClosedConnection() {
+  ENTERING();
+  return FindNode(*a_cons_list,
+                  [](const ConsoleNode& cnode) { return cnode.status == kNotConnected; });
 }
 
 }  // namespace cons_mon

@@ -61,4 +61,7 @@ namespace cons_mon {
 bool CheckForClosedConnections() REQUIRES_SHARED(acl_lock);
 void CleanUpClosedConnections() REQUIRES(ul_lock, acl_lock);
 
+/// The first closed console of a_cons_list, or null.
+ConsoleNode* GetClosedConnection() REQUIRES_SHARED(acl_lock);
+
 }  // namespace cons_mon

@@ -12,6 +12,7 @@
 RwLock icl_lock;
 RwLock acl_lock;
 RwLock ul_lock;
+RwLock cmd_lock;
 
 namespace {
 
@@ -159,5 +160,15 @@ ReadLockPair::ReadLockPair(RwLock& first, RwLock& second, ::Release order, CallS
 }
 
 ReadLockPair::~ReadLockPair() {
-  UnlockBoth(first_, second_, order_, function_);
+  if (held_) UnlockBoth(first_, second_, order_, function_);
+}
+
+void ReadLockPair::ReleaseOnlyFirst() {
+  Unlock(first_, function_);
+  held_ = false;
+}
+
+void ReadLockPair::ReleaseOnlySecond() {
+  Unlock(second_, function_);
+  held_ = false;
 }

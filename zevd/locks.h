@@ -26,6 +26,7 @@ class CAPABILITY("rwlock") RwLock {
 extern RwLock icl_lock;  ///< i_cons_list and the consoles on it
 extern RwLock acl_lock;  ///< a_cons_list, the consoles on it and their user lists
 extern RwLock ul_lock;   ///< user_list
+extern RwLock cmd_lock;  ///< cmd_list
 
 /// Where a lock is taken; the trace lines name it.
 struct CallSite {
@@ -95,9 +96,15 @@ class SCOPED_CAPABILITY ReadLockPair {
   ReadLockPair(const ReadLockPair&) = delete;
   ReadLockPair& operator=(const ReadLockPair&) = delete;
 
+  /// Releases one of the two at once and leaves the other held for ever: the destructor then does
+  /// nothing. For the paths that say so.
+  void ReleaseOnlyFirst() NO_THREAD_SAFETY_ANALYSIS;
+  void ReleaseOnlySecond() NO_THREAD_SAFETY_ANALYSIS;
+
  private:
   RwLock& first_;
   RwLock& second_;
   Release order_;
   const char* function_;
+  bool held_ = true;
 };

@@ -53,6 +53,7 @@ void CreateWorkerThreads() {
   CreateConsoleConnectionsThread();
   CreateUserConnectionsThread();
   CreateUserMonitorThread();
+  CreateCommandMonitorThread();
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "error.h"
 #include "event.h"
 #include "user_conn.h"
+#include "util.h"
 #include "zev.h"
 
 PendingLoginsMutex pending_logins_mutex;
@@ -34,10 +35,8 @@ MappedPortNode* FindPort(const MappedPortList* list, uint16_t port) {
 // finds itself there has therefore been cancelled already, and ends here; any other way of getting
 // here is an inconsistency of ours. Called without the mutex.
 void EndIfCancelled() {
-  int state = PTHREAD_CANCEL_DISABLE;
-  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
+  const CancellationWindow window;
   pthread_testcancel();
-  pthread_setcancelstate(state, nullptr);
 }
 
 bool GrowThreadIds(MappedPortNode* mpnode) REQUIRES(pending_logins_mutex) {

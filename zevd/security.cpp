@@ -217,7 +217,7 @@ constexpr int kFailuresBeforeLast = 3;  // the count is compared before it is ra
 /// A buffer for what a person types; nothing of it stays in memory.
 template <size_t N>
 struct WipedText {
-  char text[N] = "";
+  char text[N] = {};
   WipedText() = default;
   ~WipedText() { explicit_bzero(text, sizeof text); }
   WipedText(const WipedText&) = delete;

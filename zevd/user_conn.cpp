@@ -26,6 +26,7 @@
 #include <cstring>
 #include <new>
 
+#include "cmd_mon.h"
 #include "cons_mon.h"
 #include "error.h"
 #include "mapped_port.h"
@@ -236,13 +237,7 @@ int Refuse(UserError error, const char* format, const char* function, const char
   return -1;
 }
 
-// The console is not on a_cons_list: why not?
-int RefuseInaccessible(const char* console_name) {
-  const WriteLock lock(icl_lock, CallSite{kAttach, __LINE__});
-  const ConsoleNode* cnode = LocateConsoleInList(console_name, i_cons_list);
-  if (cnode == nullptr) {
-    return Refuse(kConsoleNotFound, "%s: Console \"%s\" not found.\n", kAttach, console_name);
-  }
+int RefuseInaccessible(const ConsoleNode* cnode, const char* console_name) {
   if (cnode->enable != 0) {
     return Refuse(kConsoleNotAccessible, "%s: Console \"%s\" is inaccessible.\n", kAttach,
                   console_name);
@@ -265,9 +260,20 @@ void RevokeHolder(const ConsoleNode* cnode, const NewUser& user) {
   CloseUserConnection(holder);
 }
 
+// True when the console is on i_cons_list; the user is then refused.
+bool IsInaccessible(const char* console_name) {
+  const WriteLock lock(icl_lock, CallSite{kAttach, __LINE__});
+  const ConsoleNode* cnode = LocateConsoleInList(console_name, i_cons_list);
+  if (cnode == nullptr) return false;
+  RefuseInaccessible(cnode, console_name);
+  return true;
+}
+
 // 0 when the mode can be granted beside the users who are attached. A revocable holder is revoked
 // before anything is checked, and stays revoked when the new user is then refused.
 int ClaimConsole(const ConsoleNode* cnode, const NewUser& user) {
+  // Closed already, and on its way to i_cons_list.
+  if (cnode->sock == -1) return RefuseInaccessible(cnode, user.console_name);
   if (cnode->deleted == 1) {
     return Refuse(kConsoleDeleted, "%s: Console \"%s\" has been deleted.\n", kAttach,
                   user.console_name);
@@ -294,14 +300,7 @@ void GreetTelnetClient(const ConsoleNode* cnode, int sock) {
 }
 
 // Puts the user on its console's list; from then on it receives output. Null when refused.
-UserNode* JoinConsole(const NewUser& user) {
-  WriteLock lock(acl_lock, CallSite{kAttach, __LINE__});
-  ConsoleNode* cnode = LocateConsoleInList(user.console_name, a_cons_list);
-  if (cnode == nullptr) {
-    lock.Release();
-    RefuseInaccessible(user.console_name);
-    return nullptr;
-  }
+UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES(acl_lock) {
   if (ClaimConsole(cnode, user) != 0) return nullptr;
   GreetTelnetClient(cnode, user.sock);
   UserNode* unode = NewUserNode(user.sock, cnode, user.user_name, user.ipaddr, user.mode);
@@ -316,6 +315,22 @@ UserNode* JoinConsole(const NewUser& user) {
   }
   SendBufferedConsoleOutputToUser(cnode, unode);
   return unode;
+}
+
+// Null when refused. A console that moves between the lists while both are looked at one after the
+// other may be missed on both, so a name that is on neither is looked for twice.
+UserNode* JoinConsole(const NewUser& user) {
+  constexpr int kLooks = 2;
+  for (int look = 0; look < kLooks; ++look) {
+    {
+      const WriteLock lock(acl_lock, CallSite{kAttach, __LINE__});
+      ConsoleNode* cnode = LocateConsoleInList(user.console_name, a_cons_list);
+      if (cnode != nullptr) return JoinConnectedConsole(cnode, user);
+    }
+    if (IsInaccessible(user.console_name)) return nullptr;
+  }
+  Refuse(kConsoleNotFound, "%s: Console \"%s\" not found.\n", kAttach, user.console_name);
+  return nullptr;
 }
 
 // The caller is about to close the socket, so nothing may go on sending to it.
@@ -655,7 +670,13 @@ int ListenOnPort(uint16_t port) {
     return -1;
   }
   zev_debug(kError, "%s: bind() to port %d succeeded\n", __func__, port);
-  listen(sock, kBacklog);
+  if (listen(sock, kBacklog) != 0) {
+    // Another process was quicker to listen on the same address; accepting here would fail for
+    // ever.
+    zev_debug(kError, "%s: listen() failed : %s\n", __func__, strerror(errno));
+    close(sock);
+    return -1;
+  }
   return sock;
 }
 
@@ -710,7 +731,8 @@ void AcceptConnectionRequests(const DescriptorSet* fdset) {
 namespace {
 
 constexpr char kServe[] = "ServiceConnectionRequestThreadStart";
-constexpr time_t kArgumentWait = 10;  // seconds
+constexpr char kCommandConsole[] = "@@@@";  // the console name that asks for the command port
+constexpr time_t kArgumentWait = 10;        // seconds
 constexpr size_t kLineSize = 1024;
 
 /// One connection on its way to a console.
@@ -821,9 +843,22 @@ int AttachUser(Connection& connection) {
   return result;
 }
 
+int HandOverToCommands(Connection& connection) {
+  const int result =
+      MonitorSocketForCommands(connection.sock, connection.args.user_name, connection.ipaddr);
+  if (result != 0) return ClosingConnection(connection);
+  connection.sock = -1;
+  return 0;
+}
+
+int HandOver(Connection& connection) {
+  const bool wants_commands = strcmp(connection.args.cons_name, kCommandConsole) == 0;
+  return wants_commands ? HandOverToCommands(connection) : AttachUser(connection);
+}
+
 void ServiceConnection(Connection& connection) {
   u_err_msg = nullptr;
-  if (PrepareConnection(connection) == 0 && AttachUser(connection) == 0) return;
+  if (PrepareConnection(connection) == 0 && HandOver(connection) == 0) return;
   SendErrorToUser(connection.sock, u_err_msg);
   close(connection.sock);
   connection.sock = -1;

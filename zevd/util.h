@@ -12,6 +12,7 @@
 #include <ctime>
 
 /// Lets the calling thread be cancelled for as long as it lives; restores the former state after.
+/// Every way in which a thread is cancelled leads through the end of one of these.
 class CancellationWindow {
  public:
   CancellationWindow();

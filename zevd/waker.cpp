@@ -4,11 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdint>
 
 Waker cons_mon_waker;
 Waker user_mon_waker;
+Waker cmd_mon_waker;
 
 bool Waker::Open() {
   descriptor_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -29,10 +29,8 @@ void Waker::Drain() const {
 
 int WaitForMembers(int high_sock, DescriptorSet& set, const Waker& waker, timeval* timeout) {
   const int highest = std::max(high_sock, waker.descriptor());
-  if (!set.Reserve(highest) || !set.Add(waker.descriptor())) {
-    errno = ENOMEM;
-    return -1;
-  }
+  // Without memory the members are asked again in the next pass, which begins after a pause.
+  if (!set.Reserve(highest) || !set.Add(waker.descriptor())) return 0;
   int ready = select(highest + 1, set.Native(), nullptr, nullptr, timeout);
   if (ready > 0 && set.Contains(waker.descriptor())) {
     set.Remove(waker.descriptor());

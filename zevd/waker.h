@@ -31,3 +31,4 @@ int WaitForMembers(int high_sock, DescriptorSet& set, const Waker& waker, timeva
 
 extern Waker cons_mon_waker;
 extern Waker user_mon_waker;
+extern Waker cmd_mon_waker;

@@ -36,6 +36,7 @@ const char* progname = nullptr;
 ConsoleList* const a_cons_list = new ConsoleList;
 ConsoleList* const i_cons_list = new ConsoleList;
 UserList* const user_list = new UserList;
+CommandList* const cmd_list = new CommandList;
 EventSetList* const ev_list = new EventSetList;
 MappedPortList* const mapped_port_list = new MappedPortList;
 ModelList model_list;
@@ -48,9 +49,11 @@ namespace {
 pthread_t cons_conn_thread;
 pthread_t user_conn_thread;
 pthread_t user_mon_thread;
+pthread_t cmd_mon_thread;
 pthread_attr_t cons_conn_attr;
 pthread_attr_t user_conn_attr;
 pthread_attr_t user_mon_attr;
+pthread_attr_t cmd_mon_attr;
 
 constexpr char kOptionString[] = "a:c:d:l:p:fhVs:S:D:B:";
 constexpr int32_t kSecondsPerMinute = 60;
@@ -251,9 +254,11 @@ void Initialize() {
   RaiseDescriptorLimit();
   OpenWaker(cons_mon_waker);
   OpenWaker(user_mon_waker);
+  OpenWaker(cmd_mon_waker);
   InitConsoleList(a_cons_list, "a_cons_list");
   InitConsoleList(i_cons_list, "i_cons_list");
   InitUserList(user_list, "user_list");
+  InitCommandList(cmd_list, "cmd_list");
   InitEventSetList(ev_list, "ev_list");
   InitMappedPortList(mapped_port_list, "mapped_port_list");
 }
@@ -274,4 +279,10 @@ void CreateUserMonitorThread() {
   ENTERING();
   CreateThread(&user_mon_thread, &user_mon_attr, UserMonitorThreadStart, __func__,
                "Terminated: Couldn't create user_mon thread");
+}
+
+void CreateCommandMonitorThread() {
+  ENTERING();
+  CreateThread(&cmd_mon_thread, &cmd_mon_attr, CommandMonitorThreadStart, __func__,
+               "Terminated: Couldn't create cmd_mon thread");
 }

@@ -1,15 +1,16 @@
 // What the whole daemon shares: the options, the global lists and their locks, the pause protocol.
 //
-// Threads: "main", which becomes the console output monitor "cons_mon"; "cons_conn", "user_conn"
-// and "user_mon"; and one short-lived "serv_conn" for every accepted user connection. No thread is
-// ever joined and nothing global is ever destroyed, because any thread may end the process at any
-// time.
+// Threads: "main", which becomes the console output monitor "cons_mon"; "cons_conn",
+// "user_conn", "user_mon" and "cmd_mon"; and one short-lived "serv_conn" for every accepted user
+// connection. No thread is ever joined and nothing global is ever destroyed, because any thread may
+// end the process at any time.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <ctime>
 
+#include "cmd_mon.h"
 #include "cons_conn.h"
 #include "event_set.h"
 #include "locks.h"
@@ -38,6 +39,7 @@ extern const char* progname;        ///< argv[0]
 extern ConsoleList* const a_cons_list PT_GUARDED_BY(acl_lock);  ///< connected consoles
 extern ConsoleList* const i_cons_list PT_GUARDED_BY(icl_lock);  ///< all other consoles
 extern UserList* const user_list PT_GUARDED_BY(ul_lock);        ///< every attached user
+extern CommandList* const cmd_list PT_GUARDED_BY(cmd_lock);     ///< command connections
 extern EventSetList* const ev_list;  ///< changed before the threads start, or with both console
                                      ///< list locks held
 /// Changed by the user_conn thread alone, with pending_logins_mutex held.
@@ -52,6 +54,7 @@ enum PauseBit : unsigned {
   kPauseConsMon = 0x2,
   kPauseUserConn = 0x4,
   kPauseUserMon = 0x8,
+  kPauseCmdMon = 0x10,
 };
 
 extern std::atomic<unsigned> thread_waitreq_mask;  ///< written by the console output monitor
@@ -81,3 +84,4 @@ void Initialize();
 void CreateConsoleConnectionsThread();
 void CreateUserConnectionsThread();
 void CreateUserMonitorThread();
+void CreateCommandMonitorThread();

@@ -175,7 +175,7 @@ JixStatus SendLine(JixConn& conn, const std::string& line) {
     if (errno != EAGAIN) return JixERROR_CONNECTION_LOST;
     const int64_t left = deadline - MonotonicMilliseconds();
     pollfd writable = {conn.sock, POLLOUT, 0};
-    if (left > 0 && poll(&writable, 1, static_cast<int>(left)) >= 0) continue;
+    if (left > 0 && (poll(&writable, 1, static_cast<int>(left)) >= 0 || errno == EINTR)) continue;
     conn.stalled = true;
     return sent == 0 ? JixERROR_BUSY : JixERROR_CONNECTION_LOST;
   }
@@ -194,12 +194,14 @@ JixStatus SetItem(JixEvent& event, int item, va_list& args) {
   return JixERROR_NONE;
 }
 
-JixStatus SetItems(JixEvent& event, va_list& args) {
+JixStatus SetItems(JixEvent& event, va_list& args) try {
   for (int item = va_arg(args, int); item != JixITEM_END; item = va_arg(args, int)) {
     const JixStatus status = SetItem(event, item, args);
     if (status != JixERROR_NONE) return status;
   }
   return JixERROR_NONE;
+} catch (const std::bad_alloc&) {
+  return JixERROR_NO_MEMORY;
 }
 
 int ConnectTo(const char* path) {
@@ -236,25 +238,22 @@ void JixConnDestroy(JixConn* conn) {
   delete conn;
 }
 
-JixStatus JixEventCreateVa(JixEvent** event, ...) try {
-  *event = new JixEvent;
+JixStatus JixEventCreateVa(JixEvent** event, ...) {
+  *event = new (std::nothrow) JixEvent;
+  if (*event == nullptr) return JixERROR_NO_MEMORY;
   va_list args;
   va_start(args, event);
   const JixStatus status = SetItems(**event, args);
   va_end(args);
   return status;
-} catch (const std::bad_alloc&) {
-  return JixERROR_NO_MEMORY;
 }
 
-JixStatus JixItemSetVa(JixEvent* event, ...) try {
+JixStatus JixItemSetVa(JixEvent* event, ...) {
   va_list args;
   va_start(args, event);
   const JixStatus status = SetItems(*event, args);
   va_end(args);
   return status;
-} catch (const std::bad_alloc&) {
-  return JixERROR_NO_MEMORY;
 }
 
 JixStatus JixVarSet(JixEvent* event, const char* name, int type, const char* value) try {

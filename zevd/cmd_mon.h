@@ -1,0 +1,157 @@
+// The command port: management tools' connections, the thread "cmd_mon" that serves them, and the
+// commands. The wire format is described in docs/protocol.md, which changes together with the
+// records here.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "cons_conn.h"
+#include "descriptor_set.h"
+#include "fixed_text.h"
+#include "list.h"
+#include "locks.h"
+
+// ---- Connections
+// -------------------------------------------------------------------------------------
+
+/// One command connection, owned by cmd_list once added. Guarded by cmd_lock.
+struct CommandNode {
+  int sock;       ///< -1 while the node is new
+  int connected;  ///< 0 while new and, on the list, once closed and waiting to be removed
+  char user_name[kUserNameSize];
+  char ipaddr[kNameSize];
+};
+
+struct CommandListElem {
+  CommandNode* cnode;
+  CommandListElem* prev;
+  CommandListElem* next;
+};
+
+using CommandList = SocketList<CommandListElem, &CommandListElem::cnode>;
+
+/// Makes the socket a command connection. 0: it belongs to the command side and the caller must not
+/// touch it again; -1: it is still the caller's, and u_err_msg may say why.
+int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr);
+
+void* CommandMonitorThreadStart(void* unused);
+
+// Records and lists; the caller holds cmd_lock for writing. Allocation failures set u_err_msg to
+// error 013, are reported, and give null.
+
+CommandList* NewCommandList(const char* list_name);
+void InitCommandList(CommandList* list, const char* list_name);
+
+/// Frees the list and its name; elements and nodes are the caller's business.
+void FreeCommandList(CommandList* list);
+
+CommandNode* NewCommandNode(const char* user_name, const char* ipaddr);
+void FreeCommandNode(CommandNode* cnode);
+CommandListElem* NewCommandListElem(CommandNode* cnode);
+
+/// Appends at the tail. 0, or -1 when out of memory.
+int AddCommandToList(CommandNode* cnode, CommandList* list);
+
+/// Unlinks the node and neither closes nor frees it. A node that is not there ends the process.
+int RemoveCommandFromList(CommandNode* cnode, CommandList* list);
+
+/// Closes the socket and marks the node; it stays on the list until the clean-up.
+void CloseCommandConnection(CommandNode* cnode);
+
+/// Waits for a command. 1 when some socket of the set is readable (the set then holds those), 0 on
+/// time-out. Ends the process when select() fails. cmd_mon only.
+int CheckForCommand(int high_sock, DescriptorSet* fdset);
+
+/// Reads, executes and answers one line of every readable connection.
+void ProcessCommand(const DescriptorSet& fdset) REQUIRES(cmd_lock);
+
+namespace cmd_mon {
+
+/// The first closed node of cmd_list, or null.
+CommandNode* GetClosedConnection() REQUIRES(cmd_lock);
+void CleanUpClosedConnections() REQUIRES(cmd_lock);
+
+}  // namespace cmd_mon
+
+// ---- Responses: the cmd_mon thread's own
+// -----------------------------------------------------------------
+
+enum ResponseType : uint32_t {
+  kRecordsFollow = 1,  ///< `count` records follow
+  kErrorFollows = 2,   ///< `count` bytes of text follow, the terminator included
+  kDone = 3,           ///< nothing follows; `count` means nothing
+};
+
+/// One instance serves every response and is never cleared: a "done" header still carries the count
+/// of the response before it.
+struct ResponseHeader {
+  uint32_t type;
+  uint32_t count;
+};
+
+inline constexpr size_t kHeaderSize = 8;
+inline constexpr size_t kConsolePacketSize = 264;
+inline constexpr size_t kUserPacketSize = 98;
+inline constexpr size_t kMappedPortPacketSize = 134;
+inline constexpr size_t kPortHolderAddressPacketSize = 64;
+inline constexpr size_t kErrorTextSize = 80;
+
+enum CommandId : int {
+  kNoCommand = 0,  ///< an error that the parser found
+  kConsoleCommand = 1,
+  kWhoCommand = 2,
+  kMappedPortCommand = 3,
+  kClearCommand = 4,
+  kDisableCommand = 5,
+  kEnableCommand = 6,
+  kMsgCommand = 7,
+  kForceCommand = 8,
+  kPortHolderCommand = 9,
+};
+
+extern ResponseHeader rheader;
+extern char cmd_err_msg[kErrorTextSize];
+
+/// What a command wants besides its name.
+enum class CommandArgument { kOptionalConsole, kConsole, kConsoleAndText };
+
+/// One row for every command; parsing, dispatch and the tests read the same rows.
+struct CommandRow {
+  const char* word;  ///< compared without regard to case
+  CommandId id;
+  CommandArgument argument;
+  void (*run)(char* cons_name, CommandNode* cmd_node, char* text);
+};
+
+std::span<const CommandRow> CommandTable();
+
+/// Splits the line in place and runs the command, which leaves its answer in the response state.
+CommandId ParseAndExecuteCommand(CommandNode* cnode, char* cmd);
+
+/// Sends the answer. 0, or -1 after a failed send, which has closed the connection.
+int SendCommandResponse(CommandNode* cnode, int cmd_id);
+
+/// Frees the records of the answer, if it has any.
+void ReleaseRecords();
+
+// ---- Commands; each takes the list locks itself
+// -------------------------------------------------------------
+
+void ProcessConsoleCommand(const char* cons_name);
+void ProcessWhoCommand(const char* cons_name);
+void ProcessMappedPortCommand(const char* cons_name);
+void ClearConsole(const char* cons_name, const CommandNode* cmd_node);
+void DisableConsole(const char* cons_name, const CommandNode* cmd_node);
+void EnableConsole(const char* cons_name);
+void SendMsgToConsole(const char* cons_name, const CommandNode* cmd_node, const char* message);
+void ForceKPMConnection(const char* cons_name, const CommandNode* cmd_node);
+void PelloxPortHolder(const char* cons_name);
+
+/// The two bytes of a console's status and mode; the caller holds the list's lock.
+void GetStatusCode(const ConsoleNode* cnode, char (&status)[2]);
+void GetHighPrecedModeCode(const ConsoleNode* cnode, char (&mode)[2]);
+
+/// 1 when a user named "VRQ" is attached in mode 4; such users are hidden from the answers.
+int IsVrqUserConnectedERMode(const ConsoleNode* cnode);
