@@ -29,8 +29,7 @@
 #include "zev.h"
 #include "zev_signal.h"
 
-// ---- Records and lists
-// ----------------------------------------------------------------------------------
+// ---- Records and lists --------------------------------------------------------------------------
 
 namespace {
 
@@ -121,8 +120,7 @@ int RemoveCommandFromList(CommandNode* cnode, CommandList* list) {
   return 0;
 }
 
-// ---- Connections
-// ------------------------------------------------------------------------------------------
+// ---- Connections --------------------------------------------------------------------------------
 
 int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr) {
   ENTERING();
@@ -195,6 +193,11 @@ void* CommandMonitorThreadStart(void* /*unused*/) {
   RegisterThread("cmd_mon");
   ENTERING();
   BlockSignal(SIGTERM);
+  MonitorCommands();
+}
+
+void MonitorCommands() {
+  ENTERING();
   DescriptorSet fdset;
   for (;;) {
     ParkIfAsked(kPauseCmdMon);
@@ -240,8 +243,7 @@ void CleanUpClosedConnections() {
 
 }  // namespace cmd_mon
 
-// ---- Responses
-// ------------------------------------------------------------------------------------------------
+// ---- Responses ----------------------------------------------------------------------------------
 
 ResponseHeader rheader;
 char cmd_err_msg[kErrorTextSize];
@@ -385,8 +387,7 @@ void ReleaseRecords() {
   records = nullptr;
 }
 
-// ---- The command language
-// ----------------------------------------------------------------------------------------
+// ---- The command language -----------------------------------------------------------------------
 
 namespace {
 
@@ -454,8 +455,7 @@ CommandId ParseAndExecuteCommand(CommandNode* cnode, char* cmd) {
   return row->id;
 }
 
-// ---- Queries
-// --------------------------------------------------------------------------------------------------------
+// ---- Queries ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -658,8 +658,7 @@ void ProcessMappedPortCommand(const char* cons_name) {
   AnswerRecords(count);
 }
 
-// ---- Control
-// ---------------------------------------------------------------------------------------------------------
+// ---- Control ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -779,8 +778,7 @@ void SendMsgToConsole(const char* cons_name, const CommandNode* cmd_node, const 
   }
 }
 
-// ---- Management ports
-// ------------------------------------------------------------------------------------------------
+// ---- Management ports ---------------------------------------------------------------------------
 
 namespace {
 

@@ -13,8 +13,7 @@
 #include "list.h"
 #include "locks.h"
 
-// ---- Connections
-// -------------------------------------------------------------------------------------
+// ---- Connections --------------------------------------------------------------------------------
 
 /// One command connection, owned by cmd_list once added. Guarded by cmd_lock.
 struct CommandNode {
@@ -60,6 +59,9 @@ int RemoveCommandFromList(CommandNode* cnode, CommandList* list);
 /// Closes the socket and marks the node; it stays on the list until the clean-up.
 void CloseCommandConnection(CommandNode* cnode);
 
+/// The loop of the thread.
+[[noreturn]] void MonitorCommands();
+
 /// Waits for a command. 1 when some socket of the set is readable (the set then holds those), 0 on
 /// time-out. Ends the process when select() fails. cmd_mon only.
 int CheckForCommand(int high_sock, DescriptorSet* fdset);
@@ -75,8 +77,7 @@ void CleanUpClosedConnections() REQUIRES(cmd_lock);
 
 }  // namespace cmd_mon
 
-// ---- Responses: the cmd_mon thread's own
-// -----------------------------------------------------------------
+// ---- Responses: the cmd_mon thread's own --------------------------------------------------------
 
 enum ResponseType : uint32_t {
   kRecordsFollow = 1,  ///< `count` records follow
@@ -136,8 +137,7 @@ int SendCommandResponse(CommandNode* cnode, int cmd_id);
 /// Frees the records of the answer, if it has any.
 void ReleaseRecords();
 
-// ---- Commands; each takes the list locks itself
-// -------------------------------------------------------------
+// ---- Commands; each takes the list locks itself -------------------------------------------------
 
 void ProcessConsoleCommand(const char* cons_name);
 void ProcessWhoCommand(const char* cons_name);

@@ -30,8 +30,7 @@
 #include "zev.h"
 #include "zev_signal.h"
 
-// ---- Records and lists
-// -----------------------------------------------------------------------------
+// ---- Records and lists --------------------------------------------------------------------------
 
 namespace {
 
@@ -261,8 +260,7 @@ void DumpConsoles(const ConsoleList* list) {
   }
 }
 
-// ---- Look-up by mapped port
-// ------------------------------------------------------------------------
+// ---- Look-up by mapped port ---------------------------------------------------------------------
 
 namespace {
 
@@ -294,8 +292,7 @@ bool CopyMappedConsole(uint16_t port, MappedConsole* copy) {
   return true;
 }
 
-// ---- The connection thread
-// -------------------------------------------------------------------------
+// ---- The connection thread ----------------------------------------------------------------------
 
 namespace {
 

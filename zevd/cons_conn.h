@@ -104,8 +104,7 @@ struct ConsoleSettings {
   EventSetNode* enode;
 };
 
-// ---- Records and lists; the caller holds the list's lock
-// -----------------------------------------
+// ---- Records and lists; the caller holds the list's lock ----------------------------------------
 
 /// A console that is not connected; null when out of memory.
 ConsoleNode* NewConsoleNode(const ConsoleSettings& settings);
@@ -142,8 +141,7 @@ void DeleteMarkedConsoles(ConsoleList* list);
 /// Writes every console of the list at level -1. Before a fatal exit; takes no lock.
 void DumpConsoles(const ConsoleList* list);
 
-// ---- Look-up by mapped port; these take acl_lock and icl_lock themselves
-// --------------------------
+// ---- Look-up by mapped port; these take acl_lock and icl_lock themselves ------------------------
 
 /// What a connection on a mapped port needs to know of its console, copied under the list locks.
 struct MappedConsole {
@@ -160,8 +158,7 @@ ConsoleNode* GetConsoleNodeFromMappedPort(uint16_t port) EXCLUDES(acl_lock, icl_
 /// The same console's data. False when there is none.
 bool CopyMappedConsole(uint16_t port, MappedConsole* copy) EXCLUDES(acl_lock, icl_lock);
 
-// ---- The connection thread
-// -------------------------------------------------------------------------
+// ---- The connection thread ----------------------------------------------------------------------
 
 void* ConsoleConnectionsThreadStart(void* unused);
 

@@ -118,8 +118,7 @@ void ReadConsole(ConsoleNode* cnode) {
   DispatchConsoleOutput(cnode, buf, length);
 }
 
-// ---- The steps of a pass
-// --------------------------------------------------------------------------------
+// ---- The steps of a pass ------------------------------------------------------------------------
 
 constexpr char kLoop[] = "MonitorConsoleOutput";
 

@@ -11,8 +11,7 @@
 /// The loop; never returns.
 [[noreturn]] void MonitorConsoleOutput();
 
-// ---- Services for other threads; the caller holds the lock of the console's list
-// -------------------
+// ---- Services for other threads; the caller holds the lock of the console's list ----------------
 
 /// Size of the buffers in which messages to users are formatted; longer ones are cut.
 inline constexpr size_t kMessageBufferSize = 1024;
@@ -32,8 +31,7 @@ void CloseConsoleConnection(ConsoleNode* cnode);
 /// Sends the replay ring to one user who has just attached.
 void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode);
 
-// ---- The monitor's own steps
-// ---------------------------------------------------------------------------
+// ---- The monitor's own steps --------------------------------------------------------------------
 
 /// Waits for console output. 1 when some socket of the set is readable (the set then holds those),
 /// 0 on time-out. Ends the process when select() fails.

@@ -71,7 +71,7 @@ void ClearThreadNames();
 inline constexpr char kTerminated[] = "Terminated.............";
 inline constexpr char kInternalError[] = "Terminated: Internal error";
 
-// ---- Failures that cost one request ------------------------------------------------------------
+// ---- Failures that cost one request -------------------------------------------------------------
 
 /// Reports an allocation that failed in `function`: the debug line and the "Out of memory" event.
 void ReportOutOfMemory(const char* function);

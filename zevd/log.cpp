@@ -41,8 +41,7 @@ std::mutex directory_mutex;
 /// Change time of the current dated directory, 0 when not yet known.
 std::atomic<time_t> log_dir_creation_time{0};
 
-// ---- Paths and ownership
-// --------------------------------------------------------------------------
+// ---- Paths and ownership ------------------------------------------------------------------------
 
 /// A path below the log directory. The slash that the second part begins with is kept, doubled.
 struct LogPath {
@@ -99,8 +98,7 @@ int OpenForAppending(const char* function, const char* path, mode_t mode, bool* 
   return fd;
 }
 
-// ---- Records
-// -----------------------------------------------------------------------------------------
+// ---- Records ------------------------------------------------------------------------------------
 
 /// Writes the parts of a record in one call, so that a record is whole or not there whatever ends
 /// the process meanwhile. False when it was written short.
@@ -150,8 +148,7 @@ int WriteReady(ConsoleNode* cnode) {
 
 }  // namespace
 
-// ---- Logs
-// ------------------------------------------------------------------------------------------------
+// ---- Logs ---------------------------------------------------------------------------------------
 
 int OpenLogFile(ConsoleNode* cnode) {
   ENTERING();
@@ -216,8 +213,8 @@ int WriteLines(ConsoleNode* cnode) {
     if (WriteBuffer(cnode, log_buf.buf + start, end - start + 1) != 0) result = -1;
     start = end + 1;
   }
-  std::copy(log_buf.buf + start, log_buf.buf + log_buf.count, log_buf.buf);
   log_buf.count -= start;
+  if (start > 0) CopyBytes(log_buf.buf, log_buf.buf + start, log_buf.count);
   return result;
 }
 
@@ -253,10 +250,16 @@ int FlushBuffer(ConsoleNode* cnode) {
 }
 
 int GetNewlineIndex(const char* buf, int pos, int count) {
+  ENTERING();
   if (pos >= count) return -1;
   const char* end = buf + count;
   const char* found = std::find_if(buf + pos, end, IsLineEnd);
   return found == end ? -1 : static_cast<int>(found - buf);
+}
+
+void CopyBytes(char* dst, const char* src, int count) {
+  ENTERING();
+  std::copy(src, src + count, dst);
 }
 
 void RemoveCRsAndNULLs(const char* inbuf, char* outbuf, int* count) {
@@ -299,8 +302,7 @@ void CloseConsolidatedLogFile() {
   consolidated_log_fd = -1;
 }
 
-// ---- Directories
-// -------------------------------------------------------------------------------------------
+// ---- Directories --------------------------------------------------------------------------------
 
 int LogDirExpired() {
   ENTERING();

@@ -11,8 +11,7 @@
 
 #include "cons_conn.h"
 
-// ---- Logs
-// ------------------------------------------------------------------------------------------
+// ---- Logs ---------------------------------------------------------------------------------------
 
 /// Opens the console's log, making the dated directory first where it is missing. 0, or -1. A new
 /// log that cannot be given its group or mode ends the process.
@@ -29,8 +28,7 @@ int WriteLogFile(ConsoleNode* cnode, const char* chars, int count);
 void CloseLogFile(ConsoleNode* cnode);
 void CloseConsolidatedLogFile();
 
-// ---- The steps of writing; see WriteLogFile()
-// -------------------------------------------------------
+// ---- The steps of writing; see WriteLogFile() ---------------------------------------------------
 
 /// Writes every complete line of the line buffer and moves the rest to its front. 0 or -1.
 int WriteLines(ConsoleNode* cnode);
@@ -45,6 +43,9 @@ int FlushBuffer(ConsoleNode* cnode);
 /// Index of the first LF or CR at or after `pos` and before `count`, -1 when there is none.
 int GetNewlineIndex(const char* buf, int pos, int count);
 
+/// Copies forwards, so that bytes may be moved to the front of their own buffer.
+void CopyBytes(char* dst, const char* src, int count);
+
 /// Copies without CR, NUL and telnet commands (255 and the two bytes after it). `count` is the
 /// number of bytes in, then out; `outbuf` has room for as many as went in.
 void RemoveCRsAndNULLs(const char* inbuf, char* outbuf, int* count);
@@ -52,8 +53,7 @@ void RemoveCRsAndNULLs(const char* inbuf, char* outbuf, int* count);
 /// Copies without NUL bytes.
 void RemoveNULLs(const char* inbuf, char* outbuf, int* count);
 
-// ---- Directories
-// --------------------------------------------------------------------------------------
+// ---- Directories --------------------------------------------------------------------------------
 
 /// 1 when the current dated directory is at least log_archive_time seconds old, else 0. Console
 /// output monitor, or before the threads start.

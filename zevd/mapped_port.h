@@ -52,7 +52,7 @@ struct MappedPortListElem {
 
 using MappedPortList = SocketList<MappedPortListElem, &MappedPortListElem::mpnode>;
 
-// ---- Records and lists
+// ---- Records and lists --------------------------------------------------------------------------
 // ----------------------------------------------------------------------------- Allocation failures
 // set u_err_msg to error 013, are reported, and give null.
 
@@ -78,8 +78,7 @@ void FreeMappedPortList(MappedPortList* list) REQUIRES(pending_logins_mutex);
 /// Frees the node; does not close its socket.
 void FreeMappedPortNode(MappedPortNode* mpnode);
 
-// ---- Pending logins; a port or thread that is not known ends the process
-// ---------------------------
+// ---- Pending logins; a port or thread that is not known ends the process ------------------------
 
 /// Counts the calling serv_conn thread `tid` on `port`. 0, or -1 with u_err_msg set when there is
 /// no memory to remember it.

@@ -37,8 +37,7 @@
 #include "zev.h"
 #include "zev_signal.h"
 
-// ---- Errors and modes
-// --------------------------------------------------------------------------------
+// ---- Errors and modes ---------------------------------------------------------------------------
 
 thread_local const char* u_err_msg = nullptr;
 
@@ -105,8 +104,7 @@ const char* ModeNumToName(int mode) {
   return "??";
 }
 
-// ---- Records and lists
-// ---------------------------------------------------------------------------------
+// ---- Records and lists --------------------------------------------------------------------------
 
 namespace {
 
@@ -214,8 +212,7 @@ bool IsUserInUserList(const UserNode* unode, const UserList* list) {
   return list != nullptr && FindElement(*list, unode) != nullptr;
 }
 
-// ---- Attaching
-// ---------------------------------------------------------------------------------------------
+// ---- Attaching ----------------------------------------------------------------------------------
 
 namespace {
 
@@ -388,8 +385,7 @@ bool IsLockedExclusively(const ConsoleNode* cnode) {
   return first != nullptr && first->unode->mode == kExclusive;
 }
 
-// ---- The argument line
-// -----------------------------------------------------------------------------------
+// ---- The argument line --------------------------------------------------------------------------
 
 namespace {
 
@@ -481,8 +477,7 @@ void SetTelnetOptions(int sock) {
   for (const auto& offer : kOffers) send(sock, offer, sizeof offer, 0);
 }
 
-// ---- The listening thread
-// ------------------------------------------------------------------------------
+// ---- The listening thread -----------------------------------------------------------------------
 
 namespace {
 
@@ -725,8 +720,7 @@ void AcceptConnectionRequests(const DescriptorSet* fdset) {
   }
 }
 
-// ---- The service thread
-// ----------------------------------------------------------------------------------
+// ---- The service thread -------------------------------------------------------------------------
 
 namespace {
 

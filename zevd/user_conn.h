@@ -39,8 +39,7 @@ struct UserNode {
   Stall output_stall;   ///< the user takes nothing of what the console prints; under acl_lock
 };
 
-// ---- Errors that users are told
-// ---------------------------------------------------------------------
+// ---- Errors that users are told -----------------------------------------------------------------
 
 enum UserError : int {
   kAuthenticationFailed = 1,
@@ -77,8 +76,7 @@ void SendErrorToUser(int sock, const char* err_msg);
 /// "read-only", "shared" or "exclusive"; every other mode, revocable included, is "??".
 const char* ModeNumToName(int mode);
 
-// ---- Records and lists
-// --------------------------------------------------------------------------------
+// ---- Records and lists --------------------------------------------------------------------------
 
 /// A record for a user who is attached, counted in the console's ref_count; the caller holds
 /// acl_lock. Null, with u_err_msg set, when out of memory.
@@ -98,8 +96,7 @@ int AddUserToList(UserNode* unode, UserList* list);
 int RemoveUserFromList(UserNode* unode, UserList* list);
 bool IsUserInUserList(const UserNode* unode, const UserList* list);
 
-// ---- Attaching
-// -----------------------------------------------------------------------------------------
+// ---- Attaching ----------------------------------------------------------------------------------
 
 /// Attaches the connection to the console, greets its telnet client and replays recent output. 0,
 /// or -1 with u_err_msg set; the caller then closes the socket. After 0 the socket is the
@@ -117,8 +114,7 @@ int HasExclRevokeConn(const ConsoleNode* cnode);
 /// True when the first user of the console, and only the first, holds mode 3. Caller as above.
 bool IsLockedExclusively(const ConsoleNode* cnode);
 
-// ---- The argument line
-// ---------------------------------------------------------------------------------
+// ---- The argument line --------------------------------------------------------------------------
 
 inline constexpr size_t kCookieSize = 17;
 
@@ -139,8 +135,7 @@ int ParseConsoleArgs(char* buf, ConsoleArgs* args);
 /// (RFC 857, RFC 858).
 void SetTelnetOptions(int sock);
 
-// ---- The listening thread; everything but RefreshMappedPorts() is its own
-// ---------------------------------
+// ---- The listening thread; everything but RefreshMappedPorts() is its own -----------------------
 
 void* UserConnectionsThreadStart(void* unused);
 
@@ -161,8 +156,7 @@ int ListenOnPort(uint16_t port);
 int CheckForConnectionRequests(int high_sock, DescriptorSet* fdset);
 void AcceptConnectionRequests(const DescriptorSet* fdset);
 
-// ---- The service thread
-// ------------------------------------------------------------------------------------
+// ---- The service thread -------------------------------------------------------------------------
 
 /// Handed to a serv_conn thread, which frees it.
 struct ServiceReqThreadParams {

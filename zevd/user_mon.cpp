@@ -120,8 +120,7 @@ void RemoveUser(UserNode* unode) REQUIRES(ul_lock, acl_lock) {
   DropReference(cnode);  // the console may be freed by its own thread from here on
 }
 
-// ---- The steps of a pass
-// --------------------------------------------------------------------------------
+// ---- The steps of a pass ------------------------------------------------------------------------
 
 constexpr char kLoop[] = "MonitorUserInput";
 

@@ -11,8 +11,7 @@ void* UserMonitorThreadStart(void* unused);
 /// lock.
 void CloseUserConnection(UserNode* unode);
 
-// ---- The monitor's own steps
-// ---------------------------------------------------------------------------
+// ---- The monitor's own steps --------------------------------------------------------------------
 
 [[noreturn]] void MonitorUserInput();
 

@@ -33,8 +33,7 @@ extern const char* log_dir;         ///< -l: root of all log files
 extern const char* config_file;     ///< -c: console configuration file
 extern const char* progname;        ///< argv[0]
 
-// ---- The global lists; they live for ever
-// --------------------------------------------------------
+// ---- The global lists; they live for ever -------------------------------------------------------
 
 extern ConsoleList* const a_cons_list PT_GUARDED_BY(acl_lock);  ///< connected consoles
 extern ConsoleList* const i_cons_list PT_GUARDED_BY(icl_lock);  ///< all other consoles
@@ -46,8 +45,7 @@ extern EventSetList* const ev_list;  ///< changed before the threads start, or w
 extern MappedPortList* const mapped_port_list;
 extern ModelList model_list;  ///< filled before the threads start, then only read
 
-// ---- Pause protocol: one bit for every long-lived thread
-// -----------------------------------------
+// ---- Pause protocol: one bit for every long-lived thread ----------------------------------------
 
 enum PauseBit : unsigned {
   kPauseConsConn = 0x1,
@@ -63,8 +61,7 @@ extern std::atomic<unsigned> thread_waiting_mask;  ///< each bit written by its 
 /// Top of a long-lived thread's loop: stands still while the thread's bit is requested.
 void ParkIfAsked(unsigned bit);
 
-// ---- Start-up; main thread only
-// -------------------------------------------------------------------
+// ---- Start-up; main thread only -----------------------------------------------------------------
 
 /// Parses the options in command-line order; ends the process on -h, -V and on anything unknown.
 void GetCommandLineOptions(int argc, char** argv);
