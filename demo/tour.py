@@ -1,0 +1,216 @@
+"""What the demo's users do and see. Every step counts only if the bytes really arrived."""
+
+import re
+import socket
+import time
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+from typing import TypeVar
+
+PATIENCE = 20.0
+HOST = "127.0.0.1"
+TELNET_OFFERS = b"\xff\xfb\x01\xff\xfb\x03"
+READABLE = {
+    b"\xff\xfb\x01": b"[telnet: will echo]",
+    b"\xff\xfb\x03": b"[telnet: will suppress go-ahead]",
+    b"\x07": b"[bell]",
+    b"\r": b"",
+}
+
+Found = TypeVar("Found")
+
+
+class StepFailed(Exception):
+    """Something that a step of the tour must see was not seen."""
+
+
+@dataclass(frozen=True)
+class Console:
+    """A console of the demo: where the daemon reaches it and where its users do."""
+
+    name: str
+    port: int
+    mapped_port: int
+    what: str
+
+
+def wait_until(condition: Callable[[], Found], what: str) -> Found:
+    """Ask again and again until the answer is true, and return it."""
+    deadline = time.monotonic() + PATIENCE
+    while not (answer := condition()):
+        if time.monotonic() > deadline:
+            raise StepFailed(f"waited {PATIENCE:g} s for {what} in vain")
+        time.sleep(0.02)
+    return answer
+
+
+def heading(text: str) -> None:
+    print(f"\n=== {text}\n")
+
+
+def seen(text: str) -> None:
+    """Report a fact that has just been checked."""
+    print(f"  ok: {text}\n")
+
+
+def show(who: str, action: str, text: bytes) -> None:
+    """Print bytes as a person would see them, with telnet's and other marks made readable."""
+    for mark, words in READABLE.items():
+        text = text.replace(mark, words)
+    for line in text.decode(errors="backslashreplace").splitlines():
+        print(f"  {who:>6} {action:5} | {line}".rstrip())
+
+
+class User:
+    """A person at a terminal: a connection to one of the daemon's ports."""
+
+    def __init__(self, name: str, port: int) -> None:
+        print(f"  {name} connects to port {port}")
+        self.name = name
+        self._received = bytearray()
+        self._seen = 0
+        self._socket = socket.create_connection((HOST, port), PATIENCE)
+
+    def __enter__(self) -> "User":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._socket.close()
+        print(f"  {self.name} is gone")
+
+    def type(self, line: str) -> None:
+        """Type a line and press Enter."""
+        show(self.name, "types", line.encode() or b"(just Enter)")
+        self._socket.sendall(line.encode() + b"\r\n")
+
+    def expect(self, wanted: bytes) -> bytes:
+        """Wait until the wanted bytes arrive; return everything new up to their end."""
+        while (at := self._received.find(wanted, self._seen)) < 0:
+            if not self._read(f"{wanted!r}"):
+                raise StepFailed(f"{self.name} was disconnected before seeing {wanted!r}")
+        fresh = bytes(self._received[self._seen:at + len(wanted)])
+        self._seen = at + len(wanted)
+        show(self.name, "sees", fresh)
+        return fresh
+
+    def expect_refusal(self, text: bytes) -> None:
+        """Wait for the end of the connection; nothing but the text may have come before it."""
+        while self._read(f"{text!r} and the end of the connection"):
+            pass
+        show(self.name, "sees", bytes(self._received))
+        if self._received != text:
+            raise StepFailed(f"{self.name} saw {bytes(self._received)!r} and not {text!r}")
+
+    def _read(self, awaited: str) -> bool:
+        """Take what has arrived; False at the end of the connection."""
+        try:
+            chunk = self._socket.recv(4096)
+        except TimeoutError:
+            raise StepFailed(f"{self.name} waited {PATIENCE:g} s for {awaited} in vain; "
+                             f"unread: {bytes(self._received[self._seen:])!r}") from None
+        self._received += chunk
+        return bool(chunk)
+
+
+class DaemonOutput:
+    """What the daemon reports about itself."""
+
+    def __init__(self, path: Path) -> None:
+        self._path = path
+
+    def text(self) -> str:
+        return self._path.read_text(errors="replace")
+
+    def expect(self, wanted: str) -> None:
+        """Wait until the daemon has reported the wanted text, and show its line."""
+        line = wait_until(lambda: re.search(f".*{re.escape(wanted)}.*", self.text()),
+                          f"the daemon's report {wanted!r}")
+        print(f"  zevd reports | {line.group()}")
+
+
+class Tour:
+    """The steps, in order; the first one that fails ends the tour."""
+
+    def __init__(self, main_port: int, shell: Console, machine: Console, refuser: Console,
+                 output: DaemonOutput) -> None:
+        self._main_port = main_port
+        self._shell = shell
+        self._machine = machine
+        self._refuser = refuser
+        self._output = output
+
+    def run(self) -> None:
+        self._daemon_is_up()
+        self._type_at_the_shell()
+        self._see_what_was_missed()
+        self._be_refused()
+        self._lock_a_console()
+        print("The tour is over: every step was seen to work.")
+
+    def _daemon_is_up(self) -> None:
+        heading("The daemon listens, and connects to its consoles")
+        for port in (self._main_port, self._shell.mapped_port, self._machine.mapped_port,
+                     self._refuser.mapped_port):
+            self._output.expect(f"bind() to port {port} succeeded")
+        for console, outcome in ((self._shell, "Connected to {}."),
+                                 (self._machine, "Connected to {}."),
+                                 (self._refuser, "Connection to {} refused.")):
+            self._output.expect(outcome.format(f"{console.name} ({HOST}/{console.port})"))
+        seen("two consoles are connected; the third refuses, and is tried again every minute")
+
+    def _type_at_the_shell(self) -> None:
+        heading("A user attaches through the main port and types at a console")
+        print("  On the main port the first line names the console.\n")
+        with User("alice", self._main_port) as alice:
+            alice.type(f"{self._shell.name} user=alice")
+            alice.expect(TELNET_OFFERS)
+            alice.expect(b"shell $ ")
+            alice.type('echo "6 times 7 is $((6 * 7))"')
+            alice.expect(b"6 times 7 is 42\r\n")
+        self._output.expect(f'Closing connection with user "alice"on console "{self._shell.name}"')
+        seen("what alice typed reached the shell, and its answer came back")
+
+    def _see_what_was_missed(self) -> None:
+        heading("A user attaches through a console's own port and sees what was missed")
+        print("  carol watches the machine boot. bob comes when that is over: the daemon replays\n"
+              "  the console's last output to him (option -B), and then he sees what comes next.\n"
+              "  The port tells which console is meant, so bob just presses Enter.\n")
+        with User("carol", self._main_port) as carol:
+            carol.type(f"{self._machine.name} mode=ro user=carol")
+            carol.expect(b"server1 is up\r\n")
+            self._attach_late()
+        seen("bob saw the boot that he had missed, and the machine's next report")
+
+    def _attach_late(self) -> None:
+        with User("bob", self._machine.mapped_port) as bob:
+            bob.type("")
+            bob.expect(TELNET_OFFERS)
+            replay = bob.expect(f'Connected to console "{self._machine.name}" '
+                                "in shared mode.\r\n\n".encode())
+            if b"booting from disk 0\r\n" not in replay:
+                raise StepFailed("the machine's boot was not replayed to bob")
+            if b"status report" not in bob.expect(b" C\r\n"):
+                raise StepFailed("the machine's next report did not reach bob")
+
+    def _be_refused(self) -> None:
+        heading("A console that cannot be had: a numbered refusal")
+        with User("dave", self._main_port) as dave:
+            dave.type(self._refuser.name)
+            dave.expect_refusal(b"005 - Console is not accessible.\r\n")
+        seen("dave was told why, and disconnected")
+
+    def _lock_a_console(self) -> None:
+        heading("One user takes a console exclusively; others may only watch")
+        with User("erin", self._main_port) as erin:
+            erin.type(f"{self._shell.name} mode=ex user=erin")
+            erin.expect(TELNET_OFFERS)
+            with User("frank", self._main_port) as frank:
+                frank.type(f"{self._shell.name} mode=sh user=frank")
+                frank.expect_refusal(b"006 - Console is locked exclusively.\r\n")
+            with User("grace", self._main_port) as grace:
+                grace.type(f"{self._shell.name} mode=ro user=grace")
+                grace.expect(TELNET_OFFERS)
+                erin.type('echo "the disk is $((40 + 2))% full"')
+                grace.expect(b"the disk is 42% full\r\n")
+        seen("frank was refused, and grace saw what erin did")
