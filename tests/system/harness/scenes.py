@@ -1,0 +1,175 @@
+"""What several test files play: a reload, a daemon held still, numbered output, what is used up."""
+
+import contextlib
+import os
+import signal
+import time
+from dataclasses import dataclass
+
+from harness.consoles import FakeConsole
+from harness.peers import OFFERS, Peer, User
+from harness.station import Station
+from harness.waiting import LIMIT, NotReached, wait_until
+
+NOT_FOUND = b"004 - Console not found.\r\n"
+NOT_ACCESSIBLE = b"005 - Console is not accessible.\r\n"
+DISABLED = b"012 - Console is disabled.\r\n"
+
+_RULE = b"*" * 78
+
+
+def framed(message: str) -> bytes:
+    """A message from the daemon as every user of a console sees it."""
+    parts = [b"\a" * 5, _RULE, message.encode(), _RULE, b""]
+    return b"\r\n\r\n".join(parts)
+
+
+# Consoles and users
+
+
+def connected(station: Station, console: FakeConsole, name: str, times: int = 1) -> FakeConsole:
+    """Take the daemon's call and wait until users can be attached, for the n-th time."""
+    console.accept()
+    if station.level >= 3:
+        station.wait_log(f"AddConsoleToList: Added console {name} to a_cons_list.", count=times)
+    else:
+        visit(station, name)
+    return console
+
+
+def visit(station: Station, console: str) -> None:
+    """Attach as soon as the console is connected, and leave; needs debug level 1."""
+    position = station.mark()
+    attach_when_accessible(station, console, mode="ro", user="visitor").close()
+    station.wait_log(f'CleanUpClosedConnections: Closing connection with user "visitor"on console '
+                     f'"{console}"', after=position)
+
+
+def attach_when_accessible(station: Station, console: str, **options) -> User:
+    """Ask for the console until it is connected, for debug levels that do not tell when it is.
+
+    A console that changes lists between the look at the one and the look at the other is not found.
+    """
+    def attached() -> User | None:
+        user = station.ask(console, **options)
+        try:
+            user.expect(OFFERS)
+        except NotReached:
+            if user.received not in (NOT_ACCESSIBLE, NOT_FOUND):
+                raise
+            user.close()
+            return None
+        return user
+
+    return wait_until(attached, what=f"{console} to be accessible")
+
+
+def refused(station: Station, console: str, text: bytes) -> None:
+    """Ask for the console and be refused with this text and nothing else."""
+    user = station.ask(console)
+    user.expect_exactly(text)
+    user.expect_closed()
+
+
+def print_and_wait(station: Station, console: FakeConsole, text: bytes) -> None:
+    """Let the console print one chunk, and wait until the daemon has read it as one."""
+    position = station.mark()
+    console.send(text)
+    shown = text.decode("latin-1").partition("\0")[0]
+    wait_until(lambda: f"ProcessConsoleOutput: Received ->{shown}" in station.log_text(position),
+               what=f"the daemon to read {text!r}")
+
+
+def echo_time(user: Peer, console: Peer, key: bytes, limit: float) -> float:
+    """How long a key takes to the console, and what the console answers to come back."""
+    start = time.monotonic()
+    user.send(key)
+    console.expect(key, limit)
+    answer = b"<" + key + b">"
+    console.send(answer)
+    user.expect(answer, limit)
+    return time.monotonic() - start
+
+
+def numbered(count: int, start: int = 0) -> bytes:
+    """Lines of 40 bytes that tell their place."""
+    return b"".join(b"%08d the quick brown fox jumps ove\r\n" % number
+                    for number in range(start, start + count))
+
+
+# The daemon
+
+
+def reload(station: Station) -> None:
+    """Make the daemon read its files again, and wait until it has."""
+    position = station.mark()
+    station.signal(signal.SIGHUP)
+    wait_reloaded(station, position)
+
+
+def wait_reloaded(station: Station, position: int, count: int = 1) -> None:
+    """Wait until the new configuration is in force. It is printed before and after the merge."""
+    if station.level >= 3:
+        station.wait_log("Entering RefreshMappedPorts", count=count, after=position)
+    else:
+        station.wait_log("ACCESSIBLE CONSOLES:", count=2 * count, after=position)
+
+
+@contextlib.contextmanager
+def held_still(station: Station):
+    """Stop every thread of the daemon; what happens meanwhile, it finds all at once."""
+    station.signal(signal.SIGSTOP)
+    try:
+        wait_until(lambda: _states(station.pid) == {"T"}, what="every thread to stop")
+        yield
+    finally:
+        os.kill(station.pid, signal.SIGCONT)
+
+
+def _states(pid: int) -> set[str]:
+    found = set()
+    for task in os.listdir(f"/proc/{pid}/task"):
+        try:
+            with open(f"/proc/{pid}/task/{task}/stat", encoding="latin-1") as stat:
+                found.add(stat.read().rpartition(")")[2].split()[0])
+        except (FileNotFoundError, ProcessLookupError):
+            continue  # the thread has ended
+    return found
+
+
+@dataclass(frozen=True)
+class Usage:
+    """What a daemon holds at one moment."""
+
+    descriptors: int
+    threads: int
+    rss: int
+
+    @classmethod
+    def of(cls, station: Station) -> "Usage":
+        """What it holds now."""
+        return cls(station.descriptors(), station.threads(), station.rss())
+
+
+def assert_flat(station: Station, before: Usage, memory: int) -> None:
+    """Wait until the daemon holds no more than before; its memory may have grown a little.
+
+    The memory of a sanitizer build says nothing: such a build keeps what was freed, and finds
+    what was lost by itself.
+    """
+    def settled() -> bool:
+        now = Usage.of(station)
+        return now.descriptors == before.descriptors and now.threads == before.threads
+
+    try:
+        wait_until(settled, LIMIT)
+    except NotReached:
+        raise AssertionError(f"{Usage.of(station)} instead of {before}") from None
+    grown = station.rss() - before.rss
+    assert _is_sanitized(station.pid) or grown <= memory, f"{grown} bytes more than {before}"
+
+
+def _is_sanitized(pid: int) -> bool:
+    with open(f"/proc/{pid}/maps", encoding="latin-1") as maps:
+        mapped = maps.read()
+    return "libasan" in mapped or "libtsan" in mapped

@@ -1,0 +1,379 @@
+"""The command port: connections, the command language and the answers byte by byte."""
+
+import re
+import struct
+
+import pytest
+
+from harness.access import LOOPBACK, attach_when_up, banner, bring_up, refused
+from harness.commands import DONE, ERROR, RECORDS, Tool
+from harness.consoles import refusal
+from harness.station import console_line
+from harness.waiting import wait_until
+
+PELLOX = "PX|M100"
+
+
+@pytest.fixture
+def box(station):
+    """A console named "box", connected."""
+    console = station.console("box", mapped_port=0)
+    bring_up(station, console)
+    return console
+
+
+def status_of(tool: Tool, name: str) -> tuple[str, str]:
+    """State and mode of one console as a tool sees them."""
+    (record,) = tool.command(f"console {name}").records
+    return record[6], record[7]
+
+
+# Connections
+
+
+def test_only_the_reserved_name_leads_to_the_command_port(station, box):
+    refused(station.ask("@@@"), 4)
+    assert Tool(station).command("console").count == 1
+
+
+def test_a_tool_is_not_greeted(station, box):
+    tool = Tool(station)
+    tool.command("enable box")
+    tool.expect_nothing_more()
+
+
+def test_two_tools_are_served_in_turn(station, box):
+    first, second = Tool(station), Tool(station)
+    for _ in range(3):
+        assert first.command("who box").type == RECORDS
+        assert second.command("enable box").type == DONE
+
+
+def test_a_tool_that_leaves_is_removed_and_the_other_served(station, box):
+    first, second = Tool(station), Tool(station)
+    before = station.descriptors()
+    first.peer.close()
+    station.wait_log("CleanUpClosedConnections: Cleaning up closed command connection.")
+    wait_until(lambda: station.descriptors() == before - 1, what="the socket to be closed")
+    assert second.command("console box").count == 1
+
+
+def test_commands_sent_together_are_answered_in_order(station, box):
+    tool = Tool(station)
+    tool.send(b"enable box\nwho box\nnonsense\nconsole box\n")
+    assert tool.answer("enable").type == DONE
+    assert tool.answer("who").type == RECORDS
+    assert tool.answer("nonsense").text == "Invalid command."
+    assert tool.answer("console").count == 1
+
+
+def test_what_a_tool_sends_is_logged_with_its_name(station, box):
+    tool = Tool(station, user="ann", addr="10.9.8.7")
+    tool.command("enable box")
+    received = 'ProcessCommand: Received command "enable box\n" from "ann" at "10.9.8.7".\n'
+    wait_until(lambda: received in station.log_text(), what="the command in the log")
+    station.wait_log('SendCommandResponse: Sending response "3" to "ann" at "10.9.8.7".')
+
+
+def test_a_tool_that_vanishes_in_a_long_answer_costs_nobody_else(station, box):
+    leaver, other = Tool(station), Tool(station)
+    leaver.peer.stop_reading()
+    for _ in range(200):
+        leaver.send("console")
+    leaver.peer.reset()
+    station.wait_log("CleanUpClosedConnections: Cleaning up closed command connection.")
+    assert other.command("console box").count == 1
+
+
+def test_a_tool_that_never_reads_a_long_answer_is_dropped(station):
+    station.write_config("".join(console_line(f"console{number}", 1, enable=0)
+                                 for number in range(5000)))
+    station.start("-d", "2")
+    deaf, other = (Tool(station, wait=False) for _ in range(2))
+    assert other.command("console console4999").count == 1
+    deaf.peer.stop_reading()
+    deaf.send("console")
+    station.wait_log("SendCommandResponse: send() failed : Resource temporarily unavailable")
+    answer = other.command("console")
+    assert answer.count == 5000
+    assert answer.records[4999][0] == "console4999"
+
+
+# The language
+
+
+@pytest.mark.parametrize("line, text", [
+    ("", "No command specified."),
+    ("   ", "No command specified."),
+    ("reboot box", "Invalid command."),
+    ("who\tbox", "Invalid command."),
+    ("who", "No console specified."),
+    ("msg", "No console specified."),
+    ("clear", "No console specified."),
+    ("disable", "No console specified."),
+    ("enable", "No console specified."),
+    ("force", "No console specified."),
+    ("portholder", "No console specified."),
+    ("clear nobody", 'Unrecognized console "nobody".'),
+    ("disable nobody", 'Unrecognized console "nobody".'),
+    ("enable nobody", 'Unrecognized console "nobody".'),
+    ("msg nobody hello", 'Unrecognized console "nobody".'),
+    ("force nobody", 'Unrecognized console "nobody".'),
+    ("portholder nobody", 'Unrecognized console "nobody".'),
+])
+def test_errors(station, box, line, text):
+    answer = Tool(station).command(line)
+    assert answer.text == text
+    assert answer.count == len(text) + 1
+
+
+def test_a_message_without_a_separator_behind_the_name_is_missing(station, box):
+    tool = Tool(station)
+    tool.send(b"msg box")
+    assert tool.answer("msg").text == "No message specified."
+
+
+def test_an_error_text_is_cut_to_79_characters(station, box):
+    name = "n" * 100
+    answer = Tool(station).command(f"clear {name}")
+    assert answer.text == f'Unrecognized console "{name}".'[:79]
+    assert answer.count == 80
+
+
+def test_words_in_any_case_and_words_too_many(station, box):
+    tool = Tool(station)
+    assert tool.command("CONSOLE BOX and more").count == 1
+    assert tool.command("Enable boX now").type == DONE
+
+
+def test_a_done_header_keeps_the_count_of_the_answer_before(station):
+    for number in range(5):
+        station.console(f"c{number}", listening=False)
+    station.start()
+    tool = Tool(station)
+    assert tool.command("console").count == 5
+    assert tool.command("enable c1").count == 5
+
+
+# Queries
+
+
+def test_a_console_record_byte_for_byte(station):
+    box = station.console("box", mgmt_port=515, model="A200", platform="rack-1")
+    bring_up(station, box)
+    answer = Tool(station).command("console")
+    assert (answer.type, answer.count) == (RECORDS, 1)
+    assert answer.raw == (
+        b"box".ljust(64, b"\0") + LOOPBACK.encode().ljust(64, b"\0")
+        + struct.pack("<HH", box.port, 515)
+        + b"A200".ljust(64, b"\0") + b"rack-1".ljust(64, b"\0") + b"0\0" + b"0\0")
+
+
+def test_no_consoles_no_records(station):
+    station.start()
+    tool = Tool(station)
+    assert (tool.command("console").type, tool.command("console").count) == (RECORDS, 0)
+    assert tool.command("mapped_port").count == 0
+    tool.expect_nothing_more()
+
+
+def test_an_unknown_name_gives_no_records(station, box):
+    tool = Tool(station)
+    for command in ("console nobody", "who nobody", "mapped_port nobody"):
+        answer = tool.command(command)
+        assert (answer.type, answer.count) == (RECORDS, 0)
+
+
+def test_states(station):
+    up = station.console("up")
+    station.console("off", enable=0, listening=False)
+    station.console("dead", listening=False)
+    bring_up(station, up)
+    station.wait_log(re.compile("Connection to dead .* refused"))
+    tool = Tool(station)
+    assert [record[0] for record in tool.command("console").records] == ["up", "off", "dead"]
+    assert status_of(tool, "up") == ("0", "0")
+    assert status_of(tool, "off") == ("5", "0")
+    assert status_of(tool, "dead") == ("3", "0")
+    station.attach("up")
+    assert status_of(tool, "up") == ("1", "2")
+
+
+@pytest.mark.parametrize("modes, code", [
+    (["ro"], "1"), (["ro", "sh"], "2"), (["sh"], "2"), (["ex"], "3"), (["er"], "4"),
+    (["ro", "ex"], "3"), (["ex", "ro"], "3"), (["ro", "ro"], "1"),
+])
+def test_the_first_user_who_can_type_decides_the_mode(station, box, modes, code):
+    for mode in modes:
+        station.attach("box", mode)
+    assert status_of(Tool(station), "box") == ("1", code)
+
+
+def test_a_hidden_user_is_not_seen(station, box):
+    station.attach("box", "er", user="vrq")
+    tool = Tool(station)
+    assert status_of(tool, "box") == ("0", "0")
+    assert tool.command("who box").count == 0
+
+
+def test_a_hidden_user_beside_another(station, box):
+    station.attach("box", "ro", user="ann")
+    station.attach("box", "er", user="VRQ")
+    tool = Tool(station)
+    assert status_of(tool, "box") == ("1", "1")
+    assert tool.command("who box").records == (("ann", LOOPBACK, "1"),)
+
+
+def test_users_in_the_order_of_their_arrival(station, box):
+    station.attach("box", "ro", user="ann")
+    station.attach("box", user="u" * 32, addr="a" * 64)
+    answer = Tool(station).command("who box")
+    assert answer.records == (("ann", LOOPBACK, "1"), ("u" * 32, "a" * 64, "2"))
+    assert len(answer.raw) == 2 * 98
+
+
+def test_mapped_ports_of_connected_consoles_first(station):
+    station.console("dead", listening=False, mapped_port=0, auth=1)
+    up = station.console("up", mapped_port=0, auth=65537)
+    bring_up(station, up)
+    first, second = Tool(station).command("mapped_port").records
+    assert first == ("up", LOOPBACK, up.port, 0, 1)
+    assert (second[0], second[3], second[4]) == ("dead", 0, 1)
+
+
+# Control
+
+
+def test_clear_tells_the_users_and_keeps_the_console(station, box):
+    users = [station.attach("box", mode) for mode in ("ro", "sh")]
+    tool = Tool(station, user="op")
+    assert tool.command("clear BOX").type == DONE
+    for user in users:
+        user.expect_exactly(banner(f"Your session has been terminated by op@{LOOPBACK}"))
+        user.expect_closed()
+    assert status_of(tool, "box") == ("0", "0")
+    later = station.attach("box")
+    box.send(b"still here")
+    later.expect(b"still here")
+
+
+def test_clear_of_a_console_that_is_not_connected(station):
+    station.console("dead", listening=False)
+    station.start()
+    assert Tool(station).command("clear dead").type == DONE
+
+
+def test_disable_then_enable_a_connected_console(station, box):
+    user = station.attach("box")
+    tool = Tool(station)
+    assert tool.command("disable box").type == DONE
+    user.expect_exactly(banner(f"Console has been disabled by op@{LOOPBACK}"))
+    user.expect_closed()
+    box.expect_closed()
+    wait_until(lambda: status_of(tool, "box") == ("5", "0"), what="the console to be disabled")
+    refused(station.ask("box"), 12)
+    assert tool.command("enable box").type == DONE
+    box.accept()
+    attach_when_up(station, "box")
+
+
+def test_disable_and_enable_leave_the_state_of_an_unconnected_console(station):
+    station.console("dead", listening=False)
+    station.start()
+    station.wait_log(re.compile("Connection to dead .* refused"))
+    tool = Tool(station)
+    assert tool.command("disable dead").type == DONE
+    assert status_of(tool, "dead") == ("5", "0")
+    assert tool.command("enable dead").type == DONE
+    assert status_of(tool, "dead")[0] in ("2", "3", "4")
+
+
+def test_a_message_as_it_stands(station, box):
+    user = station.attach("box")
+    assert Tool(station).command("msg box back  at\tnoon ").type == DONE
+    user.expect_exactly(banner(f"Message from op@{LOOPBACK}: \n\n\rback  at\tnoon \n"))
+
+
+def test_an_empty_message(station, box):
+    user = station.attach("box")
+    assert Tool(station).command("msg box").type == DONE
+    user.expect_exactly(banner(f"Message from op@{LOOPBACK}: \n\n\r"))
+
+
+def test_a_message_to_everybody(station):
+    consoles = [station.console(f"c{number}") for number in range(2)]
+    bring_up(station, *consoles)
+    users = [station.attach(f"c{number}") for number in range(2)]
+    assert Tool(station).command("msg - down at six").type == DONE
+    for user in users:
+        user.expect_exactly(banner(f"Message from op@{LOOPBACK}: \n\n\rdown at six\n"))
+
+
+def test_a_message_to_everybody_with_nobody_there(station):
+    station.start()
+    assert Tool(station).command("msg - hello").type == DONE
+
+
+def test_a_message_to_a_console_that_is_not_connected(station):
+    station.console("dead", listening=False)
+    station.start()
+    assert Tool(station).command("msg dead hello").text == 'Unrecognized console "dead".'
+
+
+# Management ports
+
+
+@pytest.fixture
+def held(station):
+    """A Pellox console whose session somebody else holds, already refused."""
+    station.write_models(PELLOX)
+    console = station.console("px", greeting=refusal("10.1.1.1"), model="M100")
+    station.start()
+    console.accept()
+    station.wait_log(re.compile("Connection to px .* refused"))
+    return console
+
+
+def test_the_holder_of_a_refused_port(station, held):
+    tool = Tool(station)
+    assert tool.command("portholder px").records == (("10.1.1.1",),)
+    assert tool.command("who px").records == (("Unknown", "10.1.1.1", "5"),)
+    assert status_of(tool, "px") == ("3", "0")
+
+
+def test_force_takes_the_session_over_at_once(station, held):
+    tool = Tool(station)
+    assert tool.command("force PX").type == DONE
+    held.accept()
+    held.expect(b"YES\n")
+    station.wait_log("CheckConnectionStatus: Forcing connection for px")
+    attach_when_up(station, "px")
+
+
+def test_force_of_a_connected_console_changes_nothing(station, box):
+    assert Tool(station).command("force box").type == DONE
+
+
+def test_holders_that_cannot_be_told(station):
+    station.write_models(PELLOX)
+    station.console("plain", model="A200", listening=False)
+    station.console("px", model="M100", listening=False)
+    station.start()
+    tool = Tool(station)
+    assert tool.command("portholder plain").text == "Not a Pellox console."
+    assert (tool.command("portholder px").text
+            == "Unable to connect to remote host, possibly bad port number.")
+
+
+def test_the_holder_of_a_connected_console(station, box):
+    tool = Tool(station)
+    assert tool.command("portholder box").records == ((LOOPBACK,),)
+    station.attach("box", addr="10.2.2.2")
+    station.attach("box", addr="10.3.3.3")
+    assert tool.command("portholder box").records == (("10.2.2.2",),)
+
+
+def test_every_answer_type_is_one_of_three(station, box):
+    tool = Tool(station)
+    assert {tool.command(line).type
+            for line in ("console", "nonsense", "enable box")} == {RECORDS, ERROR, DONE}

@@ -1,0 +1,375 @@
+"""Reading the configuration again: what stays, what changes, what goes, and what is said of it."""
+
+import re
+import signal
+
+import pytest
+
+from harness.debuglog import messages
+from harness.peers import User
+from harness.scenes import (DISABLED, NOT_FOUND, connected, framed, numbered, refused, reload,
+                            wait_reloaded)
+from harness.station import console_line
+from harness.waiting import free_port, is_listening, wait_listening, wait_until
+
+DELETED = framed("Console has been deleted.")
+GONE = "DeleteMarkedConsoles: Console {} is being deleted."
+
+
+@pytest.fixture
+def box(station):
+    """The console of a station that has just this one."""
+    made = station.console("box")
+    station.start()
+    return connected(station, made, "box")
+
+
+def configure(station, *lines: str) -> int:
+    """Make these lines the configuration; the position from which the change shows."""
+    station.write_config("".join(lines))
+    position = station.mark()
+    reload(station)
+    return position
+
+
+def serves(user, console) -> None:
+    """The user and the console hear each other."""
+    user.send(b"typed")
+    console.expect_exactly(b"typed")
+    console.send(b"printed")
+    user.expect_exactly(b"printed")
+
+
+def listing(name: str, console, mapped_port: int = 0, logging: int = 1, events: int = 0,
+            enable: int = 1, auth: int = 0, deleted: int = 0, mgmt_port: int = 23) -> list[str]:
+    """How one console is printed."""
+    return [f"name = {name}\n", "addr = 127.0.0.1\n", f"cons_port = {console.port}\n",
+            f"mgmt_port = {mgmt_port}\n", f"mapped_port = {mapped_port}\n",
+            f"logging = {logging}\n", f"events = {events}\n", f"enable = {enable}\n",
+            f"auth = {auth}\n", f"deleted = {deleted}\n", "\n"]
+
+
+# What stays
+
+
+def test_a_reload_without_a_change_changes_nothing(station, box):
+    user = station.attach("box")
+    for _ in range(3):
+        reload(station)
+        serves(user, box)
+    assert not box.called()
+
+
+def test_a_rename_keeps_connection_and_users(station, box):
+    user = station.attach("box", mode="ex")
+    configure(station, console_line("chest", box.port))
+    serves(user, box)
+    refused(station, "box", NOT_FOUND)
+    refused(station, "chest", b"006 - Console is locked exclusively.\r\n")
+    serves(station.attach("chest", mode="ro") and user, box)
+    assert not box.called()
+
+
+def test_names_differ_by_case(station, box):
+    refused(station, "BOX", NOT_FOUND)
+    configure(station, console_line("BOX", box.port))
+    refused(station, "box", NOT_FOUND)
+    serves(station.attach("BOX"), box)
+
+
+def test_a_rename_takes_the_log_file_along(station, box):
+    current = station.logs / "zev.dated" / "current"
+    current.mkdir(parents=True, exist_ok=True)
+    (current / "box.log").write_text("what was logged\n")
+    configure(station, console_line("chest", box.port))
+    assert "what was logged\n" in (current / "chest.log").read_text()
+    assert not (current / "box.log").exists()
+
+
+def test_a_log_file_that_cannot_be_renamed_costs_only_that(station, box):
+    current = station.logs / "zev.dated" / "current"
+    (current / "chest.log").mkdir(parents=True)
+    (current / "box.log").write_text("what was logged\n")
+    user = station.attach("box")
+    position = configure(station, console_line("chest", box.port))
+    station.wait_log("UpdateConsole : rename() failed : Is a directory", after=position)
+    assert (current / "box.log").read_text().startswith("what was logged\n")
+    serves(user, box)
+    station.attach("chest")
+
+
+def test_the_replay_ring_is_kept(station):
+    box = station.console("box")
+    station.start("-B", "100")
+    connected(station, box, "box")
+    user = station.attach("box")
+    box.send(b"printed before")
+    user.expect_exactly(b"printed before")
+    configure(station, console_line("chest", box.port))
+    station.attach("chest").expect_exactly(b"printed before")
+
+
+def test_two_lines_of_one_address_update_one_console_and_the_later_one_wins(station, box):
+    user = station.attach("box")
+    configure(station, console_line("first", box.port), console_line("second", box.port))
+    refused(station, "first", NOT_FOUND)
+    serves(station.attach("second"), box)
+    assert not user.closed and not box.called()
+
+
+def test_two_lines_of_one_new_address_make_one_console_too(station, box):
+    other = station.console("other")
+    configure(station, console_line("box", box.port), console_line("first", other.port),
+              console_line("second", other.port))
+    connected(station, other, "second")
+    refused(station, "first", NOT_FOUND)
+    assert not other.called()
+
+
+def test_two_consoles_of_one_address_from_the_start_become_one(station):
+    box = station.console("first")
+    station.console_line("second", box.port)
+    station.start()
+    connected(station, box, "first")
+    station.wait_connected("second")
+    users = [station.attach(name) for name in ("first", "second")]
+    position = station.mark()
+    reload(station)
+    users[1].expect_exactly(DELETED)
+    users[1].expect_closed()
+    station.wait_log(GONE.format("second"), after=position)
+    # The first one is left, updated by both lines.
+    refused(station, "first", NOT_FOUND)
+    serves(station.attach("second", mode="ro") and users[0], box)
+
+
+# What is printed
+
+
+def test_the_consoles_are_printed_before_and_after(station):
+    on, off = station.console("on"), station.console("off", enable=0)
+    station.start()
+    connected(station, on, "on")
+    mapped = free_port()
+    position = configure(station, console_line("new", on.port, mgmt_port=7, mapped_port=mapped,
+                                               logging=0, events=1, auth=1))
+    printed = [message for message in messages(station.log_text(position))
+               if re.match(r"\w+ = |\n|(IN)?ACCESSIBLE CONSOLES:", message)]
+    assert printed == [
+        "INACCESSIBLE CONSOLES:\n", *listing("off", off, enable=0),
+        "ACCESSIBLE CONSOLES:\n", *listing("on", on),
+        "INACCESSIBLE CONSOLES:\n", *listing("off", off, enable=0, deleted=1),
+        "ACCESSIBLE CONSOLES:\n",
+        *listing("new", on, mgmt_port=7, mapped_port=mapped, logging=0, events=1, auth=1)]
+
+
+# What comes and goes
+
+
+def test_a_new_console_is_called(station, box):
+    user = station.attach("box")
+    other = station.console("other")
+    reload(station)
+    connected(station, other, "other")
+    serves(station.attach("other"), other)
+    serves(user, box)
+
+
+def test_a_deleted_console_says_so_to_its_users_and_goes(station, box):
+    other = station.console("other")
+    reload(station)
+    connected(station, other, "other")
+    users = [station.attach("box", mode=mode) for mode in ("sh", "ro", "ro")]
+    stays = station.attach("other")
+    position = configure(station, console_line("other", other.port))
+    for user in users:
+        user.expect_exactly(b"\a\a\a\a\a\r\n\r\n" + b"*" * 78 + b"\r\n\r\n"
+                            b"Console has been deleted.\r\n\r\n" + b"*" * 78 + b"\r\n\r\n")
+        user.expect_closed()
+    station.wait_log(GONE.format("box"), after=position)
+    box.expect_closed()
+    refused(station, "box", NOT_FOUND)
+    serves(stays, other)
+
+
+def test_several_deleted_consoles_all_go(station):
+    consoles = {f"c{number}": station.console(f"c{number}", enable=number % 3)
+                for number in range(9)}
+    station.start()
+    users = []
+    for number, (name, console) in enumerate(consoles.items()):
+        if number % 3:
+            connected(station, console, name)
+            users += [station.attach(name) for _ in range(number % 3)]
+    position = configure(station, "")
+    for user in users:
+        user.expect_exactly(DELETED)
+        user.expect_closed()
+    for name in consoles:
+        station.wait_log(GONE.format(name), after=position)
+
+
+def test_a_deleted_console_may_come_back(station, box):
+    user = station.attach("box")
+    position = configure(station, "")
+    user.expect_exactly(DELETED)
+    station.wait_log(GONE.format("box"), after=position)
+    configure(station, console_line("box", box.port))
+    connected(station, box, "box", times=2)
+    serves(station.attach("box"), box)
+
+
+def test_a_broken_line_deletes_its_console(station, box):
+    position = configure(station, f"box 127.0.0.1 {box.port}\n")
+    station.wait_log("LoadConfigFile: Missing management port at line 1", after=position)
+    station.wait_log(GONE.format("box"), after=position)
+
+
+def test_another_port_makes_another_console(station, box):
+    user = station.attach("box")
+    moved = station.console("box", listening=False)
+    moved.listen()
+    position = configure(station, console_line("box", moved.port))
+    user.expect_exactly(DELETED)
+    user.expect_closed()
+    station.wait_log(GONE.format("box"), after=position)
+    box.expect_closed()
+    connected(station, moved, "box", times=2)
+    serves(station.attach("box"), moved)
+    assert not box.called()
+
+
+def test_another_address_makes_another_console(station, box):
+    user = station.attach("box")
+    configure(station, console_line("box", box.port, address="127.0.0.01"))
+    user.expect_exactly(DELETED)
+    connected(station, box, "box", times=2)
+
+
+def test_disabling_and_enabling(station, box):
+    user = station.attach("box")
+    position = configure(station, console_line("box", box.port, enable=0))
+    user.expect_exactly(framed("Console has been disabled."))
+    user.expect_closed()
+    box.expect_closed()
+    station.wait_log("AddConsoleToList: Added console box to i_cons_list.", after=position)
+    refused(station, "box", DISABLED)
+    assert not box.called()
+    configure(station, console_line("box", box.port))
+    connected(station, box, "box", times=2)
+    serves(station.attach("box"), box)
+
+
+# Mapped ports
+
+
+def test_mapped_ports_open_and_close(station, box):
+    first, second = free_port(), free_port()
+    configure(station, console_line("box", box.port, mapped_port=first))
+    wait_listening(first)
+    user = station.mapped(first)
+    user.expect(b'Connected to console "box" in shared mode.\r\n\n')
+    silent = station.caller(first)
+    station.wait_log(re.compile(f"^ServiceConnectionRequestThreadStart: Servicing .* port {first}$"),
+                     count=2)
+    position = configure(station, console_line("box", box.port, mapped_port=second))
+    wait_listening(second)
+    station.wait_log(f"CleanUpStalePorts: Port {first} is no longer mapped to console",
+                     after=position, thread="user_conn")
+    wait_until(lambda: not is_listening(first), what="the old port to close")
+    silent.expect_closed()
+    serves(user, box)
+    station.mapped(second).expect(b'Connected to console "box" in shared mode.\r\n\n')
+    configure(station, console_line("box", box.port))
+    wait_until(lambda: not is_listening(second), what="the second port to close")
+    serves(user, box)
+
+
+def test_a_mapped_port_may_pass_to_another_console(station, box):
+    port = free_port()
+    other = station.console("other")
+    configure(station, console_line("box", box.port, mapped_port=port),
+              console_line("other", other.port))
+    connected(station, other, "other")
+    wait_listening(port)
+    before = station.mapped(port)
+    before.expect(b'Connected to console "box" in shared mode.\r\n\n')
+    position = configure(station, console_line("box", box.port),
+                         console_line("other", other.port, mapped_port=port))
+    station.wait_log("Entering SetupMappedPorts", after=position, thread="user_conn")
+    after = station.mapped(port)
+    after.expect(b'Connected to console "other" in shared mode.\r\n\n')
+    serves(before, box)
+    serves(after, other)
+    assert "is no longer mapped" not in station.log_text(position)
+
+
+def test_the_mapped_port_of_a_deleted_console_closes(station, box):
+    port = free_port()
+    other = station.console("other")
+    configure(station, console_line("box", box.port),
+              console_line("other", other.port, mapped_port=port))
+    connected(station, other, "other")
+    wait_listening(port)
+    station.mapped(port).expect(b'Connected to console "other" in shared mode.\r\n\n')
+    configure(station, console_line("box", box.port))
+    # The port goes once its console has; that needs one more look at the ports.
+    wait_until(lambda: "Console other is being deleted." in station.log_text(), what="deletion")
+    reload(station)
+    wait_until(lambda: not is_listening(port), what="the port to close")
+
+
+# Failure
+
+
+def test_a_missing_file_ends_the_daemon(station, box):
+    user = station.attach("box")
+    station.config_file.unlink()
+    station.signal(signal.SIGHUP)
+    station.expect_exit(1)
+    assert ("LoadConfigFile: open() failed : No such file or directory\n"
+            in messages(station.log_text()))
+    user.expect_closed()
+
+
+# Traffic
+
+
+def test_a_hundred_reloads_under_traffic_lose_nothing(station):
+    box, other = station.console("box"), station.console("other")
+    station.start("-d", "1")
+    connected(station, box, "box")
+    connected(station, other, "other")
+    users = [station.attach("box", mode=mode) for mode in ("sh", "ro", "ro")]
+    both = (console_line("box", box.port), console_line("other", other.port))
+    down = up = 0
+    for number in range(100):
+        box.send(numbered(50, start=down))
+        down += 50
+        users[0].send(numbered(20, start=up))
+        up += 20
+        # The names change, the addresses stay.
+        station.write_config("".join(both).replace("other", f"other{number}"))
+        reload(station)
+    for user in users:
+        user.expect_exactly(numbered(down))
+    box.expect_exactly(numbered(up))
+    refused(station, "other", NOT_FOUND)
+    serves(station.attach("other99"), other)
+    assert not box.called() and not other.called()
+
+
+def test_hangups_as_fast_as_they_come_while_users_come_and_go(station):
+    box = station.console("box")
+    station.start("-d", "1")
+    connected(station, box, "box")
+    stays = station.attach("box", mode="ro")
+    for number in range(100):
+        station.signal(signal.SIGHUP)
+        box.send(b"%d " % number)
+        with User.attach(station.port, "box"):
+            stays.expect_exactly(b"%d " % number)
+    position = station.mark()
+    reload(station)
+    wait_reloaded(station, position)
+    serves(station.attach("box"), box)

@@ -1,0 +1,157 @@
+"""The three signals: what ends the daemon, what makes it read its files again, what it ignores."""
+
+import os
+import re
+import signal
+
+import pytest
+
+from harness.scenes import connected, held_still, numbered, reload, wait_reloaded
+from harness.waiting import wait_until
+
+TERMINATED = re.compile(r">: Received SIGTERM\.\n"
+                        r"ZEV \S+:<main>: Exiting with code 1 from file zev_signal\.\w+ line \d+\n"
+                        r"(ZEV .*\n)*\Z")
+
+
+def blocked(station) -> dict[str, set[int]]:
+    """The signals that each thread blocks, the main thread under the name "main"."""
+    found = {}
+    for task in os.listdir(f"/proc/{station.pid}/task"):
+        with open(f"/proc/{station.pid}/task/{task}/status", encoding="ascii") as status:
+            mask = next(int(line.split()[1], 16) for line in status if line.startswith("SigBlk:"))
+        name = "main" if int(task) == station.pid else task
+        found[name] = {number for number in range(1, 65) if mask >> (number - 1) & 1}
+    return found
+
+
+# Who gets them
+
+
+def test_only_the_main_thread_takes_sigterm_and_none_takes_the_others(station):
+    box = station.console("box")
+    station.start()
+    connected(station, box, "box")
+    station.attach("box")
+    station.caller()
+    station.wait_log(re.compile("^ServiceConnectionRequestThreadStart: Servicing"), count=2)
+    masks = blocked(station)
+    assert len(masks) >= 5
+    for thread, mask in masks.items():
+        assert {signal.SIGHUP, signal.SIGPIPE} <= mask
+        assert (signal.SIGTERM in mask) == (thread != "main")
+
+
+# SIGTERM
+
+
+@pytest.mark.parametrize("detached", [False, True])
+def test_sigterm_ends_it_with_status_1_and_a_line_that_says_so(station, detached):
+    station.start("-d", "1", detached=detached)
+    station.signal(signal.SIGTERM)
+    station.expect_exit(1)
+    assert TERMINATED.search(station.log_text())
+
+
+def test_sigterm_closes_every_connection(station):
+    box = station.console("box")
+    station.start()
+    connected(station, box, "box")
+    user = station.attach("box")
+    station.stop()
+    user.expect_closed()
+    box.expect_closed()
+
+
+@pytest.mark.parametrize("attempt", range(8))
+def test_sigterm_ends_it_under_load(station, attempt):
+    """The handler may meet the main thread at any point, within a debug line too."""
+    box = station.console("box")
+    station.start()
+    connected(station, box, "box")
+    user = station.attach("box")
+    printing, typing = box.flood(numbered(1000), 1000), user.flood(numbered(1000), 1000)
+    wait_until(lambda: len(user.received) > 40000 * (attempt + 1), what="the flood")
+    os.kill(station.pid, signal.SIGTERM)
+    station.expect_exit(1, limit=5)
+    printing.join()
+    typing.join()
+
+
+def test_sigterm_during_a_reload_ends_it(station):
+    station.start()
+    for _ in range(3):
+        station.signal(signal.SIGHUP)
+        os.kill(station.pid, signal.SIGTERM)
+        station.expect_exit(1)
+        station.start()
+
+
+# SIGHUP
+
+
+@pytest.mark.parametrize("count", [1, 3, 20])
+def test_hangups_in_quick_succession_are_one_reload(station, count):
+    station.start()
+    position = station.mark()
+    with held_still(station):
+        for _ in range(count):
+            station.signal(signal.SIGHUP)
+    wait_reloaded(station, position)
+    # The next one is a reload of its own: had there been two before it, there were three now.
+    station.signal(signal.SIGHUP)
+    wait_reloaded(station, position, count=2)
+    assert station.log_text(position).count(">: Entering ReloadConfigFile\n") == 2
+
+
+def test_one_hangup_after_the_other_is_one_reload_each(station):
+    station.start()
+    position = station.mark()
+    for _ in range(3):
+        reload(station)
+    assert station.log_text(position).count(">: Entering ReloadConfigFile\n") == 3
+
+
+def test_the_main_thread_reloads(station):
+    station.start()
+    position = station.mark()
+    reload(station)
+    station.wait_log("Entering ReloadConfigFile", after=position, thread="main")
+
+
+# SIGPIPE
+
+
+def test_sigpipe_from_outside_is_ignored(station):
+    box = station.console("box")
+    station.start()
+    connected(station, box, "box")
+    user = station.attach("box")
+    station.signal(signal.SIGPIPE)
+    box.send(b"still here")
+    user.expect_exactly(b"still here")
+
+
+def test_writing_to_a_user_who_has_gone_is_an_error_and_no_end(station):
+    box = station.console("box")
+    station.start()
+    connected(station, box, "box")
+    stays = station.attach("box")
+    failed = re.compile('>: SendConsoleOutputToUsers: send\\(\\) from console "box" failed : '
+                        "(Broken pipe|Connection reset by peer)\n")
+
+    def met_by_a_send() -> bool:
+        user = station.attach("box", user="ann")
+        position = station.mark()
+        with held_still(station):
+            user.reset()
+            box.send(b"printed")
+        stays.expect_exactly(b"printed")
+        station.wait_log('CleanUpClosedConnections: Closing connection with user "ann"on console '
+                         '"box"', after=position)
+        return bool(failed.search(station.log_text(position)))
+
+    # The other monitor may be the first to notice, and then no send fails.
+    assert any(met_by_a_send() for _ in range(30)), "no send met the user who had gone"
+    box.send(b"still here")
+    stays.expect_exactly(b"still here")

@@ -1,0 +1,796 @@
+// The console output monitor: replay ring, notices, relaying to users, messages and clean-up.
+#include "cons_mon.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "error.h"
+#include "support.h"
+#include "user_mon.h"
+#include "waker.h"
+#include "zev.h"
+
+namespace {
+
+using namespace std::string_view_literals;
+
+using test::AnnouncesDaemonError;
+using test::Attached;
+using test::AttachUser;
+using test::Call;
+using test::ConnectConsole;
+using test::DebugCapture;
+using test::DebugMessages;
+using test::DebugTextsAre;
+using test::FailCall;
+using test::IsExitTrace;
+using test::ReceiveAvailable;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::ExitedWithCode;
+using ::testing::Not;
+using ::testing::StartsWith;
+
+constexpr char kRule[] =
+    "******************************************************************************";
+static_assert(sizeof kRule == 78 + 1);
+
+std::string Banner(const std::string& message) {
+  return std::string("\a\a\a\a\a\r\n\r\n") + kRule + "\r\n\r\n" + message + "\r\n\r\n" + kRule +
+         "\r\n\r\n";
+}
+
+class ConsoleMonitorTest : public test::RelayTest {
+ protected:
+  /// Reads what the consoles have printed, as a pass of the monitor does.
+  static void Pass() {
+    DescriptorSet fdset;
+    ASSERT_TRUE(fdset.CopyFrom(a_cons_list->fdset));
+    if (CheckForConsoleOutput(a_cons_list->high_sock, &fdset) != 0) ProcessConsoleOutput(fdset);
+  }
+
+  void Print(std::string_view text) { test::SendText(console_.peer.get(), text); }
+
+  Attached<UserNode> AddUser(const char* name, int mode = kShared) {
+    return AttachUser(console_.node, name, mode);
+  }
+
+  Attached<ConsoleNode> console_ = ConnectConsole("sys1");
+};
+
+// ---- The replay ring ----------------------------------------------------------------------------
+
+class ReplayTest : public test::RelayTest {
+ protected:
+  /// A console with a ring of `size` bytes.
+  static ConsoleNode* MakeRing(int size) {
+    cons_buf_size = size;
+    return test::AddConsole(a_cons_list, ("ring" + std::to_string(size)).c_str(), -1, kConnected);
+  }
+
+  static void Store(ConsoleNode* console, std::string_view text) {
+    BufferConsoleOutput(console, text.data(), static_cast<int>(text.size()));
+  }
+
+  static std::string Replay(ConsoleNode* console) {
+    const Attached<UserNode> user = AttachUser(console, "anna");
+    SendBufferedConsoleOutputToUser(console, user.node);
+    EXPECT_EQ(user.node->connected, 1);
+    return ReceiveAvailable(user.peer.get());
+  }
+};
+
+TEST_F(ReplayTest, WithoutARingNothingIsKept) {
+  ConsoleNode* console = MakeRing(0);
+  ASSERT_EQ(console->cons_buf.buf, nullptr);
+  Store(console, "login: ");
+  EXPECT_EQ(Replay(console), "");
+  EXPECT_EQ(console->cons_buf.head, 0);
+  EXPECT_EQ(console->cons_buf.tail, 0);
+}
+
+TEST_F(ReplayTest, RingOfOneByteHoldsNothing) {
+  ConsoleNode* console = MakeRing(1);
+  Store(console, "login: ");
+  EXPECT_EQ(Replay(console), "");
+}
+
+TEST_F(ReplayTest, NewRingIsEmpty) {
+  EXPECT_EQ(Replay(MakeRing(16)), "");
+}
+
+TEST_F(ReplayTest, ExactlyTheLastBytesAreKeptOldestFirst) {
+  const std::string text = "abcdefghijklmnopqrstuvwxyz";
+  for (int size = 1; size <= 12; ++size) {
+    SCOPED_TRACE(size);
+    ConsoleNode* console = MakeRing(size);
+    for (size_t length = 1; length <= text.size(); ++length) {
+      Store(console, text.substr(length - 1, 1));
+      const size_t kept = std::min(length, static_cast<size_t>(size - 1));
+      EXPECT_EQ(Replay(console), text.substr(length - kept, kept));
+      EXPECT_TRUE(console->cons_buf.head >= 0 && console->cons_buf.head < size);
+      EXPECT_TRUE(console->cons_buf.tail >= 0 && console->cons_buf.tail < size);
+    }
+  }
+}
+
+TEST_F(ReplayTest, ChunkMayBeLongerThanTheRing) {
+  ConsoleNode* console = MakeRing(8);
+  Store(console, "abc");
+  Store(console, std::string(1000, 'x') + "0123456789");
+  EXPECT_EQ(Replay(console), "3456789");
+}
+
+TEST_F(ReplayTest, AnyByteIsKept) {
+  ConsoleNode* console = MakeRing(8);
+  Store(console, "\0\xFF\r\n\0"sv);
+  EXPECT_EQ(Replay(console), "\0\xFF\r\n\0"sv);
+}
+
+TEST_F(ReplayTest, ReplayDoesNotChangeTheRing) {
+  ConsoleNode* console = MakeRing(8);
+  Store(console, "0123456789");
+  EXPECT_EQ(Replay(console), "3456789");
+  EXPECT_EQ(Replay(console), "3456789");
+  Store(console, "x");
+  EXPECT_EQ(Replay(console), "456789x");
+}
+
+TEST_F(ReplayTest, FailingSendMarksTheUserAndEndsTheReplay) {
+  ConsoleNode* console = MakeRing(8);
+  Store(console, "abcdef");
+  const Attached<UserNode> user = AttachUser(console, "anna");
+  const DebugCapture debug;
+  const FailCall failure(Call::kSend, EPIPE, 3, 1);
+  SendBufferedConsoleOutputToUser(console, user.node);
+  EXPECT_EQ(failure.calls(), 3);
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), "ab");
+  EXPECT_EQ(user.node->connected, 0);
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre("SendBufferedConsoleOutputToUser: send() from console \"ring8\" failed : "
+                          "Broken pipe\n"));
+}
+
+TEST_F(ReplayTest, UserWhoTakesNothingIsGivenUpSoon) {
+  ConsoleNode* console = MakeRing(8);
+  Store(console, "abcdef");
+  const Attached<UserNode> user = AttachUser(console, "anna");
+  const std::string chunk(65536, 'x');
+  while (send(user.node->sock, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
+  }
+  const auto start = std::chrono::steady_clock::now();
+  SendBufferedConsoleOutputToUser(console, user.node);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  EXPECT_EQ(user.node->connected, 0);
+}
+
+// ---- What is handed on
+// -------------------------------------------------------------------------------
+
+class DispatchTest : public ConsoleMonitorTest {
+ protected:
+  DispatchTest() {
+    cons_buf_size = 2048;
+    console_ = ConnectConsole("ringed");
+  }
+
+  void Dispatch(std::string_view chunk) {
+    DispatchConsoleOutput(console_.node, chunk.data(), static_cast<int>(chunk.size()));
+  }
+
+  std::string Ring() const {
+    const ConsoleBuffer& ring = console_.node->cons_buf;
+    return {ring.buf + ring.head, ring.buf + ring.tail};
+  }
+
+  void ExpectDropped(std::string_view chunk) {
+    SCOPED_TRACE(::testing::PrintToString(chunk.substr(0, 80)));
+    const std::string before = Ring();
+    Dispatch(chunk);
+    EXPECT_EQ(Ring(), before);
+  }
+
+  void ExpectKept(std::string_view chunk) {
+    SCOPED_TRACE(::testing::PrintToString(chunk.substr(0, 80)));
+    const std::string before = Ring();
+    Dispatch(chunk);
+    EXPECT_EQ(Ring(), before + std::string(chunk));
+  }
+};
+
+constexpr char kOpenSession[] = "Session is already open to the partition/CLI";
+constexpr char kEnterYes[] = "Enter \"YES\" within 5 seconds to disconnect the existing user";
+constexpr char kTimedOutNotice[] = "Timed out, disconnecting...";
+
+TEST_F(DispatchTest, RingThenLogThenUsers) {
+  console_.node->logging = 1;
+  const Attached<UserNode> user = AddUser("anna");
+  const DebugCapture debug(kTrace);
+  Dispatch("login: ");
+  const std::vector<std::string> entries = test::Containing(debug.Messages(), "Entering ");
+  const auto position = [&](const char* entry) {
+    return std::find(entries.begin(), entries.end(), entry) - entries.begin();
+  };
+  EXPECT_LT(position("Entering BufferConsoleOutput\n"), position("Entering WriteLogFile\n"));
+  EXPECT_LT(position("Entering WriteLogFile\n"), position("Entering SendConsoleOutputToUsers\n"));
+  EXPECT_THAT(entries, Contains("Entering SendConsoleOutputToUsers\n"));
+  EXPECT_EQ(Ring(), "login: ");
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), "login: ");
+}
+
+TEST_F(DispatchTest, OnlyWhatIsToBeLoggedIsLogged) {
+  const DebugCapture debug(kTrace);
+  Dispatch("login: ");
+  EXPECT_THAT(debug.Messages(), Not(Contains("Entering WriteLogFile\n")));
+}
+
+TEST_F(DispatchTest, RawBytesAreHandedOn) {
+  const Attached<UserNode> user = AddUser("anna");
+  Dispatch("a\r\n\0\xFF\xFB\x01z"sv);
+  EXPECT_EQ(Ring(), "a\r\n\0\xFF\xFB\x01z"sv);
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), "a\r\n\0\xFF\xFB\x01z"sv);
+}
+
+TEST_F(DispatchTest, ChunkThatBeginsWithAHighByteIsDroppedWhileNobodyIsThere) {
+  console_.node->logging = 1;
+  const DebugCapture debug(kTrace);
+  ExpectDropped("\xFF\xFB\x01login: ");
+  ExpectDropped("\x80");
+  EXPECT_THAT(debug.Messages(), Not(Contains("Entering WriteLogFile\n")));
+}
+
+TEST_F(DispatchTest, OnlyTheFirstByteCounts) {
+  ExpectKept("\x7F\xFF");
+  ExpectKept("a\xFF\xFB\x01");
+}
+
+TEST_F(DispatchTest, ChunkThatBeginsWithAHighByteIsKeptForAUser) {
+  for (const int mode : {1, 4}) {
+    const Attached<UserNode> user = AddUser("anna", mode);
+    ExpectKept("\xFF\xFB\x01login: ");
+    EXPECT_EQ(ReceiveAvailable(user.peer.get()), "\xFF\xFB\x01login: ");
+  }
+}
+
+TEST_F(DispatchTest, NoticesAreHiddenFromEverybody) {
+  console_.node->logging = 1;
+  const Attached<UserNode> user = AddUser("anna");
+  const DebugCapture debug(kTrace);
+  ExpectDropped(std::string("~NET-E-") + kOpenSession);
+  ExpectDropped(std::string("~NET-E-0001, ") + kOpenSession + " by 192.0.2.5, port 23\r\n");
+  ExpectDropped(std::string("~NET-I-") + kEnterYes);
+  ExpectDropped(std::string("~NET-I-0002, please\r\n") + kEnterYes + ".\r\n");
+  ExpectDropped(std::string("~NET-I-") + kTimedOutNotice);
+  ExpectDropped(std::string("~NET-I-0003: ") + kTimedOutNotice + "\r\nrest of the chunk");
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), "");
+  EXPECT_THAT(debug.Messages(), Not(Contains("Entering WriteLogFile\n")));
+}
+
+TEST_F(DispatchTest, NoticeMustBeginTheChunk) {
+  ExpectKept(std::string(" ~NET-I-") + kTimedOutNotice);
+  ExpectKept(std::string("\r\n~NET-E-") + kOpenSession);
+}
+
+TEST_F(DispatchTest, StartAndTextMustBelongTogether) {
+  ExpectKept(std::string("~NET-I-") + kOpenSession);
+  ExpectKept(std::string("~NET-E-") + kEnterYes);
+  ExpectKept(std::string("~NET-E-") + kTimedOutNotice);
+  ExpectKept(kOpenSession);
+}
+
+TEST_F(DispatchTest, StartAloneIsOrdinaryOutput) {
+  ExpectKept("~NET-E-");
+  ExpectKept("~NET-I-0004, hello\r\n");
+  ExpectKept("~NET-I");
+  ExpectKept(std::string("~net-i-") + kTimedOutNotice);
+  ExpectKept("~NET-E-Session is already open to the partition");
+  ExpectKept("~NET-I-Enter YES within 5 seconds to disconnect the existing user");
+  ExpectKept("~NET-I-Timed out, disconnecting..");
+}
+
+TEST_F(DispatchTest, TextBehindANulIsNotSeen) {
+  ExpectKept(std::string("~NET-I-\0", 8) + kTimedOutNotice);
+  ExpectDropped(std::string("~NET-I-") + kTimedOutNotice + std::string("\0rest", 5));
+}
+
+TEST_F(DispatchTest, LastByteOfAFullChunkIsNotSeen) {
+  const std::string notice = kTimedOutNotice;
+  const std::string padding(1024 - 7 - notice.size(), '.');
+  ExpectKept("~NET-I-" + padding + notice);
+  ExpectDropped("~NET-I-" + padding.substr(1) + notice + "!");
+}
+
+// ---- Reading consoles
+// ---------------------------------------------------------------------------------
+
+TEST_F(ConsoleMonitorTest, OutputReachesEveryUser) {
+  const Attached<UserNode> first = AddUser("anna", kReadOnly);
+  const Attached<UserNode> second = AddUser("bert");
+  Print("login: ");
+  const DebugCapture debug(kTrace);
+  Pass();
+  EXPECT_EQ(ReceiveAvailable(first.peer.get()), "login: ");
+  EXPECT_EQ(ReceiveAvailable(second.peer.get()), "login: ");
+  EXPECT_TRUE(debug.Has("ProcessConsoleOutput: Received ->login: <- (7 bytes)\n"));
+}
+
+TEST_F(ConsoleMonitorTest, TraceEndsAtANulAndTellsTheWholeLength) {
+  Print("ab\0cd"sv);
+  const DebugCapture debug(kTrace);
+  Pass();
+  EXPECT_TRUE(debug.Has("ProcessConsoleOutput: Received ->ab<- (5 bytes)\n"));
+}
+
+TEST_F(ConsoleMonitorTest, LongOutputIsReadInChunks) {
+  std::string text;
+  for (int i = 0; i < 600; ++i) text += std::to_string(10000 + i);
+  const Attached<UserNode> user = AddUser("anna");
+  Print(text);
+  const DebugCapture debug(kTrace);
+  for (int i = 0; i < 3; ++i) Pass();
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), text);
+  const std::vector<std::string> received = test::Containing(debug.Messages(), ": Received ->");
+  ASSERT_EQ(received.size(), 3U);
+  EXPECT_THAT(received[0], EndsWith("<- (1024 bytes)\n"));
+  EXPECT_THAT(received[1], EndsWith("<- (1024 bytes)\n"));
+  EXPECT_THAT(received[2], EndsWith("<- (952 bytes)\n"));
+}
+
+TEST_F(ConsoleMonitorTest, OnlyConsolesOfTheSetAreReadInListOrder) {
+  const Attached<ConsoleNode> second = ConnectConsole("sys2");
+  const Attached<ConsoleNode> third = ConnectConsole("sys3");
+  Print("one");
+  test::SendText(second.peer.get(), "two");
+  test::SendText(third.peer.get(), "three");
+  DescriptorSet fdset;
+  ASSERT_TRUE(fdset.Add(third.node->sock) && fdset.Add(console_.node->sock));
+  const DebugCapture debug(kTrace);
+  ProcessConsoleOutput(fdset);
+  EXPECT_THAT(test::Containing(debug.Messages(), ": Received ->"),
+              ElementsAre("ProcessConsoleOutput: Received ->one<- (3 bytes)\n",
+                          "ProcessConsoleOutput: Received ->three<- (5 bytes)\n"));
+}
+
+TEST_F(ConsoleMonitorTest, ConsoleThatHangsUpIsMarkedAndTheNextOneRead) {
+  const Attached<ConsoleNode> second = ConnectConsole("sys2");
+  const Attached<UserNode> user = AttachUser(second.node, "anna");
+  console_.peer.Reset();
+  test::SendText(second.peer.get(), "login: ");
+  const DebugCapture debug(kDetail);
+  Pass();
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre(StartsWith("ProcessConsoleOutput: recv() returned 0 : "),
+                          "CloseConsoleConnection: Closing connection with console sys1\n"));
+  EXPECT_EQ(console_.node->status, 3);
+  EXPECT_TRUE(test::IsOpen(console_.node->sock));
+  EXPECT_EQ(second.node->status, 0);
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), "login: ");
+}
+
+TEST_F(ConsoleMonitorTest, FailingReceiveMarksTheConsole) {
+  for (const int call : {1, 2}) {
+    SCOPED_TRACE(call);
+    console_.node->status = kConnected;
+    Print("login: ");
+    const DebugCapture debug(kDetail);
+    const FailCall failure(Call::kRecv, ECONNRESET, call, 1);
+    Pass();
+    EXPECT_THAT(debug.Messages(),
+                ElementsAre("ProcessConsoleOutput: recv() returned -1 : Connection reset by peer\n",
+                            "CloseConsoleConnection: Closing connection with console sys1\n"));
+    EXPECT_EQ(console_.node->status, 3);
+  }
+}
+
+// ---- Waiting
+// -------------------------------------------------------------------------------------------
+
+TEST_F(ConsoleMonitorTest, WaitTellsWhichConsolesAreReadable) {
+  const Attached<ConsoleNode> second = ConnectConsole("sys2");
+  test::SendText(second.peer.get(), "login: ");
+  const DebugCapture debug(kTrace);
+  DescriptorSet fdset;
+  ASSERT_TRUE(fdset.CopyFrom(a_cons_list->fdset));
+  EXPECT_EQ(CheckForConsoleOutput(a_cons_list->high_sock, &fdset), 1);
+  EXPECT_FALSE(fdset.Contains(console_.node->sock));
+  EXPECT_TRUE(fdset.Contains(second.node->sock));
+  EXPECT_THAT(debug.Messages(),
+              Contains("CheckForConsoleOutput: Calling select( " +
+                       std::to_string(a_cons_list->high_sock) + " + 1, fdset, 0, 0, (2,0))\n"));
+}
+
+TEST_F(ConsoleMonitorTest, WakerEndsTheWaitAndIsNotCounted) {
+  cons_mon_waker.Wake();
+  DescriptorSet fdset;
+  ASSERT_TRUE(fdset.CopyFrom(a_cons_list->fdset));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(CheckForConsoleOutput(a_cons_list->high_sock, &fdset), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+  EXPECT_FALSE(fdset.Contains(cons_mon_waker.descriptor()));
+  cons_mon_waker.Wake();
+  Print("login: ");
+  ASSERT_TRUE(fdset.CopyFrom(a_cons_list->fdset));
+  EXPECT_EQ(CheckForConsoleOutput(a_cons_list->high_sock, &fdset), 1);
+  EXPECT_FALSE(fdset.Contains(cons_mon_waker.descriptor()));
+}
+
+TEST_F(ConsoleMonitorTest, MarkingAConsoleEndsTheWait) {
+  cons_mon_waker.Drain();
+  CloseConsoleConnection(console_.node);
+  timeval wait = {10, 0};
+  DescriptorSet nothing;
+  EXPECT_EQ(WaitForMembers(-1, nothing, cons_mon_waker, &wait), 0);
+  EXPECT_GT(wait.tv_sec, 0);
+}
+
+TEST_F(ConsoleMonitorTest, BothMonitorsWaitForTwoSeconds) {
+  cons_mon_waker.Drain();
+  user_mon_waker.Drain();
+  const auto timed = [](const auto& check) {
+    DescriptorSet nobody;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(check(-1, &nobody), 0);
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  };
+  double user_wait = 0;
+  std::thread user_monitor([&] { user_wait = timed(CheckForUserInput); });
+  const double console_wait = timed(CheckForConsoleOutput);
+  user_monitor.join();
+  for (const double wait : {console_wait, user_wait}) {
+    EXPECT_GE(wait, 1.95);
+    EXPECT_LT(wait, 4.0);
+  }
+}
+
+using ConsoleMonitorDeathTest = ConsoleMonitorTest;
+
+MATCHER(EndsLikeAFailedWait, "") {
+  const std::vector<std::string> texts = DebugMessages(arg);
+  const auto from = std::find(texts.begin(), texts.end(),
+                              "CheckForConsoleOutput: select() failed : Interrupted system "
+                              "call\n");
+  const std::vector<std::string> end(from, texts.end());
+  return ::testing::ExplainMatchResult(
+             ::testing::AllOf(
+                 ::testing::Contains("Dumping \"a_cons_list\"...\n"),
+                 ::testing::Contains("name           = sys1\n"),
+                 ::testing::Contains("status         = 0\n"),
+                 ::testing::Contains("Dumping \"i_cons_list\"...\n"),
+                 ::testing::Contains("name           = away\n"),
+                 ::testing::Contains("status         = 3\n"),
+                 ::testing::Contains("-----------------------------------------\n\n").Times(2)),
+             end, result_listener) &&
+         end.size() > 2 &&
+         ::testing::ExplainMatchResult(AnnouncesDaemonError("Terminated............."),
+                                       end[end.size() - 2], result_listener) &&
+         ::testing::ExplainMatchResult(IsExitTrace(1, "cons_mon.cpp"), end.back(), result_listener);
+}
+
+TEST_F(ConsoleMonitorDeathTest, FailingWaitDumpsTheConsolesAndEndsTheProcess) {
+  test::AddConsole(i_cons_list, "away");
+  EXPECT_EXIT(
+      {
+        test::SendDebugToStderr(kDetail);
+        const FailCall failure(Call::kSelect, EINTR);
+        Pass();
+      },
+      ExitedWithCode(1), EndsLikeAFailedWait());
+}
+
+/// Interrupts system calls again and again.
+void StartInterrupting() {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};  // without SA_RESTART
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval often = {{0, 20000}, {0, 20000}};
+  setitimer(ITIMER_REAL, &often, nullptr);
+}
+
+TEST_F(ConsoleMonitorDeathTest, InterruptedWaitEndsTheProcess) {
+  test::AddConsole(i_cons_list, "away");
+  EXPECT_EXIT(
+      {
+        test::SendDebugToStderr(kDetail);
+        StartInterrupting();
+        for (;;) Pass();
+      },
+      ExitedWithCode(1), EndsLikeAFailedWait());
+}
+
+// ---- Sending to users
+// -------------------------------------------------------------------------------------
+
+TEST_F(ConsoleMonitorTest, UsersAreSentToInListOrder) {
+  const Attached<UserNode> first = AddUser("anna");
+  const Attached<UserNode> second = AddUser("bert");
+  first.node->sock = dup(second.node->sock);  // both ends in one place show the order
+  SendConsoleOutputToUsers(console_.node, "ab", 2);
+  EXPECT_EQ(ReceiveAvailable(second.peer.get()), "abab");
+}
+
+TEST_F(ConsoleMonitorTest, NobodyIsSentAnythingWhenNobodyIsThere) {
+  const FailCall sends(Call::kSend, EPIPE, 1, 0);
+  SendConsoleOutputToUsers(console_.node, "ab", 2);
+  EXPECT_EQ(sends.calls(), 0);
+}
+
+TEST_F(ConsoleMonitorTest, WhatOneUserTookIsAllThatTheNextIsOffered) {
+  const Attached<UserNode> slow = AddUser("slow");
+  const Attached<UserNode> quick = AddUser("quick");
+  const Attached<UserNode> last = AddUser("last");
+  const timeval limit = {0, 50000};
+  setsockopt(slow.node->sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  const std::string chunk(4 << 20, 'x');
+  std::string quick_got;
+  std::string last_got;
+  const auto drain = [](const Attached<UserNode>& user, std::string* got) {
+    return std::thread([&user, got] { *got = test::Receive(user.peer.get(), 8 << 20); });
+  };
+  std::thread quick_reader = drain(quick, &quick_got);
+  std::thread last_reader = drain(last, &last_got);
+  SendConsoleOutputToUsers(console_.node, chunk.data(), static_cast<int>(chunk.size()));
+  shutdown(quick.node->sock, SHUT_WR);
+  shutdown(last.node->sock, SHUT_WR);
+  quick_reader.join();
+  last_reader.join();
+  const size_t taken = ReceiveAvailable(slow.peer.get()).size();
+  EXPECT_GT(taken, 0U);
+  EXPECT_LT(taken, chunk.size());
+  EXPECT_EQ(quick_got.size(), taken);
+  EXPECT_EQ(last_got.size(), taken);
+  for (const UserNode* user : {slow.node, quick.node, last.node}) EXPECT_EQ(user->connected, 1);
+}
+
+TEST_F(ConsoleMonitorTest, FailedSendMakesEveryFollowingOneFail) {
+  const Attached<UserNode> first = AddUser("first");
+  Attached<UserNode> gone = AddUser("gone");
+  const Attached<UserNode> next = AddUser("next");
+  const Attached<UserNode> last = AddUser("last");
+  gone.peer.Reset();
+  const DebugCapture debug(kTrace);
+  SendConsoleOutputToUsers(console_.node, "abc", 3);
+  EXPECT_EQ(ReceiveAvailable(first.peer.get()), "abc");
+  EXPECT_EQ(ReceiveAvailable(next.peer.get()), "");
+  EXPECT_EQ(ReceiveAvailable(last.peer.get()), "");
+  EXPECT_EQ(first.node->connected, 1);
+  for (const UserNode* user : {gone.node, next.node, last.node}) EXPECT_EQ(user->connected, 0);
+  constexpr char kStart[] = "SendConsoleOutputToUsers: send() from console \"sys1\" failed : ";
+  EXPECT_THAT(
+      test::Containing(debug.Messages(), " failed : "),
+      ElementsAre(std::string(kStart) + "Broken pipe\n", std::string(kStart) + "Bad address\n",
+                  std::string(kStart) + "Bad address\n"));
+}
+
+TEST_F(ConsoleMonitorTest, NextChunkIsSentInFullAgain) {
+  Attached<UserNode> gone = AddUser("gone");
+  const Attached<UserNode> user = AddUser("anna");
+  gone.peer.Reset();
+  SendConsoleOutputToUsers(console_.node, "abc", 3);
+  RemoveUserFromList(gone.node, console_.node->user_list);
+  SendConsoleOutputToUsers(console_.node, "def", 3);
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), "def");
+}
+
+TEST_F(ConsoleMonitorTest, UserWhoTakesNothingHoldsBackOnlyHisConsole) {
+  const Attached<ConsoleNode> second = ConnectConsole("sys2");
+  const Attached<UserNode> stalled = AddUser("stalled");
+  const Attached<UserNode> beside = AddUser("beside");
+  const Attached<UserNode> elsewhere = AttachUser(second.node, "elsewhere");
+  const std::string chunk(65536, 'x');
+  while (send(stalled.node->sock, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
+  }
+  Print("one");
+  test::SendText(second.peer.get(), "two");
+  const auto start = std::chrono::steady_clock::now();
+  Pass();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+  EXPECT_EQ(ReceiveAvailable(elsewhere.peer.get()), "two");
+  EXPECT_EQ(ReceiveAvailable(beside.peer.get()), "");
+  ReceiveAvailable(stalled.peer.get());
+  Pass();
+  EXPECT_EQ(ReceiveAvailable(beside.peer.get()), "one");
+  EXPECT_EQ(ReceiveAvailable(stalled.peer.get()), "one");
+  EXPECT_EQ(stalled.node->connected, 1);
+}
+
+TEST_F(ConsoleMonitorTest, UserWhoTakesNothingForTooLongIsMarked) {
+  const Attached<UserNode> stalled = AddUser("stalled");
+  const Attached<UserNode> beside = AddUser("beside");
+  const std::string chunk(65536, 'x');
+  while (send(stalled.node->sock, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
+  }
+  Print("one");
+  const DebugCapture debug;
+  EXPECT_TRUE(test::Eventually([&] {
+    Pass();
+    return stalled.node->connected == 0;
+  }));
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre("SendConsoleOutputToUsers: send() from console \"sys1\" failed : "
+                          "Resource temporarily unavailable\n"));
+  RemoveUserFromList(stalled.node, console_.node->user_list);
+  Pass();
+  EXPECT_EQ(ReceiveAvailable(beside.peer.get()), "one");
+  EXPECT_EQ(beside.node->connected, 1);
+}
+
+// ---- Messages to users
+// -------------------------------------------------------------------------------------
+
+TEST_F(ConsoleMonitorTest, MessageIsFramed) {
+  const Attached<UserNode> first = AddUser("anna");
+  const Attached<UserNode> second = AddUser("bert", kReadOnly);
+  const DebugCapture debug;
+  SendMsgToUsers(console_.node, "Power off at noon.");
+  const std::string expected = Banner("Power off at noon.");
+  EXPECT_EQ(ReceiveAvailable(first.peer.get()), expected);
+  EXPECT_EQ(ReceiveAvailable(second.peer.get()), expected);
+  constexpr char kStart[] = "SendMsgToUsers: The following message was sent to ";
+  EXPECT_THAT(debug.Messages(), ElementsAre(kStart + ("\"anna@192.0.2.1\": " + expected + "\n"),
+                                            kStart + ("\"bert@192.0.2.1\": " + expected + "\n")));
+}
+
+TEST_F(ConsoleMonitorTest, UserWhoCannotBeSentAMessageIsNotClosed) {
+  Attached<UserNode> gone = AddUser("gone");
+  const Attached<UserNode> next = AddUser("next");
+  gone.peer.Reset();
+  const DebugCapture debug;
+  SendMsgToUsers(console_.node, "Hello");
+  EXPECT_EQ(ReceiveAvailable(next.peer.get()), Banner("Hello"));
+  EXPECT_EQ(gone.node->connected, 1);
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre("SendMsgToUsers: send() failed : Broken pipe\n",
+                          "SendMsgToUsers: Message not sent to \"gone@192.0.2.1\".\n",
+                          StartsWith("SendMsgToUsers: The following message was sent to "
+                                     "\"next@192.0.2.1\": ")));
+}
+
+TEST_F(ConsoleMonitorTest, LongMessageIsCut) {
+  const Attached<UserNode> user = AddUser("anna");
+  const std::string message(2000, 'm');
+  SendMsgToUsers(console_.node, message.c_str());
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), Banner(message).substr(0, 1023));
+}
+
+TEST_F(ConsoleMonitorTest, BannerIsCutToItsBuffer) {
+  std::array<char, 20> banner{};
+  FormatBanner(banner.data(), banner.size(), "Hello");
+  EXPECT_EQ(banner.data(), Banner("Hello").substr(0, 19));
+}
+
+// ---- Closing
+// -------------------------------------------------------------------------------------------------
+
+TEST_F(ConsoleMonitorTest, ClosingAConsoleOnlyMarksIt) {
+  const DebugCapture debug;
+  CloseConsoleConnection(console_.node);
+  EXPECT_EQ(console_.node->status, 3);
+  EXPECT_TRUE(test::IsOpen(console_.node->sock));
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre("CloseConsoleConnection: Closing connection with console sys1\n"));
+}
+
+TEST_F(ConsoleMonitorTest, ClosingUsersMarksThemAndLeavesCountAndSet) {
+  const Attached<UserNode> first = AddUser("anna");
+  const Attached<UserNode> second = AddUser("bert");
+  UserList* users = console_.node->user_list;
+  const int high_sock = users->high_sock;
+  CloseUserConnections(console_.node);
+  EXPECT_EQ(users->head, nullptr);
+  EXPECT_EQ(users->tail, nullptr);
+  EXPECT_EQ(users->count, 2);
+  EXPECT_EQ(users->high_sock, high_sock);
+  for (const UserNode* user : {first.node, second.node}) {
+    EXPECT_EQ(user->connected, 0);
+    EXPECT_TRUE(users->fdset.Contains(user->sock));
+    EXPECT_TRUE(IsUserInUserList(user, user_list));
+    EXPECT_TRUE(test::IsOpen(user->sock));
+  }
+}
+
+TEST_F(ConsoleMonitorTest, DisabledConsolesAreClosedAndTheirUsersTold) {
+  const Attached<ConsoleNode> disabled = ConnectConsole("sys2");
+  disabled.node->enable = 0;
+  const Attached<UserNode> user = AttachUser(disabled.node, "anna");
+  const Attached<UserNode> other = AddUser("bert");
+  const DebugCapture debug;
+  CloseDisabledConsoleConnections();
+  EXPECT_EQ(disabled.node->status, 3);
+  EXPECT_EQ(console_.node->status, 0);
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), Banner("Console has been disabled."));
+  EXPECT_EQ(ReceiveAvailable(other.peer.get()), "");
+  EXPECT_EQ(user.node->connected, 1);
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre("CloseConsoleConnection: Closing connection with console sys2\n",
+                          StartsWith("SendMsgToUsers: The following message was sent to ")));
+}
+
+TEST_F(ConsoleMonitorTest, ClosedAndDisabledConsolesAreFound) {
+  EXPECT_FALSE(cons_mon::CheckForClosedConnections());
+  console_.node->enable = 0;
+  EXPECT_TRUE(cons_mon::CheckForClosedConnections());
+  console_.node->enable = 1;
+  console_.node->status = kNotConnected;
+  EXPECT_TRUE(cons_mon::CheckForClosedConnections());
+  for (const int status : {1, 2}) {
+    console_.node->status = status;
+    EXPECT_FALSE(cons_mon::CheckForClosedConnections());
+  }
+}
+
+TEST_F(ConsoleMonitorTest, CleanUpClosesWhatIsClosedOrDisabled) {
+  const Attached<ConsoleNode> closed = ConnectConsole("closed");
+  const Attached<ConsoleNode> disabled = ConnectConsole("disabled");
+  const Attached<UserNode> untouched = AddUser("anna");
+  const Attached<UserNode> dropped = AttachUser(closed.node, "bert");
+  closed.node->status = kNotConnected;
+  disabled.node->enable = 0;
+  const int socks[] = {closed.node->sock, disabled.node->sock};
+  cons_mon::CleanUpClosedConnections();
+  for (const int sock : socks) EXPECT_FALSE(test::IsOpen(sock));
+  for (const ConsoleNode* console : {closed.node, disabled.node}) {
+    EXPECT_EQ(console->status, 3);
+    EXPECT_EQ(console->sock, -1);
+    EXPECT_EQ(console->log_fd, -1);
+  }
+  EXPECT_EQ(dropped.node->connected, 0);
+  EXPECT_EQ(closed.node->user_list->head, nullptr);
+  EXPECT_EQ(console_.node->status, 0);
+  EXPECT_TRUE(test::IsOpen(console_.node->sock));
+  EXPECT_EQ(untouched.node->connected, 1);
+  // Moving them is the next step of the pass.
+  EXPECT_THAT(test::Names(*a_cons_list), ElementsAre("sys1", "closed", "disabled"));
+}
+
+TEST_F(ConsoleMonitorTest, CleanUpClosesTheLog) {
+  const test::TemporaryDirectory directory;
+  test::WriteFile(directory.path() / "log", "");
+  const test::SocketPair log;
+  console_.node->log_fd = dup(log.ours.get());
+  const int log_fd = console_.node->log_fd;
+  console_.node->status = kNotConnected;
+  cons_mon::CleanUpClosedConnections();
+  EXPECT_FALSE(test::IsOpen(log_fd));
+  EXPECT_EQ(console_.node->log_fd, -1);
+}
+
+TEST_F(ConsoleMonitorTest, LogsOfConnectedConsolesAreOpenedAndClosed) {
+  const test::StationRoot root;
+  ConsoleNode* away = test::AddConsole(i_cons_list, "away");
+  OpenAllLogFiles();
+  EXPECT_NE(console_.node->log_fd, -1);
+  EXPECT_EQ(away->log_fd, -1);
+  EXPECT_TRUE(std::filesystem::exists("root/logs/zev.dated/current/sys1.log"));
+  EXPECT_TRUE(std::filesystem::exists("root/logs/zev.dated/current/consolidated.log"));
+  const int log_fd = console_.node->log_fd;
+  CloseAllLogFiles();
+  EXPECT_EQ(console_.node->log_fd, -1);
+  EXPECT_FALSE(test::IsOpen(log_fd));
+}
+
+TEST_F(ConsoleMonitorTest, EveryConsoleForgetsItsEventSet) {
+  EventSetNode set{};
+  ConsoleNode* away = test::AddConsole(i_cons_list, "away");
+  console_.node->enode = &set;
+  away->enode = &set;
+  SetEventNodeToNULLForAllConsoles();
+  EXPECT_EQ(console_.node->enode, nullptr);
+  EXPECT_EQ(away->enode, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,579 @@
+#include "error.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <system_error>
+#include <thread>
+
+#include "support.h"
+#include "timestamp.h"
+#include "zev_signal.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::ExitedWithCode;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::StrEq;
+
+constexpr size_t kLongest = 8191;
+
+class DebugOutputTest : public test::DaemonTest {
+ protected:
+  DebugOutputTest() { ClearThreadNames(); }
+  ~DebugOutputTest() override { ClearThreadNames(); }
+};
+
+// ---- The shape of a line ------------------------------------------------------------------------
+
+TEST_F(DebugOutputTest, LineHasTimeThreadAndMessage) {
+  RegisterThread("main");
+  const test::DebugCapture capture;
+  zev_debug(kInfo, "value %d of \"%s\"\n", 7, "x");
+  const std::string output = capture.Output();
+  ASSERT_THAT(capture.Lines(), SizeIs(1));
+  EXPECT_EQ(output, "ZEV " + capture.Lines()[0].stamp + ":<main>: value 7 of \"x\"\n");
+}
+
+TEST_F(DebugOutputTest, StampIsTheTimeOfWriting) {
+  const test::DebugCapture capture;
+  char stamp[80];
+  {
+    const test::FakeClock clock;
+    GetTimeStamp(stamp, sizeof stamp);
+    zev_debug(kInfo, "now\n");
+  }
+  EXPECT_EQ(capture.Output(), std::string("ZEV ") + stamp + ":<unknown>: now\n");
+}
+
+TEST_F(DebugOutputTest, NoNewlineIsAdded) {
+  const test::DebugCapture capture;
+  zev_debug(kInfo, "one");
+  zev_debug(kInfo, "two\n");
+  EXPECT_THAT(capture.Messages(), ElementsAre("one", "two\n"));
+}
+
+TEST_F(DebugOutputTest, EveryMessageIsFlushed) {
+  const test::DebugCapture capture;
+  zev_debug(kInfo, "no newline");
+  EXPECT_THAT(capture.Output(), HasSubstr("no newline"));
+}
+
+TEST_F(DebugOutputTest, ErrnoIsLeftAlone) {
+  const test::DebugCapture capture;
+  errno = EXDEV;
+  zev_debug(kInfo, "message\n");
+  EXPECT_EQ(errno, EXDEV);
+}
+
+// ---- Levels -------------------------------------------------------------------------------------
+
+struct LevelCase {
+  int debug_level;
+  std::vector<std::string> written;
+};
+
+class DebugLevelTest : public ::testing::TestWithParam<LevelCase> {};
+
+TEST_P(DebugLevelTest, WritesWhatIsNotAboveIt) {
+  const test::DebugCapture capture(GetParam().debug_level);
+  zev_debug(kError, "-1");
+  zev_debug(kInfo, "1");
+  zev_debug(kDetail, "2");
+  zev_debug(kTrace, "3");
+  EXPECT_EQ(capture.Messages(), GetParam().written);
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, DebugLevelTest,
+                         ::testing::Values(LevelCase{-2, {}}, LevelCase{-1, {"-1"}},
+                                           LevelCase{0, {"-1"}}, LevelCase{1, {"-1", "1"}},
+                                           LevelCase{2, {"-1", "1", "2"}},
+                                           LevelCase{3, {"-1", "1", "2", "3"}},
+                                           LevelCase{99, {"-1", "1", "2", "3"}}),
+                         [](const auto& test_case) {
+                           const int level = test_case.param.debug_level;
+                           return (level < 0 ? "Minus" : "Plus") + std::to_string(std::abs(level));
+                         });
+
+TEST_F(DebugOutputTest, MessageAboveTheLevelIsNoRepetition) {
+  const test::DebugCapture capture(kInfo);
+  zev_debug(kInfo, "same\n");
+  zev_debug(kTrace, "same\n");
+  zev_debug(kInfo, "other\n");
+  EXPECT_THAT(capture.Messages(), ElementsAre("same\n", "other\n"));
+}
+
+TEST_F(DebugOutputTest, EntryLineNamesTheFunctionAtLevelThree) {
+  const test::DebugCapture capture(kTrace);
+  ENTERING();
+  EXPECT_THAT(capture.Messages(), ElementsAre("Entering TestBody\n"));
+  debug_level = kDetail;
+  ENTERING();
+  zev_debug(kDetail, "end\n");
+  EXPECT_THAT(capture.Messages(), ElementsAre("Entering TestBody\n", "end\n"));
+}
+
+// ---- Repetitions --------------------------------------------------------------------------------
+
+TEST_F(DebugOutputTest, RunOfEqualMessagesIsCollapsed) {
+  RegisterThread("main");
+  const test::DebugCapture capture;
+  for (int i = 0; i < 10; ++i) zev_debug(kInfo, "again\n");
+  EXPECT_THAT(capture.Messages(), ElementsAre("again\n"));
+  const test::FakeClock clock;
+  char stamp[80];
+  GetTimeStamp(stamp, sizeof stamp);
+  zev_debug(kInfo, "new\n");
+  const std::string time = std::string("ZEV ") + stamp;
+  EXPECT_THAT(capture.Output(), HasSubstr("again\n" + time + ": Last message repeated 9 times\n" +
+                                          time + ":<main>: new\n"));
+  EXPECT_THAT(capture.Lines(), SizeIs(3));
+}
+
+TEST_F(DebugOutputTest, OneRepetitionIsReportedToo) {
+  const test::DebugCapture capture;
+  for (const char* text : {"a\n", "a\n", "b\n"}) zev_debug(kInfo, "%s", text);
+  EXPECT_THAT(capture.Messages(), ElementsAre("a\n", "Last message repeated 1 times\n", "b\n"));
+}
+
+TEST_F(DebugOutputTest, CountStartsAgainWithEveryRun) {
+  const test::DebugCapture capture;
+  for (const char* text : {"a\n", "a\n", "a\n", "b\n", "b\n", "a\n", "c\n"}) {
+    zev_debug(kInfo, "%s", text);
+  }
+  EXPECT_THAT(capture.Messages(), ElementsAre("a\n", "Last message repeated 2 times\n", "b\n",
+                                              "Last message repeated 1 times\n", "a\n", "c\n"));
+}
+
+TEST_F(DebugOutputTest, AlternatingMessagesAreAllWritten) {
+  const test::DebugCapture capture;
+  for (const char* text : {"a\n", "b\n", "a\n", "b\n"}) zev_debug(kInfo, "%s", text);
+  EXPECT_THAT(capture.Messages(), ElementsAre("a\n", "b\n", "a\n", "b\n"));
+}
+
+TEST_F(DebugOutputTest, LevelTakesNoPartInTheComparison) {
+  const test::DebugCapture capture(kTrace);
+  zev_debug(kTrace, "same\n");
+  zev_debug(kError, "same\n");
+  zev_debug(kInfo, "end\n");
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("same\n", "Last message repeated 1 times\n", "end\n"));
+}
+
+TEST_F(DebugOutputTest, ThreadTakesNoPartInTheComparison) {
+  const test::DebugCapture capture;
+  RegisterThread("main");
+  zev_debug(kInfo, "same\n");
+  std::thread([] {
+    RegisterThread("cons_conn");
+    zev_debug(kInfo, "same\n");
+    UnregisterThread();
+  }).join();
+  zev_debug(kInfo, "end\n");
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("same\n", "Last message repeated 1 times\n", "end\n"));
+}
+
+TEST_F(DebugOutputTest, ClosingRunOfRepetitionsIsNeverReported) {
+  EXPECT_EXIT(
+      {
+        test::SendDebugToStderr(kError);
+        zev_debug(kError, "last\n");
+        zev_debug(kError, "last\n");
+        EXIT_PROCESS(0);
+      },
+      ExitedWithCode(0), test::DebugTextsAre(ElementsAre("last\n")));
+}
+
+/// The first message of a process: the child starts the program afresh.
+class FirstMessageTest : public ::testing::Test {
+ protected:
+  FirstMessageTest() { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
+  ~FirstMessageTest() override { ::testing::GTEST_FLAG(death_test_style) = saved_; }
+
+ private:
+  std::string saved_ = ::testing::GTEST_FLAG(death_test_style);
+};
+
+TEST_F(FirstMessageTest, EqualToTheInitialTextIsARepetition) {
+  EXPECT_EXIT(
+      {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        zev_debug(kError, "XXXX");
+        zev_debug(kError, "second\n");
+        _exit(0);
+      },
+      ExitedWithCode(0),
+      test::DebugTextsAre(ElementsAre("Last message repeated 1 times\n", "second\n")));
+}
+
+TEST_F(FirstMessageTest, InitialTextIsWrittenOnceAnotherCameBefore) {
+  EXPECT_EXIT(
+      {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        zev_debug(kError, "XXXX\n");
+        zev_debug(kError, "XXXX");
+        _exit(0);
+      },
+      ExitedWithCode(0), test::DebugTextsAre(ElementsAre("XXXX\n", "XXXX")));
+}
+
+// ---- Long messages ------------------------------------------------------------------------------
+
+TEST_F(DebugOutputTest, LongestMessageIsWhole) {
+  const test::DebugCapture capture;
+  const std::string text(kLongest, 'x');
+  zev_debug(kInfo, "%s", text.c_str());
+  EXPECT_THAT(capture.Messages(), ElementsAre(text));
+}
+
+TEST_F(DebugOutputTest, LongerMessageIsCut) {
+  const test::DebugCapture capture;
+  const std::string text(kLongest, 'x');
+  zev_debug(kInfo, "%sy\n", text.c_str());
+  EXPECT_THAT(capture.Messages(), ElementsAre(text));
+}
+
+TEST_F(DebugOutputTest, MessagesThatDifferBehindTheCutAreEqual) {
+  const test::DebugCapture capture;
+  const std::string text(kLongest, 'x');
+  zev_debug(kInfo, "%sa", text.c_str());
+  zev_debug(kInfo, "%sb", text.c_str());
+  zev_debug(kInfo, "end\n");
+  EXPECT_THAT(capture.Messages(), ElementsAre(text, "Last message repeated 1 times\n", "end\n"));
+}
+
+TEST_F(DebugOutputTest, MessagesThatDifferInTheLastByteAreDifferent) {
+  const test::DebugCapture capture;
+  const std::string text(kLongest - 1, 'x');
+  zev_debug(kInfo, "%sa", text.c_str());
+  zev_debug(kInfo, "%sb", text.c_str());
+  EXPECT_THAT(capture.Messages(), ElementsAre(text + "a", text + "b"));
+}
+
+// ---- Thread names -------------------------------------------------------------------------------
+
+// The name that the calling thread's lines show.
+std::string ShownName() {
+  static std::atomic<int> number{0};
+  const test::DebugCapture capture;
+  zev_debug(kInfo, "who %d\n", ++number);
+  return capture.Lines().at(0).thread;
+}
+
+int TakenSlots() {
+  return static_cast<int>(std::count_if(std::begin(thread_name_list.slot),
+                                        std::end(thread_name_list.slot),
+                                        [](const ThreadName& slot) { return slot.in_use == 1; }));
+}
+
+TEST_F(DebugOutputTest, UnregisteredThreadIsUnknown) {
+  EXPECT_EQ(ShownName(), "unknown");
+}
+
+TEST_F(DebugOutputTest, RegisteredThreadIsNamed) {
+  RegisterThread("cons_conn");
+  EXPECT_EQ(ShownName(), "cons_conn");
+  EXPECT_STREQ(thread_name_list.slot[0].name, "cons_conn");
+  EXPECT_EQ(thread_name_list.slot[0].in_use, 1);
+  EXPECT_EQ(thread_name_list.slot[0].id, pthread_self());
+}
+
+TEST_F(DebugOutputTest, ThreadThatRegisteredTwiceKeepsItsFirstName) {
+  RegisterThread("main");
+  RegisterThread("cons_mon");
+  EXPECT_EQ(ShownName(), "main");
+  EXPECT_STREQ(thread_name_list.slot[1].name, "cons_mon");
+  EXPECT_EQ(TakenSlots(), 2);
+}
+
+TEST_F(DebugOutputTest, SecondNameShowsOnceTheFirstIsGivenBack) {
+  RegisterThread("main");
+  RegisterThread("cons_mon");
+  UnregisterThread();
+  EXPECT_EQ(ShownName(), "cons_mon");
+}
+
+TEST_F(DebugOutputTest, NameIsCutTo32Characters) {
+  RegisterThread("0123456789012345678901234567890123456789");
+  EXPECT_EQ(ShownName(), "01234567890123456789012345678901");
+}
+
+TEST_F(DebugOutputTest, FirstFreeSlotIsTaken) {
+  for (int i = 0; i < 3; ++i) RegisterThread("filler");
+  thread_name_list.slot[1].in_use = 0;
+  RegisterThread("new");
+  EXPECT_STREQ(thread_name_list.slot[1].name, "new");
+  EXPECT_EQ(TakenSlots(), 3);
+}
+
+TEST_F(DebugOutputTest, FiftiethRegistrationTakesTheLastSlot) {
+  for (int i = 0; i < kThreadNameSlots; ++i) RegisterThread(std::to_string(i).c_str());
+  EXPECT_EQ(kThreadNameSlots, 50);
+  EXPECT_EQ(TakenSlots(), 50);
+  EXPECT_STREQ(thread_name_list.slot[49].name, "49");
+}
+
+TEST_F(DebugOutputTest, ThreadWithoutASlotIsUnknown) {
+  std::thread([] {
+    for (int i = 0; i < kThreadNameSlots; ++i) RegisterThread("filler");
+  }).join();
+  // The ended thread's id may be given to a new thread, but not to this one.
+  RegisterThread("main");
+  EXPECT_EQ(ShownName(), "unknown");
+  UnregisterThread();
+  EXPECT_EQ(TakenSlots(), 50);
+}
+
+TEST_F(DebugOutputTest, SlotGivenBackIsTakenByTheNext) {
+  RegisterThread("main");
+  std::thread([] {
+    RegisterThread("serv_conn");
+    UnregisterThread();
+    EXPECT_EQ(ShownName(), "unknown");
+  }).join();
+  EXPECT_EQ(TakenSlots(), 1);
+  std::thread([] {
+    RegisterThread("user_mon");
+    EXPECT_EQ(ShownName(), "user_mon");
+    EXPECT_STREQ(thread_name_list.slot[1].name, "user_mon");
+    UnregisterThread();
+  }).join();
+  EXPECT_EQ(ShownName(), "main");
+}
+
+TEST_F(DebugOutputTest, ThousandShortThreadsNeedNoMoreThanOneSlot) {
+  for (int i = 0; i < 1000; ++i) {
+    RegisterThread("serv_conn");
+    ASSERT_EQ(TakenSlots(), 1);
+    UnregisterThread();
+  }
+  EXPECT_EQ(TakenSlots(), 0);
+}
+
+TEST_F(DebugOutputTest, ClearingFreesEverySlot) {
+  for (int i = 0; i < kThreadNameSlots; ++i) RegisterThread("filler");
+  ClearThreadNames();
+  EXPECT_EQ(TakenSlots(), 0);
+  EXPECT_EQ(ShownName(), "unknown");
+}
+
+TEST_F(DebugOutputTest, ThreadsThatRegisterTogetherAllGetTheirOwnSlot) {
+  constexpr int kThreads = 16;
+  std::atomic<int> waiting{kThreads};
+  std::vector<std::thread> threads;
+  threads.reserve(kThreads);
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&waiting, i] {
+      for (--waiting; waiting != 0;) std::this_thread::yield();
+      RegisterThread(std::to_string(i).c_str());
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  std::vector<std::string> names;
+  for (int i = 0; i < kThreads; ++i) names.emplace_back(thread_name_list.slot[i].name);
+  std::vector<std::string> expected;
+  for (int i = 0; i < kThreads; ++i) expected.push_back(std::to_string(i));
+  EXPECT_THAT(names, ::testing::UnorderedElementsAreArray(expected));
+  EXPECT_EQ(TakenSlots(), kThreads);
+}
+
+TEST_F(DebugOutputTest, LinesOfManyThreadsNeverInterleave) {
+  constexpr int kThreads = 4;
+  constexpr int kLines = 200;
+  const std::string filler(300, '.');
+  const test::DebugCapture capture;
+  std::vector<std::thread> threads;
+  threads.reserve(kThreads);
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&filler, i] {
+      RegisterThread(("t" + std::to_string(i)).c_str());
+      for (int n = 0; n < kLines; ++n) zev_debug(kInfo, "t%d %d %s\n", i, n, filler.c_str());
+      UnregisterThread();
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+
+  std::array<int, kThreads> next{};
+  for (const test::DebugLine& line : capture.Lines()) {
+    const auto i = static_cast<size_t>(line.thread.at(1) - '0');
+    ASSERT_EQ(line.text, line.thread + " " + std::to_string(next.at(i)++) + " " + filler + "\n");
+  }
+  EXPECT_THAT(next, ::testing::Each(kLines));
+}
+
+// ---- Failures of the debug lock -----------------------------------------------------------------
+
+using test::Descriptor;
+
+Descriptor ListenAtTheEventManagersAddress() {
+  Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_un address = {AF_UNIX, "root/run/jix.sock"};
+  if (bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      listen(listener.get(), 1) != 0) {
+    throw std::system_error(errno, std::generic_category(), address.sun_path);
+  }
+  return listener;
+}
+
+// All that the first client has sent before it went.
+std::string ReceiveEvents(const Descriptor& listener) {
+  if (!test::WaitReadable(listener.get())) return "";
+  const Descriptor client(accept(listener.get(), nullptr, nullptr));
+  return test::Receive(client.get(), 65536);
+}
+
+class DebugLockFailureTest : public FirstMessageTest {};
+
+TEST_F(DebugLockFailureTest, InitialisationEndsTheProcessWithoutTrace) {
+  EXPECT_EXIT(
+      {
+        debug_level = kInfo;
+        const test::FailCall failure(test::Call::kRwlockInit, EAGAIN, 1, 1);
+        InitializeDebugThreadLock();
+      },
+      ExitedWithCode(1),
+      StrEq("InitializeDebugThreadLock: pthread_rw_lockinit() failed : "
+            "Resource temporarily unavailable\n"));
+}
+
+// The event manager hears of it; the debug output, which would need the lock, says nothing.
+TEST_F(DebugOutputTest, FailureToInitialiseTheDebugLockPostsTheTerminationEvent) {
+  const test::StationRoot root;
+  const Descriptor listener = ListenAtTheEventManagersAddress();
+  EXPECT_EXIT(
+      {
+        test::SendDebugToStderr(kTrace);
+        const test::FailCall failure(test::Call::kRwlockInit, EAGAIN, 1, 1);
+        InitializeDebugThreadLock();
+      },
+      ExitedWithCode(1),
+      StrEq("InitializeDebugThreadLock: pthread_rw_lockinit() failed : "
+            "Resource temporarily unavailable\n"));
+  EXPECT_THAT(ReceiveEvents(listener),
+              AllOf(HasSubstr("\"name\": \"qor.zevd.daemon.error."), HasSubstr("\"priority\": 700"),
+                    HasSubstr("\"message\": \"Terminated: Cannot initialize debug thread lock\"")));
+}
+
+TEST_F(DebugLockFailureTest, FirstMessageInitialisesTheLockOnce) {
+  EXPECT_EXIT(
+      {
+        const test::FailCall count(test::Call::kRwlockInit, 0, 1, 0);
+        zev_debug(kError, "one\n");
+        zev_debug(kError, "two\n");
+        _exit(count.calls() == 1 ? 0 : 1);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(DebugOutputTest, MessageAboveTheLevelDoesNotTakeTheLock) {
+  const test::DebugCapture capture(kInfo);
+  const test::FailCall locks(test::Call::kWrlock, 0, 1, 0);
+  zev_debug(kDetail, "nothing\n");
+  EXPECT_EQ(locks.calls(), 0);
+}
+
+TEST_F(DebugLockFailureTest, LockingEndsTheProcessWithoutTrace) {
+  EXPECT_EXIT(
+      {
+        debug_level = kInfo;
+        const test::FailCall failure(test::Call::kWrlock, EDEADLK, 1, 1);
+        zev_debug(kError, "never seen\n");
+      },
+      ExitedWithCode(1),
+      StrEq("zev_debug: pthread_rwlock_wrlock failed : Resource deadlock avoided\n"));
+}
+
+TEST_F(DebugLockFailureTest, UnlockingEndsTheProcessWithoutTrace) {
+  EXPECT_EXIT(
+      {
+        debug_level = kInfo;
+        const test::FailCall failure(test::Call::kRwlockUnlock, EPERM, 1, 1);
+        zev_debug(kError, "seen on standard output\n");
+      },
+      ExitedWithCode(1),
+      StrEq("zev_debug: pthread_rwlock_unlock failed : Operation not permitted\n"));
+}
+
+// ---- Ways to end the process --------------------------------------------------------------------
+
+TEST_F(DebugOutputTest, ExitTraceNamesCodeFileAndLine) {
+  constexpr int kLine = __LINE__ + 1;
+  EXPECT_EXIT((test::SendDebugToStderr(kInfo), EXIT_PROCESS(0)), ExitedWithCode(0),
+              test::DebugTextsAre(ElementsAre("Exiting with code 0 from file error_test.cpp line " +
+                                              std::to_string(kLine) + "\n")));
+}
+
+TEST_F(DebugOutputTest, ExitTraceIsWrittenForStatusOneToo) {
+  EXPECT_EXIT(
+      (test::SendDebugToStderr(kInfo), ExitProcess(1, "some_file.cpp", 42)), ExitedWithCode(1),
+      test::DebugTextsAre(ElementsAre("Exiting with code 1 from file some_file.cpp line 42\n")));
+}
+
+TEST_F(DebugOutputTest, ExitTraceIsNotWrittenAtLevelZero) {
+  EXPECT_EXIT((test::SendDebugToStderr(0), EXIT_PROCESS(1)), ExitedWithCode(1), StrEq(""));
+}
+
+TEST_F(DebugOutputTest, TerminationPostsTheEventThenExits) {
+  EXPECT_EXIT(
+      (test::SendDebugToStderr(kDetail), TerminateProcess(kInternalError, "some_file.cpp", 42)),
+      ExitedWithCode(1),
+      test::DebugTextsAre(
+          AllOf(::testing::Contains("PostJixEvent: template=qor.zevd.daemon.error "
+                                    "message=Terminated: Internal error -=- priority=700\n"),
+                ::testing::Contains("Exiting with code 1 from file some_file.cpp line 42\n"))));
+}
+
+TEST_F(DebugOutputTest, TerminateMacroNamesThePlace) {
+  EXPECT_EXIT((test::SendDebugToStderr(kInfo), TERMINATE(kTerminated)), ExitedWithCode(1),
+              test::DebugTextsAre(::testing::Contains(test::IsExitTrace(1, "error_test.cpp"))));
+}
+
+TEST(TerminationTextTest, AreAsTheEventManagerKnowsThem) {
+  EXPECT_STREQ(kTerminated, "Terminated.............");
+  EXPECT_STREQ(kInternalError, "Terminated: Internal error");
+}
+
+TEST_F(FirstMessageTest, TwoThreadsThatExitTogetherEndTheProcessOnce) {
+  EXPECT_EXIT(
+      {
+        atexit([] { fputs("once\n", stderr); });
+        std::thread other([] { ExitProcess(1, "other.cpp", 1); });
+        ExitProcess(1, "main.cpp", 1);
+      },
+      ExitedWithCode(1), StrEq("once\n"));
+}
+
+TEST_F(FirstMessageTest, ExitFromWithinExitEndsTheProcess) {
+  EXPECT_EXIT(
+      {
+        atexit([] { ExitProcess(1, "handler.cpp", 1); });
+        ExitProcess(1, "main.cpp", 1);
+      },
+      ExitedWithCode(1), StrEq(""));
+}
+
+// ---- Out of memory ------------------------------------------------------------------------------
+
+TEST_F(DebugOutputTest, OutOfMemoryIsReportedAndPosted) {
+  const test::DebugCapture capture(kDetail);
+  errno = ENOMEM;
+  ReportOutOfMemory("NewThing");
+  const std::vector<std::string> messages = capture.Messages();
+  ASSERT_GE(messages.size(), 2U);
+  EXPECT_EQ(messages[0], "NewThing: malloc() failed : Cannot allocate memory\n");
+  EXPECT_EQ(messages[1],
+            "PostJixEvent: template=qor.zevd.daemon.error message=Out of memory -=- "
+            "priority=700\n");
+}
+
+}  // namespace

@@ -1,0 +1,411 @@
+#include "reg_expr.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+
+#include "support.h"
+
+namespace {
+
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+constexpr char kFile[] = "root/patterns";
+
+/// What a pattern line says.
+struct Line {
+  std::string name;
+  int priority;
+  int case_sensitive;
+  std::string pattern;
+  bool operator==(const Line& other) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Line& line) {
+  return out << line.name << " " << line.priority << " " << line.case_sensitive << " \""
+             << line.pattern << '"';
+}
+
+struct Match {
+  int found;
+  std::string pattern;
+  int priority;
+};
+
+class RegExprTest : public test::RelayTest {
+ protected:
+  RegExprTest() : list_(NewRegExList("re_list")) {}
+  ~RegExprTest() override { FreeRegExList(list_); }
+
+  int Parse(std::string_view content) {
+    test::WriteFile(kFile, content);
+    return ParseRegExFile(kFile, list_);
+  }
+
+  std::vector<Line> Lines() const {
+    std::vector<Line> lines;
+    for (const RegExNode* node : Nodes(*list_)) {
+      lines.push_back({node->jix_name, node->priority, node->case_sensitive, node->pattern});
+    }
+    return lines;
+  }
+
+  // The matching pattern's text and priority, left alone when there is none.
+  Match MatchOf(std::string_view record) const {
+    char* pattern = nullptr;
+    int priority = -12345;
+    const int found =
+        MatchPattern(record.data(), static_cast<int>(record.size()), list_, &pattern, &priority);
+    const std::unique_ptr<char, decltype(&free)> owned(pattern, free);
+    return {found, pattern == nullptr ? "" : pattern, priority};
+  }
+
+  bool Matches(std::string_view record) const { return MatchOf(record).found == 1; }
+
+  test::StationRoot root_;
+  RegExList* list_;
+};
+
+// ---- ParseRegExFile: the fields -----------------------------------------------------------------
+
+TEST_F(RegExprTest, ReadsTheFourFieldsInFileOrder) {
+  EXPECT_EQ(Parse("disk_err 300 0 disk.*error\nfan 7 1 fan failed\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"disk_err", 300, 0, "disk.*error"},
+                                   Line{"fan", 7, 1, "fan failed"}));
+  EXPECT_EQ(list_->count, 2);
+}
+
+TEST_F(RegExprTest, SpacesBeforeTheFirstThreeFieldsAreSkipped) {
+  EXPECT_EQ(Parse("  disk   300    0 disk\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"disk", 300, 0, "disk"}));
+}
+
+TEST_F(RegExprTest, SpacesAfterTheOneThatEndsTheCaseIndicatorBelongToThePattern) {
+  EXPECT_EQ(Parse("a 1 0  x\nb 1 0   \nc 1 0 x  y \n"), 0);
+  EXPECT_THAT(Lines(),
+              ElementsAre(Line{"a", 1, 0, " x"}, Line{"b", 1, 0, "  "}, Line{"c", 1, 0, "x  y "}));
+}
+
+TEST_F(RegExprTest, TabIsNoSeparator) {
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(Parse("a\tb 1 0 \tx\ty\na\t1\t0\tx\n\t\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"a\tb", 1, 0, "\tx\ty"}));
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("ParseRegExFile: Priority missing in line 2 of root/patterns\n",
+                          "ParseRegExFile: Priority missing in line 3 of root/patterns\n"));
+}
+
+TEST_F(RegExprTest, LineEndsAreNotPartOfThePattern) {
+  EXPECT_EQ(Parse("a 1 0 x\r\nb 2 0 y\rz\nc 3 0 last"), 0);
+  EXPECT_THAT(Lines(),
+              ElementsAre(Line{"a", 1, 0, "x"}, Line{"b", 2, 0, "y"}, Line{"c", 3, 0, "last"}));
+}
+
+TEST_F(RegExprTest, CarriageReturnSeparatesTheFirstThreeFields) {
+  EXPECT_EQ(Parse("\ra\r1\r0\rx\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"a", 1, 0, "x"}));
+}
+
+TEST_F(RegExprTest, PriorityThatIsNoNumberIsZero) {
+  EXPECT_EQ(Parse("a high 0 x\nb -5 0 x\nc 12th 0 x\nd +3 0 x\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"a", 0, 0, "x"}, Line{"b", -5, 0, "x"},
+                                   Line{"c", 12, 0, "x"}, Line{"d", 3, 0, "x"}));
+}
+
+TEST_F(RegExprTest, OnlyExactlyZeroMakesCaseNoMatter) {
+  for (const char* indicator : {"0", "1", "00", "-0", "0x", "no", "2"}) {
+    EXPECT_EQ(Parse("a 1 " + std::string(indicator) + " Disk\n"), 0);
+    EXPECT_EQ(Lines().at(0).case_sensitive, atoi(indicator)) << indicator;
+    EXPECT_TRUE(Matches("Disk\n")) << indicator;
+    EXPECT_EQ(Matches("dISK\n"), strcmp(indicator, "0") == 0) << indicator;
+  }
+}
+
+TEST_F(RegExprTest, NoLineIsAComment) {
+  EXPECT_EQ(Parse("# 5 1 not a comment\n#two words here\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"#", 5, 1, "not a comment"}));
+  EXPECT_EQ(Parse("# one word more than three\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"#", 0, 0, "more than three"}));
+}
+
+TEST_F(RegExprTest, FileIsReadAnew) {
+  EXPECT_EQ(Parse("a 1 0 x\n"), 0);
+  EXPECT_EQ(Parse("b 2 1 y\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"b", 2, 1, "y"}));
+}
+
+// ---- ParseRegExFile: what is wrong --------------------------------------------------------------
+
+TEST_F(RegExprTest, BlankLinesAreSkippedWithoutAWordButCounted) {
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(Parse("\n   \n\r\n \r \nbad\n"), 0);
+  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("ParseRegExFile: Priority missing in line 5 of root/patterns\n"));
+}
+
+TEST_F(RegExprTest, EveryMissingFieldIsReportedByLineNumberAndCostsOnlyItsLine) {
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(Parse("a 1 0 first\nb 2 0\nc\nd 4\n\ne 5 0 \nf 6 0 last\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"a", 1, 0, "first"}, Line{"f", 6, 0, "last"}));
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("ParseRegExFile: Pattern missing in line 2 of root/patterns\n",
+                          "ParseRegExFile: Priority missing in line 3 of root/patterns\n",
+                          "ParseRegExFile: Case indicator missing in line 4 of root/patterns\n",
+                          "ParseRegExFile: Pattern missing in line 6 of root/patterns\n"));
+}
+
+TEST_F(RegExprTest, BadExpressionsAreReportedAndLeftOut) {
+  constexpr const char* kBad[] = {"a(b", "a[b", "a\\", "*a", "a{2,1}", "[[:nothing:]]", "a**{"};
+  for (const char* pattern : kBad) {
+    regex_t compiled;
+    const int error = regcomp(&compiled, pattern, REG_EXTENDED);
+    if (error == 0) {  // "*a" and its like are taken by some libraries
+      regfree(&compiled);
+      continue;
+    }
+    char reason[200];
+    regerror(error, &compiled, reason, sizeof reason);
+    const test::DebugCapture capture(0);
+    EXPECT_EQ(Parse("a 1 1 good\nb 2 1 " + std::string(pattern) + "\nc 3 1 good too\n"), 0);
+    EXPECT_THAT(Lines(), ElementsAre(Line{"a", 1, 1, "good"}, Line{"c", 3, 1, "good too"}));
+    EXPECT_THAT(capture.Messages(), ElementsAre("ParseRegExFile: regcomp() failed for pattern " +
+                                                std::string(pattern) + " : " + reason + "\n"));
+  }
+}
+
+TEST_F(RegExprTest, ReasonsAreThoseOfTheSystem) {
+  const test::DebugCapture capture(0);
+  Parse("a 1 1 a(b\n");
+  EXPECT_THAT(
+      capture.Messages(),
+      ElementsAre("ParseRegExFile: regcomp() failed for pattern a(b : Unmatched ( or \\(\n"));
+}
+
+TEST_F(RegExprTest, LineIsReadInPiecesOf8191Bytes) {
+  const std::string first = "a 1 0 " + std::string(8185, 'x');
+  EXPECT_EQ(Parse(first + "b 2 0 y\nc 3 0 z\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"a", 1, 0, std::string(8185, 'x')}, Line{"b", 2, 0, "y"},
+                                   Line{"c", 3, 0, "z"}));
+}
+
+TEST_F(RegExprTest, WhatFollowsANulInALineIsNotSeen) {
+  using namespace std::string_view_literals;
+  EXPECT_EQ(Parse("a 1 0 x\0y\nb 2 0 z\n"sv), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"a", 1, 0, "x"}, Line{"b", 2, 0, "z"}));
+}
+
+TEST_F(RegExprTest, BytesBeyondAsciiAreTakenAsTheyAre) {
+  EXPECT_EQ(Parse("a 1 1 \xff\xfe\n"), 0);
+  EXPECT_TRUE(Matches("x\xff\xfey\n"));
+  EXPECT_FALSE(Matches("x\xfe\xffy\n"));
+}
+
+TEST_F(RegExprTest, EmptyFileGivesNoPatterns) {
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(Parse(""), 0);
+  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(capture.Messages(), IsEmpty());
+}
+
+TEST_F(RegExprTest, DirectoryGivesNoPatterns) {
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(ParseRegExFile("root", list_), 0);
+  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(capture.Messages(), IsEmpty());
+}
+
+TEST_F(RegExprTest, MissingFileFailsAndEmptiesTheList) {
+  Parse("a 1 0 x\n");
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(ParseRegExFile("root/nowhere", list_), -1);
+  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(capture.Messages(), ElementsAre("ParseRegExFile: fopen( \"root/nowhere\", ...) "
+                                              "failed : No such file or directory\n"));
+}
+
+TEST_F(RegExprTest, RunningOutOfMemoryAnywhereFailsTheFile) {
+  const std::vector<std::vector<std::string>> reports = {
+      {"ParseRegExFile: malloc() failed : Cannot allocate memory\n"},
+      {"NewRegExNode: malloc() failed : Cannot allocate memory\n",
+       "ParseRegExFile: NewRegExNode() failed.\n"},
+      {"AddRegExToList: malloc() failed : Cannot allocate memory\n",
+       "ParseRegExFile: AddRegExToList() failed.\n"},
+  };
+  std::vector<std::vector<std::string>> seen;
+  for (int failing = 1;; ++failing) {
+    const test::DebugCapture capture(kDetail);
+    test::WriteFile(kFile, "a 1 0 x\nb 2 0 y\n");
+    const test::FailAllocation failure(failing);
+    const int result = ParseRegExFile(kFile, list_);
+    if (!failure.reached()) {
+      EXPECT_EQ(result, 0);
+      break;
+    }
+    EXPECT_EQ(result, -1) << failing;
+    EXPECT_THAT(capture.Messages(),
+                ::testing::Contains(test::AnnouncesDaemonError("Out of memory")));
+    const std::vector<std::string> reported = test::Reports(capture.Messages());
+    EXPECT_THAT(reports, ::testing::Contains(reported));
+    if (seen.empty() || seen.back() != reported) seen.push_back(reported);
+  }
+  // Each of the three was met on the first line and again on the second.
+  ASSERT_THAT(seen, SizeIs(2 * reports.size()));
+  EXPECT_THAT(Lines(), SizeIs(2));
+}
+
+// ---- MatchPattern -------------------------------------------------------------------------------
+
+TEST_F(RegExprTest, IgnoresCaseWhenToldTo) {
+  Parse("disk_err 300 0 disk.*error\n");
+  EXPECT_TRUE(Matches("Disk Error on drive 2\n"));
+  Parse("disk_err 300 1 disk.*error\n");
+  EXPECT_FALSE(Matches("Disk Error on drive 2\n"));
+  EXPECT_TRUE(Matches("disk error on drive 2\n"));
+}
+
+TEST_F(RegExprTest, FirstMatchInFileOrderWins) {
+  Parse("a 1 0 nothing\nb 5 0 error\nc 900 0 disk error\n");
+  const Match match = MatchOf("disk error\n");
+  EXPECT_EQ(match.found, 1);
+  EXPECT_EQ(match.pattern, "error");
+  EXPECT_EQ(match.priority, 5);
+}
+
+TEST_F(RegExprTest, WithoutAMatchNothingIsSet) {
+  Parse("a 1 0 error\n");
+  const Match match = MatchOf("all is well\n");
+  EXPECT_EQ(match.found, 0);
+  EXPECT_EQ(match.pattern, "");
+  EXPECT_EQ(match.priority, -12345);
+}
+
+TEST_F(RegExprTest, NoListNeverMatches) {
+  char* pattern = nullptr;
+  int priority = 0;
+  EXPECT_EQ(MatchPattern("error\n", 6, nullptr, &pattern, &priority), 0);
+  EXPECT_EQ(pattern, nullptr);
+}
+
+TEST_F(RegExprTest, EmptyListNeverMatches) {
+  EXPECT_FALSE(Matches("error\n"));
+}
+
+TEST_F(RegExprTest, PatternIsAnExtendedExpression) {
+  Parse("a 1 1 (disk|fan)[0-9]+ (bad|worn){1,2}$\n");
+  EXPECT_TRUE(Matches("my disk12 badworn"));
+  EXPECT_FALSE(Matches("my disk bad"));
+}
+
+TEST_F(RegExprTest, DollarMeetsTheTerminatorBeforeTheEnd) {
+  Parse("a 1 0 error$\n");
+  EXPECT_TRUE(Matches("disk error"));
+  EXPECT_FALSE(Matches("disk error\n"));
+  EXPECT_FALSE(Matches("disk error\r"));
+  Parse("a 1 0 error.$\n");
+  EXPECT_TRUE(Matches("disk error\n"));
+  EXPECT_TRUE(Matches("disk error\r"));
+}
+
+TEST_F(RegExprTest, CaretIsTheStartOfTheRecordAlone) {
+  Parse("a 1 0 ^error\n");
+  EXPECT_TRUE(Matches("error\n"));
+  EXPECT_FALSE(Matches("disk\nerror\n"));
+}
+
+TEST_F(RegExprTest, PatternThatBeginsWithASpace) {
+  Parse("a 1 0  error\n");
+  EXPECT_TRUE(Matches("disk error\n"));
+  EXPECT_FALSE(Matches("error\n"));
+}
+
+TEST_F(RegExprTest, NulEndsTheText) {
+  using namespace std::string_view_literals;
+  Parse("a 1 0 error\n");
+  EXPECT_FALSE(Matches("disk\0error\n"sv));
+  EXPECT_TRUE(Matches("error\0disk\n"sv));
+}
+
+TEST_F(RegExprTest, TextIsWhatTheCountSays) {
+  Parse("a 1 0 error\n");
+  char* pattern = nullptr;
+  int priority = 0;
+  EXPECT_EQ(MatchPattern("error", 4, list_, &pattern, &priority), 0);
+  EXPECT_EQ(MatchPattern("", 0, list_, &pattern, &priority), 0);
+}
+
+TEST_F(RegExprTest, AtMost8192BytesAreLookedAt) {
+  Parse("a 1 0 error\n");
+  EXPECT_TRUE(Matches(std::string(8187, 'x') + "error"));
+  EXPECT_FALSE(Matches(std::string(8188, 'x') + "error"));
+  EXPECT_FALSE(Matches(std::string(20000, 'x') + "error"));
+}
+
+// ---- Lists --------------------------------------------------------------------------------------
+
+TEST_F(RegExprTest, NodesAreAppended) {
+  const test::DebugCapture capture(kTrace);
+  RegExNode* first = NewRegExNode("a", 1, 0, "x", nullptr);
+  RegExNode* second = NewRegExNode("b", 2, 1, "y", nullptr);
+  EXPECT_EQ(AddRegExToList(first, list_), 0);
+  EXPECT_EQ(AddRegExToList(second, list_), 0);
+  EXPECT_EQ(list_->head->node, first);
+  EXPECT_EQ(list_->tail->node, second);
+  EXPECT_EQ(list_->count, 2);
+  EXPECT_EQ(capture.Count("AddRegExToList: Added command to re_list.\n"), 2);
+}
+
+TEST_F(RegExprTest, RemovingUnlinksAndDoesNotFree) {
+  RegExNode* node = NewRegExNode("a", 1, 0, "x", nullptr);
+  AddRegExToList(node, list_);
+  EXPECT_EQ(RemoveRegExFromList(node, list_), 0);
+  EXPECT_EQ(list_->count, 0);
+  EXPECT_STREQ(node->pattern, "x");
+  FreeRegExNode(node);
+}
+
+TEST_F(RegExprTest, RemovingAStrangerEndsTheProcess) {
+  RegExNode* node = NewRegExNode("a", 1, 0, "x", nullptr);
+  EXPECT_EXIT(
+      {
+        test::SendDebugToStderr(kDetail);
+        RemoveRegExFromList(node, list_);
+      },
+      ::testing::ExitedWithCode(1),
+      test::DebugTextsAre(
+          AllOf(::testing::Contains(test::AnnouncesDaemonError("Terminated: Internal error")),
+                ::testing::Contains(test::IsExitTrace(1, "reg_expr.cpp")),
+                ::testing::Contains(HasSubstr("re_list")))));
+  FreeRegExNode(node);
+}
+
+TEST_F(RegExprTest, ListKeepsItsName) {
+  EXPECT_STREQ(list_->list_name, "re_list");
+  EXPECT_EQ(list_->head, nullptr);
+  EXPECT_EQ(list_->count, 0);
+}
+
+TEST_F(RegExprTest, EmptyingLeavesAListThatCanBeFilledAgain) {
+  Parse("a 1 0 x\nb 1 0 y\nc 1 0 z\n");
+  EmptyRegExList(list_);
+  EXPECT_EQ(list_->head, nullptr);
+  EXPECT_EQ(list_->tail, nullptr);
+  EXPECT_EQ(list_->count, 0);
+  EXPECT_EQ(Parse("a 1 0 x\n"), 0);
+  EXPECT_TRUE(Matches("x\n"));
+}
+
+TEST_F(RegExprTest, MemoryForTheListItselfMayRunOut) {
+  const test::DebugCapture capture(0);
+  const test::FailAllocation failure(1);
+  EXPECT_EQ(NewRegExList("re_list"), nullptr);
+  EXPECT_THAT(test::Reports(capture.Messages()),
+              ElementsAre("NewRegExList: malloc() failed : Cannot allocate memory\n"));
+}
+
+}  // namespace

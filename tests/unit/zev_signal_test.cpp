@@ -1,0 +1,244 @@
+#include "zev_signal.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <thread>
+
+#include "error.h"
+#include "support.h"
+
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::ExitedWithCode;
+using ::testing::IsEmpty;
+
+bool IsBlocked(int signum) {
+  sigset_t blocked;
+  pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  return sigismember(&blocked, signum) == 1;
+}
+
+/// Leaves the calling thread's blocked signals as they were.
+class SignalTest : public ::testing::Test {
+ protected:
+  SignalTest() {
+    sigset_t none;
+    sigemptyset(&none);
+    pthread_sigmask(SIG_SETMASK, &none, &saved_);
+  }
+  ~SignalTest() override { pthread_sigmask(SIG_SETMASK, &saved_, nullptr); }
+
+ private:
+  sigset_t saved_{};
+};
+
+// ---- Blocking -----------------------------------------------------------------------------------
+
+TEST_F(SignalTest, BlockingAddsTheOneSignal) {
+  EXPECT_EQ(BlockSignal(SIGUSR1), 0);
+  EXPECT_EQ(BlockSignal(SIGHUP), 0);
+  EXPECT_TRUE(IsBlocked(SIGUSR1));
+  EXPECT_TRUE(IsBlocked(SIGHUP));
+  for (const int other : {SIGTERM, SIGPIPE, SIGUSR2, SIGINT}) EXPECT_FALSE(IsBlocked(other));
+}
+
+TEST_F(SignalTest, UnblockingRemovesTheOneSignal) {
+  BlockSignal(SIGUSR1);
+  BlockSignal(SIGHUP);
+  EXPECT_EQ(UnblockSignal(SIGUSR1), 0);
+  EXPECT_FALSE(IsBlocked(SIGUSR1));
+  EXPECT_TRUE(IsBlocked(SIGHUP));
+}
+
+TEST_F(SignalTest, BlockedSignalIsInheritedByNewThreads) {
+  BlockSignal(SIGHUP);
+  bool inherited = false;
+  std::thread([&] { inherited = IsBlocked(SIGHUP); }).join();
+  EXPECT_TRUE(inherited);
+}
+
+TEST_F(SignalTest, BlockingInAThreadLeavesTheOthersAlone) {
+  std::thread([] { BlockSignal(SIGTERM); }).join();
+  EXPECT_FALSE(IsBlocked(SIGTERM));
+}
+
+TEST_F(SignalTest, SignalsThatCameWhileBlockedAreOne) {
+  BlockSignal(SIGHUP);
+  for (int i = 0; i < 3; ++i) raise(SIGHUP);
+  sigset_t hup;
+  sigemptyset(&hup);
+  sigaddset(&hup, SIGHUP);
+  constexpr timespec kNoWait = {0, 0};
+  EXPECT_EQ(sigtimedwait(&hup, nullptr, &kNoWait), SIGHUP);
+  EXPECT_EQ(sigtimedwait(&hup, nullptr, &kNoWait), -1);
+}
+
+TEST_F(SignalTest, FailureToBlockIsReportedAtLevelOne) {
+  const test::FailCall failure(test::Call::kSigprocmask, EINVAL);
+  const test::DebugCapture capture(kInfo);
+  EXPECT_EQ(BlockSignal(SIGHUP), -1);
+  EXPECT_EQ(UnblockSignal(SIGHUP), -1);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("BlockSignal: sigprocmask() failed : Invalid argument\n",
+                          "UnblockSignal: sigprocmask() failed : Invalid argument\n"));
+  debug_level = 0;
+  EXPECT_EQ(BlockSignal(SIGHUP), -1);
+  EXPECT_THAT(capture.Messages(), ::testing::SizeIs(2));
+}
+
+TEST_F(SignalTest, BlockingWritesItsEntryLine) {
+  const test::DebugCapture capture(kTrace);
+  BlockSignal(SIGUSR1);
+  UnblockSignal(SIGUSR1);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("Entering BlockSignal\n", "Entering UnblockSignal\n"));
+}
+
+// ---- SIGTERM ------------------------------------------------------------------------------------
+
+TEST_F(SignalTest, TermHandlerSaysSoAndExits) {
+  EXPECT_EXIT((test::SendDebugToStderr(0), TermHandler(SIGTERM)), ExitedWithCode(1),
+              test::DebugTextsAre(ElementsAre("Received SIGTERM.\n")));
+}
+
+TEST_F(SignalTest, TermHandlerLeavesTheExitTrace) {
+  EXPECT_EXIT((test::SendDebugToStderr(kInfo), TermHandler(SIGTERM)), ExitedWithCode(1),
+              test::DebugTextsAre(
+                  ElementsAre("Received SIGTERM.\n", test::IsExitTrace(1, "zev_signal.cpp"))));
+}
+
+TEST_F(SignalTest, TermSignalEndsTheProcess) {
+  EXPECT_EXIT(
+      {
+        test::SendDebugToStderr(0);
+        signal(SIGTERM, TermHandler);
+        raise(SIGTERM);
+      },
+      ExitedWithCode(1), test::DebugTextsAre(ElementsAre("Received SIGTERM.\n")));
+}
+
+TEST_F(SignalTest, HoldKeepsTheTermSignalAway) {
+  {
+    const TermSignalHold hold;
+    EXPECT_TRUE(IsBlocked(SIGTERM));
+    EXPECT_FALSE(IsBlocked(SIGINT));
+  }
+  EXPECT_FALSE(IsBlocked(SIGTERM));
+}
+
+TEST_F(SignalTest, HoldRestoresWhatItFound) {
+  BlockSignal(SIGTERM);
+  { const TermSignalHold hold; }
+  EXPECT_TRUE(IsBlocked(SIGTERM));
+}
+
+TEST_F(SignalTest, HoldsNest) {
+  {
+    const TermSignalHold outer;
+    { const TermSignalHold inner; }
+    EXPECT_TRUE(IsBlocked(SIGTERM));
+  }
+  EXPECT_FALSE(IsBlocked(SIGTERM));
+}
+
+/// Children of these tests have threads.
+class TermSignalStormTest : public SignalTest {
+ protected:
+  TermSignalStormTest() { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
+  ~TermSignalStormTest() override { ::testing::GTEST_FLAG(death_test_style) = saved_; }
+
+ private:
+  std::string saved_ = ::testing::GTEST_FLAG(death_test_style);
+};
+
+// Writes debug lines for ever, which takes the locks that the handler needs too, until a signal
+// from another thread ends the process.
+[[noreturn]] void WriteUntilTerminated() {
+  signal(SIGTERM, TermHandler);
+  const pthread_t writer = pthread_self();
+  std::atomic<int> lines = 0;
+  std::thread([&] {
+    BlockSignal(SIGTERM);
+    while (lines < 100) std::this_thread::yield();
+    pthread_kill(writer, SIGTERM);
+    for (;;) pause();
+  }).detach();
+  for (;;) zev_debug(kError, "line %d\n", ++lines);
+}
+
+TEST_F(TermSignalStormTest, SignalInTheMidstOfOutputEndsTheProcess) {
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), WriteUntilTerminated()), ExitedWithCode(1),
+                test::DebugTextsAre(Contains("Received SIGTERM.\n")));
+  }
+}
+
+// ---- SIGHUP collected by a handler --------------------------------------------------------------
+
+TEST_F(SignalTest, HupFlagIsSetAndCleared) {
+  EXPECT_EQ(hup_event_flag, 0);
+  SetHupEventFlag();
+  EXPECT_EQ(hup_event_flag, 1);
+  ClearHupEventFlag();
+  EXPECT_EQ(hup_event_flag, 0);
+  HupHandler(SIGHUP);
+  EXPECT_EQ(hup_event_flag, 1);
+  ClearHupEventFlag();
+}
+
+TEST_F(SignalTest, HupFunctionsWriteTheirEntryLines) {
+  const test::DebugCapture capture(kTrace);
+  HupHandler(SIGHUP);
+  ClearHupEventFlag();
+  EXPECT_THAT(capture.Messages(), ElementsAre("Entering HupHandler\n", "Entering SetHupEventFlag\n",
+                                              "Entering ClearHupEventFlag\n"));
+}
+
+void RaiseHupWithHandler() {
+  InitHupSignalHandler();
+  raise(SIGHUP);
+  EXPECT_EQ(hup_event_flag, 1);
+  struct sigaction installed {};
+  sigaction(SIGHUP, nullptr, &installed);
+  EXPECT_EQ(installed.sa_handler, HupHandler);
+  for (const int signum : {SIGTERM, SIGINT, SIGUSR1}) {
+    EXPECT_EQ(sigismember(&installed.sa_mask, signum), 0);
+  }
+  EXPECT_EQ(installed.sa_flags & (SA_RESTART | SA_RESETHAND | SA_NODEFER | SA_SIGINFO), 0);
+}
+
+TEST_F(SignalTest, InstalledHupHandlerSetsTheFlag) {
+  EXPECT_HOLDS_IN_CHILD(RaiseHupWithHandler());
+}
+
+TEST_F(SignalTest, FailureToInstallTheHupHandlerEndsTheProcess) {
+  EXPECT_EXIT(
+      {
+        test::SendDebugToStderr(kInfo);
+        const test::FailCall failure(test::Call::kSigaction, EINVAL);
+        InitHupSignalHandler();
+      },
+      ExitedWithCode(1),
+      test::DebugReportsAre(
+          ElementsAre("InitHupSignalHandler: sigaction() failed : Invalid argument\n",
+                      test::IsExitTrace(1, "zev_signal.cpp"))));
+}
+
+TEST_F(SignalTest, FailureToInstallTheHupHandlerPostsTheTerminationEvent) {
+  EXPECT_EXIT(
+      {
+        test::SendDebugToStderr(kDetail);
+        const test::FailCall failure(test::Call::kSigaction, EINVAL);
+        InitHupSignalHandler();
+      },
+      ExitedWithCode(1),
+      test::DebugTextsAre(Contains("PostJixEvent: template=qor.zevd.daemon.error "
+                                   "message=Terminated............. -=- priority=700\n")));
+}
+
+}  // namespace
