@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -318,11 +317,9 @@ void AnswerDone() {
   rheader.type = kDone;
 }
 
-__attribute__((format(printf, 1, 2))) void AnswerError(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  vsnprintf(cmd_err_msg, sizeof cmd_err_msg, format, args);
-  va_end(args);
+// `format` takes the argument, if there is one.
+void AnswerError(const char* format, const char* argument = nullptr) {
+  snprintf(cmd_err_msg, sizeof cmd_err_msg, format, argument);
   rheader.type = kErrorFollows;
   rheader.count = static_cast<uint32_t>(strlen(cmd_err_msg) + 1);
 }
@@ -422,7 +419,7 @@ const CommandRow* FindCommand(const char* word) {
 }
 
 CommandId ParserError(const char* text) {
-  AnswerError("%s", text);
+  AnswerError(text);
   return kNoCommand;
 }
 
@@ -486,7 +483,7 @@ size_t AllConsoles() REQUIRES_SHARED(acl_lock, icl_lock) {
 }
 
 void AnswerOutOfMemory() {
-  AnswerError("%s", kOutOfMemoryText);
+  AnswerError(kOutOfMemoryText);
 }
 
 void FillConsolePacket(const ConsoleNode* cnode, const char (&status)[2], const char (&mode)[2],
@@ -786,7 +783,7 @@ constexpr char kOwnAddress[] = "127.0.0.1";
 constexpr char kHolderFunction[] = "PelloxPortHolder";
 
 void AnswerHolderError(const char* text) {
-  AnswerError("%s", text);
+  AnswerError(text);
   zev_debug(kInfo, "%s: %s\n", kHolderFunction, cmd_err_msg);
 }
 

@@ -163,8 +163,16 @@ typename L::Element* FindElement(const L& list, const typename L::Node* node) {
 /// Takes `elem` off the list and frees it; the node survives. Recompute() is left to the caller.
 template <typename L>
 void Unlink(L& list, typename L::Element* elem) {
-  (elem->prev == nullptr ? list.head : elem->prev->next) = elem->next;
-  (elem->next == nullptr ? list.tail : elem->next->prev) = elem->prev;
+  if (list.head == elem) {
+    list.head = elem->next;
+  } else {
+    elem->prev->next = elem->next;
+  }
+  if (list.tail == elem) {
+    list.tail = elem->prev;
+  } else {
+    elem->next->prev = elem->prev;
+  }
   --list.count;
   delete elem;
 }

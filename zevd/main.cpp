@@ -16,6 +16,7 @@
 #include "log.h"
 #include "paths.h"
 #include "security.h"
+#include "util.h"
 #include "zev.h"
 #include "zev_signal.h"
 
@@ -35,6 +36,7 @@ namespace {
 void ArrangeSignals() {
   BlockSignal(SIGHUP);
   BlockSignal(SIGPIPE);
+  ArrangeCancelSignal();
   signal(SIGTERM, TermHandler);
 }
 

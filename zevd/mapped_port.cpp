@@ -31,14 +31,6 @@ MappedPortNode* FindPort(const MappedPortList* list, uint16_t port) {
   return FindNode(*list, [&](const MappedPortNode& mpnode) { return mpnode.port == port; });
 }
 
-// A port is dropped and its threads are cancelled under the one mutex. A thread that no longer
-// finds itself there has therefore been cancelled already, and ends here; any other way of getting
-// here is an inconsistency of ours. Called without the mutex.
-void EndIfCancelled() {
-  const CancellationWindow window;
-  pthread_testcancel();
-}
-
 bool GrowThreadIds(MappedPortNode* mpnode) REQUIRES(pending_logins_mutex) {
   if (mpnode->pending_logins < mpnode->thread_id_room) return true;
   const int room = mpnode->thread_id_room * 2;
@@ -208,6 +200,8 @@ void DecrementPendingLogins(MappedPortList* list, uint16_t port, pthread_t tid) 
     port_found = mpnode != nullptr;
     if (port_found && ForgetThread(mpnode, tid)) return;
   }
+  // A port is dropped and its threads are cancelled under the one mutex. A thread that no longer
+  // finds itself there has therefore been cancelled; any other way of getting here is our mistake.
   EndIfCancelled();
   if (!port_found) PortNotFound(__func__, port);
   zev_debug(kError, "%s: Cannot find thread id %d\n", __func__, static_cast<int>(tid));

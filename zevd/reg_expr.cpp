@@ -18,10 +18,10 @@ constexpr char kLineEnds[] = "\n\r";
 
 /// The fields of one pattern line, within the line.
 struct PatternLine {
-  const char* name;
-  const char* priority;
-  const char* case_indicator;
-  const char* pattern;
+  const char* name = "";
+  const char* priority = "";
+  const char* case_indicator = "";
+  const char* pattern = "";
 };
 
 /// How each field after the name ends and what it is called when it is missing.
@@ -43,12 +43,13 @@ bool SplitLine(char* line, int line_number, const char* filename, PatternLine* f
   fields->name = strtok_r(line, kWordEnds, &rest);
   if (fields->name == nullptr) return false;
   for (const FieldRow& row : kFields) {
-    fields->*row.field = strtok_r(nullptr, row.ends, &rest);
-    if (fields->*row.field == nullptr) {
+    const char* field = strtok_r(nullptr, row.ends, &rest);
+    if (field == nullptr) {
       zev_debug(kError, "%s: %s missing in line %d of %s\n", kParse, row.title, line_number,
                 filename);
       return false;
     }
+    fields->*row.field = field;
   }
   return true;
 }
@@ -102,7 +103,7 @@ int AddPatternLine(const PatternLine& fields, RegExList* regex_list) {
 int ParseLines(FILE* file, const char* filename, RegExList* regex_list) {
   char line[kTextSize];
   for (int line_number = 1; fgets(line, sizeof line, file) != nullptr; ++line_number) {
-    PatternLine fields{};
+    PatternLine fields;
     if (!SplitLine(line, line_number, filename, &fields)) continue;
     if (AddPatternLine(fields, regex_list) != 0) return -1;
   }

@@ -195,7 +195,9 @@ int DoTqAuthValidation(int sock, char* buf, int size) {
   // Comes last, so it overrides whatever name the client gave itself.
   char option[1024];
   snprintf(option, sizeof option, " user=%s", user);
-  if (strlen(buf) + strlen(option) < static_cast<size_t>(size)) strcat(buf, option);
+  const size_t length = strlen(buf);
+  const size_t room = static_cast<size_t>(size) - length;
+  if (strlen(option) < room) CopyText(buf + length, room, option);
   zev_debug(kDetail, "%s: Authentication successful for user \"%s\".\n", __func__, user);
   free(user);
   return 0;

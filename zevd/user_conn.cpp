@@ -515,7 +515,7 @@ void DropPort(MappedPortNode* mpnode) {
   zev_debug(kInfo, "%s: Port %d is no longer mapped to console\n", kFunction, mpnode->port);
   zev_debug(kInfo, "%s: Closing connection for mapped port %d\n", kFunction, mpnode->port);
   close(mpnode->sock);
-  for (int i = 0; i < mpnode->pending_logins; ++i) pthread_cancel(mpnode->thread_ids[i]);
+  for (int i = 0; i < mpnode->pending_logins; ++i) CancelServiceThread(mpnode->thread_ids[i]);
   FreeMappedPortNode(mpnode);
 }
 

@@ -10,11 +10,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstring>
 
 #include "error.h"
 #include "user_conn.h"
+#include "zev_signal.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/asan_interface.h>
@@ -41,23 +43,47 @@ constexpr int64_t kAfterCarriageReturn = 100;  // microseconds to wait for the r
 constexpr timeval kSendLimit = {0, 200000};
 constexpr int kSendBuffer = 256 * 1024;
 
+int64_t MonotonicMicroseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * kMicrosecondsPerSecond + now.tv_nsec / 1000;
+}
+
 // Waits until `sock` has something to read; a negative limit is none. poll() takes descriptors of
-// any number. Returns what poll() does.
-int WaitReadable(int sock, int64_t limit_us) {
+// any number. Returns what ppoll() does.
+int PollReadable(int sock, int64_t limit_us, const sigset_t* mask) {
   pollfd readable = {sock, POLLIN, 0};
   const timespec limit = {limit_us / kMicrosecondsPerSecond,
                           limit_us % kMicrosecondsPerSecond * 1000};
-  return ppoll(&readable, 1, limit_us < 0 ? nullptr : &limit, nullptr);
+  return ppoll(&readable, 1, limit_us < 0 ? nullptr : &limit, mask);
 }
 
-// 0 when there is input, -2 when there was none for `wait_time` seconds.
-int AwaitInput(int sock, time_t wait_time) {
-  if (wait_time <= 0) return 0;
-  int ready = 0;
-  {
-    const CancellationWindow window;
-    ready = WaitReadable(sock, wait_time * kMicrosecondsPerSecond);
+// For the short waits for bytes that come at once or not at all.
+int WaitReadable(int sock, int64_t limit_us) {
+  return PollReadable(sock, limit_us, nullptr);
+}
+
+// The same for a client, who may take long: the calling thread can be cancelled meanwhile. The
+// signal that ends the wait is let in here alone, so it cannot come too early; what a cancelled
+// thread leaves, it leaves from EndIfCancelled() and never from within a call of the system.
+int WaitForClient(int sock, int64_t limit_us) {
+  sigset_t while_waiting;
+  pthread_sigmask(SIG_SETMASK, nullptr, &while_waiting);
+  sigdelset(&while_waiting, kCancelSignal);
+  const int64_t deadline = MonotonicMicroseconds() + limit_us;
+  for (;;) {
+    const int64_t left =
+        limit_us < 0 ? -1 : std::max<int64_t>(deadline - MonotonicMicroseconds(), 0);
+    const int ready = PollReadable(sock, left, &while_waiting);
+    if (ready >= 0 || errno != EINTR) return ready;
+    EndIfCancelled();
   }
+}
+
+// 0 when there is input, -2 when there was none for `wait_time` seconds (0 or less: no limit).
+int AwaitInput(int sock, time_t wait_time) {
+  const int64_t limit = wait_time <= 0 ? -1 : wait_time * kMicrosecondsPerSecond;
+  const int ready = WaitForClient(sock, limit);
   if (ready < 0) {
     zev_debug(kError, "%s: select() failed : %s\n", "ReadLineWithTimeout", strerror(errno));
     TERMINATE(kTerminated);
@@ -67,13 +93,9 @@ int AwaitInput(int sock, time_t wait_time) {
   return -2;
 }
 
-// Looks at up to `size` bytes without consuming them; waits for the first.
+// Looks at up to `size` bytes without consuming them.
 int Peek(int sock, char* buf, int size) {
-  ssize_t count = 0;
-  {
-    const CancellationWindow window;
-    count = recv(sock, buf, static_cast<size_t>(size), MSG_PEEK);
-  }
+  const ssize_t count = recv(sock, buf, static_cast<size_t>(size), MSG_PEEK);
   if (count <= 0) {
     zev_debug(kDetail, "%s: recv() returned %d : %s\n", "ReadLineWithTimeout",
               static_cast<int>(count), strerror(errno));
@@ -219,12 +241,6 @@ bool ContinuesTelnetSequence(unsigned char byte, TelnetState* state) {
   return false;
 }
 
-int64_t MonotonicMicroseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * kMicrosecondsPerSecond + now.tv_nsec / 1000;
-}
-
 // Waits for telnet bytes share one second for the life of the process; once it is used up they only
 // look. A negotiation follows the connection at once, so nobody is made to wait for one twice.
 bool TelnetByteReady(int sock) {
@@ -237,27 +253,31 @@ bool TelnetByteReady(int sock) {
   return ready > 0;
 }
 
-#if defined(__SANITIZE_ADDRESS__)
-// A cancelled thread leaves frames without running their ends, which AddressSanitizer is told of
-// for exceptions but not for cancellation. Nothing below the present frame is in use.
-__attribute__((no_sanitize_address, noinline)) void ForgetAbandonedFrames() {
-  constexpr size_t kDeepest = 64 * 1024;
-  char* frame = static_cast<char*>(__builtin_frame_address(0));
-  __asan_unpoison_memory_region(frame - kDeepest, kDeepest);
-}
-#else
-void ForgetAbandonedFrames() {}
-#endif
-
 }  // namespace
 
-CancellationWindow::CancellationWindow() {
-  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &saved_state_);
+void EndIfCancelled() {
+  int state = PTHREAD_CANCEL_DISABLE;
+  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
+#if defined(__SANITIZE_ADDRESS__)
+  // The frames of a cancelled thread end without running their ends. AddressSanitizer is told so for
+  // exceptions, but not for cancellation.
+  __asan_handle_no_return();
+#endif
+  pthread_testcancel();
+  pthread_setcancelstate(state, nullptr);
 }
 
-CancellationWindow::~CancellationWindow() {
-  ForgetAbandonedFrames();
-  pthread_setcancelstate(saved_state_, nullptr);
+void CancelServiceThread(pthread_t tid) {
+  pthread_cancel(tid);
+  pthread_kill(tid, kCancelSignal);
+}
+
+int ArrangeCancelSignal() {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};  // the interrupted wait is all that is wanted
+  sigemptyset(&action.sa_mask);
+  sigaction(kCancelSignal, &action, nullptr);
+  return BlockSignal(kCancelSignal);
 }
 
 int ReadLineWithTimeout(int sock, char* buf, int size, time_t wait_time) {

@@ -1,28 +1,31 @@
 // Reading from one socket with time limits, and the socket options of the relay.
 //
-// The readers block; they run on serv_conn threads and, for the telnet reader, on cons_conn. Their
-// waits for input are the only places at which a serv_conn thread can be cancelled; no lock is held
-// there.
+// The readers block; they run on serv_conn threads, on cmd_mon and, for the telnet reader, on
+// cons_conn. A serv_conn thread can be cancelled while it waits for input in them, with no lock
+// held, and nowhere else: cancellation is disabled in it but in EndIfCancelled().
 #pragma once
 
+#include <pthread.h>
 #include <sys/types.h>
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
 
-/// Lets the calling thread be cancelled for as long as it lives; restores the former state after.
-/// Every way in which a thread is cancelled leads through the end of one of these.
-class CancellationWindow {
- public:
-  CancellationWindow();
-  ~CancellationWindow();
-  CancellationWindow(const CancellationWindow&) = delete;
-  CancellationWindow& operator=(const CancellationWindow&) = delete;
+/// Ends the wait of a thread that is cancelled.
+inline constexpr int kCancelSignal = SIGUSR1;
 
- private:
-  int saved_state_ = 0;
-};
+/// Makes the signal harmless that ends a cancelled thread's wait, and blocks it: the waits alone
+/// let it in. Main thread, before the others exist.
+int ArrangeCancelSignal();
+
+/// Asks a serv_conn thread to end, and ends its wait. The id must be that of a living thread.
+void CancelServiceThread(pthread_t tid);
+
+/// Ends the calling thread if it has been cancelled. The only place where that takes effect; the
+/// caller holds no lock.
+void EndIfCancelled();
 
 /// Reads what one peek sees of a line, at most `size` - 1 bytes, its line end included. 0 with a
 /// terminated text in `buf`; -1 on error or end of stream; -2 when nothing arrived within

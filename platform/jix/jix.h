@@ -17,10 +17,10 @@ typedef int JixStatus;
 enum {
   JixERROR_NONE = 0,
   JixERROR_NO_MEMORY = 1,
-  JixERROR_INVALID = 2,          /* an item, type or handle that the library does not know */
-  JixERROR_CANNOT_CONNECT = 3,   /* nobody listens at the event manager's address */
-  JixERROR_BUSY = 4,             /* the event manager does not read; the event is dropped */
-  JixERROR_CONNECTION_LOST = 20  /* the connection is of no more use */
+  JixERROR_INVALID = 2,         /* an item, type or handle that the library does not know */
+  JixERROR_CANNOT_CONNECT = 3,  /* nobody listens at the event manager's address */
+  JixERROR_BUSY = 4,            /* the event manager does not read; the event is dropped */
+  JixERROR_CONNECTION_LOST = 20 /* the connection is of no more use */
 };
 
 enum { JixITEM_END = 0, JixITEM_NAME = 1, JixITEM_PRIORITY = 5 };

@@ -124,6 +124,7 @@ def test_a_mapped_port_that_is_busy_is_skipped_and_tried_again(station, occupied
     station.wait_log(f"ConfigurePort: Cannot listen on port {busy}.")
     station.wait_log("GetPortsToListenOn: Cannot configure port for first.")
     attached(station.mapped(free), "second")
+    station.wait_log("ServiceConnectionRequestThreadStart: Exiting thread.")
 
     before = station.descriptors()
     for _ in range(2):

@@ -193,8 +193,8 @@ def test_a_user_and_a_console_that_read_nothing(station):
 
 
 def test_callers_who_say_nothing_hold_up_nobody(station, two):
-    _, calm, user = two
+    noisy, calm, user = two
     silent = [station.caller() for _ in range(30)]
     with typing(user, calm):
-        assert echo_time(station.attach("calm"), calm, b"new", limit=5) < stretched(1)
+        assert echo_time(station.attach("noisy"), noisy, b"new", limit=5) < stretched(1)
     assert not any(caller.closed for caller in silent)

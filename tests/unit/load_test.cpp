@@ -169,10 +169,15 @@ TEST_F(LoadTest, FlagMayFollowTheClosingQuoteAtOnce) {
   EXPECT_EQ(First().logging, 1);
 }
 
-TEST_F(LoadTest, NoSpaceBeforeTheOsTypeIsNeededAfterTheFirst) {
-  // Everything up to the quote is the OS type; what is quoted is then read as flags.
-  EXPECT_THAT(Complaints("a 1.1.1.1 1 2 3 m p x\"1 1\" 1 0 \"\" \n"),
-              ElementsAre("LoadConfigFile: Event file \"\"\n not found for console a\n"));
+TEST_F(LoadTest, OsTypeEndsAtTheFirstQuote) {
+  // What was meant as the quoted text is read as flags.
+  EXPECT_THAT(Complaints("a 1.1.1.1 1 2 3 m p x\"4 5\" 6 7 ev \n"),
+              ElementsAre("LoadConfigFile: Event file ev not found for console a\n"));
+  ASSERT_EQ(list_.count, 1);
+  EXPECT_EQ(First().logging, 4);
+  EXPECT_EQ(First().events, 5);
+  EXPECT_EQ(First().enable, 6);
+  EXPECT_EQ(First().auth, 7);
 }
 
 TEST_F(LoadTest, TwoSpacesBeforeTheOsTypeShiftTheFields) {

@@ -168,8 +168,8 @@ class LockFailureTest : public LockFileTest, public ::testing::WithParamInterfac
 
 TEST_P(LockFailureTest, IsReportedAndLeavesTheDescriptorOpen) {
   {
-    const test::FailCall failure(GetParam().call, GetParam().error);
     const test::DebugCapture capture(0);
+    const test::FailCall failure(GetParam().call, GetParam().error);
     EXPECT_EQ(Lock(), -1);
     EXPECT_THAT(capture.Messages(), ElementsAre(GetParam().message));
   }

@@ -542,13 +542,14 @@ TEST_F(LocksTest, OppositeOrdersDoNotDeadlock) {
   EXPECT_EQ(guarded, 2 * kRounds);
 }
 
-TEST(SharedLocksTest, AreThreeDifferentLocks) {
-  const WriteLock icl(icl_lock, kSite);
-  EXPECT_EQ(StateOf(acl_lock), State::kFree);
-  const WriteLock acl(acl_lock, kSite);
-  EXPECT_EQ(StateOf(ul_lock), State::kFree);
-  const WriteLock ul(ul_lock, kSite);
-  for (RwLock* lock : {&icl_lock, &acl_lock, &ul_lock}) EXPECT_EQ(StateOf(*lock), State::kWritten);
+TEST(SharedLocksTest, AreFourDifferentLocks) {
+  const std::array<RwLock*, 4> locks = {&icl_lock, &acl_lock, &ul_lock, &cmd_lock};
+  std::vector<std::unique_ptr<WriteLock>> held;
+  for (RwLock* lock : locks) {
+    EXPECT_EQ(StateOf(*lock), State::kFree);
+    held.push_back(std::make_unique<WriteLock>(*lock, kSite));
+  }
+  for (RwLock* lock : locks) EXPECT_EQ(StateOf(*lock), State::kWritten);
 }
 
 }  // namespace

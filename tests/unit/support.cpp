@@ -160,8 +160,7 @@ DebugCapture::DebugCapture(int level)
   fflush(stdout);
   dup2(file_, STDOUT_FILENO);
   EndRepetitions();
-  Check(ftruncate(file_, 0), "ftruncate");
-  lseek(file_, 0, SEEK_SET);
+  start_ = lseek(file_, 0, SEEK_CUR);
   debug_level = level;
 }
 
@@ -178,8 +177,8 @@ DebugCapture::~DebugCapture() {
 std::string DebugCapture::Output() const {
   struct stat file {};
   fstat(file_, &file);
-  std::string output(static_cast<size_t>(file.st_size), '\0');
-  const ssize_t count = pread(file_, output.data(), output.size(), 0);
+  std::string output(static_cast<size_t>(file.st_size - start_), '\0');
+  const ssize_t count = pread(file_, output.data(), output.size(), start_);
   output.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
   return output;
 }
@@ -277,6 +276,10 @@ void Forget(L* list) {
   FreeName(list);
 }
 
+void FreeCommands(CommandList* list) {
+  for (CommandNode* cnode : Nodes(*list)) FreeCommandNode(cnode);
+}
+
 void FreeMappedPorts(MappedPortList* list) {
   for (MappedPortNode* mpnode : Nodes(*list)) FreeMappedPortNode(mpnode);
 }
@@ -287,6 +290,7 @@ GlobalLists::GlobalLists() {
   InitConsoleList(a_cons_list, "a_cons_list");
   InitConsoleList(i_cons_list, "i_cons_list");
   InitUserList(user_list, "user_list");
+  InitCommandList(cmd_list, "cmd_list");
   InitEventSetList(ev_list, "ev_list");
   InitMappedPortList(mapped_port_list, "mapped_port_list");
 }
@@ -298,6 +302,8 @@ GlobalLists::~GlobalLists() {
   Forget(a_cons_list);
   EmptyConsoleList(i_cons_list);
   Forget(i_cons_list);
+  FreeCommands(cmd_list);
+  Forget(cmd_list);
   EmptyEventSetList(ev_list);
   Forget(ev_list);
   FreeMappedPorts(mapped_port_list);

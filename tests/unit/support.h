@@ -71,6 +71,7 @@ class DebugCapture {
   int saved_stdout_;
   int saved_level_;
   int file_;
+  off_t start_ = 0;
   size_t reported_ = 0;
 };
 
@@ -78,17 +79,22 @@ class DebugCapture {
 void SendDebugToStderr(int level);
 
 /// For death tests: the texts of the debug lines that a dying process wrote.
-MATCHER_P(DebugTextsAre, inner, "") {
+MATCHER_P(DebugTextsAre, inner,
+          "debug texts, of which " +
+              ::testing::DescribeMatcher<std::vector<std::string>>(inner, negation)) {
   return ::testing::ExplainMatchResult(inner, DebugMessages(arg), result_listener);
 }
 
 /// The same without entry lines and lines about the posting of events.
-MATCHER_P(DebugReportsAre, inner, "") {
+MATCHER_P(DebugReportsAre, inner,
+          "debug texts, of which " +
+              ::testing::DescribeMatcher<std::vector<std::string>>(inner, negation)) {
   return ::testing::ExplainMatchResult(inner, Reports(DebugMessages(arg)), result_listener);
 }
 
 /// The exit trace, whatever its line number.
-MATCHER_P2(IsExitTrace, code, file, "") {
+MATCHER_P2(IsExitTrace, code, file,
+           "is the exit trace with code " + std::to_string(code) + " from file " + file) {
   const std::string start =
       "Exiting with code " + std::to_string(code) + " from file " + file + " line ";
   if (arg.compare(0, start.size(), start) != 0) return false;

@@ -11,6 +11,7 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <set>
 #include <thread>
 
 #include "cons_mon.h"
@@ -349,7 +350,7 @@ TEST_F(ParkTest, ThreadThatIsNotAskedGoesOn) {
 }
 
 TEST_F(ParkTest, ThreadThatIsAskedStandsStillUntilItIsReleased) {
-  for (const unsigned bit : {0x1U, 0x2U, 0x4U, 0x8U}) {
+  for (const unsigned bit : {0x1U, 0x2U, 0x4U, 0x8U, 0x10U}) {
     thread_waiting_mask = 0xFFU & ~bit;  // other threads' bits stay
     thread_waitreq_mask = bit;
     std::atomic<bool> went_on = false;
@@ -383,6 +384,7 @@ TEST_F(ParkTest, BitsAreThoseOfThePauseProtocol) {
   EXPECT_EQ(kPauseConsMon, 0x2);
   EXPECT_EQ(kPauseUserConn, 0x4);
   EXPECT_EQ(kPauseUserMon, 0x8);
+  EXPECT_EQ(kPauseCmdMon, 0x10);
 }
 
 // ---- Initialize ---------------------------------------------------------------------------------
@@ -396,6 +398,7 @@ void CheckInitialized() {
   EXPECT_STREQ(a_cons_list->list_name, "a_cons_list");
   EXPECT_STREQ(i_cons_list->list_name, "i_cons_list");
   EXPECT_STREQ(user_list->list_name, "user_list");
+  EXPECT_STREQ(cmd_list->list_name, "cmd_list");
   EXPECT_STREQ(ev_list->list_name, "ev_list");
   EXPECT_STREQ(mapped_port_list->list_name, "mapped_port_list");
   for (const ConsoleList* list : {a_cons_list, i_cons_list}) {
@@ -404,10 +407,14 @@ void CheckInitialized() {
     EXPECT_EQ(list->high_sock, -1);
   }
   EXPECT_EQ(user_list->high_sock, -1);
+  EXPECT_EQ(cmd_list->high_sock, -1);
   EXPECT_EQ(mapped_port_list->high_sock, -1);
-  EXPECT_TRUE(test::IsOpen(cons_mon_waker.descriptor()));
-  EXPECT_TRUE(test::IsOpen(user_mon_waker.descriptor()));
-  EXPECT_NE(cons_mon_waker.descriptor(), user_mon_waker.descriptor());
+  std::set<int> descriptors;
+  for (const Waker* waker : {&cons_mon_waker, &user_mon_waker, &cmd_mon_waker}) {
+    EXPECT_TRUE(test::IsOpen(waker->descriptor()));
+    descriptors.insert(waker->descriptor());
+  }
+  EXPECT_THAT(descriptors, ::testing::SizeIs(3));
   getrlimit(RLIMIT_NOFILE, &limit);
   EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
 }
@@ -424,11 +431,12 @@ TEST_F(OptionsTest, InitializeMakesTheListsInTheirOrder) {
                   },
                   ElementsAre("Entering Initialize\n", "Entering InitConsoleList\n",
                               "Entering InitConsoleList\n", "Entering InitUserList\n",
-                              "Entering InitEventSetList\n", "Entering InitMappedPortList\n"))));
+                              "Entering InitCommandList\n", "Entering InitEventSetList\n",
+                              "Entering InitMappedPortList\n"))));
 }
 
 TEST_F(OptionsTest, InitializeEndsTheProcessWithoutWakers) {
-  for (const int failing : {1, 2}) {
+  for (const int failing : {1, 2, 3}) {
     EXPECT_EXIT(
         {
           test::SendDebugToStderr(kInfo);
@@ -631,14 +639,14 @@ struct ThreadCase {
 
 class ThreadCreationTest : public OptionsTest, public ::testing::WithParamInterface<ThreadCase> {};
 
-INSTANTIATE_TEST_SUITE_P(Threads, ThreadCreationTest,
-                         ::testing::Values(ThreadCase{"cons_conn", CreateConsoleConnectionsThread,
-                                                      "CreateConsoleConnectionsThread"},
-                                           ThreadCase{"user_conn", CreateUserConnectionsThread,
-                                                      "CreateUserConnectionsThread"},
-                                           ThreadCase{"user_mon", CreateUserMonitorThread,
-                                                      "CreateUserMonitorThread"}),
-                         [](const auto& test_case) { return test_case.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    Threads, ThreadCreationTest,
+    ::testing::Values(
+        ThreadCase{"cons_conn", CreateConsoleConnectionsThread, "CreateConsoleConnectionsThread"},
+        ThreadCase{"user_conn", CreateUserConnectionsThread, "CreateUserConnectionsThread"},
+        ThreadCase{"user_mon", CreateUserMonitorThread, "CreateUserMonitorThread"},
+        ThreadCase{"cmd_mon", CreateCommandMonitorThread, "CreateCommandMonitorThread"}),
+    [](const auto& test_case) { return test_case.param.name; });
 
 TEST_P(ThreadCreationTest, FailureEndsTheProcess) {
   EXPECT_EXIT(
@@ -687,7 +695,8 @@ TEST_F(ThreadStartTest, ThreadsRegisterTheirNames) {
     Initialize();
     CreateConsoleConnectionsThread();
     CreateUserMonitorThread();
-    for (const char* name : {"cons_conn", "user_mon"}) {
+    CreateCommandMonitorThread();
+    for (const char* name : {"cons_conn", "user_mon", "cmd_mon"}) {
       EXPECT_TRUE(test::Eventually([&] { return IsRegistered(name); })) << name;
     }
   });

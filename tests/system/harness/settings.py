@@ -39,14 +39,3 @@ def root() -> Path:
 def patience() -> float:
     """The factor by which every waiting limit is stretched; sanitizer builds need more than 1."""
     return float(os.environ.get(PATIENCE) or 1)
-
-
-def sanitizer_environment() -> dict[str, str]:
-    """What a sanitizer build of the daemon is told besides what the run tells it."""
-    return {f"{name}_OPTIONS": _with_suppressions(name) for name in ("ASAN", "TSAN")}
-
-
-def _with_suppressions(sanitizer: str) -> str:
-    suppressions = SYSTEM_TESTS / "harness" / f"{sanitizer.lower()}.suppressions"
-    given = os.environ.get(f"{sanitizer}_OPTIONS", "")
-    return f"{given} suppressions={suppressions}".strip()

@@ -294,4 +294,4 @@ def _last_argument(words: list[str], option: str) -> str:
 
 
 def _environment(env: dict[str, str] | None) -> dict[str, str]:
-    return {**os.environ, **settings.sanitizer_environment(), **(env or {})}
+    return {**os.environ, **(env or {})}

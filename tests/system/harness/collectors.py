@@ -1,0 +1,149 @@
+"""Event managers: the far end of the socket to which the daemon posts its events."""
+
+import json
+import os
+import select
+import shutil
+import socket
+import subprocess
+from pathlib import Path
+from typing import Any
+
+from harness.peers import Peer
+from harness.station import Station
+from harness.waiting import LIMIT, stretched, wait_until
+
+Event = dict[str, Any]
+
+
+def socket_path(station: Station) -> Path:
+    """Where the daemon looks for the event manager."""
+    return station.root / "run" / "jix.sock"
+
+
+def parsed(lines: bytes) -> list[Event]:
+    """The events of some lines; what follows the last line end is left for later."""
+    complete = lines[:lines.rfind(b"\n") + 1]
+    return [json.loads(line) for line in complete.decode().splitlines()]
+
+
+class Collector(Peer):
+    """An event manager that a test leads. It listens at once."""
+
+    def __init__(self, station: Station) -> None:
+        super().__init__("event manager")
+        self.path = socket_path(station)
+        self._listener: socket.socket | None = None
+        self.listen()
+
+    def listen(self) -> None:
+        """Take connections from now on."""
+        self.path.parent.mkdir(exist_ok=True)
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._listener.bind(str(self.path))
+        self._listener.listen(16)
+
+    def accept(self, limit: float = LIMIT) -> "Collector":
+        """Wait for the daemon to connect and go on with that connection."""
+        self._listener.settimeout(stretched(limit))
+        sock, _ = self._listener.accept()
+        self.adopt(sock)
+        return self
+
+    def called(self) -> bool:
+        """True when a connection waits to be accepted."""
+        waiting = select.poll()
+        waiting.register(self._listener, select.POLLIN)
+        return bool(waiting.poll(0))
+
+    def shut(self) -> None:
+        """End: no connection, no socket."""
+        self.close()
+        if self._listener is not None:
+            self._listener.close()
+            self._listener = None
+            self.path.unlink()
+
+    def events(self) -> list[Event]:
+        """Every event that has arrived on this connection."""
+        return parsed(self.received)
+
+    def wait_events(self, count: int, limit: float = LIMIT) -> list[Event]:
+        """Wait for as many events on this connection; there must not be more."""
+        wait_until(lambda: self.received.count(b"\n") >= count, limit, f"{count} events")
+        found = self.events()
+        assert len(found) == count, found
+        return found
+
+    def __exit__(self, *_exception) -> None:
+        self.shut()
+
+
+class CollectorProgram:
+    """A real program that receives events and writes them to a file, one in a line."""
+
+    def __init__(self, station: Station, command: list[str], file: Path) -> None:
+        self.file = file
+        self._path = socket_path(station)
+        self._path.parent.mkdir(exist_ok=True)
+        self._process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "--", *command],
+                                         stdin=subprocess.DEVNULL)
+        try:
+            wait_until(self._takes_connections, what=f"{command[0]} to listen")
+        except AssertionError:
+            self.end()
+            raise
+
+    def _takes_connections(self) -> bool:
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as probe:
+            try:
+                probe.connect(str(self._path))
+            except OSError:
+                return False
+            return True
+
+    def events(self) -> list[Event]:
+        """What the program has written so far."""
+        return parsed(self.file.read_bytes()) if self.file.exists() else []
+
+    def end(self) -> None:
+        """End the program as its user would."""
+        self._process.terminate()
+        self._process.wait(stretched(LIMIT))
+        self._path.unlink(missing_ok=True)
+
+    def __enter__(self) -> "CollectorProgram":
+        return self
+
+    def __exit__(self, *_exception) -> None:
+        self.end()
+
+
+RSYSLOG_CONFIGURATION = """\
+global(workDirectory="{directory}" maxMessageSize="64k")
+module(load="imptcp")
+template(name="asReceived" type="string" string="%rawmsg%\\n")
+ruleset(name="events") {{
+  action(type="omfile" file="{file}" template="asReceived")
+}}
+input(type="imptcp" path="{socket}" unlink="on" supportOctetCountedFraming="off"
+      ruleset="events")
+"""
+
+
+def rsyslog(station: Station, directory: Path) -> CollectorProgram:
+    """The system's log daemon with a configuration of its own, as docs/operating.md has it."""
+    program = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
+    assert program, "rsyslog is not installed"
+    file = directory / "events.log"
+    configuration = directory / "rsyslog.conf"
+    configuration.write_text(RSYSLOG_CONFIGURATION.format(
+        directory=directory, file=file, socket=socket_path(station)))
+    return CollectorProgram(station, [program, "-n", "-iNONE", "-f", str(configuration)], file)
+
+
+def socat(station: Station, directory: Path) -> CollectorProgram:
+    """The smallest of collectors, as docs/operating.md has it."""
+    file = directory / "events.log"
+    listen = f"UNIX-LISTEN:{socket_path(station)},fork,unlink-early"
+    return CollectorProgram(station, ["socat", "-u", listen, f"OPEN:{file},creat,append"], file)

@@ -1,0 +1,222 @@
+"""The archive interval between the option -a and the suite's configuration file."""
+
+import os
+import signal
+import stat
+
+import pytest
+
+from harness.debuglog import messages
+from harness.logs import ARCHIVING, add_waker, consolidated, set_interval, wait_awake
+from harness.waiting import free_port, wait_until
+
+KEY = "ZEVD_ARCH_INT="
+
+
+@pytest.fixture
+def suite_file(station):
+    """The suite's configuration file, not there yet."""
+    return station.config / "qor.conf"
+
+
+@pytest.fixture
+def waker(station):
+    """Spares the test the daemon's pauses."""
+    made = add_waker(station)
+    made.greeting = b"up"
+    return made
+
+
+def never_archives(station, waker) -> None:
+    """See some passes of the daemon without a rotation."""
+    position = station.mark()
+    wait_awake(station, waker, "Entering LogDirExpired", after=position, count=3)
+    assert ARCHIVING not in station.log_text(position)
+
+
+def archives(station, waker) -> None:
+    """See a rotation from now on."""
+    wait_awake(station, waker, ARCHIVING, after=station.mark())
+
+
+def hang_up(station, waker) -> None:
+    """Have the files read again, the interval last."""
+    position = station.mark()
+    station.signal(signal.SIGHUP)
+    position = wait_awake(station, waker, "Entering GetZevdArchIntFromConfFile", after=position)
+    wait_awake(station, waker, "Entering LogDirExpired", after=position)
+
+
+# The five cases
+
+
+@pytest.mark.parametrize("options, written", [
+    ([], b"ZEVD_ARCH_INT=7\n"),
+    (["-a", "2w"], b"ZEVD_ARCH_INT=14\n"),
+    (["-a", "3"], b"ZEVD_ARCH_INT=3\n"),
+    (["-a", "90m"], b"ZEVD_ARCH_INT=0\n"),
+    (["-a", "1440m"], b"ZEVD_ARCH_INT=1\n"),
+])
+def test_a_missing_file_is_made(station, suite_file, options, written):
+    os.chown(station.root, -1, 12345)
+    station.start(*options)
+    assert suite_file.read_bytes() == written
+    status = suite_file.stat()
+    assert stat.S_IMODE(status.st_mode) == 0o770
+    assert (status.st_uid, status.st_gid) == (os.geteuid(), 12345)
+
+
+def test_the_value_of_the_file_is_taken(station, suite_file, waker):
+    suite_file.write_bytes(b"A=1\nZEVD_ARCH_INT=0\nB=2\n")
+    station.start()
+    waker.accept()
+    archives(station, waker)
+    assert suite_file.read_bytes() == b"A=1\nZEVD_ARCH_INT=0\nB=2\n"
+
+
+OTHERS = (b"# suite\r\n\n \tKEY = \xff\xfe\nnul\0inside\n" + b"x" * 20000 + b"\n"
+          + b"y" * 8191 + KEY.encode() + b"1\n" + b" ZEVD_ARCH_INT=1\nXZEVD_ARCH_INT=1\n")
+
+
+@pytest.mark.parametrize("before, after", [
+    (b"ZEVD_ARCH_INT=7\n", b"ZEVD_ARCH_INT=14\n"),
+    (b"ZEVD_ARCH_INT=7", b"ZEVD_ARCH_INT=14\n"),
+    (OTHERS + b"ZEVD_ARCH_INT=7 # weekly\r\nLAST=\0", OTHERS + b"ZEVD_ARCH_INT=14\nLAST=\0"),
+    (b"ZEVD_ARCH_INT=1\nMORE\nZEVD_ARCH_INT=soon\n", b"ZEVD_ARCH_INT=14\nMORE\nZEVD_ARCH_INT=14\n"),
+    (b"ZEVD_ARCH_INT=14\n", b"ZEVD_ARCH_INT=14\n"),
+])
+def test_the_value_of_the_command_line_is_written(station, suite_file, before, after, waker):
+    suite_file.write_bytes(before)
+    suite_file.chmod(0o641)
+    os.chown(suite_file, 4321, 12345)
+    old = suite_file.stat()
+    station.start("-a", "2w")
+    waker.accept()
+    assert suite_file.read_bytes() == after
+    new = suite_file.stat()
+    assert (new.st_ino, new.st_uid, new.st_gid, new.st_mode) == (
+        old.st_ino, old.st_uid, old.st_gid, old.st_mode)
+    never_archives(station, waker)
+
+
+@pytest.mark.parametrize("content", [b"", b"A=1\n", b" ZEVD_ARCH_INT=0\n", b"zevd_arch_int=0",
+                                     b"ZEVD_ARCH_INT 0\n", OTHERS])
+@pytest.mark.parametrize("options", [[], ["-a", "2w"]])
+def test_a_file_without_the_line_is_left_alone(station, suite_file, content, options, waker):
+    suite_file.write_bytes(content)
+    station.start(*options)
+    waker.accept()
+    assert suite_file.read_bytes() == content
+    never_archives(station, waker)
+
+
+def test_the_first_of_two_lines_sets_the_value(station, suite_file, waker):
+    suite_file.write_bytes(b"ZEVD_ARCH_INT=30\nZEVD_ARCH_INT=0\n")
+    station.start()
+    waker.accept()
+    never_archives(station, waker)
+
+
+# Later
+
+
+def test_ninety_minutes_are_in_force_until_the_next_start(station, suite_file, waker):
+    station.start("-a", "90m")
+    waker.accept()
+    never_archives(station, waker)
+    station.stop()
+    station.start()
+    waker.accept()
+    archives(station, waker)
+    assert suite_file.read_bytes() == b"ZEVD_ARCH_INT=0\n"
+
+
+def test_a_hangup_takes_the_present_value_of_the_file(station, suite_file, waker):
+    station.start("-a", "2w")
+    waker.accept()
+    hang_up(station, waker)
+    never_archives(station, waker)
+    set_interval(station, 0)
+    archives(station, waker)
+    suite_file.write_bytes(b"ZEVD_ARCH_INT=3\n")
+    hang_up(station, waker)
+    never_archives(station, waker)
+    assert suite_file.read_bytes() == b"ZEVD_ARCH_INT=3\n"
+
+
+def test_a_hangup_makes_a_file_that_is_missing(station, suite_file, waker):
+    station.start("-a", "2w")
+    waker.accept()
+    suite_file.unlink()
+    hang_up(station, waker)
+    wait_until(lambda: suite_file.exists() and suite_file.read_bytes() == b"ZEVD_ARCH_INT=14\n",
+               what="the file")
+
+
+def test_a_value_that_waits_stays_in_force_and_is_written_when_the_line_appears(station,
+                                                                                suite_file, waker):
+    suite_file.write_bytes(b"A=1\n")
+    station.start("-a", "0d")
+    waker.accept()
+    hang_up(station, waker)
+    archives(station, waker)
+    assert suite_file.read_bytes() == b"A=1\n"
+    suite_file.write_bytes(b"A=1\nZEVD_ARCH_INT=9\n")
+    hang_up(station, waker)
+    wait_until(lambda: suite_file.read_bytes() == b"A=1\nZEVD_ARCH_INT=0\n", what="the rewriting")
+    archives(station, waker)
+    # From now on the file rules.
+    suite_file.write_bytes(b"A=1\nZEVD_ARCH_INT=9\n")
+    hang_up(station, waker)
+    never_archives(station, waker)
+    assert suite_file.read_bytes() == b"A=1\nZEVD_ARCH_INT=9\n"
+
+
+def test_an_instance_that_is_refused_has_written_its_value_all_the_same(station, suite_file):
+    station.start()
+    assert station.run("-f", "-S", "0", "-p", str(free_port()), "-a", "3d").returncode == 1
+    assert suite_file.read_bytes() == b"ZEVD_ARCH_INT=3\n"
+
+
+def test_a_negative_interval_has_always_expired(station, suite_file):
+    suite_file.write_bytes(b"ZEVD_ARCH_INT=-1\n")
+    station.start()
+    station.wait_log(ARCHIVING, count=2)
+    assert consolidated(station).exists()
+
+
+# Failures
+
+
+def loop(path) -> str:
+    """Put something in the file's place that can neither be opened nor made."""
+    path.unlink(missing_ok=True)
+    path.symlink_to(path.name)
+    return (f'GetZevdArchIntFromConfFile: fopen( "{path}", ...) failed : '
+            "Too many levels of symbolic links\n")
+
+
+@pytest.mark.parametrize("options", [[], ["-a", "2w"]])
+def test_a_file_that_cannot_be_opened_ends_it_at_the_start(station, suite_file, options):
+    reason = loop(suite_file)
+    done = station.run("-f", "-S", "0", "-d", "1", "-p", str(free_port()), *options)
+    assert done.returncode == 1
+    said = messages(done.stdout)
+    assert said[0] == reason
+    assert said[1].startswith("Exiting with code 1 from file archive_time.cpp line ")
+
+
+def test_a_file_that_cannot_be_opened_ends_it_at_a_hangup(station, suite_file):
+    station.start()
+    reason = loop(suite_file)
+    station.signal(signal.SIGHUP)
+    station.expect_exit(1)
+    assert reason in messages(station.log_text())
+
+
+def test_a_directory_in_its_place_is_a_file_without_the_line(station, suite_file, waker):
+    suite_file.mkdir()
+    station.start("-a", "2w")
+    waker.accept()
+    never_archives(station, waker)
+    assert list(suite_file.iterdir()) == []

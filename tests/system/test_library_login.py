@@ -1,0 +1,397 @@
+"""The login of the main port: people without a cookie, through the authentication library."""
+
+import re
+import time
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass
+
+import pytest
+
+from harness.access import bring_up, refused
+from harness.consoles import FakeConsole
+from harness.peers import OFFERS, User
+from harness.scenes import echo_time
+from harness.station import Station
+from harness.waiting import LIMIT, stretched, wait_until
+from test_cookie import tell
+# `groups` is a fixture.
+from test_login import (CRASHING, NAME, PASSWORD, FakeHelper, children_of, groups, in_memory,
+                        local_user)
+
+HIDE = b"\xff\xfb\x01"
+SHOW = b"\xff\xfc\x01"
+
+# What may be sent in all, in one line, and how often a pair may be given.
+BYTES = 8192
+LINE = 1023
+TRIES = 3
+
+
+@dataclass
+class Hall:
+    """A station with security on and one console, "box"."""
+
+    station: Station
+    helper: FakeHelper
+    box: FakeConsole
+
+    def call(self, line: bytes = b"box") -> User:
+        """A caller who has sent the argument line and is asked for a name."""
+        caller = self.station.caller()
+        caller.send(line + b"\r\n")
+        caller.expect_exactly(NAME)
+        return caller
+
+    def connected(self, user: str, mode: str = "shared", after: int = 0) -> None:
+        """The daemon says that this user is at the console."""
+        self.station.wait_log(f'ConnectUserToConsole: Connected user "{user}" to console "box" '
+                              f"with mode = {mode}.", after=after)
+
+    def quiet(self) -> None:
+        """The daemon is as it was before anybody called: no thread, descriptor or child."""
+        wait_until(lambda: (self.station.threads(), self.station.descriptors()) == self.rest
+                   and not children_of(self.station.pid), what="the daemon to come to rest")
+
+    def note_rest(self) -> "Hall":
+        """Take what the daemon uses now for what it uses at rest."""
+        self.rest = (self.station.threads(), self.station.descriptors())
+        return self
+
+
+@pytest.fixture
+def hall(station):
+    """A hall that root may enter, with the password "secret"."""
+    helper = FakeHelper(station)
+    helper.accept(b"root", b"secret")
+    box = station.console("box")
+    bring_up(station, box, options=("-S", "1"))
+    return Hall(station, helper, box).note_rest()
+
+
+@pytest.fixture
+def club(groups, hall):
+    """A hall that alice may enter, who is in the group; bob may not, though he has a password."""
+    groups.write("qoruser:x:64000:carol,alice\n")
+    hall.helper.accept(b"alice", b"two  words ")
+    hall.helper.accept(b"bob", b"builder")
+    return hall
+
+
+def give(user: User, name: bytes, password: bytes, end: bytes = b"\r\n") -> None:
+    """Give a pair; the library echoes nothing."""
+    user.send(name + end)
+    user.expect_exactly(HIDE + PASSWORD)
+    user.send(password + end)
+    user.expect_exactly(SHOW + b"\r\n")
+
+
+def fail(user: User, name: bytes = b"root", password: bytes = b"wrong") -> None:
+    """Give a pair that is not valid and be asked again."""
+    give(user, name, password)
+    user.expect_exactly(NAME)
+
+
+# A person with a telnet client
+
+
+@pytest.mark.needs_namespace
+def test_a_person_logs_in_with_a_telnet_client(club):
+    position = club.station.mark()
+    with club.station.telnet() as person:
+        person.type("box mode=ex\r")
+        person.expect("username: ")
+        person.type("alice\r")
+        person.expect("password: ")
+        person.type("two  words \r")
+        club.connected("alice", "exclusive", position)
+        club.station.wait_log('DoTqAuthValidation: Authentication successful for user "alice".')
+        club.box.send(b"welcome to the machine")
+        shown = person.expect("welcome to the machine")
+        assert b"words" not in shown
+    assert club.helper.pairs() == [b"alice two  words "]
+
+
+def test_a_person_who_fails_three_times_is_told_so(hall):
+    with hall.station.telnet() as person:
+        person.type("box\r")
+        for number in range(TRIES):
+            person.expect("username: ")
+            person.type("root\r")
+            person.expect("password: ")
+            person.type(f"guess{number}\r")
+        shown = person.expect("001 - Authentication failed.\r\n")
+        assert b"guess" not in shown
+        person.expect_closed()
+    assert hall.helper.pairs() == [b"root guess%d" % number for number in range(TRIES)]
+
+
+# Who is admitted
+
+
+def test_the_exchange_byte_by_byte(hall):
+    position = hall.station.mark()
+    user = hall.call()
+    fail(user)
+    give(user, b"root", b"secret")
+    user.expect_exactly(OFFERS)
+    hall.connected("root", after=position)
+    assert hall.helper.pairs() == [b"root wrong", b"root secret"]
+
+
+@pytest.mark.parametrize("end", [b"\r\n", b"\r\0", b"\n", b"\r"])
+def test_nothing_of_the_login_reaches_the_console(hall, end):
+    user = hall.call()
+    give(user, b"root", b"secret", end)
+    user.expect_exactly(OFFERS)
+    user.send(b"k")
+    hall.box.expect_exactly(b"k")
+
+
+def test_everything_may_be_typed_ahead(hall):
+    user = hall.station.caller()
+    user.send(b"box\nroot\nsecret\n!")
+    user.expect_exactly(NAME + HIDE + PASSWORD + SHOW + b"\r\n" + OFFERS)
+    hall.box.expect_exactly(b"!")
+
+
+@pytest.mark.needs_namespace
+def test_a_name_in_the_line_does_not_count(club):
+    position = club.station.mark()
+    user = club.call(b"box user=root mode=ro user=carol")
+    give(user, b"alice", b"two  words ")
+    user.expect_exactly(OFFERS)
+    club.connected("alice", "read-only", position)
+
+
+@pytest.mark.needs_namespace
+def test_a_right_password_of_somebody_else_is_not_enough(club):
+    user = club.call()
+    give(user, b"bob", b"builder")
+    refused(user, 1)
+    club.station.wait_log("DoTqAuthValidation: Authentication failed.")
+    club.station.wait_log(
+        "ServiceConnectionRequestThreadStart: Closing connection with 127.0.0.1.")
+
+
+@pytest.mark.needs_namespace
+def test_without_the_group_only_root_is_admitted(groups, hall):
+    groups.write("")
+    hall.helper.accept(b"alice", b"pw")
+    user = hall.call()
+    give(user, b"alice", b"pw")
+    refused(user, 1)
+
+
+def test_three_failures_end_the_connection(hall):
+    user = hall.call()
+    for _ in range(TRIES - 1):
+        fail(user)
+    give(user, b"root", b"wrong")
+    refused(user, 1)
+    hall.quiet()
+
+
+@pytest.mark.parametrize("line, number", [(b"box mode=EX", 2), (b"box colour=red", 2),
+                                          (b"nobox", 4)])
+def test_the_line_is_judged_after_the_login(hall, line, number):
+    user = hall.call(line)
+    give(user, b"root", b"secret")
+    refused(user, number)
+
+
+def test_a_token_line_from_elsewhere_is_an_argument_line_after_a_login(hall):
+    """The prefix is skipped, and its cookie is not looked at."""
+    user = tell(hall.station, b"token 0123456789abcdef box\n", "127.0.0.2")
+    user.expect_exactly(NAME)
+    give(user, b"root", b"secret")
+    user.expect_exactly(OFFERS)
+    hall.connected("root")
+
+
+def test_a_person_may_ask_for_the_command_port(hall):
+    user = hall.call(b"@@@@")
+    give(user, b"root", b"secret")
+    hall.station.wait_log("Entering MonitorSocketForCommands")
+    user.send(b"nonsense\n")
+    user.expect(b"Invalid command.")
+
+
+# Typing
+
+
+def test_what_is_typed_can_be_edited(hall):
+    user = hall.call(b"\bbi\x7fox")
+    give(user, b"\x7frx\boot", b"sex\x7fcrey\bt")
+    user.expect_exactly(OFFERS)
+    assert hall.helper.pairs() == [b"root secret"]
+
+
+def test_telnet_commands_are_no_part_of_what_is_typed(hall):
+    user = hall.call(b"\xff\xfd\x01b\xff\xf1ox\xff\xfa\x1f\0\x50\0\x18\xff\xf0")
+    give(user, b"ro\xff\xfd\x03ot", b"\xff\xfe\x01sec\xff\xf4ret")
+    user.expect_exactly(OFFERS)
+    assert hall.helper.pairs() == [b"root secret"]
+
+
+def test_a_doubled_255_is_data(hall):
+    user = hall.call()
+    fail(user, b"ro\xff\xffot", b"pw")
+    assert hall.helper.pairs() == [b"ro\xffot pw"]
+
+
+@pytest.mark.parametrize("evil", [b"$(touch {})", b"`touch {}`", b"'; touch {}; '", b"%s%n%x"])
+def test_no_shell_ever_sees_what_is_typed(hall, evil):
+    marker = hall.station.root / "touched"
+    evil = evil.replace(b"{}", str(marker).encode())
+    user = hall.call()
+    fail(user, evil, evil)
+    assert hall.helper.pairs() == [evil + b" " + evil]
+    assert not marker.exists()
+
+
+# Limits
+
+
+def test_the_longest_answers(hall):
+    user = hall.call(b"box " + b" " * (LINE - 20) + b"mode=ro")
+    fail(user, b"n" * LINE, b"p" * LINE)
+    assert hall.helper.pairs() == [b"n" * LINE + b" " + b"p" * LINE]
+
+
+@pytest.mark.parametrize("sent", [b"x" * (LINE + 1) + b"\n", b"box\0\n",
+                                  b"box\nro\0ot\n", b"box\n" + b"r" * 8000 + b"\n",
+                                  b"box\nroot\n" + b"p" * 8000 + b"\n",
+                                  b"box\nroot\nsec\0ret\n"])
+def test_a_line_that_is_too_long_or_holds_a_nul_is_refused(hall, sent):
+    user = hall.station.caller()
+    user.send(sent)
+    user.expect(b"001 - Authentication failed.\r\n")
+    user.expect_closed()
+    assert hall.helper.pairs() == []
+    hall.quiet()
+
+
+@pytest.mark.parametrize("filling", [b"\b", b"\xff\xf1", b"\xff\xfa\x1f", b"\xff\xfd\x01"])
+def test_who_sends_too_much_without_an_answer_is_refused(hall, filling):
+    user = hall.station.caller()
+    user.send(filling * (BYTES // len(filling) + 1))
+    user.expect(b"001 - Authentication failed.\r\n")
+
+
+def test_an_empty_name_is_a_failed_try_without_a_check(hall):
+    user = hall.call()
+    for _ in range(TRIES - 1):
+        fail(user, b"", b"secret")
+    give(user, b"", b"secret")
+    refused(user, 1)
+    assert hall.helper.pairs() == []
+
+
+# Callers who go away
+
+DROPS = {
+    "in the line": (b"bo", b""),
+    "at the name": (b"box\n", NAME),
+    "in the name": (b"box\nro", NAME),
+    "at the password": (b"box\nroot\n", HIDE + PASSWORD),
+    "in the password": (b"box\nroot\nsec", HIDE + PASSWORD),
+    "at the second name": (b"box\nroot\nwrong\n", SHOW + b"\r\n" + NAME),
+    "in a telnet command": (b"box\n\xff", NAME),
+    "in a subnegotiation": (b"box\n\xff\xfa\x1f", NAME),
+}
+
+
+@pytest.mark.parametrize("typed, shown", DROPS.values(), ids=DROPS.keys())
+def test_a_caller_who_goes_away_leaves_nothing(hall, typed, shown):
+    for leave in (User.close, User.reset):
+        user = hall.station.caller()
+        user.send(typed)
+        user.expect(shown)
+        leave(user)
+    user = hall.station.caller()
+    user.send(typed)
+    user.expect(shown)
+    user.finish_sending()
+    refused(user, 1)
+    user.close()
+    hall.quiet()
+
+
+# Helpers that fail
+
+
+@pytest.mark.parametrize("script", [CRASHING, "#!/nowhere\n", "#!/bin/sh\nexit 255\n",
+                                    "#!/bin/sh\nexec 0<&-\nexit 1\n", None],
+                         ids=["crashes", "cannot be run", "says no", "reads nothing", "missing"])
+def test_a_helper_that_fails_is_a_failed_try(hall, script):
+    if script is None:
+        hall.helper.path.unlink()
+    else:
+        hall.helper.replace(script)
+    user = hall.call()
+    for _ in range(TRIES - 1):
+        fail(user, b"root", b"secret")
+    give(user, b"root", b"secret")
+    refused(user, 1)
+    hall.quiet()
+
+
+@pytest.mark.slow
+def test_a_helper_that_hangs_is_ended_and_delays_nobody_else(hall):
+    with local_user(hall.station, b"box") as neighbour:
+        neighbour.expect(OFFERS)
+        hall.helper.hang()
+        user = hall.call()
+        begin = time.monotonic()
+        give(user, b"root", b"secret")
+        process = hall.helper.wait_hanging()
+        assert process in children_of(hall.station.pid)
+        assert echo_time(neighbour, hall.box, b"k", limit=2) < stretched(1)
+        user.expect_exactly(NAME, limit=10 + LIMIT)
+        assert time.monotonic() - begin >= 9.9
+        assert children_of(hall.station.pid) == set()
+        user.close()
+    hall.quiet()
+
+
+# Many at once
+
+
+def test_fifty_logins_at_once(hall):
+    neighbour = local_user(hall.station, b"box")
+    neighbour.expect(OFFERS)
+    wait_until(lambda: hall.station.threads() == hall.rest[0], what="the tool's thread to end")
+    hall.note_rest()
+    with ThreadPoolExecutor(10) as pool:
+        callers = list(pool.map(lambda _: hall.call(), range(50)))
+    for caller in callers:
+        caller.send(b"root\r\n")
+        caller.expect_exactly(HIDE + PASSWORD)
+    assert hall.station.threads() == hall.rest[0] + 50
+    for index, caller in enumerate(callers):
+        caller.send(b"secret\r\n" if index % 2 else b"wrong\r\n")
+    assert echo_time(neighbour, hall.box, b"\1", limit=3) < stretched(3)
+    for index, caller in enumerate(callers):
+        caller.expect_exactly(SHOW + b"\r\n" + (OFFERS if index % 2 else NAME), limit=30)
+    assert sorted(hall.helper.pairs()) == [b"root secret"] * 25 + [b"root wrong"] * 25
+    for caller in callers:
+        caller.close()
+    hall.quiet()
+
+
+# What is left of a password
+
+
+def test_no_password_is_in_the_output_or_in_memory(hall):
+    user = hall.call()
+    fail(user, b"root", b"Zq1-wrong-kPw")
+    give(user, b"root", b"secret")
+    user.expect_exactly(OFFERS)
+    for sent in (b"box\nroot\nZq2-typed-kPw\n", b"box\nroot\nZq3-dropped-kPw"):
+        with hall.station.caller() as other:
+            other.send(sent)
+            other.expect(PASSWORD)
+    wait_until(lambda: hall.station.threads() == hall.rest[0], what="the exchanges to end")
+    assert re.search("Zq|kPw|secret", hall.station.log_text()) is None
+    assert not [part for part in (b"Zq1-wrong", b"Zq2-typed", b"Zq3-dropped")
+                if in_memory(hall.station.pid, part)]

@@ -1,0 +1,269 @@
+"""The real password helper, with accounts of the test's own in a private user database."""
+
+import contextlib
+import ctypes
+import os
+import shutil
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from harness import settings
+from harness.access import bring_up, greeting, refused
+from harness.peers import OFFERS
+from harness.waiting import LIMIT, free_port, stretched, wait_listening
+# `groups` is a fixture.
+from test_login import (NAME, TRY_AGAIN, Door, groups, give_name, log_in, private_copy)
+
+pytestmark = pytest.mark.needs_namespace
+
+HELPER = settings.build_directory() / "bin" / "qor_pam_auth"
+SERVICE = settings.REPOSITORY / "packaging" / "pam.d" / "qor"
+
+UID = 64000
+BLANKS = b"two  words and a blank "
+
+PTRACE_CONT = 7
+PTRACE_SEIZE = 0x4206
+PTRACE_O_TRACEEXIT = 0x40
+EXIT_STOP = 6 << 8 | 5  # PTRACE_EVENT_EXIT with SIGTRAP
+
+
+def hashed(password: bytes) -> str:
+    """The password as it stands in the shadow file."""
+    crypt = ctypes.CDLL("libcrypt.so.1").crypt
+    crypt.restype = ctypes.c_char_p
+    return crypt(password, b"$6$rounds=1000$pepper$").decode()
+
+
+class Accounts:
+    """The private user database."""
+
+    def __init__(self, passwd: Path, shadow: Path) -> None:
+        self._passwd = passwd
+        self._shadow = shadow
+        self._count = 0
+
+    def add(self, name: str, password: str, changed: str = "19000", rest: str = "0:99999:7:::"
+            ) -> None:
+        """Add an account; `password` as it stands in the shadow file."""
+        uid = UID + self._count
+        self._count += 1
+        with open(self._passwd, "a", encoding="utf-8") as passwd:
+            passwd.write(f"{name}:x:{uid}:{UID}::/nonexistent:/bin/sh\n")
+        with open(self._shadow, "a", encoding="utf-8") as shadow:
+            shadow.write(f"{name}:{password}:{changed}:{rest}\n")
+
+    def set_root(self, password: str) -> None:
+        """Give root another password."""
+        lines = self._shadow.read_text(encoding="utf-8").splitlines()
+        self._shadow.write_text("".join(
+            f"root:{password}:19000:0:99999:7:::\n" if line.startswith("root:") else f"{line}\n"
+            for line in lines), encoding="utf-8")
+
+
+@pytest.fixture
+def accounts(station, tmp_path):
+    """A private user database, and the service installed for it."""
+    with contextlib.ExitStack() as copies:
+        passwd, shadow, services = (
+            copies.enter_context(private_copy(Path(path), tmp_path))
+            for path in ("/etc/passwd", "/etc/shadow", "/etc/pam.d"))
+        shutil.copy2(SERVICE, services / "qor")
+        made = Accounts(passwd, shadow)
+        made.add("alice", hashed(BLANKS))
+        yield made
+
+
+def begin(pair: bytes) -> subprocess.Popen:
+    """Start a check of what is sent."""
+    process = subprocess.Popen([HELPER], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE)
+    with contextlib.suppress(BrokenPipeError):
+        process.stdin.write(pair)
+        process.stdin.close()
+    process.stdin = None
+    return process
+
+
+def ended(process: subprocess.Popen) -> int:
+    """The status of a check, which has printed nothing."""
+    output, errors = process.communicate(timeout=stretched(2 * LIMIT))
+    assert (output, errors) == (b"", b"")
+    return process.returncode
+
+
+def check_all(*pairs: bytes) -> list[int]:
+    """The statuses of checks that run at the same time: PAM delays each failure."""
+    return [ended(process) for process in [begin(pair) for pair in pairs]]
+
+
+# The pair
+
+
+@pytest.mark.usefixtures("accounts")
+def test_the_right_password_is_accepted_and_every_other_refused():
+    right = b"alice " + BLANKS
+    assert ended(begin(right)) == 0
+    wrong = [b"alice " + BLANKS.strip(), b"alice " + BLANKS + b" ", b"alice  " + BLANKS,
+             b"alice", b"alice ", b"alice wrong", right + b"\n", right + b"\r", b"Alice " + BLANKS,
+             b"alic " + BLANKS, b"nobody-at-all " + BLANKS, b"root " + BLANKS,
+             b"alice\t" + BLANKS, b"alice\n" + BLANKS, right[:-1], b"alice " + BLANKS.upper()]
+    assert check_all(*wrong) == [1] * len(wrong)
+
+
+@pytest.mark.usefixtures("accounts")
+def test_what_is_no_pair_is_refused():
+    wrong = [b"", b" ", b"  ", b" alice " + BLANKS, b"\n", b"\0", b"alice\0" + BLANKS,
+             b"alice " + BLANKS + b"\0", b"alice " + b"p" * 8000, b"n" * 8000 + b" p",
+             b"alice " + b"p" * 8186, b"alice " + b"p" * 100000, b"\xff" * 300 + b" \xff",
+             b"$(id) `id`", b"../../root x", b"alice " + b"%s" * 100]
+    assert check_all(*wrong) == [1] * len(wrong)
+
+
+def test_the_longest_pair_that_is_read(accounts):
+    """PAM itself takes at most 511 characters of a password."""
+    accounts.add("long", hashed(b"p" * 256))
+    assert check_all(b"long " + b"p" * 256, b"long " + b"p" * 255) == [0, 1]
+
+
+@pytest.mark.parametrize("stdin", ["closed", "a directory"])
+@pytest.mark.usefixtures("accounts")
+def test_without_an_input_that_can_be_read_nothing_is_accepted(stdin):
+    command = f"exec {HELPER} <&-" if stdin == "closed" else f"exec {HELPER} < /"
+    done = subprocess.run(["sh", "-c", command], capture_output=True, check=False,
+                          timeout=stretched(LIMIT))
+    assert (done.returncode, done.stdout, done.stderr) == (1, b"", b"")
+
+
+@pytest.mark.usefixtures("accounts")
+def test_the_pair_may_come_in_pieces():
+    process = subprocess.Popen([HELPER], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE, bufsize=0)
+    for byte in b"alice " + BLANKS:
+        process.stdin.write(bytes([byte]))
+    assert process.poll() is None, "it waits for the end of its input"
+    assert ended(process) == 0
+
+
+# The account
+
+
+def test_the_state_of_the_account_is_checked(accounts):
+    password = hashed(b"pw")
+    today = int(time.time() // 86400)
+    accounts.add("fine", password, str(today))
+    accounts.add("locked", f"!{password}")
+    accounts.add("starred", "*")
+    accounts.add("expired", password, rest="0:99999:7::1:")
+    accounts.add("stale", password, "1", rest="0:10:7:5::")
+    accounts.add("renew", password, "0")
+    accounts.add("empty", "")
+    assert check_all(b"fine pw", b"locked pw", b"starred pw", b"starred *", b"expired pw",
+                     b"stale pw", b"renew pw", b"empty ", b"empty pw", b"empty \r") \
+        == [0, 1, 1, 1, 1, 1, 1, 1, 1, 1]
+    assert check_all(b"locked !" + password.encode(), b"fine " + password.encode()) == [1, 1]
+
+
+def test_without_its_service_file_nobody_is_accepted(accounts, tmp_path):
+    """PAM then takes the service "other", which on this machine may admit: so it is emptied."""
+    assert accounts
+    services = tmp_path / "pam.d"
+    (services / "qor").unlink()
+    (services / "other").write_text("auth required pam_deny.so\naccount required pam_deny.so\n",
+                                    encoding="ascii")
+    assert ended(begin(b"alice " + BLANKS)) == 1
+
+
+# What it leaves behind
+
+
+# The names of the tests stand in the environment, which is searched, too.
+@pytest.mark.parametrize("password, status", [(b"Zq-right-kPw", 0), (b"Zq-wrong-kPw", 1)],
+                         ids=["right", "wrong"])
+def test_the_pair_is_wiped_before_the_end(accounts, password, status):
+    accounts.add("zoe", hashed(b"Zq-right-kPw"))
+    libc = ctypes.CDLL(None, use_errno=True)
+    libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
+    process = subprocess.Popen([HELPER], stdin=subprocess.PIPE)
+    assert libc.ptrace(PTRACE_SEIZE, process.pid, None, PTRACE_O_TRACEEXIT) == 0
+    process.stdin.write(b"zoe ")
+    process.stdin.flush()
+    process.stdin.write(password)
+    process.stdin.close()
+    _, stop = os.waitpid(process.pid, 0)
+    assert stop >> 8 == EXIT_STOP, "stopped on its way out, its memory still there"
+    left = own_memory(process.pid)
+    assert libc.ptrace(PTRACE_CONT, process.pid, None, None) == 0
+    process.wait(stretched(LIMIT))
+    assert process.returncode == status
+    assert password not in left and password[:8] not in left
+    assert b"qor" in left, "the search finds what is there"
+
+
+def own_memory(pid: int) -> bytes:
+    """What the program's own mappings hold: code, constants and variables."""
+    content = b""
+    with open(f"/proc/{pid}/maps", encoding="utf-8") as maps, \
+            open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
+        for line in maps:
+            words = line.split()
+            if words[-1] == str(HELPER) or words[-1] in ("[stack]", "[heap]") or len(words) < 6:
+                start, end = (int(word, 16) for word in words[0].split("-"))
+                memory.seek(start)
+                content += memory.read(end - start)
+    return content
+
+
+# Through the daemon
+
+
+@pytest.fixture
+def door(station, groups, accounts):
+    """A station with the real helper: alice is listed, bob's primary group is the right one."""
+    accounts.add("bob", hashed(b"builder"))
+    accounts.set_root(hashed(b"toor"))
+    groups.write(f"qoruser:x:{UID}:carol,alice\n")
+    helper = station.root / "bin" / "qor_pam_auth"
+    helper.parent.mkdir()
+    shutil.copy2(HELPER, helper)
+    port = free_port()
+    box = station.console("box", mapped_port=port, auth=1)
+    bring_up(station, box, options=("-S", "1"))
+    wait_listening(port)
+    return Door(station, None, box, port).note_rest()
+
+
+def test_a_member_logs_in_on_a_consoles_own_port(door):
+    user = door.call()
+    give_name(user, b"alice")
+    user.send(b"wrong\r\0")
+    user.expect_exactly(b"\r\n\r\n" + TRY_AGAIN + NAME)
+    log_in(user, b"alice", BLANKS)
+    door.admitted(user)
+    user.close()
+    door.quiet()
+
+
+def test_root_logs_in_and_who_is_not_listed_does_not(door):
+    user = door.call()
+    log_in(user, b"root", b"toor")
+    user.expect_exactly(OFFERS + greeting("box"))
+    other = door.call()
+    log_in(other, b"bob", b"builder")
+    refused(other, 14)
+
+
+def test_a_member_logs_in_on_the_main_port_with_a_telnet_client(door):
+    with door.station.telnet() as person:
+        person.type("box mode=ro\r")
+        person.expect("username: ")
+        person.type("alice\r")
+        person.expect("password: ")
+        person.type(BLANKS.decode() + "\r")
+        door.station.wait_log('ConnectUserToConsole: Connected user "alice" to console "box" '
+                              "with mode = read-only.")
+        door.box.send(b"here you are")
+        person.expect("here you are")
