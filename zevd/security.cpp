@@ -111,6 +111,16 @@ constexpr time_t kFirstLineWait = 15;  // seconds
 constexpr size_t kPeekSize = 8192;
 constexpr char kSeparators[] = " \t\n\r";
 
+/// A buffer for what a person types; nothing of it stays in memory.
+template <size_t N>
+struct WipedText {
+  char text[N] = {};
+  WipedText() = default;
+  ~WipedText() { explicit_bzero(text, sizeof text); }
+  WipedText(const WipedText&) = delete;
+  WipedText& operator=(const WipedText&) = delete;
+};
+
 // Looks at what the client has sent. The number of bytes, or what recv() returned with errno set;
 // the socket's own time-out is as before afterwards.
 ssize_t PeekFirstLine(int sock, char* buf, size_t size) {
@@ -144,12 +154,12 @@ bool IsLoopback(const sockaddr_in& address) {
 
 int IsTokenAuthentication(int sock, char (&user_cookie)[kCookieSize]) {
   ENTERING();
-  char buf[kPeekSize + 1];
-  const ssize_t count = PeekFirstLine(sock, buf, kPeekSize);
+  WipedText<kPeekSize + 1> seen;  // a hasty client's name and password may be in it
+  const ssize_t count = PeekFirstLine(sock, seen.text, kPeekSize);
   if (count <= 0) return NothingReceived();
-  buf[count] = '\0';
+  seen.text[count] = '\0';
   char* rest = nullptr;
-  const char* token = strtok_r(buf, kSeparators, &rest);
+  const char* token = strtok_r(seen.text, kSeparators, &rest);
   if (token == nullptr) return -1;
   if (strcmp(token, "token") != 0) return 0;
   token = strtok_r(nullptr, kSeparators, &rest);
@@ -212,16 +222,6 @@ constexpr char kGroup[] = "qoruser";
 constexpr size_t kBufferSize = 8192;
 constexpr size_t kAnswerSize = 257;     // 256 characters are kept
 constexpr int kFailuresBeforeLast = 3;  // the count is compared before it is raised: four tries
-
-/// A buffer for what a person types; nothing of it stays in memory.
-template <size_t N>
-struct WipedText {
-  char text[N] = {};
-  WipedText() = default;
-  ~WipedText() { explicit_bzero(text, sizeof text); }
-  WipedText(const WipedText&) = delete;
-  WipedText& operator=(const WipedText&) = delete;
-};
 
 bool SendText(int sock, const char* text) {
   if (send(sock, text, strlen(text), 0) >= 0) return true;

@@ -259,8 +259,8 @@ void EndIfCancelled() {
   int state = PTHREAD_CANCEL_DISABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
 #if defined(__SANITIZE_ADDRESS__)
-  // The frames of a cancelled thread end without running their ends. AddressSanitizer is told so for
-  // exceptions, but not for cancellation.
+  // The frames of a cancelled thread end without running their ends. AddressSanitizer is told so
+  // for exceptions, but not for cancellation.
   __asan_handle_no_return();
 #endif
   pthread_testcancel();

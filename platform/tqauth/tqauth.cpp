@@ -29,6 +29,7 @@ constexpr int64_t kExchangeLimit = 120000;  // milliseconds for the whole exchan
 constexpr int64_t kHelperLimit = 10000;     // milliseconds for one check
 constexpr int kByteLimit = 8192;            // bytes that the client may send in all
 constexpr size_t kLineLimit = 1023;         // characters of one answer
+constexpr int kLineEndLimit = 20;           // milliseconds for the second byte of a line end
 
 // Telnet (RFC 854, RFC 857).
 constexpr uint8_t kIac = 255;
@@ -44,7 +45,9 @@ int64_t Now() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+// Characters that were taken back lie behind the end.
 void Wipe(std::string& text) {
+  text.resize(text.capacity());
   explicit_bzero(text.data(), text.size());
   text.clear();
 }
@@ -55,6 +58,16 @@ class Client {
   explicit Client(int sock) : sock_(sock), deadline_(Now() + kExchangeLimit) {}
 
   bool Send(const char* text) { return send(sock_, text, strlen(text), MSG_NOSIGNAL) >= 0; }
+
+  /// Takes the rest of the last line's end, which is no key for the console. CR LF and CR NUL
+  /// arrive together.
+  void FinishLine() {
+    char byte = 0;
+    pollfd readable = {sock_, POLLIN, 0};
+    if (!after_carriage_return_ || poll(&readable, 1, kLineEndLimit) <= 0) return;
+    if (recv(sock_, &byte, 1, MSG_PEEK) != 1 || (byte != '\n' && byte != '\0')) return;
+    recv(sock_, &byte, 1, 0);
+  }
 
   /// Reads a line without its end. False when the client is gone, too slow or too talkative.
   bool ReadLine(std::string* line) {
@@ -204,6 +217,12 @@ std::string LogIn(Client& client) {
   return "";
 }
 
+// The caller adds the name to the line as an option. Without room for it, the name that the client
+// gave itself in the line would count.
+bool LeavesRoomForName(const std::string& line, const std::string& name) {
+  return line.size() + strlen(" user=") + name.size() <= kLineLimit;
+}
+
 }  // namespace
 
 char* authenticate(int sock, char** user) {
@@ -212,7 +231,8 @@ char* authenticate(int sock, char** user) {
   std::string line;
   if (!client.ReadLine(&line)) return nullptr;
   const std::string name = LogIn(client);
-  if (name.empty()) return nullptr;
+  client.FinishLine();
+  if (name.empty() || !LeavesRoomForName(line, name)) return nullptr;
   memcpy(argument_line, line.c_str(), line.size() + 1);
   *user = strdup(name.c_str());
   return argument_line;

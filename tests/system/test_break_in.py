@@ -199,9 +199,8 @@ def test_what_one_caller_typed_is_of_no_use_to_the_next(door):
         assert door.helper.pairs()[-1] == b"root " + kept
 
 
-@pytest.mark.parametrize("script", ["#!/bin/sh\nkill -KILL $$\n", "#!/bin/sh\nkill -TERM $$\n",
-                                    "#!/bin/sh\nexit 256000\n" if os.name != "posix" else
-                                    "#!/bin/sh\nexit 128\n", "not a program\n", "", None])
+@pytest.mark.parametrize("script", ["#!/bin/sh\nkill -KILL $$\n", "#!/bin/sh\nkill -ABRT $$\n",
+                                    "#!/bin/sh\nexit 128\n", "not a program\n", None])
 def test_a_helper_that_does_not_say_yes_admits_nobody(door, hall, script):
     if script is None:
         door.helper.path.unlink()
@@ -273,16 +272,10 @@ def test_the_login_cannot_be_skipped_by_asking_for_it_off(door):
 
 
 def test_a_line_on_a_consoles_own_port_is_no_argument_line(door):
-    user = station_caller(door, b"vault mode=ex user=root\n")
+    user = door.station.caller(door.port)
+    user.send(b"vault mode=ex user=root\n")
     user.expect(b"vault mode=ex user=root\n" + PASSWORD)
     unmoved(door.station)
-
-
-def station_caller(door, line: bytes):
-    """Somebody who sends a line to the console's own port without waiting for the welcome."""
-    user = door.station.caller(door.port)
-    user.send(line)
-    return user
 
 
 def test_the_commands_are_not_to_be_had_without_a_login(hall):
@@ -301,8 +294,7 @@ def test_the_commands_are_not_to_be_had_without_a_login(hall):
 
 @pytest.mark.needs_namespace
 @pytest.mark.parametrize("line", [
-    b"box user=root", b"box user=root user=", b"token user=root box user=carol",
-    b"box user=root\x0b", b"box\tuser=root\t"])
+    b"box user=root", b"box user=root user=", b"box user=root\x0b", b"box\tuser=root\t"])
 def test_the_name_that_was_proved_is_the_one_that_counts(groups, hall, line):
     groups.write("qoruser:x:64000:alice\n")
     hall.helper.accept(b"alice", b"pw")

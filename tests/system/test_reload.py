@@ -14,6 +14,7 @@ from harness.waiting import free_port, is_listening, wait_listening, wait_until
 
 DELETED = framed("Console has been deleted.")
 GONE = "DeleteMarkedConsoles: Console {} is being deleted."
+SERVICE = "ServiceConnectionRequestThreadStart"
 
 
 @pytest.fixture
@@ -63,10 +64,11 @@ def test_a_reload_without_a_change_changes_nothing(station, box):
 def test_a_rename_keeps_connection_and_users(station, box):
     user = station.attach("box", mode="ex")
     configure(station, console_line("chest", box.port))
-    serves(user, box)
     refused(station, "box", NOT_FOUND)
     refused(station, "chest", b"006 - Console is locked exclusively.\r\n")
-    serves(station.attach("chest", mode="ro") and user, box)
+    reader = station.attach("chest", mode="ro")
+    serves(user, box)
+    reader.expect_exactly(b"printed")
     assert not box.called()
 
 
@@ -140,7 +142,8 @@ def test_two_consoles_of_one_address_from_the_start_become_one(station):
     station.wait_log(GONE.format("second"), after=position)
     # The first one is left, updated by both lines.
     refused(station, "first", NOT_FOUND)
-    serves(station.attach("second", mode="ro") and users[0], box)
+    station.attach("second", mode="ro")
+    serves(users[0], box)
 
 
 # What is printed
@@ -270,7 +273,7 @@ def test_mapped_ports_open_and_close(station, box):
     user = station.mapped(first)
     user.expect(b'Connected to console "box" in shared mode.\r\n\n')
     silent = station.caller(first)
-    station.wait_log(re.compile(f"^ServiceConnectionRequestThreadStart: Servicing .* port {first}$"),
+    station.wait_log(re.compile(f"^{SERVICE}: Servicing .* port {first}$"),
                      count=2)
     position = configure(station, console_line("box", box.port, mapped_port=second))
     wait_listening(second)

@@ -1,4 +1,4 @@
-"""Dated log directories: when a new one is begun, and that nothing is lost or torn at that moment."""
+"""Dated log directories: when a new one is begun, and that nothing is lost or torn just then."""
 
 import os
 import random
@@ -11,9 +11,10 @@ from pathlib import Path
 
 import pytest
 
-from harness.logs import (ARCHIVING, add_waker, age_directory, bring_up, consolidated,
-                          consolidated_records, current, dated, difference, log_of, of_console,
-                          read, records, rotate, set_interval, wait_records)
+from harness.logs import (ARCHIVING, add_waker, age_directory, all_consolidated_records,
+                          all_records, bring_up, consolidated, consolidated_records, current,
+                          dated, difference, directories, log_of, of_console, read, records,
+                          rotate, set_interval, wait_records)
 from harness.scenes import numbered, print_and_wait, reload
 from harness.station import console_line
 from harness.waiting import wait_until
@@ -40,11 +41,6 @@ def minute() -> str:
     return datetime.now().strftime("%d-%b-%H:%M")
 
 
-def directories(station) -> list[str]:
-    """The dated directories."""
-    return sorted(path.name for path in dated(station).iterdir() if not path.is_symlink())
-
-
 def output_of(found: list[bytes]) -> bytes:
     """What a console printed, from the records of its logs.
 
@@ -68,9 +64,9 @@ def test_the_first_log_makes_the_directories(station):
     before = minute()
     station.start()
     wait_until(consolidated(station).exists, what="the consolidated log")
-    name, = directories(station)
-    assert name in {before, minute()}
-    assert os.readlink(current(station)) == f"{station.logs}//zev.dated/{name}"
+    made, = directories(station)
+    assert made.name in {before, minute()}
+    assert os.readlink(current(station)) == f"{station.logs}//zev.dated/{made.name}"
     assert sorted(path.name for path in current(station).iterdir()) == ["consolidated.log"]
 
 
@@ -113,10 +109,8 @@ def test_rotations_within_a_minute_use_one_directory(station, box, waker):
         rotate(station, waker)
     minutes = {datetime.fromtimestamp(before.timestamp() + 60 * passed).strftime("%d-%b-%H:%M")
                for passed in range(int((datetime.now() - before).total_seconds()) // 60 + 1)}
-    made = directories(station)
-    assert set(made) <= minutes
-    found = [record for name in made for record in records(dated(station) / name / "box.log")]
-    assert found == expected
+    assert {made.name for made in directories(station)} <= minutes
+    assert all_records(station, "box") == expected
 
 
 def test_a_line_that_has_only_begun_is_cut(station, box, waker):
@@ -147,8 +141,8 @@ def test_consoles_that_are_not_connected_have_no_log_in_the_new_directory(statio
     reload(station)
     age_directory(station)
     rotate(station, waker)
-    assert sorted(path.name for path in current(station).iterdir()) == ["box.log",
-                                                                       "consolidated.log"]
+    assert sorted(path.name for path in current(station).iterdir()) == [
+        "box.log", "consolidated.log", "waker.log"]
     station.write_config(console_line("off", off.port))
     off.greeting = b"up\n"
     reload(station)
@@ -164,12 +158,9 @@ def test_every_line_is_whole_however_often_the_directory_changes(station):
         position = station.mark()
         box.send(line)
         station.wait_log(ARCHIVING, after=position)
-        wait_until(lambda: sum(len(found) for found in _all_records(station)) >= number)
-    assert sum(_all_records(station), []) == lines
-
-
-def _all_records(station) -> list[list[bytes]]:
-    return [records(dated(station) / name / "box.log") for name in directories(station)]
+        wait_until(lambda: len(all_records(station, "box")) >= number, what=f"line {number}")
+    assert all_records(station, "box") == lines
+    assert all_consolidated_records(station) == [("box", line) for line in lines]
 
 
 def test_nothing_is_lost_under_load_however_often_the_directory_changes(station):
@@ -182,17 +173,13 @@ def test_nothing_is_lost_under_load_however_often_the_directory_changes(station)
     last = printed.splitlines()[-1]
     expected = printed.replace(b"\r", b"")
     for name in ("box", "other"):
-        wait_until(lambda: last in read(log_of(station, name)), 60, f"the last line of {name}")
-    for name in ("box", "other"):
-        found = [record for directory in directories(station)
-                 for record in records(dated(station) / directory / f"{name}.log")]
+        wait_until(lambda: last in b"".join(all_records(station, name)), 60, "the last line")
+        found = all_records(station, name)
         assert output_of(found) == expected, difference(found, expected.splitlines(keepends=True))
     assert station.log_text(position).count(ARCHIVING) > 10
-    both = [record for directory in directories(station)
-            for record in consolidated_records(dated(station) / directory / "consolidated.log")]
     for name in ("box", "other"):
-        assert output_of(of_console(both, name)) == expected, difference(
-            of_console(both, name), expected.splitlines(keepends=True))
+        found = of_console(all_consolidated_records(station), name)
+        assert output_of(found) == expected, difference(found, expected.splitlines(keepends=True))
 
 
 # The link

@@ -94,9 +94,13 @@ class AttachTest : public test::RelayTest {
     EXPECT_EQ(console_->user_list->tail->unode->mode, mode);
   }
 
+  static ConsoleNode* AddConnected(const std::string& name) {
+    return test::ConnectConsole(name.c_str()).node;
+  }
+
   Attached<UserNode> AddUser(int mode) { return AttachUser(console_, "holder", mode); }
 
-  ConsoleNode* console_ = test::AddConsole(a_cons_list, "sys1", -1, kConnected);
+  ConsoleNode* console_ = AddConnected("sys1");
 };
 
 // ---- Consoles that cannot be had
@@ -125,6 +129,15 @@ TEST_F(AttachTest, DisabledConsole) {
 TEST_F(AttachTest, AccessibleConsoleIsFoundFirst) {
   test::AddConsole(i_cons_list, "sys1")->enable = 0;
   ExpectAttached(kShared);
+}
+
+TEST_F(AttachTest, ConsoleThatIsJustBeingClosed) {
+  const Descriptor sock(console_->sock.exchange(-1));
+  ExpectRefused("sys1", kReadOnly, "005 - Console is not accessible.\r\n",
+                "Console \"sys1\" is inaccessible.");
+  console_->enable = 0;
+  ExpectRefused("sys1", kReadOnly, "012 - Console is disabled.\r\n",
+                "Console \"sys1\" is disabled.");
 }
 
 TEST_F(AttachTest, DeletedConsole) {
@@ -190,8 +203,7 @@ TEST_F(AttachTest, ReadOnlyUsersDoNotBlockARevocableOne) {
 
 TEST_F(AttachTest, EveryModeGetsAnEmptyConsole) {
   for (const int mode : {1, 2, 3, 4}) {
-    ConsoleNode* console =
-        test::AddConsole(a_cons_list, ("free" + std::to_string(mode)).c_str(), -1, kConnected);
+    ConsoleNode* console = AddConnected("free" + std::to_string(mode));
     EXPECT_EQ(Attach(console->cname, mode).result, 0);
     ASSERT_EQ(console->user_list->count, 1);
     EXPECT_EQ(console->user_list->head->unode->mode, mode);
@@ -223,8 +235,7 @@ TEST_F(AttachTest, GrantAndRevocationLookAtEveryUser) {
 TEST_F(AttachTest, EveryWriterRevokesTheRevocableHolder) {
   for (const int mode : {2, 3, 4}) {
     SCOPED_TRACE(mode);
-    ConsoleNode* console =
-        test::AddConsole(a_cons_list, ("held" + std::to_string(mode)).c_str(), -1, kConnected);
+    ConsoleNode* console = AddConnected("held" + std::to_string(mode));
     const Attached<UserNode> holder = AttachUser(console, "holder", kExclusiveRevocable);
     EXPECT_EQ(Attach(console->cname, mode, "anna", "192.0.2.77").result, 0);
     EXPECT_EQ(test::ReceiveAvailable(holder.peer.get()), RevocationBanner("anna@192.0.2.77"));
@@ -302,7 +313,7 @@ class AttachToBusyConsoleTest : public AttachTest {
  protected:
   AttachToBusyConsoleTest() {
     cons_buf_size = 8;
-    busy_ = test::AddConsole(a_cons_list, "busy", -1, kConnected);
+    busy_ = AddConnected("busy");
     strcpy(busy_->telnet_cmd, "\xFF\xFD\x18\xFF\xFB\x03");
     memcpy(busy_->cons_buf.buf, "oldest!?", 8);
     busy_->cons_buf.head = 6;  // "!?ol"
@@ -382,7 +393,7 @@ TEST_F(AttachTest, AttachmentIsReportedWithTheNameOfTheMode) {
   constexpr std::array<const char*, 4> kNames = {"read-only", "shared", "exclusive", "??"};
   for (int mode = 1; mode <= 4; ++mode) {
     const std::string console = "free" + std::to_string(mode);
-    test::AddConsole(a_cons_list, console.c_str(), -1, kConnected);
+    AddConnected(console);
     const DebugCapture debug;
     EXPECT_EQ(Attach(console.c_str(), mode, "anna").result, 0);
     EXPECT_THAT(
@@ -439,8 +450,9 @@ TEST_F(AttachTest, ListLocksAreHeldOneAfterTheOther) {
 }
 
 TEST_F(AttachTest, InaccessibleListIsSearchedWhenTheOtherLockIsReleased) {
+  test::AddConsole(i_cons_list, "away");
   const DebugCapture debug(kTrace);
-  EXPECT_EQ(Attach("unknown", kShared).result, -1);
+  EXPECT_EQ(Attach("away", kShared).result, -1);
   EXPECT_THAT(LockEvents(debug),
               ElementsAre("request acl_lock", "hold acl_lock", "release acl_lock",
                           "request icl_lock", "hold icl_lock", "release icl_lock"));

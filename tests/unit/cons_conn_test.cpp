@@ -12,7 +12,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <thread>
+#include <filesystem>
 
 #include "cons_mon.h"
 #include "fixed_text.h"
@@ -1110,6 +1110,8 @@ TEST_F(StatusTest, NulEndsTheTextThatIsLookedAt) {
 
 class UpdateTest : public ConnectionTest {
  protected:
+  UpdateTest() { log_dir = logs_.c_str(); }
+
   // A greeting ends the wait for telnet bytes at once.
   test::Descriptor ConnectAndGreet(std::string_view greeting = "login: ") {
     test::Descriptor peer = Connect();
@@ -1122,6 +1124,8 @@ class UpdateTest : public ConnectionTest {
   }
 
   test::StationRoot root_;
+  // The link to the current log directory needs a path that holds everywhere.
+  std::string logs_ = std::filesystem::absolute("root/logs");
 };
 
 TEST_F(UpdateTest, NothingIsConnectedWithoutSockets) {
@@ -1357,6 +1361,7 @@ bool IsOn(ConsoleList* list, RwLock& list_lock, const char* name) {
 // The life of some consoles; they are all on i_cons_list at first.
 void RunConnectionThread() {
   const test::StationRoot root;
+  log_dir = strdup(std::filesystem::absolute("root/logs").c_str());  // for the thread's whole life
   const test::Listener listener;
   const test::RefusingPort nobody;
   Initialize();

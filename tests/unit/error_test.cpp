@@ -547,6 +547,7 @@ TEST_F(FirstMessageTest, TwoThreadsThatExitTogetherEndTheProcessOnce) {
   EXPECT_EXIT(
       {
         atexit([] { fputs("once\n", stderr); });
+        test::StartDebugOutput();
         std::thread other([] { ExitProcess(1, "other.cpp", 1); });
         ExitProcess(1, "main.cpp", 1);
       },

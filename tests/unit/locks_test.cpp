@@ -94,6 +94,8 @@ class Holder {
 
 class LocksTest : public ::testing::Test {
  protected:
+  LocksTest() { test::StartDebugOutput(); }
+
   RwLock first_;
   RwLock second_;
 };
@@ -292,7 +294,7 @@ void WithPair(RwLock& first, RwLock& second, const std::function<void()>& body) 
   body();
 }
 
-class LockPairTest : public ::testing::TestWithParam<PairKind> {
+class LockPairTest : public LocksTest, public ::testing::WithParamInterface<PairKind> {
  protected:
   void TakeAndRelease() {
     GetParam().with_pair(first_, second_, [] {});

@@ -885,6 +885,22 @@ TEST_F(LogTest, DirectoryExpiresWhenItsAgeReachesTheInterval) {
   }
 }
 
+TEST_F(LogTest, ClockThatJumpsBackAnHourOnlyDelaysTheNextDirectory) {
+  OpenLogs();
+  log_archive_time = 3600;
+  const time_t created = FileStatus(Dated("/current")).st_ctime;
+  Print("before\n");
+  clock_.Set(created + 3599);
+  EXPECT_EQ(LogDirExpired(), 0);
+  clock_.Advance(-3600);
+  EXPECT_EQ(LogDirExpired(), 0);
+  clock_.Set(kStart - 3600);
+  EXPECT_EQ(Print("after\n"), 0);
+  EXPECT_EQ(Log(), Record("before\n") + Record("after\n", "11/03/13_06:06:40"));
+  clock_.Set(created + 3600);
+  EXPECT_EQ(LogDirExpired(), 1);
+}
+
 TEST_F(LogTest, IntervalOfZeroHasAlwaysExpired) {
   CreateZevDatedDir();
   ArchiveLogDir();

@@ -29,6 +29,7 @@
 #include "event.h"
 #include "fixed_text.h"
 #include "user_conn.h"
+#include "util.h"
 #include "waker.h"
 #include "zev_signal.h"
 
@@ -205,6 +206,10 @@ bool DebugCapture::Has(std::string_view message) const {
 int DebugCapture::Count(std::string_view message) const {
   const std::vector<std::string> messages = Messages();
   return static_cast<int>(std::count(messages.begin(), messages.end(), message));
+}
+
+void StartDebugOutput() {
+  zev_debug(kTrace, "Entering %s\n", "main");
 }
 
 void SendDebugToStderr(int level) {
@@ -519,6 +524,7 @@ void CloseSockets(const L& list) {
 
 RelayTest::RelayTest() {
   BlockSignal(SIGPIPE);
+  ArrangeCancelSignal();
   OpenOnce(cons_mon_waker);
   OpenOnce(user_mon_waker);
   debug_level = kError - 1;

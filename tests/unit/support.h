@@ -75,6 +75,10 @@ class DebugCapture {
   size_t reported_ = 0;
 };
 
+/// The first call of zev_debug() is the main thread's, before there is another. For tests that
+/// start threads and have no other fixture of this header.
+void StartDebugOutput();
+
 /// In the child of a death test: what goes to standard output is matched like standard error.
 void SendDebugToStderr(int level);
 

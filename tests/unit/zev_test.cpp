@@ -360,7 +360,7 @@ TEST_F(ParkTest, ThreadThatIsAskedStandsStillUntilItIsReleased) {
     });
     ASSERT_TRUE(test::Eventually([&] { return thread_waiting_mask == 0xFFU; }));
     EXPECT_FALSE(went_on);
-    thread_waitreq_mask = 0xF0;  // requests for others
+    thread_waitreq_mask = 0xFFU & ~bit;  // requests for others
     parked.join();
     EXPECT_TRUE(went_on);
     EXPECT_EQ(thread_waiting_mask, 0xFFU & ~bit);

@@ -2,13 +2,16 @@
 
 import json
 import os
+import re
 import select
+import shlex
 import shutil
 import socket
 import subprocess
 from pathlib import Path
 from typing import Any
 
+from harness import settings
 from harness.peers import Peer
 from harness.station import Station
 from harness.waiting import LIMIT, stretched, wait_until
@@ -119,31 +122,30 @@ class CollectorProgram:
         self.end()
 
 
-RSYSLOG_CONFIGURATION = """\
-global(workDirectory="{directory}" maxMessageSize="64k")
-module(load="imptcp")
-template(name="asReceived" type="string" string="%rawmsg%\\n")
-ruleset(name="events") {{
-  action(type="omfile" file="{file}" template="asReceived")
-}}
-input(type="imptcp" path="{socket}" unlink="on" supportOctetCountedFraming="off"
-      ruleset="events")
-"""
+MANUAL = settings.REPOSITORY / "docs" / "operating.md"
+
+
+def _from_manual(shape: str, station: Station, file: Path) -> str:
+    """What operators are told to copy, with the paths of this station."""
+    found = re.search(shape, MANUAL.read_text(encoding="utf-8"), re.DOTALL)
+    assert found, f"{MANUAL} has no {shape!r}"
+    return found[1].replace("/usr/opt/qor", str(station.root)).replace(
+        "/var/log/zevd-events.log", str(file))
 
 
 def rsyslog(station: Station, directory: Path) -> CollectorProgram:
-    """The system's log daemon with a configuration of its own, as docs/operating.md has it."""
+    """The system's log daemon, with no configuration but the one of the manual."""
     program = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
     assert program, "rsyslog is not installed"
     file = directory / "events.log"
     configuration = directory / "rsyslog.conf"
-    configuration.write_text(RSYSLOG_CONFIGURATION.format(
-        directory=directory, file=file, socket=socket_path(station)))
+    configuration.write_text(f'global(workDirectory="{directory}")\n'
+                             + _from_manual(r"<<'END'\n(.*?\n)END\n", station, file))
     return CollectorProgram(station, [program, "-n", "-iNONE", "-f", str(configuration)], file)
 
 
 def socat(station: Station, directory: Path) -> CollectorProgram:
-    """The smallest of collectors, as docs/operating.md has it."""
+    """The smallest of collectors, with the command of the manual."""
     file = directory / "events.log"
-    listen = f"UNIX-LISTEN:{socket_path(station)},fork,unlink-early"
-    return CollectorProgram(station, ["socat", "-u", listen, f"OPEN:{file},creat,append"], file)
+    command = _from_manual(r"\n(socat -u .*?)\n```", station, file)
+    return CollectorProgram(station, shlex.split(command.replace("\\\n", " ")), file)

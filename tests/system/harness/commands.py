@@ -41,7 +41,10 @@ class Answer:
 
 
 class Tool:
-    """One command connection. Without `wait`, which needs debug level 3, it may not be served yet."""
+    """One command connection.
+
+    Without `wait`, which needs debug level 3, it may not be served yet.
+    """
 
     def __init__(self, station: Station, user: str | None = "op", addr: str | None = None,
                  wait: bool = True) -> None:

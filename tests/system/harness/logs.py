@@ -39,8 +39,11 @@ def consolidated(station: Station) -> Path:
 
 
 def read(path: Path) -> bytes:
-    """What the file holds; nothing when it is missing."""
-    return path.read_bytes() if path.exists() else b""
+    """What the file holds; nothing when it is missing, as it may be while directories change."""
+    try:
+        return path.read_bytes()
+    except FileNotFoundError:
+        return b""
 
 
 def records(path: Path) -> list[bytes]:
@@ -55,6 +58,24 @@ def consolidated_records(path: Path) -> list[tuple[str, bytes]]:
     before, *found = re.split(_STAMP + rb" (\S+) ", read(path))
     assert before == b"", f"{path} begins with {before[:100]!r}"
     return [(name.decode(), line) for name, line in zip(found[::2], found[1::2])]
+
+
+def directories(station: Station) -> list[Path]:
+    """The dated directories, the oldest first."""
+    found = [path for path in dated(station).iterdir() if path.name != "current"]
+    return sorted(found, key=lambda path: path.stat().st_ctime_ns)
+
+
+def all_records(station: Station, name: str) -> list[bytes]:
+    """The lines of a console's logs in all directories."""
+    return [line for directory in directories(station)
+            for line in records(directory / f"{name}.log")]
+
+
+def all_consolidated_records(station: Station) -> list[tuple[str, bytes]]:
+    """The records of the consolidated logs in all directories."""
+    return [record for directory in directories(station)
+            for record in consolidated_records(directory / "consolidated.log")]
 
 
 def of_console(found: list[tuple[str, bytes]], name: str) -> list[bytes]:
@@ -94,12 +115,13 @@ def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] 
 def empty_logs(station: Station, *names: str) -> None:
     """Wait until each of the consoles has been greeted in both logs, and empty these."""
     def greeted() -> bool:
-        seen = {console for console, _ in consolidated_records(consolidated(station))}
-        return seen >= set(names)
+        return dated(station).exists() and {
+            console for console, _ in all_consolidated_records(station)} >= set(names)
 
     wait_until(greeted, what=f"the greetings of {names}")
-    for name in (*names, "consolidated"):
-        os.truncate(log_of(station, name), 0)
+    for directory in directories(station):
+        for log in directory.iterdir():
+            os.truncate(log, 0)
 
 
 def add_waker(station: Station) -> FakeConsole:

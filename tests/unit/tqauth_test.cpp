@@ -1,0 +1,256 @@
+// The stand-in authentication library: its exchange with a client, its limits, whom it admits.
+#include "tqauth.h"
+
+#include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support.h"
+
+namespace {
+
+using test::Call;
+using test::FailCall;
+using test::SocketPair;
+using std::string_literals::operator""s;
+
+constexpr char kHelper[] = "root/bin/qor_pam_auth";
+constexpr char kHide[] = "\xFF\xFB\x01";  // IAC WILL ECHO
+constexpr char kShow[] = "\xFF\xFC\x01";  // IAC WONT ECHO
+
+// The members of "qoruser", and how large a buffer the look-up insists on.
+std::vector<const char*> members;
+size_t needed_buffer = 0;
+bool group_exists = true;
+
+std::string Attempt() {
+  return "username: "s + kHide + "password: " + kShow + "\r\n";
+}
+
+}  // namespace
+
+// In place of the system's group database, for the whole program.
+extern "C" int getgrnam_r(const char* name, group* entry, char* /*buffer*/, size_t size,
+                          group** found) {
+  static std::vector<char*> listed;
+  *found = nullptr;
+  if (size < needed_buffer) return ERANGE;
+  if (!group_exists || std::string_view(name) != "qoruser") return 0;
+  listed.clear();
+  for (const char* member : members) listed.push_back(const_cast<char*>(member));
+  listed.push_back(nullptr);
+  *entry = {const_cast<char*>(name), nullptr, 0, listed.data()};
+  *found = entry;
+  return 0;
+}
+
+namespace {
+
+class TqauthTest : public ::testing::Test {
+ protected:
+  TqauthTest() {
+    members = {"carl", "anna"};
+    needed_buffer = 0;
+    group_exists = true;
+    std::filesystem::create_directory("root/bin");
+    Install(
+        "pair=$(cat; echo .)\nprintf '%s|' \"${pair%.}\" >> root/pairs\n"
+        "case $pair in *secret.) exit 0;; esac\nexit 1\n");
+  }
+  ~TqauthTest() override { free(user_); }
+
+  static void Install(const std::string& script) {
+    test::WriteFile(kHelper, "#!/bin/sh\n" + script);
+    chmod(kHelper, 0755);
+  }
+
+  static std::string Pairs() {
+    return std::filesystem::exists("root/pairs") ? test::ReadFile("root/pairs") : "";
+  }
+
+  // The argument line that the library returns for a client who sends this and then no more;
+  // "(refused)" when it returns none.
+  std::string Authenticate(std::string_view sent) {
+    const SocketPair pair;
+    test::SendText(pair.theirs.get(), sent);
+    shutdown(pair.theirs.get(), SHUT_WR);
+    free(user_);
+    user_ = nullptr;
+    const char* line = authenticate(pair.ours.get(), &user_);
+    answer_ = test::ReceiveAvailable(pair.theirs.get());
+    unread_ = test::ReceiveAvailable(pair.ours.get());
+    EXPECT_EQ(line == nullptr, user_ == nullptr) << "a name comes with a line, and only then";
+    return line == nullptr ? "(refused)" : line;
+  }
+
+  std::string User() const { return user_ == nullptr ? "" : user_; }
+
+  test::StationRoot root_;
+  std::string answer_;  // what the client was sent
+  std::string unread_;  // what the client sent and the library left
+  char* user_ = nullptr;
+};
+
+// ---- The exchange ---------------------------------------------------------------------------
+
+TEST_F(TqauthTest, AsksForThePairAndReturnsLineAndName) {
+  EXPECT_EQ(Authenticate("box mode=ro\nroot\nsecret\n"), "box mode=ro");
+  EXPECT_EQ(User(), "root");
+  EXPECT_EQ(answer_, Attempt());
+  EXPECT_EQ(Pairs(), "root secret|");
+}
+
+TEST_F(TqauthTest, ThreeTries) {
+  EXPECT_EQ(Authenticate("box\nroot\na\nroot\nb\nroot\nsecret\n"), "box");
+  EXPECT_EQ(Authenticate("box\nroot\na\nroot\nb\nroot\nc\nroot\nsecret\n"), "(refused)");
+  EXPECT_EQ(answer_, Attempt() + Attempt() + Attempt());
+}
+
+TEST_F(TqauthTest, EmptyNameIsATryWithoutACheck) {
+  EXPECT_EQ(Authenticate("box\n\nsecret\n\nsecret\nroot\nsecret\n"), "box");
+  EXPECT_EQ(Pairs(), "root secret|");
+}
+
+TEST_F(TqauthTest, LinesEndInEveryUsualWay) {
+  for (const std::string& end : {"\n"s, "\r"s, "\r\n"s, "\r\0"s}) {
+    EXPECT_EQ(Authenticate("box" + end + "root" + end + "secret" + end), "box");
+  }
+}
+
+TEST_F(TqauthTest, TakesTheWholeOfTheLastLineEnd) {
+  for (const std::string& end : {"\n"s, "\r\n"s, "\r\0"s}) {
+    EXPECT_EQ(Authenticate("box" + end + "root" + end + "secret" + end), "box");
+    EXPECT_EQ(unread_, "");
+  }
+}
+
+TEST_F(TqauthTest, LeavesWhatFollowsTheLogin) {
+  EXPECT_EQ(Authenticate("box\nroot\nsecret\nkeys"), "box");
+  EXPECT_EQ(unread_, "keys");
+}
+
+TEST_F(TqauthTest, ErasingKeysErase) {
+  EXPECT_EQ(Authenticate("\b\x7Fvxx\b\x7F\bbox\nrx\boot\nsecrets\x7F\n"), "box");
+  EXPECT_EQ(Pairs(), "root secret|");
+}
+
+TEST_F(TqauthTest, TelnetCommandsAreTakenOut) {
+  EXPECT_EQ(Authenticate("\xFF\xFD\x01"
+                         "b\xFF\xF1ox\xFF\xFA\x1F\x01\x02\xFF\xF0\nro\xFF\xFB\x03ot\n"
+                         "sec\xFF\xF4ret\n"),
+            "box");
+  EXPECT_EQ(Pairs(), "root secret|");
+}
+
+TEST_F(TqauthTest, DoubledByteIsDataInsideASubnegotiationToo) {
+  EXPECT_EQ(Authenticate("b\xFF\xFA\x1F\xFF\xFF\xF0!\xFF\xF0ox\nroot\nsecret\n"), "box");
+}
+
+TEST_F(TqauthTest, DoubledByteIsData) {
+  EXPECT_EQ(Authenticate("b\xFF\xFFx\nroot\nsecret\n"), "b\xFFx");
+}
+
+// ---- Whom it admits -------------------------------------------------------------------------
+
+TEST_F(TqauthTest, ListedMembersAreAdmitted) {
+  EXPECT_EQ(Authenticate("box\nanna\nmy secret\n"), "box");
+  EXPECT_EQ(User(), "anna");
+}
+
+TEST_F(TqauthTest, OthersAreRefusedAtOnce) {
+  for (const std::string& name : {"bert"s, "ann"s, "annab"s, "Anna"s, "root x"s, " root"s}) {
+    EXPECT_EQ(Authenticate("box\n" + name + "\nsecret\nroot\nsecret\n"), "(refused)") << name;
+    EXPECT_EQ(answer_, Attempt()) << name;
+  }
+}
+
+TEST_F(TqauthTest, WithoutTheGroupOnlyRootIsAdmitted) {
+  group_exists = false;
+  EXPECT_EQ(Authenticate("box\nanna\nsecret\n"), "(refused)");
+  EXPECT_EQ(Authenticate("box\nroot\nsecret\n"), "box");
+}
+
+TEST_F(TqauthTest, GroupMayBeLarge) {
+  needed_buffer = 100000;
+  EXPECT_EQ(Authenticate("box\nanna\nsecret\n"), "box");
+}
+
+// ---- Limits and failures --------------------------------------------------------------------
+
+TEST_F(TqauthTest, LinesHaveALimit) {
+  const std::string pair = "\nroot\nsecret\n";
+  EXPECT_EQ(Authenticate(std::string(900, 'x') + pair), std::string(900, 'x'));
+  EXPECT_EQ(Authenticate(std::string(1024, 'x') + pair), "(refused)");
+  EXPECT_EQ(Authenticate("box\n" + std::string(1024, 'x') + "\nsecret\n"), "(refused)");
+  EXPECT_EQ(Authenticate("box\nroot\n" + std::string(1024, 'x') + "\n"), "(refused)");
+  EXPECT_EQ(Pairs(), "root secret|");
+}
+
+TEST_F(TqauthTest, NulIsRefused) {
+  for (const std::string& sent : {"b\0x\n"s, "box\nro\0ot\nsecret\n"s, "box\nroot\nsec\0ret\n"s}) {
+    EXPECT_EQ(Authenticate(sent), "(refused)");
+  }
+  EXPECT_EQ(Pairs(), "");
+}
+
+TEST_F(TqauthTest, ClientMaySendSoMuchAndNoMore) {
+  const std::string rest = "box\nroot\nsecret\n";
+  EXPECT_EQ(Authenticate(std::string(8192 - rest.size(), '\b') + rest), "box");
+  EXPECT_EQ(Authenticate(std::string(8193 - rest.size(), '\b') + rest), "(refused)");
+}
+
+TEST_F(TqauthTest, ClientThatStopsIsRefused) {
+  const std::string whole = "box\r\nroot\r\nsecret";
+  for (size_t length = 0; length <= whole.size(); ++length) {
+    EXPECT_EQ(Authenticate(whole.substr(0, length)), "(refused)") << length;
+  }
+  for (const char* telnet : {"\xFF", "\xFF\xFD", "\xFF\xFA", "\xFF\xFA\x1F\xFF"}) {
+    EXPECT_EQ(Authenticate(telnet), "(refused)");
+  }
+  EXPECT_EQ(Pairs(), "");
+}
+
+TEST_F(TqauthTest, TimeThatRunsOutIsARefusal) {
+  const FailCall failure(Call::kPoll, FailCall::kPretend);
+  EXPECT_EQ(Authenticate("box\nroot\nsecret\n"), "(refused)");
+}
+
+TEST_F(TqauthTest, FailedSendIsARefusal) {
+  for (const int number : {1, 2, 3}) {
+    const FailCall failure(Call::kSend, EPIPE, number, 1);
+    EXPECT_EQ(Authenticate("box\nroot\nsecret\n"), "(refused)") << number;
+  }
+  EXPECT_EQ(Pairs(), "");
+}
+
+TEST_F(TqauthTest, HelperThatDoesNotSayYesIsARefusal) {
+  for (const char* script : {"exit 1\n", "exit 128\n", "kill -KILL $$\n", "kill -SEGV $$\n"}) {
+    Install(script);
+    EXPECT_EQ(Authenticate("box\nroot\nsecret\nroot\nsecret\nroot\nsecret\n"), "(refused)")
+        << script;
+  }
+  std::filesystem::remove(kHelper);
+  EXPECT_EQ(Authenticate("box\nroot\nsecret\nroot\nsecret\nroot\nsecret\n"), "(refused)");
+  test::WriteFile(kHelper, "");
+  chmod(kHelper, 0755);
+  EXPECT_EQ(Authenticate("box\nroot\nsecret\nroot\nsecret\nroot\nsecret\n"), "(refused)");
+}
+
+TEST_F(TqauthTest, LeavesNoDescriptorOpen) {
+  const int before = dup(0);
+  close(before);
+  Authenticate("box\nroot\nwrong\nroot\nsecret\n");
+  const int after = dup(0);
+  close(after);
+  EXPECT_EQ(before, after);
+}
+
+}  // namespace
