@@ -116,6 +116,7 @@ void Recompute(L& list) {
 template <typename L>
 void InitList(L& list, const char* name) {
   list.list_name = strdup(name);
+  if (list.list_name == nullptr) ReportOutOfMemory(__func__);  // the list does without a name
   list.head = nullptr;
   list.tail = nullptr;
   list.count = 0;

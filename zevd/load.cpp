@@ -144,6 +144,19 @@ void FormatLogPath(char* path, size_t size, const char* cons_name) {
   snprintf(path, size, "%s/%s/%s.log", log_dir, "/zev.dated/current", cons_name);
 }
 
+bool Exists(const char* path) {
+  struct stat info {};
+  return stat(path, &info) == 0;
+}
+
+// A log that stands under the new name already is not written over: posting an event renames a
+// console too, and its earlier lines may be in there.
+int RenameWithoutLoss(const char* old_path, const char* new_path) {
+  if (!Exists(new_path)) return rename(old_path, new_path);
+  errno = EEXIST;
+  return -1;
+}
+
 // The log follows the console's new name; an open descriptor goes on writing to the renamed file.
 void RenameLog(const char* old_name, const char* new_name) {
   constexpr size_t kLogPathSize = 8192;
@@ -151,8 +164,7 @@ void RenameLog(const char* old_name, const char* new_name) {
   char new_path[kLogPathSize];
   FormatLogPath(old_path, sizeof old_path, old_name);
   FormatLogPath(new_path, sizeof new_path, new_name);
-  struct stat existing {};
-  if (stat(old_path, &existing) == 0 && rename(old_path, new_path) != 0) {
+  if (Exists(old_path) && RenameWithoutLoss(old_path, new_path) != 0) {
     zev_debug(kError, "%s : rename() failed : %s\n", "UpdateConsole", strerror(errno));
   }
 }

@@ -120,12 +120,13 @@ class Client {
     return command < kFirstWithOption || ReadByte(&byte);
   }
 
+  // Ends at IAC SE; a doubled IAC inside is data.
   bool SkipSubnegotiation() {
-    uint8_t previous = 0;
     uint8_t byte = 0;
     while (ReadByte(&byte)) {
-      if (previous == kIac && byte == kSubnegotiationEnd) return true;
-      previous = byte;
+      if (byte != kIac) continue;
+      if (!ReadByte(&byte)) return false;
+      if (byte == kSubnegotiationEnd) return true;
     }
     return false;
   }
@@ -153,14 +154,22 @@ bool WaitForHelper(pid_t pid) {
   }
 }
 
-// Starts the helper with `input` as its standard input; no shell is involved. -1 on failure.
+// Starts the helper with `input` as its standard input and no signal blocked; no shell is involved.
+// -1 on failure.
 pid_t StartHelper(int input) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  sigset_t none;
+  sigemptyset(&none);
+  posix_spawnattr_setsigmask(&attributes, &none);
   char* arguments[] = {const_cast<char*>(kHelper), nullptr};
   pid_t pid = -1;
-  if (posix_spawn(&pid, kHelper, &actions, nullptr, arguments, environ) != 0) pid = -1;
+  if (posix_spawn(&pid, kHelper, &actions, &attributes, arguments, environ) != 0) pid = -1;
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   return pid;
 }

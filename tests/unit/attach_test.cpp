@@ -484,37 +484,42 @@ TEST_F(AttachTest, NoMemoryForTheRecord) {
   EXPECT_EQ(console_->ref_count, 0);
 }
 
-// Whichever allocation fails, the caller closes the socket, so nothing may know of it any more.
-TEST_F(AttachTest, NoMemoryAnywhereLeavesNothingBehind) {
-  AddUser(kReadOnly);  // a user who stays
-  UserList* console_users = console_->user_list;
-  int failures = 0;
-  for (bool failed = true; failed; failures += failed ? 1 : 0) {
-    SCOPED_TRACE(failures);
-    const DebugCapture debug;
-    const test::FailAllocation failure(1 + failures);
-    const Caller caller = Attach("sys1", kShared);
-    failed = failure.reached();
-    EXPECT_EQ(caller.result, failed ? -1 : 0);
-    const int expected = failed ? 1 : 2;
-    EXPECT_EQ(console_->ref_count, expected);
-    EXPECT_EQ(console_users->count, expected);
-    EXPECT_EQ(user_list->count, expected);
-    if (failed && failures > 0) {
-      EXPECT_EQ(debug.Messages().back(), "ConnectUserToConsole: AddUserToList() failed.\n");
-    }
-    EXPECT_EQ(console_users->fdset.Contains(caller.pair.ours.get()), false);
-    EXPECT_EQ(user_list->fdset.Contains(caller.pair.ours.get()), false);
+/// The sets of both lists have their room, so that only records and elements are allocated.
+class AttachWithoutMemoryTest : public AttachTest {
+ protected:
+  AttachWithoutMemoryTest() {
+    EXPECT_TRUE(console_->user_list->fdset.Reserve(1023));
+    EXPECT_TRUE(user_list->fdset.Reserve(1023));
   }
-  EXPECT_EQ(failures, 3);  // the record and an element of either list
+
+  /// Attaches a user; allocation number `failing` is refused.
+  static Caller AttachWithFailure(int failing) {
+    const test::FailAllocation failure(failing);
+    return Attach("sys1", kShared);
+  }
+};
+
+// Whichever allocation fails, the caller closes the socket, so nothing may know of it any more.
+TEST_F(AttachWithoutMemoryTest, NothingIsLeftBehind) {
+  const Attached<UserNode> stays = AddUser(kReadOnly);
+  for (const int failing : {1, 2, 3}) {  // the record, and an element of either list
+    SCOPED_TRACE(failing);
+    const Caller caller = AttachWithFailure(failing);
+    EXPECT_EQ(caller.result, -1);
+    EXPECT_STREQ(u_err_msg, "013 - Out of memory.\r\n");
+    EXPECT_EQ(console_->ref_count, 1);
+    for (const UserList* list : {console_->user_list, user_list}) {
+      EXPECT_EQ(list->count, 1);
+      EXPECT_EQ(list->head->unode, stays.node);
+      EXPECT_FALSE(list->fdset.Contains(caller.pair.ours.get()));
+    }
+  }
+  EXPECT_EQ(AttachWithFailure(4).result, 0);
 }
 
-TEST_F(AttachTest, SecondListWithoutMemoryRefusesTheUser) {
-  AddUser(kReadOnly);
+TEST_F(AttachWithoutMemoryTest, FailureOfTheSecondListIsReported) {
   const DebugCapture debug(kDetail);
-  const test::FailAllocation failure(3);
-  EXPECT_EQ(Attach("sys1", kShared).result, -1);
-  EXPECT_STREQ(u_err_msg, "013 - Out of memory.\r\n");
+  EXPECT_EQ(AttachWithFailure(3).result, -1);
   EXPECT_THAT(debug.Messages(),
               ElementsAre("NewUserListElem: malloc() failed : Cannot allocate memory\n",
                           AnnouncesDaemonError("Out of memory"),

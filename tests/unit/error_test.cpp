@@ -82,6 +82,10 @@ struct LevelCase {
   std::vector<std::string> written;
 };
 
+void PrintTo(const LevelCase& level, std::ostream* out) {
+  *out << "level " << level.debug_level;
+}
+
 class DebugLevelTest : public ::testing::TestWithParam<LevelCase> {};
 
 TEST_P(DebugLevelTest, WritesWhatIsNotAboveIt) {

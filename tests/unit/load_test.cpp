@@ -285,6 +285,10 @@ struct MissingField {
   const char* name;
 };
 
+void PrintTo(const MissingField& field, std::ostream* out) {
+  *out << field.name;
+}
+
 class MissingFieldTest : public LoadTest, public ::testing::WithParamInterface<MissingField> {};
 
 INSTANTIATE_TEST_SUITE_P(

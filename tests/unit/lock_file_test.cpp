@@ -164,6 +164,10 @@ struct LockFailure {
   std::string message;
 };
 
+void PrintTo(const LockFailure& failure, std::ostream* out) {
+  *out << failure.name;
+}
+
 class LockFailureTest : public LockFileTest, public ::testing::WithParamInterface<LockFailure> {};
 
 TEST_P(LockFailureTest, IsReportedAndLeavesTheDescriptorOpen) {

@@ -280,6 +280,32 @@ TEST_F(LocksTest, ReadPairIsTracedAsWriteLocks) {
                           Aquired("write", second_), Releasing(first_), Releasing(second_)));
 }
 
+TEST_F(LocksTest, ReadPairThatReleasesOnlyItsFirstLeavesTheSecondHeld) {
+  const test::DebugCapture capture(kTrace);
+  {
+    ReadLockPair lock(first_, second_, Release::kSecondFirst, kSite);
+    lock.ReleaseOnlyFirst();
+    EXPECT_EQ(StateOf(first_), State::kFree);
+  }
+  EXPECT_EQ(StateOf(second_), State::kRead);
+  EXPECT_EQ(capture.Messages().back(), Releasing(first_));
+  EXPECT_FALSE(capture.Has(Releasing(second_)));
+  pthread_rwlock_unlock(second_.native());
+}
+
+TEST_F(LocksTest, ReadPairThatReleasesOnlyItsSecondLeavesTheFirstHeld) {
+  const test::DebugCapture capture(kTrace);
+  {
+    ReadLockPair lock(first_, second_, Release::kSecondFirst, kSite);
+    lock.ReleaseOnlySecond();
+    EXPECT_EQ(StateOf(second_), State::kFree);
+  }
+  EXPECT_EQ(StateOf(first_), State::kRead);
+  EXPECT_EQ(capture.Messages().back(), Releasing(second_));
+  EXPECT_FALSE(capture.Has(Releasing(first_)));
+  pthread_rwlock_unlock(first_.native());
+}
+
 /// What differs between the two kinds of pair.
 struct PairKind {
   std::string name;
@@ -287,6 +313,10 @@ struct PairKind {
   std::string try_name;
   void (*with_pair)(RwLock& first, RwLock& second, const std::function<void()>& body);
 };
+
+void PrintTo(const PairKind& kind, std::ostream* out) {
+  *out << kind.name;
+}
 
 template <typename Pair>
 void WithPair(RwLock& first, RwLock& second, const std::function<void()>& body) {

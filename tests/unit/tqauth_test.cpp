@@ -223,12 +223,13 @@ TEST_F(TqauthTest, TimeThatRunsOutIsARefusal) {
   EXPECT_EQ(Authenticate("box\nroot\nsecret\n"), "(refused)");
 }
 
+// The test's own send is the first of those that are counted, the pair that is sent to the helper
+// the last.
 TEST_F(TqauthTest, FailedSendIsARefusal) {
-  for (const int number : {1, 2, 3}) {
+  for (int number = 2; number <= 6; ++number) {
     const FailCall failure(Call::kSend, EPIPE, number, 1);
     EXPECT_EQ(Authenticate("box\nroot\nsecret\n"), "(refused)") << number;
   }
-  EXPECT_EQ(Pairs(), "");
 }
 
 TEST_F(TqauthTest, HelperThatDoesNotSayYesIsARefusal) {

@@ -306,6 +306,10 @@ struct ArchiveTime {
   int32_t seconds;
 };
 
+void PrintTo(const ArchiveTime& time, std::ostream* out) {
+  *out << ::testing::PrintToString(std::string(time.argument));
+}
+
 class ArchiveTimeTest : public OptionsTest, public ::testing::WithParamInterface<ArchiveTime> {};
 
 TEST_P(ArchiveTimeTest, IsConvertedAndStored) {
@@ -636,6 +640,10 @@ struct ThreadCase {
   void (*create)();
   std::string function;
 };
+
+void PrintTo(const ThreadCase& thread, std::ostream* out) {
+  *out << thread.name;
+}
 
 class ThreadCreationTest : public OptionsTest, public ::testing::WithParamInterface<ThreadCase> {};
 
