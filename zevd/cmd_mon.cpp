@@ -47,6 +47,10 @@ CommandList* NewCommandList(const char* list_name) {
     return nullptr;
   }
   InitCommandList(list, list_name);
+  if (list->list_name == nullptr) {
+    delete list;
+    return nullptr;
+  }
   return list;
 }
 

@@ -140,6 +140,10 @@ ConsoleList* NewConsoleList(const char* list_name) {
     return nullptr;
   }
   InitConsoleList(list, list_name);
+  if (list->list_name == nullptr) {
+    delete list;
+    return nullptr;
+  }
   return list;
 }
 

@@ -77,6 +77,10 @@ EventSetList* NewEventSetList(const char* list_name) {
     return nullptr;
   }
   InitEventSetList(list, list_name);
+  if (list->list_name == nullptr) {
+    delete list;
+    return nullptr;
+  }
   return list;
 }
 

@@ -152,7 +152,8 @@ bool Exists(const char* path) {
 // A log that stands under the new name already is not written over: posting an event renames a
 // console too, and its earlier lines may be in there.
 int RenameWithoutLoss(const char* old_path, const char* new_path) {
-  if (!Exists(new_path)) return rename(old_path, new_path);
+  struct stat info {};
+  if (stat(new_path, &info) != 0 || !S_ISREG(info.st_mode)) return rename(old_path, new_path);
   errno = EEXIST;
   return -1;
 }

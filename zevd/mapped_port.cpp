@@ -108,6 +108,10 @@ MappedPortList* NewMappedPortList(const char* list_name) {
     return nullptr;
   }
   InitMappedPortList(list, list_name);
+  if (list->list_name == nullptr) {
+    delete list;
+    return nullptr;
+  }
   return list;
 }
 

@@ -142,6 +142,10 @@ RegExList* NewRegExList(const char* list_name) {
     return nullptr;
   }
   InitRegExList(list, list_name);
+  if (list->list_name == nullptr) {
+    delete list;
+    return nullptr;
+  }
   return list;
 }
 

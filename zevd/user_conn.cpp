@@ -155,6 +155,10 @@ UserList* NewUserList(const char* list_name) {
     return nullptr;
   }
   InitUserList(list, list_name);
+  if (list->list_name == nullptr) {
+    delete list;
+    return nullptr;
+  }
   return list;
 }
 

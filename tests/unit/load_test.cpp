@@ -711,14 +711,25 @@ TEST_F(ReloadTest, RenamingAConsoleWithoutALogIsSilent) {
 
 TEST_F(ReloadTest, LogThatCannotBeRenamedIsReported) {
   WriteLog("a", "old lines\n");
-  std::filesystem::create_directory(LogOf("b"));
+  ConsoleNode* cnode = AddAt(a_cons_list, "a", 1);
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(Reload(Line("missing/b", 1)), 0);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("UpdateConsole : rename() failed : No such file or directory\n"));
+  EXPECT_STREQ(cnode->cname, "missing/b");
+  EXPECT_EQ(test::ReadFile(LogOf("a")), "old lines\n");
+}
+
+TEST_F(ReloadTest, LogUnderTheNewNameIsNotWrittenOver) {
+  WriteLog("a", "old lines\n");
+  WriteLog("b", "earlier lines\n");
   ConsoleNode* cnode = AddAt(a_cons_list, "a", 1);
   const test::DebugCapture capture(0);
   EXPECT_EQ(Reload(Line("b", 1)), 0);
-  EXPECT_THAT(capture.Messages(),
-              ElementsAre("UpdateConsole : rename() failed : Is a directory\n"));
+  EXPECT_THAT(capture.Messages(), ElementsAre("UpdateConsole : rename() failed : File exists\n"));
   EXPECT_STREQ(cnode->cname, "b");
   EXPECT_EQ(test::ReadFile(LogOf("a")), "old lines\n");
+  EXPECT_EQ(test::ReadFile(LogOf("b")), "earlier lines\n");
 }
 
 TEST_F(ReloadTest, ListsArePrintedBeforeAndAfterTheMerge) {

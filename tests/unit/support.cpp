@@ -8,6 +8,7 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -223,7 +224,14 @@ void SendDebugToStderr(int level) {
 
 void EndChild() {
   fflush(stdout);
-  exit(::testing::Test::HasFailure() ? 1 : 0);
+  // The parent shows what is written here; what failed is not printed by itself in a child.
+  const ::testing::TestResult& result =
+      *::testing::UnitTest::GetInstance()->current_test_info()->result();
+  for (int i = 0; i < result.total_part_count(); ++i) {
+    const ::testing::TestPartResult& part = result.GetTestPartResult(i);
+    fprintf(stderr, "%s:%d: %s\n", part.file_name(), part.line_number(), part.message());
+  }
+  exit(result.Failed() ? 1 : 0);
 }
 
 // ---- Options and lists --------------------------------------------------------------------------
@@ -535,6 +543,34 @@ RelayTest::~RelayTest() {
   CloseSockets(*user_list);
   CloseSockets(*a_cons_list);
   CloseSockets(*i_cons_list);
+}
+
+// ---- Events -------------------------------------------------------------------------------------
+
+EventCollector::EventCollector() {
+  constexpr char kPath[] = "root/run/jix.sock";
+  std::filesystem::remove(kPath);
+  sock_.Reset(Check(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0), "socket"));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  CopyText(address.sun_path, kPath);
+  Check(bind(sock_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), "bind");
+  Check(listen(sock_.get(), SOMAXCONN), "listen");
+}
+
+Descriptor EventCollector::Accept() const {
+  if (!WaitReadable(sock_.get())) throw std::runtime_error("nobody connected");
+  return Descriptor(Check(accept(sock_.get(), nullptr, nullptr), "accept"));
+}
+
+std::string ReceiveLine(int sock) {
+  std::string line;
+  while (line.empty() || line.back() != '\n') {
+    const std::string byte = Receive(sock, 1);
+    if (byte.empty()) break;
+    line += byte;
+  }
+  return line;
 }
 
 // ---- Failures on demand -------------------------------------------------------------------------

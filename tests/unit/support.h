@@ -309,6 +309,21 @@ class RelayTest : public DaemonTest {
   ~RelayTest() override;
 };
 
+// ---- Events -------------------------------------------------------------------------------------
+
+/// Listens where the event manager of a StationRoot does; takes the place of one before it.
+class EventCollector {
+ public:
+  EventCollector();
+  Descriptor Accept() const;
+
+ private:
+  Descriptor sock_;
+};
+
+/// The next line with its newline; less only at end of stream or after 10 seconds.
+std::string ReceiveLine(int sock);
+
 // ---- Failures on demand -------------------------------------------------------------------------
 // They concern the calling thread alone, and only calls from the daemon's and the tests' own code.
 

@@ -592,7 +592,9 @@ TEST_F(PortTest, ConfiguringWithoutMemoryForTheListLeavesNothing) {
     }
     EXPECT_EQ(result, 0);
     EXPECT_EQ(mapped_port_list->count, failed ? 0 : 1);
-    if (failed) EXPECT_EQ(NextDescriptor(), next);
+    if (failed) {
+      EXPECT_EQ(NextDescriptor(), next);
+    }
   }
   EXPECT_GE(failures, 1);
   EXPECT_EQ(debug.Count("AddMappedPortToList: NewMappedPortListElem() returned NULL\n"), failures);
@@ -803,6 +805,18 @@ int ThreadsInUse() {
   return count;
 }
 
+/// All service threads have ended.
+void AwaitThreads() {
+  EXPECT_TRUE(test::Eventually([] { return ThreadsInUse() == 0; }));
+}
+
+/// Captures what service threads write too, so it waits for their end.
+class ServiceCapture : public DebugCapture {
+ public:
+  using DebugCapture::DebugCapture;
+  ~ServiceCapture() { AwaitThreads(); }
+};
+
 /// A main port and a mapped port that listen, and a console of each.
 class ServiceTest : public PortTest {
  protected:
@@ -839,11 +853,6 @@ class ServiceTest : public PortTest {
     return client;
   }
 
-  /// All service threads have ended.
-  void AwaitThreads() {
-    EXPECT_TRUE(test::Eventually([&] { return ThreadsInUse() == 0; }));
-  }
-
   /// Calls the main port, says `line` and expects the answer to be `text` and the end.
   void ExpectRefused(const std::string& line, const std::string& text) {
     SCOPED_TRACE(line);
@@ -860,7 +869,7 @@ class ServiceTest : public PortTest {
 };
 
 TEST_F(ServiceTest, ArgumentLineAttachesTheUser) {
-  const DebugCapture debug(kDetail);
+  const ServiceCapture debug(kDetail);
   const Descriptor client = CallAndSay(user_port, "sys1 mode=ro user=anna addr=192.0.2.9\r\n");
   AwaitThreads();
   EXPECT_EQ(test::ReceiveAvailable(client.get()), kOffers);
@@ -910,7 +919,7 @@ TEST_F(ServiceTest, UsersSocketNeitherDelaysKeysNorWaitsForEver) {
 }
 
 TEST_F(ServiceTest, LineThatCannotBeParsedIsRefused) {
-  const DebugCapture debug;
+  const ServiceCapture debug;
   ExpectRefused(" \r\n", "009 - Insufficient data.\r\n");
   ExpectRefused("sys1 mode=EX\n", "002 - Invalid argument.\r\n");
   EXPECT_EQ(debug.Count("ServiceConnectionRequestThreadStart: Closing connection with "
@@ -920,14 +929,14 @@ TEST_F(ServiceTest, LineThatCannotBeParsedIsRefused) {
 
 TEST_F(ServiceTest, ConsoleThatCannotBeHadIsRefused) {
   test::AddConsole(i_cons_list, "away");
-  const DebugCapture debug;
+  const ServiceCapture debug;
   ExpectRefused("unknown\n", "004 - Console not found.\r\n");
   ExpectRefused("away\n", "005 - Console is not accessible.\r\n");
   EXPECT_EQ(debug.Count("ServiceConnectionRequestThreadStart: Closing connection.\n"), 2);
 }
 
 TEST_F(ServiceTest, ClientThatLeavesIsToldNothing) {
-  const DebugCapture debug;
+  const ServiceCapture debug;
   Descriptor client = Call(user_port);
   shutdown(client.get(), SHUT_WR);
   EXPECT_EQ(ReceiveAll(client), "");
@@ -957,7 +966,7 @@ TEST_F(ServiceTest, MappedPortAttachesInSharedModeAndSaysSoBehindTheReplay) {
 
 TEST_F(ServiceTest, MappedPortReadsNothingWhenSecurityIsOn) {
   security_enabled = 1;
-  const DebugCapture debug;
+  const ServiceCapture debug;
   const Descriptor client = Call(mapped_port());
   AwaitThreads();
   EXPECT_EQ(test::ReceiveAvailable(client.get()),
@@ -986,7 +995,7 @@ class MappedPortRefusalTest : public ServiceTest {
   MappedPortRefusalTest() { security_enabled = 1; }
 
   void ExpectRefusedAtOnce(const std::string& text, const std::string& message) {
-    const DebugCapture debug;
+    const ServiceCapture debug;
     const Descriptor client = Call(mapped_port());
     EXPECT_EQ(ReceiveAll(client), text);
     AwaitThreads();
@@ -1022,7 +1031,7 @@ TEST_F(MappedPortRefusalTest, OnlyTheFirstUserIsLookedAt) {
 }
 
 TEST_F(ServiceTest, SixthPendingConnectionOfAMappedPortIsRefused) {
-  const DebugCapture debug;
+  const ServiceCapture debug;
   std::vector<Descriptor> pending;
   for (int i = 0; i < 5; ++i) pending.push_back(Call(mapped_port()));
   EXPECT_EQ(GetPendingLogins(mapped_port_list, mapped_port()), 5);
@@ -1040,12 +1049,12 @@ TEST_F(ServiceTest, SixthPendingConnectionOfAMappedPortIsRefused) {
 }
 
 TEST_F(ServiceTest, RefusedConnectionDoesNotKeepOthersWaiting) {
-  std::vector<Descriptor> pending;
-  for (int i = 0; i < 5; ++i) pending.push_back(Call(mapped_port()));
   const ReservedPort later;
   ASSERT_EQ(ConfigurePort(later.port()), 0);
-  Attached<ConsoleNode> console = test::ConnectConsole("sys4");
+  const Attached<ConsoleNode> console = test::ConnectConsole("sys4");
   console.node->mapped_port = later.port();
+  std::vector<Descriptor> pending;
+  for (int i = 0; i < 5; ++i) pending.push_back(Call(mapped_port()));
   const Descriptor refused = ConnectTo(mapped_port());
   ASSERT_TRUE(test::WaitReadable(FindPort(mapped_port())->sock));
   const Descriptor accepted = CallAndSay(later.port(), "\n");
@@ -1068,7 +1077,7 @@ TEST_F(ServiceTest, DroppedPortCancelsWhoIsStillLoggingIn) {
   const Descriptor attached = CallAndSay(mapped_port(), "\n");
   AwaitThreads();
   ASSERT_EQ(user_list->count, 1);
-  const DebugCapture debug(kTrace);
+  const ServiceCapture debug(kTrace);
   const auto call_and_wait = [&](int waiting) {
     Descriptor client = Call(mapped_port());
     EXPECT_TRUE(
@@ -1077,19 +1086,23 @@ TEST_F(ServiceTest, DroppedPortCancelsWhoIsStillLoggingIn) {
   };
   const Descriptor first = call_and_wait(1);
   const Descriptor second = call_and_wait(2);
-  mapped_.node->mapped_port = 0;
+  {
+    const WriteLock lock(acl_lock, HERE);
+    mapped_.node->mapped_port = 0;
+  }
   CleanUpStalePorts();
   EXPECT_EQ(FindPort(mapped_port()), nullptr);
   EXPECT_EQ(test::Receive(second.get(), 1000), "");
   EXPECT_EQ(test::Receive(first.get(), 1000), "");
   EXPECT_TRUE(test::IsOpen(user_list->head->unode->sock));
+  EXPECT_TRUE(IsUserInUserList(user_list->head->unode, mapped_.node->user_list));
   EXPECT_EQ(user_list->head->unode->connected, 1);
   ClearThreadNames();  // threads that are cancelled keep their slots
 }
 
 TEST_F(ServiceTest, NoMemoryForTheServiceThread) {
   const Descriptor client = ConnectTo(user_port);
-  const DebugCapture debug(kDetail);
+  const ServiceCapture debug(kDetail);
   const FailAllocation failure(2);  // the first is the set's own
   Accept(user_port);
   EXPECT_TRUE(failure.reached());
@@ -1104,7 +1117,7 @@ TEST_F(ServiceTest, NoMemoryForTheServiceThread) {
 
 TEST_F(ServiceTest, NoServiceThread) {
   const Descriptor client = ConnectTo(user_port);
-  const DebugCapture debug;
+  const ServiceCapture debug;
   const FailCall failure(test::Call::kPthreadCreate, EAGAIN);
   Accept(user_port);
   EXPECT_EQ(ReceiveAll(client), kOutOfMemoryText);

@@ -71,7 +71,7 @@ class LineReaderTest : public ReaderTest {
   int Read(int size = 1024, time_t wait_time = 10) {
     std::vector<char> buf(static_cast<size_t>(size), 'x');
     const int result = ReadLineWithTimeout(sock(), buf.data(), size, wait_time);
-    line_ = buf.data();
+    line_ = result == 0 ? buf.data() : "";
     return result;
   }
 
