@@ -792,4 +792,43 @@ TEST_F(ConsoleMonitorTest, EveryConsoleForgetsItsEventSet) {
   EXPECT_EQ(away->enode, nullptr);
 }
 
+// ---- The loop as a whole
+// -------------------------------------------------------------------------------------
+
+bool IsOn(RwLock& lock, const ConsoleList* list, const char* name) {
+  const ReadLock hold(lock, HERE);
+  return LocateConsoleInList(name, list) != nullptr;
+}
+
+// The loop never ends, so it runs in a process of its own.
+void ExpectPassesToTakePlace(const Attached<ConsoleNode>& console, const Attached<UserNode>& user) {
+  const test::TemporaryDirectory directory;
+  log_dir = directory.path().c_str();
+  ConsoleNode* deleted = ConnectConsole("deleted").node;
+  deleted->deleted = 1;
+  const DebugCapture debug(kTrace);
+  std::thread(MonitorConsoleOutput).detach();
+  test::SendText(console.peer.get(), "login: ");
+  EXPECT_EQ(test::Receive(user.peer.get(), 7), "login: ");
+  EXPECT_TRUE(test::Eventually([] { return !IsOn(acl_lock, a_cons_list, "deleted"); }));
+  EXPECT_FALSE(IsOn(icl_lock, i_cons_list, "deleted"));
+  shutdown(console.peer.get(), SHUT_WR);
+  EXPECT_TRUE(test::Eventually([] { return IsOn(icl_lock, i_cons_list, "sys1"); }));
+  EXPECT_FALSE(IsOn(acl_lock, a_cons_list, "sys1"));
+  EXPECT_EQ(console.node->status, 3);
+  EXPECT_EQ(console.node->sock, -1);
+  EXPECT_EQ(user.node->connected, 0);
+  thread_waitreq_mask |= kPauseConsMon;  // and there it stays, for the rest of this process
+  cons_mon_waker.Wake();
+  EXPECT_TRUE(test::Eventually([] { return thread_waiting_mask == kPauseConsMon; }));
+  for (const test::DebugLine& line : debug.Lines()) {
+    const bool by_monitor = line.text.find("CleanUpClosedConnections") != std::string::npos;
+    EXPECT_TRUE(!by_monitor || line.thread == "cons_mon") << line.text;
+  }
+}
+
+TEST_F(ConsoleMonitorDeathTest, LoopRelaysDeletesMovesAndParks) {
+  EXPECT_HOLDS_IN_CHILD(ExpectPassesToTakePlace(console_, AddUser("anna")));
+}
+
 }  // namespace

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "cmd_mon.h"
 #include "error.h"
 #include "mapped_port.h"
 #include "support.h"
@@ -42,6 +43,7 @@ using test::SocketPair;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
+using ::testing::EndsWith;
 using ::testing::ExitedWithCode;
 using ::testing::IsEmpty;
 
@@ -236,6 +238,15 @@ TEST_F(UserRecordTest, NewListWithoutMemory) {
   EXPECT_STREQ(u_err_msg, kOutOfMemoryText);
   EXPECT_THAT(debug.Messages(),
               ElementsAre("NewUserList: malloc() failed : Cannot allocate memory\n",
+                          AnnouncesDaemonError("Out of memory")));
+}
+
+TEST_F(UserRecordTest, NewListWithoutMemoryForItsName) {
+  const DebugCapture debug(kDetail);
+  const FailAllocation failure(2);
+  EXPECT_EQ(NewUserList("list"), nullptr);
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre(EndsWith(": malloc() failed : Cannot allocate memory\n"),
                           AnnouncesDaemonError("Out of memory")));
 }
 
@@ -467,13 +478,18 @@ class ReservedPort {
   uint16_t port_ = 0;
 };
 
-Descriptor ConnectTo(uint16_t port) {
-  Descriptor sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+sockaddr_in Loopback(uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(port);
-  EXPECT_EQ(connect(sock.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0)
+  return address;
+}
+
+Descriptor ConnectTo(uint16_t port) {
+  Descriptor sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = Loopback(port);
+  EXPECT_EQ(connect(sock.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0)
       << strerror(errno);
   return sock;
 }
@@ -935,6 +951,19 @@ TEST_F(ServiceTest, ConsoleThatCannotBeHadIsRefused) {
   EXPECT_EQ(debug.Count("ServiceConnectionRequestThreadStart: Closing connection.\n"), 2);
 }
 
+TEST_F(ServiceTest, ReservedNameAsksForTheCommandPort) {
+  const Descriptor client = CallAndSay(user_port, "@@@@ user=anna addr=192.0.2.9\n");
+  AwaitThreads();
+  EXPECT_EQ(test::ReceiveAvailable(client.get()), "");
+  EXPECT_EQ(user_list->head, nullptr);
+  ASSERT_EQ(cmd_list->count, 1);
+  const CommandNode* command = cmd_list->head->cnode;
+  const Descriptor sock(command->sock);
+  EXPECT_TRUE(test::IsOpen(sock.get()));
+  EXPECT_STREQ(command->user_name, "anna");
+  EXPECT_STREQ(command->ipaddr, "192.0.2.9");
+}
+
 TEST_F(ServiceTest, ClientThatLeavesIsToldNothing) {
   const ServiceCapture debug;
   Descriptor client = Call(user_port);
@@ -1136,6 +1165,45 @@ TEST_F(ServiceTest, CleanUpClosesTheSocketUnlessItIsHandedOver) {
   const int next = NextDescriptor();
   ServiceConnectionRequestThreadCleanUp(&handed_over);
   EXPECT_EQ(NextDescriptor(), next);
+}
+
+// ---- The listening thread as a whole
+// -----------------------------------------------------------------
+
+bool Listens(uint16_t port) {
+  const Descriptor sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const sockaddr_in address = Loopback(port);
+  return connect(sock.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+// The thread never ends, so it runs in a process of its own.
+void ExpectPortsToFollowTheConfiguration() {
+  const ReservedPort mapped;
+  ASSERT_FALSE(Listens(mapped.port()));
+  std::thread([] { UserConnectionsThreadStart(nullptr); }).detach();
+  EXPECT_TRUE(test::Eventually([] { return Listens(user_port); }));
+  {
+    const WriteLock lock(icl_lock, HERE);
+    test::AddConsole(i_cons_list, "sys1")->mapped_port = mapped.port();
+  }
+  RefreshMappedPorts();
+  EXPECT_TRUE(test::Eventually([&] { return Listens(mapped.port()); }));
+  thread_waitreq_mask |= kPauseUserConn;
+  EXPECT_TRUE(test::Eventually([] { return thread_waiting_mask == kPauseUserConn; }));
+  {
+    const WriteLock lock(icl_lock, HERE);
+    i_cons_list->head->cnode->mapped_port = 0;
+  }
+  RefreshMappedPorts();
+  EXPECT_TRUE(Listens(mapped.port()));  // it stands still
+  thread_waitreq_mask &= ~kPauseUserConn;
+  EXPECT_TRUE(test::Eventually([] { return thread_waiting_mask == 0; }));
+  EXPECT_TRUE(test::Eventually([&] { return !Listens(mapped.port()); }));
+  EXPECT_TRUE(Listens(user_port));
+}
+
+TEST_F(PortDeathTest, ThreadKeepsPortsAndConfigurationTogether) {
+  EXPECT_HOLDS_IN_CHILD(ExpectPortsToFollowTheConfiguration());
 }
 
 }  // namespace

@@ -220,7 +220,7 @@ TEST_F(UserMonitorTest, LongInputIsReadInChunks) {
   const Attached<UserNode> user = AddUser("anna");
   Type(user, text);
   std::string got;
-  for (const size_t chunk : {8192, 8192, 3616}) {
+  for (const size_t chunk : {8192U, 8192U, 3616U}) {
     ReadUsers();
     const std::string part = ConsoleGot();
     EXPECT_EQ(part.size(), chunk);
@@ -465,6 +465,41 @@ TEST_F(UserMonitorDeathTest, NegativeReferenceCountEndsTheProcess) {
           "\"sys1\"\n",
           "CleanUpClosedConnections: Negative reference count (-1)\n",
           AnnouncesDaemonError("Terminated: Internal error"), IsExitTrace(1, "user_mon.cpp"))));
+}
+
+// ---- The thread as a whole
+// -------------------------------------------------------------------------------
+
+void ParkMonitor() {
+  thread_waitreq_mask |= kPauseUserMon;
+  user_mon_waker.Wake();
+  EXPECT_TRUE(test::Eventually([] { return thread_waiting_mask == kPauseUserMon; }));
+}
+
+// The thread never ends, so it runs in a process of its own.
+void ExpectInputToBeRelayed(const Attached<ConsoleNode>& console, const Attached<UserNode>& user) {
+  const DebugCapture debug(kTrace);
+  std::thread([] { UserMonitorThreadStart(nullptr); }).detach();
+  test::SendText(user.peer.get(), "ls\r");
+  EXPECT_EQ(test::Receive(console.peer.get(), 3), "ls\r");
+  ParkMonitor();
+  test::SendText(user.peer.get(), "pwd\r");
+  EXPECT_EQ(ReceiveAvailable(console.peer.get()), "");  // it stands still
+  thread_waitreq_mask &= ~kPauseUserMon;
+  EXPECT_EQ(test::Receive(console.peer.get(), 4), "pwd\r");
+  EXPECT_TRUE(test::Eventually([] { return thread_waiting_mask == 0; }));
+  CloseUserConnection(user.node);
+  EXPECT_EQ(test::Receive(user.peer.get(), 1), "");
+  EXPECT_TRUE(test::Eventually([&] { return console.node->ref_count == 0; }));
+  ParkMonitor();  // for the rest of this process
+  for (const test::DebugLine& line : debug.Lines()) {
+    const bool by_monitor = line.text.find("CleanUpClosedConnections") != std::string::npos;
+    EXPECT_TRUE(!by_monitor || line.thread == "user_mon") << line.text;
+  }
+}
+
+TEST_F(UserMonitorDeathTest, ThreadRelaysParksAndRemoves) {
+  EXPECT_HOLDS_IN_CHILD(ExpectInputToBeRelayed(console_, AddUser("anna")));
 }
 
 }  // namespace
