@@ -603,14 +603,17 @@ TEST_F(MappedPortLookUpTest, CopyHasWhatAConnectionNeeds) {
   EXPECT_FALSE(CopyMappedConsole(7002, &copy));
 }
 
+// How the trace names a lock.
+std::string Hex(RwLock& lock) {
+  std::array<char, 32> text{};
+  snprintf(text.data(), text.size(), "%lx", reinterpret_cast<unsigned long>(&lock));
+  return text.data();
+}
+
 // The two lists are locked as a pair, the accessible one first, and released in that order.
 TEST_F(MappedPortLookUpTest, BothListsAreLocked) {
-  std::array<char, 2 * 64> expected{};
-  snprintf(expected.data(), expected.size(), "%lx %lx", reinterpret_cast<unsigned long>(&acl_lock),
-           reinterpret_cast<unsigned long>(&icl_lock));
-  const std::string both = expected.data();
-  const std::string acl = both.substr(0, both.find(' '));
-  const std::string icl = both.substr(both.find(' ') + 1);
+  const std::string acl = Hex(acl_lock);
+  const std::string icl = Hex(icl_lock);
   MappedConsole copy{};
   const std::array<std::function<void()>, 2> look_ups = {[] { GetConsoleNodeFromMappedPort(7001); },
                                                          [&] { CopyMappedConsole(7001, &copy); }};
@@ -1411,6 +1414,94 @@ void ParkConnectionThread() {
 
 TEST_F(ConnectionThreadTest, StandsStillWhenAsked) {
   EXPECT_HOLDS_IN_CHILD(ParkConnectionThread());
+}
+
+// What the thread does to the list locks, and the steps in between.
+std::vector<std::string> Steps(const std::vector<std::string>& messages) {
+  static const std::array<std::string, 4> kSteps = {
+      "Entering DeleteMarkedConsoles\n", "Entering ConnectToConsoles\n",
+      "Entering UpdateConnectionStatus\n", "Entering MoveConsolesToList\n"};
+  const std::string thread = "ConsoleConnectionsThreadStart: ";
+  const std::string icl = " lock " + Hex(icl_lock);
+  const auto with_name = [&](std::string text) {
+    const size_t at = text.find(icl);
+    return text.substr(0, text.find(" lock ")) + (at == std::string::npos ? " acl" : " icl");
+  };
+  std::vector<std::string> steps;
+  for (const std::string& text : messages) {
+    if (text.rfind(thread, 0) == 0) steps.push_back(with_name(text.substr(thread.size())));
+    if (std::find(kSteps.begin(), kSteps.end(), text) != kSteps.end()) {
+      steps.push_back(text.substr(0, text.size() - 1));
+    }
+  }
+  return steps;
+}
+
+/// The trace of the thread; for the life of the child, because the thread goes on writing.
+const test::DebugCapture& TraceOfTheThread() {
+  static const auto* capture = new test::DebugCapture(kTrace);
+  return *capture;
+}
+
+void ExpectSteps(const std::vector<std::string>& steps, const std::vector<std::string>& expected) {
+  if (steps == expected) return;
+  fprintf(stderr, "%s\n", ::testing::PrintToString(steps).c_str());
+  ADD_FAILURE();
+}
+
+void TraceAPass() {
+  const test::DebugCapture& trace = TraceOfTheThread();
+  Initialize();
+  test::AddConsole(i_cons_list, "deleted")->deleted = 1;
+  WriteLock lock(icl_lock, HERE);
+  CreateConsoleConnectionsThread();
+  EXPECT_TRUE(test::Eventually([&] { return !Steps(trace.Messages()).empty(); }));
+  EXPECT_NE(LocateConsoleInList("deleted", i_cons_list), nullptr);
+  lock.Release();
+
+  constexpr size_t kStepsOfAPass = 12;
+  EXPECT_TRUE(test::Eventually([&] { return Steps(trace.Messages()).size() >= kStepsOfAPass; }));
+  std::vector<std::string> steps = Steps(trace.Messages());
+  steps.resize(kStepsOfAPass);
+  ExpectSteps(steps, {"Requesting write icl", "Aquired write icl", "Entering DeleteMarkedConsoles",
+                      "Releasing icl",  //
+                      "Requesting write icl", "Aquired write icl", "Entering ConnectToConsoles",
+                      "Releasing icl",  //
+                      "Requesting write icl", "Aquired write icl",
+                      "Entering UpdateConnectionStatus", "Releasing icl"});
+}
+
+TEST_F(ConnectionThreadTest, TakesTheLockOfItsListForEachStep) {
+  EXPECT_HOLDS_IN_CHILD(TraceAPass());
+}
+
+void TraceAMove() {
+  const test::StationRoot root;
+  log_dir = strdup(std::filesystem::absolute("root/logs").c_str());  // for the thread's whole life
+  const test::Listener listener;
+  const test::DebugCapture& trace = TraceOfTheThread();
+  Initialize();
+  test::AddConsole(i_cons_list, "connects")->cons_port = listener.port();
+  CreateConsoleConnectionsThread();
+  const test::Descriptor peer = listener.Accept();
+  test::SendText(peer.get(), "x");
+
+  const std::string move = "Entering MoveConsolesToList";
+  std::vector<std::string> steps;
+  std::vector<std::string>::iterator at;
+  EXPECT_TRUE(test::Eventually([&] {
+    steps = Steps(trace.Messages());
+    at = std::find(steps.begin(), steps.end(), move);
+    return steps.end() - at > 2;
+  }));
+  if (steps.end() - at <= 2) return;
+  ExpectSteps({at - 4, at + 3},
+              {"Requesting write icl", "Aquired write icl", "Requesting write acl",
+               "Aquired write acl", move, "Releasing acl", "Releasing icl"});
+}
+
+TEST_F(ConnectionThreadTest, MovesWithBothLocksHeld) {
+  EXPECT_HOLDS_IN_CHILD(TraceAMove());
 }
 
 }  // namespace

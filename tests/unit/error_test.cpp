@@ -17,6 +17,7 @@
 
 namespace {
 
+using test::Descriptor;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::ExitedWithCode;
@@ -41,7 +42,7 @@ TEST_F(DebugOutputTest, LineHasTimeThreadAndMessage) {
   zev_debug(kInfo, "value %d of \"%s\"\n", 7, "x");
   const std::string output = capture.Output();
   ASSERT_THAT(capture.Lines(), SizeIs(1));
-  EXPECT_EQ(output, "ZEV " + capture.Lines()[0].stamp + ":<main>: value 7 of \"x\"\n");
+  EXPECT_EQ(output, "ZEV " + capture.Lines().at(0).stamp + ":<main>: value 7 of \"x\"\n");
 }
 
 TEST_F(DebugOutputTest, StampIsTheTimeOfWriting) {
@@ -68,11 +69,19 @@ TEST_F(DebugOutputTest, EveryMessageIsFlushed) {
   EXPECT_THAT(capture.Output(), HasSubstr("no newline"));
 }
 
-TEST_F(DebugOutputTest, ErrnoIsLeftAlone) {
-  const test::DebugCapture capture;
+// Output to a full device fails, which changes errno; the caller may be about to look at its own.
+void WriteToAFullDevice() {
+  const Descriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
+  fflush(stdout);
+  dup2(full.get(), STDOUT_FILENO);
   errno = EXDEV;
-  zev_debug(kInfo, "message\n");
+  zev_debug(kError, "message\n");
   EXPECT_EQ(errno, EXDEV);
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+}
+
+TEST_F(DebugOutputTest, ErrnoIsLeftAlone) {
+  EXPECT_HOLDS_IN_CHILD(WriteToAFullDevice());
 }
 
 // ---- Levels -------------------------------------------------------------------------------------
@@ -416,8 +425,6 @@ TEST_F(DebugOutputTest, LinesOfManyThreadsNeverInterleave) {
 }
 
 // ---- Failures of the debug lock -----------------------------------------------------------------
-
-using test::Descriptor;
 
 Descriptor ListenAtTheEventManagersAddress() {
   Descriptor listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));

@@ -43,7 +43,7 @@ std::vector<int> OpenDescriptors() {
 class OtherInstance {
  public:
   OtherInstance() : file_(open(kPath, O_RDWR | O_CREAT | O_CLOEXEC, 0660)) {}
-  bool TakeLock() const { return flock(file_.get(), LOCK_EX | LOCK_NB) == 0; }
+  bool TakeLock(int kind = LOCK_EX) const { return flock(file_.get(), kind | LOCK_NB) == 0; }
 
  private:
   test::Descriptor file_;
@@ -122,6 +122,15 @@ TEST_F(LockFileTest, EmptyFileThatNobodyLocksIsNoHindrance) {
 TEST_F(LockFileTest, KeepsOthersOut) {
   ASSERT_EQ(Lock(), 0);
   EXPECT_FALSE(OtherInstance().TakeLock());
+}
+
+TEST_F(LockFileTest, IsExclusive) {
+  ASSERT_EQ(Lock(), 0);
+  EXPECT_FALSE(OtherInstance().TakeLock(LOCK_SH));
+  Unlock();
+  const OtherInstance reader;
+  ASSERT_TRUE(reader.TakeLock(LOCK_SH));
+  EXPECT_EQ(Lock(), -1);
 }
 
 TEST_F(LockFileTest, IsNotInheritedByOtherPrograms) {
