@@ -1,6 +1,7 @@
 // The archive interval in the suite configuration file, which other tools read and edit too.
 #include "archive_time.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,12 +21,14 @@ constexpr char kFunction[] = "GetZevdArchIntFromConfFile";
 constexpr char kKey[] = "ZEVD_ARCH_INT=";
 constexpr int32_t kSecondsPerDay = 86400;
 
+[[noreturn]] void Fail(const char* call, const char* path, int error) {
+  zev_debug(kError, "%s: %s( \"%s\", ...) failed : %s\n", kFunction, call, path, strerror(error));
+  EXIT_PROCESS(1);
+}
+
 FILE* OpenOrExit(const char* path, const char* mode) {
   FILE* file = fopen(path, mode);
-  if (file == nullptr) {
-    zev_debug(kError, "%s: fopen( \"%s\", ...) failed : %s\n", kFunction, path, strerror(errno));
-    EXIT_PROCESS(1);
-  }
+  if (file == nullptr) Fail("fopen", path, errno);
   return file;
 }
 
@@ -51,6 +54,15 @@ class LineReader {
   size_t room_ = 0;
   ssize_t length_ = 0;
 };
+
+// False, with errno set, when not everything could be written.
+bool CloseWritten(FILE* file) {
+  const bool lost = fflush(file) != 0 || ferror(file) != 0;
+  const int error = errno;
+  const bool closed = fclose(file) == 0;
+  if (lost) errno = error;
+  return closed && !lost;
+}
 
 void WriteSetting(FILE* file) {
   fprintf(file, "%s%d\n", kKey, static_cast<int>(log_archive_time / kSecondsPerDay));
@@ -78,7 +90,8 @@ bool ReadSetting() {
 }
 
 void CopyWithNewSetting(FILE* from, FILE* to) {
-  for (LineReader lines(from); lines.Next();) {
+  LineReader lines(from);
+  while (lines.Next()) {
     if (lines.IsSetting()) {
       WriteSetting(to);
     } else {
@@ -90,52 +103,72 @@ void CopyWithNewSetting(FILE* from, FILE* to) {
 // Writes the changed lines to a temporary file; nothing is lost yet when that fails.
 void WriteTemporaryFile(char* path) {
   FILE* from = OpenOrExit(kSuiteConfigFile, "re");
-  const int fd = mkstemp(path);
+  const int fd = mkostemp(path, O_CLOEXEC);
   if (fd == -1) NoTemporaryFile();
   FILE* to = fdopen(fd, "w");
-  if (to == nullptr) {
-    zev_debug(kError, "%s: fdopen( \"%s\", ...) failed : %s\n", kFunction, kSuiteConfigFile,
-              strerror(errno));
-    EXIT_PROCESS(1);
-  }
+  if (to == nullptr) Fail("fdopen", kSuiteConfigFile, errno);
   CopyWithNewSetting(from, to);
+  const bool complete = feof(from) != 0;
   fclose(from);
-  if (ferror(to) != 0 || fclose(to) != 0) {
+  if (!CloseWritten(to) || !complete) {
     unlink(path);
     NoTemporaryFile();
   }
 }
 
-// The file is written in place, so that it keeps its inode, owner and mode.
+FILE* OpenForRewriting(const char* temporary) {
+  FILE* file = fopen(kSuiteConfigFile, "we");
+  if (file != nullptr) return file;
+  const int error = errno;
+  unlink(temporary);
+  Fail("fopen", kSuiteConfigFile, error);
+}
+
+// The file is written in place, so that it keeps its inode, owner and mode. When that fails half
+// way, the temporary file is left: it has the only whole copy of everybody's settings.
 void RewriteFile() {
   char path[] = "/tmp/qorconfXXXXXX";
   WriteTemporaryFile(path);
-  FILE* to = OpenOrExit(kSuiteConfigFile, "we");
+  FILE* to = OpenForRewriting(path);
   FILE* from = OpenOrExit(path, "re");
-  for (LineReader lines(from); lines.Next();) lines.CopyTo(to);
+  LineReader lines(from);
+  while (lines.Next()) lines.CopyTo(to);
+  const bool complete = feof(from) != 0;
   fclose(from);
-  fclose(to);
+  if (!CloseWritten(to) || !complete) {
+    const int error = errno;
+    zev_debug(kError, "%s: The lines of \"%s\" are in \"%s\"\n", kFunction, kSuiteConfigFile,
+              path);
+    Fail("write", kSuiteConfigFile, error);
+  }
   unlink(path);
 }
 
-void CreateFile() {
+void GiveStationOwnership() {
   constexpr mode_t kMode = 0770;
-  FILE* file = OpenOrExit(kSuiteConfigFile, "ae");
   struct stat root {};
-  if (stat(kQorRoot, &root) == 0) {
-    if (chown(kSuiteConfigFile, static_cast<uid_t>(-1), root.st_gid) != 0) {
-      zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kFunction, kSuiteConfigFile,
-                strerror(errno));
-      EXIT_PROCESS(1);
-    }
-    if (chmod(kSuiteConfigFile, kMode) != 0) {
-      zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", kFunction, kSuiteConfigFile,
-                strerror(errno));
-      EXIT_PROCESS(1);
-    }
+  if (stat(kQorRoot, &root) != 0) return;
+  if (chown(kSuiteConfigFile, static_cast<uid_t>(-1), root.st_gid) != 0) {
+    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kFunction, kSuiteConfigFile,
+              strerror(errno));
+    EXIT_PROCESS(1);
   }
+  if (chmod(kSuiteConfigFile, kMode) != 0) {
+    zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", kFunction, kSuiteConfigFile,
+              strerror(errno));
+    EXIT_PROCESS(1);
+  }
+}
+
+// A file that stays empty would be taken for one that is not to have the setting.
+void CreateFile() {
+  FILE* file = OpenOrExit(kSuiteConfigFile, "ae");
+  GiveStationOwnership();
   WriteSetting(file);
-  fclose(file);
+  if (CloseWritten(file)) return;
+  const int error = errno;
+  unlink(kSuiteConfigFile);
+  Fail("write", kSuiteConfigFile, error);
 }
 
 }  // namespace

@@ -23,6 +23,7 @@ constexpr int kSlotTaken = 1;
 constexpr int kSlotBeingFilled = 2;
 
 constexpr size_t kMessageSize = 8192;
+constexpr unsigned kExitSeconds = 1;  // for which a second thread leaves the process to the first
 
 pthread_rwlock_t debug_lock;
 int first_time = 1;  // the first call is the main thread's, before any other thread exists
@@ -133,13 +134,14 @@ void ClearThreadNames() {
 
 void ExitProcess(int code, const char* file, int line) {
   zev_debug(kInfo, "Exiting with code %d from file %s line %d\n", code, file, line);
-  // exit() must run once. A second thread waits for the first; the SIGTERM handler that interrupts
-  // its own thread inside exit() has nothing left to wait for.
+  // exit() must run once. A second thread leaves it the time it needs, but not more: the second may
+  // be the SIGTERM handler, and the thread that it interrupted hold what the first waits for. In
+  // its own thread inside exit() the handler has nothing to wait for.
   static std::atomic<pthread_t> leaving{};
   pthread_t nobody{};
   if (leaving.compare_exchange_strong(nobody, pthread_self())) exit(code);
-  if (leaving.load() == pthread_self()) _exit(code);
-  for (;;) pause();
+  if (leaving.load() != pthread_self()) sleep(kExitSeconds);
+  _exit(code);
 }
 
 void TerminateProcess(const char* text, const char* file, int line) {

@@ -35,7 +35,9 @@ constexpr int kTelnetCommandLength = 3;
 /// Opened at start-up, then only by the rotation, with acl_lock held.
 int consolidated_log_fd = -1;
 
-/// The directories and the link, which two threads may find missing at once.
+/// The link and the directories. Held while a log is opened, so that the link leads to the same
+/// directory until the log is set up: the connection thread opens logs while the main thread may
+/// begin a new directory.
 std::mutex directory_mutex;
 
 /// Change time of the current dated directory, 0 when not yet known.
@@ -57,7 +59,14 @@ bool Exists(const char* path) {
   return stat(path, &info) == 0;
 }
 
-// Gives `path` the group of the station's root, when that can be examined. 0, or -1 with errno set.
+// Gives the file the group of the station's root, when that can be examined. 0, or -1 with errno
+// set.
+int GiveStationGroup(int fd) {
+  struct stat root {};
+  if (stat(kQorRoot, &root) != 0) return 0;
+  return fchown(fd, kSameOwner, root.st_gid);
+}
+
 int GiveStationGroup(const char* path) {
   struct stat root {};
   if (stat(kQorRoot, &root) != 0) return 0;
@@ -65,22 +74,22 @@ int GiveStationGroup(const char* path) {
 }
 
 // Both messages end the process; they speak of a cookie file, and whoever filters the events
-// relies on that.
-void SetUpNewLog(const char* path) {
+// relies on that. The path is for the messages: what it leads to may have been removed meanwhile.
+void SetUpNewLog(int fd, const char* path) {
   constexpr char kFunction[] = "OpenLogFile";
   if (!Exists(kQorRoot)) return;
-  if (GiveStationGroup(path) != 0) {
+  if (GiveStationGroup(fd) != 0) {
     zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kFunction, path, strerror(errno));
     TERMINATE("Terminated: Cannot chown cookie file");
   }
-  if (chmod(path, kLogMode) != 0) {
+  if (fchmod(fd, kLogMode) != 0) {
     zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", kFunction, path, strerror(errno));
     TERMINATE("Terminated: Cannot chmod cookie file");
   }
 }
 
+// The caller holds directory_mutex.
 int EnsureDirectories() {
-  const std::lock_guard lock(directory_mutex);
   if (ZevDatedDirExists() == 0 && CreateZevDatedDir() != 0) return -1;
   if (SymlinkToCurrDirExists() == 0 && CreateSymlinkToCurrDir() != 0) return -1;
   return 0;
@@ -100,16 +109,21 @@ int OpenForAppending(const char* function, const char* path, mode_t mode, bool* 
 
 // ---- Records ------------------------------------------------------------------------------------
 
+/// The time of a record, the same in both logs.
+struct RecordTime {
+  char text[80];
+  size_t length;
+  RecordTime() : length(GetTimeStamp(text, sizeof text)) {}
+};
+
 /// Writes the parts of a record in one call, so that a record is whole or not there whatever ends
 /// the process meanwhile. False when it was written short.
-bool WriteRecord(int fd, const char* before, const char* buf, int count) {
-  char stamp[80];
-  const size_t stamp_length = GetTimeStamp(stamp, sizeof stamp);
+bool WriteRecord(int fd, const RecordTime& time, const char* before, const char* buf, int count) {
   const size_t length = static_cast<size_t>(count);
-  const iovec parts[] = {{stamp, stamp_length},
+  const iovec parts[] = {{const_cast<char*>(time.text), time.length},
                          {const_cast<char*>(before), strlen(before)},
                          {const_cast<char*>(buf), length}};
-  const auto whole = static_cast<ssize_t>(stamp_length + strlen(before) + length);
+  const auto whole = static_cast<ssize_t>(time.length + strlen(before) + length);
   const ssize_t written = writev(fd, parts, 3);
   if (written < 0 || written == whole) return written == whole;
   // A disk that fills up in the middle of a record: the piece is taken back.
@@ -152,6 +166,7 @@ int WriteReady(ConsoleNode* cnode) {
 
 int OpenLogFile(ConsoleNode* cnode) {
   ENTERING();
+  const std::lock_guard lock(directory_mutex);
   if (EnsureDirectories() != 0) return -1;
   char file_name[kNameSize + 4];
   snprintf(file_name, sizeof file_name, "%s.log", cnode->cname);
@@ -159,18 +174,19 @@ int OpenLogFile(ConsoleNode* cnode) {
   bool is_new = false;
   cnode->log_fd = OpenForAppending(__func__, path.text, 0770, &is_new);
   if (cnode->log_fd == -1) return -1;
-  if (is_new) SetUpNewLog(path.text);
+  if (is_new) SetUpNewLog(cnode->log_fd, path.text);
   return 0;
 }
 
 int OpenConsolidatedLogFile() {
   ENTERING();
+  const std::lock_guard lock(directory_mutex);
   if (EnsureDirectories() != 0) return -1;
   const LogPath path(kCurrentDir, "consolidated.log");
   bool is_new = false;
   consolidated_log_fd = OpenForAppending(__func__, path.text, kLogMode, &is_new);
   if (consolidated_log_fd == -1) return -1;
-  if (is_new && GiveStationGroup(path.text) != 0) {
+  if (is_new && GiveStationGroup(consolidated_log_fd) != 0) {
     zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", __func__, path.text, strerror(errno));
     return -1;
   }
@@ -224,7 +240,8 @@ int WriteBuffer(ConsoleNode* cnode, const char* buf, int count) {
   const UserListElem* first_user = cnode->user_list->head;
   if (cnode->events == 1 && first_user == nullptr) PostMatch(cnode, buf, count);
   if (first_user != nullptr && first_user->unode->mode == kExclusiveRevocable) return 0;
-  if (!WriteRecord(cnode->log_fd, " ", buf, count)) {
+  const RecordTime time;
+  if (!WriteRecord(cnode->log_fd, time, " ", buf, count)) {
     zev_debug(kError, "%s: write() failed for console \"%s\" : %s\n", __func__, cnode->cname,
               strerror(errno));
     return -1;
@@ -234,7 +251,7 @@ int WriteBuffer(ConsoleNode* cnode, const char* buf, int count) {
   if (first_user != nullptr) return 0;
   char name[kNameSize + 2];
   snprintf(name, sizeof name, " %s ", cnode->cname);
-  if (!WriteRecord(consolidated_log_fd, name, buf, count)) {
+  if (!WriteRecord(consolidated_log_fd, time, name, buf, count)) {
     zev_debug(kError, "%s: write() failed for \"consolidated.log\" : %s\n", __func__,
               strerror(errno));
     return -1;

@@ -1,6 +1,8 @@
 // Start-up: everything up to the creation of the worker threads runs alone on the main thread,
 // which then becomes the console output monitor.
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -21,6 +23,14 @@
 #include "zev_signal.h"
 
 namespace {
+
+// A file that the daemon opens must not become one of the three descriptors to which a program
+// writes: the debug output would end up in it.
+void OccupyStandardDescriptors() {
+  int fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
+  if (fd > STDERR_FILENO) close(fd);
+}
 
 [[noreturn]] void RefuseSecondInstance() {
   char hostname[kNameSize];
@@ -61,6 +71,7 @@ void CreateWorkerThreads() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  OccupyStandardDescriptors();
   ClearThreadNames();
   RegisterThread("main");
   ENTERING();

@@ -1,8 +1,11 @@
 """The archive interval between the option -a and the suite's configuration file."""
 
 import os
+import re
 import signal
 import stat
+import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -220,3 +223,51 @@ def test_a_directory_in_its_place_is_a_file_without_the_line(station, suite_file
     waker.accept()
     never_archives(station, waker)
     assert list(suite_file.iterdir()) == []
+
+
+# A disk without room
+
+
+@pytest.fixture
+def full_disk(station, suite_file):
+    """The configuration lies on a disk of its own; the call takes what room is left on it."""
+    kept = {path: path.read_bytes() for path in station.config.iterdir()}
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k,mode=0755", "tmpfs", station.config],
+                   check=True)
+    for path, content in kept.items():
+        path.write_bytes(content)
+
+    def fill() -> None:
+        with open(station.config / "filler", "wb", buffering=0) as filler, \
+                pytest.raises(OSError):
+            while True:
+                filler.write(b"x" * 4096)
+
+    return fill
+
+
+@pytest.mark.needs_namespace
+def test_a_file_that_cannot_be_written_back_is_kept_elsewhere(station, suite_file, full_disk):
+    """One digit more makes the file a page larger, and there is none."""
+    others = b"OTHER=" + b"o" * (4096 - len("ZEVD_ARCH_INT=7\nOTHER=\n")) + b"\n"
+    suite_file.write_bytes(b"ZEVD_ARCH_INT=7\n" + others)
+    full_disk()
+    done = station.run("-f", "-S", "0", "-d", "1", "-a", "2w")
+    assert done.returncode == 1
+    rescued, failed, _ = messages(done.stdout)
+    copy = re.fullmatch(f'GetZevdArchIntFromConfFile: The lines of "{suite_file}" are in '
+                        '"(/tmp/qorconf[^"]+)"\n', rescued)[1]
+    assert failed == (f'GetZevdArchIntFromConfFile: write( "{suite_file}", ...) failed : '
+                      "No space left on device\n")
+    assert Path(copy).read_bytes() == b"ZEVD_ARCH_INT=14\n" + others
+    os.unlink(copy)
+
+
+@pytest.mark.needs_namespace
+def test_a_new_file_that_cannot_be_written_is_not_left_empty(station, suite_file, full_disk):
+    full_disk()
+    done = station.run("-f", "-S", "0", "-d", "1")
+    assert done.returncode == 1
+    assert messages(done.stdout)[0] == (f'GetZevdArchIntFromConfFile: write( "{suite_file}", ...) '
+                                        "failed : No space left on device\n")
+    assert not suite_file.exists()

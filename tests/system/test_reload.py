@@ -7,14 +7,23 @@ import pytest
 
 from harness.debuglog import messages
 from harness.peers import User
-from harness.scenes import (DISABLED, NOT_FOUND, connected, framed, numbered, refused, reload,
-                            wait_reloaded)
+from harness.logs import log_of, records
+from harness.scenes import (DISABLED, NOT_FOUND, Usage, assert_flat, connected, framed, numbered,
+                            refused, reload, wait_reloaded)
 from harness.station import console_line
 from harness.waiting import free_port, is_listening, wait_listening, wait_until
 
 DELETED = framed("Console has been deleted.")
 GONE = "DeleteMarkedConsoles: Console {} is being deleted."
 SERVICE = "ServiceConnectionRequestThreadStart"
+
+# Bytes of a numbered line: as it is printed, and as it is logged with its time and without its CR.
+LINE = 40
+RECORD = len("26/11/21_09:00:00 ") + LINE - 1
+
+# What the main thread says while it reads its files again: what it enters, and its locks.
+STEP = re.compile(r"^ZEV \S+:<main>: (?:Entering (\w+)|MonitorConsoleOutput: (Aquired|Releasing) "
+                  r"(?:write )?lock (\w+))$", re.MULTILINE)
 
 
 @pytest.fixture
@@ -338,13 +347,39 @@ def test_a_missing_file_ends_the_daemon(station, box):
 # Traffic
 
 
-def test_a_hundred_reloads_under_traffic_lose_nothing(station):
-    box, other = station.console("box"), station.console("other")
-    station.start("-d", "1")
+def test_the_steps_of_a_reload_in_their_order(station):
+    box = station.console("box")
+    station.start()
     connected(station, box, "box")
-    connected(station, other, "other")
+    position = configure(station, console_line("box", box.port, enable=0))
+    end = station.wait_log("Entering GetZevdArchIntFromConfFile", after=position).end
+    said = STEP.findall(station.log.text(position)[:end - position])
+    first = next(number for number, step in enumerate(said) if step[0] == "ReloadEventFiles")
+    locks = [lock for _, _, lock in said[first - 2:first]]
+    assert [action for _, action, _ in said[first - 2:first]] == ["Aquired"] * 2
+    steps = [entered or f"{action} {locks.index(lock)}" for entered, action, lock in said[first:]]
+    assert [step for step in steps if step in (
+        "ReloadEventFiles", "ReloadConfigFile", "MergeConsoleLists",
+        "CloseDisabledConsoleConnections", "Releasing 0", "Releasing 1", "RefreshMappedPorts",
+        "GetZevdArchIntFromConfFile")] == [
+        "ReloadEventFiles", "ReloadConfigFile", "MergeConsoleLists",
+        "CloseDisabledConsoleConnections", "Releasing 0", "Releasing 1", "RefreshMappedPorts",
+        "GetZevdArchIntFromConfFile"]
+    # acl_lock is the first: it is what the output is read under.
+    station.wait_log(f"MonitorConsoleOutput: Aquired write lock {locks[0]}", after=end)
+
+
+def test_a_hundred_reloads_under_full_load_lose_nothing(station):
+    """One console prints without a pause, another is renamed each time, and users type."""
+    box, other, loud = (station.console(name) for name in ("box", "other", "loud"))
+    station.start("-d", "1")
+    for name, console in (("box", box), ("other", other), ("loud", loud)):
+        connected(station, console, name)
+    before = Usage.of(station)
     users = [station.attach("box", mode=mode) for mode in ("sh", "ro", "ro")]
-    both = (console_line("box", box.port), console_line("other", other.port))
+    lines = (console_line("box", box.port), console_line("other", other.port),
+             console_line("loud", loud.port))
+    printing = loud.flood(numbered(1000), 10**6)
     down = up = 0
     for number in range(100):
         box.send(numbered(50, start=down))
@@ -352,14 +387,27 @@ def test_a_hundred_reloads_under_traffic_lose_nothing(station):
         users[0].send(numbered(20, start=up))
         up += 20
         # The names change, the addresses stay.
-        station.write_config("".join(both).replace("other", f"other{number}"))
+        station.write_config("".join(lines).replace("other", f"other{number}"))
         reload(station)
+    assert printing.running
+    printing.stop()
     for user in users:
         user.expect_exactly(numbered(down))
     box.expect_exactly(numbered(up))
     refused(station, "other", NOT_FOUND)
-    serves(station.attach("other99"), other)
-    assert not box.called() and not other.called()
+    users.append(station.attach("other99"))
+    serves(users[-1], other)
+    assert not any(console.called() for console in (box, other, loud))
+    logged = numbered(1000).replace(b"\r", b"").splitlines(True)
+    for name, count in (("box", down), ("loud", printing.sent // LINE)):
+        log = log_of(station, name)
+        wait_until(lambda: log.stat().st_size == count * RECORD, what=f"{count} lines in {log}")
+    assert records(log_of(station, "box")) == numbered(down).replace(b"\r", b"").splitlines(True)
+    assert all(record == logged[number % 1000]
+               for number, record in enumerate(records(log_of(station, "loud"))))
+    for user in users:
+        user.close()
+    assert_flat(station, before, memory=4 << 20)
 
 
 def test_hangups_as_fast_as_they_come_while_users_come_and_go(station):

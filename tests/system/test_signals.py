@@ -1,11 +1,14 @@
 """The three signals: what ends the daemon, what makes it read its files again, what it ignores."""
 
+import itertools
 import os
 import re
 import signal
 
 import pytest
 
+from harness.collectors import Collector
+from harness.logs import ARCHIVING
 from harness.scenes import connected, held_still, numbered, reload, wait_reloaded
 from harness.waiting import wait_until
 
@@ -79,12 +82,49 @@ def test_sigterm_ends_it_under_load(station, attempt):
 
 
 def test_sigterm_during_a_reload_ends_it(station):
-    station.start()
-    for _ in range(3):
+    """So many consoles that the reload is still running when the signal comes."""
+    ports = itertools.count(1025)
+    for number in range(1500):
+        station.console_line(f"c{number}", next(ports), enable=0)
+
+    def cut_short() -> bool:
+        station.start("-d", "3")
+        position = station.mark()
         station.signal(signal.SIGHUP)
+        station.wait_log("Entering ReloadConfigFile", after=position)
         os.kill(station.pid, signal.SIGTERM)
-        station.expect_exit(1)
-        station.start()
+        station.expect_exit(1, limit=5)
+        said = station.log_text(position)
+        assert ">: Received SIGTERM.\n" in said
+        return ">: Entering RefreshMappedPorts\n" not in said
+
+    assert any([cut_short() for _ in range(5)]), "no reload was still running"
+
+
+def test_sigterm_while_a_post_waits_for_the_event_manager_ends_it(station):
+    """It takes no connection, so that posts fill the socket's room and then wait."""
+    (station.events / "all").write_text("all 100 1 .\n")
+    box = station.console("box", events=1, event_file="all")
+    with Collector(station):
+        station.start("-d", "1")
+        connected(station, box, "box")
+        box.flood(b"x" * 1000 + b"\n", 100000)
+        station.wait_log(re.compile("^PostJixEvent: .* failed"))
+        os.kill(station.pid, signal.SIGTERM)
+        station.expect_exit(1, limit=5)
+        assert ">: Received SIGTERM.\n" in station.log_text()
+
+
+def test_sigterm_during_rotations_ends_it(station):
+    box = station.console("box")
+    station.start("-a", "0m")
+    connected(station, box, "box")
+    printing = box.flood(numbered(1000), 1000)
+    station.wait_log(ARCHIVING, count=3)
+    os.kill(station.pid, signal.SIGTERM)
+    station.expect_exit(1, limit=5)
+    printing.join()
+    assert ">: Received SIGTERM.\n" in station.log_text()
 
 
 # SIGHUP

@@ -5,6 +5,7 @@ import os
 import re
 import socket
 import stat
+import subprocess
 import time
 
 import pytest
@@ -12,7 +13,7 @@ import pytest
 from harness.debuglog import messages
 from harness.isolation import children
 from harness.station import Detached
-from harness.waiting import free_port, is_listening, stretched, wait_until
+from harness.waiting import LIMIT, free_port, is_listening, stretched, wait_listening, wait_until
 
 USAGE = """usage: {program} [options]
 
@@ -347,11 +348,43 @@ def test_the_lock_file_holds_the_host_name_alone(station):
 @pytest.mark.parametrize("detached", [False, True])
 def test_a_second_instance_is_refused(station, detached):
     station.start(detached=detached)
+    written = station.lock_file.stat().st_mtime_ns
     for options in ([], ["-f"]):
         assert_refused(station.run("-S", "0", "-p", str(free_port()), *options),
                        f'zevd is already running on "{socket.gethostname()}".\n')
     assert station.lock_file.read_text() == socket.gethostname()
+    assert station.lock_file.stat().st_mtime_ns == written
     assert station.running and is_listening(station.port)
+
+
+def without_descriptors(closed: str, *words: str) -> list[str]:
+    """The command line of a program that is started with these descriptors closed."""
+    return ["bash", "-c", f'exec "$@" {closed}', "bash", *map(str, words)]
+
+
+@pytest.mark.parametrize("closed", ["<&-", ">&-", "2>&-", ">&- 2>&-", "<&- >&- 2>&-"])
+def test_a_second_instance_without_standard_descriptors_writes_into_no_file(station, closed):
+    station.start()
+    words = without_descriptors(closed, station.program, "-f", "-S", "0", "-d", "3", "-p",
+                                free_port())
+    assert subprocess.run(words, capture_output=True, timeout=stretched(LIMIT),
+                          check=False).returncode == 1
+    assert station.lock_file.read_text() == socket.gethostname()
+
+
+def test_without_standard_descriptors_the_output_goes_nowhere(station):
+    port = free_port()
+    words = without_descriptors("<&- >&- 2>&-", station.program, "-f", "-S", "0", "-d", "3", "-p",
+                                port)
+    daemon = subprocess.Popen(words)
+    try:
+        wait_listening(port)
+        for number in range(3):
+            assert os.readlink(f"/proc/{daemon.pid}/fd/{number}") == "/dev/null"
+        assert station.lock_file.read_text() == socket.gethostname()
+    finally:
+        daemon.kill()
+        daemon.wait()
 
 
 def test_a_refused_second_instance_leaves_the_output_of_the_first_alone(station):

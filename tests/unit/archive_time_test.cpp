@@ -303,7 +303,39 @@ TEST_F(ArchiveTimeTest, FileThatCannotBeWrittenEndsTheProcessAndKeepsItsContent)
   GiveOption("2w");
   EXPECT_NOBODY_ENDS_WITH("fopen( \"root/config/qor.conf\", ...) failed : Permission denied\n");
   EXPECT_EQ(test::ReadFile(kFile), content);
-  for (const auto& copy : CopiesLeftBehind()) std::filesystem::remove(copy);
+  EXPECT_THAT(CopiesLeftBehind(), IsEmpty());
+}
+
+/// In the child of a death test: what is written beyond this size of any file fails with EFBIG.
+void LimitFiles(rlim_t size) {
+  signal(SIGXFSZ, SIG_IGN);
+  const rlimit limit = {size, size};
+  if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(99);
+}
+
+TEST_F(ArchiveTimeTest, NewFileThatCannotBeWrittenEndsTheProcessAndIsNotLeftEmpty) {
+  EXPECT_EXIT(
+      {
+        test::SendDebugToStderr(kInfo);
+        LimitFiles(0);
+        GetZevdArchIntFromConfFile();
+      },
+      ::testing::ExitedWithCode(1), "");
+  EXPECT_FALSE(std::filesystem::exists(kFile));
+}
+
+TEST_F(ArchiveTimeTest, TemporaryFileThatCannotBeWrittenEndsTheProcessAndKeepsTheContent) {
+  const std::string content = "ZEVD_ARCH_INT=7\n" + Marker() + std::string(100000, 'x');
+  test::WriteFile(kFile, content);
+  GiveOption("2w");
+  EXPECT_EXIT(
+      {
+        LimitFiles(50000);
+        GetZevdArchIntFromConfFile();
+      },
+      ::testing::ExitedWithCode(1), "");
+  EXPECT_EQ(test::ReadFile(kFile), content);
+  EXPECT_THAT(CopiesLeftBehind(), IsEmpty());
 }
 
 /// In the child of a death test: one descriptor more can be opened, and no second one. At its end

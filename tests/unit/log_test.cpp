@@ -18,17 +18,17 @@
 
 namespace {
 
-thread_local bool chmod_fails = false;
+thread_local bool fchmod_fails = false;
 
 }  // namespace
 
 // Takes the place of the C library's: what a new log does when its mode cannot be set.
-extern "C" int chmod(const char* path, mode_t mode) noexcept {
-  if (chmod_fails) {
+extern "C" int fchmod(int fd, mode_t mode) noexcept {
+  if (fchmod_fails) {
     errno = EPERM;
     return -1;
   }
-  return static_cast<int>(syscall(SYS_fchmodat, AT_FDCWD, path, mode));
+  return static_cast<int>(syscall(SYS_fchmod, fd, mode));
 }
 
 namespace {
@@ -654,7 +654,7 @@ TEST_F(LogTest, OldFilesKeepTheirModesAndGroups) {
     test::WriteFile(Current(name), "old\n");
     ASSERT_EQ(chmod(Current(name).c_str(), 0604), 0);
   }
-  const test::FailCall chowns(test::Call::kChown, EPERM);
+  const test::FailCall chowns(test::Call::kFchown, EPERM);
   OpenLogs();
   EXPECT_EQ(chowns.calls(), 0);
   EXPECT_EQ(Mode(Current("box.log")), 0604U);
@@ -667,10 +667,12 @@ TEST_F(LogTest, WithoutTheRootNothingIsGivenAway) {
   const test::TemporaryDirectory elsewhere;
   log_dir = elsewhere.path().c_str();
   std::filesystem::rename("root", "away");
-  const test::FailCall chowns(test::Call::kChown, EPERM);
+  const test::FailCall chowns(test::Call::kFchown, EPERM);
+  const test::FailCall directory_chowns(test::Call::kChown, EPERM);
   EXPECT_EQ(OpenConsolidatedLogFile(), 0);
   EXPECT_EQ(OpenLogFile(box_), 0);
   EXPECT_EQ(chowns.calls(), 0);
+  EXPECT_EQ(directory_chowns.calls(), 0);
   EXPECT_EQ(Mode((elsewhere.path() / "zev.dated/current/box.log").string()), 0770U);
   CloseLogFile(box_);
   CloseConsolidatedLogFile();
@@ -713,7 +715,7 @@ TEST_F(LogTest, LogThatCannotBeGivenItsGroupEndsTheProcess) {
   EXPECT_EXIT(
       {
         test::SendDebugToStderr(kDetail);
-        const test::FailCall failure(test::Call::kChown, EPERM);
+        const test::FailCall failure(test::Call::kFchown, EPERM);
         OpenLogFile(box_);
       },
       ::testing::ExitedWithCode(1),
@@ -729,7 +731,7 @@ TEST_F(LogTest, LogThatCannotBeGivenItsModeEndsTheProcess) {
   EXPECT_EXIT(
       {
         test::SendDebugToStderr(kDetail);
-        chmod_fails = true;
+        fchmod_fails = true;
         OpenLogFile(box_);
       },
       ::testing::ExitedWithCode(1),
@@ -742,7 +744,7 @@ TEST_F(LogTest, LogThatCannotBeGivenItsModeEndsTheProcess) {
 TEST_F(LogTest, ConsolidatedLogThatCannotBeGivenItsGroupFailsButStaysOpen) {
   ASSERT_EQ(OpenLogFile(box_), 0);
   {
-    const test::FailCall failure(test::Call::kChown, EPERM);
+    const test::FailCall failure(test::Call::kFchown, EPERM);
     const test::DebugCapture capture(0);
     EXPECT_EQ(OpenConsolidatedLogFile(), -1);
     EXPECT_THAT(capture.Messages(),

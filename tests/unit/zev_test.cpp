@@ -10,6 +10,7 @@
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <set>
 #include <thread>
@@ -688,6 +689,22 @@ bool IsRegistered(const std::string& name) {
                      [&](const ThreadName& slot) { return slot.in_use == 1 && slot.name == name; });
 }
 
+// The signals that a thread of this process blocks, one bit for each.
+unsigned long BlockedSignals(const std::filesystem::path& task) {
+  constexpr std::string_view kField = "SigBlk:\t";
+  const std::string status = test::ReadFile(task / "status");
+  return std::stoul(status.substr(status.find(kField) + kField.size(), 16), nullptr, 16);
+}
+
+bool EveryThreadButTheMainOneBlocks(int signum) {
+  const std::filesystem::path main_thread = "/proc/self/task/" + std::to_string(getpid());
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return std::all_of(begin(tasks), end(tasks), [&](const auto& task) {
+    const bool blocks = ((BlockedSignals(task.path()) >> (signum - 1)) & 1) != 0;
+    return blocks == (task.path() != main_thread);
+  });
+}
+
 /// Children of these tests have threads.
 class ThreadStartTest : public OptionsTest {
  protected:
@@ -698,12 +715,23 @@ class ThreadStartTest : public OptionsTest {
   std::string saved_ = ::testing::GTEST_FLAG(death_test_style);
 };
 
+void StartThreads() {
+  Initialize();
+  CreateConsoleConnectionsThread();
+  CreateUserMonitorThread();
+  CreateCommandMonitorThread();
+}
+
+TEST_F(ThreadStartTest, ThreadsLeaveTheTermSignalToTheMainThread) {
+  EXPECT_HOLDS_IN_CHILD({
+    StartThreads();
+    EXPECT_TRUE(test::Eventually([] { return EveryThreadButTheMainOneBlocks(SIGTERM); }));
+  });
+}
+
 TEST_F(ThreadStartTest, ThreadsRegisterTheirNames) {
   EXPECT_HOLDS_IN_CHILD({
-    Initialize();
-    CreateConsoleConnectionsThread();
-    CreateUserMonitorThread();
-    CreateCommandMonitorThread();
+    StartThreads();
     for (const char* name : {"cons_conn", "user_mon", "cmd_mon"}) {
       EXPECT_TRUE(test::Eventually([&] { return IsRegistered(name); })) << name;
     }
