@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -83,9 +84,19 @@ void ProtectMemory() {
   setrlimit(RLIMIT_CORE, &kNoCore);
 }
 
+// A daemon passes on the signals that it blocks or ignores. This program must end when it is told
+// to, and the modules of PAM wait for programs that they start.
+void ResetSignals() {
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  signal(SIGCHLD, SIG_DFL);
+}
+
 }  // namespace
 
 int main() {
+  ResetSignals();
   ProtectMemory();
   Pair pair{};
   const bool valid = SplitPair(&pair) && IsValid(pair);

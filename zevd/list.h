@@ -112,11 +112,11 @@ void Recompute(L& list) {
   }
 }
 
-/// Makes an empty list named with a copy of `name`.
+/// Makes an empty list named with a copy of `name`. `function` is the caller, for the message.
 template <typename L>
-void InitList(L& list, const char* name) {
+void InitList(L& list, const char* name, const char* function = __builtin_FUNCTION()) {
   list.list_name = strdup(name);
-  if (list.list_name == nullptr) ReportOutOfMemory(__func__);  // the list does without a name
+  if (list.list_name == nullptr) ReportOutOfMemory(function);  // the list does without a name
   list.head = nullptr;
   list.tail = nullptr;
   list.count = 0;

@@ -48,6 +48,7 @@ void ArrangeSignals() {
   BlockSignal(SIGPIPE);
   ArrangeCancelSignal();
   signal(SIGTERM, TermHandler);
+  signal(SIGCHLD, SIG_DFL);  // whoever ignored it would have kept helpers from being waited for
 }
 
 void LoadConfiguration() NO_THREAD_SAFETY_ANALYSIS {  // no other thread exists yet

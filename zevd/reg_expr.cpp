@@ -1,5 +1,9 @@
 #include "reg_expr.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -100,6 +104,22 @@ int AddPatternLine(const PatternLine& fields, RegExList* regex_list) {
   return AppendPattern(fields, comp_regex, regex_list);
 }
 
+// Null with errno set on failure. What is found in the directory may be anything: opening a pipe
+// must not wait for a writer, and a terminal must not become the daemon's own.
+FILE* OpenEventFile(const char* filename) {
+  const int fd = open(filename, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (fd == -1) return nullptr;
+  FILE* file = fdopen(fd, "r");
+  if (file == nullptr) close(fd);
+  return file;
+}
+
+// A directory, a pipe or a device gives no lines: some of them would give lines for ever.
+bool HasLines(FILE* file) {
+  struct stat status {};
+  return fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
+}
+
 int ParseLines(FILE* file, const char* filename, RegExList* regex_list) {
   char line[kTextSize];
   for (int line_number = 1; fgets(line, sizeof line, file) != nullptr; ++line_number) {
@@ -194,12 +214,12 @@ void FreeRegExList(RegExList* list) {
 int ParseRegExFile(const char* filename, RegExList* regex_list) {
   ENTERING();
   EmptyRegExList(regex_list);
-  FILE* file = fopen(filename, "re");
+  FILE* file = OpenEventFile(filename);
   if (file == nullptr) {
     zev_debug(kError, "%s: fopen( \"%s\", ...) failed : %s\n", __func__, filename, strerror(errno));
     return -1;
   }
-  const int result = ParseLines(file, filename, regex_list);
+  const int result = HasLines(file) ? ParseLines(file, filename, regex_list) : 0;
   fclose(file);
   return result;
 }
@@ -216,7 +236,12 @@ int MatchPattern(const char* buf, int count, const RegExList* regex_list, char**
     return regexec(node.comp_regex, text, 0, nullptr, 0) == 0;
   });
   if (match == nullptr) return 0;
-  *pattern = strdup(match->pattern);
+  char* text_of_match = strdup(match->pattern);
+  if (text_of_match == nullptr) {
+    ReportOutOfMemory(__func__);
+    return 0;
+  }
+  *pattern = text_of_match;
   *priority = match->priority;
   return 1;
 }

@@ -323,7 +323,8 @@ int AuthenticateOnLinux(const char* username, const char* password) {
     return 1;
   }
   setvbuf(helper, buffer.text, _IOFBF, sizeof buffer.text);
-  if (fprintf(helper, "%s %s", username, password) < 0) {
+  // The pair fits into the buffer: only when that is written does it show whether anybody reads it.
+  if (fprintf(helper, "%s %s", username, password) < 0 || fflush(helper) != 0) {
     zev_debug(kError, "%s: fprintf() failed : %s\n", __func__, strerror(errno));
     pclose(helper);
     return 1;

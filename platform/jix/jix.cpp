@@ -7,6 +7,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -23,7 +24,8 @@
 struct JixConn {
   std::mutex mutex;
   int sock = -1;
-  bool stalled = false;  // the last post found the event manager not reading
+  std::string unsent;  // the rest of a line that has begun; goes out before the next one
+  int64_t repaid = 0;  // the time up to which the waits of posts are made good by time without one
 };
 
 struct JixEvent {
@@ -35,7 +37,9 @@ struct JixEvent {
 namespace {
 
 constexpr char kDefaultAddress[] = QOR_ROOT "/run/jix.sock";
-constexpr int kPostLimit = 100;  // milliseconds that a post may wait for the event manager
+constexpr int64_t kPatience = 100000;  // microseconds that posts may wait at once
+constexpr int64_t kShare = 10;         // of all time, posts may wait this part
+constexpr int64_t kMillisecond = 1000;
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
 
 struct StatusText {
@@ -114,9 +118,9 @@ std::string LocalTime() {
   localtime_r(&now, &local);
   char text[40];
   strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
-  std::string stamp = text;
-  stamp.insert(stamp.size() - 2, ":");
-  return stamp;
+  const std::string_view stamp = text;
+  const size_t minutes = stamp.size() - 2;
+  return std::string(stamp.substr(0, minutes)).append(":").append(stamp.substr(minutes));
 }
 
 std::string HostName() {
@@ -146,10 +150,10 @@ std::string EventLine(const JixEvent& event) {
   return line;
 }
 
-int64_t MonotonicMilliseconds() {
+int64_t Now() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+  return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
 // A manager that has closed its end accepts one more line into the void; asking first keeps that
@@ -159,27 +163,43 @@ bool PeerHasClosed(int sock) {
   return recv(sock, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
 }
 
-// A line that has begun must be finished or the stream is torn; one that has not begun may be
-// dropped. While the event manager is known not to read, nothing waits for it.
-JixStatus SendLine(JixConn& conn, const std::string& line) {
-  const int64_t deadline = MonotonicMilliseconds() + (conn.stalled ? 0 : kPostLimit);
-  size_t sent = 0;
-  while (sent < line.size()) {
-    const ssize_t n =
-        send(conn.sock, line.data() + sent, line.size() - sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+// Waits until the event manager has read something; false when posts have waited enough. One that
+// reads, but too slowly, would otherwise bring its clients down to its own pace, post by post.
+bool WaitForRoom(JixConn& conn) {
+  const int64_t begin = Now();
+  conn.repaid = std::max(conn.repaid, begin - kShare * kPatience);
+  const int64_t left = (begin - conn.repaid) / kShare;
+  if (left < kMillisecond) return false;
+  pollfd writable = {conn.sock, POLLOUT, 0};
+  poll(&writable, 1, static_cast<int>(left / kMillisecond));
+  conn.repaid += kShare * (Now() - begin);
+  return true;
+}
+
+// Leaves in `text` what the event manager has no room for.
+JixStatus Send(JixConn& conn, std::string& text) {
+  while (!text.empty()) {
+    const ssize_t n = send(conn.sock, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (n > 0) {
-      sent += static_cast<size_t>(n);
-      continue;
+      text.erase(0, static_cast<size_t>(n));
+    } else if (errno == EAGAIN) {
+      if (!WaitForRoom(conn)) return JixERROR_BUSY;
+    } else if (errno != EINTR) {
+      return JixERROR_CONNECTION_LOST;
     }
-    if (errno == EINTR) continue;
-    if (errno != EAGAIN) return JixERROR_CONNECTION_LOST;
-    const int64_t left = deadline - MonotonicMilliseconds();
-    pollfd writable = {conn.sock, POLLOUT, 0};
-    if (left > 0 && (poll(&writable, 1, static_cast<int>(left)) >= 0 || errno == EINTR)) continue;
-    conn.stalled = true;
-    return sent == 0 ? JixERROR_BUSY : JixERROR_CONNECTION_LOST;
   }
-  conn.stalled = false;
+  return JixERROR_NONE;
+}
+
+// A line that has begun must be finished or the stream is torn; one that has not begun may be
+// dropped. Only a line that is longer than the socket's buffer can be taken in part.
+JixStatus SendLine(JixConn& conn, std::string line) {
+  const JixStatus before = Send(conn, conn.unsent);
+  if (before != JixERROR_NONE) return before;
+  const size_t length = line.size();
+  const JixStatus status = Send(conn, line);
+  if (status != JixERROR_BUSY || line.size() == length) return status;
+  conn.unsent = std::move(line);
   return JixERROR_NONE;
 }
 

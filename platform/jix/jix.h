@@ -2,7 +2,8 @@
  *
  * An event has a name, a priority and string variables; it is posted on a connection. Every
  * function may be called from any thread; one connection carries one post at a time. No call takes
- * longer than a fraction of a second, whatever the event manager does. */
+ * longer than a fraction of a second, whatever the event manager does, and however slowly it reads,
+ * the posts on a connection spend a tenth of the time waiting for it at most. */
 #ifndef JIX_H
 #define JIX_H
 
@@ -48,7 +49,9 @@ JixStatus JixItemSetVa(JixEvent* event, ...);
 /* Adds a variable. The only type is JixTYPE_STRING; `value` is copied. */
 JixStatus JixVarSet(JixEvent* event, const char* name, int type, const char* value);
 
-/* Sends the event. On JixERROR_CONNECTION_LOST the connection can only be destroyed. */
+/* Sends the event. On JixERROR_CONNECTION_LOST the connection can only be destroyed. Of a very long
+ * event that the event manager begins to read and then does not, the rest goes out with the next.
+ */
 JixStatus JixEventPost(JixConn* conn, const JixEvent* event);
 void JixEventDestroy(JixEvent* event);
 

@@ -13,16 +13,18 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <string>
-#include <vector>
+#include <memory>
+#include <new>
+#include <string_view>
 
 namespace {
 
 constexpr char kHelper[] = QOR_ROOT "/bin/qor_pam_auth";
 constexpr char kGroup[] = "qoruser";
+constexpr char kGroupFile[] = "/etc/group";
 
 constexpr int kTries = 3;
 constexpr int64_t kExchangeLimit = 120000;  // milliseconds for the whole exchange
@@ -45,12 +47,44 @@ int64_t Now() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Characters that were taken back lie behind the end.
-void Wipe(std::string& text) {
-  text.resize(text.capacity());
-  explicit_bzero(text.data(), text.size());
-  text.clear();
-}
+/// A text of at most `kLimit` characters. It may be a password, even where none was asked for: it
+/// is never moved to another place, and nothing of it stays in memory.
+template <size_t kLimit>
+class WipedText {
+ public:
+  WipedText() = default;
+  ~WipedText() { Clear(); }
+  WipedText(const WipedText&) = delete;
+  WipedText& operator=(const WipedText&) = delete;
+
+  const char* c_str() const { return text_; }
+  std::string_view view() const { return {text_, size_}; }
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+
+  /// False when there is no room.
+  bool Append(std::string_view more) {
+    if (more.size() > kLimit - size_) return false;
+    memcpy(text_ + size_, more.data(), more.size());
+    size_ += more.size();
+    return true;
+  }
+
+  void RemoveLast() {
+    if (size_ > 0) text_[--size_] = '\0';
+  }
+
+  void Clear() {
+    explicit_bzero(text_, sizeof text_);
+    size_ = 0;
+  }
+
+ private:
+  char text_[kLimit + 1] = {};
+  size_t size_ = 0;
+};
+
+using Answer = WipedText<kLineLimit>;
 
 /// What the client types, with telnet commands taken out.
 class Client {
@@ -70,9 +104,8 @@ class Client {
   }
 
   /// Reads a line without its end. False when the client is gone, too slow or too talkative.
-  bool ReadLine(std::string* line) {
-    Wipe(*line);
-    line->reserve(kLineLimit);  // no reallocation leaves a password behind
+  bool ReadLine(Answer* line) {
+    line->Clear();
     for (;;) {
       uint8_t byte = 0;
       if (!ReadData(&byte)) return false;
@@ -85,14 +118,13 @@ class Client {
   }
 
  private:
-  static bool Edit(std::string* line, uint8_t byte) {
+  static bool Edit(Answer* line, uint8_t byte) {
     if (byte == '\b' || byte == 127) {
-      if (!line->empty()) line->pop_back();
+      line->RemoveLast();
       return true;
     }
-    if (byte == '\0') return false;
-    line->push_back(static_cast<char>(byte));
-    return line->size() <= kLineLimit;
+    const char character = static_cast<char>(byte);
+    return character != '\0' && line->Append({&character, 1});
   }
 
   bool ReadByte(uint8_t* byte) {
@@ -159,7 +191,6 @@ bool WaitForHelper(pid_t pid) {
 pid_t StartHelper(int input) {
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
   posix_spawnattr_t attributes;
   posix_spawnattr_init(&attributes);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
@@ -168,67 +199,112 @@ pid_t StartHelper(int input) {
   posix_spawnattr_setsigmask(&attributes, &none);
   char* arguments[] = {const_cast<char*>(kHelper), nullptr};
   pid_t pid = -1;
-  if (posix_spawn(&pid, kHelper, &actions, &attributes, arguments, environ) != 0) pid = -1;
+  if (posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO) != 0 ||
+      posix_spawn(&pid, kHelper, &actions, &attributes, arguments, environ) != 0) {
+    pid = -1;
+  }
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   return pid;
 }
 
-bool HelperAccepts(const std::string& name, const std::string& password) {
+// As the helper reads it: the name, one blank, the password.
+void SendPair(int sock, const Answer& name, const Answer& password) {
+  WipedText<2 * kLineLimit + 1> pair;
+  pair.Append(name.view());
+  pair.Append(" ");
+  pair.Append(password.view());
+  send(sock, pair.c_str(), pair.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+bool HelperAccepts(const Answer& name, const Answer& password) {
   int ends[2];
   // A socket pair, because a write to it can be kept from raising SIGPIPE.
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;
   const pid_t pid = StartHelper(ends[0]);
   close(ends[0]);
-  std::string pair = name + " " + password;
-  if (pid != -1) send(ends[1], pair.data(), pair.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-  Wipe(pair);
+  if (pid != -1) SendPair(ends[1], name, password);
   close(ends[1]);
   return pid != -1 && WaitForHelper(pid);
 }
 
-bool IsListed(const std::string& name) {
-  group entry{};
-  group* found = nullptr;
-  std::vector<char> buffer(16384);
-  while (getgrnam_r(kGroup, &entry, buffer.data(), buffer.size(), &found) == ERANGE) {
-    buffer.resize(buffer.size() * 2);
+/// Room for one entry of the group database, however large.
+class GroupBuffer {
+ public:
+  /// Repeats a look-up until the entry fits. Null when nothing is found, or memory runs out.
+  template <typename LookUp>
+  const group* Find(LookUp look_up) {
+    group* found = nullptr;
+    while (Grow() && look_up(&entry_, buffer_.get(), size_, &found) == ERANGE) size_ *= 2;
+    return found;
   }
-  if (found == nullptr) return false;
-  for (char** member = found->gr_mem; *member != nullptr; ++member) {
-    if (name == *member) return true;
+
+ private:
+  bool Grow() {
+    buffer_.reset(new (std::nothrow) char[size_]);
+    return buffer_ != nullptr;
+  }
+
+  group entry_{};
+  size_t size_ = 16384;
+  std::unique_ptr<char[]> buffer_;
+};
+
+bool Lists(const group& entry, const char* name) {
+  for (char** member = entry.gr_mem; *member != nullptr; ++member) {
+    if (strcmp(name, *member) == 0) return true;
   }
   return false;
 }
 
-bool IsAdmitted(const std::string& name) {
-  return name == "root" || IsListed(name);
+// By the system's rules, which know other places than the file but only the first entry.
+bool IsListedInDatabase(const char* name) {
+  GroupBuffer buffer;
+  const group* entry = buffer.Find([](group* result, char* text, size_t size, group** found) {
+    return getgrnam_r(kGroup, result, text, size, found);
+  });
+  return entry != nullptr && Lists(*entry, name);
 }
 
-bool AskPair(Client& client, std::string* name, std::string* password) {
+// A large group may be spread over several entries of the same name. The file is read here, because
+// the system's own walk has one position for the whole process.
+bool IsListedInFile(const char* name) {
+  const std::unique_ptr<FILE, decltype(&fclose)> file(fopen(kGroupFile, "re"), fclose);
+  if (file == nullptr) return false;
+  GroupBuffer buffer;
+  const auto next = [&](group* result, char* text, size_t size, group** found) {
+    return fgetgrent_r(file.get(), result, text, size, found);
+  };
+  for (const group* entry = buffer.Find(next); entry != nullptr; entry = buffer.Find(next)) {
+    if (strcmp(entry->gr_name, kGroup) == 0 && Lists(*entry, name)) return true;
+  }
+  return false;
+}
+
+bool IsAdmitted(const char* name) {
+  return strcmp(name, "root") == 0 || IsListedInDatabase(name) || IsListedInFile(name);
+}
+
+bool AskPair(Client& client, Answer* name, Answer* password) {
   if (!client.Send("username: ") || !client.ReadLine(name)) return false;
   if (!client.Send(kHideTyping) || !client.Send("password: ")) return false;
   const bool answered = client.ReadLine(password);
   return answered && client.Send(kShowTyping) && client.Send("\r\n");
 }
 
-// The name that proved itself, empty when none did.
-std::string LogIn(Client& client) {
-  std::string name;
-  std::string password;
+// False unless the name has proved itself and is admitted.
+bool LogIn(Client& client, Answer* name) {
   for (int tries = 0; tries < kTries; ++tries) {
-    const bool asked = AskPair(client, &name, &password);
-    const bool accepted = asked && !name.empty() && HelperAccepts(name, password);
-    Wipe(password);
-    if (!asked) return "";
-    if (accepted) return IsAdmitted(name) ? name : "";
+    Answer password;
+    if (!AskPair(client, name, &password)) return false;
+    if (!name->empty() && HelperAccepts(*name, password)) return IsAdmitted(name->c_str());
   }
-  return "";
+  return false;
 }
 
 // The caller adds the name to the line as an option. Without room for it, the name that the client
 // gave itself in the line would count.
-bool LeavesRoomForName(const std::string& line, const std::string& name) {
+bool LeavesRoomForName(const Answer& line, const Answer& name) {
   return line.size() + strlen(" user=") + name.size() <= kLineLimit;
 }
 
@@ -237,12 +313,16 @@ bool LeavesRoomForName(const std::string& line, const std::string& name) {
 char* authenticate(int sock, char** user) {
   thread_local char argument_line[kLineLimit + 1];
   Client client(sock);
-  std::string line;
+  Answer line;
+  Answer name;
   if (!client.ReadLine(&line)) return nullptr;
-  const std::string name = LogIn(client);
+  const bool admitted = LogIn(client, &name);
   client.FinishLine();
-  if (name.empty() || !LeavesRoomForName(line, name)) return nullptr;
+  if (!admitted || !LeavesRoomForName(line, name)) return nullptr;
+  // For want of a name, too, the one in the line would count.
+  char* proved_name = strdup(name.c_str());
+  if (proved_name == nullptr) return nullptr;
   memcpy(argument_line, line.c_str(), line.size() + 1);
-  *user = strdup(name.c_str());
+  *user = proved_name;
   return argument_line;
 }

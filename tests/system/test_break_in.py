@@ -7,14 +7,14 @@ import stat
 import pytest
 
 from harness.access import ERRORS, LOOPBACK, bring_up, greeting, refused, reload
+from harness.cookies import cookie, cookie_file, other_than, tell
+from harness.door import (NAME, PASSWORD, TRY_AGAIN, Door, fail, give_name, give_password, log_in)
+from harness.hall import LINE, Hall, give
+# `groups` is a fixture.
+from harness.helpers import FakeHelper, groups
 from harness.peers import OFFERS
 from harness.station import console_line
 from harness.waiting import free_port, wait_listening, wait_until
-from test_cookie import cookie, cookie_file, other_than, tell
-from test_library_login import LINE, Hall, give
-# `groups` is a fixture.
-from test_login import (NAME, PASSWORD, TRY_AGAIN, Door, FakeHelper, fail, give_name,
-                        give_password, groups, log_in)
 
 
 @pytest.fixture
@@ -150,12 +150,15 @@ def test_a_name_that_is_nearly_a_members_is_not_in_the_hall(groups, hall, name):
                                    "qoruser:x:alice:64000\n", "#qoruser:x:64000:alice\n",
                                    "qoruser :x:64000:alice\n", "+qoruser:x:64000:alice\n",
                                    "qoruser:x:64000:" + "m," * 50000 + "alice2\n"])
-def test_a_broken_group_entry_admits_nobody(groups, door, entry):
+def test_a_broken_group_entry_admits_nobody(groups, door, hall, entry):
     groups.write(entry)
     door.helper.accept(b"alice", b"pw")
     user = door.call()
     log_in(user, b"alice", b"pw")
     refused(user, 14)
+    other = hall.call()
+    give(other, b"alice", b"pw")
+    refused(other, 1)
 
 
 @pytest.mark.parametrize("typed", [

@@ -2,7 +2,6 @@
 
 import os
 import re
-import socket
 import stat
 import subprocess
 import time
@@ -11,6 +10,8 @@ import pytest
 
 from harness import settings
 from harness.access import ERRORS, bring_up, refused
+from harness.collectors import Collector
+from harness.cookies import cookie, cookie_file, other_than, tell
 from harness.peers import OFFERS, User
 from harness.scenes import echo_time
 from harness.waiting import LIMIT, free_port, stretched
@@ -41,38 +42,11 @@ def suite_group(station):
     os.chown(station.root, -1, former)
 
 
-def cookie_file(station):
-    """The file that local tools read."""
-    return station.config / ".cookie"
-
-
-def cookie(station) -> bytes:
-    """The cookie as a local tool reads it."""
-    return cookie_file(station).read_bytes().removesuffix(b"\n")
-
-
-def tell(station, line: bytes, address: str | None = None) -> User:
-    """Somebody who calls the main port, from this address, and has sent the line."""
-    if address is None:
-        user = station.caller()
-    else:
-        user = User(f"user from {address}")
-        user.adopt(socket.create_connection(("127.0.0.1", station.port), stretched(LIMIT),
-                                            source_address=(address, 0)))
-    user.send(line)
-    return user
-
-
 def admitted(station, user: User, key: bytes = b"k") -> None:
     """The user is at the console."""
     user.expect_exactly(OFFERS)
     user.send(key)
     station.box.expect_exactly(key)
-
-
-def other_than(text: bytes) -> bytes:
-    """A text of the same length and alphabet that differs in its last character."""
-    return text[:-1] + (b"a" if text[-1:] != b"a" else b"b")
 
 
 # The file
@@ -141,6 +115,18 @@ def test_a_file_that_cannot_be_opened_ends_the_daemon(station):
     cookie_file(station).mkdir()
     died(station, "GenerateCookie: fopen() failed : Is a directory",
          "Terminated: Cannot open cookie file")
+
+
+def test_the_end_for_want_of_a_cookie_is_told_to_the_event_manager(station):
+    cookie_file(station).mkdir()
+    text = "Terminated: Cannot open cookie file"
+    with Collector(station) as collector:
+        died(station, "GenerateCookie: fopen() failed : Is a directory", text)
+        found, = collector.accept().wait_events(1)
+        assert found["name"] == f"qor.zevd.daemon.error.{text}"
+        assert (found["priority"], found["vars"]) == (700, {"message": text})
+        collector.expect(b"}}\n")
+        collector.expect_closed()
 
 
 def test_a_file_that_cannot_be_written_ends_the_daemon(station):

@@ -3,59 +3,19 @@
 import re
 import time
 from concurrent.futures import ThreadPoolExecutor
-from dataclasses import dataclass
 
 import pytest
 
-from harness.access import bring_up, refused
-from harness.consoles import FakeConsole
+from harness.access import ERRORS, bring_up, refused
+from harness.cookies import cookie, local_user, tell
+from harness.door import NAME, PASSWORD
+from harness.hall import BYTES, HIDE, LINE, SHOW, TRIES, Hall, fail, give
+# `groups` is a fixture.
+from harness.helpers import CRASHING, FakeHelper, children_of, groups
+from harness.memory import in_memory
 from harness.peers import OFFERS, User
 from harness.scenes import echo_time
-from harness.station import Station
 from harness.waiting import LIMIT, stretched, wait_until
-from test_cookie import tell
-# `groups` is a fixture.
-from test_login import (CRASHING, NAME, PASSWORD, FakeHelper, children_of, groups, in_memory,
-                        local_user)
-
-HIDE = b"\xff\xfb\x01"
-SHOW = b"\xff\xfc\x01"
-
-# What may be sent in all, in one line, and how often a pair may be given.
-BYTES = 8192
-LINE = 1023
-TRIES = 3
-
-
-@dataclass
-class Hall:
-    """A station with security on and one console, "box"."""
-
-    station: Station
-    helper: FakeHelper
-    box: FakeConsole
-
-    def call(self, line: bytes = b"box") -> User:
-        """A caller who has sent the argument line and is asked for a name."""
-        caller = self.station.caller()
-        caller.send(line + b"\r\n")
-        caller.expect_exactly(NAME)
-        return caller
-
-    def connected(self, user: str, mode: str = "shared", after: int = 0) -> None:
-        """The daemon says that this user is at the console."""
-        self.station.wait_log(f'ConnectUserToConsole: Connected user "{user}" to console "box" '
-                              f"with mode = {mode}.", after=after)
-
-    def quiet(self) -> None:
-        """The daemon is as it was before anybody called: no thread, descriptor or child."""
-        wait_until(lambda: (self.station.threads(), self.station.descriptors()) == self.rest
-                   and not children_of(self.station.pid), what="the daemon to come to rest")
-
-    def note_rest(self) -> "Hall":
-        """Take what the daemon uses now for what it uses at rest."""
-        self.rest = (self.station.threads(), self.station.descriptors())
-        return self
 
 
 @pytest.fixture
@@ -75,20 +35,6 @@ def club(groups, hall):
     hall.helper.accept(b"alice", b"two  words ")
     hall.helper.accept(b"bob", b"builder")
     return hall
-
-
-def give(user: User, name: bytes, password: bytes, end: bytes = b"\r\n") -> None:
-    """Give a pair; the library echoes nothing."""
-    user.send(name + end)
-    user.expect_exactly(HIDE + PASSWORD)
-    user.send(password + end)
-    user.expect_exactly(SHOW + b"\r\n")
-
-
-def fail(user: User, name: bytes = b"root", password: bytes = b"wrong") -> None:
-    """Give a pair that is not valid and be asked again."""
-    give(user, name, password)
-    user.expect_exactly(NAME)
 
 
 # A person with a telnet client
@@ -171,6 +117,22 @@ def test_a_right_password_of_somebody_else_is_not_enough(club):
     club.station.wait_log("DoTqAuthValidation: Authentication failed.")
     club.station.wait_log(
         "ServiceConnectionRequestThreadStart: Closing connection with 127.0.0.1.")
+
+
+@pytest.mark.needs_namespace
+def test_all_entries_of_the_group_are_searched(groups, hall):
+    groups.write("qoruser:x:64000:carol\nothers:x:64001:bob\nqoruser:x:64002:\n"
+                 "qoruser:x:64003:dave,alice\n")
+    for name in (b"carol", b"alice", b"bob"):
+        hall.helper.accept(name, b"pw")
+    for name in ("carol", "alice"):
+        with hall.call() as user:
+            give(user, name.encode(), b"pw")
+            user.expect_exactly(OFFERS)
+            hall.connected(name)
+    other = hall.call()
+    give(other, b"bob", b"pw")
+    refused(other, 1)
 
 
 @pytest.mark.needs_namespace
@@ -354,6 +316,18 @@ def test_a_helper_that_hangs_is_ended_and_delays_nobody_else(hall):
     hall.quiet()
 
 
+def test_the_daemon_ends_at_once_while_a_helper_hangs(hall):
+    hall.helper.hang()
+    user = hall.call()
+    give(user, b"root", b"secret")
+    hall.helper.wait_hanging()
+    begin = time.monotonic()
+    hall.station.stop()
+    assert time.monotonic() - begin < stretched(1)
+    user.expect_closed()
+    hall.helper.release()
+
+
 # Many at once
 
 
@@ -370,7 +344,7 @@ def test_fifty_logins_at_once(hall):
     assert hall.station.threads() == hall.rest[0] + 50
     for index, caller in enumerate(callers):
         caller.send(b"secret\r\n" if index % 2 else b"wrong\r\n")
-    assert echo_time(neighbour, hall.box, b"\1", limit=3) < stretched(3)
+    assert echo_time(neighbour, hall.box, b"\1", limit=3) < stretched(1)
     for index, caller in enumerate(callers):
         caller.expect_exactly(SHOW + b"\r\n" + (OFFERS if index % 2 else NAME), limit=30)
     assert sorted(hall.helper.pairs()) == [b"root secret"] * 25 + [b"root wrong"] * 25
@@ -391,7 +365,19 @@ def test_no_password_is_in_the_output_or_in_memory(hall):
         with hall.station.caller() as other:
             other.send(sent)
             other.expect(PASSWORD)
+    # One typed where the name belongs, one at the very first, one whose last character is too much.
+    for sent in (b"box\nZq4-name-kPw\npw\n", b"Zq5-line-kPw\n", b"box\nZq6-half-a-name-kPw"):
+        with hall.station.caller() as other:
+            other.send(sent)
+            other.expect(NAME)
+            other.finish_sending()
+            other.expect(ERRORS[1])
+    with hall.station.caller() as other:
+        other.send(b"box\nroot\n" + (b"Zq7-long-kPw" * 100)[:LINE + 1])
+        other.expect(ERRORS[1])
     wait_until(lambda: hall.station.threads() == hall.rest[0], what="the exchanges to end")
     assert re.search("Zq|kPw|secret", hall.station.log_text()) is None
-    assert not [part for part in (b"Zq1-wrong", b"Zq2-typed", b"Zq3-dropped")
+    assert not [part for part in (b"Zq1-wrong", b"Zq2-typed", b"Zq3-dropped", b"Zq4-name",
+                                  b"Zq5-line", b"Zq6-half", b"Zq7-long")
                 if in_memory(hall.station.pid, part)]
+    assert in_memory(hall.station.pid, cookie(hall.station)), "the search finds what is there"

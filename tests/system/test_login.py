@@ -1,220 +1,26 @@
 """The login dialogue on a console's own port, with a fake password helper."""
 
-import contextlib
 import os
-import shutil
-import socket
-import subprocess
+import signal
 import threading
-from dataclasses import dataclass
-from pathlib import Path
+import time
 
 import pytest
 
-from harness import settings
 from harness.access import ERRORS, bring_up, greeting, refused
-from harness.consoles import FakeConsole
-from harness.isolation import parent_of, unmount
+from harness.cookies import local_user
+from harness.door import (NAME, PASSWORD, TRY_AGAIN, Door, fail, give_name, give_password, log_in,
+                          welcome)
+# `groups` is a fixture.
+from harness.helpers import CRASHING, KEEPING, FakeHelper, groups
+from harness.memory import in_memory
 from harness.peers import OFFERS, User
 from harness.scenes import echo_time
-from harness.station import Station
 from harness.waiting import free_port, stretched, wait_listening, wait_until
-from test_cookie import cookie, tell
-
-HOST = socket.gethostname()
-
-NAME = b"username: "
-PASSWORD = b"password: "
-TRY_AGAIN = b"\nInvalid username/password combination. Please try again.\r\n\n"
 
 SERVE = "ServiceConnectionRequestThreadStart"
 
-# Keeps what it reads in a file of its own and accepts what stands in a file of "valid".
-KEEPING = """#!/bin/sh
-kept=$(mktemp {seen}/part.XXXXXXXXXX) || exit 9
-cat > "$kept"
-mv "$kept" "{seen}/pair.${{kept##*.}}"
-for valid in {valid}/*; do
-    cmp -s "{seen}/pair.${{kept##*.}}" "$valid" && exit 0
-done
-exit 1
-"""
-
-# Reads the pair, says so, and ends only when something is written to the pipe.
-HANGING = """#!/bin/sh
-cat > /dev/null
-echo $$ > {root}/hanging.part
-mv {root}/hanging.part {root}/hanging
-read line < {root}/release
-exit 1
-"""
-
-CRASHING = """#!/bin/sh
-cat > /dev/null
-kill -SEGV $$
-"""
-
-
-class FakeHelper:
-    """A password helper of the test's own in the place of the station's."""
-
-    def __init__(self, station: Station) -> None:
-        self.root = station.root
-        self.path = station.root / "bin" / "qor_pam_auth"
-        self._valid = station.root / "valid"
-        self._seen = station.root / "seen"
-        for directory in (self.path.parent, self._valid, self._seen):
-            directory.mkdir()
-        self.replace(KEEPING)
-
-    def replace(self, script: str) -> None:
-        """Put another program in its place; a running one is not disturbed."""
-        written = self.path.with_suffix(".new")
-        written.write_text(script.format(root=self.root, seen=self._seen, valid=self._valid),
-                           encoding="ascii")
-        written.chmod(0o755)
-        written.rename(self.path)
-
-    def accept(self, name: bytes, password: bytes) -> None:
-        """Accept this pair from now on."""
-        (self._valid / f"{len(os.listdir(self._valid))}").write_bytes(name + b" " + password)
-
-    def pairs(self) -> list[bytes]:
-        """What it was sent so far, in order."""
-        kept = sorted(self._seen.glob("pair.*"), key=lambda path: path.stat().st_mtime_ns)
-        return [path.read_bytes() for path in kept]
-
-    def hang(self) -> None:
-        """Hang in every check from now on."""
-        os.mkfifo(self.root / "release")
-        self.replace(HANGING)
-
-    def wait_hanging(self) -> int:
-        """Wait until a check hangs; the id of its process."""
-        hanging = self.root / "hanging"
-        wait_until(hanging.exists, what="the helper to hang")
-        pid = int(hanging.read_text(encoding="ascii"))
-        hanging.unlink()
-        return pid
-
-    def release(self) -> None:
-        """Let the check that hangs end: the pair is not valid."""
-        with open(self.root / "release", "w", encoding="ascii") as pipe:
-            pipe.write("\n")
-
-
-# The machine's own files, for one test
-
-
-@contextlib.contextmanager
-def private_copy(path: Path, scratch: Path):
-    """Mount a copy over a file or directory, in the test's own mount namespace only."""
-    assert not settings.namespaces_forbidden(), "the machine's own files must not be touched"
-    copy = scratch / path.name
-    if path.is_dir():
-        shutil.copytree(path, copy, symlinks=True)
-    else:
-        shutil.copy2(path, copy)
-    subprocess.run(["mount", "--bind", copy, path], check=True)
-    try:
-        yield copy
-    finally:
-        unmount(path)
-
-
-class Groups:
-    """A private group database without any "qoruser"."""
-
-    def __init__(self, copy: Path) -> None:
-        self.path = copy
-        lines = copy.read_text(encoding="utf-8").splitlines(keepends=True)
-        self._others = "".join(line for line in lines if not line.startswith("qoruser:"))
-        self.write("")
-
-    def write(self, entries: str) -> None:
-        """Replace the entries of the test; all others stay."""
-        self.path.write_text(self._others + entries, encoding="utf-8")
-
-
-@pytest.fixture
-def groups(station, tmp_path):
-    """The group database of this test; taken away before the station's directory is."""
-    assert station.process is None
-    with private_copy(Path("/etc/group"), tmp_path) as copy:
-        yield Groups(copy)
-
-
 # The door
-
-
-@dataclass
-class Door:
-    """A console that is reached through a login on its own port."""
-
-    station: Station
-    helper: FakeHelper
-    box: FakeConsole
-    port: int
-
-    def call(self) -> User:
-        """A caller who has been welcomed and asked for a name."""
-        caller = self.station.caller(self.port)
-        caller.expect_exactly(welcome(self.box.name) + NAME)
-        return caller
-
-    def admitted(self, user: User) -> None:
-        """The user is at the console, and nothing typed before has gone there."""
-        user.expect_exactly(OFFERS + greeting(self.box.name))
-        user.send(b"!")
-        self.box.expect_exactly(b"!")
-
-    def quiet(self) -> None:
-        """The daemon is as it was before anybody called: no thread, descriptor or child."""
-        wait_until(lambda: (self.station.threads(), self.station.descriptors()) == self.rest
-                   and not children_of(self.station.pid), what="the daemon to come to rest")
-
-    def note_rest(self) -> "Door":
-        """Take what the daemon uses now for what it uses at rest."""
-        self.rest = (self.station.threads(), self.station.descriptors())
-        return self
-
-
-def children_of(pid: int) -> set[int]:
-    """The daemon's children, zombies included."""
-    return {int(entry) for entry in os.listdir("/proc")
-            if entry.isdigit() and parent_of(int(entry)) == pid}
-
-
-def welcome(console: str) -> bytes:
-    """What a caller is told before the first prompt, with the offers that end it."""
-    return (f'\r\nWelcome to zevd running on "{HOST}".\r\n\n'
-            f'In order to connect to console "{console}", you must first provide\r\n'
-            f'a valid username/password combination on "{HOST}".\r\n\n'
-            f'Please enter your username and password on "{HOST}".\r\n\n').encode() + OFFERS
-
-
-def give_name(user: User, name: bytes) -> None:
-    """Type a name and Enter, as a telnet client sends it, and be asked for the password."""
-    user.send(name + b"\r\0")
-    user.expect_exactly(name + b"\r\n" + PASSWORD)
-
-
-def give_password(user: User, password: bytes) -> None:
-    """Type a password; nothing but the line end is shown."""
-    user.send(password + b"\r\0")
-    user.expect_exactly(b"\r\n" + b"\r\n")
-
-
-def log_in(user: User, name: bytes, password: bytes) -> None:
-    """Give a pair; what comes of it is the test's to see."""
-    give_name(user, name)
-    give_password(user, password)
-
-
-def fail(user: User, name: bytes = b"root", password: bytes = b"wrong") -> None:
-    """Give a pair that is not valid and be asked again."""
-    log_in(user, name, password)
-    user.expect_exactly(TRY_AGAIN + NAME)
 
 
 @pytest.fixture
@@ -379,11 +185,6 @@ def test_a_console_that_asks_for_no_login_admits_everybody(station):
 
 
 # What is refused before the prompt
-
-
-def local_user(station: Station, line: bytes) -> User:
-    """A local tool that has read the cookie and sent its line to the main port."""
-    return tell(station, b"token " + cookie(station) + b" " + line + b"\n")
 
 
 def test_a_console_held_exclusively_is_refused_before_the_welcome(door):
@@ -651,6 +452,46 @@ def test_a_helper_that_hangs_delays_nobody_else(door):
     door.quiet()
 
 
+def test_the_daemon_ends_at_once_while_a_helper_hangs(door):
+    door.helper.hang()
+    user = door.call()
+    give_name(user, b"root")
+    user.send(b"secret\r\0")
+    door.helper.wait_hanging()
+    begin = time.monotonic()
+    door.station.stop()
+    assert time.monotonic() - begin < stretched(1)
+    user.expect(b"\r\n\r\n")
+    user.expect_closed()
+    door.helper.release()
+
+
+def test_a_daemon_whose_starter_ignores_the_end_of_children_sees_that_of_its_helpers(station):
+    """The signal's disposition is inherited, and without it no status is to be had."""
+    helper = FakeHelper(station)
+    helper.accept(b"root", b"secret")
+    port = free_port()
+    box = station.console("box", mapped_port=port, auth=1)
+    former = signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+    try:
+        station.start("-S", "1")
+    finally:
+        signal.signal(signal.SIGCHLD, former)
+    box.accept()
+    station.wait_connected("box")
+    wait_listening(port)
+    door = Door(station, helper, box, port).note_rest()
+    user = door.call()
+    fail(user)
+    log_in(user, b"root", b"secret")
+    door.admitted(user)
+    with station.caller() as other:
+        other.send(b"box\nroot\nsecret\n")
+        other.expect(OFFERS)
+    user.close()
+    door.quiet()
+
+
 LISTING = """#!/bin/sh
 cat > /dev/null
 ls -l /proc/self/fd > {root}/listed
@@ -703,7 +544,7 @@ def test_fifty_dialogues_at_once(station):
     assert station.threads() == door.rest[0] + 50
     for index, (_, caller) in enumerate(callers):
         caller.send(b"secret\r\0" if index % 2 else b"wrong\r\0")
-    assert echo_time(neighbour, boxes[0], b"k", limit=3) < stretched(3)
+    assert echo_time(neighbour, boxes[0], b"k", limit=3) < stretched(1)
     for index, (box, caller) in enumerate(callers):
         caller.expect_exactly(b"\r\n\r\n", limit=30)
         caller.expect_exactly(OFFERS + greeting(box.name) if index % 2 else TRY_AGAIN + NAME,
@@ -734,19 +575,3 @@ def test_no_password_is_in_the_output_or_in_memory(door):
     assert not [part for part in (b"Zq1-wrong", b"Zq2-wrong", b"Zq3-ahead", b"Zq4-dropped")
                 if in_memory(door.station.pid, part)]
     assert in_memory(door.station.pid, b"Welcome to zevd"), "the search finds what is there"
-
-
-def in_memory(pid: int, wanted: bytes) -> bool:
-    """True when the text is anywhere in what the process may read and write, or read."""
-    with open(f"/proc/{pid}/maps", encoding="latin-1") as maps, \
-            open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
-        for line in maps:
-            words = line.split()
-            start, end = (int(word, 16) for word in words[0].split("-"))
-            if words[1][0] != "r" or words[-1] in ("[vvar]", "[vsyscall]", "[vdso]"):
-                continue
-            memory.seek(start)
-            with contextlib.suppress(OSError):
-                if wanted in memory.read(end - start):
-                    return True
-    return False

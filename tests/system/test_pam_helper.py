@@ -4,6 +4,7 @@ import contextlib
 import ctypes
 import os
 import shutil
+import signal
 import subprocess
 import time
 from pathlib import Path
@@ -12,15 +13,19 @@ import pytest
 
 from harness import settings
 from harness.access import bring_up, greeting, refused
-from harness.peers import OFFERS
-from harness.waiting import LIMIT, free_port, stretched, wait_listening
+from harness.door import HOST, NAME, TRY_AGAIN, Door, give_name, log_in
+from harness.hall import Hall, give
 # `groups` is a fixture.
-from test_login import (NAME, TRY_AGAIN, Door, groups, give_name, log_in, private_copy)
+from harness.helpers import groups, private_copy
+from harness.peers import OFFERS
+from harness.waiting import LIMIT, free_port, stretched, wait_listening, wait_until
 
 pytestmark = pytest.mark.needs_namespace
 
 HELPER = settings.build_directory() / "bin" / "qor_pam_auth"
 SERVICE = settings.REPOSITORY / "packaging" / "pam.d" / "qor"
+
+SERVE = "ServiceConnectionRequestThreadStart"
 
 UID = 64000
 BLANKS = b"two  words and a blank "
@@ -148,6 +153,30 @@ def test_the_pair_may_come_in_pieces():
     assert ended(process) == 0
 
 
+@pytest.mark.usefixtures("accounts")
+def test_a_check_ends_when_told_to_whatever_it_inherits():
+    """A daemon blocks signals, and passes that on."""
+    def block() -> None:
+        signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
+        signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+
+    process = subprocess.Popen([HELPER], stdin=subprocess.PIPE, preexec_fn=block)
+    process.stdin.write(b"alice ")
+    process.stdin.flush()
+    wait_until(lambda: signals_of(process.pid, "SigBlk") == 0, what="the signals to be let in")
+    wait_until(lambda: signals_of(process.pid, "SigIgn") & 1 << signal.SIGCHLD - 1 == 0,
+               what="the end of children to be seen")
+    process.terminate()
+    assert process.wait(stretched(LIMIT)) == -signal.SIGTERM
+    process.stdin.close()
+
+
+def signals_of(pid: int, kind: str) -> int:
+    """A set of signals of a process, as the kernel shows it."""
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        return next(int(line.split()[1], 16) for line in status if line.startswith(f"{kind}:"))
+
+
 # The account
 
 
@@ -254,6 +283,50 @@ def test_root_logs_in_and_who_is_not_listed_does_not(door):
     other = door.call()
     log_in(other, b"bob", b"builder")
     refused(other, 14)
+
+
+def test_a_member_logs_in_on_a_consoles_own_port_with_a_telnet_client(door):
+    position = door.station.mark()
+    with door.station.telnet(door.port) as person:
+        person.expect(f'a valid username/password combination on "{HOST}".')
+        person.expect("username: ")
+        person.type("alise\x7f\x7fce\r")
+        person.expect("password: ")
+        person.type("wrong\r")
+        person.expect("Invalid username/password combination. Please try again.")
+        person.expect("username: ")
+        person.type("alice\r")
+        shown = person.expect("password: ")
+        person.type(BLANKS.decode() + "\r")
+        shown += person.expect('Connected to console "box" in shared mode.')
+        assert b"words" not in shown and b"alice" in shown
+        door.station.wait_log(f"{SERVE}: Authenticated 127.0.0.1/{door.port}", after=position)
+        door.box.send(b"here you are")
+        person.expect("here you are")
+        person.type("k")
+        door.box.expect_exactly(b"k")
+    door.quiet()
+
+
+def test_a_person_without_the_right_is_told_so_by_the_telnet_client(door):
+    with door.station.telnet(door.port) as person:
+        person.expect("username: ")
+        person.type("bob\r")
+        person.expect("password: ")
+        person.type("builder\r")
+        person.expect("014 - Not an authorized user.")
+        person.expect_closed()
+
+
+def test_the_primary_group_alone_admits_nobody_on_the_main_port(door):
+    hall = Hall(door.station, None, door.box)
+    user = hall.call()
+    give(user, b"bob", b"builder")
+    refused(user, 1)
+    member = hall.call()
+    give(member, b"alice", BLANKS)
+    member.expect_exactly(OFFERS)
+    hall.connected("alice")
 
 
 def test_a_member_logs_in_on_the_main_port_with_a_telnet_client(door):

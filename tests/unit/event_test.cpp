@@ -347,7 +347,7 @@ TEST_F(EventDeathTest, EventThatCannotBeBuiltOrSentIsReported) {
 TEST_F(EventDeathTest, EventsOfManyThreadsArriveWhole) {
   RunInNewProcess([] {
     constexpr int kThreads = 8;
-    constexpr int kEvents = 50;
+    constexpr int kEvents = 15;  // all of them find room, however slowly they are read
     Manager manager;
     std::multiset<std::string> expected;
     std::vector<std::thread> threads;

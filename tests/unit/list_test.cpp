@@ -85,6 +85,23 @@ TEST_F(ListTest, NameIsACopy) {
   free(const_cast<char*>(list.list_name));
 }
 
+void InitPlainList(PlainList* list) {
+  InitList(*list, "plain");
+}
+
+TEST_F(ListTest, ListWithoutMemoryForItsNameIsReportedByTheOneWhoMakesIt) {
+  PlainList list;
+  const test::DebugCapture capture(0);
+  {
+    const test::FailAllocation failure(1);
+    InitPlainList(&list);
+    EXPECT_TRUE(failure.reached());
+  }
+  EXPECT_EQ(list.list_name, nullptr);
+  EXPECT_THAT(test::Reports(capture.Messages()),
+              ElementsAre("InitPlainList: malloc() failed : Cannot allocate memory\n"));
+}
+
 TEST_F(ListTest, InitialisingEmptiesAListThatWasUsed) {
   nodes_[0].sock = 3;
   Append(nodes_[0]);

@@ -1,5 +1,9 @@
 #include "reg_expr.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -220,6 +224,34 @@ TEST_F(RegExprTest, DirectoryGivesNoPatterns) {
   EXPECT_THAT(capture.Messages(), IsEmpty());
 }
 
+TEST_F(RegExprTest, PipesAndDevicesGiveNoPatternsAndAreNotWaitedFor) {
+  constexpr char kPipe[] = "root/pipe";
+  ASSERT_EQ(mkfifo(kPipe, 0600), 0);
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(ParseRegExFile(kPipe, list_), 0) << "nobody writes";
+  const test::Descriptor both_ends(open(kPipe, O_RDWR | O_CLOEXEC));
+  EXPECT_EQ(ParseRegExFile(kPipe, list_), 0) << "somebody may write";
+  test::WriteFile(kPipe, "a 1 0 x\n");
+  EXPECT_EQ(ParseRegExFile(kPipe, list_), 0) << "somebody has written";
+  for (const char* device : {"/dev/zero", "/dev/null"}) {
+    EXPECT_EQ(ParseRegExFile(device, list_), 0) << device;
+  }
+  EXPECT_THAT(Lines(), IsEmpty());
+  EXPECT_THAT(capture.Messages(), IsEmpty());
+}
+
+TEST_F(RegExprTest, NoFileIsLeftOpen) {
+  const int next = test::Descriptor(dup(STDIN_FILENO)).get();
+  Parse("a 1 0 x\n");
+  ParseRegExFile("root", list_);
+  ParseRegExFile("root/nowhere", list_);
+  {
+    const test::FailAllocation failure(1);
+    EXPECT_EQ(Parse("a 1 0 x\n"), -1);
+  }
+  EXPECT_EQ(test::Descriptor(dup(STDIN_FILENO)).get(), next);
+}
+
 TEST_F(RegExprTest, MissingFileFailsAndEmptiesTheList) {
   Parse("a 1 0 x\n");
   const test::DebugCapture capture(0);
@@ -283,6 +315,19 @@ TEST_F(RegExprTest, WithoutAMatchNothingIsSet) {
   EXPECT_EQ(match.found, 0);
   EXPECT_EQ(match.pattern, "");
   EXPECT_EQ(match.priority, -12345);
+}
+
+TEST_F(RegExprTest, MatchThatCannotBeCopiedIsNone) {
+  Parse("a 5 0 x\n");
+  const test::DebugCapture capture(0);
+  const test::FailAllocation failure(1, 1);
+  const Match match = MatchOf("x\n");
+  EXPECT_TRUE(failure.reached());
+  EXPECT_EQ(match.found, 0);
+  EXPECT_EQ(match.pattern, "");
+  EXPECT_EQ(match.priority, -12345);
+  EXPECT_THAT(test::Reports(capture.Messages()),
+              ElementsAre("MatchPattern: malloc() failed : Cannot allocate memory\n"));
 }
 
 TEST_F(RegExprTest, NoListNeverMatches) {
@@ -406,6 +451,14 @@ TEST_F(RegExprTest, MemoryForTheListItselfMayRunOut) {
   EXPECT_EQ(NewRegExList("re_list"), nullptr);
   EXPECT_THAT(test::Reports(capture.Messages()),
               ElementsAre("NewRegExList: malloc() failed : Cannot allocate memory\n"));
+}
+
+TEST_F(RegExprTest, MemoryForTheNameOfTheListMayRunOut) {
+  const test::DebugCapture capture(0);
+  const test::FailAllocation failure(2);
+  EXPECT_EQ(NewRegExList("re_list"), nullptr);
+  EXPECT_THAT(test::Reports(capture.Messages()),
+              ElementsAre("InitRegExList: malloc() failed : Cannot allocate memory\n"));
 }
 
 }  // namespace

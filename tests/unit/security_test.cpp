@@ -2,6 +2,7 @@
 #include "security.h"
 
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <grp.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
@@ -10,11 +11,13 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -442,6 +445,21 @@ TEST_F(DecisionTest, LineThatCannotBeReadIsRefusedWithTheReadersText) {
 
 // ---- The password helper --------------------------------------------------------------------
 
+// What a test does between the start of the helper and what is sent to it.
+void (*after_popen)() = nullptr;
+
+}  // namespace
+
+// In place of the C library's, for the whole program.
+extern "C" FILE* popen(const char* command, const char* mode) {
+  static const auto start = reinterpret_cast<decltype(&popen)>(dlsym(RTLD_NEXT, "popen"));
+  FILE* stream = start(command, mode);
+  if (after_popen != nullptr) after_popen();
+  return stream;
+}
+
+namespace {
+
 /// A helper that keeps what it reads and accepts what ends in "secret".
 class HelperTest : public SecurityTest {
  protected:
@@ -496,6 +514,20 @@ TEST_F(HelperTest, HelperThatCannotBeStartedIsReported) {
                 HasSubstr("AuthenticateOnLinux: popen( root/bin/qor_pam_auth, ...) failed : "
                           "Too many open files\n"));
   });
+}
+
+// Whatever its status says, a helper that has not read the pair has not checked it.
+TEST_F(HelperTest, PairThatNobodyReadsIsReportedAndARefusal) {
+  Install("exit 0\n");
+  after_popen = [] {
+    siginfo_t ended{};
+    EXPECT_EQ(waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT), 0);
+  };
+  DebugCapture debug;
+  EXPECT_EQ(AuthenticateOnLinux("anna", "secret"), 1);
+  after_popen = nullptr;
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre("AuthenticateOnLinux: fprintf() failed : Broken pipe\n"));
 }
 
 TEST_F(HelperTest, LeavesNoDescriptorOpen) {

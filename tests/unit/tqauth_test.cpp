@@ -4,13 +4,21 @@
 #include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "support.h"
@@ -31,26 +39,61 @@ std::vector<const char*> members;
 size_t needed_buffer = 0;
 bool group_exists = true;
 
+// The entries of the group file, and how many of them have been read.
+struct FileEntry {
+  const char* name;
+  std::vector<const char*> members;
+};
+std::vector<FileEntry> file_entries;
+size_t entries_read = 0;
+
+// By how much the clock that never jumps has been moved.
+std::atomic<time_t> clock_offset = 0;
+
 std::string Attempt() {
   return "username: "s + kHide + "password: " + kShow + "\r\n";
 }
 
 }  // namespace
 
-// In place of the system's group database, for the whole program.
-extern "C" int getgrnam_r(const char* name, group* entry, char* /*buffer*/, size_t size,
-                          group** found) {
-  static std::vector<char*> listed;
+// In place of the system's group database and clock, for the whole program.
+extern "C" {
+
+static void FillEntry(group* entry, const char* name, const std::vector<const char*>& listed) {
+  static std::array<char*, 8> members_of_entry;
+  members_of_entry.fill(nullptr);
+  for (size_t i = 0; i < listed.size(); ++i) {
+    members_of_entry.at(i) = const_cast<char*>(listed[i]);
+  }
+  *entry = {const_cast<char*>(name), nullptr, 0, members_of_entry.data()};
+}
+
+int getgrnam_r(const char* name, group* entry, char* /*buffer*/, size_t size, group** found) {
   *found = nullptr;
   if (size < needed_buffer) return ERANGE;
   if (!group_exists || std::string_view(name) != "qoruser") return 0;
-  listed.clear();
-  for (const char* member : members) listed.push_back(const_cast<char*>(member));
-  listed.push_back(nullptr);
-  *entry = {const_cast<char*>(name), nullptr, 0, listed.data()};
+  FillEntry(entry, name, members);
   *found = entry;
   return 0;
 }
+
+int fgetgrent_r(FILE* /*file*/, group* entry, char* /*buffer*/, size_t size, group** found) {
+  *found = nullptr;
+  if (size < needed_buffer) return ERANGE;
+  if (entries_read == file_entries.size()) return ENOENT;
+  const FileEntry& next = file_entries[entries_read++];
+  FillEntry(entry, next.name, next.members);
+  *found = entry;
+  return 0;
+}
+
+int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  const long result = syscall(SYS_clock_gettime, clock, now);
+  if (clock == CLOCK_MONOTONIC) now->tv_sec += clock_offset;
+  return static_cast<int>(result);
+}
+
+}  // extern "C"
 
 namespace {
 
@@ -60,12 +103,17 @@ class TqauthTest : public ::testing::Test {
     members = {"carl", "anna"};
     needed_buffer = 0;
     group_exists = true;
+    file_entries.clear();
+    entries_read = 0;
     std::filesystem::create_directory("root/bin");
     Install(
         "pair=$(cat; echo .)\nprintf '%s|' \"${pair%.}\" >> root/pairs\n"
         "case $pair in *secret.) exit 0;; esac\nexit 1\n");
   }
-  ~TqauthTest() override { free(user_); }
+  ~TqauthTest() override {
+    free(user_);
+    clock_offset = 0;
+  }
 
   static void Install(const std::string& script) {
     test::WriteFile(kHelper, "#!/bin/sh\n" + script);
@@ -181,6 +229,27 @@ TEST_F(TqauthTest, WithoutTheGroupOnlyRootIsAdmitted) {
 TEST_F(TqauthTest, GroupMayBeLarge) {
   needed_buffer = 100000;
   EXPECT_EQ(Authenticate("box\nanna\nsecret\n"), "box");
+  group_exists = false;
+  file_entries = {{"others", {"bert"}}, {"qoruser", {"anna"}}};
+  EXPECT_EQ(Authenticate("box\nanna\nsecret\n"), "box");
+}
+
+TEST_F(TqauthTest, AllEntriesOfTheFileAreSearched) {
+  file_entries = {
+      {"qoruser", {"carl", "anna"}}, {"qoruser2", {"bert"}}, {"qoruser", {}},
+      {"Qoruser", {"bert"}},         {"qoruse", {"bert"}},   {"qoruser", {"dora", "emil"}}};
+  for (const auto& [name, line] :
+       {std::pair{"anna", "box"}, {"emil", "box"}, {"bert", "(refused)"}, {"emi", "(refused)"}}) {
+    entries_read = 0;
+    EXPECT_EQ(Authenticate("box\n" + std::string(name) + "\nsecret\n"), line) << name;
+  }
+}
+
+TEST_F(TqauthTest, GroupThatOnlyTheDatabaseKnowsIsEnough) {
+  file_entries = {{"others", {"bert"}}};
+  EXPECT_EQ(Authenticate("box\nanna\nsecret\n"), "box");
+  entries_read = 0;
+  EXPECT_EQ(Authenticate("box\nbert\nsecret\n"), "(refused)");
 }
 
 // ---- Limits and failures --------------------------------------------------------------------
@@ -223,6 +292,35 @@ TEST_F(TqauthTest, TimeThatRunsOutIsARefusal) {
   EXPECT_EQ(Authenticate("box\nroot\nsecret\n"), "(refused)");
 }
 
+/// Types "b", waits until it is read, and goes on so many seconds later.
+class SlowClientTest : public TqauthTest {
+ protected:
+  std::string AuthenticateAfter(time_t seconds) {
+    const SocketPair pair;
+    test::SendText(pair.theirs.get(), "b");
+    std::thread client([&] {
+      test::Eventually([&] {
+        char byte = 0;
+        return recv(pair.ours.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) == -1;
+      });
+      clock_offset += seconds;
+      test::SendText(pair.theirs.get(), "ox\nroot\nsecret\n");
+    });
+    const char* line = authenticate(pair.ours.get(), &user_);
+    client.join();
+    return line == nullptr ? "(refused)" : line;
+  }
+};
+
+TEST_F(SlowClientTest, WholeExchangeHasTwoMinutes) {
+  EXPECT_EQ(AuthenticateAfter(119), "box");
+}
+
+TEST_F(SlowClientTest, ClientThatTypesTheWholeTimeIsRefusedInTheEnd) {
+  EXPECT_EQ(AuthenticateAfter(121), "(refused)");
+  EXPECT_EQ(Pairs(), "");
+}
+
 // The test's own send is the first of those that are counted, the pair that is sent to the helper
 // the last.
 TEST_F(TqauthTest, FailedSendIsARefusal) {
@@ -252,6 +350,48 @@ TEST_F(TqauthTest, LeavesNoDescriptorOpen) {
   const int after = dup(0);
   close(after);
   EXPECT_EQ(before, after);
+}
+
+// Whatever the memory runs out for: no line without the name, and neither a descriptor nor a child
+// is left.
+TEST_F(TqauthTest, MemoryThatRunsOutIsARefusal) {
+  group_exists = false;
+  file_entries = {{"others", {"bert"}}, {"qoruser", {"anna"}}};
+  const int before = test::Descriptor(dup(STDIN_FILENO)).get();
+  int refusals = 0;
+  int number = 1;
+  for (bool failed = true; failed; ++number) {
+    entries_read = 0;
+    const SocketPair pair;
+    test::SendText(pair.theirs.get(), "box\nanna\nsecret\n");
+    char* user = nullptr;
+    const char* line = nullptr;
+    {
+      const test::FailAllocation failure(number);
+      line = authenticate(pair.ours.get(), &user);
+      failed = failure.reached();
+    }
+    EXPECT_STREQ(user, line == nullptr ? nullptr : "anna");
+    EXPECT_TRUE(failed || line != nullptr) << "enough memory after " << number;
+    if (line == nullptr) ++refusals;
+    free(user);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+  }
+  EXPECT_GT(refusals, 1);
+  EXPECT_EQ(test::Descriptor(dup(STDIN_FILENO)).get(), before);
+}
+
+TEST_F(TqauthTest, LongestAnswersAreThoseOf1023Characters) {
+  const std::string longest(1023, 'x');
+  EXPECT_EQ(Authenticate("box\nroot\n" + longest + "\nroot\n" + longest + "y\n"), "(refused)");
+  EXPECT_EQ(Pairs(), "root " + longest + "|");
+  // What is taken back makes room.
+  EXPECT_EQ(Authenticate("box\n" + longest + "\b\x7F" + longest.substr(0, 2) + "\nsecret\nroot\n" +
+                         "secret\n"),
+            "(refused)")
+      << "the first pair is valid, but its name is not admitted";
+  EXPECT_EQ(Pairs(), "root " + longest + "|" + longest + " secret|");
 }
 
 }  // namespace
