@@ -6,9 +6,11 @@ import re
 import shutil
 import signal
 import subprocess
+from datetime import datetime, timedelta
 
 import pytest
 
+from harness.clock import ShiftedClock
 from harness.logs import (ARCHIVING, add_waker, age_directory, bring_up, consolidated,
                           consolidated_records, current, dated, log_of, of_console, read, records,
                           set_interval, wait_awake, wait_records)
@@ -221,6 +223,62 @@ def test_a_log_directory_that_is_gone_when_the_directory_expires(station):
     wait_until(lambda: waker.send(b".") or log_of(station, "box").exists(), what="the log")
     print_and_wait(station, box, b"kept\n")
     wait_until(lambda: b"kept\n" in read(log_of(station, "box")), what="the record")
+
+
+# A clock that is set back
+
+
+def stamps(path) -> list[datetime]:
+    """When the records of a log were written, by the daemon's clock."""
+    return [datetime.strptime(stamp.decode(), "%y/%m/%d_%H:%M:%S")
+            for stamp in re.findall(rb"^(\S{17}) ", read(path), re.MULTILINE)]
+
+
+def test_a_clock_that_jumps_back_an_hour(station, tmp_path):
+    clock = ShiftedClock(tmp_path)
+    box, waker = station.console("box", greeting=b"ready\n"), add_waker(station)
+    station.start("-a", "60m", env={**clock.env, "TZ": "UTC0"})
+    for console in (box, waker):
+        console.accept()
+        station.wait_connected(console.name)
+    wait_records(log_of(station, "box"), [b"ready\n"])
+    directory = current(station).resolve()
+    user = station.attach("box", user="ann")
+    clock.shift(-3600)
+    position = station.mark()
+
+    # Who is connected stays so, and others may come.
+    assert echo_time(user, box, b"k", limit=5) < 5
+    late = station.attach("box", mode="ro", user="late")
+    box.send(b"\nwatched\n")
+    for caller in (user, late):
+        caller.expect(b"watched\n")
+        caller.close()
+        station.wait_log(f'CleanUpClosedConnections: Closing connection with user '
+                         f'"{caller.name}"on console "box"', after=position)
+    box.send(b"alone\n")
+    lines = [b"ready\n", b"<k>\n", b"watched\n", b"alone\n"]
+    wait_records(log_of(station, "box"), lines)
+    wait_until(lambda: len(consolidated_records(consolidated(station))) == 2, what="the record")
+    assert consolidated_records(consolidated(station)) == [("box", lines[0]), ("box", lines[3])]
+    before, *after = stamps(log_of(station, "box"))
+    assert len(after) == 3 and after == sorted(after)
+    assert before - timedelta(hours=1) <= after[0] < after[-1] + timedelta(seconds=1) < before
+    assert not box.closed and not box.called()
+
+    # A console that is lost is called again at once.
+    box.close()
+    box.accept()
+    wait_records(log_of(station, "box"), [*lines, b"ready\n"])
+
+    # The directory is as old as its clock says: the next one is begun an hour later than due.
+    clock.shift(3000)
+    wait_awake(station, waker, "Entering LogDirExpired", after=station.mark(), count=2)
+    assert ARCHIVING not in station.log_text() and current(station).resolve() == directory
+    clock.shift(3601)
+    wait_awake(station, waker, ARCHIVING, after=position)
+    wait_until(lambda: current(station).resolve() != directory, what="the new directory")
+    assert records(directory / "box.log") == [*lines, b"ready\n"]
 
 
 # Output that is no text

@@ -4,6 +4,7 @@ import os
 import random
 import re
 import shutil
+import signal
 import subprocess
 import time
 from datetime import datetime
@@ -11,10 +12,11 @@ from pathlib import Path
 
 import pytest
 
+from harness.clock import ShiftedClock
 from harness.logs import (ARCHIVING, add_waker, age_directory, all_consolidated_records,
                           all_records, bring_up, consolidated, consolidated_records, current,
                           dated, difference, directories, log_of, of_console, read, records,
-                          rotate, set_interval, wait_records)
+                          rotate, set_interval, wait_awake, wait_records)
 from harness.scenes import numbered, print_and_wait, reload
 from harness.station import console_line
 from harness.waiting import wait_until
@@ -57,6 +59,27 @@ def output_of(found: list[bytes]) -> bytes:
     return b"".join(printed)
 
 
+def end_of_output(station, *boxes, after: bytes) -> bytes:
+    """Wait for the logs to hold all that was printed, and return it.
+
+    When they hold most of it the rotations are ended, so that a last line is a whole record.
+    """
+    def amount(box) -> int:
+        return sum(len(record) for record in all_records(station, box.name))
+
+    expected = after.replace(b"\r", b"")
+    for box in boxes:
+        wait_until(lambda: amount(box) > 0.9 * len(expected), 60, f"the output of {box.name}")
+    (station.config / "qor.conf").write_text("ZEVD_ARCH_INT=7\n")
+    reload(station)
+    for box in boxes:
+        box.send(b"end\n")
+        wait_until(lambda: all_records(station, box.name)[-1:] == [b"end\n"], 60, "the end")
+        wait_until(lambda: of_console(all_consolidated_records(station), box.name)[-1:] == [
+            b"end\n"], 60, "the end in the consolidated log")
+    return expected + b"end\n"
+
+
 # The layout
 
 
@@ -96,6 +119,7 @@ def test_a_rotation_begins_a_new_directory_and_leaves_the_old_one(station, box, 
     assert current(station).resolve().name in {before, minute()}
     assert records(old / "box.log") == [b"old\n"]
     assert consolidated_records(old / "consolidated.log") == [("box", b"old\n")]
+    wait_until(lambda: read(consolidated(station)), what="the consolidated record")
     assert consolidated_records(consolidated(station)) == [("box", b"new\n")]
 
 
@@ -160,6 +184,7 @@ def test_every_line_is_whole_however_often_the_directory_changes(station):
         station.wait_log(ARCHIVING, after=position)
         wait_until(lambda: len(all_records(station, "box")) >= number, what=f"line {number}")
     assert all_records(station, "box") == lines
+    wait_until(lambda: len(all_consolidated_records(station)) >= len(lines), what="the records")
     assert all_consolidated_records(station) == [("box", line) for line in lines]
 
 
@@ -170,16 +195,62 @@ def test_nothing_is_lost_under_load_however_often_the_directory_changes(station)
     position = station.mark()
     for flood in [box.flood(printed, 1) for box in boxes]:
         flood.join(limit=60)
-    last = printed.splitlines()[-1]
-    expected = printed.replace(b"\r", b"")
-    for name in ("box", "other"):
-        wait_until(lambda: last in b"".join(all_records(station, name)), 60, "the last line")
-        found = all_records(station, name)
-        assert output_of(found) == expected, difference(found, expected.splitlines(keepends=True))
+    expected = end_of_output(station, *boxes, after=printed)
     assert station.log_text(position).count(ARCHIVING) > 10
     for name in ("box", "other"):
-        found = of_console(all_consolidated_records(station), name)
+        for found in (all_records(station, name),
+                      of_console(all_consolidated_records(station), name)):
+            assert output_of(found) == expected, difference(
+                found, expected.splitlines(keepends=True))
+
+
+def test_consoles_that_connect_while_the_directory_changes_all_get_their_log(station):
+    waker = add_waker(station)
+    # Few at a time, so that a change of directories takes no longer than the opening of a log.
+    groups = [[station.console("unnamed", greeting=b"up\n") for _ in range(10)] for _ in range(2)]
+    station.write_config(console_line("waker", waker.port, logging=0))
+    station.start("-d", "1", "-a", "0d")
+    waker.accept()
+    waker.flood(b"." * 1024, 1_000_000)
+    for turn in range(100):
+        coming, going = groups[turn % 2], groups[1 - turn % 2]
+        names = {f"turn{turn}-{number}": box for number, box in enumerate(coming)}
+        station.write_config(console_line("waker", waker.port, logging=0) + "".join(
+            console_line(name, box.port) for name, box in names.items()))
+        station.signal(signal.SIGHUP)
+        for box in coming:
+            box.accept()
+        for name in names:
+            wait_until(lambda: all_records(station, name) == [b"up\n"], what=f"the log of {name}")
+        wait_until(lambda: turn == 0 or all(box.closed for box in going),
+                   what="the consoles before to be given up")
+    said = station.log_text()
+    assert said.count(ARCHIVING) > 200
+    assert "has not been opened" not in said and "failed : No such" not in said
+
+
+def test_nothing_is_lost_while_directories_and_names_change_under_load(station):
+    (station.config / "qor.conf").write_text("ZEVD_ARCH_INT=0\n")
+    box, other = station.console("box"), station.console("other")
+    bring_up(station, box, other, options=("-d", "1"))
+    begin = station.mark()
+    names = [f"other{turn}" for turn in range(1, 151)]
+    for turn, name in enumerate(names):
+        flood = box.flood(numbered(500, start=500 * turn), 1)
+        station.write_config(console_line("box", box.port) + console_line(name, other.port))
+        reload(station)
+        other.send(b"this is %s\n" % name.encode())
+        flood.join()
+    expected = end_of_output(station, box, after=numbered(500 * len(names)))
+    assert not box.called() and not other.called()
+    assert station.log_text(begin).count(ARCHIVING) > len(names)
+    for found in (all_records(station, "box"),
+                  of_console(all_consolidated_records(station), "box")):
         assert output_of(found) == expected, difference(found, expected.splitlines(keepends=True))
+    # A log follows its console's name as long as its directory is in use.
+    wait_until(lambda: sorted(
+        record for name in ["other", *names] for record in all_records(station, name)) == sorted(
+            b"this is %s\n" % name.encode() for name in names), what="the other console's lines")
 
 
 # The link
@@ -222,18 +293,27 @@ def test_a_link_that_was_removed_costs_a_message(station, box):
 # The age
 
 
-def test_a_restart_does_not_begin_a_new_period(station, box):
-    print_and_wait(station, box, b"before\n")
+def wait_looked(station, waker) -> None:
+    """Wait until the daemon has looked at the age of the directory by the present time."""
+    wait_awake(station, waker, "Entering LogDirExpired", after=station.mark(), count=2)
+
+
+def test_a_restart_does_not_begin_a_new_period(station, waker, tmp_path):
+    clock = ShiftedClock(tmp_path)
+    station.start("-a", "60m", env=clock.env)
+    waker.accept()
     directory = age_directory(station)
-    position = station.mark()
     station.stop()
-    station.start("-d", "1")
-    box.greeting = b""
-    box.accept()
-    box.send(b"after\n")
-    wait_records(log_of(station, "box"), [b"before\n", b"after\n"])
-    assert current(station).resolve() == directory
+    clock.shift(50 * 60)
+    position = station.mark()
+    station.start("-a", "60m", env=clock.env)
+    waker.accept()
+    wait_looked(station, waker)
     assert ARCHIVING not in station.log_text(position)
+    assert current(station).resolve() == directory
+    clock.shift(61 * 60)
+    wait_awake(station, waker, ARCHIVING, after=position)
+    wait_until(lambda: len(directories(station)) == 2, what="the new directory")
 
 
 def borrowed_directory(station, lead: int) -> tuple[Path, float]:

@@ -14,6 +14,8 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -24,6 +26,7 @@
 #include "user_mon.h"
 #include "waker.h"
 #include "zev.h"
+#include "zev_signal.h"
 
 namespace {
 
@@ -829,6 +832,92 @@ void ExpectPassesToTakePlace(const Attached<ConsoleNode>& console, const Attache
 
 TEST_F(ConsoleMonitorDeathTest, LoopRelaysDeletesMovesAndParks) {
   EXPECT_HOLDS_IN_CHILD(ExpectPassesToTakePlace(console_, AddUser("anna")));
+}
+
+// ---- A reload in the loop -----------------------------------------------------------------------
+
+constexpr useconds_t kPausePoll = 100;  // the other pauses of a pass are longer
+constexpr unsigned kOtherThreads = 0x1D;
+
+/// The loop runs in the only thread of a child, where every sleep is a step of the test.
+class ReloadInLoopTest : public ConsoleMonitorDeathTest {
+ protected:
+  ReloadInLoopTest() {
+    std::filesystem::create_directory("root/events");
+    test::WriteFile("root/config/zev.conf", "");
+  }
+
+  /// Asks for a reload and calls `pausing` each time that the loop waits for another thread, and
+  /// `reloaded` when it has gone on.
+  static void Run(const std::function<void()>& pausing, const std::function<void()>& reloaded) {
+    test::FakeClock clock;
+    clock.OnSleep([&](useconds_t pause) {
+      if (pause == kPausePoll) {
+        pausing();
+        return;
+      }
+      reloaded();
+      test::EndChild();
+    });
+    BlockSignal(SIGHUP);
+    kill(getpid(), SIGHUP);
+    MonitorConsoleOutput();
+  }
+
+  static void ExpectToWaitForAnyOther(unsigned bit) {
+    constexpr int kPolls = 5;
+    const DebugCapture debug(kTrace);
+    int polls = 0;
+    Run(
+        [&] {
+          EXPECT_EQ(thread_waitreq_mask, kOtherThreads);
+          EXPECT_FALSE(debug.Has("Entering ReloadEventFiles\n"));
+          EXPECT_LE(++polls, kPolls);
+          if (HasFailure()) test::EndChild();
+          thread_waiting_mask = polls < kPolls ? kPauseConsMon : bit;  // its own bit does not count
+        },
+        [&] {
+          EXPECT_EQ(polls, kPolls);
+          EXPECT_TRUE(debug.Has("Entering ReloadEventFiles\n"));
+          EXPECT_TRUE(debug.Has("Entering ReloadConfigFile\n"));
+          EXPECT_EQ(thread_waitreq_mask, 0U);
+        });
+  }
+
+  void ExpectToGoOnWithoutMemory() {
+    console_.node->enable = 0;
+    const DebugCapture debug(0);
+    std::optional<test::FailAllocation> failure;
+    Run(
+        [&] {
+          thread_waiting_mask = kPauseConsConn;
+          failure.emplace(1);
+        },
+        [&] {
+          EXPECT_TRUE(failure->reached());
+          failure.reset();
+          EXPECT_THAT(test::Reports(debug.Messages()),
+                      ElementsAre("NewConsoleList: malloc() failed : Cannot allocate memory\n",
+                                  "MonitorConsoleOutput: ReloadConfigFile() failed.\n"));
+          EXPECT_EQ(console_.node->deleted, 0);
+          EXPECT_EQ(console_.node->status, kNotConnected);  // as it is disabled
+          EXPECT_EQ(thread_waitreq_mask, 0U);
+        });
+  }
+
+ private:
+  test::StationRoot root_;
+};
+
+TEST_F(ReloadInLoopTest, WaitsUntilOneOfTheOtherThreadsStandsStill) {
+  for (const unsigned bit : {kPauseConsConn, kPauseUserConn, kPauseUserMon, kPauseCmdMon}) {
+    SCOPED_TRACE(bit);
+    EXPECT_HOLDS_IN_CHILD(ExpectToWaitForAnyOther(bit));
+  }
+}
+
+TEST_F(ReloadInLoopTest, ConfigurationThatCannotBeReadForWantOfMemoryIsReported) {
+  EXPECT_HOLDS_IN_CHILD(ExpectToGoOnWithoutMemory());
 }
 
 }  // namespace

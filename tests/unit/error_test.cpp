@@ -565,6 +565,27 @@ TEST_F(FirstMessageTest, TwoThreadsThatExitTogetherEndTheProcessOnce) {
       ExitedWithCode(1), StrEq("once\n"));
 }
 
+std::atomic<bool> exit_hangs{false};
+
+// An exit that waits for what it will never get.
+void HangInExit() {
+  exit_hangs = true;
+  sleep(30);
+  fputs("hung\n", stderr);
+}
+
+TEST_F(FirstMessageTest, ThreadThatExitsSecondDoesNotWaitForAnExitThatHangs) {
+  EXPECT_EXIT(
+      {
+        atexit(HangInExit);
+        test::StartDebugOutput();
+        std::thread([] { ExitProcess(1, "other.cpp", 1); }).detach();
+        while (!exit_hangs) std::this_thread::yield();
+        ExitProcess(3, "main.cpp", 1);
+      },
+      ExitedWithCode(3), StrEq(""));
+}
+
 TEST_F(FirstMessageTest, ExitFromWithinExitEndsTheProcess) {
   EXPECT_EXIT(
       {

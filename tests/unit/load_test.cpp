@@ -831,13 +831,13 @@ TEST_F(ReloadTest, MergeTakesNewNodesOffTheNewList) {
 
 TEST_F(ReloadTest, EntryLinesAreWritten) {
   const test::DebugCapture capture(kTrace);
-  EXPECT_EQ(Reload(""), 0);
+  EXPECT_EQ(Reload(Line("a", 1)), 0);
   EXPECT_THAT(
       test::Containing(capture.Messages(), "Entering "),
       ::testing::IsSupersetOf({"Entering ReloadConfigFile\n", "Entering NewConsoleList\n",
                                "Entering LoadConfigFile\n", "Entering PrintConsoles\n",
                                "Entering MergeConsoleLists\n", "Entering MarkConsolesAsDeleted\n",
-                               "Entering FreeConsoleList\n"}));
+                               "Entering UpdateConsole\n", "Entering FreeConsoleList\n"}));
 }
 
 }  // namespace

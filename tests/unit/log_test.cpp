@@ -4,12 +4,16 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <thread>
 
 #include "event_set.h"
 #include "paths.h"
@@ -19,16 +23,25 @@
 namespace {
 
 thread_local bool fchmod_fails = false;
+thread_local std::function<void()> before_fchmod;  // while a new log is being set up
+thread_local std::function<void()> after_writev;   // when a record has been written
 
 }  // namespace
 
-// Takes the place of the C library's: what a new log does when its mode cannot be set.
+// These take the place of the C library's.
 extern "C" int fchmod(int fd, mode_t mode) noexcept {
+  if (before_fchmod) before_fchmod();
   if (fchmod_fails) {
     errno = EPERM;
     return -1;
   }
   return static_cast<int>(syscall(SYS_fchmod, fd, mode));
+}
+
+extern "C" ssize_t writev(int fd, const iovec* parts, int count) {
+  const ssize_t written = syscall(SYS_writev, fd, parts, count);
+  if (after_writev) after_writev();
+  return written;
 }
 
 namespace {
@@ -71,6 +84,8 @@ class LogTest : public UtcTest {
     box_->logging = 1;
   }
   ~LogTest() override {
+    before_fchmod = nullptr;
+    after_writev = nullptr;
     CloseLogFile(box_);
     CloseConsolidatedLogFile();
     umask(saved_umask_);
@@ -259,6 +274,17 @@ TEST_F(LogTest, StampIsThatOfTheEndOfTheLine) {
   clock_.Advance(1);
   Print("ting\nmore\n");
   EXPECT_EQ(Log(), Record("booting\n", kNextStamp) + Record("more\n", kNextStamp));
+}
+
+TEST_F(LogTest, RecordHasOneTimeInBothLogsHoweverLongItsWritingTakes) {
+  OpenLogs();
+  after_writev = [this] { clock_.Advance(1); };
+  Print("first\n");
+  Print("second\n");
+  constexpr char kThirdStamp[] = "11/03/13_07:06:42";
+  EXPECT_EQ(Log(), Record("first\n") + Record("second\n", kThirdStamp));
+  EXPECT_EQ(Consolidated(),
+            ConsolidatedRecord("first\n") + ConsolidatedRecord("second\n", kThirdStamp));
 }
 
 TEST_F(LogTest, EmptyLinesAreRecords) {
@@ -756,6 +782,74 @@ TEST_F(LogTest, ConsolidatedLogThatCannotBeGivenItsGroupFailsButStaysOpen) {
   EXPECT_EQ(Consolidated(), ConsolidatedRecord("kept\n"));
 }
 
+/// The main thread's part while the connection thread opens a log: a new directory, a minute later.
+class ArchivingThread {
+ public:
+  ArchivingThread() : thread_(&ArchivingThread::Run, this) {}
+  ~ArchivingThread() { thread_.join(); }
+  ArchivingThread(const ArchivingThread&) = delete;
+  ArchivingThread& operator=(const ArchivingThread&) = delete;
+
+  bool done() const { return done_; }
+
+  /// It has said that it begins, and sleeps.
+  bool IsWaiting(const test::DebugCapture& capture) const {
+    return capture.Has("ArchiveLogDir: Archiving log directory\n") && State() == 'S';
+  }
+
+ private:
+  void Run() {
+    const test::FakeClock clock(kStart + 60);  // each thread has its own
+    id_ = gettid();
+    ArchiveLogDir();
+    done_ = true;
+  }
+
+  char State() const {
+    const std::string stat =
+        test::ReadFile("/proc/self/task/" + std::to_string(id_.load()) + "/stat");
+    return stat.at(stat.rfind(')') + 2);
+  }
+
+  std::atomic<pid_t> id_{0};
+  std::atomic<bool> done_{false};
+  std::thread thread_;  // the last, as it uses the others
+};
+
+TEST_F(LogTest, NewDirectoryIsNotBegunWhileALogIsSetUp) {
+  ASSERT_EQ(OpenConsolidatedLogFile(), 0);
+  const test::DebugCapture capture(kInfo);
+  std::unique_ptr<ArchivingThread> archiving;
+  before_fchmod = [&] {
+    archiving = std::make_unique<ArchivingThread>();
+    EXPECT_TRUE(
+        test::Eventually([&] { return archiving->done() || archiving->IsWaiting(capture); }));
+    EXPECT_FALSE(archiving->done());
+    EXPECT_EQ(std::filesystem::read_symlink(Dated("/current")).filename(), kDirectoryName);
+  };
+  EXPECT_EQ(OpenLogFile(box_), 0);
+  ASSERT_NE(archiving, nullptr);
+  archiving.reset();
+  EXPECT_EQ(std::filesystem::read_symlink(Dated("/current")).filename(), "13-Mar-07:07");
+  EXPECT_EQ(Mode(Dated("/"s + kDirectoryName + "/box.log")), 0660U);
+  EXPECT_EQ(Print("kept\n"), 0);
+  EXPECT_EQ(test::ReadFile(Dated("/"s + kDirectoryName + "/box.log")), Record("kept\n"));
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("OpenLogFile: opened " + logs_ + "//zev.dated/current/box.log\n",
+                          "ArchiveLogDir: Archiving log directory\n"));
+}
+
+TEST_F(LogTest, LogIsSetUpEvenIfItsDirectoryIsRemovedMeanwhile) {
+  ASSERT_EQ(OpenConsolidatedLogFile(), 0);
+  before_fchmod = [this] { std::filesystem::remove_all(Dated()); };
+  EXPECT_EQ(OpenLogFile(box_), 0);
+  ASSERT_FALSE(std::filesystem::exists(Dated()));
+  struct stat log {};
+  ASSERT_EQ(fstat(box_->log_fd, &log), 0);
+  EXPECT_EQ(log.st_mode & 07777U, 0660U);
+  EXPECT_EQ(Print("lost with its directory\n"), 0);
+}
+
 TEST_F(LogTest, LongLogDirectoryIsCutNotOverrun) {
   const std::string deep = "/" + std::string(5000, 'd');
   log_dir = deep.c_str();
@@ -903,6 +997,48 @@ TEST_F(LogTest, ClockThatJumpsBackAnHourOnlyDelaysTheNextDirectory) {
   EXPECT_EQ(LogDirExpired(), 1);
 }
 
+/// The age of the directory is not known until it is first asked for: the child starts the program
+/// afresh.
+class FreshLogDirTest : public UtcTest {
+ protected:
+  FreshLogDirTest() { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
+  ~FreshLogDirTest() override { ::testing::GTEST_FLAG(death_test_style) = saved_; }
+
+ private:
+  std::string saved_ = ::testing::GTEST_FLAG(death_test_style);
+};
+
+time_t ChangeTime(int (*examine)(const char*, struct stat*), const std::filesystem::path& path) {
+  struct stat status {};
+  EXPECT_EQ(examine(path.c_str(), &status), 0) << path;
+  return status.st_ctime;
+}
+
+void AskForTheAgeOfADirectoryThatWasThereBefore() {
+  const test::TemporaryDirectory logs;
+  log_dir = logs.path().c_str();
+  log_archive_time = 0;
+  EXPECT_EQ(LogDirExpired(), 0) << "without a link";
+  const std::filesystem::path link = logs.path() / "zev.dated/current";
+  std::filesystem::create_directory(logs.path() / "zev.dated");
+  std::filesystem::create_symlink(logs.path() / "gone", link);
+  EXPECT_EQ(LogDirExpired(), 0) << "with a link whose target is gone";
+
+  std::filesystem::remove(link);
+  std::filesystem::create_symlink("/usr", link);  // a directory that is older than its link
+  log_archive_time = 3600;
+  const time_t created = ChangeTime(stat, link);
+  ASSERT_LT(created, ChangeTime(lstat, link));
+  test::FakeClock clock(created + 3599);
+  EXPECT_EQ(LogDirExpired(), 0);
+  clock.Advance(1);
+  EXPECT_EQ(LogDirExpired(), 1);
+}
+
+TEST_F(FreshLogDirTest, AgeOfADirectoryThatWasThereBeforeIsThatOfTheLinksTarget) {
+  EXPECT_HOLDS_IN_CHILD(AskForTheAgeOfADirectoryThatWasThereBefore());
+}
+
 TEST_F(LogTest, IntervalOfZeroHasAlwaysExpired) {
   CreateZevDatedDir();
   ArchiveLogDir();
@@ -938,18 +1074,36 @@ TEST_F(LogTest, DirectoryThatCannotBeMadeExpiresAgain) {
 // ---- Entry lines --------------------------------------------------------------------------------
 
 TEST_F(LogTest, EveryFunctionWritesItsEntryLine) {
-  OpenLogs();
   const test::DebugCapture capture(kTrace);
+  OpenLogs();
   Print("one\npend");
+  suppress_cr = 0;
+  Print("ing");
   CloseLogFile(box_);
   CloseConsolidatedLogFile();
   LogDirExpired();
   ArchiveLogDir();
   const std::vector<std::string> messages = capture.Messages();
-  for (const char* name :
-       {"WriteLogFile", "RemoveCRsAndNULLs", "WriteLines", "WriteBuffer", "CloseLogFile",
-        "FlushBuffer", "CloseConsolidatedLogFile", "LogDirExpired", "ArchiveLogDir",
-        "RemoveSymlinkToCurrDir", "CreateSymlinkToCurrDir", "GetNewDirName"}) {
+  for (const char* name : {"OpenLogFile",
+                           "OpenConsolidatedLogFile",
+                           "WriteLogFile",
+                           "WriteLines",
+                           "WriteBuffer",
+                           "FlushBuffer",
+                           "GetNewlineIndex",
+                           "RemoveCRsAndNULLs",
+                           "RemoveNULLs",
+                           "CopyBytes",
+                           "CloseLogFile",
+                           "CloseConsolidatedLogFile",
+                           "LogDirExpired",
+                           "ArchiveLogDir",
+                           "ZevDatedDirExists",
+                           "CreateZevDatedDir",
+                           "SymlinkToCurrDirExists",
+                           "CreateSymlinkToCurrDir",
+                           "RemoveSymlinkToCurrDir",
+                           "GetNewDirName"}) {
     EXPECT_THAT(messages, Contains("Entering "s + name + "\n"));
   }
 }

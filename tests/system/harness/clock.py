@@ -1,0 +1,44 @@
+"""A clock of the daemon's own, which a test can set and hold while the daemon runs."""
+
+import os
+import struct
+import subprocess
+import time
+from pathlib import Path
+
+_SOURCE = Path(__file__).with_name("shifted_clock.c")
+
+
+class ShiftedClock:
+    """The clock of the daemons that are started with `env`; the machine's until it is changed.
+
+    Files keep the machine's time, as the kernel gives it to them.
+    """
+
+    def __init__(self, scratch: Path) -> None:
+        self._library = scratch / "shifted_clock.so"
+        self._settings = scratch / "shifted_clock.settings"
+        subprocess.run(["cc", "-Wall", "-Wextra", "-Werror", "-O1", "-shared", "-fPIC",
+                        "-o", self._library, _SOURCE], check=True)
+        self._settings.write_bytes(struct.pack("=qq", 0, 0))
+
+    @property
+    def env(self) -> dict[str, str]:
+        """What has to be in the daemon's environment."""
+        # A sanitizer wants to be the first library; what comes before it here needs none.
+        options = f"{os.environ.get('ASAN_OPTIONS', '')} verify_asan_link_order=0"
+        return {"LD_PRELOAD": str(self._library), "SHIFTED_CLOCK": str(self._settings),
+                "ASAN_OPTIONS": options.strip()}
+
+    def hold(self) -> None:
+        """Let the seconds stand still from now on, so that no time passes but by `shift`."""
+        self._set(0, int(time.time()))
+
+    def shift(self, seconds: int) -> None:
+        """Let the clock be that far ahead of where it goes or stands, or behind it."""
+        self._set(1, seconds)
+
+    def _set(self, field: int, value: int) -> None:
+        with open(self._settings, "r+b", buffering=0) as file:
+            file.seek(field * struct.calcsize("=q"))
+            file.write(struct.pack("=q", value))
