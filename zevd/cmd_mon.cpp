@@ -1,13 +1,15 @@
 // The life of the thread "cmd_mon", and the commands of the management tools.
 //
-// main starts it; it never ends. It makes a pass at least every 2 seconds: a command or a new
-// connection ends the wait in select() (cmd_mon_waker does so for the latter). It reads, executes
-// and answers with cmd_lock held for writing, one command after another; inside, each command takes
-// the console list locks it needs, as a pair, and never waits while it holds one of those. It alone
-// closes command sockets and frees their records. The response state below is its own.
+// main starts it; it never ends. It makes a pass at least every 2 seconds: a command, room for the
+// rest of an answer or a new connection ends the wait in select() (cmd_mon_waker does so for the
+// last). It reads, executes and answers with cmd_lock held for writing, one command after another;
+// inside, each command takes the console list locks it needs, as a pair, and never waits while it
+// holds one of those. No send waits for its tool: what finds no room stays with the connection. It
+// alone closes command sockets and frees their records. The response state below is its own.
 #include "cmd_mon.h"
 
 #include <strings.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -19,6 +21,7 @@
 #include <cstring>
 #include <iterator>
 #include <new>
+#include <utility>
 
 #include "cons_mon.h"
 #include "error.h"
@@ -48,6 +51,7 @@ CommandList* NewCommandList(const char* list_name) {
   }
   InitCommandList(list, list_name);
   if (list->list_name == nullptr) {
+    SetUserError(kOutOfMemory);
     delete list;
     return nullptr;
   }
@@ -79,6 +83,7 @@ CommandNode* NewCommandNode(const char* user_name, const char* ipaddr) {
 
 void FreeCommandNode(CommandNode* cnode) {
   ENTERING();
+  free(cnode->answer.records);
   delete cnode;
 }
 
@@ -136,8 +141,8 @@ int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr
   cnode->connected = 1;
   const WriteLock lock(cmd_lock, HERE);
   if (AddCommandToList(cnode, cmd_list) != 0) {
+    // The node is not freed: a small leak, after an allocation that has failed already.
     zev_debug(kError, "%s: AddCommandToList() failed\n", __func__);
-    FreeCommandNode(cnode);
     return -1;
   }
   cmd_mon_waker.Wake();
@@ -154,24 +159,48 @@ namespace {
 
 constexpr useconds_t kPassPause = 500;  // microseconds
 constexpr timeval kSelectLimit = {2, 0};
+constexpr useconds_t kWithoutWait = 2000000;  // microseconds; in place of a wait in select()
 constexpr size_t kLineSize = 1024;
 constexpr char kLoop[] = "MonitorCommands";
 
-bool CopyCommandSockets(int* high_sock, DescriptorSet* fdset) {
+// A tool may read as slowly as it likes, but not stop.
+constexpr StallLimits kToolStall = {.idle = 5000, .no_room = INT64_MAX};
+
+/// What one pass waits for.
+struct WatchedSockets {
+  int high_sock = -1;
+  DescriptorSet lines;  ///< of tools that may send a command
+  DescriptorSet room;   ///< of tools that have not taken all of their last answer
+  bool unsent = false;  ///< there is such a tool
+};
+
+// False when out of memory.
+bool CopyCommandSockets(WatchedSockets* watched) {
   const ReadLock lock(cmd_lock, CallSite{kLoop, __LINE__});
-  *high_sock = cmd_list->high_sock;
-  return fdset->CopyFrom(cmd_list->fdset);
+  watched->high_sock = cmd_list->high_sock;
+  watched->unsent = false;
+  watched->room.Clear();
+  if (!watched->lines.CopyFrom(cmd_list->fdset)) return false;
+  for (const CommandNode* cnode : Nodes(*cmd_list)) {
+    if (!cnode->answer.IsUnsent()) continue;
+    watched->unsent = true;
+    watched->lines.Remove(cnode->sock);
+    if (!watched->room.Add(cnode->sock)) return false;
+  }
+  return true;
 }
 
-void ServeCommands(DescriptorSet* fdset) {
-  int high_sock = -1;
-  if (!CopyCommandSockets(&high_sock, fdset)) {
+void ServeCommands(WatchedSockets* watched) {
+  if (!CopyCommandSockets(watched)) {
     ReportOutOfMemory(kLoop);
+    usleep(kWithoutWait);
     return;
   }
-  if (CheckForCommand(high_sock, fdset) == 0) return;
+  const int ready = CheckForCommand(watched->high_sock, &watched->lines, &watched->room);
+  if (ready == 0 && !watched->unsent) return;
   const WriteLock lock(cmd_lock, CallSite{kLoop, __LINE__});
-  ProcessCommand(*fdset);
+  if (watched->unsent) cmd_mon::SendUnsentAnswers();
+  ProcessCommand(watched->lines);
   cmd_mon::CleanUpClosedConnections();
 }
 
@@ -201,23 +230,36 @@ void* CommandMonitorThreadStart(void* /*unused*/) {
 
 void MonitorCommands() {
   ENTERING();
-  DescriptorSet fdset;
+  WatchedSockets watched;
   for (;;) {
     ParkIfAsked(kPauseCmdMon);
     usleep(kPassPause);
-    ServeCommands(&fdset);
+    ServeCommands(&watched);
   }
 }
 
-int CheckForCommand(int high_sock, DescriptorSet* fdset) {
+int CheckForCommand(int high_sock, DescriptorSet* fdset, DescriptorSet* room) {
   ENTERING();
   timeval timeout = kSelectLimit;
-  const int ready = WaitForMembers(high_sock, *fdset, cmd_mon_waker, &timeout);
+  const int waker = cmd_mon_waker.descriptor();
+  const int highest = std::max(high_sock, waker);
+  if (!fdset->Reserve(highest) || !room->Reserve(highest) || !fdset->Add(waker)) {
+    // Nothing is known of any socket; they are asked again in the next pass.
+    fdset->Clear();
+    room->Clear();
+    return 0;
+  }
+  int ready = select(highest + 1, fdset->Native(), room->Native(), nullptr, &timeout);
   if (ready < 0) {
     zev_debug(kError, "%s: select() failed : %s\n", __func__, strerror(errno));
     TERMINATE(kTerminated);
   }
-  return ready != 0 ? 1 : 0;
+  if (ready > 0 && fdset->Contains(waker)) {
+    fdset->Remove(waker);
+    cmd_mon_waker.Drain();
+    --ready;
+  }
+  return ready > 0 ? 1 : 0;
 }
 
 void ProcessCommand(const DescriptorSet& fdset) {
@@ -257,6 +299,7 @@ namespace {
 uint8_t* records = nullptr;
 
 constexpr char kOutOfMemoryText[] = "Out of memory.";
+constexpr char kUnrecognizedText[] = "Unrecognized console \"%s\".";
 
 /// Lays a record out byte by byte: numbers little-endian, texts cut to their width or padded with
 /// NULs, no padding in between.
@@ -329,7 +372,7 @@ void AnswerError(const char* format, const char* argument = nullptr) {
 }
 
 void AnswerUnrecognized(const char* cons_name) {
-  AnswerError("Unrecognized console \"%s\".", cons_name);
+  AnswerError(kUnrecognizedText, cons_name);
 }
 
 // The same, and tells the debug output.
@@ -338,37 +381,63 @@ void AnswerUnrecognizedAndLog(const char* function, const char* cons_name) {
   zev_debug(kInfo, "%s: %s\n", function, cmd_err_msg);
 }
 
-// 0 when all of it is sent; a short send is a failed one.
-int SendWhole(SendBudget& budget, int sock, const void* data, size_t count, int flags) {
-  const char* bytes = static_cast<const char*>(data);
-  while (count > 0) {
-    const ssize_t sent = budget.Send(sock, bytes, count, flags);
-    if (sent < 0) return -1;
-    bytes += sent;
-    count -= static_cast<size_t>(sent);
-  }
-  return 0;
-}
-
-int SendRecords(SendBudget& budget, int sock, size_t record_size) {
-  for (uint32_t i = 0; i < rheader.count; ++i) {
-    const int flags = i + 1 < rheader.count ? MSG_MORE : 0;
-    if (SendWhole(budget, sock, records + i * record_size, record_size, flags) != 0) return -1;
-  }
-  return 0;
-}
-
-int SendAnswer(int sock, int cmd_id) {
-  SendBudget budget;
-  uint8_t header[kHeaderSize];
-  PacketWriter(header).Number32(rheader.type).Number32(rheader.count);
+// Puts the answer together; the records are the connection's from here on.
+void LoadAnswer(OutgoingAnswer& answer, int cmd_id) {
+  PacketWriter(answer.header).Number32(rheader.type).Number32(rheader.count);
+  answer.size = kHeaderSize;
+  answer.sent = 0;
   const size_t record_size = RecordSize(cmd_id);
-  const bool with_records = rheader.type == kRecordsFollow && record_size > 0 && rheader.count > 0;
-  const bool with_text = rheader.type == kErrorFollows;
-  const int flags = with_records || with_text ? MSG_MORE : 0;
-  if (SendWhole(budget, sock, header, sizeof header, flags) != 0) return -1;
-  if (with_records) return SendRecords(budget, sock, record_size);
-  return with_text ? SendWhole(budget, sock, cmd_err_msg, rheader.count, 0) : 0;
+  if (rheader.type == kRecordsFollow && record_size > 0) {
+    answer.records = std::exchange(records, nullptr);
+    answer.piece_size = record_size;
+    answer.size += rheader.count * record_size;
+  } else if (rheader.type == kErrorFollows) {
+    memcpy(answer.text, cmd_err_msg, rheader.count);
+    answer.piece_size = rheader.count;
+    answer.size += rheader.count;
+  }
+}
+
+/// What one call sends: the header, the text of an error, one record, or the rest of one of them.
+struct Piece {
+  const uint8_t* data;
+  size_t size;
+};
+
+Piece NextPiece(const OutgoingAnswer& answer) {
+  if (answer.sent < kHeaderSize) return {answer.header + answer.sent, kHeaderSize - answer.sent};
+  const uint8_t* body = answer.records != nullptr ? answer.records : answer.text;
+  const size_t offset = answer.sent - kHeaderSize;
+  return {body + offset, answer.piece_size - offset % answer.piece_size};
+}
+
+// Sends until all has gone out or there is no more room. -1 when a send fails.
+int SendRest(int sock, OutgoingAnswer& answer) {
+  while (answer.IsUnsent()) {
+    const Piece piece = NextPiece(answer);
+    const int more = answer.sent + piece.size < answer.size ? MSG_MORE : 0;
+    const ssize_t count = send(sock, piece.data, piece.size, more | MSG_DONTWAIT);
+    if (count < 0) return errno == EAGAIN ? 0 : -1;
+    answer.sent += static_cast<size_t>(count);
+    answer.stall.End();
+  }
+  return 0;
+}
+
+int FailToSend(CommandNode* cnode, int error) {
+  zev_debug(kInfo, "%s: send() failed : %s\n", "SendCommandResponse", strerror(error));
+  CloseCommandConnection(cnode);
+  return -1;
+}
+
+int SendAnswer(CommandNode* cnode) {
+  OutgoingAnswer& answer = cnode->answer;
+  if (SendRest(cnode->sock, answer) != 0) return FailToSend(cnode, errno);
+  if (answer.IsUnsent()) {
+    return answer.stall.IsTooLong(cnode->sock, kToolStall) ? FailToSend(cnode, ETIMEDOUT) : 0;
+  }
+  free(std::exchange(answer.records, nullptr));
+  return 0;
 }
 
 }  // namespace
@@ -377,10 +446,15 @@ int SendCommandResponse(CommandNode* cnode, int cmd_id) {
   ENTERING();
   zev_debug(kDetail, "%s: Sending response \"%d\" to \"%s\" at \"%s\".\n", __func__,
             static_cast<int>(rheader.type), cnode->user_name, cnode->ipaddr);
-  if (SendAnswer(cnode->sock, cmd_id) == 0) return 0;
-  zev_debug(kInfo, "%s: send() failed : %s\n", __func__, strerror(errno));
-  CloseCommandConnection(cnode);
-  return -1;
+  LoadAnswer(cnode->answer, cmd_id);
+  return SendAnswer(cnode);
+}
+
+void cmd_mon::SendUnsentAnswers() {
+  ENTERING();
+  for (CommandNode* cnode : Nodes(*cmd_list)) {
+    if (cnode->answer.IsUnsent()) SendAnswer(cnode);
+  }
 }
 
 void ReleaseRecords() {
@@ -463,8 +537,6 @@ namespace {
 constexpr char kVrqUser[] = "VRQ";
 constexpr char kUnknownHolder[] = "Unknown";
 constexpr char kHolderMode[2] = {'5', '\0'};
-constexpr size_t kNameWidth = 64;
-constexpr size_t kUserNameWidth = 32;
 
 // Without a name every console matches.
 bool Matches(const ConsoleNode* cnode, const char* cons_name) {
@@ -493,12 +565,12 @@ void AnswerOutOfMemory() {
 void FillConsolePacket(const ConsoleNode* cnode, const char (&status)[2], const char (&mode)[2],
                        size_t index) {
   PacketWriter(records + index * kConsolePacketSize)
-      .Text(cnode->cname, kNameWidth)
-      .Text(cnode->ipaddr, kNameWidth)
+      .Text(cnode->cname, kWireNameWidth)
+      .Text(cnode->ipaddr, kWireNameWidth)
       .Number16(cnode->cons_port)
       .Number16(cnode->mgmt_port)
-      .Text(cnode->model, kNameWidth)
-      .Text(cnode->pname, kNameWidth)
+      .Text(cnode->model, kWireNameWidth)
+      .Text(cnode->pname, kWireNameWidth)
       .Code(status)
       .Code(mode);
 }
@@ -521,8 +593,8 @@ void ReportInaccessible(const ConsoleNode* cnode, size_t index) {
 
 void FillMappedPortPacket(const ConsoleNode* cnode, size_t index) {
   PacketWriter(records + index * kMappedPortPacketSize)
-      .Text(cnode->cname, kNameWidth)
-      .Text(cnode->ipaddr, kNameWidth)
+      .Text(cnode->cname, kWireNameWidth)
+      .Text(cnode->ipaddr, kWireNameWidth)
       .Number16(cnode->cons_port)
       .Number16(cnode->mapped_port)
       .Number16(static_cast<uint32_t>(cnode->auth));
@@ -531,8 +603,8 @@ void FillMappedPortPacket(const ConsoleNode* cnode, size_t index) {
 void FillUserPacket(const char* user_name, const char* ipaddr, const char (&mode)[2],
                     size_t index) {
   PacketWriter(records + index * kUserPacketSize)
-      .Text(user_name, kUserNameWidth)
-      .Text(ipaddr, kNameWidth)
+      .Text(user_name, kWireUserNameWidth)
+      .Text(ipaddr, kWireNameWidth)
       .Code(mode);
 }
 
@@ -553,7 +625,7 @@ bool ReportUsers(const ConsoleNode* cnode, size_t* count) {
 
 // Another client holds the console's management session.
 bool IsHeldElsewhere(const ConsoleNode* cnode) {
-  return cnode->status == kRefused && IsPellox(cnode->model, &model_list) != 0;
+  return IsPellox(cnode->model, &model_list) != 0 && cnode->status == kRefused;
 }
 
 }  // namespace
@@ -595,14 +667,16 @@ int IsVrqUserConnectedERMode(const ConsoleNode* cnode) {
   return hidden != nullptr ? 1 : 0;
 }
 
-void ProcessConsoleCommand(const char* cons_name) {
-  ENTERING();
-  const ReadLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, HERE);
+namespace {
+
+// These answer; false when out of memory, which is then the answer. The caller releases the locks
+// before it reports that.
+
+bool AnswerConsoles(const char* cons_name) REQUIRES_SHARED(acl_lock, icl_lock) {
   const size_t most = AllConsoles();
   if (most > 0 && !MakeRoom(most, kConsolePacketSize)) {
     AnswerOutOfMemory();
-    ReportOutOfMemory(__func__);
-    return;
+    return false;
   }
   size_t count = 0;
   for (const ConsoleNode* cnode : Nodes(*a_cons_list)) {
@@ -612,6 +686,35 @@ void ProcessConsoleCommand(const char* cons_name) {
     if (Matches(cnode, cons_name)) ReportInaccessible(cnode, count++);
   }
   AnswerRecords(count);
+  return true;
+}
+
+bool AnswerMappedPorts(const char* cons_name) REQUIRES_SHARED(acl_lock, icl_lock) {
+  const size_t most = AllConsoles();
+  if (most > 0 && !MakeRoom(most, kMappedPortPacketSize)) {
+    AnswerOutOfMemory();
+    return false;
+  }
+  size_t count = 0;
+  for (const ConsoleList* list : {a_cons_list, i_cons_list}) {
+    for (const ConsoleNode* cnode : Nodes(*list)) {
+      if (Matches(cnode, cons_name)) FillMappedPortPacket(cnode, count++);
+    }
+  }
+  AnswerRecords(count);
+  return true;
+}
+
+}  // namespace
+
+void ProcessConsoleCommand(const char* cons_name) {
+  ENTERING();
+  bool answered = false;
+  {
+    const ReadLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, HERE);
+    answered = AnswerConsoles(cons_name);
+  }
+  if (!answered) ReportOutOfMemory(__func__);
 }
 
 void ProcessWhoCommand(const char* cons_name) {
@@ -643,20 +746,12 @@ void ProcessWhoCommand(const char* cons_name) {
 
 void ProcessMappedPortCommand(const char* cons_name) {
   ENTERING();
-  const ReadLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, HERE);
-  const size_t most = AllConsoles();
-  if (most > 0 && !MakeRoom(most, kMappedPortPacketSize)) {
-    AnswerOutOfMemory();
-    ReportOutOfMemory(__func__);
-    return;
+  bool answered = false;
+  {
+    const ReadLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, HERE);
+    answered = AnswerMappedPorts(cons_name);
   }
-  size_t count = 0;
-  for (const ConsoleList* list : {a_cons_list, i_cons_list}) {
-    for (const ConsoleNode* cnode : Nodes(*list)) {
-      if (Matches(cnode, cons_name)) FillMappedPortPacket(cnode, count++);
-    }
-  }
-  AnswerRecords(count);
+  if (!answered) ReportOutOfMemory(__func__);
 }
 
 // ---- Control ------------------------------------------------------------------------------------
@@ -784,50 +879,58 @@ void SendMsgToConsole(const char* cons_name, const CommandNode* cmd_node, const 
 namespace {
 
 constexpr char kOwnAddress[] = "127.0.0.1";
-constexpr char kHolderFunction[] = "PelloxPortHolder";
 
-void AnswerHolderError(const char* text) {
-  AnswerError(text);
-  zev_debug(kInfo, "%s: %s\n", kHolderFunction, cmd_err_msg);
+/// What came of the question who holds a port. The answer is set in each case; what there is to
+/// report about it waits until the locks are released.
+enum class HolderOutcome { kTold, kNotTold, kOutOfMemory };
+
+HolderOutcome DoNotTell(const char* text, const char* cons_name = nullptr) {
+  AnswerError(text, cons_name);
+  return HolderOutcome::kNotTold;
 }
 
-// Puts `address` behind `count` records. False when out of memory, which is then answered.
+HolderOutcome GiveUpForMemory() {
+  AnswerOutOfMemory();
+  return HolderOutcome::kOutOfMemory;
+}
+
+// Puts `address` behind `count` records. False when out of memory.
 bool ReportHolder(const char* address, size_t* count) {
-  if (!MakeRoom(*count + 1, kPortHolderAddressPacketSize)) {
-    AnswerOutOfMemory();
-    ReportOutOfMemory(kHolderFunction);
-    return false;
-  }
-  PacketWriter(records + (*count)++ * kPortHolderAddressPacketSize).Text(address, kNameWidth);
+  if (!MakeRoom(*count + 1, kPortHolderAddressPacketSize)) return false;
+  PacketWriter(records + (*count)++ * kPortHolderAddressPacketSize).Text(address, kWireNameWidth);
   return true;
 }
 
 // What the last refusal said of an inaccessible console.
-void AnswerRecordedHolder(const ConsoleNode* cnode) {
+HolderOutcome AnswerRecordedHolder(const ConsoleNode* cnode) {
   size_t count = 0;
-  if (IsPellox(cnode->model, &model_list) == 0) {
-    AnswerHolderError("Not a Pellox console.");
-  } else if (cnode->pellox_port_holder_ipaddr[0] == '\0') {
-    AnswerHolderError("Unable to connect to remote host, possibly bad port number.");
-  } else if (ReportHolder(cnode->pellox_port_holder_ipaddr, &count)) {
-    AnswerRecords(count);
+  if (IsPellox(cnode->model, &model_list) == 0) return DoNotTell("Not a Pellox console.");
+  if (cnode->pellox_port_holder_ipaddr[0] == '\0') {
+    return DoNotTell("Unable to connect to remote host, possibly bad port number.");
   }
+  if (!ReportHolder(cnode->pellox_port_holder_ipaddr, &count)) return GiveUpForMemory();
+  AnswerRecords(count);
+  return HolderOutcome::kTold;
 }
 
 // The daemon itself holds the port of a connected console, for its first user if it has one.
-void AnswerOwnHolder(const char* cons_name) REQUIRES(icl_lock, acl_lock) {
+HolderOutcome AnswerOwnHolder(const char* cons_name) REQUIRES(icl_lock, acl_lock) {
   size_t count = 0;
   for (const ConsoleNode* cnode : Nodes(*a_cons_list)) {
     if (!Matches(cnode, cons_name)) continue;
     const UserListElem* first = cnode->user_list->head;
-    if (!ReportHolder(first == nullptr ? kOwnAddress : first->unode->ipaddr, &count)) return;
+    const char* address = first == nullptr ? kOwnAddress : first->unode->ipaddr;
+    if (!ReportHolder(address, &count)) return GiveUpForMemory();
     if (first == nullptr) break;
   }
-  if (count > 0) {
-    AnswerRecords(count);
-  } else {
-    AnswerUnrecognizedAndLog(kHolderFunction, cons_name);
-  }
+  if (count == 0) return DoNotTell(kUnrecognizedText, cons_name);
+  AnswerRecords(count);
+  return HolderOutcome::kTold;
+}
+
+HolderOutcome AnswerHolder(const char* cons_name) REQUIRES(icl_lock, acl_lock) {
+  const ConsoleNode* inaccessible = FindByAnyCase(i_cons_list, cons_name);
+  return inaccessible != nullptr ? AnswerRecordedHolder(inaccessible) : AnswerOwnHolder(cons_name);
 }
 
 }  // namespace
@@ -852,11 +955,11 @@ void ForceKPMConnection(const char* cons_name, const CommandNode* /*cmd_node*/) 
 
 void PelloxPortHolder(const char* cons_name) {
   ENTERING();
-  const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, HERE);
-  const ConsoleNode* inaccessible = FindByAnyCase(i_cons_list, cons_name);
-  if (inaccessible != nullptr) {
-    AnswerRecordedHolder(inaccessible);
-  } else {
-    AnswerOwnHolder(cons_name);
+  HolderOutcome outcome = HolderOutcome::kTold;
+  {
+    const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, HERE);
+    outcome = AnswerHolder(cons_name);
   }
+  if (outcome == HolderOutcome::kNotTold) zev_debug(kInfo, "%s: %s\n", __func__, cmd_err_msg);
+  if (outcome == HolderOutcome::kOutOfMemory) ReportOutOfMemory(__func__);
 }

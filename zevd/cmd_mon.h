@@ -1,19 +1,34 @@
 // The command port: management tools' connections, the thread "cmd_mon" that serves them, and the
-// commands. The wire format is described in docs/protocol.md, which changes together with the
-// records here.
+// commands. The layout of the answers is in command_wire.h and docs/protocol.md.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <span>
 
+#include "command_wire.h"
 #include "cons_conn.h"
 #include "descriptor_set.h"
 #include "fixed_text.h"
 #include "list.h"
 #include "locks.h"
+#include "stall.h"
 
 // ---- Connections --------------------------------------------------------------------------------
+
+/// The last answer to a tool. What the tool has no room for is kept here, however long the answer;
+/// until it has gone out, no further command is read from that tool.
+struct OutgoingAnswer {
+  uint8_t header[kHeaderSize];
+  uint8_t text[kErrorTextSize];  ///< of an error
+  uint8_t* records;              ///< owned; null when the answer has none, or all have been sent
+  size_t piece_size;             ///< bytes of one record, or of the text
+  size_t size;                   ///< bytes of it all, header included
+  size_t sent;                   ///< bytes that have gone out
+  Stall stall;
+
+  bool IsUnsent() const { return sent < size; }
+};
 
 /// One command connection, owned by cmd_list once added. Guarded by cmd_lock.
 struct CommandNode {
@@ -21,6 +36,7 @@ struct CommandNode {
   int connected;  ///< 0 while new and, on the list, once closed and waiting to be removed
   char user_name[kUserNameSize];
   char ipaddr[kNameSize];
+  OutgoingAnswer answer;
 };
 
 struct CommandListElem {
@@ -47,6 +63,8 @@ void InitCommandList(CommandList* list, const char* list_name);
 void FreeCommandList(CommandList* list);
 
 CommandNode* NewCommandNode(const char* user_name, const char* ipaddr);
+
+/// Frees the node with what is left of its answer; does not close the socket.
 void FreeCommandNode(CommandNode* cnode);
 CommandListElem* NewCommandListElem(CommandNode* cnode);
 
@@ -62,14 +80,18 @@ void CloseCommandConnection(CommandNode* cnode);
 /// The loop of the thread.
 [[noreturn]] void MonitorCommands();
 
-/// Waits for a command. 1 when some socket of the set is readable (the set then holds those), 0 on
-/// time-out. Ends the process when select() fails. cmd_mon only.
-int CheckForCommand(int high_sock, DescriptorSet* fdset);
+/// Waits for a command on a socket of `fdset`, or for room on one of `room`. 1 when there is either
+/// (the sets then hold the sockets that have it), 0 on time-out. Ends the process when select()
+/// fails. cmd_mon only.
+int CheckForCommand(int high_sock, DescriptorSet* fdset, DescriptorSet* room);
 
 /// Reads, executes and answers one line of every readable connection.
 void ProcessCommand(const DescriptorSet& fdset) REQUIRES(cmd_lock);
 
 namespace cmd_mon {
+
+/// Goes on with every answer that found no room; closes a tool that has taken nothing for too long.
+void SendUnsentAnswers() REQUIRES(cmd_lock);
 
 /// The first closed node of cmd_list, or null.
 CommandNode* GetClosedConnection() REQUIRES(cmd_lock);
@@ -79,12 +101,6 @@ void CleanUpClosedConnections() REQUIRES(cmd_lock);
 
 // ---- Responses: the cmd_mon thread's own --------------------------------------------------------
 
-enum ResponseType : uint32_t {
-  kRecordsFollow = 1,  ///< `count` records follow
-  kErrorFollows = 2,   ///< `count` bytes of text follow, the terminator included
-  kDone = 3,           ///< nothing follows; `count` means nothing
-};
-
 /// One instance serves every response and is never cleared: a "done" header still carries the count
 /// of the response before it.
 struct ResponseHeader {
@@ -92,12 +108,8 @@ struct ResponseHeader {
   uint32_t count;
 };
 
-inline constexpr size_t kHeaderSize = 8;
-inline constexpr size_t kConsolePacketSize = 264;
-inline constexpr size_t kUserPacketSize = 98;
-inline constexpr size_t kMappedPortPacketSize = 134;
-inline constexpr size_t kPortHolderAddressPacketSize = 64;
-inline constexpr size_t kErrorTextSize = 80;
+extern ResponseHeader rheader;
+extern char cmd_err_msg[kErrorTextSize];
 
 enum CommandId : int {
   kNoCommand = 0,  ///< an error that the parser found
@@ -111,9 +123,6 @@ enum CommandId : int {
   kForceCommand = 8,
   kPortHolderCommand = 9,
 };
-
-extern ResponseHeader rheader;
-extern char cmd_err_msg[kErrorTextSize];
 
 /// What a command wants besides its name.
 enum class CommandArgument { kOptionalConsole, kConsole, kConsoleAndText };
@@ -131,10 +140,11 @@ std::span<const CommandRow> CommandTable();
 /// Splits the line in place and runs the command, which leaves its answer in the response state.
 CommandId ParseAndExecuteCommand(CommandNode* cnode, char* cmd);
 
-/// Sends the answer. 0, or -1 after a failed send, which has closed the connection.
+/// Sends the answer, whose records become the connection's, as far as there is room; the rest
+/// follows by itself. 0, or -1 after a failed send, which has closed the connection.
 int SendCommandResponse(CommandNode* cnode, int cmd_id);
 
-/// Frees the records of the answer, if it has any.
+/// Frees the records of an answer that was given up for an error.
 void ReleaseRecords();
 
 // ---- Commands; each takes the list locks itself -------------------------------------------------

@@ -336,7 +336,10 @@ void StartConnect(ConsoleNode* cnode) {
   fcntl(sock, F_SETFL, flags);
 }
 
+// The log is open when the console was disabled after it had become connected and before it was
+// moved.
 void AbandonConnection(ConsoleNode* cnode, int status, time_t failed_at) {
+  if (cnode->log_fd != -1) CloseLogFile(cnode);
   CloseSocket(cnode);
   cnode->status = status;
   cnode->lfca_time = failed_at;
@@ -402,7 +405,7 @@ bool ApplyConnectionStatus(ConsoleNode* cnode, int result) {
       zev_debug(kInfo, "%s: Connected to %s (%s/%d).\n", kFunction, cnode->cname, cnode->ipaddr,
                 cnode->cons_port);
       cnode->status = kConnected;
-      OpenLogFile(cnode);
+      if (cnode->log_fd == -1) OpenLogFile(cnode);
       DrainTelnetControlSequence(cnode->sock, cnode->telnet_cmd, sizeof cnode->telnet_cmd);
       return true;
     case kNotConnected:

@@ -2,16 +2,39 @@
 
 import re
 import struct
+import time
+from concurrent.futures import Future, ThreadPoolExecutor
 
 import pytest
 
-from harness.access import LOOPBACK, attach_when_up, banner, bring_up, refused
+from harness.access import LOOPBACK, attach_when_up, banner, bring_up, refused, reload
 from harness.commands import DONE, ERROR, RECORDS, Tool
 from harness.consoles import refusal
-from harness.station import console_line
-from harness.waiting import wait_until
+from harness.logs import log_of, read
+from harness.scenes import held_still
+from harness.station import Station, console_line
+from harness.waiting import free_port, stretched, wait_listening, wait_until
 
 PELLOX = "PX|M100"
+
+CLEANED_UP = "CleanUpClosedConnections: Cleaning up closed command connection."
+SEND_FAILED = "SendCommandResponse: send() failed : "
+
+MANY = 10000
+ALL_RECORDS = 8 + MANY * 264
+
+# For other tools and hand-overs, while one tool holds up nobody but itself.
+AT_ONCE = 0.8
+
+
+@pytest.fixture
+def many(station) -> Station:
+    """A station of ten thousand consoles, none of them enabled."""
+    station.write_config("".join(console_line(f"console{number}", 1, enable=0)
+                                 for number in range(MANY)))
+    station.start("-d", "2", wait=False)
+    wait_listening(station.port, 60)
+    return station
 
 
 @pytest.fixture
@@ -49,13 +72,57 @@ def test_two_tools_are_served_in_turn(station, box):
         assert second.command("enable box").type == DONE
 
 
+def test_lines_ready_at_once_are_served_in_the_order_of_hand_over(station, box):
+    first, second = Tool(station, user="first"), Tool(station, user="second")
+    position = station.mark()
+    with held_still(station):
+        second.send("who box")
+        first.send("enable box")
+    second.answer("who")
+    assert re.findall(r'ProcessCommand: Received command "(.*)\n" from "(.*)" at',
+                      station.log_text(position)) == [("enable box", "first"),
+                                                      ("who box", "second")]
+
+
 def test_a_tool_that_leaves_is_removed_and_the_other_served(station, box):
     first, second = Tool(station), Tool(station)
     before = station.descriptors()
     first.peer.close()
-    station.wait_log("CleanUpClosedConnections: Cleaning up closed command connection.")
+    station.wait_log("ProcessCommand: ReadLine() returned -1")
+    station.wait_log(CLEANED_UP)
     wait_until(lambda: station.descriptors() == before - 1, what="the socket to be closed")
     assert second.command("console box").count == 1
+
+
+def test_a_tool_that_finishes_sending_gets_its_answer(station, box):
+    tool = Tool(station)
+    tool.send("console box")
+    tool.peer.finish_sending()
+    assert tool.answer("console").count == 1
+    wait_until(lambda: tool.peer.closed, what="the end")
+    tool.expect_nothing_more()
+
+
+def test_a_command_sent_with_the_argument_line(station, box):
+    caller = station.caller()
+    caller.send(b"@@@@ user=op\nconsole\n")
+    tool = Tool(station, peer=caller)
+    assert tool.answer("console").count == 1
+    assert tool.command("who box").count == 0
+
+
+def test_a_tool_is_served_after_a_reload(station, box):
+    tool = Tool(station)
+    reload(station, waker=box)
+    assert tool.command("console").count == 1
+
+
+def test_an_idle_daemon_looks_for_tools_every_two_seconds(station):
+    station.start()
+    found = station.wait_log("Entering CheckForCommand", after=station.mark())
+    start = time.monotonic()
+    station.wait_log("Entering CheckForCommand", count=2, after=found.end)
+    assert 3.9 < time.monotonic() - start < stretched(5)
 
 
 def test_commands_sent_together_are_answered_in_order(station, box):
@@ -75,28 +142,73 @@ def test_what_a_tool_sends_is_logged_with_its_name(station, box):
     station.wait_log('SendCommandResponse: Sending response "3" to "ann" at "10.9.8.7".')
 
 
-def test_a_tool_that_vanishes_in_a_long_answer_costs_nobody_else(station, box):
-    leaver, other = Tool(station), Tool(station)
+def test_a_tool_that_vanishes_in_a_long_answer_costs_nobody_else(many):
+    leaver, other = (Tool(many, wait=False) for _ in range(2))
     leaver.peer.stop_reading()
-    for _ in range(200):
-        leaver.send("console")
+    leaver.send("console")
+    many.wait_log(re.compile('^SendCommandResponse: Sending response "1"'))
+    assert other.command("console console1").count == 1
     leaver.peer.reset()
-    station.wait_log("CleanUpClosedConnections: Cleaning up closed command connection.")
-    assert other.command("console box").count == 1
+    many.wait_log(re.compile(f"^{re.escape(SEND_FAILED)}(Connection reset by peer|Broken pipe)$"))
+    many.wait_log(CLEANED_UP)
+    assert other.command("console console1").count == 1
 
 
-def test_a_tool_that_never_reads_a_long_answer_is_dropped(station):
-    station.write_config("".join(console_line(f"console{number}", 1, enable=0)
-                                 for number in range(5000)))
-    station.start("-d", "2")
-    deaf, other = (Tool(station, wait=False) for _ in range(2))
-    assert other.command("console console4999").count == 1
-    deaf.peer.stop_reading()
-    deaf.send("console")
-    station.wait_log("SendCommandResponse: send() failed : Resource temporarily unavailable")
+def time_of_an_answer(tool: Tool) -> float:
+    """How long the tool waits for an answer that needs nothing but the command port."""
+    start = time.monotonic()
+    assert tool.command("nonsense").text == "Invalid command."
+    return time.monotonic() - start
+
+
+def longest_wait(tool: Tool, meanwhile: Future) -> float:
+    """Ask again and again while something goes on; the longest time that an answer took."""
+    times = []
+    while not meanwhile.done():
+        times.append(time_of_an_answer(tool))
+    assert len(times) > 10
+    return max(times)
+
+
+def ask_for_all(station: Station, tool: Tool) -> None:
+    """Have the daemon begin to answer a tool that does not read."""
+    tool.peer.stop_reading()
+    tool.send("console")
+    station.wait_log(re.compile('^SendCommandResponse: Sending response "1"'))
+
+
+def test_a_tool_that_never_reads_a_long_answer_is_dropped(many):
+    deaf, other = (Tool(many, wait=False) for _ in range(2))
+    ask_for_all(many, deaf)
+    with ThreadPoolExecutor() as pool:
+        start = time.monotonic()
+        dropped = pool.submit(many.wait_log, f"{SEND_FAILED}Connection timed out", limit=30)
+        assert longest_wait(other, dropped) < stretched(AT_ONCE)
+        dropped.result()
+    assert time.monotonic() - start > 4.5
+    deaf.peer.read_again()
+    wait_until(lambda: deaf.peer.closed, what="the end")
+    assert struct.unpack("<II", deaf.peer.received[:8]) == (RECORDS, MANY)
+    assert len(deaf.peer.received) < ALL_RECORDS
     answer = other.command("console")
-    assert answer.count == 5000
-    assert answer.records[4999][0] == "console4999"
+    assert [record[0] for record in answer.records] == [f"console{n}" for n in range(MANY)]
+
+
+def test_a_tool_that_reads_slowly_gets_everything_and_delays_nobody(many):
+    slow = Tool(many, wait=False, buffer=4096)
+    other = Tool(many, wait=False)
+    ask_for_all(many, slow)
+    slow.send("nonsense")
+    with ThreadPoolExecutor() as pool:
+        start = time.monotonic()
+        reading = pool.submit(slow.read_slowly, ALL_RECORDS + 8 + 17, 16384, 0.01)
+        assert time_of_an_answer(Tool(many, wait=False)) < stretched(AT_ONCE)  # a new one, too
+        assert longest_wait(other, reading) < stretched(AT_ONCE)
+        received = reading.result()
+    assert time.monotonic() - start > 1
+    everything = other.command("console")
+    assert received == (struct.pack("<II", RECORDS, MANY) + everything.raw
+                        + struct.pack("<II", ERROR, 17) + b"Invalid command.\0")
 
 
 # The language
@@ -144,6 +256,48 @@ def test_words_in_any_case_and_words_too_many(station, box):
     tool = Tool(station)
     assert tool.command("CONSOLE BOX and more").count == 1
     assert tool.command("Enable boX now").type == DONE
+
+
+def test_a_line_ends_in_carriage_return_and_line_feed(station, box):
+    assert Tool(station).command("console box\r").count == 1
+
+
+def test_the_rest_of_a_long_line_is_the_next_command(station, box):
+    tool = Tool(station)
+    tool.send(b"x" * 1023 + b"console box\n")
+    assert tool.answer("").text == "Invalid command."
+    assert tool.answer("console").count == 1
+
+
+def test_a_line_of_1023_bytes_is_one_command(station, box):
+    tool = Tool(station)
+    line = b"console box ".ljust(1022, b"x") + b"\n"
+    assert len(line) == 1023
+    tool.send(line)
+    assert tool.answer("console").count == 1
+    assert tool.command("who box").count == 0
+
+
+def test_a_line_in_two_pieces_is_two_commands(station, box):
+    tool = Tool(station)
+    for piece in (b"cons", b"ole box\n"):
+        tool.send(piece)
+        assert tool.answer("").text == "Invalid command."
+    assert tool.command("console box").count == 1
+
+
+def test_bytes_that_are_no_text(station, box):
+    tool = Tool(station)
+    for line, text in ((b"\0console\n", "No command specified."),
+                       (b"\xff\xff\xff\n", "Invalid command."),
+                       (b"console\xff box\n", "Invalid command.")):
+        tool.send(line)
+        assert tool.answer("").text == text
+    tool.send(b"console box\0\xff\n")
+    assert tool.answer("console").count == 1
+    tool.send(b"clear \xff\n")
+    assert tool.answer("clear").raw == b'Unrecognized console "\xff".\0'
+    assert tool.command("console box").count == 1
 
 
 def test_a_done_header_keeps_the_count_of_the_answer_before(station):
@@ -199,6 +353,18 @@ def test_states(station):
     assert status_of(tool, "up") == ("1", "2")
 
 
+def test_states_on_the_way_to_a_connection(station):
+    hanging = station.console("hanging")
+    hanging.hang()
+    station.console_line("nowhere", 23, address="255.255.255.255")
+    station.start()
+    station.wait_log(re.compile("ConnectToConsole: connect.. failed : "))
+    station.wait_log(re.compile('CheckConnectionStatus: Checking status for "hanging"'), count=2)
+    tool = Tool(station)
+    assert status_of(tool, "nowhere") == ("2", "0")
+    assert status_of(tool, "hanging") == ("4", "0")
+
+
 @pytest.mark.parametrize("modes, code", [
     (["ro"], "1"), (["ro", "sh"], "2"), (["sh"], "2"), (["ex"], "3"), (["er"], "4"),
     (["ro", "ex"], "3"), (["ex", "ro"], "3"), (["ro", "ro"], "1"),
@@ -213,6 +379,14 @@ def test_a_hidden_user_is_not_seen(station, box):
     station.attach("box", "er", user="vrq")
     tool = Tool(station)
     assert status_of(tool, "box") == ("0", "0")
+    assert tool.command("who box").count == 0
+
+
+@pytest.mark.parametrize("mode, code", [("ro", "1"), ("sh", "2")])
+def test_a_hidden_user_in_another_mode_is_counted_in_the_state(station, box, mode, code):
+    station.attach("box", mode, user="VRQ")
+    tool = Tool(station)
+    assert status_of(tool, "box") == ("1", code)
     assert tool.command("who box").count == 0
 
 
@@ -234,10 +408,11 @@ def test_users_in_the_order_of_their_arrival(station, box):
 
 def test_mapped_ports_of_connected_consoles_first(station):
     station.console("dead", listening=False, mapped_port=0, auth=1)
-    up = station.console("up", mapped_port=0, auth=65537)
+    port = free_port()
+    up = station.console("up", mapped_port=port, auth=65537)
     bring_up(station, up)
     first, second = Tool(station).command("mapped_port").records
-    assert first == ("up", LOOPBACK, up.port, 0, 1)
+    assert first == ("up", LOOPBACK, up.port, port, 1)
     assert (second[0], second[3], second[4]) == ("dead", 0, 1)
 
 
@@ -253,14 +428,20 @@ def test_clear_tells_the_users_and_keeps_the_console(station, box):
         user.expect_closed()
     assert status_of(tool, "box") == ("0", "0")
     later = station.attach("box")
-    box.send(b"still here")
-    later.expect(b"still here")
+    box.send(b"still here\n")
+    later.expect(b"still here\n")
+    wait_until(lambda: b" readystill here\n" in read(log_of(station, "box")),
+               what="the log to go on")
+    assert not box.closed
 
 
-def test_clear_of_a_console_that_is_not_connected(station):
+def test_clear_of_a_console_that_is_not_connected_changes_nothing(station):
     station.console("dead", listening=False)
     station.start()
-    assert Tool(station).command("clear dead").type == DONE
+    station.wait_log(re.compile("Connection to dead .* refused"))
+    tool = Tool(station)
+    assert tool.command("clear dead").type == DONE
+    assert status_of(tool, "dead") == ("3", "0")
 
 
 def test_disable_then_enable_a_connected_console(station, box):
@@ -277,15 +458,17 @@ def test_disable_then_enable_a_connected_console(station, box):
     attach_when_up(station, "box")
 
 
-def test_disable_and_enable_leave_the_state_of_an_unconnected_console(station):
+def test_enable_of_an_unconnected_console_leaves_its_state(station):
     station.console("dead", listening=False)
     station.start()
     station.wait_log(re.compile("Connection to dead .* refused"))
     tool = Tool(station)
+    assert tool.command("enable dead").type == DONE
+    assert status_of(tool, "dead") == ("3", "0")
     assert tool.command("disable dead").type == DONE
     assert status_of(tool, "dead") == ("5", "0")
     assert tool.command("enable dead").type == DONE
-    assert status_of(tool, "dead")[0] in ("2", "3", "4")
+    assert status_of(tool, "dead") == ("2", "0")  # until it is tried again, in a minute
 
 
 def test_a_message_as_it_stands(station, box):
@@ -351,7 +534,22 @@ def test_force_takes_the_session_over_at_once(station, held):
 
 
 def test_force_of_a_connected_console_changes_nothing(station, box):
-    assert Tool(station).command("force box").type == DONE
+    user = station.attach("box")
+    tool = Tool(station)
+    assert tool.command("force box").type == DONE
+    assert status_of(tool, "box") == ("1", "2")
+    box.send(b"still here")
+    user.expect_exactly(b"still here")
+    assert not box.called()
+
+
+def test_force_of_an_unconnected_console_tries_it_at_once(station):
+    console = station.console("dead", listening=False)
+    station.start()
+    station.wait_log(re.compile("Connection to dead .* refused"))
+    console.listen()
+    assert Tool(station).command("force dead").type == DONE
+    console.accept()
 
 
 def test_holders_that_cannot_be_told(station):

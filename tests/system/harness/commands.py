@@ -1,6 +1,7 @@
 """A management tool: sends commands to the command port and takes the answers apart."""
 
 import struct
+import time
 from dataclasses import dataclass
 
 from harness.peers import User
@@ -43,13 +44,15 @@ class Answer:
 class Tool:
     """One command connection.
 
-    Without `wait`, which needs debug level 3, it may not be served yet.
+    Without `wait`, which needs debug level 3, it may not be served yet. `buffer` limits what the
+    kernel keeps for a tool that does not read. `peer` is a connection that asks for the command
+    port by itself.
     """
 
     def __init__(self, station: Station, user: str | None = "op", addr: str | None = None,
-                 wait: bool = True) -> None:
+                 wait: bool = True, buffer: int | None = None, peer: User | None = None) -> None:
         position = station.mark()
-        self.peer: User = station.ask("@@@@", user=user, addr=addr)
+        self.peer = peer or station.ask("@@@@", user=user, addr=addr, buffer=buffer)
         self._taken = 0
         if wait:
             station.wait_log("AddCommandToList: Added command to cmd_list.", after=position)
@@ -64,6 +67,19 @@ class Tool:
                    f"{count} bytes of an answer; there are {self.peer.received[self._taken:]!r}")
         start, self._taken = self._taken, end
         return self.peer.received[start:end]
+
+    def read_slowly(self, count: int, piece: int, pause: float) -> bytes:
+        """Take so many bytes off a connection that is not read otherwise.
+
+        At most `piece` of them at a time, with a pause before each.
+        """
+        data = b""
+        while len(data) < count:
+            time.sleep(pause)
+            fresh = self.peer.socket.recv(min(piece, count - len(data)))
+            assert fresh, f"the connection has ended after {len(data)} of {count} bytes"
+            data += fresh
+        return data
 
     def answer(self, word: str) -> Answer:
         """Take the next answer, which is one to this command word."""
