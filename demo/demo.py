@@ -16,11 +16,13 @@ from pathlib import Path
 
 import place
 from processes import Processes
-from tour import HOST, Console, DaemonOutput, StepFailed, Tour, heading, seen, wait_until
+from tour import (HOST, Client, Console, DaemonOutput, Files, StepFailed, Tour, heading, seen,
+                  wait_until)
 
 DEMO = Path(__file__).resolve().parent
 REPLAY_BYTES = 4096
 EXIT_AFTER_SIGTERM = 1
+PATTERNS = "fans 300 1 fans turning\n"
 UNPRIVILEGED_PORTS_BELOW_EPHEMERAL = range(20000, 32000)
 
 
@@ -57,18 +59,21 @@ def refusing_port() -> Iterator[int]:
 def config_line(console: Console) -> str:
     """One line of zev.conf; the blank at its end belongs to it, or the last field is misread."""
     return (f"{console.name} {HOST} {console.port} 0 {console.mapped_port} A200 demo "
-            f'"Demo OS 1" 1 0 1 0 "" \n')
+            f'"Demo OS 1" 1 1 1 0 reports \n')
 
 
-def write_files(root: Path, consoles: list[Console]) -> None:
+def write_files(root: Path, consoles: tuple[Console, ...]) -> None:
     """Give the daemon the files of a small station."""
     for directory in ("config", "events", "logs"):
         (root / directory).mkdir()
     (root / "config/models").write_text("A|A200\n")
+    (root / "events/reports").write_text(PATTERNS)
     text = "".join(config_line(console) for console in consoles)
     (root / "config/zev.conf").write_text(text)
     print(f"  {root}/config/zev.conf describes them, one line each:\n")
     print("".join(f"    {line}\n" for line in text.splitlines()))
+    print(f"  {root}/events/reports has a pattern: lines that match are posted as events\n")
+    print(f"    {PATTERNS}")
 
 
 def start_consoles(processes: Processes, shell: Console, machine: Console) -> None:
@@ -88,11 +93,12 @@ def wait_for_listener(port: int) -> None:
 
 def start_daemon(processes: Processes, chosen: place.Place, main_port: int,
                  output: Path) -> subprocess.Popen:
-    options = ["-f", "-S", "0", "-d", "1", "-B", str(REPLAY_BYTES), "-p", str(main_port)]
+    options = ["-f", "-d", "1", "-B", str(REPLAY_BYTES), "-p", str(main_port)]
     print(f"  $ zevd {' '.join(options)}")
     print(f"""
-  -f     stay in the foreground         -S 0   no security: nobody has to log in
-  -d 1   report what happens            -p     the main port for users
+  -f     stay in the foreground
+  -d 1   report what happens
+  -p     the main port for users
   -B     replay up to {REPLAY_BYTES - 1} bytes of a console's output to whoever attaches
 """)
     with output.open("wb") as sink:
@@ -100,29 +106,40 @@ def start_daemon(processes: Processes, chosen: place.Place, main_port: int,
                                stderr=subprocess.STDOUT, cwd=chosen.root)
 
 
-def show_how_to_attach(main_port: int, consoles: list[Console]) -> None:
+def start_collector(processes: Processes, chosen: place.Place, output: Path) -> None:
+    """Have the client receive the events; they go to a file."""
+    print("  $ zevctl events")
+    with output.open("wb") as sink:
+        processes.start(str(chosen.client), "events", stdout=sink, stderr=subprocess.DEVNULL)
+    wait_until((chosen.root / "run/jix.sock").exists, "the events' socket")
+
+
+def show_how_to_attach(main_port: int, consoles: tuple[Console, ...], chosen: place.Place,
+                       daemon: subprocess.Popen) -> None:
     shell, machine, refuser = consoles
-    heading("Now you: from another terminal of this machine")
-    print(f"""  Through the main port, naming the console within ten seconds:
+    heading("Now you: from another terminal of this machine, in the directory of the clone")
+    seen_root = chosen.root_for_others(daemon.pid)
+    client = (f"{chosen.client.relative_to(place.REPOSITORY)} --port {main_port} "
+              f"--cookie-file {seen_root}/config/.cookie")
+    print(f"""  With the operators' client; ~. at the start of a line leaves a console:
 
-    telnet localhost {main_port}
-    {shell.name}
+    {client} list
+    {client} attach {shell.name}
+    {client} attach --mode ro {machine.name}
+    {client} msg {shell.name} hello
+    {chosen.client.relative_to(place.REPOSITORY)} log -f --log-dir {seen_root}/logs {machine.name}
 
-  Instead of the second line, to watch only, or to have the console to yourself:
-
-    {machine.name} mode=ro
-    {shell.name} mode=ex
-
-  Through a console's own port, and then press Enter within ten seconds:
+  With a telnet client, through a console's own port:
 
     telnet localhost {shell.mapped_port}      ({shell.name})
     telnet localhost {machine.mapped_port}      ({machine.name})
     telnet localhost {refuser.mapped_port}      ({refuser.name}: you will be refused)
 
-  To leave a console, press Ctrl-] and type quit.
+  To leave telnet, press Ctrl-] and type quit.
 
-  Security is off. While the demo runs, whoever reaches these ports over the network can
-  attach and type as well; the shell runs with the rights of the user nobody.
+  The consoles' own ports ask nobody for a password here. While the demo runs, whoever reaches
+  them over the network can attach and type as well; the shell runs with the rights of the user
+  nobody.
 
   The demo goes on until you press Ctrl-C here.""")
 
@@ -139,9 +156,10 @@ def end_daemon(daemon: subprocess.Popen, main_port: int) -> None:
     seen("the daemon ended on SIGTERM, and its port with it")
 
 
-def keep_running(daemon: subprocess.Popen, main_port: int, consoles: list[Console]) -> None:
+def keep_running(daemon: subprocess.Popen, main_port: int, consoles: tuple[Console, ...],
+                 chosen: place.Place) -> None:
     """Leave everything running until somebody ends the demo."""
-    show_how_to_attach(main_port, consoles)
+    show_how_to_attach(main_port, consoles, chosen, daemon)
     try:
         status = daemon.wait()
     except Interrupted as reason:
@@ -153,23 +171,25 @@ def keep_running(daemon: subprocess.Popen, main_port: int, consoles: list[Consol
 def run(chosen: place.Place, once: bool, processes: Processes, refused: int) -> None:
     """Start everything, take the tour, and end the daemon."""
     main_port, *ports = free_ports(6)
-    consoles = [
+    consoles = (
         Console("shell", ports[0], ports[1], "a shell on a terminal, behind a telnet port"),
         Console("server1", ports[2], ports[3], "a machine that boots, then prints for ever"),
         Console("server2", refused, ports[4], "a port that refuses connections"),
-    ]
+    )
     heading("Three consoles")
     for console in consoles:
         print(f"  {console.name:8} {HOST}:{console.port:<6} {console.what}")
     print(f"\n  The daemon's files are in {chosen.why}.\n")
     write_files(chosen.root, consoles)
     start_consoles(processes, *consoles[:2])
+    files = Files(chosen.root / "logs", chosen.root / "logs/events", chosen.root / "config/.cookie")
+    start_collector(processes, chosen, files.events)
     output = DaemonOutput(chosen.root / "logs/zevd.log")
     daemon = start_daemon(processes, chosen, main_port, chosen.root / "logs/zevd.log")
     try:
-        Tour(main_port, *consoles, output).run()
+        Tour(main_port, consoles, output, files, Client(chosen.client, main_port)).run()
         if not once:
-            keep_running(daemon, main_port, consoles)
+            keep_running(daemon, main_port, consoles, chosen)
         end_daemon(daemon, main_port)
     except StepFailed:
         print("\nThe daemon's last words:\n", *output.text().splitlines()[-20:], sep="\n")

@@ -34,6 +34,17 @@ class Place:
     daemon: Path
     why: str
 
+    @property
+    def client(self) -> Path:
+        """The operators' client of the same build."""
+        return self.daemon.with_name("zevctl")
+
+    def root_for_others(self, daemon_pid: int) -> Path:
+        """The root directory as a path that leads there from outside the demo too."""
+        if self.preset == "fallback":
+            return self.root
+        return Path(f"/proc/{daemon_pid}/root{self.root}")
+
 
 def refusal() -> str:
     """Why this machine gives nobody a private mount; an empty text when it does."""

@@ -2,15 +2,19 @@
 
 import re
 import socket
+import subprocess
 import time
 from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 from typing import TypeVar
 
+import pexpect
+
 PATIENCE = 20.0
 HOST = "127.0.0.1"
 TELNET_OFFERS = b"\xff\xfb\x01\xff\xfb\x03"
+STAMP = r"\d\d/\d\d/\d\d_\d\d:\d\d:\d\d"
 READABLE = {
     b"\xff\xfb\x01": b"[telnet: will echo]",
     b"\xff\xfb\x03": b"[telnet: will suppress go-ahead]",
@@ -129,23 +133,70 @@ class DaemonOutput:
         print(f"  zevd reports | {line.group()}")
 
 
+class Client:
+    """The operators' client, as somebody at the station uses it."""
+
+    def __init__(self, program: Path, main_port: int) -> None:
+        self._command = [str(program), "--port", str(main_port)]
+
+    def run(self, *words: str) -> str:
+        """Run a command to its end, show what it prints, and return it."""
+        print(f"  $ zevctl {' '.join(words)}")
+        done = subprocess.run([*self._command, *words], capture_output=True, text=True,
+                              timeout=PATIENCE, check=False)
+        show("zevctl", "says", done.stdout.encode() + done.stderr.encode())
+        if done.returncode != 0:
+            raise StepFailed(f"zevctl ended with status {done.returncode}")
+        return done.stdout
+
+    def attach(self, console: str, command: str, answer: str) -> None:
+        """Sit down at a terminal, attach, type a command, see the answer, and leave."""
+        print(f"  $ zevctl attach {console}")
+        with pexpect.spawn(self._command[0], [*self._command[1:], "attach", console],
+                           timeout=PATIENCE, dimensions=(24, 100)) as terminal:
+            try:
+                terminal.expect_exact(f"Attached to {console}")
+                terminal.send(command + "\r")
+                terminal.expect_exact(answer)
+                shown = terminal.before + terminal.after
+                terminal.send("\r~.")
+                terminal.expect(pexpect.EOF)
+            except pexpect.ExceptionPexpect as error:
+                raise StepFailed(f"zevctl attach: {error}") from None
+        show("screen", "", b"Attached to " + console.encode() + shown)
+        if terminal.wait() != 0:
+            raise StepFailed("zevctl attach did not end as it should")
+
+
+@dataclass(frozen=True)
+class Files:
+    """What the daemon, and whoever receives its events, write."""
+
+    logs: Path
+    events: Path
+    cookie: Path
+
+
 class Tour:
     """The steps, in order; the first one that fails ends the tour."""
 
-    def __init__(self, main_port: int, shell: Console, machine: Console, refuser: Console,
-                 output: DaemonOutput) -> None:
+    def __init__(self, main_port: int, consoles: tuple[Console, Console, Console],
+                 output: DaemonOutput, files: Files, client: Client) -> None:
         self._main_port = main_port
-        self._shell = shell
-        self._machine = machine
-        self._refuser = refuser
+        self._shell, self._machine, self._refuser = consoles
         self._output = output
+        self._files = files
+        self._client = client
 
     def run(self) -> None:
         self._daemon_is_up()
+        self._keep_strangers_out()
         self._type_at_the_shell()
         self._see_what_was_missed()
         self._be_refused()
         self._lock_a_console()
+        self._look_at_the_logs()
+        self._use_the_client()
         print("The tour is over: every step was seen to work.")
 
     def _daemon_is_up(self) -> None:
@@ -159,11 +210,27 @@ class Tour:
             self._output.expect(outcome.format(f"{console.name} ({HOST}/{console.port})"))
         seen("two consoles are connected; the third refuses, and is tried again every minute")
 
+    def _with_cookie(self, line: str) -> str:
+        """The first line of somebody who can read the daemon's cookie."""
+        return f"token {self._files.cookie.read_text().strip()} {line}"
+
+    def _keep_strangers_out(self) -> None:
+        heading("Nobody gets in who cannot prove a right")
+        print("  Whoever can read the daemon's cookie file may attach from this machine; others\n"
+              "  are asked for a name and a password.\n")
+        with User("mallory", self._main_port) as mallory:
+            mallory.type(f"token NotTheCookie0000 {self._shell.name}")
+            mallory.expect_refusal(b"001 - Authentication failed.\r\n")
+        with User("mallory", self._main_port) as mallory:
+            mallory.type(self._shell.name)
+            mallory.expect(b"username: ")
+        seen("mallory did not get in")
+
     def _type_at_the_shell(self) -> None:
         heading("A user attaches through the main port and types at a console")
         print("  On the main port the first line names the console.\n")
         with User("alice", self._main_port) as alice:
-            alice.type(f"{self._shell.name} user=alice")
+            alice.type(self._with_cookie(f"{self._shell.name} user=alice"))
             alice.expect(TELNET_OFFERS)
             alice.expect(b"shell $ ")
             alice.type('echo "6 times 7 is $((6 * 7))"')
@@ -175,16 +242,15 @@ class Tour:
         heading("A user attaches through a console's own port and sees what was missed")
         print("  carol watches the machine boot. bob comes when that is over: the daemon replays\n"
               "  the console's last output to him (option -B), and then he sees what comes next.\n"
-              "  The port tells which console is meant, so bob just presses Enter.\n")
+              "  The port tells which console is meant; this one asks nobody for a password.\n")
         with User("carol", self._main_port) as carol:
-            carol.type(f"{self._machine.name} mode=ro user=carol")
+            carol.type(self._with_cookie(f"{self._machine.name} mode=ro user=carol"))
             carol.expect(b"server1 is up\r\n")
             self._attach_late()
         seen("bob saw the boot that he had missed, and the machine's next report")
 
     def _attach_late(self) -> None:
         with User("bob", self._machine.mapped_port) as bob:
-            bob.type("")
             bob.expect(TELNET_OFFERS)
             replay = bob.expect(f'Connected to console "{self._machine.name}" '
                                 "in shared mode.\r\n\n".encode())
@@ -196,21 +262,53 @@ class Tour:
     def _be_refused(self) -> None:
         heading("A console that cannot be had: a numbered refusal")
         with User("dave", self._main_port) as dave:
-            dave.type(self._refuser.name)
+            dave.type(self._with_cookie(self._refuser.name))
             dave.expect_refusal(b"005 - Console is not accessible.\r\n")
         seen("dave was told why, and disconnected")
 
     def _lock_a_console(self) -> None:
         heading("One user takes a console exclusively; others may only watch")
         with User("erin", self._main_port) as erin:
-            erin.type(f"{self._shell.name} mode=ex user=erin")
+            erin.type(self._with_cookie(f"{self._shell.name} mode=ex user=erin"))
             erin.expect(TELNET_OFFERS)
             with User("frank", self._main_port) as frank:
-                frank.type(f"{self._shell.name} mode=sh user=frank")
+                frank.type(self._with_cookie(f"{self._shell.name} mode=sh user=frank"))
                 frank.expect_refusal(b"006 - Console is locked exclusively.\r\n")
             with User("grace", self._main_port) as grace:
-                grace.type(f"{self._shell.name} mode=ro user=grace")
+                grace.type(self._with_cookie(f"{self._shell.name} mode=ro user=grace"))
                 grace.expect(TELNET_OFFERS)
                 erin.type('echo "the disk is $((40 + 2))% full"')
                 grace.expect(b"the disk is 42% full\r\n")
         seen("frank was refused, and grace saw what erin did")
+
+    def _look_at_the_logs(self) -> None:
+        heading("Everything was logged, and what matches a pattern is an event")
+        name = self._machine.name
+        current = self._files.logs / "zev.dated/current"
+        for file, wanted in ((current / f"{name}.log", rf"{STAMP} .*{name} is up\n"),
+                             (current / "consolidated.log", rf"{STAMP} {name} status report .*\n"),
+                             (self._files.events, rf".* 300 qor\.zevd\.console\.{name}: .*\n")):
+            line = wait_until(lambda file=file, wanted=wanted: find_line(file, wanted),
+                              f"a line {wanted!r} in {file}")
+            print(f"  {file.name:>16} | {line}", end="")
+        print()
+        seen(f"the log of {name}, the log of all consoles that nobody watches, and an event")
+
+    def _use_the_client(self) -> None:
+        heading("The operators' client")
+        shell = self._shell.name
+        listed = self._client.run("list")
+        if not re.search(rf"^{shell} +connected ", listed, re.MULTILINE):
+            raise StepFailed(f"{shell} is not listed as connected")
+        self._client.attach(shell, 'echo "7 times 8 is $((7 * 8))"', "7 times 8 is 56\r\n")
+        logged = self._client.run("log", "-n", "3", "--grep", "7 times 8 is 56", shell)
+        if "7 times 8 is 56" not in logged:
+            raise StepFailed("what was printed is not in the log")
+        seen("list, attach and log work")
+
+
+def find_line(file: Path, pattern: str) -> str:
+    """The first line of the file that has the pattern; nothing while there is none."""
+    text = file.read_text(errors="replace") if file.exists() else ""
+    found = re.search(f"^{pattern}", text, re.MULTILINE)
+    return found.group() if found else ""

@@ -28,6 +28,7 @@
 
 #include "cmd_mon.h"
 #include "cons_mon.h"
+#include "descriptor_budget.h"
 #include "error.h"
 #include "mapped_port.h"
 #include "security.h"
@@ -528,6 +529,19 @@ void RefuseConnection(int sock) {
   close(sock);
 }
 
+DescriptorBudget descriptor_budget;
+
+// What the consoles that are not connected want once they are: a connection and a log.
+int DescriptorsForConsoles() {
+  const ReadLock lock(icl_lock, HERE);
+  int wanted = 0;
+  for (const ConsoleNode* cnode : Nodes(*i_cons_list)) {
+    if (cnode->enable == 0) continue;
+    wanted += (cnode->sock == -1 ? 1 : 0) + (cnode->log_fd == -1 ? 1 : 0);
+  }
+  return wanted;
+}
+
 // Waits until the new thread is counted, so that the next request on the port meets the true number
 // of pending logins and the port is never dropped between the two.
 bool StartServiceThread(ServiceReqThreadParams* params) {
@@ -582,6 +596,11 @@ void AcceptOn(const MappedPortNode* mpnode) {
     RefuseConnection(sock);
     return;
   }
+  if (!descriptor_budget.Admits(DescriptorsForConsoles)) {
+    SetUserError(kOutOfMemory);
+    RefuseConnection(sock);
+    return;
+  }
   ServeConnection(sock, mpnode, peer);
 }
 
@@ -606,6 +625,7 @@ void SetupMappedPorts() {
   refresh_mapped_ports = 0;
   CleanUpStalePorts();
   GetPortsToListenOn();
+  descriptor_budget.Forget();
 }
 
 int GetPortsToListenOn() {

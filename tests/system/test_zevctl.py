@@ -1,0 +1,447 @@
+"""The client's commands that look and act: what they print, what they do, how they end."""
+
+import os
+import pwd
+import re
+import signal
+import subprocess
+
+import pytest
+
+from harness import zevctl
+from harness.consoles import refusal
+from harness.scenes import connected, framed
+from harness.waiting import LIMIT, free_port, stretched, wait_until
+from harness.zevctl import Terminal
+
+OPERATOR = pwd.getpwuid(os.getuid()).pw_name
+
+
+@pytest.fixture
+def rack(station):
+    """Four consoles: two that are connected, one that is not, one that is disabled."""
+    boxes = {name: station.console(name, platform=f"p-{name}") for name in ("web1", "web2")}
+    station.console("db1", listening=False)
+    station.console("off", enable=0)
+    station.start()
+    for name, console in boxes.items():
+        connected(station, console, name)
+    station.boxes = boxes
+    return station
+
+
+def rows(text: str) -> list[list[str]]:
+    """The words of a table's lines, the heading first."""
+    return [line.split() for line in text.splitlines()]
+
+
+# list
+
+
+def test_list_shows_every_console(rack):
+    rack.attach("web1", mode="ex")
+    ports = {name: console.port for name, console in rack.boxes.items()}
+    heading, *found = rows(zevctl.succeed(rack, "list"))
+    assert heading == ["NAME", "STATE", "USERS", "MODE", "ADDRESS", "PORT", "MODEL", "PLATFORM"]
+    assert ["web1", "in-use", "1", "exclusive", "127.0.0.1", str(ports["web1"]), "A200",
+            "p-web1"] in found
+    assert ["web2", "connected", "0", "none", "127.0.0.1", str(ports["web2"]), "A200",
+            "p-web2"] in found
+    states = {row[0]: row[1] for row in found}
+    assert states == {"web1": "in-use", "web2": "connected", "db1": "refused", "off": "disabled"}
+
+
+def test_list_as_json(rack):
+    rack.attach("web1", mode="ro")
+    rack.attach("web1")
+    found = {entry["name"]: entry for entry in zevctl.data(rack, "list")}
+    assert found["web1"] == {
+        "name": "web1", "state": "in-use", "users": 2, "mode": "shared", "address": "127.0.0.1",
+        "port": rack.boxes["web1"].port, "management_port": 23, "model": "A200",
+        "platform": "p-web1"}
+    assert found["off"]["state"] == "disabled" and found["off"]["users"] == 0
+
+
+@pytest.mark.parametrize("patterns, names", [
+    (["web1"], ["web1"]),
+    (["WEB1"], ["web1"]),
+    (["web*"], ["web1", "web2"]),
+    (["*1"], ["web1", "db1"]),
+    (["web[2-9]", "o?f"], ["web2", "off"]),
+    (["web1", "w*"], ["web1", "web2"]),
+])
+def test_list_takes_patterns(rack, patterns, names):
+    assert {entry["name"] for entry in zevctl.data(rack, "list", *patterns)} == set(names)
+
+
+@pytest.mark.parametrize("states, names", [
+    (["connected"], {"web1", "web2"}),
+    (["disabled"], {"off"}),
+    (["refused", "disabled"], {"db1", "off"}),
+    (["in-use"], set()),
+])
+def test_list_takes_states(rack, states, names):
+    words = [word for state in states for word in ("--state", state)]
+    assert {entry["name"] for entry in zevctl.data(rack, "list", *words)} == names
+
+
+def test_an_unknown_name_is_reported(rack):
+    zevctl.refuse(rack, zevctl.NO_SUCH_CONSOLE,
+                  'no console is named "nowhere*"; "zevctl list" shows the names',
+                  "list", "web1", "nowhere*")
+
+
+def test_a_station_without_consoles(station):
+    station.start()
+    assert zevctl.data(station, "list") == []
+    assert rows(zevctl.succeed(station, "list")) == [
+        ["NAME", "STATE", "USERS", "MODE", "ADDRESS", "PORT", "MODEL", "PLATFORM"]]
+
+
+def test_a_table_fits_the_terminal(station):
+    station.console("x" * 64, listening=False, platform="y" * 60)
+    station.start()
+    with Terminal(station, "list", columns=80) as screen:
+        shown = screen.expect_end(zevctl.OK).decode().splitlines()
+    assert len(shown) == 2 and all(len(re.sub("\x1b\\[[0-9]*m", "", line)) <= 80
+                                   for line in shown)
+    assert "x" * 10 in shown[1] and "~" in shown[1]
+
+
+@pytest.mark.parametrize("env, coloured", [({}, True), ({"NO_COLOR": "1"}, False)])
+def test_colours_are_for_terminals(rack, env, coloured):
+    with Terminal(rack, "list", columns=120, env=env) as screen:
+        assert (b"\x1b[32m" in screen.expect_end(zevctl.OK)) == coloured
+    assert "\x1b" not in zevctl.succeed(rack, "list")
+
+
+def test_watching_shows_what_changes(rack):
+    with Terminal(rack, "list", "--watch", "web1", columns=120) as screen:
+        screen.expect("connected")
+        user = rack.attach("web1")
+        screen.expect("in-use")
+        user.close()
+        screen.expect("connected")
+        screen.type("\x03")
+
+
+def test_watching_waits_for_a_daemon_that_is_started_again(rack):
+    with Terminal(rack, "list", "--watch", "web1", columns=120) as screen:
+        screen.expect("connected")
+        rack.stop()
+        screen.expect("zevctl: ")
+        rack.start("-p", str(rack.port))
+        connected(rack, rack.boxes["web1"], "web1", times=2)
+        screen.expect("connected")
+        screen.type("\x03")
+
+
+# who, ports, holder
+
+
+def test_who_tells_names_modes_and_addresses(rack):
+    rack.attach("web1", user="ann", addr="10.1.2.3")
+    rack.attach("web1", user="bob", mode="ro")
+    rack.attach("web2", user="eve", mode="er")
+    assert zevctl.data(rack, "who", "web*") == [
+        {"console": "web1", "user": "ann", "mode": "shared", "address": "10.1.2.3"},
+        {"console": "web1", "user": "bob", "mode": "read-only", "address": "127.0.0.1"},
+        {"console": "web2", "user": "eve", "mode": "exclusive-revoke", "address": "127.0.0.1"}]
+    assert rows(zevctl.succeed(rack, "who", "web2")) == [
+        ["CONSOLE", "USER", "MODE", "ADDRESS"],
+        ["web2", "eve", "exclusive-revoke", "127.0.0.1"]]
+    assert zevctl.data(rack, "who") == zevctl.data(rack, "who", "*")
+
+
+def test_who_of_a_management_port_that_is_held_elsewhere(station):
+    px = station.console("px", model="P100", greeting=refusal("10.9.8.7"))
+    station.start()
+    px.accept()
+    wait_until(lambda: zevctl.data(station, "who", "px"), what="the refusal to be known")
+    assert zevctl.data(station, "who", "px") == [
+        {"console": "px", "user": "Unknown", "mode": "management-port", "address": "10.9.8.7"}]
+    assert zevctl.data(station, "holder", "px") == [{"console": "px", "holder": "10.9.8.7"}]
+
+
+def test_ports_shows_the_port_plan(station):
+    mapped = free_port()
+    station.console("one", listening=False, mapped_port=mapped, auth=1)
+    station.console("two", listening=False)
+    station.start()
+    one, two = zevctl.data(station, "ports", "one", "two")
+    assert (one["name"], one["user_port"], one["login"]) == ("one", mapped, True)
+    assert (two["name"], two["user_port"], two["login"]) == ("two", 0, False)
+    assert ["one", str(mapped), "yes"] in [row[:3] for row in
+                                           rows(zevctl.succeed(station, "ports"))]
+    assert ["two", "-", "no"] in [row[:3] for row in rows(zevctl.succeed(station, "ports"))]
+
+
+def test_holder_of_consoles_that_have_none(rack):
+    done = zevctl.run(rack, "--json", "holder", "web1", "db1")
+    assert done.returncode == zevctl.FAILED
+    assert done.stderr == "zevctl: db1: Not a Pellox console.\n"
+    assert done.stdout == '[{"console":"web1","holder":"127.0.0.1"}]\n'
+
+
+# clear, disable, enable, force
+
+
+def test_clear_disconnects_the_users(rack):
+    user = rack.attach("web1", user="ann")
+    assert zevctl.succeed(rack, "--user", "op", "clear", "web1") == (
+        "web1: its users were disconnected\n")
+    user.expect(framed("Your session has been terminated by op@127.0.0.1"))
+    user.expect_closed()
+    assert not rack.boxes["web1"].closed
+
+
+def test_the_login_name_is_the_operators_name(rack):
+    user = rack.attach("web1")
+    zevctl.succeed(rack, "clear", "web1")
+    user.expect(framed(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
+
+
+def test_disable_and_enable(rack):
+    assert zevctl.succeed(rack, "disable", "web1", "--yes") == "web1: disabled\n"
+    rack.boxes["web1"].expect_closed()
+    wait_until(lambda: zevctl.data(rack, "list", "web1")[0]["state"] == "disabled",
+               what="the console to be closed")
+    assert zevctl.succeed(rack, "enable", "web1") == (
+        "web1: enabled; the daemon connects to it within a minute\n")
+    rack.boxes["web1"].accept()
+    wait_until(lambda: zevctl.data(rack, "list", "web1")[0]["state"] == "connected",
+               what="the console to be connected again")
+
+
+def test_force(rack):
+    assert zevctl.succeed(rack, "force", "db1") == (
+        "db1: its management port will be taken over at the next refusal\n")
+
+
+def test_several_consoles_are_acted_on_after_a_question(rack):
+    users = [rack.attach("web1"), rack.attach("web2")]
+    with Terminal(rack, "clear", "web*", columns=120) as screen:
+        screen.expect("Disconnect the users of 2 consoles (web1, web2)? [y/N] ")
+        screen.type("n\r")
+        assert b"zevctl: nothing was done" in screen.expect_end(zevctl.DECLINED)
+    users[0].send(b"still here")
+    rack.boxes["web1"].expect_exactly(b"still here")
+    with Terminal(rack, "clear", "web*", columns=120) as screen:
+        screen.expect("[y/N] ")
+        screen.type("y\r")
+        screen.expect("web1: its users were disconnected\r\nweb2: its users were disconnected\r\n")
+        screen.expect_end(zevctl.OK)
+    for user in users:
+        user.expect(framed(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
+        user.expect_closed()
+
+
+@pytest.mark.parametrize("words", [["clear", "--yes", "web*"], ["clear", "web1"]])
+def test_no_question_where_none_is_needed(rack, words):
+    with Terminal(rack, *words, columns=120) as screen:
+        assert b"?" not in screen.expect_end(zevctl.OK)
+
+
+def test_results_as_json(rack):
+    assert zevctl.data(rack, "clear", "web*") == [
+        {"console": "web1", "done": True, "text": "its users were disconnected"},
+        {"console": "web2", "done": True, "text": "its users were disconnected"}]
+
+
+# msg
+
+
+def test_a_message_reaches_the_users(rack):
+    user = rack.attach("web1")
+    assert zevctl.succeed(rack, "--user", "op", "msg", "web1", "reboot", "at  five") == (
+        "web1: told\n")
+    user.expect(framed("Message from op@127.0.0.1: \n\n\rreboot at  five\n"))
+
+
+def test_a_message_to_a_console_that_is_not_connected(rack):
+    done = zevctl.run(rack, "msg", "*", "hello")
+    assert done.returncode == zevctl.NOT_ACCESSIBLE
+    assert done.stdout == "web1: told\nweb2: told\n"
+    assert sorted(done.stderr.splitlines()) == [
+        "zevctl: db1: it is not connected and has no users",
+        "zevctl: off: it is not connected and has no users"]
+
+
+def test_a_message_of_two_lines_is_refused(rack):
+    zevctl.refuse(rack, zevctl.USAGE, "the text must be one line", "msg", "web1", "a\nclear web2")
+
+
+def test_a_message_that_is_too_long_is_refused(rack):
+    zevctl.refuse(rack, zevctl.USAGE, "the command is too long: at most 1022 characters",
+                  "msg", "web1", "x" * 1100)
+
+
+# The connection
+
+
+def test_without_a_daemon(station):
+    port = free_port()
+    zevctl.refuse(None, zevctl.NO_DAEMON, f"no daemon answers at 127.0.0.1 port {port}: "
+                  "Connection refused. Is zevd running? See --host and --port.",
+                  "--port", str(port), "list")
+
+
+def test_a_host_that_is_not_known():
+    done = zevctl.run(None, "--host", "no.such.host.invalid", "list")
+    assert done.returncode == zevctl.NO_DAEMON
+    assert done.stderr.startswith('zevctl: the host "no.such.host.invalid" is not known: ')
+
+
+def test_host_and_port_from_the_environment(rack):
+    env = {"ZEVCTL_HOST": "localhost", "ZEVCTL_PORT": str(rack.port)}
+    done = zevctl.run(None, "list", "web1", env=env)
+    assert done.returncode == zevctl.OK and "web1" in done.stdout
+
+
+def test_something_that_is_no_daemon(fake_console):
+    other = fake_console("other", greeting=b"SSH-2.0-Other\r\n")
+    client = zevctl.start(None, "--port", str(other.port), "list")
+    other.accept()
+    _, said = client.communicate(timeout=stretched(LIMIT))
+    assert (client.returncode, said) == (
+        zevctl.NO_DAEMON, b"zevctl: what answers at this address is no command port of zevd; see "
+        b"--host and --port\n")
+
+
+@pytest.mark.parametrize("words", [
+    [], ["lst"], ["list", "--nonsense"], ["list", "--state", "tired"], ["clear"], ["msg", "a"],
+    ["--port", "0", "list"], ["--port", "x", "list"], ["--user", "two words", "list"],
+])
+def test_lines_that_are_not_understood(words):
+    done = zevctl.run(None, *words)
+    assert done.returncode == zevctl.USAGE
+    assert done.stdout == "" and done.stderr != ""
+
+
+def test_help_and_version():
+    assert zevctl.succeed(None, "--version") == "zevctl 0.1.0\n"
+    assert "Usage: zevctl" in zevctl.succeed(None, "--help")
+    assert "PATTERN" in zevctl.succeed(None, "list", "--help")
+
+
+def test_output_that_cannot_be_written(rack):
+    with open("/dev/full", "wb") as full:
+        done = zevctl.start(rack, "list", stdout=full)
+        assert done.wait() == zevctl.FAILED
+        assert done.stderr.read() == b"zevctl: the output cannot be written\n"
+
+
+@pytest.mark.parametrize("closed", ["<&-", ">&-", "2>&-", "<&- >&- 2>&-"])
+def test_without_standard_streams_nothing_is_mixed_up(rack, closed):
+    user = rack.attach("web1")
+    line = f'exec "$@" {closed}'
+    status = subprocess.run(["bash", "-c", line, "bash", zevctl.PROGRAM, "--port", str(rack.port),
+                             "clear", "web1"], check=False, capture_output=True).returncode
+    assert status in (zevctl.OK, zevctl.FAILED)
+    user.expect(framed(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
+
+
+# The right to ask
+
+
+@pytest.fixture
+def locked(station):
+    """A station with security on and a connected console."""
+    box = station.console("box")
+    station.start("-S", "1")
+    connected(station, box, "box")
+    return station
+
+
+def test_the_cookie_file_is_enough_on_the_station(locked):
+    assert [entry["name"] for entry in zevctl.data(locked, "list")] == ["box"]
+
+
+def test_without_cookie_and_terminal_nobody_gets_in(locked):
+    zevctl.refuse(locked, zevctl.NOT_ADMITTED, "the daemon asks for a name and a password, and "
+                  "there is no terminal to ask you on; where the cookie file is readable, no login "
+                  "is needed", "--host", "127.0.0.2", "list")
+
+
+def test_a_cookie_file_that_was_given_must_be_usable(locked):
+    missing = str(locked.config / "nothing")
+    zevctl.refuse(locked, zevctl.NOT_ADMITTED, f"the cookie in {missing} cannot be used: the file "
+                  "must be readable and the daemon on 127.0.0.1", "--cookie-file", missing, "list")
+
+
+def test_a_cookie_of_another_daemon_is_refused(locked):
+    other = locked.config / "other"
+    other.write_text("A" * 16 + "\n")
+    zevctl.refuse(locked, zevctl.NOT_ADMITTED, f"refused: the cookie in {other} is not that of "
+                  "the daemon at this address", "--cookie-file", str(other), "list")
+
+
+def test_signals_end_a_watch(rack):
+    watch = zevctl.start(rack, "list", "--watch")
+    with watch:
+        assert b"NAME" in watch.stdout.readline()
+        watch.send_signal(signal.SIGTERM)
+        assert watch.wait() == -signal.SIGTERM
+
+
+# Completion
+
+
+def complete(station, *words: str) -> list[str]:
+    """What may stand in place of the last word."""
+    done = zevctl.run(None, "complete", *words,
+                      env={"ZEVCTL_PORT": str(station.port)} if station else None)
+    assert (done.returncode, done.stderr) == (0, "")
+    return done.stdout.split()
+
+
+def test_completion_of_console_names(rack):
+    assert complete(rack, "attach", "w") == ["web1", "web2"]
+    assert complete(rack, "attach", "web1", "") == []
+    assert complete(rack, "clear", "web1", "o") == ["off"]
+    assert set(complete(rack, "--json", "list", "")) == {"web1", "web2", "db1", "off"}
+    assert complete(None, "--host", "127.0.0.1", "--port", str(rack.port), "who", "d") == ["db1"]
+    assert complete(None, f"--port={rack.port}", "who", "d") == ["db1"]
+
+
+def test_completion_of_commands_and_options(rack):
+    assert {"list", "attach", "log", "events", "completion"} <= set(complete(rack, ""))
+    assert complete(rack, "comp") == ["completion"]
+    assert complete(rack, "list", "--sta") == ["--state"]
+    assert complete(rack, "list", "--state", "dis") == ["disabled"]
+    assert complete(rack, "attach", "x", "--mode", "") == ["ro", "sh", "ex", "er"]
+    assert complete(rack, "completion", "z") == ["zsh"]
+    assert complete(rack, "--cookie-file", "x") == ["<file>"]
+
+
+def test_completion_without_a_daemon_or_a_right_is_empty(locked):
+    assert complete(None, "--port", str(free_port()), "who", "") == []
+    assert complete(None, "--host", "127.0.0.2", "--port", str(locked.port), "who", "") == []
+
+
+@pytest.mark.parametrize("line, shown", [
+    ("zevctl clear we", ["web1", "web2"]),
+    ("zevctl comp", ["completion"]),
+    ("zevctl --port={port} who d", ["db1"]),
+])
+def test_bash_completes(rack, line, shown):
+    """As bash does it: the words are split at "=" too."""
+    line = line.format(port=rack.port)
+    script = (f"source <({zevctl.PROGRAM} completion bash); COMP_LINE='{line}'; "
+              "COMP_POINT=${#COMP_LINE}; _zevctl; printf '%s\\n' \"${COMPREPLY[@]}\"")
+    assert shell(rack, "bash", "-c", script) == shown
+
+
+def test_zsh_completes(rack):
+    """The function's own work, with zsh's way to offer words replaced by printing them."""
+    script = (f"compdef() {{ }}; source <({zevctl.PROGRAM} completion zsh); "
+              "compadd() { print -l -- ${(P)2} }; words=(zevctl clear we); CURRENT=3; _zevctl")
+    assert shell(rack, "zsh", "-f", "-c", script) == ["web1", "web2"]
+
+
+def shell(station, *command: str) -> list[str]:
+    """The lines that a shell's command prints, with the client in its path."""
+    path = f"{zevctl.PROGRAM.parent}:{os.environ['PATH']}"
+    env = zevctl.environment(PATH=path, ZEVCTL_PORT=str(station.port))
+    return subprocess.run(command, env=env, capture_output=True, check=True,
+                                 text=True).stdout.splitlines()

@@ -1,0 +1,856 @@
+"""The client's sessions at a console: typed on a terminal, piped, refused, ended and begun anew."""
+
+import contextlib
+import os
+import re
+import select
+import signal
+import subprocess
+import termios
+import threading
+
+import pexpect
+import pytest
+
+from harness.access import attach_when_up, bring_up, terminated_by, user_monitor_frozen
+from harness.commands import DONE, Tool
+from harness.consoles import NEGOTIATION, ShellConsole, TelnetServerConsole
+from harness.scenes import connected, numbered, print_and_wait
+from harness.waiting import LIMIT, free_port, stretched, wait_until
+from harness.zevctl import (IN_USE, NO_DAEMON, NO_SUCH_CONSOLE, NOT_ACCESSIBLE,
+                            NOT_ADMITTED, OK, PROGRAM, SESSION_ENDED, USAGE, Terminal, environment,
+                            refuse, run, words)
+from harness.helpers import FakeHelper
+
+ATTACHED = "Attached to box (shared). Type ~. at the start of a line to leave, ~? for help.\r\n"
+LEFT = "Left box.\r\n"
+HELP = ("\r\n"
+        "At the start of a line:\r\n"
+        "  ~.    leave the console\r\n"
+        "  ~b    send a break\r\n"
+        "  ~^Z   suspend zevctl\r\n"
+        "  ~?    show this help\r\n"
+        "  ~~    send ~ itself\r\n")
+
+CLOSED = ("the daemon closed the session: the console's connection was lost, the console was "
+          'disabled or deleted, or the daemon ended; "zevctl list box" tells its state, --retry '
+          "waits for it")
+TERMINATED = 'somebody took the console over or cleared it; "zevctl who box" tells who has it'
+NOT_FOUND = 'refused: 004 - Console not found. "zevctl list" shows the names.'
+INACCESSIBLE = ("refused: 005 - Console is not accessible. The daemon tries to connect to it every "
+                "minute; --retry waits for it.")
+DISABLED = ('refused: 012 - Console is disabled. "zevctl enable" lets the daemon connect to it.')
+DELETED = ("refused: 011 - Console has been deleted. It was taken out of the station's "
+           "configuration.")
+TRYING = "Trying again every 2 seconds; Ctrl-C ends it.\r\n"
+
+BREAK = b"\xff\xf3"
+
+
+@pytest.fixture
+def box(station):
+    """A console named "box", connected."""
+    console = station.console("box")
+    bring_up(station, console)
+    return console
+
+
+@contextlib.contextmanager
+def seated(station, *arguments: str, console: str = "box", greeting: str = ATTACHED):
+    """Somebody at a terminal, attached to the console."""
+    with Terminal(station, "attach", console, *arguments) as person:
+        person.expect(greeting)
+        yield person
+
+
+def leave(person: Terminal) -> None:
+    """Leave by the escape, from the middle of a line."""
+    person.type("\r~.")
+    person.expect(LEFT)
+    person.expect_end(OK)
+
+
+def expect_signal(person: Terminal, number: int) -> None:
+    """Wait until the client has ended by the signal."""
+    person.child.expect(pexpect.EOF, timeout=stretched(LIMIT))
+    person.child.wait()
+    assert (person.child.signalstatus, person.child.exitstatus) == (number, None)
+
+
+def modes_of(person) -> list:
+    """The modes of the terminal, as the person's side sees them."""
+    return termios.tcgetattr(person.child_fd)
+
+
+@contextlib.contextmanager
+def piped(station, *arguments: str, stdout=subprocess.PIPE):
+    """The client with a pipe for its input, attached to "box"."""
+    process = subprocess.Popen([PROGRAM, *words(station, ("attach", "box", *arguments))],
+                               env=environment(), stdin=subprocess.PIPE, stdout=stdout,
+                               stderr=subprocess.PIPE, start_new_session=True)
+    try:
+        assert process.stderr.readline() == b"Attached to box (shared).\n"
+        yield process
+    finally:
+        process.kill()
+        process.wait()
+        for stream in (process.stdin, process.stdout, process.stderr):
+            with contextlib.suppress(BrokenPipeError):
+                stream.close()
+
+
+def assert_small(pid: int) -> None:
+    """The client holds no more than some megabytes.
+
+    What a sanitizer build holds says nothing: it keeps what was freed.
+    """
+    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+        held = next(int(line.split()[1]) for line in status if line.startswith("VmRSS:")) * 1024
+    with open(f"/proc/{pid}/maps", encoding="latin-1") as maps:
+        sanitized = re.search("lib[at]san", maps.read())
+    assert sanitized or held < 20_000_000
+
+
+# At a terminal
+
+
+def test_keys_go_to_the_console_and_output_comes_back(station, box):
+    with seated(station) as person:
+        person.type("show all\r")
+        box.expect_exactly(b"show all\r")
+        box.send(b"nothing\nto\r\nshow\r\n")
+        person.expect("nothing\nto\r\nshow\r\n")
+        leave(person)
+        box.expect_exactly(b"\r")
+
+
+def test_every_key_is_handed_on(station, box):
+    """Those that a terminal or a shell would act on, and every byte above 127."""
+    keys = bytes(byte for byte in range(256) if byte != ord("\r"))
+    with seated(station) as person:
+        person.type(keys)
+        box.expect_exactly(keys.replace(b"\xff", b"\xff\xff"))
+
+
+def test_every_byte_of_output_is_shown(station, box):
+    shown = bytes(range(256))
+    with seated(station) as person:
+        box.send(b"<" + shown.replace(b"\xff", b"\xff\xff") + b">")
+        person.expect(b"<" + shown + b">")
+
+
+@pytest.mark.parametrize("mode, words_for_it", [
+    ("sh", "shared"), ("ex", "exclusive"), ("er", "exclusive-revoke")])
+def test_modes_in_which_one_can_type(station, box, mode, words_for_it):
+    greeting = ATTACHED.replace("shared", words_for_it)
+    with seated(station, "--mode", mode, "--user", "ann", greeting=greeting) as person:
+        (record,) = Tool(station).command("who box").records
+        assert (record[0], record[2]) == ("ann", {"sh": "2", "ex": "3", "er": "4"}[mode])
+        person.type("x")
+        box.expect_exactly(b"x")
+
+
+def test_a_reader_sends_nothing(station, box):
+    writer = station.attach("box")
+    greeting = ATTACHED.replace("shared", "read-only, what you type is not sent")
+    with seated(station, "--mode", "ro", greeting=greeting) as person:
+        position = station.mark()
+        person.type("unheard\r~b")
+        person.expect("\r\nA read-only user cannot send a break.\r\n")
+        box.send(b"shown")
+        person.expect("shown")
+        writer.send(b"heard")
+        box.expect_exactly(b"heard")
+        assert "ProcessUserInput: Received ->unheard" not in station.log_text(position)
+        person.type("~.")
+        person.expect(LEFT)
+        person.expect_end(OK)
+
+
+def test_the_login_name_is_shown_to_others(station, box):
+    with seated(station):
+        (record,) = Tool(station).command("who box").records
+        assert record[0] == "root"
+
+
+@pytest.mark.parametrize("last, gap", [("login: ", b"\r\n"), ("done\r\n", b"")])
+def test_the_message_at_the_end_begins_a_line(station, box, last, gap):
+    with seated(station) as person:
+        box.send(last.encode())
+        person.expect(last)
+        person.type("~.")
+        assert person.expect(LEFT) == gap
+        person.expect_end(OK)
+
+
+def test_what_the_console_printed_last_is_shown_first(station):
+    console = station.console("box")
+    bring_up(station, console, options=("-B", "100"))
+    print_and_wait(station, console, b"the last words\r\n")
+    with seated(station) as person:
+        person.expect("the last words\r\n")
+
+
+# Escapes
+
+
+def test_a_break(station, box):
+    with seated(station) as person:
+        person.type("x\r~b~by")
+        box.expect_exactly(b"x\r" + BREAK + BREAK + b"y")
+
+
+def test_help(station, box):
+    with seated(station) as person:
+        person.type("~?")
+        person.expect(HELP)
+        person.type("x")
+        box.expect_exactly(b"x")
+
+
+def test_the_escape_itself_and_other_keys(station, box):
+    with seated(station) as person:
+        person.type("~~\r~x\r~/\r a~.")
+        box.expect_exactly(b"~\r~x\r~/\r a~.")
+
+
+def test_a_session_within_a_session(station, box):
+    """The inner client is reached through the outer one by doubling the escape."""
+    with ShellConsole() as shell:
+        station.console_line("shell", shell.port)
+        station.signal(signal.SIGHUP)
+        attach_when_up(station, "shell").close()
+        greeting = ATTACHED.replace("box", "shell")
+        with seated(station, console="shell", greeting=greeting) as outer:
+            outer.type(f"{PROGRAM} --port {station.port} attach box\r")
+            outer.expect("Attached to box (shared).")
+            outer.type("x\r~~.")
+            box.expect_exactly(b"x\r")
+            outer.expect("Left box.")
+            outer.type("echo $((6 * 7))\r")
+            outer.expect("42\r\n")
+            outer.type("~.")
+            outer.expect("Left shell.")
+            outer.expect_end(OK)
+
+
+def test_another_escape(station, box):
+    greeting = ("Attached to box (shared). Type ^]. at the start of a line to leave, ^]? for "
+                "help.\r\n")
+    with seated(station, "--escape", "^]", greeting=greeting) as person:
+        person.type("~.\r\x1d?")
+        person.expect("\r\n  ^]^Z  suspend zevctl\r\n")
+        person.expect("\r\n  ^]^]  send ^] itself\r\n")
+        person.type("\x1d.")
+        person.expect(LEFT)
+        person.expect_end(OK)
+    box.expect_exactly(b"~.\r")
+
+
+def test_no_escape(station, box):
+    greeting = ("Attached to box (shared). There is no escape: to leave, end zevctl from "
+                "outside.\r\n")
+    with seated(station, "--escape", "none", greeting=greeting) as person:
+        person.type("~.\r~?")
+        box.expect_exactly(b"~.\r~?")
+        person.child.kill(signal.SIGTERM)
+        expect_signal(person, signal.SIGTERM)
+
+
+# Telnet
+
+
+def test_what_the_console_offers_is_answered_and_not_shown(station):
+    console = station.console("box", greeting=NEGOTIATION + b"ready")
+    bring_up(station, console)
+    with seated(station) as person:
+        console.expect_exactly(b"\xff\xfc\x1f\xff\xfd\x01\xff\xfd\x03")
+        person.type("x\r")
+        console.expect_exactly(b"x\r\0")
+        console.send(b"<\xff\xfe\x01\xff\xfb\x05>")
+        person.expect("<>")
+        console.expect_exactly(b"\xff\xfe\x05")
+
+
+def test_a_console_that_offers_nothing_gets_no_key_that_was_not_typed(station, box):
+    with seated(station) as person:
+        person.type("x\ry")
+        box.expect_exactly(b"x\ry")
+
+
+def test_keys_go_as_they_are_once_that_is_agreed(station, box):
+    with seated(station) as person:
+        box.send(b"\xff\xfd\0")
+        box.expect_exactly(b"\xff\xfb\0")
+        person.type("x\r")
+        box.expect_exactly(b"x\r")
+        person.type("y")
+        box.expect_exactly(b"y")
+
+
+def test_at_a_real_telnet_server(station):
+    with TelnetServerConsole() as server:
+        station.console_line("server", server.port)
+        station.start()
+        station.wait_connected("server")
+        with seated(station, console="server",
+                    greeting=ATTACHED.replace("box", "server")) as person:
+            person.type("\r")
+            person.expect("# ")
+            person.type("echo the answer is $((6 * 7))\r")
+            shown = person.expect("the answer is 42\r\n")
+            assert b"\xff" not in shown
+            person.type("~.")
+            person.expect_end(OK)
+
+
+# Ways out: the terminal is as it was
+
+
+def end_by_escape(_station, _console, person: Terminal) -> None:
+    """Leave."""
+    leave(person)
+
+
+def end_by_signal(number: int):
+    """Have the client ended from outside."""
+    def end(_station, _console, person: Terminal) -> None:
+        person.child.kill(number)
+        expect_signal(person, number)
+    return end
+
+
+def end_by_console(_station, console, person: Terminal) -> None:
+    """Let the console go away."""
+    console.shut()
+    person.expect(f"zevctl: {CLOSED}\r\n")
+    person.expect_end(SESSION_ENDED)
+
+
+def end_by_daemon(station, _console, person: Terminal) -> None:
+    """Kill the daemon."""
+    station.signal(signal.SIGKILL)
+    station.expect_exit(-signal.SIGKILL)
+    person.expect(f"zevctl: {CLOSED}\r\n")
+    person.expect_end(SESSION_ENDED)
+
+
+def end_by_clearing(station, _console, person: Terminal) -> None:
+    """Have an operator throw the user out."""
+    assert Tool(station).command("clear box").type == DONE
+    person.expect(terminated_by("op"))
+    person.expect(f"zevctl: {TERMINATED}\r\n")
+    person.expect_end(SESSION_ENDED)
+
+
+WAYS_OUT = {
+    "escape": end_by_escape,
+    "SIGTERM": end_by_signal(signal.SIGTERM),
+    "SIGHUP": end_by_signal(signal.SIGHUP),
+    "SIGINT": end_by_signal(signal.SIGINT),
+    "console": end_by_console,
+    "daemon": end_by_daemon,
+    "clear": end_by_clearing,
+}
+
+
+@pytest.mark.parametrize("end", WAYS_OUT.values(), ids=WAYS_OUT.keys())
+def test_the_terminal_is_restored(station, box, end):
+    with Terminal(station, "attach", "box") as person:
+        before = modes_of(person.child)
+        person.expect(ATTACHED)
+        assert modes_of(person.child)[3] & (termios.ICANON | termios.ECHO | termios.ISIG) == 0
+        end(station, box, person)
+        assert modes_of(person.child) == before
+
+
+def test_the_terminal_is_restored_when_nobody_takes_the_output(station, box):
+    """The output goes to a pipe whose reader leaves."""
+    line = f"{PROGRAM} --port {station.port} attach box | head -c 4; echo over"
+    person = pexpect.spawn("/bin/sh", ["-c", line], timeout=stretched(LIMIT), env=environment())
+    try:
+        before = modes_of(person)
+        person.expect_exact(ATTACHED)
+        assert modes_of(person) != before
+        box.send(b"four and more")
+        person.expect_exact("zevctl: the output cannot be written: Broken pipe\r\n")
+        person.expect_exact("over\r\n")
+        person.expect(pexpect.EOF)
+        assert modes_of(person) == before
+    finally:
+        person.close(force=True)
+
+
+def test_signals_that_were_ignored_stay_ignored(station, box):
+    line = f"trap '' HUP; exec {PROGRAM} --port {station.port} attach box"
+    person = pexpect.spawn("/bin/sh", ["-c", line], timeout=stretched(LIMIT), env=environment())
+    try:
+        person.expect_exact(ATTACHED)
+        person.kill(signal.SIGHUP)
+        person.send("still\r~.")
+        box.expect_exactly(b"still\r")
+        person.expect_exact(LEFT)
+        person.expect(pexpect.EOF)
+        person.wait()
+        assert person.exitstatus == OK
+    finally:
+        person.close(force=True)
+
+
+@contextlib.contextmanager
+def at_a_shell(station):
+    """Somebody who has started the client from a shell with job control; its modes are raw."""
+    shell = pexpect.spawn("/bin/bash", ["--norc", "--noprofile", "--noediting", "-i"],
+                          timeout=stretched(LIMIT), env=environment(PS1="ready> "), echo=False)
+    try:
+        shell.expect_exact("ready> ")
+        shell.sendline(f"{PROGRAM} --port {station.port} attach box")
+        shell.expect_exact(ATTACHED)
+        yield shell
+    finally:
+        shell.close(force=True)
+
+
+def client_of(shell) -> int:
+    """The process that the shell has started."""
+    with open(f"/proc/{shell.pid}/task/{shell.pid}/children", encoding="ascii") as children:
+        return int(children.read())
+
+
+def expect_stopped(shell) -> None:
+    """The shell has the terminal again, as it needs it."""
+    shell.expect_exact("Stopped")
+    shell.expect_exact("ready> ")
+    assert modes_of(shell)[3] & termios.ICANON
+
+
+def go_on(shell, box, raw: list) -> None:
+    """Continue the client, see what was printed meanwhile, type and leave."""
+    box.send(b"meanwhile")
+    shell.sendline("fg")
+    shell.expect_exact("meanwhile")
+    wait_until(lambda: modes_of(shell) == raw, what="the terminal to be raw")
+    shell.send("b\r~.")
+    box.expect_exactly(b"b\r")
+    shell.expect_exact(LEFT)
+    shell.sendline("echo status $?")
+    shell.expect_exact("status 0")
+
+
+def test_suspending_and_going_on(station, box):
+    with at_a_shell(station) as shell:
+        raw = modes_of(shell)
+        shell.send("a\r~\x1a")
+        expect_stopped(shell)
+        box.expect_exactly(b"a\r")
+        go_on(shell, box, raw)
+
+
+def test_being_stopped_and_going_on(station, box):
+    with at_a_shell(station) as shell:
+        raw = modes_of(shell)
+        os.kill(client_of(shell), signal.SIGSTOP)
+        expect_stopped(shell)
+        go_on(shell, box, raw)
+
+
+def test_ending_it_while_it_is_stopped(station, box):
+    with at_a_shell(station) as shell:
+        shell.send("~\x1a")
+        expect_stopped(shell)
+        client = client_of(shell)
+        shell.sendline("kill %1")
+        wait_until(lambda: not os.path.exists(f"/proc/{client}"), what="the client to end")
+
+
+# Without a terminal
+
+
+def test_a_pipe_is_sent_as_it_is_and_its_end_ends_the_session(station, box):
+    with piped(station) as client:
+        client.stdin.write(b"~.\rshow\r\nall\n\xff\0")
+        client.stdin.close()
+        box.expect_exactly(b"~.\rshow\r\nall\n\xff\xff\0")
+        box.send(b"here it is\r\n")
+        assert client.stdout.read() == b"here it is\r\n"
+        assert client.stderr.read() == b"Left box.\n"
+        assert client.wait(stretched(LIMIT)) == OK
+
+
+def test_an_empty_input_shows_what_there_is(station, box):
+    done = run(station, "attach", "box")
+    assert (done.returncode, done.stdout) == (OK, "")
+    assert done.stderr == "Attached to box (shared).\nLeft box.\n"
+
+
+@pytest.mark.slow
+def test_a_console_that_never_stops_does_not_keep_the_client(station, box):
+    printing = threading.Event()
+
+    def print_on() -> None:
+        while not printing.wait(0.1):
+            box.send(b"tick\r\n")
+
+    printer = threading.Thread(target=print_on)
+    printer.start()
+    try:
+        done = run(station, "attach", "box")
+    finally:
+        printing.set()
+        printer.join()
+    assert done.returncode == OK
+    assert done.stdout.startswith("tick\r\ntick\r\n")
+
+
+def test_a_megabyte_through_a_pipe(station, box):
+    text = numbered(25_000)
+    with piped(station) as client:
+        box.flood(text, 1)
+        client.stdin.close()
+        assert client.stdout.read() == text
+        assert client.wait(stretched(LIMIT)) == OK
+
+
+def test_a_megabyte_of_input(station, box):
+    text = numbered(25_000)
+    with piped(station) as client:
+        client.stdin.write(text)
+        client.stdin.close()
+        box.expect_exactly(text, limit=3 * LIMIT)
+        assert client.wait(stretched(LIMIT)) == OK
+
+
+def test_a_megabyte_on_a_terminal(station, box):
+    text = numbered(25_000)
+    with seated(station) as person:
+        box.flood(text, 1)
+        assert read_terminal(person, len(text)) == text
+        leave(person)
+
+
+def test_the_daemons_end_is_told_without_a_terminal_too(station, box):
+    with piped(station) as client:
+        box.send(b"half a line")
+        assert client.stdout.read(11) == b"half a line"
+        box.shut()
+        assert client.stderr.read() == f"zevctl: {CLOSED}\n".encode()
+        assert client.wait(stretched(LIMIT)) == SESSION_ENDED
+
+
+# Who does not take what
+
+
+def read_terminal(person: Terminal, count: int) -> bytes:
+    """Take this many bytes off the screen."""
+    taken = b""
+    while len(taken) < count:
+        taken += person.child.read_nonblocking(65536, timeout=stretched(LIMIT))
+    return taken
+
+
+def print_all(station, console, text: bytes) -> None:
+    """Have the console print all of it, and the daemon read it."""
+    position = station.mark()
+    console.flood(text, 1).join()
+    last_line = text.splitlines()[-1].decode()
+    wait_until(lambda: last_line in station.log_text(position), what="the daemon to read it all")
+
+
+def test_a_terminal_that_takes_nothing_loses_no_key_and_no_output(station, box):
+    text = numbered(15_000)
+    with seated(station) as person:
+        print_all(station, box, text)
+        for number in range(100):
+            person.type(f"{number}\r")
+            box.expect_exactly(f"{number}\r".encode())
+        assert read_terminal(person, len(text)) == text
+        leave(person)
+
+
+def test_a_terminal_that_takes_nothing_can_be_left(station, box):
+    with Terminal(station, "attach", "box") as person:
+        before = modes_of(person.child)
+        person.expect(ATTACHED)
+        print_all(station, box, numbered(15_000))
+        person.type("\r~.")
+        wait_until(lambda: not person.child.isalive(), what="the client to end")
+        assert person.child.exitstatus == OK
+        assert modes_of(person.child) == before
+
+
+def test_a_terminal_that_takes_nothing_for_too_long_fills_no_memory(station):
+    """The daemon gives up on the user; what came before that is still shown."""
+    console = station.console("box")
+    station.start("-d", "1")
+    connected(station, console, "box")
+    text = numbered(25_000)
+    with Terminal(station, "attach", "box") as person:
+        person.expect(ATTACHED)
+        flood = console.flood(text, 100)
+        station.wait_log(re.compile('SendConsoleOutputToUsers: send.. from console "box" failed'),
+                         limit=3 * LIMIT)
+        flood.stop()
+        assert_small(person.child.pid)
+        assert read_terminal(person, len(text)).startswith(text)
+        person.expect(f"zevctl: {CLOSED}\r\n", limit=3 * LIMIT)
+        person.expect_end(SESSION_ENDED)
+
+
+def nothing_is_taken(pipe) -> bool:
+    """The pipe is full and stays so for a while."""
+    writable = select.poll()
+    writable.register(pipe, select.POLLOUT)
+    return not writable.poll(300)
+
+
+def test_a_daemon_that_takes_no_input_does_not_stop_the_output(station, box):
+    with piped(station) as client, user_monitor_frozen(station):
+        def feed() -> None:
+            with contextlib.suppress(BrokenPipeError):
+                for _ in range(500):
+                    client.stdin.write(bytes(100_000))
+
+        feeder = threading.Thread(target=feed)
+        feeder.start()
+        wait_until(lambda: nothing_is_taken(client.stdin), what="the client to take nothing more")
+        for number in range(50):
+            box.send(b"line %d\n" % number)
+            assert client.stdout.readline() == b"line %d\n" % number
+        assert feeder.is_alive()
+        assert_small(client.pid)
+        client.kill()
+        feeder.join()
+
+
+# Refusals
+
+
+def test_a_name_that_does_not_exist(station, box):
+    refuse(station, NO_SUCH_CONSOLE, NOT_FOUND, "attach", "nobox")
+    refuse(station, NO_SUCH_CONSOLE, NOT_FOUND, "attach", "nobox", "--retry")
+
+
+def test_consoles_that_are_not_connected(station):
+    station.console("dead", listening=False)
+    station.console("off", enable=0, listening=False)
+    station.start()
+    refuse(station, NOT_ACCESSIBLE, INACCESSIBLE, "attach", "dead")
+    refuse(station, NOT_ACCESSIBLE, DISABLED, "attach", "off")
+
+
+@pytest.mark.parametrize("held, wanted, message", [
+    ("ex", "sh", '006 - Console is locked exclusively. Watch it with --mode ro, or wait; "zevctl '
+                 'who" tells who has it.'),
+    ("sh", "ex", '007 - Cannot grant exclusive access. Console in use. Ask for --mode sh, or wait; '
+                 '"zevctl who" tells who is attached.'),
+    ("sh", "er", '007 - Cannot grant exclusive access. Console in use. Ask for --mode sh, or wait; '
+                 '"zevctl who" tells who is attached.'),
+])
+def test_consoles_that_somebody_has(station, box, held, wanted, message):
+    station.attach("box", held)
+    for more in ((), ("--retry",)):
+        refuse(station, IN_USE, f"refused: {message}", "attach", "box", "--mode", wanted, *more)
+
+
+def test_no_daemon():
+    port = free_port()
+    refuse(None, NO_DAEMON,
+           f"no daemon answers at 127.0.0.1 port {port}: Connection refused. Is zevd running? See "
+           "--host and --port.", "--port", str(port), "attach", "box")
+
+
+@pytest.mark.parametrize("arguments, message", [
+    ((), "NAME is required"),
+    (("a b",), "NAME: must be one word, without blanks"),
+    (("",), "NAME: must be one word, without blanks"),
+    (("@@@@",), "NAME: is not the name of a console"),
+    (("n" * 65,), "NAME: is too long for the name of a console"),
+    (("box", "--mode", "EX"), "--mode: EX not in {ro,sh,ex,er}"),
+    (("box", "--escape", "~~"),
+     '--escape: must be one printable character, ^ and a letter, or "none"'),
+    (("box", "--escape", "."), "--escape: has another meaning already"),
+])
+def test_mistakes_in_the_command_line(arguments, message):
+    done = run(None, "attach", *arguments)
+    assert (done.returncode, done.stdout) == (USAGE, "")
+    assert done.stderr.startswith(message + "\n")
+
+
+# With security
+
+
+@pytest.fixture
+def hall(station):
+    """A station that wants a login; root's password is "secret"."""
+    station.helper = FakeHelper(station)
+    station.helper.accept(b"root", b"secret")
+    station.box = station.console("box")
+    bring_up(station, station.box, options=("-S", "1"))
+    return station
+
+
+def answer(person: Terminal, name: str, password: str, offered: str = "root") -> bytes:
+    """Give a name and a password when asked; what the screen showed meanwhile."""
+    shown = person.expect(f"User name [{offered}]: ")
+    person.type(name + "\r")
+    shown += person.expect("Password: ")
+    person.type(password + "\r")
+    return shown
+
+
+def test_the_cookie_is_enough(hall):
+    with seated(hall) as person:
+        person.type("x")
+        hall.box.expect_exactly(b"x")
+    assert hall.helper.pairs() == []
+
+
+def test_without_the_cookie_by_name_and_password(hall):
+    (hall.config / ".cookie").unlink()
+    with Terminal(hall, "attach", "box", "--user", "ann") as person:
+        before = modes_of(person.child)
+        shown = answer(person, "root", "secret", offered="ann")
+        shown += person.expect(ATTACHED)
+        assert b"secret" not in shown
+        person.type("x")
+        hall.box.expect_exactly(b"x")
+        leave(person)
+        assert modes_of(person.child) == before
+    assert hall.helper.pairs() == [b"root secret"]
+
+
+def test_a_wrong_password_three_times(hall):
+    (hall.config / ".cookie").unlink()
+    with Terminal(hall, "attach", "box") as person:
+        before = modes_of(person.child)
+        for number in range(3):
+            shown = answer(person, "root", f"guess{number}")
+            assert b"guess" not in shown
+            if number < 2:
+                person.expect("Name or password is wrong.\r\n")
+        person.expect("zevctl: refused: 001 - Authentication failed. Try again with the name and "
+                      "password that you have there.\r\n")
+        person.expect_end(NOT_ADMITTED)
+        assert modes_of(person.child) == before
+    assert hall.helper.pairs() == [b"root guess%d" % number for number in range(3)]
+
+
+# Again and again
+
+
+def restart(station, console, *options: str) -> None:
+    """End the daemon and start another one on the same port, with the console connected."""
+    station.stop()
+    station.start("-p", str(station.port), *options)
+    console.accept()
+    station.wait_connected("box")
+
+
+def retrying(person: Terminal, reason: str) -> None:
+    """The client says why it is waiting, and that it is."""
+    person.expect(f"zevctl: {reason}\r\n{TRYING}")
+
+
+def test_retry_across_a_console_that_goes_and_comes(station, box):
+    with seated(station, "--retry") as person:
+        box.send(b"going\r\n")
+        person.expect("going\r\n")
+        box.close()
+        retrying(person, CLOSED)
+        person.type("unheard\r")
+        box.accept()
+        person.expect(ATTACHED)
+        person.type("heard\r")
+        box.expect_exactly(b"heard\r")
+        leave(person)
+
+
+def test_retry_across_a_restart_of_the_daemon(station, box):
+    with seated(station, "--retry") as person:
+        before = station.port
+        restart(station, box)
+        assert station.port == before
+        retrying(person, CLOSED)
+        person.expect(ATTACHED)
+        leave(person)
+
+
+def test_retry_keeps_the_name_and_the_password(hall):
+    (hall.config / ".cookie").unlink()
+    with Terminal(hall, "attach", "box", "--retry") as person:
+        answer(person, "root", "secret")
+        person.expect(ATTACHED)
+        hall.stop()
+        retrying(person, CLOSED)
+        person.expect(f"zevctl: no daemon answers at 127.0.0.1 port {hall.port}: ")
+        hall.start("-S", "1", "-p", str(hall.port))
+        (hall.config / ".cookie").unlink()
+        hall.box.accept()
+        shown = person.expect(ATTACHED)
+        assert b"assword" not in shown
+        leave(person)
+
+
+def test_retry_from_the_beginning(station):
+    """First the console is away, then the daemon, then both are there."""
+    box = station.console("box", listening=False)
+    station.start()
+    with Terminal(station, "attach", "box", "--retry") as person:
+        retrying(person, INACCESSIBLE)
+        box.listen()
+        restart(station, box)
+        shown = person.expect(ATTACHED)
+        assert TRYING.encode() not in shown
+        leave(person)
+
+
+def test_retry_waits_for_a_disabled_console(station, box):
+    with seated(station, "--retry") as person:
+        tool = Tool(station)
+        assert tool.command("disable box").type == DONE
+        person.expect("Console has been disabled by op@127.0.0.1")
+        retrying(person, CLOSED)
+        person.expect(f"zevctl: {DISABLED}\r\n")
+        box.expect_closed()
+        assert tool.command("enable box").type == DONE
+        box.accept()
+        person.expect(ATTACHED)
+        leave(person)
+
+
+@pytest.mark.parametrize("mode", ["sh", "er"])
+def test_retry_does_not_undo_what_somebody_did(station, box, mode):
+    greeting = ATTACHED.replace("shared", "exclusive-revoke") if mode == "er" else ATTACHED
+    with seated(station, "--retry", "--mode", mode, greeting=greeting) as person:
+        if mode == "er":
+            station.attach("box", user="bob")
+            person.expect(terminated_by("bob"))
+        else:
+            assert Tool(station).command("clear box").type == DONE
+            person.expect(terminated_by("op"))
+        person.expect(f"zevctl: {TERMINATED}\r\n")
+        person.expect_end(SESSION_ENDED)
+
+
+def test_retry_ends_when_the_console_is_gone_for_good(station, box):
+    with seated(station, "--retry") as person:
+        station.write_config("")
+        station.signal(signal.SIGHUP)
+        retrying(person, CLOSED)
+        # The daemon keeps it for a moment.
+        gone = {f"zevctl: {DELETED}\r\n": NOT_ACCESSIBLE,
+                f"zevctl: {NOT_FOUND}\r\n": NO_SUCH_CONSOLE}
+        found = person.child.expect_exact(list(gone), timeout=stretched(LIMIT))
+        person.expect_end(list(gone.values())[found])
+
+
+def test_retry_is_given_up_with_the_interrupt_key(station):
+    station.console("box", listening=False)
+    station.start()
+    with Terminal(station, "attach", "box", "--retry") as person:
+        before = modes_of(person.child)
+        retrying(person, INACCESSIBLE)
+        assert modes_of(person.child) == before
+        person.type("\x03")
+        expect_signal(person, signal.SIGINT)
+        assert modes_of(person.child) == before

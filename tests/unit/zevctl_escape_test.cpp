@@ -1,0 +1,173 @@
+// Escapes: what is typed at a console, cut at every place, and what it means to the client.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "escape.h"
+
+namespace zevctl {
+namespace {
+
+// What comes of typing this: keys as they are, actions as words between angle brackets.
+std::string Shown(EscapeAction action) {
+  switch (action) {
+    case EscapeAction::kNone:
+      return "";
+    case EscapeAction::kLeave:
+      return "<leave>";
+    case EscapeAction::kBreak:
+      return "<break>";
+    case EscapeAction::kHelp:
+      return "<help>";
+    case EscapeAction::kSuspend:
+      return "<suspend>";
+  }
+  return "<unknown>";
+}
+
+std::string Typed(EscapeReader& reader, std::string_view typed) {
+  std::string shown;
+  while (!typed.empty()) {
+    const EscapeStep step = reader.Next(typed);
+    shown += step.keys + Shown(step.action);
+  }
+  return shown;
+}
+
+std::string Typed(std::string_view typed, std::optional<char> escape = '~') {
+  EscapeReader reader(escape);
+  return Typed(reader, typed);
+}
+
+struct Case {
+  std::string_view typed;
+  std::string_view shown;
+};
+
+constexpr Case kCases[] = {
+    {"", ""},
+    {"hello\r", "hello\r"},
+    // At the start
+    {"~.", "<leave>"},
+    {"~b", "<break>"},
+    {"~?", "<help>"},
+    {"~\x1A", "<suspend>"},
+    {"~~", "~"},
+    {"~", ""},
+    // At the start of a later line
+    {"ls\r~.", "ls\r<leave>"},
+    {"ls\n~.", "ls\n<leave>"},
+    {"ls\r\n~.", "ls\r\n<leave>"},
+    {"\r~.", "\r<leave>"},
+    // Elsewhere
+    {"a~.", "a~."},
+    {" ~.", " ~."},
+    {"~~.", "~."},
+    {"~~~.", "~~."},
+    {"ls\rx~.", "ls\rx~."},
+    // Other keys
+    {"~x", "~x"},
+    {"~B", "~B"},
+    {"~x~.", "~x~."},
+    {"~\r", "~\r"},
+    {"~\r~.", "~\r<leave>"},
+    {"~/bin/ls\r", "~/bin/ls\r"},
+    // One after the other
+    {"~b~.", "<break><leave>"},
+    {"~?~b~b~.", "<help><break><break><leave>"},
+    {"~bx~.", "<break>x~."},
+    {"~~\r~~.\r~.", "~\r~.\r<leave>"},
+    // What follows is still read
+    {"~.rest", "<leave>rest"},
+};
+
+TEST(EscapeReader, FindsEscapesAtTheStartOfALine) {
+  for (const Case& tried : kCases) EXPECT_EQ(Typed(tried.typed), tried.shown) << tried.typed;
+}
+
+TEST(EscapeReader, DoesNotCareHowKeysArrive) {
+  for (const Case& tried : kCases) {
+    for (size_t cut = 0; cut <= tried.typed.size(); ++cut) {
+      EscapeReader reader('~');
+      const std::string first = Typed(reader, tried.typed.substr(0, cut));
+      EXPECT_EQ(first + Typed(reader, tried.typed.substr(cut)), tried.shown)
+          << tried.typed << " cut at " << cut;
+    }
+  }
+}
+
+TEST(EscapeReader, TakesAnotherCharacter) {
+  EXPECT_EQ(Typed("\x1D.", '\x1D'), "<leave>");
+  EXPECT_EQ(Typed("\x1D\x1D", '\x1D'), "\x1D");
+  EXPECT_EQ(Typed("\x1Dx", '\x1D'), "\x1Dx");
+  EXPECT_EQ(Typed("~.", '\x1D'), "~.");
+}
+
+TEST(EscapeReader, PassesEverythingWithoutAnEscapeCharacter) {
+  EXPECT_EQ(Typed("~.\r~b\r~?\r", std::nullopt), "~.\r~b\r~?\r");
+  EXPECT_EQ(Typed(std::string_view("\0\xFF", 2), std::nullopt), std::string("\0\xFF", 2));
+}
+
+// One client inside the other: each level takes one escape character away.
+TEST(EscapeReader, CanBeNested) {
+  EscapeReader outer('~');
+  EscapeReader inner('~');
+  const std::string first = Typed(outer, "ls\r~~.");
+  EXPECT_EQ(first, "ls\r~.");
+  EXPECT_EQ(Typed(inner, first), "ls\r<leave>");
+}
+
+TEST(Escape, IsOneCharacterOrNone) {
+  EXPECT_EQ(ToEscape("~"), '~');
+  EXPECT_EQ(ToEscape("^"), '^');
+  EXPECT_EQ(ToEscape("^]"), '\x1D');
+  EXPECT_EQ(ToEscape("^A"), '\x01');
+  EXPECT_EQ(ToEscape("^a"), '\x01');
+  EXPECT_EQ(ToEscape("^_"), '\x1F');
+  EXPECT_EQ(ToEscape("none"), std::nullopt);
+  for (const char* text : {"~", "^", "^]", "^A", "none", "%"}) EXPECT_EQ(CheckEscape(text), "");
+}
+
+TEST(Escape, RefusesWhatIsNoKey) {
+  const std::string complaint = "must be one printable character, ^ and a letter, or \"none\"";
+  for (const char* text :
+       {"", " ", "~~", "None", "^1", "^@", "^`", "^~", "\x1D", "\xFF", "\xC3\xA9"}) {
+    EXPECT_EQ(CheckEscape(text), complaint) << text;
+  }
+}
+
+TEST(Escape, RefusesKeysThatMeanSomethingElse) {
+  for (const char* text : {".", "b", "?", "^Z", "^z", "^M", "^J"}) {
+    EXPECT_EQ(CheckEscape(text), "has another meaning already") << text;
+  }
+}
+
+TEST(Escape, HasAName) {
+  EXPECT_EQ(KeyName('~'), "~");
+  EXPECT_EQ(KeyName('\x1D'), "^]");
+  EXPECT_EQ(KeyName('\x1A'), "^Z");
+}
+
+TEST(Escape, HelpNamesAllOfThem) {
+  EXPECT_EQ(EscapeHelp('~'),
+            "\r\n"
+            "At the start of a line:\r\n"
+            "  ~.    leave the console\r\n"
+            "  ~b    send a break\r\n"
+            "  ~^Z   suspend zevctl\r\n"
+            "  ~?    show this help\r\n"
+            "  ~~    send ~ itself\r\n");
+  EXPECT_EQ(EscapeHelp('\x1D'),
+            "\r\n"
+            "At the start of a line:\r\n"
+            "  ^].   leave the console\r\n"
+            "  ^]b   send a break\r\n"
+            "  ^]^Z  suspend zevctl\r\n"
+            "  ^]?   show this help\r\n"
+            "  ^]^]  send ^] itself\r\n");
+}
+
+}  // namespace
+}  // namespace zevctl

@@ -1,0 +1,185 @@
+#include "command_port.h"
+
+#include <algorithm>
+#include <array>
+
+#include "command_wire.h"
+
+namespace zevctl {
+
+namespace {
+
+constexpr char kCommandPortName[] = "@@@@";
+constexpr Milliseconds kAnswerLimit{30000};
+constexpr size_t kLongestCommand = 1022;  // and the line end; the daemon reads 1023 bytes as a line
+
+// A telnet command that does nothing (IAC NOP, RFC 854): a login skips it, and the command port
+// takes it for a line and answers with an error, which shows that the connection is open.
+constexpr std::string_view kProbe = "\xFF\xF1";
+
+[[noreturn]] void ThrowGarbled() {
+  throw Failure(ExitStatus::kNoDaemon,
+                "what answers at this address is no command port of zevd; see --host and --port");
+}
+
+/// Takes the fields of a record, one after the other.
+class PacketReader {
+ public:
+  explicit PacketReader(std::span<const char> bytes) : bytes_(bytes) {}
+
+  std::string Text(size_t width) {
+    const auto field = Take(width);
+    return {field.begin(), std::find(field.begin(), field.end(), '\0')};
+  }
+
+  uint16_t Number16() { return static_cast<uint16_t>(Number(2)); }
+  uint32_t Number32() { return Number(4); }
+
+ private:
+  std::span<const char> Take(size_t width) {
+    const auto field = bytes_.first(width);
+    bytes_ = bytes_.subspan(width);
+    return field;
+  }
+
+  // Little-endian.
+  uint32_t Number(size_t width) {
+    const auto field = Take(width);
+    uint32_t value = 0;
+    for (size_t i = width; i-- > 0;) value = value << 8 | static_cast<uint8_t>(field[i]);
+    return value;
+  }
+
+  std::span<const char> bytes_;
+};
+
+// The daemon takes a line as it comes; a longer one would become two commands.
+void CheckLength(const std::string& command) {
+  if (command.size() <= kLongestCommand) return;
+  throw Failure(ExitStatus::kUsage, "the command is too long: at most " +
+                                        std::to_string(kLongestCommand) + " characters");
+}
+
+ExitStatus StatusOfError(std::string_view text) {
+  return text.starts_with("Unrecognized console") ? ExitStatus::kNoSuchConsole
+                                                  : ExitStatus::kFailed;
+}
+
+}  // namespace
+
+ConsoleRecord DecodeConsole(std::span<const char> bytes) {
+  PacketReader reader(bytes);
+  ConsoleRecord record;
+  record.name = reader.Text(kWireNameWidth);
+  record.address = reader.Text(kWireNameWidth);
+  record.port = reader.Number16();
+  record.management_port = reader.Number16();
+  record.model = reader.Text(kWireNameWidth);
+  record.platform = reader.Text(kWireNameWidth);
+  record.state = reader.Text(kWireCodeWidth);
+  record.mode = reader.Text(kWireCodeWidth);
+  return record;
+}
+
+UserRecord DecodeUser(std::span<const char> bytes) {
+  PacketReader reader(bytes);
+  UserRecord record;
+  record.name = reader.Text(kWireUserNameWidth);
+  record.address = reader.Text(kWireNameWidth);
+  record.mode = reader.Text(kWireCodeWidth);
+  return record;
+}
+
+MappedPortRecord DecodeMappedPort(std::span<const char> bytes) {
+  PacketReader reader(bytes);
+  MappedPortRecord record;
+  record.name = reader.Text(kWireNameWidth);
+  record.address = reader.Text(kWireNameWidth);
+  record.port = reader.Number16();
+  record.mapped_port = reader.Number16();
+  record.authentication = reader.Number16();
+  return record;
+}
+
+std::string DecodePortHolder(std::span<const char> bytes) {
+  return PacketReader(bytes).Text(kWireNameWidth);
+}
+
+CommandError::CommandError(const std::string& text) : Failure(StatusOfError(text), text) {}
+
+CommandPort::CommandPort(const Settings& settings, Credentials& credentials)
+    : opening_(OpenMainPort(settings, credentials,
+                            std::string(kCommandPortName) + " user=" + UserName(settings),
+                            kProbe)) {
+  const Header header = ReadHeader();
+  if (header.type != kErrorFollows) ThrowGarbled();
+  ReadBytes(header.count);
+}
+
+std::vector<ConsoleRecord> CommandPort::Consoles(const std::string& name) {
+  const std::string command = name.empty() ? "console" : "console " + name;
+  return Records<ConsoleRecord>(command, kConsolePacketSize, DecodeConsole);
+}
+
+std::vector<MappedPortRecord> CommandPort::MappedPorts() {
+  return Records<MappedPortRecord>("mapped_port", kMappedPortPacketSize, DecodeMappedPort);
+}
+
+std::vector<UserRecord> CommandPort::Users(const std::string& console) {
+  return Records<UserRecord>("who " + console, kUserPacketSize, DecodeUser);
+}
+
+std::vector<std::string> CommandPort::PortHolders(const std::string& console) {
+  return Records<std::string>("portholder " + console, kPortHolderAddressPacketSize,
+                              DecodePortHolder);
+}
+
+void CommandPort::Do(const std::string& command) {
+  if (Request(command).type != kDone) ThrowGarbled();
+}
+
+CommandPort::Header CommandPort::Request(const std::string& command) {
+  CheckLength(command);
+  opening_.socket.Send(command + "\n", kAnswerLimit);
+  const Header header = ReadHeader();
+  if (header.type != kErrorFollows) return header;
+  const std::string text = ReadBytes(header.count);
+  throw CommandError(text.substr(0, text.find('\0')));
+}
+
+CommandPort::Header CommandPort::ReadHeader() {
+  const std::string bytes = ReadBytes(kHeaderSize);
+  PacketReader reader(bytes);
+  Header header;
+  header.type = reader.Number32();
+  header.count = reader.Number32();
+  const bool known = header.type >= kRecordsFollow && header.type <= kDone;
+  const bool long_text = header.type == kErrorFollows && header.count > kErrorTextSize;
+  if (!known || long_text) ThrowGarbled();
+  return header;
+}
+
+std::string CommandPort::ReadBytes(size_t count) {
+  std::string& received = opening_.received;
+  std::array<char, 65536> chunk{};
+  while (received.size() < count) {
+    const size_t length = opening_.socket.Receive(chunk, kAnswerLimit);
+    if (length == 0) throw Failure(ExitStatus::kNoDaemon, "the daemon closed the connection");
+    received.append(chunk.data(), length);
+  }
+  std::string bytes = received.substr(0, count);
+  received.erase(0, count);
+  return bytes;
+}
+
+template <typename Record>
+std::vector<Record> CommandPort::Records(const std::string& command, size_t size,
+                                         Record (*decode)(std::span<const char>)) {
+  const Header header = Request(command);
+  if (header.type != kRecordsFollow) ThrowGarbled();
+  std::vector<Record> records;
+  for (uint32_t i = 0; i < header.count; ++i) records.push_back(decode(ReadBytes(size)));
+  return records;
+}
+
+}  // namespace zevctl

@@ -1,0 +1,223 @@
+// Shell completion. The shells' functions are thin: they hand the words of the line to the word
+// "complete", which answers from the declared commands and options and, for console names,
+// from the running daemon. It never asks for a password: no answer is an answer there.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "command_port.h"
+#include "program.h"
+#include "selection.h"
+
+namespace zevctl {
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+constexpr char kBash[] =
+    R"(# bash completion for zevctl; load it with: source <(zevctl completion bash)
+_zevctl() {
+    local IFS=$'\n'
+    local line=${COMP_LINE:0:COMP_POINT}
+    local words
+    IFS=$' \t\n' read -r -a words <<< "$line"
+    [[ $line == *[[:space:]] ]] && words+=("")
+    COMPREPLY=($(zevctl complete "${words[@]:1}" 2>/dev/null))
+    [[ ${COMPREPLY[0]-} == "<file>" ]] && COMPREPLY=() && compopt -o default
+    return 0
+}
+complete -F _zevctl zevctl
+)";
+
+constexpr char kZsh[] = R"(#compdef zevctl
+# zsh completion for zevctl; load it with: source <(zevctl completion zsh)
+_zevctl() {
+    local -a answers
+    answers=("${(@f)$(zevctl complete "${(@)words[2,CURRENT]}" 2>/dev/null)}")
+    if [[ ${answers[1]} == "<file>" ]]; then
+        _files
+    else
+        compadd -a answers
+    fi
+}
+if [[ $funcstack[1] == _zevctl ]]; then
+    _zevctl "$@"
+else
+    compdef _zevctl zevctl
+fi
+)";
+
+constexpr char kFile[] = "<file>";  // the shell shall offer its files
+
+// Commands whose arguments are console names; of msg and attach only the first.
+const std::set<std::string> kOneName = {"attach", "log", "msg"};
+const std::set<std::string> kNames = {"clear",  "disable", "enable", "force",
+                                      "holder", "list",    "ports",  "who"};
+
+// What options can be given; the rest have values that nobody can guess.
+const std::map<std::string, Words> kValues = {
+    {"--mode", {"ro", "sh", "ex", "er"}},
+    {"--state", StateWords()},
+    {"--cookie-file", {kFile}},
+    {"--log-dir", {kFile}},
+    {"--socket", {kFile}},
+};
+
+const CLI::App* CommandNamed(const CLI::App& app, const std::string& name) {
+  const auto commands =
+      app.get_subcommands([&](const CLI::App* command) { return command->get_name() == name; });
+  return commands.empty() ? nullptr : commands.front();
+}
+
+/// The words before the one that is being completed, understood as far as completion needs it.
+class Line {
+ public:
+  Line(const CLI::App& app, const Words& words) : app_(app) {
+    TakeVariable("ZEVCTL_HOST", "--host");
+    TakeVariable("ZEVCTL_PORT", "--port");
+    for (const std::string& word : words) Take(word);
+  }
+
+  /// The command that was named, or null.
+  const CLI::App* command() const { return command_; }
+  size_t arguments() const { return arguments_; }
+
+  /// The option whose value comes next; empty when none is awaited.
+  const std::string& awaited() const { return awaited_; }
+
+  const Settings& settings() const { return settings_; }
+
+ private:
+  void TakeVariable(const char* variable, const char* option) {
+    const char* value = getenv(variable);
+    if (value != nullptr) TakeValue(option, value);
+  }
+
+  void Take(const std::string& word) {
+    if (!awaited_.empty()) {
+      TakeValue(awaited_, word);
+      awaited_.clear();
+    } else if (word.starts_with("-")) {
+      TakeOption(word);
+    } else if (command_ == nullptr) {
+      command_ = CommandNamed(app_, word);
+    } else {
+      ++arguments_;
+    }
+  }
+
+  void TakeOption(const std::string& word) {
+    const size_t equals = word.find('=');
+    const std::string name = word.substr(0, equals);
+    if (equals != std::string::npos) {
+      TakeValue(name, word.substr(equals + 1));
+    } else if (WantsValue(name)) {
+      awaited_ = name;
+    }
+  }
+
+  bool WantsValue(const std::string& name) const {
+    for (const CLI::App* app : {&app_, command_}) {
+      const CLI::Option* option = app == nullptr ? nullptr : app->get_option_no_throw(name);
+      if (option != nullptr) return option->get_expected_max() > 0;
+    }
+    return false;
+  }
+
+  void TakeValue(const std::string& name, const std::string& value) {
+    if (name == "--host") settings_.host = value;
+    if (name == "--port")
+      std::from_chars(value.data(), value.data() + value.size(), settings_.port);
+    if (name == "--cookie-file") settings_.cookie_file = value;
+  }
+
+  const CLI::App& app_;
+  const CLI::App* command_ = nullptr;
+  std::string awaited_;
+  size_t arguments_ = 0;
+  Settings settings_;
+};
+
+// A daemon that is away, or wants a login, offers no names.
+Words ConsoleNames(const Settings& settings) {
+  try {
+    Credentials nobody = Credentials::Unasked();
+    return NamesOf(CommandPort(settings, nobody).Consoles());
+  } catch (const Failure&) {
+    return {};
+  }
+}
+
+Words CommandNames(const CLI::App& app) {
+  Words names;
+  for (const CLI::App* command : app.get_subcommands(nullptr)) {
+    names.push_back(command->get_name());
+  }
+  return names;
+}
+
+void AppendOptions(const CLI::App* app, Words& names) {
+  if (app == nullptr) return;
+  for (const CLI::Option* option : app->get_options()) {
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  }
+}
+
+Words OptionNames(const CLI::App& app, const CLI::App* command) {
+  Words names;
+  AppendOptions(&app, names);
+  AppendOptions(command, names);
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  return names;
+}
+
+Words Arguments(const Line& line) {
+  const std::string name = line.command()->get_name();
+  if (name == "completion") return {"bash", "zsh"};
+  const bool first_only = kOneName.contains(name);
+  const bool takes_names = first_only ? line.arguments() == 0 : kNames.contains(name);
+  return takes_names ? ConsoleNames(line.settings()) : Words();
+}
+
+Words Candidates(const CLI::App& app, const Line& line, const std::string& current) {
+  if (!line.awaited().empty()) {
+    const auto values = kValues.find(line.awaited());
+    return values == kValues.end() ? Words() : values->second;
+  }
+  if (current.starts_with("-")) return OptionNames(app, line.command());
+  return line.command() == nullptr ? CommandNames(app) : Arguments(line);
+}
+
+}  // namespace
+
+ExitStatus Complete(const CLI::App& app, std::vector<std::string> words) {
+  const std::string current = words.empty() ? "" : words.back();
+  if (!words.empty()) words.pop_back();
+  for (const std::string& candidate : Candidates(app, Line(app, words), current)) {
+    if (candidate == kFile || candidate.starts_with(current)) std::cout << candidate << "\n";
+  }
+  return ExitStatus::kOk;
+}
+
+void AddCompletionCommand(CLI::App& app, Program& program) {
+  auto shell = std::make_shared<std::string>();
+  CLI::App* command = app.add_subcommand("completion", "Print the completion code for a shell");
+  command->add_option("SHELL", *shell, "bash or zsh")
+      ->required()
+      ->check(CLI::IsMember({"bash", "zsh"}));
+  command->callback([shell, &program] {
+    program.action = [shell] {
+      std::cout << (*shell == "bash" ? kBash : kZsh);
+      return ExitStatus::kOk;
+    };
+  });
+}
+
+}  // namespace zevctl

@@ -1,0 +1,50 @@
+// Escapes: keys typed at the start of a line that are meant for the client and not for the console.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zevctl {
+
+enum class EscapeAction { kNone, kLeave, kBreak, kHelp, kSuspend };
+
+struct EscapeStep {
+  std::string keys;  ///< for the console, typed before the action
+  EscapeAction action = EscapeAction::kNone;
+};
+
+/// Tells escapes from keys. Lines start at the beginning, behind carriage returns and line feeds,
+/// and behind escapes, so that one escape can follow another.
+class EscapeReader {
+ public:
+  /// Without an escape character, everything is for the console.
+  explicit EscapeReader(std::optional<char> escape) : escape_(escape) {}
+
+  /// Takes keys off the front, up to the end of the first escape. An escape character that may
+  /// still become an escape is kept until the next key tells.
+  EscapeStep Next(std::string_view& typed);
+
+ private:
+  EscapeAction Finish(char key, std::string& keys);
+  void Pass(char key, std::string& keys);
+
+  std::optional<char> escape_;
+  bool at_line_start_ = true;
+  bool begun_ = false;  // the escape character was typed at the start of a line
+};
+
+/// What is wrong with the text as an escape character: one printable character, "^" and a letter
+/// for a control character, or "none". Empty when nothing is.
+std::string CheckEscape(const std::string& text);
+
+/// The character that such a text stands for; nothing for "none".
+std::optional<char> ToEscape(const std::string& text);
+
+/// The key as people write it: itself, or "^" and a letter.
+std::string KeyName(char key);
+
+/// All escapes, one in a line. The lines end as a raw terminal needs it.
+std::string EscapeHelp(char escape);
+
+}  // namespace zevctl

@@ -1,0 +1,48 @@
+// Events as lines: the JSON objects that the daemon posts, and what people are shown of them.
+#pragma once
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zevctl {
+
+using Event = nlohmann::ordered_json;
+
+/// The event of one line, made valid UTF-8; nothing when the line is no JSON object, or nested so
+/// deeply that it is meant to do harm.
+std::optional<Event> ParseEvent(std::string_view line);
+
+/// True when the event has a priority, and one of at least `least`.
+bool HasPriority(const Event& event, int least);
+
+/// "TIME PRIORITY NAME: MESSAGE", where "-" stands for what is missing; harmless on a terminal.
+std::string EventAsText(const Event& event);
+
+/// The object on one line.
+std::string EventAsJson(const Event& event);
+
+/// Cuts what comes over one connection into lines.
+class LineCutter {
+ public:
+  /// Longer lines are dropped; the daemon's are shorter by far.
+  static constexpr size_t kLongestLine = 65536;
+
+  using Handler = std::function<void(std::string_view line)>;
+  using TooLongHandler = std::function<void()>;
+
+  /// Hands over every line that is complete, without its end. Of a line that is too long there is
+  /// only one call of `too_long`.
+  void Add(std::string_view bytes, const Handler& line, const TooLongHandler& too_long);
+
+  /// The connection has ended: what is left is a line.
+  void Finish(const Handler& line);
+
+ private:
+  std::string begun_;
+  bool dropping_ = false;
+};
+
+}  // namespace zevctl

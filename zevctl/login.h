@@ -1,0 +1,91 @@
+// Opening a connection to the daemon's main port: the first line, and the proof of the user's right
+// by cookie or by name and password.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "exit_status.h"
+#include "refusal.h"
+#include "settings.h"
+#include "socket.h"
+
+namespace zevctl {
+
+/// The daemon refused with a numbered text.
+class Refused : public Failure {
+ public:
+  explicit Refused(const Refusal& refusal) : Refused(refusal, refusal.Message()) {}
+  Refused(const Refusal& refusal, const std::string& message)
+      : Failure(refusal.status(), message), number_(refusal.number) {}
+
+  int number() const { return number_; }
+
+ private:
+  int number_;
+};
+
+/// Name and password of the person, asked for on the terminal when they are first needed, and kept
+/// for further connections of this run. Never from the command line, where others could read them.
+class Credentials {
+ public:
+  /// `name` is offered as the answer to the question for the name.
+  explicit Credentials(std::string name) : offered_(std::move(name)) {}
+
+  /// Where nobody may be asked: the connection fails when a login is wanted.
+  static Credentials Unasked() { return Credentials("", false); }
+
+  ~Credentials();
+  Credentials(const Credentials&) = delete;
+  Credentials& operator=(const Credentials&) = delete;
+
+  /// Both throw Failure(kNotAdmitted) when there is no terminal or no answer.
+  const std::string& Name();
+  const std::string& Password();
+
+  /// Name and password were wrong; they are asked for again.
+  void Forget();
+
+ private:
+  Credentials(std::string name, bool may_ask) : offered_(std::move(name)), may_ask_(may_ask) {}
+
+  std::string offered_;
+  bool may_ask_ = true;
+  std::string name_;
+  std::string password_;
+  bool has_password_ = false;
+};
+
+/// What the other end wants to know next during a login.
+enum class LoginStep { kWait, kName, kPassword, kOver };
+
+enum class LoginStage { kBeforeName, kBeforePassword, kAfterPassword };
+
+/// The dialogue of the daemon's login, as bytes in and steps out.
+class LoginDialogue {
+ public:
+  /// Takes prompts off the front of what was received. kWait: more must arrive first; kOver: what
+  /// is left is no part of the dialogue.
+  LoginStep Next(std::string& received);
+
+ private:
+  LoginStage stage_ = LoginStage::kBeforeName;
+};
+
+/// A connection whose first line was accepted as far as that shows, with what came in after it.
+struct Opening {
+  Socket socket;
+  std::string received;  ///< at least one byte
+};
+
+/// The name under which the user appears to others: of --user, or else of the login.
+std::string UserName(const Settings& settings);
+
+/// Connects, sends the line (without its end; with the cookie in front where it can be used), and
+/// logs in where asked. `probe` is sent right behind the line and again behind every password:
+/// bytes that the daemon answers once the connection is open and that a login ignores. Throws
+/// Refused or Failure.
+Opening OpenMainPort(const Settings& settings, Credentials& credentials, const std::string& line,
+                     std::string_view probe = {});
+
+}  // namespace zevctl

@@ -1,0 +1,120 @@
+#include "moment.h"
+
+#include <charconv>
+#include <chrono>
+#include <regex>
+
+namespace zevctl {
+
+namespace {
+
+constexpr time_t kMinute = 60;
+constexpr time_t kHour = 60 * kMinute;
+constexpr time_t kDay = 24 * kHour;
+constexpr time_t kWeek = 7 * kDay;
+
+// Groups: year, month, day; hour, minute, second; zone. Each of the three parts may be missing.
+constexpr char kDateAndTime[] = R"((?:(\d{4})-(\d\d)-(\d\d)(?:[ Tt](?=\d)|$))?)"
+                                R"((?:(\d\d):(\d\d)(?::(\d\d)(?:\.\d+)?)?([Zz]|[+-]\d\d:\d\d)?)?)";
+constexpr char kAge[] = R"((\d{1,9})([smhdw]))";
+
+enum Group { kWhole, kYear, kMonth, kDayOfMonth, kHours, kMinutes, kSeconds, kZone };
+
+int Number(const std::string& digits) {
+  int number = 0;
+  std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  return number;
+}
+
+time_t SecondsIn(char unit) {
+  switch (unit) {
+    case 'm':
+      return kMinute;
+    case 'h':
+      return kHour;
+    case 'd':
+      return kDay;
+    case 'w':
+      return kWeek;
+    default:
+      return 1;
+  }
+}
+
+std::optional<time_t> ParseAge(const std::string& text, time_t now) {
+  static const std::regex form(kAge);
+  std::smatch found;
+  if (!std::regex_match(text, found, form)) return {};
+  return now - Number(found[1]) * SecondsIn(found.str(2)[0]);
+}
+
+std::chrono::year_month_day Date(const tm& fields) {
+  return std::chrono::year(fields.tm_year + 1900) /
+         std::chrono::month(static_cast<unsigned>(fields.tm_mon + 1)) /
+         std::chrono::day(static_cast<unsigned>(fields.tm_mday));
+}
+
+// Of a day that exists; a second 60 is one that was put in.
+bool Exists(const tm& fields) {
+  return Date(fields).ok() && fields.tm_hour < 24 && fields.tm_min < 60 && fields.tm_sec <= 60;
+}
+
+// Seconds that the zone is ahead of UTC; nothing when there is no such zone.
+std::optional<time_t> Offset(const std::string& zone) {
+  if (zone == "Z" || zone == "z") return 0;
+  const time_t hours = Number(zone.substr(1, 2));
+  const time_t minutes = Number(zone.substr(4, 2));
+  if (hours >= 24 || minutes >= 60) return {};
+  const time_t offset = hours * kHour + minutes * kMinute;
+  return zone[0] == '-' ? -offset : offset;
+}
+
+time_t InUtc(const tm& fields) {
+  const auto days = std::chrono::sys_days(Date(fields)).time_since_epoch().count();
+  return days * kDay + fields.tm_hour * kHour + fields.tm_min * kMinute + fields.tm_sec;
+}
+
+tm FieldsOf(const std::smatch& found, time_t now) {
+  tm fields{};
+  localtime_r(&now, &fields);
+  if (found[kYear].matched) {
+    fields.tm_year = Number(found[kYear]) - 1900;
+    fields.tm_mon = Number(found[kMonth]) - 1;
+    fields.tm_mday = Number(found[kDayOfMonth]);
+  }
+  fields.tm_hour = Number(found[kHours]);
+  fields.tm_min = Number(found[kMinutes]);
+  fields.tm_sec = Number(found[kSeconds]);
+  fields.tm_isdst = -1;
+  return fields;
+}
+
+}  // namespace
+
+const char kMomentForms[] =
+    "\"2026-11-21 08:05\" or \"2026-11-21 08:05:30\", 2026-11-21, 08:05 or 08:05:30 (today), "
+    "2026-11-21T08:05:30+01:00, or an age such as 30s, 15m, 2h, 3d, 1w";
+
+std::optional<time_t> ParseMoment(const std::string& text, time_t now) {
+  if (const auto moment = ParseAge(text, now)) return moment;
+  static const std::regex form(kDateAndTime);
+  std::smatch found;
+  if (text.empty() || !std::regex_match(text, found, form)) return {};
+  tm fields = FieldsOf(found, now);
+  if (!Exists(fields)) return {};
+  if (!found[kZone].matched) return mktime(&fields);
+  const auto offset = Offset(found[kZone]);
+  if (!offset || !found[kYear].matched) return {};
+  return InUtc(fields) - *offset;
+}
+
+std::string Rfc3339(time_t moment) {
+  tm local{};
+  localtime_r(&moment, &local);
+  char text[40];
+  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
+  std::string stamp = text;
+  return stamp.insert(stamp.size() - 2, 1, ':');
+}
+
+}  // namespace zevctl

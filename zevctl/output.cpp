@@ -1,0 +1,168 @@
+#include "output.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <numeric>
+
+namespace zevctl {
+
+namespace {
+
+constexpr size_t kGap = 2;                                 // blanks between columns
+constexpr size_t kNarrowest = 4;                           // a column gives way no further
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD in UTF-8
+
+bool Continues(char byte) {
+  return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
+}
+
+// The code point's length in UTF-8 (RFC 3629) as its first byte tells; 0 for no first byte.
+size_t LengthOf(unsigned char first) {
+  if (first < 0x80) return 1;
+  if (first >= 0xC2 && first < 0xE0) return 2;
+  if (first >= 0xE0 && first < 0xF0) return 3;
+  return first >= 0xF0 && first < 0xF5 ? 4 : 0;
+}
+
+// Overlong forms, surrogates and what is above U+10FFFF differ in the second byte.
+bool SecondByteFits(unsigned char first, unsigned char second) {
+  if (first == 0xE0) return second >= 0xA0;
+  if (first == 0xED) return second < 0xA0;
+  if (first == 0xF0) return second >= 0x90;
+  return first != 0xF4 || second < 0x90;
+}
+
+// Length of the well-formed character at the front; 0 when there is none.
+size_t WellFormed(std::string_view text) {
+  const auto first = static_cast<unsigned char>(text[0]);
+  const size_t length = LengthOf(first);
+  if (length <= 1) return length;
+  if (text.size() < length || !SecondByteFits(first, static_cast<unsigned char>(text[1]))) return 0;
+  return std::all_of(text.begin() + 1, text.begin() + static_cast<ptrdiff_t>(length), Continues)
+             ? length
+             : 0;
+}
+
+// Control characters, U+0080 to U+009F included.
+bool IsControl(std::string_view character) {
+  const auto first = static_cast<unsigned char>(character[0]);
+  if (first < 0x20 || first == 0x7F) return true;
+  return first == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0;
+}
+
+template <typename Replace>
+std::string Map(std::string_view text, std::string_view malformed, Replace replace) {
+  std::string result;
+  while (!text.empty()) {
+    const size_t length = WellFormed(text);
+    result += length == 0 ? malformed : replace(text.substr(0, length));
+    text.remove_prefix(std::max<size_t>(length, 1));
+  }
+  return result;
+}
+
+// Characters, not bytes; every one counts as one column.
+size_t Columns(std::string_view text) {
+  return text.size() - static_cast<size_t>(std::count_if(text.begin(), text.end(), Continues));
+}
+
+std::string Cut(std::string_view text, size_t columns) {
+  if (Columns(text) <= columns) return std::string(text);
+  size_t end = 0;
+  for (size_t kept = 0; kept + 1 < columns; ++kept) {
+    do {
+      ++end;
+    } while (Continues(text[end]));
+  }
+  return std::string(text.substr(0, end)) + "~";
+}
+
+std::string_view Sequence(Colour colour) {
+  switch (colour) {
+    case Colour::kGreen:
+      return "\x1b[32m";
+    case Colour::kYellow:
+      return "\x1b[33m";
+    case Colour::kRed:
+      return "\x1b[31m";
+    case Colour::kDim:
+      return "\x1b[2m";
+    case Colour::kNone:
+      break;
+  }
+  return "";
+}
+
+size_t Sum(const std::vector<size_t>& widths) {
+  return std::accumulate(widths.begin(), widths.end(), kGap * (widths.size() - 1));
+}
+
+}  // namespace
+
+bool ColoursWanted() {
+  const char* no_color = getenv("NO_COLOR");
+  return (no_color == nullptr || *no_color == '\0') && isatty(STDOUT_FILENO) == 1;
+}
+
+size_t TerminalWidth() {
+  winsize size{};
+  if (isatty(STDOUT_FILENO) != 1 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;
+  return size.ws_col;
+}
+
+std::string Printable(std::string_view text) {
+  return Map(text, "?", [](std::string_view character) {
+    return IsControl(character) ? std::string_view("?") : character;
+  });
+}
+
+std::string Utf8(std::string_view text) {
+  return Map(text, kReplacement, [](std::string_view character) { return character; });
+}
+
+std::string Coloured(std::string_view text, Colour colour, bool wanted) {
+  if (!wanted || colour == Colour::kNone) return std::string(text);
+  return std::string(Sequence(colour)) + std::string(text) + "\x1b[0m";
+}
+
+std::vector<size_t> Table::ColumnWidths(size_t width) const {
+  std::vector<size_t> widths;
+  for (size_t column = 0; column < headings_.size(); ++column) {
+    widths.push_back(headings_[column].size());
+    for (const auto& row : rows_) {
+      widths.back() = std::max(widths.back(), Columns(row[column].text));
+    }
+  }
+  while (width > 0 && Sum(widths) > width) {
+    const auto widest = std::max_element(widths.begin(), widths.end());
+    if (*widest <= kNarrowest) break;
+    --*widest;
+  }
+  return widths;
+}
+
+void Table::Print(std::ostream& out, size_t width, bool colours) const {
+  const std::vector<size_t> widths = ColumnWidths(width);
+  const auto print_row = [&](const auto& row, auto text_of, auto colour_of) {
+    std::string blanks;
+    for (size_t column = 0; column < row.size(); ++column) {
+      const std::string text = Cut(text_of(row[column]), widths[column]);
+      out << blanks << Coloured(text, colour_of(row[column]), colours);
+      blanks.assign(widths[column] - Columns(text) + kGap, ' ');
+    }
+    out << "\n";
+  };
+  print_row(
+      headings_, [](const std::string& heading) { return std::string_view(heading); },
+      [](const std::string&) { return Colour::kNone; });
+  for (const auto& row : rows_) {
+    print_row(
+        row, [](const Cell& cell) { return std::string_view(cell.text); },
+        [](const Cell& cell) { return cell.colour; });
+  }
+}
+
+}  // namespace zevctl

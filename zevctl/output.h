@@ -1,0 +1,52 @@
+// What goes to standard output: tables that fit the terminal, colours where they are wanted, and
+// foreign text made harmless.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zevctl {
+
+enum class Colour { kNone, kGreen, kYellow, kRed, kDim };
+
+/// True when standard output is a terminal and NO_COLOR is not set (or empty).
+bool ColoursWanted();
+
+/// Columns of the terminal on standard output; 0 when it is not a terminal.
+size_t TerminalWidth();
+
+/// The text with every byte that is not printable ASCII or part of a well-formed UTF-8 character
+/// replaced by '?': what consoles and strangers chose must not work the terminal.
+std::string Printable(std::string_view text);
+
+/// The text as valid UTF-8 for JSON; bytes that are not become U+FFFD.
+std::string Utf8(std::string_view text);
+
+/// Text between colour sequences; `wanted` as of ColoursWanted().
+std::string Coloured(std::string_view text, Colour colour, bool wanted);
+
+struct Cell {
+  std::string text;
+  Colour colour = Colour::kNone;
+};
+
+/// Rows of cells under one heading. The widest column gives way when a row would not fit.
+class Table {
+ public:
+  explicit Table(std::vector<std::string> headings) : headings_(std::move(headings)) {}
+
+  void Add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
+
+  /// `width` 0: as wide as needed.
+  void Print(std::ostream& out, size_t width, bool colours) const;
+
+ private:
+  std::vector<size_t> ColumnWidths(size_t width) const;
+
+  std::vector<std::string> headings_;
+  std::vector<std::vector<Cell>> rows_;
+};
+
+}  // namespace zevctl

@@ -1,0 +1,36 @@
+// What main() and the commands share: each command declares itself to the parser, and parsing picks
+// the action that main() then runs.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "exit_status.h"
+#include "settings.h"
+
+namespace CLI {
+class App;
+}
+
+namespace zevctl {
+
+struct Program {
+  Settings settings;
+  std::function<ExitStatus()> action;  ///< set by the command that was named
+};
+
+// Each adds its commands; in the order in which the help shows them.
+void AddQueryCommands(CLI::App& app, Program& program);    ///< list, who, ports, holder
+void AddControlCommands(CLI::App& app, Program& program);  ///< clear, disable, enable, msg, force
+void AddAttachCommand(CLI::App& app, Program& program);
+void AddLogCommand(CLI::App& app, Program& program);
+void AddEventsCommand(CLI::App& app, Program& program);
+void AddCompletionCommand(CLI::App& app, Program& program);
+
+/// Prints what may stand in place of the last word, one possibility in a line; the words are those
+/// of a command line that is being typed, without the program's name. The shells' functions call
+/// it.
+ExitStatus Complete(const CLI::App& app, std::vector<std::string> words);
+
+}  // namespace zevctl

@@ -1,0 +1,35 @@
+// Which consoles a command is about.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "command_port.h"
+
+namespace zevctl {
+
+/// What a field says in words; the same words are used in tables, in JSON and as option values.
+std::string StateInWords(const std::string& code);
+std::string ModeInWords(const std::string& code);
+
+/// Every word of StateInWords, for --state.
+std::vector<std::string> StateWords();
+
+/// True when the name is the pattern, or matches it as a shell pattern (fnmatch(3)); case does not
+/// count, as it does not to the daemon's commands.
+bool NameMatches(const std::string& name, const std::string& pattern);
+
+/// The records whose names match at least one of the patterns, in the given order; all of them when
+/// there is no pattern. Throws Failure(kNoSuchConsole) for a pattern that matches none.
+template <typename Record>
+std::vector<Record> Select(const std::vector<Record>& records,
+                           const std::vector<std::string>& patterns);
+
+/// The names of the records, each once: the daemon acts on names, and case does not count there.
+std::vector<std::string> NamesOf(const std::vector<ConsoleRecord>& consoles);
+
+/// Asks before something is done to more than one console, when there is somebody to ask. Throws
+/// Failure(kDeclined) unless the answer is yes.
+void Confirm(const std::string& action, const std::vector<std::string>& names);
+
+}  // namespace zevctl

@@ -1,0 +1,7 @@
+#include "settings.h"
+
+namespace zevctl {
+
+const std::string kStationRoot = QOR_ROOT;
+
+}  // namespace zevctl

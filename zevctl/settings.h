@@ -1,0 +1,21 @@
+// What the options that every command shares say.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace zevctl {
+
+/// The directory under which the station's files live; fixed when the program is built.
+extern const std::string kStationRoot;
+
+struct Settings {
+  std::string host = "127.0.0.1";
+  uint16_t port = 6500;  ///< the daemon's default main port
+  std::string cookie_file = kStationRoot + "/config/.cookie";
+  bool cookie_file_given = false;  ///< then it must be readable
+  std::string user;                ///< the name that others see; empty for the login name
+  bool json = false;
+};
+
+}  // namespace zevctl

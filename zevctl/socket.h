@@ -1,0 +1,64 @@
+// A TCP connection with time limits.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace zevctl {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::milliseconds;
+
+/// Owns a descriptor.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int fd) : fd_(fd) {}
+  Descriptor(Descriptor&& other) noexcept : fd_(other.Release()) {}
+  Descriptor& operator=(Descriptor&& other) noexcept;
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() { Close(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  void Close();
+
+ private:
+  int Release();
+
+  int fd_ = -1;
+};
+
+class Socket {
+ public:
+  /// Connects to the first address of the host that answers. Throws Failure(kNoDaemon).
+  static Socket Connect(const std::string& host, uint16_t port, Milliseconds limit);
+
+  int fd() const { return descriptor_.get(); }
+
+  /// True when the other end has the address 127.0.0.1, as the daemon then sees this end.
+  bool PeerIsLoopback() const;
+
+  /// Sends everything. Throws Failure(kNoDaemon) when the connection fails or takes nothing for the
+  /// limit.
+  void Send(std::string_view bytes, Milliseconds limit);
+
+  /// Receives what is there, at least one byte; 0 at the end of the connection, also when it broke.
+  /// Throws Failure(kNoDaemon) when nothing comes within the limit.
+  size_t Receive(std::span<char> buffer, Milliseconds limit);
+
+ private:
+  explicit Socket(int fd) : descriptor_(fd) {}
+
+  Descriptor descriptor_;
+};
+
+/// True when the descriptor has one of the poll() events, or an end or error, within the limit.
+/// Negative: no limit.
+bool WaitFor(int fd, short events, Milliseconds limit);
+
+}  // namespace zevctl

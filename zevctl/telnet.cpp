@@ -1,0 +1,147 @@
+#include "telnet.h"
+
+#include <libtelnet.h>
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace zevctl {
+
+namespace {
+
+// Of each option: whether this end may have it, and whether the other end may.
+constexpr telnet_telopt_t kOptions[] = {
+    {TELNET_TELOPT_ECHO, TELNET_WONT, TELNET_DO},
+    {TELNET_TELOPT_SGA, TELNET_WILL, TELNET_DO},
+    {TELNET_TELOPT_BINARY, TELNET_WILL, TELNET_DO},
+    {-1, 0, 0},
+};
+
+// Echo, and no go-ahead. In front of them the daemon sends what the console offered, up to 64
+// bytes.
+constexpr std::string_view kDaemonOffers = "\xFF\xFB\x01\xFF\xFB\x03";
+constexpr size_t kLongestStart = 64 + kDaemonOffers.size();
+
+constexpr char kIac = static_cast<char>(TELNET_IAC);
+
+constexpr char kSubnegotiationEnd = static_cast<char>(TELNET_SE);
+
+// The Enter key in character mode (RFC 854): a carriage return that is no part of a line end is
+// followed by a NUL.
+std::string WithEnters(std::string_view keys) {
+  std::string converted;
+  for (const char key : keys) {
+    converted.push_back(key);
+    if (key == '\r') converted.push_back('\0');
+  }
+  return converted;
+}
+
+bool HasOption(char command) {
+  const auto code = static_cast<unsigned char>(command);
+  return code >= TELNET_WILL && code <= TELNET_DONT;
+}
+
+// How much of it is complete commands. The daemon keeps a console's offers as a text, which ends in
+// front of the number of the binary option.
+size_t CompleteLength(std::string_view offers) {
+  size_t end = 0;
+  while (end < offers.size()) {
+    const std::string_view rest = offers.substr(end);
+    const size_t length = rest[0] != kIac ? 1 : rest.size() > 1 && HasOption(rest[1]) ? 3 : 2;
+    if (length > rest.size()) break;
+    end += length;
+  }
+  return end;
+}
+
+}  // namespace
+
+TelnetStream::TelnetStream() : telnet_(telnet_init(kOptions, OnEvent, 0, this), telnet_free) {
+  if (!telnet_) throw std::bad_alloc();
+}
+
+// The library begins to decompress when the other end says so, asked or not, in the middle of what
+// it was given. So it gets pieces that end where that can happen.
+void TelnetStream::Receive(std::string_view bytes) {
+  while (!bytes.empty()) {
+    const size_t end = std::min(bytes.find(kSubnegotiationEnd), bytes.size() - 1) + 1;
+    telnet_recv(telnet_.get(), bytes.data(), end);
+    if (compressed_) EndDecompression();
+    bytes.remove_prefix(end);
+  }
+}
+
+// Nothing compressed begins with two zeros: the library gives up and goes on with plain text.
+void TelnetStream::EndDecompression() {
+  telnet_recv(telnet_.get(), "\0\0", 2);
+}
+
+// For a plain terminal the NUL would be one more key.
+void TelnetStream::SendKeys(std::string_view keys) {
+  if (spoken_ && !binary_) {
+    SendData(WithEnters(keys));
+  } else {
+    SendData(keys);
+  }
+}
+
+void TelnetStream::SendData(std::string_view bytes) {
+  telnet_send(telnet_.get(), bytes.data(), bytes.size());
+}
+
+void TelnetStream::SendBreak() {
+  telnet_iac(telnet_.get(), TELNET_BREAK);
+}
+
+std::string TelnetStream::TakeText() {
+  return std::exchange(text_, {});
+}
+
+std::string TelnetStream::TakeWire() {
+  return std::exchange(wire_, {});
+}
+
+void TelnetStream::OnEvent(telnet_t* /*telnet*/, telnet_event_t* event, void* stream) {
+  static_cast<TelnetStream*>(stream)->Take(*event);
+}
+
+// Commands and subnegotiations ask for nothing that this end has. After a sequence that makes no
+// sense the library goes on with text.
+void TelnetStream::Take(const telnet_event_t& event) {
+  spoken_ = spoken_ || (event.type != TELNET_EV_DATA && event.type != TELNET_EV_SEND);
+  switch (event.type) {
+    case TELNET_EV_DATA:
+      text_.append(event.data.buffer, event.data.size);
+      break;
+    case TELNET_EV_SEND:
+      wire_.append(event.data.buffer, event.data.size);
+      break;
+    case TELNET_EV_DO:
+    case TELNET_EV_DONT:
+      if (event.neg.telopt == TELNET_TELOPT_BINARY) binary_ = event.type == TELNET_EV_DO;
+      break;
+    case TELNET_EV_COMPRESS:
+      compressed_ = event.compress.state != 0;
+      break;
+    default:
+      break;
+  }
+}
+
+// The console may have offered the same: then the first ones go, and the second ones are answered.
+std::string OfferFilter::Pass(std::string_view bytes) {
+  if (over_) return std::string(bytes);
+  held_ += bytes;
+  const size_t place = held_.find(kDaemonOffers);
+  over_ = place != std::string::npos || held_.size() >= kLongestStart;
+  if (!over_) return {};
+  if (place != std::string::npos) {
+    const size_t kept = CompleteLength(std::string_view(held_).substr(0, place));
+    held_.erase(kept, place - kept + kDaemonOffers.size());
+  }
+  return std::exchange(held_, {});
+}
+
+}  // namespace zevctl

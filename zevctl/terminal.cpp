@@ -1,0 +1,117 @@
+#include "terminal.h"
+
+#include <fcntl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+
+namespace zevctl {
+
+namespace {
+
+constexpr std::array kWatched = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGCONT};
+
+// A pipe that poll() calls writable takes this much at once.
+constexpr size_t kPiece = PIPE_BUF;
+
+bool IsIgnored(int number) {
+  struct sigaction action {};
+  return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+sigset_t WatchedSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int number : kWatched) {
+    if (!IsIgnored(number)) sigaddset(&set, number);
+  }
+  return set;
+}
+
+// In the background the terminal's modes are those of somebody else, and setting them stops the
+// program.
+bool InBackground(int terminal) {
+  const pid_t foreground = tcgetpgrp(terminal);
+  return foreground > 0 && foreground != getpgrp();
+}
+
+// A terminal that takes only some of a write blocks for the rest. Another mode of the descriptor
+// would hold for all programs that share it, so this opens the terminal once more. One that belongs
+// to another user can be reached as the terminal of this session only.
+Descriptor OpenForWriting(int terminal) {
+  if (isatty(terminal) != 1) return {};
+  constexpr int kFlags = O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+  const std::string path = "/proc/self/fd/" + std::to_string(terminal);
+  Descriptor opened(open(path.c_str(), kFlags));
+  if (!opened && tcgetsid(terminal) == getsid(0)) opened = Descriptor(open("/dev/tty", kFlags));
+  return opened;
+}
+
+// Sockets, as standard output or as the connection, need no mode of their own.
+ssize_t WriteSome(int fd, std::string_view bytes) {
+  const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  return sent < 0 && errno == ENOTSOCK ? write(fd, bytes.data(), bytes.size()) : sent;
+}
+
+}  // namespace
+
+RawMode::RawMode(int fd) : fd_(fd), is_terminal_(tcgetattr(fd, &saved_) == 0) {}
+
+// Neither call waits for the terminal to take its output, which it may never do.
+void RawMode::Enter() const {
+  if (!is_terminal_ || InBackground(fd_)) return;
+  termios raw = saved_;
+  cfmakeraw(&raw);
+  tcsetattr(fd_, TCSANOW, &raw);
+}
+
+void RawMode::Leave() const {
+  if (is_terminal_ && !InBackground(fd_)) tcsetattr(fd_, TCSANOW, &saved_);
+}
+
+SignalWatch::SignalWatch() {
+  signal(SIGPIPE, SIG_IGN);
+  const sigset_t watched = WatchedSignals();
+  sigprocmask(SIG_BLOCK, &watched, &saved_);
+  descriptor_ = Descriptor(signalfd(-1, &watched, SFD_NONBLOCK | SFD_CLOEXEC));
+}
+
+SignalWatch::~SignalWatch() {
+  sigprocmask(SIG_SETMASK, &saved_, nullptr);
+}
+
+int SignalWatch::Take() const {
+  signalfd_siginfo info{};
+  if (read(fd(), &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return 0;
+  return static_cast<int>(info.ssi_signo);
+}
+
+OutputQueue::OutputQueue(int fd) : fd_(fd), nonblocking_(OpenForWriting(fd)) {}
+
+void OutputQueue::Add(std::string_view bytes) {
+  pending_.erase(0, written_);
+  written_ = 0;
+  pending_ += bytes;
+}
+
+void OutputQueue::Clear() {
+  pending_.clear();
+  written_ = 0;
+}
+
+int OutputQueue::Write() {
+  const std::string_view piece = std::string_view(pending_).substr(written_, kPiece);
+  if (piece.empty()) return 0;
+  const ssize_t count = WriteSome(fd(), piece);
+  if (count < 0) return errno == EAGAIN || errno == EINTR ? 0 : errno;
+  written_ += static_cast<size_t>(count);
+  if (empty()) Clear();
+  return 0;
+}
+
+}  // namespace zevctl

@@ -1,0 +1,86 @@
+// The terminal and the streams of a session: raw keys, signals as events, and output that never
+// blocks.
+#pragma once
+
+#include <termios.h>
+
+#include <csignal>
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "socket.h"
+
+namespace zevctl {
+
+/// Hands every key on as it is typed, and shows output as it comes, from Enter() to Leave() or to
+/// its end. Does nothing where the descriptor is no terminal, or while the program is in the
+/// background.
+class RawMode {
+ public:
+  explicit RawMode(int fd);
+  ~RawMode() { Leave(); }
+  RawMode(const RawMode&) = delete;
+  RawMode& operator=(const RawMode&) = delete;
+
+  bool is_terminal() const { return is_terminal_; }
+  void Enter() const;
+  void Leave() const;
+
+ private:
+  int fd_;
+  termios saved_{};  // filled by what sets the next one
+  bool is_terminal_;
+};
+
+/// While one lives, the signals that would end the program, and the one that comes when it runs
+/// again after a stop, wait to be read from a descriptor. Those that the program was started to
+/// ignore stay ignored; a closed pipe is seen when it is written to.
+class SignalWatch {
+ public:
+  SignalWatch();
+  ~SignalWatch();
+  SignalWatch(const SignalWatch&) = delete;
+  SignalWatch& operator=(const SignalWatch&) = delete;
+
+  int fd() const { return descriptor_.get(); }
+
+  /// The next signal's number; 0 when there is none.
+  int Take() const;
+
+ private:
+  sigset_t saved_{};
+  Descriptor descriptor_;
+};
+
+/// What waits to be written. Write() never blocks when poll() has found the descriptor writable.
+class OutputQueue {
+ public:
+  explicit OutputQueue(int fd);
+
+  /// The descriptor to poll.
+  int fd() const { return nonblocking_ ? nonblocking_.get() : fd_; }
+
+  bool empty() const { return written_ == pending_.size(); }
+
+  /// True when nothing should be added until some of it is written.
+  bool Full() const { return pending_.size() - written_ >= kLimit; }
+
+  void Add(std::string_view bytes);
+
+  /// Drops everything.
+  void Clear();
+
+  /// Writes some of it: 0, or the errno value of a failure other than having to wait.
+  int Write();
+
+ private:
+  static constexpr size_t kLimit = 1 << 20;
+
+  int fd_;
+  Descriptor nonblocking_;
+  std::string pending_;
+  size_t written_ = 0;
+};
+
+}  // namespace zevctl
