@@ -137,8 +137,7 @@ void RewriteFile() {
   fclose(from);
   if (!CloseWritten(to) || !complete) {
     const int error = errno;
-    zev_debug(kError, "%s: The lines of \"%s\" are in \"%s\"\n", kFunction, kSuiteConfigFile,
-              path);
+    zev_debug(kError, "%s: The lines of \"%s\" are in \"%s\"\n", kFunction, kSuiteConfigFile, path);
     Fail("write", kSuiteConfigFile, error);
   }
   unlink(path);
