@@ -45,7 +45,7 @@ std::optional<std::string> ReadCookie(const std::string& path) {
 
 // A cookie counts only from the station itself. One that the user pointed to must be usable.
 std::optional<std::string> UsableCookie(const Settings& settings, const Socket& socket) {
-  const auto cookie = socket.PeerIsLoopback() ? ReadCookie(settings.cookie_file) : std::nullopt;
+  auto cookie = socket.PeerIsLoopback() ? ReadCookie(settings.cookie_file) : std::nullopt;
   if (!cookie && settings.cookie_file_given) {
     throw Failure(ExitStatus::kNotAdmitted,
                   "the cookie in " + settings.cookie_file +

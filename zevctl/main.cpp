@@ -101,9 +101,14 @@ ExitStatus ParseAndRun(CLI::App& app, Program& program, int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  OccupyStandardDescriptors();
-  CLI::App app("Watches and works the consoles of a zevd station.", "zevctl");
-  Program program;
-  DeclareCommands(app, program);
-  return static_cast<int>(ParseAndRun(app, program, argc, argv));
+  try {
+    OccupyStandardDescriptors();
+    CLI::App app("Watches and works the consoles of a zevd station.", "zevctl");
+    Program program;
+    DeclareCommands(app, program);
+    return static_cast<int>(ParseAndRun(app, program, argc, argv));
+  } catch (...) {
+    // Not even a message can be relied on here, such as without memory.
+    return static_cast<int>(ExitStatus::kFailed);
+  }
 }

@@ -60,6 +60,7 @@ std::string ModeInWords(const std::string& code) {
 
 std::vector<std::string> StateWords() {
   std::vector<std::string> words;
+  words.reserve(kStates.size());
   for (const Word& state : kStates) words.emplace_back(state.word);
   return words;
 }

@@ -142,6 +142,7 @@ int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr
   const WriteLock lock(cmd_lock, HERE);
   if (AddCommandToList(cnode, cmd_list) != 0) {
     // The node is not freed: a small leak, after an allocation that has failed already.
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
     zev_debug(kError, "%s: AddCommandToList() failed\n", __func__);
     return -1;
   }

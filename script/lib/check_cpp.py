@@ -3,9 +3,9 @@
 Usage: check_cpp.py BUILD_DIRECTORY
 
 Each source must survive clang++ with warnings as errors; every build makes sure of g++. What the
-project ships must also survive clang-tidy, and the daemon's sources the check of the lock
-annotations in their headers, which only clang++ understands. A source that the build does not know
-is a finding: it would be neither compiled nor tested.
+project ships is checked by clang-tidy, which gives clang++'s warnings too; the daemon's sources must
+also survive the check of the lock annotations in their headers, which only clang++ understands. A
+source that the build does not know is a finding: it would be neither compiled nor tested.
 """
 
 import concurrent.futures
@@ -14,7 +14,6 @@ import os
 import shlex
 import subprocess
 import sys
-from collections.abc import Iterator
 from pathlib import Path
 
 REPOSITORY = Path(__file__).resolve().parents[2]
@@ -49,13 +48,13 @@ def flags_of(command: str) -> list[str]:
     return [word for word in words[:output] + words[output + 2:] if word != "-c"]
 
 
-def checks(source: Path, entry: dict, database: Path) -> Iterator[list[str]]:
-    """The runs that one source must survive."""
-    flags = flags_of(entry["command"])
-    locks = ["-Wthread-safety"] if DAEMON in source.parents else []
-    yield ["clang++", *WARNINGS, *locks, *flags]
-    if TESTS not in source.parents:
-        yield ["clang-tidy", "--quiet", "-p", str(database), str(source)]
+def check(source: Path, entry: dict, database: Path) -> list[str]:
+    """The run that one source must survive."""
+    if TESTS in source.parents:
+        return ["clang++", *WARNINGS, *flags_of(entry["command"])]
+    warnings = [f"--extra-arg={flag}" for flag in WARNINGS[1:-1]]
+    locks = ["--extra-arg=-Wthread-safety"] if DAEMON in source.parents else []
+    return ["clang-tidy", "--quiet", "-p", str(database), *warnings, *locks, str(source)]
 
 
 def survives(command: list[str], directory: str) -> bool:
@@ -75,9 +74,8 @@ def main() -> None:
     for source in unknown:
         print(f"{source.relative_to(REPOSITORY)}: not part of the build", file=sys.stderr)
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        runs = [pool.submit(survives, command, entry["directory"])
-                for source, entry in known.items()
-                for command in checks(source, entry, build / "lint")]
+        runs = [pool.submit(survives, check(source, entry, build / "lint"), entry["directory"])
+                for source, entry in known.items()]
         failed = [run for run in runs if not run.result()]
     print(f"{len(known)} sources: {len(runs)} checks, {len(failed)} failed")
     sys.exit(bool(unknown) or not runs or bool(failed))

@@ -12,14 +12,17 @@ from pathlib import Path
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 NOT_OURS = {".git", "build", "__pycache__", ".pytest_cache", ".cache"}
+INPUTS = REPOSITORY / "tests/fuzz/corpus"  # any bytes at all
 PYTHON_AND_SHELL = {".py", ""}
 LONGEST = 100
 
 
 def tree() -> Iterator[Path]:
-    """Every file of the tree that is not a product of building or testing."""
+    """Every text file of the tree that is not a product of building or testing."""
     for directory, subdirectories, names in os.walk(REPOSITORY):
         subdirectories[:] = set(subdirectories) - NOT_OURS
+        if Path(directory) == INPUTS:
+            subdirectories.clear()
         yield from (Path(directory, name) for name in names)
 
 
