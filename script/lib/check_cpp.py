@@ -3,9 +3,9 @@
 Usage: check_cpp.py BUILD_DIRECTORY
 
 Each source must survive clang++ with warnings as errors; every build makes sure of g++. What the
-project ships is checked by clang-tidy, which gives clang++'s warnings too; the daemon's sources must
-also survive the check of the lock annotations in their headers, which only clang++ understands. A
-source that the build does not know is a finding: it would be neither compiled nor tested.
+project ships is checked by clang-tidy, which gives clang++'s warnings too, and the daemon's sources
+by the check of the lock annotations in their headers, which only clang++ understands. A source that
+the build does not know is a finding: it would be neither compiled nor tested.
 """
 
 import concurrent.futures
