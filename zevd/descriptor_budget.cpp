@@ -35,12 +35,11 @@ int CountDescriptors() {
   return count - 1;  // without the directory's own
 }
 
-int DescriptorBudget::Room(int needed) {
-  const int used = CountDescriptors();
+int DescriptorBudget::Room(const DescriptorUse& use) {
   const int limit = Limit();
-  const int room = limit - used - needed - std::min(kReserve, limit / kLargestReservePart);
-  if (used == -1 || room > 0) return std::max(room, 1);
+  const int room = limit - use.open - use.wanted - std::min(kReserve, limit / kLargestReservePart);
+  if (use.open == -1 || room > 0) return std::max(room, 1);
   zev_debug(kError, "%s: Running out of descriptors: %d of %d are in use\n",
-            "AcceptConnectionRequests", used, limit);
+            "AcceptConnectionRequests", use.open, limit);
   return 0;
 }

@@ -531,15 +531,16 @@ void RefuseConnection(int sock) {
 
 DescriptorBudget descriptor_budget;
 
-// What the consoles that are not connected want once they are: a connection and a log.
-int DescriptorsForConsoles() {
+// A console that is to be connected wants a connection and a log. While the lock is held none can
+// open them, so that nothing is counted twice.
+DescriptorUse LookAtDescriptors() {
   const ReadLock lock(icl_lock, HERE);
-  int wanted = 0;
+  DescriptorUse use = {CountDescriptors(), 0};
   for (const ConsoleNode* cnode : Nodes(*i_cons_list)) {
     if (cnode->enable == 0) continue;
-    wanted += (cnode->sock == -1 ? 1 : 0) + (cnode->log_fd == -1 ? 1 : 0);
+    use.wanted += (cnode->sock == -1 ? 1 : 0) + (cnode->log_fd == -1 ? 1 : 0);
   }
-  return wanted;
+  return use;
 }
 
 // Waits until the new thread is counted, so that the next request on the port meets the true number
@@ -596,7 +597,7 @@ void AcceptOn(const MappedPortNode* mpnode) {
     RefuseConnection(sock);
     return;
   }
-  if (!descriptor_budget.Admits(DescriptorsForConsoles)) {
+  if (!descriptor_budget.Admits(LookAtDescriptors)) {
     SetUserError(kOutOfMemory);
     RefuseConnection(sock);
     return;

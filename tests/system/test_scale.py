@@ -90,10 +90,8 @@ def test_two_thousand_users_of_whom_a_thousand_share_one_console(station):
 @pytest.mark.slow
 def test_thousands_of_visits_leave_nothing_behind(station):
     box = station.console("box")
-    station.start("-d", "0")
-    box.accept()
-    with Crowd(station) as crowd:
-        receive(crowd.come("box"), OFFERS)
+    station.start("-d", "1")
+    connected(station, box, "box")
     before = None
     for _ in range(VISITS // 50):
         with Crowd(station) as crowd:

@@ -82,6 +82,16 @@ def modes_of(person) -> list:
     return termios.tcgetattr(person.child_fd)
 
 
+def fresh_modes() -> list:
+    """The modes of a terminal that nobody has changed yet."""
+    ours, theirs = os.openpty()
+    try:
+        return termios.tcgetattr(theirs)
+    finally:
+        os.close(ours)
+        os.close(theirs)
+
+
 @contextlib.contextmanager
 def piped(station, *arguments: str, stdout=subprocess.PIPE):
     """The client with a pipe for its input, attached to "box"."""
@@ -357,7 +367,7 @@ WAYS_OUT = {
 @pytest.mark.parametrize("end", WAYS_OUT.values(), ids=WAYS_OUT.keys())
 def test_the_terminal_is_restored(station, box, end):
     with Terminal(station, "attach", "box") as person:
-        before = modes_of(person.child)
+        before = fresh_modes()
         person.expect(ATTACHED)
         assert modes_of(person.child)[3] & (termios.ICANON | termios.ECHO | termios.ISIG) == 0
         end(station, box, person)
@@ -369,7 +379,7 @@ def test_the_terminal_is_restored_when_nobody_takes_the_output(station, box):
     line = f"{PROGRAM} --port {station.port} attach box | head -c 4; echo over"
     person = pexpect.spawn("/bin/sh", ["-c", line], timeout=stretched(LIMIT), env=environment())
     try:
-        before = modes_of(person)
+        before = fresh_modes()
         person.expect_exact(ATTACHED)
         assert modes_of(person) != before
         box.send(b"four and more")
@@ -569,7 +579,7 @@ def test_a_terminal_that_takes_nothing_loses_no_key_and_no_output(station, box):
 
 def test_a_terminal_that_takes_nothing_can_be_left(station, box):
     with Terminal(station, "attach", "box") as person:
-        before = modes_of(person.child)
+        before = fresh_modes()
         person.expect(ATTACHED)
         print_all(station, box, numbered(15_000))
         person.type("\r~.")
@@ -708,7 +718,7 @@ def test_the_cookie_is_enough(hall):
 def test_without_the_cookie_by_name_and_password(hall):
     (hall.config / ".cookie").unlink()
     with Terminal(hall, "attach", "box", "--user", "ann") as person:
-        before = modes_of(person.child)
+        before = fresh_modes()
         shown = answer(person, "root", "secret", offered="ann")
         shown += person.expect(ATTACHED)
         assert b"secret" not in shown
@@ -722,7 +732,7 @@ def test_without_the_cookie_by_name_and_password(hall):
 def test_a_wrong_password_three_times(hall):
     (hall.config / ".cookie").unlink()
     with Terminal(hall, "attach", "box") as person:
-        before = modes_of(person.child)
+        before = fresh_modes()
         for number in range(3):
             shown = answer(person, "root", f"guess{number}")
             assert b"guess" not in shown
@@ -848,7 +858,7 @@ def test_retry_is_given_up_with_the_interrupt_key(station):
     station.console("box", listening=False)
     station.start()
     with Terminal(station, "attach", "box", "--retry") as person:
-        before = modes_of(person.child)
+        before = fresh_modes()
         retrying(person, INACCESSIBLE)
         assert modes_of(person.child) == before
         person.type("\x03")
