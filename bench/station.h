@@ -1,0 +1,80 @@
+// The daemon with its files, and the consoles that it calls.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "farm.h"
+#include "process.h"
+#include "user.h"
+
+namespace bench {
+
+/// What one console's line of the configuration says.
+struct ConsolePlan {
+  bool logging = true;
+  std::string event_file;  // none when empty
+  uint16_t mapped_port = 0;
+  bool login = false;  // on the mapped port
+};
+
+/// A station that runs from the construction on, all of its consoles connected.
+class Station {
+ public:
+  Station(const std::string& daemon, Farm& farm, std::vector<ConsolePlan> consoles,
+          bool security = false);
+
+  Process& daemon() { return *daemon_; }
+  /// Seconds from the daemon's start until every console was connected.
+  double start_seconds() const { return start_seconds_; }
+
+  /// A user who is attached when this returns.
+  User Attach(size_t console, int receive_buffer = 0) const;
+  /// A user of the console's own port. With security on and no login nothing is asked there.
+  User AttachToMappedPort(size_t console) const;
+  /// A connection to the console's own port that says nothing yet.
+  Descriptor CallMappedPort(size_t console) const;
+  Tool NewTool() const;
+  /// A connection to the command port that says nothing yet.
+  Descriptor CallCommandPort() const;
+  uint16_t port() const { return port_; }
+
+  /// Writes a configuration of one more console; Reload() makes the daemon read it.
+  void AddConsole();
+  void Reload() const;
+  size_t consoles() const { return consoles_.size(); }
+  /// Throws when the daemon has ended or a console was lost.
+  void CheckWhole();
+
+  static std::string NameOf(size_t console);
+  static std::string ConsolidatedLog();
+  /// Makes an empty root. What the next station is to find there is written afterwards.
+  static void ClearRoot();
+  static void WriteEventFile(const std::string& name, const std::string& lines);
+  /// A password helper that ends only when EndHangingHelpers() is called.
+  static void WriteHangingHelper();
+  static void EndHangingHelpers();
+
+ private:
+  std::string ConfigurationLine(size_t console) const;
+  void WriteConfiguration() const;
+  void WaitUntilConnected();
+  bool Listens() const;
+
+  Farm& farm_;
+  std::vector<ConsolePlan> consoles_;
+  bool security_;
+  uint16_t port_;
+  size_t lost_before_;
+  std::unique_ptr<Process> daemon_;
+  double start_seconds_ = 0;
+};
+
+/// So many consoles that have nothing special.
+inline std::vector<ConsolePlan> PlainConsoles(size_t count) {
+  return std::vector<ConsolePlan>(count);
+}
+
+}  // namespace bench

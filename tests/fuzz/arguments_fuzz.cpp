@@ -1,0 +1,116 @@
+// The argument line of the main port: what a client asks for, or why it is refused.
+#include <map>
+#include <memory>
+
+#include "fuzz.h"
+#include "zev.h"
+
+namespace {
+
+/// What the model expects of a line.
+struct Expected {
+  std::string mechanism;
+  std::string cookie;
+  std::string console;
+  std::string user = "<unknown>";
+  std::string address;
+  int mode = 2;
+  const char* error = nullptr;
+  std::vector<std::string> messages;
+};
+
+constexpr char kInsufficient[] = "009 - Insufficient data.\r\n";
+constexpr char kInvalid[] = "002 - Invalid argument.\r\n";
+
+std::vector<std::string> Words(const std::string& line) {
+  std::vector<std::string> words;
+  std::string word;
+  for (const char byte : line + " ") {
+    if (byte != ' ' && byte != '\t' && byte != '\n' && byte != '\r') {
+      word.push_back(byte);
+    } else if (!word.empty()) {
+      words.push_back(word);
+      word.clear();
+    }
+  }
+  return words;
+}
+
+void Refuse(Expected& expected, const char* error, const std::string& why) {
+  expected.error = error;
+  expected.messages.push_back("ParseConsoleArgs: " + why + "\n");
+}
+
+void ExpectMode(Expected& expected, const std::string& value) {
+  const std::map<std::string, int> modes = {{"er", 4}, {"ex", 3}, {"sh", 2}, {"ro", 1}};
+  const auto found = modes.find(value);
+  if (found == modes.end()) {
+    Refuse(expected, kInvalid, "Unrecognized mode \"" + value + "\".");
+  } else {
+    expected.mode = found->second;
+  }
+}
+
+void ExpectOption(Expected& expected, const std::string& word) {
+  const std::string key = word.substr(0, 5);
+  const std::string value = word.substr(key.size());
+  if (key == "mode=") {
+    ExpectMode(expected, value);
+  } else if (key == "user=") {
+    expected.user = value.substr(0, 32);
+  } else if (key == "addr=") {
+    expected.address = value.substr(0, 64);
+  } else {
+    Refuse(expected, kInvalid, "Invalid argument \"" + word + "\".");
+  }
+}
+
+// Number of the word that names the console.
+size_t ExpectToken(Expected& expected, const std::vector<std::string>& words) {
+  if (words.empty() || words[0] != "token") return 0;
+  expected.mechanism = "token";
+  if (words.size() > 1) expected.cookie = words[1].substr(0, 16);
+  return 2;
+}
+
+Expected Expect(const std::string& line) {
+  Expected expected;
+  const std::vector<std::string> words = Words(line);
+  const size_t name = ExpectToken(expected, words);
+  if (words.size() <= name) {
+    constexpr const char* kWhy[] = {"No console arguments found.", "Cookie not specified.",
+                                    "Console name not specified."};
+    Refuse(expected, kInsufficient, kWhy[words.size()]);
+    return expected;
+  }
+  expected.console = words[name].substr(0, 64);
+  for (size_t i = name + 1; i < words.size() && expected.error == nullptr; ++i) {
+    ExpectOption(expected, words[i]);
+  }
+  return expected;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::SetUp();
+  const std::string line = fuzz::UpToNul({reinterpret_cast<const char*>(data), size});
+  const Expected expected = Expect(line);
+  // Exactly as long as the line, so that a look behind its end is seen.
+  const auto buf = std::make_unique<char[]>(line.size() + 1);
+  line.copy(buf.get(), line.size());
+  ConsoleArgs args;
+  u_err_msg = nullptr;
+  fuzz::DebugRecorder recorder(2);
+  REQUIRE_EQUAL(ParseConsoleArgs(buf.get(), &args), expected.error == nullptr ? 0 : -1);
+  REQUIRE_EQUAL(recorder.Output(), fuzz::AsDebugOutput(expected.messages));
+  REQUIRE_EQUAL(std::string(u_err_msg == nullptr ? "" : u_err_msg),
+                std::string(expected.error == nullptr ? "" : expected.error));
+  REQUIRE_EQUAL(std::string(args.auth_mechanism), expected.mechanism);
+  REQUIRE_EQUAL(std::string(args.user_cookie), expected.cookie);
+  REQUIRE_EQUAL(std::string(args.cons_name), expected.console);
+  REQUIRE_EQUAL(std::string(args.user_name), expected.user);
+  REQUIRE_EQUAL(std::string(args.addr), expected.address);
+  REQUIRE_EQUAL(static_cast<int>(args.mode), expected.mode);
+  return 0;
+}

@@ -1,0 +1,194 @@
+// Event files: which patterns a file gives, what is said about its lines, and which pattern a
+// record matches, compared with the system's own matcher run over the lines one by one.
+//
+// An input is a line with the record and the file.
+#include <regex.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+
+#include "event_set.h"
+#include "fuzz.h"
+#include "zev.h"
+
+namespace {
+
+constexpr char kName[] = "file";
+constexpr char kPath[] = "root/events/file";
+constexpr size_t kLongestPiece = 8191;
+constexpr size_t kLongestRecord = 8192;
+
+/// One line that gives a pattern.
+struct Pattern {
+  std::string name;
+  int priority;
+  std::string indicator;
+  std::string text;
+};
+
+/// What the model expects of a file.
+struct Expected {
+  std::vector<Pattern> patterns;
+  std::vector<std::string> messages;
+};
+
+// As the daemon reads: at most so many bytes at a time, up to a NUL.
+std::vector<std::string> Lines(std::string_view content) {
+  std::vector<std::string> lines;
+  while (!content.empty()) {
+    const size_t end = std::min(content.substr(0, kLongestPiece).find('\n'), content.size());
+    const size_t size = std::min({end + 1, content.size(), kLongestPiece});
+    lines.push_back(fuzz::UpToNul(content.substr(0, size)));
+    content.remove_prefix(size);
+  }
+  return lines;
+}
+
+std::optional<std::string> TakeField(std::string_view& line, const char* ends) {
+  line.remove_prefix(std::min(line.find_first_not_of(ends), line.size()));
+  if (line.empty()) return {};
+  const std::string field(line.substr(0, line.find_first_of(ends)));
+  line.remove_prefix(std::min(field.size() + 1, line.size()));
+  return field;
+}
+
+/// A compiled expression of the system's.
+class Compiled {
+ public:
+  explicit Compiled(const Pattern& pattern)
+      : error_(regcomp(&expression_, pattern.text.c_str(),
+                       REG_EXTENDED | (pattern.indicator == "0" ? REG_ICASE : 0))) {}
+  ~Compiled() {
+    if (error_ == 0) regfree(&expression_);
+  }
+  Compiled(const Compiled&) = delete;
+  Compiled& operator=(const Compiled&) = delete;
+
+  bool Good() const { return error_ == 0; }
+  bool Matches(const std::string& text) const {
+    return regexec(&expression_, text.c_str(), 0, nullptr, 0) == 0;
+  }
+  std::string Reason() const {
+    char reason[256];
+    regerror(error_, &expression_, reason, sizeof reason);
+    return reason;
+  }
+
+ private:
+  regex_t expression_;
+  int error_;
+};
+
+void ExpectLine(std::string_view line, size_t number, Expected& expected) {
+  constexpr const char* kWords = " \n\r";
+  const auto name = TakeField(line, kWords);
+  const auto priority = TakeField(line, kWords);
+  const auto indicator = TakeField(line, kWords);
+  const auto text = TakeField(line, "\n\r");
+  if (!name) return;
+  if (!text) {
+    const char* missing = !priority ? "Priority" : !indicator ? "Case indicator" : "Pattern";
+    expected.messages.push_back(std::string("ParseRegExFile: ") + missing + " missing in line " +
+                                std::to_string(number) + " of " + kPath + "\n");
+    return;
+  }
+  const Pattern pattern{*name, atoi(priority->c_str()), *indicator, *text};
+  const Compiled compiled(pattern);
+  if (compiled.Good()) {
+    expected.patterns.push_back(pattern);
+  } else {
+    expected.messages.push_back("ParseRegExFile: regcomp() failed for pattern " + pattern.text +
+                                " : " + compiled.Reason() + "\n");
+  }
+}
+
+Expected Expect(std::string_view content) {
+  Expected expected;
+  size_t number = 0;
+  for (const std::string& line : Lines(content)) ExpectLine(line, ++number, expected);
+  return expected;
+}
+
+bool RefersBack(std::string_view content) {
+  for (size_t i = 0; i + 1 < content.size(); ++i) {
+    if (content[i] == '\\' && content[i + 1] >= '1' && content[i + 1] <= '9') return true;
+  }
+  return false;
+}
+
+// The system's matcher takes exponential time and memory for repetitions of repetitions and for
+// references back, and a deep stack for many parentheses; that is not what is looked for here.
+bool IsTooMuchForTheSystem(std::string_view content) {
+  constexpr size_t kLongestRepetition = 5;  // "{9,99"
+  constexpr size_t kMostParentheses = 50;
+  constexpr size_t kMostPluses = 10;  // each one doubles what it stands behind
+  const auto count = [&](char byte) {
+    return static_cast<size_t>(std::count(content.begin(), content.end(), byte));
+  };
+  const size_t brace = content.find('{');
+  const bool repeats = brace != std::string_view::npos &&
+                       (count('{') > 1 || content.find('}', brace) - brace > kLongestRepetition);
+  return repeats || RefersBack(content) || count('(') > kMostParentheses ||
+         count('+') > kMostPluses;
+}
+
+void CheckPatterns(const RegExList& list, const std::vector<Pattern>& expected) {
+  REQUIRE_EQUAL(static_cast<size_t>(list.count), expected.size());
+  size_t index = 0;
+  for (const RegExNode* node : Nodes(list)) {
+    const Pattern& pattern = expected.at(index++);
+    REQUIRE_EQUAL(std::string(node->jix_name), pattern.name);
+    REQUIRE_EQUAL(node->priority, pattern.priority);
+    REQUIRE_EQUAL(node->case_sensitive, atoi(pattern.indicator.c_str()));
+    REQUIRE_EQUAL(std::string(node->pattern), pattern.text);
+  }
+}
+
+const Pattern* FirstMatch(const std::vector<Pattern>& patterns, std::string_view record) {
+  const std::string text = fuzz::UpToNul(record.substr(0, kLongestRecord));
+  for (const Pattern& pattern : patterns) {
+    if (Compiled(pattern).Matches(text)) return &pattern;
+  }
+  return nullptr;
+}
+
+void CheckMatch(const RegExList& list, const std::vector<Pattern>& patterns,
+                std::string_view record) {
+  const Pattern* expected = FirstMatch(patterns, record);
+  char* text = nullptr;
+  int priority = 0;
+  const int found =
+      MatchPattern(record.data(), static_cast<int>(record.size()), &list, &text, &priority);
+  REQUIRE_EQUAL(found, expected == nullptr ? 0 : 1);
+  if (expected == nullptr) return;
+  const std::string found_text = text;
+  free(text);
+  REQUIRE_EQUAL(found_text, expected->text);
+  REQUIRE_EQUAL(priority, expected->priority);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const fuzz::Lists lists;
+  fuzz::Input input(data, size);
+  const std::string record = std::string(input.TakeLine()) + "\n";
+  const std::string_view content = input.TakeRest();
+  if (IsTooMuchForTheSystem(content)) return 0;
+  fuzz::WriteFile(kPath, content);
+  const Expected expected = Expect(content);
+  {
+    fuzz::DebugRecorder recorder(0);
+    REQUIRE_EQUAL(LoadEventFiles(ev_list), 0);
+    REQUIRE_EQUAL(recorder.Output(), fuzz::AsDebugOutput(expected.messages));
+  }
+  const EventSetNode* events = FindEventNode(kName, ev_list);
+  REQUIRE(events != nullptr);
+  REQUIRE_EQUAL(ev_list->count, 1);
+  CheckPatterns(*events->re_list, expected.patterns);
+  CheckMatch(*events->re_list, expected.patterns, record);
+  CheckMatch(*events->re_list, expected.patterns,
+             std::string_view(record).substr(0, record.size() - 1));
+  return 0;
+}
