@@ -92,6 +92,7 @@ bool Meets(const ConsoleNode& cnode, MoveCriterion criterion) {
 void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
   zev_debug(kInfo, "%s: Console %s is being deleted.\n", "DeleteMarkedConsoles", cnode->cname);
   if (cnode->sock != -1) {
+    ForgetSocket(*list, cnode->sock);
     close(cnode->sock);
     cnode->sock = -1;
   }
@@ -154,6 +155,7 @@ void InitConsoleList(ConsoleList* list, const char* list_name) {
 
 void EmptyConsoleList(ConsoleList* list) {
   ENTERING();
+  const ListBatch batch(*list);
   for (ConsoleNode* cnode : Nodes(*list)) {
     RemoveConsoleFromList(cnode, list);
     FreeConsoleNode(cnode);
@@ -210,6 +212,8 @@ ConsoleNode* LocateConsoleInList(const char* name, const ConsoleList* list) {
 
 void MoveConsolesToList(ConsoleList* from_list, ConsoleList* to_list, MoveCriterion criterion) {
   ENTERING();
+  const ListBatch leaving(*from_list);
+  const ListBatch joining(*to_list);
   for (ConsoleNode* cnode : Nodes(*from_list)) {
     if (!Meets(*cnode, criterion)) continue;
     if (RemoveConsoleFromList(cnode, from_list) != 0) {

@@ -21,6 +21,7 @@ struct UserListElem {
   UserNode* unode;
   UserListElem* prev;
   UserListElem* next;
+  uint64_t place;  ///< grows from head to tail
 };
 
 /// Users of one console (guarded as the console is) or of the whole daemon (guarded by ul_lock).
@@ -84,6 +85,7 @@ struct ConsoleListElem {
   ConsoleNode* cnode;
   ConsoleListElem* prev;
   ConsoleListElem* next;
+  uint64_t place;  ///< grows from head to tail
 };
 
 using ConsoleList = SocketList<ConsoleListElem, &ConsoleListElem::cnode>;

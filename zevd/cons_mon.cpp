@@ -22,6 +22,7 @@
 #include "event_set.h"
 #include "load.h"
 #include "log.h"
+#include "socket_watch.h"
 #include "user_mon.h"
 #include "util.h"
 #include "waker.h"
@@ -154,9 +155,23 @@ void Reload() {
   thread_waitreq_mask &= ~kOtherThreads;
 }
 
-void DeleteMarked() {
+/// When the consoles of a_cons_list are looked through for marks. Who marks one wakes this thread
+/// afterwards; while nobody did, a pass costs the same however many consoles there are.
+struct Looks {
+  unsigned for_deleted = 0;  // wakes seen when deleted consoles were looked for
+  unsigned for_closed = 0;   // the same for closed ones
+  bool deleted_left = true;  // some may be there still: they are freed once nobody refers to them
+};
+
+bool IsDeleted(const ConsoleNode& cnode) {
+  return cnode.deleted == 1;
+}
+
+void DeleteMarked(Looks* looks) {
   const WriteLock lock(acl_lock, CallSite{kLoop, __LINE__});
+  if (!cons_mon_waker.WokenSince(&looks->for_deleted) && !looks->deleted_left) return;
   DeleteMarkedConsoles(a_cons_list);
+  looks->deleted_left = FindNode(*a_cons_list, IsDeleted) != nullptr;
 }
 
 bool CopyConsoleSockets(int* high_sock, DescriptorSet* fdset) {
@@ -176,9 +191,9 @@ void RelayOutput(DescriptorSet* fdset) {
   ProcessConsoleOutput(*fdset);
 }
 
-bool AnyConsoleClosed() {
+bool AnyConsoleClosed(Looks* looks) {
   const ReadLock lock(acl_lock, CallSite{kLoop, __LINE__});
-  return cons_mon::CheckForClosedConnections();
+  return cons_mon_waker.WokenSince(&looks->for_closed) && cons_mon::CheckForClosedConnections();
 }
 
 void MoveClosedConsoles() {
@@ -203,13 +218,14 @@ void MonitorConsoleOutput() {
   RegisterThread("cons_mon");
   ENTERING();
   DescriptorSet fdset;
+  Looks looks;
   for (;;) {
     ParkIfAsked(kPauseConsMon);
     if (ReloadIsAskedFor()) Reload();
     usleep(kPassPause);
-    DeleteMarked();
+    DeleteMarked(&looks);
     RelayOutput(&fdset);
-    if (AnyConsoleClosed()) MoveClosedConsoles();
+    if (AnyConsoleClosed(&looks)) MoveClosedConsoles();
     if (LogDirExpired() != 0) RotateLogs();
   }
 }
@@ -219,7 +235,8 @@ int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset) {
   timeval timeout = kSelectLimit;
   zev_debug(kTrace, "%s: Calling select( %d + 1, fdset, 0, 0, (%d,%d))\n", __func__, high_sock,
             static_cast<int>(timeout.tv_sec), static_cast<int>(timeout.tv_usec));
-  const int ready = WaitForMembers(high_sock, *fdset, cons_mon_waker, &timeout);
+  const int ready =
+      WaitForMembers(high_sock, *fdset, cons_mon_waker, &timeout, WatchOf(a_cons_list));
   if (ready < 0) {
     zev_debug(kError, "%s: select() failed : %s\n", __func__, strerror(errno));
     DumpConsoles(a_cons_list);
@@ -231,9 +248,9 @@ int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset) {
 
 void ProcessConsoleOutput(const DescriptorSet& fdset) {
   ENTERING();
-  for (ConsoleNode* cnode : Nodes(*a_cons_list)) {
-    if (fdset.Contains(cnode->sock) && UsersHaveRoom(cnode)) ReadConsole(cnode);
-  }
+  ForEachReady(*a_cons_list, fdset, [](ConsoleNode* cnode) {
+    if (UsersHaveRoom(cnode)) ReadConsole(cnode);
+  });
 }
 
 void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count) {
@@ -371,6 +388,7 @@ void CleanUpClosedConnections() {
     if (!IsClosed(*cnode)) continue;
     CloseUserConnections(cnode);
     cnode->status = kNotConnected;
+    ForgetSocket(*a_cons_list, cnode->sock);
     close(cnode->sock);
     cnode->sock = -1;
     CloseLogFile(cnode);

@@ -1,22 +1,7 @@
 #include "descriptor_set.h"
 
 #include <algorithm>
-#include <climits>
 #include <cstdlib>
-
-namespace {
-
-constexpr size_t kWordBits = sizeof(unsigned long) * CHAR_BIT;
-
-size_t WordOf(int fd) {
-  return static_cast<size_t>(fd) / kWordBits;
-}
-
-unsigned long BitOf(int fd) {
-  return 1UL << (static_cast<size_t>(fd) % kWordBits);
-}
-
-}  // namespace
 
 DescriptorSet::~DescriptorSet() {
   free(words_);

@@ -4,6 +4,8 @@
 
 #include <sys/select.h>
 
+#include <bit>
+#include <climits>
 #include <cstddef>
 
 class DescriptorSet {
@@ -29,10 +31,25 @@ class DescriptorSet {
   /// Becomes equal to `other`. False when out of memory, with the set emptied.
   [[nodiscard]] bool CopyFrom(const DescriptorSet& other);
 
+  /// Calls `visit` with every member, lowest first.
+  template <typename Visit>
+  void ForEach(Visit visit) const {
+    for (size_t word = 0; word < word_count_; ++word) {
+      for (unsigned long rest = words_[word]; rest != 0; rest &= rest - 1) {
+        visit(static_cast<int>(word * kWordBits) + std::countr_zero(rest));
+      }
+    }
+  }
+
   /// For select(); valid for as many descriptors as Reserve() or Add() made room for.
   fd_set* Native() { return reinterpret_cast<fd_set*>(words_); }
 
  private:
+  static constexpr size_t kWordBits = sizeof(unsigned long) * CHAR_BIT;
+
+  static size_t WordOf(int fd) { return static_cast<size_t>(fd) / kWordBits; }
+  static unsigned long BitOf(int fd) { return 1UL << (static_cast<size_t>(fd) % kWordBits); }
+
   unsigned long* words_ = nullptr;
   size_t word_count_ = 0;
 };

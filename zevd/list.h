@@ -1,12 +1,14 @@
 // The one list mechanism. Every ...List of the daemon has this shape: a name for the debug output,
 // a doubly linked run of elements that point at nodes they do not own, and a count. A list whose
-// nodes have sockets also keeps the set of those sockets, ready to be copied for select().
+// nodes have sockets also keeps the set of those sockets, ready to be copied for select(). One that
+// may grow long and is waited for has a watch too (socket_watch.h), which follows that set.
 //
 // A list has no lock of its own: the header that declares it says which lock the caller holds. The
 // lists' own functions (Add...ToList and so on) call the functions here and add their messages.
 #pragma once
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -14,6 +16,7 @@
 
 #include "descriptor_set.h"
 #include "error.h"
+#include "socket_watch.h"
 
 /// `Elem` is a record with the pointers `prev`, `next` and the node pointer that `kNode` names.
 template <typename Elem, auto kNode>
@@ -28,11 +31,19 @@ struct List {
   int count = 0;
 };
 
+/// What a watched list has more than others.
+template <typename Elem>
+struct ListWatch : SocketWatch {
+  SocketIndex<Elem> index;
+};
+
 /// A list whose nodes have a `sock`, -1 for none.
 template <typename Elem, auto kNode>
 struct SocketList : List<Elem, kNode> {
-  int high_sock = -1;   ///< highest `sock` of the members, -1 when none has one
-  DescriptorSet fdset;  ///< the `sock` of every member that has one
+  int high_sock = -1;                ///< highest `sock` of the members, -1 when none has one
+  DescriptorSet fdset;               ///< the `sock` of every member that has one
+  int batches = 0;                   ///< ListBatches that live
+  ListWatch<Elem>* watch = nullptr;  ///< never freed; null: the list is not watched
 };
 
 template <typename L>
@@ -103,12 +114,82 @@ void SetFdSet(L& list) {
   }
 }
 
-/// Run after every change of a list; a list without sockets has nothing to rebuild.
+/// The watch follows the set.
+template <typename L>
+void FollowSet(L& list) {
+  list.watch->index.Clear();
+  for (auto* elem = list.head; elem != nullptr; elem = elem->next) {
+    const int sock = NodeOf(list, elem)->sock;
+    if (sock != -1) list.watch->index.Set(sock, elem);
+  }
+  list.watch->Follow(list.fdset);
+}
+
+/// Run after every change of a list, and left to its end while a ListBatch lives; a list without
+/// sockets has nothing to rebuild.
 template <typename L>
 void Recompute(L& list) {
   if constexpr (HasSockets<L>) {
+    if (list.batches > 0) return;
     SetFdSet(list);
     list.high_sock = GetHighestSocketNumber(list);
+    if (list.watch != nullptr) FollowSet(list);
+  }
+}
+
+/// Many changes of a list with sockets, under one hold of its lock: rebuilding after each of them
+/// would cost the square of their number. The set is stale until the batch ends.
+template <typename L>
+class ListBatch {
+ public:
+  explicit ListBatch(L& list) : list_(list) { ++list_.batches; }
+  ~ListBatch() {
+    if (--list_.batches == 0) Recompute(list_);
+  }
+  ListBatch(const ListBatch&) = delete;
+  ListBatch& operator=(const ListBatch&) = delete;
+
+ private:
+  L& list_;
+};
+
+/// Gives a list, still empty, a watch. Without memory or descriptors it does without one. Before
+/// the threads start.
+template <typename L>
+void WatchMembers(L* list) {
+  auto* watch = new (std::nothrow) ListWatch<typename L::Element>;
+  if (watch != nullptr && watch->Open()) {
+    list->watch = watch;
+  } else {
+    delete watch;
+  }
+}
+
+/// The list's watch as WaitForMembers() takes it. It is the same for the life of the process.
+template <typename L>
+SocketWatch* WatchOf(const L* list) {
+  return list->watch;
+}
+
+/// To be called before a member's socket is closed while the member is still on the list.
+template <typename L>
+void ForgetSocket(L& list, int sock) {
+  if (list.watch != nullptr) list.watch->Forget(sock);
+}
+
+/// Calls `visit` with every node whose socket is in `ready`, from head to tail. `visit` unlinks no
+/// other node than its own.
+template <typename L, typename Visit>
+void ForEachReady(const L& list, const DescriptorSet& ready, Visit visit) {
+  const auto visit_if_ready = [&](auto* node) {
+    if (ready.Contains(node->sock)) visit(node);
+  };
+  if (list.watch == nullptr) {
+    for (auto* node : Nodes(list)) visit_if_ready(node);
+  } else {
+    // An element's socket may have gone since it was indexed.
+    list.watch->index.ForEachInOrder(ready,
+                                     [&](auto* elem) { visit_if_ready(NodeOf(list, elem)); });
   }
 }
 
@@ -136,7 +217,8 @@ template <typename L>
 [[nodiscard]] bool ReserveFor(L& list, const typename L::Node* node) {
   if constexpr (HasSockets<L>) {
     const int sock = node->sock;
-    return sock == -1 || list.fdset.Reserve(sock);
+    if (sock == -1) return true;
+    return list.fdset.Reserve(sock) && (list.watch == nullptr || list.watch->index.Reserve(sock));
   }
   return true;
 }
@@ -147,6 +229,9 @@ template <typename L>
 void LinkAtTail(L& list, typename L::Element* elem) {
   elem->prev = list.tail;
   elem->next = nullptr;
+  if constexpr (requires { elem->place; }) {
+    elem->place = list.tail == nullptr ? 0 : list.tail->place + 1;
+  }
   (list.tail == nullptr ? list.head : list.tail->next) = elem;
   list.tail = elem;
   ++list.count;

@@ -4,14 +4,19 @@
 
 #include <sys/stat.h>
 
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <new>
+#include <string_view>
 
 #include "error.h"
 #include "event_set.h"
 #include "paths.h"
+#include "waker.h"
 #include "zev.h"
 
 namespace {
@@ -185,6 +190,79 @@ void CopySettings(const ConsoleNode& from, ConsoleNode* to) {
   to->enode = from.enode;
 }
 
+void Overwrite(const ConsoleNode& configured, ConsoleNode* live) {
+  if (strcmp(live->cname, configured.cname) != 0) RenameLog(live->cname, configured.cname);
+  CopySettings(configured, live);
+  live->deleted = 0;
+  if (live->enable == 0) live->status = kNotConnected;
+}
+
+bool HasSameAddress(const ConsoleNode& one, const ConsoleNode& other) {
+  return one.cons_port == other.cons_port && strcmp(one.ipaddr, other.ipaddr) == 0;
+}
+
+/// The live consoles by address and port: comparing every configured console with every live one
+/// would take seconds for ten thousand, with all consoles waiting. Open addressing, never more than
+/// half full.
+class AddressTable {
+ public:
+  /// Holds the consoles of the first two lists, and has room for those of the third.
+  AddressTable(const ConsoleList& first, const ConsoleList& second, const ConsoleList& to_come) {
+    const size_t most = Length(first) + Length(second) + Length(to_come);
+    slot_count_ = std::bit_ceil(2 * most + 1);
+    slots_ = new (std::nothrow) ConsoleNode* [slot_count_] {};
+    for (ConsoleNode* cnode : Nodes(first)) Add(cnode);
+    for (ConsoleNode* cnode : Nodes(second)) Add(cnode);
+  }
+  ~AddressTable() { delete[] slots_; }
+  AddressTable(const AddressTable&) = delete;
+  AddressTable& operator=(const AddressTable&) = delete;
+
+  /// False when there was no memory for it; it then holds nothing.
+  bool usable() const { return slots_ != nullptr; }
+
+  /// Of consoles with the same address and port, the first stays.
+  void Add(ConsoleNode* cnode) {
+    if (!usable()) return;
+    ConsoleNode*& slot = SlotOf(*cnode);
+    if (slot == nullptr) slot = cnode;
+  }
+
+  /// The console with the same address and port, or null.
+  ConsoleNode* Find(const ConsoleNode& cnode) const { return SlotOf(cnode); }
+
+ private:
+  static size_t Length(const ConsoleList& list) {
+    size_t length = 0;
+    for ([[maybe_unused]] const ConsoleNode* cnode : Nodes(list)) ++length;
+    return length;
+  }
+
+  // The slot with the console of that address and port, or the empty one that it would go to.
+  ConsoleNode*& SlotOf(const ConsoleNode& cnode) const {
+    const size_t mask = slot_count_ - 1;
+    size_t at = (std::hash<std::string_view>()(cnode.ipaddr) + cnode.cons_port) & mask;
+    while (slots_[at] != nullptr && !HasSameAddress(*slots_[at], cnode)) at = (at + 1) & mask;
+    return slots_[at];
+  }
+
+  ConsoleNode** slots_ = nullptr;
+  size_t slot_count_ = 0;
+};
+
+// False when no live console has that address and port. Those of i_cons_list come first.
+bool UpdateLiveConsole(const ConsoleNode& configured, const AddressTable& live)
+    REQUIRES(acl_lock, icl_lock) {
+  if (!live.usable()) {
+    return UpdateConsole(&configured, i_cons_list) == 1 ||
+           UpdateConsole(&configured, a_cons_list) == 1;
+  }
+  zev_debug(kTrace, "Entering %s\n", "UpdateConsole");  // which does the same without the table
+  ConsoleNode* found = live.Find(configured);
+  if (found != nullptr) Overwrite(configured, found);
+  return found != nullptr;
+}
+
 }  // namespace
 
 int LoadConfigFile(ConsoleList* cons_list) {
@@ -196,7 +274,11 @@ int LoadConfigFile(ConsoleList* cons_list) {
     zev_debug(kError, "%s: open() failed : %s\n", __func__, strerror(errno));
     EXIT_PROCESS(1);
   }
-  const int result = LoadLines(file, cons_list);
+  int result = 0;
+  {
+    const ListBatch batch(*cons_list);
+    result = LoadLines(file, cons_list);
+  }
   fclose(file);
   if (result == 0) PrintConsoles();
   return result;
@@ -221,28 +303,32 @@ void MergeConsoleLists(ConsoleList* new_list) {
   ENTERING();
   MarkConsolesAsDeleted(i_cons_list);
   MarkConsolesAsDeleted(a_cons_list);
+  AddressTable live(*i_cons_list, *a_cons_list, *new_list);
+  const ListBatch leaving(*new_list);
+  const ListBatch joining(*i_cons_list);
   for (ConsoleNode* cnode : Nodes(*new_list)) {
-    if (UpdateConsole(cnode, i_cons_list) == 1 || UpdateConsole(cnode, a_cons_list) == 1) continue;
+    if (UpdateLiveConsole(*cnode, live)) continue;
     RemoveConsoleFromList(cnode, new_list);
-    if (AddConsoleToList(cnode, i_cons_list) != 0) FreeConsoleNode(cnode);
+    if (AddConsoleToList(cnode, i_cons_list) == 0) {
+      live.Add(cnode);
+    } else {
+      FreeConsoleNode(cnode);
+    }
   }
 }
 
 void MarkConsolesAsDeleted(ConsoleList* cons_list) {
   ENTERING();
   for (ConsoleNode* cnode : Nodes(*cons_list)) cnode->deleted = 1;
+  cons_mon_waker.Wake();
 }
 
 int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list) {
   ENTERING();
-  ConsoleNode* live = FindNode(*cons_list, [&](const ConsoleNode& candidate) {
-    return strcmp(candidate.ipaddr, cnode->ipaddr) == 0 && candidate.cons_port == cnode->cons_port;
-  });
+  ConsoleNode* live = FindNode(
+      *cons_list, [&](const ConsoleNode& candidate) { return HasSameAddress(candidate, *cnode); });
   if (live == nullptr) return 0;
-  if (strcmp(live->cname, cnode->cname) != 0) RenameLog(live->cname, cnode->cname);
-  CopySettings(*cnode, live);
-  live->deleted = 0;
-  if (live->enable == 0) live->status = kNotConnected;
+  Overwrite(*cnode, live);
   return 1;
 }
 

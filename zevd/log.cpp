@@ -270,7 +270,7 @@ int GetNewlineIndex(const char* buf, int pos, int count) {
   ENTERING();
   if (pos >= count) return -1;
   const char* end = buf + count;
-  const char* found = std::find_if(buf + pos, end, IsLineEnd);
+  const char* found = std::find_if(buf + pos, end, [](char byte) { return IsLineEnd(byte); });
   return found == end ? -1 : static_cast<int>(found - buf);
 }
 

@@ -48,6 +48,7 @@ struct MappedPortListElem {
   MappedPortNode* mpnode;
   MappedPortListElem* prev;
   MappedPortListElem* next;
+  uint64_t place;  ///< grows from head to tail
 };
 
 using MappedPortList = SocketList<MappedPortListElem, &MappedPortListElem::mpnode>;

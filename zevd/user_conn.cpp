@@ -15,7 +15,6 @@
 #include <netinet/in.h>
 #include <pthread.h>
 #include <semaphore.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,6 +31,7 @@
 #include "error.h"
 #include "mapped_port.h"
 #include "security.h"
+#include "socket_watch.h"
 #include "user_mon.h"
 #include "util.h"
 #include "waker.h"
@@ -519,6 +519,7 @@ void DropPort(MappedPortNode* mpnode) {
   RemoveMappedPortFromList(mpnode, mapped_port_list);
   zev_debug(kInfo, "%s: Port %d is no longer mapped to console\n", kFunction, mpnode->port);
   zev_debug(kInfo, "%s: Closing connection for mapped port %d\n", kFunction, mpnode->port);
+  ForgetSocket(*mapped_port_list, mpnode->sock);
   close(mpnode->sock);
   for (int i = 0; i < mpnode->pending_logins; ++i) CancelServiceThread(mpnode->thread_ids[i]);
   FreeMappedPortNode(mpnode);
@@ -624,6 +625,7 @@ void SetupMappedPorts() {
   ENTERING();
   // Cleared first: a refresh that is asked for meanwhile is done at the next pass, not forgotten.
   refresh_mapped_ports = 0;
+  const ListBatch batch(*mapped_port_list);
   CleanUpStalePorts();
   GetPortsToListenOn();
   descriptor_budget.Forget();
@@ -723,7 +725,7 @@ int CheckForConnectionRequests(int high_sock, DescriptorSet* fdset) {
   static timeval timeout = {2, 0};
   zev_debug(kTrace, "%s: Calling select( %d + 1, fdset, 0, 0, (%d,%d))\n", __func__, high_sock,
             static_cast<int>(timeout.tv_sec), static_cast<int>(timeout.tv_usec));
-  const int ready = select(high_sock + 1, fdset->Native(), nullptr, nullptr, &timeout);
+  const int ready = WaitForMembers(high_sock, *fdset, &timeout, WatchOf(mapped_port_list));
   if (ready < 0) {
     zev_debug(kError, "%s: select() failed : %s\n", __func__, strerror(errno));
     TERMINATE(kTerminated);
@@ -740,9 +742,7 @@ void AcceptConnectionRequests(const DescriptorSet* fdset) {
     sem_init(&service_thread_counted, 0, 0);
     first_time = 0;
   }
-  for (const MappedPortNode* mpnode : Nodes(*mapped_port_list)) {
-    if (fdset->Contains(mpnode->sock)) AcceptOn(mpnode);
-  }
+  ForEachReady(*mapped_port_list, *fdset, AcceptOn);
 }
 
 // ---- The service thread -------------------------------------------------------------------------

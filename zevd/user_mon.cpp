@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "error.h"
+#include "socket_watch.h"
 #include "waker.h"
 #include "zev.h"
 #include "zev_signal.h"
@@ -113,7 +114,10 @@ void RemoveUser(UserNode* unode) REQUIRES(ul_lock, acl_lock) {
   ReportSendError(unode);
   zev_debug(kInfo, "%s: Closing connection with user \"%s\"on console \"%s\"\n",
             "CleanUpClosedConnections", unode->user_name, cnode->cname);
-  if (unode->sock != -1) close(unode->sock);
+  if (unode->sock != -1) {
+    ForgetSocket(*user_list, unode->sock);
+    close(unode->sock);
+  }
   RemoveUserFromList(unode, user_list);
   if (IsUserInUserList(unode, cnode->user_list)) RemoveUserFromList(unode, cnode->user_list);
   delete unode;
@@ -141,9 +145,10 @@ void RelayInput(DescriptorSet* fdset) {
   ProcessUserInput(*fdset);
 }
 
-bool AnyUserMarked() {
+// Who marks a user wakes this thread afterwards; while nobody did, nobody is looked for.
+bool AnyUserMarked(unsigned* wakes_seen) {
   const ReadLock lock(ul_lock, CallSite{kLoop, __LINE__});
-  return user_mon::CheckForClosedConnections();
+  return user_mon_waker.WokenSince(wakes_seen) && user_mon::CheckForClosedConnections();
 }
 
 void RemoveMarkedUsers() {
@@ -169,11 +174,12 @@ void CloseUserConnection(UserNode* unode) {
 void MonitorUserInput() {
   ENTERING();
   DescriptorSet fdset;
+  unsigned wakes_seen = 0;
   for (;;) {
     ParkIfAsked(kPauseUserMon);
     usleep(kPassPause);
     RelayInput(&fdset);
-    if (AnyUserMarked()) RemoveMarkedUsers();
+    if (AnyUserMarked(&wakes_seen)) RemoveMarkedUsers();
   }
 }
 
@@ -182,7 +188,7 @@ int CheckForUserInput(int high_sock, DescriptorSet* fdset) {
   timeval timeout = kSelectLimit;
   zev_debug(kTrace, "%s: Calling select( %d + 1, fdset, 0, 0, (%d,%d))\n", __func__, high_sock,
             static_cast<int>(timeout.tv_sec), static_cast<int>(timeout.tv_usec));
-  const int ready = WaitForMembers(high_sock, *fdset, user_mon_waker, &timeout);
+  const int ready = WaitForMembers(high_sock, *fdset, user_mon_waker, &timeout, WatchOf(user_list));
   if (ready < 0) {
     zev_debug(kError, "%s: select() failed : %s\n", __func__, strerror(errno));
     TERMINATE(kTerminated);
@@ -192,9 +198,7 @@ int CheckForUserInput(int high_sock, DescriptorSet* fdset) {
 
 void ProcessUserInput(const DescriptorSet& fdset) {
   ENTERING();
-  for (UserNode* unode : Nodes(*user_list)) {
-    if (fdset.Contains(unode->sock)) ReadUser(unode);
-  }
+  ForEachReady(*user_list, fdset, ReadUser);
 }
 
 namespace user_mon {

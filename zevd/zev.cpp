@@ -261,6 +261,9 @@ void Initialize() {
   InitCommandList(cmd_list, "cmd_list");
   InitEventSetList(ev_list, "ev_list");
   InitMappedPortList(mapped_port_list, "mapped_port_list");
+  WatchMembers(a_cons_list);
+  WatchMembers(user_list);
+  WatchMembers(mapped_port_list);
 }
 
 void CreateConsoleConnectionsThread() {

@@ -33,6 +33,18 @@ TEST(DescriptorSetTest, HoldsExactlyWhatWasAdded) {
   EXPECT_THAT(Members(set, 6000), ElementsAre(0, 63, 64, 65, 1023, 1024, 5000));
 }
 
+TEST(DescriptorSetTest, VisitsEveryMemberInOrder) {
+  DescriptorSet set;
+  for (const int fd : {5000, 65, 0, 1024, 63, 64}) ASSERT_TRUE(set.Add(fd));
+  std::vector<int> visited;
+  set.ForEach([&](int fd) { visited.push_back(fd); });
+  EXPECT_THAT(visited, ElementsAre(0, 63, 64, 65, 1024, 5000));
+}
+
+TEST(DescriptorSetTest, VisitsNobodyInAnEmptySet) {
+  DescriptorSet().ForEach([](int fd) { ADD_FAILURE() << fd; });
+}
+
 TEST(DescriptorSetTest, AddingTwiceIsTheSameAsOnce) {
   DescriptorSet set;
   ASSERT_TRUE(set.Add(70));

@@ -15,6 +15,7 @@ struct Elem {
   Node* node;
   Elem* prev;
   Elem* next;
+  uint64_t place;
 };
 
 using PlainList = List<Elem, &Elem::node>;
@@ -280,6 +281,35 @@ TEST_F(ListTest, SetTakesDescriptorsBeyondAPlainSet) {
   Append(nodes_[0]);
   EXPECT_TRUE(list_.fdset.Contains(FD_SETSIZE + 1000));
   EXPECT_EQ(list_.high_sock, FD_SETSIZE + 1000);
+}
+
+TEST_F(ListTest, ABatchRebuildsTheSetAtItsEnd) {
+  nodes_[0].sock = 9;
+  nodes_[1].sock = 6;
+  AppendAll();
+  {
+    const ListBatch batch(list_);
+    {
+      const ListBatch inner(list_);
+      Remove(nodes_[0]);
+      nodes_[2].sock = 7;
+    }
+    EXPECT_TRUE(list_.fdset.Contains(9));
+    EXPECT_EQ(list_.high_sock, 9);
+  }
+  EXPECT_FALSE(list_.fdset.Contains(9));
+  EXPECT_TRUE(list_.fdset.Contains(7));
+  EXPECT_EQ(list_.high_sock, 7);
+}
+
+TEST_F(ListTest, ReadyMembersAreFoundByWalkingAListWithoutWatch) {
+  for (int i = 0; i < 3; ++i) nodes_[static_cast<size_t>(i)].sock = 5 - i;
+  AppendAll();
+  DescriptorSet ready;
+  for (const int sock : {3, 5, 8}) ASSERT_TRUE(ready.Add(sock));
+  std::vector<int> visited;
+  ForEachReady(list_, ready, [&](const Node* node) { visited.push_back(node->sock); });
+  EXPECT_THAT(visited, ElementsAre(5, 3));
 }
 
 TEST_F(ListTest, DroppingTheElementsLeavesNodesCountAndSet) {

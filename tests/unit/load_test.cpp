@@ -402,7 +402,7 @@ TEST_F(LoadTest, SameNameTwiceMakesTwoConsoles) {
 
 TEST_F(LoadTest, HeadAndTailAreResetAndTheCountIsLeft) {
   const test::ConsolePtr stranger = test::MakeConsole("stranger");
-  ConsoleListElem elem = {stranger.get(), nullptr, nullptr};
+  ConsoleListElem elem = {stranger.get(), nullptr, nullptr, 0};
   list_.head = &elem;
   list_.tail = &elem;
   list_.count = 5;
@@ -791,11 +791,66 @@ TEST_F(ReloadTest, ListThatCannotBeMadeIsReported) {
 TEST_F(ReloadTest, NewConsoleThatCannotBeAddedIsLost) {
   AddAt(i_cons_list, "a", 1);
   test::WriteFile(kConfig, Line("a", 1) + Line("lost", 2) + Line("new", 3));
-  constexpr int kBeforeTheMerge = 2 + 3 * 3;
-  const test::FailAllocation failure(kBeforeTheMerge + 1);
+  constexpr int kTable = 2 + 3 * 3 + 1;  // the list, three consoles, the table of live consoles
+  const test::FailAllocation failure(kTable + 1);
   EXPECT_EQ(ReloadConfigFile(), 0);
   EXPECT_TRUE(failure.reached());
   EXPECT_THAT(test::Names(*i_cons_list), ElementsAre("a", "new"));
+}
+
+// Each configured console meets the first live one with its address and port: those of i_cons_list
+// come first, and a new one is found by the lines after it.
+class MergeOrderTest : public ReloadTest {
+ protected:
+  // Allocation number `failing` of the reload fails. The one after the list and five consoles is
+  // that of the table.
+  static constexpr int kTable = 2 + 5 * 3 + 1;
+  static constexpr int kNone = test::FailAllocation::kForEver;
+
+  static void ReloadAndCheck(int failing) {
+    AddAt(i_cons_list, "inaccessible", 1);
+    ConsoleNode* hidden = AddAt(i_cons_list, "hidden", 1);
+    ConsoleNode* behind = AddAt(a_cons_list, "behind", 1);
+    AddAt(a_cons_list, "accessible", 2);
+    test::WriteFile(kConfig, Line("one", 1) + Line("two", 2) + Line("new", 3) + Line("newer", 3) +
+                                 Line("second", 2));
+    const test::FailAllocation failure(failing);
+    EXPECT_EQ(ReloadConfigFile(), 0);
+    EXPECT_EQ(failure.reached(), failing != kNone);
+    EXPECT_THAT(test::Names(*i_cons_list), ElementsAre("one", "hidden", "newer"));
+    EXPECT_THAT(test::Names(*a_cons_list), ElementsAre("behind", "second"));
+    EXPECT_EQ(hidden->deleted, 1);
+    EXPECT_EQ(behind->deleted, 1);
+    for (const ConsoleNode* found :
+         {i_cons_list->head->cnode, i_cons_list->tail->cnode, a_cons_list->tail->cnode}) {
+      EXPECT_EQ(found->deleted, 0);
+    }
+  }
+};
+
+TEST_F(MergeOrderTest, TheTableFindsTheFirst) {
+  ReloadAndCheck(kNone);
+}
+
+TEST_F(MergeOrderTest, ComparingOneByOneFindsTheSame) {
+  ReloadAndCheck(kTable);
+}
+
+TEST_F(ReloadTest, MergeTellsManyConsolesOfOneAddressApart) {
+  constexpr int kMany = 300;
+  std::string config;
+  for (int port = 1; port <= kMany; ++port) {
+    AddAt(port % 2 == 0 ? i_cons_list : a_cons_list, "old", static_cast<uint16_t>(port));
+    config += Line("c" + std::to_string(port), static_cast<uint16_t>(port));
+  }
+  EXPECT_EQ(Reload(config), 0);
+  EXPECT_EQ(i_cons_list->count, kMany / 2);
+  for (const ConsoleList* list : {i_cons_list, a_cons_list}) {
+    for (const ConsoleNode* cnode : Nodes(*list)) {
+      EXPECT_EQ(cnode->cname, "c" + std::to_string(cnode->cons_port));
+      EXPECT_EQ(cnode->deleted, 0);
+    }
+  }
 }
 
 // ---- The steps ----------------------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -724,6 +725,9 @@ WRAP_ERRNO(int, chown, Call::kChown, (const char* path, uid_t owner, gid_t group
 WRAP_ERRNO(int, connect, Call::kConnect, (int fd, const sockaddr* peer, socklen_t length),
            (fd, peer, length))
 WRAP_ERRNO(int, daemon, Call::kDaemon, (int no_chdir, int no_close), (no_chdir, no_close))
+WRAP_ERRNO(int, epoll_create1, Call::kEpollCreate, (int flags), (flags))
+WRAP_ERRNO(int, epoll_ctl, Call::kEpollCtl, (int fd, int operation, int member, epoll_event* event),
+           (fd, operation, member, event))
 WRAP_ERRNO(int, eventfd, Call::kEventfd, (unsigned initial, int flags), (initial, flags))
 WRAP_ERRNO(int, fchown, Call::kFchown, (int fd, uid_t owner, gid_t group), (fd, owner, group))
 WRAP_ERRNO(int, flock, Call::kFlock, (int fd, int operation), (fd, operation))

@@ -346,6 +346,8 @@ enum class Call {
   kChown,
   kConnect,
   kDaemon,
+  kEpollCreate,
+  kEpollCtl,
   kEventfd,
   kFchown,
   kFlock,

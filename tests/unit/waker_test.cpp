@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <thread>
 
+#include "socket_watch.h"
 #include "support.h"
 
 namespace {
@@ -127,6 +128,20 @@ TEST_F(WakerTest, AnotherThreadEndsTheWaitThatIsGoingOn) {
   EXPECT_EQ(Wait(kLong), 0);
   EXPECT_GE(timeout_.tv_sec, 50);
   other.join();
+}
+
+TEST_F(WakerTest, TellsEveryAskerOnceThatItWasWoken) {
+  unsigned one = 0;
+  unsigned other = 0;
+  EXPECT_FALSE(waker_.WokenSince(&one));
+  waker_.Wake();
+  waker_.Wake();
+  EXPECT_TRUE(waker_.WokenSince(&one));
+  EXPECT_FALSE(waker_.WokenSince(&one));
+  EXPECT_TRUE(waker_.WokenSince(&other));
+  waker_.Drain();
+  waker_.Wake();
+  EXPECT_TRUE(waker_.WokenSince(&one));
 }
 
 TEST_F(WakerTest, WaitsWithoutMembers) {

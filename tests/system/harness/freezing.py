@@ -4,7 +4,6 @@ import contextlib
 import ctypes
 import os
 import platform
-import struct
 from typing import Iterator
 
 from harness.waiting import wait_until
@@ -29,21 +28,37 @@ def _ptrace(request: int, thread: int) -> None:
         raise OSError(code, f"ptrace {request:#x}: {os.strerror(code)}")
 
 
+def _watched(pid: int, descriptor: int) -> set[int]:
+    """What is waited for through this descriptor: itself and, if it is a watch, its members."""
+    members = {descriptor}
+    with open(f"/proc/{pid}/fdinfo/{descriptor}", encoding="ascii") as info:
+        for line in info:
+            words = line.split()
+            if words[0] == "tfd:":
+                members.add(int(words[1]))
+    return members
+
+
+def _read_set(pid: int, size: int, address: int) -> list[int]:
+    """The descriptors in the set of a select() that was called with this size."""
+    words = (size + 63) // 64
+    with open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
+        memory.seek(address)
+        bits = int.from_bytes(memory.read(8 * words), "little")
+    return [descriptor for descriptor in range(size) if bits >> descriptor & 1]
+
+
 def _waits_for(pid: int, thread: int, descriptor: int) -> bool:
-    """True while the thread is in select() with the descriptor in the set to be read."""
+    """True while the thread is in select() and waits for this descriptor among others."""
     try:
         with open(f"/proc/{pid}/task/{thread}/syscall", encoding="ascii") as call:
             words = call.read().split()
         if len(words) < 3 or int(words[0], 0) not in _SELECT[platform.machine()]:
             return False
-        if int(words[1], 16) <= descriptor:
-            return False
-        with open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
-            memory.seek(int(words[2], 16) + descriptor // 64 * 8)
-            bits, = struct.unpack("Q", memory.read(8))
-    except (OSError, ValueError):
+        asked = _read_set(pid, int(words[1], 16), int(words[2], 16))
+        return any(descriptor in _watched(pid, each) for each in asked)
+    except (OSError, ValueError, IndexError):
         return False
-    return bool(bits >> descriptor % 64 & 1)
 
 
 @contextlib.contextmanager

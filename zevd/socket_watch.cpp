@@ -1,0 +1,99 @@
+#include "socket_watch.h"
+
+#include <sys/epoll.h>
+#include <sys/select.h>
+
+#include <cerrno>
+
+namespace {
+
+constexpr int kMostAtOnce = 1024;
+
+// Every member is asked. Without memory they are asked again in the next pass, which begins after a
+// pause.
+int WaitForEach(int high_sock, DescriptorSet& set, const Waker* waker, timeval* timeout) {
+  const int highest = waker == nullptr ? high_sock : std::max(high_sock, waker->descriptor());
+  if (waker != nullptr && (!set.Reserve(highest) || !set.Add(waker->descriptor()))) return 0;
+  int ready = select(highest + 1, set.Native(), nullptr, nullptr, timeout);
+  if (ready > 0 && waker != nullptr && set.Contains(waker->descriptor())) {
+    set.Remove(waker->descriptor());
+    waker->Drain();
+    --ready;
+  }
+  return ready;
+}
+
+// The watch is asked for all of its members.
+int WaitForWatch(DescriptorSet& set, const Waker* waker, timeval* timeout, SocketWatch* watch) {
+  DescriptorSet& asked = watch->asked();
+  asked.Clear();
+  if (!asked.Add(watch->descriptor())) return 0;
+  if (waker != nullptr && !asked.Add(waker->descriptor())) return 0;
+  const int highest = std::max(watch->descriptor(), waker == nullptr ? -1 : waker->descriptor());
+  const int ready = select(highest + 1, asked.Native(), nullptr, nullptr, timeout);
+  if (ready < 0) return ready;
+  if (waker != nullptr && asked.Contains(waker->descriptor())) waker->Drain();
+  if (asked.Contains(watch->descriptor())) return watch->KeepReadable(set);
+  set.Clear();
+  return 0;
+}
+
+int Wait(int high_sock, DescriptorSet& set, const Waker* waker, timeval* timeout,
+         SocketWatch* watch) {
+  if (watch == nullptr || !watch->usable()) return WaitForEach(high_sock, set, waker, timeout);
+  return WaitForWatch(set, waker, timeout, watch);
+}
+
+}  // namespace
+
+bool SocketWatch::Open() {
+  descriptor_ = epoll_create1(EPOLL_CLOEXEC);
+  usable_ = descriptor_ != -1;
+  return usable_;
+}
+
+void SocketWatch::Control(int operation, int sock) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = sock;
+  const int result = epoll_ctl(descriptor_, operation, sock, &event);
+  if (result != 0 && operation == EPOLL_CTL_ADD) usable_ = false;
+}
+
+void SocketWatch::Follow(const DescriptorSet& sockets) {
+  if (!usable_) return;
+  watched_.ForEach([&](int sock) {
+    if (!sockets.Contains(sock)) Control(EPOLL_CTL_DEL, sock);
+  });
+  sockets.ForEach([&](int sock) {
+    if (!watched_.Contains(sock)) Control(EPOLL_CTL_ADD, sock);
+  });
+  if (!watched_.CopyFrom(sockets)) usable_ = false;
+}
+
+void SocketWatch::Forget(int sock) {
+  if (!watched_.Contains(sock)) return;
+  Control(EPOLL_CTL_DEL, sock);
+  watched_.Remove(sock);
+}
+
+int SocketWatch::KeepReadable(DescriptorSet& set) const {
+  epoll_event events[kMostAtOnce];
+  const int count = epoll_wait(descriptor_, events, kMostAtOnce, 0);
+  int kept = 0;
+  for (int i = 0; i < count; ++i) {
+    if (set.Contains(events[i].data.fd)) events[kept++] = events[i];
+  }
+  set.Clear();
+  for (int i = 0; i < kept; ++i) set.Add(events[i].data.fd);  // there was room for it before
+  return kept;
+}
+
+int WaitForMembers(int high_sock, DescriptorSet& set, const Waker& waker, timeval* timeout,
+                   SocketWatch* watch) {
+  return Wait(high_sock, set, &waker, timeout, watch);
+}
+
+int WaitForMembers(int high_sock, DescriptorSet& set, timeval* timeout, SocketWatch* watch) {
+  return Wait(high_sock, set, nullptr, timeout, watch);
+}
