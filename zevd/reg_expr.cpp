@@ -9,13 +9,23 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <string_view>
 
 #include "error.h"
+#include "literal_filter.h"
+
+/// The filter knows patterns by number; these are the nodes in the same order.
+struct RegExFilter {
+  LiteralFilter literals;
+  std::unique_ptr<const RegExNode*[]> nodes;
+};
 
 namespace {
 
 constexpr size_t kTextSize = 8192;
+constexpr int kFewestToFilter = 2;  // one pattern is tried in the time that the filter takes
 constexpr char kParse[] = "ParseRegExFile";
 constexpr char kWordEnds[] = " \n\r";
 constexpr char kLineEnds[] = "\n\r";
@@ -130,6 +140,47 @@ int ParseLines(FILE* file, const char* filename, RegExList* regex_list) {
   return 0;
 }
 
+void DropFilter(RegExList* list) {
+  delete list->filter;
+  list->filter = nullptr;
+}
+
+bool FillFilter(const RegExList& list, RegExFilter* filter) {
+  const auto count = static_cast<size_t>(list.count);
+  const std::unique_ptr<const char*[]> texts(new (std::nothrow) const char*[count]);
+  filter->nodes.reset(new (std::nothrow) const RegExNode*[count]);
+  if (texts == nullptr || filter->nodes == nullptr) return false;
+  size_t number = 0;
+  for (const RegExNode* node : Nodes(list)) {
+    texts[number] = node->pattern;
+    filter->nodes[number++] = node;
+  }
+  return filter->literals.Build(texts.get(), count);
+}
+
+void MakeFilter(RegExList* list) {
+  if (list->count < kFewestToFilter) return;
+  list->filter = new (std::nothrow) RegExFilter;
+  if (list->filter != nullptr && !FillFilter(*list, list->filter)) DropFilter(list);
+}
+
+bool IsMatch(const RegExNode& node, const char* text) {
+  return regexec(node.comp_regex, text, 0, nullptr, 0) == 0;
+}
+
+// The matcher alone decides; the filter only spares it the patterns that cannot match.
+const RegExNode* FirstMatch(const RegExList& list, const char* text) {
+  if (list.filter == nullptr) {
+    return FindNode(list, [&](const RegExNode& node) { return IsMatch(node, text); });
+  }
+  const auto count = static_cast<size_t>(list.count);
+  const NumberSet candidates = list.filter->literals.Candidates(text);
+  for (size_t i = candidates.Next(0); i < count; i = candidates.Next(i + 1)) {
+    if (IsMatch(*list.filter->nodes[i], text)) return list.filter->nodes[i];
+  }
+  return nullptr;
+}
+
 }  // namespace
 
 RegExNode* NewRegExNode(const char* jix_name, int priority, int case_sensitive, const char* pattern,
@@ -172,6 +223,7 @@ RegExList* NewRegExList(const char* list_name) {
 void InitRegExList(RegExList* list, const char* list_name) {
   ENTERING();
   InitList(*list, list_name);
+  list->filter = nullptr;
 }
 
 int AddRegExToList(RegExNode* node, RegExList* list) {
@@ -181,6 +233,7 @@ int AddRegExToList(RegExNode* node, RegExList* list) {
     ReportOutOfMemory(__func__);
     return -1;
   }
+  DropFilter(list);
   LinkAtTail(*list, elem);
   zev_debug(kTrace, "%s: Added command to %s.\n", __func__, list->list_name);
   return 0;
@@ -193,6 +246,7 @@ int RemoveRegExFromList(RegExNode* node, RegExList* list) {
     zev_debug(kError, "%s: node not found in %s\n", __func__, list->list_name);
     TERMINATE(kInternalError);
   }
+  DropFilter(list);
   Unlink(*list, elem);
   return 0;
 }
@@ -221,6 +275,7 @@ int ParseRegExFile(const char* filename, RegExList* regex_list) {
   }
   const int result = HasLines(file) ? ParseLines(file, filename, regex_list) : 0;
   fclose(file);
+  if (result == 0) MakeFilter(regex_list);
   return result;
 }
 
@@ -232,9 +287,7 @@ int MatchPattern(const char* buf, int count, const RegExList* regex_list, char**
   memcpy(text, buf, length);
   text[length] = '\0';
   if (regex_list == nullptr) return 0;
-  const RegExNode* match = FindNode(*regex_list, [&](const RegExNode& node) {
-    return regexec(node.comp_regex, text, 0, nullptr, 0) == 0;
-  });
+  const RegExNode* match = FirstMatch(*regex_list, text);
   if (match == nullptr) return 0;
   char* text_of_match = strdup(match->pattern);
   if (text_of_match == nullptr) {

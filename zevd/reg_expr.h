@@ -21,8 +21,14 @@ struct RegExListElem {
   RegExListElem* next;
 };
 
+struct RegExFilter;
+
 /// In file order.
-using RegExList = List<RegExListElem, &RegExListElem::node>;
+struct RegExList : List<RegExListElem, &RegExListElem::node> {
+  /// Owned; names the patterns that are worth trying on a line. Made when a file has been read and
+  /// dropped when the list changes; without one every pattern is tried, with the same result.
+  RegExFilter* filter = nullptr;
+};
 
 // Allocation failures are reported, with the "Out of memory" event, and give null or -1.
 
@@ -44,7 +50,8 @@ void EmptyRegExList(RegExList* list);
 void FreeRegExList(RegExList* list);
 
 /// Empties the list and fills it from the file. Malformed lines and bad expressions are reported by
-/// line number and left out. 0, or -1 when the file cannot be opened or memory runs out.
+/// line number and left out. 0, or -1 when the file cannot be opened or memory runs out; memory
+/// that is missing for the filter alone costs nothing but time and is not reported.
 int ParseRegExFile(const char* filename, RegExList* regex_list);
 
 /// 1 when a pattern of the list matches one log record, else 0: the first in file order wins. Then

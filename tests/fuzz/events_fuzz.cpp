@@ -1,15 +1,18 @@
 // Event files: which patterns a file gives, what is said about its lines, and which pattern a
-// record matches, compared with the system's own matcher run over the lines one by one.
+// record matches, compared with the system's own matcher run over the lines one by one. Every
+// pattern that matches must be one that the daemon would have tried, also behind an earlier match.
 //
 // An input is a line with the record and the file.
 #include <regex.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <optional>
 
 #include "event_set.h"
 #include "fuzz.h"
+#include "literal_filter.h"
 #include "zev.h"
 
 namespace {
@@ -168,6 +171,21 @@ void CheckMatch(const RegExList& list, const std::vector<Pattern>& patterns,
   REQUIRE_EQUAL(priority, expected->priority);
 }
 
+// Beside a pattern that is never found, so that there is something to tell apart.
+bool IsTried(const Pattern& pattern, const std::string& text) {
+  const char* const patterns[] = {"no such text", pattern.text.c_str()};
+  LiteralFilter filter;
+  REQUIRE(filter.Build(patterns, std::size(patterns)));
+  return filter.Candidates(text).Contains(1);
+}
+
+void CheckCandidates(const std::vector<Pattern>& patterns, std::string_view record) {
+  const std::string text = fuzz::UpToNul(record.substr(0, kLongestRecord));
+  for (const Pattern& pattern : patterns) {
+    if (Compiled(pattern).Matches(text)) REQUIRE(IsTried(pattern, text));
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -190,5 +208,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CheckMatch(*events->re_list, expected.patterns, record);
   CheckMatch(*events->re_list, expected.patterns,
              std::string_view(record).substr(0, record.size() - 1));
+  CheckCandidates(expected.patterns, record);
   return 0;
 }

@@ -7,8 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <iostream>
 #include <memory>
 
+#include "random_patterns.h"
 #include "support.h"
 
 namespace {
@@ -275,10 +277,7 @@ TEST_F(RegExprTest, RunningOutOfMemoryAnywhereFailsTheFile) {
     test::WriteFile(kFile, "a 1 0 x\nb 2 0 y\n");
     const test::FailAllocation failure(failing);
     const int result = ParseRegExFile(kFile, list_);
-    if (!failure.reached()) {
-      EXPECT_EQ(result, 0);
-      break;
-    }
+    if (result == 0) break;
     EXPECT_EQ(result, -1) << failing;
     EXPECT_THAT(capture.Messages(),
                 ::testing::Contains(test::AnnouncesDaemonError("Out of memory")));
@@ -289,6 +288,28 @@ TEST_F(RegExprTest, RunningOutOfMemoryAnywhereFailsTheFile) {
   // Each of the three was met on the first line and again on the second.
   ASSERT_THAT(seen, SizeIs(2 * reports.size()));
   EXPECT_THAT(Lines(), SizeIs(2));
+}
+
+TEST_F(RegExprTest, MemoryThatTheFilterAloneLacksCostsNoMatchAndIsNotReported) {
+  int without_filter = 0;
+  bool reached = true;
+  for (int failing = 1; reached; ++failing) {
+    const test::DebugCapture capture(0);
+    test::WriteFile(kFile, "a 1 0 x\nb 2 0 y\n");
+    {
+      const test::FailAllocation failure(failing);
+      const int result = ParseRegExFile(kFile, list_);
+      reached = failure.reached();
+      if (result != 0) continue;
+    }
+    EXPECT_EQ(list_->filter == nullptr, reached) << failing;
+    without_filter += reached;
+    EXPECT_THAT(capture.Messages(), IsEmpty());
+    EXPECT_EQ(MatchOf("an x and a y\n").priority, 1);
+    EXPECT_EQ(MatchOf("only a y\n").priority, 2);
+    EXPECT_FALSE(Matches("neither\n"));
+  }
+  EXPECT_GT(without_filter, 5);
 }
 
 // ---- MatchPattern -------------------------------------------------------------------------------
@@ -389,6 +410,155 @@ TEST_F(RegExprTest, AtMost8192BytesAreLookedAt) {
   EXPECT_TRUE(Matches(std::string(8187, 'x') + "error"));
   EXPECT_FALSE(Matches(std::string(8188, 'x') + "error"));
   EXPECT_FALSE(Matches(std::string(20000, 'x') + "error"));
+}
+
+// ---- The filter ---------------------------------------------------------------------------------
+
+TEST_F(RegExprTest, FilterIsMadeWhereItGains) {
+  Parse("a 1 0 disk\nb 1 0 fan\n");
+  EXPECT_NE(list_->filter, nullptr);
+  Parse("a 1 0 disk\n");
+  EXPECT_EQ(list_->filter, nullptr) << "one pattern";
+  Parse("a 1 0 [0-9]\nb 1 0 .\n");
+  EXPECT_EQ(list_->filter, nullptr) << "no literal";
+  Parse("");
+  EXPECT_EQ(list_->filter, nullptr) << "no pattern";
+}
+
+TEST_F(RegExprTest, FilterGoesWithTheListThatItWasMadeFor) {
+  Parse("a 1 0 disk\nb 2 0 fan\n");
+  RegExNode* first = list_->head->node;
+  RemoveRegExFromList(first, list_);
+  EXPECT_EQ(list_->filter, nullptr);
+  EXPECT_FALSE(Matches("disk\n"));
+  EXPECT_TRUE(Matches("fan\n"));
+  Parse("b 2 0 fan\nc 3 0 psu\n");
+  AddRegExToList(first, list_);
+  EXPECT_EQ(list_->filter, nullptr);
+  EXPECT_EQ(MatchOf("disk\n").priority, 1);
+  EXPECT_EQ(MatchOf("psu\n").priority, 3);
+  Parse("b 2 0 fan\nc 3 0 psu\n");
+  EmptyRegExList(list_);
+  EXPECT_EQ(list_->filter, nullptr);
+  EXPECT_FALSE(Matches("fan\n"));
+}
+
+TEST_F(RegExprTest, FileThatCannotBeReadLeavesNoFilter) {
+  Parse("a 1 0 disk\nb 2 0 fan\n");
+  EXPECT_EQ(ParseRegExFile("root/nowhere", list_), -1);
+  EXPECT_EQ(list_->filter, nullptr);
+  EXPECT_FALSE(Matches("disk\n"));
+}
+
+TEST_F(RegExprTest, OrderOfTheFileHoldsAmongCandidatesOfEitherKind) {
+  Parse("a 1 0 disk [0-9]\nb 2 0 [0-9][0-9]\nc 3 0 disk\nd 4 0 .\n");
+  ASSERT_NE(list_->filter, nullptr);
+  EXPECT_EQ(MatchOf("disk 12\n").priority, 1);
+  EXPECT_EQ(MatchOf("disk12\n").priority, 2);
+  EXPECT_EQ(MatchOf("disk1\n").priority, 3);
+  EXPECT_EQ(MatchOf("fan\n").priority, 4);
+}
+
+TEST_F(RegExprTest, CandidateIsNoMatchYet) {
+  Parse("a 1 1 Disk.*Error\nb 2 1 fan$\n");
+  ASSERT_NE(list_->filter, nullptr);
+  EXPECT_FALSE(Matches("disk error\n"));
+  EXPECT_FALSE(Matches("fan\n"));
+  EXPECT_TRUE(Matches("Disk Error\n"));
+}
+
+TEST_F(RegExprTest, FilterAndMatcherSeeTheSameText) {
+  using namespace std::string_view_literals;
+  Parse("a 1 0 error\nb 2 0 fan\n");
+  ASSERT_NE(list_->filter, nullptr);
+  EXPECT_FALSE(Matches("disk\0error\n"sv));
+  EXPECT_TRUE(Matches("error\0disk\n"sv));
+  EXPECT_TRUE(Matches(std::string(8187, 'x') + "error"));
+  EXPECT_FALSE(Matches(std::string(8188, 'x') + "error"));
+  EXPECT_FALSE(Matches(""));
+}
+
+TEST_F(RegExprTest, TooManyPatternsForAFilterAreAllTried) {
+  std::string file;
+  for (int i = 0; i < 9000; ++i)
+    file += "a " + std::to_string(i) + " 1 x" + std::to_string(i) + "y\n";
+  ASSERT_EQ(Parse(file), 0);
+  EXPECT_EQ(list_->filter, nullptr);
+  EXPECT_EQ(MatchOf("x8999y\n").priority, 8999);
+  EXPECT_FALSE(Matches("x9000y\n"));
+}
+
+/// Random patterns, and the system's matcher run over them one by one.
+class PlainList {
+ public:
+  explicit PlainList(test::Dice& dice) {
+    for (size_t left = 1 + dice.Below(10); left > 0; --left) Add(test::MakePattern(dice));
+  }
+  ~PlainList() {
+    for (regex_t& expression : compiled_) regfree(&expression);
+  }
+  PlainList(const PlainList&) = delete;
+  PlainList& operator=(const PlainList&) = delete;
+
+  /// The priority of a pattern is its place.
+  std::string File() const {
+    std::string file;
+    for (size_t i = 0; i < patterns_.size(); ++i) {
+      file += "name " + std::to_string(i) + (patterns_[i].any_case ? " 0 " : " 1 ") +
+              patterns_[i].pattern + "\n";
+    }
+    return file;
+  }
+
+  /// -1 for none.
+  int FirstMatch(const std::string& line) const {
+    for (size_t i = 0; i < compiled_.size(); ++i) {
+      if (regexec(&compiled_[i], line.c_str(), 0, nullptr, 0) == 0) return static_cast<int>(i);
+    }
+    return -1;
+  }
+
+  const std::vector<test::RandomPattern>& patterns() const { return patterns_; }
+
+ private:
+  void Add(const test::RandomPattern& pattern) {
+    regex_t expression;
+    const int flags = REG_EXTENDED | (pattern.any_case ? REG_ICASE : 0);
+    if (pattern.pattern.empty() || regcomp(&expression, pattern.pattern.c_str(), flags) != 0)
+      return;
+    patterns_.push_back(pattern);
+    compiled_.push_back(expression);
+  }
+
+  std::vector<test::RandomPattern> patterns_;
+  std::vector<regex_t> compiled_;
+};
+
+TEST_F(RegExprTest, FirstMatchIsWhatTheSystemFindsOneByOne) {
+  constexpr int kFiles = 1500;
+  constexpr int kLines = 10;
+  std::cout << "ZEVD_TEST_SEED=" << test::Seed() << '\n';
+  test::Dice dice(test::Seed());
+  int matches = 0;
+  int filters = 0;
+  for (int file = 0; file < kFiles; ++file) {
+    const PlainList plain(dice);
+    if (plain.patterns().empty()) continue;
+    ASSERT_EQ(Parse(plain.File()), 0);
+    ASSERT_EQ(static_cast<size_t>(list_->count), plain.patterns().size());
+    filters += list_->filter != nullptr;
+    for (int i = 0; i < kLines; ++i) {
+      const std::string line = test::MakeLine(plain.patterns(), dice);
+      const int expected = plain.FirstMatch(line);
+      const Match match = MatchOf(line);
+      ASSERT_EQ(match.found == 1 ? match.priority : -1, expected) << '"' << line << "\" among\n"
+                                                                  << plain.File();
+      matches += match.found;
+    }
+  }
+  EXPECT_GT(filters, kFiles / 2);
+  EXPECT_GT(matches, kFiles * kLines / 3);
+  EXPECT_LT(matches, kFiles * kLines * 19 / 20);
 }
 
 // ---- Lists --------------------------------------------------------------------------------------
