@@ -25,8 +25,6 @@ constexpr size_t kLongestStart = 64 + kDaemonOffers.size();
 
 constexpr char kIac = static_cast<char>(TELNET_IAC);
 
-constexpr char kSubnegotiationEnd = static_cast<char>(TELNET_SE);
-
 // The Enter key in character mode (RFC 854): a carriage return that is no part of a line end is
 // followed by a NUL.
 std::string WithEnters(std::string_view keys) {
@@ -66,11 +64,23 @@ TelnetStream::TelnetStream() : telnet_(telnet_init(kOptions, OnEvent, 0, this), 
 // it was given. So it gets pieces that end where that can happen.
 void TelnetStream::Receive(std::string_view bytes) {
   while (!bytes.empty()) {
-    const size_t end = std::min(bytes.find(kSubnegotiationEnd), bytes.size() - 1) + 1;
+    const size_t end = PieceLength(bytes);
     telnet_recv(telnet_.get(), bytes.data(), end);
     if (compressed_) EndDecompression();
     bytes.remove_prefix(end);
   }
+}
+
+// Up to and with the byte that tells which command it is. The library keeps to itself what the
+// other end says of options that this end refuses, so it is seen here that commands come at all.
+size_t TelnetStream::PieceLength(std::string_view bytes) {
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    const bool is_iac = bytes[i] == kIac;
+    const bool tells_command = std::exchange(after_iac_, is_iac && !after_iac_);
+    spoken_ = spoken_ || (tells_command && !is_iac);
+    if (tells_command) return i + 1;
+  }
+  return bytes.size();
 }
 
 // Nothing compressed begins with two zeros: the library gives up and goes on with plain text.
@@ -110,7 +120,6 @@ void TelnetStream::OnEvent(telnet_t* /*telnet*/, telnet_event_t* event, void* st
 // Commands and subnegotiations ask for nothing that this end has. After a sequence that makes no
 // sense the library goes on with text.
 void TelnetStream::Take(const telnet_event_t& event) {
-  spoken_ = spoken_ || (event.type != TELNET_EV_DATA && event.type != TELNET_EV_SEND);
   switch (event.type) {
     case TELNET_EV_DATA:
       text_.append(event.data.buffer, event.data.size);

@@ -41,9 +41,11 @@ class TelnetStream {
   static void OnEvent(telnet_t* telnet, telnet_event_t* event, void* stream);
   void Take(const telnet_event_t& event);
   void EndDecompression();
+  size_t PieceLength(std::string_view bytes);
 
   std::unique_ptr<telnet_t, void (*)(telnet_t*)> telnet_;
   bool spoken_ = false;      // the other end has sent a telnet command
+  bool after_iac_ = false;   // what comes next may be one
   bool binary_ = false;      // keys are sent as they are
   bool compressed_ = false;  // the library takes what comes for compressed
   std::string text_;

@@ -119,6 +119,23 @@ TEST(TelnetStream, AddsNothingToKeysForAConsoleThatSpeaksNoTelnet) {
   EXPECT_EQ(stream.TakeWire(), "\r"sv);
 }
 
+// Whatever it says, asks for or refuses, in one piece or byte by byte.
+TEST(TelnetStream, OneCommandMakesAConsoleSpeakTelnet) {
+  for (const std::string_view command :
+       {"\xFF\xF1"sv, "\xFF\xFD\x18"sv, "\xFF\xFB\x56"sv, "\xFF\xFC\x01"sv, "\xFF\xFE\x03"sv,
+        "\xFF\xFA\x18\x01\xFF\xF0"sv}) {
+    TelnetStream whole;
+    TelnetStream pieces;
+    whole.Receive(command);
+    for (const char byte : command) pieces.Receive({&byte, 1});
+    for (TelnetStream* stream : {&whole, &pieces}) {
+      stream->TakeWire();
+      stream->SendKeys("\r"sv);
+      EXPECT_EQ(stream->TakeWire(), "\r\0"sv) << testing::PrintToString(command);
+    }
+  }
+}
+
 TEST(TelnetStream, SendsKeysAsTheyAreOnceThatIsAgreed) {
   TelnetStream stream;
   stream.Receive("\xFF\xFD\0"sv);
