@@ -6,6 +6,7 @@ user who sends "?TOKEN" and a line feed is answered by a line that has "=TOKEN "
 
 import asyncio
 import fcntl
+import math
 import random
 import re
 import socket
@@ -55,6 +56,7 @@ class Console:
         self._socket: socket.socket | None = None
         self._leaving = False
         self._hung = False
+        self._blind_since = math.inf  # the time of the last look at the connection, after a hang
         self._line = 0
         self._input = b""
         self._unsent = b""
@@ -159,14 +161,17 @@ class Console:
         self._finish_line()
         self._hung = hung
         if hung:
+            self._blind_since = time.time()
             self._loop.remove_reader(self._socket)
         else:
             self._loop.add_reader(self._socket, self._read)
+            self._read()
 
     def _read(self) -> None:
         try:
             data = self._socket.recv(65536)
         except BlockingIOError:
+            self._blind_since = math.inf
             return
         except OSError:
             data = b""
@@ -181,7 +186,7 @@ class Console:
 
     def _ended_by_daemon(self) -> None:
         now = time.time()
-        if not self.closings.touch(now - 1, now):
+        if not self.closings.touch(min(self._blind_since, now - 1), now):
             self._fail(f"{self.ledger.name}: the daemon closed the connection; "
                        f"it might have in: {self.closings}")
         self.upsets.moment("is closed", now)
@@ -193,6 +198,7 @@ class Console:
         self._socket.close()
         self._socket = None
         self._hung = False
+        self._blind_since = math.inf
         self._input = self._unsent = self._rest = b""
         self.ledger.connection_ended(time.time(), lost)
 

@@ -14,8 +14,13 @@ from windows import Window, Windows
 
 from harness.collectors import socket_path
 from harness.station import Station, console_line
+from harness.waiting import stretched
 
 LOG_ROOM = 4 << 30  # bytes
+
+# Why lines may be missing that the whole station prints.
+FULL_DISK = "full disk"
+NO_LOG = "no log can be opened"
 
 _EVENT_FILE = "lines"
 _PATTERNS = "a 100 1 @[0-9]*[05] burst\nb 200 0 (HELLO|LAST) \nc 300 1 =[0-9]+7 \n"
@@ -24,9 +29,9 @@ _BAD_LINES = ("nonsense\n", "a b\n", '"" "" ""\n', "x 1.2.3 y z\n", "# \xff\xfe\
 
 # Enough for the daemon to look at its signals, its consoles and the age of its logs; the soak goes
 # on with what comes after it. The lag of the windows is longer.
-_SETTLED = 1.0
+_SETTLED = stretched(1.0)
 
-_ROTATES_WITHIN = 15.0  # seconds
+_ROTATES_WITHIN = stretched(15.0)
 
 # Consoles whose own ports ask for a login; the daemon takes five callers at a time there.
 DOORS = 5
@@ -290,7 +295,7 @@ class World:
 
     async def _station_full_disk(self, _console: Console, duration: float, seed: int) -> None:
         async with self._turn:
-            window = self._common.open("full disk", time.time())
+            window = self._common.open(FULL_DISK, time.time())
             _resize(self._station.logs, _used(self._station.logs) + 65536)
             for number in random.Random(seed).choices(range(len(self._consoles)), k=50):
                 self._consoles[number].burst(100)
@@ -315,7 +320,7 @@ class World:
                                        _seed: int) -> None:
         """No log can be opened; when that is over, the daemon does so with the next directory."""
         async with self._turn:
-            window = self._common.open("no log can be opened", time.time())
+            window = self._common.open(NO_LOG, time.time())
             self._move_logs()
             obstacle = self._station.logs / "zev.dated"
             obstacle.touch()

@@ -7,7 +7,7 @@ their cause was made, in what was still on its way when a console reset its conn
 a user, in a chunk that begins with a high byte.
 """
 
-from collections import deque
+from collections import Counter, deque
 from dataclasses import dataclass, field
 from typing import Callable, Iterator
 
@@ -16,6 +16,8 @@ from windows import Windows, clock
 CHUNK = 1024  # how much the daemon reads at once
 RECORD = 1024  # the longest record
 _HISTORY = 65536
+_DROPPED_CHUNK = "chunks with a high byte in front"
+_LOST = "LOST"
 _REMEMBERED = 200  # records and visits
 
 _TELNET = 255
@@ -32,7 +34,7 @@ class Counts:
 
     printed: int = 0
     found: int = 0
-    accounted: int = 0
+    accounted: Counter[str] = field(default_factory=Counter)  # by reason
     unwatched: int = 0
     remains: int = 0  # bytes of torn telnet commands
     worst_lag: float = 0.0
@@ -61,6 +63,7 @@ class Ledger:
     watched: Windows = field(default_factory=Windows)  # somebody may be attached
 
     def __post_init__(self) -> None:
+        self.reasons: set[str] = set()  # why lines are missing
         self._stream = bytearray()  # printed and not yet found
         self._base = 0  # where it begins in all that was ever printed
         self._sends: deque[Sent] = deque()
@@ -158,7 +161,7 @@ class Ledger:
             return
         if self.dirty and (pieces := self._fit(content, 0, depth=8)) is not None:
             for skipped, taken in pieces:
-                self.counts.accounted += self._stream.count(b"\n", 0, skipped)
+                self._account(0, skipped, _DROPPED_CHUNK)
                 self._advance(skipped, None)
                 self._advance(taken, stamp)
             return
@@ -228,32 +231,40 @@ class Ledger:
         while self._unsure and self._unsure[0][1] <= self._base:
             self._unsure.popleft()
 
+    def _account(self, start: int, end: int, reason: str) -> None:
+        lines = self._stream.count(b"\n", start, end)
+        if lines:
+            self.counts.accounted[reason] += lines
+            self.reasons.add(reason)
+
     def _skip(self, count: int, where: str) -> None:
         """The first bytes of the stream are in no log: each of them needs an excuse."""
-        self._judge(count, where)
-        self.counts.accounted += self._stream.count(b"\n", 0, count)
-        self._advance(count, None)
-
-    def _judge(self, count: int, where: str) -> None:
-        start = self._base
-        for sent in list(self._sends):
-            if start >= self._base + count:
-                return
-            end = min(sent.end, self._base + count)
-            if end > start and not self._excused(start, end, sent.when):
-                piece = bytes(self._stream[start - self._base:end - self._base])
+        start = 0
+        for sent in self._sends:
+            end = min(sent.end - self._base, count)
+            if end <= start:
+                continue
+            reason = self._excuse(start, end, sent.when)
+            self._account(start, end, reason or _LOST)
+            if not reason:
+                piece = bytes(self._stream[start:end])
                 self.fail(f"{self.name}: lost {where}: {len(piece)} bytes printed at "
                           f"{clock(sent.when)}: {piece[:120]!r}; windows: {self.windows}; "
                           f"station: {self.common}")
-                return
-            start = max(start, end)
+            start = end
+        self._advance(count, None)
 
-    def _excused(self, start: int, end: int, when: float) -> bool:
-        if self.windows.cover(when) or self.common.cover(when):
-            return True
-        if any(first <= start and end <= last for first, last in self._unsure):
-            return True
-        return any(point <= start and end <= point + CHUNK for point in self._drop_points)
+    def _excuse(self, start: int, end: int, when: float) -> str:
+        """Why the piece of one send may be missing; nothing when it must not be."""
+        reason = self.windows.reason(when) or self.common.reason(when)
+        if reason:
+            return reason
+        first, last = start + self._base, end + self._base
+        if any(begin <= first and last <= close for begin, close in self._unsure):
+            return "reset connections"
+        if any(point <= first and last <= point + CHUNK for point in self._drop_points):
+            return _DROPPED_CHUNK
+        return ""
 
     def settle(self) -> None:
         """Nothing more will be logged: what was printed and not found must be excused."""

@@ -14,6 +14,7 @@ from windows import LAG, LONG_LAG, Window, clock
 
 from harness.commands import DONE, ERROR, RECORDS
 from harness.peers import OFFERS
+from harness.waiting import stretched
 
 MODES = ("ro", "sh", "ex", "er")
 
@@ -24,11 +25,11 @@ _HEADER = struct.Struct("<II")
 _RECORD_SIZES = {"console": 264, "who": 98, "mapped_port": 134, "portholder": 64}
 _LINE = re.compile(rb"@(\d+)\.(\d+) ")
 
-_PATIENCE = 20.0
+_PATIENCE = stretched(20.0)
 
 # A user who has left is one of a console's users until the daemon has both locks for removing him;
 # it may go without for several random times below a second.
-_REMOVED_WITHIN = 3.0
+_REMOVED_WITHIN = stretched(3.0)
 _SLOW = 0.5  # an echo that is worth a line of the report
 
 
@@ -76,6 +77,7 @@ class Desk:
         self.visits = 0
         self.refused = 0
         self.thrown_off = 0
+        self.stallers = 0  # of these
 
     async def ask(self, line: str, buffer: int | None = None) -> socket.socket:
         """A connection to the main port that has sent this argument line."""
@@ -178,7 +180,7 @@ class Visit:
             reader = asyncio.create_task(self._read(sock))
         try:
             acting = asyncio.create_task(self._act(sock))
-            await asyncio.wait({acting}, timeout=self._duration + 2 * _PATIENCE)
+            await asyncio.wait({acting}, timeout=2 * self._duration + 2 * _PATIENCE)
             acting.cancel()
             await asyncio.gather(acting, return_exceptions=True)
         finally:
@@ -189,7 +191,9 @@ class Visit:
             self._console.ledger.surely_watched(attached, time.time())
         if self._over.done():
             self._desk.thrown_off += 1
-            if self._behaviour not in ("paste",):
+            if self._behaviour in ("paste", "stall"):
+                self._desk.stallers += 1
+            else:
                 self._complain("thrown off", attached)
 
     async def _read(self, sock: socket.socket) -> None:
@@ -226,7 +230,9 @@ class Visit:
                             f"after line {before}; upsets: {self._console.upsets}")
 
     async def _act(self, sock: socket.socket) -> None:
-        if self._behaviour == "type" and self._mode != "ro":
+        if self._behaviour == "stall":
+            await self._stall(sock)
+        elif self._behaviour == "type" and self._mode != "ro":
             await self._type(sock)
         elif self._behaviour == "paste" and self._mode != "ro":
             await self._paste(sock)
@@ -269,14 +275,33 @@ class Visit:
                       f"{taken:.3f} s", flush=True)
 
     async def _paste(self, sock: socket.socket) -> None:
+        """Type very much at a console that reads nothing meanwhile."""
         loop = asyncio.get_running_loop()
         end = time.time() + self._duration
+        self._console.hang(True)
         try:
             while time.time() < end and not self._over.done():
                 await asyncio.wait_for(loop.sock_sendall(sock, b"pasted " * 2000), self._duration)
                 await self._pass(0.05)
         except (ConnectionError, asyncio.TimeoutError):
             pass
+        finally:
+            self._console.hang(False)
+
+    async def _stall(self, sock: socket.socket) -> None:
+        """Read nothing while the console prints very much; then see whether the daemon minded."""
+        loop = asyncio.get_running_loop()
+        for _ in range(int(self._duration) + 1):
+            self._console.burst(500)
+            await asyncio.sleep(1)
+        try:
+            while await asyncio.wait_for(loop.sock_recv(sock, 65536), 1):
+                pass
+            self._over.set_result(None)
+        except asyncio.TimeoutError:
+            pass
+        except ConnectionError:
+            self._over.set_result(None)
 
 
 class Tool:

@@ -7,10 +7,12 @@ import math
 import time
 from dataclasses import dataclass
 
+from harness.waiting import stretched
+
 # Between a console's printing and the daemon's reading of it. A user who does not read may keep a
 # console's output back for 5 seconds; such a visit is a window with a longer lag.
-LAG = 3.0
-LONG_LAG = 9.0
+LAG = stretched(3.0)
+LONG_LAG = stretched(9.0)
 
 _SHOWN = 8
 
@@ -59,9 +61,9 @@ class Windows:
         window.close(when)
         return window
 
-    def cover(self, when: float) -> bool:
-        """True when some span covers the time."""
-        return any(window.covers(when) for window in reversed(self._all))
+    def reason(self, when: float) -> str:
+        """Why output of this time may be missing; nothing when no span covers it."""
+        return next((window.why for window in reversed(self._all) if window.covers(when)), "")
 
     def touch(self, start: float, end: float) -> bool:
         """True when some span touches the time between these two."""

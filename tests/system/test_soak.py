@@ -12,12 +12,13 @@ sys.path.insert(0, str(REPOSITORY / "tests" / "soak"))
 
 from ledger import CHUNK, RECORD, Counts, Ledger  # noqa: E402  (found through the line above)
 from log_reader import LogReader  # noqa: E402
+from plan import plan  # noqa: E402
 from windows import Windows  # noqa: E402
 
 LINES = [b"@7.%d some words\n" % number for number in range(6)]
 
-# Lines are printed at whole minutes, so that no window reaches the next one.
-MINUTE = 60.0
+# Between the lines, so that no window reaches the next one.
+APART = 100.0
 
 
 class Books:
@@ -36,7 +37,7 @@ class Books:
     @staticmethod
     def at(number: int) -> float:
         """When a line is printed."""
-        return 1e9 + number * MINUTE
+        return 1e9 + number * APART
 
     def log(self, *records: tuple[int, bytes]) -> "Books":
         """The console's log holds these and nothing else; each with its line's number."""
@@ -53,7 +54,7 @@ class Books:
     def good(self) -> None:
         """Nothing was wrong."""
         assert self.complaints == []
-        assert self.counts.printed == self.counts.found + self.counts.accounted
+        assert self.counts.printed == self.counts.found + self.counts.accounted.total()
 
     def wrong(self, *words: str) -> None:
         """These were its complaints, in order; each holds its word."""
@@ -121,7 +122,7 @@ def test_a_window_excuses_what_was_printed_in_it_and_no_more(whose):
     books(2, 3).all_but(2, 3, 4).wrong("lost")
     books(2, 2).all_but(3).wrong("lost")
     excused = books(2, 3).all_but(2, 3)
-    assert (excused.counts.found, excused.counts.accounted) == (4, 2)
+    assert (excused.counts.found, excused.counts.accounted) == (4, {"trouble": 2})
 
 
 def test_a_window_that_is_still_open():
@@ -245,6 +246,22 @@ def test_the_consolidated_log_has_nothing_that_the_console_s_own_lacks():
     books.ledger.record(books.at(0), LINES[0])
     books.ledger.consolidated(books.at(1), LINES[1])
     books.wrong("which is not in the console's log")
+
+
+# The plan
+
+
+def test_the_seed_decides_the_plan():
+    first = plan(5, 600, 500)
+    assert first == plan(5, 600, 500) and first != plan(6, 600, 500)
+    assert [step.at for step in first] == sorted(step.at for step in first)
+    assert first[-1].at < 540 and {step.console for step in first} <= set(range(500))
+
+
+def test_every_kind_of_step_is_in_the_plan_of_ten_minutes():
+    kinds = {step.kind for step in plan(5, 600, 500)}
+    assert {"visit", "reset", "hang", "refuse", "rotate", "full_disk", "hup_storm", "drop",
+            "rename", "helper_hangs", "deaf_tool", "strangers", "collector_stalls"} <= kinds
 
 
 # The logs
