@@ -37,7 +37,7 @@ _ROTATES_WITHIN = stretched(15.0)
 DOORS = 5
 
 _HELPERS = {"": "cat > /dev/null\nexit 1\n",
-            "hangs": "cat > /dev/null\nexec sleep {seconds}\n",
+            "hangs": "cat > /dev/null\nsleep {seconds}\nexit 1\n",
             "crashes": "cat > /dev/null\nkill -SEGV $$\n"}
 
 

@@ -7,6 +7,7 @@ import re
 import socket
 import struct
 import time
+from collections import deque
 from typing import Callable
 
 from consoles import Console
@@ -18,7 +19,7 @@ from harness.waiting import stretched
 
 MODES = ("ro", "sh", "ex", "er")
 
-# What a caller is told while a console is away.
+# What a caller is told while a console is away, or has just been called.
 _REFUSED_BY_STATE = (b"004", b"005", b"011", b"012")
 
 _HEADER = struct.Struct("<II")
@@ -29,7 +30,7 @@ _PATIENCE = stretched(20.0)
 
 # A user who has left is one of a console's users until the daemon has both locks for removing him;
 # it may go without for several random times below a second.
-_REMOVED_WITHIN = stretched(3.0)
+_REMOVED_WITHIN = stretched(5.0)
 _SLOW = 0.5  # an echo that is worth a line of the report
 
 
@@ -40,9 +41,15 @@ class Times:
         self.count = 0
         self.worst = 0.0
         self.recent = 0.0  # the worst since the last report
+        self._last: deque[tuple[float, float]] = deque(maxlen=1000)
+
+    def worst_since(self, when: float) -> float:
+        """The worst of the last thousand that ended after that."""
+        return max((seconds for ended, seconds in self._last if ended >= when), default=0.0)
 
     def add(self, seconds: float) -> None:
         """One more."""
+        self._last.append((time.time(), seconds))
         self.count += 1
         self.worst = max(self.worst, seconds)
         self.recent = max(self.recent, seconds)
@@ -73,6 +80,7 @@ class Desk:
         self.fail = fail
         self.echoes = Times()
         self.answers = Times()
+        self.own_lag = Times()  # how late this program itself is
         self.users = 0
         self.visits = 0
         self.refused = 0
@@ -157,7 +165,7 @@ class Visit:
     def _judge_refusal(self, answer: bytes, began: float) -> None:
         self._desk.refused += 1
         if answer[:3] in _REFUSED_BY_STATE and (
-                not self._console.connected or time.time() - self._console.connected_at < LAG):
+                not self._console.connected or time.time() - self._console.connected_at < LONG_LAG):
             return
         if not self._is_upset(began):
             self._complain(f"refused with {answer!r}", began)
@@ -272,7 +280,8 @@ class Visit:
             self._desk.echoes.add(taken)
             if taken > _SLOW:
                 print(f"soak: {clock(asked)} an echo of {self._console.ledger.name} took "
-                      f"{taken:.3f} s", flush=True)
+                      f"{taken:.3f} s; this program was late by up to "
+                      f"{self._desk.own_lag.worst_since(asked):.3f} s", flush=True)
 
     async def _paste(self, sock: socket.socket) -> None:
         """Type very much at a console that reads nothing meanwhile."""
