@@ -183,20 +183,18 @@ class Visit:
 
     async def _stay(self, sock: socket.socket) -> None:
         attached = time.time()
-        reader = None
+        tasks = [asyncio.create_task(self._act(sock))]
         if self._behaviour != "stall":
-            reader = asyncio.create_task(self._read(sock))
-        try:
-            acting = asyncio.create_task(self._act(sock))
-            await asyncio.wait({acting}, timeout=2 * self._duration + 2 * _PATIENCE)
-            acting.cancel()
-            await asyncio.gather(acting, return_exceptions=True)
-        finally:
-            if reader is not None:
-                reader.cancel()
-                await asyncio.gather(reader, return_exceptions=True)
+            tasks.append(asyncio.create_task(self._read(sock)))
+        await asyncio.wait(tasks[:1], timeout=2 * self._duration + 2 * _PATIENCE)
+        for task in tasks:
+            task.cancel()
+        for result in await asyncio.gather(*tasks, return_exceptions=True):
+            if isinstance(result, Exception):
+                self._desk.fail(f"{self._user}: {result!r}")
         if self._behaviour != "stall" and not self._over.done():
-            self._console.ledger.surely_watched(attached, time.time())
+            # That he has been thrown off just now may not have been seen yet.
+            self._console.ledger.surely_watched(attached, time.time() - LAG)
         if self._over.done():
             self._desk.thrown_off += 1
             if self._behaviour in ("paste", "stall"):
