@@ -43,9 +43,6 @@ DEFAULT_CONSOLES = 500
 # What the daemon may have gained between the end of the warm-up and the end of the run.
 MEMORY_GROWTH = 4 << 20
 
-# An echo on a console to which nothing happens takes no longer than this, in seconds.
-WORST_ECHO = 5.0
-
 _WARM_UP_PART = 0.15
 _WARM_UP_AT_MOST = 300.0
 _REPORTS_EVERY = 60.0
@@ -228,10 +225,11 @@ class Soak:
     async def _measure_own_lag(self) -> None:
         """How late this program itself is: what it times cannot be more exact."""
         while True:
-            before, worked = time.time(), time.process_time()
+            self._desk.next_look = time.time() + _BETWEEN_LOOKS
+            worked = time.process_time()
             await asyncio.sleep(_BETWEEN_LOOKS)
-            lag, worked = time.time() - before - _BETWEEN_LOOKS, time.process_time() - worked
-            self._desk.own_lag.add(lag)
+            self._desk.own_lag.add(time.time() - self._desk.next_look)
+            worked = time.process_time() - worked
             if worked > _MUCH_WORK:
                 print(f"soak: {self._clock()} this program was busy for {worked:.3f} s", flush=True)
 
@@ -307,8 +305,6 @@ class Soak:
 
     def _sum_up(self) -> None:
         counts, desk = self._counts, self._desk
-        if desk.echoes.worst > stretched(WORST_ECHO):
-            self.fail(f"an echo took {desk.echoes.worst:.3f} s")
         steps = ", ".join(f"{kind} {count}" for kind, count in sorted(self._steps_done.items()))
         print(f"soak: steps: {steps}")
         reasons = "; ".join(f"{count} {why}" for why, count in counts.accounted.most_common())
@@ -355,6 +351,7 @@ def run(arguments: argparse.Namespace) -> int:
     if child == 0:
         status = 1
         try:
+            isolation.end_with_parent()
             signal.signal(signal.SIGINT, signal.default_int_handler)
             status = run_inside(arguments, scratch)
         except BaseException as error:  # this child must never go on as its parent

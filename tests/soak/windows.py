@@ -11,8 +11,8 @@ from harness.waiting import stretched
 
 # Between a console's printing and the daemon's reading of it. A user who does not read may keep a
 # console's output back for 5 seconds; such a visit is a window with a longer lag.
-LAG = stretched(3.0)
-LONG_LAG = stretched(9.0)
+LAG = stretched(5.0)
+LONG_LAG = stretched(11.0)
 
 _SHOWN = 8
 
