@@ -8,6 +8,7 @@ import resource
 import select
 import socket
 import threading
+import time
 
 from harness.station import Station, console_line
 from harness.waiting import LIMIT, free_port, wait_until
@@ -17,6 +18,9 @@ _PER_NETWORK = 250
 # Descriptors of a console in the daemon: its connection, its log, its mapped port.
 _DAEMON_DESCRIPTORS = 3
 _SPARE = 1500
+
+_LINES_AT_ONCE = 10
+_BETWEEN_LINES = 0.01
 
 
 def most_consoles(wanted: int) -> int:
@@ -121,6 +125,59 @@ class Farm:
 
     def __exit__(self, *_exception) -> None:
         self.close()
+
+
+class PrintingFarm(Farm):
+    """Consoles that print numbered lines all the time, a thousand in a second or as they are read.
+
+    A line that a console has begun on a connection that then ended is not printed again.
+    """
+
+    def __init__(self, count: int) -> None:
+        super().__init__(count)
+        self._printed = dict.fromkeys(map(self.address, range(count)), 0)
+        self._printing = threading.Event()
+        self._printer = threading.Thread(target=self._print, daemon=True)
+        self._printer.start()
+
+    @staticmethod
+    def line(number: int) -> bytes:
+        """A line as the logs have it."""
+        return b"%08d the quick brown fox jumps ove\n" % number
+
+    def printed(self, console: int) -> int:
+        """How many lines this console has begun so far."""
+        return self._printed[self.address(console)]
+
+    def go_on(self) -> None:
+        """Print from now on."""
+        self._printing.set()
+
+    def pause(self) -> None:
+        """Print no more; what has been begun is finished."""
+        self._printing.clear()
+
+    def _print(self) -> None:
+        while not self._stopped:
+            if not self._printing.wait(0.1):
+                continue
+            for address, sock in list(self._by_address.items()):
+                self._print_some(address, sock)
+            time.sleep(_BETWEEN_LINES)
+
+    def _print_some(self, address: str, sock: socket.socket) -> None:
+        first = self._printed[address]
+        self._printed[address] += _LINES_AT_ONCE
+        try:
+            sock.sendall(b"".join(map(self.line, range(first, first + _LINES_AT_ONCE))))
+        except OSError:
+            pass  # the daemon has gone
+
+    def close(self) -> None:
+        """End every console."""
+        self._stopped = True
+        self._printer.join()
+        super().close()
 
 
 class Crowd:

@@ -19,6 +19,7 @@ MS_NODEV = 4
 MS_REC = 0x4000
 MS_PRIVATE = 1 << 18
 MNT_DETACH = 2
+PR_SET_PDEATHSIG = 1
 PR_SET_CHILD_SUBREAPER = 36
 SIOCSIFFLAGS = 0x8914
 IFF_UP = 1
@@ -170,6 +171,11 @@ class MountPoint:
 def adopt_orphans() -> None:
     """Become the parent of every descendant whose parent ends, such as a detached daemon."""
     _checked(_libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0), "prctl")
+
+
+def end_with_parent() -> None:
+    """Be killed when the process ends that started this one."""
+    _checked(_libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0), "prctl")
 
 
 def children() -> set[int]:

@@ -166,10 +166,11 @@ def assert_flat(station: Station, before: Usage, memory: int) -> None:
     except NotReached:
         raise AssertionError(f"{Usage.of(station)} instead of {before}") from None
     grown = station.rss() - before.rss
-    assert _is_sanitized(station.pid) or grown <= memory, f"{grown} bytes more than {before}"
+    assert is_sanitized(station.pid) or grown <= memory, f"{grown} bytes more than {before}"
 
 
-def _is_sanitized(pid: int) -> bool:
+def is_sanitized(pid: int) -> bool:
+    """True when the program was built with a sanitizer."""
     with open(f"/proc/{pid}/maps", encoding="latin-1") as maps:
         mapped = maps.read()
     return "libasan" in mapped or "libtsan" in mapped

@@ -1,0 +1,337 @@
+"""The books that the soak keeps: what it accepts as the log of what was printed, and what not."""
+
+import asyncio
+import sys
+from pathlib import Path
+
+import pytest
+
+from harness.settings import REPOSITORY
+
+sys.path.insert(0, str(REPOSITORY / "tests" / "soak"))
+
+from ledger import CHUNK, RECORD, Counts, Ledger  # noqa: E402  (found through the line above)
+from log_reader import LogReader  # noqa: E402
+from plan import plan  # noqa: E402
+from windows import Windows  # noqa: E402
+
+LINES = [b"@7.%d some words\n" % number for number in range(6)]
+
+# Between the lines, so that no window reaches the next one.
+APART = 100.0
+
+
+class Books:
+    """A ledger in which the lines have been printed, and what it complains of."""
+
+    def __init__(self, dirty: bool = False, lines: list[bytes] | None = None) -> None:
+        self.complaints: list[str] = []
+        self.counts = Counts()
+        self.station = Windows()
+        self.station_cuts = Windows()
+        self.ledger = Ledger("c7", self.counts, self.station, self.station_cuts,
+                             self.complaints.append, dirty)
+        for number, line in enumerate(LINES if lines is None else lines):
+            self.ledger.sent(line, self.at(number))
+
+    @staticmethod
+    def at(number: int) -> float:
+        """When a line is printed."""
+        return 1e9 + number * APART
+
+    def log(self, *records: tuple[int, bytes]) -> "Books":
+        """The console's log holds these and nothing else; each with its line's number."""
+        for number, record in records:
+            self.ledger.record(self.at(number), record)
+        self.ledger.settle()
+        return self
+
+    def all_but(self, *missing: int) -> "Books":
+        """The log holds the lines without these."""
+        return self.log(*((number, line) for number, line in enumerate(LINES)
+                          if number not in missing))
+
+    def good(self) -> None:
+        """Nothing was wrong."""
+        assert self.complaints == []
+        assert self.counts.printed == self.counts.found + self.counts.accounted.total()
+
+    def wrong(self, *words: str) -> None:
+        """These were its complaints, in order; each holds its word."""
+        assert len(self.complaints) == len(words), self.complaints
+        for complaint, word in zip(self.complaints, words):
+            assert word in complaint
+
+
+def test_every_line_once_and_in_order_is_good():
+    books = Books().all_but()
+    books.good()
+    assert (books.counts.printed, books.counts.found) == (6, 6)
+
+
+def test_a_line_that_is_missing():
+    Books().all_but(3).wrong("lost before b'@7.4 ")
+
+
+def test_the_last_line_that_is_missing():
+    Books().all_but(5).wrong("lost at the end")
+
+
+def test_two_gaps_are_two_complaints():
+    Books().all_but(1, 3).wrong("lost before b'@7.2 ", "lost before b'@7.4 ")
+
+
+def test_a_line_that_is_there_twice():
+    records = list(enumerate(LINES))
+    Books().log(*records[:3], records[2], *records[3:]).wrong("twice or late")
+
+
+def test_lines_in_another_order():
+    records = list(enumerate(LINES))
+    records[2:4] = records[3], records[2]
+    Books().log(*records).wrong("lost before b'@7.3 ", "twice or late")
+
+
+def test_a_line_that_is_torn():
+    records = [(number, line if number != 2 else line[:5] + b"\n")
+               for number, line in enumerate(LINES)]
+    Books().log(*records).wrong("torn or foreign", "lost before b'@7.3 ")
+
+
+def test_a_line_of_somebody_else():
+    records = list(enumerate(LINES))
+    records.insert(2, (2, b"@8.2 some words\n"))
+    Books().log(*records).wrong("torn or foreign")
+
+
+def test_a_line_that_was_logged_before_it_was_printed():
+    books = Books()
+    books.ledger.record(books.at(0) - 10, LINES[0])
+    books.wrong("before it was printed")
+
+
+@pytest.mark.parametrize("whose", ["console", "station"])
+def test_a_window_excuses_what_was_printed_in_it_and_no_more(whose):
+    def books(first: int, last: int) -> Books:
+        made = Books()
+        windows = made.ledger.windows if whose == "console" else made.station
+        windows.open("trouble", made.at(first) - 1).close(made.at(last) + 1)
+        return made
+
+    books(2, 3).all_but(2, 3).good()
+    books(2, 3).all_but(2, 3, 4).wrong("lost")
+    books(2, 2).all_but(3).wrong("lost")
+    excused = books(2, 3).all_but(2, 3)
+    assert (excused.counts.found, excused.counts.accounted) == (4, {"trouble": 2})
+
+
+def test_a_window_that_is_still_open():
+    books = Books()
+    books.ledger.windows.open("trouble", books.at(3) - 1)
+    books.all_but(3, 4, 5).good()
+
+
+def test_what_a_reset_took_with_it():
+    for lost, count in ((1, len(LINES[5])), (2, len(LINES[4] + LINES[5]))):
+        books = Books()
+        books.ledger.connection_ended(books.at(5), count)
+        books.all_but(*range(6 - lost, 6)).good()
+    books = Books()
+    books.ledger.connection_ended(books.at(5), len(LINES[5]))
+    books.all_but(4, 5).wrong("lost at the end")
+
+
+def test_carriage_returns_and_nuls_are_not_logged():
+    Books(lines=[b"@7.1 a\0b\r\n", b"@7.2 c\r\n"]).log((0, b"@7.1 ab\n"), (1, b"@7.2 c\n")).good()
+
+
+# Lines that are cut
+
+
+def test_a_line_is_cut_by_a_rotation_only():
+    records = [(0, LINES[0][:9]), (0, b"\n"), (0, LINES[0][9:]), *list(enumerate(LINES))[1:]]
+    Books().log(*records).wrong("cut for no reason")
+    books = Books()
+    books.station_cuts.open("rotation", books.at(0)).close(books.at(0) + 1)
+    books.log(*records).good()
+
+
+def test_a_line_that_was_cut_is_ended():
+    books = Books()
+    books.station_cuts.open("rotation", books.at(0)).close(books.at(0) + 1)
+    books.log((0, LINES[0][:9]), (0, LINES[0][9:]), *list(enumerate(LINES))[1:])
+    books.wrong("follows a line that was cut")
+
+
+def test_a_line_begun_at_the_end_of_a_connection():
+    books = Books(lines=[b"@7.0 begun"])
+    books.ledger.connection_ended(books.at(0))
+    books.ledger.sent(LINES[1], books.at(1))
+    books.log((0, b"@7.0 begun"), (0, b"\n"), (1, LINES[1])).good()
+
+
+def test_a_long_line_is_several_records():
+    line = b"@7.0 " + b"x" * 2500 + b"\n"
+    pieces = [line[start:start + RECORD] for start in range(0, len(line), RECORD)]
+    Books(lines=[line]).log(*((0, piece) for piece in pieces)).good()
+    Books(lines=[line]).log((0, pieces[0]), (0, pieces[2])).wrong("lost before")
+
+
+# Bytes that are not text
+
+
+def test_a_chunk_that_begins_with_a_high_byte_may_be_dropped():
+    lines = [b"@7.0 before\n", b"\xff\xfb\x01@7.1 dropped\n", b"@7.2 behind\n"]
+    kept = [(0, lines[0]), (2, lines[2])]
+    Books(dirty=True, lines=lines).log(*kept).good()
+    Books(dirty=True, lines=lines).log(kept[0], (1, b"@7.1 dropped\n"), kept[1]).good()
+    Books(dirty=True, lines=lines).log(kept[1]).wrong("lost before")
+    clean = [line.removeprefix(b"\xff\xfb\x01") for line in lines]
+    Books(dirty=True, lines=clean).log(*kept).wrong("lost before")
+
+
+def test_a_chunk_may_be_dropped_from_the_middle_of_lines():
+    first, rest = b"@7.0 one two", b"\x80\x81 three\n@7.1 four"
+    lines = [first, rest, b" five\n"]
+    Books(dirty=True, lines=lines).log((2, b"@7.0 one two five\n")).good()
+    Books(dirty=True, lines=lines).log((2, b"@7.0 one five\n")).wrong("torn", "lost at the end")
+
+
+def test_no_more_than_a_chunk_is_dropped():
+    for length, good in ((CHUNK, True), (CHUNK + 100, False)):
+        lines = [b"@7.0 a\n", b"\x80" + b"x" * (length - 2) + b"\n", b"@7.2 b\n"]
+        books = Books(dirty=True, lines=lines).log((0, lines[0]), (2, lines[2]))
+        assert (books.complaints == []) == good, length
+
+
+def test_a_telnet_command_is_not_logged():
+    line = b"@7.0 one\xff\xfb\x01 two\n"
+    Books(dirty=True, lines=[line]).log((0, b"@7.0 one two\n")).good()
+    torn = Books(dirty=True, lines=[line]).log((0, b"@7.0 one\xfb\x01 two\n"))
+    torn.good()
+    assert torn.counts.remains == 2
+
+
+# The consolidated log
+
+
+def consolidated(books: Books, *missing: int) -> Books:
+    """The consolidated log has all lines but these."""
+    for number, line in enumerate(LINES):
+        if number not in missing:
+            books.ledger.consolidated(books.at(number), line)
+    books.ledger.settle_consolidated()
+    return books
+
+
+def test_the_consolidated_log_has_every_record_that_nobody_watched():
+    consolidated(Books().all_but()).good()
+    consolidated(Books().all_but(), 3).wrong("consolidated.log lacks")
+    consolidated(Books().all_but(), 5).wrong("consolidated.log lacks")
+    books = Books()
+    books.ledger.watched.open("visit", books.at(3) - 1).close(books.at(3) + 1)
+    consolidated(books.all_but(), 3).good()
+
+
+def test_the_consolidated_log_has_nothing_that_was_surely_watched():
+    books = Books()
+    books.ledger.watched.open("visit", books.at(3) - 5).close(books.at(3) + 5)
+    consolidated(books.all_but()).good()
+    books.ledger.surely_watched(books.at(3) - 2, books.at(3) + 2)
+    books.wrong("but somebody watched")
+
+
+def test_the_consolidated_log_has_nothing_that_the_console_s_own_lacks():
+    books = Books()
+    books.ledger.record(books.at(0), LINES[0])
+    books.ledger.consolidated(books.at(1), LINES[1])
+    books.wrong("which is not in the console's log")
+
+
+# The plan
+
+
+def test_the_seed_decides_the_plan():
+    first = plan(5, 600, 500)
+    assert first == plan(5, 600, 500) and first != plan(6, 600, 500)
+    assert [step.at for step in first] == sorted(step.at for step in first)
+    assert first[-1].at < 540 and {step.console for step in first} <= set(range(500))
+
+
+def test_every_kind_of_step_is_in_the_plan_of_ten_minutes():
+    kinds = {step.kind for step in plan(5, 600, 500)}
+    assert {"visit", "reset", "hang", "refuse", "rotate", "full_disk", "hup_storm", "drop",
+            "rename", "helper_hangs", "deaf_tool", "strangers", "collector_stalls"} <= kinds
+
+
+# The logs
+
+
+class Logs:
+    """A log directory, and what a reader has found in it."""
+
+    def __init__(self, place: Path) -> None:
+        self.dated = place / "zev.dated"
+        self.own: list[tuple[int, bytes]] = []
+        self.everybodys: list[tuple[int, bytes]] = []
+        self._reader = LogReader(
+            place, lambda number, _when, text: self.own.append((number, text)),
+            lambda number, _when, text: self.everybodys.append((number, text)))
+
+    def write(self, directory: str, name: str, *records: str) -> None:
+        """The daemon writes to a log."""
+        path = self.dated / directory
+        path.mkdir(parents=True, exist_ok=True)
+        with open(path / name, "a", encoding="ascii") as log:
+            log.write("".join(f"26/01/02_03:04:05 {record}" for record in records))
+
+    def read(self, final: bool = False) -> list[tuple[int, bytes]]:
+        """What has been found in consoles' own logs so far."""
+        asyncio.run(self._reader.catch_up(final))
+        return self.own
+
+
+@pytest.fixture
+def logs(tmp_path):
+    return Logs(tmp_path)
+
+
+def test_records_are_read_as_they_come(logs):
+    logs.write("one", "c1.log", "a\n")
+    logs.write("one", "c2.log", "b\n", "beg")
+    assert logs.read() == [(1, b"a\n"), (2, b"b\n")]
+    logs.write("one", "c2.log", "\n", "c\n")
+    assert logs.read()[2:] == [(2, b"beg"), (2, b"\n"), (2, b"c\n")]
+
+
+def test_a_record_without_an_end_is_read_when_nothing_can_follow(logs):
+    logs.write("one", "c1.log", "a\n", "beg")
+    assert logs.read() == [(1, b"a\n")]
+    logs.write("two", "c1.log", "b\n")
+    assert logs.read()[1:] == [(1, b"beg"), (1, b"b\n")]
+    logs.write("two", "c1.log", "end")
+    assert logs.read()[3:] == []
+    assert logs.read(final=True)[3:] == [(1, b"end")]
+
+
+def test_logs_are_followed_through_names_and_places(logs):
+    logs.write("one", "c1.log", "a\n")
+    assert logs.read() == [(1, b"a\n")]
+    (logs.dated / "one" / "c1.log").rename(logs.dated / "one" / "c1r1.log")
+    logs.write("one", "c1r1.log", "b\n")
+    logs.dated.rename(logs.dated.with_name("zev.dated.moved1"))
+    logs.write("one", "c1r1.log", "c\n")
+    assert logs.read()[1:] == [(1, b"b\n"), (1, b"c\n")]
+
+
+def test_the_consolidated_log_names_the_console(logs):
+    logs.write("one", "consolidated.log", "c1 a\n", "c22r3 b\n")
+    logs.read()
+    assert logs.everybodys == [(1, b"a\n"), (22, b"b\n")]
+
+
+def test_what_has_no_stamp_is_no_log(logs):
+    (logs.dated / "one").mkdir(parents=True)
+    (logs.dated / "one" / "c1.log").write_text("torn\n")
+    with pytest.raises(ValueError, match="no stamp"):
+        logs.read()
