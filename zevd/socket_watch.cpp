@@ -7,8 +7,6 @@
 
 namespace {
 
-constexpr int kMostAtOnce = 1024;
-
 // Every member is asked. Without memory they are asked again in the next pass, which begins after a
 // pause.
 int WaitForEach(int high_sock, DescriptorSet& set, const Waker* waker, timeval* timeout) {

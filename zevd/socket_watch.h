@@ -18,6 +18,11 @@
 
 class SocketWatch {
  public:
+  /// Members told of at once. Whoever reads them holds the list's lock meanwhile. Threads that want
+  /// two locks try for a millisecond and a half and then stay away for up to a second (locks.h):
+  /// they get it in between.
+  static constexpr int kMostAtOnce = 64;
+
   /// Before the threads start. False when the system has no descriptor left (errno tells).
   [[nodiscard]] bool Open();
 
@@ -36,7 +41,7 @@ class SocketWatch {
   void Forget(int sock);
 
   /// Takes from `set` what is not readable now. Returns the number of those that stay, at most
-  /// 1024; who is left out is told of in the next calls. The waiting thread only.
+  /// kMostAtOnce; who is left out is told of in the next calls. The waiting thread only.
   int KeepReadable(DescriptorSet& set) const;
 
   /// For the waiting thread's own use: what it hands to select().

@@ -1,7 +1,6 @@
 #include "socket_watch.h"
 
 #include <fcntl.h>
-#include <sys/resource.h>
 
 #include <cerrno>
 
@@ -201,11 +200,7 @@ TEST_F(WatchTest, ReportsAFailedSelect) {
 
 // More members than one answer of the kernel holds: everybody's turn comes.
 TEST_F(WatchTest, TellsOfMoreThanItCanAtOnceInTurn) {
-  constexpr int kMembers = 1500;
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  limit.rlim_cur = limit.rlim_max;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  constexpr int kMembers = SocketWatch::kMostAtOnce * 3 / 2;
   Print(0);
   std::vector<test::Descriptor> sockets;
   std::vector<Node> nodes(kMembers);
@@ -219,7 +214,8 @@ TEST_F(WatchTest, TellsOfMoreThanItCanAtOnceInTurn) {
   for (int look = 0; look < 2; ++look) {
     ASSERT_TRUE(set_.CopyFrom(list_.fdset));
     timeval timeout = kNoWait;
-    EXPECT_EQ(WaitForMembers(list_.high_sock, set_, waker_, &timeout, WatchOf(&list_)), 1024);
+    EXPECT_EQ(WaitForMembers(list_.high_sock, set_, waker_, &timeout, WatchOf(&list_)),
+              SocketWatch::kMostAtOnce);
     set_.ForEach([&](int sock) {
       if (!seen.Contains(sock)) ++visits;
       EXPECT_TRUE(seen.Add(sock));
