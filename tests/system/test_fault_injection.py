@@ -258,6 +258,29 @@ START: Table = {
     "close": SILENT,
 }
 
+NO_COOKIE = (
+    end("GenerateCookie: fopen() failed : {e}", event("Terminated: Cannot open cookie file"))
+    + end("GenerateCookie: fprintf() failed : {e}", event("Terminated: Cannot write cookie file"))
+    + end("GenerateCookie: chown( */.cookie, ...) failed : {e}",
+          event("Terminated: Cannot chown cookie file"))
+    + end("GenerateCookie: chmod( */.cookie, ...) failed : {e}",
+          event("Terminated: Cannot chmod cookie file")))
+
+# What a start with security does besides; the calls that it has in common are tried here as well.
+SECURE_START: Table = {
+    call: START[call] + NO_COOKIE
+    for call in ("fopen", "fprintf", "fclose", "chown", "chmod", "stat")
+}
+
+# What a start in the background does besides. Whatever fails after daemon() and before zevd.log is
+# open is said to the null device, so there is nothing to read of it.
+DETACHED_START: Table = {
+    "daemon": end("RunAsDaemon: daemon() failed : {e}"),
+    "flock": (lock("flock()") + end("Unlock: flock() failed : {e}", "Unlock() failed.\n")
+              + end("zevd is already running on this machine.")),
+    "rename": SILENT,
+}
+
 USER_REFUSED = work(
     "AcceptConnectionRequests: pthread_create() failed : Resource temporarily unavailable",
     "ConnectUserToConsole: NewUserNode() failed.", "ConnectUserToConsole: AddUserToList() failed.",
@@ -401,6 +424,7 @@ class StartUp(Phase):
     """From the first instruction until the port listens and the consoles are connected."""
 
     table = START
+    options: tuple[str, ...] = ()
 
     def prepare(self) -> None:
         self.subject.names = list(self.names)
@@ -408,11 +432,28 @@ class StartUp(Phase):
         self.subject.prepare()
 
     def go(self) -> None:
-        self.subject.start("-c", str(self.subject.station.config_file))
+        self.subject.start("-c", str(self.subject.station.config_file), *self.options)
         self.subject.until(self.subject.is_up, "the daemon to be up")
 
     def afterwards(self) -> None:
         self.subject.kill()
+
+
+class SecureStartUp(StartUp):
+    """The same with security on: a cookie is drawn."""
+
+    table = SECURE_START
+    options = ("-S", "1")
+
+
+class DetachedStartUp(StartUp):
+    """The same in the background, with the output in a file."""
+
+    table = DETACHED_START
+
+    def go(self) -> None:
+        self.subject.start_detached()
+        self.subject.until(self.subject.is_up, "the daemon to be up")
 
 
 class Caller:
@@ -722,6 +763,16 @@ def test_a_call_fails_at_start_up(subject, call, thread):
 @pytest.mark.parametrize("first", range(1, PARTS + 1))
 def test_an_allocation_fails_while_the_files_are_read_again(subject, first):
     Injection(Reload(subject), ALLOCATION, Thread.ANY).every(first, PARTS)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(SECURE_START))
+def test_a_call_fails_at_a_start_with_security(subject, call, thread):
+    inject(SecureStartUp(subject), call, thread)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(DETACHED_START))
+def test_a_call_fails_at_a_start_in_the_background(subject, call, thread):
+    inject(DetachedStartUp(subject), call, thread)
 
 
 @pytest.mark.parametrize("phase", [Attach, AttachByPort, Line])

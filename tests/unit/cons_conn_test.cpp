@@ -432,6 +432,7 @@ TEST_F(MoveTest, RunningOutOfMemoryStopsTheMoveAndClosesWhatIsLost) {
   const int log_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
   lost->sock = sock;
   lost->log_fd = log_fd;
+  Recompute(list_);
   const test::DebugCapture capture(0);
   {
     const test::FailAllocation failure(2);

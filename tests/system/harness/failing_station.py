@@ -6,16 +6,21 @@ import re
 import shutil
 import signal
 import socket
+import subprocess
 import time
 from collections.abc import Callable, Iterable
 from pathlib import Path
 
 from harness.commands import RECORDS
+from harness.cookies import cookie, cookie_file
+from harness.debuglog import DebugLog
 from harness.failing_calls import FailingCalls
 from harness.farm import Farm
+from harness.isolation import children
 from harness.peers import OFFERS
-from harness.station import Station, assert_no_sanitizer_report
-from harness.waiting import LIMIT, NotReached, is_listening, stretched
+from harness.station import Detached, Station
+from harness.waiting import (LIMIT, NotReached, free_port, is_listening, stretched,
+                             wait_until)
 
 _PAUSE = 0.001
 _AGAIN = 0.5
@@ -63,19 +68,37 @@ class FailingStation:
         self.kill()
         shutil.rmtree(self.station.logs)
         self.station.logs.mkdir()
-        for left in ("zev.lock", "qor.conf", "zev.cookie"):
-            (self.station.config / left).unlink(missing_ok=True)
-        self.position = self.station.mark()
+        for left in (self.station.lock_file, self.station.config / "qor.conf",
+                     cookie_file(self.station)):
+            left.unlink(missing_ok=True)
+        self.station.log = self.station.output
+        self.mark()
 
     def start(self, *options: str) -> None:
         """Start the daemon; it need not come up."""
         self.station.start("-d", "2", *options, wait=False, env=self.calls.env)
 
+    def start_detached(self, *options: str) -> None:
+        """Start the daemon in the background; neither it nor its starter need come far."""
+        station = self.station
+        station.port, station.level = free_port(), 2
+        before = children()
+        with open(station.output.path, "ab") as output:
+            starter = subprocess.run(
+                [station.program, "-S", "0", "-d", "2", "-p", str(station.port), *options],
+                stdin=subprocess.DEVNULL, stdout=output, stderr=output, check=False,
+                env={**os.environ, **self.calls.env}, timeout=stretched(LIMIT))
+        left = children() - before
+        station.process = Detached(left.pop()) if left else Detached(0)
+        if not station.process.pid:
+            station.process.returncode = starter.returncode
+        station.log = DebugLog(station.logs / "zevd.log")
+
     def kill(self) -> None:
         """End the daemon in the quickest way."""
         if self.station.running:
             os.kill(self.station.pid, signal.SIGKILL)
-            self.station.process.wait()
+            wait_until(lambda: not self.station.running, what="the daemon to be killed")
         self.station.process = None
 
     def end(self) -> None:
@@ -86,12 +109,14 @@ class FailingStation:
 
     @property
     def said(self) -> str:
-        """What the daemon has said since `mark`."""
-        return self.station.log_text(self.position)
+        """What the daemon has said since `mark`; all that it said, once it is in the background."""
+        station = self.station
+        said = station.output.text(self.position)
+        return said if station.log is station.output else said + station.log.text()
 
     def mark(self) -> None:
         """Forget what the daemon has said."""
-        self.position = self.station.mark()
+        self.position = self.station.output.size()
 
     @property
     def complaints(self) -> list[str]:
@@ -150,6 +175,12 @@ class FailingStation:
         except ConnectionError:
             return None
 
+    def token(self) -> bytes:
+        """How a line begins that a daemon with security wants."""
+        if not cookie_file(self.station).exists():
+            return b""
+        return b"token " + cookie(self.station) + b" "
+
     def attach(self, console: str) -> socket.socket:
         """Attach a user, as soon as the console can be had."""
         found: list[socket.socket] = []
@@ -158,7 +189,7 @@ class FailingStation:
             user = self.call()
             if user is None:
                 return False
-            if heard(user, OFFERS, console.encode() + b"\n"):
+            if heard(user, OFFERS, self.token() + console.encode() + b"\n"):
                 found.append(user)
             else:
                 user.close()
@@ -220,7 +251,7 @@ class FailingStation:
         self.confirm(tool is not None, "somebody to listen on the user port")
         with tool:
             head = RECORDS.to_bytes(4, "little") + len(self.names).to_bytes(4, "little")
-            self.confirm(heard(tool, head, b"@@@@ user=op\nconsole\n"),
+            self.confirm(heard(tool, head, self.token() + b"@@@@ user=op\nconsole\n"),
                          "the command to be answered")
         self.until(lambda: self.said_since(position, "Cleaning up closed command connection."),
                    "the tool to be gone")
