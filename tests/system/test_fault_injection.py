@@ -339,9 +339,8 @@ RELOAD: Table = {
     "fchown": NEW_LOG_REFUSED,
     "fchmod": NEW_LOG_REFUSED,
     ("select", Thread.CONS_CONN): CONNECTION_LOST,
-    "recv": SILENT + CONNECTION_LOST + CONSOLE_READ_ERROR,
+    ("recv", Thread.CONS_CONN): SILENT + CONNECTION_LOST,
     "ppoll": SILENT,
-    "writev": RECORD_LOST,
     "close": SILENT,
 }
 
@@ -667,6 +666,8 @@ class Injection:
         subject = self.subject
         try:
             self.phase.go()
+            if (self.call, self.thread) in WAITS:
+                subject.until(lambda: subject.calls.seen > 0, "the thread to wait")
             subject.calls.disarm()
             if UNSEEN[0] in self.row and subject.calls.fired and not self.complaints():
                 subject.heal()
