@@ -101,6 +101,14 @@ void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
   FreeConsoleNode(cnode);
 }
 
+// For a console that found no room on its list: the next reload makes a new record of it. Nobody
+// would close what this one has open.
+void AbandonConsole(ConsoleNode* cnode) {
+  if (cnode->sock != -1) close(cnode->sock.exchange(-1));
+  CloseLogFile(cnode);
+  if (cnode->ref_count == 0) FreeConsoleNode(cnode);  // else users who leave still point at it
+}
+
 }  // namespace
 
 ConsoleNode* NewConsoleNode(const ConsoleSettings& settings) {
@@ -222,6 +230,7 @@ void MoveConsolesToList(ConsoleList* from_list, ConsoleList* to_list, MoveCriter
     }
     if (AddConsoleToList(cnode, to_list) != 0) {
       zev_debug(kError, "%s: AddConsoleToList() failed.\n", __func__);
+      AbandonConsole(cnode);
       return;
     }
   }

@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "error.h"
 #include "event.h"
@@ -33,12 +35,31 @@ const char* log_dir = kLogDir;
 const char* config_file = kConfigFile;
 const char* progname = nullptr;
 
-ConsoleList* const a_cons_list = new ConsoleList;
-ConsoleList* const i_cons_list = new ConsoleList;
-UserList* const user_list = new UserList;
-CommandList* const cmd_list = new CommandList;
-EventSetList* const ev_list = new EventSetList;
-MappedPortList* const mapped_port_list = new MappedPortList;
+namespace {
+
+// Room for a list that needs no memory of its own and is never destroyed: threads may still use it
+// while the process ends.
+template <typename L>
+struct Room {
+  alignas(L) std::byte bytes[sizeof(L)];
+  L* Make() { return new (bytes) L; }
+};
+
+Room<ConsoleList> room_of_a_cons_list;
+Room<ConsoleList> room_of_i_cons_list;
+Room<UserList> room_of_user_list;
+Room<CommandList> room_of_cmd_list;
+Room<EventSetList> room_of_ev_list;
+Room<MappedPortList> room_of_mapped_port_list;
+
+}  // namespace
+
+ConsoleList* const a_cons_list = room_of_a_cons_list.Make();
+ConsoleList* const i_cons_list = room_of_i_cons_list.Make();
+UserList* const user_list = room_of_user_list.Make();
+CommandList* const cmd_list = room_of_cmd_list.Make();
+EventSetList* const ev_list = room_of_ev_list.Make();
+MappedPortList* const mapped_port_list = room_of_mapped_port_list.Make();
 ModelList model_list;
 
 std::atomic<unsigned> thread_waitreq_mask{0};

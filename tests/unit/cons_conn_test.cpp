@@ -426,8 +426,13 @@ TEST_F(MoveTest, ClosedConsoleThatStillHasItsSocketStays) {
   cnode->sock = -1;
 }
 
-TEST_F(MoveTest, RunningOutOfMemoryStopsTheMove) {
-  const test::ConsolePtr lost(LocateConsoleInList("c2", &list_));
+TEST_F(MoveTest, RunningOutOfMemoryStopsTheMoveAndClosesWhatIsLost) {
+  ConsoleNode* lost = LocateConsoleInList("c2", &list_);
+  const int sock = open("/dev/null", O_RDWR | O_CLOEXEC);
+  const int log_fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  lost->sock = sock;
+  lost->log_fd = log_fd;
+  Recompute(list_);
   const test::DebugCapture capture(0);
   {
     const test::FailAllocation failure(2);
@@ -437,6 +442,19 @@ TEST_F(MoveTest, RunningOutOfMemoryStopsTheMove) {
             "MoveConsolesToList: AddConsoleToList() failed.\n");
   EXPECT_THAT(test::Names(to_), ElementsAre("there", "c1"));
   EXPECT_THAT(test::Names(list_), ElementsAre("n1", "p1", "r1", "c3"));
+  EXPECT_FALSE(test::IsOpen(sock));
+  EXPECT_FALSE(test::IsOpen(log_fd));
+}
+
+TEST_F(MoveTest, ConsoleThatIsLostStaysForTheUsersWhoLeaveIt) {
+  const test::ConsolePtr lost(LocateConsoleInList("c2", &list_));
+  lost->ref_count = 1;
+  {
+    const test::DebugCapture capture(0);
+    const test::FailAllocation failure(2);
+    MoveConsolesToList(&list_, &to_, MoveCriterion::kConnected);
+  }
+  EXPECT_STREQ(lost->cname, "c2");
 }
 
 // ---- Deleting -----------------------------------------------------------------------------------

@@ -4,6 +4,7 @@ A console of the farm is an address of 127.0.0.0/8 on one port, so that all of t
 listener. It echoes what it is sent.
 """
 
+import contextlib
 import resource
 import select
 import socket
@@ -98,19 +99,21 @@ class Farm:
             poll.register(sock, select.EPOLLIN)
             self.accepted += 1
             # Text at once spares the daemon the wait for a telnet negotiation.
-            sock.send(b"ready\r\n")
+            with contextlib.suppress(ConnectionError):
+                sock.send(b"ready\r\n")
 
     def _echo(self, poll: select.epoll, descriptor: int) -> None:
         sock = self._sockets[descriptor]
-        try:
+        with contextlib.suppress(ConnectionError):
             chunk = sock.recv(65536)
-        except ConnectionError:
-            chunk = b""
-        if chunk:
-            sock.sendall(chunk)
-            return
+            if chunk:
+                sock.sendall(chunk)
+                return
         poll.unregister(descriptor)
         del self._sockets[descriptor]
+        address = sock.getsockname()[0]
+        if self._by_address.get(address) is sock:
+            del self._by_address[address]
         sock.close()
 
     def close(self) -> None:

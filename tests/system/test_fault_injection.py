@@ -1,0 +1,806 @@
+"""The n-th allocation fails, the n-th call of each kind fails, for every n: at start-up, while a
+user attaches, while the files are read again, while the logs rotate, and while a line is recorded.
+
+The tables say what may come of it, letter by letter. Whatever is not in them fails the test: words
+that are not expected, a daemon that ends without having said why, that hangs, that lost a
+descriptor, or that does not do all of its work afterwards.
+"""
+
+import contextlib
+import enum
+import os
+import socket
+from collections.abc import Iterator
+from dataclasses import dataclass
+
+import pytest
+
+from harness.access import ERRORS, greeting
+from harness.collectors import Collector
+from harness.failing_calls import ALLOCATION, CODES, FailingCalls, Thread, build_library
+from harness.failing_station import Costly, Ended, FailingStation, texts
+from harness.farm import Farm
+from harness.peers import OFFERS
+from harness.station import console_line
+from harness.waiting import free_port, is_listening
+
+EXIT_TRACE = "Exiting with code 1 from file "
+
+# What it says without any fault: no event manager runs, and users leave while they are sent to.
+ALWAYS_SAID = (
+    "ConnectToJix: JixConnCreate() failed : Cannot connect to the event manager",
+    "SendConsoleOutputToUsers: send() from console \"*\" failed : Broken pipe",
+    "SendConsoleOutputToUsers: send() from console \"*\" failed : Connection reset by peer",
+    "ProcessUserInput: recv() returned -1 : Connection reset by peer",
+)
+NO_MEMORY = "Cannot allocate memory"
+
+# Threads that go round and round make the same call in every pass: so many of them are tried.
+PASSES = 3
+
+
+class After(enum.Enum):
+    """What a message leads to."""
+
+    WORK = "the daemon does all of its work"
+    LOST = "what was on its way then is lost, and nothing else"
+    HELP = "something stays undone until the files are read again or new logs are begun"
+    END = "the daemon ends"
+
+
+@dataclass(frozen=True)
+class Says:
+    """What the daemon says of a failure. A * stands for anything, {e} for the system's word."""
+
+    text: str
+    after: After = After.WORK
+    also: str = ""
+
+
+def work(*said: str) -> tuple[Says, ...]:
+    """Messages after which nothing is missing."""
+    return tuple(Says(text) for text in said)
+
+
+def lost(*said: str) -> tuple[Says, ...]:
+    """Messages that tell of something that is lost."""
+    return tuple(Says(text, After.LOST) for text in said)
+
+
+def help_needed(*said: str) -> tuple[Says, ...]:
+    """Messages that tell of something that does not work any more."""
+    return tuple(Says(text, After.HELP) for text in said)
+
+
+def end(text: str, also: str = EXIT_TRACE) -> tuple[Says, ...]:
+    """The last words of the daemon."""
+    return (Says(text, After.END, also),)
+
+
+def event(text: str, priority: int = 700) -> str:
+    """How the posting of a daemon error event shows in the debug output."""
+    return (f"PostJixEvent: template=qor.zevd.daemon.error message={text} -=- "
+            f"priority={priority}\n")
+
+
+def no_memory(*functions: str, after: After = After.WORK) -> tuple[Says, ...]:
+    """What functions say when they get no memory."""
+    return tuple(Says(f"{function}: malloc() failed : {NO_MEMORY}", after,
+                      event("Out of memory")) for function in functions)
+
+
+# In place of a message: the call's result tells the daemon nothing that it has to speak of.
+SILENT = (Says("", After.WORK),)
+
+# The same, but something stays undone: a file whose look-up fails counts as one that is not there.
+UNSEEN = (Says("", After.HELP),)
+
+TERMINATED = event("Terminated.............")
+
+ALREADY_RUNNING = "zevd is already running"
+CONFIG = "/config/qor.conf"
+
+
+# Tables
+
+EVENTS_LOST = help_needed(
+    "LoadConfigFile: Event file patterns not found for console *",
+    "LoadEventFiles: LoadEventFile() failed for file patterns",
+    "LoadEventFiles: opendir( */events ) failed: {e}",
+    "ParseRegExFile: fopen( \"*/events/patterns\", ...) failed : {e}",
+    "ParseRegExFile: NewRegExNode() failed.", "ParseRegExFile: AddRegExToList() failed.",
+    "LoadEventFile: NewEventSetNode() failed.", "LoadEventFile: AddEventSetToList() failed.",
+    "ParseRegExFile: regcomp() failed for pattern fresh : Memory exhausted",
+    "ReloadEventFiles: LoadEventFiles() failed.",
+    "MonitorConsoleOutput: ReloadEventFiles() failed.",
+)
+EVENTS_WITHOUT_MEMORY = EVENTS_LOST + no_memory(
+    "NewRegExList", "InitRegExList", "ParseRegExFile", "NewRegExNode", "AddRegExToList",
+    "NewEventSetNode", "AddEventSetToList", after=After.HELP)
+
+CONSOLE_LOST = help_needed(
+    "LoadConfigFile: NewConsoleNode() failed.", "LoadConfigFile: AddConsoleToList() failed.",
+    "MoveConsolesToList: AddConsoleToList() failed.",
+    "AddConsoleToList: NewConsoleListElem() failed.",
+    "ReloadConfigFile: LoadConfigFile() failed.",
+    "MonitorConsoleOutput: ReloadConfigFile() failed.",
+) + no_memory("NewConsoleNode", "NewConsoleListElem", "AddConsoleToList", "NewConsoleList",
+              "InitConsoleList", after=After.HELP)
+
+PORT_LOST = help_needed(
+    "ListenOnPort: socket() failed : {e}", "ListenOnPort: bind() failed : {e}",
+    "ListenOnPort: listen() failed : {e}", "ListenOnPort: Could not bind to port *",
+    "ConfigurePort: Cannot listen on port *.", "ConfigurePort: NewMappedPortNode() failed.",
+    "GetPortsToListenOn: Cannot configure main port *.",
+    "GetPortsToListenOn: Cannot configure port for *.",
+    "AddMappedPortToList: NewMappedPortListElem() returned NULL",
+)
+PORT_WITHOUT_MEMORY = PORT_LOST + no_memory(
+    "NewMappedPortNode", "NewMappedPortListElem", "AddMappedPortToList", after=After.HELP)
+
+WAITS_WITHOUT_MEMORY = no_memory("WaitForConnectionRequests", "MonitorConsoleOutput",
+                                 "MonitorUserInput", "MonitorCommands")
+
+LOG_LOST = help_needed(
+    "OpenLogFile: open() failed for \"*.log\" : {e}",
+    "OpenConsolidatedLogFile: open() failed for \"*/consolidated.log\" : {e}",
+    "CreateZevDatedDir: mkdir( *//zev.dated, ...) failed : {e}",
+    "CreateZevDatedDir: chown failed : {e}",
+    "CreateSymlinkToCurrDir: mkdir( *, ...) failed : {e}",
+    "CreateSymlinkToCurrDir: symlink failed : {e}", "CreateSymlinkToCurrDir: chown failed : {e}",
+    "WriteLogFile: Log file for * has not been opened.",
+)
+RECORD_LOST = lost("WriteBuffer: write() failed for console \"*\" : {e}",
+                   "WriteBuffer: write() failed for \"consolidated.log\" : {e}")
+
+NEW_LOG_REFUSED = (
+    end("OpenLogFile: chown( *.log, ...) failed : {e}",
+        event("Terminated: Cannot chown cookie file"))
+    + end("OpenLogFile: chmod( *.log, ...) failed : {e}",
+          event("Terminated: Cannot chmod cookie file"))
+    + work("OpenConsolidatedLogFile: chown( *.log, ...) failed : {e}"))
+
+NO_CONFIG = end("LoadConfigFile: open() failed : {e}")
+NO_MODELS = work("LoadModels: fopen( */models, ...) failed : {e}", "LoadModels: malloc() failed : "
+                 + NO_MEMORY)
+NO_INTERVAL = (end("GetZevdArchIntFromConfFile: fopen( \"*/qor.conf\", ...) failed : {e}")
+               + end("GetZevdArchIntFromConfFile: write( \"*/qor.conf\", ...) failed : {e}")
+               + end("GetZevdArchIntFromConfFile: chown( */qor.conf, ...) failed : {e}")
+               + end("GetZevdArchIntFromConfFile: chmod( */qor.conf, ...) failed : {e}"))
+
+
+def lock(call: str) -> tuple[Says, ...]:
+    """The lock file cannot be used: taken for the sign of another instance."""
+    return end(f"Lock: {call} failed : {{e}}", ALREADY_RUNNING) + work(
+        "GetHostFromLockFile: *() failed : *", "GetHostFromLockFile: fopen( \"*\", ...) failed : *")
+
+
+def no_thread(name: str, function: str) -> tuple[Says, ...]:
+    """One of the long-lived threads cannot be created."""
+    return end(f"{function}: pthread_create() failed : Resource temporarily unavailable",
+               event(f"Terminated: Couldn't create {name} thread"))
+
+
+NO_WORKER = (no_thread("cons_conn", "CreateConsoleConnectionsThread")
+             + no_thread("user_conn", "CreateUserConnectionsThread")
+             + no_thread("user_mon", "CreateUserMonitorThread")
+             + no_thread("cmd_mon", "CreateCommandMonitorThread"))
+
+CONNECTION_LOST = help_needed("CheckConnectionStatus: select() failed : {e}",
+                              "UpdateConnectionStatus: Connection to * (*) failed.")
+CONSOLE_READ_ERROR = lost("ProcessConsoleOutput: recv() returned -1 : {e}")
+
+Row = tuple[Says, ...]
+Table = dict[str | tuple[str, Thread], Row]
+
+# Every thread waits for descriptors; that a wait fails ends the daemon.
+WAITS: Table = {
+    ("select", Thread.MAIN): end("CheckForConsoleOutput: select() failed : {e}", TERMINATED),
+    ("select", Thread.USER_CONN): end("CheckForConnectionRequests: select() failed : {e}",
+                                      TERMINATED),
+    ("select", Thread.USER_MON): end("CheckForUserInput: select() failed : {e}", TERMINATED),
+    ("select", Thread.CMD_MON): end("CheckForCommand: select() failed : {e}", TERMINATED),
+    ("poll", Thread.CONS_CONN): SILENT,
+    ("sigtimedwait", Thread.MAIN): SILENT,
+}
+
+
+def waits(*threads: Thread) -> Table:
+    """The rows of the threads that look at their descriptors again in every phase of a kind."""
+    return {key: row for key, row in WAITS.items() if key[1] in threads}
+
+
+START: Table = {
+    **WAITS,
+    ALLOCATION: (
+        SILENT + NO_INTERVAL + NO_CONFIG + NO_MODELS + NO_WORKER + EVENTS_WITHOUT_MEMORY
+        + CONSOLE_LOST + PORT_WITHOUT_MEMORY + WAITS_WITHOUT_MEMORY
+        + end(f"GetCommandLineOptions: malloc() failed : {NO_MEMORY}")
+        + no_memory("InitUserList", "InitCommandList", "InitEventSetList", "InitMappedPortList")),
+    "open": (SILENT + lock("open( \"*/zev.lock\", ...)") + EVENTS_LOST + LOG_LOST),
+    "stat": SILENT,
+    "lstat": SILENT,
+    "chown": NO_INTERVAL + lock("chown( */zev.lock, ...)") + LOG_LOST,
+    "chmod": NO_INTERVAL,
+    "fchown": NEW_LOG_REFUSED,
+    "fchmod": NEW_LOG_REFUSED,
+    "flock": lock("flock()"),
+    "gethostname": lock("gethostname()"),
+    "ftruncate": lock("ftruncate()"),
+    "write": SILENT + lock("write()"),
+    "read": SILENT,
+    "writev": RECORD_LOST,
+    "mkdir": LOG_LOST,
+    "unlink": SILENT,
+    "symlink": LOG_LOST,
+    "opendir": EVENTS_LOST,
+    "readdir": SILENT + EVENTS_LOST,
+    "closedir": SILENT,
+    "fopen": NO_INTERVAL + NO_CONFIG + NO_MODELS,
+    "fdopen": EVENTS_LOST,
+    "fclose": SILENT + NO_INTERVAL,
+    "fprintf": NO_INTERVAL,
+    "fflush": NO_INTERVAL,
+    "getrlimit": SILENT,
+    "setrlimit": SILENT,
+    "eventfd": end("Initialize: eventfd() failed : {e}"),
+    "pthread_create": NO_WORKER,
+    "regcomp": EVENTS_LOST,
+    "socket": SILENT + PORT_LOST + end("ConnectToConsole: socket() failed: {e}"),
+    "bind": PORT_LOST,
+    "listen": PORT_LOST,
+    "connect": SILENT + work("ConnectToConsole: connect() failed : {e}"),
+    "setsockopt": SILENT,
+    "fcntl": SILENT,
+    ("select", Thread.CONS_CONN): CONNECTION_LOST,
+    "recv": SILENT + CONNECTION_LOST + CONSOLE_READ_ERROR,
+    "ppoll": SILENT,
+    "close": SILENT,
+}
+
+NO_COOKIE = (
+    end("GenerateCookie: fopen() failed : {e}", event("Terminated: Cannot open cookie file"))
+    + end("GenerateCookie: fprintf() failed : {e}", event("Terminated: Cannot write cookie file"))
+    + end("GenerateCookie: chown( */.cookie, ...) failed : {e}",
+          event("Terminated: Cannot chown cookie file"))
+    + end("GenerateCookie: chmod( */.cookie, ...) failed : {e}",
+          event("Terminated: Cannot chmod cookie file")))
+
+# What a start with security does besides; the calls that it has in common are tried here as well.
+SECURE_START: Table = {
+    call: START[call] + NO_COOKIE
+    for call in ("fopen", "fprintf", "fclose", "chown", "chmod", "stat")
+}
+
+# What a start in the background does besides. Whatever fails after daemon() and before zevd.log is
+# open is said to the null device, so there is nothing to read of it.
+DETACHED_START: Table = {
+    "daemon": end("RunAsDaemon: daemon() failed : {e}"),
+    "flock": (lock("flock()") + end("Unlock: flock() failed : {e}", "Unlock() failed.\n")
+              + end("zevd is already running on this machine.")),
+    "rename": SILENT,
+}
+
+USER_REFUSED = work(
+    "AcceptConnectionRequests: pthread_create() failed : Resource temporarily unavailable",
+    "ConnectUserToConsole: NewUserNode() failed.", "ConnectUserToConsole: AddUserToList() failed.",
+    "AddUserToList: NewUserListElem() returned NULL",
+) + no_memory("AcceptConnectionRequests", "NewUserNode", "NewUserListElem", "AddUserToList",
+              "IncrementPendingLogins")
+
+ATTACH: Table = {
+    **waits(Thread.MAIN, Thread.CONS_CONN, Thread.USER_CONN, Thread.USER_MON),
+    ALLOCATION: SILENT + USER_REFUSED + WAITS_WITHOUT_MEMORY,
+    "accept4": end("AcceptConnectionRequests: accept() failed : {e}", TERMINATED),
+    "pthread_create": USER_REFUSED,
+    "setsockopt": SILENT,
+    "ppoll": end("ReadLineWithTimeout: select() failed : {e}", TERMINATED),
+    "recv": SILENT + work("ReadLineWithTimeout: recv() returned -1 : {e}",
+                          "ProcessUserInput: recv() returned -1 : {e}") + CONSOLE_READ_ERROR,
+    "send": SILENT + work("ProcessUserInput: send() to console \"c0\" failed : {e}",
+                          "SendConsoleOutputToUsers: send() from console \"c0\" failed : {e}"),
+    ("poll", Thread.MAIN): SILENT,
+    "writev": RECORD_LOST,
+    "write": SILENT,
+    "read": SILENT,
+    "close": SILENT,
+}
+
+ATTACH_BY_PORT: Table = {
+    ALLOCATION: SILENT + USER_REFUSED + WAITS_WITHOUT_MEMORY,
+    "fcntl": SILENT,
+    "send": ATTACH["send"],
+    "recv": ATTACH["recv"],
+    "close": SILENT,
+}
+
+RELOAD: Table = {
+    **waits(Thread.MAIN, Thread.CONS_CONN),
+    ALLOCATION: (SILENT + NO_INTERVAL + NO_CONFIG + EVENTS_WITHOUT_MEMORY + CONSOLE_LOST
+                 + PORT_WITHOUT_MEMORY + WAITS_WITHOUT_MEMORY),
+    "opendir": EVENTS_LOST,
+    "readdir": SILENT + EVENTS_LOST,
+    "open": EVENTS_LOST + LOG_LOST,
+    "fdopen": EVENTS_LOST,
+    "regcomp": EVENTS_LOST,
+    "fopen": NO_CONFIG + NO_INTERVAL,
+    "getline": SILENT,
+    "fclose": SILENT,
+    "closedir": SILENT,
+    "stat": UNSEEN,
+    "lstat": SILENT,
+    "rename": help_needed("UpdateConsole : rename() failed : {e}"),
+    "socket": PORT_LOST + end("ConnectToConsole: socket() failed: {e}"),
+    "bind": PORT_LOST,
+    "listen": PORT_LOST,
+    "connect": work("ConnectToConsole: connect() failed : {e}"),
+    "setsockopt": SILENT,
+    "fcntl": SILENT,
+    "fchown": NEW_LOG_REFUSED,
+    "fchmod": NEW_LOG_REFUSED,
+    ("select", Thread.CONS_CONN): CONNECTION_LOST,
+    ("recv", Thread.CONS_CONN): SILENT + CONNECTION_LOST,
+    "ppoll": SILENT,
+    "close": SILENT,
+}
+
+ROTATION: Table = {
+    "stat": SILENT,
+    "lstat": SILENT,
+    "unlink": SILENT + work("RemoveSymlinkToCurrDir: unlink() failed : {e}"),
+    "mkdir": LOG_LOST,
+    "symlink": LOG_LOST,
+    "chown": LOG_LOST,
+    "open": LOG_LOST,
+    "fchown": NEW_LOG_REFUSED,
+    "fchmod": NEW_LOG_REFUSED,
+    "writev": RECORD_LOST,
+    "close": SILENT,
+}
+
+EVENT_LOST = lost("PostJixEvent: JixEventCreateVa() failed : Out of memory",
+                  "PostJixEvent: JixVarSet() failed : Out of memory",
+                  "PostJixEvent: JixEventPost() failed : *")
+
+LINE: Table = {
+    ALLOCATION: EVENT_LOST + no_memory("MatchPattern", after=After.LOST),
+    ("recv", Thread.MAIN): SILENT + CONSOLE_READ_ERROR,
+    ("send", Thread.MAIN): SILENT,
+    "gethostname": SILENT,
+    "writev": RECORD_LOST,
+}
+
+
+# Phases
+
+
+class Phase:
+    """Something that the daemon does, again and again, with another call failing each time."""
+
+    table: Table
+    names = ("c0", "c1")
+
+    def __init__(self, subject: FailingStation) -> None:
+        self.subject = subject
+        self.descriptors = 0
+
+    def configuration(self) -> str:
+        """What the configuration file holds when the daemon starts."""
+        return self.line(0, "c0") + self.line(1, "c1")
+
+    def line(self, number: int, name: str, **fields) -> str:
+        """One console's line of the configuration file."""
+        farm = self.subject.farm
+        return console_line(name, farm.port, address=farm.address(number), events=1,
+                            event_file="patterns", **fields)
+
+    def prepare(self) -> None:
+        """Have a daemon that does its work; the one before if it still lives."""
+        subject = self.subject
+        if subject.station.running:
+            return
+        subject.names = list(self.names)
+        subject.station.write_config(self.configuration())
+        subject.prepare()
+        subject.start()
+        subject.until(subject.is_up, "the daemon to be up")
+        subject.works()
+        self.descriptors = subject.station.descriptors()
+
+    def go(self) -> None:
+        """Let the daemon do it, until it is done."""
+        raise NotImplementedError
+
+    def afterwards(self) -> None:
+        """See that nothing was left open."""
+        self.subject.settle(self.descriptors)
+
+    def close(self) -> None:
+        """End what the phase has besides its subject."""
+
+
+class StartUp(Phase):
+    """From the first instruction until the port listens and the consoles are connected."""
+
+    table = START
+    options: tuple[str, ...] = ()
+
+    def prepare(self) -> None:
+        self.subject.names = list(self.names)
+        self.subject.station.write_config(self.configuration())
+        self.subject.prepare()
+
+    def go(self) -> None:
+        self.subject.start("-c", str(self.subject.station.config_file), *self.options)
+        self.subject.until(self.subject.is_up, "the daemon to be up")
+
+    def afterwards(self) -> None:
+        self.subject.kill()
+
+
+class SecureStartUp(StartUp):
+    """The same with security on: a cookie is drawn."""
+
+    table = SECURE_START
+    options = ("-S", "1")
+
+
+class DetachedStartUp(StartUp):
+    """The same in the background, with the output in a file."""
+
+    table = DETACHED_START
+
+    def go(self) -> None:
+        self.subject.start_detached()
+        self.subject.until(self.subject.is_up, "the daemon to be up")
+
+
+class Caller:
+    """A user whose connection may end at any time."""
+
+    def __init__(self, subject: FailingStation, port: int) -> None:
+        self.socket = subject.call(port) or socket.socket()
+        self.socket.setblocking(False)
+        self.received = b""
+        self.ended = False
+
+    def has(self, wanted: bytes) -> bool:
+        """True when the bytes have come, or will not come any more."""
+        while not self.ended:
+            try:
+                chunk = self.socket.recv(65536)
+            except BlockingIOError:
+                break
+            except OSError:
+                chunk = b""
+            self.ended = not chunk
+            self.received += chunk
+        return self.ended or wanted in self.received
+
+    def say(self, text: bytes) -> None:
+        """Send the text, if anybody listens."""
+        with contextlib.suppress(OSError):
+            self.socket.sendall(text)
+
+
+class Attach(Phase):
+    """A user connects, names a console, types a key, gets the echo and leaves."""
+
+    table = ATTACH
+    line_sent = b"c0\n"
+
+    def port(self) -> int:
+        """The port that the user calls."""
+        return self.subject.station.port
+
+    def go(self) -> None:
+        subject = self.subject
+        key = subject.fresh()
+        caller = Caller(subject, self.port())
+        caller.say(self.line_sent)
+        subject.until(lambda: caller.has(b"-") and caller.ended or "Connected user" in subject.said,
+                      "the user to be attached or refused")
+        caller.say(key + b"\n")
+        subject.until(lambda: caller.has(key), "the key to come back")
+        if caller.ended:
+            words = caller.received.removeprefix(OFFERS).replace(greeting("c0"), b"")
+            assert words in (b"", key + b"\n", ERRORS[13], ERRORS[8])
+        caller.socket.close()
+        subject.until(subject.users_are_gone, "the user to be gone")
+
+
+class AttachByPort(Attach):
+    """The same on a console's own port."""
+
+    table = ATTACH_BY_PORT
+    line_sent = b"\n"
+
+    def __init__(self, subject: FailingStation) -> None:
+        super().__init__(subject)
+        self.own_port = free_port()
+
+    def configuration(self) -> str:
+        return self.line(0, "c0", mapped_port=self.own_port) + self.line(1, "c1")
+
+    def port(self) -> int:
+        return self.own_port
+
+
+class Reload(Phase):
+    """SIGHUP: a console has another name and another port, one is dropped, one is new."""
+
+    table = RELOAD
+    names = ("c0", "c1", "dropped")
+    new_names = ("renamed", "c1", "new")
+
+    def __init__(self, subject: FailingStation) -> None:
+        super().__init__(subject)
+        self.old_port, self.new_port = free_port(), free_port()
+
+    def configuration(self) -> str:
+        return (self.line(0, "c0", mapped_port=self.old_port) + self.line(1, "c1")
+                + self.line(2, "dropped"))
+
+    def new_configuration(self) -> str:
+        """The configuration that is read while a call fails."""
+        return (self.line(0, "renamed", mapped_port=self.new_port) + self.line(1, "c1")
+                + self.line(3, "new"))
+
+    def prepare(self) -> None:
+        subject = self.subject
+        if subject.station.running and "new" in subject.names:
+            subject.mark()
+            self.change(self.configuration(), self.names, self.old_port, self.new_port)
+        super().prepare()
+
+    def change(self, config: str, names: tuple[str, ...], opened: int, closed: int) -> None:
+        """Have the daemon take another configuration."""
+        subject = self.subject
+        subject.station.write_config(config)
+        subject.names = list(names)
+        subject.reload()
+        subject.nudged(lambda: self.is_made(opened, closed),
+                       f"the change to {names}, {opened}, {closed} to be made")
+
+    def is_made(self, opened: int, closed: int) -> bool:
+        """True when what was dropped is gone, and what is new is there."""
+        subject = self.subject
+        return (is_listening(opened) and not is_listening(closed)
+                and "is being deleted" in subject.said
+                and subject.logged(subject.names[-1], b""))
+
+    def go(self) -> None:
+        self.change(self.new_configuration(), self.new_names, self.new_port, self.old_port)
+
+
+class Rotation(Phase):
+    """The log directory expires."""
+
+    table = ROTATION
+
+    def go(self) -> None:
+        self.subject.rotate()
+
+
+class Line(Phase):
+    """Consoles print a line that is logged and posted."""
+
+    table = LINE
+
+    def __init__(self, subject: FailingStation) -> None:
+        super().__init__(subject)
+        self.collector = Collector(subject.station)
+        self.earlier = b""  # from connections that the daemon has given up
+
+    def arrived(self, line: bytes) -> bool:
+        """True when the event of every console has come."""
+        if self.collector.called():
+            self.earlier += self.collector.received
+            self.collector.accept()
+        text = line.decode().replace("\n", "\\u000a").encode()
+        received = self.earlier + self.collector.received
+        return received.count(b'"message": "' + text) >= len(self.subject.names)
+
+    def go(self) -> None:
+        line = self.subject.print()
+        self.subject.until(lambda: self.arrived(line), "the events")
+
+    def close(self) -> None:
+        self.collector.shut()
+
+
+# Judgement
+
+
+def matching(row: Row, complaint: str, call: str) -> Says | None:
+    """What the row has to say of the complaint."""
+    error = os.strerror(CODES[call])
+    for says in row:
+        if says.text and texts([says.text.replace("{e}", error)]).fullmatch(complaint):
+            return says
+    return None
+
+
+class Injection:
+    """One kind of call in one phase."""
+
+    def __init__(self, phase: Phase, call: str, thread: Thread) -> None:
+        self.phase = phase
+        self.subject = phase.subject
+        self.call = call
+        key = call if thread == Thread.ANY else (call, thread)
+        self.row = phase.table[key]
+        self.thread = thread
+        grave = [says.text.replace("{e}", os.strerror(CODES[call])) for says in self.row
+                 if says.text and says.after in (After.LOST, After.HELP)]
+        self.grave = texts(grave) if grave else None
+
+    def every(self, first: int = 1, step: int = 1, most: int | None = None) -> None:
+        """Fail the call at every place that it has, until there is none left."""
+        nth = first
+        while self.fail(nth) and nth != most:
+            nth += step
+        assert nth > 1, f"{self.call} is not called at all"
+        self.phase.close()
+
+    def fail(self, nth: int) -> bool:
+        """Fail the n-th call and judge what comes of it; false when there was none."""
+        subject, calls = self.subject, self.subject.calls
+        self.phase.prepare()
+        subject.mark()
+        subject.costly = self.grave
+        calls.arm(self.call, nth, self.thread)
+        try:
+            self.endure()
+        except Ended:
+            self.judge_end(nth)
+        else:
+            self.judge_words(nth)
+        finally:
+            subject.costly = None
+            calls.disarm()
+        return calls.fired
+
+    def endure(self) -> None:
+        """Go through the phase; see that the daemon works when it is over."""
+        subject = self.subject
+        try:
+            self.phase.go()
+            if (self.call, self.thread) in WAITS:
+                subject.until(lambda: subject.calls.seen > 0, "the thread to wait")
+            subject.calls.disarm()
+            if UNSEEN[0] in self.row and subject.calls.fired and not self.complaints():
+                subject.heal()
+            subject.works()
+        except Costly:
+            subject.costly = None
+            subject.calls.disarm()
+            if any(found is not None and found.after == After.HELP for found in self.findings()):
+                subject.heal()
+            subject.works()
+        subject.costly = None
+        self.phase.afterwards()
+
+    def findings(self) -> list[Says | None]:
+        """What the row says of each complaint."""
+        return [matching(self.row, complaint, self.call) for complaint in self.complaints()]
+
+    def complaints(self) -> list[str]:
+        """What the daemon complained of, but for what it says without any fault."""
+        usual = texts(ALWAYS_SAID)
+        return [said for said in self.subject.complaints if not usual.fullmatch(said)]
+
+    def judge_end(self, nth: int) -> None:
+        """The daemon has ended: with status 1, and for a reason that it may have."""
+        subject = self.subject
+        status = subject.station.process.returncode
+        where = f"{self.call} {nth} of {self.thread.name}: {self.complaints()}"
+        assert status == 1, f"status {status}, {where}"
+        self.judge_words(nth)
+        last = [says for says in self.findings() if says.after == After.END]
+        assert last, f"it ended without a reason, {where}"
+        for says in last:
+            assert says.also in subject.said, f"{says.also!r} was not said, {where}"
+        assert EXIT_TRACE in subject.said, where
+        subject.station.process = None
+
+    def judge_words(self, nth: int) -> None:
+        """Everything that the daemon complained of is in the table."""
+        where = f"{self.call} {nth} of {self.thread.name}"
+        complaints = self.complaints()
+        for complaint, says in zip(complaints, self.findings()):
+            assert says is not None, f"{complaint!r} is not expected, {where}"
+            if says.also and says.after != After.END:
+                assert says.also in self.subject.said, f"{says.also!r} was not said, {where}"
+            if says.after == After.END:
+                assert not self.subject.station.running, f"it goes on after {complaint!r}, {where}"
+        if self.subject.calls.fired and not complaints:
+            assert any(not says.text for says in self.row), f"nothing was said, {where}"
+
+
+# Tests
+
+
+@pytest.fixture(scope="module")
+def library(tmp_path_factory):
+    """What is loaded into the daemons."""
+    return build_library(tmp_path_factory.mktemp("failing-calls"))
+
+
+@pytest.fixture
+def subject(station, library, tmp_path) -> Iterator[FailingStation]:
+    """A station whose calls can be made to fail; its daemon is ended in the usual way."""
+    with Farm(4) as farm:
+        made = FailingStation(station, farm, FailingCalls(library, tmp_path))
+        yield made
+        made.end()
+
+
+def calls_of(table: Table) -> list:
+    """The rows of a table as parameters, but for the allocations, which have tests of their own."""
+    rows = [key if isinstance(key, tuple) else (key, Thread.ANY) for key in table
+            if key != ALLOCATION]
+    return [pytest.param(*row, id=f"{row[0]}-{row[1].name.lower()}") for row in rows]
+
+
+def inject(phase: Phase, call: str, thread: Thread) -> None:
+    """Fail every call of a kind."""
+    Injection(phase, call, thread).every(most=PASSES if (call, thread) in WAITS else None)
+
+
+PARTS = 4  # in which the many allocations of a phase are tried
+
+
+@pytest.mark.parametrize("first", range(1, PARTS + 1))
+def test_an_allocation_fails_at_start_up(subject, first):
+    Injection(StartUp(subject), ALLOCATION, Thread.ANY).every(first, PARTS)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(START))
+def test_a_call_fails_at_start_up(subject, call, thread):
+    inject(StartUp(subject), call, thread)
+
+
+@pytest.mark.parametrize("first", range(1, PARTS + 1))
+def test_an_allocation_fails_while_the_files_are_read_again(subject, first):
+    Injection(Reload(subject), ALLOCATION, Thread.ANY).every(first, PARTS)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(SECURE_START))
+def test_a_call_fails_at_a_start_with_security(subject, call, thread):
+    inject(SecureStartUp(subject), call, thread)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(DETACHED_START))
+def test_a_call_fails_at_a_start_in_the_background(subject, call, thread):
+    inject(DetachedStartUp(subject), call, thread)
+
+
+@pytest.mark.parametrize("phase", [Attach, AttachByPort, Line])
+def test_an_allocation_fails(subject, phase):
+    Injection(phase(subject), ALLOCATION, Thread.ANY).every()
+
+
+@pytest.mark.parametrize("call, thread", calls_of(ATTACH))
+def test_a_call_fails_while_a_user_attaches(subject, call, thread):
+    inject(Attach(subject), call, thread)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(ATTACH_BY_PORT))
+def test_a_call_fails_while_a_user_attaches_by_port(subject, call, thread):
+    inject(AttachByPort(subject), call, thread)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(RELOAD))
+def test_a_call_fails_while_the_files_are_read_again(subject, call, thread):
+    inject(Reload(subject), call, thread)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(ROTATION))
+def test_a_call_fails_while_the_logs_rotate(subject, call, thread):
+    inject(Rotation(subject), call, thread)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(LINE))
+def test_a_call_fails_while_a_line_is_recorded(subject, call, thread):
+    inject(Line(subject), call, thread)
