@@ -119,6 +119,8 @@ int AddConfiguredConsole(char* const (&fields)[kFieldCount], ConsoleList* cons_l
   return 0;
 }
 
+// 0, or -1 when out of memory or when the file cannot be read to its end: consoles whose lines were
+// not seen must not be taken for dropped ones.
 int LoadLines(FILE* file, ConsoleList* cons_list) {
   char line[kLineSize];
   for (int line_number = 1; fgets(line, sizeof line, file) != nullptr; ++line_number) {
@@ -126,7 +128,9 @@ int LoadLines(FILE* file, ConsoleList* cons_list) {
     if (!SplitLine(line, line_number, fields)) continue;
     if (AddConfiguredConsole(fields, cons_list) != 0) return -1;
   }
-  return 0;
+  if (ferror(file) == 0) return 0;
+  zev_debug(kError, "%s: fgets() failed : %s\n", kLoad, strerror(errno));
+  return -1;
 }
 
 void PrintList(const ConsoleList& list) {

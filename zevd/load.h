@@ -5,8 +5,8 @@
 #include "locks.h"
 
 /// Reads `config_file` into `cons_list`, which is empty. A malformed line is reported and left out;
-/// a missing file ends the process. 0, or -1 when out of memory. The list is one that no other
-/// thread can see.
+/// a missing file ends the process. 0, or -1 when out of memory or when the file cannot be read to
+/// its end. The list is one that no other thread can see.
 int LoadConfigFile(ConsoleList* cons_list);
 
 /// Reads the file again and merges it. 0, or -1 with the live lists untouched.

@@ -46,6 +46,9 @@ int LoadModels(ModelList* models) {
   }
   char line[kLineSize];
   while (fgets(line, sizeof line, file) != nullptr) AddModelLine(line, models);
+  if (ferror(file) != 0) {
+    zev_debug(kError, "%s: fgets( %s, ...) failed : %s\n", __func__, kModelsFile, strerror(errno));
+  }
   fclose(file);
   if (models->count == 0) {
     zev_debug(kError, "%s: No models found in %s!!\n", __func__, kModelsFile);

@@ -125,9 +125,11 @@ FILE* OpenEventFile(const char* filename) {
 }
 
 // A directory, a pipe or a device gives no lines: some of them would give lines for ever.
-bool HasLines(FILE* file) {
+bool HasLines(FILE* file, const char* filename) {
   struct stat status {};
-  return fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode);
+  if (fstat(fileno(file), &status) == 0) return S_ISREG(status.st_mode);
+  zev_debug(kError, "%s: fstat( \"%s\", ...) failed : %s\n", kParse, filename, strerror(errno));
+  return false;
 }
 
 int ParseLines(FILE* file, const char* filename, RegExList* regex_list) {
@@ -136,6 +138,9 @@ int ParseLines(FILE* file, const char* filename, RegExList* regex_list) {
     PatternLine fields;
     if (!SplitLine(line, line_number, filename, &fields)) continue;
     if (AddPatternLine(fields, regex_list) != 0) return -1;
+  }
+  if (ferror(file) != 0) {
+    zev_debug(kError, "%s: fgets( \"%s\", ...) failed : %s\n", kParse, filename, strerror(errno));
   }
   return 0;
 }
@@ -164,8 +169,15 @@ void MakeFilter(RegExList* list) {
   if (list->filter != nullptr && !FillFilter(*list, list->filter)) DropFilter(list);
 }
 
+// The matcher itself may run out of memory.
 bool IsMatch(const RegExNode& node, const char* text) {
-  return regexec(node.comp_regex, text, 0, nullptr, 0) == 0;
+  const int error = regexec(node.comp_regex, text, 0, nullptr, 0);
+  if (error == 0 || error == REG_NOMATCH) return error == 0;
+  char reason[kTextSize];
+  regerror(error, node.comp_regex, reason, sizeof reason);
+  zev_debug(kError, "%s: regexec() failed for pattern %s : %s\n", "MatchPattern", node.pattern,
+            reason);
+  return false;
 }
 
 // The matcher alone decides; the filter only spares it the patterns that cannot match.
@@ -273,7 +285,7 @@ int ParseRegExFile(const char* filename, RegExList* regex_list) {
     zev_debug(kError, "%s: fopen( \"%s\", ...) failed : %s\n", __func__, filename, strerror(errno));
     return -1;
   }
-  const int result = HasLines(file) ? ParseLines(file, filename, regex_list) : 0;
+  const int result = HasLines(file, filename) ? ParseLines(file, filename, regex_list) : 0;
   fclose(file);
   if (result == 0) MakeFilter(regex_list);
   return result;

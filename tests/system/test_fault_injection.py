@@ -111,6 +111,8 @@ EVENTS_LOST = help_needed(
     "ParseRegExFile: NewRegExNode() failed.", "ParseRegExFile: AddRegExToList() failed.",
     "LoadEventFile: NewEventSetNode() failed.", "LoadEventFile: AddEventSetToList() failed.",
     "ParseRegExFile: regcomp() failed for pattern fresh : Memory exhausted",
+    "ParseRegExFile: fgets( \"*/events/patterns\", ...) failed : {e}",
+    "ParseRegExFile: fstat( \"*/events/patterns\", ...) failed : {e}",
     "ReloadEventFiles: LoadEventFiles() failed.",
     "MonitorConsoleOutput: ReloadEventFiles() failed.",
 )
@@ -119,6 +121,7 @@ EVENTS_WITHOUT_MEMORY = EVENTS_LOST + no_memory(
     "NewEventSetNode", "AddEventSetToList", after=After.HELP)
 
 CONSOLE_LOST = help_needed(
+    "LoadConfigFile: fgets() failed : {e}",
     "LoadConfigFile: NewConsoleNode() failed.", "LoadConfigFile: AddConsoleToList() failed.",
     "MoveConsolesToList: AddConsoleToList() failed.",
     "AddConsoleToList: NewConsoleListElem() failed.",
@@ -161,8 +164,10 @@ NEW_LOG_REFUSED = (
     + work("OpenConsolidatedLogFile: chown( *.log, ...) failed : {e}"))
 
 NO_CONFIG = end("LoadConfigFile: open() failed : {e}")
-NO_MODELS = work("LoadModels: fopen( */models, ...) failed : {e}", "LoadModels: malloc() failed : "
-                 + NO_MEMORY)
+NO_MODELS = work("LoadModels: fopen( */models, ...) failed : {e}",
+                 "LoadModels: fgets( */models, ...) failed : {e}",
+                 "LoadModels: No models found in */models!!",
+                 f"LoadModels: malloc() failed : {NO_MEMORY}")
 NO_INTERVAL = (end("GetZevdArchIntFromConfFile: fopen( \"*/qor.conf\", ...) failed : {e}")
                + end("GetZevdArchIntFromConfFile: write( \"*/qor.conf\", ...) failed : {e}")
                + end("GetZevdArchIntFromConfFile: chown( */qor.conf, ...) failed : {e}")
@@ -238,11 +243,15 @@ START: Table = {
     "closedir": SILENT,
     "fopen": NO_INTERVAL + NO_CONFIG + NO_MODELS,
     "fdopen": EVENTS_LOST,
+    "fstat": EVENTS_LOST,
+    "fgets": EVENTS_LOST + CONSOLE_LOST + NO_MODELS,
     "fclose": SILENT + NO_INTERVAL,
     "fprintf": NO_INTERVAL,
     "fflush": NO_INTERVAL,
     "getrlimit": SILENT,
     "setrlimit": SILENT,
+    "epoll_create1": SILENT,
+    "epoll_ctl": SILENT,
     "eventfd": end("Initialize: eventfd() failed : {e}"),
     "pthread_create": NO_WORKER,
     "regcomp": EVENTS_LOST,
@@ -300,6 +309,8 @@ ATTACH: Table = {
     "send": SILENT + work("ProcessUserInput: send() to console \"c0\" failed : {e}",
                           "SendConsoleOutputToUsers: send() from console \"c0\" failed : {e}"),
     ("poll", Thread.MAIN): SILENT,
+    "epoll_ctl": SILENT,
+    "epoll_wait": SILENT,
     "writev": RECORD_LOST,
     "write": SILENT,
     "read": SILENT,
@@ -322,7 +333,10 @@ RELOAD: Table = {
     "readdir": SILENT + EVENTS_LOST,
     "open": EVENTS_LOST + LOG_LOST,
     "fdopen": EVENTS_LOST,
+    "fstat": EVENTS_LOST,
+    "fgets": EVENTS_LOST + CONSOLE_LOST,
     "regcomp": EVENTS_LOST,
+    "epoll_ctl": SILENT,
     "fopen": NO_CONFIG + NO_INTERVAL,
     "getline": SILENT,
     "fclose": SILENT,
@@ -358,12 +372,14 @@ ROTATION: Table = {
     "close": SILENT,
 }
 
-EVENT_LOST = lost("PostJixEvent: JixEventCreateVa() failed : Out of memory",
+EVENT_LOST = lost("MatchPattern: regexec() failed for pattern fresh : Memory exhausted",
+                  "PostJixEvent: JixEventCreateVa() failed : Out of memory",
                   "PostJixEvent: JixVarSet() failed : Out of memory",
                   "PostJixEvent: JixEventPost() failed : *")
 
 LINE: Table = {
     ALLOCATION: EVENT_LOST + no_memory("MatchPattern", after=After.LOST),
+    "regexec": EVENT_LOST,
     ("recv", Thread.MAIN): SILENT + CONSOLE_READ_ERROR,
     ("send", Thread.MAIN): SILENT,
     "gethostname": SILENT,

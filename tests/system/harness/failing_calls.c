@@ -19,6 +19,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -179,6 +180,11 @@ FAILING(int, poll, (struct pollfd *fds, nfds_t count, int limit), (fds, count, l
 FAILING(int, ppoll,
         (struct pollfd *fds, nfds_t count, const struct timespec *limit, const sigset_t *mask),
         (fds, count, limit, mask), -1)
+FAILING(int, epoll_create1, (int flags), (flags), -1)
+FAILING(int, epoll_ctl, (int watch, int operation, int fd, struct epoll_event *event),
+        (watch, operation, fd, event), -1)
+FAILING(int, epoll_wait, (int watch, struct epoll_event *events, int most, int limit),
+        (watch, events, most, limit), -1)
 FAILING(int, eventfd, (unsigned int count, int flags), (count, flags), -1)
 FAILING(ssize_t, read, (int fd, void *data, size_t size), (fd, data, size), -1)
 FAILING(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size), -1)
