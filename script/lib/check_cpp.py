@@ -1,6 +1,8 @@
 """Static checks of every C++ source, with the flags of the build.
 
-Usage: check_cpp.py BUILD_DIRECTORY
+Usage: check_cpp.py BUILD_DIRECTORY...
+
+A source that several builds compile is checked as the first of them does.
 
 Each source must survive clang++ with warnings as errors; every build makes sure of g++. What the
 project ships is checked by clang-tidy, which gives clang++'s warnings too, and the daemon's sources
@@ -23,9 +25,10 @@ BUILD = REPOSITORY / "build"
 WARNINGS = ["-fsyntax-only", "-Wall", "-Wextra", "-Wshadow", "-Wconversion", "-Werror"]
 
 
-def compilations(build: Path) -> dict[Path, dict]:
-    """How the build compiles each source: once, though unit tests compile some again."""
-    entries = json.loads((build / "compile_commands.json").read_text())
+def compilations(builds: list[Path]) -> dict[Path, dict]:
+    """How the builds compile each source: once, though unit tests compile some again."""
+    entries = [entry for build in builds
+               for entry in json.loads((build / "compile_commands.json").read_text())]
     return {Path(entry["file"]): entry for entry in reversed(entries)}
 
 
@@ -67,14 +70,15 @@ def survives(command: list[str], directory: str) -> bool:
 
 
 def main() -> None:
-    build = Path(sys.argv[1]).resolve()
-    known = compilations(build)
-    write_database(known, build / "lint")
+    builds = [Path(build).resolve() for build in sys.argv[1:]]
+    database = builds[0] / "lint"
+    known = compilations(builds)
+    write_database(known, database)
     unknown = unknown_to(known)
     for source in unknown:
         print(f"{source.relative_to(REPOSITORY)}: not part of the build", file=sys.stderr)
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        runs = [pool.submit(survives, check(source, entry, build / "lint"), entry["directory"])
+        runs = [pool.submit(survives, check(source, entry, database), entry["directory"])
                 for source, entry in known.items()]
         failed = [run for run in runs if not run.result()]
     print(f"{len(known)} sources: {len(runs)} checks, {len(failed)} failed")
