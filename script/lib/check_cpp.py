@@ -22,14 +22,16 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 DAEMON = REPOSITORY / "zevd"
 TESTS = REPOSITORY / "tests"
 BUILD = REPOSITORY / "build"
-WARNINGS = ["-fsyntax-only", "-Wall", "-Wextra", "-Wshadow", "-Wconversion", "-Werror"]
+WARNINGS = ["-fsyntax-only", "-Wall", "-Wextra", "-Wshadow", "-Wconversion",
+            "-Wno-unknown-warning-option", "-Werror"]  # g++ has options of its own
 
 
 def compilations(builds: list[Path]) -> dict[Path, dict]:
     """How the builds compile each source: once, though unit tests compile some again."""
     entries = [entry for build in builds
                for entry in json.loads((build / "compile_commands.json").read_text())]
-    return {Path(entry["file"]): entry for entry in reversed(entries)}
+    sources = {Path(entry["file"]): entry for entry in reversed(entries)}
+    return {path: entry for path, entry in sources.items() if BUILD not in path.parents}
 
 
 def write_database(known: dict[Path, dict], directory: Path) -> None:
