@@ -40,6 +40,7 @@ void RunIdle(Context& context);
 void RunStart(Context& context);
 void RunCommand(Context& context);
 void RunReload(Context& context);
+void RunRacks(Context& context);
 void RunFaults(Context& context);
 
 /// The same measured through the daemon and through the relay.

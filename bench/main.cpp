@@ -23,6 +23,7 @@ constexpr Scenario kScenarios[] = {
     {"start", "from the start until every console is connected", bench::RunStart},
     {"command", "the command \"console\"", bench::RunCommand},
     {"reload", "SIGHUP with a long configuration", bench::RunReload},
+    {"racks", "beside thousands of consoles that hang or refuse", bench::RunRacks},
     {"faults", "somebody's echo while a peer misbehaves, and afterwards", bench::RunFaults},
 };
 

@@ -70,6 +70,20 @@ Descriptor ListenOn(uint16_t port) {
   return socket;
 }
 
+HangingPort::HangingPort() : listener_(ListenOn()) {
+  constexpr int kMoreThanTheQueueHolds = 4;
+  if (listen(listener_.get(), 0) != 0) Fail("listen");
+  const sockaddr_in address = Internet("127.0.0.1", port());
+  for (int i = 0; i < kMoreThanTheQueueHolds; ++i) {
+    callers_.push_back(NewSocket(AF_INET));
+    SetNonBlocking(callers_.back().get());
+    const auto* peer = reinterpret_cast<const sockaddr*>(&address);
+    if (connect(callers_.back().get(), peer, sizeof address) != 0 && errno != EINPROGRESS) {
+      Fail("connect");
+    }
+  }
+}
+
 uint16_t PortOf(const Descriptor& socket) {
   sockaddr_in address{};
   socklen_t length = sizeof address;

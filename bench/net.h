@@ -42,6 +42,17 @@ class Descriptor {
 Descriptor ListenOn(uint16_t port = 0);
 uint16_t PortOf(const Descriptor& socket);
 
+/// Listens on every address, and lets every call hang: its queue is full.
+class HangingPort {
+ public:
+  HangingPort();
+  uint16_t port() const { return PortOf(listener_); }
+
+ private:
+  Descriptor listener_;
+  std::vector<Descriptor> callers_;
+};
+
 /// Connected, without delay of small packets. A peer that is silent for 10 seconds fails a receive.
 /// A `receive_buffer` of 0 is the system's.
 Descriptor ConnectTo(const std::string& address, uint16_t port, int receive_buffer = 0);

@@ -74,7 +74,7 @@ struct Idleness {
   std::vector<double> memory;
 };
 
-Idleness Watch(const Context& context, const Process& process) {
+Idleness WatchIdle(const Context& context, const Process& process) {
   SleepUntil(Now() + 1);  // what the start left to do is done
   Idleness idleness;
   for (size_t i = 0; i < context.repeats(); ++i) {
@@ -89,14 +89,36 @@ Idleness Watch(const Context& context, const Process& process) {
 Idleness IdleDaemon(const Context& context, const Size& size) {
   Farm farm;
   const auto station = NewStation(context, farm, PlanOf(size));
-  Idleness idleness = Watch(context, station->daemon());
+  Idleness idleness = WatchIdle(context, station->daemon());
   station->CheckWhole();
   return idleness;
 }
 
 Idleness IdleRelay(const Context& context, const Size& size) {
   QuietPairs pairs(size.consoles);
-  return Watch(context, pairs.process());
+  return WatchIdle(context, pairs.process());
+}
+
+// Microseconds from a key to its echo, the keys 20 ms apart.
+Samples SlowEchoes(const Context& context, Typists& typists) {
+  Samples medians;
+  for (size_t i = 0; i < context.repeats(); ++i) {
+    const Samples times = typists.TypeSlowly(context.Choose<size_t>(100, 25));
+    medians.daemon.push_back(Median(times.daemon) * kMicro);
+    medians.relay.push_back(Median(times.relay) * kMicro);
+  }
+  return medians;
+}
+
+void MeasureEchoAmongIdle(Context& context, const Size& size) {
+  Farm farm;
+  RelayedFarm relayed;
+  const auto station = NewStation(context, farm, PlanOf(size));
+  Typists typists{station->Attach(0), relayed.Attach(0)};
+  const Samples echoes = SlowEchoes(context, typists);
+  station->CheckWhole();
+  context.results.Add(
+      {"idle", "keys 20 ms apart, " + Of(size), "us", echoes.daemon, echoes.relay, 0});
 }
 
 std::vector<double> PerConsole(const std::vector<double>& memory, const std::vector<double>& of_one,
@@ -129,15 +151,13 @@ double FetchSeconds(User& user, const std::string& last) {
   return Now() - start;
 }
 
-void MeasureCommand(Context& context, const Size& size) {
+// Milliseconds until "console" is answered.
+Samples TimeCommand(Context& context, const Station& station, RelayedFarm& relayed) {
   constexpr size_t kRecord = 264;
   const std::string last = "<the end>";
-  Farm farm;
-  RelayedFarm relayed;
-  const auto station = NewStation(context, farm, PlanOf(size));
-  Tool tool = station->NewTool();
+  Tool tool = station.NewTool();
   User user = relayed.Attach(0);
-  relayed.farm().SetReply(0, std::string(size.consoles * kRecord - last.size(), '.') + last);
+  relayed.farm().SetReply(0, std::string(station.consoles() * kRecord - last.size(), '.') + last);
   Samples medians;
   for (size_t i = 0; i < context.repeats(); ++i) {
     Samples times;
@@ -148,6 +168,14 @@ void MeasureCommand(Context& context, const Size& size) {
     medians.daemon.push_back(Median(times.daemon));
     medians.relay.push_back(Median(times.relay));
   }
+  return medians;
+}
+
+void MeasureCommand(Context& context, const Size& size) {
+  Farm farm;
+  RelayedFarm relayed;
+  const auto station = NewStation(context, farm, PlanOf(size));
+  const Samples medians = TimeCommand(context, *station, relayed);
   station->CheckWhole();
   context.results.Add(
       {"command", "\"console\" answered, " + Of(size), "ms", medians.daemon, medians.relay, 2});
@@ -196,13 +224,54 @@ void MeasureReload(Context& context, const Size& size) {
       {"reload", "worst echo meanwhile" + of, "ms", samples.worst.daemon, samples.worst.relay});
 }
 
+constexpr size_t kHealthy = 10;
+
+// Those that can be connected come last.
+std::vector<ConsolePlan> DeadRacks(size_t each, uint16_t hanging, uint16_t refusing) {
+  std::vector<ConsolePlan> plan(2 * each + kHealthy);
+  for (size_t i = 0; i < each; ++i) {
+    plan[2 * i].port = hanging;
+    plan[2 * i + 1].port = refusing;
+  }
+  return plan;
+}
+
 }  // namespace
+
+void RunRacks(Context& context) {
+  const auto each = context.Choose<size_t>(2'000, 100);
+  const HangingPort hanging;
+  const auto plan = DeadRacks(each, hanging.port(), FreePorts(2).back());
+  Samples times;
+  for (size_t i = 0; i < context.repeats(); ++i) {
+    Farm farm;
+    times.daemon.push_back(NewStation(context, farm, plan)->start_seconds() * kMilli);
+    times.relay.push_back(QuietPairs(kHealthy).start_seconds() * kMilli);
+  }
+  Farm farm;
+  RelayedFarm relayed;
+  const auto station = NewStation(context, farm, plan);
+  Typists typists{station->Attach(2 * each), relayed.Attach(1)};
+  const Samples answers = TimeCommand(context, *station, relayed);
+  const Samples echoes = SlowEchoes(context, typists);
+  const Idleness daemon = WatchIdle(context, station->daemon());
+  const Idleness relay = WatchIdle(context, relayed.relay().process());
+  station->CheckWhole();
+  const std::string of = ", " + std::to_string(each) + " hang, " + std::to_string(each) + " refuse";
+  context.results.Add(
+      {"racks", "start until 10 others are connected" + of, "ms", times.daemon, times.relay});
+  context.results.Add(
+      {"racks", "\"console\" answered" + of, "ms", answers.daemon, answers.relay, 2});
+  context.results.Add({"racks", "keys 20 ms apart" + of, "us", echoes.daemon, echoes.relay, 0});
+  context.results.Add({"racks", "processor" + of, "% of a core", daemon.cpu, relay.cpu, 2});
+}
 
 void RunIdle(Context& context) {
   const Size one = {1, false};
   const Idleness daemon_of_one = IdleDaemon(context, one);
   const Idleness relay_of_one = IdleRelay(context, one);
   AddIdleRows(context, one, daemon_of_one, relay_of_one);
+  MeasureEchoAmongIdle(context, {10, false});
   for (const Size& size : Sizes(context, {{1'000, false}, {kWanted, false}, {kWanted, true}})) {
     const Idleness daemon = IdleDaemon(context, size);
     const Idleness relay = IdleRelay(context, size);
@@ -210,6 +279,7 @@ void RunIdle(Context& context) {
     context.results.Add({"idle", "memory for each of " + Of(size), "KiB",
                          PerConsole(daemon.memory, daemon_of_one.memory, size.consoles),
                          PerConsole(relay.memory, relay_of_one.memory, size.consoles), 2});
+    MeasureEchoAmongIdle(context, size);
   }
 }
 

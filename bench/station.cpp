@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -65,15 +66,21 @@ Station::Station(const std::string& daemon, Farm& farm, std::vector<ConsolePlan>
   start_seconds_ = Now() - start;
 }
 
+size_t Station::Reachable() const {
+  return static_cast<size_t>(std::count_if(consoles_.begin(), consoles_.end(),
+                                           [](const ConsolePlan& plan) { return plan.port == 0; }));
+}
+
 void Station::WaitUntilConnected() {
+  const size_t reachable = Reachable();
   WaitUntil("the daemon to call every console", [&] {
     daemon_->CheckRunning();
-    return farm_.connected() >= consoles_.size() && Listens();
+    return farm_.connected() >= reachable && Listens();
   });
   Tool tool = NewTool();
   WaitUntil("every console to be connected", [&] {
     SleepUntil(Now() + kBetweenQuestions);
-    return tool.AskForConsoles().connected == consoles_.size();
+    return tool.AskForConsoles().connected == reachable;
   });
 }
 
@@ -170,8 +177,9 @@ void Station::EndHangingHelpers() {
 std::string Station::ConfigurationLine(size_t console) const {
   const ConsolePlan& plan = consoles_[console];
   const auto flag = [](bool value) { return value ? std::string(" 1") : std::string(" 0"); };
-  return NameOf(console) + " " + Farm::AddressOf(console) + " " + std::to_string(farm_.port()) +
-         " 23 " + std::to_string(plan.mapped_port) + " A200 sys1 \"Unix\"" + flag(plan.logging) +
+  return NameOf(console) + " " + Farm::AddressOf(console) + " " +
+         std::to_string(plan.port == 0 ? farm_.port() : plan.port) + " 23 " +
+         std::to_string(plan.mapped_port) + " A200 sys1 \"Unix\"" + flag(plan.logging) +
          flag(!plan.event_file.empty()) + flag(true) + flag(plan.login) + " " +
          (plan.event_file.empty() ? "\"\"" : plan.event_file) + " \n";
 }

@@ -18,16 +18,17 @@ struct ConsolePlan {
   std::string event_file;  // none when empty
   uint16_t mapped_port = 0;
   bool login = false;  // on the mapped port
+  uint16_t port = 0;   // of a console that cannot be connected; 0: the farm's
 };
 
-/// A station that runs from the construction on, all of its consoles connected.
+/// A station that runs from the construction on, all consoles of the farm connected.
 class Station {
  public:
   Station(const std::string& daemon, Farm& farm, std::vector<ConsolePlan> consoles,
           bool security = false);
 
   Process& daemon() { return *daemon_; }
-  /// Seconds from the daemon's start until every console was connected.
+  /// Seconds from the daemon's start until every console of the farm was connected.
   double start_seconds() const { return start_seconds_; }
 
   /// A user who is attached when this returns.
@@ -60,6 +61,7 @@ class Station {
  private:
   std::string ConfigurationLine(size_t console) const;
   void WriteConfiguration() const;
+  size_t Reachable() const;
   void WaitUntilConnected();
   bool Listens() const;
 
