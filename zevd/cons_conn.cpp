@@ -104,6 +104,7 @@ void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
 // For a console that found no room on its list: the next reload makes a new record of it. Nobody
 // would close what this one has open.
 void AbandonConsole(ConsoleNode* cnode) {
+  cnode->status = kNotConnected;
   if (cnode->sock != -1) close(cnode->sock.exchange(-1));
   CloseLogFile(cnode);
   if (cnode->ref_count == 0) FreeConsoleNode(cnode);  // else users who leave still point at it

@@ -161,6 +161,7 @@ struct Looks {
   unsigned for_deleted = 0;  // wakes seen when deleted consoles were looked for
   unsigned for_closed = 0;   // the same for closed ones
   bool deleted_left = true;  // some may be there still: they are freed once nobody refers to them
+  bool closed_left = false;  // the same: memory ran out while they were moved
 };
 
 bool IsDeleted(const ConsoleNode& cnode) {
@@ -193,16 +194,18 @@ void RelayOutput(DescriptorSet* fdset) {
 
 bool AnyConsoleClosed(Looks* looks) {
   const ReadLock lock(acl_lock, CallSite{kLoop, __LINE__});
-  return cons_mon_waker.WokenSince(&looks->for_closed) && cons_mon::CheckForClosedConnections();
+  const bool woken = cons_mon_waker.WokenSince(&looks->for_closed);
+  return (woken || looks->closed_left) && cons_mon::CheckForClosedConnections();
 }
 
-void MoveClosedConsoles() {
+void MoveClosedConsoles(Looks* looks) {
   {
     const WriteLockPair lock(ul_lock, acl_lock, Release::kFirstFirst, CallSite{kLoop, __LINE__});
     cons_mon::CleanUpClosedConnections();
   }
   const WriteLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, CallSite{kLoop, __LINE__});
   MoveConsolesToList(a_cons_list, i_cons_list, MoveCriterion::kNotConnected);
+  looks->closed_left = cons_mon::CheckForClosedConnections();
 }
 
 void RotateLogs() {
@@ -225,7 +228,7 @@ void MonitorConsoleOutput() {
     usleep(kPassPause);
     DeleteMarked(&looks);
     RelayOutput(&fdset);
-    if (AnyConsoleClosed(&looks)) MoveClosedConsoles();
+    if (AnyConsoleClosed(&looks)) MoveClosedConsoles(&looks);
     if (LogDirExpired() != 0) RotateLogs();
   }
 }

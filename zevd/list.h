@@ -8,6 +8,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -137,8 +138,9 @@ void Recompute(L& list) {
   }
 }
 
-/// Many changes of a list with sockets, under one hold of its lock: rebuilding after each of them
-/// would cost the square of their number. The set is stale until the batch ends.
+/// Many changes of a list with sockets, while nobody looks at its set: rebuilding after each of
+/// them would cost the square of their number. Until the batch ends the set is stale, and
+/// ForEachReady() would meet members that are gone. What guards the set is held for as long.
 template <typename L>
 class ListBatch {
  public:
@@ -153,14 +155,17 @@ class ListBatch {
   L& list_;
 };
 
-/// Gives a list, still empty, a watch. Without memory or descriptors it does without one. Before
-/// the threads start.
+/// Gives a list, still empty, a watch. Without memory or descriptors, which is reported, it does
+/// without one. Before the threads start.
 template <typename L>
 void WatchMembers(L* list) {
   auto* watch = new (std::nothrow) ListWatch<typename L::Element>;
-  if (watch != nullptr && watch->Open()) {
+  if (watch == nullptr) {
+    ReportOutOfMemory(__func__);
+  } else if (watch->Open()) {
     list->watch = watch;
   } else {
+    zev_debug(kError, "%s: epoll_create1() failed : %s\n", __func__, strerror(errno));
     delete watch;
   }
 }
@@ -171,16 +176,17 @@ SocketWatch* WatchOf(const L* list) {
   return list->watch;
 }
 
-/// To be called before a member's socket is closed while the member is still on the list.
+/// To be called before a socket is closed whose member is on the list, or was taken off it in a
+/// batch that has not ended; see SocketWatch::Forget().
 template <typename L>
 void ForgetSocket(L& list, int sock) {
   if (list.watch != nullptr) list.watch->Forget(sock);
 }
 
-/// Calls `visit` with every node whose socket is in `ready`, from head to tail. `visit` unlinks no
-/// other node than its own.
+/// Calls `visit` with every node whose socket is in `ready`, from head to tail. `visit` neither
+/// adds nor unlinks. The list's lock is held for writing.
 template <typename L, typename Visit>
-void ForEachReady(const L& list, const DescriptorSet& ready, Visit visit) {
+void ForEachReady(L& list, const DescriptorSet& ready, Visit visit) {
   const auto visit_if_ready = [&](auto* node) {
     if (ready.Contains(node->sock)) visit(node);
   };

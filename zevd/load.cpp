@@ -236,6 +236,7 @@ class AddressTable {
   ConsoleNode* Find(const ConsoleNode& cnode) const { return SlotOf(cnode); }
 
  private:
+  // A list's own count is that of all that were ever read into it.
   static size_t Length(const ConsoleList& list) {
     size_t length = 0;
     for ([[maybe_unused]] const ConsoleNode* cnode : Nodes(list)) ++length;

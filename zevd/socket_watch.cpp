@@ -4,6 +4,9 @@
 #include <sys/select.h>
 
 #include <cerrno>
+#include <cstring>
+
+#include "error.h"
 
 namespace {
 
@@ -54,8 +57,9 @@ void SocketWatch::Control(int operation, int sock) {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.fd = sock;
-  const int result = epoll_ctl(descriptor_, operation, sock, &event);
-  if (result != 0 && operation == EPOLL_CTL_ADD) usable_ = false;
+  if (epoll_ctl(descriptor_, operation, sock, &event) == 0 || operation != EPOLL_CTL_ADD) return;
+  zev_debug(kError, "%s: epoll_ctl() failed : %s\n", "Follow", strerror(errno));
+  usable_ = false;
 }
 
 void SocketWatch::Follow(const DescriptorSet& sockets) {
@@ -66,7 +70,9 @@ void SocketWatch::Follow(const DescriptorSet& sockets) {
   sockets.ForEach([&](int sock) {
     if (!watched_.Contains(sock)) Control(EPOLL_CTL_ADD, sock);
   });
-  if (!watched_.CopyFrom(sockets)) usable_ = false;
+  if (watched_.CopyFrom(sockets)) return;
+  ReportOutOfMemory(__func__);
+  usable_ = false;
 }
 
 void SocketWatch::Forget(int sock) {

@@ -26,8 +26,8 @@ class SocketWatch {
   /// Before the threads start. False when the system has no descriptor left (errno tells).
   [[nodiscard]] bool Open();
 
-  /// False when the kernel took no watch, or not every member: then every member is asked. Any
-  /// thread.
+  /// False when the kernel took no watch, or not every member, which is reported: from then on
+  /// every member is asked. Any thread.
   bool usable() const { return usable_; }
 
   /// The watch's own descriptor, readable while a member is.
@@ -36,12 +36,14 @@ class SocketWatch {
   /// From now on the members are `sockets`, all open. The list's lock is held for writing.
   void Follow(const DescriptorSet& sockets);
 
-  /// To be called before a member's socket is closed, so that its number can come back as another
-  /// socket of the same list. The list's lock is held for writing.
+  /// To be called before a socket is closed that the watch may have. The kernel goes on telling of
+  /// it while anybody has another descriptor of it, a child that is being started for one; and its
+  /// number can come back as another socket of the same list. The list's lock is held for writing.
   void Forget(int sock);
 
   /// Takes from `set` what is not readable now. Returns the number of those that stay, at most
-  /// kMostAtOnce; who is left out is told of in the next calls. The waiting thread only.
+  /// kMostAtOnce; who is left out is told of in the next calls, before those who were told of come
+  /// again. The waiting thread only.
   int KeepReadable(DescriptorSet& set) const;
 
   /// For the waiting thread's own use: what it hands to select().
@@ -72,7 +74,8 @@ class SocketIndex {
 
   void Clear();
 
-  /// `sock` is one that there is room for. The first element set for a socket stays.
+  /// `sock` is one that there is room for. Should two members have the same socket, the first one
+  /// set stays.
   void Set(int sock, Elem* elem);
 
   /// Calls `visit` with the elements of those sockets, in list order.
@@ -86,9 +89,10 @@ class SocketIndex {
 };
 
 /// Waits until a member of `set` (descriptors 0 to `high_sock`) is readable, `waker` is woken or
-/// `timeout` is over; select() leaves the unslept time in `timeout`. Afterwards `set` holds
-/// readable members only. Returns their number, the waker not counted, or -1 with errno set. A
-/// usable `watch` has all members of `set`; null: every member is asked.
+/// `timeout` is over; select() leaves the unslept time in `timeout`. Returns the number of readable
+/// members, the waker not counted, 0 also without memory, or -1 with errno set; when it is above 0,
+/// `set` holds exactly those. A usable `watch` has all members of `set`; null: every member is
+/// asked.
 int WaitForMembers(int high_sock, DescriptorSet& set, const Waker& waker, timeval* timeout,
                    SocketWatch* watch = nullptr);
 

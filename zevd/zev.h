@@ -41,7 +41,8 @@ extern UserList* const user_list PT_GUARDED_BY(ul_lock);        ///< every attac
 extern CommandList* const cmd_list PT_GUARDED_BY(cmd_lock);     ///< command connections
 extern EventSetList* const ev_list;  ///< changed before the threads start, or with both console
                                      ///< list locks held
-/// Changed by the user_conn thread alone, with pending_logins_mutex held.
+/// Changed by the user_conn thread alone, the elements with pending_logins_mutex held; the set, the
+/// index and the watch are that thread's own.
 extern MappedPortList* const mapped_port_list;
 extern ModelList model_list;  ///< filled before the threads start, then only read
 

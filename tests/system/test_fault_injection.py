@@ -142,7 +142,8 @@ PORT_WITHOUT_MEMORY = PORT_LOST + no_memory(
     "NewMappedPortNode", "NewMappedPortListElem", "AddMappedPortToList", after=After.HELP)
 
 WAITS_WITHOUT_MEMORY = no_memory("WaitForConnectionRequests", "MonitorConsoleOutput",
-                                 "MonitorUserInput", "MonitorCommands")
+                                 "MonitorUserInput", "MonitorCommands", "Follow", "WatchMembers")
+UNWATCHED = work("Follow: epoll_ctl() failed : {e}")
 
 LOG_LOST = help_needed(
     "OpenLogFile: open() failed for \"*.log\" : {e}",
@@ -250,8 +251,8 @@ START: Table = {
     "fflush": NO_INTERVAL,
     "getrlimit": SILENT,
     "setrlimit": SILENT,
-    "epoll_create1": SILENT,
-    "epoll_ctl": SILENT,
+    "epoll_create1": work("WatchMembers: epoll_create1() failed : {e}"),
+    "epoll_ctl": SILENT + UNWATCHED,
     "eventfd": end("Initialize: eventfd() failed : {e}"),
     "pthread_create": NO_WORKER,
     "regcomp": EVENTS_LOST,
@@ -309,7 +310,7 @@ ATTACH: Table = {
     "send": SILENT + work("ProcessUserInput: send() to console \"c0\" failed : {e}",
                           "SendConsoleOutputToUsers: send() from console \"c0\" failed : {e}"),
     ("poll", Thread.MAIN): SILENT,
-    "epoll_ctl": SILENT,
+    "epoll_ctl": SILENT + UNWATCHED,
     "epoll_wait": SILENT,
     "writev": RECORD_LOST,
     "write": SILENT,
@@ -336,7 +337,7 @@ RELOAD: Table = {
     "fstat": EVENTS_LOST,
     "fgets": EVENTS_LOST + CONSOLE_LOST,
     "regcomp": EVENTS_LOST,
-    "epoll_ctl": SILENT,
+    "epoll_ctl": SILENT + UNWATCHED,
     "fopen": NO_CONFIG + NO_INTERVAL,
     "getline": SILENT,
     "fclose": SILENT,

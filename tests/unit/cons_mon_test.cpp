@@ -834,6 +834,35 @@ TEST_F(ConsoleMonitorDeathTest, LoopRelaysDeletesMovesAndParks) {
   EXPECT_HOLDS_IN_CHILD(ExpectPassesToTakePlace(console_, AddUser("anna")));
 }
 
+// Whatever allocation fails in the first pass: the console that finds no room is lost, and the
+// others are moved in the second one although nobody wakes the loop again. It runs in the only
+// thread of a child, where every pass begins with a sleep.
+void ExpectOthersToBeMoved(const std::vector<int>& peers, int failing) {
+  for (const int peer : peers) shutdown(peer, SHUT_WR);
+  test::FakeClock clock;
+  std::optional<test::FailAllocation> failure;
+  int passes = 0;
+  clock.OnSleep([&](useconds_t) {
+    if (passes++ == 0) failure.emplace(failing);
+    if (passes < 3) return;
+    EXPECT_TRUE(failure->reached());
+    EXPECT_EQ(a_cons_list->count, 0);
+    EXPECT_GE(i_cons_list->count, static_cast<int>(peers.size()) - 1);
+    test::EndChild();
+  });
+  MonitorConsoleOutput();
+}
+
+TEST_F(ConsoleMonitorDeathTest, ConsolesThatCloseTogetherAreMovedWhateverAllocationFails) {
+  constexpr int kAllocations = 4;  // of the copied set, and of an element for each
+  const Attached<ConsoleNode> second = ConnectConsole("second");
+  const Attached<ConsoleNode> third = ConnectConsole("third");
+  const std::vector<int> peers = {console_.peer.get(), second.peer.get(), third.peer.get()};
+  for (int failing = 1; failing <= kAllocations; ++failing) {
+    EXPECT_HOLDS_IN_CHILD(ExpectOthersToBeMoved(peers, failing));
+  }
+}
+
 // ---- A reload in the loop -----------------------------------------------------------------------
 
 constexpr useconds_t kPausePoll = 100;  // the other pauses of a pass are longer

@@ -1,6 +1,7 @@
 #include "socket_watch.h"
 
 #include <fcntl.h>
+#include <poll.h>
 
 #include <cerrno>
 
@@ -152,6 +153,20 @@ TEST_F(WatchTest, ANumberThatComesBackIsWatchedAgain) {
   EXPECT_THAT(Ready(), ElementsAre(1));
 }
 
+// As a child has them all between fork and exec.
+TEST_F(WatchTest, AForgottenSocketIsSilentWhileAnotherDescriptorOfItLives) {
+  AppendAll();
+  Print(0);
+  const test::Descriptor other(dup(nodes_[0].sock));
+  ForgetSocket(list_, nodes_[0].sock);
+  pairs_[3].ours.Reset();
+  nodes_[0].sock = -1;
+  Remove(nodes_[0]);
+  EXPECT_THAT(Ready(), IsEmpty());
+  pollfd watch = {list_.watch->descriptor(), POLLIN, 0};
+  EXPECT_EQ(poll(&watch, 1, 0), 0);
+}
+
 TEST_F(WatchTest, ForgettingAStrangerChangesNothing) {
   Append(nodes_[0]);
   ForgetSocket(list_, nodes_[1].sock);
@@ -230,7 +245,10 @@ TEST_F(WatchTest, EveryMemberIsAskedOnceOneCannotBeWatched) {
   Append(nodes_[0]);
   {
     const test::FailCall failure(test::Call::kEpollCtl, ENOSPC);
+    const test::DebugCapture capture(0);
     Append(nodes_[1]);
+    EXPECT_THAT(capture.Messages(),
+                ElementsAre("Follow: epoll_ctl() failed : No space left on device\n"));
   }
   EXPECT_FALSE(list_.watch->usable());
   Append(nodes_[2]);
@@ -249,12 +267,18 @@ TEST(UnwatchedListTest, AListDoesWithoutAWatch) {
   NodeList list;
   {
     const test::FailCall failure(test::Call::kEpollCreate, EMFILE);
+    const test::DebugCapture capture(0);
     WatchMembers(&list);
+    EXPECT_THAT(capture.Messages(),
+                ElementsAre("WatchMembers: epoll_create1() failed : Too many open files\n"));
   }
   EXPECT_EQ(list.watch, nullptr);
+  const test::DebugCapture capture(0);
   const test::FailAllocation failure(1);
   WatchMembers(&list);
   EXPECT_EQ(list.watch, nullptr);
+  EXPECT_EQ(test::Reports(capture.Messages()).at(0),
+            "WatchMembers: malloc() failed : Cannot allocate memory\n");
   EXPECT_EQ(WatchOf(&list), nullptr);
 }
 
