@@ -10,7 +10,7 @@ from harness.commands import Tool
 from harness.consoles import FakeConsole
 from harness.farm import Crowd, Farm, hanging_port, most_consoles, receive
 from harness.peers import OFFERS
-from harness.scenes import Usage, assert_flat, connected
+from harness.scenes import Usage, assert_flat, attach_when_accessible, connected
 from harness.station import console_line
 from harness.waiting import free_port, wait_until
 
@@ -51,11 +51,10 @@ def test_thousands_of_consoles_each_with_a_port_and_a_log(station):
         wait_until(lambda: b"one line\n" in last.read_bytes(), what="the last console's log")
         wait_until(lambda: sum(b" one line\n" in (logs / f"{name}.log").read_bytes()
                                for name in farm.names) == count, 30, "the line in every log")
-        with Crowd(station) as crowd:
-            user = crowd.come(farm.names[count // 2])
-            receive(user, OFFERS)
-            user.sendall(b"typed")
-            receive(user, b"typed")
+        user = attach_when_accessible(station, farm.names[count // 2])
+        user.send(b"typed")
+        user.expect(b"typed")
+        user.close()
         # One console more; nobody loses a connection.
         more = station.console("more")
         write_farm(station, farm, console_line("more", more.port))
@@ -131,11 +130,10 @@ def test_racks_without_power_harm_nobody(station):
 
         wait_until(settled, 30, "ten connected, the others refused and connecting")
         for number, console in enumerate(healthy):
-            with Crowd(station) as crowd:
-                user = crowd.come(f"up{number}")
-                receive(user, OFFERS)
-                user.sendall(b"typed")
-                console.expect(b"typed")
+            user = attach_when_accessible(station, f"up{number}")
+            user.send(b"typed")
+            console.expect(b"typed")
+            user.close()
         station.signal(signal.SIGHUP)
         wait_until(lambda: states(tool).count("0") == 10, what="the consoles after a reload")
         assert not any(console.called() for console in healthy)
