@@ -31,24 +31,27 @@ _BETWEEN_PAUSES = 10  # consoles
 
 @dataclass
 class LogFile:
-    """One log, and how far it has been read."""
+    """One log, and how far its records have been handed on.
+
+    What is behind them is read anew each time: on a full disk a piece of a record may be seen
+    before the daemon takes it back.
+    """
 
     directory: int
     generation: int
     path: str
     pattern: re.Pattern[bytes]
-    taken: int = 0
+    handed: int = 0
     rest: bytes = b""
 
     def read(self, size: int) -> None:
         """Take in what was written up to this size."""
-        if size <= self.taken:
+        self.rest = b""
+        if size <= self.handed:
             return
         with open(self.path, "rb") as file:
-            file.seek(self.taken)
-            fresh = file.read(size - self.taken)
-        self.taken += len(fresh)
-        self.rest += fresh
+            file.seek(self.handed)
+            self.rest = file.read(size - self.handed)
 
     def records(self, ended: bool) -> Iterator[tuple[re.Match[bytes], bytes]]:
         """The complete records that have been read: what precedes each, and its bytes.
@@ -56,6 +59,8 @@ class LogFile:
         The last one is complete when it has a line end, or when nothing can follow it.
         """
         heads = list(self.pattern.finditer(self.rest))
+        if not heads and not ended and b"\n" not in self.rest:
+            return
         if self.rest and (not heads or heads[0].start() != 0):
             raise ValueError(f"{self.path} has no stamp before {self.rest[:100]!r}")
         ends = [head.start() for head in heads[1:]] + [len(self.rest)]
@@ -66,7 +71,7 @@ class LogFile:
                 break
             done = end
             yield head, content
-        self.rest = self.rest[done:]
+        self.handed += done
 
 
 class LogReader:
@@ -89,12 +94,11 @@ class LogReader:
         # What is in the consolidated log by now is in the others when these are read afterwards.
         everybodys = found.pop(-1, [])
         sizes = self._sizes(everybodys)
-        for number, console in enumerate(sorted(found)):
-            if number % _BETWEEN_PAUSES == 0:
-                await asyncio.sleep(0)
-            with contextlib.suppress(FileNotFoundError):  # moved just now; next time
+        with contextlib.suppress(FileNotFoundError):  # moved or renamed just now; next time
+            for number, console in enumerate(sorted(found)):
+                if number % _BETWEEN_PAUSES == 0:
+                    await asyncio.sleep(0)
                 self._read_console(console, found[console], final)
-        with contextlib.suppress(FileNotFoundError):
             self._read_everybodys(everybodys, sizes, final)
         self._tidy()
 

@@ -20,6 +20,7 @@ import sys
 import tempfile
 import time
 from pathlib import Path
+from typing import Coroutine
 
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "system"))
@@ -123,16 +124,14 @@ class Soak:
         print(f"soak: {self._clock()} all {len(self._consoles)} consoles are connected; "
               f"{self._idle[0]} descriptors, {self._idle[1]} threads", flush=True)
         self._begin = time.time()
-        background = [asyncio.create_task(work) for work in (
+        background = [asyncio.create_task(self._work(work)) for work in (
             self._report(), self._read_logs(), self._warm_up(), self._measure_own_lag(),
             *map(self._use_tool, range(3)))]
         await self._follow_plan()
         await self._come_to_rest()
         for task in background:
             task.cancel()
-        for result in await asyncio.gather(*background, return_exceptions=True):
-            if isinstance(result, Exception):
-                self.fail(f"{result!r}")
+        await asyncio.gather(*background, return_exceptions=True)
         for tool in self._tools:
             tool.close()
         await self._close_the_books()
@@ -141,6 +140,13 @@ class Soak:
         for console in self._consoles:
             console.shut()
         await self._collector.die()
+
+    async def _work(self, work: Coroutine[None, None, None]) -> None:
+        """Do something beside the plan; should it end in an error, that is said at once."""
+        try:
+            await work
+        except Exception as error:
+            self.fail(f"{error!r}")
 
     # The beginning
 

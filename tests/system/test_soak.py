@@ -1,6 +1,7 @@
 """The books that the soak keeps: what it accepts as the log of what was printed, and what not."""
 
 import asyncio
+import os
 import sys
 from pathlib import Path
 
@@ -11,7 +12,7 @@ from harness.settings import REPOSITORY
 sys.path.insert(0, str(REPOSITORY / "tests" / "soak"))
 
 from ledger import CHUNK, RECORD, Counts, Ledger  # noqa: E402  (found through the line above)
-from log_reader import LogReader  # noqa: E402
+from log_reader import LogFile, LogReader  # noqa: E402
 from plan import plan  # noqa: E402
 from windows import Windows  # noqa: E402
 
@@ -322,6 +323,36 @@ def test_logs_are_followed_through_names_and_places(logs):
     logs.dated.rename(logs.dated.with_name("zev.dated.moved1"))
     logs.write("one", "c1r1.log", "c\n")
     assert logs.read()[1:] == [(1, b"b\n"), (1, b"c\n")]
+
+
+def test_a_piece_that_is_taken_back_is_no_record(logs):
+    logs.write("one", "c1.log", "a\n")
+    path = logs.dated / "one" / "c1.log"
+    whole = path.stat().st_size
+    for piece in ("26/01/0", "26/01/02_03:04:05 some"):
+        with open(path, "a", encoding="ascii") as log:
+            log.write(piece)
+        assert logs.read() in ([], [(1, b"a\n")])
+        os.truncate(path, whole)
+        assert logs.read() == [(1, b"a\n")]
+    logs.write("one", "c1.log", "b\n")
+    assert logs.read() == [(1, b"a\n"), (1, b"b\n")]
+
+
+def test_the_consolidated_log_waits_for_a_log_that_was_just_renamed(logs, monkeypatch):
+    logs.write("one", "c1.log", "a\n")
+    logs.write("one", "consolidated.log", "c1 a\n")
+    with monkeypatch.context() as patched:
+        patched.setattr(LogFile, "read", _renamed_just_now)
+        assert logs.read() == []
+    assert logs.everybodys == []
+    assert logs.read() == [(1, b"a\n")]
+    assert logs.everybodys == [(1, b"a\n")]
+
+
+def _renamed_just_now(log: LogFile, _size: int) -> None:
+    if not log.path.endswith("consolidated.log"):
+        raise FileNotFoundError(log.path)
 
 
 def test_the_consolidated_log_names_the_console(logs):
