@@ -483,6 +483,7 @@ void* ConsoleConnectionsThreadStart(void* /*unused*/) {
   RegisterThread("cons_conn");
   ENTERING();
   BlockSignal(SIGTERM);
+  ShareWakeUps();
   for (;;) {
     ParkIfAsked(kPauseConsConn);
     usleep(kPassPause);

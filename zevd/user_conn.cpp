@@ -612,6 +612,7 @@ void* UserConnectionsThreadStart(void* /*unused*/) {
   RegisterThread("user_conn");
   ENTERING();
   BlockSignal(SIGTERM);
+  ShareWakeUps();
   SetupMappedPorts();
   WaitForConnectionRequests();
 }

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <getopt.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -211,6 +212,11 @@ void CreateThread(pthread_t* thread, pthread_attr_t* attr, void* (*start)(void*)
 }
 
 }  // namespace
+
+void ShareWakeUps() {
+  constexpr unsigned long kLater = 500'000;  // nanoseconds
+  prctl(PR_SET_TIMERSLACK, kLater, 0, 0, 0);
+}
 
 void ParkIfAsked(unsigned bit) {
   constexpr useconds_t kStep = 100;  // microseconds

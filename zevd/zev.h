@@ -59,6 +59,12 @@ enum PauseBit : unsigned {
 extern std::atomic<unsigned> thread_waitreq_mask;  ///< written by the console output monitor
 extern std::atomic<unsigned> thread_waiting_mask;  ///< each bit written by its own thread
 
+/// Lets the kernel wake the calling thread half a millisecond later than it asked to be, together
+/// with others (prctl(2), PR_SET_TIMERSLACK). For threads that only look round, 2000 times a
+/// second: a timer interrupt of its own for each of their pauses is most of what an idle station
+/// costs.
+void ShareWakeUps();
+
 /// Top of a long-lived thread's loop: stands still while the thread's bit is requested.
 void ParkIfAsked(unsigned bit);
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -343,6 +344,18 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ArchiveTime{"24855", 2147472000}, ArchiveTime{"24856", -2147408896},
                       ArchiveTime{"100000d", 50065408}, ArchiveTime{"7101w", -282496},
                       ArchiveTime{"2147483647m", -60}, ArchiveTime{"-2147483648w", 0}));
+
+// ---- Wake-ups -----------------------------------------------------------------------------------
+
+TEST(WakeUpTest, OfTheCallingThreadAloneMayComeHalfAMillisecondLater) {
+  const int before = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
+  std::thread([] {
+    ShareWakeUps();
+    EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), 500'000);
+  }).join();
+  EXPECT_NE(before, 500'000);
+  EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), before);
+}
 
 // ---- ParkIfAsked --------------------------------------------------------------------------------
 
