@@ -514,15 +514,16 @@ class Attach(Phase):
         subject = self.subject
         key = subject.fresh()
         caller = Caller(subject, self.port())
-        caller.say(self.line_sent)
-        subject.until(lambda: caller.has(b"-") and caller.ended or "Connected user" in subject.said,
-                      "the user to be attached or refused")
-        caller.say(key + b"\n")
-        subject.until(lambda: caller.has(key), "the key to come back")
-        if caller.ended:
-            words = caller.received.removeprefix(OFFERS).replace(greeting("c0"), b"")
-            assert words in (b"", key + b"\n", ERRORS[13], ERRORS[8])
-        caller.socket.close()
+        with contextlib.closing(caller.socket):
+            caller.say(self.line_sent)
+            subject.until(
+                lambda: caller.has(b"-") and caller.ended or "Connected user" in subject.said,
+                "the user to be attached or refused")
+            caller.say(key + b"\n")
+            subject.until(lambda: caller.has(key), "the key to come back")
+            if caller.ended:
+                words = caller.received.removeprefix(OFFERS).replace(greeting("c0"), b"")
+                assert words in (b"", key + b"\n", ERRORS[13], ERRORS[8])
         subject.until(subject.users_are_gone, "the user to be gone")
 
 
