@@ -31,6 +31,7 @@ ALWAYS_SAID = (
     "ConnectToJix: JixConnCreate() failed : Cannot connect to the event manager",
     "SendConsoleOutputToUsers: send() from console \"*\" failed : Broken pipe",
     "SendConsoleOutputToUsers: send() from console \"*\" failed : Connection reset by peer",
+    "SendConsoleOutputToUsers: send() from console \"*\" failed : Bad address",  # to the next user
     "ProcessUserInput: recv() returned -1 : Connection reset by peer",
 )
 NO_MEMORY = "Cannot allocate memory"
