@@ -205,18 +205,18 @@ bool HasSameAddress(const ConsoleNode& one, const ConsoleNode& other) {
   return one.cons_port == other.cons_port && strcmp(one.ipaddr, other.ipaddr) == 0;
 }
 
-/// The live consoles by address and port: comparing every configured console with every live one
+}  // namespace
+
+/// A list's consoles by address and port: comparing every configured console with every live one
 /// would take seconds for ten thousand, with all consoles waiting. Open addressing, never more than
 /// half full.
 class AddressTable {
  public:
-  /// Holds the consoles of the first two lists, and has room for those of the third.
-  AddressTable(const ConsoleList& first, const ConsoleList& second, const ConsoleList& to_come) {
-    const size_t most = Length(first) + Length(second) + Length(to_come);
-    slot_count_ = std::bit_ceil(2 * most + 1);
-    slots_ = new (std::nothrow) ConsoleNode* [slot_count_] {};
-    for (ConsoleNode* cnode : Nodes(first)) Add(cnode);
-    for (ConsoleNode* cnode : Nodes(second)) Add(cnode);
+  /// Holds the consoles of `list`, and has room for `to_come` more.
+  AddressTable(const ConsoleList& list, size_t to_come)
+      : slot_count_(std::bit_ceil(2 * (Length(list) + to_come) + 1)),
+        slots_(new (std::nothrow) ConsoleNode* [slot_count_] {}) {
+    for (ConsoleNode* cnode : Nodes(list)) Add(cnode);
   }
   ~AddressTable() { delete[] slots_; }
   AddressTable(const AddressTable&) = delete;
@@ -235,14 +235,14 @@ class AddressTable {
   /// The console with the same address and port, or null.
   ConsoleNode* Find(const ConsoleNode& cnode) const { return SlotOf(cnode); }
 
- private:
-  // A list's own count is that of all that were ever read into it.
+  /// A list's own count is that of all that were ever read into it.
   static size_t Length(const ConsoleList& list) {
     size_t length = 0;
     for ([[maybe_unused]] const ConsoleNode* cnode : Nodes(list)) ++length;
     return length;
   }
 
+ private:
   // The slot with the console of that address and port, or the empty one that it would go to.
   ConsoleNode*& SlotOf(const ConsoleNode& cnode) const {
     const size_t mask = slot_count_ - 1;
@@ -251,24 +251,9 @@ class AddressTable {
     return slots_[at];
   }
 
-  ConsoleNode** slots_ = nullptr;
-  size_t slot_count_ = 0;
+  size_t slot_count_;
+  ConsoleNode** slots_;
 };
-
-// False when no live console has that address and port. Those of i_cons_list come first.
-bool UpdateLiveConsole(const ConsoleNode& configured, const AddressTable& live)
-    REQUIRES(acl_lock, icl_lock) {
-  if (!live.usable()) {
-    return UpdateConsole(&configured, i_cons_list) == 1 ||
-           UpdateConsole(&configured, a_cons_list) == 1;
-  }
-  zev_debug(kTrace, "Entering %s\n", "UpdateConsole");  // which does the same without the table
-  ConsoleNode* found = live.Find(configured);
-  if (found != nullptr) Overwrite(configured, found);
-  return found != nullptr;
-}
-
-}  // namespace
 
 int LoadConfigFile(ConsoleList* cons_list) {
   ENTERING();
@@ -308,14 +293,18 @@ void MergeConsoleLists(ConsoleList* new_list) {
   ENTERING();
   MarkConsolesAsDeleted(i_cons_list);
   MarkConsolesAsDeleted(a_cons_list);
-  AddressTable live(*i_cons_list, *a_cons_list, *new_list);
+  AddressTable inaccessible(*i_cons_list, AddressTable::Length(*new_list));
+  const AddressTable accessible(*a_cons_list, 0);
   const ListBatch leaving(*new_list);
   const ListBatch joining(*i_cons_list);
   for (ConsoleNode* cnode : Nodes(*new_list)) {
-    if (UpdateLiveConsole(*cnode, live)) continue;
+    if (UpdateConsole(cnode, i_cons_list, &inaccessible) == 1 ||
+        UpdateConsole(cnode, a_cons_list, &accessible) == 1) {
+      continue;
+    }
     RemoveConsoleFromList(cnode, new_list);
     if (AddConsoleToList(cnode, i_cons_list) == 0) {
-      live.Add(cnode);
+      inaccessible.Add(cnode);
     } else {
       FreeConsoleNode(cnode);
     }
@@ -328,10 +317,13 @@ void MarkConsolesAsDeleted(ConsoleList* cons_list) {
   cons_mon_waker.Wake();
 }
 
-int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list) {
+int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list, const AddressTable* table) {
   ENTERING();
-  ConsoleNode* live = FindNode(
-      *cons_list, [&](const ConsoleNode& candidate) { return HasSameAddress(candidate, *cnode); });
+  ConsoleNode* live = table != nullptr && table->usable()
+                          ? table->Find(*cnode)
+                          : FindNode(*cons_list, [&](const ConsoleNode& candidate) {
+                              return HasSameAddress(candidate, *cnode);
+                            });
   if (live == nullptr) return 0;
   Overwrite(*cnode, live);
   return 1;

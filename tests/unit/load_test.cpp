@@ -791,8 +791,8 @@ TEST_F(ReloadTest, ListThatCannotBeMadeIsReported) {
 TEST_F(ReloadTest, NewConsoleThatCannotBeAddedIsLost) {
   AddAt(i_cons_list, "a", 1);
   test::WriteFile(kConfig, Line("a", 1) + Line("lost", 2) + Line("new", 3));
-  constexpr int kTable = 2 + 3 * 3 + 1;  // the list, three consoles, the table of live consoles
-  const test::FailAllocation failure(kTable + 1);
+  constexpr int kTables = 2 + 3 * 3 + 2;  // the list, three consoles, the tables of live consoles
+  const test::FailAllocation failure(kTables + 1);
   EXPECT_EQ(ReloadConfigFile(), 0);
   EXPECT_TRUE(failure.reached());
   EXPECT_THAT(test::Names(*i_cons_list), ElementsAre("a", "new"));
@@ -802,9 +802,9 @@ TEST_F(ReloadTest, NewConsoleThatCannotBeAddedIsLost) {
 // come first, and a new one is found by the lines after it.
 class MergeOrderTest : public ReloadTest {
  protected:
-  // Allocation number `failing` of the reload fails. The one after the list and five consoles is
-  // that of the table.
-  static constexpr int kTable = 2 + 5 * 3 + 1;
+  // Allocation number `failing` of the reload fails. Those after the list and five consoles are
+  // that of the table for i_cons_list and that of the one for a_cons_list.
+  static constexpr int kFirstTable = 2 + 5 * 3 + 1;
   static constexpr int kNone = test::FailAllocation::kForEver;
 
   static void ReloadAndCheck(int failing) {
@@ -832,8 +832,12 @@ TEST_F(MergeOrderTest, TheTableFindsTheFirst) {
   ReloadAndCheck(kNone);
 }
 
-TEST_F(MergeOrderTest, ComparingOneByOneFindsTheSame) {
-  ReloadAndCheck(kTable);
+TEST_F(MergeOrderTest, ComparingInaccessibleConsolesOneByOneFindsTheSame) {
+  ReloadAndCheck(kFirstTable);
+}
+
+TEST_F(MergeOrderTest, ComparingAccessibleConsolesOneByOneFindsTheSame) {
+  ReloadAndCheck(kFirstTable + 1);
 }
 
 TEST_F(ReloadTest, MergeTellsManyConsolesOfOneAddressApart) {
