@@ -4,7 +4,6 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
-#include <iostream>
 #include <memory>
 #include <thread>
 
@@ -101,11 +100,11 @@ ExitStatus Attachment::AttachOnce() {
   known_ = true;
   told_.clear();
   const SessionResult result = RunSession(std::move(opening), session_);
-  if (result.mid_line && isatty(STDOUT_FILENO) == 1) std::cerr << "\n";
+  if (result.mid_line && isatty(STDOUT_FILENO) == 1) Announce("");
   if (result.end == SessionEnd::kSignal) EndBySignal(result.signal);
   if (result.end == SessionEnd::kTerminated) throw Terminated(Printable(options_.console));
   if (result.end == SessionEnd::kClosed) throw Closed(Printable(options_.console));
-  std::cerr << "Left " << Printable(options_.console) << ".\n";
+  Announce("Left " + Printable(options_.console) + ".");
   return ExitStatus::kOk;
 }
 
@@ -125,9 +124,10 @@ bool Attachment::MayPass(const Refused& refused) {
 
 void Attachment::TellOnce(const std::string& reason) {
   if (reason == told_) return;
-  std::cerr << "zevctl: " << reason << "\n";
+  Warn(reason);
   if (told_.empty()) {
-    std::cerr << "Trying again every " << kRetryPause.count() << " seconds; Ctrl-C ends it.\n";
+    Announce("Trying again every " + std::to_string(kRetryPause.count()) +
+             " seconds; Ctrl-C ends it.");
   }
   told_ = reason;
 }

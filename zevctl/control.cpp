@@ -71,7 +71,7 @@ class Control {
   ExitStatus Print(bool json) const {
     if (json) std::cout << data_.dump() << "\n";
     for (const auto& [done, line] : lines_) {
-      if (!done) std::cerr << "zevctl: " << line << "\n";
+      if (!done) Warn(line);
       if (done && !json) std::cout << line << "\n";
     }
     return status_;

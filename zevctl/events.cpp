@@ -9,7 +9,6 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
-#include <iostream>
 #include <list>
 #include <memory>
 #include <optional>
@@ -101,7 +100,7 @@ class Collector {
 };
 
 void Collector::Run() {
-  std::cerr << "Waiting for events on " << Printable(options_.socket) << ".\n";
+  Announce("Waiting for events on " + Printable(options_.socket) + ".");
   for (;;) {
     std::vector<pollfd> awaited = Awaited();
     if (poll(awaited.data(), awaited.size(), -1) < 0) continue;

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "output.h"
 #include "program.h"
 
 namespace {
@@ -54,7 +55,7 @@ void DeclareCommands(CLI::App& app, Program& program) {
 
 ExitStatus ReportFailure(ExitStatus status, const std::string& message) {
   std::cout.flush();
-  std::cerr << "zevctl: " << message << "\n";
+  zevctl::Warn(message);
   return status;
 }
 

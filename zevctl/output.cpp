@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iostream>
 #include <numeric>
 
 namespace zevctl {
@@ -163,6 +164,14 @@ void Table::Print(std::ostream& out, size_t width, bool colours) const {
         row, [](const Cell& cell) { return std::string_view(cell.text); },
         [](const Cell& cell) { return cell.colour; });
   }
+}
+
+void Announce(const std::string& line) {
+  std::cerr << line + "\n";
+}
+
+void Warn(const std::string& message) {
+  Announce("zevctl: " + message);
 }
 
 }  // namespace zevctl

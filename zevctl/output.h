@@ -1,5 +1,5 @@
-// What goes to standard output: tables that fit the terminal, colours where they are wanted, and
-// foreign text made harmless.
+// What people read: tables that fit the terminal, colours where they are wanted, foreign text made
+// harmless, and lines on standard error.
 #pragma once
 
 #include <ostream>
@@ -48,5 +48,12 @@ class Table {
   std::vector<std::string> headings_;
   std::vector<std::vector<Cell>> rows_;
 };
+
+/// Writes a line to standard error, all of it at once: nothing that another program prints at the
+/// same time comes in between.
+void Announce(const std::string& line);
+
+/// Tells what went wrong, with the name of this program in front.
+void Warn(const std::string& message);
 
 }  // namespace zevctl

@@ -154,7 +154,7 @@ void ShowNext(const std::string& text, std::string& shown) {
       ShowNext(RenderList(station.Port(), options, json), shown);
     } catch (const Failure& failure) {
       if (first || failure.status() != ExitStatus::kNoDaemon) throw;
-      std::cerr << "zevctl: " << failure.what() << "\n";
+      Warn(failure.what());
       station.Drop();
     }
     if (!std::cout) throw Failure(ExitStatus::kFailed, "the output cannot be written");
@@ -223,7 +223,7 @@ class HolderReport {
     try {
       Add(name, port.PortHolders(name));
     } catch (const CommandError& error) {
-      std::cerr << "zevctl: " << Printable(name) << ": " << Printable(error.what()) << "\n";
+      Warn(Printable(name) + ": " + Printable(error.what()));
       if (status_ == ExitStatus::kOk) status_ = error.status();
     }
   }

@@ -8,7 +8,6 @@
 #include <climits>
 #include <csignal>
 #include <cstring>
-#include <iostream>
 
 #include "exit_status.h"
 
@@ -43,10 +42,6 @@ void StandardOutput::Write(size_t most) {
 
 bool ReaderHasGone(short poll_result) {
   return (poll_result & (POLLERR | POLLHUP | POLLNVAL)) != 0;
-}
-
-void Warn(const std::string& message) {
-  std::cerr << "zevctl: " << message << "\n";
 }
 
 }  // namespace zevctl

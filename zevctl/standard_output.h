@@ -34,7 +34,4 @@ class StandardOutput {
 /// True when poll() tells that nobody reads standard output any more.
 bool ReaderHasGone(short poll_result);
 
-/// Tells the user, on standard error, what does not end the program.
-void Warn(const std::string& message);
-
 }  // namespace zevctl
