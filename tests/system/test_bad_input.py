@@ -10,9 +10,10 @@ from dataclasses import dataclass
 
 import pytest
 
-from harness.access import (ERRORS, attach_when_up, bring_up, greeting, reload, seeded)
+from harness.access import ERRORS, bring_up, greeting, reload, seeded
 from harness.consoles import NEGOTIATION, FakeConsole
 from harness.peers import OFFERS, User
+from harness.scenes import attach_when_accessible
 from harness.station import Station, console_line
 from harness.waiting import free_port, stretched, wait_listening, wait_until
 
@@ -63,7 +64,7 @@ def healthy(station):
             station.start(*options, env=_frugal())
             for each in (console, *others):
                 each.accept()
-        user = attach_when_up(station, "healthy")
+        user = attach_when_accessible(station, "healthy")
         console.send(b"[here]")
         user.expect(b"[here]")
         return Healthy(console, user)
@@ -308,7 +309,7 @@ def test_a_thousand_rounds_of_bad_manners_leave_nothing_behind(station, healthy)
     port = free_port()
     box = station.console("box", mapped_port=port)
     well = healthy("-d", "0", "-B", "200", others=(box,))
-    attach_when_up(station, "box").close()
+    attach_when_accessible(station, "box").close()
     wait_listening(port)
     well.undisturbed()
     before = (station.descriptors(), station.threads())
@@ -442,7 +443,7 @@ def test_a_flood_that_nobody_is_attached_to(station, healthy):
 def test_a_user_who_reads_nothing_does_not_stop_a_console_that_prints(station, healthy):
     box = station.console("box")
     well = healthy("-d", "1", others=(box,))
-    stalled = attach_when_up(station, "box")
+    stalled = attach_when_accessible(station, "box")
     stalled.stop_reading()
     flood = box.flood(b"z" * 16384, 200)
     for _ in range(20):
@@ -459,7 +460,7 @@ def test_a_user_who_reads_nothing_does_not_stop_a_console_that_prints(station, h
 def test_a_console_that_takes_nothing_while_a_user_pastes(station, healthy):
     box = station.console("box", buffer=4096)
     well = healthy("-d", "1", others=(box,))
-    typist = attach_when_up(station, "box")
+    typist = attach_when_accessible(station, "box")
     box.stop_reading()
     typist.flood(b"z" * 65536, 100)
     for _ in range(20):

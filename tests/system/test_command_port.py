@@ -7,11 +7,11 @@ from concurrent.futures import Future, ThreadPoolExecutor
 
 import pytest
 
-from harness.access import LOOPBACK, attach_when_up, banner, bring_up, refused, reload
+from harness.access import LOOPBACK, banner, bring_up, refused, reload
 from harness.commands import DONE, ERROR, RECORDS, Tool
 from harness.consoles import refusal
 from harness.logs import log_of, read
-from harness.scenes import held_still
+from harness.scenes import attach_when_accessible, held_still
 from harness.station import Station, console_line
 from harness.waiting import free_port, stretched, wait_listening, wait_until
 
@@ -104,9 +104,7 @@ def test_a_tool_that_finishes_sending_gets_its_answer(station, box):
 
 
 def test_a_command_sent_with_the_argument_line(station, box):
-    caller = station.caller()
-    caller.send(b"@@@@ user=op\nconsole\n")
-    tool = Tool(station, peer=caller)
+    tool = Tool(station, sent=b"@@@@ user=op\nconsole\n")
     assert tool.answer("console").count == 1
     assert tool.command("who box").count == 0
 
@@ -455,7 +453,7 @@ def test_disable_then_enable_a_connected_console(station, box):
     refused(station.ask("box"), 12)
     assert tool.command("enable box").type == DONE
     box.accept()
-    attach_when_up(station, "box")
+    attach_when_accessible(station, "box")
 
 
 def test_enable_of_an_unconnected_console_leaves_its_state(station):
@@ -530,7 +528,7 @@ def test_force_takes_the_session_over_at_once(station, held):
     held.accept()
     held.expect(b"YES\n")
     station.wait_log("CheckConnectionStatus: Forcing connection for px")
-    attach_when_up(station, "px")
+    attach_when_accessible(station, "px")
 
 
 def test_force_of_a_connected_console_changes_nothing(station, box):

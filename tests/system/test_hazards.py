@@ -13,10 +13,11 @@ from pathlib import Path
 
 import pytest
 
-from harness.access import READY, attach_when_up, bring_up, pending, reload, seeded
+from harness.access import READY, bring_up, pending, reload, seeded
 from harness.consoles import FakeConsole
 from harness.debuglog import messages
 from harness.peers import OFFERS, User
+from harness.scenes import attach_when_accessible
 from harness.station import Station, console_line
 from harness.waiting import free_port, is_listening, stretched, wait_listening, wait_until
 
@@ -240,7 +241,7 @@ def test_a_dropped_port_does_not_wait_for_its_logins(station, two_boxes):
 
 def load(station: Station, box: FakeConsole, port: int) -> list[User]:
     """Users at every stage, keys, output and a reload, all under way at once."""
-    users = [attach_when_up(station, "box")]
+    users = [attach_when_accessible(station, "box")]
     users += [station.ask("box", mode) for mode in ("ro", "sh", "sh")]
     users += [station.mapped(port), station.caller(port), station.caller()]
     box.flood(b"console output\r\n" * 64, 64)
@@ -343,7 +344,7 @@ def test_more_than_a_thousand_users_of_one_console(station, many_descriptors):
     station.start("-d", "1")
     many_descriptors()
     box.accept()
-    attach_when_up(station, "box").close()
+    attach_when_accessible(station, "box").close()
     station.wait_log(re.compile("^CleanUpClosedConnections: Closing connection with user"))
     before = station.descriptors()
     crowd = Crowd(station.port, b"box\n", CROWD)

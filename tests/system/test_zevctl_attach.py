@@ -12,10 +12,10 @@ import threading
 import pexpect
 import pytest
 
-from harness.access import attach_when_up, bring_up, terminated_by, user_monitor_frozen
+from harness.access import bring_up, terminated_by, user_monitor_frozen
 from harness.commands import DONE, Tool
 from harness.consoles import NEGOTIATION, ShellConsole, TelnetServerConsole
-from harness.scenes import connected, numbered, print_and_wait
+from harness.scenes import attach_when_accessible, connected, numbered, print_and_wait
 from harness.waiting import LIMIT, free_port, stretched, wait_until
 from harness.zevctl import (IN_USE, NO_DAEMON, NO_SUCH_CONSOLE, NOT_ACCESSIBLE,
                             NOT_ADMITTED, OK, PROGRAM, SESSION_ENDED, USAGE, Terminal, environment,
@@ -229,7 +229,7 @@ def test_a_session_within_a_session(station, box):
     with ShellConsole() as shell:
         station.console_line("shell", shell.port)
         station.signal(signal.SIGHUP)
-        attach_when_up(station, "shell").close()
+        attach_when_accessible(station, "shell").close()
         greeting = ATTACHED.replace("box", "shell")
         with seated(station, console="shell", greeting=greeting) as outer:
             outer.type(f"{PROGRAM} --port {station.port} attach box\r")
@@ -427,6 +427,15 @@ def client_of(shell) -> int:
         return int(children.read())
 
 
+def has_ended(pid: int) -> bool:
+    """The process is gone, or will be once its parent, which takes its time, has looked at it."""
+    try:
+        with open(f"/proc/{pid}/stat", encoding="latin-1") as status:
+            return status.read().rpartition(")")[2].split()[0] == "Z"
+    except (FileNotFoundError, ProcessLookupError):
+        return True
+
+
 def expect_stopped(shell) -> None:
     """The shell has the terminal again, as it needs it."""
     shell.expect_exact("Stopped")
@@ -470,7 +479,7 @@ def test_ending_it_while_it_is_stopped(station, box):
         expect_stopped(shell)
         client = client_of(shell)
         shell.sendline("kill %1")
-        wait_until(lambda: not os.path.exists(f"/proc/{client}"), what="the client to end")
+        wait_until(lambda: has_ended(client), what="the client to end")
 
 
 # Without a terminal

@@ -11,9 +11,8 @@ from typing import Iterator
 from harness.consoles import FakeConsole
 from harness.debuglog import Found
 from harness.freezing import frozen
-from harness.peers import OFFERS, Peer, User
+from harness.peers import Peer, User
 from harness.station import Station
-from harness.waiting import NotReached, wait_until
 
 SEED = "ZEVD_TEST_SEED"
 
@@ -73,37 +72,21 @@ def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] 
     """Start the daemon; have its ports open, and every console connected and its greeting read."""
     for console in consoles:
         console.greeting = console.greeting or READY
+    position = station.output.size()  # the daemon may have run before
     with ThreadPoolExecutor() as answering:
         # At once: the daemon gives a console's negotiation no more than a second.
         calls = [answering.submit(console.accept) for console in consoles]
         station.start(*options)
         for call in calls:
             call.result()
-    station.wait_log("Entering CheckForConnectionRequests")
+    station.wait_log("Entering CheckForConnectionRequests", after=position)
     for console in consoles:
-        station.wait_connected(console.name)
+        station.wait_connected(console.name, after=position)
     plain = [console for console in consoles if console.greeting == READY]
     if plain:
-        station.wait_log("ProcessConsoleOutput: Received ->ready<- (5 bytes)", count=len(plain))
+        station.wait_log("ProcessConsoleOutput: Received ->ready<- (5 bytes)", count=len(plain),
+                         after=position)
     return station
-
-
-def attach_when_up(station: Station, console: str) -> User:
-    """Attach to a console that is only just connecting, at levels that do not tell when it is up.
-
-    What it printed before is not judged. The daemon looks at one list of consoles after the
-    other, so a console that passes between them just then is not found.
-    """
-    def attempt() -> User | None:
-        user = station.ask(console)
-        try:
-            user.expect(OFFERS)
-        except NotReached:
-            assert user.received in (ERRORS[4], ERRORS[5])
-            return None
-        return user
-
-    return wait_until(attempt, what=f"console {console} to connect")
 
 
 def reload(station: Station, config: str | None = None, waker: Peer | None = None) -> Found:
@@ -145,10 +128,11 @@ def pending(station: Station, port: int, count: int) -> list[User]:
 def user_monitor_frozen(station: Station) -> Iterator[None]:
     """Keep the daemon from removing any user, and from relaying keys, for as long as this lasts.
 
-    At least one user must be attached. Needs debug level 3.
+    At least one user must be attached, or just being attached. Needs debug level 3.
     """
-    added = re.findall(r"AddUserToList: Doing FD_SET\( (\d+), \.\.\.\) for user on user_list\.",
-                       station.log_text())
+    joined = re.compile(r"AddUserToList: Doing FD_SET\( (\d+), \.\.\.\) for user on user_list\.")
+    station.wait_log(joined)
+    added = joined.findall(station.log_text())
     with frozen(station.pid, int(added[-1])):
         yield
 

@@ -45,14 +45,18 @@ class Tool:
     """One command connection.
 
     Without `wait`, which needs debug level 3, it may not be served yet. `buffer` limits what the
-    kernel keeps for a tool that does not read. `peer` is a connection that asks for the command
-    port by itself.
+    kernel keeps for a tool that does not read. `sent` is what it sends in place of the argument
+    line that the names make.
     """
 
     def __init__(self, station: Station, user: str | None = "op", addr: str | None = None,
-                 wait: bool = True, buffer: int | None = None, peer: User | None = None) -> None:
+                 wait: bool = True, buffer: int | None = None, sent: bytes = b"") -> None:
         position = station.mark()
-        self.peer = peer or station.ask("@@@@", user=user, addr=addr, buffer=buffer)
+        if sent:
+            self.peer = station.caller()
+            self.peer.send(sent)
+        else:
+            self.peer = station.ask("@@@@", user=user, addr=addr, buffer=buffer)
         self._taken = 0
         if wait:
             station.wait_log("AddCommandToList: Added command to cmd_list.", after=position)
