@@ -34,18 +34,6 @@ const std::string kEventSets[] = {"ev", "myevents", std::string(64, 'e')};
 /// The fields of one line; fewer than all when the line gives no console.
 using Fields = std::vector<std::string>;
 
-// As the daemon reads: at most so many bytes at a time, up to a NUL.
-std::vector<std::string> Lines(std::string_view content) {
-  std::vector<std::string> lines;
-  while (!content.empty()) {
-    const size_t end = std::min(content.substr(0, kLongestPiece).find('\n'), content.size());
-    const size_t size = std::min({end + 1, content.size(), kLongestPiece});
-    lines.push_back(fuzz::UpToNul(content.substr(0, size)));
-    content.remove_prefix(size);
-  }
-  return lines;
-}
-
 std::optional<std::string> TakeField(std::string_view& line, char separator) {
   line.remove_prefix(std::min(line.find_first_not_of(separator), line.size()));
   if (line.empty()) return {};
@@ -100,7 +88,8 @@ void ExpectLine(const std::string& line, size_t number, Expected& expected) {
 Expected Expect(std::string_view content) {
   Expected expected;
   size_t number = 0;
-  for (const std::string& line : Lines(content)) ExpectLine(line, ++number, expected);
+  for (const std::string& line : fuzz::Lines(content, kLongestPiece))
+    ExpectLine(line, ++number, expected);
   return expected;
 }
 

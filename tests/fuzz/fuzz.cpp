@@ -153,6 +153,17 @@ std::vector<std::string_view> Cut(std::string_view bytes, std::string_view sizes
   return pieces;
 }
 
+std::vector<std::string> Lines(std::string_view content, size_t longest) {
+  std::vector<std::string> lines;
+  while (!content.empty()) {
+    const size_t end = std::min(content.substr(0, longest).find('\n'), content.size());
+    const size_t size = std::min({end + 1, content.size(), longest});
+    lines.push_back(UpToNul(content.substr(0, size)));
+    content.remove_prefix(size);
+  }
+  return lines;
+}
+
 std::string UpToNul(std::string_view bytes) {
   return std::string(bytes.substr(0, bytes.find('\0')));
 }

@@ -80,6 +80,9 @@ inline bool Has(std::string_view options, char letter) {
 /// to 'z' 1 to 26, 'A' to 'Z' 40 to 1040, others up to 7. No sizes: all in one piece.
 std::vector<std::string_view> Cut(std::string_view bytes, std::string_view sizes);
 
+/// What fgets() makes of a file: its lines, of at most so many bytes at a time, each up to a NUL.
+std::vector<std::string> Lines(std::string_view content, size_t longest);
+
 /// What a function that takes a C string sees.
 std::string UpToNul(std::string_view bytes);
 

@@ -7,16 +7,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-struct Node {
-  int sock = -1;
-};
-
-struct Elem {
-  Node* node;
-  Elem* prev;
-  Elem* next;
-  uint64_t place;
-};
+using test::Elem;
+using test::Node;
 
 using PlainList = List<Elem, &Elem::node>;
 using NodeList = SocketList<Elem, &Elem::node>;

@@ -1,5 +1,6 @@
 #include "load.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include "event_set.h"
@@ -886,6 +887,21 @@ TEST_F(ReloadTest, MergeTakesNewNodesOffTheNewList) {
   EXPECT_EQ(list_.count, 1);
   EXPECT_EQ(list_.head->cnode, update);
   EXPECT_EQ(i_cons_list->tail->cnode, fresh);
+}
+
+TEST_F(ReloadTest, TheSecondListIsLookedThroughForWhatTheFirstDoesNotHave) {
+  AddAt(i_cons_list, "inaccessible", 1);
+  AddAt(a_cons_list, "accessible", 2);
+  for (const auto& [line, twice] :
+       {std::pair(Line("one", 1), false), std::pair(Line("two", 2), true),
+        std::pair(Line("new", 3), true)}) {
+    const test::DebugCapture capture(kTrace);
+    EXPECT_EQ(Reload(line), 0);
+    const std::vector<std::string> messages = capture.Messages();
+    const auto entry = std::find(messages.begin(), messages.end(), "Entering UpdateConsole\n");
+    ASSERT_NE(entry, messages.end());
+    EXPECT_EQ(entry[1] == "Last message repeated 1 times\n", twice) << line;
+  }
 }
 
 TEST_F(ReloadTest, EntryLinesAreWritten) {

@@ -132,6 +132,18 @@ MATCHER_P(AnnouncesDaemonError, text, "") {
 
 // ---- Options and lists --------------------------------------------------------------------------
 
+/// The plainest member that a list with sockets can have, and its element.
+struct Node {
+  int sock = -1;
+};
+
+struct Elem {
+  Node* node;
+  Elem* prev;
+  Elem* next;
+  uint64_t place;
+};
+
 /// Puts every option and shared word back to what it was, and u_err_msg to null.
 class OptionsGuard {
  public:
