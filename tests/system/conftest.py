@@ -2,6 +2,7 @@
 
 import os
 import shutil
+import signal
 import subprocess
 import sys
 from collections import defaultdict
@@ -28,6 +29,8 @@ def _is_worker(config) -> bool:
 
 
 def pytest_configure(config) -> None:
+    # A shell without job control has its background jobs ignore it, and what they start inherits it.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     if _is_worker(config):
         return
     if settings.namespaces_forbidden():

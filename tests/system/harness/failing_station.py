@@ -189,7 +189,10 @@ class FailingStation:
             user = self.call()
             if user is None:
                 return False
+            position = self.station.mark()
             if heard(user, OFFERS, self.token() + console.encode() + b"\n"):
+                self.until(lambda: self.said_since(position, "Connected user"),
+                           "the user to be on all lists")
                 found.append(user)
             else:
                 user.close()
@@ -293,6 +296,7 @@ class FailingStation:
         self.calls.pass_time(_PERIOD)
         for name in self.names:
             self.attach(name).close()
+        self.until(self.users_are_gone, "the users to be gone")
         self.rotate()
 
     def settle(self, descriptors: int) -> None:
