@@ -184,21 +184,25 @@ class FailingStation:
     def attach(self, console: str) -> socket.socket:
         """Attach a user, as soon as the console can be had."""
         found: list[socket.socket] = []
+        position = self.station.mark()
 
         def attached() -> bool:
             user = self.call()
             if user is None:
                 return False
-            position = self.station.mark()
             if heard(user, OFFERS, self.token() + console.encode() + b"\n"):
-                self.until(lambda: self.said_since(position, "Connected user"),
-                           "the user to be on all lists")
                 found.append(user)
             else:
                 user.close()
             return bool(found)
 
         self.until(attached, f"{console} to take a user")
+        try:
+            self.until(lambda: self.said_since(position, "Connected user"),
+                       "the user to be on all lists")
+        except BaseException:
+            found[0].close()
+            raise
         return found[0]
 
     def have_printed(self, text: bytes) -> None:
