@@ -22,7 +22,7 @@ from harness.failing_station import Costly, Ended, FailingStation, texts
 from harness.farm import Farm
 from harness.peers import OFFERS
 from harness.station import console_line
-from harness.waiting import free_port, is_listening
+from harness.waiting import free_port, is_listening, wait_until
 
 EXIT_TRACE = "Exiting with code 1 from file "
 
@@ -617,6 +617,8 @@ class Line(Phase):
     def arrived(self, line: bytes) -> bool:
         """True when the event of every console has come."""
         if self.collector.called():
+            if self.collector.socket is not None:
+                wait_until(lambda: self.collector.closed, what="the end of the former connection")
             self.earlier += self.collector.received
             self.collector.accept()
         text = line.decode().replace("\n", "\\u000a").encode()
