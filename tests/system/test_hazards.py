@@ -17,7 +17,7 @@ from harness.access import READY, bring_up, pending, reload, seeded
 from harness.consoles import FakeConsole
 from harness.debuglog import messages
 from harness.peers import OFFERS, User
-from harness.scenes import attach_when_accessible
+from harness.scenes import NO_LEAK_CHECK, attach_when_accessible
 from harness.station import Station, console_line
 from harness.waiting import free_port, is_listening, stretched, wait_listening, wait_until
 
@@ -259,7 +259,7 @@ def test_sigterm_under_load_always_ends_it_at_once(station, level):
         station.write_config("")
         box = station.console("box", greeting=READY, mapped_port=port)
         position = station.mark()
-        station.start("-d", level)
+        station.start("-d", level, env=NO_LEAK_CHECK)
         box.accept()
         wait_listening(port)
         users = load(station, box, port)

@@ -10,7 +10,7 @@ import pytest
 from harness.access import user_monitor_frozen
 from harness.collectors import Collector
 from harness.logs import ARCHIVING
-from harness.scenes import connected, held_still, numbered, reload, wait_reloaded
+from harness.scenes import NO_LEAK_CHECK, connected, held_still, numbered, reload, wait_reloaded
 from harness.waiting import wait_until
 
 TERMINATED = re.compile(r">: Received SIGTERM\.\n"
@@ -92,7 +92,7 @@ def test_sigterm_during_a_reload_ends_it(station):
         station.console_line(f"c{number}", next(ports), enable=0)
 
     def cut_short() -> bool:
-        station.start("-d", "3")
+        station.start("-d", "3", env=NO_LEAK_CHECK)
         position = station.mark()
         station.signal(signal.SIGHUP)
         station.wait_log("Entering ReloadConfigFile", after=position)

@@ -1,10 +1,11 @@
 """A clock of the daemon's own, which a test can set and hold while the daemon runs."""
 
-import os
 import struct
 import subprocess
 import time
 from pathlib import Path
+
+from harness import settings
 
 _SOURCE = Path(__file__).with_name("shifted_clock.c")
 
@@ -26,9 +27,8 @@ class ShiftedClock:
     def env(self) -> dict[str, str]:
         """What has to be in the daemon's environment."""
         # A sanitizer wants to be the first library; what comes before it here needs none.
-        options = f"{os.environ.get('ASAN_OPTIONS', '')} verify_asan_link_order=0"
         return {"LD_PRELOAD": str(self._library), "SHIFTED_CLOCK": str(self._settings),
-                "ASAN_OPTIONS": options.strip()}
+                **settings.sanitizer_options("verify_asan_link_order=0")}
 
     def hold(self) -> None:
         """Let the seconds stand still from now on, so that no time passes but by `shift`."""

@@ -3,10 +3,11 @@
 import enum
 import errno
 import mmap
-import os
 import struct
 import subprocess
 from pathlib import Path
+
+from harness import settings
 
 _SOURCE = Path(__file__).with_name("failing_calls.c")
 
@@ -78,11 +79,10 @@ class FailingCalls:
     def env(self) -> dict[str, str]:
         """What has to be in the daemon's environment."""
         # A sanitizer wants to be the first library; what comes before it here needs none.
-        options = (f"{os.environ.get('ASAN_OPTIONS', '')} verify_asan_link_order=0 "
-                   "allocator_may_return_null=1 fast_unwind_on_malloc=0")
+        options = "verify_asan_link_order=0 allocator_may_return_null=1 fast_unwind_on_malloc=0"
         return {"LD_PRELOAD": str(self._library), "FAILING_CALLS": str(self._path),
-                "ASAN_OPTIONS": options.strip(),
-                "LSAN_OPTIONS": f"suppressions={self._suppressions}"}
+                "LSAN_OPTIONS": f"suppressions={self._suppressions}",
+                **settings.sanitizer_options(options)}
 
     def _get(self, field: str) -> int:
         return _NUMBER.unpack_from(self._control, _FIELDS.index(field) * _NUMBER.size)[0]

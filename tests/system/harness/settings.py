@@ -39,3 +39,8 @@ def root() -> Path:
 def patience() -> float:
     """The factor by which every waiting limit is stretched; sanitizer builds need more than 1."""
     return float(os.environ.get(PATIENCE) or 1)
+
+
+def sanitizer_options(added: str) -> dict[str, str]:
+    """What has to be in the environment of a daemon under AddressSanitizer for more options."""
+    return {"ASAN_OPTIONS": f"{os.environ.get('ASAN_OPTIONS', '')} {added}".strip()}
