@@ -29,7 +29,7 @@ def _is_worker(config) -> bool:
 
 
 def pytest_configure(config) -> None:
-    # A shell without job control has its background jobs ignore it, and what they start inherits it.
+    # A shell without job control has its background jobs ignore it, and so what they start.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     if _is_worker(config):
         return
