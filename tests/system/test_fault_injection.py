@@ -484,6 +484,10 @@ class Caller:
 
     def has(self, wanted: bytes) -> bool:
         """True when the bytes have come, or will not come any more."""
+        return self.is_over() or wanted in self.received
+
+    def is_over(self) -> bool:
+        """Read what has come; true when the daemon has closed the connection."""
         while not self.ended:
             try:
                 chunk = self.socket.recv(65536)
@@ -493,12 +497,17 @@ class Caller:
                 chunk = b""
             self.ended = not chunk
             self.received += chunk
-        return self.ended or wanted in self.received
+        return self.ended
 
     def say(self, text: bytes) -> None:
         """Send the text, if anybody listens."""
         with contextlib.suppress(OSError):
             self.socket.sendall(text)
+
+    def leave(self) -> None:
+        """Say that nothing more will come."""
+        with contextlib.suppress(OSError):
+            self.socket.shutdown(socket.SHUT_WR)
 
 
 class Attach(Phase):
@@ -528,6 +537,8 @@ class Attach(Phase):
                     subject.confirm(words == b"", "the rest of the offers")
                 else:
                     assert words in (key + b"\n", ERRORS[13], ERRORS[8])
+            caller.leave()
+            subject.until(caller.is_over, "the connection to be closed")
         subject.until(subject.users_are_gone, "the user to be gone")
 
 

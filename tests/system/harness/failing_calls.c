@@ -96,11 +96,16 @@ static void *find_next(const char *name) {
     return NEXT(name) arguments;                              \
   }
 
-/* A call that fails has done its work: a descriptor is closed whatever close() returns. */
+/* A call that fails does its work: a descriptor is closed whatever close() returns. Whoever sees the
+   work done may look at what has been counted. */
 #define FAILING_AFTERWARDS(result, name, parameters, arguments, failure) \
   result name parameters {                                               \
+    const int failing = fails(#name);                                    \
+    const int error = errno;                                             \
     const result done = NEXT(name) arguments;                            \
-    return fails(#name) ? failure : done;                                \
+    if (!failing) return done;                                           \
+    errno = error;                                                       \
+    return failure;                                                      \
   }
 
 /* ---- Memory ------------------------------------------------------------------------------------ */
