@@ -94,13 +94,14 @@ class Farm:
             except BlockingIOError:
                 return
             sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            # Text at once spares the daemon the wait for a telnet negotiation. Nobody else prints
+            # before it.
+            with contextlib.suppress(ConnectionError):
+                sock.send(b"ready\r\n")
             self._sockets[sock.fileno()] = sock
             self._by_address[sock.getsockname()[0]] = sock
             poll.register(sock, select.EPOLLIN)
             self.accepted += 1
-            # Text at once spares the daemon the wait for a telnet negotiation.
-            with contextlib.suppress(ConnectionError):
-                sock.send(b"ready\r\n")
 
     def _echo(self, poll: select.epoll, descriptor: int) -> None:
         sock = self._sockets[descriptor]
