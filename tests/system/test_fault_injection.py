@@ -532,14 +532,18 @@ class Attach(Phase):
             caller.say(key + b"\n")
             subject.until(lambda: caller.has(key), "the key to come back")
             if caller.ended:
-                words = caller.received.removeprefix(OFFERS).replace(greeting("c0"), b"")
-                if OFFERS.startswith(words):
-                    subject.confirm(words == b"", "the rest of the offers")
-                else:
-                    assert words in (key + b"\n", ERRORS[13], ERRORS[8])
+                self.judge_answer(caller.received, key)
             caller.leave()
             subject.until(caller.is_over, "the connection to be closed")
         subject.until(subject.users_are_gone, "the user to be gone")
+
+    def judge_answer(self, received: bytes, key: bytes) -> None:
+        """The daemon has closed the connection: it has sent an echo, a refusal, or no words."""
+        words = received.removeprefix(OFFERS).replace(greeting("c0"), b"")
+        if OFFERS.startswith(words):  # only a daemon that ends cuts its offers short
+            self.subject.confirm(words == b"", "the rest of the offers")
+        else:
+            assert words in (key + b"\n", ERRORS[13], ERRORS[8])
 
 
 class AttachByPort(Attach):

@@ -4,7 +4,6 @@ import struct
 import time
 from dataclasses import dataclass
 
-from harness.peers import User
 from harness.station import Station
 from harness.waiting import LIMIT, wait_until
 
