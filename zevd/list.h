@@ -183,10 +183,12 @@ void ForgetSocket(L& list, int sock) {
   if (list.watch != nullptr) list.watch->Forget(sock);
 }
 
-/// Calls `visit` with every node whose socket is in `ready`, from head to tail. `visit` neither
-/// adds nor unlinks. The list's lock is held for writing.
-template <typename L, typename Visit>
-void ForEachReady(L& list, const DescriptorSet& ready, Visit visit) {
+/// Calls `visit` with every node whose socket is in `ready`, from head to tail, but with one that is
+/// `before` another ahead of it where the list is watched. `visit` neither adds nor unlinks. The
+/// list's lock is held for writing.
+template <typename L, typename Before, typename Visit>
+void ForEachReady(L& list, const DescriptorSet& ready, Before before, Visit visit) {
+  using Elem = typename L::Element;
   const auto visit_if_ready = [&](auto* node) {
     if (ready.Contains(node->sock)) visit(node);
   };
@@ -194,9 +196,18 @@ void ForEachReady(L& list, const DescriptorSet& ready, Visit visit) {
     for (auto* node : Nodes(list)) visit_if_ready(node);
   } else {
     // An element's socket may have gone since it was indexed.
-    list.watch->index.ForEachInOrder(ready,
-                                     [&](auto* elem) { visit_if_ready(NodeOf(list, elem)); });
+    list.watch->index.ForEachInOrder(
+        ready,
+        [&](const Elem* a, const Elem* b) { return before(a->*L::kNodeMember, b->*L::kNodeMember); },
+        [&](Elem* elem) { visit_if_ready(NodeOf(list, elem)); });
   }
+}
+
+/// The same in list order.
+template <typename L, typename Visit>
+void ForEachReady(L& list, const DescriptorSet& ready, Visit visit) {
+  const auto never = [](const auto* /*a*/, const auto* /*b*/) { return false; };
+  ForEachReady(list, ready, never, visit);
 }
 
 /// Makes an empty list named with a copy of `name`. `function` is the caller, for the message.

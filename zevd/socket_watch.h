@@ -78,9 +78,10 @@ class SocketIndex {
   /// set stays.
   void Set(int sock, Elem* elem);
 
-  /// Calls `visit` with the elements of those sockets, in list order.
-  template <typename Visit>
-  void ForEachInOrder(const DescriptorSet& sockets, Visit visit);
+  /// Calls `visit` with the elements of those sockets: one that is `before` another comes first, and
+  /// those that `before` does not part come in list order.
+  template <typename Before, typename Visit>
+  void ForEachInOrder(const DescriptorSet& sockets, Before before, Visit visit);
 
  private:
   Elem** members_ = nullptr;  ///< by socket
@@ -139,12 +140,15 @@ void SocketIndex<Elem>::Set(int sock, Elem* elem) {
 }
 
 template <typename Elem>
-template <typename Visit>
-void SocketIndex<Elem>::ForEachInOrder(const DescriptorSet& sockets, Visit visit) {
+template <typename Before, typename Visit>
+void SocketIndex<Elem>::ForEachInOrder(const DescriptorSet& sockets, Before before, Visit visit) {
   Elem** end = found_;
   sockets.ForEach([&](int sock) {
     if (sock < room_ && members_[sock] != nullptr) *end++ = members_[sock];
   });
-  std::sort(found_, end, [](const Elem* a, const Elem* b) { return a->place < b->place; });
+  std::sort(found_, end, [&](const Elem* a, const Elem* b) {
+    if (before(a, b)) return true;
+    return a->place < b->place && !before(b, a);
+  });
   std::for_each(found_, end, visit);
 }

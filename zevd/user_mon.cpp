@@ -96,6 +96,12 @@ void ReadUser(UserNode* unode) {
   }
 }
 
+// Of those who type at a console that has no room for all of it, each gets some in turn: who sends
+// much would otherwise take what room there is in every pass.
+bool HasWaitedLonger(const UserNode* unode, const UserNode* other) {
+  return unode->console_stall.IsLongerThan(other->console_stall);
+}
+
 void DropReference(ConsoleNode* cnode) {
   const int references = --cnode->ref_count;
   if (references >= 0) return;
@@ -198,7 +204,7 @@ int CheckForUserInput(int high_sock, DescriptorSet* fdset) {
 
 void ProcessUserInput(const DescriptorSet& fdset) {
   ENTERING();
-  ForEachReady(*user_list, fdset, ReadUser);
+  ForEachReady(*user_list, fdset, HasWaitedLonger, ReadUser);
 }
 
 namespace user_mon {

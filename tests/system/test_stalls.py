@@ -2,6 +2,7 @@
 
 import contextlib
 import threading
+import time
 
 import pytest
 
@@ -165,6 +166,28 @@ def test_the_console_that_read_nothing_stays_connected(station, two):
     successor.send(b"<typed afterwards>")
     assert text.startswith(noisy.expect(b"<typed afterwards>"))
     assert not noisy.called()
+
+
+def test_several_who_type_at_a_slow_console_take_turns(station):
+    """It never has room for all that there is; who pastes leaves some for the others."""
+    slow = station.console("slow", buffer=4096)
+    station.start("-d", "1")
+    connected(station, slow, "slow")
+    first, second, third = (station.attach("slow", user=name)
+                            for name in ("first", "second", "third"))
+    slow.stop_reading()
+    asked = False
+    first.flood(b"1" * 8192, 200)
+    second.flood(b"2" * 8192, 200)
+    arrived = bytearray()
+    while b"3" not in arrived:
+        time.sleep(0.004)
+        arrived += slow.socket.recv(512)
+        if not asked and len(arrived) > 100_000:
+            third.send(b"3")
+            asked = True
+    assert min(arrived.count(b"1"), arrived.count(b"2")) > len(arrived) // 4
+    assert not any(user.closed for user in (first, second, third))
 
 
 # Both

@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <poll.h>
 
+#include <array>
 #include <cerrno>
+#include <vector>
 
 #include "list.h"
 #include "support.h"
@@ -276,6 +278,27 @@ TEST(UnwatchedListTest, AListDoesWithoutAWatch) {
 
 // ---- The index ----------------------------------------------------------------------------------
 
+constexpr auto kAsListed = [](const Elem* /*a*/, const Elem* /*b*/) { return false; };
+
+TEST(SocketIndexTest, WhoIsBeforeOthersComesFirstAndTheRestInListOrder) {
+  SocketIndex<Elem> index;
+  ASSERT_TRUE(index.Reserve(8));
+  std::array<Elem, 6> elems{};
+  DescriptorSet sockets;
+  for (int i = 0; i < 6; ++i) {
+    elems[i].place = i;
+    index.Set(8 - i, &elems[i]);
+    ASSERT_TRUE(sockets.Add(8 - i));
+  }
+  const std::array<int, 6> ranks = {2, 1, 2, 0, 2, 1};
+  std::vector<long> visited;
+  index.ForEachInOrder(
+      sockets,
+      [&](const Elem* a, const Elem* b) { return ranks[a->place] < ranks[b->place]; },
+      [&](const Elem* found) { visited.push_back(found - elems.data()); });
+  EXPECT_THAT(visited, ElementsAre(3, 1, 5, 0, 2, 4));
+}
+
 TEST(SocketIndexTest, KeepsItsMembersWhenItGrows) {
   SocketIndex<Elem> index;
   Elem elem{nullptr, nullptr, nullptr, 1};
@@ -285,10 +308,10 @@ TEST(SocketIndexTest, KeepsItsMembersWhenItGrows) {
   DescriptorSet sockets;
   for (const int sock : {5, 5000, 9000}) ASSERT_TRUE(sockets.Add(sock));
   std::vector<const Elem*> visited;
-  index.ForEachInOrder(sockets, [&](const Elem* found) { visited.push_back(found); });
+  index.ForEachInOrder(sockets, kAsListed, [&](const Elem* found) { visited.push_back(found); });
   EXPECT_THAT(visited, ElementsAre(&elem));
   index.Clear();
-  index.ForEachInOrder(sockets, [](const Elem*) { ADD_FAILURE(); });
+  index.ForEachInOrder(sockets, kAsListed, [](const Elem*) { ADD_FAILURE(); });
 }
 
 TEST(SocketIndexTest, StaysAsItWasWithoutMemory) {
@@ -303,7 +326,7 @@ TEST(SocketIndexTest, StaysAsItWasWithoutMemory) {
   DescriptorSet sockets;
   ASSERT_TRUE(sockets.Add(5));
   int visits = 0;
-  index.ForEachInOrder(sockets, [&](const Elem*) { ++visits; });
+  index.ForEachInOrder(sockets, kAsListed, [&](const Elem*) { ++visits; });
   EXPECT_EQ(visits, 1);
 }
 

@@ -1,0 +1,38 @@
+#include "stall.h"
+
+#include <linux/tcp.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <ctime>
+
+namespace {
+
+int64_t Now() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Bytes that the peer has acknowledged since the connection began; 0 when the kernel cannot tell.
+// What is still unsent would not do: another sender may fill up at once what the peer has taken.
+uint64_t BytesTaken(int sock) {
+  tcp_info info{};
+  socklen_t size = sizeof info;
+  return getsockopt(sock, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 ? info.tcpi_bytes_acked : 0;
+}
+
+}  // namespace
+
+bool Stall::IsTooLong(int sock, const StallLimits& limits) {
+  const int64_t now = Now();
+  const uint64_t taken = BytesTaken(sock);
+  if (since_ < 0) {
+    since_ = now;
+    last_progress_ = now;
+  } else if (taken != taken_) {
+    last_progress_ = now;
+  }
+  taken_ = taken;
+  return now - last_progress_ >= limits.idle || now - since_ >= limits.no_room;
+}
