@@ -233,6 +233,7 @@ def test_every_function_announces_itself_at_level_3(station):
         user.expect_exactly(b"printed")
     console.close()
     station.wait_log("AddConsoleToList: Added console c1 to i_cons_list.", count=2)
+    station.wait_log("Entering IsUserInUserList")  # the last that is called for who has left
     entered = set(re.findall(r">: Entering (\w+)$", station.log_text(), re.MULTILINE))
     assert ENTERED - entered == set()
 

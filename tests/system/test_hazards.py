@@ -166,7 +166,7 @@ def test_logins_at_every_stage_when_their_port_is_dropped(station, two_boxes):
 def test_a_cancelled_login_never_closes_the_descriptor_of_a_stranger(station, two_boxes):
     """Its number is free for others the moment it is closed, and must not be closed again."""
     main_box, box, port = two_boxes()
-    for _ in range(6):
+    for number in range(1, 7):
         callers = pending(station, port, 5)
         reload(station, configuration(main_box, box, 0), waker=box)
         for caller in callers:
@@ -179,8 +179,7 @@ def test_a_cancelled_login_never_closes_the_descriptor_of_a_stranger(station, tw
         for stranger in strangers:
             stranger.expect_exactly(b"[seen]")
             stranger.close()
-    wait_until(lambda: station.log_text().count("CleanUpClosedConnections: Closing") >= 30,
-               what="all strangers to be removed")
+        station.wait_log(re.compile("^CleanUpClosedConnections: Closing"), count=5 * number)
 
 
 def slow_helper(station) -> tuple[Path, Path]:

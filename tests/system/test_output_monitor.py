@@ -7,8 +7,8 @@ import pytest
 
 from harness.access import user_monitor_frozen
 from harness.peers import OFFERS
-from harness.scenes import (DISABLED, connected, framed, held_still, numbered, print_and_wait,
-                            refused, reload, wait_reloaded)
+from harness.scenes import (DISABLED, connected, framed, held_still, leave, numbered,
+                            print_and_wait, refused, reload, wait_reloaded)
 from harness.station import console_line
 from harness.waiting import wait_until
 
@@ -45,7 +45,7 @@ def replayed(station, box) -> bytes:
     user = station.attach("box", mode="ro")
     box.send(b"<mark>")
     shown = user.expect(b"<mark>")
-    user.close()
+    leave(station, user)
     return shown
 
 
@@ -82,7 +82,7 @@ def test_the_replay_leaves_the_ring_as_it_is(station):
     for _ in range(3):
         user = station.ask("box")
         user.expect_exactly(OFFERS + b"3456789")
-        user.close()
+        leave(station, user)
     print_and_wait(station, box, b"ab")
     assert replayed(station, box) == b"56789ab"
 

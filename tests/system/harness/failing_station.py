@@ -19,7 +19,7 @@ from harness.farm import Farm
 from harness.isolation import children
 from harness.peers import OFFERS
 from harness.station import Detached, Station
-from harness.waiting import (LIMIT, NotReached, free_port, is_listening, stretched,
+from harness.waiting import (LIMIT, NotReached, connections_of, free_port, is_listening, stretched,
                              wait_until)
 
 _PAUSE = 0.001
@@ -247,9 +247,8 @@ class FailingStation:
         self.until(self.users_are_gone, "the users to be gone")
 
     def users_are_gone(self) -> bool:
-        """True when no user is attached."""
-        said = self.said
-        return said.count("Connected user") <= said.count("Closing connection with user")
+        """True when the daemon has closed every user's connection."""
+        return connections_of(self.station.port) == 0
 
     def command(self) -> None:
         """See that the command port tells of every console."""

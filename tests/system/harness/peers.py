@@ -94,6 +94,8 @@ class Peer:
         """Go on with this connection; what the one before brought is forgotten."""
         self._disconnect()
         sock.settimeout(stretched(LIMIT))
+        if sock.family == socket.AF_INET:  # what was sent has arrived, whatever came before it
+            sock.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.socket = sock
         self.was_reset = False
         self._received = bytearray()

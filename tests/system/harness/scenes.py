@@ -2,6 +2,7 @@
 
 import contextlib
 import os
+import re
 import signal
 import time
 from dataclasses import dataclass
@@ -68,6 +69,18 @@ def attach_when_accessible(station: Station, console: str, **options) -> User:
         return user
 
     return wait_until(attached, what=f"{console} to be accessible")
+
+
+def leave(station: Station, user: User) -> None:
+    """The user goes, and the daemon has removed the record; needs debug level 1.
+
+    Until then what the console prints meets a connection that is closed, and a failed send costs
+    the console's next user the connection.
+    """
+    position = station.mark()
+    user.close()
+    station.wait_log(re.compile("^CleanUpClosedConnections: Closing connection with user "),
+                     after=position)
 
 
 def refused(station: Station, console: str, text: bytes) -> None:

@@ -4,7 +4,7 @@ import itertools
 import random
 import socket
 import time
-from typing import Callable, TypeVar
+from typing import Callable, Iterator, TypeVar
 
 from harness import settings
 
@@ -16,6 +16,9 @@ PAUSE = 0.01
 # Below the range from which the kernel takes the local ports of outgoing connections, so that a
 # port found free stays free until the daemon binds it.
 PORTS = range(20000, 32000)
+
+# The states of a TCP socket in the kernel's tables are those of <netinet/tcp.h>.
+_ESTABLISHED, _CLOSE_WAIT, _LISTEN = 1, 8, 10
 
 _candidates = itertools.cycle(random.sample(PORTS, len(PORTS)))
 
@@ -52,19 +55,27 @@ def free_port() -> int:
     raise AssertionError(f"no free port between {PORTS.start} and {PORTS.stop}")
 
 
-def is_listening(port: int) -> bool:
-    """True when some socket of this network listens on the port; connects to nothing."""
-    listen_state = "0A"
+def _sockets() -> Iterator[tuple[int, int]]:
+    """The local port and the state of every TCP socket of this network."""
     for table in ("/proc/self/net/tcp", "/proc/self/net/tcp6"):
         try:
             with open(table, encoding="ascii") as lines:
                 rows = [line.split() for line in lines][1:]
         except FileNotFoundError:
             continue
-        if any(row[3] == listen_state and int(row[1].rpartition(":")[2], 16) == port
-               for row in rows):
-            return True
-    return False
+        for row in rows:
+            yield int(row[1].rpartition(":")[2], 16), int(row[3], 16)
+
+
+def is_listening(port: int) -> bool:
+    """True when some socket of this network listens on the port; connects to nothing."""
+    return (port, _LISTEN) in _sockets()
+
+
+def connections_of(port: int) -> int:
+    """How many connections to the port whoever listens there has not closed, taken or not."""
+    return sum(local == port and state in (_ESTABLISHED, _CLOSE_WAIT)
+               for local, state in _sockets())
 
 
 def wait_listening(port: int, limit: float = LIMIT) -> None:
