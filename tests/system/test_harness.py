@@ -19,7 +19,8 @@ from harness.debuglog import DebugLog, Record, messages, parse
 from harness.peers import Peer, User
 from harness.station import assert_no_sanitizer_report, console_line
 from harness.telnet import TelnetUser
-from harness.waiting import NotReached, free_port, is_listening, stretched, wait_until
+from harness.waiting import (NotReached, connections_of, free_port, is_listening, stretched,
+                             wait_until)
 
 OUTPUT = ("ZEV 24/05/06_07:08:09:<main>: One: two\n"
           "ZEV 24/05/06_07:08:10: Last message repeated 3 times\n"
@@ -111,6 +112,18 @@ def test_ports_are_free_and_all_different():
     ports = {free_port() for _ in range(100)}
     assert len(ports) == 100
     assert not any(is_listening(port) for port in ports)
+
+
+def test_a_connection_counts_until_the_listening_side_closes_it(fake_console):
+    console = fake_console()
+    assert connections_of(console.port) == 0
+    with socket.create_connection(("127.0.0.1", console.port), 10):
+        assert connections_of(console.port) == 1  # not taken yet
+        console.accept()
+    wait_until(lambda: console.closed, what="the caller to leave")
+    assert connections_of(console.port) == 1
+    console.close()
+    assert connections_of(console.port) == 0
 
 
 # Fake consoles and users
