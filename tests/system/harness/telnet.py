@@ -4,6 +4,7 @@ import re
 
 import pexpect
 
+from harness.terminals import close_terminal
 from harness.waiting import LIMIT, stretched
 
 CLIENT = "/usr/bin/telnet"
@@ -44,7 +45,7 @@ class TelnetUser:
 
     def close(self) -> None:
         """Leave, as closing the terminal's window would."""
-        self.terminal.close(force=True)
+        close_terminal(self.terminal)
 
     def __enter__(self) -> "TelnetUser":
         return self

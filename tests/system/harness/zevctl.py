@@ -8,6 +8,7 @@ import pexpect
 
 from harness import settings
 from harness.station import Station, assert_no_sanitizer_report
+from harness.terminals import close_terminal
 from harness.waiting import LIMIT, stretched
 
 PROGRAM = settings.build_directory() / "bin" / "zevctl"
@@ -98,7 +99,7 @@ class Terminal:
 
     def close(self) -> None:
         """Leave, as closing the terminal's window would."""
-        self.child.close(force=True)
+        close_terminal(self.child)
 
     def __enter__(self) -> "Terminal":
         return self
