@@ -78,6 +78,9 @@ struct ConsoleNode {
   LogBuffer log_buf;
   UserList* user_list;  ///< users of this console; the list is owned, its users are not
   EventSetNode* enode;  ///< event set, shared; null when none
+  /// Pass of the output monitor since which there has been no time for its output, 0 when there
+  /// has.
+  uint64_t left_out_since;
   char pellox_port_holder_ipaddr[kNameSize];  ///< who held the session at the last refusal
 };
 

@@ -100,6 +100,31 @@ bool UsersHaveRoom(ConsoleNode* cnode) {
   return room;
 }
 
+// What is left of a pass. It works under acl_lock, and threads that want two locks try for little
+// more than a millisecond and then stay away for up to a second (locks.h): a longer pass, as of
+// many consoles on a full disk, would keep them out, and all keys wait when it is the thread that
+// forwards them.
+class PassTime {
+ public:
+  bool IsOver() const { return ProcessorMicroseconds() >= end_; }
+
+ private:
+  static constexpr int64_t kLength = 1000;  // microseconds of this thread's processor time
+
+  static int64_t ProcessorMicroseconds() {
+    timespec used{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return static_cast<int64_t>(used.tv_sec) * 1000000 + used.tv_nsec / 1000;
+  }
+
+  int64_t end_ = ProcessorMicroseconds() + kLength;
+};
+
+bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) {
+  return cnode->left_out_since != 0 &&
+         (other->left_out_since == 0 || cnode->left_out_since < other->left_out_since);
+}
+
 // Takes what one peek sees off a readable console and hands it on.
 void ReadConsole(ConsoleNode* cnode) {
   char buf[kChunkSize];
@@ -251,7 +276,17 @@ int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset) {
 
 void ProcessConsoleOutput(const DescriptorSet& fdset) {
   ENTERING();
-  ForEachReady(*a_cons_list, fdset, [](ConsoleNode* cnode) {
+  static uint64_t pass = 0;  // this thread alone is here
+  ++pass;
+  const PassTime time;
+  // A list without a watch knows no other order than its own, in which the last would never come.
+  const bool in_turns = WatchOf(a_cons_list) != nullptr;
+  ForEachReady(*a_cons_list, fdset, IsLeftOutLonger, [&](ConsoleNode* cnode) {
+    if (in_turns && time.IsOver()) {
+      if (cnode->left_out_since == 0) cnode->left_out_since = pass;
+      return;
+    }
+    cnode->left_out_since = 0;
     if (UsersHaveRoom(cnode)) ReadConsole(cnode);
   });
 }

@@ -183,8 +183,8 @@ void ForgetSocket(L& list, int sock) {
   if (list.watch != nullptr) list.watch->Forget(sock);
 }
 
-/// Calls `visit` with every node whose socket is in `ready`, from head to tail, but with one that is
-/// `before` another ahead of it where the list is watched. `visit` neither adds nor unlinks. The
+/// Calls `visit` with every node whose socket is in `ready`, from head to tail, but with one that
+/// is `before` another ahead of it where the list is watched. `visit` neither adds nor unlinks. The
 /// list's lock is held for writing.
 template <typename L, typename Before, typename Visit>
 void ForEachReady(L& list, const DescriptorSet& ready, Before before, Visit visit) {
@@ -198,7 +198,9 @@ void ForEachReady(L& list, const DescriptorSet& ready, Before before, Visit visi
     // An element's socket may have gone since it was indexed.
     list.watch->index.ForEachInOrder(
         ready,
-        [&](const Elem* a, const Elem* b) { return before(a->*L::kNodeMember, b->*L::kNodeMember); },
+        [&](const Elem* a, const Elem* b) {
+          return before(a->*L::kNodeMember, b->*L::kNodeMember);
+        },
         [&](Elem* elem) { visit_if_ready(NodeOf(list, elem)); });
   }
 }

@@ -78,8 +78,8 @@ class SocketIndex {
   /// set stays.
   void Set(int sock, Elem* elem);
 
-  /// Calls `visit` with the elements of those sockets: one that is `before` another comes first, and
-  /// those that `before` does not part come in list order.
+  /// Calls `visit` with the elements of those sockets: one that is `before` another comes first,
+  /// and those that `before` does not part come in list order.
   template <typename Before, typename Visit>
   void ForEachInOrder(const DescriptorSet& sockets, Before before, Visit visit);
 

@@ -48,6 +48,7 @@ using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::ExitedWithCode;
 using ::testing::Not;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 constexpr char kRule[] =
@@ -351,6 +352,72 @@ TEST_F(ConsoleMonitorTest, LongOutputIsReadInChunks) {
   EXPECT_THAT(received[0], EndsWith("<- (1024 bytes)\n"));
   EXPECT_THAT(received[1], EndsWith("<- (1024 bytes)\n"));
   EXPECT_THAT(received[2], EndsWith("<- (952 bytes)\n"));
+}
+
+/// A watched list of consoles, each of which prints more than the passes of a test read.
+class TurnsTest : public test::RelayTest {
+ protected:
+  TurnsTest() { WatchMembers(a_cons_list); }
+
+  ~TurnsTest() override {
+    auto* watch = std::exchange(a_cons_list->watch, nullptr);
+    if (watch == nullptr) return;
+    close(watch->descriptor());
+    delete watch;
+  }
+
+  void ConnectConsoles(size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+      consoles_.push_back(ConnectConsole(("sys" + std::to_string(i)).c_str()));
+      test::SendText(consoles_.back().peer.get(), std::string(9000, static_cast<char>('a' + i)));
+    }
+  }
+
+  // Who is read in so many passes, in letters, with a blank behind each pass.
+  static std::string ReadBy(int passes) {
+    std::string read;
+    for (int i = 0; i < passes; ++i) {
+      const DebugCapture debug(kTrace);
+      DescriptorSet fdset;
+      EXPECT_TRUE(fdset.CopyFrom(a_cons_list->fdset));
+      EXPECT_EQ(CheckForConsoleOutput(a_cons_list->high_sock, &fdset), 1);
+      ProcessConsoleOutput(fdset);
+      for (const std::string& text : test::Containing(debug.Messages(), ": Received ->"))
+        read += text[text.find("->") + 2];
+      read += ' ';
+    }
+    return read;
+  }
+
+  std::vector<Attached<ConsoleNode>> consoles_;
+};
+
+TEST_F(TurnsTest, APassReadsEverybodyWhenThereIsTime) {
+  ConnectConsoles(5);
+  const test::FakeProcessorTime time(150);
+  EXPECT_EQ(ReadBy(3), "abcde abcde abcde ");
+}
+
+TEST_F(TurnsTest, WhoWasLeftOutForLackOfTimeComesFirstInTheNextPass) {
+  ConnectConsoles(5);
+  const test::FakeProcessorTime time(400);
+  EXPECT_EQ(ReadBy(6), "ab cd ea bc da eb ");
+}
+
+TEST_F(TurnsTest, OneIsReadHoweverLittleTimeThereIs) {
+  ConnectConsoles(3);
+  const test::FakeProcessorTime time(999);
+  EXPECT_EQ(ReadBy(4), "a b c a ");
+}
+
+TEST_F(ConsoleMonitorTest, EverybodyOnAListWithoutAWatchIsReadWhateverTimeItTakes) {
+  const Attached<ConsoleNode> second = ConnectConsole("sys2");
+  Print("one");
+  test::SendText(second.peer.get(), "two");
+  const test::FakeProcessorTime time(5000);
+  const DebugCapture debug(kTrace);
+  Pass();
+  EXPECT_THAT(test::Containing(debug.Messages(), ": Received ->"), SizeIs(2));
 }
 
 TEST_F(ConsoleMonitorTest, OnlyConsolesOfTheSetAreReadInListOrder) {

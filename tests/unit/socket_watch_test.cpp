@@ -293,8 +293,7 @@ TEST(SocketIndexTest, WhoIsBeforeOthersComesFirstAndTheRestInListOrder) {
   const std::array<int, 6> ranks = {2, 1, 2, 0, 2, 1};
   std::vector<long> visited;
   index.ForEachInOrder(
-      sockets,
-      [&](const Elem* a, const Elem* b) { return ranks[a->place] < ranks[b->place]; },
+      sockets, [&](const Elem* a, const Elem* b) { return ranks[a->place] < ranks[b->place]; },
       [&](const Elem* found) { visited.push_back(found - elems.data()); });
   EXPECT_THAT(visited, ElementsAre(3, 1, 5, 0, 2, 4));
 }

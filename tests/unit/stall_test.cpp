@@ -28,8 +28,7 @@ class StallTest : public ::testing::Test {
  protected:
   void SetUp() override {
     constexpr int kBuffer = 4096;
-    ASSERT_EQ(
-        setsockopt(listener_.get(), SOL_SOCKET, SO_RCVBUF, &kBuffer, sizeof kBuffer), 0);
+    ASSERT_EQ(setsockopt(listener_.get(), SOL_SOCKET, SO_RCVBUF, &kBuffer, sizeof kBuffer), 0);
     ours_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ASSERT_EQ(setsockopt(ours_.get(), SOL_SOCKET, SO_SNDBUF, &kBuffer, sizeof kBuffer), 0);
     sockaddr_in address{};

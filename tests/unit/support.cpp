@@ -658,6 +658,21 @@ int FailCall::calls() const {
   return FailureOf(call_)->calls;
 }
 
+namespace {
+
+thread_local int64_t processor_step = 0;
+thread_local int64_t processor_time = 0;
+
+}  // namespace
+
+FakeProcessorTime::FakeProcessorTime(int64_t step) {
+  processor_step = step;
+}
+
+FakeProcessorTime::~FakeProcessorTime() {
+  processor_step = 0;
+}
+
 FakeClock::FakeClock(time_t now) {
   fake_clock = new Clock{now, 0, nullptr, {}};
 }
@@ -773,6 +788,16 @@ time_t __wrap_time(time_t* result) {
   if (test::fake_clock == nullptr) return __real_time(result);
   if (result != nullptr) *result = test::fake_clock->now;
   return test::fake_clock->now;
+}
+
+int __real_clock_gettime(clockid_t clock, timespec* now);
+int __wrap_clock_gettime(clockid_t clock, timespec* now);
+int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+  if (clock != CLOCK_THREAD_CPUTIME_ID || test::processor_step == 0)
+    return __real_clock_gettime(clock, now);
+  test::processor_time += test::processor_step;
+  *now = {test::processor_time / 1'000'000, test::processor_time % 1'000'000 * 1000};
+  return 0;
 }
 
 int __real_gettimeofday(timeval* now, void* zone);

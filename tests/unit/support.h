@@ -404,6 +404,15 @@ class FailCall {
   Call call_;
 };
 
+/// Whenever the calling thread looks at its processor time, it finds `step` microseconds more.
+class FakeProcessorTime {
+ public:
+  explicit FakeProcessorTime(int64_t step);
+  ~FakeProcessorTime();
+  FakeProcessorTime(const FakeProcessorTime&) = delete;
+  FakeProcessorTime& operator=(const FakeProcessorTime&) = delete;
+};
+
 /// time() and gettimeofday() as the test wants them.
 class FakeClock {
  public:
