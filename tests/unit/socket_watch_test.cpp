@@ -285,10 +285,12 @@ TEST(SocketIndexTest, WhoIsBeforeOthersComesFirstAndTheRestInListOrder) {
   ASSERT_TRUE(index.Reserve(8));
   std::array<Elem, 6> elems{};
   DescriptorSet sockets;
-  for (int i = 0; i < 6; ++i) {
-    elems[i].place = i;
-    index.Set(8 - i, &elems[i]);
-    ASSERT_TRUE(sockets.Add(8 - i));
+  int sock = 8;
+  for (Elem& elem : elems) {
+    elem.place = static_cast<uint64_t>(&elem - elems.data());
+    index.Set(sock, &elem);
+    ASSERT_TRUE(sockets.Add(sock));
+    --sock;
   }
   const std::array<int, 6> ranks = {2, 1, 2, 0, 2, 1};
   std::vector<long> visited;
