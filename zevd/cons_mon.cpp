@@ -106,18 +106,12 @@ bool UsersHaveRoom(ConsoleNode* cnode) {
 // forwards them.
 class PassTime {
  public:
-  bool IsOver() const { return ProcessorMicroseconds() >= end_; }
+  bool IsOver() const { return MonotonicMicroseconds() >= end_; }
 
  private:
-  static constexpr int64_t kLength = 1000;  // microseconds of this thread's processor time
+  static constexpr int64_t kLength = 1500;  // microseconds
 
-  static int64_t ProcessorMicroseconds() {
-    timespec used{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-    return static_cast<int64_t>(used.tv_sec) * 1000000 + used.tv_nsec / 1000;
-  }
-
-  int64_t end_ = ProcessorMicroseconds() + kLength;
+  int64_t end_ = MonotonicMicroseconds() + kLength;
 };
 
 bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) {

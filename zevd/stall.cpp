@@ -4,15 +4,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <ctime>
+#include "util.h"
 
 namespace {
-
-int64_t Now() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 // Bytes that the peer has acknowledged since the connection began; 0 when the kernel cannot tell.
 // What is still unsent would not do: another sender may fill up at once what the peer has taken.
@@ -25,7 +19,7 @@ uint64_t BytesTaken(int sock) {
 }  // namespace
 
 bool Stall::IsTooLong(int sock, const StallLimits& limits) {
-  const int64_t now = Now();
+  const int64_t now = MonotonicMicroseconds() / 1000;
   const uint64_t taken = BytesTaken(sock);
   if (since_ < 0) {
     since_ = now;

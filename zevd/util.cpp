@@ -43,12 +43,6 @@ constexpr int64_t kAfterCarriageReturn = 100;  // microseconds to wait for the r
 constexpr timeval kSendLimit = {0, 200000};
 constexpr int kSendBuffer = 256 * 1024;
 
-int64_t MonotonicMicroseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * kMicrosecondsPerSecond + now.tv_nsec / 1000;
-}
-
 // Waits until `sock` has something to read; a negative limit is none. poll() takes descriptors of
 // any number. Returns what ppoll() does.
 int PollReadable(int sock, int64_t limit_us, const sigset_t* mask) {
@@ -336,6 +330,12 @@ void DrainTelnetControlSequence(int sock, char* telnet_cmd, int size) {
     }
   }
   telnet_cmd[count] = '\0';
+}
+
+int64_t MonotonicMicroseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * kMicrosecondsPerSecond + now.tv_nsec / 1000;
 }
 
 void SetSocketFlag(int sock, int level, int option) {

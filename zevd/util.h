@@ -44,6 +44,9 @@ int ReadCharAtATimeWithTimeout(int sock, char* buf, int size, int echo, time_t w
 /// nothing after it.
 void DrainTelnetControlSequence(int sock, char* telnet_cmd, int size);
 
+/// Microseconds on a clock that nobody sets (CLOCK_MONOTONIC). Any thread.
+int64_t MonotonicMicroseconds();
+
 /// Switches a socket option on; a refusal by the system is of no consequence.
 void SetSocketFlag(int sock, int level, int option);
 

@@ -394,19 +394,19 @@ class TurnsTest : public test::RelayTest {
 
 TEST_F(TurnsTest, APassReadsEverybodyWhenThereIsTime) {
   ConnectConsoles(5);
-  const test::FakeProcessorTime time(150);
+  const test::FakePassageOfTime time(150);
   EXPECT_EQ(ReadBy(3), "abcde abcde abcde ");
 }
 
 TEST_F(TurnsTest, WhoWasLeftOutForLackOfTimeComesFirstInTheNextPass) {
   ConnectConsoles(5);
-  const test::FakeProcessorTime time(400);
+  const test::FakePassageOfTime time(600);
   EXPECT_EQ(ReadBy(6), "ab cd ea bc da eb ");
 }
 
 TEST_F(TurnsTest, OneIsReadHoweverLittleTimeThereIs) {
   ConnectConsoles(3);
-  const test::FakeProcessorTime time(999);
+  const test::FakePassageOfTime time(1499);
   EXPECT_EQ(ReadBy(4), "a b c a ");
 }
 
@@ -414,7 +414,7 @@ TEST_F(ConsoleMonitorTest, EverybodyOnAListWithoutAWatchIsReadWhateverTimeItTake
   const Attached<ConsoleNode> second = ConnectConsole("sys2");
   Print("one");
   test::SendText(second.peer.get(), "two");
-  const test::FakeProcessorTime time(5000);
+  const test::FakePassageOfTime time(5000);
   const DebugCapture debug(kTrace);
   Pass();
   EXPECT_THAT(test::Containing(debug.Messages(), ": Received ->"), SizeIs(2));

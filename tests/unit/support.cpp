@@ -660,17 +660,17 @@ int FailCall::calls() const {
 
 namespace {
 
-thread_local int64_t processor_step = 0;
-thread_local int64_t processor_time = 0;
+thread_local int64_t passage_step = 0;
+thread_local int64_t passage_time = 0;
 
 }  // namespace
 
-FakeProcessorTime::FakeProcessorTime(int64_t step) {
-  processor_step = step;
+FakePassageOfTime::FakePassageOfTime(int64_t step) {
+  passage_step = step;
 }
 
-FakeProcessorTime::~FakeProcessorTime() {
-  processor_step = 0;
+FakePassageOfTime::~FakePassageOfTime() {
+  passage_step = 0;
 }
 
 FakeClock::FakeClock(time_t now) {
@@ -793,10 +793,9 @@ time_t __wrap_time(time_t* result) {
 int __real_clock_gettime(clockid_t clock, timespec* now);
 int __wrap_clock_gettime(clockid_t clock, timespec* now);
 int __wrap_clock_gettime(clockid_t clock, timespec* now) {
-  if (clock != CLOCK_THREAD_CPUTIME_ID || test::processor_step == 0)
-    return __real_clock_gettime(clock, now);
-  test::processor_time += test::processor_step;
-  *now = {test::processor_time / 1'000'000, test::processor_time % 1'000'000 * 1000};
+  if (clock != CLOCK_MONOTONIC || test::passage_step == 0) return __real_clock_gettime(clock, now);
+  test::passage_time += test::passage_step;
+  *now = {test::passage_time / 1'000'000, test::passage_time % 1'000'000 * 1000};
   return 0;
 }
 

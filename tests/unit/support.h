@@ -404,13 +404,13 @@ class FailCall {
   Call call_;
 };
 
-/// Whenever the calling thread looks at its processor time, it finds `step` microseconds more.
-class FakeProcessorTime {
+/// Whenever the calling thread looks at the monotonic clock, `step` microseconds have passed.
+class FakePassageOfTime {
  public:
-  explicit FakeProcessorTime(int64_t step);
-  ~FakeProcessorTime();
-  FakeProcessorTime(const FakeProcessorTime&) = delete;
-  FakeProcessorTime& operator=(const FakeProcessorTime&) = delete;
+  explicit FakePassageOfTime(int64_t step);
+  ~FakePassageOfTime();
+  FakePassageOfTime(const FakePassageOfTime&) = delete;
+  FakePassageOfTime& operator=(const FakePassageOfTime&) = delete;
 };
 
 /// time() and gettimeofday() as the test wants them.
