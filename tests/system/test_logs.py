@@ -10,7 +10,7 @@ import pytest
 
 from harness.logs import (bring_up, consolidated, consolidated_records, current, dated, difference,
                           empty_logs, log_of, of_console, read, records, wait_records)
-from harness.scenes import numbered, print_and_wait, reload
+from harness.scenes import leave, numbered, print_and_wait, reload
 from harness.station import console_line
 from harness.waiting import wait_until
 
@@ -24,13 +24,6 @@ def box(station):
     bring_up(station, made)
     station.wait_connected("box")
     return made
-
-
-def leave(station, user, name: str, console: str = "box") -> None:
-    """The user goes, and the daemon has seen it."""
-    position = station.mark()
-    user.close()
-    station.wait_log(LEFT.format(name, console), after=position)
 
 
 def without_cr(printed: bytes) -> list[bytes]:
@@ -148,8 +141,8 @@ def test_what_users_see_is_logged_unless_the_first_of_them_may_be_revoked(statio
     box.send(b"watched\n")
     for user in users:
         user.expect(b"watched\n")
-    for number, user in enumerate(users):
-        leave(station, user, f"user{number}")
+    for user in users:
+        leave(station, user)
     print_and_wait(station, box, b"alone\n")
     wait_records(log_of(station, "box"), [b"watched\n"] * logged + [b"alone\n"])
     wait_until(lambda: read(consolidated(station)), what="the consolidated record")
@@ -204,7 +197,7 @@ def test_a_chunk_with_a_high_first_byte_is_lost_only_while_nobody_watches(statio
     user = station.attach("box", user="ann")
     box.send(b"\xe9tat vu\n")
     user.expect(b"\xe9tat vu\n")
-    leave(station, user, "ann")
+    leave(station, user)
     print_and_wait(station, box, b"end\n")
     wait_records(log_of(station, "box"), [b"\xe9tat vu\n", b"end\n"])
 
