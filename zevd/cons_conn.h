@@ -78,8 +78,8 @@ struct ConsoleNode {
   LogBuffer log_buf;
   UserList* user_list;  ///< users of this console; the list is owned, its users are not
   EventSetNode* enode;  ///< event set, shared; null when none
-  /// Pass of the output monitor since which there has been no time for its output, 0 when there
-  /// has.
+  /// The output monitor's pass since which there has been no time to read the console, 0 when it
+  /// was read since; under acl_lock.
   uint64_t left_out_since;
   char pellox_port_holder_ipaddr[kNameSize];  ///< who held the session at the last refusal
 };

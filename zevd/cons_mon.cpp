@@ -100,10 +100,10 @@ bool UsersHaveRoom(ConsoleNode* cnode) {
   return room;
 }
 
-// What is left of a pass. It works under acl_lock, and threads that want two locks try for little
-// more than a millisecond and then stay away for up to a second (locks.h): a longer pass, as of
-// many consoles on a full disk, would keep them out, and all keys wait when it is the thread that
-// forwards them.
+// How long a pass may read consoles. It holds acl_lock meanwhile, and threads that want two locks
+// try for a millisecond and a half and then stay away for up to a second (locks.h): a longer pass,
+// as of many consoles on a full disk, would keep them out, and all keys wait when it is the thread
+// that forwards them.
 class PassTime {
  public:
   bool IsOver() const { return MonotonicMicroseconds() >= end_; }

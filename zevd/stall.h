@@ -25,7 +25,7 @@ class Stall {
   }
 
  private:
-  int64_t since_ = -1;  // CLOCK_MONOTONIC, -1 while there is room
+  int64_t since_ = -1;  // in milliseconds of a clock that nobody sets; -1 while there is room
   int64_t last_progress_ = 0;
-  uint64_t taken_ = 0;
+  uint64_t taken_ = 0;  // bytes, at the last call
 };

@@ -47,8 +47,6 @@ TRYING = "Trying again every 2 seconds; Ctrl-C ends it.\r\n"
 
 BREAK = b"\xff\xf3"
 
-# What the daemon has room for whoever reads: a user who takes nothing for 400 ms is closed, and a
-# busy machine may keep the reader of a terminal waiting as long.
 PACE = 32768
 
 
@@ -526,17 +524,25 @@ def test_a_console_that_never_stops_does_not_keep_the_client(station, box):
     assert done.stdout.startswith("tick\r\ntick\r\n")
 
 
+def paced(text: bytes) -> list[bytes]:
+    """The text in pieces, each of which the daemon has room for.
+
+    Without room it closes a user who takes nothing for 400 ms, and a busy machine may keep the
+    reader of a terminal waiting as long.
+    """
+    return [text[start:start + PACE] for start in range(0, len(text), PACE)]
+
+
 def test_a_megabyte_through_a_pipe(station, box):
     text = numbered(25_000)
-    last = len(text) - PACE
+    *pieces, last = paced(text)
     with piped(station) as client:
-        for start in range(0, last, PACE):
-            piece = text[start:min(start + PACE, last)]
+        for piece in pieces:
             box.send(piece)
             assert client.stdout.read(len(piece)) == piece
-        box.send(text[last:])
+        box.send(last)
         client.stdin.close()
-        assert client.stdout.read() == text[last:]
+        assert client.stdout.read() == last
         assert client.wait(stretched(LIMIT)) == OK
 
 
@@ -552,8 +558,7 @@ def test_a_megabyte_of_input(station, box):
 def test_a_megabyte_on_a_terminal(station, box):
     text = numbered(25_000)
     with seated(station) as person:
-        for start in range(0, len(text), PACE):
-            piece = text[start:start + PACE]
+        for piece in paced(text):
             box.send(piece)
             assert read_terminal(person, len(piece)) == piece
         leave(person)
