@@ -130,7 +130,8 @@ int RemoveCommandFromList(CommandNode* cnode, CommandList* list) {
 
 // ---- Connections --------------------------------------------------------------------------------
 
-int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr) {
+int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr,
+                             const Identity& identity) {
   ENTERING();
   CommandNode* cnode = NewCommandNode(user_name, ipaddr);
   if (cnode == nullptr) {
@@ -139,6 +140,7 @@ int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr
   }
   cnode->sock = sock;
   cnode->connected = 1;
+  cnode->identity = identity;
   const WriteLock lock(cmd_lock, HERE);
   if (AddCommandToList(cnode, cmd_list) != 0) {
     // The node is not freed: a small leak, after an allocation that has failed already.

@@ -10,6 +10,7 @@
 #include "cons_conn.h"
 #include "descriptor_set.h"
 #include "fixed_text.h"
+#include "identity.h"
 #include "list.h"
 #include "locks.h"
 #include "stall.h"
@@ -36,6 +37,7 @@ struct CommandNode {
   int connected;  ///< 0 while new and, on the list, once closed and waiting to be removed
   char user_name[kUserNameSize];
   char ipaddr[kNameSize];
+  Identity identity;  ///< who it really is
   OutgoingAnswer answer;
 };
 
@@ -49,7 +51,9 @@ using CommandList = SocketList<CommandListElem, &CommandListElem::cnode>;
 
 /// Makes the socket a command connection. 0: it belongs to the command side and the caller must not
 /// touch it again; -1: it is still the caller's, and u_err_msg may say why.
-int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr);
+/// `user_name` and `ipaddr` are what others are shown; `identity` is who it really is.
+int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr,
+                             const Identity& identity = {});
 
 void* CommandMonitorThreadStart(void* unused);
 

@@ -228,6 +228,7 @@ struct NewUser {
   const char* ipaddr;
   const char* console_name;
   int mode;
+  const Identity* identity;
 };
 
 constexpr char kAttach[] = "ConnectUserToConsole";
@@ -310,6 +311,7 @@ UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES
     zev_debug(kInfo, "%s: NewUserNode() failed.\n", kAttach);
     return nullptr;
   }
+  unode->identity = *user.identity;
   if (AddUserToList(unode, cnode->user_list) != 0) {
     zev_debug(kInfo, "%s: AddUserToList() failed.\n", kAttach);
     DiscardUserNode(unode);
@@ -361,9 +363,9 @@ int JoinUserList(UserNode* unode, const NewUser& user) {
 }  // namespace
 
 int ConnectUserToConsole(int user_sock, const char* user_name, const char* ipaddr,
-                         const char* console_name, uint16_t mode) {
+                         const char* console_name, uint16_t mode, const Identity& identity) {
   ENTERING();
-  const NewUser user = {user_sock, user_name, ipaddr, console_name, mode};
+  const NewUser user = {user_sock, user_name, ipaddr, console_name, mode, &identity};
   UserNode* unode = JoinConsole(user);
   return unode == nullptr ? -1 : JoinUserList(unode, user);
 }

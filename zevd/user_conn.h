@@ -11,6 +11,7 @@
 #include "cons_conn.h"
 #include "descriptor_set.h"
 #include "fixed_text.h"
+#include "identity.h"
 #include "locks.h"
 #include "stall.h"
 
@@ -29,6 +30,7 @@ struct UserNode {
   int mode;                    ///< AccessMode
   char user_name[kUserNameSize];
   char ipaddr[kNameSize];  ///< the address that is shown for the user
+  Identity identity;       ///< who it really is
   /// The console; never changes, and the console outlives the user (ref_count).
   ConsoleNode* cnode;
   /// The console's name at the time of attaching, for debug lines that are written without the lock
@@ -100,9 +102,9 @@ bool IsUserInUserList(const UserNode* unode, const UserList* list);
 
 /// Attaches the connection to the console, greets its telnet client and replays recent output. 0,
 /// or -1 with u_err_msg set; the caller then closes the socket. After 0 the socket is the
-/// monitors'.
+/// monitors'. `user_name` and `ipaddr` are what others are shown; `identity` is who it really is.
 int ConnectUserToConsole(int user_sock, const char* user_name, const char* ipaddr,
-                         const char* console_name, uint16_t mode)
+                         const char* console_name, uint16_t mode, const Identity& identity = {})
     EXCLUDES(acl_lock, icl_lock, ul_lock);
 
 /// 0 when some user of the console holds mode 2 or 3, else 1. Caller holds the console's list lock.

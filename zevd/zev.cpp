@@ -16,6 +16,7 @@
 #include <cstring>
 #include <new>
 
+#include "audit.h"
 #include "error.h"
 #include "event.h"
 #include "lock_file.h"
@@ -279,6 +280,7 @@ void RunAsDaemon() {
 void Initialize() {
   ENTERING();
   RaiseDescriptorLimit();
+  OpenAudit();
   OpenWaker(cons_mon_waker);
   OpenWaker(user_mon_waker);
   OpenWaker(cmd_mon_waker);

@@ -1,0 +1,28 @@
+// Who did what: one entry in the system's log (facility authpriv, ident "zevd") for every login,
+// attaching, leaving and control command.
+//
+// Any thread, with any lock held: nothing is waited for and no lock is taken. An entry that the
+// system's log does not take at once is lost and counted; the count is the first thing that the log
+// is told when it takes entries again.
+#pragma once
+
+#include "identity.h"
+
+/// One entry. A null text is written as an empty one; a text is cut at 256 bytes.
+struct AuditEntry {
+  const char* what;                    ///< "login", "attach", "leave", "security" or a command
+  const char* result;                  ///< "accepted", "refused", "done", "off"
+  const Identity* identity = nullptr;  ///< null: the daemon itself
+  const char* console = nullptr;       ///< the console's name, or what a command was given for one
+  const char* mode = nullptr;          ///< "ro", "sh", "ex" or "er"
+  const char* reason = nullptr;        ///< up to its first line end
+};
+
+/// Opens the way to the system's log; without it entries are not written. Before the worker threads
+/// start.
+void OpenAudit();
+
+/// Writes `what`, `result`, `user`, `given_user`, `from`, `given_from`, `console`, `mode` and
+/// `reason`, in this order and all of them, as key="value": `"`, `\` and bytes that are not
+/// printable ASCII as \xNN.
+void Audit(const AuditEntry& entry);
