@@ -1,8 +1,9 @@
 // Checks one user name and password with PAM.
 //
 // Reads "name password" from standard input up to its end: the name ends at the first blank, all
-// the rest is the password, blanks included. Ends with status 0 when the pair is valid and the
-// account may be used, with 1 otherwise. Prints nothing; wipes what it read.
+// the rest is the password, blanks included. The environment variable QOR_RHOST is the address that
+// the pair came from; PAM's modules may judge by it and log it. Ends with status 0 when the pair is
+// valid and the account may be used, with 1 otherwise. Prints nothing; wipes what it read.
 #include <security/pam_appl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -71,7 +72,10 @@ bool IsValid(const Pair& pair) {
   const pam_conv conversation = {Answer, const_cast<Pair*>(&pair)};
   if (pam_start(kService, pair.name, &conversation, &handle) != PAM_SUCCESS) return false;
   constexpr int kFlags = PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK;
-  int status = pam_authenticate(handle, kFlags);
+  const char* rhost = getenv("QOR_RHOST");
+  int status = PAM_SUCCESS;
+  if (rhost != nullptr && rhost[0] != '\0') status = pam_set_item(handle, PAM_RHOST, rhost);
+  if (status == PAM_SUCCESS) status = pam_authenticate(handle, kFlags);
   if (status == PAM_SUCCESS) status = pam_acct_mgmt(handle, kFlags);
   pam_end(handle, status);
   return status == PAM_SUCCESS;

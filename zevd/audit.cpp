@@ -16,13 +16,15 @@
 
 namespace {
 
-constexpr sockaddr_un kSystemLog = {AF_UNIX, "/dev/log"};  // syslog(3), _PATH_LOG
 constexpr size_t kLongestValue = 256;
 constexpr size_t kKeys = 9;
 // Every byte of a value may take four; the rest is for the keys and the head.
 constexpr size_t kEntrySize = kKeys * (4 * kLongestValue + 16) + 128;
 
-int log_socket = -1;  // written before the worker threads start
+// Written before the worker threads start.
+int log_socket = -1;
+sockaddr_un log_address = {AF_UNIX, ""};
+
 std::atomic<unsigned long> lost{0};
 
 /// Builds one entry; what does not fit is left out, which the sizes above rule out.
@@ -70,7 +72,7 @@ class EntryText {
 
 bool Send(const EntryText& entry) {
   return sendto(log_socket, entry.data(), entry.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                reinterpret_cast<const sockaddr*>(&kSystemLog), sizeof kSystemLog) >= 0;
+                reinterpret_cast<const sockaddr*>(&log_address), sizeof log_address) >= 0;
 }
 
 void CountLoss(unsigned long count) {
@@ -104,8 +106,9 @@ int SeverityOf(const AuditEntry& entry) {
 
 }  // namespace
 
-void OpenAudit() {
+void OpenAudit(const char* log) {
   ENTERING();
+  CopyText(log_address.sun_path, log);
   log_socket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (log_socket == -1) zev_debug(kError, "%s: socket() failed : %s\n", __func__, strerror(errno));
 }

@@ -18,9 +18,12 @@ struct AuditEntry {
   const char* reason = nullptr;        ///< up to its first line end
 };
 
+/// The datagram socket of the system's log (syslog(3)).
+inline constexpr char kSystemLog[] = "/dev/log";
+
 /// Opens the way to the system's log; without it entries are not written. Before the worker threads
 /// start.
-void OpenAudit();
+void OpenAudit(const char* log = kSystemLog);
 
 /// Writes `what`, `result`, `user`, `given_user`, `from`, `given_from`, `console`, `mode` and
 /// `reason`, in this order and all of them, as key="value": `"`, `\` and bytes that are not

@@ -23,9 +23,11 @@
 #include <new>
 #include <utility>
 
+#include "audit.h"
 #include "cons_mon.h"
 #include "error.h"
 #include "user_conn.h"
+#include "utf8.h"
 #include "util.h"
 #include "waker.h"
 #include "zev.h"
@@ -148,6 +150,7 @@ int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr
     zev_debug(kError, "%s: AddCommandToList() failed\n", __func__);
     return -1;
   }
+  Audit({"attach", "accepted", &cnode->identity, kCommandConsole});
   cmd_mon_waker.Wake();
   return 0;
 }
@@ -284,6 +287,7 @@ void CleanUpClosedConnections() {
   for (CommandNode* cnode = GetClosedConnection(); cnode != nullptr;
        cnode = GetClosedConnection()) {
     zev_debug(kDetail, "%s: Cleaning up closed command connection.\n", __func__);
+    Audit({"leave", "done", &cnode->identity, kCommandConsole});
     RemoveCommandFromList(cnode, cmd_list);
     FreeCommandNode(cnode);
   }
@@ -470,25 +474,27 @@ void ReleaseRecords() {
 namespace {
 
 constexpr char kWordEnds[] = " \n\r";
+constexpr bool kLooks = false;
+constexpr bool kActs = true;
 
 constexpr CommandRow kCommands[] = {
-    {"console", kConsoleCommand, CommandArgument::kOptionalConsole,
+    {"console", kConsoleCommand, CommandArgument::kOptionalConsole, kLooks,
      [](char* name, CommandNode*, char*) { ProcessConsoleCommand(name); }},
-    {"who", kWhoCommand, CommandArgument::kConsole,
+    {"who", kWhoCommand, CommandArgument::kConsole, kLooks,
      [](char* name, CommandNode*, char*) { ProcessWhoCommand(name); }},
-    {"msg", kMsgCommand, CommandArgument::kConsoleAndText,
+    {"msg", kMsgCommand, CommandArgument::kConsoleAndText, kActs,
      [](char* name, CommandNode* cmd_node, char* text) { SendMsgToConsole(name, cmd_node, text); }},
-    {"clear", kClearCommand, CommandArgument::kConsole,
+    {"clear", kClearCommand, CommandArgument::kConsole, kActs,
      [](char* name, CommandNode* cmd_node, char*) { ClearConsole(name, cmd_node); }},
-    {"disable", kDisableCommand, CommandArgument::kConsole,
+    {"disable", kDisableCommand, CommandArgument::kConsole, kActs,
      [](char* name, CommandNode* cmd_node, char*) { DisableConsole(name, cmd_node); }},
-    {"enable", kEnableCommand, CommandArgument::kConsole,
+    {"enable", kEnableCommand, CommandArgument::kConsole, kActs,
      [](char* name, CommandNode*, char*) { EnableConsole(name); }},
-    {"mapped_port", kMappedPortCommand, CommandArgument::kOptionalConsole,
+    {"mapped_port", kMappedPortCommand, CommandArgument::kOptionalConsole, kLooks,
      [](char* name, CommandNode*, char*) { ProcessMappedPortCommand(name); }},
-    {"force", kForceCommand, CommandArgument::kConsole,
+    {"force", kForceCommand, CommandArgument::kConsole, kActs,
      [](char* name, CommandNode* cmd_node, char*) { ForceKPMConnection(name, cmd_node); }},
-    {"portholder", kPortHolderCommand, CommandArgument::kConsole,
+    {"portholder", kPortHolderCommand, CommandArgument::kConsole, kLooks,
      [](char* name, CommandNode*, char*) { PelloxPortHolder(name); }},
 };
 
@@ -497,6 +503,12 @@ const CommandRow* FindCommand(const char* word) {
     if (strcasecmp(word, row.word) == 0) return &row;
   }
   return nullptr;
+}
+
+void AuditCommand(const CommandRow& row, const char* cons_name, const CommandNode* cnode) {
+  const bool done = rheader.type == kDone;
+  Audit({row.word, done ? "done" : "refused", &cnode->identity, cons_name, nullptr,
+         done ? nullptr : cmd_err_msg});
 }
 
 CommandId ParserError(const char* text) {
@@ -529,7 +541,9 @@ CommandId ParseAndExecuteCommand(CommandNode* cnode, char* cmd) {
     if (name_end == end) return ParserError("No message specified.");
     text = name_end + 1;
   }
+  if (text != nullptr) ReplaceControlsOfLine(text);
   row->run(name, cnode, text);
+  if (row->acts) AuditCommand(*row, name, cnode);
   return row->id;
 }
 
@@ -785,10 +799,10 @@ bool ForEachMatch(const ConsoleList& list, const char* cons_name, Action act) {
   return found;
 }
 
-void ThrowUsersOff(const char* function, ConsoleNode* cnode, const char* text) {
+void ThrowUsersOff(const char* function, ConsoleNode* cnode, const char* text, const char* reason) {
   zev_debug(kInfo, "%s: %s\n", function, text);
   SendMsgToUsers(cnode, text);
-  CloseUserConnections(cnode);
+  CloseUserConnections(cnode, reason);
 }
 
 void MarkDisabled(ConsoleNode* cnode) {
@@ -805,7 +819,8 @@ void ClearConsole(const char* cons_name, const CommandNode* cmd_node) {
   {
     const WriteLockPair lock(acl_lock, icl_lock, Release::kSecondFirst, HERE);
     ConsoleNode* cnode = FindByAnyCase(a_cons_list, cons_name);
-    if (cnode != nullptr) ThrowUsersOff(__func__, cnode, text.text);
+    if (cnode != nullptr)
+      ThrowUsersOff(__func__, cnode, text.text, "An operator cleared the console.");
     found = cnode != nullptr || FindByAnyCase(i_cons_list, cons_name) != nullptr;
   }
   if (found) {
@@ -823,7 +838,7 @@ void DisableConsole(const char* cons_name, const CommandNode* cmd_node) {
   {
     const WriteLockPair lock(acl_lock, icl_lock, Release::kSecondFirst, HERE);
     found = ForEachMatch(*a_cons_list, cons_name, [&](ConsoleNode* cnode) {
-      ThrowUsersOff(kFunction, cnode, text.text);
+      ThrowUsersOff(kFunction, cnode, text.text, "An operator disabled the console.");
       MarkDisabled(cnode);
       cons_mon_waker.Wake();
     });

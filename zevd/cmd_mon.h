@@ -49,6 +49,9 @@ struct CommandListElem {
 
 using CommandList = SocketList<CommandListElem, &CommandListElem::cnode>;
 
+/// The console name by which a client asks for the command port.
+inline constexpr char kCommandConsole[] = "@@@@";
+
 /// Makes the socket a command connection. 0: it belongs to the command side and the caller must not
 /// touch it again; -1: it is still the caller's, and u_err_msg may say why.
 /// `user_name` and `ipaddr` are what others are shown; `identity` is who it really is.
@@ -136,6 +139,7 @@ struct CommandRow {
   const char* word;  ///< compared without regard to case
   CommandId id;
   CommandArgument argument;
+  bool acts;  ///< changes something or tells somebody: it shows in the system's log
   void (*run)(char* cons_name, CommandNode* cmd_node, char* text);
 };
 

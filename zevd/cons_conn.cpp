@@ -244,7 +244,7 @@ void DeleteMarkedConsoles(ConsoleList* list) {
     if (cnode->user_list->head != nullptr) {
       zev_debug(kInfo, "%s: Disconnecting users from %s.\n", __func__, cnode->cname);
       SendMsgToUsers(cnode, "Console has been deleted.");
-      CloseUserConnections(cnode);
+      CloseUserConnections(cnode, "The console was deleted.");
     } else if (cnode->ref_count > 0) {
       zev_debug(kInfo, "%s: Console %s has ref_count=%d. Cannot delete yet.\n", __func__,
                 cnode->cname, cnode->ref_count.load());

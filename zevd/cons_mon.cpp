@@ -40,6 +40,9 @@ constexpr size_t kChunkSize = 1024;
 // is alive on a slow line gets longer than one who takes nothing.
 constexpr StallLimits kUserStall = {.idle = 400, .no_room = 5000};
 
+constexpr char kTookNothing[] = "The user took no output.";
+constexpr char kSendFailed[] = "The connection failed.";
+
 constexpr char kStars[] = "***************************************";  // 39
 constexpr char kBells[] = "\a\a\a\a\a";
 
@@ -94,7 +97,7 @@ bool UsersHaveRoom(ConsoleNode* cnode) {
     if (unode->connected != 0 && unode->output_stall.IsTooLong(unode->sock, kUserStall)) {
       zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", "SendConsoleOutputToUsers",
                 cnode->cname, strerror(EAGAIN));
-      CloseUserConnection(unode);
+      CloseUserConnection(unode, kTookNothing);
     }
   }
   return room;
@@ -307,12 +310,12 @@ void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes) {
       // for a huge one and the memory behind the chunk sent out.
       errno = EFAULT;
     } else {
-      length = send(unode->sock, buf, static_cast<size_t>(length), 0);
+      length = TEMP_FAILURE_RETRY(send(unode->sock, buf, static_cast<size_t>(length), 0));
     }
     if (length < 0) {
       zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
                 strerror(errno));
-      CloseUserConnection(unode);
+      CloseUserConnection(unode, kSendFailed);
     }
   }
 }
@@ -340,7 +343,7 @@ void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) 
     if (budget.Send(unode->sock, &ring.buf[i], 1, next == ring.tail ? 0 : MSG_MORE) < 0) {
       zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
                 strerror(errno));
-      CloseUserConnection(unode);
+      CloseUserConnection(unode, kSendFailed);
       return;
     }
   }
@@ -401,9 +404,9 @@ void CloseConsoleConnection(ConsoleNode* cnode) {
   cons_mon_waker.Wake();
 }
 
-void CloseUserConnections(ConsoleNode* cnode) {
+void CloseUserConnections(ConsoleNode* cnode, const char* reason) {
   ENTERING();
-  for (UserNode* unode : Nodes(*cnode->user_list)) CloseUserConnection(unode);
+  for (UserNode* unode : Nodes(*cnode->user_list)) CloseUserConnection(unode, reason);
   DropElements(*cnode->user_list);
 }
 
@@ -418,7 +421,7 @@ void CleanUpClosedConnections() {
   ENTERING();
   for (ConsoleNode* cnode : Nodes(*a_cons_list)) {
     if (!IsClosed(*cnode)) continue;
-    CloseUserConnections(cnode);
+    CloseUserConnections(cnode, "The console's connection was closed.");
     cnode->status = kNotConnected;
     ForgetSocket(*a_cons_list, cnode->sock);
     close(cnode->sock);

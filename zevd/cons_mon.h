@@ -22,8 +22,9 @@ void FormatBanner(char* banner, size_t size, const char* message);
 /// Sends a framed message to every user of the console.
 void SendMsgToUsers(ConsoleNode* cnode, const char* message);
 
-/// Marks every user of the console for closing and empties the console's user list.
-void CloseUserConnections(ConsoleNode* cnode);
+/// Marks every user of the console for closing, as CloseUserConnection(), and empties the console's
+/// user list.
+void CloseUserConnections(ConsoleNode* cnode, const char* reason);
 
 /// Marks a console closed; the monitor closes its socket.
 void CloseConsoleConnection(ConsoleNode* cnode);

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "archive_time.h"
+#include "audit.h"
 #include "cons_mon.h"
 #include "error.h"
 #include "event.h"
@@ -62,6 +63,14 @@ void OpenLogs() {
   OpenConsolidatedLogFile();
 }
 
+// Whoever turned it off by mistake, as with "-S on", shall see it.
+void WarnOfNoSecurity() {
+  if (security_enabled != 0) return;
+  zev_debug(kError, "%s: Security is off: whoever reaches port %d is attached without a login.\n",
+            "main", user_port);
+  Audit({"security", "off"});
+}
+
 void CreateWorkerThreads() {
   CreateConsoleConnectionsThread();
   CreateUserConnectionsThread();
@@ -85,6 +94,7 @@ int main(int argc, char** argv) {
   ConnectToJix();
   Initialize();
   ArrangeSignals();
+  WarnOfNoSecurity();
   if (security_enabled != 0) GenerateCookie();
   LoadConfiguration();
   OpenLogs();

@@ -2,23 +2,28 @@
 
 #include <arpa/inet.h>
 #include <grp.h>
+#include <password_check.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <tqauth.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
 
+#include "audit.h"
 #include "error.h"
 #include "fixed_text.h"
 #include "paths.h"
 #include "user_conn.h"
+#include "utf8.h"
 #include "util.h"
 
 // ---- The cookie ---------------------------------------------------------------------------------
@@ -121,16 +126,27 @@ struct WipedText {
   WipedText& operator=(const WipedText&) = delete;
 };
 
+// A process that was stopped and goes on finds its wait interrupted (signal(7)): what is left of
+// the time is waited for then.
+ssize_t PeekBefore(int sock, char* buf, size_t size, int64_t deadline) {
+  for (;;) {
+    const int64_t left = std::max<int64_t>(deadline - MonotonicMicroseconds(), 1);
+    const timeval limit = {left / 1000000, left % 1000000};
+    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    errno = 0;
+    const ssize_t count = recv(sock, buf, size, MSG_PEEK);
+    if (count >= 0 || errno != EINTR) return count;
+  }
+}
+
 // Looks at what the client has sent. The number of bytes, or what recv() returned with errno set;
 // the socket's own time-out is as before afterwards.
 ssize_t PeekFirstLine(int sock, char* buf, size_t size) {
   timeval saved{};
   socklen_t length = sizeof saved;
   getsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &saved, &length);
-  const timeval limit = {kFirstLineWait, 0};
-  setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-  errno = 0;
-  const ssize_t count = recv(sock, buf, size, MSG_PEEK);
+  const int64_t deadline = MonotonicMicroseconds() + kFirstLineWait * int64_t{1000000};
+  const ssize_t count = PeekBefore(sock, buf, size, deadline);
   const int error = errno;
   setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &saved, sizeof saved);
   errno = error;
@@ -168,32 +184,65 @@ int IsTokenAuthentication(int sock, char (&user_cookie)[kCookieSize]) {
   return 1;
 }
 
-int DoAuthentication(int sock, const sockaddr_in& client_addr, char* buf, int size) {
-  ENTERING();
+namespace {
+
+constexpr char kDecide[] = "DoAuthentication";
+constexpr char kByCookie[] = "by cookie";
+constexpr char kByName[] = "by name and password";
+
+void AuditLogin(const char* result, const Identity& identity, const char* cons_name,
+                const char* reason) {
+  Audit({"login", result, &identity, cons_name, nullptr, reason});
+}
+
+// For a refusal that has no text the connection itself has failed.
+void AuditRefusedLogin(const Identity& identity, const char* cons_name) {
+  AuditLogin("refused", identity, cons_name,
+             u_err_msg == nullptr ? "The connection failed." : u_err_msg);
+}
+
+int Authenticate(int sock, const sockaddr_in& client_addr, char* buf, int size, Identity& identity,
+                 bool* by_cookie) {
   char user_cookie[kCookieSize];
   const int kind = IsTokenAuthentication(sock, user_cookie);
   if (kind == -2) {
-    zev_debug(kInfo, "%s: Timed out waiting for input.\n", __func__);
+    zev_debug(kInfo, "%s: Timed out waiting for input.\n", kDecide);
     return -1;
   }
   if (kind == -1) {
-    zev_debug(kInfo, "%s: Error reading authentication data.\n", __func__);
+    zev_debug(kInfo, "%s: Error reading authentication data.\n", kDecide);
     return -1;
   }
-  if (kind == 1 && IsLoopback(client_addr)) {
-    if (ReadLineWithTimeout(sock, buf, size, kFirstLineWait) != 0) return -1;
-    return DoCookieValidation(sock, user_cookie);
-  }
-  return DoTqAuthValidation(sock, buf, size);
+  *by_cookie = kind == 1 && IsLoopback(client_addr);
+  if (!*by_cookie) return DoTqAuthValidation(sock, buf, size, identity);
+  if (ReadLineWithTimeout(sock, buf, size, kFirstLineWait) != 0) return -1;
+  return DoCookieValidation(sock, user_cookie);
 }
 
-int DoTqAuthValidation(int sock, char* buf, int size) {
+}  // namespace
+
+int DoAuthentication(int sock, const sockaddr_in& client_addr, char* buf, int size,
+                     Identity& identity) {
+  ENTERING();
+  bool by_cookie = false;
+  const int result = Authenticate(sock, client_addr, buf, size, identity, &by_cookie);
+  if (result == 0) {
+    AuditLogin("accepted", identity, nullptr, by_cookie ? kByCookie : kByName);
+  } else {
+    AuditRefusedLogin(identity, nullptr);
+  }
+  return result;
+}
+
+int DoTqAuthValidation(int sock, char* buf, int size, Identity& identity) {
   ENTERING();
   char* user = nullptr;
+  errno = 0;
   const char* line = authenticate(sock, &user);
   if (line == nullptr) {
-    SetUserError(kAuthenticationFailed);
+    SetUserError(errno == EUSERS ? kTimedOut : kAuthenticationFailed);
     zev_debug(kInfo, "%s: Authentication failed.\n", __func__);
+    if (user != nullptr) CopyText(identity.given_user, user);
     free(user);
     return -1;
   }
@@ -209,6 +258,7 @@ int DoTqAuthValidation(int sock, char* buf, int size) {
   const size_t room = static_cast<size_t>(size) - length;
   if (strlen(option) < room) CopyText(buf + length, room, option);
   zev_debug(kDetail, "%s: Authentication successful for user \"%s\".\n", __func__, user);
+  CopyText(identity.user, user);
   free(user);
   return 0;
 }
@@ -224,7 +274,7 @@ constexpr size_t kAnswerSize = 257;     // 256 characters are kept
 constexpr int kFailuresBeforeLast = 3;  // the count is compared before it is raised: four tries
 
 bool SendText(int sock, const char* text) {
-  if (send(sock, text, strlen(text), 0) >= 0) return true;
+  if (TEMP_FAILURE_RETRY(send(sock, text, strlen(text), 0)) >= 0) return true;
   zev_debug(kError, "%s: send() failed : %s\n", kPrompt, strerror(errno));
   return false;
 }
@@ -278,17 +328,32 @@ bool AskPassword(int sock, char (&password)[kAnswerSize]) {
   return SendText(sock, "\r\n");
 }
 
-int Admit(const char* user_name) {
-  if (strcmp(user_name, "root") == 0 || IsInQORUserGroup(user_name) != 0) return 0;
+// A name as it may be shown: what a stranger types goes to the helper as it is, and nowhere else.
+struct ShownName {
+  char text[kAnswerSize];
+  explicit ShownName(const char* name) {
+    CopyText(text, name);
+    ReplaceControls(text);
+  }
+};
+
+int Admit(const char* user_name, const char* cons_name, Identity& identity) {
+  CopyText(identity.user, user_name);
+  if (strcmp(user_name, "root") == 0 || IsInQORUserGroup(user_name) != 0) {
+    AuditLogin("accepted", identity, cons_name, kByName);
+    return 0;
+  }
   SetUserError(kNotAuthorized);
-  zev_debug(kInfo, "%s: User \"%s\" is not in the qoruser group.\n", kPrompt, user_name);
+  zev_debug(kInfo, "%s: User \"%s\" is not in the qoruser group.\n", kPrompt,
+            ShownName(user_name).text);
+  AuditRefusedLogin(identity, cons_name);
   return -1;
 }
 
 // True when the user may try again.
 bool ReportFailedTry(int sock, const char* user_name, const char* cons_name, int failures) {
-  zev_debug(kInfo, "%s: Login failed (username=\"%s\", console=\"%s\")\n", kPrompt, user_name,
-            cons_name);
+  zev_debug(kInfo, "%s: Login failed (username=\"%s\", console=\"%s\")\n", kPrompt,
+            ShownName(user_name).text, cons_name);
   if (failures == kFailuresBeforeLast) {
     SetUserError(kAuthenticationFailed);
     SendText(sock, "\r\n");
@@ -297,9 +362,17 @@ bool ReportFailedTry(int sock, const char* user_name, const char* cons_name, int
   return SendText(sock, "\nInvalid username/password combination. Please try again.\r\n\n");
 }
 
+// Every try shows in the system's log, whatever becomes of the connection.
+void AuditFailedTry(const char* user_name, const char* cons_name, const Identity& identity,
+                    const char* reason) {
+  Identity failed = identity;
+  CopyText(failed.given_user, user_name);
+  AuditLogin("refused", failed, cons_name, reason);
+}
+
 }  // namespace
 
-int PromptForUserNameAndPasswd(int sock, const char* cons_name) {
+int PromptForUserNameAndPasswd(int sock, const char* cons_name, Identity& identity) {
   ENTERING();
   if (!SendWelcome(sock, cons_name)) return -1;
   SetTelnetOptions(sock);
@@ -308,28 +381,46 @@ int PromptForUserNameAndPasswd(int sock, const char* cons_name) {
     WipedText<kAnswerSize> password;
     if (!AskUserName(sock, user_name.text)) return -1;
     if (!AskPassword(sock, password.text)) return -1;
-    if (AuthenticateOnLinux(user_name.text, password.text) == 0) return Admit(user_name.text);
-    if (!ReportFailedTry(sock, user_name.text, cons_name, failures)) return -1;
+    const int result = AuthenticateOnLinux(user_name.text, password.text, identity.from);
+    if (result == 0) return Admit(user_name.text, cons_name, identity);
+    const UserError reason = result < 0 ? kTimedOut : kAuthenticationFailed;
+    AuditFailedTry(user_name.text, cons_name, identity, UserErrorText(reason));
+    if (result < 0 || !ReportFailedTry(sock, user_name.text, cons_name, failures)) return -1;
   }
 }
 
-int AuthenticateOnLinux(const char* username, const char* password) {
+namespace {
+
+// As a client may take long, so may a helper: the calling thread can be cancelled meanwhile.
+PasswordCheck Check(const char* username, const char* password, const char* rhost) {
+  sigset_t while_waiting;
+  pthread_sigmask(SIG_SETMASK, nullptr, &while_waiting);
+  sigdelset(&while_waiting, kCancelSignal);
+  return CheckPassword(kPasswordHelper,
+                       {username, password, rhost, &while_waiting, EndIfCancelled});
+}
+
+}  // namespace
+
+int AuthenticateOnLinux(const char* username, const char* password, const char* rhost) {
   ENTERING();
-  WipedText<2 * kAnswerSize> buffer;  // outlives the stream, which would keep a copy otherwise
-  FILE* helper = popen(kPasswordHelper, "we");
-  if (helper == nullptr) {
-    zev_debug(kError, "%s: popen( %s, ...) failed : %s\n", __func__, kPasswordHelper,
-              strerror(errno));
-    return 1;
+  switch (Check(username, password, rhost)) {
+    case PasswordCheck::kAccepted:
+      return 0;
+    case PasswordCheck::kRefused:
+      return 1;
+    case PasswordCheck::kNoTurn:
+      SetUserError(kTimedOut);
+      return -1;
+    case PasswordCheck::kNotStarted:
+      zev_debug(kError, "%s: popen( %s, ...) failed : %s\n", __func__, kPasswordHelper,
+                strerror(errno));
+      return 1;
+    case PasswordCheck::kNotRead:
+      zev_debug(kError, "%s: fprintf() failed : %s\n", __func__, strerror(errno));
+      return 1;
   }
-  setvbuf(helper, buffer.text, _IOFBF, sizeof buffer.text);
-  // The pair fits into the buffer: only when that is written does it show whether anybody reads it.
-  if (fprintf(helper, "%s %s", username, password) < 0 || fflush(helper) != 0) {
-    zev_debug(kError, "%s: fprintf() failed : %s\n", __func__, strerror(errno));
-    pclose(helper);
-    return 1;
-  }
-  return pclose(helper) == 0 ? 0 : 1;
+  return 1;
 }
 
 int IsInQORUserGroup(const char* username) {

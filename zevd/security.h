@@ -5,15 +5,18 @@
 
 #include <netinet/in.h>
 
+#include "identity.h"
 #include "user_conn.h"
 
 /// Makes the cookie and writes the cookie file; a failure ends the process. Main thread, before the
 /// others exist.
 void GenerateCookie();
 
-/// 0 when the client is authenticated, with its argument line in `buf` (at most `size` - 1 bytes);
-/// -1 otherwise, with u_err_msg set where a reason is known.
-int DoAuthentication(int sock, const sockaddr_in& client_addr, char* buf, int size);
+/// 0 when the client is authenticated, with its argument line in `buf` (at most `size` - 1 bytes)
+/// and the name that it proved, if any, in `identity`; -1 otherwise, with u_err_msg set where a
+/// reason is known.
+int DoAuthentication(int sock, const sockaddr_in& client_addr, char* buf, int size,
+                     Identity& identity);
 
 /// Looks at the client's first line without consuming it. 1: a token line, its cookie copied; 0:
 /// anything else; -1: a read error or a malformed token line; -2: nothing for 15 seconds.
@@ -22,14 +25,18 @@ int IsTokenAuthentication(int sock, char (&user_cookie)[kCookieSize]);
 /// 0 when the cookie is the daemon's, else -1.
 int DoCookieValidation(int sock, const char* user_cookie);
 
-/// Asks the station's authentication library. 0 with the argument line in `buf`, or -1.
-int DoTqAuthValidation(int sock, char* buf, int size);
+/// Asks the station's authentication library. 0 with the argument line in `buf` and the name in
+/// `identity`, or -1; the name that failed, where the library tells it, is then the given one.
+int DoTqAuthValidation(int sock, char* buf, int size, Identity& identity);
 
-/// The login dialogue. 0 when the user is admitted, else -1. Takes as long as the user does.
-int PromptForUserNameAndPasswd(int sock, const char* cons_name);
+/// The login dialogue. 0 when the user is admitted, with the name in `identity`, else -1. Takes as
+/// long as the user does. Ends the thread when it is cancelled.
+int PromptForUserNameAndPasswd(int sock, const char* cons_name, Identity& identity);
 
-/// 0 when the helper program accepts the pair, else 1.
-int AuthenticateOnLinux(const char* username, const char* password);
+/// 0 when the helper program accepts the pair of somebody at the address `rhost`, 1 when it does
+/// not, and -1, with u_err_msg set, when too many others were being checked. Ends the thread, and
+/// the helper, when it is cancelled.
+int AuthenticateOnLinux(const char* username, const char* password, const char* rhost);
 
 /// 1 when the name is listed in a group "qoruser", else 0.
 int IsInQORUserGroup(const char* username);

@@ -25,6 +25,7 @@
 #include <cstring>
 #include <new>
 
+#include "audit.h"
 #include "cmd_mon.h"
 #include "cons_mon.h"
 #include "descriptor_budget.h"
@@ -33,6 +34,7 @@
 #include "security.h"
 #include "socket_watch.h"
 #include "user_mon.h"
+#include "utf8.h"
 #include "util.h"
 #include "waker.h"
 #include "zev.h"
@@ -94,7 +96,7 @@ void SendErrorToUser(int sock, const char* err_msg) {
   ENTERING();
   if (err_msg == nullptr) return;
   zev_debug(kInfo, "%s: %s", __func__, err_msg);
-  send(sock, err_msg, strlen(err_msg), 0);
+  TEMP_FAILURE_RETRY(send(sock, err_msg, strlen(err_msg), 0));
 }
 
 const char* ModeNumToName(int mode) {
@@ -103,6 +105,13 @@ const char* ModeNumToName(int mode) {
     if (row.mode == mode) return row.name;
   }
   return "??";
+}
+
+const char* ModeKeyword(int mode) {
+  for (const AccessModeRow& row : kAccessModes) {
+    if (row.mode == mode) return row.keyword;
+  }
+  return "";
 }
 
 // ---- Records and lists --------------------------------------------------------------------------
@@ -260,7 +269,7 @@ void RevokeHolder(const ConsoleNode* cnode, const NewUser& user) {
   if (send(holder->sock, banner, strlen(banner), MSG_DONTWAIT) < 0) {
     zev_debug(kInfo, "%s: send() failed : %s\n", kAttach, strerror(errno));
   }
-  CloseUserConnection(holder);
+  CloseUserConnection(holder, "Another user took the console over.");
 }
 
 // True when the console is on i_cons_list; the user is then refused.
@@ -356,6 +365,8 @@ int JoinUserList(UserNode* unode, const NewUser& user) {
   }
   zev_debug(kInfo, "%s: Connected user \"%s\" to console \"%s\" with mode = %s.\n", kAttach,
             user.user_name, user.console_name, ModeNumToName(user.mode));
+  // With the lock held: the entry that tells of the end comes after this one.
+  Audit({"attach", "accepted", &unode->identity, unode->cons_name, ModeKeyword(unode->mode)});
   user_mon_waker.Wake();
   return 0;
 }
@@ -420,12 +431,16 @@ constexpr ArgumentRow kArguments[] = {
     {"mode=", ApplyMode},
     {"user=",
      [](const char* value, ConsoleArgs* args) {
+       if (args->names_user) CopyText(args->earlier_user_name, args->user_name);
+       args->names_user = true;
        CopyText(args->user_name, value);
+       ReplaceControls(args->user_name);
        return 0;
      }},
     {"addr=",
      [](const char* value, ConsoleArgs* args) {
        CopyText(args->addr, value);
+       ReplaceControls(args->addr);
        return 0;
      }},
 };
@@ -753,8 +768,7 @@ void AcceptConnectionRequests(const DescriptorSet* fdset) {
 namespace {
 
 constexpr char kServe[] = "ServiceConnectionRequestThreadStart";
-constexpr char kCommandConsole[] = "@@@@";  // the console name that asks for the command port
-constexpr time_t kArgumentWait = 10;        // seconds
+constexpr time_t kArgumentWait = 10;  // seconds
 constexpr size_t kLineSize = 1024;
 
 /// One connection on its way to a console.
@@ -765,9 +779,16 @@ struct Connection {
   char ipaddr[kNameSize];
   char buf[kLineSize];  ///< the argument line
   ConsoleArgs args;
+  Identity identity;
 
   bool OnMainPort() const { return port == user_port; }
 };
+
+// Not for refused logins, which are written where they are judged.
+void AuditRefusal(const Connection& connection) {
+  Audit({"attach", "refused", &connection.identity, connection.args.cons_name,
+         ModeKeyword(connection.args.mode), u_err_msg});
+}
 
 int ClosingConnection(const Connection& connection) {
   zev_debug(kInfo, "%s: Closing connection with %s.\n", kServe, connection.ipaddr);
@@ -793,8 +814,9 @@ int FindMappedConsole(Connection& connection, MappedConsole* console) {
   return 0;
 }
 
-int LogIn(const Connection& connection) {
-  if (PromptForUserNameAndPasswd(connection.sock, connection.args.cons_name) != 0) {
+int LogIn(Connection& connection) {
+  if (PromptForUserNameAndPasswd(connection.sock, connection.args.cons_name, connection.identity) !=
+      0) {
     return ClosingConnection(connection);
   }
   zev_debug(kInfo, "%s: Authenticated %s/%d\n", kServe, connection.ipaddr, connection.port);
@@ -803,7 +825,7 @@ int LogIn(const Connection& connection) {
 
 int AuthenticateMainPort(Connection& connection) {
   if (DoAuthentication(connection.sock, connection.client_addr, connection.buf,
-                       sizeof connection.buf) != 0) {
+                       sizeof connection.buf, connection.identity) != 0) {
     return ClosingConnection(connection);
   }
   return 0;
@@ -812,6 +834,7 @@ int AuthenticateMainPort(Connection& connection) {
 int ReadArgumentLine(Connection& connection) {
   if (ReadLineWithTimeout(connection.sock, connection.buf, sizeof connection.buf, kArgumentWait) !=
       0) {
+    AuditRefusal(connection);
     return ClosingConnection(connection);
   }
   return 0;
@@ -819,9 +842,24 @@ int ReadArgumentLine(Connection& connection) {
 
 int PrepareMappedPort(Connection& connection) {
   MappedConsole console{};
-  if (FindMappedConsole(connection, &console) != 0) return -1;
+  if (FindMappedConsole(connection, &console) != 0) {
+    CopyText(connection.args.cons_name, console.cname);
+    AuditRefusal(connection);
+    return -1;
+  }
   if (security_enabled == 0) return ReadArgumentLine(connection);
   return console.auth == 1 ? LogIn(connection) : 0;
+}
+
+// What the client says of itself. The name that a login has proved comes last in the line, whoever
+// put the one before it there.
+void TakeGivenNames(Connection& connection) {
+  const ConsoleArgs& args = connection.args;
+  Identity& identity = connection.identity;
+  const bool proved = identity.user[0] != '\0';
+  CopyText(identity.given_user,
+           proved || !args.names_user ? args.earlier_user_name : args.user_name);
+  CopyText(identity.given_from, args.addr);
 }
 
 int PrepareMainPort(Connection& connection) {
@@ -829,7 +867,12 @@ int PrepareMainPort(Connection& connection) {
       security_enabled != 0 ? AuthenticateMainPort(connection) : ReadArgumentLine(connection);
   if (result != 0) return -1;
   zev_debug(kDetail, "%s: Received arguments: %s\n", kServe, connection.buf);
-  if (ParseConsoleArgs(connection.buf, &connection.args) != 0) return ClosingConnection(connection);
+  const int parsed = ParseConsoleArgs(connection.buf, &connection.args);
+  TakeGivenNames(connection);
+  if (parsed != 0) {
+    AuditRefusal(connection);
+    return ClosingConnection(connection);
+  }
   if (connection.args.addr[0] != '\0') CopyText(connection.ipaddr, connection.args.addr);
   return 0;
 }
@@ -854,26 +897,31 @@ int AttachUser(Connection& connection) {
   const int greeting_sock =
       connection.OnMainPort() ? -1 : fcntl(connection.sock, F_DUPFD_CLOEXEC, 0);
   const int result = ConnectUserToConsole(connection.sock, args.user_name, connection.ipaddr,
-                                          args.cons_name, args.mode);
+                                          args.cons_name, args.mode, connection.identity);
   if (result == 0) {
     connection.sock = -1;
     if (greeting_sock != -1) SendGreeting(greeting_sock, args.cons_name);
   } else {
     zev_debug(kInfo, "%s: Closing connection.\n", kServe);
+    AuditRefusal(connection);
   }
   if (greeting_sock != -1) close(greeting_sock);
   return result;
 }
 
 int HandOverToCommands(Connection& connection) {
-  const int result =
-      MonitorSocketForCommands(connection.sock, connection.args.user_name, connection.ipaddr);
-  if (result != 0) return ClosingConnection(connection);
+  const int result = MonitorSocketForCommands(connection.sock, connection.args.user_name,
+                                              connection.ipaddr, connection.identity);
+  if (result != 0) {
+    AuditRefusal(connection);
+    return ClosingConnection(connection);
+  }
   connection.sock = -1;
   return 0;
 }
 
 int HandOver(Connection& connection) {
+  EndIfCancelled();  // whoever logs in at a port that is no more has no way in
   const bool wants_commands = strcmp(connection.args.cons_name, kCommandConsole) == 0;
   return wants_commands ? HandOverToCommands(connection) : AttachUser(connection);
 }
@@ -891,6 +939,7 @@ void TakeParams(ServiceReqThreadParams* params, Connection& connection) {
   connection.port = params->port;
   connection.client_addr = params->client_addr;
   CopyText(connection.ipaddr, params->ipaddr);
+  CopyText(connection.identity.from, params->ipaddr);
   CopyText(connection.args.user_name, kUnknownUser);
   connection.args.mode = kShared;
   zev_debug(kInfo, "%s: Servicing request coming from \"%s\" on port %d\n", kServe,

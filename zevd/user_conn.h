@@ -26,8 +26,9 @@ enum AccessMode : int {
 /// user input monitor takes it off, closes its socket and frees it.
 struct UserNode {
   int sock;
-  std::atomic<int> connected;  ///< 0: to be removed; any thread may clear it
-  int mode;                    ///< AccessMode
+  std::atomic<int> connected;             ///< 0: to be removed; any thread may clear it
+  std::atomic<const char*> close_reason;  ///< why it was cleared first; null before
+  int mode;                               ///< AccessMode
   char user_name[kUserNameSize];
   char ipaddr[kNameSize];  ///< the address that is shown for the user
   Identity identity;       ///< who it really is
@@ -78,6 +79,9 @@ void SendErrorToUser(int sock, const char* err_msg);
 /// "read-only", "shared" or "exclusive"; every other mode, revocable included, is "??".
 const char* ModeNumToName(int mode);
 
+/// "ro", "sh", "ex" or "er", as in the argument line; empty for another number.
+const char* ModeKeyword(int mode);
+
 // ---- Records and lists --------------------------------------------------------------------------
 
 /// A record for a user who is attached, counted in the console's ref_count; the caller holds
@@ -125,12 +129,15 @@ struct ConsoleArgs {
   char auth_mechanism[kCookieSize];  ///< "token" or empty
   char user_cookie[kCookieSize];
   char cons_name[kNameSize];
-  char user_name[kUserNameSize];
+  char user_name[kUserNameSize];          ///< the last "user=" of the line
+  char earlier_user_name[kUserNameSize];  ///< the one before that, or empty
+  bool names_user;                        ///< there was a "user="
   uint16_t mode;
   char addr[kNameSize];  ///< address to show in place of the peer's, or empty
 };
 
-/// Splits the line `buf` in place. 0, or -1 with u_err_msg set.
+/// Splits the line `buf` in place. Control characters in what others will be shown become "?". 0,
+/// or -1 with u_err_msg set.
 int ParseConsoleArgs(char* buf, ConsoleArgs* args);
 
 /// Offers to echo and to suppress go-ahead, which puts a telnet client into character mode

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "audit.h"
 #include "error.h"
 #include "socket_watch.h"
 #include "waker.h"
@@ -36,13 +37,13 @@ bool IsMarked(const UserNode& unode) {
 void CloseAfterReceiveFailure(UserNode* unode, ssize_t result) {
   zev_debug(kDetail, "%s: recv() returned %d : %s\n", "ProcessUserInput", static_cast<int>(result),
             strerror(errno));
-  CloseUserConnection(unode);
+  CloseUserConnection(unode, result == 0 ? "The user left." : "The connection failed.");
 }
 
 // The reason is reported at the removal, where the console's name may be read.
 void DropTypingUser(UserNode* unode, int error) {
   unode->send_error = error;
-  CloseUserConnection(unode);
+  CloseUserConnection(unode, "The console took no input.");
 }
 
 // Hands the raw bytes to the user's console without waiting for it. The number that it took, 0 when
@@ -120,6 +121,8 @@ void RemoveUser(UserNode* unode) REQUIRES(ul_lock, acl_lock) {
   ReportSendError(unode);
   zev_debug(kInfo, "%s: Closing connection with user \"%s\"on console \"%s\"\n",
             "CleanUpClosedConnections", unode->user_name, cnode->cname);
+  Audit({"leave", "done", &unode->identity, unode->cons_name, ModeKeyword(unode->mode),
+         unode->close_reason});
   if (unode->sock != -1) {
     ForgetSocket(*user_list, unode->sock);
     close(unode->sock);
@@ -171,8 +174,10 @@ void* UserMonitorThreadStart(void* /*unused*/) {
   MonitorUserInput();
 }
 
-void CloseUserConnection(UserNode* unode) {
+void CloseUserConnection(UserNode* unode, const char* reason) {
   ENTERING();
+  const char* none = nullptr;
+  unode->close_reason.compare_exchange_strong(none, reason);
   unode->connected = 0;
   user_mon_waker.Wake();
 }

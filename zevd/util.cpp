@@ -187,7 +187,8 @@ class LineEditor {
     if (byte != kLineFeed) return;
     Store(kLineFeed);
     // The first byte of the line goes out here, not the line feed: login dialogues look that way.
-    SendByte(sock_, static_cast<unsigned char>(buf_[0]));
+    // That of a password is nobody's to see.
+    if (echo_) SendByte(sock_, static_cast<unsigned char>(buf_[0]));
   }
 
   // Shown even when what was typed is not.

@@ -3,15 +3,16 @@
 // the group "qoruser" are admitted.
 #include "tqauth.h"
 
+#include <arpa/inet.h>
 #include <grp.h>
+#include <netinet/in.h>
+#include <password_check.h>
 #include <poll.h>
-#include <spawn.h>
+#include <sys/random.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
+#include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -28,7 +29,6 @@ constexpr char kGroupFile[] = "/etc/group";
 
 constexpr int kTries = 3;
 constexpr int64_t kExchangeLimit = 120000;  // milliseconds for the whole exchange
-constexpr int64_t kHelperLimit = 10000;     // milliseconds for one check
 constexpr int kByteLimit = 8192;            // bytes that the client may send in all
 constexpr size_t kLineLimit = 1023;         // characters of one answer
 constexpr int kLineEndLimit = 20;           // milliseconds for the second byte of a line end
@@ -90,6 +90,8 @@ using Answer = WipedText<kLineLimit>;
 class Client {
  public:
   explicit Client(int sock) : sock_(sock), deadline_(Now() + kExchangeLimit) {}
+
+  int sock() const { return sock_; }
 
   bool Send(const char* text) { return send(sock_, text, strlen(text), MSG_NOSIGNAL) >= 0; }
 
@@ -169,63 +171,39 @@ class Client {
   bool after_carriage_return_ = false;
 };
 
-// True when the child ends with status 0 in time; one that does not is killed.
-bool WaitForHelper(pid_t pid) {
-  const int64_t deadline = Now() + kHelperLimit;
-  int status = 0;
-  for (;;) {
-    const pid_t ended = waitpid(pid, &status, WNOHANG);
-    if (ended == pid) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-    if (ended < 0 && errno != EINTR) return false;
-    if (Now() >= deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return false;
+// The address of the peer, for the helper; empty when it has none.
+struct PeerAddress {
+  char text[INET_ADDRSTRLEN] = "";
+
+  explicit PeerAddress(int sock) {
+    sockaddr_in peer{};
+    socklen_t size = sizeof peer;
+    if (getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return;
+    if (peer.sin_family == AF_INET) inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+  }
+};
+
+/// A password that nobody has: one of 2^128.
+class Decoy {
+ public:
+  Decoy() {
+    uint64_t halves[2];
+    while (getrandom(halves, sizeof halves, 0) != static_cast<ssize_t>(sizeof halves)) {
     }
-    usleep(5000);
+    char text[33];
+    snprintf(text, sizeof text, "%016" PRIx64 "%016" PRIx64, halves[0], halves[1]);
+    answer_.Append(text);
   }
-}
 
-// Starts the helper with `input` as its standard input and no signal blocked; no shell is involved.
-// -1 on failure.
-pid_t StartHelper(int input) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  char* arguments[] = {const_cast<char*>(kHelper), nullptr};
-  pid_t pid = -1;
-  if (posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO) != 0 ||
-      posix_spawn(&pid, kHelper, &actions, &attributes, arguments, environ) != 0) {
-    pid = -1;
-  }
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
-}
+  const Answer& answer() const { return answer_; }
 
-// As the helper reads it: the name, one blank, the password.
-void SendPair(int sock, const Answer& name, const Answer& password) {
-  WipedText<2 * kLineLimit + 1> pair;
-  pair.Append(name.view());
-  pair.Append(" ");
-  pair.Append(password.view());
-  send(sock, pair.c_str(), pair.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-}
+ private:
+  Answer answer_;
+};
 
-bool HelperAccepts(const Answer& name, const Answer& password) {
-  int ends[2];
-  // A socket pair, because a write to it can be kept from raising SIGPIPE.
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;
-  const pid_t pid = StartHelper(ends[0]);
-  close(ends[0]);
-  if (pid != -1) SendPair(ends[1], name, password);
-  close(ends[1]);
-  return pid != -1 && WaitForHelper(pid);
+PasswordCheck HelperAnswer(int sock, const Answer& name, const Answer& password) {
+  const PeerAddress peer(sock);
+  return CheckPassword(kHelper, {name.c_str(), password.c_str(), peer.text});
 }
 
 /// Room for one entry of the group database, however large.
@@ -292,14 +270,29 @@ bool AskPair(Client& client, Answer* name, Answer* password) {
   return answered && client.Send(kShowTyping) && client.Send("\r\n");
 }
 
-// False unless the name has proved itself and is admitted.
-bool LogIn(Client& client, Answer* name) {
+// For a name that is not admitted no password is right: the helper is asked about one that nobody
+// has, so that neither an answer nor the time that it takes tells whether the password was the
+// person's, and no password of a stranger to the group is tried here.
+PasswordCheck Check(int sock, const Answer& name, const Answer& password) {
+  if (name.empty()) return PasswordCheck::kRefused;
+  if (IsAdmitted(name.c_str())) return HelperAnswer(sock, name, password);
+  const PasswordCheck result = HelperAnswer(sock, name, Decoy().answer());
+  return result == PasswordCheck::kAccepted ? PasswordCheck::kRefused : result;
+}
+
+// `name` is then the last that came with a password. kRefused as well when the client is gone, too
+// slow or too talkative.
+PasswordCheck LogIn(Client& client, Answer* name) {
   for (int tries = 0; tries < kTries; ++tries) {
+    Answer typed;
     Answer password;
-    if (!AskPair(client, name, &password)) return false;
-    if (!name->empty() && HelperAccepts(*name, password)) return IsAdmitted(name->c_str());
+    if (!AskPair(client, &typed, &password)) break;
+    name->Clear();
+    name->Append(typed.view());
+    const PasswordCheck result = Check(client.sock(), *name, password);
+    if (result == PasswordCheck::kAccepted || result == PasswordCheck::kNoTurn) return result;
   }
-  return false;
+  return PasswordCheck::kRefused;
 }
 
 // The caller adds the name to the line as an option. Without room for it, the name that the client
@@ -316,13 +309,13 @@ char* authenticate(int sock, char** user) {
   Answer line;
   Answer name;
   if (!client.ReadLine(&line)) return nullptr;
-  const bool admitted = LogIn(client, &name);
+  const PasswordCheck result = LogIn(client, &name);
   client.FinishLine();
-  if (!admitted || !LeavesRoomForName(line, name)) return nullptr;
+  if (!name.empty()) *user = strdup(name.c_str());
+  errno = result == PasswordCheck::kNoTurn ? EUSERS : EACCES;
   // For want of a name, too, the one in the line would count.
-  char* proved_name = strdup(name.c_str());
-  if (proved_name == nullptr) return nullptr;
+  const bool admitted = result == PasswordCheck::kAccepted && *user != nullptr;
+  if (!admitted || !LeavesRoomForName(line, name)) return nullptr;
   memcpy(argument_line, line.c_str(), line.size() + 1);
-  *user = proved_name;
   return argument_line;
 }

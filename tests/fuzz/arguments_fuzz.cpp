@@ -51,15 +51,48 @@ void ExpectMode(Expected& expected, const std::string& value) {
   }
 }
 
+// The number of the well-formed character of `length` bytes at the front, or -1.
+long CodePoint(const std::string& text, size_t length) {
+  constexpr long kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  constexpr int kLead[] = {0, 0, 0xC0, 0xE0, 0xF0};
+  const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
+  const int lead_bits = 0xFF >> (length + 1);
+  if (text.size() < length || (byte(0) & ~lead_bits) != kLead[length]) return -1;
+  long number = byte(0) & lead_bits;
+  for (size_t i = 1; i < length; ++i) {
+    if (byte(i) >> 6 != 2) return -1;
+    number = number * 64 + byte(i) % 64;
+  }
+  const bool surrogate = number >= 0xD800 && number <= 0xDFFF;
+  return number < kSmallest[length] || number > 0x10FFFF || surrogate ? -1 : number;
+}
+
+std::string WithoutControls(std::string text) {
+  std::string shown;
+  while (!text.empty()) {
+    long number = static_cast<uint8_t>(text[0]);
+    size_t length = 1;
+    for (size_t longer = 2; longer <= 4; ++longer) {
+      if (CodePoint(text, longer) < 0) continue;
+      number = CodePoint(text, longer);
+      length = longer;
+    }
+    const bool control = number < 32 || (number >= 127 && number < 160);
+    shown += control ? "?" : text.substr(0, length);
+    text.erase(0, length);
+  }
+  return shown;
+}
+
 void ExpectOption(Expected& expected, const std::string& word) {
   const std::string key = word.substr(0, 5);
   const std::string value = word.substr(key.size());
   if (key == "mode=") {
     ExpectMode(expected, value);
   } else if (key == "user=") {
-    expected.user = value.substr(0, 32);
+    expected.user = WithoutControls(value.substr(0, 32));
   } else if (key == "addr=") {
-    expected.address = value.substr(0, 64);
+    expected.address = WithoutControls(value.substr(0, 64));
   } else {
     Refuse(expected, kInvalid, "Invalid argument \"" + word + "\".");
   }

@@ -35,6 +35,17 @@ bool IsAccepted(const std::string& pair) {
   return pair.ends_with('y');
 }
 
+// What stands for a password that the library has drawn: 32 digits of base 16.
+constexpr char kDecoy[] = "(drawn)";
+
+std::string WithoutDecoy(const std::string& text) {
+  constexpr size_t kLength = 32;
+  const size_t start = text.size() - std::min(text.size(), kLength);
+  const bool drawn = text.size() >= kLength &&
+                     text.find_first_not_of("0123456789abcdef", start) == std::string::npos;
+  return drawn ? text.substr(0, start) + kDecoy : text;
+}
+
 /// What the model expects of a client.
 struct Expected {
   bool admitted = false;
@@ -117,8 +128,9 @@ bool ExpectLogin(Client& client, Expected& expected) {
     expected.said += "\xFF\xFC\x01\r\n";
     expected.name = *name;
     if (name->empty()) continue;
-    expected.pairs.push_back(*name + " " + *password);
-    if (IsAccepted(expected.pairs.back())) return *name == "root" || *name == kMember;
+    const bool may_enter = *name == "root" || *name == kMember;
+    expected.pairs.push_back(*name + " " + (may_enter ? WithoutDecoy(*password) : kDecoy));
+    if (may_enter && IsAccepted(*password)) return true;
   }
   return false;
 }
@@ -172,8 +184,9 @@ pid_t __real_waitpid(pid_t pid, int* status, int options);
 pid_t __wrap_waitpid(pid_t pid, int* status, int options);
 pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
   if (pid != kHelper) return __real_waitpid(pid, status, options);
-  pairs.push_back(ReadPair());
-  *status = IsAccepted(pairs.back()) ? 0 : 1 << 8;
+  const std::string pair = ReadPair();
+  pairs.push_back(WithoutDecoy(pair));
+  *status = IsAccepted(pair) ? 0 : 1 << 8;
   return pid;
 }
 
@@ -211,7 +224,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   free(user);
   REQUIRE_EQUAL(line != nullptr, expected.admitted);
   REQUIRE_EQUAL(std::string(line == nullptr ? "" : line), expected.admitted ? expected.line : "");
-  REQUIRE_EQUAL(name, expected.admitted ? expected.name : "");
+  REQUIRE_EQUAL(name, expected.name);
   REQUIRE_EQUAL(pairs, expected.pairs);
   REQUIRE_EQUAL(fuzz::ReceiveAvailable(pair.theirs()), expected.said);
   REQUIRE_EQUAL(fuzz::ReceiveAvailable(pair.ours()), client.rest());

@@ -109,7 +109,7 @@ class Model {
       } else {
         line += byte;
         if (echo || byte == '\r' || byte == '\n') outcome.echo += byte;
-        if (byte == '\r') FinishLineEnd(outcome);
+        if (byte == '\r') FinishLineEnd(outcome, echo);
         if (byte == '\r' || byte == '\n') return false;
       }
     }
@@ -122,11 +122,11 @@ class Model {
     outcome.echo += "\b \b";
   }
 
-  void FinishLineEnd(Outcome& outcome) {
+  void FinishLineEnd(Outcome& outcome, bool echo) {
     if (there_.empty() || (there_[0] != '\n' && there_[0] != '\0')) return;
     if (Take() != '\n') return;
     if (outcome.text.size() < size_ - 1) outcome.text += '\n';
-    outcome.echo += outcome.text[0];
+    if (echo) outcome.echo += outcome.text[0];
   }
 
   std::string TakeTelnet() {

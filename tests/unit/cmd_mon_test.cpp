@@ -1206,7 +1206,7 @@ TEST_F(TwinTest, WhoAddsUp) {
 }
 
 TEST_F(TwinTest, WhoStopsAtOneWithoutUsers) {
-  CloseUserConnections(upper_.node);
+  CloseUserConnections(upper_.node, "test");
   AddHeld("Box");
   const Answer answer = Ask(tool_, "who bOx");
   ASSERT_EQ(answer.count, 1U);

@@ -759,7 +759,7 @@ TEST_F(ConsoleMonitorTest, ClosingUsersMarksThemAndLeavesCountAndSet) {
   const Attached<UserNode> second = AddUser("bert");
   UserList* users = console_.node->user_list;
   const int high_sock = users->high_sock;
-  CloseUserConnections(console_.node);
+  CloseUserConnections(console_.node, "test");
   EXPECT_EQ(users->head, nullptr);
   EXPECT_EQ(users->tail, nullptr);
   EXPECT_EQ(users->count, 2);

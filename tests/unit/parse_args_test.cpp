@@ -93,6 +93,23 @@ TEST_F(ParseConsoleArgsTest, LaterOptionOverridesEarlier) {
   EXPECT_STREQ(args_.addr, "b");
 }
 
+TEST_F(ParseConsoleArgsTest, TellsWhetherAndHowOftenAUserIsNamed) {
+  EXPECT_EQ(Parse("sys1"), 0);
+  EXPECT_FALSE(args_.names_user);
+  EXPECT_EQ(Parse("sys1 user=anna"), 0);
+  EXPECT_TRUE(args_.names_user);
+  EXPECT_STREQ(args_.earlier_user_name, "");
+  EXPECT_EQ(Parse("sys1 user=anna user=bert user=carl"), 0);
+  EXPECT_STREQ(args_.earlier_user_name, "bert");
+  EXPECT_STREQ(args_.user_name, "carl");
+}
+
+TEST_F(ParseConsoleArgsTest, ControlCharactersOfNameAndAddressBecomeMarks) {
+  EXPECT_EQ(Parse("sys1 user=\x1b[2Jro\xC2\x9Bot\x07 addr=10.0\x9b.0.1\x7f"), 0);
+  EXPECT_STREQ(args_.user_name, "?[2Jro?ot?");
+  EXPECT_STREQ(args_.addr, "10.0?.0.1?");
+}
+
 TEST_F(ParseConsoleArgsTest, SeparatorsAreRunsOfBlanksTabsAndLineEnds) {
   EXPECT_EQ(Parse("\r\n\t  sys1 \t\tmode=ro\ruser=anna\n\naddr=a\t\r\n "), 0);
   EXPECT_STREQ(args_.cons_name, "sys1");
@@ -214,9 +231,9 @@ TEST_F(ParseConsoleArgsTest, FirstWrongOptionIsTheOneReported) {
 }
 
 TEST_F(ParseConsoleArgsTest, HighBytesPassUnchanged) {
-  EXPECT_EQ(Parse("\xC3\xBC\xFF user=\x80"), 0);
+  EXPECT_EQ(Parse("\xC3\xBC\xFF user=\xE9"), 0);
   EXPECT_STREQ(args_.cons_name, "\xC3\xBC\xFF");
-  EXPECT_STREQ(args_.user_name, "\x80");
+  EXPECT_STREQ(args_.user_name, "\xE9");
 }
 
 TEST_F(ParseConsoleArgsTest, MessagesAreOfLevelOne) {

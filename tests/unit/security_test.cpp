@@ -69,6 +69,7 @@ std::string CookieOf(suseconds_t microseconds) {
 class SecurityTest : public test::RelayTest {
  protected:
   test::StationRoot root_;
+  Identity identity_{};
 };
 
 // ---- The cookie -----------------------------------------------------------------------------
@@ -372,7 +373,7 @@ class DecisionTest : public SecurityTest {
     test::SendText(pair.theirs.get(), sent);
     shutdown(pair.theirs.get(), SHUT_WR);
     u_err_msg = nullptr;
-    return DoAuthentication(pair.ours.get(), Address(address), line_, sizeof line_);
+    return DoAuthentication(pair.ours.get(), Address(address), line_, sizeof line_, identity_);
   }
 
   static sockaddr_in Address(const char* text) {
@@ -427,7 +428,8 @@ TEST_F(DecisionTest, SilenceIsReported) {
   const SocketPair pair;
   DebugCapture debug;
   const FailCall failure(Call::kRecv, EAGAIN);
-  EXPECT_EQ(DoAuthentication(pair.ours.get(), Address("127.0.0.1"), line_, sizeof line_), -1);
+  EXPECT_EQ(DoAuthentication(pair.ours.get(), Address("127.0.0.1"), line_, sizeof line_, identity_),
+            -1);
   EXPECT_THAT(debug.Messages(), ElementsAre("DoAuthentication: Timed out waiting for input.\n"));
   EXPECT_EQ(UserMessage(), "003 - Timed out.\r\n");
 }
@@ -444,21 +446,6 @@ TEST_F(DecisionTest, LineThatCannotBeReadIsRefusedWithTheReadersText) {
 }
 
 // ---- The password helper --------------------------------------------------------------------
-
-// What a test does between the start of the helper and what is sent to it.
-void (*after_popen)() = nullptr;
-
-}  // namespace
-
-// In place of the C library's, for the whole program.
-extern "C" FILE* popen(const char* command, const char* mode) {
-  static const auto start = reinterpret_cast<decltype(&popen)>(dlsym(RTLD_NEXT, "popen"));
-  FILE* stream = start(command, mode);
-  if (after_popen != nullptr) after_popen();
-  return stream;
-}
-
-namespace {
 
 /// A helper that keeps what it reads and accepts what ends in "secret".
 class HelperTest : public SecurityTest {
@@ -481,21 +468,21 @@ class HelperTest : public SecurityTest {
 };
 
 TEST_F(HelperTest, IsSentTheNameOneBlankAndThePassword) {
-  EXPECT_EQ(AuthenticateOnLinux("anna", " two  words secret"), 0);
+  EXPECT_EQ(AuthenticateOnLinux("anna", " two  words secret", ""), 0);
   EXPECT_EQ(Pairs(), "anna  two  words secret");
-  EXPECT_EQ(AuthenticateOnLinux("anna", ""), 1);
+  EXPECT_EQ(AuthenticateOnLinux("anna", "", ""), 1);
 }
 
 TEST_F(HelperTest, EveryOtherEndIsARefusal) {
   for (const char* script : {"exit 1\n", "exit 255\n", "kill -KILL $$\n", "kill -SEGV $$\n"}) {
     Install(script);
-    EXPECT_EQ(AuthenticateOnLinux("anna", "secret"), 1) << script;
+    EXPECT_EQ(AuthenticateOnLinux("anna", "secret", ""), 1) << script;
   }
 }
 
 TEST_F(HelperTest, MissingHelperIsARefusal) {
   std::filesystem::remove(kHelper);
-  EXPECT_EQ(AuthenticateOnLinux("anna", "secret"), 1);
+  EXPECT_EQ(AuthenticateOnLinux("anna", "secret", ""), 1);
 }
 
 // From now on the process gets no further descriptor but one.
@@ -509,7 +496,7 @@ TEST_F(HelperTest, HelperThatCannotBeStartedIsReported) {
   EXPECT_HOLDS_IN_CHILD({
     DebugCapture debug;
     ExhaustDescriptors();
-    EXPECT_EQ(AuthenticateOnLinux("anna", "secret"), 1);
+    EXPECT_EQ(AuthenticateOnLinux("anna", "secret", ""), 1);
     EXPECT_THAT(debug.Output(),
                 HasSubstr("AuthenticateOnLinux: popen( root/bin/qor_pam_auth, ...) failed : "
                           "Too many open files\n"));
@@ -519,13 +506,8 @@ TEST_F(HelperTest, HelperThatCannotBeStartedIsReported) {
 // Whatever its status says, a helper that has not read the pair has not checked it.
 TEST_F(HelperTest, PairThatNobodyReadsIsReportedAndARefusal) {
   Install("exit 0\n");
-  after_popen = [] {
-    siginfo_t ended{};
-    EXPECT_EQ(waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT), 0);
-  };
   DebugCapture debug;
-  EXPECT_EQ(AuthenticateOnLinux("anna", "secret"), 1);
-  after_popen = nullptr;
+  EXPECT_EQ(AuthenticateOnLinux("anna", "secret", ""), 1);
   EXPECT_THAT(debug.Messages(),
               ElementsAre("AuthenticateOnLinux: fprintf() failed : Broken pipe\n"));
 }
@@ -533,7 +515,7 @@ TEST_F(HelperTest, PairThatNobodyReadsIsReportedAndARefusal) {
 TEST_F(HelperTest, LeavesNoDescriptorOpen) {
   const int before = dup(0);
   close(before);
-  AuthenticateOnLinux("anna", "secret");
+  AuthenticateOnLinux("anna", "secret", "");
   const int after = dup(0);
   close(after);
   EXPECT_EQ(before, after);
@@ -655,7 +637,7 @@ class DialogueTest : public HelperTest {
     std::string shown;
     std::thread caller([&] { shown = test::Receive(pair.theirs.get(), 1 << 20); });
     u_err_msg = nullptr;
-    result_ = PromptForUserNameAndPasswd(pair.ours.get(), "box");
+    result_ = PromptForUserNameAndPasswd(pair.ours.get(), "box", identity_);
     pair.ours.Reset();
     caller.join();
     return shown;
@@ -787,7 +769,7 @@ class LibraryAnswerTest : public HelperTest {
     const SocketPair pair;
     test::SendText(pair.theirs.get(), line + "\nroot\nsecret\n");
     u_err_msg = nullptr;
-    return DoTqAuthValidation(pair.ours.get(), buf, size);
+    return DoTqAuthValidation(pair.ours.get(), buf, size, identity_);
   }
 
   char line_[1024] = {};
@@ -817,7 +799,7 @@ TEST_F(LibraryAnswerTest, RefusalHasItsText) {
   SocketPair pair;
   pair.theirs.Reset();
   DebugCapture debug;
-  EXPECT_EQ(DoTqAuthValidation(pair.ours.get(), line_, sizeof line_), -1);
+  EXPECT_EQ(DoTqAuthValidation(pair.ours.get(), line_, sizeof line_, identity_), -1);
   EXPECT_EQ(UserMessage(), "001 - Authentication failed.\r\n");
   EXPECT_THAT(debug.Messages(), ElementsAre("DoTqAuthValidation: Authentication failed.\n"));
 }

@@ -418,7 +418,7 @@ TEST_F(UserMonitorTest, UserWithoutSocketIsRemovedToo) {
 TEST_F(UserMonitorTest, UsersOfAClosedConsoleAreRemovedAfterItsListWasEmptied) {
   const Attached<UserNode> first = AddUser("anna");
   const Attached<UserNode> second = AddUser("bert");
-  CloseUserConnections(console_.node);
+  CloseUserConnections(console_.node, "test");
   ASSERT_EQ(console_.node->user_list->head, nullptr);
   Pass();
   EXPECT_EQ(user_list->head, nullptr);

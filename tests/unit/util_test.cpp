@@ -336,7 +336,7 @@ TEST_F(CharacterReaderTest, EraseIsThreeSends) {
 TEST_F(CharacterReaderTest, WithoutEchoOnlyEditingAndLineEndsAreShown) {
   Expect({.typed = "se\bcret\r", .line = "scret\r", .echoed = "\b \b\r\n", .echo = 0});
   Expect({.typed = "secret\n", .line = "secret\n", .echoed = "\n", .echo = 0});
-  Expect({.typed = "secret\r\n", .line = "secret\r\n", .echoed = "\rs", .echo = 0});
+  Expect({.typed = "secret\r\n", .line = "secret\r\n", .echoed = "\r", .echo = 0});
   Expect({.typed = "secret\r\0"sv, .line = "secret\r", .echoed = "\r\n", .echo = 0});
 }
 

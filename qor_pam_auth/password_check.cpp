@@ -1,0 +1,344 @@
+#include "password_check.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+constexpr int kHelpersAtOnce = 8;
+constexpr int64_t kLongestWait = 30000;       // milliseconds for a turn, and again for an answer
+constexpr int64_t kPauseAfterRefusal = 2000;  // milliseconds
+constexpr int64_t kLook = 50;                 // milliseconds between two looks at what is awaited
+constexpr size_t kRefusalsKept = 1024;        // more than come in the time for which they count
+constexpr size_t kLongestPair = 2048;         // the longest name and password, and the blank
+
+int64_t Now() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// True when the other end of `sock` was closed before the time was over; -1 is no socket.
+bool Wait(const PasswordRequest& request, int sock, int64_t limit) {
+  pollfd awaited = {sock, 0, 0};
+  const timespec time = {limit / 1000, limit % 1000 * 1000000};
+  const int ready = ppoll(&awaited, 1, &time, request.blocked);
+  if (ready < 0 && errno == EINTR && request.interrupted != nullptr) request.interrupted();
+  return ready > 0;
+}
+
+// ---- Turns --------------------------------------------------------------------------------------
+
+/// Who was refused last, and when: the newest of them. Two names with the same key share a pause,
+/// which costs the second one two seconds.
+class Refusals {
+ public:
+  static uint64_t KeyOf(const PasswordRequest& request) {
+    const std::hash<std::string_view> hash;
+    return hash(request.name) * 31 + hash(request.rhost);
+  }
+
+  void Add(uint64_t key) {
+    kept_[next_] = {key, Now()};
+    next_ = (next_ + 1) % kRefusalsKept;
+  }
+
+  /// When the pause of this key is over; a time that has passed when there is none.
+  int64_t EndOfPause(uint64_t key) const {
+    int64_t end = 0;
+    for (const Refusal& refusal : kept_) {
+      if (refusal.key == key) end = std::max(end, refusal.when + kPauseAfterRefusal);
+    }
+    return end;
+  }
+
+ private:
+  struct Refusal {
+    uint64_t key = 0;
+    int64_t when = -kPauseAfterRefusal;
+  };
+
+  std::array<Refusal, kRefusalsKept> kept_{};
+  size_t next_ = 0;
+};
+
+/// Whoever waits for a turn; on the stack of its thread.
+struct Waiting {
+  uint64_t key;
+  int64_t not_before = 0;  ///< the end of its pause
+  Waiting* next = nullptr;
+};
+
+std::mutex turns_mutex;  // a leaf; guards what follows
+Refusals refusals;
+Waiting* first_waiting = nullptr;
+int running = 0;
+
+/// One place among the helpers, or in the queue for one.
+class Turn {
+ public:
+  explicit Turn(const PasswordRequest& request)
+      : counts_pauses_(request.rhost[0] != '\0'), self_{Refusals::KeyOf(request)} {
+    const std::lock_guard lock(turns_mutex);
+    if (counts_pauses_) self_.not_before = refusals.EndOfPause(self_.key);
+    Waiting** end = &first_waiting;
+    while (*end != nullptr) end = &(*end)->next;
+    *end = &self_;
+  }
+
+  ~Turn() {
+    const std::lock_guard lock(turns_mutex);
+    if (taken_) {
+      --running;
+    } else {
+      LeaveQueue();
+    }
+  }
+
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+  /// Who came first goes first, among those whose pause is over.
+  bool Take() {
+    const int64_t now = Now();
+    const std::lock_guard lock(turns_mutex);
+    int ahead = running;
+    for (const Waiting* other = first_waiting; other != &self_; other = other->next) {
+      if (other->not_before <= now) ++ahead;
+    }
+    if (ahead >= kHelpersAtOnce || self_.not_before > now) return false;
+    LeaveQueue();
+    ++running;
+    taken_ = true;
+    return true;
+  }
+
+  void NoteRefusal() const {
+    if (!counts_pauses_) return;
+    const std::lock_guard lock(turns_mutex);
+    refusals.Add(self_.key);
+    for (Waiting* other = first_waiting; other != nullptr; other = other->next) {
+      if (other->key == self_.key) other->not_before = Now() + kPauseAfterRefusal;
+    }
+  }
+
+ private:
+  void LeaveQueue() {
+    Waiting** link = &first_waiting;
+    while (*link != &self_) link = &(*link)->next;
+    *link = self_.next;
+  }
+
+  bool counts_pauses_;  // an address that is not known is nobody's
+  Waiting self_;
+  bool taken_ = false;
+};
+
+// ---- The helper ---------------------------------------------------------------------------------
+
+/// The name, one blank and the password, as the helper reads them; nothing of it stays in memory.
+class Pair {
+ public:
+  explicit Pair(const PasswordRequest& request) {
+    const int length = snprintf(text_, sizeof text_, "%s %s", request.name, request.password);
+    size_ = std::min(static_cast<size_t>(length), sizeof text_ - 1);
+  }
+  ~Pair() { explicit_bzero(text_, sizeof text_); }
+  Pair(const Pair&) = delete;
+  Pair& operator=(const Pair&) = delete;
+
+  // False with errno set.
+  bool SendTo(int sock) const {
+    return send(sock, text_, size_, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(size_);
+  }
+
+ private:
+  char text_[kLongestPair];
+  size_t size_;
+};
+
+/// How a helper is started: with `input` as its standard input, the other two standard descriptors,
+/// no signal blocked or ignored, and a process group of its own, with which all of it can be ended.
+class SpawnSettings {
+ public:
+  explicit SpawnSettings(int input) {
+    posix_spawn_file_actions_init(&actions_);
+    posix_spawnattr_init(&attributes_);
+    error_ = posix_spawn_file_actions_adddup2(&actions_, input, STDIN_FILENO);
+    if (error_ == 0) {
+      error_ = posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+    }
+    sigset_t set;
+    sigemptyset(&set);
+    posix_spawnattr_setsigmask(&attributes_, &set);
+    for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGCHLD}) {
+      sigaddset(&set, number);
+    }
+    posix_spawnattr_setsigdefault(&attributes_, &set);
+    posix_spawnattr_setflags(
+        &attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+  }
+
+  ~SpawnSettings() {
+    posix_spawnattr_destroy(&attributes_);
+    posix_spawn_file_actions_destroy(&actions_);
+  }
+
+  SpawnSettings(const SpawnSettings&) = delete;
+  SpawnSettings& operator=(const SpawnSettings&) = delete;
+
+  // 0, or the errno value of the failure.
+  int Start(const char* path, char* const* arguments, char* const* environment, pid_t* pid) const {
+    if (error_ != 0) return error_;
+    return posix_spawn(pid, path, &actions_, &attributes_, arguments, environment);
+  }
+
+ private:
+  posix_spawn_file_actions_t actions_;
+  posix_spawnattr_t attributes_;
+  int error_;
+};
+
+/// A running helper; ended, with all that it has started, when it is given up.
+class Helper {
+ public:
+  Helper() = default;
+  ~Helper() {
+    End();
+    for (const int fd : {sock_, input_}) {
+      if (fd != -1) close(fd);
+    }
+  }
+  Helper(const Helper&) = delete;
+  Helper& operator=(const Helper&) = delete;
+
+  // False with errno set.
+  bool Start(const char* path, const char* rhost) {
+    int ends[2];
+    // A socket pair, because a write to it can be kept from raising SIGPIPE.
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;
+    sock_ = ends[0];
+    input_ = ends[1];
+    const int error = Spawn(path, rhost);
+    close(std::exchange(input_, -1));
+    errno = error;
+    return error == 0;
+  }
+
+  // False with errno set.
+  bool Send(const Pair& pair) {
+    if (!pair.SendTo(sock_)) return false;
+    shutdown(sock_, SHUT_WR);  // its input ends here
+    return true;
+  }
+
+  // True when it has ended with status 0 in time. One that has not ended by then is given up.
+  bool Accepts(const PasswordRequest& request) {
+    const int64_t deadline = Now() + kLongestWait;
+    int status = 0;
+    int awaited = sock_;
+    int64_t look = kLook;
+    while (!HasEnded(&status)) {
+      if (Now() >= deadline) return false;
+      if (Wait(request, awaited, look)) {
+        awaited = -1;  // a process closes its input a moment before its status can be had
+        look = 1;
+      } else {
+        look = std::min(2 * look, kLook);
+      }
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  }
+
+  // Whatever its status says, a helper that has not read the pair has not checked it.
+  bool HasReadAll() const {
+    int error = 0;
+    socklen_t size = sizeof error;
+    getsockopt(sock_, SOL_SOCKET, SO_ERROR, &error, &size);
+    return error != ECONNRESET;
+  }
+
+ private:
+  // 0, or the errno value of the failure. What is no program is left to the shell.
+  int Spawn(const char* path, const char* rhost) {
+    char peer[128];
+    snprintf(peer, sizeof peer, "QOR_RHOST=%s", rhost);
+    const char* environment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", peer, nullptr};
+    const char* program[] = {path, nullptr};
+    const char* script[] = {"sh", path, nullptr};
+    const SpawnSettings settings(input_);
+    int error =
+        settings.Start(path, const_cast<char**>(program), const_cast<char**>(environment), &pid_);
+    if (error == ENOEXEC) {
+      error = settings.Start("/bin/sh", const_cast<char**>(script), const_cast<char**>(environment),
+                             &pid_);
+    }
+    if (error != 0) pid_ = -1;
+    return error;
+  }
+
+  bool HasEnded(int* status) {
+    const pid_t ended = waitpid(pid_, status, WNOHANG);
+    if (ended == 0 || (ended < 0 && errno == EINTR)) return false;
+    if (ended < 0) *status = -1;
+    pid_ = -1;
+    return true;
+  }
+
+  void End() {
+    if (pid_ == -1) return;
+    kill(-pid_, SIGKILL);
+    kill(pid_, SIGKILL);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+
+  pid_t pid_ = -1;
+  int sock_ = -1;   // ours
+  int input_ = -1;  // its end, until it has inherited that
+};
+
+PasswordCheck Ask(const char* path, const PasswordRequest& request) {
+  Helper helper;
+  const Pair pair(request);
+  if (!helper.Start(path, request.rhost)) return PasswordCheck::kNotStarted;
+  if (!helper.Send(pair)) return PasswordCheck::kNotRead;
+  const bool accepted = helper.Accepts(request);
+  if (helper.HasReadAll()) return accepted ? PasswordCheck::kAccepted : PasswordCheck::kRefused;
+  errno = EPIPE;
+  return PasswordCheck::kNotRead;
+}
+
+}  // namespace
+
+PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request) {
+  Turn turn(request);
+  const int64_t deadline = Now() + kLongestWait;
+  while (!turn.Take()) {
+    if (Now() >= deadline) return PasswordCheck::kNoTurn;
+    Wait(request, -1, kLook);
+  }
+  const PasswordCheck result = Ask(helper, request);
+  if (result != PasswordCheck::kAccepted) {
+    const int error = errno;
+    turn.NoteRefusal();
+    errno = error;
+  }
+  return result;
+}

@@ -1,0 +1,32 @@
+// Asking the password helper: what the daemon and the stand-in authentication library share. Each
+// has a copy of its own with a count of its own.
+//
+// Any thread; nothing is held while a caller waits. A check that is given up, by a callback that
+// does not return, ends its helper and gives its turn back.
+#pragma once
+
+#include <csignal>
+
+/// What came of a check.
+enum class PasswordCheck {
+  kAccepted,
+  kRefused,     ///< by the helper, or the helper did not answer in time and was ended
+  kNoTurn,      ///< too many others were being checked for too long
+  kNotStarted,  ///< the helper could not be started; errno says why
+  kNotRead,     ///< the helper did not read the pair; errno says why
+};
+
+struct PasswordRequest {
+  const char* name;
+  const char* password;
+  const char* rhost;  ///< the peer's address for the helper; empty when it has none
+  /// The signals that are blocked while the check waits; null for those of the caller.
+  const sigset_t* blocked = nullptr;
+  /// Called when a signal has ended a wait. Need not return: it may unwind.
+  void (*interrupted)() = nullptr;
+};
+
+/// Waits for a turn, has `helper` check the pair, and waits for its answer, half a minute at most
+/// each. Eight helpers run at once. A name that was refused waits two seconds before it is checked
+/// again from the same address, whichever connection it comes by.
+PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request);

@@ -1,0 +1,179 @@
+// Asking the password helper: turns, pauses, and what a helper inherits.
+#include "password_check.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support.h"
+#include "util.h"
+
+namespace {
+
+using ::testing::MatchesRegex;
+
+constexpr char kHelper[] = "root/bin/helper";
+constexpr int64_t kSecond = 1000000;
+
+class PasswordCheckTest : public ::testing::Test {
+ protected:
+  PasswordCheckTest() {
+    std::filesystem::create_directory("root/bin");
+    Install("#!/bin/sh\ncase $(cat) in *' secret') exit 0;; esac\nexit 1\n");
+  }
+
+  static void Install(const std::string& script) {
+    std::filesystem::remove(kHelper);  // one that runs cannot be written to
+    test::WriteFile(kHelper, script);
+    chmod(kHelper, 0755);
+  }
+
+  // Every helper makes a file and goes on once "root/go" is there.
+  static void InstallWaiting() {
+    Install("#!/bin/sh\n: > root/started.$$\nwhile [ ! -e root/go ]; do sleep .05; done\nexit 0\n");
+  }
+
+  static size_t Started() {
+    size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("root")) {
+      if (entry.path().string().starts_with("root/started.")) ++count;
+    }
+    return count;
+  }
+
+  static PasswordCheck Ask(const char* name, const char* password, const char* rhost) {
+    return CheckPassword(kHelper, {name, password, rhost});
+  }
+
+  test::StationRoot root_;
+};
+
+TEST_F(PasswordCheckTest, AnswersAsTheHelperDoes) {
+  EXPECT_EQ(Ask("anna", "secret", "192.0.2.1"), PasswordCheck::kAccepted);
+  EXPECT_EQ(Ask("anna", "wrong", "192.0.2.1"), PasswordCheck::kRefused);
+}
+
+TEST_F(PasswordCheckTest, TellsWhyThereIsNoAnswer) {
+  std::filesystem::remove(kHelper);
+  EXPECT_EQ(Ask("anna", "secret", "192.0.2.2"), PasswordCheck::kNotStarted);
+  EXPECT_EQ(errno, ENOENT);
+  Install("#!/bin/sh\nexit 0\n");
+  EXPECT_EQ(Ask("bert", "secret", "192.0.2.2"), PasswordCheck::kNotRead);
+  EXPECT_EQ(errno, EPIPE);
+}
+
+TEST_F(PasswordCheckTest, ScriptWithoutAFirstLineOfItsOwnIsTheShells) {
+  Install("case $(cat) in *' secret') exit 0;; esac\nexit 1\n");
+  EXPECT_EQ(Ask("anna", "secret", "192.0.2.3"), PasswordCheck::kAccepted);
+}
+
+TEST_F(PasswordCheckTest, HelperInheritsThreeDescriptorsAndTwoVariables) {
+  Install(
+      "#!/bin/bash\ncat > /dev/null\ntr '\\0' '\\n' < /proc/$$/environ > root/environment\n"
+      "ls /proc/$$/fd | grep -v '^255$' > root/descriptors\n");
+  const int inheritable = open("/dev/null", O_RDONLY);
+  setenv("ZEVD_TEST_SECRET", "x", 1);
+  Ask("anna", "secret", "192.0.2.4");
+  unsetenv("ZEVD_TEST_SECRET");
+  close(inheritable);
+  EXPECT_EQ(test::ReadFile("root/environment"),
+            "PATH=/usr/sbin:/usr/bin:/sbin:/bin\nQOR_RHOST=192.0.2.4\n");
+  EXPECT_EQ(test::ReadFile("root/descriptors"), "0\n1\n2\n");
+}
+
+TEST_F(PasswordCheckTest, HelperHasNoSignalBlocked) {
+  Install("#!/bin/sh\ncat > /dev/null\ngrep -E '^Sig(Blk|Ign)' /proc/$$/status > root/signals\n");
+  sigset_t saved;
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGHUP);
+  sigaddset(&blocked, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &blocked, &saved);
+  Ask("anna", "secret", "192.0.2.5");
+  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+  // 32 and 33 are the C library's own.
+  EXPECT_THAT(test::ReadFile("root/signals"),
+              MatchesRegex("SigBlk:\t0000000000000000\nSigIgn:\t0000000[01][08]0000000\n"));
+}
+
+TEST_F(PasswordCheckTest, RefusedNameWaitsTwoSecondsAtItsAddress) {
+  EXPECT_EQ(Ask("carl", "wrong", "192.0.2.6"), PasswordCheck::kRefused);
+  const int64_t refused = MonotonicMicroseconds();
+  EXPECT_EQ(Ask("carl", "secret", "192.0.2.7"), PasswordCheck::kAccepted);
+  EXPECT_EQ(Ask("dora", "secret", "192.0.2.6"), PasswordCheck::kAccepted);
+  EXPECT_LT(MonotonicMicroseconds() - refused, 2 * kSecond) << "others do not wait";
+  EXPECT_EQ(Ask("carl", "secret", "192.0.2.6"), PasswordCheck::kAccepted);
+  EXPECT_GE(MonotonicMicroseconds() - refused, 1990000);  // the clock is read in milliseconds
+  const int64_t accepted = MonotonicMicroseconds();
+  EXPECT_EQ(Ask("carl", "secret", "192.0.2.6"), PasswordCheck::kAccepted);
+  EXPECT_LT(MonotonicMicroseconds() - accepted, 2 * kSecond) << "who was accepted does not wait";
+}
+
+TEST_F(PasswordCheckTest, EightHelpersRunAtOnce) {
+  InstallWaiting();
+  std::vector<std::thread> callers;
+  std::atomic<int> answered = 0;
+  for (int i = 0; i < 12; ++i) {
+    callers.emplace_back([&answered, i] {
+      const std::string name = "name" + std::to_string(i);
+      Ask(name.c_str(), "secret", "192.0.2.8");
+      ++answered;
+    });
+  }
+  EXPECT_TRUE(test::Eventually([] { return Started() == 8; }));
+  EXPECT_EQ(answered, 0);
+  {
+    // The ninth who cannot have a turn in half a minute is told so.
+    const test::FakePassageOfTime seconds(5 * kSecond);
+    EXPECT_EQ(Ask("late", "secret", "192.0.2.8"), PasswordCheck::kNoTurn);
+  }
+  EXPECT_EQ(Started(), 8U);
+  test::WriteFile("root/go", "");
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_EQ(Started(), 12U);
+}
+
+TEST_F(PasswordCheckTest, HelperThatDoesNotAnswerIsEnded) {
+  Install("#!/bin/sh\ncat > /dev/null\necho $$ > root/pid\nwhile :; do sleep 60; done\n");
+  {
+    const test::FakePassageOfTime seconds(kSecond);
+    EXPECT_EQ(Ask("emil", "secret", ""), PasswordCheck::kRefused);
+  }
+  const auto pid = static_cast<pid_t>(std::stoi(test::ReadFile("root/pid")));
+  EXPECT_EQ(kill(pid, 0), -1);
+  EXPECT_EQ(errno, ESRCH);
+}
+
+TEST_F(PasswordCheckTest, SignalDuringTheWaitIsReported) {
+  static std::atomic<int> reported;
+  reported = 0;
+  InstallWaiting();
+  struct sigaction action {};
+  struct sigaction saved {};
+  action.sa_handler = [](int) {};
+  sigaction(SIGUSR2, &action, &saved);
+  std::thread caller([] {
+    sigset_t none;
+    sigemptyset(&none);
+    const PasswordRequest request = {"anna", "secret", "", &none, [] { ++reported; }};
+    EXPECT_EQ(CheckPassword(kHelper, request), PasswordCheck::kNotRead);
+  });
+  EXPECT_TRUE(test::Eventually([] { return Started() == 1; }));
+  EXPECT_TRUE(test::Eventually([&] {
+    pthread_kill(caller.native_handle(), SIGUSR2);
+    return reported > 0;
+  }));
+  test::WriteFile("root/go", "");
+  caller.join();
+  sigaction(SIGUSR2, &saved, nullptr);
+}
+
+}  // namespace
