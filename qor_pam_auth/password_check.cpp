@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/socket.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,13 +34,10 @@ int64_t Now() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// True when the other end of `sock` was closed before the time was over; -1 is no socket.
-bool Wait(const PasswordRequest& request, int sock, int64_t limit) {
-  pollfd awaited = {sock, 0, 0};
+void Wait(const PasswordRequest& request, int64_t limit) {
   const timespec time = {limit / 1000, limit % 1000 * 1000000};
-  const int ready = ppoll(&awaited, 1, &time, request.blocked);
-  if (ready < 0 && errno == EINTR && request.interrupted != nullptr) request.interrupted();
-  return ready > 0;
+  const int result = ppoll(nullptr, 0, &time, request.blocked);
+  if (result < 0 && errno == EINTR && request.interrupted != nullptr) request.interrupted();
 }
 
 // ---- Turns --------------------------------------------------------------------------------------
@@ -163,10 +160,8 @@ class Pair {
   Pair(const Pair&) = delete;
   Pair& operator=(const Pair&) = delete;
 
-  // False with errno set.
-  bool SendTo(int sock) const {
-    return send(sock, text_, size_, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(size_);
-  }
+  // A pipe has room for all of it. False with errno set.
+  bool WriteTo(int pipe) const { return write(pipe, text_, size_) == static_cast<ssize_t>(size_); }
 
  private:
   char text_[kLongestPair];
@@ -221,7 +216,7 @@ class Helper {
   Helper() = default;
   ~Helper() {
     End();
-    for (const int fd : {sock_, input_}) {
+    for (const int fd : pipe_) {
       if (fd != -1) close(fd);
     }
   }
@@ -230,48 +225,36 @@ class Helper {
 
   // False with errno set.
   bool Start(const char* path, const char* rhost) {
-    int ends[2];
-    // A socket pair, because a write to it can be kept from raising SIGPIPE.
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return false;
-    sock_ = ends[0];
-    input_ = ends[1];
-    const int error = Spawn(path, rhost);
-    close(std::exchange(input_, -1));
-    errno = error;
-    return error == 0;
+    if (pipe2(pipe_, O_CLOEXEC) != 0) return false;
+    errno = Spawn(path, rhost);
+    return errno == 0;
   }
 
-  // False with errno set.
+  // False with errno set. The end that is read stays open here too: nothing raises SIGPIPE, and
+  // what the helper leaves shows.
   bool Send(const Pair& pair) {
-    if (!pair.SendTo(sock_)) return false;
-    shutdown(sock_, SHUT_WR);  // its input ends here
-    return true;
+    const bool written = pair.WriteTo(pipe_[1]);
+    const int error = errno;
+    close(std::exchange(pipe_[1], -1));  // its input ends here
+    errno = error;
+    return written;
   }
 
   // True when it has ended with status 0 in time. One that has not ended by then is given up.
   bool Accepts(const PasswordRequest& request) {
     const int64_t deadline = Now() + kLongestWait;
     int status = 0;
-    int awaited = sock_;
-    int64_t look = kLook;
-    while (!HasEnded(&status)) {
+    for (int64_t look = 1; !HasEnded(&status); look = std::min(2 * look, kLook)) {
       if (Now() >= deadline) return false;
-      if (Wait(request, awaited, look)) {
-        awaited = -1;  // a process closes its input a moment before its status can be had
-        look = 1;
-      } else {
-        look = std::min(2 * look, kLook);
-      }
+      Wait(request, look);
     }
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
   }
 
   // Whatever its status says, a helper that has not read the pair has not checked it.
   bool HasReadAll() const {
-    int error = 0;
-    socklen_t size = sizeof error;
-    getsockopt(sock_, SOL_SOCKET, SO_ERROR, &error, &size);
-    return error != ECONNRESET;
+    int left = 0;
+    return ioctl(pipe_[0], FIONREAD, &left) == 0 && left == 0;
   }
 
  private:
@@ -282,7 +265,7 @@ class Helper {
     const char* environment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", peer, nullptr};
     const char* program[] = {path, nullptr};
     const char* script[] = {"sh", path, nullptr};
-    const SpawnSettings settings(input_);
+    const SpawnSettings settings(pipe_[0]);
     int error =
         settings.Start(path, const_cast<char**>(program), const_cast<char**>(environment), &pid_);
     if (error == ENOEXEC) {
@@ -310,8 +293,7 @@ class Helper {
   }
 
   pid_t pid_ = -1;
-  int sock_ = -1;   // ours
-  int input_ = -1;  // its end, until it has inherited that
+  int pipe_[2] = {-1, -1};  // to its standard input
 };
 
 PasswordCheck Ask(const char* path, const PasswordRequest& request) {
@@ -319,8 +301,8 @@ PasswordCheck Ask(const char* path, const PasswordRequest& request) {
   const Pair pair(request);
   if (!helper.Start(path, request.rhost)) return PasswordCheck::kNotStarted;
   if (!helper.Send(pair)) return PasswordCheck::kNotRead;
-  const bool accepted = helper.Accepts(request);
-  if (helper.HasReadAll()) return accepted ? PasswordCheck::kAccepted : PasswordCheck::kRefused;
+  if (!helper.Accepts(request)) return PasswordCheck::kRefused;
+  if (helper.HasReadAll()) return PasswordCheck::kAccepted;
   errno = EPIPE;
   return PasswordCheck::kNotRead;
 }
@@ -332,7 +314,7 @@ PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request) 
   const int64_t deadline = Now() + kLongestWait;
   while (!turn.Take()) {
     if (Now() >= deadline) return PasswordCheck::kNoTurn;
-    Wait(request, -1, kLook);
+    Wait(request, kLook);
   }
   const PasswordCheck result = Ask(helper, request);
   if (result != PasswordCheck::kAccepted) {

@@ -149,7 +149,7 @@ Expected Expect(Client& client) {
 
 std::string ReadPair() {
   char text[4096];
-  const ssize_t count = recv(helper_input, text, sizeof text, 0);
+  const ssize_t count = read(helper_input, text, sizeof text);
   close(helper_input);
   helper_input = -1;
   return {text, static_cast<size_t>(std::max<ssize_t>(count, 0))};

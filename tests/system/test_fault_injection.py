@@ -257,7 +257,8 @@ START: Table = {
     "eventfd": end("Initialize: eventfd() failed : {e}"),
     "pthread_create": NO_WORKER,
     "regcomp": EVENTS_LOST,
-    "socket": SILENT + PORT_LOST + end("ConnectToConsole: socket() failed: {e}"),
+    "socket": (SILENT + PORT_LOST + work("OpenAudit: socket() failed : {e}")
+               + end("ConnectToConsole: socket() failed: {e}")),
     "bind": PORT_LOST,
     "listen": PORT_LOST,
     "connect": SILENT + work("ConnectToConsole: connect() failed : {e}"),

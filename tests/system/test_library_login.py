@@ -112,6 +112,8 @@ def test_a_name_in_the_line_does_not_count(club):
 @pytest.mark.needs_namespace
 def test_a_right_password_of_somebody_else_is_not_enough(club):
     user = club.call()
+    for _ in range(TRIES - 1):
+        fail(user, b"bob", b"builder")
     give(user, b"bob", b"builder")
     refused(user, 1)
     club.station.wait_log("DoTqAuthValidation: Authentication failed.")
@@ -131,17 +133,14 @@ def test_all_entries_of_the_group_are_searched(groups, hall):
             user.expect_exactly(OFFERS)
             hall.connected(name)
     other = hall.call()
-    give(other, b"bob", b"pw")
-    refused(other, 1)
+    fail(other, b"bob", b"pw")
 
 
 @pytest.mark.needs_namespace
 def test_without_the_group_only_root_is_admitted(groups, hall):
     groups.write("")
     hall.helper.accept(b"alice", b"pw")
-    user = hall.call()
-    give(user, b"alice", b"pw")
-    refused(user, 1)
+    fail(hall.call(), b"alice", b"pw")
 
 
 def test_three_failures_end_the_connection(hall):
@@ -197,8 +196,8 @@ def test_telnet_commands_are_no_part_of_what_is_typed(hall):
 
 def test_a_doubled_255_is_data(hall):
     user = hall.call()
-    fail(user, b"ro\xff\xffot", b"pw")
-    assert hall.helper.pairs() == [b"ro\xffot pw"]
+    fail(user, b"root", b"p\xff\xffw")
+    assert hall.helper.pairs() == [b"root p\xffw"]
 
 
 @pytest.mark.parametrize("evil", [b"$(touch {})", b"`touch {}`", b"'; touch {}; '", b"%s%n%x"])
@@ -206,8 +205,10 @@ def test_no_shell_ever_sees_what_is_typed(hall, evil):
     marker = hall.station.root / "touched"
     evil = evil.replace(b"{}", str(marker).encode())
     user = hall.call()
+    fail(user, b"root", evil)
     fail(user, evil, evil)
-    assert hall.helper.pairs() == [evil + b" " + evil]
+    first, second = hall.helper.pairs()
+    assert (first, second[:-32]) == (b"root " + evil, evil + b" ")
     assert not marker.exists()
 
 
@@ -216,8 +217,10 @@ def test_no_shell_ever_sees_what_is_typed(hall, evil):
 
 def test_the_longest_answers(hall):
     user = hall.call(b"box " + b" " * (LINE - 20) + b"mode=ro")
+    fail(user, b"root", b"p" * LINE)
     fail(user, b"n" * LINE, b"p" * LINE)
-    assert hall.helper.pairs() == [b"n" * LINE + b" " + b"p" * LINE]
+    first, second = hall.helper.pairs()
+    assert (first, second[:-32]) == (b"root " + b"p" * LINE, b"n" * LINE + b" ")
 
 
 @pytest.mark.parametrize("sent", [b"x" * (LINE + 1) + b"\n", b"box\0\n",
@@ -299,6 +302,7 @@ def test_a_helper_that_fails_is_a_failed_try(hall, script):
 
 
 @pytest.mark.slow
+@pytest.mark.slow
 def test_a_helper_that_hangs_is_ended_and_delays_nobody_else(hall):
     with local_user(hall.station, b"box") as neighbour:
         neighbour.expect(OFFERS)
@@ -309,8 +313,8 @@ def test_a_helper_that_hangs_is_ended_and_delays_nobody_else(hall):
         process = hall.helper.wait_hanging()
         assert process in children_of(hall.station.pid)
         assert echo_time(neighbour, hall.box, b"k", limit=2) < stretched(1)
-        user.expect_exactly(NAME, limit=10 + LIMIT)
-        assert time.monotonic() - begin >= 9.9
+        user.expect_exactly(NAME, limit=30 + LIMIT)
+        assert time.monotonic() - begin >= 29.9
         assert children_of(hall.station.pid) == set()
         user.close()
     hall.quiet()

@@ -14,7 +14,7 @@ import pytest
 from harness import settings
 from harness.access import bring_up, greeting, refused
 from harness.door import HOST, NAME, TRY_AGAIN, Door, give_name, log_in
-from harness.hall import Hall, give
+from harness.hall import Hall, fail, give
 # `groups` is a fixture.
 from harness.helpers import groups, private_copy
 from harness.peers import OFFERS
@@ -318,11 +318,27 @@ def test_a_person_without_the_right_is_told_so_by_the_telnet_client(door):
         person.expect_closed()
 
 
+REPORTING = """auth required pam_exec.so quiet {script}
+account required pam_permit.so
+"""
+
+
+@pytest.mark.parametrize("rhost, told", [("192.0.2.7", "192.0.2.7\n"), ("", "\n"), (None, "\n")])
+def test_pam_is_told_where_the_pair_comes_from(accounts, tmp_path, rhost, told):
+    seen = tmp_path / "rhost"
+    script = tmp_path / "report"
+    script.write_text(f'#!/bin/sh\necho "$PAM_RHOST" > {seen}\n', encoding="ascii")
+    script.chmod(0o755)
+    Path("/etc/pam.d/qor").write_text(REPORTING.format(script=script), encoding="ascii")
+    environment = {"PATH": os.environ["PATH"]} | ({} if rhost is None else {"QOR_RHOST": rhost})
+    subprocess.run([HELPER], input=b"alice x", env=environment, check=True)
+    assert seen.read_text(encoding="ascii") == told
+
+
 def test_the_primary_group_alone_admits_nobody_on_the_main_port(door):
     hall = Hall(door.station, None, door.box)
     user = hall.call()
-    give(user, b"bob", b"builder")
-    refused(user, 1)
+    fail(user, b"bob", b"builder")
     member = hall.call()
     give(member, b"alice", BLANKS)
     member.expect_exactly(OFFERS)

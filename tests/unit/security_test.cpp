@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -42,6 +43,7 @@ using test::FakeClock;
 using test::IsExitTrace;
 using test::SocketPair;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
@@ -659,6 +661,28 @@ class DialogueTest : public HelperTest {
   GroupDatabase groups_{Entries{{"qoruser", {"anna"}}}};
   int result_ = 0;
 };
+
+TEST_F(DialogueTest, WhoGetsNoTurnIsTimedOut) {
+  Install(": > root/started.$$\nwhile [ ! -e root/go ]; do sleep .05; done\nexit 1\n");
+  const auto started = [] {
+    const std::filesystem::directory_iterator root("root");
+    return std::count_if(begin(root), end(root), [](const auto& entry) {
+      return entry.path().string().starts_with("root/started.");
+    });
+  };
+  std::vector<std::thread> others;
+  for (int i = 0; i < 8; ++i) others.emplace_back([] { AuthenticateOnLinux("bert", "x", ""); });
+  EXPECT_TRUE(test::Eventually([&] { return started() == 8; }));
+  {
+    const test::FakePassageOfTime seconds(5'000'000);
+    EXPECT_THAT(Talk("anna\nsecret\n"), EndsWith("password: \n\r\n"));
+  }
+  EXPECT_EQ(result_, -1);
+  EXPECT_STREQ(u_err_msg, "003 - Timed out.\r\n");
+  test::WriteFile("root/go", "");
+  for (std::thread& other : others) other.join();
+  EXPECT_EQ(started(), 8) << "the one who was timed out was not checked";
+}
 
 TEST_F(DialogueTest, RootIsAdmittedWithoutAGroup) {
   EXPECT_EQ(Talk("root\nsecret\n"), Welcome() + "username: root\npassword: \n\r\n");

@@ -16,6 +16,7 @@ CLONE_NEWNS = 0x00020000
 CLONE_NEWNET = 0x40000000
 MS_NOSUID = 2
 MS_NODEV = 4
+MS_BIND = 0x1000
 MS_REC = 0x4000
 MS_PRIVATE = 1 << 18
 MNT_DETACH = 2
@@ -50,6 +51,13 @@ def _raise_loopback() -> None:
         fcntl.ioctl(any_socket, SIOCSIFFLAGS, struct.pack("16sH14x", b"lo", IFF_UP))
 
 
+def _hide_system_log() -> None:
+    """What daemons under test do is nothing for the machine's own log."""
+    log = os.path.realpath("/dev/log")
+    if os.path.exists(log) and not os.path.samefile(log, "/dev/null"):
+        _checked(_libc.mount(b"/dev/null", os.fsencode(log), None, MS_BIND, None), f"hide {log}")
+
+
 def enter_private_namespaces(root: Path) -> None:
     """Move the calling thread into new namespaces and give it an empty root directory.
 
@@ -62,6 +70,7 @@ def enter_private_namespaces(root: Path) -> None:
     if os.path.ismount(root):
         unmount(root)
     mount_tmpfs(root)
+    _hide_system_log()
     _raise_loopback()
 
 
