@@ -192,6 +192,26 @@ FAILING(int, epoll_wait, (int watch, struct epoll_event *events, int most, int l
         (watch, events, most, limit), -1)
 FAILING(int, eventfd, (unsigned int count, int flags), (count, flags), -1)
 FAILING(ssize_t, read, (int fd, void *data, size_t size), (fd, data, size), -1)
+
+/* What calls become when the compiler cannot see that the room suffices (_FORTIFY_SOURCE). */
+#define FORTIFIED(result, checked, name, parameters, arguments, failure) \
+  result checked parameters;                                            \
+  result checked parameters {                                           \
+    if (fails(#name)) return failure;                                   \
+    return NEXT(checked) arguments;                                     \
+  }
+
+FORTIFIED(ssize_t, __recv_chk, recv, (int fd, void *data, size_t size, size_t room, int flags),
+          (fd, data, size, room, flags), -1)
+FORTIFIED(ssize_t, __read_chk, read, (int fd, void *data, size_t size, size_t room),
+          (fd, data, size, room), -1)
+FORTIFIED(int, __poll_chk, poll, (struct pollfd *fds, nfds_t count, int limit, size_t room),
+          (fds, count, limit, room), -1)
+FORTIFIED(int, __ppoll_chk, ppoll,
+          (struct pollfd *fds, nfds_t count, const struct timespec *limit, const sigset_t *mask,
+           size_t room),
+          (fds, count, limit, mask, room), -1)
+
 FAILING(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size), -1)
 FAILING(ssize_t, writev, (int fd, const struct iovec *parts, int count), (fd, parts, count), -1)
 FAILING(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
@@ -279,6 +299,28 @@ int fprintf(FILE *file, const char *format, ...) {
   const int result = vfprintf(file, format, arguments);
   va_end(arguments);
   return result;
+}
+
+/* The same, as _FORTIFY_SOURCE has it. */
+int __fprintf_chk(FILE *file, int level, const char *format, ...);
+int __fprintf_chk(FILE *file, int level, const char *format, ...) {
+  (void)level;
+  if (file != stderr && fails("fprintf")) {
+    mark(file);
+    return -1;
+  }
+  va_list arguments;
+  va_start(arguments, format);
+  const int result = vfprintf(file, format, arguments);
+  va_end(arguments);
+  return result;
+}
+
+char *__fgets_chk(char *line, size_t room, int size, FILE *file);
+char *__fgets_chk(char *line, size_t room, int size, FILE *file) {
+  if (!fails("fgets")) return NEXT(__fgets_chk)(line, room, size, file);
+  mark(file);
+  return NULL;
 }
 
 /* The debug output is flushed after every line; nothing is to be learned from that. */
