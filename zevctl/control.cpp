@@ -69,7 +69,7 @@ class Control {
   }
 
   ExitStatus Print(bool json) const {
-    if (json) std::cout << data_.dump() << "\n";
+    if (json) std::cout << EscapedJson(data_.dump()) << "\n";
     for (const auto& [done, line] : lines_) {
       if (!done) Warn(line);
       if (done && !json) std::cout << line << "\n";

@@ -53,7 +53,7 @@ std::string EventAsText(const Event& event) {
 }
 
 std::string EventAsJson(const Event& event) {
-  return event.dump();
+  return EscapedJson(event.dump());
 }
 
 void LineCutter::Add(std::string_view bytes, const Handler& line, const TooLongHandler& too_long) {

@@ -123,7 +123,7 @@ std::string AsJson(const LogReader& log, const Record& record) {
   data["time"] = record.time ? nlohmann::ordered_json(Rfc3339(*record.time)) : nullptr;
   data["console"] = Utf8(record.console.empty() ? log.name() : record.console);
   data["text"] = Utf8(record.text);
-  return data.dump();
+  return EscapedJson(data.dump());
 }
 
 // Every record has a line of its own, also when it has no line end or another one.

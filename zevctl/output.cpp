@@ -4,6 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <numeric>
@@ -47,11 +50,40 @@ size_t WellFormed(std::string_view text) {
              : 0;
 }
 
-// Control characters, U+0080 to U+009F included.
-bool IsControl(std::string_view character) {
-  const auto first = static_cast<unsigned char>(character[0]);
-  if (first < 0x20 || first == 0x7F) return true;
-  return first == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0;
+uint32_t CodePoint(std::string_view character) {
+  constexpr std::array<unsigned, 5> kBitsOfFirst = {0, 0x7F, 0x1F, 0x0F, 0x07};
+  uint32_t code = static_cast<unsigned char>(character[0]) & kBitsOfFirst[character.size()];
+  for (const char byte : character.substr(1)) {
+    code = code << 6 | (static_cast<unsigned char>(byte) & 0x3F);
+  }
+  return code;
+}
+
+struct Range {
+  uint32_t first;
+  uint32_t last;
+};
+
+constexpr std::array kHarmful = {
+    Range{0x00, 0x1F},      // control characters
+    Range{0x7F, 0x9F},      // delete, and the control characters of eight bits
+    Range{0x061C, 0x061C},  // the Arabic letter mark, which changes the direction
+    Range{0x200E, 0x200F},  // marks of the direction
+    Range{0x2028, 0x202E},  // separators of lines and paragraphs; changes of the direction
+    Range{0x2066, 0x2069},  // changes of the direction
+};
+
+bool IsHarmful(std::string_view character) {
+  const uint32_t code = CodePoint(character);
+  return std::any_of(kHarmful.begin(), kHarmful.end(),
+                     [&](const Range& range) { return code >= range.first && code <= range.last; });
+}
+
+// All that is harmful has four digits at most.
+std::string JsonEscape(std::string_view character) {
+  std::array<char, 8> text{};
+  snprintf(text.data(), text.size(), "\\u%04x", CodePoint(character));
+  return text.data();
 }
 
 template <typename Replace>
@@ -59,7 +91,11 @@ std::string Map(std::string_view text, std::string_view malformed, Replace repla
   std::string result;
   while (!text.empty()) {
     const size_t length = WellFormed(text);
-    result += length == 0 ? malformed : replace(text.substr(0, length));
+    if (length == 0) {
+      result += malformed;
+    } else {
+      result += replace(text.substr(0, length));
+    }
     text.remove_prefix(std::max<size_t>(length, 1));
   }
   return result;
@@ -116,7 +152,13 @@ size_t TerminalWidth() {
 
 std::string Printable(std::string_view text) {
   return Map(text, "?", [](std::string_view character) {
-    return IsControl(character) ? std::string_view("?") : character;
+    return IsHarmful(character) ? std::string_view("?") : character;
+  });
+}
+
+std::string EscapedJson(std::string_view json) {
+  return Map(json, kReplacement, [](std::string_view character) {
+    return IsHarmful(character) ? JsonEscape(character) : std::string(character);
   });
 }
 
@@ -167,7 +209,7 @@ void Table::Print(std::ostream& out, size_t width, bool colours) const {
 }
 
 void Announce(const std::string& line) {
-  std::cerr << line + "\n";
+  std::cerr << Printable(line) + "\n";
 }
 
 void Warn(const std::string& message) {

@@ -17,12 +17,18 @@ bool ColoursWanted();
 /// Columns of the terminal on standard output; 0 when it is not a terminal.
 size_t TerminalWidth();
 
-/// The text with every byte that is not printable ASCII or part of a well-formed UTF-8 character
-/// replaced by '?': what consoles and strangers chose must not work the terminal.
+/// The text with '?' in place of every byte that is no part of a well-formed UTF-8 character, and
+/// of every character that works a terminal or lets a line read as what it is not: control
+/// characters, those that change the direction of writing, and the separators of lines and
+/// paragraphs. Whatever consoles and strangers chose goes through this.
 std::string Printable(std::string_view text);
 
 /// The text as valid UTF-8 for JSON; bytes that are not become U+FFFD.
 std::string Utf8(std::string_view text);
+
+/// JSON text of one line with those characters written as escapes (\u202e): in its strings, where
+/// alone they can be, that is the same data.
+std::string EscapedJson(std::string_view json);
 
 /// Text between colour sequences; `wanted` as of ColoursWanted().
 std::string Coloured(std::string_view text, Colour colour, bool wanted);
@@ -49,8 +55,8 @@ class Table {
   std::vector<std::vector<Cell>> rows_;
 };
 
-/// Writes a line to standard error, all of it at once: nothing that another program prints at the
-/// same time comes in between.
+/// Writes a line to standard error, made printable and all of it at once: nothing that another
+/// program prints at the same time comes in between.
 void Announce(const std::string& line);
 
 /// Tells what went wrong, with the name of this program in front.

@@ -44,7 +44,7 @@ class Station {
 };
 
 void PrintJson(const Json& data) {
-  std::cout << data.dump() << "\n";
+  std::cout << EscapedJson(data.dump()) << "\n";
 }
 
 void PrintTable(const Table& table, std::ostream& out = std::cout) {
@@ -128,7 +128,7 @@ std::string RenderList(CommandPort& port, const ListOptions& options, bool json)
   const auto list = FetchList(port, options);
   std::ostringstream text;
   if (json) {
-    text << ListAsJson(list).dump() << "\n";
+    text << EscapedJson(ListAsJson(list).dump()) << "\n";
   } else {
     PrintTable(ListAsTable(list), text);
   }

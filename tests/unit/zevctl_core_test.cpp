@@ -184,6 +184,19 @@ TEST(ZevctlOutputTest, PrintableReplacesWhatWorksTheTerminal) {
   EXPECT_EQ(Printable("\0"s), "?");
 }
 
+TEST(ZevctlOutputTest, PrintableReplacesWhatTurnsALineRound) {
+  EXPECT_EQ(Printable("\u061C\u200E\u200F\u2028\u2029\u202A\u202E\u2066\u2069"),
+            std::string(9, '?'));
+  const std::string neighbours = "\u061B\u061D\u200D\u2010\u2027\u202F\u2065\u206A\u00A0";
+  EXPECT_EQ(Printable(neighbours), neighbours);
+  EXPECT_EQ(Printable("\u0080\u009F"), "??");
+}
+
+TEST(ZevctlOutputTest, EscapedJsonIsTheSameData) {
+  EXPECT_EQ(EscapedJson("[\"a\u202Eb\x7F\u009B \u00E9\U0001F600\\u001b\"]"),
+            "[\"a\\u202eb\\u007f\\u009b \u00E9\U0001F600\\u001b\"]");
+}
+
 TEST(ZevctlOutputTest, Utf8ReplacesWhatIsMalformed) {
   EXPECT_EQ(Utf8("a\n\xC3\xA9"), "a\n\xC3\xA9");
   EXPECT_EQ(Utf8("a\xFFz"), "a\xEF\xBF\xBDz");
