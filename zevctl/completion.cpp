@@ -1,8 +1,12 @@
 // Shell completion. The shells' functions are thin: they hand the words of the line to the word
 // "complete", which answers from the declared commands and options and, for console names,
 // from the running daemon. It never asks for a password: no answer is an answer there.
+//
+// What is offered ends up on a command line. So no name is offered that a shell would read as more
+// than a word, or zevctl as an option; and the functions take what they are offered as text.
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstdlib>
 #include <iostream>
@@ -11,6 +15,7 @@
 #include <set>
 
 #include "command_port.h"
+#include "output.h"
 #include "program.h"
 #include "selection.h"
 
@@ -23,13 +28,20 @@ using Words = std::vector<std::string>;
 constexpr char kBash[] =
     R"(# bash completion for zevctl; load it with: source <(zevctl completion bash)
 _zevctl() {
-    local IFS=$'\n'
     local line=${COMP_LINE:0:COMP_POINT}
-    local words
+    local words answers answer
     IFS=$' \t\n' read -r -a words <<< "$line"
     [[ $line == *[[:space:]] ]] && words+=("")
-    COMPREPLY=($(zevctl complete "${words[@]:1}" 2>/dev/null))
-    [[ ${COMPREPLY[0]-} == "<file>" ]] && COMPREPLY=() && compopt -o default
+    mapfile -t answers < <(zevctl complete "${words[@]:1}" 2>/dev/null)
+    COMPREPLY=()
+    if [[ ${answers[0]-} == "<file>" ]]; then
+        compopt -o default
+        return 0
+    fi
+    for answer in "${answers[@]}"; do
+        printf -v answer %q "$answer"
+        COMPREPLY+=("$answer")
+    done
     return 0
 }
 complete -F _zevctl zevctl
@@ -42,7 +54,7 @@ _zevctl() {
     answers=("${(@f)$(zevctl complete "${(@)words[2,CURRENT]}" 2>/dev/null)}")
     if [[ ${answers[1]} == "<file>" ]]; then
         _files
-    else
+    elif [[ -n ${answers[1]} ]]; then
         compadd -a answers
     fi
 }
@@ -144,11 +156,26 @@ class Line {
   Settings settings_;
 };
 
+// Letters of other scripts are harmless where Printable() leaves them alone.
+bool IsPlain(char byte) {
+  constexpr std::string_view kMarks = "_-.:@%+,/=";
+  return isalnum(static_cast<unsigned char>(byte)) != 0 || (byte & 0x80) != 0 ||
+         kMarks.find(byte) != std::string_view::npos;
+}
+
+// A name with a blank, a quote, a `$`, a line end and the like can only be meant to do harm.
+bool IsWord(const std::string& name) {
+  return !name.empty() && name[0] != '-' && Printable(name) == name &&
+         std::all_of(name.begin(), name.end(), IsPlain);
+}
+
 // A daemon that is away, or wants a login, offers no names.
 Words ConsoleNames(const Settings& settings) {
   try {
     Credentials nobody = Credentials::Unasked();
-    return NamesOf(CommandPort(settings, nobody).Consoles());
+    Words names = NamesOf(CommandPort(settings, nobody).Consoles());
+    std::erase_if(names, [](const std::string& name) { return !IsWord(name); });
+    return names;
   } catch (const Failure&) {
     return {};
   }
