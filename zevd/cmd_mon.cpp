@@ -26,6 +26,7 @@
 #include "audit.h"
 #include "cons_mon.h"
 #include "error.h"
+#include "liveness.h"
 #include "user_conn.h"
 #include "utf8.h"
 #include "util.h"
@@ -210,6 +211,13 @@ void ServeCommands(WatchedSockets* watched) {
   cmd_mon::CleanUpClosedConnections();
 }
 
+void LookForVanished(LookOut* look_out) {
+  if (!look_out->IsDue()) return;
+  const WriteLock lock(cmd_lock, CallSite{kLoop, __LINE__});
+  cmd_mon::CloseVanishedTools();
+  cmd_mon::CleanUpClosedConnections();
+}
+
 void ServeConnection(CommandNode* cnode) {
   char line[kLineSize];
   const int result = ReadLine(cnode->sock, line, sizeof line);
@@ -237,10 +245,12 @@ void* CommandMonitorThreadStart(void* /*unused*/) {
 void MonitorCommands() {
   ENTERING();
   WatchedSockets watched;
+  LookOut look_out;
   for (;;) {
     ParkIfAsked(kPauseCmdMon);
     usleep(kPassPause);
     ServeCommands(&watched);
+    LookForVanished(&look_out);
   }
 }
 
@@ -276,6 +286,16 @@ void ProcessCommand(const DescriptorSet& fdset) {
 }
 
 namespace cmd_mon {
+
+void CloseVanishedTools() {
+  ENTERING();
+  for (CommandNode* cnode : Nodes(*cmd_list)) {
+    if (cnode->connected == 0 || !HasVanished(cnode->sock)) continue;
+    zev_debug(kInfo, "%s: Tool of \"%s\" at \"%s\" has vanished.\n", __func__, cnode->user_name,
+              cnode->ipaddr);
+    CloseCommandConnection(cnode);
+  }
+}
 
 CommandNode* GetClosedConnection() {
   ENTERING();

@@ -100,6 +100,9 @@ namespace cmd_mon {
 /// Goes on with every answer that found no room; closes a tool that has taken nothing for too long.
 void SendUnsentAnswers() REQUIRES(cmd_lock);
 
+/// Closes the tools that have vanished; see liveness.h.
+void CloseVanishedTools() REQUIRES(cmd_lock);
+
 /// The first closed node of cmd_list, or null.
 CommandNode* GetClosedConnection() REQUIRES(cmd_lock);
 void CleanUpClosedConnections() REQUIRES(cmd_lock);

@@ -30,6 +30,7 @@
 #include "cons_mon.h"
 #include "descriptor_budget.h"
 #include "error.h"
+#include "liveness.h"
 #include "mapped_port.h"
 #include "security.h"
 #include "socket_watch.h"
@@ -609,6 +610,7 @@ void AcceptOn(const MappedPortNode* mpnode) {
     TERMINATE(kTerminated);
   }
   PrepareRelaySocket(sock);
+  AskSilentPeer(sock);
   if (mpnode->port != user_port && mpnode->pending_logins == max_pending_logins) {
     SetUserError(kTooManyPending);
     zev_debug(kInfo, "%s: Reached max_pending_logins (%d)\n", kFunction, max_pending_logins);

@@ -15,6 +15,7 @@
 
 #include "audit.h"
 #include "error.h"
+#include "liveness.h"
 #include "socket_watch.h"
 #include "waker.h"
 #include "zev.h"
@@ -154,6 +155,12 @@ void RelayInput(DescriptorSet* fdset) {
   ProcessUserInput(*fdset);
 }
 
+void LookForVanished(LookOut* look_out) {
+  if (!look_out->IsDue()) return;
+  const ReadLock lock(ul_lock, CallSite{kLoop, __LINE__});
+  user_mon::LookForVanishedUsers();
+}
+
 // Who marks a user wakes this thread afterwards; while nobody did, nobody is looked for.
 bool AnyUserMarked(unsigned* wakes_seen) {
   const ReadLock lock(ul_lock, CallSite{kLoop, __LINE__});
@@ -186,10 +193,12 @@ void MonitorUserInput() {
   ENTERING();
   DescriptorSet fdset;
   unsigned wakes_seen = 0;
+  LookOut look_out;
   for (;;) {
     ParkIfAsked(kPauseUserMon);
     usleep(kPassPause);
     RelayInput(&fdset);
+    LookForVanished(&look_out);
     if (AnyUserMarked(&wakes_seen)) RemoveMarkedUsers();
   }
 }
@@ -213,6 +222,16 @@ void ProcessUserInput(const DescriptorSet& fdset) {
 }
 
 namespace user_mon {
+
+void LookForVanishedUsers() {
+  ENTERING();
+  for (UserNode* unode : Nodes(*user_list)) {
+    if (unode->connected == 0 || !HasVanished(unode->sock)) continue;
+    zev_debug(kInfo, "%s: User \"%s\" on console \"%s\" has vanished.\n", __func__,
+              unode->user_name, unode->cons_name);
+    CloseUserConnection(unode);
+  }
+}
 
 bool CheckForClosedConnections() {
   ENTERING();

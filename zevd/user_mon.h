@@ -24,6 +24,9 @@ void ProcessUserInput(const DescriptorSet& fdset) REQUIRES(ul_lock);
 
 namespace user_mon {
 
+/// Marks the users who have vanished; see liveness.h.
+void LookForVanishedUsers() REQUIRES_SHARED(ul_lock);
+
 bool CheckForClosedConnections() REQUIRES_SHARED(ul_lock);
 void CleanUpClosedConnections() REQUIRES(ul_lock, acl_lock);
 

@@ -1,0 +1,194 @@
+"""Peers that vanish without a word are noticed; who is silent and there is left alone."""
+
+import contextlib
+import socket
+
+import pytest
+
+from harness.access import bring_up, greeting, refused
+from harness.commands import Tool
+from harness.door import NAME, log_in, welcome
+from harness.helpers import FakeHelper
+from harness.scenes import connected
+from harness.vanishing import Silence, daemons_socket, hurry, vanish, waiting
+from harness.waiting import free_port, wait_listening, wait_until
+
+FIVE_MINUTES = 300
+LEFT = 'CleanUpClosedConnections: Closing connection with user "{}"on console "{}"'
+GONE = 'LookForVanishedUsers: User "{}" on console "{}" has vanished.'
+TOOL_GONE = 'CloseVanishedTools: Tool of "{}" at "127.0.0.1" has vanished.'
+MAX_PENDING = 5
+
+# The kernel may take its time to acknowledge, and the daemon looks every ten seconds.
+LOOK_LIMIT = 20
+
+
+@pytest.fixture
+def ends(station):
+    """Opens the daemon's end of a peer's connection, and closes all of them after the test."""
+    with contextlib.ExitStack() as opened:
+        yield lambda peer: opened.enter_context(daemons_socket(station, peer))
+
+
+@pytest.fixture
+def silence(tmp_path):
+    """Peers of which nothing has been heard for as long as a test says."""
+    return Silence(tmp_path)
+
+
+def quiet(end: socket.socket) -> socket.socket:
+    """Wait until everything that was sent has been acknowledged, and so the kernel asks."""
+    wait_until(lambda: waiting(end) == 0, what="the peer to have everything")
+    return end
+
+
+def is_asked(end: socket.socket) -> None:
+    """The kernel asks this peer when it is silent, and closes nobody for a shut window."""
+    assert end.getsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE) == 1
+    settings = {option: end.getsockopt(socket.IPPROTO_TCP, option)
+                for option in (socket.TCP_KEEPIDLE, socket.TCP_KEEPINTVL, socket.TCP_KEEPCNT,
+                               socket.TCP_USER_TIMEOUT)}
+    assert settings == {socket.TCP_KEEPIDLE: 60, socket.TCP_KEEPINTVL: 10, socket.TCP_KEEPCNT: 6,
+                        socket.TCP_USER_TIMEOUT: 0}
+
+
+@pytest.fixture
+def door(station):
+    """A console whose port wants a login that root may make."""
+    helper = FakeHelper(station)
+    helper.accept(b"root", b"secret")
+    station.door_port = free_port()
+    box = station.console("box", mapped_port=station.door_port, auth=1)
+    bring_up(station, box, options=("-S", "1"))
+    wait_listening(station.door_port)
+    return station
+
+
+def asked_for_a_name(door):
+    """A caller of the console's port who has seen the prompt."""
+    caller = door.caller(door.door_port)
+    caller.expect_exactly(welcome("box") + NAME)
+    return caller
+
+
+# The kernel asks
+
+
+def test_every_peer_is_asked_whether_it_is_there(station, ends):
+    port = free_port()
+    box = station.console("box", mapped_port=port)
+    bring_up(station, box)
+    wait_listening(port)
+    user = station.mapped(port)
+    user.expect(greeting("box"))
+    for peer in (station.attach("box"), user, Tool(station).peer):
+        is_asked(ends(peer))
+
+
+def test_a_caller_is_asked_from_the_start(door, ends):
+    silent = door.caller()
+    door.wait_log('AcceptConnectionRequests: Connection request from IP address "127.0.0.1".')
+    is_asked(ends(silent))
+    is_asked(ends(asked_for_a_name(door)))
+
+
+def test_a_user_who_vanishes_does_not_keep_a_console(station, ends):
+    box = station.console("box")
+    bring_up(station, box)
+    holder = station.attach("box", mode="ex", user="holder")
+    refused(station.ask("box", mode="ex"), 6)
+    hurry(quiet(ends(holder)))
+    vanish(holder)
+    station.wait_log(LEFT.format("holder", "box"))
+    station.attach("box", mode="ex").send(b"mine")
+    box.expect_exactly(b"mine")
+
+
+def test_a_login_that_vanishes_gives_its_place_back(door, ends):
+    callers = [asked_for_a_name(door) for _ in range(MAX_PENDING)]
+    refused(door.caller(door.door_port), 16)
+    gone, *others = callers
+    position = door.mark()
+    hurry(quiet(ends(gone)))
+    vanish(gone)
+    door.wait_log("ServiceConnectionRequestThreadStart: Exiting thread.", after=position)
+    log_in(asked_for_a_name(door), b"root", b"secret")
+    assert not any(caller.closed for caller in others)
+
+
+def test_a_user_who_is_silent_and_there_stays(station, ends):
+    box = station.console("box")
+    bring_up(station, box)
+    there, gone = (station.attach("box", user=name) for name in ("there", "gone"))
+    for user in (there, gone):
+        hurry(quiet(ends(user)))
+    vanish(gone)
+    station.wait_log(LEFT.format("gone", "box"))
+    box.send(b"still here?")
+    there.expect_exactly(b"still here?")
+    there.send(b"yes")
+    box.expect_exactly(b"yes")
+
+
+# Something waits to be sent, and the kernel does not ask
+
+
+def test_a_user_who_acknowledges_nothing_is_closed(station, ends, silence):
+    box = station.console("box")
+    station.start("-d", "1", env=silence.env)
+    connected(station, box, "box")
+    gone = station.attach("box", user="gone")
+    idle = station.attach("box", user="idle")
+    slow = station.attach("box", user="slow", buffer=4096)
+    quiet(ends(gone))
+    slow.stop_reading()
+    vanish(gone)
+    text = b"x" * 16384  # more than the slow one takes, and all of it finds room
+    box.send(text)
+    idle.expect_exactly(text)
+    quiet(ends(idle))
+    assert waiting(ends(gone)) > 0 and waiting(ends(slow)) > 0
+    silence.add(FIVE_MINUTES, gone, idle)
+    station.wait_log(GONE.format("gone", "box"), limit=LOOK_LIMIT)
+    station.wait_log(LEFT.format("gone", "box"))
+
+    assert waiting(ends(slow)) > 0
+    slow.read_again()
+    slow.expect_exactly(text)
+    box.send(b"!")
+    for user in (idle, slow):
+        user.expect_exactly(b"!")
+    assert station.log_text().count("has vanished.") == 1
+
+
+def test_a_tool_that_acknowledges_nothing_is_closed(station, ends, silence):
+    station.start(env=silence.env)
+    gone, idle, slow = (Tool(station, user=name) for name in ("gone", "idle", "slow"))
+    for tool in (gone, slow):
+        quiet(ends(tool.peer))
+        vanish(tool.peer)
+        tool.send("console")
+        wait_until(lambda: waiting(ends(tool.peer)) > 0, what="an answer that waits")
+    silence.add(FIVE_MINUTES, gone.peer, idle.peer)
+    found = station.wait_log(TOOL_GONE.format("gone"), limit=LOOK_LIMIT)
+    station.wait_log("CleanUpClosedConnections: Cleaning up closed command connection.",
+                     after=found.end)
+    assert idle.command("console").count == 0
+    assert station.log_text().count("has vanished.") == 1
+
+
+def test_four_minutes_are_no_five(station, ends, silence):
+    box = station.console("box")
+    station.start(env=silence.env)
+    connected(station, box, "box")
+    user = station.attach("box")
+    quiet(ends(user))
+    vanish(user)
+    box.send(b"lost")
+    wait_until(lambda: waiting(ends(user)) > 0, what="output that waits")
+    silence.add(FIVE_MINUTES - 60, user)
+    position = station.mark()
+    station.wait_log("Entering LookForVanishedUsers", after=position, limit=LOOK_LIMIT)
+    station.wait_log("Entering CheckForUserInput", count=2, after=position, thread="user_mon")
+    assert "has vanished." not in station.log_text()
+    assert LEFT.format("<unknown>", "box") not in station.log_text()

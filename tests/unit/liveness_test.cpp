@@ -1,0 +1,115 @@
+// Peers that vanish: what the kernel is told to ask, and what follows from what it knows.
+#include "liveness.h"
+
+#include <gtest/gtest.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <string>
+
+#include "support.h"
+
+namespace {
+
+constexpr uint32_t kFiveMinutes = 300'000;  // milliseconds
+
+TEST(LivenessTest, PeerThatIsSilentWhileSomethingWaitsForItIsGone) {
+  EXPECT_TRUE(IsGone({.waiting = 1, .since_ack = kFiveMinutes, .since_data = kFiveMinutes}));
+  EXPECT_TRUE(IsGone({.waiting = 70000, .since_ack = UINT32_MAX, .since_data = UINT32_MAX}));
+}
+
+TEST(LivenessTest, PeerIsGoneAfterFiveMinutesAndNotBefore) {
+  EXPECT_FALSE(IsGone({.waiting = 1, .since_ack = kFiveMinutes - 1, .since_data = UINT32_MAX}));
+  EXPECT_FALSE(IsGone({.waiting = 1, .since_ack = 0, .since_data = UINT32_MAX}));
+}
+
+TEST(LivenessTest, PeerForWhichNothingWaitsIsTheKernelsToAsk) {
+  EXPECT_FALSE(IsGone({.waiting = 0, .since_ack = UINT32_MAX, .since_data = UINT32_MAX}));
+}
+
+// Somebody pastes into a console that prints nothing: there is nothing to acknowledge for minutes.
+TEST(LivenessTest, PeerThatSendsIsThere) {
+  EXPECT_FALSE(IsGone({.waiting = 1, .since_ack = UINT32_MAX, .since_data = kFiveMinutes - 1}));
+  EXPECT_FALSE(IsGone({.waiting = 1, .since_ack = UINT32_MAX, .since_data = 0}));
+}
+
+/// A TCP connection.
+class LiveSocketTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ours_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(listener_.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(ours_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    theirs_ = listener_.Accept();
+  }
+
+  int Option(int level, int option) const {
+    int value = -1;
+    socklen_t size = sizeof value;
+    EXPECT_EQ(getsockopt(ours_.get(), level, option, &value, &size), 0);
+    return value;
+  }
+
+  int Waiting() const {
+    int bytes = -1;
+    EXPECT_EQ(ioctl(ours_.get(), SIOCOUTQ, &bytes), 0);
+    return bytes;
+  }
+
+  // More than the peer's system takes.
+  void FillUp() const {
+    const std::string chunk(65536, 'x');
+    while (send(ours_.get(), chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
+    }
+  }
+
+  test::Listener listener_;
+  test::Descriptor ours_, theirs_;
+};
+
+TEST_F(LiveSocketTest, SilentPeerIsAskedAfterAMinuteAndThenSixTimesInAll) {
+  ASSERT_EQ(Option(SOL_SOCKET, SO_KEEPALIVE), 0);
+  AskSilentPeer(ours_.get());
+  EXPECT_EQ(Option(SOL_SOCKET, SO_KEEPALIVE), 1);
+  EXPECT_EQ(Option(IPPROTO_TCP, TCP_KEEPIDLE), 60);
+  EXPECT_EQ(Option(IPPROTO_TCP, TCP_KEEPINTVL), 10);
+  EXPECT_EQ(Option(IPPROTO_TCP, TCP_KEEPCNT), 6);
+}
+
+// It would end the connection of a peer that answers but takes nothing.
+TEST_F(LiveSocketTest, NoUserTimeOutIsSet) {
+  AskSilentPeer(ours_.get());
+  EXPECT_EQ(Option(IPPROTO_TCP, TCP_USER_TIMEOUT), 0);
+}
+
+TEST_F(LiveSocketTest, PeerThatIsThereHasNotVanished) {
+  EXPECT_FALSE(HasVanished(ours_.get())) << "with nothing waiting";
+  FillUp();
+  EXPECT_GT(Waiting(), 0);
+  EXPECT_FALSE(HasVanished(ours_.get())) << "with its window shut";
+}
+
+TEST(LivenessTest, PeerOfWhichTheKernelCannotTellHasNotVanished) {
+  const test::SocketPair local;
+  test::SendText(local.ours.get(), "unread");
+  EXPECT_FALSE(HasVanished(local.ours.get())) << "no TCP connection";
+  EXPECT_FALSE(HasVanished(-1));
+}
+
+TEST(LookOutTest, IsDueEveryTenSeconds) {
+  LookOut look_out;
+  const test::FakePassageOfTime second_by_second(1'000'000);
+  EXPECT_TRUE(look_out.IsDue());
+  for (int round = 0; round < 3; ++round) {
+    for (int second = 1; second < 10; ++second) EXPECT_FALSE(look_out.IsDue()) << second;
+    EXPECT_TRUE(look_out.IsDue());
+  }
+}
+
+}  // namespace

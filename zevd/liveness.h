@@ -1,0 +1,39 @@
+// Peers that vanish without a word: a machine that lost its power, a network that went away. Their
+// connections would stay for ever, with the console or the login place that they hold.
+//
+// Two rules find them. While nothing that was sent waits to be acknowledged, the kernel asks a
+// silent peer whether it is there (keep-alive). While something does, it does not ask, and a peer
+// that has sent nothing for five minutes, not even an acknowledgement, is gone. A peer that is
+// there and takes nothing is left alone: it answers the kernel's probes of its shut window, which
+// come at most two minutes apart. TCP_USER_TIMEOUT would end such a connection, too (tcp(7)), and
+// is not set.
+#pragma once
+
+#include <cstdint>
+
+/// Has the kernel ask a peer that has been silent for a minute, and then every ten seconds; without
+/// an answer to six questions the connection ends with ETIMEDOUT.
+void AskSilentPeer(int sock);
+
+/// What the kernel knows of a TCP connection.
+struct PeerSigns {
+  int waiting;          ///< bytes that were sent and are not acknowledged, or not yet on their way
+  uint32_t since_ack;   ///< milliseconds since the last acknowledgement
+  uint32_t since_data;  ///< milliseconds since the peer last sent something
+};
+
+/// True when something waits for the peer and there has been no sign of it for five minutes.
+bool IsGone(const PeerSigns& signs);
+
+/// The same of a socket. False when the kernel cannot tell.
+bool HasVanished(int sock);
+
+/// When a monitor is to look for peers that have vanished: every ten seconds, as each of them has
+/// to be asked about. Belongs to the thread that looks.
+class LookOut {
+ public:
+  bool IsDue();
+
+ private:
+  int64_t next_ = 0;  // in microseconds of a clock that nobody sets
+};
