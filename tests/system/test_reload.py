@@ -5,6 +5,7 @@ import signal
 
 import pytest
 
+from harness.access import user_monitor_frozen
 from harness.debuglog import messages
 from harness.peers import User
 from harness.logs import log_of, records
@@ -316,19 +317,65 @@ def test_a_mapped_port_may_pass_to_another_console(station, box):
     assert "is no longer mapped" not in station.log_text(position)
 
 
-def test_the_mapped_port_of_a_deleted_console_closes(station, box):
-    port = free_port()
+@pytest.fixture
+def dropped(station, box):
+    """A console beside "box" that has a port of its own and is dropped by the next step."""
+    station.own_port = free_port()
     other = station.console("other")
     configure(station, console_line("box", box.port),
-              console_line("other", other.port, mapped_port=port))
+              console_line("other", other.port, mapped_port=station.own_port))
     connected(station, other, "other")
-    wait_listening(port)
-    station.mapped(port).expect(b'Connected to console "other" in shared mode.\r\n\n')
+    wait_listening(station.own_port)
+    return other
+
+
+def closes_at_once(station) -> None:
+    """The port of the dropped console refuses callers, though nobody has looked at it but the
+    daemon."""
+    station.wait_log(GONE.format("other"))
+    wait_until(lambda: not is_listening(station.own_port), what="the port to close")
+    station.wait_log(f"CleanUpStalePorts: Port {station.own_port} is no longer mapped to console",
+                     thread="user_conn")
+
+
+def test_the_mapped_port_of_a_deleted_console_closes_at_once(station, box, dropped):
+    user = station.attach("box")
     configure(station, console_line("box", box.port))
-    # The port goes once its console has; that needs one more look at the ports.
-    wait_until(lambda: "Console other is being deleted." in station.log_text(), what="deletion")
-    reload(station)
-    wait_until(lambda: not is_listening(port), what="the port to close")
+    closes_at_once(station)
+    serves(user, box)
+
+
+def test_the_mapped_port_of_a_deleted_console_with_users_closes_at_once(station, box, dropped):
+    user = station.mapped(station.own_port)
+    user.expect(b'Connected to console "other" in shared mode.\r\n\n')
+    with user_monitor_frozen(station):  # until the ports have been looked at
+        position = configure(station, console_line("box", box.port))
+        found = station.wait_log("Entering GetPortsToListenOn", after=position)
+        station.wait_log("Entering CheckForConnectionRequests", after=found.end)
+        user.expect_exactly(DELETED)
+        assert is_listening(station.own_port)
+    user.expect_closed()
+    closes_at_once(station)
+
+
+def test_the_mapped_port_of_a_deleted_console_that_is_not_connected_closes_at_once(station, box):
+    station.own_port = free_port()
+    configure(station, console_line("box", box.port),
+              console_line("other", 1, mapped_port=station.own_port, enable=0))
+    wait_listening(station.own_port)
+    configure(station, console_line("box", box.port))
+    closes_at_once(station)
+
+
+def test_the_port_of_a_deleted_console_that_another_one_takes_stays_open(station, box, dropped):
+    position = configure(station, console_line("box", box.port, mapped_port=station.own_port))
+    found = station.wait_log(GONE.format("other"), after=position)
+    found = station.wait_log("Entering RefreshMappedPorts", after=found.end)
+    found = station.wait_log("Entering SetupMappedPorts", after=found.end, thread="user_conn")
+    station.wait_log("Entering CheckForConnectionRequests", after=found.end, thread="user_conn")
+    assert "is no longer mapped" not in station.log_text(position)
+    station.mapped(station.own_port).expect(
+        b'Connected to console "box" in shared mode.\r\n\n')
 
 
 # Failure

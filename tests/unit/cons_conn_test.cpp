@@ -495,6 +495,24 @@ TEST_F(DeleteTest, SocketAndLogAreClosed) {
   EXPECT_EQ(test::Receive(socket.theirs.get(), 1), "");
 }
 
+// The console is off its list by then, so the look finds nobody for the port.
+TEST_F(DeleteTest, PortsAreLookedAtAgainAfterTheConsoleThatHadOne) {
+  AddMarked("goes")->mapped_port = 7001;
+  const test::DebugCapture capture(kTrace);
+  DeleteMarkedConsoles(a_cons_list);
+  const std::string output = capture.Output();
+  const size_t removed = output.find("RemoveConsoleFromList: Removed console goes from ");
+  ASSERT_NE(removed, std::string::npos);
+  EXPECT_NE(output.find("Entering RefreshMappedPorts\n", removed), std::string::npos);
+}
+
+TEST_F(DeleteTest, PortsAreLeftAloneWhenTheConsoleHadNone) {
+  AddMarked("goes");
+  const test::DebugCapture capture(kTrace);
+  DeleteMarkedConsoles(a_cons_list);
+  EXPECT_FALSE(capture.Has("Entering RefreshMappedPorts\n"));
+}
+
 TEST_F(DeleteTest, UsersAreToldAndClosedAndTheConsoleIsLeftForLater) {
   ConsoleNode* cnode = AddMarked("busy");
   const test::Attached<UserNode> one = test::AttachUser(cnode, "one");
