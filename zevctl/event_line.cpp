@@ -26,6 +26,13 @@ std::optional<std::string> MessageOf(const Event& event) {
   return message;
 }
 
+// How many equal events the line stands for; nothing when it is a single one.
+std::string RepeatsOf(const Event& event) {
+  const auto repeats = event.find("repeats");
+  if (repeats == event.end() || !repeats->is_number_unsigned()) return {};
+  return " (" + repeats->dump() + " times)";
+}
+
 }  // namespace
 
 std::optional<Event> ParseEvent(std::string_view line) {
@@ -48,6 +55,7 @@ std::string EventAsText(const Event& event) {
   std::string text =
       TextOf(event, "time") + " " + TextOf(event, "priority") + " " + TextOf(event, "name");
   if (const auto message = MessageOf(event)) text += ": " + *message;
+  text += RepeatsOf(event);
   std::replace(text.begin(), text.end(), '\t', ' ');
   return Printable(text);
 }

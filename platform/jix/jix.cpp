@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdint>
@@ -21,11 +22,26 @@
 #include <utility>
 #include <vector>
 
+namespace {
+
+// A daemon error of which equal ones may follow by the hundred.
+struct Fold {
+  std::string body;   // of its line; empty while the place is free
+  int64_t sent = 0;   // when its last line went out
+  int repeats = 0;    // equal ones since then that did not go out
+  time_t latest = 0;  // the clock's time of the latest of them
+};
+
+constexpr size_t kMostFolds = 16;
+
+}  // namespace
+
 struct JixConn {
   std::mutex mutex;
   int sock = -1;
   std::string unsent;  // the rest of a line that has begun; goes out before the next one
   int64_t repaid = 0;  // the time up to which the waits of posts are made good by time without one
+  std::array<Fold, kMostFolds> folds;
 };
 
 struct JixEvent {
@@ -40,7 +56,9 @@ constexpr char kDefaultAddress[] = QOR_ROOT "/run/jix.sock";
 constexpr int64_t kPatience = 100000;  // microseconds that posts may wait at once
 constexpr int64_t kShare = 10;         // of all time, posts may wait this part
 constexpr int64_t kMillisecond = 1000;
-constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
+constexpr int64_t kSecond = 1000000;
+constexpr std::string_view kFoldedNames = "qor.zevd.daemon.error";  // what they begin with
+constexpr char kReplacement[] = "\xEF\xBF\xBD";                     // U+FFFD
 
 struct StatusText {
   JixStatus status;
@@ -112,10 +130,9 @@ void AppendString(std::string& out, std::string_view text) {
 }
 
 // RFC 3339 with the local zone: 2024-05-06T07:08:09+02:00.
-std::string LocalTime() {
-  const time_t now = time(nullptr);
+std::string LocalTime(time_t time) {
   tm local{};
-  localtime_r(&now, &local);
+  localtime_r(&time, &local);
   char text[40];
   strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
   const std::string_view stamp = text;
@@ -130,23 +147,32 @@ std::string HostName() {
   return host;
 }
 
-std::string EventLine(const JixEvent& event) {
-  std::string line = "{\"time\": ";
-  AppendString(line, LocalTime());
-  line += ", \"host\": ";
-  AppendString(line, HostName());
-  line += ", \"name\": ";
-  AppendString(line, event.name);
-  line += ", \"priority\": " + std::to_string(event.priority) + ", \"vars\": {";
+// The part of a line in which equal events are equal.
+std::string Body(const JixEvent& event) {
+  std::string body = "\"name\": ";
+  AppendString(body, event.name);
+  body += ", \"priority\": " + std::to_string(event.priority) + ", \"vars\": {";
   const char* separator = "";
   for (const auto& [name, value] : event.vars) {
-    line += separator;
-    AppendString(line, name);
-    line += ": ";
-    AppendString(line, value);
+    body += separator;
+    AppendString(body, name);
+    body += ": ";
+    AppendString(body, value);
     separator = ", ";
   }
-  line += "}}\n";
+  body += "}";
+  return body;
+}
+
+// The line of an event, or of `repeats` of them, the latest at `time`.
+std::string EventLine(time_t time, std::string_view body, int repeats = 0) {
+  std::string line = "{\"time\": ";
+  AppendString(line, LocalTime(time));
+  line += ", \"host\": ";
+  AppendString(line, HostName());
+  line.append(", ").append(body);
+  if (repeats > 0) line += ", \"repeats\": " + std::to_string(repeats);
+  line += "}\n";
   return line;
 }
 
@@ -201,6 +227,59 @@ JixStatus SendLine(JixConn& conn, std::string line) {
   if (status != JixERROR_BUSY || line.size() == length) return status;
   conn.unsent = std::move(line);
   return JixERROR_NONE;
+}
+
+bool SecondIsOver(const Fold& fold, int64_t now) {
+  return now - fold.sent >= kSecond;
+}
+
+Fold* FindFold(JixConn& conn, std::string_view body) {
+  Fold* found = std::find_if(conn.folds.begin(), conn.folds.end(),
+                             [&](const Fold& fold) { return fold.body == body; });
+  return found == conn.folds.end() ? nullptr : found;
+}
+
+// Sends what was left out, once its second is over, and frees the places of what did not come
+// again. `own` is that of the event which is about to be posted.
+JixStatus SendLeftOut(JixConn& conn, const Fold* own, int64_t now) {
+  for (Fold& fold : conn.folds) {
+    if (&fold == own || fold.body.empty() || !SecondIsOver(fold, now)) continue;
+    if (fold.repeats == 0) {
+      fold = Fold{};
+      continue;
+    }
+    const JixStatus status = SendLine(conn, EventLine(fold.latest, fold.body, fold.repeats));
+    if (status != JixERROR_NONE) return status;
+    fold.sent = now;
+    fold.repeats = 0;
+  }
+  return JixERROR_NONE;
+}
+
+// Of equal ones at most one line goes out in a second; it stands for those that were left out, too.
+JixStatus PostFolded(JixConn& conn, Fold& fold, std::string body, int64_t now) {
+  const time_t time_of_day = time(nullptr);
+  if (!fold.body.empty() && !SecondIsOver(fold, now)) {
+    ++fold.repeats;
+    fold.latest = time_of_day;
+    return JixERROR_NONE;
+  }
+  const int repeats = fold.repeats == 0 ? 0 : fold.repeats + 1;
+  const JixStatus status = SendLine(conn, EventLine(time_of_day, body, repeats));
+  if (status == JixERROR_NONE) fold = {std::move(body), now, 0, 0};
+  return status;
+}
+
+JixStatus Post(JixConn& conn, const JixEvent& event) {
+  const int64_t now = Now();
+  std::string body = Body(event);
+  const bool folded = event.name.starts_with(kFoldedNames);
+  Fold* fold = folded ? FindFold(conn, body) : nullptr;
+  const JixStatus before = SendLeftOut(conn, fold, now);
+  if (before != JixERROR_NONE) return before;
+  if (folded && fold == nullptr) fold = FindFold(conn, "");  // a free place
+  if (fold != nullptr) return PostFolded(conn, *fold, std::move(body), now);
+  return SendLine(conn, EventLine(time(nullptr), body));
 }
 
 JixStatus SetItem(JixEvent& event, int item, va_list& args) {
@@ -287,7 +366,7 @@ JixStatus JixVarSet(JixEvent* event, const char* name, int type, const char* val
 JixStatus JixEventPost(JixConn* conn, const JixEvent* event) try {
   const std::lock_guard lock(conn->mutex);
   if (PeerHasClosed(conn->sock)) return JixERROR_CONNECTION_LOST;
-  return SendLine(*conn, EventLine(*event));
+  return Post(*conn, *event);
 } catch (const std::bad_alloc&) {
   return JixERROR_NO_MEMORY;
 }

@@ -51,7 +51,10 @@ JixStatus JixVarSet(JixEvent* event, const char* name, int type, const char* val
 
 /* Sends the event. On JixERROR_CONNECTION_LOST the connection can only be destroyed. Of a very long
  * event that the event manager begins to read and then does not, the rest goes out with the next.
- */
+ * Of equal events whose names begin with "qor.zevd.daemon.error", the first goes out at once and
+ * then at most one in a second, with the number of those that it stands for; what is left over goes
+ * out with the first post of any event after the second. Of 16 such events at a time that is kept;
+ * further ones all go out. */
 JixStatus JixEventPost(JixConn* conn, const JixEvent* event);
 void JixEventDestroy(JixEvent* event);
 

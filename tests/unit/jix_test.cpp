@@ -13,6 +13,7 @@
 #include <ctime>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -28,8 +29,11 @@ using test::Descriptor;
 using test::EventCollector;
 using test::FailCall;
 using test::ReceiveLine;
+using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 constexpr char kPath[] = "root/run/jix.sock";
@@ -327,6 +331,243 @@ TEST_F(JixTest, CodesAreThoseOfThePlatform) {
   EXPECT_EQ(JixITEM_NAME, 1);
   EXPECT_EQ(JixITEM_PRIORITY, 5);
   EXPECT_EQ(JixTYPE_STRING, 12);
+}
+
+// ---- Daemon errors that repeat
+// -----------------------------------------------------------------------------
+
+constexpr int64_t kSecond = 1'000'000;  // microseconds
+constexpr char kError[] = "qor.zevd.daemon.error.Internal error";
+
+/// Time passes only where a test lets it.
+class RepeatedErrorTest : public JixTest {
+ protected:
+  static Event MakeError(const char* name = kError, int priority = 700,
+                         const char* message = "Internal error") {
+    Event event = MakeEvent(name, priority);
+    SetVariable(event, "message", message);
+    return event;
+  }
+
+  void PostTimes(int count, const Event& event) {
+    for (int i = 0; i < count; ++i) ASSERT_EQ(Post(event), JixERROR_NONE);
+  }
+
+  /// Posts until the manager's buffer is full.
+  void FillUp() {
+    while (Post(other_) == JixERROR_NONE) {
+    }
+  }
+
+  /// What the manager has got since it was last asked: "NAME", or "NAME xN" where the line stands
+  /// for several. Lines must be whole.
+  std::vector<std::string> Got() {
+    std::vector<std::string> got;
+    std::istringstream lines(test::ReceiveAvailable(manager_.get()));
+    for (std::string line; std::getline(lines, line);) got.push_back(Summary(line));
+    return got;
+  }
+
+  static std::string Summary(const std::string& line) {
+    const auto between = [&](const std::string& begin, char end) {
+      const size_t start = line.find(begin);
+      return start == std::string::npos
+                 ? ""
+                 : line.substr(start + begin.size(),
+                               line.find(end, start + begin.size()) - start - begin.size());
+    };
+    const std::string repeats = between("\"repeats\": ", '}');
+    return between("\"name\": \"", '"') + (repeats.empty() ? "" : " x" + repeats);
+  }
+
+  test::FakePassageOfTime time_{1};
+  const Event error_ = MakeError();
+  const Event other_ = MakeEvent("qor.zevd.console.lab1", 300);
+  const std::string name_ = kError;
+  const std::string other_name_ = "qor.zevd.console.lab1";
+};
+
+TEST_F(RepeatedErrorTest, FirstGoesOutAtOnceAndIsNoDifferent) {
+  char host[256] = "";
+  gethostname(host, sizeof host);
+  EXPECT_THAT(Line(error_), EndsWith("\", \"host\": \"" + std::string(host) + "\", \"name\": \"" +
+                                     name_ + "\", \"priority\": 700, " +
+                                     "\"vars\": {\"message\": \"Internal error\"}}\n"));
+}
+
+TEST_F(RepeatedErrorTest, NumberStandsAtTheEnd) {
+  PostTimes(4, error_);
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  ReceiveLine(manager_.get());
+  EXPECT_THAT(ReceiveLine(manager_.get()),
+              EndsWith("\", \"name\": \"" + name_ + "\", \"priority\": 700, " +
+                       "\"vars\": {\"message\": \"Internal error\"}, \"repeats\": 3}\n"));
+}
+
+TEST_F(RepeatedErrorTest, EqualOnesWithinASecondAreLeftOut) {
+  PostTimes(315, error_);
+  EXPECT_THAT(Got(), ElementsAre(name_));
+}
+
+TEST_F(RepeatedErrorTest, NextOneAfterTheSecondStandsForThemToo) {
+  PostTimes(315, error_);
+  time_.Pass(kSecond);
+  PostTimes(1, error_);
+  EXPECT_THAT(Got(), ElementsAre(name_, name_ + " x315"));
+  PostTimes(2, error_);
+  EXPECT_THAT(Got(), IsEmpty()) << "its own second has begun";
+}
+
+TEST_F(RepeatedErrorTest, RestGoesOutBeforeTheFirstPostOfAnyEventAfterTheSecond) {
+  PostTimes(3, error_);
+  PostTimes(1, other_);
+  EXPECT_THAT(Got(), ElementsAre(name_, other_name_)) << "the second is not over";
+  time_.Pass(kSecond);
+  PostTimes(2, other_);
+  EXPECT_THAT(Got(), ElementsAre(name_ + " x2", other_name_, other_name_));
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  EXPECT_THAT(Got(), ElementsAre(other_name_)) << "nothing is left";
+}
+
+TEST_F(RepeatedErrorTest, RestOfOneIsMarkedAsSuch) {
+  PostTimes(2, error_);
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  EXPECT_THAT(Got(), ElementsAre(name_, name_ + " x1", other_name_));
+}
+
+TEST_F(RepeatedErrorTest, RestBeginsASecondOfItsOwn) {
+  PostTimes(2, error_);
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  PostTimes(2, error_);
+  EXPECT_THAT(Got(), ElementsAre(name_, name_ + " x1", other_name_));
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  EXPECT_THAT(Got(), ElementsAre(name_ + " x2", other_name_));
+}
+
+TEST_F(RepeatedErrorTest, OneThatComesSeldomIsSingle) {
+  for (int i = 0; i < 3; ++i) {
+    PostTimes(1, error_);
+    time_.Pass(kSecond);
+  }
+  EXPECT_THAT(Got(), ElementsAre(name_, name_, name_));
+}
+
+TEST_F(RepeatedErrorTest, DifferentOnesAreCountedApart) {
+  const Event graver = MakeError(kError, 900);
+  const Event worded = MakeError(kError, 700, "Internal Error");
+  const Event named = MakeError("qor.zevd.daemon.error", 700);
+  for (int i = 0; i < 3; ++i) {
+    for (const Event* event : {&error_, &graver, &worded, &named}) PostTimes(1, *event);
+  }
+  EXPECT_THAT(Got(), ElementsAre(name_, name_, name_, "qor.zevd.daemon.error"));
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  EXPECT_THAT(Got(), ElementsAre(name_ + " x2", name_ + " x2", name_ + " x2",
+                                 "qor.zevd.daemon.error x2", other_name_));
+}
+
+TEST_F(RepeatedErrorTest, EventsOfOtherNamesAllGoOut) {
+  for (const char* name :
+       {"qor.zevd.console.lab1", "qor.zevd.daemon", "xqor.zevd.daemon.error", ""}) {
+    const Event event = MakeEvent(name, 700);
+    PostTimes(3, event);
+    EXPECT_THAT(Got(), ElementsAre(name, name, name));
+  }
+}
+
+TEST_F(RepeatedErrorTest, FloodIsALineASecondAndNoneIsForgotten) {
+  constexpr int kPerSecond = 315;
+  constexpr int kSeconds = 20;
+  for (int i = 0; i < kPerSecond * kSeconds; ++i) {
+    PostTimes(1, error_);
+    time_.Pass(kSecond / kPerSecond);
+  }
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  const std::vector<std::string> got = Got();
+  EXPECT_LE(got.size(), kSeconds + 2U);
+  int counted = 0;
+  for (const std::string& line : got) {
+    const size_t repeats = line.find(" x");
+    if (line != other_name_)
+      counted += repeats == std::string::npos ? 1 : stoi(line.substr(repeats + 2));
+  }
+  EXPECT_EQ(counted, kPerSecond * kSeconds);
+}
+
+TEST_F(RepeatedErrorTest, LineHasTheTimeOfTheLatestThatItStandsFor) {
+  const TimeZone zone("UTC0");
+  test::FakeClock clock(1'000'000'000);
+  PostTimes(2, error_);
+  clock.Advance(1);
+  PostTimes(1, error_);
+  clock.Advance(3600);
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  ReceiveLine(manager_.get());
+  EXPECT_THAT(ReceiveLine(manager_.get()), StartsWith("{\"time\": \"2001-09-09T01:46:41+00:00\""));
+  EXPECT_THAT(ReceiveLine(manager_.get()), StartsWith("{\"time\": \"2001-09-09T02:46:41+00:00\""));
+}
+
+TEST_F(RepeatedErrorTest, SoManyAreKeptApartAndOthersAllGoOut) {
+  constexpr int kMost = 16;
+  for (int i = 0; i < kMost; ++i) {
+    PostTimes(2, MakeError((name_ + std::to_string(i)).c_str()));
+  }
+  EXPECT_THAT(Got(), SizeIs(kMost));
+  PostTimes(2, error_);
+  EXPECT_THAT(Got(), ElementsAre(name_, name_));
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  EXPECT_THAT(Got(), SizeIs(kMost + 1)) << "what was left out of each";
+  time_.Pass(kSecond);
+  PostTimes(2, error_);
+  EXPECT_THAT(Got(), ElementsAre(name_)) << "places are free again";
+}
+
+TEST_F(RepeatedErrorTest, RestWaitsForRoom) {
+  PostTimes(3, error_);
+  EXPECT_THAT(Got(), ElementsAre(name_));
+  const FailCall no_waiting(Call::kPoll, FailCall::kPretend);
+  FillUp();
+  time_.Pass(kSecond);
+  EXPECT_EQ(Post(other_), JixERROR_BUSY);
+  test::ReceiveAvailable(manager_.get());
+  EXPECT_EQ(Post(other_), JixERROR_NONE);
+  EXPECT_THAT(Got(), ElementsAre(name_ + " x2", other_name_));
+}
+
+TEST_F(RepeatedErrorTest, OneThatFoundNoRoomDoesNotCount) {
+  const FailCall no_waiting(Call::kPoll, FailCall::kPretend);
+  FillUp();
+  EXPECT_EQ(Post(error_), JixERROR_BUSY);
+  test::ReceiveAvailable(manager_.get());
+  PostTimes(1, error_);
+  EXPECT_THAT(Got(), ElementsAre(name_));
+}
+
+TEST_F(RepeatedErrorTest, AnotherConnectionBeginsAnew) {
+  PostTimes(2, error_);
+  Connect();
+  PostTimes(2, error_);
+  EXPECT_THAT(Got(), ElementsAre(name_));
+}
+
+TEST_F(RepeatedErrorTest, WithoutMemoryNothingIsCountedTwice) {
+  PostTimes(1, error_);
+  {
+    const test::FailAllocation failure(1, test::FailAllocation::kForEver);
+    EXPECT_EQ(Post(error_), JixERROR_NO_MEMORY);
+  }
+  PostTimes(1, error_);
+  time_.Pass(kSecond);
+  PostTimes(1, other_);
+  EXPECT_THAT(Got(), ElementsAre(name_, name_ + " x1", other_name_));
 }
 
 // ---- Managers that fail

@@ -673,6 +673,10 @@ FakePassageOfTime::~FakePassageOfTime() {
   passage_step = 0;
 }
 
+void FakePassageOfTime::Pass(int64_t microseconds) {
+  passage_time += microseconds;
+}
+
 FakeClock::FakeClock(time_t now) {
   fake_clock = new Clock{now, 0, nullptr, {}};
 }

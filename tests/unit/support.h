@@ -411,6 +411,9 @@ class FakePassageOfTime {
   ~FakePassageOfTime();
   FakePassageOfTime(const FakePassageOfTime&) = delete;
   FakePassageOfTime& operator=(const FakePassageOfTime&) = delete;
+
+  /// So many microseconds pass now, whoever looks.
+  void Pass(int64_t microseconds);
 };
 
 /// time() and gettimeofday() as the test wants them.

@@ -72,6 +72,19 @@ TEST(EventLineTest, ShowsWhatIsMissing) {
   EXPECT_EQ(Text(R"({"name": "n", "vars": {"other": "x"}})"), "- - n");
 }
 
+TEST(EventLineTest, ShowsHowManyItStandsFor) {
+  EXPECT_EQ(Text(R"({"time": "t", "priority": 700, "name": "qor.zevd.daemon.error.Internal error",)"
+                 R"( "vars": {"message": "Internal error"}, "repeats": 314})"),
+            "t 700 qor.zevd.daemon.error.Internal error: Internal error (314 times)");
+  EXPECT_EQ(Text(R"({"name": "n", "repeats": 1})"), "- - n (1 times)");
+  for (const char* no_number : {"null", "-1", "\"7\"", "1.5", "[]"}) {
+    EXPECT_EQ(Text(R"({"name": "n", "repeats": )" + std::string(no_number) + "}"), "- - n")
+        << no_number;
+  }
+  EXPECT_EQ(Json(R"({"name": "n", "vars": {}, "repeats": 314})"),
+            R"({"name":"n","vars":{},"repeats":314})");
+}
+
 TEST(EventLineTest, IsMadeValidUtf8) {
   EXPECT_EQ(Json("{\"name\": \"\xff\xc3(\"}"), "{\"name\":\"\xEF\xBF\xBD\xEF\xBF\xBD(\"}");
   EXPECT_EQ(Text("{\"name\": \"\xff\"}"), "- - \xEF\xBF\xBD");
