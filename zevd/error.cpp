@@ -2,12 +2,14 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "bounded_output.h"
 #include "event.h"
 #include "fixed_text.h"
 #include "timestamp.h"
@@ -31,7 +33,10 @@ int first_time = 1;  // the first call is the main thread's, before any other th
 // Guarded by debug_lock.
 char msg[kMessageSize];
 char last_msg[kMessageSize] = "XXXX";
+bool last_msg_dropped = false;  // nobody saw it: to say that it was repeated would mislead
 int msg_count = 0;
+char line[BoundedOutput::kLongestText];
+BoundedOutput output(STDOUT_FILENO);
 
 const char* CallingThreadName() {
   for (const ThreadName& slot : thread_name_list.slot) {
@@ -43,10 +48,15 @@ const char* CallingThreadName() {
   return "unknown";
 }
 
-// The debug lock itself failed, so the usual way to say so is closed.
+// For when the debug lock itself failed, so that the usual way to say so is closed.
+void ReportOnStandardError(const char* call, const char* function, int error) {
+  char text[256];
+  snprintf(text, sizeof text, "%s: %s failed : %s\n", function, call, strerror(error));
+  BoundedOutput(STDERR_FILENO).Write("", text, 1);
+}
+
 [[noreturn]] void DieWithoutTrace(const char* call, const char* function, int error) {
-  fprintf(stderr, "%s: %s failed : %s\n", function, call, strerror(error));
-  fflush(stderr);
+  ReportOnStandardError(call, function, error);
   exit(1);
 }
 
@@ -60,16 +70,31 @@ void UnlockDebugOutput() {
   if (error != 0) DieWithoutTrace("pthread_rwlock_unlock", "zev_debug", error);
 }
 
+// Appends to `line`, which has room for the longest message and its heads.
+void AppendToLine(size_t* size, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void AppendToLine(size_t* size, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int count = vsnprintf(line + *size, sizeof line - *size, format, args);
+  va_end(args);
+  *size = std::min(*size + static_cast<size_t>(std::max(count, 0)), sizeof line - 1);
+}
+
 // Writes `msg` unless it repeats the last one; debug_lock is held.
 void WriteMessage() {
-  if (strcmp(msg, last_msg) == 0) {
+  if (!last_msg_dropped && strcmp(msg, last_msg) == 0) {
     ++msg_count;
     return;
   }
   char stamp[80];
   GetTimeStamp(stamp, sizeof stamp);
-  if (msg_count > 0) printf("ZEV %s: Last message repeated %d times\n", stamp, msg_count);
-  printf("ZEV %s:<%s>: %s", stamp, CallingThreadName(), msg);
+  size_t size = 0;
+  if (msg_count > 0) {
+    AppendToLine(&size, "ZEV %s: Last message repeated %d times\n", stamp, msg_count);
+  }
+  AppendToLine(&size, "ZEV %s:<%s>: %s", stamp, CallingThreadName(), msg);
+  const auto messages = static_cast<unsigned long>(msg_count) + 1;
+  last_msg_dropped = !output.Write(stamp, {line, size}, messages);
   memcpy(last_msg, msg, sizeof msg);
   msg_count = 0;
 }
@@ -79,7 +104,7 @@ void WriteMessage() {
 void InitializeDebugThreadLock() {
   const int error = pthread_rwlock_init(&debug_lock, nullptr);
   if (error != 0) {
-    fprintf(stderr, "%s: pthread_rw_lockinit() failed : %s\n", __func__, strerror(error));
+    ReportOnStandardError("pthread_rw_lockinit()", __func__, error);
     debug_level = kError - 1;  // posting must not come back here
     PostDaemonError("Terminated: Cannot initialize debug thread lock", kErrorPriority);
     exit(1);
@@ -101,7 +126,6 @@ void zev_debug(int level, const char* format, ...) {
     vsnprintf(msg, sizeof msg, format, args);
     va_end(args);
     WriteMessage();
-    fflush(stdout);
     UnlockDebugOutput();
   }
   errno = saved_errno;

@@ -17,9 +17,10 @@ enum DebugLevel : int {
   kTrace = 3,   ///< function entries and every lock operation
 };
 
-/// Writes "ZEV <time>:<<thread>>: <message>" to standard output and flushes it. A message equal to
-/// the one before it is only counted; the count is written when a different one arrives. Messages
-/// are cut at 8191 bytes and carry their own newline.
+/// Writes "ZEV <time>:<<thread>>: <message>" to standard output. A message equal to the one before
+/// it is only counted; the count is written when a different one arrives. Messages are cut at 8191
+/// bytes and carry their own newline. Output that nobody takes is dropped after 100 ms, and how
+/// much it was is said as soon as somebody takes some again (bounded_output.h). Leaves errno alone.
 void zev_debug(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// First line of a function: its entry line at level 3.

@@ -33,6 +33,14 @@ void OccupyStandardDescriptors() {
   if (fd > STDERR_FILENO) close(fd);
 }
 
+// Before the first message: a reader of the output who goes away ends nothing.
+void OutliveReaders() {
+  sigset_t broken_pipe;
+  sigemptyset(&broken_pipe);
+  sigaddset(&broken_pipe, SIGPIPE);
+  sigprocmask(SIG_BLOCK, &broken_pipe, nullptr);
+}
+
 [[noreturn]] void RefuseSecondInstance() {
   char hostname[kNameSize];
   if (GetHostFromLockFile(hostname, sizeof hostname) == 0) {
@@ -82,6 +90,7 @@ void CreateWorkerThreads() {
 
 int main(int argc, char** argv) {
   OccupyStandardDescriptors();
+  OutliveReaders();
   ClearThreadNames();
   RegisterThread("main");
   ENTERING();

@@ -248,12 +248,14 @@ void ShowUsage(const char* program) {
   ENTERING();
   printf(kUsage, program, static_cast<int>(log_archive_time / kSecondsPerDay), config_file,
          debug_level, log_dir, user_port, suppress_cr, cons_buf_size, security_enabled);
+  fflush(stdout);  // the exit trace comes behind it
   EXIT_PROCESS(0);
 }
 
 void ShowVersion() {
   ENTERING();
   printf("QOR version %s build date %s\n", QOR_VERSION, __DATE__ " " __TIME__);
+  fflush(stdout);  // the exit trace comes behind it
   EXIT_PROCESS(0);
 }
 

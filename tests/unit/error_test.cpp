@@ -8,6 +8,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <system_error>
 #include <thread>
 
@@ -238,6 +240,153 @@ TEST_F(FirstMessageTest, InitialTextIsWrittenOnceAnotherCameBefore) {
         _exit(0);
       },
       ExitedWithCode(0), test::DebugTextsAre(ElementsAre("XXXX\n", "XXXX")));
+}
+
+// ---- Output that nobody takes -------------------------------------------------------------------
+
+/// Standard output is a pipe that nobody reads, once it is full.
+class StuckOutputTest : public DebugOutputTest {
+ protected:
+  StuckOutputTest() {
+    const test::DebugCapture last_message_is_another;
+    zev_debug(kError, "before\n");
+  }
+
+  ~StuckOutputTest() override {
+    Drain();
+    if (saved_ != -1) dup2(saved_, STDOUT_FILENO);
+    close(saved_);
+    close(reader_);
+  }
+
+  /// From now on output goes to the pipe.
+  void Divert() {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    reader_ = ends[0];
+    const Descriptor writer(ends[1]);
+    fcntl(writer.get(), F_SETPIPE_SZ, kRoom);
+    fcntl(reader_, F_SETFL, O_NONBLOCK);
+    fflush(stdout);
+    saved_ = dup(STDOUT_FILENO);
+    dup2(writer.get(), STDOUT_FILENO);
+  }
+
+  static void Fill() {
+    const std::string filling(kRoom, 'x');
+    ASSERT_EQ(write(STDOUT_FILENO, filling.data(), filling.size()), kRoom);
+  }
+
+  std::string Drain() const {
+    std::string all;
+    std::array<char, kRoom> piece{};
+    for (;;) {
+      const ssize_t count = read(reader_, piece.data(), piece.size());
+      if (count <= 0) return all;
+      all.append(piece.data(), static_cast<size_t>(count));
+    }
+  }
+
+  std::vector<std::string> Messages() const { return test::DebugMessages(Drain()); }
+
+  static constexpr int kRoom = 16 * 4096;
+  test::OptionsGuard level_;
+  int saved_ = -1;
+  int reader_ = -1;
+};
+
+TEST_F(StuckOutputTest, LossIsToldWithTimeAndCount) {
+  Divert();
+  Fill();
+  for (const char* text : {"a\n", "b\n", "c\n"}) zev_debug(kError, "%s", text);
+  Drain();
+  const test::FakeClock clock;
+  char stamp[80];
+  GetTimeStamp(stamp, sizeof stamp);
+  zev_debug(kError, "seen\n");
+  const std::string time = std::string("ZEV ") + stamp;
+  EXPECT_EQ(Drain(), time + ": 3 messages were lost\n" + time + ":<unknown>: seen\n");
+}
+
+TEST_F(StuckOutputTest, RepetitionsOfALostMessageAreLostToo) {
+  Divert();
+  Fill();
+  for (int i = 0; i < 5; ++i) zev_debug(kError, "again\n");
+  Drain();
+  zev_debug(kError, "again\n");
+  zev_debug(kError, "again\n");
+  zev_debug(kError, "end\n");
+  EXPECT_THAT(Messages(), ElementsAre("5 messages were lost\n", "again\n",
+                                      "Last message repeated 1 times\n", "end\n"));
+}
+
+TEST_F(StuckOutputTest, RepetitionsThatCouldNotBeToldAreLostToo) {
+  Divert();
+  for (int i = 0; i < 4; ++i) zev_debug(kError, "again\n");
+  EXPECT_THAT(Messages(), ElementsAre("again\n"));
+  Fill();
+  zev_debug(kError, "lost\n");
+  Drain();
+  zev_debug(kError, "end\n");
+  EXPECT_THAT(Messages(), ElementsAre("4 messages were lost\n", "end\n"));
+}
+
+TEST_F(StuckOutputTest, RepetitionsOfASeenMessageGoOnCounting) {
+  Divert();
+  zev_debug(kError, "again\n");
+  Drain();
+  Fill();
+  for (int i = 0; i < 3; ++i) zev_debug(kError, "again\n");
+  Drain();
+  zev_debug(kError, "end\n");
+  EXPECT_THAT(Messages(), ElementsAre("Last message repeated 3 times\n", "end\n"));
+}
+
+// The pipe has room for sixteen pieces: the short message and half of the last one make it odd.
+TEST_F(StuckOutputTest, MessageThatWasBegunIsWhole) {
+  Divert();
+  const std::string text(5000, 'y');
+  std::vector<std::string> written = {"short\n"};
+  for (int i = 0; i < 8; ++i) written.push_back(std::to_string(i) + " " + text + "\n");
+  for (const std::string& message : written) zev_debug(kError, "%s", message.c_str());
+  std::string output = Drain();
+  EXPECT_NE(output.back(), '\n');
+  zev_debug(kError, "end\n");
+  output += Drain();
+  written.emplace_back("end\n");
+  EXPECT_EQ(test::DebugMessages(output), written);
+}
+
+TEST_F(StuckOutputTest, ThreadsThatWriteTogetherAreCountedTogether) {
+  constexpr int kThreads = 4;
+  constexpr int kLines = 500;
+  Divert();
+  Fill();
+  std::vector<std::thread> threads;
+  threads.reserve(kThreads);
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([i] {
+      for (int n = 0; n < kLines; ++n) zev_debug(kError, "t%d %d\n", i, n);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  Drain();
+  zev_debug(kError, "end\n");
+  EXPECT_THAT(Messages(), ElementsAre("2000 messages were lost\n", "end\n"));
+}
+
+// The daemon ends although nobody takes its last words, and it ends soon.
+TEST_F(StuckOutputTest, EndOfTheProcessDoesNotWait) {
+  EXPECT_EXIT(
+      {
+        Divert();
+        Fill();
+        debug_level = kInfo;
+        zev_debug(kError, "lost\n");
+        alarm(5);
+        TermHandler(SIGTERM);
+      },
+      ExitedWithCode(1), "");
 }
 
 // ---- Long messages ------------------------------------------------------------------------------

@@ -181,7 +181,16 @@ FAILING(ssize_t, send, (int fd, const void *data, size_t size, int flags), (fd, 
         -1)
 FAILING(int, select, (int count, fd_set *in, fd_set *out, fd_set *error, struct timeval *limit),
         (count, in, out, error, limit), -1)
-FAILING(int, poll, (struct pollfd *fds, nfds_t count, int limit), (fds, count, limit), -1)
+/* The debug output is waited for and written with every line; nothing is to be learned from that. */
+int poll(struct pollfd *fds, nfds_t count, int limit) {
+  const int output = count == 1 && fds[0].fd == STDOUT_FILENO;
+  return !output && fails("poll") ? -1 : NEXT(poll)(fds, count, limit);
+}
+
+ssize_t write(int fd, const void *data, size_t size) {
+  return fd != STDOUT_FILENO && fails("write") ? -1 : NEXT(write)(fd, data, size);
+}
+
 FAILING(int, ppoll,
         (struct pollfd *fds, nfds_t count, const struct timespec *limit, const sigset_t *mask),
         (fds, count, limit, mask), -1)
@@ -212,7 +221,6 @@ FORTIFIED(int, __ppoll_chk, ppoll,
            size_t room),
           (fds, count, limit, mask, room), -1)
 
-FAILING(ssize_t, write, (int fd, const void *data, size_t size), (fd, data, size), -1)
 FAILING(ssize_t, writev, (int fd, const struct iovec *parts, int count), (fd, parts, count), -1)
 FAILING(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence), -1)
 FAILING(int, dup2, (int from, int to), (from, to), -1)
@@ -323,7 +331,6 @@ char *__fgets_chk(char *line, size_t room, int size, FILE *file) {
   return NULL;
 }
 
-/* The debug output is flushed after every line; nothing is to be learned from that. */
 int fflush(FILE *file) {
   if (file == stdout || file == stderr || !fails("fflush")) return NEXT(fflush)(file);
   return EOF;

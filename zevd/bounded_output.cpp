@@ -1,0 +1,98 @@
+#include "bounded_output.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+namespace {
+
+constexpr int64_t kPatience = 100;  // milliseconds, for a message in all
+constexpr int64_t kNotStarted = -1;
+
+// Of a terminal that can be written to no more is certain than that it takes a short run of
+// printing characters, or one that it may have to replace by others, such as a line end.
+constexpr size_t kTerminalRun = 128;
+
+bool IsControl(char byte) {
+  return static_cast<unsigned char>(byte) < ' ';
+}
+
+size_t TerminalPiece(std::string_view rest) {
+  const char* end = std::find_if(rest.begin(), rest.end(), IsControl);
+  const size_t run = std::min<size_t>(static_cast<size_t>(end - rest.begin()), kTerminalRun);
+  return std::max<size_t>(run, 1);
+}
+
+int64_t MonotonicMilliseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+}  // namespace
+
+bool BoundedOutput::Write(const char* stamp, std::string_view text, unsigned long messages) {
+  text = text.substr(0, kLongestText);
+  int64_t deadline = kNotStarted;
+  if (!WriteOut(&deadline)) {
+    lost_ += messages;
+    return false;
+  }
+  start_ = end_ = 0;
+  if (lost_ > 0) {
+    const int size = snprintf(unit_, sizeof unit_ - kLongestText,
+                              "ZEV %s: %lu messages were lost\n", stamp, lost_);
+    end_ = std::min(static_cast<size_t>(size), sizeof unit_ - kLongestText - 1);
+  }
+  memcpy(unit_ + end_, text.data(), text.size());
+  end_ += text.size();
+  if (!WriteOut(&deadline) && start_ == 0) {
+    end_ = 0;
+    lost_ += messages;
+    return false;
+  }
+  lost_ = 0;
+  return true;
+}
+
+// True when all of `unit_` is written.
+bool BoundedOutput::WriteOut(int64_t* deadline) {
+  while (start_ < end_) {
+    if (!AwaitRoom(deadline)) break;
+    const ssize_t count = write(fd_, unit_ + start_, PieceSize());
+    if (count == -1 && errno == EINTR) continue;
+    if (count <= 0) break;
+    start_ += static_cast<size_t>(count);
+    stuck_ = false;
+  }
+  if (start_ < end_) stuck_ = true;
+  return start_ == end_;
+}
+
+// A piece is what a descriptor that can be written to takes without a wait: of a pipe PIPE_BUF
+// bytes.
+size_t BoundedOutput::PieceSize() const {
+  const std::string_view rest(unit_ + start_, end_ - start_);
+  return isatty(fd_) == 1 ? TerminalPiece(rest) : std::min<size_t>(rest.size(), PIPE_BUF);
+}
+
+// True when a piece can be written without a wait, or the write will tell what is wrong. The clock
+// is looked at only when there is no room: `deadline` is set then.
+bool BoundedOutput::AwaitRoom(int64_t* deadline) {
+  pollfd writable = {fd_, POLLOUT, 0};
+  for (int64_t left = 0;;) {
+    const int ready = poll(&writable, 1, static_cast<int>(left));
+    if (ready > 0) return true;
+    if (stuck_ || (ready == -1 && errno != EINTR)) return false;
+    const int64_t now = MonotonicMilliseconds();
+    if (*deadline == kNotStarted) *deadline = now + kPatience;
+    left = *deadline - now;
+    if (left <= 0) return false;
+  }
+}

@@ -1,0 +1,42 @@
+// Output to a descriptor whose reader may stop: a terminal held with Ctrl-S, a pipe into a pager.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+/// Writes what its reader takes and drops the rest, so that no writer waits for a reader for long.
+///
+/// A message waits 100 ms in all. What nobody has taken by then is dropped, and so is, without a
+/// wait, everything that follows until the descriptor takes some again; the first line then tells
+/// how much was lost. A message of which a part was taken is finished before anything else, so that
+/// no line is torn. A descriptor that gives an error (a full disk, a closed pipe) counts as one
+/// that takes nothing.
+///
+/// The descriptor is never made non-blocking: the shell on the same terminal would get that, too.
+/// Nothing here takes a lock; the caller sees to it that one thread writes at a time, and that
+/// SIGPIPE is blocked.
+class BoundedOutput {
+ public:
+  constexpr explicit BoundedOutput(int fd) : fd_(fd) {}
+
+  /// Longest text; what is longer is cut.
+  static constexpr size_t kLongestText = 8192 + 512;
+
+  /// `text` tells of `messages` messages, which count as lost when it is dropped. `stamp` is the
+  /// present time, for the line that tells of a loss. True when the text is written, or the start
+  /// of it, with the rest to follow; false when it is dropped. Leaves errno undefined.
+  bool Write(const char* stamp, std::string_view text, unsigned long messages);
+
+ private:
+  bool AwaitRoom(int64_t* deadline);
+  bool WriteOut(int64_t* deadline);
+  size_t PieceSize() const;
+
+  int fd_;
+  bool stuck_ = false;      ///< it took nothing when it was last tried
+  unsigned long lost_ = 0;  ///< messages that nobody was told of yet
+  size_t start_ = 0;        ///< what is left of `unit_` is from here ...
+  size_t end_ = 0;          ///< ... to here
+  char unit_[kLongestText + 128] = {};
+};
