@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "cons_mon.h"
+#include "descriptor_budget.h"
 #include "error.h"
 #include "log.h"
 #include "user_conn.h"
@@ -470,6 +471,26 @@ int ExamineFirstData(ConsoleNode* cnode) {
   return GotErrorMessage(text) ? HandleRefusal(cnode, text) : kConnected;
 }
 
+AttemptBudget attempt_budget;
+
+bool IsDue(const ConsoleNode& cnode) {
+  return cnode.sock == -1 && time(nullptr) - cnode.lfca_time >= kRetryInterval;
+}
+
+// Every console that is being connected wants a log as soon as it is.
+DescriptorUse LookAtDescriptors() REQUIRES(icl_lock) {
+  DescriptorUse use = {CountDescriptors(), 0};
+  for (const ConsoleNode* cnode : Nodes(*i_cons_list)) {
+    if (cnode->sock != -1 && cnode->log_fd == -1) ++use.wanted;
+  }
+  return use;
+}
+
+// True when there is no descriptor beyond the one in reserve.
+bool OutOfDescriptors(int error) {
+  return error == EMFILE || error == ENFILE;
+}
+
 void MoveConnectedConsoles() {
   {
     const WriteLockPair lock(icl_lock, acl_lock, Release::kSecondFirst,
@@ -509,17 +530,24 @@ void* ConsoleConnectionsThreadStart(void* /*unused*/) {
 void ConnectToConsoles() {
   ENTERING();
   for (ConsoleNode* cnode : Nodes(*i_cons_list)) {
-    if (cnode->enable != 0) ConnectToConsole(cnode, 1);
+    if (cnode->enable == 0) continue;
+    if (IsDue(*cnode) && !attempt_budget.Admits(LookAtDescriptors)) continue;
+    ConnectToConsole(cnode, 1);
   }
 }
 
 void ConnectToConsole(ConsoleNode* cnode, int keep_alive) {
   ENTERING();
-  if (cnode->sock != -1 || time(nullptr) - cnode->lfca_time < kRetryInterval) return;
+  if (!IsDue(*cnode)) return;
   cnode->check_for_NET_E_msg = IsPellox(cnode->model, &model_list);
   cnode->sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
   if (cnode->sock == -1) {
-    zev_debug(kError, "ConnectToConsole: socket() failed: %s\n", strerror(errno));
+    const int error = errno;
+    if (OutOfDescriptors(error)) {
+      attempt_budget.Exhausted(error);
+      return;  // tried again in a later pass
+    }
+    zev_debug(kError, "ConnectToConsole: socket() failed: %s\n", strerror(error));
     EXIT_PROCESS(1);
   }
   if (keep_alive != 0) SetSocketFlag(cnode->sock, SOL_SOCKET, SO_KEEPALIVE);

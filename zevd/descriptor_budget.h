@@ -1,38 +1,97 @@
-// How many more strangers the daemon can take without running out of descriptors.
+// How many more callers, and connections to consoles, the daemon can take without running out of
+// descriptors.
 #pragma once
+
+#include <cstdint>
 
 /// One look at the descriptors of this process.
 struct DescriptorUse {
-  int open;    ///< -1 when the system does not tell
-  int wanted;  ///< what its consoles may still open
+  int open;    ///< -1 when the system did not tell
+  int wanted;  ///< what others are about to open
 };
 
-/// Sees the limit coming, so that strangers who connect cannot keep a console from being connected,
-/// a log from being opened, or accept() itself from working. The thread user_conn only.
+/// Open descriptors of this process; -1, with errno set, when the system does not tell.
+int CountDescriptors();
+
+/// Lets a message through at most once a minute: what lasts is said again, but does not fill the
+/// output. One thread only.
+class OnceAMinute {
+ public:
+  bool IsDue();
+
+ private:
+  int64_t due_ = 0;  ///< seconds of the monotonic clock
+};
+
+/// One descriptor that is kept open so that there is one more when all others are in use.
+class ReserveDescriptor {
+ public:
+  /// Opens it unless it is open. False when there is no descriptor for it.
+  bool Hold();
+
+  /// Closes it.
+  void Release();
+
+ private:
+  int fd_ = -1;
+};
+
+enum class Caller {
+  kStation,   ///< on the main port, from the station itself (127.0.0.1)
+  kStranger,  ///< any other
+};
+
+/// Sees the limit coming, so that callers cannot keep a log from being opened, a console from being
+/// connected or a password from being checked. The last places are kept for the station's own
+/// operators and tools. The thread user_conn only.
 class DescriptorBudget {
  public:
   /// True when one more connection leaves what the daemon needs for itself; the connection must
   /// have been accepted already. `look()` gives a DescriptorUse; it is asked only now and then.
+  /// A look that fails means that there is no room.
   template <typename Look>
-  bool Admits(Look look) {
+  bool Admits(Caller caller, Look look) {
     if (admitted_unseen_ > 0) {
       --admitted_unseen_;
       return true;
     }
-    const int room = Room(look());
-    // Others open descriptors too: half of the room is given away before the next look.
-    admitted_unseen_ = room / 2;
-    return room > 0;
+    return HasRoom(caller, look());
   }
 
   /// What was known of the room does not hold any more.
   void Forget() { admitted_unseen_ = 0; }
 
  private:
-  static int Room(const DescriptorUse& use);
+  bool HasRoom(Caller caller, const DescriptorUse& use);
 
   int admitted_unseen_ = 0;
+  OnceAMinute report_;
 };
 
-/// Open descriptors of this process; -1 when the system does not tell.
-int CountDescriptors();
+/// Has a console wait until there are descriptors for its connection and its log. The thread
+/// cons_conn only.
+class AttemptBudget {
+ public:
+  /// True when one more attempt may be begun. `wanted` in `look()` are the logs of the consoles for
+  /// which one is under way. After a refusal a second passes before the next look.
+  template <typename Look>
+  bool Admits(Look look) {
+    if (begun_unseen_ > 0) {
+      --begun_unseen_;
+      return true;
+    }
+    return IsTimeToLook() && HasRoom(look());
+  }
+
+  /// An attempt met the end of the descriptors (`error`) although it had been admitted.
+  void Exhausted(int error);
+
+ private:
+  bool IsTimeToLook() const;
+  bool HasRoom(const DescriptorUse& use);
+  void Pause();
+
+  int begun_unseen_ = 0;
+  int64_t next_look_ = 0;  ///< milliseconds of the monotonic clock
+  OnceAMinute report_;
+};

@@ -18,6 +18,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -549,17 +550,25 @@ void RefuseConnection(int sock) {
 }
 
 DescriptorBudget descriptor_budget;
+ReserveDescriptor reserve_descriptor;
 
-// A console that is to be connected wants a connection and a log. While the lock is held none can
-// open them, so that nothing is counted twice.
+// Logins that are under way may each start a password helper; those who wait for one have none.
 DescriptorUse LookAtDescriptors() {
-  const ReadLock lock(icl_lock, HERE);
-  DescriptorUse use = {CountDescriptors(), 0};
-  for (const ConsoleNode* cnode : Nodes(*i_cons_list)) {
-    if (cnode->enable == 0) continue;
-    use.wanted += (cnode->sock == -1 ? 1 : 0) + (cnode->log_fd == -1 ? 1 : 0);
+  constexpr int kMostHelpers = 16;  // eight of the daemon's dialogue, eight of the library's
+  constexpr int kDescriptorsOfHelper = 2;
+  DescriptorUse use = {0, 0};
+  if (security_enabled != 0) {
+    int logins = 0;
+    for (const MappedPortNode* mpnode : Nodes(*mapped_port_list)) logins += mpnode->pending_logins;
+    use.wanted = std::min(logins, kMostHelpers) * kDescriptorsOfHelper;
   }
+  use.open = CountDescriptors();
   return use;
+}
+
+Caller WhoCalls(const MappedPortNode* mpnode, const sockaddr_in& peer) {
+  const bool from_station = peer.sin_addr.s_addr == htonl(INADDR_LOOPBACK);
+  return from_station && mpnode->port == user_port ? Caller::kStation : Caller::kStranger;
 }
 
 // Waits until the new thread is counted, so that the next request on the port meets the true number
@@ -600,29 +609,113 @@ void ServeConnection(int sock, const MappedPortNode* mpnode, const sockaddr_in& 
   }
 }
 
+constexpr char kAccept[] = "AcceptConnectionRequests";
+
+/// An error of accept() that costs no more than a try. All others are our own.
+struct AcceptError {
+  int error;
+  int level;  // at which it is said
+};
+
+constexpr AcceptError kPassingErrors[] = {
+    // Of the caller who went again, or of the network between (accept(2)).
+    {EAGAIN, kDetail},
+    {EINTR, kDetail},
+    {ECONNABORTED, kInfo},
+    {ECONNRESET, kInfo},
+    {EPROTO, kInfo},
+    {EPERM, kInfo},
+    {ENOPROTOOPT, kInfo},
+    {EOPNOTSUPP, kInfo},
+    {ENETDOWN, kInfo},
+    {ENETUNREACH, kInfo},
+    {EHOSTDOWN, kInfo},
+    {EHOSTUNREACH, kInfo},
+    {ENONET, kInfo},
+    {ETIMEDOUT, kInfo},
+    // The system's own, which pass too: the caller waits meanwhile.
+    {ENOMEM, kError},
+    {ENOBUFS, kError},
+};
+
+bool OutOfDescriptors(int error) {
+  return error == EMFILE || error == ENFILE;
+}
+
+// The connection, or -1 with errno set. The listening sockets do not block: the caller whom the
+// wait told of may have gone.
+int Accept(const MappedPortNode* mpnode, sockaddr_in* peer) {
+  socklen_t length = sizeof *peer;
+  return accept4(mpnode->sock, reinterpret_cast<sockaddr*>(peer), &length, SOCK_CLOEXEC);
+}
+
+void AcceptFailed(int error) {
+  for (const AcceptError& row : kPassingErrors) {
+    if (row.error != error) continue;
+    zev_debug(row.level, "%s: accept() failed : %s\n", kAccept, strerror(error));
+    return;
+  }
+  zev_debug(kError, "%s: accept() failed : %s\n", kAccept, strerror(error));
+  TERMINATE(kTerminated);
+}
+
+void RefuseForWantOfRoom(int sock) {
+  SetUserError(kOutOfMemory);
+  RefuseConnection(sock);
+}
+
+// All descriptors are in use, as `error` says: the caller is taken with the one in reserve, and
+// refused. Where another thread was quicker to open one in its place, the caller waits for a later
+// pass.
+void RefuseWithReserve(const MappedPortNode* mpnode, int error) {
+  static OnceAMinute report;  // this thread's own
+  constexpr int kTries = 3;   // what the other thread opened may be closed again at once
+  for (int i = 0; i < kTries && OutOfDescriptors(error); ++i) {
+    if (!reserve_descriptor.Hold()) return;
+    reserve_descriptor.Release();
+    sockaddr_in peer{};
+    const int sock = Accept(mpnode, &peer);
+    error = errno;
+    if (sock != -1) {
+      PrepareRelaySocket(sock);
+      RefuseForWantOfRoom(sock);
+      reserve_descriptor.Hold();
+      if (report.IsDue()) zev_debug(kError, "%s: All descriptors are in use\n", kAccept);
+      return;
+    }
+    if (!reserve_descriptor.Hold()) return;
+  }
+  AcceptFailed(error);
+}
+
 void AcceptOn(const MappedPortNode* mpnode) {
-  constexpr char kFunction[] = "AcceptConnectionRequests";
   sockaddr_in peer{};
-  socklen_t length = sizeof peer;
-  const int sock = accept4(mpnode->sock, reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+  const int sock = Accept(mpnode, &peer);
   if (sock == -1) {
-    zev_debug(kError, "%s: accept() failed : %s\n", kFunction, strerror(errno));
-    TERMINATE(kTerminated);
+    if (OutOfDescriptors(errno)) return RefuseWithReserve(mpnode, errno);
+    return AcceptFailed(errno);
   }
   PrepareRelaySocket(sock);
   AskSilentPeer(sock);
   if (mpnode->port != user_port && mpnode->pending_logins == max_pending_logins) {
     SetUserError(kTooManyPending);
-    zev_debug(kInfo, "%s: Reached max_pending_logins (%d)\n", kFunction, max_pending_logins);
+    zev_debug(kInfo, "%s: Reached max_pending_logins (%d)\n", kAccept, max_pending_logins);
     RefuseConnection(sock);
     return;
   }
-  if (!descriptor_budget.Admits(LookAtDescriptors)) {
-    SetUserError(kOutOfMemory);
-    RefuseConnection(sock);
+  if (!descriptor_budget.Admits(WhoCalls(mpnode, peer), LookAtDescriptors)) {
+    RefuseForWantOfRoom(sock);
     return;
   }
   ServeConnection(sock, mpnode, peer);
+}
+
+// For whoever looks after the station: tools and operators have no way in.
+void ReportMainPortUnavailable() {
+  zev_debug(kError,
+            "%s: Nobody can connect through port %d. Another program may be listening there; the "
+            "port is tried again at each reload.\n",
+            "GetPortsToListenOn", user_port);
 }
 
 }  // namespace
@@ -632,6 +725,7 @@ void* UserConnectionsThreadStart(void* /*unused*/) {
   ENTERING();
   BlockSignal(SIGTERM);
   ShareWakeUps();
+  reserve_descriptor.Hold();
   SetupMappedPorts();
   WaitForConnectionRequests();
 }
@@ -655,6 +749,7 @@ int GetPortsToListenOn() {
   ENTERING();
   if (!ListensOn(user_port) && ConfigurePort(user_port) != 0) {
     zev_debug(kInfo, "%s: Cannot configure main port %d.\n", __func__, user_port);
+    ReportMainPortUnavailable();
   }
   const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, HERE);
   ConfigureMappedPorts(*i_cons_list);
@@ -695,7 +790,7 @@ void CleanUpStalePorts() {
 
 int ListenOnPort(uint16_t port) {
   ENTERING();
-  const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+  const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP);
   if (sock == -1) {
     zev_debug(kError, "%s: socket() failed : %s\n", __func__, strerror(errno));
     return -1;
@@ -728,6 +823,7 @@ void WaitForConnectionRequests() {
   for (;;) {
     ParkIfAsked(kPauseUserConn);
     usleep(kPassPause);
+    reserve_descriptor.Hold();  // if another thread was quicker before
     if (refresh_mapped_ports != 0) SetupMappedPorts();
     const int high_sock = mapped_port_list->high_sock;
     if (!fdset.CopyFrom(mapped_port_list->fdset)) {

@@ -136,6 +136,7 @@ PORT_LOST = help_needed(
     "ListenOnPort: listen() failed : {e}", "ListenOnPort: Could not bind to port *",
     "ConfigurePort: Cannot listen on port *.", "ConfigurePort: NewMappedPortNode() failed.",
     "GetPortsToListenOn: Cannot configure main port *.",
+    "GetPortsToListenOn: Nobody can connect through port *",
     "GetPortsToListenOn: Cannot configure port for *.",
     "AddMappedPortToList: NewMappedPortListElem() returned NULL",
 )
@@ -193,6 +194,10 @@ NO_WORKER = (no_thread("cons_conn", "CreateConsoleConnectionsThread")
              + no_thread("user_mon", "CreateUserMonitorThread")
              + no_thread("cmd_mon", "CreateCommandMonitorThread"))
 
+# The console is called a second later.
+NO_DESCRIPTOR = work("ConnectToConsole: socket() failed: {e}")
+NOT_COUNTED = work("ConnectToConsoles: Cannot count the descriptors in use : {e}")
+
 CONNECTION_LOST = help_needed("CheckConnectionStatus: select() failed : {e}",
                               "UpdateConnectionStatus: Connection to * (*) failed.")
 CONSOLE_READ_ERROR = lost("ProcessConsoleOutput: recv() returned -1 : {e}")
@@ -240,8 +245,8 @@ START: Table = {
     "mkdir": LOG_LOST,
     "unlink": SILENT,
     "symlink": LOG_LOST,
-    "opendir": EVENTS_LOST,
-    "readdir": SILENT + EVENTS_LOST,
+    "opendir": EVENTS_LOST + NOT_COUNTED,
+    "readdir": SILENT + EVENTS_LOST + NOT_COUNTED,
     "closedir": SILENT,
     "fopen": NO_INTERVAL + NO_CONFIG + NO_MODELS,
     "fdopen": EVENTS_LOST,
@@ -257,8 +262,7 @@ START: Table = {
     "eventfd": end("Initialize: eventfd() failed : {e}"),
     "pthread_create": NO_WORKER,
     "regcomp": EVENTS_LOST,
-    "socket": (SILENT + PORT_LOST + work("OpenAudit: socket() failed : {e}")
-               + end("ConnectToConsole: socket() failed: {e}")),
+    "socket": SILENT + PORT_LOST + work("OpenAudit: socket() failed : {e}") + NO_DESCRIPTOR,
     "bind": PORT_LOST,
     "listen": PORT_LOST,
     "connect": SILENT + work("ConnectToConsole: connect() failed : {e}"),
@@ -303,7 +307,7 @@ USER_REFUSED = work(
 ATTACH: Table = {
     **waits(Thread.MAIN, Thread.CONS_CONN, Thread.USER_CONN, Thread.USER_MON),
     ALLOCATION: SILENT + USER_REFUSED + WAITS_WITHOUT_MEMORY,
-    "accept4": end("AcceptConnectionRequests: accept() failed : {e}", TERMINATED),
+    "accept4": work("AcceptConnectionRequests: All descriptors are in use"),
     "pthread_create": USER_REFUSED,
     "setsockopt": SILENT,
     "ppoll": end("ReadLineWithTimeout: select() failed : {e}", TERMINATED),
@@ -347,7 +351,7 @@ RELOAD: Table = {
     "stat": UNSEEN,
     "lstat": SILENT,
     "rename": help_needed("UpdateConsole : rename() failed : {e}"),
-    "socket": PORT_LOST + end("ConnectToConsole: socket() failed: {e}"),
+    "socket": PORT_LOST + NO_DESCRIPTOR,
     "bind": PORT_LOST,
     "listen": PORT_LOST,
     "connect": work("ConnectToConsole: connect() failed : {e}"),

@@ -95,7 +95,9 @@ def test_without_its_main_port_it_serves_the_mapped_ports_and_tries_again(statio
     found = station.wait_log("ListenOnPort: bind() failed : Address already in use")
     for expected in (f"ListenOnPort: Could not bind to port {main_port}",
                      f"ConfigurePort: Cannot listen on port {main_port}.",
-                     f"GetPortsToListenOn: Cannot configure main port {main_port}."):
+                     f"GetPortsToListenOn: Cannot configure main port {main_port}.",
+                     f"GetPortsToListenOn: Nobody can connect through port {main_port}. Another "
+                     "program may be listening there; the port is tried again at each reload."):
         found = station.wait_log(expected, after=found.end)
     wait_listening(port)
     station.mapped(port).expect(greeting("box"))
@@ -112,6 +114,14 @@ def test_without_its_main_port_it_serves_the_mapped_ports_and_tries_again(statio
     user = station.attach("box")
     box.send(b"here")
     user.expect(b"here")
+
+
+def test_an_operator_is_told_that_the_main_port_is_taken(station, occupied):
+    main_port = free_port()
+    occupied(main_port)
+    station.start("-d", "0", "-p", str(main_port), wait=False)
+    station.wait_log(f"GetPortsToListenOn: Nobody can connect through port {main_port}. Another "
+                     "program may be listening there; the port is tried again at each reload.")
 
 
 def test_a_mapped_port_that_is_busy_is_skipped_and_tried_again(station, occupied):

@@ -892,12 +892,31 @@ TEST_F(ConnectionTest, NoSocketEndsTheProcess) {
   EXPECT_EXIT(
       {
         test::SendDebugToStderr(kInfo);
-        const test::FailCall failure(test::Call::kSocket, EMFILE);
+        const test::FailCall failure(test::Call::kSocket, ENOBUFS);
         ConnectToConsole(cnode_, 1);
       },
       ExitedWithCode(1),
-      test::DebugTextsAre(ElementsAre("ConnectToConsole: socket() failed: Too many open files\n",
+      test::DebugTextsAre(ElementsAre("ConnectToConsole: socket() failed: No buffer space "
+                                      "available\n",
                                       test::IsExitTrace(1, "cons_conn.cpp"))));
+}
+
+TEST_F(ConnectionTest, WithoutADescriptorItIsTriedInALaterPass) {
+  for (const int error : {EMFILE, ENFILE}) {
+    SCOPED_TRACE(error);
+    const test::FakePassageOfTime seconds(2'000'000);  // with every look at the clock
+    {
+      const test::FailCall failure(test::Call::kSocket, error);
+      ConnectToConsoles();
+      EXPECT_EQ(failure.calls(), 1);
+    }
+    EXPECT_EQ(cnode_->sock, -1);
+    EXPECT_EQ(cnode_->status, kNotConnected);
+    EXPECT_EQ(cnode_->lfca_time, 0);
+    ConnectToConsoles();
+    EXPECT_NE(cnode_->sock, -1);
+    close(cnode_->sock.exchange(-1));
+  }
 }
 
 TEST_F(ConnectionTest, EveryEnabledConsoleIsConnected) {

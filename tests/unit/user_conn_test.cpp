@@ -656,6 +656,10 @@ TEST_F(PortTest, MainPortThatCannotBeOpenedIsTriedAgain) {
     EXPECT_EQ(GetPortsToListenOn(), 0);
     EXPECT_TRUE(
         debug.Has("GetPortsToListenOn: Cannot configure main port " + Number(user_port) + ".\n"));
+    EXPECT_TRUE(debug.Has("GetPortsToListenOn: Nobody can connect through port " +
+                          Number(user_port) +
+                          ". Another program may be listening there; the port is tried again at "
+                          "each reload.\n"));
     EXPECT_THAT(ListedPorts(), ElementsAre(mapped.port()));
   }
   taken.reset();
@@ -812,6 +816,28 @@ TEST_F(PortDeathTest, FailingAcceptEndsTheProcess) {
                                 IsExitTrace(1, "user_conn.cpp"))));
 }
 
+// With an error that is our own, or with EMFILE although there is a descriptor, it cannot go on.
+TEST_F(PortDeathTest, AcceptThatCannotSucceedEndsTheProcess) {
+  ASSERT_EQ(ConfigurePort(user_port), 0);
+  for (const int error : {EBADF, EINVAL, ENOTSOCK}) {
+    SCOPED_TRACE(error);
+    EXPECT_EXIT(
+        {
+          test::SendDebugToStderr(kError);
+          const FailCall failure(test::Call::kAccept, error);
+          AcceptConnectionRequests(&mapped_port_list->fdset);
+        },
+        ExitedWithCode(1), testing::HasSubstr("AcceptConnectionRequests: accept() failed : "));
+  }
+}
+
+TEST_F(PortTest, CallerWhoHasGoneKeepsNobodyWaiting) {
+  ASSERT_EQ(ConfigurePort(user_port), 0);
+  const DebugCapture debug;
+  AcceptConnectionRequests(&mapped_port_list->fdset);  // nobody has called
+  EXPECT_THAT(debug.Messages(), IsEmpty());
+}
+
 // ---- Accepting and serving
 // ------------------------------------------------------------------------
 
@@ -912,6 +938,61 @@ TEST_F(ServiceTest, ArgumentLineAttachesTheUser) {
     const bool by_listener = line.text.rfind("AcceptConnectionRequests", 0) == 0;
     EXPECT_EQ(line.thread == "serv_conn", !by_listener) << line.text;
   }
+}
+
+/// Errors that accept() passes on and that cost no more than this one try.
+class PassingErrorTest : public ServiceTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(PassingErrorTest, CallerIsServedInTheNextPass) {
+  const Descriptor client = ConnectTo(user_port);
+  test::SendText(client.get(), "sys1\n");
+  {
+    const FailCall failure(test::Call::kAccept, GetParam(), 1, 1);
+    Accept(user_port);
+    EXPECT_EQ(failure.calls(), 1);
+  }
+  EXPECT_EQ(GetPendingLogins(mapped_port_list, user_port), 0);
+  Accept(user_port);
+  AwaitThreads();
+  EXPECT_EQ(test::ReceiveAvailable(client.get()), kOffers);
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, PassingErrorTest,
+                         ::testing::Values(EAGAIN, EINTR, ECONNABORTED, ECONNRESET, EPROTO, EPERM,
+                                           ENOPROTOOPT, EOPNOTSUPP, ENETDOWN, ENETUNREACH,
+                                           EHOSTDOWN, EHOSTUNREACH, ENONET, ETIMEDOUT, ENOMEM,
+                                           ENOBUFS),
+                         [](const auto& test_case) {
+                           return std::string(strerrorname_np(test_case.param));
+                         });
+
+TEST_F(ServiceTest, WithoutADescriptorTheCallerIsTakenWithTheReserveAndRefused) {
+  for (const int error : {EMFILE, ENFILE}) {
+    SCOPED_TRACE(error);
+    const Descriptor client = ConnectTo(user_port);
+    const FailCall failure(test::Call::kAccept, error, 1, 1);
+    Accept(user_port);
+    EXPECT_EQ(failure.calls(), 2);
+    EXPECT_EQ(ReceiveAll(client), kOutOfMemoryText);
+  }
+  const Descriptor next = CallAndSay(user_port, "sys1\n");
+  EXPECT_EQ(test::Receive(next.get(), strlen(kOffers)), kOffers);
+}
+
+TEST_F(ServiceTest, AnotherThreadThatIsQuickerTwiceMakesNoDifference) {
+  const Descriptor client = ConnectTo(user_port);
+  const FailCall failure(test::Call::kAccept, EMFILE, 1, 3);
+  Accept(user_port);
+  EXPECT_EQ(failure.calls(), 4);
+  EXPECT_EQ(ReceiveAll(client), kOutOfMemoryText);
+}
+
+TEST_F(ServiceTest, ListeningSocketDoesNotBlockAndAUsersDoes) {
+  EXPECT_NE(fcntl(FindPort(user_port)->sock, F_GETFL) & O_NONBLOCK, 0);
+  const Descriptor client = CallAndSay(user_port, "sys1\n");
+  AwaitThreads();
+  ASSERT_EQ(user_list->count, 1);
+  EXPECT_EQ(fcntl(user_list->head->unode->sock, F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(ServiceTest, UserIsShownUnderThePeersAddressByDefault) {
