@@ -10,6 +10,7 @@
 #include "archive_time.h"
 #include "audit.h"
 #include "cons_mon.h"
+#include "cookie.h"
 #include "error.h"
 #include "event.h"
 #include "event_set.h"
@@ -18,7 +19,6 @@
 #include "lock_file.h"
 #include "log.h"
 #include "paths.h"
-#include "security.h"
 #include "util.h"
 #include "zev.h"
 #include "zev_signal.h"
@@ -105,6 +105,7 @@ int main(int argc, char** argv) {
   ArrangeSignals();
   WarnOfNoSecurity();
   if (security_enabled != 0) GenerateCookie();
+  CheckConfigDir();
   LoadConfiguration();
   OpenLogs();
   CreateWorkerThreads();

@@ -5,6 +5,7 @@
 #include <cstddef>
 
 inline constexpr char kQorRoot[] = QOR_ROOT;
+inline constexpr char kConfigDir[] = QOR_ROOT "/config";
 inline constexpr char kConfigFile[] = QOR_ROOT "/config/zev.conf";
 inline constexpr char kModelsFile[] = QOR_ROOT "/config/models";
 inline constexpr char kCookieFile[] = QOR_ROOT "/config/.cookie";

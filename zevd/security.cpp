@@ -4,7 +4,6 @@
 #include <grp.h>
 #include <password_check.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <tqauth.h>
 #include <unistd.h>
@@ -16,97 +15,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
-#include <new>
 
 #include "audit.h"
+#include "cookie.h"
 #include "error.h"
 #include "fixed_text.h"
 #include "paths.h"
 #include "user_conn.h"
 #include "utf8.h"
 #include "util.h"
-
-// ---- The cookie ---------------------------------------------------------------------------------
-
-namespace {
-
-constexpr char kCookieAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-constexpr size_t kAlphabetSize = sizeof kCookieAlphabet - 1;
-constexpr mode_t kCookieMode = 0660;
-
-/// Written before the threads start, then only read.
-char* generated_cookie = nullptr;
-
-constexpr char kGenerate[] = "GenerateCookie";
-
-void DrawCookie() {
-  timeval now{};
-  gettimeofday(&now, nullptr);
-  srandom(static_cast<unsigned>(now.tv_usec));
-  for (size_t i = 0; i < kCookieSize - 1; ++i) {
-    generated_cookie[i] = kCookieAlphabet[static_cast<size_t>(random()) % kAlphabetSize];
-  }
-  generated_cookie[kCookieSize - 1] = '\0';
-}
-
-// A file that the daemon makes is for the suite's group; an existing one keeps what it has.
-void SetUpNewCookieFile() {
-  struct stat root {};
-  if (stat(kQorRoot, &root) != 0) return;
-  if (chown(kCookieFile, static_cast<uid_t>(-1), root.st_gid) != 0) {
-    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kGenerate, kCookieFile, strerror(errno));
-    TERMINATE("Terminated: Cannot chown cookie file");
-  }
-  if (chmod(kCookieFile, kCookieMode) != 0) {
-    zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", kGenerate, kCookieFile, strerror(errno));
-    TERMINATE("Terminated: Cannot chmod cookie file");
-  }
-}
-
-void WriteCookieFile() {
-  struct stat existing {};
-  const bool existed = stat(kCookieFile, &existing) == 0;
-  FILE* file = fopen(kCookieFile, "we");
-  if (file == nullptr) {
-    zev_debug(kError, "GenerateCookie: fopen() failed : %s\n", strerror(errno));
-    TERMINATE("Terminated: Cannot open cookie file");
-  }
-  if (!existed) SetUpNewCookieFile();
-  const bool written = fprintf(file, "%s\n", generated_cookie) >= 0;
-  if (fclose(file) != 0 || !written) {
-    zev_debug(kError, "%s: fprintf() failed : %s\n", kGenerate, strerror(errno));
-    TERMINATE("Terminated: Cannot write cookie file");
-  }
-}
-
-}  // namespace
-
-void GenerateCookie() {
-  ENTERING();
-  delete[] generated_cookie;
-  generated_cookie = new (std::nothrow) char[kCookieSize];
-  if (generated_cookie == nullptr) {
-    zev_debug(kError, "%s: malloc() failed : %s\n", __func__, strerror(errno));
-    TERMINATE("Terminated: Out of memory");
-  }
-  DrawCookie();
-  WriteCookieFile();
-}
-
-int DoCookieValidation(int /*sock*/, const char* user_cookie) {
-  ENTERING();
-  if (strcmp(user_cookie, generated_cookie) == 0) {
-    zev_debug(kDetail, "%s: Authentication successful.\n", __func__);
-    zev_debug(kDetail, "%s: user_cookie(%s) == generated_cookie(%s)\n", __func__, user_cookie,
-              generated_cookie);
-    return 0;
-  }
-  SetUserError(kAuthenticationFailed);
-  zev_debug(kInfo, "%s: Authentication failed.\n", __func__);
-  zev_debug(kInfo, "%s: user_cookie(%s) != generated_cookie(%s)\n", __func__, user_cookie,
-            generated_cookie);
-  return -1;
-}
 
 // ---- Telling clients apart ----------------------------------------------------------------------
 

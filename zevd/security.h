@@ -1,16 +1,12 @@
 // Who may connect: the cookie of local tools, the station's authentication library, and the login
-// dialogue of mapped ports. Runs on serv_conn threads, except GenerateCookie(). No lock is held in
-// any wait. No password is ever written to the debug output.
+// dialogue of mapped ports. Runs on serv_conn threads. No lock is held in any wait. No password is
+// ever written to the debug output.
 #pragma once
 
 #include <netinet/in.h>
 
 #include "identity.h"
 #include "user_conn.h"
-
-/// Makes the cookie and writes the cookie file; a failure ends the process. Main thread, before the
-/// others exist.
-void GenerateCookie();
 
 /// 0 when the client is authenticated, with its argument line in `buf` (at most `size` - 1 bytes)
 /// and the name that it proved, if any, in `identity`; -1 otherwise, with u_err_msg set where a
@@ -21,9 +17,6 @@ int DoAuthentication(int sock, const sockaddr_in& client_addr, char* buf, int si
 /// Looks at the client's first line without consuming it. 1: a token line, its cookie copied; 0:
 /// anything else; -1: a read error or a malformed token line; -2: nothing for 15 seconds.
 int IsTokenAuthentication(int sock, char (&user_cookie)[kCookieSize]);
-
-/// 0 when the cookie is the daemon's, else -1.
-int DoCookieValidation(int sock, const char* user_cookie);
 
 /// Asks the station's authentication library. 0 with the argument line in `buf` and the name in
 /// `identity`, or -1; the name that failed, where the library tells it, is then the given one.

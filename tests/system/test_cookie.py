@@ -76,6 +76,42 @@ def test_an_existing_file_keeps_owner_group_and_mode(station, suite_group, mode)
     assert re.fullmatch(rb"[A-Za-z0-9]{16}\n", path.read_bytes())
 
 
+@pytest.mark.parametrize("mode, said", [(0o604, 1), (0o640, 0), (0o662, 0)])
+def test_an_existing_file_that_others_may_read_is_spoken_of(station, mode, said):
+    path = cookie_file(station)
+    path.touch()
+    path.chmod(mode)
+    station.start("-S", "1", "-d", "0")
+    assert station.log_text().count(f'GenerateCookie: "{path}" is readable by others (mode 0604), '
+                                    "who then need no login.\n") == said
+
+
+# Tries what a generator gives that is seeded with the microseconds of a moment.
+GUESSER = """
+#include <stdlib.h>
+#include <string.h>
+int main(int count, char **words) {
+  const char *alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  for (unsigned seed = 0; seed < 1000000; ++seed) {
+    char guess[17] = {0};
+    srandom(seed);
+    for (int i = 0; i < 16; ++i) guess[i] = alphabet[random() % 62];
+    if (count == 2 && strcmp(guess, words[1]) == 0) return 1;
+  }
+  return 0;
+}
+"""
+
+
+def test_the_cookie_is_none_of_a_million(station, tmp_path):
+    """The file's time would tell which."""
+    guesser = tmp_path / "guesser"
+    subprocess.run(["cc", "-O2", "-x", "c", "-", "-o", guesser], input=GUESSER, text=True,
+                   check=True)
+    station.start("-S", "1")
+    assert subprocess.run([guesser, cookie(station)], check=False).returncode == 0
+
+
 def test_without_security_there_is_no_cookie(station):
     station.start("-S", "0")
     assert not cookie_file(station).exists()
@@ -103,7 +139,7 @@ def died(station, text: str, event: str, prefix: list[str] | None = None) -> Non
     assert text in lines, done.stdout
     announced = next(line for line in lines[lines.index(text):] if "PostJixEvent" in line)
     assert "qor.zevd.daemon.error" in announced and event in announced
-    assert re.fullmatch(r"Exiting with code 1 from file security\.cpp line \d+", lines[-1])
+    assert re.fullmatch(r"Exiting with code 1 from file cookie\.cpp line \d+", lines[-1])
     assert not station.lock_file.exists() or not _locked(station)
 
 
@@ -130,9 +166,11 @@ def test_the_end_for_want_of_a_cookie_is_told_to_the_event_manager(station):
 
 
 def test_a_file_that_cannot_be_written_ends_the_daemon(station):
-    cookie_file(station).symlink_to("/dev/full")
-    died(station, "GenerateCookie: fprintf() failed : No space left on device",
-         "Terminated: Cannot write cookie file")
+    """No file may be longer than 16 bytes, of which a cookie has 17 and its neighbours less."""
+    station.lock_file.touch()
+    died(station, "GenerateCookie: fprintf() failed : File too large",
+         "Terminated: Cannot write cookie file",
+         ["bash", "-c", 'trap "" XFSZ; exec prlimit --fsize=16 "$@"', "bash"])
 
 
 @pytest.mark.usefixtures("suite_group")

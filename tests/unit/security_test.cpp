@@ -1,12 +1,9 @@
-// The cookie, the first line of a client, the library's answer and the login dialogue.
+// The first line of a client, the library's answer and the login dialogue.
 #include "security.h"
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <grp.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -27,44 +24,28 @@
 #include <utility>
 #include <vector>
 
+#include "cookie.h"
 #include "error.h"
 #include "support.h"
 #include "user_conn.h"
 
 namespace {
 
-using test::AnnouncesDaemonError;
 using test::Call;
 using test::DebugCapture;
-using test::DebugTextsAre;
-using test::FailAllocation;
 using test::FailCall;
-using test::FakeClock;
-using test::IsExitTrace;
 using test::SocketPair;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
-using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
-constexpr char kPath[] = "root/config/.cookie";
 constexpr char kHelper[] = "root/bin/qor_pam_auth";
 constexpr char kOffers[] = "\xFF\xFB\x01\xFF\xFB\x03";  // IAC WILL ECHO, IAC WILL SUPPRESS-GO-AHEAD
 constexpr char kTryAgain[] = "\nInvalid username/password combination. Please try again.\r\n\n";
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
 
 std::string UserMessage() {
   return u_err_msg == nullptr ? "" : u_err_msg;
-}
-
-// What the generator gives for a time of day with these microseconds.
-std::string CookieOf(suseconds_t microseconds) {
-  srandom(static_cast<unsigned>(microseconds));
-  std::string cookie;
-  for (int i = 0; i < 16; ++i) cookie += kAlphabet[random() % 62];
-  return cookie;
 }
 
 /// Runs where its files are its own.
@@ -73,201 +54,6 @@ class SecurityTest : public test::RelayTest {
   test::StationRoot root_;
   Identity identity_{};
 };
-
-// ---- The cookie -----------------------------------------------------------------------------
-
-class CookieTest : public SecurityTest {
- protected:
-  // Makes the cookie of this moment; what the file then holds.
-  static std::string Generate(suseconds_t microseconds = 42) {
-    FakeClock clock;
-    clock.SetMicroseconds(microseconds);
-    GenerateCookie();
-    return test::ReadFile(kPath);
-  }
-
-  static mode_t Mode() {
-    struct stat status {};
-    EXPECT_EQ(stat(kPath, &status), 0);
-    return status.st_mode & 07777;
-  }
-};
-
-TEST_F(CookieTest, IsOneLineDrawnFromTheMicroseconds) {
-  for (const suseconds_t microseconds : {0, 1, 42, 999999}) {
-    EXPECT_EQ(Generate(microseconds), CookieOf(microseconds) + "\n");
-  }
-}
-
-TEST_F(CookieTest, UsesTheWholeAlphabet) {
-  std::array<bool, 256> seen{};
-  for (suseconds_t microseconds = 0; microseconds < 200; ++microseconds) {
-    const std::string content = Generate(microseconds);
-    ASSERT_THAT(content, MatchesRegex("[A-Za-z0-9]*\n"));
-    ASSERT_EQ(content.size(), 17U);
-    for (const char c : content) seen.at(static_cast<unsigned char>(c)) = true;
-  }
-  for (const char c : std::string(kAlphabet)) {
-    EXPECT_TRUE(seen.at(static_cast<unsigned char>(c))) << c;
-  }
-}
-
-TEST_F(CookieTest, NewFileHasItsModeWhateverTheMask) {
-  const mode_t saved = umask(0777);
-  Generate();
-  umask(saved);
-  EXPECT_EQ(Mode(), 0660U);
-}
-
-TEST_F(CookieTest, ExistingFileKeepsItsModeAndLosesItsContent) {
-  test::WriteFile(kPath, std::string(1000, 'x'));
-  chmod(kPath, 0604);
-  EXPECT_EQ(Generate(), CookieOf(42) + "\n");
-  EXPECT_EQ(Mode(), 0604U);
-}
-
-TEST_F(CookieTest, IsReplacedByALaterOne) {
-  const SocketPair pair;
-  Generate(1);
-  Generate(2);
-  EXPECT_EQ(DoCookieValidation(pair.ours.get(), CookieOf(1).c_str()), -1);
-  EXPECT_EQ(DoCookieValidation(pair.ours.get(), CookieOf(2).c_str()), 0);
-}
-
-TEST_F(CookieTest, LeavesNoDescriptorOpen) {
-  const int before = dup(0);
-  close(before);
-  Generate();
-  const int after = dup(0);
-  close(after);
-  EXPECT_EQ(before, after);
-}
-
-TEST_F(CookieTest, RightCookieIsReported) {
-  const SocketPair pair;
-  const std::string cookie = CookieOf(7);
-  Generate(7);
-  DebugCapture debug(kDetail);
-  EXPECT_EQ(DoCookieValidation(pair.ours.get(), cookie.c_str()), 0);
-  EXPECT_THAT(debug.Messages(), ElementsAre("DoCookieValidation: Authentication successful.\n",
-                                            "DoCookieValidation: user_cookie(" + cookie +
-                                                ") == generated_cookie(" + cookie + ")\n"));
-  EXPECT_EQ(u_err_msg, nullptr);
-}
-
-TEST_F(CookieTest, WrongCookieIsReported) {
-  const SocketPair pair;
-  const std::string cookie = CookieOf(7);
-  Generate(7);
-  DebugCapture debug;
-  for (const std::string& wrong : {std::string(), cookie.substr(0, 15), cookie + "x"}) {
-    u_err_msg = nullptr;
-    EXPECT_EQ(DoCookieValidation(pair.ours.get(), wrong.c_str()), -1);
-    EXPECT_EQ(UserMessage(), "001 - Authentication failed.\r\n");
-    EXPECT_THAT(debug.NewMessages(), ElementsAre("DoCookieValidation: Authentication failed.\n",
-                                                 "DoCookieValidation: user_cookie(" + wrong +
-                                                     ") != generated_cookie(" + cookie + ")\n"));
-  }
-}
-
-using CookieDeathTest = CookieTest;
-
-// The message, the event, the end.
-auto DiesOf(const char* message, const char* event) {
-  return DebugTextsAre(
-      ElementsAre(message, AnnouncesDaemonError(event), IsExitTrace(1, "security.cpp")));
-}
-
-TEST_F(CookieDeathTest, OutOfMemory) {
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        const FailAllocation failure(1);
-        GenerateCookie();
-      },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: malloc() failed : Cannot allocate memory\n",
-             "Terminated: Out of memory"));
-}
-
-TEST_F(CookieDeathTest, FileCannotBeOpened) {
-  std::filesystem::create_directory(kPath);
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        GenerateCookie();
-      },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: fopen() failed : Is a directory\n",
-             "Terminated: Cannot open cookie file"));
-}
-
-TEST_F(CookieDeathTest, NewFileCannotBeGivenToTheGroup) {
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        const FailCall failure(Call::kChown, EPERM);
-        GenerateCookie();
-      },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: chown( root/config/.cookie, ...) failed : Operation not permitted\n",
-             "Terminated: Cannot chown cookie file"));
-}
-
-// From now on the kernel refuses the process every change of a file's mode.
-void ForbidChmod() {
-  constexpr unsigned kRefusal = SECCOMP_RET_ERRNO | EACCES;
-  std::array<sock_filter, 6> program = {{
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-#ifdef SYS_chmod
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_chmod, 2, 0),
-#else
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-#endif
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fchmodat, 1, 0),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-      BPF_STMT(BPF_RET | BPF_K, kRefusal),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  }};
-  const sock_fprog filter = {program.size(), program.data()};
-  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) abort();
-  if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0) abort();
-}
-
-TEST_F(CookieDeathTest, ModeOfANewFileCannotBeSet) {
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        ForbidChmod();
-        GenerateCookie();
-      },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: chmod( root/config/.cookie, ...) failed : Permission denied\n",
-             "Terminated: Cannot chmod cookie file"));
-  EXPECT_EQ(test::ReadFile(kPath), "");
-}
-
-TEST_F(CookieDeathTest, FileCannotBeWritten) {
-  std::filesystem::create_symlink("/dev/full", kPath);
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        GenerateCookie();
-      },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: fprintf() failed : No space left on device\n",
-             "Terminated: Cannot write cookie file"));
-}
-
-TEST_F(CookieTest, ExistingFileIsNeitherGivenAwayNorOpenedUp) {
-  test::WriteFile(kPath, "");
-  EXPECT_HOLDS_IN_CHILD({
-    const FailCall failure(Call::kChown, EPERM);
-    ForbidChmod();
-    Generate();
-    EXPECT_EQ(failure.calls(), 0);
-  });
-}
 
 // ---- Telling clients apart ------------------------------------------------------------------
 
@@ -364,9 +150,8 @@ TEST_F(FirstLineTest, LimitIsFifteenSecondsAndOnlyForThisLine) {
 class DecisionTest : public SecurityTest {
  protected:
   DecisionTest() {
-    FakeClock clock;
     GenerateCookie();
-    cookie_ = CookieOf(0);
+    cookie_ = test::ReadFile("root/config/.cookie").substr(0, kCookieSize - 1);
   }
 
   // The client at `address` sends this and then no more.

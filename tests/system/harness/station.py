@@ -61,6 +61,7 @@ class Station:
         self.logs = self.root / "logs"
         for directory in (self.config, self.events, self.logs):
             directory.mkdir()
+        self.config.chmod(0o750)
         self.config_file = self.config / "zev.conf"
         self.models_file = self.config / "models"
         self.lock_file = self.config / "zev.lock"
