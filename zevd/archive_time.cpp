@@ -13,6 +13,7 @@
 
 #include "error.h"
 #include "paths.h"
+#include "safe_file.h"
 #include "zev.h"
 
 namespace {
@@ -26,9 +27,10 @@ constexpr int32_t kSecondsPerDay = 86400;
   EXIT_PROCESS(1);
 }
 
-FILE* OpenOrExit(const char* path, const char* mode) {
-  FILE* file = fopen(path, mode);
-  if (file == nullptr) Fail("fopen", path, errno);
+// The stream takes the descriptor over. The message is that of a file that cannot be opened.
+FILE* StreamOrExit(int fd, const char* mode) {
+  FILE* file = fd == -1 ? nullptr : fdopen(fd, mode);
+  if (file == nullptr) Fail("fopen", kSuiteConfigFile, errno);
   return file;
 }
 
@@ -69,8 +71,7 @@ void WriteSetting(FILE* file) {
 }
 
 // True when the file has the setting. Takes its value unless the command line's is waiting.
-bool ReadSetting() {
-  FILE* file = OpenOrExit(kSuiteConfigFile, "re");
+bool ReadSetting(FILE* file) {
   bool found = false;
   {
     LineReader lines(file);
@@ -100,25 +101,29 @@ void CopyWithNewSetting(FILE* from, FILE* to) {
   }
 }
 
-// Writes the changed lines to a temporary file; nothing is lost yet when that fails.
-void WriteTemporaryFile(char* path) {
-  FILE* from = OpenOrExit(kSuiteConfigFile, "re");
+// Writes the changed lines to a temporary file; nothing is lost yet when that fails. The stream
+// stays open, for what has this path later may be another file.
+FILE* WriteTemporaryFile(char* path) {
+  FILE* from = StreamOrExit(OpenRegularFile(AT_FDCWD, kSuiteConfigFile, O_RDONLY), "r");
   const int fd = mkostemp(path, O_CLOEXEC);
   if (fd == -1) NoTemporaryFile();
-  FILE* to = fdopen(fd, "w");
+  FILE* to = fdopen(fd, "w+");
   if (to == nullptr) Fail("fdopen", kSuiteConfigFile, errno);
   CopyWithNewSetting(from, to);
   const bool complete = feof(from) != 0;
   fclose(from);
-  if (!CloseWritten(to) || !complete) {
+  if (fflush(to) != 0 || ferror(to) != 0 || !complete) {
     unlink(path);
     NoTemporaryFile();
   }
+  rewind(to);
+  return to;
 }
 
 FILE* OpenForRewriting(const char* temporary) {
-  FILE* file = fopen(kSuiteConfigFile, "we");
-  if (file != nullptr) return file;
+  const int fd = OpenRegularFile(AT_FDCWD, kSuiteConfigFile, O_WRONLY);
+  FILE* file = fd == -1 ? nullptr : fdopen(fd, "w");
+  if (file != nullptr && ftruncate(fd, 0) == 0) return file;
   const int error = errno;
   unlink(temporary);
   Fail("fopen", kSuiteConfigFile, error);
@@ -128,9 +133,8 @@ FILE* OpenForRewriting(const char* temporary) {
 // way, the temporary file is left: it has the only whole copy of everybody's settings.
 void RewriteFile() {
   char path[] = "/tmp/qorconfXXXXXX";
-  WriteTemporaryFile(path);
+  FILE* from = WriteTemporaryFile(path);
   FILE* to = OpenForRewriting(path);
-  FILE* from = OpenOrExit(path, "re");
   LineReader lines(from);
   while (lines.Next()) lines.CopyTo(to);
   const bool complete = feof(from) != 0;
@@ -143,16 +147,15 @@ void RewriteFile() {
   unlink(path);
 }
 
-void GiveStationOwnership() {
+void GiveStationOwnership(int fd) {
   constexpr mode_t kMode = 0770;
-  struct stat root {};
-  if (stat(kQorRoot, &root) != 0) return;
-  if (chown(kSuiteConfigFile, static_cast<uid_t>(-1), root.st_gid) != 0) {
+  if (!StationRootExists()) return;
+  if (GiveStationGroup(fd) != 0) {
     zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kFunction, kSuiteConfigFile,
               strerror(errno));
     EXIT_PROCESS(1);
   }
-  if (chmod(kSuiteConfigFile, kMode) != 0) {
+  if (fchmod(fd, kMode) != 0) {
     zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", kFunction, kSuiteConfigFile,
               strerror(errno));
     EXIT_PROCESS(1);
@@ -161,8 +164,12 @@ void GiveStationOwnership() {
 
 // A file that stays empty would be taken for one that is not to have the setting.
 void CreateFile() {
-  FILE* file = OpenOrExit(kSuiteConfigFile, "ae");
-  GiveStationOwnership();
+  constexpr mode_t kModeOfAStream = 0666;
+  bool is_new = false;  // another tool may have been quicker: its file gets the line too
+  const int fd = OpenOrMakeRegularFile(AT_FDCWD, kSuiteConfigFile, O_WRONLY | O_APPEND,
+                                       kModeOfAStream, &is_new);
+  FILE* file = StreamOrExit(fd, "a");
+  GiveStationOwnership(fd);
   WriteSetting(file);
   if (CloseWritten(file)) return;
   const int error = errno;
@@ -174,13 +181,13 @@ void CreateFile() {
 
 void GetZevdArchIntFromConfFile() {
   ENTERING();
-  struct stat existing {};
-  if (stat(kSuiteConfigFile, &existing) != 0) {
+  const int fd = OpenRegularFile(AT_FDCWD, kSuiteConfigFile, O_RDONLY);
+  if (fd == -1 && errno == ENOENT) {
     USE_CMD_LINE_ARCH_TIME = 0;
     CreateFile();
     return;
   }
-  if (!ReadSetting() || USE_CMD_LINE_ARCH_TIME == 0) return;
+  if (!ReadSetting(StreamOrExit(fd, "r")) || USE_CMD_LINE_ARCH_TIME == 0) return;
   USE_CMD_LINE_ARCH_TIME = 0;
   RewriteFile();
 }

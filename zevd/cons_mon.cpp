@@ -22,6 +22,7 @@
 #include "event_set.h"
 #include "load.h"
 #include "log.h"
+#include "log_directory.h"
 #include "socket_watch.h"
 #include "user_mon.h"
 #include "util.h"

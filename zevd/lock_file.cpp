@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,18 +11,11 @@
 #include "error.h"
 #include "fixed_text.h"
 #include "paths.h"
+#include "safe_file.h"
 
 namespace {
 
 int lock_fd = -1;  // the descriptor that carries the lock
-
-int GiveGroupOfRoot(const char* function) {
-  struct stat root {};
-  if (stat(kQorRoot, &root) != 0) return 0;
-  if (chown(kLockFile, static_cast<uid_t>(-1), root.st_gid) == 0) return 0;
-  zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", function, kLockFile, strerror(errno));
-  return -1;
-}
 
 int WriteHostName(const char* function) {
   char hostname[kNameSize];
@@ -48,14 +40,16 @@ int WriteHostName(const char* function) {
 
 int Lock() {
   ENTERING();
-  struct stat existing {};
-  const bool existed = stat(kLockFile, &existing) == 0;
-  lock_fd = open(kLockFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0660);
+  bool is_new = false;
+  lock_fd = OpenOrMakeRegularFile(AT_FDCWD, kLockFile, O_WRONLY, 0660, &is_new);
   if (lock_fd == -1) {
     zev_debug(kError, "%s: open( \"%s\", ...) failed : %s\n", __func__, kLockFile, strerror(errno));
     return -1;
   }
-  if (!existed && GiveGroupOfRoot(__func__) != 0) return -1;
+  if (is_new && GiveStationGroup(lock_fd) != 0) {
+    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", __func__, kLockFile, strerror(errno));
+    return -1;
+  }
   if (flock(lock_fd, LOCK_EX | LOCK_NB) != 0) {
     zev_debug(kInfo, "%s: flock() failed : %s\n", __func__, strerror(errno));
     return -1;
@@ -77,8 +71,10 @@ int Unlock() {
 
 int GetHostFromLockFile(char* hostname, int len) {
   ENTERING();
-  FILE* file = fopen(kLockFile, "re");
+  const int fd = OpenRegularFile(AT_FDCWD, kLockFile, O_RDONLY);
+  FILE* file = fd == -1 ? nullptr : fdopen(fd, "r");
   if (file == nullptr) {
+    if (fd != -1) close(fd);
     zev_debug(kError, "%s: fopen( \"%s\", ...) failed : %s\n", __func__, kLockFile,
               strerror(errno));
     return -1;

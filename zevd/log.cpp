@@ -6,78 +6,38 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <mutex>
+#include <string_view>
 
 #include "error.h"
 #include "event.h"
 #include "event_set.h"
-#include "paths.h"
+#include "log_directory.h"
 #include "reg_expr.h"
+#include "safe_file.h"
 #include "timestamp.h"
 #include "user_conn.h"
 #include "zev.h"
 
 namespace {
 
-constexpr char kDatedDir[] = "/zev.dated";
-constexpr char kCurrentDir[] = "/zev.dated/current";
-constexpr mode_t kDirMode = 0770;
 constexpr mode_t kLogMode = 0660;
-constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
 constexpr int kTelnetCommandLength = 3;
+constexpr char kConsolidated[] = "consolidated.log";
 
 /// Opened at start-up, then only by the rotation, with acl_lock held.
 int consolidated_log_fd = -1;
 
-/// The link and the directories. Held while a log is opened, so that the link leads to the same
-/// directory until the log is set up: the connection thread opens logs while the main thread may
-/// begin a new directory.
-std::mutex directory_mutex;
-
-/// Change time of the current dated directory, 0 when not yet known.
-std::atomic<time_t> log_dir_creation_time{0};
-
-// ---- Paths and ownership ------------------------------------------------------------------------
-
-/// A path below the log directory. The slash that the second part begins with is kept, doubled.
-struct LogPath {
-  char text[kPathSize];
-  explicit LogPath(const char* second) { snprintf(text, sizeof text, "%s/%s", log_dir, second); }
-  LogPath(const char* second, const char* third) {
-    snprintf(text, sizeof text, "%s/%s/%s", log_dir, second, third);
-  }
-};
-
-bool Exists(const char* path) {
-  struct stat info {};
-  return stat(path, &info) == 0;
-}
-
-// Gives the file the group of the station's root, when that can be examined. 0, or -1 with errno
-// set.
-int GiveStationGroup(int fd) {
-  struct stat root {};
-  if (stat(kQorRoot, &root) != 0) return 0;
-  return fchown(fd, kSameOwner, root.st_gid);
-}
-
-int GiveStationGroup(const char* path) {
-  struct stat root {};
-  if (stat(kQorRoot, &root) != 0) return 0;
-  return chown(path, kSameOwner, root.st_gid);
-}
+// ---- Opening ------------------------------------------------------------------------------------
 
 // Both messages end the process; they speak of a cookie file, and whoever filters the events
 // relies on that. The path is for the messages: what it leads to may have been removed meanwhile.
 void SetUpNewLog(int fd, const char* path) {
   constexpr char kFunction[] = "OpenLogFile";
-  if (!Exists(kQorRoot)) return;
+  if (!StationRootExists()) return;
   if (GiveStationGroup(fd) != 0) {
     zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kFunction, path, strerror(errno));
     TERMINATE("Terminated: Cannot chown cookie file");
@@ -88,17 +48,15 @@ void SetUpNewLog(int fd, const char* path) {
   }
 }
 
-// The caller holds directory_mutex.
-int EnsureDirectories() {
-  if (ZevDatedDirExists() == 0 && CreateZevDatedDir() != 0) return -1;
-  if (SymlinkToCurrDirExists() == 0 && CreateSymlinkToCurrDir() != 0) return -1;
-  return 0;
-}
-
-// The descriptor, or -1.
-int OpenForAppending(const char* function, const char* path, mode_t mode, bool* is_new) {
-  *is_new = !Exists(path);
-  const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, mode);
+// The descriptor, or -1. `name` is null when there can be no such log.
+int OpenForAppending(const char* function, const CurrentLogDir& directory, const char* name,
+                     const char* path, mode_t mode, bool* is_new) {
+  int fd = -1;
+  if (name == nullptr) {
+    errno = EINVAL;
+  } else if (directory.descriptor() != -1) {
+    fd = OpenOrMakeRegularFile(directory.descriptor(), name, O_WRONLY | O_APPEND, mode, is_new);
+  }
   if (fd == -1) {
     zev_debug(kError, "%s: open() failed for \"%s\" : %s\n", function, path, strerror(errno));
     return -1;
@@ -164,15 +122,22 @@ int WriteReady(ConsoleNode* cnode) {
 
 // ---- Logs ---------------------------------------------------------------------------------------
 
+LogName::LogName(const char* cname) {
+  snprintf(text_, sizeof text_, "%s.log", cname);
+  const std::string_view name = cname;
+  usable_ = name.find('/') == std::string_view::npos && name != "." && name != ".." &&
+            strcmp(text_, kConsolidated) != 0;
+}
+
 int OpenLogFile(ConsoleNode* cnode) {
   ENTERING();
-  const std::lock_guard lock(directory_mutex);
-  if (EnsureDirectories() != 0) return -1;
-  char file_name[kNameSize + 4];
-  snprintf(file_name, sizeof file_name, "%s.log", cnode->cname);
-  const LogPath path(kCurrentDir, file_name);
+  const LogName name(cnode->cname);
+  const LogPath path(kCurrentDir, name.text());
   bool is_new = false;
-  cnode->log_fd = OpenForAppending(__func__, path.text, 0770, &is_new);
+  const CurrentLogDir directory(CurrentLogDir::IfMissing::kMake);
+  if (!directory.exists()) return -1;
+  cnode->log_fd = OpenForAppending(__func__, directory, name.is_usable() ? name.text() : nullptr,
+                                   path.text, 0770, &is_new);
   if (cnode->log_fd == -1) return -1;
   if (is_new) SetUpNewLog(cnode->log_fd, path.text);
   return 0;
@@ -180,11 +145,12 @@ int OpenLogFile(ConsoleNode* cnode) {
 
 int OpenConsolidatedLogFile() {
   ENTERING();
-  const std::lock_guard lock(directory_mutex);
-  if (EnsureDirectories() != 0) return -1;
-  const LogPath path(kCurrentDir, "consolidated.log");
+  const LogPath path(kCurrentDir, kConsolidated);
   bool is_new = false;
-  consolidated_log_fd = OpenForAppending(__func__, path.text, kLogMode, &is_new);
+  const CurrentLogDir directory(CurrentLogDir::IfMissing::kMake);
+  if (!directory.exists()) return -1;
+  consolidated_log_fd =
+      OpenForAppending(__func__, directory, kConsolidated, path.text, kLogMode, &is_new);
   if (consolidated_log_fd == -1) return -1;
   if (is_new && GiveStationGroup(consolidated_log_fd) != 0) {
     zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", __func__, path.text, strerror(errno));
@@ -317,88 +283,4 @@ void CloseConsolidatedLogFile() {
   if (consolidated_log_fd == -1) return;
   close(consolidated_log_fd);
   consolidated_log_fd = -1;
-}
-
-// ---- Directories --------------------------------------------------------------------------------
-
-int LogDirExpired() {
-  ENTERING();
-  if (log_dir_creation_time == 0) {
-    struct stat current {};
-    if (stat(LogPath(kCurrentDir).text, &current) != 0) return 0;
-    log_dir_creation_time = current.st_ctime;
-  }
-  return time(nullptr) - log_dir_creation_time >= log_archive_time ? 1 : 0;
-}
-
-void ArchiveLogDir() {
-  ENTERING();
-  zev_debug(kInfo, "%s: Archiving log directory\n", __func__);
-  const std::lock_guard lock(directory_mutex);
-  RemoveSymlinkToCurrDir();
-  CreateSymlinkToCurrDir();
-}
-
-void RemoveSymlinkToCurrDir() {
-  ENTERING();
-  if (unlink(LogPath(kCurrentDir).text) != 0) {
-    zev_debug(kError, "%s: unlink() failed : %s\n", __func__, strerror(errno));
-  }
-}
-
-void GetNewDirName(char* dirname, size_t size) {
-  ENTERING();
-  char name[80];
-  FormatLocalTime(name, sizeof name, "%d-%b-%H:%M");
-  snprintf(dirname, size, "%s/%s/%s", log_dir, kDatedDir, name);
-}
-
-int ZevDatedDirExists() {
-  ENTERING();
-  return Exists(LogPath(kDatedDir).text) ? 1 : 0;
-}
-
-int CreateZevDatedDir() {
-  ENTERING();
-  const LogPath path(kDatedDir);
-  if (mkdir(path.text, kDirMode) != 0 && errno != EEXIST) {
-    zev_debug(kError, "%s: mkdir( %s, ...) failed : %s\n", __func__, path.text, strerror(errno));
-    return -1;
-  }
-  if (GiveStationGroup(path.text) != 0) {
-    zev_debug(kError, "%s: chown failed : %s\n", __func__, strerror(errno));
-    return -1;
-  }
-  return 0;
-}
-
-int SymlinkToCurrDirExists() {
-  ENTERING();
-  const LogPath path(kCurrentDir);
-  struct stat link {};
-  return lstat(path.text, &link) == 0 && Exists(path.text) ? 1 : 0;
-}
-
-int CreateSymlinkToCurrDir() {
-  ENTERING();
-  const LogPath link(kCurrentDir);
-  unlink(link.text);
-  char dirname[kPathSize];
-  GetNewDirName(dirname, sizeof dirname);
-  // A second rotation within the minute uses the same directory again.
-  if (mkdir(dirname, kDirMode) != 0 && errno != EEXIST) {
-    zev_debug(kError, "%s: mkdir( %s, ...) failed : %s\n", __func__, dirname, strerror(errno));
-    return -1;
-  }
-  struct stat created {};
-  if (stat(dirname, &created) == 0) log_dir_creation_time = created.st_ctime;
-  if (symlink(dirname, link.text) != 0) {
-    zev_debug(kError, "%s: symlink failed : %s\n", __func__, strerror(errno));
-    return -1;
-  }
-  if (GiveStationGroup(dirname) != 0) {
-    zev_debug(kError, "%s: chown failed : %s\n", __func__, strerror(errno));
-    return -1;
-  }
-  return 0;
 }

@@ -1,20 +1,33 @@
-// Console logs, the consolidated log and the dated directories that they live in.
+// Console logs and the consolidated log.
 //
 // Records are written and logs are closed by the console output monitor with acl_lock held for
 // writing. A console's log is opened by the thread that owns the console's list: cons_conn, with
-// icl_lock, when it connects; the monitor when logs are rotated. What they share, the directories,
-// has a mutex of its own, taken last but for the leaves that posting an event and debug output
-// need.
+// icl_lock, when it connects; the monitor when logs are rotated or a console is renamed. What they
+// share, the directories, takes care of itself (log_directory.h).
 #pragma once
-
-#include <cstddef>
 
 #include "cons_conn.h"
 
 // ---- Logs ---------------------------------------------------------------------------------------
 
-/// Opens the console's log, making the dated directory first where it is missing. 0, or -1. A new
-/// log that cannot be given its group or mode ends the process.
+/// The file name of a console's log.
+class LogName {
+ public:
+  explicit LogName(const char* cname);
+
+  const char* text() const { return text_; }
+
+  /// False for a name that leads elsewhere, or to the consolidated log: that console has no log.
+  bool is_usable() const { return usable_; }
+
+ private:
+  char text_[kNameSize + sizeof ".log" - 1];
+  bool usable_;
+};
+
+/// Opens the console's log, making the dated directory first where it is missing. 0, or -1 with a
+/// word about the reason; the console is served without a log then. A new log that cannot be given
+/// its group or mode ends the process.
 int OpenLogFile(ConsoleNode* cnode);
 
 /// The same for the log of everything that nobody watched; a failure never ends the process.
@@ -52,23 +65,3 @@ void RemoveCRsAndNULLs(const char* inbuf, char* outbuf, int* count);
 
 /// Copies without NUL bytes.
 void RemoveNULLs(const char* inbuf, char* outbuf, int* count);
-
-// ---- Directories --------------------------------------------------------------------------------
-
-/// 1 when the current dated directory is at least log_archive_time seconds old, else 0. Console
-/// output monitor, or before the threads start.
-int LogDirExpired();
-
-/// Points "current" at a new dated directory; all logs are closed. Caller as above.
-void ArchiveLogDir();
-
-int ZevDatedDirExists();
-int CreateZevDatedDir();
-
-/// 0 when "current" is missing or its target is.
-int SymlinkToCurrDirExists();
-int CreateSymlinkToCurrDir();
-void RemoveSymlinkToCurrDir();
-
-/// Builds the path of a dated directory for the present minute.
-void GetNewDirName(char* dirname, size_t size);

@@ -18,6 +18,7 @@
 #include "load.h"
 #include "lock_file.h"
 #include "log.h"
+#include "log_directory.h"
 #include "paths.h"
 #include "util.h"
 #include "zev.h"
@@ -104,8 +105,8 @@ int main(int argc, char** argv) {
   Initialize();
   ArrangeSignals();
   WarnOfNoSecurity();
-  if (security_enabled != 0) GenerateCookie();
   CheckConfigDir();
+  if (security_enabled != 0) GenerateCookie();
   LoadConfiguration();
   OpenLogs();
   CreateWorkerThreads();

@@ -6,7 +6,6 @@
 #include <getopt.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,6 +20,7 @@
 #include "event.h"
 #include "lock_file.h"
 #include "paths.h"
+#include "safe_file.h"
 #include "user_mon.h"
 #include "waker.h"
 
@@ -171,17 +171,18 @@ void MoveAside(const char* path) {
   rename(path, old_path);
 }
 
+// It is opened for appending: whoever copies it and cuts it short leaves no hole in it.
 int OpenOutputFile() {
   char path[kPathSize];
   snprintf(path, sizeof path, "%s/%s", log_dir, "zevd.log");
   MoveAside(path);
-  const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0770);
-  if (fd == -1) {
+  bool is_new = false;
+  const int fd = OpenOrMakeRegularFile(AT_FDCWD, path, O_WRONLY | O_APPEND, 0770, &is_new);
+  if (fd == -1 || ftruncate(fd, 0) != 0) {
     zev_debug(kError, "%s: open() failed : %s\n", "RunAsDaemon", strerror(errno));
     EXIT_PROCESS(1);
   }
-  struct stat root {};
-  if (stat(kQorRoot, &root) == 0 && fchown(fd, static_cast<uid_t>(-1), root.st_gid) != 0) {
+  if (GiveStationGroup(fd) != 0) {
     zev_debug(kError, "%s: chown failed : %s\n", "RunAsDaemon", strerror(errno));
     EXIT_PROCESS(1);
   }

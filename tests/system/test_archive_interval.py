@@ -218,11 +218,12 @@ def test_a_file_that_cannot_be_opened_ends_it_at_a_hangup(station, suite_file):
     assert reason in messages(station.log_text())
 
 
-def test_a_directory_in_its_place_is_a_file_without_the_line(station, suite_file, waker):
+def test_a_directory_in_its_place_ends_it_at_the_start(station, suite_file):
     suite_file.mkdir()
-    station.start("-a", "2w")
-    waker.accept()
-    never_archives(station, waker)
+    done = station.run("-f", "-S", "0", "-p", str(free_port()), "-a", "2w")
+    assert done.returncode == 1
+    assert messages(done.stdout) == [
+        f'GetZevdArchIntFromConfFile: fopen( "{suite_file}", ...) failed : Is a directory\n']
     assert list(suite_file.iterdir()) == []
 
 

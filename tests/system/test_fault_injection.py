@@ -93,9 +93,6 @@ def no_memory(*functions: str, after: After = After.WORK) -> tuple[Says, ...]:
 # In place of a message: the call's result tells the daemon nothing that it has to speak of.
 SILENT = (Says("", After.WORK),)
 
-# The same, but something stays undone: a file whose look-up fails counts as one that is not there.
-UNSEEN = (Says("", After.HELP),)
-
 TERMINATED = event("Terminated.............")
 
 ALREADY_RUNNING = "zevd is already running"
@@ -156,6 +153,8 @@ LOG_LOST = help_needed(
     "CreateSymlinkToCurrDir: symlink failed : {e}", "CreateSymlinkToCurrDir: chown failed : {e}",
     "WriteLogFile: Log file for * has not been opened.",
 )
+LOG_NOT_RENAMED = help_needed("UpdateConsole : rename() failed : {e}")
+LINK_LEFT = work("RemoveSymlinkToCurrDir: unlink() failed : {e}")
 RECORD_LOST = lost("WriteBuffer: write() failed for console \"*\" : {e}",
                    "WriteBuffer: write() failed for \"consolidated.log\" : {e}")
 
@@ -229,28 +228,28 @@ START: Table = {
         + CONSOLE_LOST + PORT_WITHOUT_MEMORY + WAITS_WITHOUT_MEMORY
         + end(f"GetCommandLineOptions: malloc() failed : {NO_MEMORY}")
         + no_memory("InitUserList", "InitCommandList", "InitEventSetList", "InitMappedPortList")),
-    "open": (SILENT + lock("open( \"*/zev.lock\", ...)") + EVENTS_LOST + LOG_LOST),
+    "open": SILENT + EVENTS_LOST,
+    "openat": NO_INTERVAL + lock("open( \"*/zev.lock\", ...)") + LOG_LOST,
     "stat": SILENT,
     "lstat": SILENT,
-    "chown": NO_INTERVAL + lock("chown( */zev.lock, ...)") + LOG_LOST,
-    "chmod": NO_INTERVAL,
-    "fchown": NEW_LOG_REFUSED,
-    "fchmod": NEW_LOG_REFUSED,
+    "fchown": NO_INTERVAL + lock("chown( */zev.lock, ...)") + LOG_LOST + NEW_LOG_REFUSED,
+    "fchmod": NO_INTERVAL + NEW_LOG_REFUSED,
     "flock": lock("flock()"),
     "gethostname": lock("gethostname()"),
     "ftruncate": lock("ftruncate()"),
     "write": SILENT + lock("write()"),
     "read": SILENT,
     "writev": RECORD_LOST,
-    "mkdir": LOG_LOST,
-    "unlink": SILENT,
-    "symlink": LOG_LOST,
+    "mkdirat": LOG_LOST,
+    "unlinkat": SILENT,
+    "symlinkat": LOG_LOST,
+    "readlinkat": SILENT + LOG_LOST,
     "opendir": EVENTS_LOST + NOT_COUNTED,
     "readdir": SILENT + EVENTS_LOST + NOT_COUNTED,
     "closedir": SILENT,
-    "fopen": NO_INTERVAL + NO_CONFIG + NO_MODELS,
-    "fdopen": EVENTS_LOST,
-    "fstat": EVENTS_LOST,
+    "fopen": NO_CONFIG + NO_MODELS,
+    "fdopen": NO_INTERVAL + EVENTS_LOST,
+    "fstat": SILENT + NO_INTERVAL + EVENTS_LOST + LOG_LOST,
     "fgets": EVENTS_LOST + CONSOLE_LOST + NO_MODELS,
     "fclose": SILENT + NO_INTERVAL,
     "fprintf": NO_INTERVAL,
@@ -280,12 +279,14 @@ NO_COOKIE = (
     + end("GenerateCookie: chown( */.cookie, ...) failed : {e}",
           event("Terminated: Cannot chown cookie file"))
     + end("GenerateCookie: chmod( */.cookie, ...) failed : {e}",
-          event("Terminated: Cannot chmod cookie file")))
+          event("Terminated: Cannot chmod cookie file"))
+    + end("GenerateCookie: getrandom() failed : {e}", event("Terminated: Cannot draw cookie")))
 
 # What a start with security does besides; the calls that it has in common are tried here as well.
 SECURE_START: Table = {
-    call: START[call] + NO_COOKIE
-    for call in ("fopen", "fprintf", "fclose", "chown", "chmod", "stat")
+    call: START.get(call, ()) + NO_COOKIE
+    for call in ("openat", "fdopen", "fprintf", "fclose", "fchown", "fchmod", "ftruncate", "stat",
+                 "fstat", "getrandom")
 }
 
 # What a start in the background does besides. Whatever fails after daemon() and before zevd.log is
@@ -335,22 +336,25 @@ ATTACH_BY_PORT: Table = {
 RELOAD: Table = {
     **waits(Thread.MAIN, Thread.CONS_CONN),
     ALLOCATION: (SILENT + NO_INTERVAL + NO_CONFIG + EVENTS_WITHOUT_MEMORY + CONSOLE_LOST
-                 + PORT_WITHOUT_MEMORY + WAITS_WITHOUT_MEMORY),
+                 + PORT_WITHOUT_MEMORY + WAITS_WITHOUT_MEMORY + no_memory("LookAtHolders")),
     "opendir": EVENTS_LOST,
     "readdir": SILENT + EVENTS_LOST,
-    "open": EVENTS_LOST + LOG_LOST,
-    "fdopen": EVENTS_LOST,
-    "fstat": EVENTS_LOST,
+    "open": EVENTS_LOST,
+    "openat": SILENT + NO_INTERVAL + LOG_LOST,
+    "fdopen": NO_INTERVAL + EVENTS_LOST,
+    "fstat": SILENT + NO_INTERVAL + EVENTS_LOST + LOG_LOST + LOG_NOT_RENAMED,
     "fgets": EVENTS_LOST + CONSOLE_LOST,
     "regcomp": EVENTS_LOST,
     "epoll_ctl": SILENT + UNWATCHED,
-    "fopen": NO_CONFIG + NO_INTERVAL,
+    "fopen": NO_CONFIG,
     "getline": SILENT,
     "fclose": SILENT,
     "closedir": SILENT,
-    "stat": UNSEEN,
+    "stat": SILENT,
     "lstat": SILENT,
-    "rename": help_needed("UpdateConsole : rename() failed : {e}"),
+    "fstatat": SILENT,
+    "readlinkat": SILENT + LOG_LOST,
+    "renameat2": LOG_NOT_RENAMED,
     "socket": PORT_LOST + NO_DESCRIPTOR,
     "bind": PORT_LOST,
     "listen": PORT_LOST,
@@ -368,12 +372,13 @@ RELOAD: Table = {
 ROTATION: Table = {
     "stat": SILENT,
     "lstat": SILENT,
-    "unlink": SILENT + work("RemoveSymlinkToCurrDir: unlink() failed : {e}"),
-    "mkdir": LOG_LOST,
-    "symlink": LOG_LOST,
-    "chown": LOG_LOST,
-    "open": LOG_LOST,
-    "fchown": NEW_LOG_REFUSED,
+    "unlinkat": SILENT + LINK_LEFT,
+    "mkdirat": LOG_LOST,
+    "symlinkat": LOG_LOST,
+    "readlinkat": SILENT + LOG_LOST,
+    "openat": LINK_LEFT + LOG_LOST,
+    "fstat": SILENT + LOG_LOST,
+    "fchown": LOG_LOST + NEW_LOG_REFUSED,
     "fchmod": NEW_LOG_REFUSED,
     "writev": RECORD_LOST,
     "close": SILENT,
@@ -713,8 +718,6 @@ class Injection:
             if (self.call, self.thread) in WAITS:
                 subject.until(lambda: subject.calls.seen > 0, "the thread to wait")
             subject.calls.disarm()
-            if UNSEEN[0] in self.row and subject.calls.fired and not self.complaints():
-                subject.heal()
             subject.works()
         except Costly:
             subject.costly = None

@@ -404,11 +404,3 @@ def test_a_directory_in_the_place_of_a_log(station):
     station.wait_log("WriteLogFile: Log file for box has not been opened.")
     wait_records(log_of(station, "other"), [b"ready\n"])
     assert of_console(consolidated_records(consolidated(station)), "box") == []
-
-
-def test_a_console_named_like_the_consolidated_log_shares_it(station):
-    box = station.console("consolidated", greeting=b"up\n")
-    station.start("-d", "1")
-    box.accept()
-    wait_until(lambda: read(consolidated(station)).count(b"\n") == 2, what="both records")
-    assert re.fullmatch(rb"\S+ up\n\S+ consolidated up\n", read(consolidated(station)))

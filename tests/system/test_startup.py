@@ -10,6 +10,7 @@ import time
 
 import pytest
 
+from harness import settings
 from harness.debuglog import messages
 from harness.isolation import children
 from harness.station import Detached
@@ -312,25 +313,36 @@ def wait_for_end(detached: set[int]) -> int:
     return process.returncode
 
 
-def test_a_stranger_who_takes_the_lock_while_it_detaches_wins(station):
-    # The daemon opens its output file between giving the lock back and taking it again; a pipe
-    # without a reader holds it there. It stays in place because the old name is taken by a
-    # directory.
-    pipe = station.logs / "zevd.log"
-    os.mkfifo(pipe)
-    (station.logs / "zevd.log.old" / "zevd.log").mkdir(parents=True)
-    (station.logs / "zevd.log.old" / "zevd.log" / "kept").touch()
+STRANGER = r"""
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/file.h>
+int daemon(int keep_directory, int keep_output) {
+  int (*next)(int, int) = (int (*)(int, int))dlsym(RTLD_NEXT, "daemon");
+  const int result = next(keep_directory, keep_output);
+  flock(open(getenv("STRANGERS_LOCK"), O_RDWR), LOCK_EX | LOCK_NB);
+  return result;
+}
+"""
+
+
+def test_a_stranger_who_takes_the_lock_while_it_detaches_wins(station, tmp_path):
+    """A lock that is taken through another opening of the file is somebody else's."""
+    library = tmp_path / "stranger.so"
+    subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", library], input=STRANGER,
+                   text=True, check=True)
     before = children()
-    done = station.run("-S", "0", "-d", "1", "-p", str(free_port()))
+    done = station.run("-S", "0", "-d", "1", "-p", str(free_port()),
+                       env={"LD_PRELOAD": str(library), "STRANGERS_LOCK": str(station.lock_file),
+                            **settings.sanitizer_options("verify_asan_link_order=0")})
     assert done.returncode == 0
-    with open(station.lock_file, "r+b") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-        with open(pipe, encoding="latin-1") as output:
-            said = messages(output.read())
+    assert wait_for_end(children() - before) == 1
+    said = messages((station.logs / "zevd.log").read_text(encoding="latin-1"))
     assert said[0] == "Lock: flock() failed : Resource temporarily unavailable\n"
     assert said[1] == "zevd is already running on this machine.\n"
     assert re.fullmatch(EXIT_TRACE.format(1) + "\n", said[2]) and len(said) == 3
-    assert wait_for_end(children() - before) == 1
 
 
 # One instance to a machine

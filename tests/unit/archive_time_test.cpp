@@ -260,14 +260,31 @@ TEST_F(ArchiveTimeTest, FileThatCannotBeMadeEndsTheProcess) {
   EXPECT_ENDS_WITH("fopen( \"root/config/qor.conf\", ...) failed : No such file or directory\n");
 }
 
-TEST_F(ArchiveTimeTest, LinkToNowhereIsMadeAsAFile) {
+TEST_F(ArchiveTimeTest, LinkIsNotFollowed) {
   std::filesystem::create_symlink("elsewhere", kFile);
-  GetZevdArchIntFromConfFile();
-  EXPECT_EQ(test::ReadFile("root/config/elsewhere"), "ZEVD_ARCH_INT=7\n");
+  EXPECT_ENDS_WITH(
+      "fopen( \"root/config/qor.conf\", ...) failed : Too many levels of symbolic links\n");
+  EXPECT_FALSE(std::filesystem::exists("root/config/elsewhere"));
+  test::WriteFile("root/config/elsewhere", "ZEVD_ARCH_INT=3\n");
+  EXPECT_ENDS_WITH(
+      "fopen( \"root/config/qor.conf\", ...) failed : Too many levels of symbolic links\n");
+}
+
+TEST_F(ArchiveTimeTest, FileWithTwoNamesIsNotTaken) {
+  test::WriteFile("root/config/elsewhere", "ZEVD_ARCH_INT=3\n");
+  std::filesystem::create_hard_link("root/config/elsewhere", kFile);
+  GiveOption("2w");
+  EXPECT_ENDS_WITH("fopen( \"root/config/qor.conf\", ...) failed : Too many links\n");
+  EXPECT_EQ(test::ReadFile("root/config/elsewhere"), "ZEVD_ARCH_INT=3\n");
+}
+
+TEST_F(ArchiveTimeTest, PipeIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo(kFile, 0600), 0);
+  EXPECT_ENDS_WITH("fopen( \"root/config/qor.conf\", ...) failed : No such device or address\n");
 }
 
 TEST_F(ArchiveTimeTest, GroupThatCannotBeGivenEndsTheProcess) {
-  const test::FailCall failure(test::Call::kChown, EPERM);
+  const test::FailCall failure(test::Call::kFchown, EPERM);
   EXPECT_ENDS_WITH("chown( root/config/qor.conf, ...) failed : Operation not permitted\n");
 }
 

@@ -102,7 +102,7 @@ TEST_F(LockFileTest, NewFileGetsTheGroupOfTheRootAndKeepsItsOwner) {
 TEST_F(LockFileTest, OldFileKeepsItsGroupAndMode) {
   test::WriteFile(kPath, "");
   chmod(kPath, 0644);
-  const test::FailCall chowns(test::Call::kChown, EPERM);
+  const test::FailCall chowns(test::Call::kFchown, EPERM);
   EXPECT_EQ(Lock(), 0);
   EXPECT_EQ(chowns.calls(), 0);
   EXPECT_EQ(FileStatus(kPath).st_mode & 07777U, 0644U);
@@ -194,7 +194,7 @@ TEST_P(LockFailureTest, IsReportedAndLeavesTheDescriptorOpen) {
 INSTANTIATE_TEST_SUITE_P(
     Calls, LockFailureTest,
     ::testing::Values(
-        LockFailure{"Chown", test::Call::kChown, EPERM,
+        LockFailure{"Chown", test::Call::kFchown, EPERM,
                     "Lock: chown( root/config/zev.lock, ...) failed : Operation not permitted\n"},
         LockFailure{"Gethostname", test::Call::kGethostname, ENAMETOOLONG,
                     "Lock: gethostname() failed : File name too long\n"},
@@ -219,12 +219,32 @@ TEST_F(LockFileTest, DescriptorIsLeftOpenWhenAnotherHoldsTheLock) {
   EXPECT_THAT(OpenDescriptors(), SizeIs(2));
 }
 
-// A file that is not a regular one cannot be truncated: the system's own answer.
-TEST_F(LockFileTest, DeviceInPlaceOfTheFileIsRefused) {
-  std::filesystem::create_symlink("/dev/null", kPath);
+TEST_F(LockFileTest, LinkInPlaceOfTheFileIsNotFollowed) {
+  test::WriteFile("root/other", "kept");
+  std::filesystem::create_symlink(std::filesystem::absolute("root/other"), kPath);
   const test::DebugCapture capture(0);
   EXPECT_EQ(Lock(), -1);
-  EXPECT_THAT(capture.Messages(), ElementsAre("Lock: ftruncate() failed : Invalid argument\n"));
+  std::array<char, 65> host{};
+  EXPECT_EQ(GetHostFromLockFile(host.data(), host.size()), -1);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("Lock: open( \"root/config/zev.lock\", ...) failed : "
+                          "Too many levels of symbolic links\n",
+                          "GetHostFromLockFile: fopen( \"root/config/zev.lock\", ...) failed : "
+                          "Too many levels of symbolic links\n"));
+  EXPECT_EQ(test::ReadFile("root/other"), "kept");
+}
+
+TEST_F(LockFileTest, PipeInPlaceOfTheFileIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo(kPath, 0600), 0);
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(Lock(), -1);
+  std::array<char, 65> host{};
+  EXPECT_EQ(GetHostFromLockFile(host.data(), host.size()), -1);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("Lock: open( \"root/config/zev.lock\", ...) failed : "
+                          "No such device or address\n",
+                          "GetHostFromLockFile: fopen( \"root/config/zev.lock\", ...) failed : "
+                          "No such device or address\n"));
 }
 
 // ---- Unlock -------------------------------------------------------------------------------------
@@ -325,7 +345,8 @@ TEST_F(LockFileTest, UnreadableFileGivesNoHost) {
   std::array<char, 65> host{};
   EXPECT_EQ(GetHostFromLockFile(host.data(), host.size()), -1);
   EXPECT_THAT(capture.Messages(),
-              ElementsAre("GetHostFromLockFile: fgets() failed : Is a directory\n"));
+              ElementsAre("GetHostFromLockFile: fopen( \"root/config/zev.lock\", ...) failed : "
+                          "Is a directory\n"));
 }
 
 TEST_F(LockFileTest, EveryFunctionWritesItsEntryLine) {

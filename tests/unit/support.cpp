@@ -739,8 +739,6 @@ using test::Call;
 
 WRAP_ERRNO(int, accept4, Call::kAccept, (int fd, sockaddr* peer, socklen_t* length, int flags),
            (fd, peer, length, flags))
-WRAP_ERRNO(int, chown, Call::kChown, (const char* path, uid_t owner, gid_t group),
-           (path, owner, group))
 WRAP_ERRNO(int, connect, Call::kConnect, (int fd, const sockaddr* peer, socklen_t length),
            (fd, peer, length))
 WRAP_ERRNO(int, daemon, Call::kDaemon, (int no_chdir, int no_close), (no_chdir, no_close))

@@ -355,7 +355,6 @@ class FailAllocation {
 /// System and library calls that can be made to fail.
 enum class Call {
   kAccept,
-  kChown,
   kConnect,
   kDaemon,
   kEpollCreate,

@@ -611,7 +611,6 @@ TEST_F(DaemonizeTest, GroupThatCannotBeGivenEndsTheProcess) {
       {
         test::SendDebugToStderr(kInfo);
         const test::FailCall pretence(test::Call::kDaemon, test::FailCall::kPretend);
-        const test::FailCall chown(test::Call::kChown, EPERM);
         const test::FailCall fchown(test::Call::kFchown, EPERM);
         RunAsDaemon();
       },

@@ -23,6 +23,7 @@
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -244,17 +245,29 @@ int open(const char *path, int flags, ...) {
   return fails("open") ? -1 : NEXT(open)(path, flags, mode);
 }
 
+int openat(int directory, const char *path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  return fails("openat") ? -1 : NEXT(openat)(directory, path, flags, mode);
+}
+
 FAILING(DIR *, opendir, (const char *path), (path), NULL)
 FAILING(struct dirent *, readdir, (DIR * directory), (directory), NULL)
 FAILING_AFTERWARDS(int, closedir, (DIR * directory), (directory), -1)
-FAILING(int, mkdir, (const char *path, mode_t mode), (path, mode), -1)
+FAILING(int, mkdirat, (int directory, const char *path, mode_t mode), (directory, path, mode), -1)
 FAILING(int, rename, (const char *from, const char *to), (from, to), -1)
-FAILING(int, unlink, (const char *path), (path), -1)
-FAILING(int, symlink, (const char *target, const char *path), (target, path), -1)
-FAILING(int, lstat, (const char *path, struct stat *found), (path, found), -1)
-FAILING(int, fstat, (int fd, struct stat *found), (fd, found), -1)
-FAILING(int, chown, (const char *path, uid_t owner, gid_t group), (path, owner, group), -1)
-FAILING(int, chmod, (const char *path, mode_t mode), (path, mode), -1)
+FAILING(int, renameat2,
+        (int from_dir, const char *from, int to_dir, const char *to, unsigned int flags),
+        (from_dir, from, to_dir, to, flags), -1)
+FAILING(int, unlinkat, (int directory, const char *path, int flags), (directory, path, flags), -1)
+FAILING(int, symlinkat, (const char *target, int directory, const char *path),
+        (target, directory, path), -1)
+FAILING(ssize_t, readlinkat, (int directory, const char *path, char *target, size_t size),
+        (directory, path, target, size), -1)
+FAILING(int, fstatat, (int directory, const char *path, struct stat *found, int flags),
+        (directory, path, found, flags), -1)
 FAILING(int, fchown, (int fd, uid_t owner, gid_t group), (fd, owner, group), -1)
 FAILING(int, fchmod, (int fd, mode_t mode), (fd, mode), -1)
 FAILING(int, ftruncate, (int fd, off_t size), (fd, size), -1)
@@ -265,12 +278,17 @@ FAILING(FILE *, fdopen, (int fd, const char *mode), (fd, mode), NULL)
 FAILING_AFTERWARDS(int, fclose, (FILE * file), (file), EOF)
 
 /* A new file is as new by the daemon's clock as it is by the kernel's. */
-int stat(const char *path, struct stat *found) {
-  if (fails("stat")) return -1;
-  const int result = NEXT(stat)(path, found);
-  if (result == 0) found->st_ctim.tv_sec += atomic_load(&control->ahead);
-  return result;
-}
+#define EXAMINING(name, parameters, arguments)                                \
+  int name parameters {                                                       \
+    if (fails(#name)) return -1;                                              \
+    const int result = NEXT(name) arguments;                                  \
+    if (result == 0) found->st_ctim.tv_sec += atomic_load(&control->ahead);   \
+    return result;                                                            \
+  }
+
+EXAMINING(stat, (const char *path, struct stat *found), (path, found))
+EXAMINING(lstat, (const char *path, struct stat *found), (path, found))
+EXAMINING(fstat, (int fd, struct stat *found), (fd, found))
 
 /* What a stream says of itself after an error. */
 static void mark(FILE *file) {
@@ -341,6 +359,7 @@ int fflush(FILE *file) {
 FAILING(int, getrlimit, (__rlimit_resource_t resource, struct rlimit *limit), (resource, limit), -1)
 FAILING(int, setrlimit, (__rlimit_resource_t resource, const struct rlimit *limit),
         (resource, limit), -1)
+FAILING(ssize_t, getrandom, (void *data, size_t size, unsigned int flags), (data, size, flags), -1)
 FAILING(int, gethostname, (char *name, size_t size), (name, size), -1)
 FAILING(int, daemon, (int keep_directory, int keep_output), (keep_directory, keep_output), -1)
 FAILING(int, sigtimedwait, (const sigset_t *set, siginfo_t *info, const struct timespec *limit),

@@ -1,0 +1,64 @@
+// The dated directories of the logs and the link "current" to the one in use.
+//
+// The console output monitor begins a new directory while the connection thread may open a log, so
+// a mutex makes them take turns. It is taken last but for the leaves that posting an event and
+// debug output need.
+//
+// Members of the station's group may write in these directories. What is found there is therefore
+// reached from directory to directory by descriptors, and no link is ever followed: "current" is
+// read for the name that it ends in.
+#pragma once
+
+#include <cstddef>
+#include <mutex>
+
+#include "paths.h"
+#include "safe_file.h"
+
+/// A path below the log directory. The slash that the second part begins with is kept, doubled.
+struct LogPath {
+  char text[kPathSize];
+  explicit LogPath(const char* second);
+  LogPath(const char* second, const char* third);
+};
+
+inline constexpr char kDatedDir[] = "/zev.dated";
+inline constexpr char kCurrentDir[] = "/zev.dated/current";
+
+/// The directory in use, which stays the same one for as long as this lives.
+class CurrentLogDir {
+ public:
+  enum class IfMissing { kMake, kLeave };
+
+  explicit CurrentLogDir(IfMissing if_missing);
+
+  /// False when it is missing and could not be made, which has been reported, or was not to be.
+  bool exists() const { return exists_; }
+
+  /// -1 with errno set when it exists but cannot be opened.
+  int descriptor() const { return directory_.get(); }
+
+ private:
+  const std::lock_guard<std::mutex> lock_;
+  const bool exists_;
+  const ScopedDescriptor directory_;
+};
+
+/// 1 when the current dated directory is at least log_archive_time seconds old, else 0. Console
+/// output monitor, or before the threads start.
+int LogDirExpired();
+
+/// Points "current" at a new dated directory; all logs are closed. Caller as above.
+void ArchiveLogDir();
+
+/// 0 when "zev.dated" is missing or no directory.
+int ZevDatedDirExists();
+int CreateZevDatedDir();
+
+/// 0 unless "current" is a link to a directory that stands in "zev.dated" itself.
+int SymlinkToCurrDirExists();
+int CreateSymlinkToCurrDir();
+void RemoveSymlinkToCurrDir();
+
+/// Builds the path of a dated directory for the present minute.
+void GetNewDirName(char* dirname, size_t size);
