@@ -2,8 +2,6 @@
 // icl_lock held for writing.
 #include "load.h"
 
-#include <sys/stat.h>
-
 #include <bit>
 #include <cerrno>
 #include <cstdio>
@@ -15,7 +13,7 @@
 
 #include "error.h"
 #include "event_set.h"
-#include "paths.h"
+#include "log_rename.h"
 #include "waker.h"
 #include "zev.h"
 
@@ -149,38 +147,8 @@ void PrintList(const ConsoleList& list) {
   }
 }
 
-void FormatLogPath(char* path, size_t size, const char* cons_name) {
-  snprintf(path, size, "%s/%s/%s.log", log_dir, "/zev.dated/current", cons_name);
-}
-
-bool Exists(const char* path) {
-  struct stat info {};
-  return stat(path, &info) == 0;
-}
-
-// A log that stands under the new name already is not written over: posting an event renames a
-// console too, and its earlier lines may be in there.
-int RenameWithoutLoss(const char* old_path, const char* new_path) {
-  struct stat info {};
-  if (stat(new_path, &info) != 0 || !S_ISREG(info.st_mode)) return rename(old_path, new_path);
-  errno = EEXIST;
-  return -1;
-}
-
-// The log follows the console's new name; an open descriptor goes on writing to the renamed file.
-void RenameLog(const char* old_name, const char* new_name) {
-  constexpr size_t kLogPathSize = 8192;
-  char old_path[kLogPathSize];
-  char new_path[kLogPathSize];
-  FormatLogPath(old_path, sizeof old_path, old_name);
-  FormatLogPath(new_path, sizeof new_path, new_name);
-  if (Exists(old_path) && RenameWithoutLoss(old_path, new_path) != 0) {
-    zev_debug(kError, "%s : rename() failed : %s\n", "UpdateConsole", strerror(errno));
-  }
-}
-
+// All but the name, which the log follows.
 void CopySettings(const ConsoleNode& from, ConsoleNode* to) {
-  CopyText(to->cname, from.cname);
   CopyText(to->pname, from.pname);
   CopyText(to->ipaddr, from.ipaddr);
   CopyText(to->model, from.model);
@@ -194,8 +162,9 @@ void CopySettings(const ConsoleNode& from, ConsoleNode* to) {
   to->enode = from.enode;
 }
 
-void Overwrite(const ConsoleNode& configured, ConsoleNode* live) {
-  if (strcmp(live->cname, configured.cname) != 0) RenameLog(live->cname, configured.cname);
+void Overwrite(const ConsoleNode& configured, ConsoleNode* live, LogRenames* renames)
+    REQUIRES(acl_lock, icl_lock) {
+  if (strcmp(live->cname, configured.cname) != 0) renames->Rename(live, configured.cname);
   CopySettings(configured, live);
   live->deleted = 0;
   if (live->enable == 0) live->status = kNotConnected;
@@ -295,11 +264,12 @@ void MergeConsoleLists(ConsoleList* new_list) {
   MarkConsolesAsDeleted(a_cons_list);
   AddressTable inaccessible(*i_cons_list, AddressTable::Length(*new_list));
   const AddressTable accessible(*a_cons_list, 0);
+  LogRenames renames;
   const ListBatch leaving(*new_list);
   const ListBatch joining(*i_cons_list);
   for (ConsoleNode* cnode : Nodes(*new_list)) {
-    if (UpdateConsole(cnode, i_cons_list, &inaccessible) == 1 ||
-        UpdateConsole(cnode, a_cons_list, &accessible) == 1) {
+    if (UpdateConsole(cnode, i_cons_list, &renames, &inaccessible) == 1 ||
+        UpdateConsole(cnode, a_cons_list, &renames, &accessible) == 1) {
       continue;
     }
     RemoveConsoleFromList(cnode, new_list);
@@ -317,7 +287,8 @@ void MarkConsolesAsDeleted(ConsoleList* cons_list) {
   cons_mon_waker.Wake();
 }
 
-int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list, const AddressTable* table) {
+int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list, LogRenames* renames,
+                  const AddressTable* table) {
   ENTERING();
   ConsoleNode* live = table != nullptr && table->usable()
                           ? table->Find(*cnode)
@@ -325,7 +296,7 @@ int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list, const Addres
                               return HasSameAddress(candidate, *cnode);
                             });
   if (live == nullptr) return 0;
-  Overwrite(*cnode, live);
+  Overwrite(*cnode, live, renames);
   return 1;
 }
 

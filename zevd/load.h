@@ -18,12 +18,13 @@ void MergeConsoleLists(ConsoleList* new_list) REQUIRES(acl_lock, icl_lock);
 void MarkConsolesAsDeleted(ConsoleList* cons_list);
 
 class AddressTable;
+class LogRenames;
 
-/// Updates the first console of `cons_list` with the address and console port of `cnode`. 1 when
-/// there was one, else 0. It is looked up in `table`, which holds the list's consoles; without one
-/// they are compared one by one.
-int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list,
-                  const AddressTable* table = nullptr);
+/// Updates the first console of `cons_list` with the address and console port of `cnode`; its log
+/// follows a new name. 1 when there was one, else 0. It is looked up in `table`, which holds the
+/// list's consoles; without one they are compared one by one.
+int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list, LogRenames* renames,
+                  const AddressTable* table = nullptr) REQUIRES(acl_lock, icl_lock);
 
 /// Writes both live lists at level 1; takes no lock.
 void PrintConsoles();

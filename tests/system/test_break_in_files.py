@@ -17,9 +17,9 @@ from harness.cookies import cookie_file
 from harness.debuglog import messages
 from harness.isolation import children
 from harness.logs import (add_waker, bring_up, consolidated, consolidated_records, current, dated,
-                          log_of, read, rotate, wait_records)
-from harness.scenes import echo_time, print_and_wait
-from harness.station import Detached
+                          log_of, read, records, rotate, wait_records)
+from harness.scenes import echo_time, print_and_wait, reload
+from harness.station import Detached, console_line
 from harness.waiting import free_port, wait_until
 
 pytestmark = pytest.mark.needs_namespace
@@ -398,3 +398,66 @@ def test_a_console_with_such_a_name_is_served_without_a_log(station, treasure, n
                                                                         "consolidated.log"]
     assert list(station.root.glob("**/stolen*")) == []
     treasure.untouched()
+
+
+@pytest.mark.parametrize("name", NAMES)
+def test_a_console_that_is_given_such_a_name_takes_no_file_along(station, treasure, name):
+    name = name.format(root=station.root)
+    box = station.console("box")
+    bring_up(station, box)
+    station.wait_connected("box")
+    print_and_wait(station, box, b"logged\nbegun")
+    position = station.mark()
+    station.write_config(console_line(name, box.port))
+    reload(station)
+    station.wait_log(f'OpenLogFile: open() failed for "{station.logs}//zev.dated/current/{name}.log'
+                     '" : Invalid argument', after=position)
+    user = station.attach(name)
+    assert echo_time(user, box, b"k", limit=5) < 5
+    assert records(log_of(station, "box")) == [b"logged\n", b"begun", b"\n"]
+    assert list(station.root.glob("**/stolen*")) == []
+    treasure.untouched()
+
+    # With a name that may have a log it gets one at once.
+    station.write_config(console_line("chest", box.port))
+    reload(station)
+    user.close()
+    box.send(b"again\n")
+    wait_until(lambda: b"again\n" in read(log_of(station, "chest")), what="the record")
+
+
+def test_two_consoles_that_swap_their_names_swap_their_logs(station):
+    boxes = {name: station.console(name) for name in ("left", "right")}
+    bring_up(station, *boxes.values())
+    for name, box in boxes.items():
+        station.wait_connected(name)
+        print_and_wait(station, box, b"was %s\nunended" % name.encode())
+    position = station.mark()
+    station.write_config(console_line("right", boxes["left"].port)
+                         + console_line("left", boxes["right"].port))
+    reload(station)
+    boxes["left"].send(b"became right\n")
+    boxes["right"].send(b"became left\n")
+    wait_records(log_of(station, "left"),
+                 [b"was left\n", b"unended", b"\n", b"became left\n"])
+    wait_records(log_of(station, "right"),
+                 [b"was right\n", b"unended", b"\n", b"became right\n"])
+    assert "failed" not in station.log_text(position)
+
+
+def test_names_that_move_on_from_console_to_console_mix_no_logs(station):
+    """The first takes the second's name before that has got the third's."""
+    boxes = [station.console(name) for name in ("a", "b", "c")]
+    bring_up(station, *boxes)
+    for name, box in zip("abc", boxes):
+        station.wait_connected(name)
+        print_and_wait(station, box, b"was %s\n" % name.encode())
+    station.write_config("".join(console_line(name, box.port)
+                                 for name, box in zip("bcd", boxes)))
+    reload(station)
+    for name, box in zip(b"bcd", boxes):
+        box.send(b"is %c\n" % name)
+    wait_records(log_of(station, "a"), [b"was a\n"])
+    wait_records(log_of(station, "b"), [b"was b\n", b"is b\n"])
+    wait_records(log_of(station, "c"), [b"was c\n", b"is c\n"])
+    wait_records(log_of(station, "d"), [b"is d\n"])

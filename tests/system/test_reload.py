@@ -104,7 +104,8 @@ def test_a_log_file_that_cannot_be_renamed_costs_only_that(station, box):
     (current / "box.log").write_text("what was logged\n")
     user = station.attach("box")
     position = configure(station, console_line("chest", box.port))
-    station.wait_log("UpdateConsole : rename() failed : Is a directory", after=position)
+    station.wait_log(f'OpenLogFile: open() failed for "{station.logs}//zev.dated/current/chest.log"'
+                     " : Is a directory", after=position)
     assert (current / "box.log").read_text().startswith("what was logged\n")
     serves(user, box)
     station.attach("chest")
