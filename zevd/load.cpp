@@ -75,6 +75,28 @@ bool SplitLine(char* line, int line_number, char* (&fields)[kFieldCount]) {
   return true;
 }
 
+/// The consoles whose authentication flag is a word, such as "yes", which counts as 0: whoever
+/// wrote it thinks that they ask for a login.
+struct FlagsWithoutNumber {
+  int count = 0;
+  char first[kNameSize] = "";
+
+  void Look(const char* name, const char* flag) {
+    char* end = nullptr;
+    strtol(flag, &end, 10);
+    if ((end != flag && *end == '\0') || atoi(flag) == 1) return;
+    if (count++ == 0) CopyText(first, name);
+  }
+
+  void Report() const {
+    if (count == 0) return;
+    zev_debug(kError,
+              "%s: Consoles without a login because their authentication flag is no number: %d, "
+              "the first is \"%s\".\n",
+              kLoad, count, first);
+  }
+};
+
 EventSetNode* FindEventFile(const char* name, const char* cons_name) {
   if (strcmp(name, kNoEventFile) == 0) return nullptr;
   EventSetNode* enode = FindEventNode(name, ev_list);
@@ -121,11 +143,14 @@ int AddConfiguredConsole(char* const (&fields)[kFieldCount], ConsoleList* cons_l
 // not seen must not be taken for dropped ones.
 int LoadLines(FILE* file, ConsoleList* cons_list) {
   char line[kLineSize];
+  FlagsWithoutNumber flags;
   for (int line_number = 1; fgets(line, sizeof line, file) != nullptr; ++line_number) {
     char* fields[kFieldCount];
     if (!SplitLine(line, line_number, fields)) continue;
     if (AddConfiguredConsole(fields, cons_list) != 0) return -1;
+    flags.Look(fields[kName], fields[kAuthentication]);
   }
+  flags.Report();
   if (ferror(file) == 0) return 0;
   zev_debug(kError, "%s: fgets() failed : %s\n", kLoad, strerror(errno));
   return -1;

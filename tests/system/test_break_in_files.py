@@ -461,3 +461,25 @@ def test_names_that_move_on_from_console_to_console_mix_no_logs(station):
     wait_records(log_of(station, "b"), [b"was b\n", b"is b\n"])
     wait_records(log_of(station, "c"), [b"was c\n", b"is c\n"])
     wait_records(log_of(station, "d"), [b"is d\n"])
+
+
+# The word that is no number
+
+
+def test_flags_that_are_words_are_spoken_of_at_each_load(station):
+    box = station.console("box", auth="yes")
+    station.console("other", auth="on", enable=0)
+    station.console("right", auth=1, enable=0)
+    station.start("-d", "1")
+    text = ("LoadConfigFile: Consoles without a login because their authentication flag is no "
+            "number: {}, the first is \"{}\".")
+    station.wait_log(text.format(2, "box"))
+    position = station.mark()
+    station.write_config(console_line("box", box.port, auth=0)
+                         + console_line("other", free_port(), auth="on", enable=0))
+    reload(station)
+    station.wait_log(text.format(1, "other"), after=position)
+    position = station.mark()
+    station.write_config(console_line("box", box.port, auth=1))
+    reload(station)
+    assert "is no number" not in station.log_text(position)

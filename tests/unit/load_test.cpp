@@ -863,6 +863,34 @@ TEST_F(ReloadTest, MergeTellsManyConsolesOfOneAddressApart) {
   }
 }
 
+TEST_F(ReloadTest, FlagsThatAreNoNumbersAreCountedAtEachLoad) {
+  const auto report = [](int count, const std::string& first) {
+    return "LoadConfigFile: Consoles without a login because their authentication flag is no "
+           "number: " +
+           std::to_string(count) + ", the first is \"" + first + "\".\n";
+  };
+  test::DebugCapture capture(0);
+  EXPECT_EQ(Reload(Line("a", 1, "0 0 1 1") + Line("b", 2, "0 0 1 yes") + Line("c", 3, "0 0 1 0") +
+                   Line("d", 4, "0 0 1 0x1")),
+            0);
+  EXPECT_THAT(capture.NewMessages(), ElementsAre(report(2, "b")));
+  EXPECT_EQ(Reload(Line("a", 1, "0 0 1 on")), 0);
+  EXPECT_THAT(capture.NewMessages(), ElementsAre(report(1, "a")));
+  EXPECT_EQ(Reload(Line("a", 1, "0 0 1 0")), 0);
+  EXPECT_THAT(capture.NewMessages(), IsEmpty());
+}
+
+TEST_F(ReloadTest, NumbersAndTheFlagsOfIncompleteLinesAreNotCounted) {
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(Reload(Line("a", 1, "0 0 1 -3") + Line("b", 2, "0 0 1 07") + Line("c", 3, "0 0 1 1x") +
+                   "# d 127.0.0.1 1 0 0 A200 s \"OS\" 0 0 1 yes \"\" \n"),
+            0);
+  EXPECT_THAT(capture.Messages(), IsEmpty());
+  EXPECT_EQ(Reload("d 127.0.0.1 1 0 0 A200 s \"OS\" 0 0 1 yes\n"), 0);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("LoadConfigFile: Missing event file name at line 1\n"));
+}
+
 // ---- The steps ----------------------------------------------------------------------------------
 
 TEST_F(ReloadTest, MarkingMarksEveryNode) {
