@@ -66,6 +66,7 @@ def write_files(root: Path, consoles: tuple[Console, ...]) -> None:
     """Give the daemon the files of a small station."""
     for directory in ("config", "events", "logs"):
         (root / directory).mkdir()
+    (root / "config").chmod(0o750)
     (root / "config/models").write_text("A|A200\n")
     (root / "events/reports").write_text(PATTERNS)
     text = "".join(config_line(console) for console in consoles)
