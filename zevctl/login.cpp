@@ -10,6 +10,7 @@
 #include <fstream>
 #include <optional>
 
+#include "output.h"
 #include "prompt.h"
 
 namespace zevctl {
@@ -132,9 +133,7 @@ class Login {
   }
 
   void SendPassword() {
-    std::string answer = credentials_.Password() + "\n";
-    socket_.Send(answer, kAnswerLimit);
-    Wipe(answer);
+    socket_.Send(credentials_.Password().Line(), kAnswerLimit);
     socket_.Send(probe_, kAnswerLimit);
   }
 
@@ -162,13 +161,9 @@ Opening OpenOnce(const Settings& settings, Credentials& credentials, const std::
 
 }  // namespace
 
-Credentials::~Credentials() {
-  Wipe(password_);
-}
-
 const std::string& Credentials::Name() {
   if (!name_.empty()) return name_;
-  const auto answer = may_ask_ ? Ask("User name [" + offered_ + "]: ") : std::nullopt;
+  const auto answer = may_ask_ ? Ask("User name [" + Printable(offered_) + "]: ") : std::nullopt;
   if (!answer) {
     throw Failure(ExitStatus::kNotAdmitted,
                   "the daemon asks for a name and a password, and there is no terminal to ask you "
@@ -178,19 +173,15 @@ const std::string& Credentials::Name() {
   return name_;
 }
 
-const std::string& Credentials::Password() {
-  if (has_password_) return password_;
-  auto answer = AskSecret("Password: ");
-  if (!answer) throw Failure(ExitStatus::kNotAdmitted, "no password was given");
-  password_ = std::move(*answer);
-  has_password_ = true;
-  return password_;
+const Secret& Credentials::Password() {
+  if (!password_) password_ = AskSecret("Password: ");
+  if (!password_) throw Failure(ExitStatus::kNotAdmitted, "no password was given");
+  return *password_;
 }
 
 void Credentials::Forget() {
   name_.clear();
-  Wipe(password_);
-  has_password_ = false;
+  password_.reset();
 }
 
 LoginStep LoginDialogue::Next(std::string& received) {

@@ -2,11 +2,13 @@
 // by cookie or by name and password.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "exit_status.h"
 #include "refusal.h"
+#include "secret.h"
 #include "settings.h"
 #include "socket.h"
 
@@ -35,13 +37,12 @@ class Credentials {
   /// Where nobody may be asked: the connection fails when a login is wanted.
   static Credentials Unasked() { return Credentials("", false); }
 
-  ~Credentials();
   Credentials(const Credentials&) = delete;
   Credentials& operator=(const Credentials&) = delete;
 
   /// Both throw Failure(kNotAdmitted) when there is no terminal or no answer.
   const std::string& Name();
-  const std::string& Password();
+  const Secret& Password();
 
   /// Name and password were wrong; they are asked for again.
   void Forget();
@@ -52,8 +53,7 @@ class Credentials {
   std::string offered_;
   bool may_ask_ = true;
   std::string name_;
-  std::string password_;
-  bool has_password_ = false;
+  std::optional<Secret> password_;
 };
 
 /// What the other end wants to know next during a login.
@@ -82,9 +82,9 @@ struct Opening {
 std::string UserName(const Settings& settings);
 
 /// Connects, sends the line (without its end; with the cookie in front where it can be used), and
-/// logs in where asked. `probe` is sent right behind the line and again behind every password:
-/// bytes that the daemon answers once the connection is open and that a login ignores. Throws
-/// Refused or Failure.
+/// logs in where asked. `probe` is sent right behind the line
+/// and again behind every password: bytes that the daemon answers once the connection is open and
+/// that a login ignores. Throws Refused or Failure.
 Opening OpenMainPort(const Settings& settings, Credentials& credentials, const std::string& line,
                      std::string_view probe = {});
 

@@ -1,94 +1,178 @@
 #include "prompt.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <array>
+#include <csignal>
+#include <ctime>
 
 #include "socket.h"
+#include "terminal.h"
 
 namespace zevctl {
 
 namespace {
 
-constexpr size_t kLongestAnswer = 1023;  // the daemon takes no longer line
-
 Descriptor OpenTerminal() {
   return Descriptor(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
 }
-
-/// The terminal shows nothing of what is typed while one of these lives. Keys typed before the
-/// question are thrown away, and a signal does not interrupt between hiding and showing: it comes
-/// when the answer is there, or ends the program through the terminal's own interrupt key, which is
-/// taken as the end of the answer here.
-class HiddenTyping {
- public:
-  explicit HiddenTyping(int terminal) : terminal_(terminal) {
-    active_ = tcgetattr(terminal_, &saved_) == 0;
-    if (!active_) return;
-    termios hidden = saved_;
-    hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
-    hidden.c_lflag |= ECHONL;
-    tcsetattr(terminal_, TCSAFLUSH, &hidden);
-  }
-
-  ~HiddenTyping() {
-    if (active_) tcsetattr(terminal_, TCSAFLUSH, &saved_);
-  }
-
-  HiddenTyping(const HiddenTyping&) = delete;
-  HiddenTyping& operator=(const HiddenTyping&) = delete;
-
- private:
-  int terminal_;
-  bool active_ = false;
-  termios saved_{};
-};
 
 bool Write(int terminal, const std::string& text) {
   return write(terminal, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-constexpr char kInterruptKey = '\x03';
-
-std::optional<std::string> ReadAnswer(int terminal) {
-  std::string answer;
-  answer.reserve(kLongestAnswer + 1);  // no reallocation leaves a password behind
-  char key = 0;
-  while (read(terminal, &key, 1) == 1) {
-    if (key == '\n') return answer;
-    if (key == kInterruptKey || answer.size() == kLongestAnswer) break;
-    answer.push_back(key);
+/// The terminal shows nothing of what is typed while one of these lives. Keys typed before the
+/// question, and those behind the answer, are thrown away.
+class HiddenTyping {
+ public:
+  explicit HiddenTyping(int terminal)
+      : terminal_(terminal), active_(tcgetattr(terminal, &saved_) == 0) {
+    Hide();
   }
-  Wipe(answer);
-  return {};
+  ~HiddenTyping() { Show(); }
+  HiddenTyping(const HiddenTyping&) = delete;
+  HiddenTyping& operator=(const HiddenTyping&) = delete;
+
+  void Hide() const {
+    termios hidden = saved_;
+    hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    hidden.c_lflag |= ECHONL;
+    Set(hidden);
+  }
+
+  void Show() const { Set(saved_); }
+
+ private:
+  // Does not wait for the terminal to take its output, which it may never do.
+  void Set(const termios& modes) const {
+    if (!active_) return;
+    tcflush(terminal_, TCIFLUSH);
+    tcsetattr(terminal_, TCSANOW, &modes);
+  }
+
+  int terminal_;
+  termios saved_{};  // filled by what sets the next one
+  bool active_;
+};
+
+sigset_t Only(int number) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, number);
+  return set;
 }
+
+// Stops the program as the signal would that was only read, and takes the one that ends the stop.
+// The system stops nothing that no shell could continue.
+void Stop() {
+  const sigset_t stop = Only(SIGTSTP);
+  const sigset_t go_on = Only(SIGCONT);
+  constexpr timespec kAtOnce{};
+  raise(SIGTSTP);
+  sigprocmask(SIG_UNBLOCK, &stop, nullptr);
+  sigprocmask(SIG_BLOCK, &stop, nullptr);
+  sigtimedwait(&go_on, nullptr, &kAtOnce);
+}
+
+/// One question whose answer is not shown.
+class SecretQuestion {
+ public:
+  SecretQuestion(int terminal, const std::string& question)
+      : terminal_(terminal), question_(question), hidden_(terminal) {}
+
+  /// The answer, or nothing.
+  std::optional<Secret> Run() {
+    if (!Write(terminal_, question_)) return {};
+    while (signal_ == 0) {
+      std::array<pollfd, 2> awaited = {pollfd{signals_.fd(), POLLIN, 0},
+                                       pollfd{terminal_, POLLIN, 0}};
+      if (poll(awaited.data(), awaited.size(), -1) < 0) continue;
+      if (awaited[0].revents != 0) {
+        TakeSignal();
+      } else if (!TakeKey()) {
+        break;
+      }
+    }
+    return complete_ ? std::optional(std::move(answer_)) : std::nullopt;
+  }
+
+  /// The signal that asks for the end of the program; 0 for none.
+  int signal() const { return signal_; }
+
+ private:
+  void TakeSignal() {
+    const int number = signals_.Take();
+    if (number == SIGTSTP) {
+      hidden_.Show();
+      Stop();
+    }
+    if (number == SIGTSTP || number == SIGCONT) {
+      AskAgain();
+    } else {
+      signal_ = number;
+    }
+  }
+
+  // After a stop the shell may have changed the terminal, and the person does not know any more
+  // what was asked.
+  void AskAgain() {
+    hidden_.Hide();
+    answer_.Clear();
+    Write(terminal_, question_);
+  }
+
+  // False when the answer is there, or will not come.
+  bool TakeKey() {
+    char key = 0;
+    if (read(terminal_, &key, 1) != 1) return false;
+    complete_ = key == '\n';
+    return !complete_ && answer_.Append(key);
+  }
+
+  int terminal_;
+  const std::string& question_;
+  SignalWatch signals_{SIGTSTP};  // older than the hiding, so that no signal comes in it
+  HiddenTyping hidden_;
+  Secret answer_;
+  bool complete_ = false;
+  int signal_ = 0;
+};
 
 }  // namespace
 
 std::optional<std::string> Ask(const std::string& question) {
   const Descriptor terminal = OpenTerminal();
   if (!terminal || !Write(terminal.get(), question)) return {};
-  return ReadAnswer(terminal.get());
+  std::string answer;
+  char key = 0;
+  while (read(terminal.get(), &key, 1) == 1) {
+    if (key == '\n') return answer;
+    if (answer.size() == Secret::kLongest) break;
+    answer.push_back(key);
+  }
+  return {};
 }
 
-std::optional<std::string> AskSecret(const std::string& question) {
+std::optional<Secret> AskSecret(const std::string& question) {
   const Descriptor terminal = OpenTerminal();
   if (!terminal) return {};
-  const HiddenTyping hidden(terminal.get());
-  return Write(terminal.get(), question) ? ReadAnswer(terminal.get()) : std::nullopt;
+  std::optional<Secret> answer;
+  int signal = 0;
+  {
+    SecretQuestion asked(terminal.get(), question);
+    answer = asked.Run();
+    signal = asked.signal();
+  }
+  if (signal != 0) raise(signal);
+  return answer;
 }
 
 void Tell(const std::string& text) {
   const Descriptor terminal = OpenTerminal();
   if (terminal) Write(terminal.get(), text);
-}
-
-void Wipe(std::string& text) {
-  text.resize(text.capacity());
-  explicit_bzero(text.data(), text.size());
-  text.clear();
 }
 
 }  // namespace zevctl

@@ -5,18 +5,18 @@
 #include <optional>
 #include <string>
 
+#include "secret.h"
+
 namespace zevctl {
 
 /// The line that the person types, without its end; nothing without a terminal or at its end.
 std::optional<std::string> Ask(const std::string& question);
 
-/// The same, and what is typed is not shown.
-std::optional<std::string> AskSecret(const std::string& question);
+/// The same, and what is typed is not shown. A signal that ends the program does so after the
+/// terminal was restored; while the program is stopped, the terminal shows what is typed.
+std::optional<Secret> AskSecret(const std::string& question);
 
 /// Shows the text on the terminal, if there is one.
 void Tell(const std::string& text);
-
-/// Overwrites the text before it is dropped.
-void Wipe(std::string& text);
 
 }  // namespace zevctl

@@ -311,6 +311,7 @@ void Session::EndNow(SessionEnd end) {
 }  // namespace
 
 SessionResult RunSession(Opening opening, const SessionOptions& options) {
+  signal(SIGPIPE, SIG_IGN);  // the failed write tells
   return Session(std::move(opening), options).Run();
 }
 

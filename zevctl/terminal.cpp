@@ -24,13 +24,11 @@ bool IsIgnored(int number) {
   return sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-sigset_t WatchedSignals() {
-  sigset_t set;
-  sigemptyset(&set);
-  for (const int number : kWatched) {
+template <typename Numbers>
+void Add(const Numbers& numbers, sigset_t& set) {
+  for (const int number : numbers) {
     if (!IsIgnored(number)) sigaddset(&set, number);
   }
-  return set;
 }
 
 // In the background the terminal's modes are those of somebody else, and setting them stops the
@@ -74,9 +72,11 @@ void RawMode::Leave() const {
   if (is_terminal_ && !InBackground(fd_)) tcsetattr(fd_, TCSANOW, &saved_);
 }
 
-SignalWatch::SignalWatch() {
-  signal(SIGPIPE, SIG_IGN);
-  const sigset_t watched = WatchedSignals();
+SignalWatch::SignalWatch(std::initializer_list<int> more) {
+  sigset_t watched;
+  sigemptyset(&watched);
+  Add(kWatched, watched);
+  Add(more, watched);
   sigprocmask(SIG_BLOCK, &watched, &saved_);
   descriptor_ = Descriptor(signalfd(-1, &watched, SFD_NONBLOCK | SFD_CLOEXEC));
 }

@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstddef>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -35,10 +36,11 @@ class RawMode {
 
 /// While one lives, the signals that would end the program, and the one that comes when it runs
 /// again after a stop, wait to be read from a descriptor. Those that the program was started to
-/// ignore stay ignored; a closed pipe is seen when it is written to.
+/// ignore stay ignored.
 class SignalWatch {
  public:
-  SignalWatch();
+  /// `more`: further signals to be watched.
+  explicit SignalWatch(std::initializer_list<int> more = {});
   ~SignalWatch();
   SignalWatch(const SignalWatch&) = delete;
   SignalWatch& operator=(const SignalWatch&) = delete;

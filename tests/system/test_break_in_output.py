@@ -11,10 +11,10 @@ from harness.impostors import FakeDaemon, console_record
 from harness.waiting import wait_until
 from harness.zevctl import Terminal
 
-# A title, a screen cleared by eight-bit controls bare and in UTF-8, a line and its backward reading,
-# and the ends of a line and a paragraph; then letters that are nobody's business.
-HOSTILE = (b"\x1b]0;x\x07\x9b2J\xc2\x9b2J\x7f" + "a\u202eb\u2066c\u2069d\u200fe\u061cf\u2028g\u2029h"
-           "\u200ei".encode() + "ü€😀".encode())
+# A title, a screen cleared by eight-bit controls bare and in UTF-8, marks of the direction, the
+# ends of a line and a paragraph, and letters that are nobody's business.
+HOSTILE = (b"\x1b]0;x\x07\x9b2J\xc2\x9b2J\x7f"
+           + "a\u202eb\u2066c\u2069d\u200fe\u061cf\u2028g\u2029h\u200eiü€😀".encode())
 SHOWN = "?]0;x??2J?2J?a?b?c?d?e?f?g?h?iü€😀"
 
 # The same as text, as JSON has it: what is no UTF-8 has become U+FFFD.

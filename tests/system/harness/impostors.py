@@ -1,11 +1,12 @@
-"""What listens where zevctl looks for the daemon: a program of any user's that takes down what it is
-told, and a daemon that answers as a test wants."""
+"""What listens where zevctl looks for the daemon: a program of any user's that takes down what it
+is told, and a daemon that answers as a test wants."""
 
 import contextlib
 import socket
 import struct
 import subprocess
 import threading
+from collections.abc import Sequence
 from pathlib import Path
 
 from harness.waiting import wait_until
@@ -29,35 +30,47 @@ listener.listen()
 os.write(1, b"listening\\n")
 while True:
     caller, _ = listener.accept()
-    caller.sendall(greeting.encode("latin-1"))
-    while data := caller.recv(4096):
-        os.write(1, data)
+    try:
+        caller.sendall(bytes.fromhex(greeting))
+        while data := caller.recv(4096):
+            os.write(1, data)
+    except ConnectionError:
+        pass  # it left without reading the greeting
     os.write(1, b"<end>")
 """
 
-NAME_PROMPT = "username: "
+NAME_PROMPT = b"username: "
 
 
 class Impostor:
-    """A program that listens on a port in a user's name."""
+    """A program that listens on a port in a user's name.
+
+    `before` are the words of a command in front of its own, such as one that enters a namespace.
+    """
 
     def __init__(self, scratch: Path, port: int, address: str = "127.0.0.1", uid: int = STRANGER,
-                 options: str = "", greeting: str = NAME_PROMPT) -> None:
+                 options: str = "", greeting: bytes = NAME_PROMPT, before: Sequence[str] = ()
+                 ) -> None:
         self._trace = scratch / f"impostor-{uid}-{address.replace(':', '_')}"
         with open(self._trace, "wb") as trace:
             self._process = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", f"--reuid={uid}", f"--regid={uid}",
+                [*before, "setpriv", "--pdeathsig", "KILL", f"--reuid={uid}", f"--regid={uid}",
                  "--clear-groups", "--", "/usr/bin/python3", "-c", _PROGRAM, address, str(port),
-                 options, greeting], stdin=subprocess.DEVNULL, stdout=trace)
-        wait_until(lambda: self._said().startswith(b"listening\n"), what="the impostor to listen")
+                 options, greeting.hex()], stdin=subprocess.DEVNULL, stdout=trace)
+        wait_until(self._listens, what="the impostor to listen")
 
-    def _said(self) -> bytes:
-        return self._trace.read_bytes()
+    def _listens(self) -> bool:
+        assert self._process.poll() is None, "the impostor cannot listen"
+        return self._trace.read_bytes().startswith(b"listening\n")
+
+    def said(self) -> bytes:
+        """What it has been told so far, and where connections ended."""
+        return self._trace.read_bytes().removeprefix(b"listening\n")
 
     def told(self) -> bytes:
         """All that it was told by those who have come and gone; there must have been some."""
-        wait_until(lambda: self._said().endswith(b"<end>"), what="the end of a connection")
-        return self._said().removeprefix(b"listening\n").replace(b"<end>", b"")
+        wait_until(lambda: self.said().endswith(b"<end>"), what="the end of a connection")
+        return self.said().replace(b"<end>", b"")
 
     def close(self) -> None:
         self._process.kill()

@@ -16,6 +16,13 @@ def in_memory(pid: int, wanted: bytes) -> bool:
         return any(_holds(memory, start, end, wanted) for start, end in _mappings(pid))
 
 
+def copies(pid: int, wanted: bytes) -> int:
+    """How many times the text is in what a small process may read."""
+    with open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
+        return sum(_piece(memory, start, end - start).count(wanted)
+                   for start, end in _mappings(pid))
+
+
 def _mappings(pid: int) -> Iterator[tuple[int, int]]:
     with open(f"/proc/{pid}/maps", encoding="latin-1") as maps:
         for line in maps:
@@ -28,11 +35,15 @@ def _mappings(pid: int) -> Iterator[tuple[int, int]]:
 def _holds(memory: BinaryIO, start: int, end: int, wanted: bytes) -> bool:
     """Read the mapping in pieces that overlap, so that none is too large."""
     for position in range(start, end, PIECE):
-        try:
-            memory.seek(position)
-            piece = memory.read(min(PIECE + len(wanted) - 1, end - position))
-        except OSError:
-            continue  # unmapped meanwhile, or behind the end of its file
-        if wanted in piece:
+        if wanted in _piece(memory, position, min(PIECE + len(wanted) - 1, end - position)):
             return True
     return False
+
+
+def _piece(memory: BinaryIO, position: int, size: int) -> bytes:
+    """What is there; nothing where it was unmapped meanwhile, or behind the end of its file."""
+    try:
+        memory.seek(position)
+        return memory.read(size)
+    except OSError:
+        return b""
