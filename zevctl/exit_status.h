@@ -19,6 +19,7 @@ enum class ExitStatus : int {
   kRefused = 8,        ///< refused for another reason
   kSessionEnded = 9,   ///< the daemon closed a session that the user had not left
   kDeclined = 10,      ///< the user did not confirm
+  kNotTheDaemon = 11,  ///< somebody else listens on the daemon's port; no secret was sent
 };
 
 /// Ends the program with a message for the user.

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <optional>
 
+#include "listener.h"
 #include "output.h"
 #include "prompt.h"
 
@@ -44,14 +45,21 @@ std::optional<std::string> ReadCookie(const std::string& path) {
   return cookie.empty() ? std::nullopt : std::optional(cookie);
 }
 
+Failure Distrusted(const ListenerCheck& listener) {
+  return {listener.status(), listener.Complaint()};
+}
+
 // A cookie counts only from the station itself. One that the user pointed to must be usable.
-std::optional<std::string> UsableCookie(const Settings& settings, const Socket& socket) {
+std::optional<std::string> UsableCookie(const Settings& settings, const Socket& socket,
+                                        const ListenerCheck& listener) {
+  if (settings.tunnel) return {};
   auto cookie = socket.PeerIsLoopback() ? ReadCookie(settings.cookie_file) : std::nullopt;
   if (!cookie && settings.cookie_file_given) {
     throw Failure(ExitStatus::kNotAdmitted,
                   "the cookie in " + settings.cookie_file +
                       " cannot be used: the file must be readable and the daemon on 127.0.0.1");
   }
+  if (cookie && !listener.AdmitsCookie()) throw Distrusted(listener);
   return cookie;
 }
 
@@ -100,8 +108,13 @@ void ThrowIfRefused(Socket& socket, std::string& received) {
 // One connection attempt with one first line.
 class Login {
  public:
-  Login(Socket socket, Credentials& credentials, std::string_view probe)
-      : socket_(std::move(socket)), credentials_(credentials), probe_(probe) {}
+  /// `distrusted`: what is thrown instead of an answer to the question for a name.
+  Login(Socket socket, Credentials& credentials, std::string_view probe,
+        const std::optional<Failure>& distrusted)
+      : socket_(std::move(socket)),
+        credentials_(credentials),
+        probe_(probe),
+        distrusted_(distrusted) {}
 
   Opening Run(const std::string& line) {
     socket_.Send(line + "\n" + std::string(probe_), kAnswerLimit);
@@ -117,6 +130,7 @@ class Login {
  private:
   void Answer(LoginStep step) {
     if (step == LoginStep::kName) {
+      if (distrusted_) throw Failure(*distrusted_);
       if (asked_) TryAgain();
       asked_ = true;
       socket_.Send(credentials_.Name() + "\n", kAnswerLimit);
@@ -140,6 +154,7 @@ class Login {
   Socket socket_;
   Credentials& credentials_;
   std::string_view probe_;
+  const std::optional<Failure>& distrusted_;
   LoginDialogue dialogue_;
   std::string received_;
   bool asked_ = false;
@@ -147,11 +162,19 @@ class Login {
 
 Opening OpenOnce(const Settings& settings, Credentials& credentials, const std::string& line,
                  std::string_view probe, bool with_cookie, bool* used_cookie) {
-  Socket socket = Socket::Connect(settings.host, settings.port, kConnectLimit);
-  const auto cookie = with_cookie ? UsableCookie(settings, socket) : std::nullopt;
+  std::optional<ListenerCheck> listener;
+  Socket socket = Socket::Connect(settings.host, settings.port, kConnectLimit,
+                                  [&](const sockaddr& address) { listener.emplace(address); });
+  listener->Finish();
+  const auto cookie = with_cookie ? UsableCookie(settings, socket, *listener) : std::nullopt;
   *used_cookie = cookie.has_value();
   const std::string prefix = cookie ? "token " + *cookie + " " : "";
-  return Login(std::move(socket), credentials, probe).Run(prefix + line);
+  std::optional<Failure> distrusted;
+  if (!listener->AdmitsPassword(settings.tunnel)) distrusted = Distrusted(*listener);
+  Opening opening = Login(std::move(socket), credentials, probe, distrusted).Run(prefix + line);
+  // Nothing secret was wanted. What is typed at a console may be, so it is said all the same.
+  if (distrusted) Warn(distrusted->what());
+  return opening;
 }
 
 [[noreturn]] void ThrowCookieRefused(const Settings& settings) {

@@ -82,7 +82,8 @@ struct Opening {
 std::string UserName(const Settings& settings);
 
 /// Connects, sends the line (without its end; with the cookie in front where it can be used), and
-/// logs in where asked. `probe` is sent right behind the line
+/// logs in where asked. Where the connection stays on this machine, neither cookie nor password is
+/// sent unless the listener is the station's (listener.h). `probe` is sent right behind the line
 /// and again behind every password: bytes that the daemon answers once the connection is open and
 /// that a login ignores. Throws Refused or Failure.
 Opening OpenMainPort(const Settings& settings, Credentials& credentials, const std::string& line,

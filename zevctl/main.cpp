@@ -32,9 +32,13 @@ void AddStationOptions(CLI::App& app, Settings& settings) {
       ->envname("ZEVCTL_PORT")
       ->check(CLI::Range(1, 65535))
       ->capture_default_str();
-  app.add_option("--cookie-file", settings.cookie_file, "File with the daemon's cookie")
-      ->each([&settings](const std::string&) { settings.cookie_file_given = true; })
-      ->capture_default_str();
+  CLI::Option* cookie_file =
+      app.add_option("--cookie-file", settings.cookie_file, "File with the daemon's cookie")
+          ->each([&settings](const std::string&) { settings.cookie_file_given = true; })
+          ->capture_default_str();
+  app.add_flag("--tunnel", settings.tunnel,
+               "The port is a tunnel of your own to the daemon: it may be given your password")
+      ->excludes(cookie_file);
   app.add_option("--user", settings.user, "Name that others see; your login name if not given")
       ->check(RefuseBlanks);
   app.add_flag("--json", settings.json, "Print data as JSON");

@@ -14,7 +14,8 @@ struct Settings {
   uint16_t port = 6500;  ///< the daemon's default main port
   std::string cookie_file = kStationRoot + "/config/.cookie";
   bool cookie_file_given = false;  ///< then it must be readable
-  std::string user;                ///< the name that others see; empty for the login name
+  bool tunnel = false;  ///< the port is a tunnel of the calling user's: no cookie, but a password
+  std::string user;     ///< the name that others see; empty for the login name
   bool json = false;
 };
 

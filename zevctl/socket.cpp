@@ -85,10 +85,12 @@ bool WaitFor(int fd, short events, Milliseconds limit) {
   }
 }
 
-Socket Socket::Connect(const std::string& host, uint16_t port, Milliseconds limit) {
+Socket Socket::Connect(const std::string& host, uint16_t port, Milliseconds limit,
+                       const AddressHandler& before) {
   const AddressList addresses = Resolve(host, port);
   int error = 0;
   for (const addrinfo* address = addresses.get(); address != nullptr; address = address->ai_next) {
+    before(*address->ai_addr);
     Socket socket(::socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     error = socket.fd() < 0 ? errno : ConnectTo(socket.fd(), *address, limit);
     if (error != 0) continue;

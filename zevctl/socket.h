@@ -1,8 +1,11 @@
 // A TCP connection with time limits.
 #pragma once
 
+#include <sys/socket.h>
+
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -35,8 +38,12 @@ class Descriptor {
 
 class Socket {
  public:
+  /// Called with each address before it is connected to.
+  using AddressHandler = std::function<void(const sockaddr& address)>;
+
   /// Connects to the first address of the host that answers. Throws Failure(kNoDaemon).
-  static Socket Connect(const std::string& host, uint16_t port, Milliseconds limit);
+  static Socket Connect(const std::string& host, uint16_t port, Milliseconds limit,
+                        const AddressHandler& before);
 
   int fd() const { return descriptor_.get(); }
 

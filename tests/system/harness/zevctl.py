@@ -15,7 +15,7 @@ PROGRAM = settings.build_directory() / "bin" / "zevctl"
 
 # The exit statuses of the manual page.
 OK, FAILED, USAGE, NO_DAEMON, NOT_ADMITTED, NO_SUCH_CONSOLE, NOT_ACCESSIBLE, IN_USE, REFUSED, \
-    SESSION_ENDED, DECLINED = range(11)
+    SESSION_ENDED, DECLINED, NOT_THE_DAEMON = range(12)
 
 
 def environment(**changes: str) -> dict[str, str]:

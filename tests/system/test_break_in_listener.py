@@ -1,0 +1,325 @@
+"""Somebody else on the daemon's port: zevctl tells him neither the cookie nor a password."""
+
+import os
+import socket
+import struct
+import subprocess
+from pathlib import Path
+
+import pexpect
+import pytest
+
+from harness import settings, zevctl
+from harness.impostors import NAME_PROMPT, STRANGER, Impostor
+from harness.scenes import connected
+from harness.terminals import close_terminal
+from harness.waiting import LIMIT, free_port, stretched, wait_until
+from harness.zevctl import Terminal
+
+pytestmark = pytest.mark.needs_namespace
+
+COOKIE = "c" * 40
+OWNER = 64200  # of the configuration
+NOTHING_SENT = "neither cookie nor password was sent"
+
+
+@pytest.fixture
+def port(station) -> int:
+    """The port of a daemon that does not run, with its cookie still there."""
+    (station.config / ".cookie").write_text(COOKIE + "\n")
+    return free_port()
+
+
+def belongs(address: str, port: int, user: int = STRANGER) -> str:
+    """What zevctl says of a listener."""
+    return (f"what listens at {address} port {port} belongs to user {user}, not to root or the "
+            f"owner of {settings.root()}/config: {NOTHING_SENT}. Is zevd running? For a tunnel of "
+            "your own see --tunnel.")
+
+
+def refused(port: int, message: str, *arguments: str, env: dict[str, str] | None = None) -> None:
+    """The client ends with the message, and a status of its own."""
+    done = zevctl.run(None, "--port", str(port), *arguments, "list", env=env)
+    assert (done.returncode, done.stderr, done.stdout) == (zevctl.NOT_THE_DAEMON,
+                                                           f"zevctl: {message}\n", "")
+
+
+# The cookie
+
+
+@pytest.mark.parametrize("address", ["127.0.0.1", "0.0.0.0", "::", "::ffff:127.0.0.1"])
+def test_a_stranger_is_not_told_the_cookie(port, tmp_path, address):
+    with Impostor(tmp_path, port, address) as stranger:
+        refused(port, belongs("127.0.0.1", port))
+        assert stranger.told() == b""
+
+
+@pytest.mark.parametrize("options", ["reuseport", "reuseport more"])
+def test_strangers_who_share_the_port_are_not_told_either(port, tmp_path, options):
+    (tmp_path / "other").mkdir()
+    with Impostor(tmp_path, port, options=options), \
+            Impostor(tmp_path / "other", port, options=options):
+        refused(port, belongs("127.0.0.1", port))
+    for place in (tmp_path, tmp_path / "other"):
+        [trace] = place.glob("impostor-*")
+        assert b"token" not in trace.read_bytes()
+
+
+def test_a_cookie_that_was_given_is_not_told_either(port, station, tmp_path):
+    with Impostor(tmp_path, port) as stranger:
+        refused(port, belongs("127.0.0.1", port), "--cookie-file", str(station.config / ".cookie"))
+        assert stranger.told() == b""
+
+
+def test_roots_listener_is_told_the_cookie(port, tmp_path):
+    with Impostor(tmp_path, port, uid=0) as program:
+        zevctl.run(None, "--port", str(port), "list")
+        assert program.told().startswith(b"token " + COOKIE.encode() + b" @@@@ user=")
+
+
+def test_the_owner_of_the_configuration_is_told_the_cookie(port, station, tmp_path):
+    os.chown(station.config, OWNER, -1)
+    with Impostor(tmp_path, port, uid=OWNER) as program:
+        zevctl.run(None, "--port", str(port), "list")
+        assert program.told().startswith(b"token ")
+
+
+def test_completion_tells_nothing(port, tmp_path):
+    with Impostor(tmp_path, port) as stranger:
+        done = zevctl.run(None, "complete", "--port", str(port), "attach", "")
+        assert (done.returncode, done.stdout, done.stderr) == (zevctl.OK, "", "")
+        assert stranger.told() == b""
+
+
+def test_a_stranger_who_waits_for_the_daemon_to_end(station, tmp_path):
+    """A watch goes on when the daemon comes back, and not with whoever is there meanwhile."""
+    station.console("box", listening=False)
+    station.start("-S", "1")
+    with Terminal(station, "list", "--watch", columns=400) as screen:
+        screen.expect("box")
+        station.stop()
+        with Impostor(tmp_path, station.port) as stranger:
+            screen.expect("zevctl: " + belongs("127.0.0.1", station.port))
+            screen.expect_end(zevctl.NOT_THE_DAEMON)
+            assert stranger.told() == b""
+
+
+# A password
+
+
+@pytest.mark.parametrize("host, address", [
+    ("127.0.0.1", "127.0.0.1"), ("127.0.0.2", "0.0.0.0"), ("localhost", "127.0.0.1"),
+    ("::1", "::1"), ("0.0.0.0", "127.0.0.1"), ("::ffff:127.0.0.1", "127.0.0.1"),
+    ("192.0.2.7", "192.0.2.7"), ("192.0.2.7", "::"), ("2001:db8::7", "2001:db8::7")])
+def test_nobody_is_asked_for_a_password_for_a_stranger(station, tmp_path, host, address):
+    """Whatever address of this machine it is."""
+    for own in ("192.0.2.7/32", "2001:db8::7/128"):
+        subprocess.run(["ip", "address", "add", own, "dev", "lo", *(["nodad"] * (":" in own))],
+                       check=True)
+    port = free_port()
+    seen = {"localhost": "127.0.0.1", "0.0.0.0": "127.0.0.1",
+            "::ffff:127.0.0.1": "127.0.0.1"}.get(host, host)
+    with Impostor(tmp_path, port, address) as stranger, \
+            Terminal(None, "--host", host, "--port", str(port), "list", columns=400) as person:
+        shown = person.expect_end(zevctl.NOT_THE_DAEMON).decode()
+        assert shown == f"zevctl: {belongs(seen, port)}\r\n"
+        told = stranger.told()
+        assert told.startswith(b"@@@@ user=") and told.endswith(b"\n\xff\xf1")
+
+
+def test_another_machine_is_not_looked_at(station, tmp_path):
+    """The other end of a cable, which is another namespace, with a program of anybody's."""
+    name = f"far{os.getpid()}"
+    port = free_port()
+
+    def ip(*words: str) -> None:
+        subprocess.run(["ip", *words], check=True)
+
+    inside = ["ip", "netns", "exec", name]
+    ip("netns", "add", name)
+    try:
+        ip("link", "add", "near", "type", "veth", "peer", "name", "far", "netns", name)
+        ip("address", "add", "198.51.100.1/24", "dev", "near")
+        ip("link", "set", "near", "up")
+        subprocess.run([*inside, "ip", "address", "add", "198.51.100.2/24", "dev", "far"],
+                       check=True)
+        subprocess.run([*inside, "ip", "link", "set", "far", "up"], check=True)
+        with Impostor(tmp_path, port, "198.51.100.2", before=inside), \
+                Terminal(None, "--host", "198.51.100.2", "--port", str(port), "list") as person:
+            person.expect("User name [root]: ")
+    finally:
+        ip("netns", "delete", name)
+
+
+def test_a_daemon_without_a_login_is_used_with_a_warning(station, tmp_path):
+    """There is nothing to protect but what is typed at a console."""
+    port = free_port()
+    answers = struct.pack("<II2sII", 2, 2, b"x", 1, 0)
+    with Impostor(tmp_path, port, greeting=answers) as stranger:
+        done = zevctl.run(None, "--port", str(port), "list")
+        assert (done.returncode, done.stderr) == (zevctl.OK,
+                                                  f"zevctl: {belongs('127.0.0.1', port)}\n")
+        assert done.stdout.startswith("NAME ")
+        assert stranger.told().startswith(b"@@@@ user=")
+
+
+# A tunnel of one's own
+
+
+def as_stranger(port: int, *arguments: str) -> pexpect.spawn:
+    """The client on a terminal, run by the stranger himself."""
+    words = ["--reuid", str(STRANGER), "--regid", str(STRANGER), "--clear-groups", "--",
+             str(zevctl.PROGRAM), "--port", str(port), *arguments, "list"]
+    child = pexpect.spawn("setpriv", words, timeout=stretched(LIMIT), env=zevctl.environment(),
+                          dimensions=(24, 400))
+    child.delaybeforesend = None
+    return child
+
+
+def test_a_tunnel_must_be_named(port, station, tmp_path):
+    (station.config / ".cookie").unlink()
+    with Impostor(tmp_path, port) as tunnel:
+        child = as_stranger(port)
+        child.expect_exact(belongs("127.0.0.1", port))
+        child.expect(pexpect.EOF)
+        close_terminal(child)
+        assert child.exitstatus == zevctl.NOT_THE_DAEMON
+        assert b"password" not in tunnel.told()
+
+
+def test_a_tunnel_is_told_the_password_and_no_cookie(port, station, tmp_path):
+    (station.config / ".cookie").chmod(0o644)
+    with Impostor(tmp_path, port, greeting=NAME_PROMPT + b"\xff\xfb\x01password: ") as tunnel:
+        child = as_stranger(port, "--tunnel")
+        child.expect_exact("User name [unknown]: ")
+        child.send("ann\r")
+        child.expect_exact("Password: ")
+        child.send("opensesame\r")
+        wait_until(lambda: b"opensesame\n" in tunnel.said(), what="the password")
+        close_terminal(child)
+        assert tunnel.told().startswith(b"@@@@ user=unknown\n\xff\xf1ann\nopensesame\n")
+
+
+def test_anothers_tunnel_is_not_told_the_password(port, station, tmp_path):
+    (station.config / ".cookie").unlink()
+    with Impostor(tmp_path, port, uid=OWNER) as tunnel:
+        child = as_stranger(port, "--tunnel")
+        child.expect_exact(belongs("127.0.0.1", port, OWNER))
+        child.expect(pexpect.EOF)
+        close_terminal(child)
+        assert child.exitstatus == zevctl.NOT_THE_DAEMON
+        assert tunnel.told().startswith(b"@@@@ user=")
+
+
+def test_a_tunnel_and_a_cookie_exclude_each_other(station):
+    done = zevctl.run(None, "--tunnel", "--cookie-file", "x", "list")
+    assert (done.returncode, done.stdout) == (zevctl.USAGE, "")
+
+
+@pytest.fixture(scope="session")
+def netless(tmp_path_factory) -> Path:
+    """A library that hides from zevctl what it learns by, and holds it still while it connects."""
+    library = tmp_path_factory.mktemp("netless") / "netless.so"
+    subprocess.run(["gcc", "-shared", "-fPIC", "-O1", "-Wall", "-Wextra", "-Werror", "-o", library,
+                    settings.SYSTEM_TESTS / "harness" / "netless.c"], check=True)
+    return library
+
+
+def hiding(library: Path, *what: str) -> dict[str, str]:
+    """The environment in which the system does not tell that."""
+    return {"LD_PRELOAD": str(library), **dict.fromkeys(what, "1"),
+            **settings.sanitizer_options("verify_asan_link_order=0")}
+
+
+# Beside the daemon
+
+
+@pytest.mark.parametrize("address", ["::", "::1"])
+@pytest.mark.parametrize("hidden", [(), ("HIDE_NETLINK",)])
+def test_a_stranger_on_other_addresses_of_the_port_is_no_hindrance(station, tmp_path, netless,
+                                                                   address, hidden):
+    box = station.console("box")
+    station.start("-S", "1")
+    connected(station, box, "box")
+    with Impostor(tmp_path, station.port, address, options="v6only"):
+        done = zevctl.run(station, "list", env=hiding(netless, *hidden))
+        assert (done.returncode, done.stderr) == (zevctl.OK, "")
+        assert "box" in done.stdout
+
+
+# What the system tells
+
+
+@pytest.mark.parametrize("address", ["127.0.0.1", "0.0.0.0", "::"])
+def test_without_socket_diagnostics_the_tables_tell(port, tmp_path, netless, address):
+    with Impostor(tmp_path, port, address) as stranger:
+        refused(port, belongs("127.0.0.1", port), env=hiding(netless, "HIDE_NETLINK"))
+        assert stranger.told() == b""
+
+
+def test_without_either_nothing_is_sent(port, tmp_path, netless):
+    with Impostor(tmp_path, port, uid=0) as program:
+        refused(port, f"the system does not tell who listens at 127.0.0.1 port {port}: "
+                f"{NOTHING_SENT}.", env=hiding(netless, "HIDE_NETLINK", "HIDE_PROC"))
+        assert program.told() == b""
+
+
+def test_without_tables_socket_diagnostics_tell(port, tmp_path, netless):
+    with Impostor(tmp_path, port) as stranger:
+        refused(port, belongs("127.0.0.1", port), env=hiding(netless, "HIDE_PROC"))
+        assert stranger.told() == b""
+
+
+# Between the two looks
+
+
+class Gate:
+    """The client on its way to the port, held where it has looked once and begins to connect."""
+
+    def __init__(self, port: int, library: Path, place: Path) -> None:
+        self._place = place
+        place.mkdir()
+        env = zevctl.environment(**hiding(library), GATE=str(place))
+        self._client = subprocess.Popen([zevctl.PROGRAM, "--port", str(port), "list"], env=env,
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        wait_until((place / "reached").exists, what="the client to connect")
+
+    def open(self) -> tuple[int, str]:
+        """Let it go on, to its end; its status and what it says."""
+        (self._place / "open").touch()
+        _, said = self._client.communicate(timeout=stretched(LIMIT))
+        return self._client.returncode, said.decode()
+
+
+def test_a_stranger_who_slips_in_between(port, tmp_path, netless):
+    with socket.create_server(("127.0.0.1", port)):
+        gate = Gate(port, netless, tmp_path / "gate")
+    with Impostor(tmp_path, port) as stranger:
+        said = (zevctl.NOT_THE_DAEMON, f"zevctl: {belongs('127.0.0.1', port)}\n")
+        assert gate.open() == said
+        assert stranger.told() == b""
+
+
+@pytest.mark.parametrize("first", [None, 0, STRANGER])
+def test_a_listener_that_was_not_there_before(port, tmp_path, netless, first):
+    """Not even when it is root's: what was connected to may have been the one before."""
+    (tmp_path / "other").mkdir()
+    before = Impostor(tmp_path / "other", port, uid=first) if first is not None else None
+    gate = Gate(port, netless, tmp_path / "gate")
+    if before:
+        before.close()
+    with Impostor(tmp_path, port, uid=0) as program:
+        status, said = gate.open()
+        assert (status, said) == (zevctl.NO_DAEMON,
+                                  f"zevctl: what listens at 127.0.0.1 port {port} changed during "
+                                  f"the connecting: {NOTHING_SENT}. Try again.\n")
+        assert program.told() == b""
+
+
+def test_a_connection_without_a_listener(port, tmp_path):
+    """The port is led elsewhere by the machine itself, or the connection has met itself."""
+    with socket.create_server(("127.0.0.1", 0)) as elsewhere:
+        subprocess.run(["sysctl", "-qw", f"net.ipv4.ip_local_port_range={port} {port}"], check=True)
+        elsewhere.close()
+        refused(port, f"something answers at 127.0.0.1 port {port}, but nobody is seen to listen "
+                f"there: {NOTHING_SENT}.")

@@ -1,0 +1,333 @@
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <linux/inet_diag.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
+#include <netinet/tcp.h>
+
+#include <cstring>
+
+#include "listener.h"
+#include "listener_query.h"
+#include "listener_table.h"
+
+namespace zevctl {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+in6_addr Address(const std::string& text) {
+  in6_addr address{};
+  const std::string written = text.find(':') == std::string::npos ? "::ffff:" + text : text;
+  EXPECT_EQ(inet_pton(AF_INET6, written.c_str(), &address), 1) << text;
+  return address;
+}
+
+Endpoint At(const std::string& address, uint16_t port = 6500) {
+  return {Address(address), port};
+}
+
+Endpoint DestinationOf(const std::string& address) {
+  sockaddr_in6 ipv6{};
+  sockaddr_in ipv4{};
+  ipv6.sin6_family = AF_INET6;
+  ipv4.sin_family = AF_INET;
+  ipv6.sin6_port = ipv4.sin_port = htons(6500);
+  const bool is_ipv4 = inet_pton(AF_INET, address.c_str(), &ipv4.sin_addr) == 1;
+  EXPECT_TRUE(is_ipv4 || inet_pton(AF_INET6, address.c_str(), &ipv6.sin6_addr) == 1) << address;
+  const auto destination = is_ipv4 ? Destination(reinterpret_cast<const sockaddr&>(ipv4))
+                                   : Destination(reinterpret_cast<const sockaddr&>(ipv6));
+  EXPECT_TRUE(destination);
+  return destination.value_or(Endpoint());
+}
+
+TEST(ZevctlListenerTest, DestinationsAreNamed) {
+  EXPECT_EQ(DestinationOf("127.0.0.1").InWords(), "127.0.0.1 port 6500");
+  EXPECT_EQ(DestinationOf("::ffff:10.1.2.3").InWords(), "10.1.2.3 port 6500");
+  EXPECT_EQ(DestinationOf("fe80::1").InWords(), "fe80::1 port 6500");
+}
+
+TEST(ZevctlListenerTest, TheWildcardLeadsToThisMachine) {
+  EXPECT_EQ(DestinationOf("0.0.0.0").InWords(), "127.0.0.1 port 6500");
+  EXPECT_EQ(DestinationOf("::").InWords(), "::1 port 6500");
+}
+
+TEST(ZevctlListenerTest, OtherFamiliesHaveNoDestination) {
+  const sockaddr local = {AF_UNIX, {}};
+  EXPECT_FALSE(Destination(local));
+}
+
+TEST(ZevctlListenerTest, LoopbackAddressesAreOfThisMachine) {
+  for (const char* address : {"127.0.0.1", "127.9.8.7", "::1", "::ffff:127.0.0.1"}) {
+    EXPECT_TRUE(IsOfThisMachine(DestinationOf(address))) << address;
+  }
+}
+
+// ---- Socket diagnostics
+
+template <typename Record>
+void Append(std::string& bytes, const Record& record) {
+  bytes.append(reinterpret_cast<const char*>(&record), sizeof record);
+}
+
+std::string Message(uint16_t type, const std::string& payload) {
+  nlmsghdr header{};
+  header.nlmsg_len = static_cast<uint32_t>(sizeof header + payload.size());
+  header.nlmsg_type = type;
+  std::string message;
+  Append(message, header);
+  message += payload;
+  message.resize(NLMSG_ALIGN(message.size()));
+  return message;
+}
+
+std::string SocketMessage(int family, const std::string& address, uid_t uid, uint32_t inode,
+                          uint8_t state = TCP_LISTEN, std::optional<bool> ipv6_only = {}) {
+  inet_diag_msg socket{};
+  socket.idiag_family = static_cast<uint8_t>(family);
+  socket.idiag_state = state;
+  socket.idiag_uid = uid;
+  socket.idiag_inode = inode;
+  socket.id.idiag_sport = htons(6500);
+  EXPECT_EQ(inet_pton(family, address.c_str(), socket.id.idiag_src), 1) << address;
+  std::string payload;
+  Append(payload, socket);
+  if (ipv6_only) {
+    Append(payload, rtattr{RTA_LENGTH(4), INET_DIAG_MARK});
+    payload += "mark";
+    Append(payload, rtattr{RTA_LENGTH(1), INET_DIAG_SKV6ONLY});
+    payload += *ipv6_only ? '\1' : '\0';
+  }
+  return Message(SOCK_DIAG_BY_FAMILY, payload);
+}
+
+TEST(ZevctlListenerTest, DiagnosticsTellOfListeners) {
+  const std::string datagram = SocketMessage(AF_INET, "127.0.0.1", 1000, 77) +
+                               SocketMessage(AF_INET, "10.0.0.1", 0, 78, TCP_ESTABLISHED) +
+                               SocketMessage(AF_INET6, "::", 0, 79, TCP_LISTEN, true) +
+                               SocketMessage(AF_INET6, "::1", 5, 80, TCP_LISTEN, false) +
+                               SocketMessage(AF_INET6, "fe80::1", 6, 81);
+  Listeners found;
+  EXPECT_EQ(TakeDiagnostics(datagram, found), DumpStep::kMore);
+  ASSERT_EQ(found.size(), 4U);
+  EXPECT_EQ(found[0].bound.InWords(), "127.0.0.1 port 6500");
+  EXPECT_EQ(found[0].uid, 1000U);
+  EXPECT_EQ(found[0].inode, 77U);
+  EXPECT_FALSE(found[0].ipv6_socket);
+  EXPECT_EQ(found[1].bound.InWords(), ":: port 6500");
+  EXPECT_TRUE(found[1].ipv6_socket);
+  EXPECT_EQ(found[1].ipv6_only, true);
+  EXPECT_EQ(found[2].ipv6_only, false);
+  EXPECT_EQ(found[3].ipv6_only, std::nullopt);
+}
+
+TEST(ZevctlListenerTest, DiagnosticsEnd) {
+  Listeners found;
+  std::string no_error;
+  Append(no_error, int{0});
+  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_DONE, no_error), found), DumpStep::kDone);
+  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_DONE, ""), found), DumpStep::kDone);
+  const std::string last = SocketMessage(AF_INET, "127.0.0.1", 0, 1) + Message(NLMSG_DONE, "");
+  EXPECT_EQ(TakeDiagnostics(last, found), DumpStep::kDone);
+  EXPECT_EQ(found.size(), 1U);
+}
+
+TEST(ZevctlListenerTest, DiagnosticsThatFailAreNoAnswer) {
+  Listeners found;
+  std::string error;
+  Append(error, -ENOENT);
+  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_DONE, error), found), DumpStep::kFailed);
+  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_ERROR, error), found), DumpStep::kFailed);
+  EXPECT_EQ(TakeDiagnostics(Message(SOCK_DIAG_BY_FAMILY, "short"), found), DumpStep::kFailed);
+  EXPECT_EQ(TakeDiagnostics(std::string("\1\0\0\0 and so on", 14), found), DumpStep::kFailed);
+}
+
+TEST(ZevctlListenerTest, DiagnosticsCutAnywhereAreNoAnswer) {
+  const std::string whole = SocketMessage(AF_INET6, "::", 0, 79, TCP_LISTEN, true);
+  const size_t padding = 3;  // behind the last attribute, which has one byte
+  for (size_t size = 1; size < whole.size() - padding; ++size) {
+    Listeners found;
+    const std::string cut = whole.substr(0, size);
+    EXPECT_EQ(TakeDiagnostics(cut, found), DumpStep::kFailed) << size;
+    EXPECT_THAT(found, IsEmpty());
+  }
+}
+
+TEST(ZevctlListenerTest, AnAttributeThatIsTooLongTellsNothing) {
+  std::string payload = SocketMessage(AF_INET6, "::", 0, 79).substr(sizeof(nlmsghdr));
+  Append(payload, rtattr{200, INET_DIAG_SKV6ONLY});
+  Listeners found;
+  EXPECT_EQ(TakeDiagnostics(Message(SOCK_DIAG_BY_FAMILY, payload), found), DumpStep::kMore);
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found[0].ipv6_only, std::nullopt);
+}
+
+// ---- The tables in /proc; their addresses are those of a little-endian machine
+
+constexpr char kHead[] =
+    "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout "
+    "inode\n";
+
+TEST(ZevctlListenerTest, ProcTellsOfListeners) {
+  const std::string table =
+      std::string(kHead) +
+      "   0: 0100007F:1964 00000000:0000 0A 00000000:00000000 00:00000000 00000000  1000        0 "
+      "18206 1 0000000000000000 100 0 0 10 0                       \n"
+      "   1: 0100007F:1964 0100007F:CAFE 01 00000000:00000000 00:00000000 00000000     0        0 "
+      "18207 1 0000000000000000 100 0 0 10 0                       \n";
+  Listeners found;
+  EXPECT_TRUE(TakeProcTable(table, false, found));
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found[0].bound.InWords(), "127.0.0.1 port 6500");
+  EXPECT_EQ(found[0].uid, 1000U);
+  EXPECT_EQ(found[0].inode, 18206U);
+}
+
+TEST(ZevctlListenerTest, ProcTellsOfIpv6Listeners) {
+  const std::string table =
+      std::string(kHead) +
+      "   0: 00000000000000000000000001000000:1964 00000000000000000000000000000000:0000 0A "
+      "00000000:00000000 00:00000000 00000000     7        0 9 1 0000000000000000 100 0 0 10 0\n";
+  Listeners found;
+  EXPECT_TRUE(TakeProcTable(table, true, found));
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found[0].bound.InWords(), "::1 port 6500");
+  EXPECT_TRUE(found[0].ipv6_socket);
+  EXPECT_EQ(found[0].ipv6_only, std::nullopt);
+}
+
+TEST(ZevctlListenerTest, WhatIsNoTableIsNoAnswer) {
+  Listeners found;
+  EXPECT_FALSE(TakeProcTable("", false, found));
+  EXPECT_FALSE(TakeProcTable("something else\n", false, found));
+  for (const char* line :
+       {"0: x\n", "0: 0100007F:1964 0:0 0A 0:0 0:0 0 -1 0 9\n",
+        "0: 0100007F 0:0 0A 0:0 0:0 0 1 0 9\n", "0: 0100007F:19640 0:0 0A 0:0 0:0 0 1 0 9\n",
+        "0: 0100007G:1964 0:0 0A 0:0 0:0 0 1 0 9\n", "0: 0100007F:1964 0:0 ZZ 0:0 0:0 0 1 0 9\n",
+        "0: 0100007F:1964 0:0 0A 0:0 0:0 0 1 0 x\n"}) {
+    EXPECT_FALSE(TakeProcTable(std::string(kHead) + line, false, found)) << line;
+  }
+  EXPECT_THAT(found, IsEmpty());
+}
+
+// ---- Who takes a connection
+
+struct Socket {
+  const char* address;
+  bool ipv6 = false;
+  std::optional<bool> ipv6_only = {};
+  uint16_t port = 6500;
+};
+
+// The places in the list of those that take a connection to the destination.
+std::vector<uint64_t> Takers(const std::vector<Socket>& sockets, const std::string& destination) {
+  Listeners listeners;
+  for (const Socket& socket : sockets) {
+    listeners.push_back(
+        {At(socket.address, socket.port), socket.ipv6, socket.ipv6_only, 0, listeners.size()});
+  }
+  std::vector<uint64_t> takers;
+  for (const Listener& taker : TakersOf(listeners, DestinationOf(destination))) {
+    takers.push_back(taker.inode);
+  }
+  return takers;
+}
+
+TEST(ZevctlListenerTest, ItsOwnAddressOrAllOfThem) {
+  const std::vector<Socket> sockets = {{"127.0.0.1"}, {"0.0.0.0"}, {"127.0.0.2"}, {"::1", true}};
+  EXPECT_THAT(Takers(sockets, "127.0.0.1"), ElementsAre(0, 1));
+  EXPECT_THAT(Takers(sockets, "127.0.0.2"), ElementsAre(1, 2));
+  EXPECT_THAT(Takers(sockets, "::ffff:127.0.0.2"), ElementsAre(1, 2));
+  EXPECT_THAT(Takers(sockets, "10.0.0.1"), ElementsAre(1));
+  EXPECT_THAT(Takers(sockets, "::1"), ElementsAre(3));
+  EXPECT_THAT(Takers(sockets, "::2"), IsEmpty());
+}
+
+TEST(ZevctlListenerTest, AnotherPortTakesNothing) {
+  EXPECT_THAT(Takers({{"127.0.0.1", false, {}, 6501}, {"::", true, false, 6499}}, "127.0.0.1"),
+              IsEmpty());
+}
+
+TEST(ZevctlListenerTest, AnIpv6SocketMayTakeIpv4) {
+  EXPECT_THAT(Takers({{"::", true, false}}, "127.0.0.1"), ElementsAre(0));
+  EXPECT_THAT(Takers({{"::", true, true}}, "127.0.0.1"), IsEmpty());
+  EXPECT_THAT(Takers({{"::ffff:127.0.0.1", true, false}}, "127.0.0.1"), ElementsAre(0));
+  EXPECT_THAT(Takers({{"::ffff:0.0.0.0", true, false}}, "127.0.0.1"), ElementsAre(0));
+  EXPECT_THAT(Takers({{"::", true, true}}, "::1"), ElementsAre(0));
+  EXPECT_THAT(Takers({{"0.0.0.0"}}, "::1"), IsEmpty());
+}
+
+TEST(ZevctlListenerTest, InDoubtAnIpv6WildcardCountsWhereNothingElseIs) {
+  EXPECT_THAT(Takers({{"::", true}}, "127.0.0.1"), ElementsAre(0));
+  EXPECT_THAT(Takers({{"::", true}, {"0.0.0.0"}}, "127.0.0.1"), ElementsAre(1));
+  EXPECT_THAT(Takers({{"::", true}, {"127.0.0.2"}}, "127.0.0.1"), ElementsAre(0));
+}
+
+TEST(ZevctlListenerTest, SeveralThatShareAPort) {
+  EXPECT_THAT(Takers({{"127.0.0.1"}, {"127.0.0.1"}, {"127.0.0.1"}}, "127.0.0.1"),
+              ElementsAre(0, 1, 2));
+}
+
+// ---- Whether it is the station's
+
+constexpr uid_t kOwner = 500;
+constexpr uid_t kCaller = 1000;
+constexpr uid_t kOther = 2000;
+
+struct Seen {
+  uid_t uid;
+  uint64_t inode;
+};
+
+Listeners Those(const std::vector<Seen>& seen) {
+  Listeners listeners;
+  for (const auto& [uid, inode] : seen) {
+    listeners.push_back({At("127.0.0.1"), false, {}, uid, inode});
+  }
+  return listeners;
+}
+
+Trust Judged(const std::vector<Seen>& before, const std::vector<Seen>& after,
+             std::optional<uid_t> station = kOwner) {
+  return Judge(Those(before), Those(after), station, kCaller);
+}
+
+TEST(ZevctlListenerTest, RootsAndTheOwnersAreTheStations) {
+  EXPECT_EQ(Judged({{0, 1}}, {{0, 1}}), Trust::kStation);
+  EXPECT_EQ(Judged({{kOwner, 1}}, {{kOwner, 1}}), Trust::kStation);
+  EXPECT_EQ(Judged({{kOwner, 1}, {0, 2}}, {{0, 2}, {kOwner, 1}}), Trust::kStation);
+}
+
+TEST(ZevctlListenerTest, WithoutAStationOnlyRootsIs) {
+  EXPECT_EQ(Judged({{0, 1}}, {{0, 1}}, {}), Trust::kStation);
+  EXPECT_EQ(Judged({{kOwner, 1}}, {{kOwner, 1}}, {}), Trust::kStranger);
+}
+
+TEST(ZevctlListenerTest, AllMustBeRight) {
+  EXPECT_EQ(Judged({{0, 1}, {kOther, 2}}, {{0, 1}, {kOther, 2}}), Trust::kStranger);
+  EXPECT_EQ(Judged({{0, 1}, {kCaller, 2}}, {{0, 1}, {kCaller, 2}}), Trust::kOwn);
+}
+
+TEST(ZevctlListenerTest, ItMustBeTheSameBothTimes) {
+  EXPECT_EQ(Judged({{0, 1}}, {{0, 2}}), Trust::kChanged);
+  EXPECT_EQ(Judged({}, {{0, 2}}), Trust::kChanged);
+  EXPECT_EQ(Judged({{0, 1}}, {}), Trust::kChanged);
+  EXPECT_EQ(Judged({{0, 1}}, {{0, 1}, {0, 2}}), Trust::kChanged);
+  EXPECT_EQ(Judged({{kOther, 1}}, {{0, 2}}), Trust::kChanged);
+  EXPECT_EQ(Judged({{kCaller, 1}}, {{kCaller, 2}}), Trust::kChanged);
+  EXPECT_EQ(Judged({{0, 1}}, {{kOther, 2}}), Trust::kStranger);
+}
+
+TEST(ZevctlListenerTest, ItMustBeSeen) {
+  EXPECT_EQ(Judged({}, {}), Trust::kNobody);
+  EXPECT_EQ(Judge({}, Those({{0, 1}}), kOwner, kCaller), Trust::kUntold);
+  EXPECT_EQ(Judge(Those({{0, 1}}), {}, kOwner, kCaller), Trust::kUntold);
+}
+
+}  // namespace
+
+}  // namespace zevctl

@@ -1,0 +1,63 @@
+// The listening TCP sockets of this machine, as the system's own tables tell of them: bytes in,
+// records out.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zevctl {
+
+/// An address and a port. IPv4 addresses are written as IPv6 ones, ::ffff:a.b.c.d.
+struct Endpoint {
+  in6_addr address{};
+  uint16_t port = 0;
+  uint32_t scope = 0;  ///< interface of a link-local address
+
+  bool ipv4() const { return IN6_IS_ADDR_V4MAPPED(&address); }
+
+  /// The IPv4 address, in network order.
+  uint32_t Ipv4() const;
+
+  bool IsWildcard() const;
+  bool IsLoopback() const;
+
+  /// "127.0.0.1 port 6500"
+  std::string InWords() const;
+};
+
+/// Where a connection to the address leads: the wildcard stands for this machine. Nothing for
+/// another family.
+std::optional<Endpoint> Destination(const sockaddr& address);
+
+struct Listener {
+  Endpoint bound;
+  bool ipv6_socket = false;
+  std::optional<bool> ipv6_only;  ///< of an IPv6 socket, where the table tells
+  uid_t uid = 0;                  ///< whose it is
+  uint64_t inode = 0;             ///< tells it from all others, also from later ones
+};
+
+using Listeners = std::vector<Listener>;
+
+enum class DumpStep { kMore, kDone, kFailed };
+
+/// Takes one datagram of the kernel's answer to a dump of listening sockets (sock_diag(7)).
+DumpStep TakeDiagnostics(std::span<const char> datagram, Listeners& found);
+
+/// Adds the listeners of /proc/net/tcp or /proc/net/tcp6; false when the text is something else.
+bool TakeProcTable(std::string_view table, bool ipv6, Listeners& found);
+
+/// The listeners of which the kernel may give a connection to one. More than the one that it would
+/// choose: a socket of its own for the address goes before a wildcard, and of several that share a
+/// port by agreement any one may get it. All of them have to be right.
+Listeners TakersOf(const Listeners& listeners, const Endpoint& destination);
+
+}  // namespace zevctl
