@@ -127,28 +127,39 @@ def test_nobody_is_asked_for_a_password_for_a_stranger(station, tmp_path, host, 
         assert told.startswith(b"@@@@ user=") and told.endswith(b"\n\xff\xf1")
 
 
-def test_another_machine_is_not_looked_at(station, tmp_path):
-    """The other end of a cable, which is another namespace, with a program of anybody's."""
-    name = f"far{os.getpid()}"
+@pytest.fixture
+def machine():
+    """Another machine, a network of its own at the end of a cable: how to run things there."""
+    ours = os.stat("/proc/self/ns/net").st_ino
+    with subprocess.Popen(["unshare", "--net", "sleep", "infinity"]) as there:
+        net = f"/proc/{there.pid}/ns/net"
+        wait_until(lambda: os.stat(net).st_ino != ours, what="the network of the other machine")
+        inside = ["nsenter", f"--net={net}", "--"]
+        for words in (["ip", "link", "add", "near", "type", "veth", "peer", "name", "far", "netns",
+                       str(there.pid)],
+                      ["ip", "address", "add", "198.51.100.1/24", "dev", "near"],
+                      ["ip", "link", "set", "near", "up"],
+                      [*inside, "ip", "address", "add", "198.51.100.2/24", "dev", "far"],
+                      [*inside, "ip", "link", "set", "far", "up"]):
+            subprocess.run(words, check=True)
+        yield inside
+        there.kill()
+
+
+def test_another_machine_is_not_looked_at(station, tmp_path, machine):
+    """Whose listener it is over there, nobody can know."""
     port = free_port()
+    with Impostor(tmp_path, port, "198.51.100.2", before=machine), \
+            Terminal(None, "--host", "198.51.100.2", "--port", str(port), "list") as person:
+        person.expect("User name [root]: ")
 
-    def ip(*words: str) -> None:
-        subprocess.run(["ip", *words], check=True)
 
-    inside = ["ip", "netns", "exec", name]
-    ip("netns", "add", name)
-    try:
-        ip("link", "add", "near", "type", "veth", "peer", "name", "far", "netns", name)
-        ip("address", "add", "198.51.100.1/24", "dev", "near")
-        ip("link", "set", "near", "up")
-        subprocess.run([*inside, "ip", "address", "add", "198.51.100.2/24", "dev", "far"],
-                       check=True)
-        subprocess.run([*inside, "ip", "link", "set", "far", "up"], check=True)
-        with Impostor(tmp_path, port, "198.51.100.2", before=inside), \
-                Terminal(None, "--host", "198.51.100.2", "--port", str(port), "list") as person:
-            person.expect("User name [root]: ")
-    finally:
-        ip("netns", "delete", name)
+def test_without_netlink_other_machines_are_still_told_apart(station, tmp_path, machine, netless):
+    port = free_port()
+    with Impostor(tmp_path, port, "198.51.100.2", before=machine), \
+            Terminal(None, "--host", "198.51.100.2", "--port", str(port), "list",
+                     env=hiding(netless, "HIDE_NETLINK")) as person:
+        person.expect("User name [root]: ")
 
 
 def test_a_daemon_without_a_login_is_used_with_a_warning(station, tmp_path):
