@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -35,7 +34,7 @@ char msg[kMessageSize];
 char last_msg[kMessageSize] = "XXXX";
 bool last_msg_dropped = false;  // nobody saw it: to say that it was repeated would mislead
 int msg_count = 0;
-char line[BoundedOutput::kLongestText];
+char composed[BoundedOutput::kLongestText];  // has room for the longest message and two heads
 BoundedOutput output(STDOUT_FILENO);
 
 const char* CallingThreadName() {
@@ -70,16 +69,6 @@ void UnlockDebugOutput() {
   if (error != 0) DieWithoutTrace("pthread_rwlock_unlock", "zev_debug", error);
 }
 
-// Appends to `line`, which has room for the longest message and its heads.
-void AppendToLine(size_t* size, const char* format, ...) __attribute__((format(printf, 2, 3)));
-void AppendToLine(size_t* size, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  const int count = vsnprintf(line + *size, sizeof line - *size, format, args);
-  va_end(args);
-  *size = std::min(*size + static_cast<size_t>(std::max(count, 0)), sizeof line - 1);
-}
-
 // Writes `msg` unless it repeats the last one; debug_lock is held.
 void WriteMessage() {
   if (!last_msg_dropped && strcmp(msg, last_msg) == 0) {
@@ -88,13 +77,15 @@ void WriteMessage() {
   }
   char stamp[80];
   GetTimeStamp(stamp, sizeof stamp);
-  size_t size = 0;
+  int size = 0;
   if (msg_count > 0) {
-    AppendToLine(&size, "ZEV %s: Last message repeated %d times\n", stamp, msg_count);
+    size = snprintf(composed, sizeof composed, "ZEV %s: Last message repeated %d times\n", stamp,
+                    msg_count);
   }
-  AppendToLine(&size, "ZEV %s:<%s>: %s", stamp, CallingThreadName(), msg);
+  size += snprintf(composed + size, sizeof composed - static_cast<size_t>(size), "ZEV %s:<%s>: %s",
+                   stamp, CallingThreadName(), msg);
   const auto messages = static_cast<unsigned long>(msg_count) + 1;
-  last_msg_dropped = !output.Write(stamp, {line, size}, messages);
+  last_msg_dropped = !output.Write(stamp, {composed, static_cast<size_t>(size)}, messages);
   memcpy(last_msg, msg, sizeof msg);
   msg_count = 0;
 }

@@ -139,7 +139,7 @@ TEST_F(BoundedOutputTest, LossIsToldBeforeTheNextText) {
 }
 
 TEST_F(BoundedOutputTest, EachLossIsCountedOnItsOwn) {
-  for (const unsigned long count : {1, 5}) {
+  for (const unsigned long count : {1UL, 5UL}) {
     Fill();
     EXPECT_FALSE(Write("lost\n", count));
     pipe_.ReadAll();

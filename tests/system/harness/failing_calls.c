@@ -183,10 +183,13 @@ FAILING(ssize_t, send, (int fd, const void *data, size_t size, int flags), (fd, 
 FAILING(int, select, (int count, fd_set *in, fd_set *out, fd_set *error, struct timeval *limit),
         (count, in, out, error, limit), -1)
 /* The debug output is waited for and written with every line; nothing is to be learned from that. */
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized" /* poll() is declared as if it only wrote */
 int poll(struct pollfd *fds, nfds_t count, int limit) {
   const int output = count == 1 && fds[0].fd == STDOUT_FILENO;
   return !output && fails("poll") ? -1 : NEXT(poll)(fds, count, limit);
 }
+#pragma GCC diagnostic pop
 
 ssize_t write(int fd, const void *data, size_t size) {
   return fd != STDOUT_FILENO && fails("write") ? -1 : NEXT(write)(fd, data, size);

@@ -36,8 +36,8 @@ _COMPLAINT = re.compile(
     r"(?!PostJixEvent: template|\w+: recv\(\) returned 0 |ConnectUserToConsole: Console "
     r"|SendErrorToUser: )"
     r"(.*(?:failed|[Cc]annot|Could not|Couldn't|returned NULL|returned -1 |not found|[Mm]issing"
-    r"|has not been opened|Running out|All descriptors|Nobody can|No models|Too many|doesn't map|Unknown"
-    r"|zevd is already).*)$", re.MULTILINE)
+    r"|has not been opened|Running out|All descriptors|Nobody can|No models|Too many|doesn't map"
+    r"|Unknown|zevd is already).*)$", re.MULTILINE)
 
 
 class Ended(Exception):
