@@ -69,7 +69,7 @@ constexpr char kFile[] = "<file>";  // the shell shall offer its files
 
 // Commands whose arguments are console names; of msg and attach only the first.
 const std::set<std::string> kOneName = {"attach", "log", "msg"};
-const std::set<std::string> kNames = {"clear",  "disable", "enable", "force",
+const std::set<std::string> kNames = {"clear",  "disable", "enable", "force", "reconnect",
                                       "holder", "list",    "ports",  "who"};
 
 // What options can be given; the rest have values that nobody can guess.

@@ -1,4 +1,4 @@
-// The commands that act on consoles: clear, disable, enable, msg, force.
+// The commands that act on consoles: clear, disable, enable, msg, force, reconnect.
 #include <CLI/CLI.hpp>
 #include <array>
 #include <iostream>
@@ -43,6 +43,8 @@ constexpr std::array kControls = {
     ControlRow{"force", "Take the management port over at the next refusal",
                "Take over the management ports of",
                "its management port will be taken over at the next refusal"},
+    ControlRow{"reconnect", "Try consoles that are not connected at once", "Reconnect",
+               "tried at once, unless it is connected or disabled"},
 };
 
 /// Runs a command on one console after the other. One that fails does not stop the others; the

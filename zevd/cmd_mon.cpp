@@ -25,8 +25,10 @@
 
 #include "audit.h"
 #include "cons_mon.h"
+#include "counters.h"
 #include "error.h"
 #include "liveness.h"
+#include "status.h"
 #include "user_conn.h"
 #include "utf8.h"
 #include "util.h"
@@ -152,6 +154,7 @@ int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr
     return -1;
   }
   Audit({"attach", "accepted", &cnode->identity, kCommandConsole});
+  counters.tools_attached.Add();
   cmd_mon_waker.Wake();
   return 0;
 }
@@ -228,6 +231,7 @@ void ServeConnection(CommandNode* cnode) {
   }
   zev_debug(kDetail, "%s: Received command \"%s\" from \"%s\" at \"%s\".\n", "ProcessCommand", line,
             cnode->user_name, cnode->ipaddr);
+  counters.commands.Add();
   const CommandId id = ParseAndExecuteCommand(cnode, line);
   SendCommandResponse(cnode, id);
   ReleaseRecords();
@@ -325,6 +329,7 @@ namespace {
 /// The records of the current answer, one behind the other.
 uint8_t* records = nullptr;
 
+constexpr size_t kTextPieceSize = 1;  // the count of a text is that of its bytes
 constexpr char kOutOfMemoryText[] = "Out of memory.";
 constexpr char kUnrecognizedText[] = "Unrecognized console \"%s\".";
 
@@ -369,6 +374,9 @@ size_t RecordSize(int cmd_id) {
       return kMappedPortPacketSize;
     case kPortHolderCommand:
       return kPortHolderAddressPacketSize;
+    case kStatusCommand:
+    case kStatsCommand:
+      return kTextPieceSize;
     default:
       return 0;
   }
@@ -416,7 +424,7 @@ void LoadAnswer(OutgoingAnswer& answer, int cmd_id) {
   const size_t record_size = RecordSize(cmd_id);
   if (rheader.type == kRecordsFollow && record_size > 0) {
     answer.records = std::exchange(records, nullptr);
-    answer.piece_size = record_size;
+    answer.piece_size = record_size == kTextPieceSize ? rheader.count : record_size;
     answer.size += rheader.count * record_size;
   } else if (rheader.type == kErrorFollows) {
     memcpy(answer.text, cmd_err_msg, rheader.count);
@@ -469,6 +477,17 @@ int SendAnswer(CommandNode* cnode) {
 
 }  // namespace
 
+void AnswerOutOfMemory() {
+  AnswerError(kOutOfMemoryText);
+}
+
+bool AnswerText(std::string_view text) {
+  if (!MakeRoom(text.size(), kTextPieceSize)) return false;
+  std::copy(text.begin(), text.end(), records);
+  AnswerRecords(text.size());
+  return true;
+}
+
 int SendCommandResponse(CommandNode* cnode, int cmd_id) {
   ENTERING();
   zev_debug(kDetail, "%s: Sending response \"%d\" to \"%s\" at \"%s\".\n", __func__,
@@ -516,6 +535,12 @@ constexpr CommandRow kCommands[] = {
      [](char* name, CommandNode* cmd_node, char*) { ForceKPMConnection(name, cmd_node); }},
     {"portholder", kPortHolderCommand, CommandArgument::kConsole, kLooks,
      [](char* name, CommandNode*, char*) { PelloxPortHolder(name); }},
+    {"status", kStatusCommand, CommandArgument::kOptionalConsole, kLooks,
+     [](char* name, CommandNode*, char*) { ProcessStatusCommand(name); }},
+    {"stats", kStatsCommand, CommandArgument::kNone, kLooks,
+     [](char*, CommandNode*, char*) { ProcessStatsCommand(); }},
+    {"reconnect", kReconnectCommand, CommandArgument::kConsole, kActs,
+     [](char* name, CommandNode*, char*) { ReconnectConsole(name); }},
 };
 
 const CommandRow* FindCommand(const char* word) {
@@ -523,6 +548,11 @@ const CommandRow* FindCommand(const char* word) {
     if (strcasecmp(word, row.word) == 0) return &row;
   }
   return nullptr;
+}
+
+bool WantsConsole(const CommandRow& row) {
+  return row.argument == CommandArgument::kConsole ||
+         row.argument == CommandArgument::kConsoleAndText;
 }
 
 void AuditCommand(const CommandRow& row, const char* cons_name, const CommandNode* cnode) {
@@ -551,7 +581,7 @@ CommandId ParseAndExecuteCommand(CommandNode* cnode, char* cmd) {
   const CommandRow* row = FindCommand(word);
   if (row == nullptr) return ParserError("Invalid command.");
   char* name = strtok_r(nullptr, kWordEnds, &rest);
-  if (name == nullptr && row->argument != CommandArgument::kOptionalConsole) {
+  if (name == nullptr && WantsConsole(*row)) {
     return ParserError("No console specified.");
   }
   char* text = nullptr;
@@ -593,10 +623,6 @@ void CodeFromDigit(int digit, char (&code)[2]) {
 
 size_t AllConsoles() REQUIRES_SHARED(acl_lock, icl_lock) {
   return static_cast<size_t>(a_cons_list->count) + static_cast<size_t>(i_cons_list->count);
-}
-
-void AnswerOutOfMemory() {
-  AnswerError(kOutOfMemoryText);
 }
 
 void FillConsolePacket(const ConsoleNode* cnode, const char (&status)[2], const char (&mode)[2],
@@ -982,6 +1008,21 @@ void ForceKPMConnection(const char* cons_name, const CommandNode* /*cmd_node*/) 
       cnode->force = 1;
       if (cnode->sock == -1) cnode->lfca_time = 0;
     });
+    found = found || FindByAnyCase(a_cons_list, cons_name) != nullptr;
+  }
+  if (found) {
+    AnswerDone();
+  } else {
+    AnswerUnrecognizedAndLog(__func__, cons_name);
+  }
+}
+
+void ReconnectConsole(const char* cons_name) {
+  ENTERING();
+  bool found = false;
+  {
+    const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, HERE);
+    found = ForEachMatch(*i_cons_list, cons_name, [](ConsoleNode* cnode) { cnode->lfca_time = 0; });
     found = found || FindByAnyCase(a_cons_list, cons_name) != nullptr;
   }
   if (found) {

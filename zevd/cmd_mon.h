@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string_view>
 
 #include "command_wire.h"
 #include "cons_conn.h"
@@ -132,10 +133,13 @@ enum CommandId : int {
   kMsgCommand = 7,
   kForceCommand = 8,
   kPortHolderCommand = 9,
+  kStatusCommand = 10,
+  kStatsCommand = 11,
+  kReconnectCommand = 12,
 };
 
 /// What a command wants besides its name.
-enum class CommandArgument { kOptionalConsole, kConsole, kConsoleAndText };
+enum class CommandArgument { kNone, kOptionalConsole, kConsole, kConsoleAndText };
 
 /// One row for every command; parsing, dispatch and the tests read the same rows.
 struct CommandRow {
@@ -155,6 +159,11 @@ CommandId ParseAndExecuteCommand(CommandNode* cnode, char* cmd);
 /// follows by itself. 0, or -1 after a failed send, which has closed the connection.
 int SendCommandResponse(CommandNode* cnode, int cmd_id);
 
+/// Makes a copy of the text the answer of a command whose count is one of bytes. False when out of
+/// memory.
+bool AnswerText(std::string_view text);
+void AnswerOutOfMemory();
+
 /// Frees the records of an answer that was given up for an error.
 void ReleaseRecords();
 
@@ -169,6 +178,9 @@ void EnableConsole(const char* cons_name);
 void SendMsgToConsole(const char* cons_name, const CommandNode* cmd_node, const char* message);
 void ForceKPMConnection(const char* cons_name, const CommandNode* cmd_node);
 void PelloxPortHolder(const char* cons_name);
+
+/// Has a console that is not connected be tried at once instead of at its next turn.
+void ReconnectConsole(const char* cons_name);
 
 /// The two bytes of a console's status and mode; the caller holds the list's lock.
 void GetStatusCode(const ConsoleNode* cnode, char (&status)[2]);

@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "cons_mon.h"
+#include "counters.h"
 #include "descriptor_budget.h"
 #include "error.h"
 #include "log.h"
@@ -268,7 +269,7 @@ void DumpConsoles(const ConsoleList* list) {
     zev_debug(kError, "mgmt_port      = %d\n", cnode->mgmt_port);
     zev_debug(kError, "logging        = %d\n", cnode->logging);
     zev_debug(kError, "events         = %d\n", cnode->events);
-    zev_debug(kError, "enable         = %d\n", cnode->enable);
+    zev_debug(kError, "enable         = %d\n", cnode->enable.load());
     zev_debug(kError, "deleted        = %d\n", cnode->deleted);
     zev_debug(kError, "sock           = %d\n", cnode->sock.load());
     zev_debug(kError, "log_fd         = %d\n", cnode->log_fd);
@@ -345,6 +346,7 @@ void StartConnect(ConsoleNode* cnode) {
   cnode->lsca_time = 0;
   const int result = connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address);
   if (result != 0 && errno != EINPROGRESS) {
+    counters.console_failures.Add();
     // Neither lfca_time nor status changes: an error that comes at once is tried again at once.
     zev_debug(kInfo, "%s: connect() failed : %s\n", "ConnectToConsole", strerror(errno));
     CloseSocket(cnode);
@@ -422,17 +424,20 @@ bool ApplyConnectionStatus(ConsoleNode* cnode, int result) {
       zev_debug(kInfo, "%s: Connected to %s (%s/%d).\n", kFunction, cnode->cname, cnode->ipaddr,
                 cnode->cons_port);
       cnode->status = kConnected;
+      counters.console_connections.Add();
       if (cnode->log_fd == -1) OpenLogFile(cnode);
       DrainTelnetControlSequence(cnode->sock, cnode->telnet_cmd, sizeof cnode->telnet_cmd);
       return true;
     case kNotConnected:
       zev_debug(kInfo, "%s: Connection to %s (%s/%d) failed.\n", kFunction, cnode->cname,
                 cnode->ipaddr, cnode->cons_port);
+      counters.console_failures.Add();
       AbandonConnection(cnode, kNotConnected, time(nullptr));
       return false;
     case kRefused:
       zev_debug(kInfo, "%s: Connection to %s (%s/%d) refused.\n", kFunction, cnode->cname,
                 cnode->ipaddr, cnode->cons_port);
+      counters.console_failures.Add();
       AbandonConnection(cnode, kRefused, time(nullptr));
       return false;
     case kInProgress:

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <ctime>
 
+#include "dated_word.h"
 #include "fixed_text.h"
 #include "list.h"
 #include "locks.h"
@@ -60,18 +61,19 @@ struct ConsoleNode {
   uint16_t mapped_port;  ///< port on which users of this console alone are served; 0: none
   int logging;           ///< 1: output is written to log files
   int events;            ///< 1: output is matched against the event set
-  int enable;            ///< 0: not to be connected
+  DatedWord enable;      ///< 0: not to be connected
   int auth;              ///< 1: users of the mapped port log in when security is on
   /// Connected or connecting socket, -1 when none. Written under the list's lock; the user input
   /// monitor reads it under ul_lock alone.
   std::atomic<int> sock;
-  int log_fd;               ///< log file, -1 when closed
-  std::atomic<int> status;  ///< ConsoleStatus; any thread may set kNotConnected
-  int deleted;              ///< 1: dropped by a reload, freed once no user refers to it
+  int log_fd;        ///< log file, -1 when closed
+  DatedWord status;  ///< ConsoleStatus; any thread may set kNotConnected
+  int deleted;       ///< 1: dropped by a reload, freed once no user refers to it
   /// User records that point here. Falls under ul_lock and acl_lock, read under either list's lock.
   std::atomic<int> ref_count;
   int force;                ///< 1: the next refusal by a management port is overridden
   int check_for_NET_E_msg;  ///< 1: a refusal may still come after the connection is established
+  time_t last_output;       ///< when it last printed something, 0 when it never did
   time_t lfca_time;         ///< last failed connection attempt, 0 when none
   time_t lsca_time;         ///< when such a connection was first seen established, 0 when none
   ConsoleBuffer cons_buf;

@@ -18,6 +18,7 @@
 #include <ctime>
 
 #include "archive_time.h"
+#include "counters.h"
 #include "error.h"
 #include "event_set.h"
 #include "load.h"
@@ -139,6 +140,8 @@ void ReadConsole(ConsoleNode* cnode) {
   const int length = static_cast<int>(count);
   zev_debug(kTrace, "%s: Received ->%.*s<- (%d bytes)\n", "ProcessConsoleOutput", length, buf,
             length);
+  counters.console_bytes.Add(static_cast<uint64_t>(length));
+  cnode->last_output = time(nullptr);
   DispatchConsoleOutput(cnode, buf, length);
 }
 
@@ -160,19 +163,23 @@ void PauseOtherThreads() {
   while ((thread_waiting_mask & kOtherThreads) == 0) usleep(kPausePoll);
 }
 
-void ReloadConfiguration() {
+ReloadResult ReloadConfiguration() {
   const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, CallSite{kLoop, __LINE__});
+  ReloadResult result = ReloadResult::kDone;
   if (ReloadEventFiles() != 0) {
     zev_debug(kError, "%s: ReloadEventFiles() failed.\n", kLoop);
+    result = ReloadResult::kEventFilesFailed;
   } else if (ReloadConfigFile() != 0) {
     zev_debug(kError, "%s: ReloadConfigFile() failed.\n", kLoop);
+    result = ReloadResult::kConfigurationFailed;
   }
   CloseDisabledConsoleConnections();
+  return result;
 }
 
 void Reload() {
   PauseOtherThreads();
-  ReloadConfiguration();
+  NoteReload(ReloadConfiguration());
   RefreshMappedPorts();
   GetZevdArchIntFromConfFile();
   thread_waitreq_mask &= ~kOtherThreads;
@@ -424,6 +431,7 @@ void CleanUpClosedConnections() {
     if (!IsClosed(*cnode)) continue;
     CloseUserConnections(cnode, "The console's connection was closed.");
     cnode->status = kNotConnected;
+    counters.console_losses.Add();
     ForgetSocket(*a_cons_list, cnode->sock);
     close(cnode->sock);
     cnode->sock = -1;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "counters.h"
 #include "error.h"
 #include "zev_signal.h"
 
@@ -83,7 +84,11 @@ JixStatus PostWithOneRetry(const JixEvent* event) {
 
 void Post(const JixEvent* event) {
   const JixStatus status = PostWithOneRetry(event);
-  if (Succeeded(status, "JixEventPost()")) return;
+  if (Succeeded(status, "JixEventPost()")) {
+    counters.events_posted.Add();
+    return;
+  }
+  counters.events_dropped.Add();
   if (status == JixERROR_CONNECTION_LOST && connection != nullptr) DropConnection();
 }
 
@@ -104,7 +109,10 @@ void PostJixEvent(const char* event_template, const char* varName, char* varValu
 
   const TermSignalHold hold;
   const std::lock_guard lock(connection_mutex);
-  if (connection == nullptr && Connect() != 0) return;
+  if (connection == nullptr && Connect() != 0) {
+    counters.events_dropped.Add();
+    return;
+  }
   char name[kTextSize];
   if (varName != nullptr) {
     std::replace(varValue, varValue + strlen(varValue), '-', '_');
@@ -120,6 +128,8 @@ void PostJixEvent(const char* event_template, const char* varName, char* varValu
       SetVariable(holder.event, varName, varValue) &&
       SetVariable(holder.event, varMessage, message)) {
     Post(holder.event);
+  } else {
+    counters.events_dropped.Add();
   }
 }
 

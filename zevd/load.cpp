@@ -165,7 +165,7 @@ void PrintList(const ConsoleList& list) {
     zev_debug(kInfo, "mapped_port = %d\n", cnode->mapped_port);
     zev_debug(kInfo, "logging = %d\n", cnode->logging);
     zev_debug(kInfo, "events = %d\n", cnode->events);
-    zev_debug(kInfo, "enable = %d\n", cnode->enable);
+    zev_debug(kInfo, "enable = %d\n", cnode->enable.load());
     zev_debug(kInfo, "auth = %d\n", cnode->auth);
     zev_debug(kInfo, "deleted = %d\n", cnode->deleted);
     zev_debug(kInfo, "\n");
@@ -181,7 +181,7 @@ void CopySettings(const ConsoleNode& from, ConsoleNode* to) {
   to->mgmt_port = from.mgmt_port;
   to->logging = from.logging;
   to->events = from.events;
-  to->enable = from.enable;
+  to->enable = from.enable.load();
   to->mapped_port = from.mapped_port;
   to->auth = from.auth;
   to->enode = from.enode;

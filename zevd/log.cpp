@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "counters.h"
 #include "error.h"
 #include "event.h"
 #include "event_set.h"
@@ -83,7 +84,13 @@ bool WriteRecord(int fd, const RecordTime& time, const char* before, const char*
                          {const_cast<char*>(buf), length}};
   const auto whole = static_cast<ssize_t>(time.length + strlen(before) + length);
   const ssize_t written = writev(fd, parts, 3);
-  if (written < 0 || written == whole) return written == whole;
+  if (written == whole) {
+    counters.log_records.Add();
+    counters.log_bytes.Add(static_cast<uint64_t>(whole));
+    return true;
+  }
+  counters.log_records_lost.Add();
+  if (written < 0) return false;
   // A disk that fills up in the middle of a record: the piece is taken back.
   if (ftruncate(fd, lseek(fd, 0, SEEK_CUR) - written) != 0) return false;
   errno = ENOSPC;

@@ -18,6 +18,7 @@
 
 #include "audit.h"
 #include "cookie.h"
+#include "counters.h"
 #include "error.h"
 #include "fixed_text.h"
 #include "paths.h"
@@ -104,12 +105,14 @@ int IsTokenAuthentication(int sock, char (&user_cookie)[kCookieSize]) {
 namespace {
 
 constexpr char kDecide[] = "DoAuthentication";
+constexpr char kAccepted[] = "accepted";
 constexpr char kByCookie[] = "by cookie";
 constexpr char kByName[] = "by name and password";
 
 void AuditLogin(const char* result, const Identity& identity, const char* cons_name,
                 const char* reason) {
   Audit({"login", result, &identity, cons_name, nullptr, reason});
+  (strcmp(result, kAccepted) == 0 ? counters.logins_accepted : counters.logins_refused).Add();
 }
 
 // For a refusal that has no text the connection itself has failed.
@@ -144,7 +147,7 @@ int DoAuthentication(int sock, const sockaddr_in& client_addr, char* buf, int si
   bool by_cookie = false;
   const int result = Authenticate(sock, client_addr, buf, size, identity, &by_cookie);
   if (result == 0) {
-    AuditLogin("accepted", identity, nullptr, by_cookie ? kByCookie : kByName);
+    AuditLogin(kAccepted, identity, nullptr, by_cookie ? kByCookie : kByName);
   } else {
     AuditRefusedLogin(identity, nullptr);
   }
@@ -257,7 +260,7 @@ struct ShownName {
 int Admit(const char* user_name, const char* cons_name, Identity& identity) {
   CopyText(identity.user, user_name);
   if (strcmp(user_name, "root") == 0 || IsInQORUserGroup(user_name) != 0) {
-    AuditLogin("accepted", identity, cons_name, kByName);
+    AuditLogin(kAccepted, identity, cons_name, kByName);
     return 0;
   }
   SetUserError(kNotAuthorized);

@@ -29,6 +29,7 @@
 #include "audit.h"
 #include "cmd_mon.h"
 #include "cons_mon.h"
+#include "counters.h"
 #include "descriptor_budget.h"
 #include "error.h"
 #include "liveness.h"
@@ -98,6 +99,7 @@ void SendErrorToUser(int sock, const char* err_msg) {
   ENTERING();
   if (err_msg == nullptr) return;
   zev_debug(kInfo, "%s: %s", __func__, err_msg);
+  counters.refusals.Add();
   TEMP_FAILURE_RETRY(send(sock, err_msg, strlen(err_msg), 0));
 }
 
@@ -144,6 +146,7 @@ UserNode* NewUserNode(int sock, ConsoleNode* cnode, const char* user_name, const
   unode->sock = sock;
   unode->connected = 1;
   unode->mode = mode;
+  unode->since = time(nullptr);
   CopyText(unode->user_name, user_name);
   CopyText(unode->ipaddr, ipaddr);
   CopyText(unode->cons_name, cnode->cname);
@@ -369,6 +372,7 @@ int JoinUserList(UserNode* unode, const NewUser& user) {
             user.user_name, user.console_name, ModeNumToName(user.mode));
   // With the lock held: the entry that tells of the end comes after this one.
   Audit({"attach", "accepted", &unode->identity, unode->cons_name, ModeKeyword(unode->mode)});
+  counters.users_attached.Add();
   user_mon_waker.Wake();
   return 0;
 }
@@ -697,6 +701,7 @@ void AcceptOn(const MappedPortNode* mpnode) {
   }
   PrepareRelaySocket(sock);
   AskSilentPeer(sock);
+  counters.connections.Add();
   if (mpnode->port != user_port && mpnode->pending_logins == max_pending_logins) {
     SetUserError(kTooManyPending);
     zev_debug(kInfo, "%s: Reached max_pending_logins (%d)\n", kAccept, max_pending_logins);

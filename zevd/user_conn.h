@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 #include "cons_conn.h"
 #include "descriptor_set.h"
@@ -29,6 +30,7 @@ struct UserNode {
   std::atomic<int> connected;             ///< 0: to be removed; any thread may clear it
   std::atomic<const char*> close_reason;  ///< why it was cleared first; null before
   int mode;                               ///< AccessMode
+  time_t since;                           ///< when the user was attached
   char user_name[kUserNameSize];
   char ipaddr[kNameSize];  ///< the address that is shown for the user
   Identity identity;       ///< who it really is

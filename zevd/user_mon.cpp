@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "audit.h"
+#include "counters.h"
 #include "error.h"
 #include "liveness.h"
 #include "socket_watch.h"
@@ -124,6 +125,7 @@ void RemoveUser(UserNode* unode) REQUIRES(ul_lock, acl_lock) {
             "CleanUpClosedConnections", unode->user_name, cnode->cname);
   Audit({"leave", "done", &unode->identity, unode->cons_name, ModeKeyword(unode->mode),
          unode->close_reason});
+  counters.users_left.Add();
   if (unode->sock != -1) {
     ForgetSocket(*user_list, unode->sock);
     close(unode->sock);
@@ -229,7 +231,7 @@ void LookForVanishedUsers() {
     if (unode->connected == 0 || !HasVanished(unode->sock)) continue;
     zev_debug(kInfo, "%s: User \"%s\" on console \"%s\" has vanished.\n", __func__,
               unode->user_name, unode->cons_name);
-    CloseUserConnection(unode);
+    CloseUserConnection(unode, "The user vanished.");
   }
 }
 

@@ -16,6 +16,7 @@
 #include <new>
 
 #include "audit.h"
+#include "counters.h"
 #include "error.h"
 #include "event.h"
 #include "lock_file.h"
@@ -282,6 +283,7 @@ void RunAsDaemon() {
 
 void Initialize() {
   ENTERING();
+  StartCounting();
   RaiseDescriptorLimit();
   OpenAudit();
   OpenWaker(cons_mon_waker);

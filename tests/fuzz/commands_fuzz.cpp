@@ -47,6 +47,7 @@ struct Answer {
   uint32_t count = 0;
   std::string text = {};
   bool users_told = false;
+  bool is_text = false;  ///< `count` is of lines; the answer's is of bytes
 };
 
 Answer Error(int id, const std::string& text) {
@@ -70,11 +71,15 @@ class Model {
     const int id = IdOf(word);
     if (id == 0) return Remember(Error(0, "Invalid command."));
     const std::string name = TakeWord(line, &at);
-    const bool optional = id == kConsoleCommand || id == kMappedPortCommand;
+    const bool optional = id == kConsoleCommand || id == kMappedPortCommand ||
+                          id == kStatusCommand || id == kStatsCommand;
     if (name.empty() && !optional) return Remember(Error(0, "No console specified."));
     if (id == kMsgCommand && at == line.size()) return Remember(Error(0, "No message specified."));
     return Remember(Run(id, name));
   }
+
+  /// The answer had so many bytes.
+  void RememberText(uint32_t bytes) { last_count_ = bytes; }
 
   const std::vector<Console>& consoles() const { return consoles_; }
 
@@ -95,10 +100,13 @@ class Model {
   }
 
   static int IdOf(const std::string& word) {
-    constexpr const char* kWords[] = {"console", "who", "mapped_port", "clear",     "disable",
-                                      "enable",  "msg", "force",       "portholder"};
-    for (int i = 0; i < 9; ++i) {
-      if (strcasecmp(word.c_str(), kWords[i]) == 0) return i + 1;
+    constexpr const char* kWords[] = {"console",    "who",    "mapped_port", "clear",
+                                      "disable",    "enable", "msg",         "force",
+                                      "portholder", "status", "stats",       "reconnect"};
+    int id = 0;
+    for (const char* known : kWords) {
+      ++id;
+      if (strcasecmp(word.c_str(), known) == 0) return id;
     }
     return 0;
   }
@@ -122,6 +130,12 @@ class Model {
         return Count(id, [&](const Console& console) {
           return name.empty() || Matches(console, name) ? 1U : 0U;
         });
+      case kStatusCommand:
+        return Text(Count(id, [&](const Console& console) {
+          return name.empty() || Matches(console, name) ? 1U : 0U;
+        }));
+      case kStatsCommand:
+        return Text({id, kRecordsFollow, 1});
       case kWhoCommand:
         return Who(name);
       case kPortHolderCommand:
@@ -131,6 +145,11 @@ class Model {
       default:
         return Control(id, name);
     }
+  }
+
+  static Answer Text(Answer answer) {
+    answer.is_text = true;
+    return answer;
   }
 
   template <typename Amount>
@@ -270,6 +289,15 @@ uint32_t Number(std::string_view bytes) {
   return number;
 }
 
+void CheckText(const std::string& bytes, const Answer& expected) {
+  REQUIRE(bytes.size() >= kHeaderSize);
+  const std::string body = bytes.substr(kHeaderSize);
+  REQUIRE_EQUAL(Number(bytes), expected.type);
+  REQUIRE_EQUAL(Number(std::string_view(bytes).substr(4)), body.size());
+  REQUIRE_EQUAL(static_cast<uint32_t>(std::count(body.begin(), body.end(), '\n')), expected.count);
+  REQUIRE(body.empty() || (body.front() == '{' && body.ends_with("}\n")));
+}
+
 void CheckAnswer(const std::string& bytes, const Answer& expected) {
   REQUIRE(bytes.size() >= kHeaderSize);
   REQUIRE_EQUAL(Number(bytes), expected.type);
@@ -301,7 +329,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Model model(rheader.count);
   for (const std::string& line : Lines({reinterpret_cast<const char*>(data), size})) {
     const Answer expected = model.Execute(line);
-    CheckAnswer(real.Execute(line, expected.id), expected);
+    const std::string bytes = real.Execute(line, expected.id);
+    if (expected.is_text) {
+      CheckText(bytes, expected);
+      model.RememberText(static_cast<uint32_t>(bytes.size() - kHeaderSize));
+    } else {
+      CheckAnswer(bytes, expected);
+    }
     REQUIRE_EQUAL(real.UsersWereTold(), expected.users_told);
   }
   return 0;

@@ -224,11 +224,13 @@ def test_a_tool_that_reads_slowly_gets_everything_and_delays_nobody(many):
     ("enable", "No console specified."),
     ("force", "No console specified."),
     ("portholder", "No console specified."),
+    ("reconnect", "No console specified."),
     ("clear nobody", 'Unrecognized console "nobody".'),
     ("disable nobody", 'Unrecognized console "nobody".'),
     ("enable nobody", 'Unrecognized console "nobody".'),
     ("msg nobody hello", 'Unrecognized console "nobody".'),
     ("force nobody", 'Unrecognized console "nobody".'),
+    ("reconnect nobody", 'Unrecognized console "nobody".'),
     ("portholder nobody", 'Unrecognized console "nobody".'),
 ])
 def test_errors(station, box, line, text):

@@ -218,6 +218,13 @@ def test_force(rack):
         "db1: its management port will be taken over at the next refusal\n")
 
 
+def test_reconnect(rack):
+    assert zevctl.succeed(rack, "reconnect", "db1", "web1", "--yes") == (
+        "web1: tried at once, unless it is connected or disabled\n"
+        "db1: tried at once, unless it is connected or disabled\n")
+    assert not rack.boxes["web1"].closed
+
+
 def test_several_consoles_are_acted_on_after_a_question(rack):
     users = [rack.attach("web1"), rack.attach("web2")]
     with Terminal(rack, "clear", "web*", columns=120) as screen:

@@ -795,7 +795,8 @@ TEST_F(CommandTest, WordsAndTheirNumbers) {
   EXPECT_THAT(words,
               UnorderedElementsAre(Pair("console", 1), Pair("who", 2), Pair("mapped_port", 3),
                                    Pair("clear", 4), Pair("disable", 5), Pair("enable", 6),
-                                   Pair("msg", 7), Pair("force", 8), Pair("portholder", 9)));
+                                   Pair("msg", 7), Pair("force", 8), Pair("portholder", 9),
+                                   Pair("status", 10), Pair("stats", 11), Pair("reconnect", 12)));
 }
 
 std::string MixedCase(std::string word) {
@@ -817,7 +818,8 @@ TEST_F(CommandTest, MissingName) {
     for (const char* line_end : {"", "\n", " \r\n", "  "}) {
       SCOPED_TRACE(row.word);
       const CommandId id = Execute(std::string(row.word) + line_end);
-      if (row.argument == CommandArgument::kOptionalConsole) {
+      if (row.argument == CommandArgument::kOptionalConsole ||
+          row.argument == CommandArgument::kNone) {
         EXPECT_EQ(id, row.id);
         EXPECT_EQ(rheader.type, kRecordsFollow);
       } else {
@@ -1076,6 +1078,9 @@ TEST_F(CommandTest, LocksOfEveryCommand) {
       {"msg", {"+acl", "-acl"}},
       {"force", {"+icl", "+acl", "-icl", "-acl", "error"}},
       {"portholder", {"+icl", "+acl", "-icl", "-acl", "error"}},
+      {"status", {"+icl", "+acl", "-acl", "-icl"}},
+      {"stats", {}},
+      {"reconnect", {"+icl", "+acl", "-icl", "-acl", "error"}},
   };
   for (const CommandRow& row : CommandTable()) {
     SCOPED_TRACE(row.word);
@@ -1133,6 +1138,8 @@ TEST_F(CommandTest, WithoutMemoryBothLocksAreReleasedFirst) {
   const Attached<ConsoleNode> box = ConnectConsole("box");
   ExpectOutOfMemory("console", {"+icl", "+acl", "-acl", "-icl", "malloc"});
   ExpectOutOfMemory("mapped_port", {"+icl", "+acl", "-acl", "-icl", "malloc"});
+  ExpectOutOfMemory("status", {"+icl", "+acl", "-acl", "-icl", "malloc"});
+  ExpectOutOfMemory("stats", {"malloc"});
   ExpectOutOfMemory("portholder held", {"+icl", "+acl", "-icl", "-acl", "malloc"});
   ExpectOutOfMemory("portholder box", {"+icl", "+acl", "-icl", "-acl", "malloc"});
   EXPECT_TRUE(IsFree(acl_lock));
@@ -1325,6 +1332,44 @@ TEST_F(CommandTest, ForceOfAConnectedConsole) {
   EXPECT_EQ(rheader.type, kDone);
   EXPECT_EQ(box.node->force, 0);
   EXPECT_EQ(box.node->lfca_time, 5);
+}
+
+TEST_F(CommandTest, ReconnectForgetsTheLastFailureAndNothingElse) {
+  ConsoleNode* upper = test::AddConsole(i_cons_list, "Box", 7, kInProgress);
+  ConsoleNode* lower = test::AddConsole(i_cons_list, "box", -1, kRefused);
+  ConsoleNode* other = test::AddConsole(i_cons_list, "other", -1, kNotConnected);
+  for (ConsoleNode* cnode : {upper, lower, other}) {
+    cnode->lfca_time = 1000;
+    cnode->lsca_time = 2000;
+    cnode->enable = 0;
+  }
+  EXPECT_EQ(Execute("reconnect BOX"), kReconnectCommand);
+  EXPECT_EQ(rheader.type, kDone);
+  EXPECT_EQ(upper->lfca_time, 0);
+  EXPECT_EQ(lower->lfca_time, 0);
+  EXPECT_EQ(other->lfca_time, 1000);
+  EXPECT_EQ(upper->status, kInProgress);
+  EXPECT_EQ(lower->status, kRefused);
+  for (const ConsoleNode* cnode : {upper, lower}) {
+    EXPECT_EQ(cnode->lsca_time, 2000);
+    EXPECT_EQ(cnode->enable, 0);
+    EXPECT_EQ(cnode->force, 0);
+  }
+  upper->sock = -1;
+}
+
+TEST_F(CommandTest, ReconnectOfAConnectedConsoleChangesNothing) {
+  const Attached<ConsoleNode> box = ConnectConsole("box");
+  box.node->lfca_time = 1000;
+  EXPECT_EQ(Execute("reconnect box"), kReconnectCommand);
+  EXPECT_EQ(rheader.type, kDone);
+  EXPECT_EQ(box.node->lfca_time, 1000);
+  EXPECT_EQ(box.node->status, kConnected);
+}
+
+TEST_F(CommandTest, ReconnectOfAnUnknownConsole) {
+  EXPECT_EQ(Execute("reconnect nobody"), kReconnectCommand);
+  EXPECT_EQ(Error(), "Unrecognized console \"nobody\".");
 }
 
 /// What a command says at level 1.

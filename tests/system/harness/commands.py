@@ -1,5 +1,6 @@
 """A management tool: sends commands to the command port and takes the answers apart."""
 
+import json
 import struct
 import time
 from dataclasses import dataclass
@@ -96,6 +97,15 @@ class Tool:
         records = tuple(tuple(_plain(field) for field in fields)
                         for fields in record.iter_unpack(raw))
         return Answer(kind, count, raw, records)
+
+    def objects(self, line: str) -> list[dict]:
+        """Send a command that is answered with JSON, and take the objects, one of a line."""
+        self.send(line)
+        kind, count = _HEADER.unpack(self._take(_HEADER.size))
+        assert kind == RECORDS
+        text = self._take(count).decode()
+        assert text == "" or text.endswith("}\n")
+        return [json.loads(one) for one in text.splitlines()]
 
     def command(self, line: str) -> Answer:
         """Send a command and take its answer."""

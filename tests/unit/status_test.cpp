@@ -1,0 +1,229 @@
+// The queries that answer with JSON, and what they tell of.
+#include "status.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "cmd_mon.h"
+#include "cons_mon.h"
+#include "counters.h"
+#include "dated_word.h"
+#include "json_text.h"
+#include "support.h"
+
+namespace {
+
+using test::Attached;
+using test::AttachUser;
+using test::ConnectConsole;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+constexpr time_t kNow = 1'000'000'000;
+
+// ---- JSON ---------------------------------------------------------------------------------------
+
+std::string Encoded(std::string_view text) {
+  std::string out;
+  JsonText(out).Text(text);
+  return out;
+}
+
+TEST(JsonTextTest, ValuesAreSeparated) {
+  std::string out;
+  JsonText json(out);
+  json.BeginObject().Key("a").Number(UINT64_MAX).Key("b").BeginArray();
+  json.Text("x").Null().BeginObject().EndObject().Number(0).EndArray();
+  json.Key("c")
+      .TextOrNull("")
+      .Key("d")
+      .TextOrNull("d")
+      .Key("e")
+      .Time(0)
+      .Key("f")
+      .Time(7)
+      .EndObject();
+  EXPECT_EQ(out, R"({"a": 18446744073709551615, "b": ["x", null, {}, 0], "c": null, "d": "d", )"
+                 R"("e": null, "f": 7})");
+}
+
+TEST(JsonTextTest, TextCannotEndItsQuotesOrTheLine) {
+  EXPECT_EQ(Encoded("say \"\\\""), R"("say \"\\\"")");
+  EXPECT_EQ(Encoded("a\n\r\t\x1b[2J\x7f"), R"("a\u000a\u000d\u0009\u001b[2J\u007f")");
+  EXPECT_EQ(Encoded(std::string_view("\0", 1)), R"("\u0000")");
+}
+
+TEST(JsonTextTest, ControlsBeyondAsciiAreEscaped) {
+  EXPECT_EQ(Encoded("\xC2\x80\xC2\x9B\xC2\x9F\xC2\xA0"), "\"\\u0080\\u009b\\u009f\xC2\xA0\"");
+}
+
+TEST(JsonTextTest, BytesThatAreNotUtf8AreReplacedOneByOne) {
+  EXPECT_EQ(Encoded("\xC3\xBC\xFF\xE2\x82"), "\"\xC3\xBC\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD\"");
+  EXPECT_EQ(Encoded("\x9B"), "\"\xEF\xBF\xBD\"");
+  EXPECT_EQ(Encoded("\xC2"), "\"\xEF\xBF\xBD\"");
+}
+
+// ---- Words that know their age ------------------------------------------------------------------
+
+TEST(DatedWordTest, KnowsWhenItWasGivenAnotherValue) {
+  test::FakeClock clock(kNow);
+  DatedWord word;
+  EXPECT_EQ(word, 0);
+  EXPECT_EQ(word.since(), 0);
+  word = 3;
+  clock.Advance(5);
+  word = 3;
+  EXPECT_EQ(word, 3);
+  EXPECT_EQ(word.since(), kNow);
+  word = 0;
+  EXPECT_EQ(word.load(), 0);
+  EXPECT_EQ(word.since(), kNow + 5);
+}
+
+// ---- "status" -----------------------------------------------------------------------------------
+
+class StatusTest : public test::RelayTest {
+ protected:
+  StatusTest() { rheader = {}; }
+  ~StatusTest() override { ReleaseRecords(); }
+
+  /// The text with which a command is answered; its header must be right.
+  static std::string Answer(const std::string& line) {
+    CommandNode* tool = NewCommandNode("op", "192.0.2.7");
+    const test::SocketPair pair;
+    tool->sock = pair.ours.get();
+    std::string copy = line;
+    EXPECT_EQ(SendCommandResponse(tool, ParseAndExecuteCommand(tool, copy.data())), 0);
+    ReleaseRecords();
+    FreeCommandNode(tool);
+    const std::string bytes = test::ReceiveAvailable(pair.theirs.get());
+    const std::string text = bytes.substr(kHeaderSize);
+    const std::string header("\1\0\0\0", 4);
+    EXPECT_EQ(bytes.substr(0, 4), header);
+    EXPECT_EQ(rheader.count, text.size());
+    return text;
+  }
+
+  test::FakeClock clock_{kNow};
+};
+
+TEST_F(StatusTest, WithoutConsolesThereIsNothingToTell) {
+  EXPECT_EQ(Answer("status"), "");
+  EXPECT_EQ(Answer("status nobody"), "");
+}
+
+TEST_F(StatusTest, TellsOfAConsoleThatIsNotConnected) {
+  ConsoleNode* cnode = test::AddConsole(i_cons_list, "lab1");
+  clock_.Advance(60);
+  cnode->status = kRefused;
+  EXPECT_EQ(Answer("status"),
+            "{\"console\": \"lab1\", \"state\": \"refused\", \"since\": 1000000060, "
+            "\"last_output\": null, \"users\": []}\n");
+}
+
+TEST_F(StatusTest, TellsOfUsersByTheirRealAndTheirGivenNames) {
+  const Attached<ConsoleNode> lab = ConnectConsole("lab1");
+  lab.node->last_output = kNow + 7;
+  clock_.Advance(10);
+  const Attached<UserNode> plain = AttachUser(lab.node, "<unknown>", kReadOnly);
+  CopyText(plain.node->identity.from, "192.0.2.1");
+  clock_.Advance(1);
+  const Attached<UserNode> known = AttachUser(lab.node, "anna", kExclusiveRevocable);
+  known.node->identity = {"anna", "VRQ", "192.0.2.2", "desk \"4\""};
+  EXPECT_THAT(
+      Answer("status LAB1"),
+      ::testing::EndsWith(
+          ", \"last_output\": 1000000007, \"users\": ["
+          "{\"user\": null, \"given_user\": null, \"from\": \"192.0.2.1\", \"given_from\": null, "
+          "\"mode\": \"read-only\", \"since\": 1000000010}, "
+          "{\"user\": \"anna\", \"given_user\": \"VRQ\", \"from\": \"192.0.2.2\", "
+          "\"given_from\": \"desk \\\"4\\\"\", \"mode\": \"exclusive-revoke\", "
+          "\"since\": 1000000011}]}\n"));
+  EXPECT_THAT(Answer("status lab1"), StartsWith("{\"console\": \"lab1\", \"state\": \"in-use\", "));
+}
+
+TEST_F(StatusTest, StatesHaveTheirWords) {
+  const Attached<ConsoleNode> up = ConnectConsole("up");
+  EXPECT_THAT(Answer("status up"), HasSubstr("\"state\": \"connected\""));
+  ConsoleNode* down = test::AddConsole(i_cons_list, "down");
+  EXPECT_THAT(Answer("status down"), HasSubstr("\"state\": \"not-connected\""));
+  down->status = kInProgress;
+  EXPECT_THAT(Answer("status down"), HasSubstr("\"state\": \"connecting\""));
+  down->status = 7;
+  EXPECT_THAT(Answer("status down"), HasSubstr("\"state\": \"unknown\""));
+  clock_.Advance(3);
+  down->enable = 0;
+  EXPECT_THAT(Answer("status down"), HasSubstr("\"state\": \"disabled\", \"since\": 1000000003"));
+}
+
+TEST_F(StatusTest, ModesHaveTheirWords) {
+  const Attached<ConsoleNode> lab = ConnectConsole("lab1");
+  const Attached<UserNode> user = AttachUser(lab.node, "anna");
+  for (const auto& [mode, word] : {std::pair{kReadOnly, "read-only"},
+                                   {kShared, "shared"},
+                                   {kExclusive, "exclusive"},
+                                   {kExclusiveRevocable, "exclusive-revoke"}}) {
+    user.node->mode = mode;
+    EXPECT_THAT(Answer("status"), HasSubstr("\"mode\": \"" + std::string(word) + "\""));
+  }
+}
+
+TEST_F(StatusTest, ConnectedConsolesComeFirst) {
+  test::AddConsole(i_cons_list, "down");
+  const Attached<ConsoleNode> up = ConnectConsole("up");
+  const std::string text = Answer("status");
+  EXPECT_LT(text.find("\"up\""), text.find("\"down\""));
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
+}
+
+TEST_F(StatusTest, OutputIsDated) {
+  const Attached<ConsoleNode> lab = ConnectConsole("lab1");
+  const uint64_t before = counters.console_bytes.Get();
+  clock_.Advance(9);
+  test::SendText(lab.peer.get(), "login: ");
+  DescriptorSet fdset;
+  ASSERT_TRUE(fdset.CopyFrom(a_cons_list->fdset));
+  ASSERT_EQ(CheckForConsoleOutput(a_cons_list->high_sock, &fdset), 1);
+  ProcessConsoleOutput(fdset);
+  EXPECT_EQ(lab.node->last_output, kNow + 9);
+  EXPECT_EQ(counters.console_bytes.Get(), before + 7);
+}
+
+// ---- "stats" ------------------------------------------------------------------------------------
+
+TEST_F(StatusTest, StatsAreOneObjectOfNumbers) {
+  StartCounting();
+  const std::string reloads = std::to_string(counters.reloads.Get() + 1);
+  clock_.Advance(5);
+  NoteReload(ReloadResult::kDone);
+  const std::string text = Answer("stats and more");
+  std::string keys;
+  for (size_t at = text.find('"'); at != std::string::npos; at = text.find('"', at + 1)) {
+    const size_t end = text.find('"', at + 1);
+    if (text[end + 1] == ':') keys += text.substr(at + 1, end - at - 1) + " ";
+    at = end;
+  }
+  EXPECT_EQ(keys,
+            "started console_connections console_failures console_losses console_bytes log_records "
+            "log_bytes log_records_lost connections refusals logins_accepted logins_refused "
+            "users_attached users_left tools_attached commands events_posted events_dropped "
+            "reloads last_reload last_reload_result ");
+  EXPECT_THAT(text, StartsWith("{\"started\": 1000000000, \"console_connections\": "));
+  EXPECT_THAT(text, ::testing::EndsWith(", \"reloads\": " + reloads +
+                                        ", \"last_reload\": 1000000005, "
+                                        "\"last_reload_result\": \"done\"}\n"));
+}
+
+TEST_F(StatusTest, StatsTellHowTheLastReloadEnded) {
+  NoteReload(ReloadResult::kEventFilesFailed);
+  EXPECT_THAT(Answer("stats"), HasSubstr("\"last_reload_result\": \"event files failed\"}"));
+  NoteReload(ReloadResult::kConfigurationFailed);
+  EXPECT_THAT(Answer("stats"), HasSubstr("\"last_reload_result\": \"configuration failed\"}"));
+}
+
+}  // namespace

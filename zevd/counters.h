@@ -1,0 +1,59 @@
+// What the daemon has done since it started, for whoever asks with "stats".
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ctime>
+
+/// One number that any thread may raise; nothing else is ordered by it.
+class Counter {
+ public:
+  void Add(uint64_t count = 1) { value_.fetch_add(count, std::memory_order_relaxed); }
+  uint64_t Get() const { return value_.load(std::memory_order_relaxed); }
+
+ private:
+  std::atomic<uint64_t> value_{0};
+};
+
+/// What came of a reload.
+enum class ReloadResult : int {
+  kNone,              ///< there has been none
+  kDone,              ///< everything was read
+  kEventFilesFailed,  ///< the configuration was left alone
+  kConfigurationFailed,
+};
+
+struct Counters {
+  Counter console_connections;  ///< consoles that became connected
+  Counter console_failures;     ///< attempts to connect that failed or were refused
+  Counter console_losses;       ///< connections of consoles that ended, on whatever side
+  Counter console_bytes;        ///< received from consoles
+  Counter log_records;          ///< written to log files, the consolidated one included
+  Counter log_bytes;            ///< in those records, their time stamps included
+  Counter log_records_lost;     ///< that could not be written
+  Counter connections;          ///< accepted from users and tools
+  Counter refusals;             ///< errors of the sixteen that users and tools were sent
+  Counter logins_accepted;      ///< by name and password, or by cookie
+  Counter logins_refused;       ///< tries, of which one connection may make several
+  Counter users_attached;       ///< to consoles
+  Counter users_left;           ///< or thrown off
+  Counter tools_attached;       ///< to the command port
+  Counter commands;             ///< lines that tools sent
+  Counter events_posted;        ///< taken by the event manager's library
+  Counter events_dropped;       ///< not taken
+  Counter reloads;              ///< that have ended, whatever came of them
+};
+
+extern Counters counters;
+
+/// Begins to count: the moment that "started" tells. Before the worker threads start.
+void StartCounting();
+
+/// The time at which counting began.
+time_t CountingSince();
+
+/// The console output monitor only.
+void NoteReload(ReloadResult result);
+
+/// The result of the last reload and its time, 0 when there was none.
+ReloadResult LastReload(time_t* at);

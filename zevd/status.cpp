@@ -1,0 +1,175 @@
+#include "status.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <new>
+#include <string>
+
+#include "cmd_mon.h"
+#include "counters.h"
+#include "error.h"
+#include "json_text.h"
+#include "zev.h"
+
+namespace {
+
+struct CodeRow {
+  const char* code;  // as GetStatusCode() writes it
+  const char* word;
+};
+
+constexpr CodeRow kStates[] = {{"0", "connected"}, {"1", "in-use"},     {"2", "not-connected"},
+                               {"3", "refused"},   {"4", "connecting"}, {"5", "disabled"}};
+constexpr char kOtherState[] = "unknown";
+
+struct ModeRow {
+  int mode;
+  const char* word;
+};
+
+constexpr ModeRow kModes[] = {{kReadOnly, "read-only"},
+                              {kShared, "shared"},
+                              {kExclusive, "exclusive"},
+                              {kExclusiveRevocable, "exclusive-revoke"}};
+
+struct CounterRow {
+  const char* key;
+  Counter Counters::*counter;
+};
+
+constexpr CounterRow kCounters[] = {
+    {"console_connections", &Counters::console_connections},
+    {"console_failures", &Counters::console_failures},
+    {"console_losses", &Counters::console_losses},
+    {"console_bytes", &Counters::console_bytes},
+    {"log_records", &Counters::log_records},
+    {"log_bytes", &Counters::log_bytes},
+    {"log_records_lost", &Counters::log_records_lost},
+    {"connections", &Counters::connections},
+    {"refusals", &Counters::refusals},
+    {"logins_accepted", &Counters::logins_accepted},
+    {"logins_refused", &Counters::logins_refused},
+    {"users_attached", &Counters::users_attached},
+    {"users_left", &Counters::users_left},
+    {"tools_attached", &Counters::tools_attached},
+    {"commands", &Counters::commands},
+    {"events_posted", &Counters::events_posted},
+    {"events_dropped", &Counters::events_dropped},
+    {"reloads", &Counters::reloads},
+};
+
+struct ReloadRow {
+  ReloadResult result;
+  const char* word;
+};
+
+constexpr ReloadRow kReloads[] = {
+    {ReloadResult::kDone, "done"},
+    {ReloadResult::kEventFilesFailed, "event files failed"},
+    {ReloadResult::kConfigurationFailed, "configuration failed"},
+};
+
+const char* StateWord(const ConsoleNode* cnode) {
+  char code[2];
+  GetStatusCode(cnode, code);
+  for (const CodeRow& row : kStates) {
+    if (row.code[0] == code[0] && code[1] == '\0') return row.word;
+  }
+  return kOtherState;
+}
+
+const char* ModeWord(int mode) {
+  for (const ModeRow& row : kModes) {
+    if (row.mode == mode) return row.word;
+  }
+  return "unknown";
+}
+
+void ReportUser(JsonText& json, const UserNode* unode) {
+  const Identity& identity = unode->identity;
+  json.BeginObject();
+  json.Key("user").TextOrNull(identity.user);
+  json.Key("given_user").TextOrNull(identity.given_user);
+  json.Key("from").TextOrNull(identity.from);
+  json.Key("given_from").TextOrNull(identity.given_from);
+  json.Key("mode").Text(ModeWord(unode->mode));
+  json.Key("since").Time(unode->since);
+  json.EndObject();
+}
+
+void ReportConsole(std::string& text, const ConsoleNode* cnode) {
+  JsonText json(text);
+  json.BeginObject();
+  json.Key("console").Text(cnode->cname);
+  json.Key("state").Text(StateWord(cnode));
+  json.Key("since").Time(std::max(cnode->status.since(), cnode->enable.since()));
+  json.Key("last_output").Time(cnode->last_output);
+  json.Key("users").BeginArray();
+  for (const UserNode* unode : Nodes(*cnode->user_list)) ReportUser(json, unode);
+  json.EndArray().EndObject();
+  text += '\n';
+}
+
+std::string StatusOf(const char* cons_name) REQUIRES_SHARED(acl_lock, icl_lock) {
+  std::string text;
+  for (const ConsoleList* list : {a_cons_list, i_cons_list}) {
+    for (const ConsoleNode* cnode : Nodes(*list)) {
+      const bool wanted = cons_name == nullptr || strcasecmp(cnode->cname, cons_name) == 0;
+      if (wanted) ReportConsole(text, cnode);
+    }
+  }
+  return text;
+}
+
+void ReportLastReload(JsonText& json) {
+  time_t at = 0;
+  const ReloadResult result = LastReload(&at);
+  const char* word = "";
+  for (const ReloadRow& row : kReloads) {
+    if (row.result == result) word = row.word;
+  }
+  json.Key("last_reload").Time(at);
+  json.Key("last_reload_result").TextOrNull(word);
+}
+
+std::string Stats() {
+  std::string text;
+  JsonText json(text);
+  json.BeginObject();
+  json.Key("started").Time(CountingSince());
+  for (const CounterRow& row : kCounters) json.Key(row.key).Number((counters.*row.counter).Get());
+  ReportLastReload(json);
+  json.EndObject();
+  return text + '\n';
+}
+
+void GiveUp(const char* function) {
+  AnswerOutOfMemory();
+  ReportOutOfMemory(function);
+}
+
+}  // namespace
+
+void ProcessStatusCommand(const char* cons_name) {
+  ENTERING();
+  try {
+    std::string text;
+    {
+      const ReadLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, HERE);
+      text = StatusOf(cons_name);
+    }
+    if (!AnswerText(text)) GiveUp(__func__);
+  } catch (const std::bad_alloc&) {
+    GiveUp(__func__);
+  }
+}
+
+void ProcessStatsCommand() {
+  ENTERING();
+  try {
+    if (!AnswerText(Stats())) GiveUp(__func__);
+  } catch (const std::bad_alloc&) {
+    GiveUp(__func__);
+  }
+}
