@@ -10,7 +10,7 @@
 
 /// One entry. A null text is written as an empty one; a text is cut at 256 bytes.
 struct AuditEntry {
-  const char* what;                    ///< "login", "attach", "leave", "security" or a command
+  const char* what;                    ///< as docs/operating.md lists them, or a command
   const char* result;                  ///< "accepted", "refused", "done", "off"
   const Identity* identity = nullptr;  ///< null: the daemon itself
   const char* console = nullptr;       ///< the console's name, or what a command was given for one

@@ -721,6 +721,8 @@ void ReportMainPortUnavailable() {
             "%s: Nobody can connect through port %d. Another program may be listening there; the "
             "port is tried again at each reload.\n",
             "GetPortsToListenOn", user_port);
+  Audit({"listen", "refused", nullptr, nullptr, nullptr,
+         "Nobody can connect through the main port."});
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 """What the system's log tells: who did what, from where, with which result."""
 
+import socket
+
 import pytest
 
 from harness.access import LOOPBACK, bring_up, refused
@@ -57,6 +59,17 @@ def test_a_word_that_is_no_number_turns_security_off_and_is_told(system_log, sta
 def test_security_that_is_on_says_nothing(system_log, fortress):
     assert system_log.entries() == []
     assert "Security is off" not in fortress[0].log_text()
+
+
+def test_a_main_port_that_is_taken_is_told(system_log, station):
+    with socket.create_server((LOOPBACK, station.port)):
+        station.start(wait=False)
+        station.wait_log(f"GetPortsToListenOn: Nobody can connect through port {station.port}. "
+                         "Another program may be listening there; the port is tried again at each "
+                         "reload.")
+        assert system_log.wait("listen") == [
+            {"what": "listen", "result": "refused",
+             "reason": "Nobody can connect through the main port."}]
 
 
 def test_attaching_and_leaving(system_log, open_station):
