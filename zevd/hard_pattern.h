@@ -1,0 +1,22 @@
+// Patterns that the system's matcher cannot bear, told by their text, before the matcher has seen
+// them. A reference back may take minutes for one line, or the whole stack. Counts of counts, and
+// whatever else is copied over and over, take all memory to compile. A choice of bytes, as in
+// "a.*b.{20}c", has a part of unknown length before it: each byte may be at any of the places
+// behind, and the matcher keeps every set of places that it meets.
+#pragma once
+
+#include <cstddef>
+
+/// Bounds within which a pattern of any shape is compiled in some ten milliseconds, and a line of a
+/// kilobyte is matched in as many. The work grows with the square of the first two and doubles with
+/// each of the next two.
+inline constexpr size_t kMostCopies = 256;      ///< what counts and "+" add to what is written
+inline constexpr size_t kMostOptional = 256;    ///< parts that may be absent, copies included
+inline constexpr size_t kMostDoubling = 8;      ///< repeated what may be absent; anchors in groups
+inline constexpr size_t kMostLateChoices = 10;  ///< choices behind a part of unknown length
+inline constexpr size_t kDeepestPattern = 24;   ///< groups within groups
+
+/// Whether a POSIX extended regular expression is such a pattern: it refers back, or goes beyond
+/// the bounds. What is no expression at all is judged by the part that the matcher would read
+/// before it refuses the rest.
+bool IsHardPattern(const char* pattern);
