@@ -1,7 +1,8 @@
 // The life of the thread "cons_mon", which is the main thread after start-up.
 //
 // It makes a pass at least every 2 seconds: a console's output, a new console or one marked closed
-// ends the wait in select() (cons_mon_waker does so for the last two). It reads console sockets and
+// ends the wait in select() (cons_mon_waker does so for the last two), and so does the matcher's
+// answer (matcher.h). It reads console sockets and
 // sends to users with acl_lock held for writing; it alone closes the sockets of a_cons_list and
 // moves closed consoles back to i_cons_list. Pairs of locks: acl_lock and icl_lock for a reload,
 // ul_lock and acl_lock to clean up, icl_lock and acl_lock to move. It frees deleted consoles of
@@ -24,6 +25,7 @@
 #include "load.h"
 #include "log.h"
 #include "log_directory.h"
+#include "matcher.h"
 #include "socket_watch.h"
 #include "user_mon.h"
 #include "util.h"
@@ -180,6 +182,7 @@ ReloadResult ReloadConfiguration() {
 void Reload() {
   PauseOtherThreads();
   NoteReload(ReloadConfiguration());
+  matcher.SetsChanged();
   RefreshMappedPorts();
   GetZevdArchIntFromConfFile();
   thread_waitreq_mask &= ~kOtherThreads;
@@ -258,6 +261,7 @@ void MonitorConsoleOutput() {
     usleep(kPassPause);
     DeleteMarked(&looks);
     RelayOutput(&fdset);
+    matcher.Serve();
     if (AnyConsoleClosed(&looks)) MoveClosedConsoles(&looks);
     if (LogDirExpired() != 0) RotateLogs();
   }

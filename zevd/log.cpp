@@ -17,6 +17,7 @@
 #include "event.h"
 #include "event_set.h"
 #include "log_directory.h"
+#include "matcher.h"
 #include "reg_expr.h"
 #include "safe_file.h"
 #include "timestamp.h"
@@ -100,6 +101,10 @@ bool WriteRecord(int fd, const RecordTime& time, const char* before, const char*
 void PostMatch(ConsoleNode* cnode, const char* buf, int count) {
   constexpr size_t kTextSize = 8192;
   const RegExList* patterns = cnode->enode == nullptr ? nullptr : cnode->enode->re_list;
+  if (patterns != nullptr && patterns->matcher_set != 0) {
+    matcher.Take(cnode->cname, patterns->matcher_set, {buf, static_cast<size_t>(count)});
+    return;
+  }
   char* pattern = nullptr;
   int priority = 0;
   if (MatchPattern(buf, count, patterns, &pattern, &priority) == 0) return;

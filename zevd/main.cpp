@@ -19,6 +19,8 @@
 #include "lock_file.h"
 #include "log.h"
 #include "log_directory.h"
+#include "matcher.h"
+#include "matcher_process.h"
 #include "paths.h"
 #include "util.h"
 #include "zev.h"
@@ -63,6 +65,7 @@ void ArrangeSignals() {
 
 void LoadConfiguration() NO_THREAD_SAFETY_ANALYSIS {  // no other thread exists yet
   LoadEventFiles(ev_list);
+  matcher.SetsChanged();
   LoadConfigFile(i_cons_list);
   LoadModels(&model_list);
 }
@@ -90,6 +93,7 @@ void CreateWorkerThreads() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (IsMatcherProcess(argc, argv)) MatcherMain();
   OccupyStandardDescriptors();
   OutliveReaders();
   ClearThreadNames();

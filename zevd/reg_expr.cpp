@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "error.h"
+#include "hard_pattern.h"
 #include "literal_filter.h"
 
 /// The filter knows patterns by number; these are the nodes in the same order.
@@ -73,10 +74,14 @@ void FreeCompiled(regex_t* comp_regex) {
   delete comp_regex;
 }
 
+bool IsForAnyCase(const PatternLine& fields) {
+  return strcmp(fields.case_indicator, "0") == 0;
+}
+
 // 0, or -1 when the expression is bad; the reason is reported.
 int Compile(const PatternLine& fields, regex_t* comp_regex) {
-  const bool any_case = strcmp(fields.case_indicator, "0") == 0;
-  const int error = regcomp(comp_regex, fields.pattern, REG_EXTENDED | (any_case ? REG_ICASE : 0));
+  const int case_flag = IsForAnyCase(fields) ? REG_ICASE : 0;
+  const int error = regcomp(comp_regex, fields.pattern, REG_EXTENDED | case_flag);
   if (error == 0) return 0;
   char reason[kTextSize];
   regerror(error, comp_regex, reason, sizeof reason);
@@ -89,9 +94,10 @@ int AppendPattern(const PatternLine& fields, regex_t* comp_regex, RegExList* reg
                                  fields.pattern, comp_regex);
   if (node == nullptr) {
     zev_debug(kError, "%s: NewRegExNode() failed.\n", kParse);
-    FreeCompiled(comp_regex);
+    if (comp_regex != nullptr) FreeCompiled(comp_regex);
     return -1;
   }
+  node->any_case = IsForAnyCase(fields);
   if (AddRegExToList(node, regex_list) != 0) {
     zev_debug(kError, "%s: AddRegExToList() failed.\n", kParse);
     FreeRegExNode(node);
@@ -100,8 +106,20 @@ int AppendPattern(const PatternLine& fields, regex_t* comp_regex, RegExList* reg
   return 0;
 }
 
+// From now on the list is one for the matcher. What has been compiled for it is of no use any more.
+void HandOver(RegExList* regex_list) {
+  static uint32_t last_number = 0;  // lists are read by one thread
+  regex_list->matcher_set = ++last_number;
+  for (RegExNode* node : Nodes(*regex_list)) {
+    FreeCompiled(node->comp_regex);
+    node->comp_regex = nullptr;
+  }
+}
+
 // 0, also for an expression that does not compile, or -1 when memory runs out.
 int AddPatternLine(const PatternLine& fields, RegExList* regex_list) {
+  if (regex_list->matcher_set == 0 && IsHardPattern(fields.pattern)) HandOver(regex_list);
+  if (regex_list->matcher_set != 0) return AppendPattern(fields, nullptr, regex_list);
   auto* comp_regex = new (std::nothrow) regex_t;
   if (comp_regex == nullptr) {
     ReportOutOfMemory(kParse);
@@ -164,7 +182,7 @@ bool FillFilter(const RegExList& list, RegExFilter* filter) {
 }
 
 void MakeFilter(RegExList* list) {
-  if (list->count < kFewestToFilter) return;
+  if (list->count < kFewestToFilter || list->matcher_set != 0) return;
   list->filter = new (std::nothrow) RegExFilter;
   if (list->filter != nullptr && !FillFilter(*list, list->filter)) DropFilter(list);
 }
@@ -236,6 +254,7 @@ void InitRegExList(RegExList* list, const char* list_name) {
   ENTERING();
   InitList(*list, list_name);
   list->filter = nullptr;
+  list->matcher_set = 0;
 }
 
 int AddRegExToList(RegExNode* node, RegExList* list) {
@@ -269,6 +288,7 @@ void EmptyRegExList(RegExList* list) {
     RemoveRegExFromList(node, list);
     FreeRegExNode(node);
   }
+  list->matcher_set = 0;
 }
 
 void FreeRegExList(RegExList* list) {
@@ -298,7 +318,7 @@ int MatchPattern(const char* buf, int count, const RegExList* regex_list, char**
   const size_t length = std::min(static_cast<size_t>(count), kTextSize);
   memcpy(text, buf, length);
   text[length] = '\0';
-  if (regex_list == nullptr) return 0;
+  if (regex_list == nullptr || regex_list->matcher_set != 0) return 0;
   const RegExNode* match = FirstMatch(*regex_list, text);
   if (match == nullptr) return 0;
   char* text_of_match = strdup(match->pattern);

@@ -4,15 +4,19 @@
 
 #include <regex.h>
 
+#include <cstdint>
+
 #include "list.h"
 
 /// One pattern line.
 struct RegExNode {
-  char* jix_name;       ///< first field; kept, but of no effect
-  int priority;         ///< of the event that a match posts
-  int case_sensitive;   ///< third field; 0 matches without regard to case
-  char* pattern;        ///< the text as written, a POSIX extended regular expression
-  regex_t* comp_regex;  ///< compiled, owned
+  char* jix_name;         ///< first field; kept, but of no effect
+  int priority;           ///< of the event that a match posts
+  int case_sensitive;     ///< third field; 0 matches without regard to case
+  char* pattern;          ///< the text as written, a POSIX extended regular expression
+  regex_t* comp_regex;    ///< compiled, owned; null in a list for the matcher
+  bool any_case = false;  ///< it matches without regard to case
+  bool left_out = false;  ///< the matcher could not bear it; the thread "cons_mon" only
 };
 
 struct RegExListElem {
@@ -28,6 +32,10 @@ struct RegExList : List<RegExListElem, &RegExListElem::node> {
   /// Owned; names the patterns that are worth trying on a line. Made when a file has been read and
   /// dropped when the list changes; without one every pattern is tried, with the same result.
   RegExFilter* filter = nullptr;
+
+  /// Not 0: one of the patterns is hard (hard_pattern.h), so none is compiled here and the matcher
+  /// (matcher.h) knows the list by this number, which no other list had before.
+  uint32_t matcher_set = 0;
 };
 
 // Allocation failures are reported, with the "Out of memory" event, and give null or -1.
@@ -50,12 +58,13 @@ void EmptyRegExList(RegExList* list);
 void FreeRegExList(RegExList* list);
 
 /// Empties the list and fills it from the file. Malformed lines and bad expressions are reported by
-/// line number and left out. 0, or -1 when the file cannot be opened or memory runs out; memory
-/// that is missing for the filter alone costs nothing but time and is not reported.
+/// line number and left out; in a list for the matcher, expressions are judged when it has seen
+/// them. 0, or -1 when the file cannot be opened or memory runs out; memory that is missing for the
+/// filter alone costs nothing but time and is not reported.
 int ParseRegExFile(const char* filename, RegExList* regex_list);
 
 /// 1 when a pattern of the list matches one log record, else 0: the first in file order wins. Then
 /// `*pattern` is a copy of its text, to be freed by the caller, and `*priority` its priority. The
-/// list may be null.
+/// list may be null; one for the matcher matches nothing here.
 int MatchPattern(const char* buf, int count, const RegExList* regex_list, char** pattern,
                  int* priority);

@@ -10,15 +10,30 @@
 
 namespace {
 
+// What else ends the wait goes into the set of those that are asked.
+bool AddWaker(const Waker* waker, DescriptorSet& asked) {
+  if (waker == nullptr) return true;
+  return asked.Add(waker->descriptor()) && (waker->beside() == -1 || asked.Add(waker->beside()));
+}
+
+int Highest(int high_sock, const Waker* waker) {
+  if (waker == nullptr) return high_sock;
+  return std::max({high_sock, waker->descriptor(), waker->beside()});
+}
+
 // Every member is asked. Without memory they are asked again in the next pass, which begins after a
 // pause.
 int WaitForEach(int high_sock, DescriptorSet& set, const Waker* waker, timeval* timeout) {
-  const int highest = waker == nullptr ? high_sock : std::max(high_sock, waker->descriptor());
-  if (waker != nullptr && (!set.Reserve(highest) || !set.Add(waker->descriptor()))) return 0;
+  const int highest = Highest(high_sock, waker);
+  if (waker != nullptr && (!set.Reserve(highest) || !AddWaker(waker, set))) return 0;
   int ready = select(highest + 1, set.Native(), nullptr, nullptr, timeout);
   if (ready > 0 && waker != nullptr && set.Contains(waker->descriptor())) {
     set.Remove(waker->descriptor());
     waker->Drain();
+    --ready;
+  }
+  if (ready > 0 && waker != nullptr && waker->beside() != -1 && set.Contains(waker->beside())) {
+    set.Remove(waker->beside());
     --ready;
   }
   return ready;
@@ -29,9 +44,9 @@ int WaitForWatch(DescriptorSet& set, const Waker* waker, timeval* timeout, Socke
   DescriptorSet& asked = watch->asked();
   asked.Clear();
   if (!asked.Add(watch->descriptor())) return 0;
-  if (waker != nullptr && !asked.Add(waker->descriptor())) return 0;
-  const int highest = std::max(watch->descriptor(), waker == nullptr ? -1 : waker->descriptor());
-  const int ready = select(highest + 1, asked.Native(), nullptr, nullptr, timeout);
+  if (!AddWaker(waker, asked)) return 0;
+  const int ready =
+      select(Highest(watch->descriptor(), waker) + 1, asked.Native(), nullptr, nullptr, timeout);
   if (ready < 0) return ready;
   if (waker != nullptr && asked.Contains(waker->descriptor())) waker->Drain();
   if (asked.Contains(watch->descriptor())) return watch->KeepReadable(set);

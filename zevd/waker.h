@@ -23,8 +23,14 @@ class Waker {
 
   int descriptor() const { return descriptor_; }
 
+  /// A descriptor beside the list's that ends the wait while it is readable, -1 for none. It is the
+  /// waiting thread's, which reads from it after the wait.
+  void Beside(int descriptor) { beside_ = descriptor; }
+  int beside() const { return beside_; }
+
  private:
   int descriptor_ = -1;
+  int beside_ = -1;                 ///< the waiting thread only
   std::atomic<unsigned> wakes_{0};  ///< how often Wake() was called; wraps round
 };
 

@@ -10,6 +10,7 @@
 #include <iostream>
 #include <memory>
 
+#include "hard_pattern.h"
 #include "random_patterns.h"
 #include "support.h"
 
@@ -488,6 +489,55 @@ TEST_F(RegExprTest, TooManyPatternsForAFilterAreAllTried) {
   EXPECT_FALSE(Matches("x9000y\n"));
 }
 
+// ---- Lists for the matcher ----------------------------------------------------------------------
+
+TEST_F(RegExprTest, OneHardPatternMakesTheListOneForTheMatcher) {
+  for (const char* file : {"a 1 0 (r)\\1\nb 2 0 error\n", "b 2 0 error\na 1 0 (r)\\1\n",
+                           "b 2 0 error\na 1 0 (r)\\1\nc 3 0 fan\n"}) {
+    ASSERT_EQ(Parse(file), 0);
+    EXPECT_NE(list_->matcher_set, 0U) << file;
+    EXPECT_EQ(list_->filter, nullptr) << file;
+    for (const RegExNode* node : Nodes(*list_)) EXPECT_EQ(node->comp_regex, nullptr) << file;
+    EXPECT_FALSE(Matches("error\n")) << file;
+  }
+}
+
+TEST_F(RegExprTest, EveryListForTheMatcherHasANumberOfItsOwn) {
+  std::vector<uint32_t> numbers;
+  for (int i = 0; i < 3; ++i) {
+    Parse("a 1 0 (r)\\1\n");
+    numbers.push_back(list_->matcher_set);
+  }
+  EXPECT_LT(numbers[0], numbers[1]);
+  EXPECT_LT(numbers[1], numbers[2]);
+  Parse("a 1 0 error\n");
+  EXPECT_EQ(list_->matcher_set, 0U);
+  EXPECT_TRUE(Matches("error\n"));
+}
+
+TEST_F(RegExprTest, ListForTheMatcherKeepsWhatIsWrongForIt) {
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(Parse("a 1 0 a(b\nb 2 00 (r)\\1\nc 3 0 c(d\nd 4\n"), 0);
+  EXPECT_THAT(Lines(), ElementsAre(Line{"b", 2, 0, "(r)\\1"}, Line{"c", 3, 0, "c(d"}));
+  EXPECT_FALSE(list_->head->node->any_case);
+  EXPECT_TRUE(list_->tail->node->any_case);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("ParseRegExFile: regcomp() failed for pattern a(b : Unmatched ( or \\(\n",
+                          "ParseRegExFile: Case indicator missing in line 4 of root/patterns\n"));
+}
+
+TEST_F(RegExprTest, RunningOutOfMemoryFailsAFileForTheMatcherToo) {
+  bool reached = true;
+  for (int failing = 1; reached; ++failing) {
+    const test::DebugCapture capture(0);
+    test::WriteFile(kFile, "a 1 0 x\nb 2 0 (r)\\1\nc 3 0 y\n");
+    const test::FailAllocation failure(failing);
+    const int result = ParseRegExFile(kFile, list_);
+    reached = failure.reached();
+    EXPECT_EQ(result, reached ? -1 : 0) << failing;
+  }
+}
+
 /// Random patterns, and the system's matcher run over them one by one.
 class PlainList {
  public:
@@ -524,6 +574,7 @@ class PlainList {
   void Add(const test::RandomPattern& pattern) {
     regex_t expression;
     const int flags = REG_EXTENDED | (pattern.any_case ? REG_ICASE : 0);
+    if (IsHardPattern(pattern.pattern.c_str())) return;  // the list would be one for the matcher
     if (pattern.pattern.empty() || regcomp(&expression, pattern.pattern.c_str(), flags) != 0)
       return;
     patterns_.push_back(pattern);

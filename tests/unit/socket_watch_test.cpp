@@ -179,6 +179,25 @@ TEST_F(WatchTest, TheWakerEndsTheWaitAndIsNoMember) {
   EXPECT_THAT(Ready(kLong), ElementsAre(2));
 }
 
+TEST_F(WatchTest, ADescriptorBesideEndsTheWaitUntilItIsReadAndIsNoMember) {
+  AppendAll();
+  const test::SocketPair pair;
+  waker_.Beside(pair.ours.get());
+  EXPECT_THAT(Ready(), IsEmpty());
+  test::SendText(pair.theirs.get(), "x");
+  for (int i = 0; i < 2; ++i) {
+    timeval timeout = kLong;
+    ASSERT_TRUE(set_.CopyFrom(list_.fdset));
+    EXPECT_EQ(WaitForMembers(list_.high_sock, set_, waker_, &timeout, WatchOf(&list_)), 0);
+    EXPECT_GT(timeout.tv_sec, 0);
+  }
+  Print(1);
+  EXPECT_THAT(Ready(kLong), ElementsAre(1));
+  EXPECT_EQ(test::Receive(pair.ours.get(), 1), "x");
+  waker_.Beside(-1);
+  EXPECT_THAT(Ready(), ElementsAre(1));
+}
+
 TEST_F(WatchTest, LeavesTheUnsleptTime) {
   AppendAll();
   Print(0);

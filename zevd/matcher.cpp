@@ -1,0 +1,380 @@
+#include "matcher.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "cons_conn.h"
+#include "error.h"
+#include "event.h"
+#include "event_set.h"
+#include "fixed_text.h"
+#include "matcher_process.h"
+#include "util.h"
+#include "waker.h"
+#include "zev.h"
+
+/// A line that waits for its answer; the text follows the record.
+struct MatcherLine {
+  MatcherLine* next;
+  uint64_t number;
+  uint32_t set;
+  size_t length;
+  char cname[kNameSize];
+
+  char* Bytes() { return reinterpret_cast<char*>(this + 1); }
+  std::string_view Text() { return {Bytes(), length}; }
+  size_t Size() const { return sizeof *this + length; }
+};
+
+namespace {
+
+constexpr char kMatcher[] = "Matcher";
+constexpr size_t kTextSize = 8192;
+constexpr int kMostAtOnce = 64;  // answers in a pass
+constexpr int64_t kSecond = 1'000'000;
+constexpr int64_t kLongestDelay = 64 * kSecond;
+constexpr int64_t kLostPause = 5 * kSecond;  // between two reports of lost lines
+
+/// What is said of a pattern that the matcher could not bear.
+struct Complaint {
+  MatcherKind kind;
+  const char* text;
+};
+
+constexpr Complaint kComplaints[] = {
+    {MatcherKind::kCompileTooLong, "takes too long to compile"},
+    {MatcherKind::kCompileCrashed, "cannot be compiled"},
+    {MatcherKind::kMatchTooLong, "took too long on a line"},
+    {MatcherKind::kMatchCrashed, "could not be matched with a line"},
+    {MatcherKind::kMatchOutOfMemory, "needs too much memory for a line"},
+};
+
+// The program's own file, whatever has become of its name. Its environment has but what it may
+// need to find its libraries.
+int StartMatcherProcess(int sock, pid_t* pid) {
+  char name[sizeof kMatcherName];
+  CopyText(name, kMatcherName);
+  char* arguments[] = {name, nullptr};
+  constexpr char kLibraryPath[] = "LD_LIBRARY_PATH";
+  const char* library_path = getenv(kLibraryPath);
+  char variable[kTextSize];
+  snprintf(variable, sizeof variable, "%s=%s", kLibraryPath,
+           library_path == nullptr ? "" : library_path);
+  char* environment[] = {library_path == nullptr ? nullptr : variable, nullptr};
+  sigset_t none;
+  sigemptyset(&none);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  int error = posix_spawn_file_actions_adddup2(&actions, sock, kMatcherSocket);
+  if (error == 0) {
+    error = posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  }
+  if (error == 0)
+    error = posix_spawn(pid, "/proc/self/exe", &actions, &attributes, arguments, environment);
+  posix_spawnattr_destroy(&attributes);
+  posix_spawn_file_actions_destroy(&actions);
+  return error;
+}
+
+bool IsForMatcher(const EventSetNode& enode) {
+  return enode.re_list->matcher_set != 0;
+}
+
+RegExNode* FindPattern(uint32_t set, uint32_t number) {
+  const EventSetNode* enode = FindNode(*ev_list, [&](const EventSetNode& candidate) {
+    return candidate.re_list->matcher_set == set;
+  });
+  if (enode == nullptr) return nullptr;
+  uint32_t here = 0;
+  return FindNode(*enode->re_list, [&](const RegExNode&) { return here++ == number; });
+}
+
+void ReportBadPattern(std::string_view text) {
+  const size_t end = std::min(text.find('\n'), text.size());
+  const std::string_view reason = text.substr(std::min(end + 1, text.size()));
+  zev_debug(kError, "%s: regcomp() failed for pattern %.*s : %.*s\n", "ParseRegExFile",
+            static_cast<int>(end), text.data(), static_cast<int>(reason.size()), reason.data());
+}
+
+void ReportLeftOut(const MatcherMessage& message) {
+  for (const Complaint& complaint : kComplaints) {
+    if (complaint.kind != message.header.kind) continue;
+    char cause[32] = "";
+    if (message.header.value != 0)
+      snprintf(cause, sizeof cause, " (signal %d)", message.header.value);
+    zev_debug(kError, "%s: Pattern \"%.*s\" %s%s and is left out until the next reload.\n",
+              kMatcher, static_cast<int>(message.length), message.text, complaint.text, cause);
+  }
+}
+
+// The console keeps the name that its event had (event.h), unless it is gone.
+void RenameConsole(const char* name, const char* changed) EXCLUDES(acl_lock, icl_lock) {
+  {
+    const WriteLock lock(acl_lock, HERE);
+    if (ConsoleNode* cnode = LocateConsoleInList(name, a_cons_list); cnode != nullptr) {
+      CopyText(cnode->cname, changed);
+      return;
+    }
+  }
+  const WriteLock lock(icl_lock, HERE);
+  if (ConsoleNode* cnode = LocateConsoleInList(name, i_cons_list); cnode != nullptr) {
+    CopyText(cnode->cname, changed);
+  }
+}
+
+void PostMatch(MatcherLine* line, const MatcherMessage& message) EXCLUDES(acl_lock, icl_lock) {
+  char text[kTextSize];
+  snprintf(text, sizeof text, "%.*s", static_cast<int>(line->length), line->Bytes());
+  zev_debug(kInfo, "%s: Matched pattern \"%.*s\" in string \"%s\".\n", "WriteBuffer",
+            static_cast<int>(message.length), message.text, text);
+  char changed[kNameSize];
+  CopyText(changed, line->cname);
+  PostJixEvent("qor.zevd.console", "name", changed, "message", text, message.header.value);
+  if (strcmp(changed, line->cname) != 0) RenameConsole(line->cname, changed);
+}
+
+}  // namespace
+
+constinit Matcher matcher{StartMatcherProcess};
+
+// ---- Lines --------------------------------------------------------------------------------------
+
+void Matcher::Take(const char* cname, uint32_t set, std::string_view record) {
+  // A NUL ends the text, as it does in the daemon's own matching.
+  const std::string_view text = record.substr(0, std::min(record.find('\0'), kTextSize - 1));
+  const size_t size = sizeof(MatcherLine) + text.size();
+  const std::lock_guard lock(mutex_);
+  void* room = queued_ + size > kQueueSize ? nullptr : operator new(size, std::nothrow);
+  if (room == nullptr) {
+    if (lost_++ == 0) lost_since_ = MonotonicMicroseconds();
+    return;
+  }
+  auto* line = new (room) MatcherLine{nullptr, ++last_line_, set, text.size(), {}};
+  CopyText(line->cname, cname);
+  text.copy(line->Bytes(), text.size());
+  (first_ == nullptr ? first_ : last_->next) = line;
+  last_ = line;
+  if (unsent_ == nullptr) unsent_ = line;
+  queued_ += size;
+  if (sets_told_) SendLines();
+}
+
+MatcherLine* Matcher::RemoveFirst() {
+  MatcherLine* line = first_;
+  if (unsent_ == line) unsent_ = line->next;
+  first_ = line->next;
+  if (first_ == nullptr) last_ = nullptr;
+  queued_ -= line->Size();
+  return line;
+}
+
+// What was handed over is answered still: it stands before the others.
+void Matcher::DropUnsent() {
+  last_ = nullptr;
+  for (MatcherLine* line = first_; line != unsent_; line = line->next) last_ = line;
+  (last_ == nullptr ? first_ : last_->next) = nullptr;
+  unsigned long dropped = 0;
+  for (MatcherLine* line = unsent_; line != nullptr; line = unsent_) {
+    unsent_ = line->next;
+    queued_ -= line->Size();
+    operator delete(line);
+    ++dropped;
+  }
+  if (dropped == 0) return;
+  zev_debug(kError, "%s: %lu lines were not matched: they waited at a reload.\n", kMatcher,
+            dropped);
+}
+
+void Matcher::ReportLost(int64_t now) {
+  if (lost_ == 0 || (first_ != nullptr && now - lost_since_ < kLostPause)) return;
+  zev_debug(kError, "%s: %lu lines were not matched: too many were waiting.\n", kMatcher, lost_);
+  lost_ = 0;
+}
+
+// ---- What the matcher is told -------------------------------------------------------------------
+
+void Matcher::SetsChanged() {
+  ENTERING();
+  const std::lock_guard lock(mutex_);
+  wanted_ = FindNode(*ev_list, IsForMatcher) != nullptr;
+  if (!wanted_ && sock_ != -1) {
+    dismissed_ = true;
+    LoseConnection();
+  }
+  DropUnsent();
+  forgotten_ = sets_told_ = false;
+  patterns_told_ = 0;
+  const int64_t now = MonotonicMicroseconds();
+  Reap(now);
+  if (wanted_ && pid_ == -1 && now >= start_time_) Start(now);
+  SendSets();
+}
+
+void Matcher::SendSets() {
+  if (sock_ == -1 || sets_told_) return;
+  if (!forgotten_ && !SendToMatcher(sock_, {.kind = MatcherKind::kForget}, {}, MSG_DONTWAIT))
+    return;
+  forgotten_ = true;
+  size_t place = 0;
+  for (const EventSetNode* enode : Nodes(*ev_list)) {
+    if (!IsForMatcher(*enode)) continue;
+    uint32_t number = 0;
+    for (const RegExNode* node : Nodes(*enode->re_list)) {
+      const MatcherHeader header = {
+          .kind = node->any_case ? MatcherKind::kAnyCase : MatcherKind::kPattern,
+          .set = enode->re_list->matcher_set,
+          .number = number++,
+          .value = node->priority};
+      if (place++ < patterns_told_) continue;
+      if (!node->left_out && !SendToMatcher(sock_, header, node->pattern, MSG_DONTWAIT)) return;
+      ++patterns_told_;
+    }
+  }
+  sets_told_ = SendToMatcher(sock_, {.kind = MatcherKind::kStart}, {}, MSG_DONTWAIT);
+}
+
+// What finds no room is sent after the next answer. A failure shows when that is read.
+void Matcher::SendLines() {
+  while (sock_ != -1 && unsent_ != nullptr) {
+    const MatcherHeader header = {
+        .kind = MatcherKind::kLine, .set = unsent_->set, .line = unsent_->number};
+    if (!SendToMatcher(sock_, header, unsent_->Text(), MSG_DONTWAIT)) return;
+    unsent_ = unsent_->next;
+  }
+}
+
+// ---- What it answers ----------------------------------------------------------------------------
+
+void Matcher::Serve() {
+  for (int left = kMostAtOnce; left > 0; --left) {
+    MatcherMessage message;
+    MatcherLine* matched = nullptr;
+    {
+      const std::lock_guard lock(mutex_);
+      if (TakeAnswer(&message, &matched) == Step::kDone) break;
+    }
+    if (matched != nullptr) PostMatch(matched, message);
+    operator delete(matched);
+  }
+  const std::lock_guard lock(mutex_);
+  if (!wanted_ && pid_ == -1) return;
+  const int64_t now = MonotonicMicroseconds();
+  Reap(now);
+  if (wanted_ && pid_ == -1 && now >= start_time_) Start(now);
+  SendSets();
+  if (sets_told_) SendLines();
+  ReportLost(now);
+}
+
+Matcher::Step Matcher::TakeAnswer(MatcherMessage* message, MatcherLine** matched) {
+  if (sock_ == -1) return Step::kDone;
+  const Received received = ReceiveFromMatcher(sock_, message, MSG_DONTWAIT);
+  if (received == Received::kNothing) return Step::kDone;
+  if (received == Received::kEnd) {
+    LoseConnection();
+    return Step::kDone;
+  }
+  answered_ = true;
+  switch (message->header.kind) {
+    case MatcherKind::kTaken:
+      break;
+    case MatcherKind::kMatch:
+      *matched = AnswerOf(*message);
+      break;
+    case MatcherKind::kNoMatch:
+      operator delete(AnswerOf(*message));
+      break;
+    default:
+      NoteLeftOut(*message);
+  }
+  return Step::kAgain;
+}
+
+// The line that is answered, which nobody else has any more. Null, and an end to the matcher, when
+// it is another than was to be answered.
+MatcherLine* Matcher::AnswerOf(const MatcherMessage& message) {
+  if (first_ != unsent_ && first_->number == message.header.line) return RemoveFirst();
+  zev_debug(kError, "%s: An answer was not the one that was due.\n", kMatcher);
+  LoseConnection();
+  return nullptr;
+}
+
+// Another matcher is not told of it any more.
+void Matcher::NoteLeftOut(const MatcherMessage& message) {
+  RegExNode* node = FindPattern(message.header.set, message.header.number);
+  if (node != nullptr) node->left_out = true;
+  if (message.header.kind == MatcherKind::kBadPattern) {
+    ReportBadPattern(message.Text());
+  } else {
+    ReportLeftOut(message);
+  }
+}
+
+// ---- The process --------------------------------------------------------------------------------
+
+void Matcher::Start(int64_t now) {
+  int ends[2];
+  int error = socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0 ? 0 : errno;
+  start_time_ = now + kSecond;
+  if (error == 0) {
+    error = start_(ends[1], &pid_);
+    close(ends[1]);
+    if (error != 0) close(ends[0]);
+  }
+  if (error != 0) {
+    pid_ = -1;
+    if (error != last_error_)
+      zev_debug(kError, "%s: The matcher cannot be started : %s\n", kMatcher, strerror(error));
+  } else {
+    sock_ = ends[0];
+    cons_mon_waker.Beside(sock_);
+    dismissed_ = answered_ = forgotten_ = sets_told_ = false;
+    patterns_told_ = 0;
+    unsent_ = first_;
+    start_time_ = now;
+  }
+  last_error_ = error;
+}
+
+// The line that the matcher was at is given up, in case that it was the reason; lines behind it are
+// handed to the next one.
+void Matcher::LoseConnection() {
+  cons_mon_waker.Beside(-1);
+  close(sock_);
+  sock_ = -1;
+  sets_told_ = false;
+  kill(pid_, SIGKILL);  // it has not been waited for
+  if (first_ != unsent_ && !dismissed_) operator delete(RemoveFirst());
+  unsent_ = first_;
+}
+
+// No second one is started before the first has ended. One that never said anything is tried again
+// later and later.
+void Matcher::Reap(int64_t now) {
+  int status = 0;
+  if (pid_ == -1 || sock_ != -1 || waitpid(pid_, &status, WNOHANG) != pid_) return;
+  pid_ = -1;
+  delay_ =
+      answered_ || dismissed_ ? kSecond : std::min(std::max(2 * delay_, kSecond), kLongestDelay);
+  start_time_ = dismissed_ ? now : start_time_ + delay_;
+  if (dismissed_) return;
+  const bool killed = WIFSIGNALED(status);
+  zev_debug(kError, "%s: The matcher has ended (%s %d) and is started again.\n", kMatcher,
+            killed ? "signal" : "status", killed ? WTERMSIG(status) : WEXITSTATUS(status));
+}

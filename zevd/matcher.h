@@ -1,0 +1,84 @@
+// The daemon's side of the matcher (matcher_process.h): hands it the event sets with hard patterns
+// and the lines to be matched against them, and posts the events when the answers come. Nothing
+// here waits for the matcher.
+//
+// A line is kept until it is answered; answers come in the order of the lines. When the matcher
+// ends, by whatever cause, another is started, and what it had not answered is handed over again,
+// but for the line that it was at.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string_view>
+
+#include "locks.h"
+#include "matcher_wire.h"
+
+struct MatcherLine;
+
+class Matcher {
+ public:
+  /// Bytes of all lines that have no answer yet, with what is kept of each; lines beyond are lost.
+  static constexpr size_t kQueueSize = size_t{1} << 20;
+
+  /// Starts a matcher with the socket for its own and tells its process id. 0 or an error number.
+  using Starter = int (*)(int sock, pid_t* pid);
+
+  explicit constexpr Matcher(Starter start) : start_(start) {}
+
+  /// ev_list has been loaded: from now on its sets count, and no pattern is left out any more.
+  /// Lines that have been handed over are still answered by the former sets; others are lost. The
+  /// matcher runs while a set needs it. The thread that loads.
+  void SetsChanged();
+
+  /// A console's record, to be matched against a set of the matcher's. Any thread.
+  void Take(const char* cname, uint32_t set, std::string_view record);
+
+  /// Takes in answers, posts events, and replaces a matcher that has ended. Once in a pass of the
+  /// thread "cons_mon", whose wait an answer ends.
+  void Serve() EXCLUDES(acl_lock, icl_lock);
+
+ private:
+  enum class Step { kDone, kAgain };
+
+  // mutex_ is held.
+  Step TakeAnswer(MatcherMessage* message, MatcherLine** matched);
+  MatcherLine* AnswerOf(const MatcherMessage& message);
+  void NoteLeftOut(const MatcherMessage& message);
+  void Start(int64_t now);
+  void LoseConnection();
+  void Reap(int64_t now);
+  void SendSets();
+  void SendLines();
+  MatcherLine* RemoveFirst();
+  void DropUnsent();
+  void ReportLost(int64_t now);
+
+  const Starter start_;
+
+  std::mutex mutex_;               ///< guards all that follows; a leaf but for the debug lock
+  bool wanted_ = false;            ///< some set needs the matcher
+  bool answered_ = false;          ///< the present one has said something
+  bool dismissed_ = false;         ///< it ends because it is not wanted
+  bool forgotten_ = false;         ///< it has been told to forget former sets
+  bool sets_told_ = false;         ///< it knows all sets
+  size_t patterns_told_ = 0;       ///< of all sets together
+  int sock_ = -1;                  ///< -1: no connection
+  pid_t pid_ = -1;                 ///< -1: there is none to be waited for
+  int last_error_ = 0;             ///< of the last start
+  int64_t start_time_ = 0;         ///< microseconds: when the next one may be started
+  int64_t delay_ = 0;              ///< microseconds: between the last start and the next
+  MatcherLine* first_ = nullptr;   ///< the lines without an answer, the oldest one
+  MatcherLine* last_ = nullptr;    ///< the newest one
+  MatcherLine* unsent_ = nullptr;  ///< the oldest one that the matcher does not have
+  size_t queued_ = 0;              ///< bytes of those lines
+  uint64_t last_line_ = 0;         ///< number of the newest line
+  unsigned long lost_ = 0;         ///< lines that found no room and have not been told of
+  int64_t lost_since_ = 0;         ///< microseconds: when the first of them was
+};
+
+/// The one of the daemon, which is the daemon's own program.
+extern Matcher matcher;

@@ -1,0 +1,28 @@
+// The matcher: a process of its own, in which sets with hard patterns (hard_pattern.h) are compiled
+// and matched, so that what a pattern does to the system's matcher is done to nobody else. It is
+// the daemon's own program, started again by matcher.cpp.
+//
+// It consists of two processes. The one that talks to the daemon neither compiles nor matches; it
+// has a worker do so (matcher_worker.h), whom it kills when that takes too long, and replaces when
+// it has ended. Both end with the daemon.
+#pragma once
+
+#include <cstdint>
+
+/// The name under which the program is the matcher, and the descriptor of its socket.
+inline constexpr char kMatcherName[] = "zevd-matcher";
+inline constexpr int kMatcherSocket = 3;
+
+/// Processor time that all patterns together have for a line, and that one has to be compiled.
+inline constexpr int64_t kLineTime = 100'000;       // microseconds
+inline constexpr int64_t kCompileTime = 1'000'000;  // microseconds
+
+/// Whether the program was started as the matcher. Nobody starts it so from a command line: the
+/// name alone is not enough, the socket must be there.
+bool IsMatcherProcess(int argc, char** argv);
+
+/// Gives up what the matcher does not need and serves the daemon until it has gone.
+[[noreturn]] void MatcherMain();
+
+/// Serves the other end of the socket until that is closed.
+void RunMatcher(int sock);
