@@ -1,4 +1,4 @@
-"""What the daemon tells of its consoles and of itself in JSON, and how a console is tried at once."""
+"""What the daemon tells of consoles and of itself in JSON, and how a console is tried at once."""
 
 import time
 

@@ -87,10 +87,10 @@ TEST(DatedWordTest, KnowsWhenItWasGivenAnotherValue) {
 
 // ---- "status" -----------------------------------------------------------------------------------
 
-class StatusTest : public test::RelayTest {
+class JsonAnswerTest : public test::RelayTest {
  protected:
-  StatusTest() { rheader = {}; }
-  ~StatusTest() override { ReleaseRecords(); }
+  JsonAnswerTest() { rheader = {}; }
+  ~JsonAnswerTest() override { ReleaseRecords(); }
 
   /// The text with which a command is answered; its header must be right.
   static std::string Answer(const std::string& line) {
@@ -112,12 +112,12 @@ class StatusTest : public test::RelayTest {
   test::FakeClock clock_{kNow};
 };
 
-TEST_F(StatusTest, WithoutConsolesThereIsNothingToTell) {
+TEST_F(JsonAnswerTest, WithoutConsolesThereIsNothingToTell) {
   EXPECT_EQ(Answer("status"), "");
   EXPECT_EQ(Answer("status nobody"), "");
 }
 
-TEST_F(StatusTest, TellsOfAConsoleThatIsNotConnected) {
+TEST_F(JsonAnswerTest, TellsOfAConsoleThatIsNotConnected) {
   ConsoleNode* cnode = test::AddConsole(i_cons_list, "lab1");
   clock_.Advance(60);
   cnode->status = kRefused;
@@ -126,7 +126,7 @@ TEST_F(StatusTest, TellsOfAConsoleThatIsNotConnected) {
             "\"last_output\": null, \"users\": []}\n");
 }
 
-TEST_F(StatusTest, TellsOfUsersByTheirRealAndTheirGivenNames) {
+TEST_F(JsonAnswerTest, TellsOfUsersByTheirRealAndTheirGivenNames) {
   const Attached<ConsoleNode> lab = ConnectConsole("lab1");
   lab.node->last_output = kNow + 7;
   clock_.Advance(10);
@@ -147,7 +147,7 @@ TEST_F(StatusTest, TellsOfUsersByTheirRealAndTheirGivenNames) {
   EXPECT_THAT(Answer("status lab1"), StartsWith("{\"console\": \"lab1\", \"state\": \"in-use\", "));
 }
 
-TEST_F(StatusTest, StatesHaveTheirWords) {
+TEST_F(JsonAnswerTest, StatesHaveTheirWords) {
   const Attached<ConsoleNode> up = ConnectConsole("up");
   EXPECT_THAT(Answer("status up"), HasSubstr("\"state\": \"connected\""));
   ConsoleNode* down = test::AddConsole(i_cons_list, "down");
@@ -161,7 +161,7 @@ TEST_F(StatusTest, StatesHaveTheirWords) {
   EXPECT_THAT(Answer("status down"), HasSubstr("\"state\": \"disabled\", \"since\": 1000000003"));
 }
 
-TEST_F(StatusTest, ModesHaveTheirWords) {
+TEST_F(JsonAnswerTest, ModesHaveTheirWords) {
   const Attached<ConsoleNode> lab = ConnectConsole("lab1");
   const Attached<UserNode> user = AttachUser(lab.node, "anna");
   for (const auto& [mode, word] : {std::pair{kReadOnly, "read-only"},
@@ -173,7 +173,7 @@ TEST_F(StatusTest, ModesHaveTheirWords) {
   }
 }
 
-TEST_F(StatusTest, ConnectedConsolesComeFirst) {
+TEST_F(JsonAnswerTest, ConnectedConsolesComeFirst) {
   test::AddConsole(i_cons_list, "down");
   const Attached<ConsoleNode> up = ConnectConsole("up");
   const std::string text = Answer("status");
@@ -181,7 +181,7 @@ TEST_F(StatusTest, ConnectedConsolesComeFirst) {
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
 }
 
-TEST_F(StatusTest, OutputIsDated) {
+TEST_F(JsonAnswerTest, OutputIsDated) {
   const Attached<ConsoleNode> lab = ConnectConsole("lab1");
   const uint64_t before = counters.console_bytes.Get();
   clock_.Advance(9);
@@ -196,7 +196,7 @@ TEST_F(StatusTest, OutputIsDated) {
 
 // ---- "stats" ------------------------------------------------------------------------------------
 
-TEST_F(StatusTest, StatsAreOneObjectOfNumbers) {
+TEST_F(JsonAnswerTest, StatsAreOneObjectOfNumbers) {
   StartCounting();
   const std::string reloads = std::to_string(counters.reloads.Get() + 1);
   clock_.Advance(5);
@@ -219,7 +219,7 @@ TEST_F(StatusTest, StatsAreOneObjectOfNumbers) {
                                         "\"last_reload_result\": \"done\"}\n"));
 }
 
-TEST_F(StatusTest, StatsTellHowTheLastReloadEnded) {
+TEST_F(JsonAnswerTest, StatsTellHowTheLastReloadEnded) {
   NoteReload(ReloadResult::kEventFilesFailed);
   EXPECT_THAT(Answer("stats"), HasSubstr("\"last_reload_result\": \"event files failed\"}"));
   NoteReload(ReloadResult::kConfigurationFailed);
