@@ -193,9 +193,10 @@ NO_WORKER = (no_thread("cons_conn", "CreateConsoleConnectionsThread")
              + no_thread("user_mon", "CreateUserMonitorThread")
              + no_thread("cmd_mon", "CreateCommandMonitorThread"))
 
-# The console is called a second later.
+# The console is called a second later, or one caller is refused.
 NO_DESCRIPTOR = work("ConnectToConsole: socket() failed: {e}")
-NOT_COUNTED = work("ConnectToConsoles: Cannot count the descriptors in use : {e}")
+NOT_COUNTED = work("ConnectToConsoles: Cannot count the descriptors in use : {e}",
+                   "AcceptConnectionRequests: Cannot count the descriptors in use : {e}")
 
 CONNECTION_LOST = help_needed("CheckConnectionStatus: select() failed : {e}",
                               "UpdateConnectionStatus: Connection to * (*) failed.")
@@ -225,7 +226,7 @@ START: Table = {
     **WAITS,
     ALLOCATION: (
         SILENT + NO_INTERVAL + NO_CONFIG + NO_MODELS + NO_WORKER + EVENTS_WITHOUT_MEMORY
-        + CONSOLE_LOST + PORT_WITHOUT_MEMORY + WAITS_WITHOUT_MEMORY
+        + CONSOLE_LOST + PORT_WITHOUT_MEMORY + WAITS_WITHOUT_MEMORY + NOT_COUNTED
         + end(f"GetCommandLineOptions: malloc() failed : {NO_MEMORY}")
         + no_memory("InitUserList", "InitCommandList", "InitEventSetList", "InitMappedPortList")),
     "open": SILENT + EVENTS_LOST,
@@ -307,7 +308,7 @@ USER_REFUSED = work(
 
 ATTACH: Table = {
     **waits(Thread.MAIN, Thread.CONS_CONN, Thread.USER_CONN, Thread.USER_MON),
-    ALLOCATION: SILENT + USER_REFUSED + WAITS_WITHOUT_MEMORY,
+    ALLOCATION: SILENT + USER_REFUSED + WAITS_WITHOUT_MEMORY + NOT_COUNTED,
     "accept4": work("AcceptConnectionRequests: All descriptors are in use"),
     "pthread_create": USER_REFUSED,
     "setsockopt": SILENT,
@@ -326,7 +327,7 @@ ATTACH: Table = {
 }
 
 ATTACH_BY_PORT: Table = {
-    ALLOCATION: SILENT + USER_REFUSED + WAITS_WITHOUT_MEMORY,
+    ALLOCATION: SILENT + USER_REFUSED + WAITS_WITHOUT_MEMORY + NOT_COUNTED,
     "fcntl": SILENT,
     "send": ATTACH["send"],
     "recv": ATTACH["recv"],
@@ -336,7 +337,8 @@ ATTACH_BY_PORT: Table = {
 RELOAD: Table = {
     **waits(Thread.MAIN, Thread.CONS_CONN),
     ALLOCATION: (SILENT + NO_INTERVAL + NO_CONFIG + EVENTS_WITHOUT_MEMORY + CONSOLE_LOST
-                 + PORT_WITHOUT_MEMORY + WAITS_WITHOUT_MEMORY + no_memory("LookAtHolders")),
+                 + PORT_WITHOUT_MEMORY + WAITS_WITHOUT_MEMORY + NOT_COUNTED
+                 + no_memory("LookAtHolders")),
     "opendir": EVENTS_LOST,
     "readdir": SILENT + EVENTS_LOST,
     "open": EVENTS_LOST,
