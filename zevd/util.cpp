@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "error.h"
+#include "liveness.h"
 #include "user_conn.h"
 #include "zev_signal.h"
 
@@ -39,17 +40,19 @@ constexpr unsigned char kDelete = 127;
 constexpr int64_t kMicrosecondsPerSecond = 1000000;
 constexpr int64_t kAfterCarriageReturn = 100;  // microseconds to wait for the rest of a line end
 
+constexpr time_t kLookForPeer = 10;  // seconds between two looks whether a silent client is there
+
 // For the few sends that wait for their peer, and for a whole replay.
 constexpr timeval kSendLimit = {0, 200000};
 constexpr int kSendBuffer = 256 * 1024;
 
-// Waits until `sock` has something to read; a negative limit is none. poll() takes descriptors of
-// any number. Returns what ppoll() does.
+// Waits until `sock` has something to read. poll() takes descriptors of any number. Returns what
+// ppoll() does.
 int PollReadable(int sock, int64_t limit_us, const sigset_t* mask) {
   pollfd readable = {sock, POLLIN, 0};
   const timespec limit = {limit_us / kMicrosecondsPerSecond,
                           limit_us % kMicrosecondsPerSecond * 1000};
-  return ppoll(&readable, 1, limit_us < 0 ? nullptr : &limit, mask);
+  return ppoll(&readable, 1, &limit, mask);
 }
 
 // For the short waits for bytes that come at once or not at all.
@@ -66,23 +69,31 @@ int WaitForClient(int sock, int64_t limit_us) {
   sigdelset(&while_waiting, kCancelSignal);
   const int64_t deadline = MonotonicMicroseconds() + limit_us;
   for (;;) {
-    const int64_t left =
-        limit_us < 0 ? -1 : std::max<int64_t>(deadline - MonotonicMicroseconds(), 0);
+    const int64_t left = std::max<int64_t>(deadline - MonotonicMicroseconds(), 0);
     const int ready = PollReadable(sock, left, &while_waiting);
     if (ready >= 0 || errno != EINTR) return ready;
     EndIfCancelled();
   }
 }
 
-// 0 when there is input, -2 when there was none for `wait_time` seconds (0 or less: no limit).
+int ReadError() {
+  SetUserError(kReadError);
+  return -1;
+}
+
+// 0 when there is input, -2 when there was none for `wait_time` seconds (0 or less: no limit), -1
+// when the client has vanished: one who takes a prompt and goes would keep a login place for long.
 int AwaitInput(int sock, time_t wait_time) {
-  const int64_t limit = wait_time <= 0 ? -1 : wait_time * kMicrosecondsPerSecond;
-  const int ready = WaitForClient(sock, limit);
-  if (ready < 0) {
-    zev_debug(kError, "%s: select() failed : %s\n", "ReadLineWithTimeout", strerror(errno));
-    TERMINATE(kTerminated);
+  for (time_t waited = 0; wait_time <= 0 || waited < wait_time; waited += kLookForPeer) {
+    const time_t part = wait_time <= 0 ? kLookForPeer : std::min(wait_time - waited, kLookForPeer);
+    const int ready = WaitForClient(sock, part * kMicrosecondsPerSecond);
+    if (ready < 0) {
+      zev_debug(kError, "%s: select() failed : %s\n", "ReadLineWithTimeout", strerror(errno));
+      TERMINATE(kTerminated);
+    }
+    if (ready > 0) return 0;
+    if (HasVanished(sock)) return ReadError();
   }
-  if (ready > 0) return 0;
   SetUserError(kTimedOut);
   return -2;
 }
@@ -99,11 +110,6 @@ int Peek(int sock, char* buf, int size) {
 
 bool TakeByte(int sock, char* byte) {
   return recv(sock, byte, 1, 0) == 1;
-}
-
-int ReadError() {
-  SetUserError(kReadError);
-  return -1;
 }
 
 void SendByte(int sock, unsigned char byte) {

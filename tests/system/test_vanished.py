@@ -133,6 +133,26 @@ def test_a_user_who_is_silent_and_there_stays(station, ends):
 # Something waits to be sent, and the kernel does not ask
 
 
+def test_a_login_that_acknowledges_nothing_gives_its_place_back(station, ends, silence):
+    helper = FakeHelper(station)
+    helper.hang()
+    port = free_port()
+    box = station.console("box", mapped_port=port, auth=1)
+    bring_up(station, box, options=("-S", "1"), env=silence.env)
+    wait_listening(port)
+    rest = station.threads()
+    caller = station.caller(port)
+    caller.expect_exactly(welcome("box") + NAME)
+    log_in(caller, b"root", b"guess")
+    helper.wait_hanging()
+    end = ends(caller)
+    vanish(caller)
+    helper.release()
+    wait_until(lambda: waiting(end) > 0, what="another prompt")
+    silence.add(FIVE_MINUTES, caller)
+    wait_until(lambda: station.threads() == rest, LOOK_LIMIT, "the login to end")
+
+
 def test_a_user_who_acknowledges_nothing_is_closed(station, ends, silence):
     box = station.console("box")
     station.start("-d", "1", env=silence.env)

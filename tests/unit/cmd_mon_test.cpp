@@ -1062,7 +1062,8 @@ std::vector<std::string> LockSteps(const DebugCapture& debug) {
 std::vector<std::string> LockStepsOf(const std::string& line) {
   const DebugCapture debug(kTrace);
   std::string copy = line;
-  ParseAndExecuteCommand(nullptr, copy.data());
+  CommandNode tool{};
+  ParseAndExecuteCommand(&tool, copy.data());
   ReleaseRecords();
   return LockSteps(debug);
 }
@@ -1106,9 +1107,10 @@ void ExpectOutOfMemory(const std::string& line, const std::vector<std::string>& 
   SCOPED_TRACE(line);
   const DebugCapture debug(kTrace);
   std::string copy = line;
+  CommandNode tool{};
   {
     const FailAllocation failure(1);
-    ParseAndExecuteCommand(nullptr, copy.data());
+    ParseAndExecuteCommand(&tool, copy.data());
     EXPECT_TRUE(failure.reached());
   }
   EXPECT_EQ(rheader.type, kErrorFollows);
@@ -1375,7 +1377,8 @@ TEST_F(CommandTest, ReconnectOfAnUnknownConsole) {
 /// What a command says at level 1.
 std::vector<std::string> SaidBy(std::string line) {
   const DebugCapture debug;
-  ParseAndExecuteCommand(nullptr, line.data());
+  CommandNode tool{};
+  ParseAndExecuteCommand(&tool, line.data());
   ReleaseRecords();
   return debug.Messages();
 }

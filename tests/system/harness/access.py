@@ -68,7 +68,8 @@ def greeting(console: str) -> bytes:
     return f'Connected to console "{console}" in shared mode.\r\n\n'.encode()
 
 
-def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] = ()) -> Station:
+def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] = (),
+             env: dict[str, str] | None = None) -> Station:
     """Start the daemon; have its ports open, and every console connected and its greeting read."""
     for console in consoles:
         console.greeting = console.greeting or READY
@@ -76,7 +77,7 @@ def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] 
     with ThreadPoolExecutor() as answering:
         # At once: the daemon gives a console's negotiation no more than a second.
         calls = [answering.submit(console.accept) for console in consoles]
-        station.start(*options)
+        station.start(*options, env=env)
         for call in calls:
             call.result()
     station.wait_log("Entering CheckForConnectionRequests", after=position)
