@@ -24,7 +24,7 @@ namespace {
 constexpr int kHelpersAtOnce = 8;
 constexpr int64_t kLongestWait = 30000;       // milliseconds for a turn, and again for an answer
 constexpr int64_t kPauseAfterRefusal = 2000;  // milliseconds
-constexpr int64_t kLook = 50;                 // milliseconds between two looks at what is awaited
+constexpr int64_t kLook = 20;                 // milliseconds between two looks at what is awaited
 constexpr size_t kRefusalsKept = 1024;        // more than come in the time for which they count
 constexpr size_t kLongestPair = 2048;         // the longest name and password, and the blank
 
@@ -75,75 +75,91 @@ class Refusals {
   size_t next_ = 0;
 };
 
-/// Whoever waits for a turn; on the stack of its thread.
-struct Waiting {
+/// Whoever waits for a turn, or has one; on the stack of its thread.
+struct Caller {
   uint64_t key;
+  bool known;              ///< its address is known; one that is not is nobody's
   int64_t not_before = 0;  ///< the end of its pause
-  Waiting* next = nullptr;
+  int same_ahead = 0;      ///< how many with the same key wait before it, or are being checked
+  Caller* next = nullptr;
+
+  bool IsReady(int64_t now) const { return same_ahead == 0 && not_before <= now; }
+  bool Matches(const Caller& other) const { return known && other.known && key == other.key; }
 };
 
 std::mutex turns_mutex;  // a leaf; guards what follows
 Refusals refusals;
-Waiting* first_waiting = nullptr;
+Caller* first_waiting = nullptr;
+Caller* first_running = nullptr;
 int running = 0;
+
+void Append(Caller** list, Caller* caller) {
+  while (*list != nullptr) list = &(*list)->next;
+  caller->next = nullptr;
+  *list = caller;
+}
+
+void Remove(Caller** list, const Caller* caller) {
+  while (*list != caller) list = &(*list)->next;
+  *list = caller->next;
+}
 
 /// One place among the helpers, or in the queue for one.
 class Turn {
  public:
   explicit Turn(const PasswordRequest& request)
-      : counts_pauses_(request.rhost[0] != '\0'), self_{Refusals::KeyOf(request)} {
+      : self_{Refusals::KeyOf(request), request.rhost[0] != '\0'} {
     const std::lock_guard lock(turns_mutex);
-    if (counts_pauses_) self_.not_before = refusals.EndOfPause(self_.key);
-    Waiting** end = &first_waiting;
-    while (*end != nullptr) end = &(*end)->next;
-    *end = &self_;
+    if (self_.known) self_.not_before = refusals.EndOfPause(self_.key);
+    for (const Caller* list : {first_running, first_waiting}) {
+      for (; list != nullptr; list = list->next) self_.same_ahead += list->Matches(self_) ? 1 : 0;
+    }
+    Append(&first_waiting, &self_);
   }
 
   ~Turn() {
     const std::lock_guard lock(turns_mutex);
-    if (taken_) {
-      --running;
-    } else {
-      LeaveQueue();
+    Remove(taken_ ? &first_running : &first_waiting, &self_);
+    if (taken_) --running;
+    for (Caller* other = taken_ ? first_waiting : self_.next; other != nullptr;
+         other = other->next) {
+      if (other->Matches(self_)) --other->same_ahead;
     }
   }
 
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
 
-  /// Who came first goes first, among those whose pause is over.
+  /// Who came first goes first, among those who are ready. One name is checked for one caller of an
+  /// address at a time: a guesser who does not wait for an answer would have as many as there are
+  /// helpers.
   bool Take() {
     const int64_t now = Now();
     const std::lock_guard lock(turns_mutex);
+    if (!self_.IsReady(now)) return false;
     int ahead = running;
-    for (const Waiting* other = first_waiting; other != &self_; other = other->next) {
-      if (other->not_before <= now) ++ahead;
+    for (const Caller* other = first_waiting; other != &self_; other = other->next) {
+      if (other->IsReady(now)) ++ahead;
     }
-    if (ahead >= kHelpersAtOnce || self_.not_before > now) return false;
-    LeaveQueue();
+    if (ahead >= kHelpersAtOnce) return false;
+    Remove(&first_waiting, &self_);
+    Append(&first_running, &self_);
     ++running;
     taken_ = true;
     return true;
   }
 
   void NoteRefusal() const {
-    if (!counts_pauses_) return;
+    if (!self_.known) return;
     const std::lock_guard lock(turns_mutex);
     refusals.Add(self_.key);
-    for (Waiting* other = first_waiting; other != nullptr; other = other->next) {
-      if (other->key == self_.key) other->not_before = Now() + kPauseAfterRefusal;
+    for (Caller* other = first_waiting; other != nullptr; other = other->next) {
+      if (other->Matches(self_)) other->not_before = Now() + kPauseAfterRefusal;
     }
   }
 
  private:
-  void LeaveQueue() {
-    Waiting** link = &first_waiting;
-    while (*link != &self_) link = &(*link)->next;
-    *link = self_.next;
-  }
-
-  bool counts_pauses_;  // an address that is not known is nobody's
-  Waiting self_;
+  Caller self_;
   bool taken_ = false;
 };
 

@@ -27,6 +27,6 @@ struct PasswordRequest {
 };
 
 /// Waits for a turn, has `helper` check the pair, and waits for its answer, half a minute at most
-/// each. Eight helpers run at once. A name that was refused waits two seconds before it is checked
-/// again from the same address, whichever connection it comes by.
+/// each. Eight helpers run at once, and one for the same name from the same address; after a refusal
+/// that pair waits two seconds, whichever connection it comes by.
 PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request);

@@ -6,10 +6,10 @@ import time
 
 import pytest
 
-from harness.access import (LOOPBACK, bring_up, greeting, pending, refused, reload,
-                            servicing, terminated_by, user_monitor_frozen)
+from harness.access import (LOOPBACK, bring_up, greeting, pending, refused,
+                            servicing, terminated_by)
 from harness.peers import OFFERS
-from harness.waiting import free_port, is_listening, stretched, wait_listening
+from harness.waiting import free_port, stretched, wait_listening
 
 PRINTED = {"ro": "read-only", "sh": "shared", "ex": "exclusive", "er": "??"}
 
@@ -359,21 +359,6 @@ def test_a_console_locked_behind_a_reader_is_not_refused_on_its_port(station, ma
     station.attach("box", "ro")
     station.attach("box", "ex")
     station.mapped(port).expect_exactly(OFFERS + greeting("box"))
-
-
-@pytest.mark.parametrize("security", ["0", "1"])
-def test_a_port_whose_console_is_gone_since_the_refresh(station, mapped_box, security):
-    box, port = mapped_box("-S", security)
-    station.mapped(port).expect_exactly(OFFERS + greeting("box"))
-    with user_monitor_frozen(station):
-        reload(station, "", waker=box)
-        assert is_listening(port), "the console was to be there still when ports were refreshed"
-    station.wait_log("DeleteMarkedConsoles: Console box is being deleted.")
-    refused(station.caller(port), 15)
-    station.wait_log("ServiceConnectionRequestThreadStart: "
-                     f"Port {port} doesn't map to console.", thread="serv_conn")
-    reload(station)
-    assert not is_listening(port)
 
 
 # With security

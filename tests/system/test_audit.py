@@ -62,9 +62,10 @@ def test_security_that_is_on_says_nothing(system_log, fortress):
 
 
 def test_a_main_port_that_is_taken_is_told(system_log, station):
-    with socket.create_server((LOOPBACK, station.port)):
-        station.start(wait=False)
-        station.wait_log(f"GetPortsToListenOn: Nobody can connect through port {station.port}. "
+    with socket.create_server((LOOPBACK, 0)) as taken:
+        port = taken.getsockname()[1]
+        station.start("-p", str(port), wait=False)
+        station.wait_log(f"GetPortsToListenOn: Nobody can connect through port {port}. "
                          "Another program may be listening there; the port is tried again at each "
                          "reload.")
         assert system_log.wait("listen") == [

@@ -117,6 +117,24 @@ TEST_F(PasswordCheckTest, RefusedNameWaitsTwoSecondsAtItsAddress) {
   EXPECT_LT(MonotonicMicroseconds() - accepted, 2 * kSecond) << "who was accepted does not wait";
 }
 
+TEST_F(PasswordCheckTest, OneNameIsCheckedForOneCallerOfAnAddressAtATime) {
+  InstallWaiting();
+  std::vector<std::thread> callers;
+  callers.emplace_back([] { Ask("anna", "a", "192.0.2.9"); });
+  EXPECT_TRUE(test::Eventually([] { return Started() == 1; }));
+  {
+    const test::FakePassageOfTime seconds(5 * kSecond);
+    EXPECT_EQ(Ask("anna", "b", "192.0.2.9"), PasswordCheck::kNoTurn);
+  }
+  callers.emplace_back([] { Ask("anna", "c", "192.0.2.9"); });
+  callers.emplace_back([] { Ask("anna", "d", "192.0.2.10"); });
+  callers.emplace_back([] { Ask("bert", "e", "192.0.2.9"); });
+  EXPECT_TRUE(test::Eventually([] { return Started() == 3; }));
+  test::WriteFile("root/go", "");
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_EQ(Started(), 4U);
+}
+
 TEST_F(PasswordCheckTest, EightHelpersRunAtOnce) {
   InstallWaiting();
   std::vector<std::thread> callers;
