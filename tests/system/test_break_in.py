@@ -6,40 +6,17 @@ import stat
 
 import pytest
 
-from harness.access import ERRORS, LOOPBACK, bring_up, greeting, refused, reload
+from harness.access import ERRORS, LOOPBACK, greeting, refused, reload
 from harness.cookies import cookie, cookie_file, other_than, tell
-from harness.door import (NAME, PASSWORD, TRY_AGAIN, Door, fail, give_name, give_password, log_in)
-from harness.hall import LINE, Hall, give
+from harness.door import NAME, PASSWORD, TRY_AGAIN, fail, give_name, give_password, log_in
+# `door`, `fortress` and `hall` are fixtures.
+from harness.fortress import door, fortress, hall
+from harness.hall import LINE, give
 # `groups` is a fixture.
-from harness.helpers import FakeHelper, groups
+from harness.helpers import groups
 from harness.peers import OFFERS
 from harness.station import console_line
-from harness.waiting import free_port, wait_listening, wait_until
-
-
-@pytest.fixture
-def fortress(station):
-    """A station with security on: "box" asks for a login on its own port, "vault" has none."""
-    helper = FakeHelper(station)
-    helper.accept(b"root", b"secret")
-    port = free_port()
-    box = station.console("box", mapped_port=port, auth=1)
-    station.vault = station.console("vault")
-    bring_up(station, box, station.vault, options=("-S", "1"))
-    wait_listening(port)
-    return station, Door(station, helper, box, port), Hall(station, helper, box)
-
-
-@pytest.fixture
-def door(fortress):
-    """The console's own port."""
-    return fortress[1].note_rest()
-
-
-@pytest.fixture
-def hall(fortress):
-    """The main port."""
-    return fortress[2].note_rest()
+from harness.waiting import wait_until
 
 
 def unmoved(station) -> None:

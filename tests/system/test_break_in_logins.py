@@ -7,16 +7,18 @@ import pytest
 
 from harness.access import LOOPBACK, banner, bring_up, greeting, refused, reload
 from harness.commands import Tool
-from harness.cookies import cookie, tell
-from harness.door import (NAME, PASSWORD, TRY_AGAIN, Door, fail, give_name, give_password, log_in,
+from harness.cookies import cookie
+from harness.door import (NAME, PASSWORD, TRY_AGAIN, fail, give_name, give_password, log_in,
                           welcome)
-from harness.hall import Hall, give
+# `door`, `fortress` and `hall` are fixtures.
+from harness.fortress import door, fortress, hall
+from harness.hall import give
 # `groups` is a fixture.
-from harness.helpers import FakeHelper, children_of, groups
+from harness.helpers import children_of, groups
 from harness.isolation import parent_of
 from harness.peers import OFFERS, User
 from harness.station import console_line
-from harness.waiting import LIMIT, free_port, stretched, wait_listening, wait_until
+from harness.waiting import LIMIT, stretched, wait_until
 
 # Tells how many of its kind run, and ends when the test opens the gate.
 COUNTING = """#!/bin/sh
@@ -43,31 +45,6 @@ ls /proc/$$/fd | grep -v '^255$' > {root}/descriptors
 : > {root}/told
 exit 1
 """
-
-
-@pytest.fixture
-def fortress(station):
-    """A station with security on: "box" asks for a login on its own port, "vault" has none."""
-    helper = FakeHelper(station)
-    helper.accept(b"root", b"secret")
-    port = free_port()
-    box = station.console("box", mapped_port=port, auth=1)
-    station.vault = station.console("vault")
-    bring_up(station, box, station.vault, options=("-S", "1"))
-    wait_listening(port)
-    return station, Door(station, helper, box, port), Hall(station, helper, box)
-
-
-@pytest.fixture
-def door(fortress):
-    """The console's own port."""
-    return fortress[1].note_rest()
-
-
-@pytest.fixture
-def hall(fortress):
-    """The main port."""
-    return fortress[2].note_rest()
 
 
 def from_address(address: str, port: int) -> User:
