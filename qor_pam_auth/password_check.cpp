@@ -274,7 +274,7 @@ class Helper {
   }
 
  private:
-  // 0, or the errno value of the failure. What is no program is left to the shell.
+  // 0, or the errno value of the failure. What is not a program is run by the shell.
   int Spawn(const char* path, const char* rhost) {
     char peer[128];
     snprintf(peer, sizeof peer, "QOR_RHOST=%s", rhost);

@@ -43,7 +43,7 @@ constexpr std::array kControls = {
     ControlRow{"force", "Take the management port over at the next refusal",
                "Take over the management ports of",
                "its management port will be taken over at the next refusal"},
-    ControlRow{"reconnect", "Try consoles that are not connected at once", "Reconnect",
+    ControlRow{"reconnect", "Connect disconnected consoles at once", "Reconnect",
                "tried at once, unless it is connected or disabled"},
 };
 

@@ -18,8 +18,8 @@ std::optional<Event> ParseEvent(std::string_view line);
 /// True when the event has a priority, and one of at least `least`.
 bool HasPriority(const Event& event, int least);
 
-/// "TIME PRIORITY NAME: MESSAGE", where "-" stands for what is missing; " (N times)" follows when the
-/// line stands for N equal events. Harmless on a terminal.
+/// "TIME PRIORITY NAME: MESSAGE", where "-" stands for what is missing; " (N times)" follows when
+/// the line stands for N equal events. Harmless on a terminal.
 std::string EventAsText(const Event& event);
 
 /// The object on one line.

@@ -110,7 +110,7 @@ std::string ListenerCheck::Complaint() const {
              ". Try again.";
     case Trust::kNobody:
       return "something answers at " + where +
-             ", but nobody is seen to listen there: " + kNothingSent + ".";
+             ", but no listener can be seen there: " + kNothingSent + ".";
     case Trust::kElsewhere:
     case Trust::kStation:
     case Trust::kUntold:

@@ -1,5 +1,5 @@
-// Whose listener it is to which a connection leads. While the daemon is down, anybody on this
-// machine may listen on its port, and must be told neither the cookie nor a password.
+// Whose listener a connection leads to. While the daemon is down, anybody on this machine may
+// listen on its port, and must be sent neither the cookie nor a password.
 //
 // The listener is looked at before connecting and again afterwards. When it is the same socket both
 // times, it had the address all the while, and nobody else can have taken the connection.

@@ -55,9 +55,9 @@ DumpStep TakeDiagnostics(std::span<const char> datagram, Listeners& found);
 /// Adds the listeners of /proc/net/tcp or /proc/net/tcp6; false when the text is something else.
 bool TakeProcTable(std::string_view table, bool ipv6, Listeners& found);
 
-/// The listeners of which the kernel may give a connection to one. More than the one that it would
-/// choose: a socket of its own for the address goes before a wildcard, and of several that share a
-/// port by agreement any one may get it. All of them have to be right.
+/// The listeners among which the kernel chooses one for a connection to the address. A socket bound
+/// to the address itself takes precedence over a wildcard; of several that share the port by
+/// agreement any one may get the connection, so all of them have to be right.
 Listeners TakersOf(const Listeners& listeners, const Endpoint& destination);
 
 }  // namespace zevctl

@@ -37,7 +37,7 @@ void AddStationOptions(CLI::App& app, Settings& settings) {
           ->each([&settings](const std::string&) { settings.cookie_file_given = true; })
           ->capture_default_str();
   app.add_flag("--tunnel", settings.tunnel,
-               "The port is a tunnel of your own to the daemon: it may be given your password")
+               "The port is your own tunnel to the daemon; your password may be sent through it")
       ->excludes(cookie_file);
   app.add_option("--user", settings.user, "Name that others see; your login name if not given")
       ->check(RefuseBlanks);

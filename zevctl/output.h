@@ -18,7 +18,7 @@ bool ColoursWanted();
 size_t TerminalWidth();
 
 /// The text with '?' in place of every byte that is no part of a well-formed UTF-8 character, and
-/// of every character that works a terminal or lets a line read as what it is not: control
+/// of every character that controls a terminal or makes a line read as something else: control
 /// characters, those that change the direction of writing, and the separators of lines and
 /// paragraphs. Whatever consoles and strangers chose goes through this.
 std::string Printable(std::string_view text);

@@ -65,8 +65,8 @@ sigset_t Only(int number) {
   return set;
 }
 
-// Stops the program as the signal would that was only read, and takes the one that ends the stop.
-// The system stops nothing that no shell could continue.
+// Stops the program, as the signal would have done had it not been read here, and consumes the one
+// that continues it. The system does not stop a program that no shell could continue.
 void Stop() {
   const sigset_t stop = Only(SIGTSTP);
   const sigset_t go_on = Only(SIGCONT);

@@ -78,7 +78,7 @@ bool Send(const EntryText& entry) {
 void CountLoss(unsigned long count) {
   const int error = errno;
   if (lost.fetch_add(count) != 0) return;
-  zev_debug(kError, "%s: The system's log takes no entries : %s\n", "Audit", strerror(error));
+  zev_debug(kError, "%s: The system log accepts no entries : %s\n", "Audit", strerror(error));
 }
 
 // False when the log still takes nothing.
@@ -95,7 +95,7 @@ bool TellLosses() {
     lost += count;
     return false;
   }
-  zev_debug(kError, "%s: The system's log takes entries again: %s\n", "Audit", reason);
+  zev_debug(kError, "%s: The system log accepts entries again: %s\n", "Audit", reason);
   return true;
 }
 

@@ -1,9 +1,9 @@
-// Who did what: one entry in the system's log (facility authpriv, ident "zevd") for every login,
+// Who did what: one entry in the system log (facility authpriv, ident "zevd") for every login,
 // attaching, leaving and control command.
 //
 // Any thread, with any lock held: nothing is waited for and no lock is taken. An entry that the
-// system's log does not take at once is lost and counted; the count is the first thing that the log
-// is told when it takes entries again.
+// system log does not accept at once is lost and counted; the count is the first thing that is
+// logged when it accepts entries again.
 #pragma once
 
 #include "identity.h"
@@ -18,10 +18,10 @@ struct AuditEntry {
   const char* reason = nullptr;        ///< up to its first line end
 };
 
-/// The datagram socket of the system's log (syslog(3)).
+/// The datagram socket of the system log (syslog(3)).
 inline constexpr char kSystemLog[] = "/dev/log";
 
-/// Opens the way to the system's log; without it entries are not written. Before the worker threads
+/// Opens the way to the system log; without it entries are not written. Before the worker threads
 /// start.
 void OpenAudit(const char* log = kSystemLog);
 

@@ -15,8 +15,8 @@ namespace {
 constexpr int64_t kPatience = 100;  // milliseconds, for a message in all
 constexpr int64_t kNotStarted = -1;
 
-// Of a terminal that can be written to no more is certain than that it takes a short run of
-// printing characters, or one that it may have to replace by others, such as a line end.
+// A terminal that is ready for writing is only certain to accept a short run of printing
+// characters, or one character that it may have to replace by others, such as a line end.
 constexpr size_t kTerminalRun = 128;
 
 bool IsControl(char byte) {

@@ -5,15 +5,16 @@
 #include <cstdint>
 #include <string_view>
 
-/// Writes what its reader takes and drops the rest, so that no writer waits for a reader for long.
+/// Writes what its reader takes and drops the rest, so that no writer waits long for a reader.
 ///
-/// A message waits 100 ms in all. What nobody has taken by then is dropped, and so is, without a
-/// wait, everything that follows until the descriptor takes some again; the first line then tells
-/// how much was lost. A message of which a part was taken is finished before anything else, so that
-/// no line is torn. A descriptor that gives an error (a full disk, a closed pipe) counts as one
-/// that takes nothing.
+/// A message waits 100 ms in all. What has not been taken by then is dropped, and so is everything
+/// that follows, without a wait, until the descriptor accepts output again; the first line then
+/// says how much was lost. A message that was written in part is finished before anything else, so
+/// that no line is torn. A descriptor that returns an error (a full disk, a closed pipe) is treated
+/// as one that accepts nothing.
 ///
-/// The descriptor is never made non-blocking: the shell on the same terminal would get that, too.
+/// The descriptor is never made non-blocking: that would affect the shell on the same terminal,
+/// too.
 /// Nothing here takes a lock; the caller sees to it that one thread writes at a time, and that
 /// SIGPIPE is blocked.
 class BoundedOutput {
@@ -23,9 +24,9 @@ class BoundedOutput {
   /// Longest text; what is longer is cut.
   static constexpr size_t kLongestText = 8192 + 512;
 
-  /// `text` tells of `messages` messages, which count as lost when it is dropped. `stamp` is the
-  /// present time, for the line that tells of a loss. True when the text is written, or the start
-  /// of it, with the rest to follow; false when it is dropped. Leaves errno undefined.
+  /// `text` stands for `messages` messages, which count as lost when it is dropped. `stamp` is the
+  /// present time, for the line that reports a loss. True when the text is written, or its start
+  /// with the rest to follow; false when it is dropped. Leaves errno undefined.
   bool Write(const char* stamp, std::string_view text, unsigned long messages);
 
  private:

@@ -146,7 +146,7 @@ struct CommandRow {
   const char* word;  ///< compared without regard to case
   CommandId id;
   CommandArgument argument;
-  bool acts;  ///< changes something or tells somebody: it shows in the system's log
+  bool acts;  ///< changes something or tells somebody: it shows in the system log
   void (*run)(char* cons_name, CommandNode* cmd_node, char* text);
 };
 
@@ -159,8 +159,8 @@ CommandId ParseAndExecuteCommand(CommandNode* cnode, char* cmd);
 /// follows by itself. 0, or -1 after a failed send, which has closed the connection.
 int SendCommandResponse(CommandNode* cnode, int cmd_id);
 
-/// Makes a copy of the text the answer of a command whose count is one of bytes. False when out of
-/// memory.
+/// Answers a command with a copy of the text; the answer's count is that of its bytes. False when
+/// out of memory.
 bool AnswerText(std::string_view text);
 void AnswerOutOfMemory();
 
@@ -179,7 +179,7 @@ void SendMsgToConsole(const char* cons_name, const CommandNode* cmd_node, const 
 void ForceKPMConnection(const char* cons_name, const CommandNode* cmd_node);
 void PelloxPortHolder(const char* cons_name);
 
-/// Has a console that is not connected be tried at once instead of at its next turn.
+/// Has `cons_conn` try a console that is not connected at once, not at its next turn.
 void ReconnectConsole(const char* cons_name);
 
 /// The two bytes of a console's status and mode; the caller holds the list's lock.

@@ -100,7 +100,7 @@ void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
   }
   CloseLogFile(cnode);
   RemoveConsoleFromList(cnode, list);
-  // The look at the ports after the reload still met the console on its list.
+  // When the ports were looked at after the reload, the console was still on its list.
   if (cnode->mapped_port != 0) RefreshMappedPorts();
   FreeConsoleNode(cnode);
 }

@@ -50,7 +50,7 @@ void DrawCookie() {
   generated_cookie[kCookieSize - 1] = '\0';
 }
 
-// A file that the daemon makes is for the suite's group; an existing one keeps what it has.
+// A new file is given to the suite's group; an existing one keeps its owner, group and mode.
 void SetUpNewCookieFile(int fd) {
   if (!StationRootExists()) return;
   if (GiveStationGroup(fd) != 0) {
@@ -99,7 +99,7 @@ void WriteCookieFile() {
   if (fclose(file) != 0 || !written) CannotWrite();
 }
 
-// Takes as long for a cookie whose first character is wrong as for one whose last is.
+// Takes the same time whichever character is wrong.
 bool IsGeneratedCookie(const char* user_cookie) {
   const size_t length = strnlen(user_cookie, kCookieSize);
   unsigned difference = length != kCookieSize - 1 ? 1 : 0;

@@ -1,8 +1,8 @@
 // The cookie by which tools on the station prove their right.
 #pragma once
 
-/// Says so when others than the owner and the group may do anything in the directory of the
-/// configuration, where the cookie lies. Main thread, at start-up.
+/// Warns when anybody but the owner and the group has access to the configuration directory, where
+/// the cookie is. Main thread, at start-up.
 void CheckConfigDir();
 
 /// Draws the cookie and writes the cookie file; a failure ends the process. Main thread, before the

@@ -32,7 +32,7 @@ struct Counters {
   Counter log_bytes;            ///< in those records, their time stamps included
   Counter log_records_lost;     ///< that could not be written
   Counter connections;          ///< accepted from users and tools
-  Counter refusals;             ///< errors of the sixteen that users and tools were sent
+  Counter refusals;             ///< numbered errors sent to users and tools
   Counter logins_accepted;      ///< by name and password, or by cookie
   Counter logins_refused;       ///< tries, of which one connection may make several
   Counter users_attached;       ///< to consoles

@@ -19,7 +19,7 @@ namespace {
 // connected again.
 constexpr int kOwnPart = 64;
 
-// Of a small limit no more than this part is kept.
+// When the limit is small, at most one part in this many is kept.
 constexpr int kLargestOwnPart = 4;
 
 // The last places, for the station's own operators and tools.

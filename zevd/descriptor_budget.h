@@ -83,7 +83,7 @@ class AttemptBudget {
     return IsTimeToLook() && HasRoom(look());
   }
 
-  /// An attempt met the end of the descriptors (`error`) although it had been admitted.
+  /// An attempt that had been admitted found no descriptor (`error`).
   void Exhausted(int error);
 
  private:

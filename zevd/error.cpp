@@ -32,7 +32,7 @@ int first_time = 1;  // the first call is the main thread's, before any other th
 // Guarded by debug_lock.
 char msg[kMessageSize];
 char last_msg[kMessageSize] = "XXXX";
-bool last_msg_dropped = false;  // nobody saw it: to say that it was repeated would mislead
+bool last_msg_dropped = false;  // nobody saw it: "repeated" would be misleading
 int msg_count = 0;
 char composed[BoundedOutput::kLongestText];  // has room for the longest message and two heads
 BoundedOutput output(STDOUT_FILENO);

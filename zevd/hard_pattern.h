@@ -1,8 +1,8 @@
-// Patterns that the system's matcher cannot bear, told by their text, before the matcher has seen
-// them. A reference back may take minutes for one line, or the whole stack. Counts of counts, and
-// whatever else is copied over and over, take all memory to compile. A choice of bytes, as in
-// "a.*b.{20}c", has a part of unknown length before it: each byte may be at any of the places
-// behind, and the matcher keeps every set of places that it meets.
+// Patterns that are too much for the system's matcher, recognised by their text before the matcher
+// sees them. A back-reference may take minutes for one line, or the whole stack. Nested repeat
+// counts, and whatever else is copied over and over, take all memory to compile. With many choices
+// after a part of unknown length, as in "a.*b.{20}c", each byte may be at any of many places, and
+// the matcher keeps every set of places that it meets.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ inline constexpr size_t kMostDoubling = 8;      ///< repeated what may be absent
 inline constexpr size_t kMostLateChoices = 10;  ///< choices behind a part of unknown length
 inline constexpr size_t kDeepestPattern = 24;   ///< groups within groups
 
-/// Whether a POSIX extended regular expression is such a pattern: it refers back, or goes beyond
-/// the bounds. What is no expression at all is judged by the part that the matcher would read
+/// Whether a POSIX extended regular expression is such a pattern: it has a back-reference, or
+/// exceeds the bounds. An invalid expression is judged by the part that the matcher would read
 /// before it refuses the rest.
 bool IsHardPattern(const char* pattern);

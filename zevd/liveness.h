@@ -1,12 +1,11 @@
 // Peers that vanish without a word: a machine that lost its power, a network that went away. Their
 // connections would stay for ever, with the console or the login place that they hold.
 //
-// Two rules find them. While nothing that was sent waits to be acknowledged, the kernel asks a
-// silent peer whether it is there (keep-alive). While something does, it does not ask, and a peer
-// that has sent nothing for five minutes, not even an acknowledgement, is gone. A peer that is
-// there and takes nothing is left alone: it answers the kernel's probes of its shut window, which
-// come at most two minutes apart. TCP_USER_TIMEOUT would end such a connection, too (tcp(7)), and
-// is not set.
+// Two rules find them. While no data waits to be acknowledged, the kernel probes a silent peer
+// (keep-alive). While some does, it sends no such probes, and a peer that has sent nothing for five
+// minutes, not even an acknowledgement, is gone. A peer that is there but reads nothing is left
+// alone: it answers the kernel's probes of its closed window, which come at most two minutes apart.
+// TCP_USER_TIMEOUT would end such a connection, too (tcp(7)), so it is not set.
 #pragma once
 
 #include <cstdint>

@@ -91,7 +91,7 @@ struct FlagsWithoutNumber {
   void Report() const {
     if (count == 0) return;
     zev_debug(kError,
-              "%s: Consoles without a login because their authentication flag is no number: %d, "
+              "%s: Consoles without a login because their authentication flag is not a number: %d, "
               "the first is \"%s\".\n",
               kLoad, count, first);
   }

@@ -43,9 +43,9 @@ const char* After(const char* path, const char* prefix) {
   return path;
 }
 
-/// The name in "zev.dated" that "current" leads to, as its text says: a name alone, or the whole
-/// path. Any other path may be one that the daemon should not walk, as it may wait for a file
-/// server or lead elsewhere the next moment.
+/// The name in "zev.dated" that "current" leads to, read from the link's text: a bare name or the
+/// whole path. The daemon should not walk any other path, which may wait for a file server or lead
+/// elsewhere the next moment.
 class CurrentName {
  public:
   explicit CurrentName(int directory, const char* link) {

@@ -32,7 +32,7 @@ class CurrentLogDir {
 
   explicit CurrentLogDir(IfMissing if_missing);
 
-  /// False when it is missing and could not be made, which has been reported, or was not to be.
+  /// False when it is missing and was not to be made, or could not be, which has been reported.
   bool exists() const { return exists_; }
 
   /// -1 with errno set when it exists but cannot be opened.

@@ -306,8 +306,8 @@ Matcher::Step Matcher::TakeAnswer(MatcherMessage* message, MatcherLine** matched
   return Step::kAgain;
 }
 
-// The line that is answered, which nobody else has any more. Null, and an end to the matcher, when
-// it is another than was to be answered.
+// The answered line, which now belongs to the caller. Null when the answer is for another line than
+// the one that is due; the matcher is then ended.
 MatcherLine* Matcher::AnswerOf(const MatcherMessage& message) {
   if (first_ != unsent_ && first_->number == message.header.line) return RemoveFirst();
   zev_debug(kError, "%s: An answer was not the one that was due.\n", kMatcher);

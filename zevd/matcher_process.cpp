@@ -56,7 +56,7 @@ void LimitWorker() {
   Limit(RLIMIT_CORE, 0);
 }
 
-// The process ends as soon as its parent has, were it while it starts.
+// The process ends as soon as its parent has ended, even during start-up.
 void EndWith(pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(0);

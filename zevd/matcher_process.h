@@ -3,8 +3,8 @@
 // the daemon's own program, started again by matcher.cpp.
 //
 // It consists of two processes. The one that talks to the daemon neither compiles nor matches; it
-// has a worker do so (matcher_worker.h), whom it kills when that takes too long, and replaces when
-// it has ended. Both end with the daemon.
+// leaves that to a worker (matcher_worker.h), which it kills when that takes too long, and replaces
+// when it has ended. Both end with the daemon.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +17,8 @@ inline constexpr int kMatcherSocket = 3;
 inline constexpr int64_t kLineTime = 100'000;       // microseconds
 inline constexpr int64_t kCompileTime = 1'000'000;  // microseconds
 
-/// Whether the program was started as the matcher. Nobody starts it so from a command line: the
-/// name alone is not enough, the socket must be there.
+/// Whether the program was started as the matcher. The name alone is not enough, so that nobody can
+/// start it from a command line: the socket must be there as well.
 bool IsMatcherProcess(int argc, char** argv);
 
 /// Gives up what the matcher does not need and serves the daemon until it has gone.

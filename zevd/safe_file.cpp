@@ -12,7 +12,7 @@ namespace {
 
 constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
 
-// A file that comes and goes while it is opened is tried so often.
+// How often opening is tried while the file keeps appearing and disappearing.
 constexpr int kTries = 3;
 
 // A pipe without a peer and a file with a lease would be waited for. The flag stays set: it changes

@@ -44,8 +44,8 @@ struct WipedText {
   WipedText& operator=(const WipedText&) = delete;
 };
 
-// A process that was stopped and goes on finds its wait interrupted (signal(7)): what is left of
-// the time is waited for then.
+// When a stopped process is continued, its wait is interrupted (signal(7)); it is resumed for the
+// time that is left.
 ssize_t PeekBefore(int sock, char* buf, size_t size, int64_t deadline) {
   for (;;) {
     const int64_t left = std::max<int64_t>(deadline - MonotonicMicroseconds(), 1);
@@ -282,7 +282,7 @@ bool ReportFailedTry(int sock, const char* user_name, const char* cons_name, int
   return SendText(sock, "\nInvalid username/password combination. Please try again.\r\n\n");
 }
 
-// Every try shows in the system's log, whatever becomes of the connection.
+// Every try shows in the system log, whatever becomes of the connection.
 void AuditFailedTry(const char* user_name, const char* cons_name, const Identity& identity,
                     const char* reason) {
   Identity failed = identity;
@@ -311,7 +311,7 @@ int PromptForUserNameAndPasswd(int sock, const char* cons_name, Identity& identi
 
 namespace {
 
-// As a client may take long, so may a helper: the calling thread can be cancelled meanwhile.
+// A helper may take long, as a client may: the calling thread can be cancelled meanwhile.
 PasswordCheck Check(const char* username, const char* password, const char* rhost) {
   sigset_t while_waiting;
   pthread_sigmask(SIG_SETMASK, nullptr, &while_waiting);

@@ -956,8 +956,8 @@ int PrepareMappedPort(Connection& connection) {
   return console.auth == 1 ? LogIn(connection) : 0;
 }
 
-// What the client says of itself. The name that a login has proved comes last in the line, whoever
-// put the one before it there.
+// What the client says of itself. The authenticated name is the last one in the line; the one
+// before it is the client's own.
 void TakeGivenNames(Connection& connection) {
   const ConsoleArgs& args = connection.args;
   Identity& identity = connection.identity;
@@ -1026,7 +1026,7 @@ int HandOverToCommands(Connection& connection) {
 }
 
 int HandOver(Connection& connection) {
-  EndIfCancelled();  // whoever logs in at a port that is no more has no way in
+  EndIfCancelled();  // a login on a port that was dropped ends here
   const bool wants_commands = strcmp(connection.args.cons_name, kCommandConsole) == 0;
   return wants_commands ? HandOverToCommands(connection) : AttachUser(connection);
 }

@@ -7,8 +7,8 @@
 
 void* UserMonitorThreadStart(void* unused);
 
-/// Marks one user for removal and wakes the monitor, which does the rest. `reason`, a text that
-/// lives for ever, is what the system's log tells; the first one counts. Any thread; takes no lock.
+/// Marks one user for removal and wakes the monitor, which does the rest. `reason`, a string
+/// of static lifetime, is what the system log says; the first counts. Any thread; takes no lock.
 void CloseUserConnection(UserNode* unode, const char* reason = "The daemon closed the connection.");
 
 // ---- The monitor's own steps --------------------------------------------------------------------

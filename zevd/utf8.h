@@ -1,4 +1,4 @@
-// Well-formed UTF-8, and what strangers may not show anybody.
+// Well-formed UTF-8, and control characters, which no stranger may send to others' terminals.
 #pragma once
 
 #include <cstddef>

@@ -40,7 +40,7 @@ constexpr unsigned char kDelete = 127;
 constexpr int64_t kMicrosecondsPerSecond = 1000000;
 constexpr int64_t kAfterCarriageReturn = 100;  // microseconds to wait for the rest of a line end
 
-constexpr time_t kLookForPeer = 10;  // seconds between two looks whether a silent client is there
+constexpr time_t kLookForPeer = 10;  // seconds between checks that a silent client is still there
 
 // For the few sends that wait for their peer, and for a whole replay.
 constexpr timeval kSendLimit = {0, 200000};
@@ -193,7 +193,7 @@ class LineEditor {
     if (byte != kLineFeed) return;
     Store(kLineFeed);
     // The first byte of the line goes out here, not the line feed: login dialogues look that way.
-    // That of a password is nobody's to see.
+    // That of a password must not be shown.
     if (echo_) SendByte(sock_, static_cast<unsigned char>(buf_[0]));
   }
 

@@ -172,7 +172,7 @@ void MoveAside(const char* path) {
   rename(path, old_path);
 }
 
-// It is opened for appending: whoever copies it and cuts it short leaves no hole in it.
+// Opened for appending: a tool that copies the file and truncates it leaves no hole in it.
 int OpenOutputFile() {
   char path[kPathSize];
   snprintf(path, sizeof path, "%s/%s", log_dir, "zevd.log");

@@ -239,8 +239,8 @@ Fold* FindFold(JixConn& conn, std::string_view body) {
   return found == conn.folds.end() ? nullptr : found;
 }
 
-// Sends what was left out, once its second is over, and frees the places of what did not come
-// again. `own` is that of the event which is about to be posted.
+// Sends what was left out once its second is over, and frees the places of events that did not
+// recur. `own` is the place of the event that is about to be posted.
 JixStatus SendLeftOut(JixConn& conn, const Fold* own, int64_t now) {
   for (Fold& fold : conn.folds) {
     if (&fold == own || fold.body.empty() || !SecondIsOver(fold, now)) continue;

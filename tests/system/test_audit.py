@@ -1,4 +1,4 @@
-"""What the system's log tells: who did what, from where, with which result."""
+"""What the system log tells: who did what, from where, with which result."""
 
 import socket
 
@@ -85,7 +85,7 @@ def test_attaching_and_leaving(system_log, open_station):
         {"what": "leave", "result": "done", **who, "reason": "The user left."}]
 
 
-def test_who_keeps_output_from_the_logs_shows_with_beginning_and_end(system_log, open_station):
+def test_users_who_keep_output_from_the_logs_are_recorded(system_log, open_station):
     station, _ = open_station
     hidden = station.attach("box", mode="er", user="VRQ")
     who = {"given_user": "VRQ", "from": LOOPBACK, "console": "box", "mode": "er"}
@@ -229,7 +229,7 @@ def test_a_log_that_is_away_costs_entries_and_nothing_else(system_log, open_stat
     system_log.wait("security")
     system_log.close()
     user = station.attach("box")
-    station.wait_log("Audit: The system's log takes no entries : No such file or directory")
+    station.wait_log("Audit: The system log accepts no entries : No such file or directory")
     user.send(b"x")
     box.expect_exactly(b"x")
     leave(station, user)
@@ -238,7 +238,7 @@ def test_a_log_that_is_away_costs_entries_and_nothing_else(system_log, open_stat
     (lost,) = system_log.wait("audit")
     assert lost == {"what": "audit", "result": "lost", "reason": "2 entries were lost"}
     system_log.wait("attach")
-    station.wait_log("Audit: The system's log takes entries again: 2 entries were lost")
+    station.wait_log("Audit: The system log accepts entries again: 2 entries were lost")
 
 
 def test_a_log_that_nobody_reads_delays_nobody(system_log, open_station):
@@ -246,7 +246,7 @@ def test_a_log_that_nobody_reads_delays_nobody(system_log, open_station):
     tool = Tool(station, user=None)
     for _ in range(400):
         tool.command("force box")
-    station.wait_log("Audit: The system's log takes no entries : Resource temporarily unavailable")
+    station.wait_log("Audit: The system log accepts no entries : Resource temporarily unavailable")
     user = station.attach("box")
     user.send(b"x")
     box.expect_exactly(b"x")

@@ -323,14 +323,14 @@ def test_a_suites_configuration_that_is_replaced_ends_the_daemon_at_a_hangup(
 
 
 @pytest.mark.parametrize("mode", [0o751, 0o755, 0o777])
-def test_a_configuration_that_is_open_to_others_is_spoken_of(station, mode):
+def test_a_configuration_that_is_open_to_others_is_reported(station, mode):
     station.config.chmod(mode)
     station.start("-d", "0")
     station.wait_log(f'CheckConfigDir: "{station.config}" is open to others (mode {mode:04o}). '
                      "Set its mode to 0750.")
 
 
-def test_a_configuration_for_owner_and_group_is_not_spoken_of(station):
+def test_a_configuration_for_owner_and_group_is_not_reported(station):
     station.config.chmod(0o2770)
     station.start("-d", "0")
     assert "open to others" not in station.log_text()
@@ -466,12 +466,12 @@ def test_names_that_move_on_from_console_to_console_mix_no_logs(station):
 # The word that is no number
 
 
-def test_flags_that_are_words_are_spoken_of_at_each_load(station):
+def test_flags_that_are_words_are_reported_at_each_load(station):
     box = station.console("box", auth="yes")
     station.console("other", auth="on", enable=0)
     station.console("right", auth=1, enable=0)
     station.start("-d", "1")
-    text = ("LoadConfigFile: Consoles without a login because their authentication flag is no "
+    text = ("LoadConfigFile: Consoles without a login because their authentication flag is not a "
             "number: {}, the first is \"{}\".")
     station.wait_log(text.format(2, "box"))
     position = station.mark()
@@ -482,4 +482,4 @@ def test_flags_that_are_words_are_spoken_of_at_each_load(station):
     position = station.mark()
     station.write_config(console_line("box", box.port, auth=1))
     reload(station)
-    assert "is no number" not in station.log_text(position)
+    assert "is not a number" not in station.log_text(position)

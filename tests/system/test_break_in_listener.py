@@ -332,5 +332,5 @@ def test_a_connection_without_a_listener(port, tmp_path):
     with socket.create_server(("127.0.0.1", 0)) as elsewhere:
         subprocess.run(["sysctl", "-qw", f"net.ipv4.ip_local_port_range={port} {port}"], check=True)
         elsewhere.close()
-        refused(port, f"something answers at 127.0.0.1 port {port}, but nobody is seen to listen "
+        refused(port, f"something answers at 127.0.0.1 port {port}, but no listener can be seen "
                 f"there: {NOTHING_SENT}.")

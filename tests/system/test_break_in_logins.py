@@ -116,7 +116,7 @@ def test_sixty_wrong_logins_start_eight_helpers(hall):
     assert max(peaks) == 8
 
 
-def test_the_main_ports_logins_keep_nobody_from_a_consoles_own(fortress):
+def test_logins_on_the_main_port_do_not_block_a_consoles_own(fortress):
     station, door, hall = fortress
     hall.helper.replace(COUNTING)
     callers = [hall.call() for _ in range(10)]

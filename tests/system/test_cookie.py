@@ -77,7 +77,7 @@ def test_an_existing_file_keeps_owner_group_and_mode(station, suite_group, mode)
 
 
 @pytest.mark.parametrize("mode, said", [(0o604, 1), (0o640, 0), (0o662, 0)])
-def test_an_existing_file_that_others_may_read_is_spoken_of(station, mode, said):
+def test_an_existing_file_that_others_may_read_is_reported(station, mode, said):
     path = cookie_file(station)
     path.touch()
     path.chmod(mode)
@@ -103,7 +103,7 @@ int main(int count, char **words) {
 """
 
 
-def test_the_cookie_is_none_of_a_million(station, tmp_path):
+def test_the_cookie_cannot_be_guessed_from_the_files_time(station, tmp_path):
     """The file's time would tell which."""
     guesser = tmp_path / "guesser"
     subprocess.run(["cc", "-O2", "-x", "c", "-", "-o", guesser], input=GUESSER, text=True,

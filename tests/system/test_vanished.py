@@ -197,7 +197,7 @@ def test_a_tool_that_acknowledges_nothing_is_closed(station, ends, silence):
     assert station.log_text().count("has vanished.") == 1
 
 
-def test_four_minutes_are_no_five(station, ends, silence):
+def test_a_user_who_is_silent_for_four_minutes_stays(station, ends, silence):
     box = station.console("box")
     station.start(env=silence.env)
     connected(station, box, "box")

@@ -1,4 +1,4 @@
-// What the system's log is told, and what becomes of it when that takes nothing.
+// What the system log is told, and what becomes of it when that takes nothing.
 #include "audit.h"
 
 #include <fcntl.h>
@@ -23,7 +23,7 @@ using ::testing::StartsWith;
 
 constexpr char kLog[] = "root/log";
 
-/// A system's log that the test reads.
+/// A system log that the test reads.
 class AuditTest : public test::DaemonTest {
  protected:
   AuditTest() {
@@ -100,14 +100,14 @@ TEST_F(AuditTest, LossesAreCountedAndTold) {
   std::filesystem::remove(kLog);
   for (int i = 0; i < 3; ++i) Audit({"attach", "accepted"});
   EXPECT_THAT(debug.NewMessages(),
-              ElementsAre("Audit: The system's log takes no entries : No such file or "
+              ElementsAre("Audit: The system log accepts no entries : No such file or "
                           "directory\n"));
   Listen();
   Audit({"leave", "done"});
   EXPECT_THAT(Next(), EndsWith("]: what=\"audit\" result=\"lost\" reason=\"3 entries were lost\""));
   EXPECT_THAT(Next(), HasSubstr("what=\"leave\""));
   EXPECT_THAT(debug.NewMessages(),
-              ElementsAre("Audit: The system's log takes entries again: 3 entries were lost\n"));
+              ElementsAre("Audit: The system log accepts entries again: 3 entries were lost\n"));
   Audit({"leave", "done"});
   EXPECT_THAT(Next(), HasSubstr("what=\"leave\""));
   EXPECT_THAT(debug.NewMessages(), IsEmpty());
@@ -120,7 +120,7 @@ TEST_F(AuditTest, LogThatNobodyReadsIsNotWaitedFor) {
     Audit({"attach", "accepted"});
     ASSERT_LT(++written, 100000);
   }
-  EXPECT_THAT(debug.Messages(), ElementsAre("Audit: The system's log takes no entries : Resource "
+  EXPECT_THAT(debug.Messages(), ElementsAre("Audit: The system log accepts no entries : Resource "
                                             "temporarily unavailable\n"));
 }
 

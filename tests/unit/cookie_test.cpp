@@ -146,7 +146,7 @@ TEST_F(CookieTest, ExistingFileKeepsItsModeAndLosesItsContent) {
   EXPECT_THAT(debug.Messages(), IsEmpty());
 }
 
-TEST_F(CookieTest, FileThatOthersMayReadIsSpokenOf) {
+TEST_F(CookieTest, FileThatOthersMayReadIsReported) {
   test::WriteFile(kPath, "");
   chmod(kPath, 0604);
   const DebugCapture debug(0);
@@ -356,7 +356,7 @@ TEST_F(CookieTest, ExistingFileIsNeitherGivenAwayNorOpenedUp) {
 
 // ---- Its directory ------------------------------------------------------------------------------
 
-TEST_F(CookieTest, DirectoryThatIsOpenToOthersIsSpokenOf) {
+TEST_F(CookieTest, DirectoryThatIsOpenToOthersIsReported) {
   DebugCapture debug(0);
   for (const mode_t mode : {0755U, 0751U, 0752U, 0754U}) {
     ASSERT_EQ(chmod("root/config", mode), 0);

@@ -865,7 +865,7 @@ TEST_F(ReloadTest, MergeTellsManyConsolesOfOneAddressApart) {
 
 TEST_F(ReloadTest, FlagsThatAreNoNumbersAreCountedAtEachLoad) {
   const auto report = [](int count, const std::string& first) {
-    return "LoadConfigFile: Consoles without a login because their authentication flag is no "
+    return "LoadConfigFile: Consoles without a login because their authentication flag is not a "
            "number: " +
            std::to_string(count) + ", the first is \"" + first + "\".\n";
   };

@@ -134,7 +134,7 @@ def _from_manual(shape: str, station: Station, file: Path) -> str:
 
 
 def rsyslog(station: Station, directory: Path) -> CollectorProgram:
-    """The system's log daemon, with no configuration but the one of the manual."""
+    """The system log daemon, with no configuration but the one of the manual."""
     program = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
     assert program, "rsyslog is not installed"
     file = directory / "events.log"

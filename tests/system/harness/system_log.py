@@ -1,4 +1,4 @@
-"""The system's log, as the daemon finds it at /dev/log: a socket that the test reads."""
+"""The system log, as the daemon finds it at /dev/log: a socket that the test reads."""
 
 import contextlib
 import os
@@ -113,7 +113,7 @@ def enter_private_devices() -> Path:
 
 @pytest.fixture
 def system_log(isolated):
-    """The system's log of this test."""
+    """The system log of this test."""
     devices = enter_private_devices()
     yield SystemLog(devices / "log")
     unmount(devices)  # the next test's namespace begins as a copy of this one
