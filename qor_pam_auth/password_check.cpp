@@ -25,8 +25,8 @@ constexpr int kHelpersAtOnce = 8;
 constexpr int64_t kLongestWait = 30000;       // milliseconds for a turn, and again for an answer
 constexpr int64_t kPauseAfterRefusal = 2000;  // milliseconds
 constexpr int64_t kLook = 20;                 // milliseconds between two looks at what is awaited
-constexpr size_t kRefusalsKept = 1024;        // more than come in the time for which they count
-constexpr size_t kLongestPair = 2048;         // the longest name and password, and the blank
+constexpr size_t kRefusalsKept = 4096;  // the oldest gives way, which only fast helpers can do
+constexpr size_t kLongestPair = 2048;   // the longest name and password, and the blank
 
 int64_t Now() {
   timespec now{};
@@ -34,10 +34,13 @@ int64_t Now() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-void Wait(const PasswordRequest& request, int64_t limit) {
+// True when the peer whose connection is `sock` has hung up; -1 is nobody's.
+bool Wait(const PasswordRequest& request, int sock, int64_t limit) {
+  pollfd awaited = {sock, POLLRDHUP, 0};
   const timespec time = {limit / 1000, limit % 1000 * 1000000};
-  const int result = ppoll(nullptr, 0, &time, request.blocked);
-  if (result < 0 && errno == EINTR && request.interrupted != nullptr) request.interrupted();
+  const int ready = ppoll(&awaited, 1, &time, request.blocked);
+  if (ready < 0 && errno == EINTR && request.interrupted != nullptr) request.interrupted();
+  return ready > 0;
 }
 
 // ---- Turns --------------------------------------------------------------------------------------
@@ -262,7 +265,7 @@ class Helper {
     int status = 0;
     for (int64_t look = 1; !HasEnded(&status); look = std::min(2 * look, kLook)) {
       if (Now() >= deadline) return false;
-      Wait(request, look);
+      Wait(request, -1, look);
     }
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
   }
@@ -330,9 +333,10 @@ PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request) 
   const int64_t deadline = Now() + kLongestWait;
   while (!turn.Take()) {
     if (Now() >= deadline) return PasswordCheck::kNoTurn;
-    Wait(request, kLook);
+    if (Wait(request, request.sock, kLook)) return PasswordCheck::kNoTurn;
   }
-  const PasswordCheck result = Ask(helper, request);
+  const bool one_word = strpbrk(request.name, " \t\n\v\f\r") == nullptr;
+  const PasswordCheck result = one_word ? Ask(helper, request) : PasswordCheck::kRefused;
   if (result != PasswordCheck::kAccepted) {
     const int error = errno;
     turn.NoteRefusal();

@@ -11,7 +11,7 @@
 enum class PasswordCheck {
   kAccepted,
   kRefused,     ///< by the helper, or the helper did not answer in time and was ended
-  kNoTurn,      ///< too many others were being checked for too long
+  kNoTurn,      ///< too many others were being checked for too long, or the peer hung up
   kNotStarted,  ///< the helper could not be started; errno says why
   kNotRead,     ///< the helper did not read the pair; errno says why
 };
@@ -20,6 +20,7 @@ struct PasswordRequest {
   const char* name;
   const char* password;
   const char* rhost;  ///< the peer's address for the helper; empty when it has none
+  int sock = -1;      ///< the peer's connection: whoever hangs up gives up the turn; -1 for none
   /// The signals that are blocked while the check waits; null for those of the caller.
   const sigset_t* blocked = nullptr;
   /// Called when a signal has ended a wait. Need not return: it may unwind.
@@ -27,6 +28,7 @@ struct PasswordRequest {
 };
 
 /// Waits for a turn, has `helper` check the pair, and waits for its answer, half a minute at most
-/// each. Eight helpers run at once, and one for the same name from the same address; after a refusal
-/// that pair waits two seconds, whichever connection it comes by.
+/// each. Eight helpers run at once, and one for the same name from the same address; after a
+/// refusal that pair waits two seconds, whichever connection it comes by. A name with white space
+/// is refused without a helper, which would take the rest of the name for a part of the password.
 PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request);

@@ -21,8 +21,9 @@ struct Program {
 };
 
 // Each adds its commands; in the order in which the help shows them.
-void AddQueryCommands(CLI::App& app, Program& program);    ///< list, who, ports, holder
-void AddControlCommands(CLI::App& app, Program& program);  ///< clear, disable, enable, msg, force, reconnect
+void AddQueryCommands(CLI::App& app, Program& program);  ///< list, who, ports, holder
+void AddControlCommands(CLI::App& app,
+                        Program& program);  ///< clear, disable, enable, msg, force, reconnect
 void AddAttachCommand(CLI::App& app, Program& program);
 void AddLogCommand(CLI::App& app, Program& program);
 void AddEventsCommand(CLI::App& app, Program& program);

@@ -43,13 +43,21 @@ class EntryText {
     Append(key);
     Append("=\"");
     const char* text = value == nullptr ? "" : value;
-    const size_t length = std::min(strcspn(text, "\r\n"), kLongestValue);
+    const size_t length = strnlen(text, kLongestValue);
     for (size_t i = 0; i < length; ++i) AppendByte(static_cast<unsigned char>(text[i]));
     Append("\"");
   }
 
   const char* data() const { return text_; }
   size_t size() const { return size_; }
+
+  // Without the line end that the texts of refusals have.
+  void AddLine(const char* key, const char* value) {
+    char line[kLongestValue + 1] = "";
+    if (value != nullptr) CopyText(line, value);
+    line[strcspn(line, "\r\n")] = '\0';
+    Add(key, line);
+  }
 
  private:
   void AppendByte(unsigned char byte) {
@@ -126,6 +134,6 @@ void Audit(const AuditEntry& entry) {
   text.Add("given_from", identity.given_from);
   text.Add("console", entry.console);
   text.Add("mode", entry.mode);
-  text.Add("reason", entry.reason);
+  text.AddLine("reason", entry.reason);
   if (!TellLosses() || !Send(text)) CountLoss(1);
 }

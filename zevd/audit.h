@@ -1,9 +1,9 @@
 // Who did what: one entry in the system log (facility authpriv, ident "zevd") for every login,
 // attaching, leaving and control command.
 //
-// Any thread, with any lock held: nothing is waited for and no lock is taken. An entry that the
-// system log does not accept at once is lost and counted; the count is the first thing that is
-// logged when it accepts entries again.
+// Any thread, with any lock held: the log is not waited for, and no lock is taken but the debug
+// lock when there is a loss to tell of. An entry that the system log does not accept at once is
+// lost and counted; the count is the first thing that is logged when it accepts entries again.
 #pragma once
 
 #include "identity.h"
@@ -11,7 +11,7 @@
 /// One entry. A null text is written as an empty one; a text is cut at 256 bytes.
 struct AuditEntry {
   const char* what;                    ///< as docs/operating.md lists them, or a command
-  const char* result;                  ///< "accepted", "refused", "done", "off"
+  const char* result;                  ///< "accepted", "refused", "done" or "off"
   const Identity* identity = nullptr;  ///< null: the daemon itself
   const char* console = nullptr;       ///< the console's name, or what a command was given for one
   const char* mode = nullptr;          ///< "ro", "sh", "ex" or "er"
@@ -27,5 +27,5 @@ void OpenAudit(const char* log = kSystemLog);
 
 /// Writes `what`, `result`, `user`, `given_user`, `from`, `given_from`, `console`, `mode` and
 /// `reason`, in this order and all of them, as key="value": `"`, `\` and bytes that are not
-/// printable ASCII as \xNN.
+/// printable ASCII as \xNN. The entry that tells of a loss has but `what`, `result` and `reason`.
 void Audit(const AuditEntry& entry);

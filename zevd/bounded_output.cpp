@@ -13,6 +13,7 @@
 namespace {
 
 constexpr int64_t kPatience = 100;  // milliseconds, for a message in all
+constexpr int64_t kShare = 10;      // of all time, messages may wait this part
 constexpr int64_t kNotStarted = -1;
 
 // A terminal that is ready for writing is only certain to accept a short run of printing
@@ -86,13 +87,22 @@ size_t BoundedOutput::PieceSize() const {
 // is looked at only when there is no room: `deadline` is set then.
 bool BoundedOutput::AwaitRoom(int64_t* deadline) {
   pollfd writable = {fd_, POLLOUT, 0};
+  int64_t now = 0;
   for (int64_t left = 0;;) {
     const int ready = poll(&writable, 1, static_cast<int>(left));
+    if (left > 0) repaid_ += kShare * (MonotonicMilliseconds() - now);
     if (ready > 0) return true;
     if (stuck_ || (ready == -1 && errno != EINTR)) return false;
-    const int64_t now = MonotonicMilliseconds();
-    if (*deadline == kNotStarted) *deadline = now + kPatience;
+    now = MonotonicMilliseconds();
+    if (*deadline == kNotStarted) *deadline = now + Allowance(now);
     left = *deadline - now;
     if (left <= 0) return false;
   }
+}
+
+// A reader who takes some, but slowly, would bring the daemon down to its own pace, message by
+// message.
+int64_t BoundedOutput::Allowance(int64_t now) {
+  repaid_ = std::max(repaid_, now - kShare * kPatience);
+  return std::max<int64_t>((now - repaid_) / kShare, 0);
 }

@@ -7,11 +7,11 @@
 
 /// Writes what its reader takes and drops the rest, so that no writer waits long for a reader.
 ///
-/// A message waits 100 ms in all. What has not been taken by then is dropped, and so is everything
-/// that follows, without a wait, until the descriptor accepts output again; the first line then
-/// says how much was lost. A message that was written in part is finished before anything else, so
-/// that no line is torn. A descriptor that returns an error (a full disk, a closed pipe) is treated
-/// as one that accepts nothing.
+/// A message waits 100 ms in all, and all of them a tenth of the time. What has not been taken by
+/// then is dropped, and so is everything that follows, without a wait, until the descriptor accepts
+/// output again; the first line then says how much was lost. A message that was written in part is
+/// finished before anything else, so that no line is torn. A descriptor that returns an error (a
+/// full disk, a closed pipe) is treated as one that accepts nothing.
 ///
 /// The descriptor is never made non-blocking: that would affect the shell on the same terminal,
 /// too.
@@ -31,13 +31,15 @@ class BoundedOutput {
 
  private:
   bool AwaitRoom(int64_t* deadline);
+  int64_t Allowance(int64_t now);
   bool WriteOut(int64_t* deadline);
   size_t PieceSize() const;
 
   int fd_;
   bool stuck_ = false;      ///< it took nothing when it was last tried
   unsigned long lost_ = 0;  ///< messages that nobody was told of yet
-  size_t start_ = 0;        ///< what is left of `unit_` is from here ...
-  size_t end_ = 0;          ///< ... to here
+  int64_t repaid_ = 0;  ///< up to when the waits are made good by time without one, milliseconds
+  size_t start_ = 0;    ///< what is left of `unit_` is from here ...
+  size_t end_ = 0;      ///< ... to here
   char unit_[kLongestText + 128] = {};
 };

@@ -45,13 +45,14 @@ int64_t MonotonicMilliseconds() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// `error` tells why the look failed, if it did.
-void ReportShortage(const char* function, const DescriptorUse& use, int error) {
+// `aside` are those that are kept for others than the one who asks; `error` tells why the look
+// failed, if it did.
+void ReportShortage(const char* function, const DescriptorUse& use, int aside, int error) {
   if (use.open == -1) {
     zev_debug(kError, "%s: Cannot count the descriptors in use : %s\n", function, strerror(error));
   } else {
-    zev_debug(kError, "%s: Running out of descriptors: %d of %d are in use\n", function, use.open,
-              Limit());
+    zev_debug(kError, "%s: Running out of descriptors: %d of %d are in use, %d are set aside\n",
+              function, use.open, Limit(), aside);
   }
 }
 
@@ -97,7 +98,9 @@ bool DescriptorBudget::HasRoom(Caller caller, const DescriptorUse& use) {
   // Others open descriptors too: half of the room is given away before the next look.
   admitted_unseen_ = room_of_strangers / (2 * kDescriptorsOfCaller);
   const bool has_room = (caller == Caller::kStation ? room : room_of_strangers) > 0;
-  if (!has_room && report_.IsDue()) ReportShortage("AcceptConnectionRequests", use, error);
+  if (!has_room && report_.IsDue()) {
+    ReportShortage("AcceptConnectionRequests", use, own_part + use.wanted, error);
+  }
   return has_room;
 }
 
@@ -112,7 +115,7 @@ bool AttemptBudget::HasRoom(const DescriptorUse& use) {
     begun_unseen_ = room / (2 * kDescriptorsOfConsole);
     return true;
   }
-  if (report_.IsDue()) ReportShortage("ConnectToConsoles", use, error);
+  if (report_.IsDue()) ReportShortage("ConnectToConsoles", use, use.wanted, error);
   Pause();
   return false;
 }

@@ -273,7 +273,7 @@ void Matcher::Serve() {
     operator delete(matched);
   }
   const std::lock_guard lock(mutex_);
-  if (!wanted_ && pid_ == -1) return;
+  if (!wanted_ && pid_ == -1 && lost_ == 0) return;
   const int64_t now = MonotonicMicroseconds();
   Reap(now);
   if (wanted_ && pid_ == -1 && now >= start_time_) Start(now);

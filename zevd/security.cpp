@@ -301,7 +301,7 @@ int PromptForUserNameAndPasswd(int sock, const char* cons_name, Identity& identi
     WipedText<kAnswerSize> password;
     if (!AskUserName(sock, user_name.text)) return -1;
     if (!AskPassword(sock, password.text)) return -1;
-    const int result = AuthenticateOnLinux(user_name.text, password.text, identity.from);
+    const int result = AuthenticateOnLinux(user_name.text, password.text, identity.from, sock);
     if (result == 0) return Admit(user_name.text, cons_name, identity);
     const UserError reason = result < 0 ? kTimedOut : kAuthenticationFailed;
     AuditFailedTry(user_name.text, cons_name, identity, UserErrorText(reason));
@@ -312,19 +312,19 @@ int PromptForUserNameAndPasswd(int sock, const char* cons_name, Identity& identi
 namespace {
 
 // A helper may take long, as a client may: the calling thread can be cancelled meanwhile.
-PasswordCheck Check(const char* username, const char* password, const char* rhost) {
+PasswordCheck Check(const char* username, const char* password, const char* rhost, int sock) {
   sigset_t while_waiting;
   pthread_sigmask(SIG_SETMASK, nullptr, &while_waiting);
   sigdelset(&while_waiting, kCancelSignal);
   return CheckPassword(kPasswordHelper,
-                       {username, password, rhost, &while_waiting, EndIfCancelled});
+                       {username, password, rhost, sock, &while_waiting, EndIfCancelled});
 }
 
 }  // namespace
 
-int AuthenticateOnLinux(const char* username, const char* password, const char* rhost) {
+int AuthenticateOnLinux(const char* username, const char* password, const char* rhost, int sock) {
   ENTERING();
-  switch (Check(username, password, rhost)) {
+  switch (Check(username, password, rhost, sock)) {
     case PasswordCheck::kAccepted:
       return 0;
     case PasswordCheck::kRefused:

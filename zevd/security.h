@@ -27,9 +27,10 @@ int DoTqAuthValidation(int sock, char* buf, int size, Identity& identity);
 int PromptForUserNameAndPasswd(int sock, const char* cons_name, Identity& identity);
 
 /// 0 when the helper program accepts the pair of somebody at the address `rhost`, 1 when it does
-/// not, and -1, with u_err_msg set, when too many others were being checked. Ends the thread, and
-/// the helper, when it is cancelled.
-int AuthenticateOnLinux(const char* username, const char* password, const char* rhost);
+/// not, and -1, with u_err_msg set, when too many others were being checked or `sock` was hung up.
+/// Ends the thread, and the helper, when it is cancelled.
+int AuthenticateOnLinux(const char* username, const char* password, const char* rhost,
+                        int sock = -1);
 
 /// 1 when the name is listed in a group "qoruser", else 0.
 int IsInQORUserGroup(const char* username);

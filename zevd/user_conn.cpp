@@ -684,6 +684,7 @@ void RefuseWithReserve(const MappedPortNode* mpnode, int error) {
       PrepareRelaySocket(sock);
       RefuseForWantOfRoom(sock);
       reserve_descriptor.Hold();
+      descriptor_budget.Forget();
       if (report.IsDue()) zev_debug(kError, "%s: All descriptors are in use\n", kAccept);
       return;
     }

@@ -203,7 +203,7 @@ class Decoy {
 
 PasswordCheck HelperAnswer(int sock, const Answer& name, const Answer& password) {
   const PeerAddress peer(sock);
-  return CheckPassword(kHelper, {name.c_str(), password.c_str(), peer.text});
+  return CheckPassword(kHelper, {name.c_str(), password.c_str(), peer.text, sock});
 }
 
 /// Room for one entry of the group database, however large.

@@ -107,7 +107,7 @@ void CheckConsole(const ConsoleNode& console, const Fields& fields) {
   CheckText(console.pname, fields[6]);
   REQUIRE_EQUAL(console.logging, atoi(fields[8].c_str()));
   REQUIRE_EQUAL(console.events, atoi(fields[9].c_str()));
-  REQUIRE_EQUAL(console.enable, atoi(fields[10].c_str()));
+  REQUIRE_EQUAL(console.enable.load(), atoi(fields[10].c_str()));
   REQUIRE_EQUAL(console.auth, atoi(fields[11].c_str()));
   REQUIRE((console.enode != nullptr) == IsLoaded(fields[12]));
   if (console.enode != nullptr) REQUIRE_EQUAL(std::string(console.enode->name), fields[12]);

@@ -138,10 +138,9 @@ TEST_F(BudgetReportTest, ShortageIsSaidOnceAMinute) {
     for (int i = 0; i < count; ++i) EXPECT_FALSE(budget.Admits(Caller::kStranger, look));
   };
   refusals(60);
-  EXPECT_THAT(
-      debug.NewMessages(),
-      ElementsAre(
-          "AcceptConnectionRequests: Running out of descriptors: 1000 of 1024 are in use\n"));
+  EXPECT_THAT(debug.NewMessages(), ElementsAre("AcceptConnectionRequests: Running out of "
+                                               "descriptors: 1000 of 1024 are in use, 64 are set "
+                                               "aside\n"));
   refusals(1);
   zev_debug(kError, "other\n");
   EXPECT_THAT(debug.NewMessages(), ElementsAre("Last message repeated 1 times\n", "other\n"));
@@ -210,7 +209,7 @@ TEST_F(AttemptBudgetTest, LooksAgainAfterASecond) {
   EXPECT_EQ(looks, 2);
   EXPECT_THAT(debug_.Messages(),
               ElementsAre("ConnectToConsoles: Running out of descriptors: 1023 of 1024 are in "
-                          "use\n"));
+                          "use, 0 are set aside\n"));
 }
 
 TEST_F(AttemptBudgetTest, LooksOnlyNowAndThenWhileThereIsRoom) {

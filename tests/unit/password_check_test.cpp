@@ -135,6 +135,32 @@ TEST_F(PasswordCheckTest, OneNameIsCheckedForOneCallerOfAnAddressAtATime) {
   EXPECT_EQ(Started(), 4U);
 }
 
+TEST_F(PasswordCheckTest, WhoeverHangsUpLeavesTheQueue) {
+  InstallWaiting();
+  std::thread first([] { Ask("anna", "a", "192.0.2.11"); });
+  EXPECT_TRUE(test::Eventually([] { return Started() == 1; }));
+  const test::SocketPair pair;
+  std::thread second([&] {
+    const PasswordRequest request = {"anna", "b", "192.0.2.11", pair.ours.get()};
+    EXPECT_EQ(CheckPassword(kHelper, request), PasswordCheck::kNoTurn);
+  });
+  shutdown(pair.theirs.get(), SHUT_WR);
+  second.join();
+  EXPECT_EQ(Started(), 1U);
+  test::WriteFile("root/go", "");
+  first.join();
+}
+
+// The helper splits the pair at the first blank: the rest of the name would be tried as the start
+// of a password, and count for another name.
+TEST_F(PasswordCheckTest, NameWithABlankIsRefusedWithoutAHelper) {
+  Install("#!/bin/sh\n: > root/started.$$\nexit 0\n");
+  for (const char* name : {"anna secret", "anna ", " anna", "anna\tx", " "}) {
+    EXPECT_EQ(Ask(name, "secret", ""), PasswordCheck::kRefused) << name;
+  }
+  EXPECT_EQ(Started(), 0U);
+}
+
 TEST_F(PasswordCheckTest, EightHelpersRunAtOnce) {
   InstallWaiting();
   std::vector<std::thread> callers;
@@ -181,7 +207,7 @@ TEST_F(PasswordCheckTest, SignalDuringTheWaitIsReported) {
   std::thread caller([] {
     sigset_t none;
     sigemptyset(&none);
-    const PasswordRequest request = {"anna", "secret", "", &none, [] { ++reported; }};
+    const PasswordRequest request = {"anna", "secret", "", -1, &none, [] { ++reported; }};
     EXPECT_EQ(CheckPassword(kHelper, request), PasswordCheck::kNotRead);
   });
   EXPECT_TRUE(test::Eventually([] { return Started() == 1; }));
