@@ -49,11 +49,6 @@ bool Wait(const PasswordRequest& request, int sock, int64_t limit) {
 /// which costs the second one two seconds.
 class Refusals {
  public:
-  static uint64_t KeyOf(const PasswordRequest& request) {
-    const std::hash<std::string_view> hash;
-    return hash(request.name) * 31 + hash(request.rhost);
-  }
-
   void Add(uint64_t key) {
     kept_[next_] = {key, Now()};
     next_ = (next_ + 1) % kRefusalsKept;
@@ -78,16 +73,40 @@ class Refusals {
   size_t next_ = 0;
 };
 
-/// Whoever waits for a turn, or has one; on the stack of its thread.
+/// Whoever waits for a turn, or has one; on the stack of its thread. An address that is not known
+/// is nobody's.
 struct Caller {
-  uint64_t key;
-  bool known;              ///< its address is known; one that is not is nobody's
+  uint64_t address;
+  uint64_t key;  ///< of name and address
+  bool known;
   int64_t not_before = 0;  ///< the end of its pause
   int same_ahead = 0;      ///< how many with the same key wait before it, or are being checked
+  int address_ahead = 0;   ///< the same for its address
   Caller* next = nullptr;
 
+  explicit Caller(const PasswordRequest& request)
+      : address(Hash(request.rhost)),
+        key(Hash(request.name) * 31 + address),
+        known(request.rhost[0] != '\0') {}
+
+  static uint64_t Hash(const char* text) { return std::hash<std::string_view>()(text); }
+
   bool IsReady(int64_t now) const { return same_ahead == 0 && not_before <= now; }
-  bool Matches(const Caller& other) const { return known && other.known && key == other.key; }
+  bool IsSameAddress(const Caller& other) const {
+    return known && other.known && address == other.address;
+  }
+  bool IsSameName(const Caller& other) const { return IsSameAddress(other) && key == other.key; }
+
+  bool GoesBefore(const Caller& other, bool came_before) const {
+    return address_ahead < other.address_ahead ||
+           (came_before && address_ahead == other.address_ahead);
+  }
+
+  // `count` is 1 or -1: the other comes to stand before this one, or has stood there.
+  void Count(const Caller& other, int count) {
+    if (IsSameAddress(other)) address_ahead += count;
+    if (IsSameName(other)) same_ahead += count;
+  }
 };
 
 std::mutex turns_mutex;  // a leaf; guards what follows
@@ -110,12 +129,11 @@ void Remove(Caller** list, const Caller* caller) {
 /// One place among the helpers, or in the queue for one.
 class Turn {
  public:
-  explicit Turn(const PasswordRequest& request)
-      : self_{Refusals::KeyOf(request), request.rhost[0] != '\0'} {
+  explicit Turn(const PasswordRequest& request) : self_(request) {
     const std::lock_guard lock(turns_mutex);
     if (self_.known) self_.not_before = refusals.EndOfPause(self_.key);
-    for (const Caller* list : {first_running, first_waiting}) {
-      for (; list != nullptr; list = list->next) self_.same_ahead += list->Matches(self_) ? 1 : 0;
+    for (const Caller* other : {first_running, first_waiting}) {
+      for (; other != nullptr; other = other->next) self_.Count(*other, 1);
     }
     Append(&first_waiting, &self_);
   }
@@ -126,23 +144,28 @@ class Turn {
     if (taken_) --running;
     for (Caller* other = taken_ ? first_waiting : self_.next; other != nullptr;
          other = other->next) {
-      if (other->Matches(self_)) --other->same_ahead;
+      other->Count(self_, -1);
     }
   }
 
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
 
-  /// Who came first goes first, among those who are ready. One name is checked for one caller of an
-  /// address at a time: a guesser who does not wait for an answer would have as many as there are
-  /// helpers.
+  /// Addresses take turns, and among the callers of one address whoever came first: a crowd behind
+  /// one address does not keep the others out. One name is checked for one caller of an address at
+  /// a time: a guesser who does not wait for an answer would have as many as there are helpers.
   bool Take() {
     const int64_t now = Now();
     const std::lock_guard lock(turns_mutex);
-    if (!self_.IsReady(now)) return false;
+    if (!self_.IsReady(now) || running == kHelpersAtOnce) return false;
     int ahead = running;
-    for (const Caller* other = first_waiting; other != &self_; other = other->next) {
-      if (other->IsReady(now)) ++ahead;
+    bool came_before = true;
+    for (const Caller* other = first_waiting; other != nullptr; other = other->next) {
+      if (other == &self_) {
+        came_before = false;
+      } else if (other->IsReady(now) && other->GoesBefore(self_, came_before)) {
+        ++ahead;
+      }
     }
     if (ahead >= kHelpersAtOnce) return false;
     Remove(&first_waiting, &self_);
@@ -157,7 +180,7 @@ class Turn {
     const std::lock_guard lock(turns_mutex);
     refusals.Add(self_.key);
     for (Caller* other = first_waiting; other != nullptr; other = other->next) {
-      if (other->Matches(self_)) other->not_before = Now() + kPauseAfterRefusal;
+      if (other->IsSameName(self_)) other->not_before = Now() + kPauseAfterRefusal;
     }
   }
 

@@ -28,7 +28,8 @@ struct PasswordRequest {
 };
 
 /// Waits for a turn, has `helper` check the pair, and waits for its answer, half a minute at most
-/// each. Eight helpers run at once, and one for the same name from the same address; after a
-/// refusal that pair waits two seconds, whichever connection it comes by. A name with white space
-/// is refused without a helper, which would take the rest of the name for a part of the password.
+/// each. Eight helpers run at once, addresses taking turns, and one for the same name from the same
+/// address; after a refusal that pair waits two seconds, whichever connection it comes by. A name
+/// with white space is refused without a helper, which would take the rest of the name for a part
+/// of the password.
 PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request);

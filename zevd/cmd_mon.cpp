@@ -413,7 +413,10 @@ void AnswerUnrecognized(const char* cons_name) {
 // The same, and tells the debug output.
 void AnswerUnrecognizedAndLog(const char* function, const char* cons_name) {
   AnswerUnrecognized(cons_name);
-  zev_debug(kInfo, "%s: %s\n", function, cmd_err_msg);
+  char shown[kErrorTextSize];
+  CopyText(shown, cmd_err_msg);
+  ReplaceControls(shown);
+  zev_debug(kInfo, "%s: %s\n", function, shown);
 }
 
 // Puts the answer together; the records are the connection's from here on.

@@ -26,6 +26,9 @@
 #include "utf8.h"
 #include "util.h"
 
+// Not every station's library has it.
+extern "C" decltype(authenticate_tell_refusals) authenticate_tell_refusals __attribute__((weak));
+
 // ---- Telling clients apart ----------------------------------------------------------------------
 
 namespace {
@@ -99,6 +102,7 @@ int IsTokenAuthentication(int sock, char (&user_cookie)[kCookieSize]) {
   token = strtok_r(nullptr, kSeparators, &rest);
   if (token == nullptr) return -1;
   CopyText(user_cookie, token);
+  ReplaceControls(user_cookie);  // it is shown when it is wrong
   return 1;
 }
 
@@ -119,6 +123,29 @@ void AuditLogin(const char* result, const Identity& identity, const char* cons_n
 void AuditRefusedLogin(const Identity& identity, const char* cons_name) {
   AuditLogin("refused", identity, cons_name,
              u_err_msg == nullptr ? "The connection failed." : u_err_msg);
+}
+
+/// The connection that the calling thread has the library authenticate, and whether the library has
+/// told of a pair that it refused there.
+thread_local const Identity* authenticated = nullptr;
+thread_local bool refusal_told = false;
+
+// Every try shows in the system log, whatever becomes of the connection.
+void TellRefusal(int /*sock*/, const char* user) {
+  Identity failed = *authenticated;
+  CopyText(failed.given_user, user);
+  refusal_told = true;
+  AuditLogin("refused", failed, nullptr, UserErrorText(kAuthenticationFailed));
+}
+
+// The station's own library may have no way to tell.
+char* AskLibrary(int sock, char** user, const Identity& identity) {
+  authenticated = &identity;
+  if (authenticate_tell_refusals != nullptr) authenticate_tell_refusals(TellRefusal);
+  errno = 0;
+  char* line = authenticate(sock, user);
+  authenticated = nullptr;
+  return line;
 }
 
 int Authenticate(int sock, const sockaddr_in& client_addr, char* buf, int size, Identity& identity,
@@ -145,10 +172,11 @@ int DoAuthentication(int sock, const sockaddr_in& client_addr, char* buf, int si
                      Identity& identity) {
   ENTERING();
   bool by_cookie = false;
+  refusal_told = false;
   const int result = Authenticate(sock, client_addr, buf, size, identity, &by_cookie);
   if (result == 0) {
     AuditLogin(kAccepted, identity, nullptr, by_cookie ? kByCookie : kByName);
-  } else {
+  } else if (!refusal_told || u_err_msg != UserErrorText(kAuthenticationFailed)) {
     AuditRefusedLogin(identity, nullptr);
   }
   return result;
@@ -157,8 +185,7 @@ int DoAuthentication(int sock, const sockaddr_in& client_addr, char* buf, int si
 int DoTqAuthValidation(int sock, char* buf, int size, Identity& identity) {
   ENTERING();
   char* user = nullptr;
-  errno = 0;
-  const char* line = authenticate(sock, &user);
+  const char* line = AskLibrary(sock, &user, identity);
   if (line == nullptr) {
     SetUserError(errno == EUSERS ? kTimedOut : kAuthenticationFailed);
     zev_debug(kInfo, "%s: Authentication failed.\n", __func__);

@@ -347,7 +347,10 @@ UserNode* JoinConsole(const NewUser& user) {
     }
     if (IsInaccessible(user.console_name)) return nullptr;
   }
-  Refuse(kConsoleNotFound, "%s: Console \"%s\" not found.\n", kAttach, user.console_name);
+  char name[kNameSize];
+  CopyText(name, user.console_name);
+  ReplaceControls(name);
+  Refuse(kConsoleNotFound, "%s: Console \"%s\" not found.\n", kAttach, name);
   return nullptr;
 }
 
@@ -422,6 +425,15 @@ struct ArgumentRow {
   int (*apply)(const char* value, ConsoleArgs* args);
 };
 
+/// A word of a stranger's as it may be shown.
+struct Shown {
+  char text[1024];
+  explicit Shown(const char* word) {
+    CopyText(text, word);
+    ReplaceControls(text);
+  }
+};
+
 int ApplyMode(const char* value, ConsoleArgs* args) {
   for (const AccessModeRow& row : kAccessModes) {
     if (strcmp(value, row.keyword) != 0) continue;
@@ -429,7 +441,7 @@ int ApplyMode(const char* value, ConsoleArgs* args) {
     return 0;
   }
   SetUserError(kInvalidArgument);
-  zev_debug(kInfo, "%s: Unrecognized mode \"%s\".\n", kParse, value);
+  zev_debug(kInfo, "%s: Unrecognized mode \"%s\".\n", kParse, Shown(value).text);
   return -1;
 }
 
@@ -457,7 +469,7 @@ int ApplyArgument(const char* token, ConsoleArgs* args) {
     if (strncmp(token, row.key, length) == 0) return row.apply(token + length, args);
   }
   SetUserError(kInvalidArgument);
-  zev_debug(kInfo, "%s: Invalid argument \"%s\".\n", kParse, token);
+  zev_debug(kInfo, "%s: Invalid argument \"%s\".\n", kParse, Shown(token).text);
   return -1;
 }
 

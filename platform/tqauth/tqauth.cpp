@@ -11,6 +11,7 @@
 #include <sys/random.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdint>
@@ -201,6 +202,8 @@ class Decoy {
   Answer answer_;
 };
 
+std::atomic<tqauth_refused*> tell_refusal = nullptr;
+
 PasswordCheck HelperAnswer(int sock, const Answer& name, const Answer& password) {
   const PeerAddress peer(sock);
   return CheckPassword(kHelper, {name.c_str(), password.c_str(), peer.text, sock});
@@ -274,7 +277,6 @@ bool AskPair(Client& client, Answer* name, Answer* password) {
 // has, so that neither an answer nor the time that it takes tells whether the password was the
 // person's, and no password of a stranger to the group is tried here.
 PasswordCheck Check(int sock, const Answer& name, const Answer& password) {
-  if (name.empty()) return PasswordCheck::kRefused;
   if (IsAdmitted(name.c_str())) return HelperAnswer(sock, name, password);
   const PasswordCheck result = HelperAnswer(sock, name, Decoy().answer());
   return result == PasswordCheck::kAccepted ? PasswordCheck::kRefused : result;
@@ -287,10 +289,12 @@ PasswordCheck LogIn(Client& client, Answer* name) {
     Answer typed;
     Answer password;
     if (!AskPair(client, &typed, &password)) break;
+    if (typed.empty()) continue;
     name->Clear();
     name->Append(typed.view());
     const PasswordCheck result = Check(client.sock(), *name, password);
     if (result == PasswordCheck::kAccepted || result == PasswordCheck::kNoTurn) return result;
+    if (tell_refusal != nullptr) (*tell_refusal)(client.sock(), name->c_str());
   }
   return PasswordCheck::kRefused;
 }
@@ -302,6 +306,10 @@ bool LeavesRoomForName(const Answer& line, const Answer& name) {
 }
 
 }  // namespace
+
+void authenticate_tell_refusals(tqauth_refused* refused) {
+  tell_refusal = refused;
+}
 
 char* authenticate(int sock, char** user) {
   thread_local char argument_line[kLineLimit + 1];

@@ -16,6 +16,12 @@ extern "C" {
  * Any thread. Takes a bounded time and reads a bounded number of bytes. */
 char* authenticate(int sock, char** user);
 
+/* Has `refused` called, from authenticate() and on its thread, for every name and password of a
+ * client that are not accepted. A library need not have this: its symbol is weak where it is used.
+ */
+typedef void tqauth_refused(int sock, const char* user);
+void authenticate_tell_refusals(tqauth_refused* refused);
+
 #ifdef __cplusplus
 }
 #endif

@@ -170,9 +170,23 @@ def test_a_refused_login_on_the_main_port(system_log, fortress):
         user.expect_exactly(NAME)
     give(user, b"z", b"guess")
     refused(user, 1)
-    assert system_log.wait("login") == [
-        {"what": "login", "result": "refused", "given_user": "z", "from": LOOPBACK,
-         "reason": "001 - Authentication failed."}]
+    assert system_log.wait("login", 3) == [
+        {"what": "login", "result": "refused", "given_user": name, "from": LOOPBACK,
+         "reason": "001 - Authentication failed."} for name in "xyz"]
+
+
+def test_failed_tries_before_a_success_show_too(system_log, fortress):
+    _, _, hall = fortress
+    user = hall.call()
+    give(user, b"root", b"guess")
+    user.expect_exactly(NAME)
+    give(user, b"", b"guess")
+    user.expect_exactly(NAME)
+    give(user, b"alice", b"pw")
+    user.expect_exactly(OFFERS)
+    tries = [(entry["result"], entry.get("user"), entry.get("given_user"))
+             for entry in system_log.wait("login", 2)]
+    assert tries == [("refused", None, "root"), ("accepted", "alice", None)]
 
 
 def test_the_cookie_is_told_apart_from_a_login(system_log, fortress):

@@ -135,6 +135,32 @@ TEST_F(PasswordCheckTest, OneNameIsCheckedForOneCallerOfAnAddressAtATime) {
   EXPECT_EQ(Started(), 4U);
 }
 
+// Eleven of one address are before him, of whom eight are being checked.
+TEST_F(PasswordCheckTest, CrowdBehindOneAddressDoesNotKeepOthersOut) {
+  Install(
+      "#!/bin/sh\nread name password\n: > root/started.$name\n"
+      "while [ ! -e root/go.$name ]; do sleep .05; done\nexit 0\n");
+  std::vector<std::thread> callers;
+  const auto call = [&](const std::string& name, const char* rhost) {
+    callers.emplace_back([=] { Ask(name.c_str(), "x", rhost); });
+  };
+  for (int i = 0; i < 11; ++i) call("crowd" + std::to_string(i), "192.0.2.12");
+  EXPECT_TRUE(test::Eventually([] { return Started() == 8; }));
+  call("joe", "192.0.2.13");
+  call("crowd11", "192.0.2.12");
+  for (int i = 0; i < 11; ++i) {
+    const std::string name = "crowd" + std::to_string(i);
+    if (!std::filesystem::exists("root/started." + name)) continue;
+    test::WriteFile("root/go." + name, "");
+    break;
+  }
+  EXPECT_TRUE(test::Eventually([] { return Started() == 9; }));
+  EXPECT_TRUE(std::filesystem::exists("root/started.joe"));
+  for (int i = 0; i < 12; ++i) test::WriteFile("root/go.crowd" + std::to_string(i), "");
+  test::WriteFile("root/go.joe", "");
+  for (std::thread& caller : callers) caller.join();
+}
+
 TEST_F(PasswordCheckTest, WhoeverHangsUpLeavesTheQueue) {
   InstallWaiting();
   std::thread first([] { Ask("anna", "a", "192.0.2.11"); });
