@@ -38,6 +38,10 @@ class EntryText {
     size_ = static_cast<size_t>(length);
   }
 
+  ~EntryText() { explicit_bzero(text_, size_); }  // a password may stand in a name's place
+  EntryText(const EntryText&) = delete;
+  EntryText& operator=(const EntryText&) = delete;
+
   void Add(const char* key, const char* value) {
     Append(" ");
     Append(key);

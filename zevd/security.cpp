@@ -26,9 +26,6 @@
 #include "utf8.h"
 #include "util.h"
 
-// Not every station's library has it.
-extern "C" decltype(authenticate_tell_refusals) authenticate_tell_refusals __attribute__((weak));
-
 // ---- Telling clients apart ----------------------------------------------------------------------
 
 namespace {
@@ -125,6 +122,16 @@ void AuditRefusedLogin(const Identity& identity, const char* cons_name) {
              u_err_msg == nullptr ? "The connection failed." : u_err_msg);
 }
 
+// A password that was typed where the name belongs is in these.
+void Wipe(Identity& identity) {
+  explicit_bzero(identity.given_user, sizeof identity.given_user);
+}
+
+void FreeWiped(char* text) {
+  if (text != nullptr) explicit_bzero(text, strlen(text));
+  free(text);
+}
+
 /// The connection that the calling thread has the library authenticate, and whether the library has
 /// told of a pair that it refused there.
 thread_local const Identity* authenticated = nullptr;
@@ -136,6 +143,7 @@ void TellRefusal(int /*sock*/, const char* user) {
   CopyText(failed.given_user, user);
   refusal_told = true;
   AuditLogin("refused", failed, nullptr, UserErrorText(kAuthenticationFailed));
+  Wipe(failed);
 }
 
 // The station's own library may have no way to tell.
@@ -190,7 +198,7 @@ int DoTqAuthValidation(int sock, char* buf, int size, Identity& identity) {
     SetUserError(errno == EUSERS ? kTimedOut : kAuthenticationFailed);
     zev_debug(kInfo, "%s: Authentication failed.\n", __func__);
     if (user != nullptr) CopyText(identity.given_user, user);
-    free(user);
+    FreeWiped(user);
     return -1;
   }
   CopyText(buf, static_cast<size_t>(size), line);
@@ -206,7 +214,7 @@ int DoTqAuthValidation(int sock, char* buf, int size, Identity& identity) {
   if (strlen(option) < room) CopyText(buf + length, room, option);
   zev_debug(kDetail, "%s: Authentication successful for user \"%s\".\n", __func__, user);
   CopyText(identity.user, user);
-  free(user);
+  FreeWiped(user);
   return 0;
 }
 
@@ -315,6 +323,7 @@ void AuditFailedTry(const char* user_name, const char* cons_name, const Identity
   Identity failed = identity;
   CopyText(failed.given_user, user_name);
   AuditLogin("refused", failed, cons_name, reason);
+  Wipe(failed);
 }
 
 }  // namespace

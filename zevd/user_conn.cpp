@@ -1050,6 +1050,8 @@ void ServiceConnection(Connection& connection) {
   SendErrorToUser(connection.sock, u_err_msg);
   close(connection.sock);
   connection.sock = -1;
+  // A password that was typed where the name belongs may be in it.
+  explicit_bzero(&connection.identity, sizeof connection.identity);
 }
 
 void TakeParams(ServiceReqThreadParams* params, Connection& connection) {

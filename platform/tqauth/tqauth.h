@@ -17,10 +17,9 @@ extern "C" {
 char* authenticate(int sock, char** user);
 
 /* Has `refused` called, from authenticate() and on its thread, for every name and password of a
- * client that are not accepted. A library need not have this: its symbol is weak where it is used.
- */
+ * client that are not accepted. A library need not have this: the symbol is weak. */
 typedef void tqauth_refused(int sock, const char* user);
-void authenticate_tell_refusals(tqauth_refused* refused);
+void authenticate_tell_refusals(tqauth_refused* refused) __attribute__((weak));
 
 #ifdef __cplusplus
 }
