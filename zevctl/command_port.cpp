@@ -13,6 +13,9 @@ constexpr char kCommandPortName[] = "@@@@";
 constexpr Milliseconds kAnswerLimit{30000};
 constexpr size_t kLongestCommand = 1022;  // and the line end; the daemon reads 1023 bytes as a line
 
+// Ten times as many as the largest station has; memory is taken for what has arrived only.
+constexpr uint32_t kMostRecords = 1'000'000;
+
 // A telnet command that does nothing (IAC NOP, RFC 854): a login skips it, and the command port
 // takes it for a line and answers with an error, which shows that the connection is open.
 constexpr std::string_view kProbe = "\xFF\xF1";
@@ -176,7 +179,7 @@ template <typename Record>
 std::vector<Record> CommandPort::Records(const std::string& command, size_t size,
                                          Record (*decode)(std::span<const char>)) {
   const Header header = Request(command);
-  if (header.type != kRecordsFollow) ThrowGarbled();
+  if (header.type != kRecordsFollow || header.count > kMostRecords) ThrowGarbled();
   std::vector<Record> records;
   for (uint32_t i = 0; i < header.count; ++i) records.push_back(decode(ReadBytes(size)));
   return records;

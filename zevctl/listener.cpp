@@ -1,6 +1,8 @@
 #include "listener.h"
 
+#include <poll.h>
 #include <pwd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +11,7 @@
 
 #include "listener_query.h"
 #include "settings.h"
+#include "socket.h"
 
 namespace zevctl {
 
@@ -16,6 +19,9 @@ namespace {
 
 // Stands for every user that the user namespace of this process does not have.
 constexpr uid_t kNobodyKnown = 65534;
+
+constexpr Milliseconds kPeerLimit{1000};  // for the other end to show
+constexpr std::chrono::duration<int, std::milli> kPeerInterval{10};
 
 const std::string& ConfigDirectory() {
   static const std::string directory = kStationRoot + "/config";
@@ -45,6 +51,40 @@ std::string InWords(uid_t user) {
   return entry == nullptr ? "user " + number : std::string(entry->pw_name) + " (" + number + ")";
 }
 
+// Those to whom the sockets belong.
+std::string OwnersOf(const TcpSockets& sockets) {
+  std::set<uid_t> users;
+  for (const TcpSocket& socket : sockets) users.insert(socket.uid);
+  std::string text;
+  for (const uid_t user : users) text += (text.empty() ? "" : ", ") + InWords(user);
+  return text;
+}
+
+using NameCall = int (*)(int, sockaddr*, socklen_t*);
+
+// One end of the connection, as getsockname() or getpeername() tells.
+std::optional<Endpoint> EndOf(int connection, NameCall call) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  return call(connection, generic, &size) == 0 ? Destination(*generic) : std::nullopt;
+}
+
+// The other end may still be about to come into being: this end is the first to be complete.
+std::optional<TcpSockets> PeersOf(int connection) {
+  const auto here = EndOf(connection, getsockname);
+  const auto there = EndOf(connection, getpeername);
+  if (!here || !there) return {};
+  const auto deadline = Clock::now() + kPeerLimit;
+  for (;;) {
+    const auto sockets = ConnectedSockets(there->port, here->port);
+    if (!sockets) return {};
+    TcpSockets peers = EndsOf(*sockets, *there, *here);
+    if (!peers.empty() || Clock::now() >= deadline) return peers;
+    poll(nullptr, 0, kPeerInterval.count());
+  }
+}
+
 constexpr char kNothingSent[] = "neither cookie nor password was sent";
 
 }  // namespace
@@ -64,6 +104,18 @@ Trust Judge(const std::optional<Listeners>& before, const std::optional<Listener
   return All(*after, is_rights) ? Trust::kStation : Trust::kOwn;
 }
 
+Trust JudgePeers(Trust listener, const std::optional<TcpSockets>& peers,
+                 std::optional<uid_t> station, uid_t caller) {
+  if (!peers) return Trust::kUntold;
+  if (peers->empty()) return Trust::kUnseen;
+  if (peers->size() == 1 && peers->front().inode == 0) return listener;
+  const auto is_right = [&](const TcpSocket& peer) {
+    const bool callers = listener == Trust::kOwn && peer.uid == caller;
+    return peer.inode != 0 && (peer.uid == 0 || peer.uid == station || callers);
+  };
+  return All(*peers, is_right) ? listener : Trust::kTaken;
+}
+
 ListenerCheck::ListenerCheck(const sockaddr& address) : destination_(Destination(address)) {
   if (destination_ && !IsOfThisMachine(*destination_)) {
     trust_ = Trust::kElsewhere;
@@ -72,10 +124,14 @@ ListenerCheck::ListenerCheck(const sockaddr& address) : destination_(Destination
   }
 }
 
-void ListenerCheck::Finish() {
+void ListenerCheck::Finish(int connection) {
   if (trust_ == Trust::kElsewhere) return;
+  const auto station = OwnerOfConfig();
   after_ = Look();
-  trust_ = Judge(before_, after_, OwnerOfConfig(), getuid());
+  trust_ = Judge(before_, after_, station, getuid());
+  if (trust_ != Trust::kStation && trust_ != Trust::kOwn) return;
+  peers_ = PeersOf(connection);
+  trust_ = JudgePeers(trust_, peers_, station, getuid());
 }
 
 std::optional<Listeners> ListenerCheck::Look() const {
@@ -89,20 +145,12 @@ bool ListenerCheck::AdmitsPassword(bool tunnel) const {
          (tunnel && trust_ == Trust::kOwn);
 }
 
-std::string ListenerCheck::Owners() const {
-  std::set<uid_t> users;
-  for (const Listener& listener : *after_) users.insert(listener.uid);
-  std::string text;
-  for (const uid_t user : users) text += (text.empty() ? "" : ", ") + InWords(user);
-  return text;
-}
-
 std::string ListenerCheck::Complaint() const {
   const std::string where = destination_ ? destination_->InWords() : "this address";
   switch (trust_) {
     case Trust::kOwn:
     case Trust::kStranger:
-      return "what listens at " + where + " belongs to " + Owners() +
+      return "what listens at " + where + " belongs to " + OwnersOf(*after_) +
              ", not to root or the owner of " + ConfigDirectory() + ": " + kNothingSent +
              ". Is zevd running? For a tunnel of your own see --tunnel.";
     case Trust::kChanged:
@@ -111,6 +159,13 @@ std::string ListenerCheck::Complaint() const {
     case Trust::kNobody:
       return "something answers at " + where +
              ", but no listener can be seen there: " + kNothingSent + ".";
+    case Trust::kTaken:
+      return "what answers at " + where + " belongs to " + OwnersOf(*peers_) +
+             ", not to root or the owner of " + ConfigDirectory() +
+             ", though what listens there is right: " + kNothingSent + ".";
+    case Trust::kUnseen:
+      return "something answers at " + where +
+             ", but the other end of the connection cannot be seen: " + kNothingSent + ".";
     case Trust::kElsewhere:
     case Trust::kStation:
     case Trust::kUntold:

@@ -2,7 +2,11 @@
 // listen on its port, and must be sent neither the cookie nor a password.
 //
 // The listener is looked at before connecting and again afterwards. When it is the same socket both
-// times, it had the address all the while, and nobody else can have taken the connection.
+// times, it had the address all the while, and no other listener can have taken the connection.
+//
+// That is not enough. A socket that was bound to the address before the listener was, and connects
+// to the very port from which this program connects, meets it half-way without any listener (a
+// simultaneous open of TCP). So the socket at the other end of the connection is looked at as well.
 #pragma once
 
 #include <optional>
@@ -20,6 +24,8 @@ enum class Trust {
   kStranger,   ///< it belongs to somebody else
   kNobody,     ///< none is to be seen, though something may have answered
   kChanged,    ///< it was another one before
+  kTaken,      ///< the listener is right, but somebody else's socket is at the other end
+  kUnseen,     ///< the listener is right, but no socket is to be seen at the other end
   kUntold,     ///< the system does not tell
 };
 
@@ -28,14 +34,21 @@ enum class Trust {
 Trust Judge(const std::optional<Listeners>& before, const std::optional<Listeners>& after,
             std::optional<uid_t> station, uid_t caller);
 
-/// One connection's listener.
+/// What the sockets at the other end show, when the listener is right: `listener` is kStation or
+/// kOwn. They may belong to whom the listener may belong to. One that no process has either waits
+/// for the listener to accept it or is closed, and then nobody else reads from it.
+Trust JudgePeers(Trust listener, const std::optional<TcpSockets>& peers,
+                 std::optional<uid_t> station, uid_t caller);
+
+/// One connection's listener, and its other end.
 class ListenerCheck {
  public:
   /// Looks; to be called before connecting to that address.
   explicit ListenerCheck(const sockaddr& address);
 
-  /// Looks again; to be called once the connection is there.
-  void Finish();
+  /// Looks again, also at the other end; to be called with the connection once it is there, before
+  /// anything is sent.
+  void Finish(int connection);
 
   Trust trust() const { return trust_; }
 
@@ -51,11 +64,11 @@ class ListenerCheck {
 
  private:
   std::optional<Listeners> Look() const;
-  std::string Owners() const;
 
   std::optional<Endpoint> destination_;  // nothing for an unknown kind of address
   std::optional<Listeners> before_;
   std::optional<Listeners> after_;
+  std::optional<TcpSockets> peers_;
   Trust trust_ = Trust::kUntold;
 };
 

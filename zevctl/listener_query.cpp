@@ -77,46 +77,68 @@ std::span<const char> Receive(const Descriptor& netlink, std::string& buffer) {
   return std::span<const char>(buffer).first(static_cast<size_t>(size));
 }
 
-// ---- Listeners ----------------------------------------------------------------------------------
+// ---- Sockets ------------------------------------------------------------------------------------
 
-bool DumpListeners(const Descriptor& netlink, uint8_t family, uint16_t port, Listeners& found) {
-  inet_diag_req_v2 wanted{};
-  wanted.sdiag_family = family;
-  wanted.sdiag_protocol = IPPROTO_TCP;
-  wanted.idiag_states = 1U << TCP_LISTEN;
-  wanted.id.idiag_sport = htons(port);
+/// Which sockets are asked for; a port of 0 stands for all.
+struct Wanted {
+  SocketKind kind;
+  uint16_t local_port;
+  uint16_t remote_port;
+};
+
+// In a dump, sockets that wait for the last step of a connection's setup belong to SYN_RECV.
+uint32_t StatesOf(SocketKind kind) {
+  constexpr uint32_t kListening = 1U << TCP_LISTEN;
+  constexpr uint32_t kAll = (2U << TCP_CLOSING) - 1;
+  return kind == SocketKind::kListening ? kListening : kAll & ~kListening;
+}
+
+bool DumpSockets(const Descriptor& netlink, uint8_t family, const Wanted& wanted,
+                 TcpSockets& found) {
+  inet_diag_req_v2 record{};
+  record.sdiag_family = family;
+  record.sdiag_protocol = IPPROTO_TCP;
+  record.idiag_states = StatesOf(wanted.kind);
+  record.id.idiag_sport = htons(wanted.local_port);
+  record.id.idiag_dport = htons(wanted.remote_port);
   Request request(SOCK_DIAG_BY_FAMILY, NLM_F_DUMP);
-  request.Add(wanted);
+  request.Add(record);
   if (!request.Send(netlink)) return false;
   std::string buffer;
   for (;;) {
     const auto datagram = Receive(netlink, buffer);
-    const DumpStep step = datagram.empty() ? DumpStep::kFailed : TakeDiagnostics(datagram, found);
+    const DumpStep step =
+        datagram.empty() ? DumpStep::kFailed : TakeDiagnostics(datagram, wanted.kind, found);
     if (step != DumpStep::kMore) return step == DumpStep::kDone;
   }
 }
 
-std::optional<Listeners> ListenersByDiagnostics(uint16_t port) {
+std::optional<TcpSockets> SocketsByDiagnostics(const Wanted& wanted) {
   const Descriptor netlink = OpenNetlink(NETLINK_SOCK_DIAG);
-  Listeners found;
-  const bool told = netlink && DumpListeners(netlink, AF_INET, port, found) &&
-                    DumpListeners(netlink, AF_INET6, port, found);
+  TcpSockets found;
+  const bool told = netlink && DumpSockets(netlink, AF_INET, wanted, found) &&
+                    DumpSockets(netlink, AF_INET6, wanted, found);
   return told ? std::optional(found) : std::nullopt;
 }
 
-bool TakeProcFile(const char* path, bool ipv6, Listeners& found) {
+bool TakeProcFile(const char* path, bool ipv6, SocketKind kind, TcpSockets& found) {
   std::ifstream file(path);
   const std::string table{std::istreambuf_iterator<char>(file), {}};
-  return TakeProcTable(table, ipv6, found);
+  return TakeProcTable(table, ipv6, kind, found);
 }
 
 // A machine without IPv6 has no table of it.
-std::optional<Listeners> ListenersByProc() {
+std::optional<TcpSockets> SocketsByProc(SocketKind kind) {
   constexpr char kIpv6Table[] = "/proc/net/tcp6";
-  Listeners found;
-  const bool told = TakeProcFile("/proc/net/tcp", false, found) &&
-                    (access(kIpv6Table, F_OK) != 0 || TakeProcFile(kIpv6Table, true, found));
+  TcpSockets found;
+  const bool told = TakeProcFile("/proc/net/tcp", false, kind, found) &&
+                    (access(kIpv6Table, F_OK) != 0 || TakeProcFile(kIpv6Table, true, kind, found));
   return told ? std::optional(found) : std::nullopt;
+}
+
+std::optional<TcpSockets> SocketsOf(const Wanted& wanted) {
+  auto sockets = SocketsByDiagnostics(wanted);
+  return sockets ? sockets : SocketsByProc(wanted.kind);
 }
 
 // ---- Addresses ----------------------------------------------------------------------------------
@@ -169,8 +191,11 @@ bool CanBeBound(const Endpoint& destination) {
 }  // namespace
 
 std::optional<Listeners> ListenersOn(uint16_t port) {
-  auto listeners = ListenersByDiagnostics(port);
-  return listeners ? listeners : ListenersByProc();
+  return SocketsOf({SocketKind::kListening, port, 0});
+}
+
+std::optional<TcpSockets> ConnectedSockets(uint16_t local_port, uint16_t remote_port) {
+  return SocketsOf({SocketKind::kConnected, local_port, remote_port});
 }
 
 bool IsOfThisMachine(const Endpoint& destination) {

@@ -26,6 +26,10 @@ in6_addr Mapped(uint32_t ipv4_in_network_order) {
   return address;
 }
 
+SocketKind KindOf(unsigned state) {
+  return state == TCP_LISTEN ? SocketKind::kListening : SocketKind::kConnected;
+}
+
 // ---- Socket diagnostics -------------------------------------------------------------------------
 
 // The record at the front of the bytes; nothing when they are too few. They may be unaligned.
@@ -53,22 +57,28 @@ std::optional<bool> Ipv6Only(std::span<const char> attributes) {
   return {};
 }
 
-bool TakeSocket(std::span<const char> payload, Listeners& found) {
+Endpoint EndpointOf(const __be32* words, uint16_t port_in_network_order, bool ipv6) {
+  Endpoint endpoint;
+  endpoint.port = ntohs(port_in_network_order);
+  if (ipv6) memcpy(&endpoint.address, words, sizeof endpoint.address);
+  if (!ipv6) endpoint.address = Mapped(words[0]);
+  return endpoint;
+}
+
+bool TakeSocket(std::span<const char> payload, SocketKind kind, TcpSockets& found) {
   const auto message = Front<inet_diag_msg>(payload);
   if (!message) return false;
-  if (message->idiag_state != TCP_LISTEN) return true;
-  Listener listener;
-  listener.ipv6_socket = message->idiag_family == AF_INET6;
-  listener.bound.port = ntohs(message->id.idiag_sport);
-  if (listener.ipv6_socket) {
-    memcpy(&listener.bound.address, message->id.idiag_src, sizeof listener.bound.address);
-    listener.ipv6_only = Ipv6Only(Behind(payload, NLMSG_ALIGN(sizeof *message)));
-  } else {
-    listener.bound.address = Mapped(message->id.idiag_src[0]);
+  if (KindOf(message->idiag_state) != kind) return true;
+  TcpSocket socket;
+  socket.ipv6_socket = message->idiag_family == AF_INET6;
+  if (socket.ipv6_socket) {
+    socket.ipv6_only = Ipv6Only(Behind(payload, NLMSG_ALIGN(sizeof *message)));
   }
-  listener.uid = message->idiag_uid;
-  listener.inode = message->idiag_inode;
-  found.push_back(listener);
+  socket.bound = EndpointOf(message->id.idiag_src, message->id.idiag_sport, socket.ipv6_socket);
+  socket.remote = EndpointOf(message->id.idiag_dst, message->id.idiag_dport, socket.ipv6_socket);
+  socket.uid = message->idiag_uid;
+  socket.inode = message->idiag_inode;
+  found.push_back(socket);
   return true;
 }
 
@@ -100,14 +110,14 @@ bool ParseAddress(std::string_view text, bool ipv6, in6_addr& address) {
 }
 
 // "0100007F:1964"
-bool ParseBound(std::string_view text, bool ipv6, Endpoint& bound) {
+bool ParseEndpoint(std::string_view text, bool ipv6, Endpoint& endpoint) {
   const size_t colon = text.find(':');
   return colon != std::string_view::npos &&
-         ParseAddress(text.substr(0, colon), ipv6, bound.address) &&
-         ParseNumber(text.substr(colon + 1), 16, bound.port);
+         ParseAddress(text.substr(0, colon), ipv6, endpoint.address) &&
+         ParseNumber(text.substr(colon + 1), 16, endpoint.port);
 }
 
-bool TakeProcLine(const std::string& line, bool ipv6, Listeners& found) {
+bool TakeProcLine(const std::string& line, bool ipv6, SocketKind kind, TcpSockets& found) {
   std::istringstream fields(line);
   std::string number, local, remote, state, queues, timer, retries, uid, timeout, inode;
   if (!(fields >> number >> local >> remote >> state >> queues >> timer >> retries >> uid >>
@@ -116,25 +126,26 @@ bool TakeProcLine(const std::string& line, bool ipv6, Listeners& found) {
   }
   unsigned code = 0;
   if (!ParseNumber(state, 16, code)) return false;
-  if (code != TCP_LISTEN) return true;
-  Listener listener;
-  listener.ipv6_socket = ipv6;
-  const bool parsed = ParseBound(local, ipv6, listener.bound) &&
-                      ParseNumber(uid, 10, listener.uid) && ParseNumber(inode, 10, listener.inode);
-  if (parsed) found.push_back(listener);
+  if (KindOf(code) != kind) return true;
+  TcpSocket socket;
+  socket.ipv6_socket = ipv6;
+  const bool parsed = ParseEndpoint(local, ipv6, socket.bound) &&
+                      ParseEndpoint(remote, ipv6, socket.remote) &&
+                      ParseNumber(uid, 10, socket.uid) && ParseNumber(inode, 10, socket.inode);
+  if (parsed) found.push_back(socket);
   return parsed;
 }
 
 // ---- Who takes a connection ---------------------------------------------------------------------
 
-bool IsBoundTo(const Listener& listener, const Endpoint& destination) {
-  return IN6_ARE_ADDR_EQUAL(&listener.bound.address, &destination.address);
+bool HaveOneAddress(const Endpoint& one, const Endpoint& other) {
+  return IN6_ARE_ADDR_EQUAL(&one.address, &other.address);
 }
 
 // An IPv6 wildcard of which nobody tells whether it takes IPv4 is left out here.
 bool Takes(const Listener& listener, const Endpoint& destination) {
   if (listener.bound.port != destination.port) return false;
-  if (IsBoundTo(listener, destination)) return true;
+  if (HaveOneAddress(listener.bound, destination)) return true;
   if (!listener.bound.IsWildcard()) return false;
   if (listener.ipv6_socket != destination.ipv4()) return true;
   return listener.ipv6_socket && listener.ipv6_only == false;
@@ -195,13 +206,13 @@ std::optional<Endpoint> Destination(const sockaddr& address) {
   return endpoint;
 }
 
-DumpStep TakeDiagnostics(std::span<const char> datagram, Listeners& found) {
+DumpStep TakeDiagnostics(std::span<const char> datagram, SocketKind kind, TcpSockets& found) {
   while (const auto header = Front<nlmsghdr>(datagram)) {
     const size_t length = header->nlmsg_len;
     if (length < sizeof *header || length > datagram.size()) return DumpStep::kFailed;
     const auto payload = datagram.first(length).subspan(sizeof *header);
     if (header->nlmsg_type == NLMSG_DONE) return StepAtEnd(payload);
-    if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY || !TakeSocket(payload, found)) {
+    if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY || !TakeSocket(payload, kind, found)) {
       return DumpStep::kFailed;
     }
     datagram = Behind(datagram, NLMSG_ALIGN(length));
@@ -209,12 +220,12 @@ DumpStep TakeDiagnostics(std::span<const char> datagram, Listeners& found) {
   return datagram.empty() ? DumpStep::kMore : DumpStep::kFailed;
 }
 
-bool TakeProcTable(std::string_view table, bool ipv6, Listeners& found) {
+bool TakeProcTable(std::string_view table, bool ipv6, SocketKind kind, TcpSockets& found) {
   std::istringstream lines{std::string(table)};
   std::string line;
   if (!std::getline(lines, line) || line.find("local_address") == std::string::npos) return false;
   while (std::getline(lines, line)) {
-    if (!TakeProcLine(line, ipv6, found)) return false;
+    if (!TakeProcLine(line, ipv6, kind, found)) return false;
   }
   return true;
 }
@@ -226,6 +237,15 @@ Listeners TakersOf(const Listeners& listeners, const Endpoint& destination) {
       Those(listeners, [&](const Listener& listener) { return Takes(listener, destination); });
   if (!takers.empty()) return takers;
   return Those(listeners, [&](const Listener& listener) { return MayTake(listener, destination); });
+}
+
+TcpSockets EndsOf(const TcpSockets& sockets, const Endpoint& here, const Endpoint& there) {
+  const auto is_same = [](const Endpoint& one, const Endpoint& other) {
+    return one.port == other.port && HaveOneAddress(one, other);
+  };
+  return Those(sockets, [&](const TcpSocket& socket) {
+    return is_same(socket.bound, here) && is_same(socket.remote, there);
+  });
 }
 
 }  // namespace zevctl

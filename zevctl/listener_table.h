@@ -1,5 +1,4 @@
-// The listening TCP sockets of this machine, as the system's own tables tell of them: bytes in,
-// records out.
+// The TCP sockets of this machine, as the system's own tables tell of them: bytes in, records out.
 #pragma once
 
 #include <netinet/in.h>
@@ -37,27 +36,38 @@ struct Endpoint {
 /// another family.
 std::optional<Endpoint> Destination(const sockaddr& address);
 
-struct Listener {
+struct TcpSocket {
   Endpoint bound;
   bool ipv6_socket = false;
   std::optional<bool> ipv6_only;  ///< of an IPv6 socket, where the table tells
   uid_t uid = 0;                  ///< whose it is
-  uint64_t inode = 0;             ///< tells it from all others, also from later ones
+  uint64_t inode = 0;             ///< tells it from all others, also from later ones; 0: no process
+                                  ///< has it, or has it yet
+  Endpoint remote;                ///< the other end of a connection
 };
 
-using Listeners = std::vector<Listener>;
+using TcpSockets = std::vector<TcpSocket>;
+using Listener = TcpSocket;
+using Listeners = TcpSockets;
+
+enum class SocketKind { kListening, kConnected };
 
 enum class DumpStep { kMore, kDone, kFailed };
 
-/// Takes one datagram of the kernel's answer to a dump of listening sockets (sock_diag(7)).
-DumpStep TakeDiagnostics(std::span<const char> datagram, Listeners& found);
+/// Takes the sockets of one kind from one datagram of the kernel's answer to a dump of sockets
+/// (sock_diag(7)). Whatever does not listen counts as connected.
+DumpStep TakeDiagnostics(std::span<const char> datagram, SocketKind kind, TcpSockets& found);
 
-/// Adds the listeners of /proc/net/tcp or /proc/net/tcp6; false when the text is something else.
-bool TakeProcTable(std::string_view table, bool ipv6, Listeners& found);
+/// Adds those of /proc/net/tcp or /proc/net/tcp6; false when the text is something else.
+bool TakeProcTable(std::string_view table, bool ipv6, SocketKind kind, TcpSockets& found);
 
 /// The listeners among which the kernel chooses one for a connection to the address. A socket bound
 /// to the address itself takes precedence over a wildcard; of several that share the port by
 /// agreement any one may get the connection, so all of them have to be right.
 Listeners TakersOf(const Listeners& listeners, const Endpoint& destination);
+
+/// The sockets of a connection between the two addresses that are at its end `here`. IPv4 that an
+/// IPv6 socket has taken counts as IPv4.
+TcpSockets EndsOf(const TcpSockets& sockets, const Endpoint& here, const Endpoint& there);
 
 }  // namespace zevctl

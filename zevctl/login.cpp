@@ -22,6 +22,8 @@ constexpr Milliseconds kConnectLimit{10000};
 constexpr Milliseconds kAnswerLimit{30000};  // the check of a password can take ten seconds
 constexpr Milliseconds kRefusalLimit{2000};  // from a refusal's text to the end of the connection
 
+constexpr size_t kLongestRefusal = 8192;  // far more than any has
+
 constexpr size_t kUserNameWidth = 32;  // the daemon keeps no more
 constexpr int kWrongPassword = 1;      // refusal 001
 
@@ -97,7 +99,7 @@ bool LooksLikeRefusal(const std::string& received) {
 // A refusal is followed by the end of the connection; what else begins with a digit is no refusal.
 void ThrowIfRefused(Socket& socket, std::string& received) {
   if (!LooksLikeRefusal(received)) return;
-  while (WaitFor(socket.fd(), POLLIN, kRefusalLimit)) {
+  while (received.size() <= kLongestRefusal && WaitFor(socket.fd(), POLLIN, kRefusalLimit)) {
     if (ReadMore(socket, received, kRefusalLimit)) continue;
     const auto refusal = ParseRefusal(received);
     if (refusal) throw Refused(*refusal);
@@ -165,7 +167,7 @@ Opening OpenOnce(const Settings& settings, Credentials& credentials, const std::
   std::optional<ListenerCheck> listener;
   Socket socket = Socket::Connect(settings.host, settings.port, kConnectLimit,
                                   [&](const sockaddr& address) { listener.emplace(address); });
-  listener->Finish();
+  listener->Finish(socket.fd());
   const auto cookie = with_cookie ? UsableCookie(settings, socket, *listener) : std::nullopt;
   *used_cookie = cookie.has_value();
   const std::string prefix = cookie ? "token " + *cookie + " " : "";

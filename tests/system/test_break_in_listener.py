@@ -287,10 +287,10 @@ def test_without_tables_socket_diagnostics_tell(port, tmp_path, netless):
 class Gate:
     """The client on its way to the port, held where it has looked once and begins to connect."""
 
-    def __init__(self, port: int, library: Path, place: Path) -> None:
+    def __init__(self, port: int, library: Path, place: Path, *hidden: str) -> None:
         self._place = place
         place.mkdir()
-        env = zevctl.environment(**hiding(library), GATE=str(place))
+        env = zevctl.environment(**hiding(library, *hidden), GATE=str(place))
         self._client = subprocess.Popen([zevctl.PROGRAM, "--port", str(port), "list"], env=env,
                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         wait_until((place / "reached").exists, what="the client to connect")
@@ -334,3 +334,95 @@ def test_a_connection_without_a_listener(port, tmp_path):
         elsewhere.close()
         refused(port, f"something answers at 127.0.0.1 port {port}, but no listener can be seen "
                 f"there: {NOTHING_SENT}.")
+
+
+# At the other end of the connection
+
+# Bound to the daemon's port before the daemon listens there, and later connecting to the port from
+# which the client will come. Meanwhile a listener is there whose queue is full, so that nothing
+# answers and nothing refuses. It tells each step in a line, and then what it was told.
+MEETING = """
+import os, socket, sys
+port, client, other = map(int, sys.argv[1:])
+def bound(address, to):
+    made = socket.socket()
+    made.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    made.bind((address, to))
+    return made
+meeting = bound("127.0.0.1", port)
+os.write(1, b"bound\\n")
+sys.stdin.readline()
+full = bound("127.0.0.1", client)
+full.listen(0)
+filler = bound("127.0.0.2", other)
+filler.connect(("127.0.0.1", client))
+meeting.setblocking(False)
+meeting.connect_ex(("127.0.0.1", client))
+full.close()
+os.write(1, b"connecting\\n")
+meeting.settimeout(60)
+try:
+    sys.stdin.readline()
+    told = meeting.recv(4096)
+    os.write(1, b"met\\n" + told)
+except OSError:
+    os.write(1, b"missed\\n")
+"""
+
+
+def meet(port: int, netless: Path, place: Path, *hidden: str) -> tuple[bytes, tuple[int, str]]:
+    """A stranger's socket and the client's connect to each other, though root listens; what the
+    stranger then has to tell, and how the client ends."""
+    client = free_port()
+    words = ["setpriv", "--pdeathsig", "KILL", f"--reuid={STRANGER}", f"--regid={STRANGER}",
+             "--clear-groups", "--", "/usr/bin/python3", "-c", MEETING, str(port), str(client),
+             str(free_port())]
+    with subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as stranger:
+        assert stranger.stdout.readline() == b"bound\n"
+        subprocess.run(["sysctl", "-qw", f"net.ipv4.ip_local_port_range={client} {client}"],
+                       check=True)
+        with socket.create_server(("127.0.0.1", port)):
+            gate = Gate(port, netless, place, *hidden)
+            stranger.stdin.write(b"\n")
+            stranger.stdin.flush()
+            assert stranger.stdout.readline() == b"connecting\n"
+            ended = gate.open()
+            told, _ = stranger.communicate(b"\n", timeout=stretched(LIMIT))
+    return told, ended
+
+
+@pytest.mark.parametrize("hidden", [(), ("HIDE_NETLINK",)])
+def test_a_stranger_who_meets_the_connection_half_way(port, tmp_path, netless, hidden):
+    """Without a listener of his own. He has a second, until TCP repeats what was dropped."""
+    for attempt in range(10):
+        told, ended = meet(port, netless, tmp_path / f"gate{attempt}", *hidden)
+        if told != b"missed\n":
+            break
+    assert told == b"met\n"
+    assert ended == (zevctl.NOT_THE_DAEMON,
+                     f"zevctl: what answers at 127.0.0.1 port {port} belongs to user {STRANGER}, not "
+                     f"to root or the owner of {settings.root()}/config, though what listens there "
+                     f"is right: {NOTHING_SENT}.\n")
+
+
+@pytest.mark.parametrize("hidden", [(), ("HIDE_NETLINK",)])
+@pytest.mark.parametrize("address", ["127.0.0.1", "::"])
+def test_a_listener_that_has_not_accepted_yet_is_told(port, tmp_path, netless, address, hidden):
+    """A busy daemon is not taken for a stranger."""
+    family = socket.AF_INET6 if address == "::" else socket.AF_INET
+    with socket.create_server((address, port), family=family,
+                              dualstack_ipv6=address == "::") as listener:
+        gate = Gate(port, netless, tmp_path / "gate", *hidden)
+        (tmp_path / "gate" / "open").touch()
+        wait_until(lambda: waiting(port), what="the cookie")
+        caller, _ = listener.accept()
+        with caller:
+            assert caller.recv(4096).startswith(b"token " + COOKIE.encode())
+        gate.open()
+
+
+def waiting(port: int) -> bool:
+    """True when bytes wait in a connection that nobody has accepted."""
+    shown = subprocess.run(["ss", "-Htn", "state", "established", f"sport = :{port}"], check=True,
+                           capture_output=True, text=True).stdout
+    return any(int(line.split()[0]) > 0 for line in shown.splitlines())

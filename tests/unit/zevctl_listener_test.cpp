@@ -112,7 +112,7 @@ TEST(ZevctlListenerTest, DiagnosticsTellOfListeners) {
                                SocketMessage(AF_INET6, "::1", 5, 80, TCP_LISTEN, false) +
                                SocketMessage(AF_INET6, "fe80::1", 6, 81);
   Listeners found;
-  EXPECT_EQ(TakeDiagnostics(datagram, found), DumpStep::kMore);
+  EXPECT_EQ(TakeDiagnostics(datagram, SocketKind::kListening, found), DumpStep::kMore);
   ASSERT_EQ(found.size(), 4U);
   EXPECT_EQ(found[0].bound.InWords(), "127.0.0.1 port 6500");
   EXPECT_EQ(found[0].uid, 1000U);
@@ -129,10 +129,12 @@ TEST(ZevctlListenerTest, DiagnosticsEnd) {
   Listeners found;
   std::string no_error;
   Append(no_error, int{0});
-  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_DONE, no_error), found), DumpStep::kDone);
-  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_DONE, ""), found), DumpStep::kDone);
+  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_DONE, no_error), SocketKind::kListening, found),
+            DumpStep::kDone);
+  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_DONE, ""), SocketKind::kListening, found),
+            DumpStep::kDone);
   const std::string last = SocketMessage(AF_INET, "127.0.0.1", 0, 1) + Message(NLMSG_DONE, "");
-  EXPECT_EQ(TakeDiagnostics(last, found), DumpStep::kDone);
+  EXPECT_EQ(TakeDiagnostics(last, SocketKind::kListening, found), DumpStep::kDone);
   EXPECT_EQ(found.size(), 1U);
 }
 
@@ -140,10 +142,14 @@ TEST(ZevctlListenerTest, DiagnosticsThatFailAreNoAnswer) {
   Listeners found;
   std::string error;
   Append(error, -ENOENT);
-  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_DONE, error), found), DumpStep::kFailed);
-  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_ERROR, error), found), DumpStep::kFailed);
-  EXPECT_EQ(TakeDiagnostics(Message(SOCK_DIAG_BY_FAMILY, "short"), found), DumpStep::kFailed);
-  EXPECT_EQ(TakeDiagnostics(std::string("\1\0\0\0 and so on", 14), found), DumpStep::kFailed);
+  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_DONE, error), SocketKind::kListening, found),
+            DumpStep::kFailed);
+  EXPECT_EQ(TakeDiagnostics(Message(NLMSG_ERROR, error), SocketKind::kListening, found),
+            DumpStep::kFailed);
+  EXPECT_EQ(TakeDiagnostics(Message(SOCK_DIAG_BY_FAMILY, "short"), SocketKind::kListening, found),
+            DumpStep::kFailed);
+  EXPECT_EQ(TakeDiagnostics(std::string("\1\0\0\0 and so on", 14), SocketKind::kListening, found),
+            DumpStep::kFailed);
 }
 
 TEST(ZevctlListenerTest, DiagnosticsCutAnywhereAreNoAnswer) {
@@ -152,7 +158,7 @@ TEST(ZevctlListenerTest, DiagnosticsCutAnywhereAreNoAnswer) {
   for (size_t size = 1; size < whole.size() - padding; ++size) {
     Listeners found;
     const std::string cut = whole.substr(0, size);
-    EXPECT_EQ(TakeDiagnostics(cut, found), DumpStep::kFailed) << size;
+    EXPECT_EQ(TakeDiagnostics(cut, SocketKind::kListening, found), DumpStep::kFailed) << size;
     EXPECT_THAT(found, IsEmpty());
   }
 }
@@ -161,7 +167,8 @@ TEST(ZevctlListenerTest, AnAttributeThatIsTooLongTellsNothing) {
   std::string payload = SocketMessage(AF_INET6, "::", 0, 79).substr(sizeof(nlmsghdr));
   Append(payload, rtattr{200, INET_DIAG_SKV6ONLY});
   Listeners found;
-  EXPECT_EQ(TakeDiagnostics(Message(SOCK_DIAG_BY_FAMILY, payload), found), DumpStep::kMore);
+  EXPECT_EQ(TakeDiagnostics(Message(SOCK_DIAG_BY_FAMILY, payload), SocketKind::kListening, found),
+            DumpStep::kMore);
   ASSERT_EQ(found.size(), 1U);
   EXPECT_EQ(found[0].ipv6_only, std::nullopt);
 }
@@ -180,7 +187,7 @@ TEST(ZevctlListenerTest, ProcTellsOfListeners) {
       "   1: 0100007F:1964 0100007F:CAFE 01 00000000:00000000 00:00000000 00000000     0        0 "
       "18207 1 0000000000000000 100 0 0 10 0                       \n";
   Listeners found;
-  EXPECT_TRUE(TakeProcTable(table, false, found));
+  EXPECT_TRUE(TakeProcTable(table, false, SocketKind::kListening, found));
   ASSERT_EQ(found.size(), 1U);
   EXPECT_EQ(found[0].bound.InWords(), "127.0.0.1 port 6500");
   EXPECT_EQ(found[0].uid, 1000U);
@@ -193,7 +200,7 @@ TEST(ZevctlListenerTest, ProcTellsOfIpv6Listeners) {
       "   0: 00000000000000000000000001000000:1964 00000000000000000000000000000000:0000 0A "
       "00000000:00000000 00:00000000 00000000     7        0 9 1 0000000000000000 100 0 0 10 0\n";
   Listeners found;
-  EXPECT_TRUE(TakeProcTable(table, true, found));
+  EXPECT_TRUE(TakeProcTable(table, true, SocketKind::kListening, found));
   ASSERT_EQ(found.size(), 1U);
   EXPECT_EQ(found[0].bound.InWords(), "::1 port 6500");
   EXPECT_TRUE(found[0].ipv6_socket);
@@ -202,14 +209,15 @@ TEST(ZevctlListenerTest, ProcTellsOfIpv6Listeners) {
 
 TEST(ZevctlListenerTest, WhatIsNoTableIsNoAnswer) {
   Listeners found;
-  EXPECT_FALSE(TakeProcTable("", false, found));
-  EXPECT_FALSE(TakeProcTable("something else\n", false, found));
+  EXPECT_FALSE(TakeProcTable("", false, SocketKind::kListening, found));
+  EXPECT_FALSE(TakeProcTable("something else\n", false, SocketKind::kListening, found));
   for (const char* line :
        {"0: x\n", "0: 0100007F:1964 0:0 0A 0:0 0:0 0 -1 0 9\n",
         "0: 0100007F 0:0 0A 0:0 0:0 0 1 0 9\n", "0: 0100007F:19640 0:0 0A 0:0 0:0 0 1 0 9\n",
         "0: 0100007G:1964 0:0 0A 0:0 0:0 0 1 0 9\n", "0: 0100007F:1964 0:0 ZZ 0:0 0:0 0 1 0 9\n",
         "0: 0100007F:1964 0:0 0A 0:0 0:0 0 1 0 x\n"}) {
-    EXPECT_FALSE(TakeProcTable(std::string(kHead) + line, false, found)) << line;
+    EXPECT_FALSE(TakeProcTable(std::string(kHead) + line, false, SocketKind::kListening, found))
+        << line;
   }
   EXPECT_THAT(found, IsEmpty());
 }
@@ -228,7 +236,7 @@ std::vector<uint64_t> Takers(const std::vector<Socket>& sockets, const std::stri
   Listeners listeners;
   for (const Socket& socket : sockets) {
     listeners.push_back(
-        {At(socket.address, socket.port), socket.ipv6, socket.ipv6_only, 0, listeners.size()});
+        {At(socket.address, socket.port), socket.ipv6, socket.ipv6_only, 0, listeners.size(), {}});
   }
   std::vector<uint64_t> takers;
   for (const Listener& taker : TakersOf(listeners, DestinationOf(destination))) {
@@ -286,7 +294,7 @@ struct Seen {
 Listeners Those(const std::vector<Seen>& seen) {
   Listeners listeners;
   for (const auto& [uid, inode] : seen) {
-    listeners.push_back({At("127.0.0.1"), false, {}, uid, inode});
+    listeners.push_back({At("127.0.0.1"), false, {}, uid, inode, {}});
   }
   return listeners;
 }
@@ -326,6 +334,100 @@ TEST(ZevctlListenerTest, ItMustBeSeen) {
   EXPECT_EQ(Judged({}, {}), Trust::kNobody);
   EXPECT_EQ(Judge({}, Those({{0, 1}}), kOwner, kCaller), Trust::kUntold);
   EXPECT_EQ(Judge(Those({{0, 1}}), {}, kOwner, kCaller), Trust::kUntold);
+}
+
+// ---- The other end of a connection
+
+TEST(ZevctlListenerTest, DiagnosticsTellOfConnections) {
+  inet_diag_msg socket{};
+  socket.idiag_family = AF_INET;
+  socket.idiag_state = TCP_SYN_RECV;
+  socket.idiag_uid = 1000;
+  socket.idiag_inode = 77;
+  socket.id.idiag_sport = htons(6500);
+  socket.id.idiag_dport = htons(40000);
+  inet_pton(AF_INET, "127.0.0.1", socket.id.idiag_src);
+  inet_pton(AF_INET, "127.0.0.2", socket.id.idiag_dst);
+  std::string payload;
+  Append(payload, socket);
+  const std::string datagram =
+      SocketMessage(AF_INET, "127.0.0.1", 0, 76) + Message(SOCK_DIAG_BY_FAMILY, payload);
+  TcpSockets found;
+  EXPECT_EQ(TakeDiagnostics(datagram, SocketKind::kConnected, found), DumpStep::kMore);
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found[0].bound.InWords(), "127.0.0.1 port 6500");
+  EXPECT_EQ(found[0].remote.InWords(), "127.0.0.2 port 40000");
+  EXPECT_EQ(found[0].uid, 1000U);
+  EXPECT_EQ(found[0].inode, 77U);
+}
+
+TEST(ZevctlListenerTest, ProcTellsOfConnections) {
+  const std::string rest = " 00000000:00000000 00:00000000 00000000  1000        0 ";
+  const std::string table = std::string(kHead) + "   0: 0100007F:1964 00000000:0000 0A" + rest +
+                            "5 1 0 100 0\n   1: 0100007F:1964 0200007F:9C40 01" + rest +
+                            "6 1 0 100 0\n";
+  TcpSockets found;
+  EXPECT_TRUE(TakeProcTable(table, false, SocketKind::kConnected, found));
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found[0].remote.InWords(), "127.0.0.2 port 40000");
+  EXPECT_EQ(found[0].inode, 6U);
+}
+
+TEST(ZevctlListenerTest, ProcTellsOfIpv4ThatAnIpv6SocketHasTaken) {
+  const std::string table =
+      std::string(kHead) +
+      "   0: 0000000000000000FFFF00000100007F:1964 0000000000000000FFFF00000100007F:9C40 01 "
+      "00000000:00000000 00:00000000 00000000     7        0 9 1 0000000000000000 100 0 0 10 0\n";
+  TcpSockets found;
+  EXPECT_TRUE(TakeProcTable(table, true, SocketKind::kConnected, found));
+  EXPECT_EQ(EndsOf(found, At("127.0.0.1"), At("127.0.0.1", 40000)).size(), 1U);
+}
+
+TEST(ZevctlListenerTest, AnEndHasBothAddressesAndBothPorts) {
+  const Endpoint here = At("127.0.0.1");
+  const Endpoint there = At("127.0.0.1", 40000);
+  TcpSockets sockets;
+  for (const auto& [bound, remote] :
+       {std::pair(here, there), std::pair(there, here), std::pair(At("127.0.0.2"), there),
+        std::pair(here, At("127.0.0.2", 40000)), std::pair(here, At("127.0.0.1", 40001)),
+        std::pair(At("127.0.0.1", 6501), there)}) {
+    sockets.push_back({bound, false, {}, 0, sockets.size(), remote});
+  }
+  const TcpSockets ends = EndsOf(sockets, here, there);
+  ASSERT_EQ(ends.size(), 1U);
+  EXPECT_EQ(ends[0].inode, 0U);
+}
+
+Trust PeersJudged(Trust listener, const std::vector<Seen>& peers,
+                  std::optional<uid_t> station = kOwner) {
+  return JudgePeers(listener, Those(peers), station, kCaller);
+}
+
+TEST(ZevctlListenerTest, TheOtherEndMustBeTheStations) {
+  EXPECT_EQ(PeersJudged(Trust::kStation, {{0, 1}}), Trust::kStation);
+  EXPECT_EQ(PeersJudged(Trust::kStation, {{kOwner, 1}}), Trust::kStation);
+  EXPECT_EQ(PeersJudged(Trust::kStation, {{kOwner, 1}}, {}), Trust::kTaken);
+  EXPECT_EQ(PeersJudged(Trust::kStation, {{kOther, 1}}), Trust::kTaken);
+  EXPECT_EQ(PeersJudged(Trust::kStation, {{kCaller, 1}}), Trust::kTaken);
+  EXPECT_EQ(PeersJudged(Trust::kStation, {{0, 1}, {kOther, 2}}), Trust::kTaken);
+}
+
+TEST(ZevctlListenerTest, TheOtherEndOfATunnelMayBeTheCallers) {
+  EXPECT_EQ(PeersJudged(Trust::kOwn, {{kCaller, 1}}), Trust::kOwn);
+  EXPECT_EQ(PeersJudged(Trust::kOwn, {{0, 1}}), Trust::kOwn);
+  EXPECT_EQ(PeersJudged(Trust::kOwn, {{kOther, 1}}), Trust::kTaken);
+}
+
+TEST(ZevctlListenerTest, WhatIsNotAcceptedYetIsTheListeners) {
+  EXPECT_EQ(PeersJudged(Trust::kStation, {{0, 0}}), Trust::kStation);
+  EXPECT_EQ(PeersJudged(Trust::kOwn, {{0, 0}}), Trust::kOwn);
+  EXPECT_EQ(PeersJudged(Trust::kStation, {{0, 0}, {kOther, 1}}), Trust::kTaken);
+  EXPECT_EQ(PeersJudged(Trust::kStation, {{0, 0}, {0, 1}}), Trust::kTaken);
+}
+
+TEST(ZevctlListenerTest, TheOtherEndMustBeSeen) {
+  EXPECT_EQ(PeersJudged(Trust::kStation, {}), Trust::kUnseen);
+  EXPECT_EQ(JudgePeers(Trust::kStation, {}, kOwner, kCaller), Trust::kUntold);
 }
 
 }  // namespace
