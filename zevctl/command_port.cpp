@@ -13,7 +13,7 @@ constexpr char kCommandPortName[] = "@@@@";
 constexpr Milliseconds kAnswerLimit{30000};
 constexpr size_t kLongestCommand = 1022;  // and the line end; the daemon reads 1023 bytes as a line
 
-// Ten times as many as the largest station has; memory is taken for what has arrived only.
+// Far more than any station has; and memory is taken only for what has arrived.
 constexpr uint32_t kMostRecords = 1'000'000;
 
 // A telnet command that does nothing (IAC NOP, RFC 854): a login skips it, and the command port

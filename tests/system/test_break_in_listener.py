@@ -1,4 +1,5 @@
-"""Somebody else on the daemon's port: zevctl tells him neither the cookie nor a password."""
+"""Somebody else on the daemon's port: zevctl tells him neither the cookie nor a password, and
+does not keep all that he says."""
 
 import os
 import socket
@@ -10,7 +11,7 @@ import pexpect
 import pytest
 
 from harness import settings, zevctl
-from harness.impostors import NAME_PROMPT, STRANGER, Impostor
+from harness.impostors import NAME_PROMPT, STRANGER, FakeDaemon, Impostor
 from harness.scenes import connected
 from harness.terminals import close_terminal
 from harness.waiting import LIMIT, free_port, stretched, wait_until
@@ -172,6 +173,28 @@ def test_a_daemon_without_a_login_is_used_with_a_warning(station, tmp_path):
                                                   f"zevctl: {belongs('127.0.0.1', port)}\n")
         assert done.stdout.startswith("NAME ")
         assert stranger.told().startswith(b"@@@@ user=")
+
+
+# A daemon that says too much
+
+GARBLED = "zevctl: what answers at this address is no command port of zevd; see --host and --port\n"
+GREETING = struct.pack("<II2s", 2, 2, b"x")  # the answer to the probe
+
+
+@pytest.mark.parametrize("count, status, said", [
+    (1_000_000, zevctl.NO_DAEMON, "zevctl: the daemon closed the connection\n"),
+    (1_000_001, zevctl.NO_DAEMON, GARBLED), (0xFFFFFFFF, zevctl.NO_DAEMON, GARBLED)])
+def test_more_records_than_a_station_can_have(count, status, said):
+    with FakeDaemon(GREETING + struct.pack("<II", 1, count)) as daemon:
+        done = zevctl.run(None, "--port", str(daemon.port), "list")
+        assert (done.returncode, done.stderr, done.stdout) == (status, said, "")
+
+
+def test_a_refusal_without_an_end():
+    """It is not kept, however much of it comes."""
+    with FakeDaemon(b"001 - " + b"x" * 50_000_000) as daemon:
+        done = zevctl.run(None, "--port", str(daemon.port), "list")
+        assert (done.returncode, done.stderr, done.stdout) == (zevctl.NO_DAEMON, GARBLED, "")
 
 
 # A tunnel of one's own
@@ -400,9 +423,9 @@ def test_a_stranger_who_meets_the_connection_half_way(port, tmp_path, netless, h
             break
     assert told == b"met\n"
     assert ended == (zevctl.NOT_THE_DAEMON,
-                     f"zevctl: what answers at 127.0.0.1 port {port} belongs to user {STRANGER}, not "
-                     f"to root or the owner of {settings.root()}/config, though what listens there "
-                     f"is right: {NOTHING_SENT}.\n")
+                     f"zevctl: what answers at 127.0.0.1 port {port} belongs to user {STRANGER}, "
+                     f"not to root or the owner of {settings.root()}/config, though what listens "
+                     f"there is right: {NOTHING_SENT}.\n")
 
 
 @pytest.mark.parametrize("hidden", [(), ("HIDE_NETLINK",)])
