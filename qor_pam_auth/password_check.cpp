@@ -168,6 +168,10 @@ class Turn {
       }
     }
     if (ahead >= kHelpersAtOnce) return false;
+    // Those whom it overtakes have it before them now.
+    for (Caller* other = first_waiting; other != &self_; other = other->next) {
+      other->Count(self_, 1);
+    }
     Remove(&first_waiting, &self_);
     Append(&first_running, &self_);
     ++running;

@@ -49,6 +49,33 @@ class PasswordCheckTest : public ::testing::Test {
     return count;
   }
 
+  /// Asks on a thread of its own, which WaitUntilQueued() may be given.
+  static PasswordCheck AskInterruptibly(const char* name, const char* rhost) {
+    sigset_t none;
+    sigemptyset(&none);
+    return CheckPassword(kHelper, {name, "x", rhost, -1, &none, [] { ++interruptions; }});
+  }
+
+  static void WaitUntilQueued(std::thread& caller) {
+    struct sigaction action {};
+    struct sigaction saved {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR2, &action, &saved);
+    const int before = interruptions;
+    EXPECT_TRUE(test::Eventually([&] {
+      pthread_kill(caller.native_handle(), SIGUSR2);
+      return interruptions > before;
+    }));
+    EXPECT_TRUE(test::Eventually([&] {  // none of the signals is still on its way
+      const int last = interruptions;
+      usleep(10'000);
+      return interruptions == last;
+    }));
+    sigaction(SIGUSR2, &saved, nullptr);
+  }
+
+  static inline std::atomic<int> interruptions = 0;
+
   static PasswordCheck Ask(const char* name, const char* password, const char* rhost) {
     return CheckPassword(kHelper, {name, password, rhost});
   }
@@ -161,6 +188,36 @@ TEST_F(PasswordCheckTest, CrowdBehindOneAddressDoesNotKeepOthersOut) {
   for (std::thread& caller : callers) caller.join();
 }
 
+// Dora's pause lets others of her address overtake her, which must not bring her forward: joe, of
+// another address, came before her.
+TEST_F(PasswordCheckTest, WhoeverIsOvertakenGainsNothing) {
+  Install("#!/bin/sh\ncat > /dev/null\nexit 1\n");
+  Ask("joe", "x", "192.0.2.14");
+  Ask("dora", "x", "192.0.2.15");
+  const int64_t refused = MonotonicMicroseconds();
+  std::vector<std::thread> callers;
+  callers.emplace_back([] { AskInterruptibly("joe", "192.0.2.14"); });
+  WaitUntilQueued(callers.back());
+  callers.emplace_back([] { AskInterruptibly("dora", "192.0.2.15"); });
+  WaitUntilQueued(callers.back());
+  for (const char* name : {"emil", "fritz", "gerda"}) Ask(name, "x", "192.0.2.15");
+  Install(
+      "#!/bin/sh\nread name password\n: > root/started.$name\n"
+      "while [ ! -e root/go.$name ]; do sleep .05; done\nexit 0\n");
+  for (int i = 0; i < 8; ++i) {
+    callers.emplace_back([i] { Ask(("crowd" + std::to_string(i)).c_str(), "x", "192.0.2.16"); });
+  }
+  EXPECT_TRUE(test::Eventually([] { return Started() == 8; }));
+  EXPECT_TRUE(test::Eventually(
+      [&] { return MonotonicMicroseconds() - refused > 2 * kSecond + kSecond / 10; }));
+  test::WriteFile("root/go.crowd3", "");
+  EXPECT_TRUE(test::Eventually([] { return Started() == 9; }));
+  EXPECT_TRUE(std::filesystem::exists("root/started.joe"));
+  for (const auto* name : {"joe", "dora"}) test::WriteFile(std::string("root/go.") + name, "");
+  for (int i = 0; i < 8; ++i) test::WriteFile("root/go.crowd" + std::to_string(i), "");
+  for (std::thread& caller : callers) caller.join();
+}
+
 TEST_F(PasswordCheckTest, WhoeverHangsUpLeavesTheQueue) {
   InstallWaiting();
   std::thread first([] { Ask("anna", "a", "192.0.2.11"); });
@@ -223,27 +280,12 @@ TEST_F(PasswordCheckTest, HelperThatDoesNotAnswerIsEnded) {
 }
 
 TEST_F(PasswordCheckTest, SignalDuringTheWaitIsReported) {
-  static std::atomic<int> reported;
-  reported = 0;
   InstallWaiting();
-  struct sigaction action {};
-  struct sigaction saved {};
-  action.sa_handler = [](int) {};
-  sigaction(SIGUSR2, &action, &saved);
-  std::thread caller([] {
-    sigset_t none;
-    sigemptyset(&none);
-    const PasswordRequest request = {"anna", "secret", "", -1, &none, [] { ++reported; }};
-    EXPECT_EQ(CheckPassword(kHelper, request), PasswordCheck::kNotRead);
-  });
+  std::thread caller([] { EXPECT_EQ(AskInterruptibly("anna", ""), PasswordCheck::kNotRead); });
   EXPECT_TRUE(test::Eventually([] { return Started() == 1; }));
-  EXPECT_TRUE(test::Eventually([&] {
-    pthread_kill(caller.native_handle(), SIGUSR2);
-    return reported > 0;
-  }));
+  WaitUntilQueued(caller);
   test::WriteFile("root/go", "");
   caller.join();
-  sigaction(SIGUSR2, &saved, nullptr);
 }
 
 }  // namespace
