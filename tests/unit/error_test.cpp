@@ -79,7 +79,7 @@ void WriteToAFullDevice() {
   errno = EXDEV;
   zev_debug(kError, "message\n");
   EXPECT_EQ(errno, EXDEV);
-  dup2(STDERR_FILENO, STDOUT_FILENO);
+  test::JoinStandardOutput();
 }
 
 TEST_F(DebugOutputTest, ErrnoIsLeftAlone) {
@@ -222,7 +222,7 @@ class FirstMessageTest : public ::testing::Test {
 TEST_F(FirstMessageTest, EqualToTheInitialTextIsARepetition) {
   EXPECT_EXIT(
       {
-        dup2(STDERR_FILENO, STDOUT_FILENO);
+        test::JoinStandardOutput();
         zev_debug(kError, "XXXX");
         zev_debug(kError, "second\n");
         _exit(0);
@@ -234,7 +234,7 @@ TEST_F(FirstMessageTest, EqualToTheInitialTextIsARepetition) {
 TEST_F(FirstMessageTest, InitialTextIsWrittenOnceAnotherCameBefore) {
   EXPECT_EXIT(
       {
-        dup2(STDERR_FILENO, STDOUT_FILENO);
+        test::JoinStandardOutput();
         zev_debug(kError, "XXXX\n");
         zev_debug(kError, "XXXX");
         _exit(0);

@@ -214,6 +214,11 @@ void StartDebugOutput() {
   zev_debug(kTrace, "Entering %s\n", "main");
 }
 
+void JoinStandardOutput() {
+  fflush(stdout);
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+}
+
 void SendDebugToStderr(int level) {
   fflush(stdout);
   const Descriptor nowhere(Check(open("/dev/null", O_WRONLY | O_CLOEXEC), "open"));

@@ -75,6 +75,10 @@ class DebugCapture {
   size_t reported_ = 0;
 };
 
+/// Makes standard output that of standard error, in the child of a death test. What the program has
+/// not written yet goes out before, or it would come after the debug output, which is not buffered.
+void JoinStandardOutput();
+
 /// The first call of zev_debug() is the main thread's, before there is another. For tests that
 /// start threads and have no other fixture of this header.
 void StartDebugOutput();

@@ -182,7 +182,7 @@ class TermSignalStormTest : public SignalTest {
 
 TEST_F(TermSignalStormTest, SignalInTheMidstOfOutputEndsTheProcess) {
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EXIT((dup2(STDERR_FILENO, STDOUT_FILENO), WriteUntilTerminated()), ExitedWithCode(1),
+    EXPECT_EXIT((test::JoinStandardOutput(), WriteUntilTerminated()), ExitedWithCode(1),
                 test::DebugTextsAre(Contains("Received SIGTERM.\n")));
   }
 }
