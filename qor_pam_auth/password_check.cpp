@@ -34,6 +34,12 @@ int64_t Now() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
+// True when the connection has failed or was reset; what has merely ended may still be answered.
+bool HasFailed(int sock) {
+  pollfd looked_at = {sock, 0, 0};
+  return poll(&looked_at, 1, 0) > 0;
+}
+
 // True when the peer whose connection is `sock` has hung up; -1 is nobody's.
 bool Wait(const PasswordRequest& request, int sock, int64_t limit) {
   pollfd awaited = {sock, POLLRDHUP, 0};
@@ -358,6 +364,7 @@ PasswordCheck Ask(const char* path, const PasswordRequest& request) {
 PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request) {
   Turn turn(request);
   const int64_t deadline = Now() + kLongestWait;
+  if (HasFailed(request.sock)) return PasswordCheck::kNoTurn;
   while (!turn.Take()) {
     if (Now() >= deadline) return PasswordCheck::kNoTurn;
     if (Wait(request, request.sock, kLook)) return PasswordCheck::kNoTurn;

@@ -410,13 +410,18 @@ void AnswerUnrecognized(const char* cons_name) {
   AnswerError(kUnrecognizedText, cons_name);
 }
 
-// The same, and tells the debug output.
-void AnswerUnrecognizedAndLog(const char* function, const char* cons_name) {
-  AnswerUnrecognized(cons_name);
+// A name in the text is a stranger's.
+void LogError(const char* function) {
   char shown[kErrorTextSize];
   CopyText(shown, cmd_err_msg);
   ReplaceControls(shown);
   zev_debug(kInfo, "%s: %s\n", function, shown);
+}
+
+// The same as AnswerUnrecognized(), and tells the debug output.
+void AnswerUnrecognizedAndLog(const char* function, const char* cons_name) {
+  AnswerUnrecognized(cons_name);
+  LogError(function);
 }
 
 // Puts the answer together; the records are the connection's from here on.
@@ -1042,6 +1047,6 @@ void PelloxPortHolder(const char* cons_name) {
     const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, HERE);
     outcome = AnswerHolder(cons_name);
   }
-  if (outcome == HolderOutcome::kNotTold) zev_debug(kInfo, "%s: %s\n", __func__, cmd_err_msg);
+  if (outcome == HolderOutcome::kNotTold) LogError(__func__);
   if (outcome == HolderOutcome::kOutOfMemory) ReportOutOfMemory(__func__);
 }

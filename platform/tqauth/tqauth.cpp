@@ -92,8 +92,6 @@ class Client {
  public:
   explicit Client(int sock) : sock_(sock), deadline_(Now() + kExchangeLimit) {}
 
-  int sock() const { return sock_; }
-
   bool Send(const char* text) { return send(sock_, text, strlen(text), MSG_NOSIGNAL) >= 0; }
 
   /// Takes the rest of the last line's end, which is no key for the console. CR LF and CR NUL
@@ -172,15 +170,19 @@ class Client {
   bool after_carriage_return_ = false;
 };
 
-// The address of the peer, for the helper; empty when it has none.
+// The address of the peer, for the helper; empty when it has none. Taken at the start: a connection
+// that was reset has none any more, and guesses would count for nobody.
 struct PeerAddress {
   char text[INET_ADDRSTRLEN] = "";
+  bool known;  // false: there is no peer any more
 
   explicit PeerAddress(int sock) {
     sockaddr_in peer{};
     socklen_t size = sizeof peer;
-    if (getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return;
-    if (peer.sin_family == AF_INET) inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+    known = getpeername(sock, reinterpret_cast<sockaddr*>(&peer), &size) == 0;
+    if (known && peer.sin_family == AF_INET) {
+      inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
+    }
   }
 };
 
@@ -204,9 +206,18 @@ class Decoy {
 
 std::atomic<tqauth_refused*> tell_refusal = nullptr;
 
-PasswordCheck HelperAnswer(int sock, const Answer& name, const Answer& password) {
-  const PeerAddress peer(sock);
-  return CheckPassword(kHelper, {name.c_str(), password.c_str(), peer.text, sock});
+/// The connection that is authenticated.
+struct Exchange {
+  int sock;
+  PeerAddress peer;
+  Answer line;  ///< the client's argument line
+
+  explicit Exchange(int socket) : sock(socket), peer(socket) {}
+};
+
+PasswordCheck HelperAnswer(const Exchange& exchange, const Answer& name, const Answer& password) {
+  return CheckPassword(kHelper,
+                       {name.c_str(), password.c_str(), exchange.peer.text, exchange.sock});
 }
 
 /// Room for one entry of the group database, however large.
@@ -273,18 +284,26 @@ bool AskPair(Client& client, Answer* name, Answer* password) {
   return answered && client.Send(kShowTyping) && client.Send("\r\n");
 }
 
+// The caller adds the name to the line as an option. Without room for it, the name that the client
+// gave itself in the line would count.
+bool LeavesRoomForName(const Answer& line, const Answer& name) {
+  return line.size() + strlen(" user=") + name.size() <= kLineLimit;
+}
+
 // For a name that is not admitted no password is right: the helper is asked about one that nobody
 // has, so that neither an answer nor the time that it takes tells whether the password was the
 // person's, and no password of a stranger to the group is tried here.
-PasswordCheck Check(int sock, const Answer& name, const Answer& password) {
-  if (IsAdmitted(name.c_str())) return HelperAnswer(sock, name, password);
-  const PasswordCheck result = HelperAnswer(sock, name, Decoy().answer());
+PasswordCheck Check(const Exchange& exchange, const Answer& name, const Answer& password) {
+  if (LeavesRoomForName(exchange.line, name) && IsAdmitted(name.c_str())) {
+    return HelperAnswer(exchange, name, password);
+  }
+  const PasswordCheck result = HelperAnswer(exchange, name, Decoy().answer());
   return result == PasswordCheck::kAccepted ? PasswordCheck::kRefused : result;
 }
 
 // `name` is then the last that came with a password. kRefused as well when the client is gone, too
 // slow or too talkative.
-PasswordCheck LogIn(Client& client, Answer* name) {
+PasswordCheck LogIn(Client& client, const Exchange& exchange, Answer* name) {
   for (int tries = 0; tries < kTries; ++tries) {
     Answer typed;
     Answer password;
@@ -292,17 +311,11 @@ PasswordCheck LogIn(Client& client, Answer* name) {
     if (typed.empty()) continue;
     name->Clear();
     name->Append(typed.view());
-    const PasswordCheck result = Check(client.sock(), *name, password);
+    const PasswordCheck result = Check(exchange, *name, password);
     if (result == PasswordCheck::kAccepted || result == PasswordCheck::kNoTurn) return result;
-    if (tell_refusal != nullptr) (*tell_refusal)(client.sock(), name->c_str());
+    if (tell_refusal != nullptr) (*tell_refusal)(exchange.sock, name->c_str());
   }
   return PasswordCheck::kRefused;
-}
-
-// The caller adds the name to the line as an option. Without room for it, the name that the client
-// gave itself in the line would count.
-bool LeavesRoomForName(const Answer& line, const Answer& name) {
-  return line.size() + strlen(" user=") + name.size() <= kLineLimit;
 }
 
 }  // namespace
@@ -314,16 +327,15 @@ void authenticate_tell_refusals(tqauth_refused* refused) {
 char* authenticate(int sock, char** user) {
   thread_local char argument_line[kLineLimit + 1];
   Client client(sock);
-  Answer line;
+  Exchange exchange(sock);
   Answer name;
-  if (!client.ReadLine(&line)) return nullptr;
-  const PasswordCheck result = LogIn(client, &name);
+  if (!exchange.peer.known || !client.ReadLine(&exchange.line)) return nullptr;
+  const PasswordCheck result = LogIn(client, exchange, &name);
   client.FinishLine();
   if (!name.empty()) *user = strdup(name.c_str());
   errno = result == PasswordCheck::kNoTurn ? EUSERS : EACCES;
   // For want of a name, too, the one in the line would count.
-  const bool admitted = result == PasswordCheck::kAccepted && *user != nullptr;
-  if (!admitted || !LeavesRoomForName(line, name)) return nullptr;
-  memcpy(argument_line, line.c_str(), line.size() + 1);
+  if (result != PasswordCheck::kAccepted || *user == nullptr) return nullptr;
+  memcpy(argument_line, exchange.line.c_str(), exchange.line.size() + 1);
   return argument_line;
 }

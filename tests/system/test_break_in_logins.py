@@ -205,6 +205,20 @@ def test_a_blank_in_the_name_neither_avoids_the_pause_nor_tells_of_a_password(gr
     assert door.helper.pairs() == [b"root correct horse"]
 
 
+def test_a_connection_that_is_reset_does_not_avoid_the_pause(hall):
+    """A guesser without an address would be nobody, whose guesses do not count."""
+    for number in range(10):
+        caller = hall.call()
+        caller.send(b"root\r\nguess%d\r\n" % number)
+        caller.expect(b"\r\n")
+        caller.reset()
+    user = hall.call()
+    give(user, b"root", b"secret")
+    user.expect_exactly(OFFERS)
+    guesses = [pair for pair in hall.helper.pairs() if b"guess" in pair]
+    assert len(guesses) <= 1, guesses
+
+
 def test_callers_who_hung_up_hold_nobodys_place(door):
     """Their guesses were waiting for a turn; the owner of the name waits for one check at most."""
     station = door.station

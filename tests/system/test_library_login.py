@@ -217,7 +217,7 @@ def test_no_shell_ever_sees_what_is_typed(hall, evil):
 
 
 def test_the_longest_answers(hall):
-    user = hall.call(b"box " + b" " * (LINE - 20) + b"mode=ro")
+    user = hall.call(b"box " + b" " * (LINE - 30) + b"mode=ro")
     fail(user, b"root", b"p" * LINE)
     fail(user, b"n" * LINE, b"p" * LINE)
     first, second = hall.helper.pairs()
