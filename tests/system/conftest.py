@@ -29,8 +29,9 @@ def _is_worker(config) -> bool:
 
 
 def pytest_configure(config) -> None:
-    # A shell without job control has its background jobs ignore it, and so what they start.
+    # A shell without job control has its background jobs ignore them, and so what they start.
     signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGQUIT, signal.SIG_DFL)
     if _is_worker(config):
         return
     if settings.namespaces_forbidden():
