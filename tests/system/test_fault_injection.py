@@ -357,7 +357,10 @@ RELOAD: Table = {
     "fstatat": SILENT,
     "readlinkat": SILENT + LOG_LOST,
     "renameat2": LOG_NOT_RENAMED,
-    "socket": PORT_LOST + NO_DESCRIPTOR,
+    # Thread by thread: which of the two is first is a race, and the console's is told of once a
+    # minute only.
+    ("socket", Thread.USER_CONN): PORT_LOST,
+    ("socket", Thread.CONS_CONN): NO_DESCRIPTOR,
     "bind": PORT_LOST,
     "listen": PORT_LOST,
     "connect": work("ConnectToConsole: connect() failed : {e}"),
