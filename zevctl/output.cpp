@@ -11,6 +11,8 @@
 #include <iostream>
 #include <numeric>
 
+#include "utf8.h"
+
 namespace zevctl {
 
 namespace {
@@ -21,33 +23,6 @@ constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD in UTF-8
 
 bool Continues(char byte) {
   return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
-}
-
-// The code point's length in UTF-8 (RFC 3629) as its first byte tells; 0 for no first byte.
-size_t LengthOf(unsigned char first) {
-  if (first < 0x80) return 1;
-  if (first >= 0xC2 && first < 0xE0) return 2;
-  if (first >= 0xE0 && first < 0xF0) return 3;
-  return first >= 0xF0 && first < 0xF5 ? 4 : 0;
-}
-
-// Overlong forms, surrogates and what is above U+10FFFF differ in the second byte.
-bool SecondByteFits(unsigned char first, unsigned char second) {
-  if (first == 0xE0) return second >= 0xA0;
-  if (first == 0xED) return second < 0xA0;
-  if (first == 0xF0) return second >= 0x90;
-  return first != 0xF4 || second < 0x90;
-}
-
-// Length of the well-formed character at the front; 0 when there is none.
-size_t WellFormed(std::string_view text) {
-  const auto first = static_cast<unsigned char>(text[0]);
-  const size_t length = LengthOf(first);
-  if (length <= 1) return length;
-  if (text.size() < length || !SecondByteFits(first, static_cast<unsigned char>(text[1]))) return 0;
-  return std::all_of(text.begin() + 1, text.begin() + static_cast<ptrdiff_t>(length), Continues)
-             ? length
-             : 0;
 }
 
 uint32_t CodePoint(std::string_view character) {
@@ -90,7 +65,7 @@ template <typename Replace>
 std::string Map(std::string_view text, std::string_view malformed, Replace replace) {
   std::string result;
   while (!text.empty()) {
-    const size_t length = WellFormed(text);
+    const size_t length = Utf8Length(text);
     if (length == 0) {
       result += malformed;
     } else {

@@ -8,7 +8,8 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
+
+#include "util.h"
 
 namespace {
 
@@ -28,12 +29,6 @@ size_t TerminalPiece(std::string_view rest) {
   const char* end = std::find_if(rest.begin(), rest.end(), IsControl);
   const size_t run = std::min<size_t>(static_cast<size_t>(end - rest.begin()), kTerminalRun);
   return std::max<size_t>(run, 1);
-}
-
-int64_t MonotonicMilliseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
 }  // namespace

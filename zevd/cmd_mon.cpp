@@ -214,8 +214,8 @@ void ServeCommands(WatchedSockets* watched) {
   cmd_mon::CleanUpClosedConnections();
 }
 
-void LookForVanished(LookOut* look_out) {
-  if (!look_out->IsDue()) return;
+void LookForVanished(Throttle* looks) {
+  if (!looks->IsDue()) return;
   const WriteLock lock(cmd_lock, CallSite{kLoop, __LINE__});
   cmd_mon::CloseVanishedTools();
   cmd_mon::CleanUpClosedConnections();
@@ -249,12 +249,12 @@ void* CommandMonitorThreadStart(void* /*unused*/) {
 void MonitorCommands() {
   ENTERING();
   WatchedSockets watched;
-  LookOut look_out;
+  Throttle looks(kVanishedLookInterval);
   for (;;) {
     ParkIfAsked(kPauseCmdMon);
     usleep(kPassPause);
     ServeCommands(&watched);
-    LookForVanished(&look_out);
+    LookForVanished(&looks);
   }
 }
 

@@ -50,19 +50,6 @@ void DrawCookie() {
   generated_cookie[kCookieSize - 1] = '\0';
 }
 
-// A new file is given to the suite's group; an existing one keeps its owner, group and mode.
-void SetUpNewCookieFile(int fd) {
-  if (!StationRootExists()) return;
-  if (GiveStationGroup(fd) != 0) {
-    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kGenerate, kCookieFile, strerror(errno));
-    TERMINATE("Terminated: Cannot chown cookie file");
-  }
-  if (fchmod(fd, kCookieMode) != 0) {
-    zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", kGenerate, kCookieFile, strerror(errno));
-    TERMINATE("Terminated: Cannot chmod cookie file");
-  }
-}
-
 void WarnIfOthersMayRead(int fd) {
   struct stat file {};
   if (fstat(fd, &file) != 0 || (file.st_mode & S_IROTH) == 0) return;
@@ -80,12 +67,16 @@ void WarnIfOthersMayRead(int fd) {
   TERMINATE("Terminated: Cannot write cookie file");
 }
 
-// Empties an existing file only once it is known which file that is.
+// Empties an existing file, which keeps its owner, group and mode, only once it is known which file
+// that is.
 FILE* OpenCookieFile() {
   bool is_new = false;
   const int fd = OpenOrMakeRegularFile(AT_FDCWD, kCookieFile, O_WRONLY, kCookieMode, &is_new);
   if (fd == -1) CannotOpen();
-  if (is_new) SetUpNewCookieFile(fd);
+  if (is_new) {
+    const char* failure = SetUpNewFile(kGenerate, fd, kCookieFile, kCookieMode);
+    if (failure != nullptr) TERMINATE(failure);
+  }
   WarnIfOthersMayRead(fd);
   if (ftruncate(fd, 0) != 0) CannotWrite();
   FILE* file = fdopen(fd, "w");

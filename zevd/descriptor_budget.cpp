@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <ctime>
 
 #include "error.h"
+#include "util.h"
 
 namespace {
 
@@ -30,19 +30,12 @@ constexpr int kDescriptorsOfCaller = 3;
 
 constexpr int kDescriptorsOfConsole = 2;  // its connection and its log
 
-constexpr int64_t kReportInterval = 60;     // seconds
 constexpr int64_t kPauseOfAttempts = 1000;  // milliseconds
 
 int Limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return INT_MAX;
   return static_cast<int>(std::min<rlim_t>(limit.rlim_cur, INT_MAX));
-}
-
-int64_t MonotonicMilliseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
 // `aside` are those that are kept for others than the one who asks; `error` tells why the look
@@ -70,13 +63,6 @@ int CountDescriptors() {
   closedir(directory);
   errno = error;
   return error == 0 ? count - 1 : -1;  // without the directory's own
-}
-
-bool OnceAMinute::IsDue() {
-  const int64_t now = MonotonicMilliseconds() / 1000;
-  if (now < due_) return false;
-  due_ = now + kReportInterval;
-  return true;
 }
 
 bool ReserveDescriptor::Hold() {

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "util.h"
+
 /// One look at the descriptors of this process.
 struct DescriptorUse {
   int open;    ///< -1 when the system did not tell
@@ -13,15 +15,9 @@ struct DescriptorUse {
 /// Open descriptors of this process; -1, with errno set, when the system does not tell.
 int CountDescriptors();
 
-/// Lets a message through at most once a minute: what lasts is said again, but does not fill the
-/// output. One thread only.
-class OnceAMinute {
- public:
-  bool IsDue();
-
- private:
-  int64_t due_ = 0;  ///< seconds of the monotonic clock
-};
+/// Milliseconds between two reports of a shortage: what lasts is said again, but does not fill the
+/// output.
+inline constexpr int64_t kShortageReportInterval = 60'000;
 
 /// One descriptor that is kept open so that there is one more when all others are in use.
 class ReserveDescriptor {
@@ -65,7 +61,7 @@ class DescriptorBudget {
   bool HasRoom(Caller caller, const DescriptorUse& use);
 
   int admitted_unseen_ = 0;
-  OnceAMinute report_;
+  Throttle report_{kShortageReportInterval};
 };
 
 /// Has a console wait until there are descriptors for its connection and its log. The thread
@@ -93,5 +89,5 @@ class AttemptBudget {
 
   int begun_unseen_ = 0;
   int64_t next_look_ = 0;  ///< milliseconds of the monotonic clock
-  OnceAMinute report_;
+  Throttle report_{kShortageReportInterval};
 };

@@ -25,7 +25,6 @@ constexpr KeepAliveRow kKeepAlive[] = {
 };
 
 constexpr uint32_t kLongestSilence = 300'000;  // milliseconds
-constexpr int64_t kBetweenLooks = 10'000'000;  // microseconds
 
 }  // namespace
 
@@ -52,11 +51,4 @@ bool HasVanished(int sock) {
   signs.since_ack = info.tcpi_last_ack_recv;
   signs.since_data = info.tcpi_last_data_recv;
   return IsGone(signs);
-}
-
-bool LookOut::IsDue() {
-  const int64_t now = MonotonicMicroseconds();
-  if (now < next_) return false;
-  next_ = now + kBetweenLooks;
-  return true;
 }

@@ -27,12 +27,6 @@ bool IsGone(const PeerSigns& signs);
 /// The same of a socket. False when the kernel cannot tell.
 bool HasVanished(int sock);
 
-/// When a monitor is to look for peers that have vanished: every ten seconds, as each of them has
-/// to be asked about. Belongs to the thread that looks.
-class LookOut {
- public:
-  bool IsDue();
-
- private:
-  int64_t next_ = 0;  // in microseconds of a clock that nobody sets
-};
+/// Milliseconds between two looks of a monitor for peers that have vanished: each of them has to be
+/// asked about.
+inline constexpr int64_t kVanishedLookInterval = 10'000;

@@ -35,21 +35,6 @@ int consolidated_log_fd = -1;
 
 // ---- Opening ------------------------------------------------------------------------------------
 
-// Both messages end the process; they speak of a cookie file, and whoever filters the events
-// relies on that. The path is for the messages: what it leads to may have been removed meanwhile.
-void SetUpNewLog(int fd, const char* path) {
-  constexpr char kFunction[] = "OpenLogFile";
-  if (!StationRootExists()) return;
-  if (GiveStationGroup(fd) != 0) {
-    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kFunction, path, strerror(errno));
-    TERMINATE("Terminated: Cannot chown cookie file");
-  }
-  if (fchmod(fd, kLogMode) != 0) {
-    zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", kFunction, path, strerror(errno));
-    TERMINATE("Terminated: Cannot chmod cookie file");
-  }
-}
-
 // The descriptor, or -1. `name` is null when there can be no such log.
 int OpenForAppending(const char* function, const CurrentLogDir& directory, const char* name,
                      const char* path, mode_t mode, bool* is_new) {
@@ -151,7 +136,10 @@ int OpenLogFile(ConsoleNode* cnode) {
   cnode->log_fd = OpenForAppending(__func__, directory, name.is_usable() ? name.text() : nullptr,
                                    path.text, 0770, &is_new);
   if (cnode->log_fd == -1) return -1;
-  if (is_new) SetUpNewLog(cnode->log_fd, path.text);
+  if (is_new) {
+    const char* failure = SetUpNewFile(__func__, cnode->log_fd, path.text, kLogMode);
+    if (failure != nullptr) TERMINATE(failure);
+  }
   return 0;
 }
 

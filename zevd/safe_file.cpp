@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
+#include "error.h"
 #include "paths.h"
 
 namespace {
@@ -75,6 +77,21 @@ int GiveStationGroup(int fd) {
   struct stat root {};
   if (stat(kQorRoot, &root) != 0) return 0;
   return fchown(fd, kSameOwner, root.st_gid);
+}
+
+// Both texts speak of a cookie file, whichever file it is: whoever filters the events relies on
+// that.
+const char* SetUpNewFile(const char* function, int fd, const char* path, mode_t mode) {
+  if (!StationRootExists()) return nullptr;
+  if (GiveStationGroup(fd) != 0) {
+    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", function, path, strerror(errno));
+    return "Terminated: Cannot chown cookie file";
+  }
+  if (fchmod(fd, mode) != 0) {
+    zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", function, path, strerror(errno));
+    return "Terminated: Cannot chmod cookie file";
+  }
+  return nullptr;
 }
 
 bool StationRootExists() {

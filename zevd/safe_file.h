@@ -42,5 +42,11 @@ int OpenRealDirectory(int directory, const char* path);
 /// 0, or -1 with errno set.
 int GiveStationGroup(int fd);
 
+/// Gives a new cookie or log file the group of the station's root directory, and then the mode;
+/// does nothing when that directory cannot be examined. Null, or, once the failure has been
+/// reported, the text with which the caller ends the process. `function` and `path` are for the
+/// report: what the path leads to may be another file by now.
+const char* SetUpNewFile(const char* function, int fd, const char* path, mode_t mode);
+
 /// Whether the station's root directory can be examined.
 bool StationRootExists();

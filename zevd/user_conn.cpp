@@ -684,8 +684,8 @@ void RefuseForWantOfRoom(int sock) {
 // refused. Where another thread was quicker to open one in its place, the caller waits for a later
 // pass.
 void RefuseWithReserve(const MappedPortNode* mpnode, int error) {
-  static OnceAMinute report;  // this thread's own
-  constexpr int kTries = 3;   // what the other thread opened may be closed again at once
+  static Throttle report(kShortageReportInterval);  // this thread's own
+  constexpr int kTries = 3;  // what the other thread opened may be closed again at once
   for (int i = 0; i < kTries && OutOfDescriptors(error); ++i) {
     if (!reserve_descriptor.Hold()) return;
     reserve_descriptor.Release();

@@ -18,6 +18,7 @@
 #include "error.h"
 #include "liveness.h"
 #include "socket_watch.h"
+#include "util.h"
 #include "waker.h"
 #include "zev.h"
 #include "zev_signal.h"
@@ -157,8 +158,8 @@ void RelayInput(DescriptorSet* fdset) {
   ProcessUserInput(*fdset);
 }
 
-void LookForVanished(LookOut* look_out) {
-  if (!look_out->IsDue()) return;
+void LookForVanished(Throttle* looks) {
+  if (!looks->IsDue()) return;
   const ReadLock lock(ul_lock, CallSite{kLoop, __LINE__});
   user_mon::LookForVanishedUsers();
 }
@@ -195,12 +196,12 @@ void MonitorUserInput() {
   ENTERING();
   DescriptorSet fdset;
   unsigned wakes_seen = 0;
-  LookOut look_out;
+  Throttle looks(kVanishedLookInterval);
   for (;;) {
     ParkIfAsked(kPauseUserMon);
     usleep(kPassPause);
     RelayInput(&fdset);
-    LookForVanished(&look_out);
+    LookForVanished(&looks);
     if (AnyUserMarked(&wakes_seen)) RemoveMarkedUsers();
   }
 }

@@ -345,6 +345,17 @@ int64_t MonotonicMicroseconds() {
   return static_cast<int64_t>(now.tv_sec) * kMicrosecondsPerSecond + now.tv_nsec / 1000;
 }
 
+int64_t MonotonicMilliseconds() {
+  return MonotonicMicroseconds() / 1000;
+}
+
+bool Throttle::IsDue() {
+  const int64_t now = MonotonicMilliseconds();
+  if (now < next_) return false;
+  next_ = now + interval_;
+  return true;
+}
+
 void SetSocketFlag(int sock, int level, int option) {
   const int on = 1;
   setsockopt(sock, level, option, &on, sizeof on);

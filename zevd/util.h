@@ -47,6 +47,23 @@ void DrainTelnetControlSequence(int sock, char* telnet_cmd, int size);
 /// Microseconds on a clock that nobody sets (CLOCK_MONOTONIC). Any thread.
 int64_t MonotonicMicroseconds();
 
+/// The same in milliseconds.
+int64_t MonotonicMilliseconds();
+
+/// Lets something through at most once in an interval. Belongs to one thread.
+class Throttle {
+ public:
+  /// `interval` in milliseconds.
+  explicit Throttle(int64_t interval) : interval_(interval) {}
+
+  /// True the first time, and then once the interval has passed since it last was.
+  bool IsDue();
+
+ private:
+  int64_t interval_;
+  int64_t next_ = 0;  // CLOCK_MONOTONIC, milliseconds
+};
+
 /// Switches a socket option on; a refusal by the system is of no consequence.
 void SetSocketFlag(int sock, int level, int option);
 

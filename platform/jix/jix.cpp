@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utf8.h>
 
 #include <algorithm>
 #include <array>
@@ -73,33 +74,6 @@ constexpr StatusText kStatusTexts[] = {
     {JixERROR_CONNECTION_LOST, "Connection to the event manager lost"},
 };
 
-// Length of the well-formed UTF-8 sequence at the start of `text`, 0 when there is none
-// (RFC 3629, section 4: no overlong forms, no surrogates, nothing above U+10FFFF).
-size_t Utf8SequenceLength(std::string_view text) {
-  const auto byte = [&](size_t i) { return static_cast<uint8_t>(text[i]); };
-  const uint8_t lead = byte(0);
-  if (lead < 0x80) return 1;
-  size_t length = 0;
-  uint8_t low = 0x80;
-  uint8_t high = 0xBF;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-  } else if ((lead & 0xF0) == 0xE0) {
-    length = 3;
-    if (lead == 0xE0) low = 0xA0;
-    if (lead == 0xED) high = 0x9F;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    if (lead == 0xF0) low = 0x90;
-    if (lead == 0xF4) high = 0x8F;
-  }
-  if (length == 0 || text.size() < length || byte(1) < low || byte(1) > high) return 0;
-  for (size_t i = 2; i < length; ++i) {
-    if ((byte(i) & 0xC0) != 0x80) return 0;
-  }
-  return length;
-}
-
 void AppendCharacter(std::string& out, std::string_view character) {
   const char c = character[0];
   if (c == '"' || c == '\\') {
@@ -117,7 +91,7 @@ void AppendCharacter(std::string& out, std::string_view character) {
 void AppendString(std::string& out, std::string_view text) {
   out += '"';
   while (!text.empty()) {
-    const size_t length = Utf8SequenceLength(text);
+    const size_t length = Utf8Length(text);
     if (length == 0) {
       out += kReplacement;
       text.remove_prefix(1);

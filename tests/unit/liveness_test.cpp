@@ -11,6 +11,7 @@
 #include <string>
 
 #include "support.h"
+#include "util.h"
 
 namespace {
 
@@ -102,13 +103,13 @@ TEST(LivenessTest, PeerOfWhichTheKernelCannotTellHasNotVanished) {
   EXPECT_FALSE(HasVanished(-1));
 }
 
-TEST(LookOutTest, IsDueEveryTenSeconds) {
-  LookOut look_out;
+TEST(LivenessTest, LookIsDueEveryTenSeconds) {
+  Throttle looks(kVanishedLookInterval);
   const test::FakePassageOfTime second_by_second(1'000'000);
-  EXPECT_TRUE(look_out.IsDue());
+  EXPECT_TRUE(looks.IsDue());
   for (int round = 0; round < 3; ++round) {
-    for (int second = 1; second < 10; ++second) EXPECT_FALSE(look_out.IsDue()) << second;
-    EXPECT_TRUE(look_out.IsDue());
+    for (int second = 1; second < 10; ++second) EXPECT_FALSE(looks.IsDue()) << second;
+    EXPECT_TRUE(looks.IsDue());
   }
 }
 
