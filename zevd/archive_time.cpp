@@ -12,9 +12,9 @@
 #include <cstring>
 
 #include "error.h"
+#include "options.h"
 #include "paths.h"
 #include "safe_file.h"
-#include "zev.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "util.h"
+#include "clock.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// The console record and its lists, and the life of the thread "cons_conn".
+// The life of the thread "cons_conn".
 //
 // main starts the thread; it never ends. Nothing wakes it: it makes a pass every 500 microseconds,
 // parks when the console output monitor asks for it, and takes icl_lock alone for each of its three
@@ -14,313 +14,30 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <vector>
 
-#include "cons_mon.h"
+#include "console_lists.h"
 #include "counters.h"
 #include "descriptor_budget.h"
+#include "descriptor_set.h"
 #include "error.h"
+#include "lists.h"
 #include "log.h"
-#include "user_conn.h"
+#include "sockets.h"
+#include "threads.h"
 #include "util.h"
 #include "waker.h"
-#include "zev.h"
 #include "zev_signal.h"
 
-// ---- Records and lists --------------------------------------------------------------------------
-
 namespace {
 
-void TraceNewConsole(const ConsoleSettings& settings) {
-  zev_debug(kTrace, "\tcons_name = \"%s\".\n", settings.cons_name);
-  zev_debug(kTrace, "\tplat_name = \"%s\".\n", settings.plat_name);
-  zev_debug(kTrace, "\tipaddr    = \"%s\".\n", settings.ipaddr);
-  zev_debug(kTrace, "\tcons_port = \"%d\".\n", settings.cons_port);
-  zev_debug(kTrace, "\tmgmt_port = \"%d\".\n", settings.mgmt_port);
-  zev_debug(kTrace, "\tlogging   = \"%d\".\n", settings.logging);
-  zev_debug(kTrace, "\tevents    = \"%d\".\n", settings.events);
-}
-
-void FillConsole(ConsoleNode* cnode, const ConsoleSettings& settings) {
-  CopyText(cnode->cname, settings.cons_name);
-  CopyText(cnode->pname, settings.plat_name);
-  CopyText(cnode->ipaddr, settings.ipaddr);
-  CopyText(cnode->model, settings.model);
-  cnode->cons_port = settings.cons_port;
-  cnode->mgmt_port = settings.mgmt_port;
-  cnode->mapped_port = settings.mapped_port;
-  cnode->logging = settings.logging;
-  cnode->events = settings.events;
-  cnode->enable = settings.enable;
-  cnode->auth = settings.auth;
-  cnode->enode = settings.enode;
-  cnode->sock = -1;
-  cnode->log_fd = -1;
-  cnode->status = kNotConnected;
-}
-
-// The user list and the replay ring. False when out of memory; what was made is freed with the
-// node.
-bool AllocateParts(ConsoleNode* cnode) {
-  cnode->user_list = new (std::nothrow) UserList;
-  if (cnode->user_list == nullptr) return false;
-  cnode->user_list->list_name = "console's user list";
-  if (cons_buf_size == 0) return true;
-  cnode->cons_buf.buf = new (std::nothrow) char[static_cast<size_t>(cons_buf_size)];
-  if (cnode->cons_buf.buf == nullptr) return false;
-  cnode->cons_buf.buf[0] = '\0';
-  return true;
-}
-
-bool Meets(const ConsoleNode& cnode, MoveCriterion criterion) {
-  switch (criterion) {
-    case MoveCriterion::kConnected:
-      return cnode.status == kConnected;
-    case MoveCriterion::kNotConnected:
-      // One that was marked closed since the clean-up still has its socket and its users: it is
-      // cleaned up, and moved, in the next pass.
-      return cnode.status != kConnected && cnode.sock == -1;
-    case MoveCriterion::kAll:
-      return true;
-  }
-  return false;
-}
-
-void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
-  zev_debug(kInfo, "%s: Console %s is being deleted.\n", "DeleteMarkedConsoles", cnode->cname);
-  if (cnode->sock != -1) {
-    ForgetSocket(*list, cnode->sock);
-    close(cnode->sock);
-    cnode->sock = -1;
-  }
-  CloseLogFile(cnode);
-  RemoveConsoleFromList(cnode, list);
-  // When the ports were looked at after the reload, the console was still on its list.
-  if (cnode->mapped_port != 0) RefreshMappedPorts();
-  FreeConsoleNode(cnode);
-}
-
-// For a console that found no room on its list: the next reload makes a new record of it. Nobody
-// would close what this one has open.
-void AbandonConsole(ConsoleNode* cnode) {
-  cnode->status = kNotConnected;
-  if (cnode->sock != -1) close(cnode->sock.exchange(-1));
-  CloseLogFile(cnode);
-  if (cnode->ref_count == 0) FreeConsoleNode(cnode);  // else users who leave still point at it
-}
-
-}  // namespace
-
-ConsoleNode* NewConsoleNode(const ConsoleSettings& settings) {
-  zev_debug(kInfo, "Entering %s\n", __func__);  // the one entry line at level 1
-  TraceNewConsole(settings);
-  auto* cnode = new (std::nothrow) ConsoleNode{};
-  if (cnode == nullptr || !AllocateParts(cnode)) {
-    ReportOutOfMemory(__func__);
-    if (cnode != nullptr) FreeConsoleNode(cnode);
-    return nullptr;
-  }
-  FillConsole(cnode, settings);
-  return cnode;
-}
-
-void FreeConsoleNode(ConsoleNode* cnode) {
-  ENTERING();
-  if (cnode->user_list != nullptr) {
-    DropElements(*cnode->user_list);
-    delete cnode->user_list;
-  }
-  delete[] cnode->cons_buf.buf;
-  delete cnode;
-}
-
-ConsoleListElem* NewConsoleListElem(ConsoleNode* cnode) {
-  ENTERING();
-  ConsoleListElem* elem = NewElement<ConsoleList>(cnode);
-  if (elem == nullptr) ReportOutOfMemory(__func__);
-  return elem;
-}
-
-ConsoleList* NewConsoleList(const char* list_name) {
-  ENTERING();
-  auto* list = new (std::nothrow) ConsoleList;
-  if (list == nullptr) {
-    ReportOutOfMemory(__func__);
-    return nullptr;
-  }
-  InitConsoleList(list, list_name);
-  if (list->list_name == nullptr) {
-    delete list;
-    return nullptr;
-  }
-  return list;
-}
-
-void InitConsoleList(ConsoleList* list, const char* list_name) {
-  ENTERING();
-  InitList(*list, list_name);
-}
-
-void EmptyConsoleList(ConsoleList* list) {
-  ENTERING();
-  const ListBatch batch(*list);
-  for (ConsoleNode* cnode : Nodes(*list)) {
-    RemoveConsoleFromList(cnode, list);
-    FreeConsoleNode(cnode);
-  }
-}
-
-void FreeConsoleList(ConsoleList* list) {
-  ENTERING();
-  if (list->head != nullptr) EmptyConsoleList(list);
-  FreeListRecord(list);
-}
-
-int AddConsoleToList(ConsoleNode* cnode, ConsoleList* list) {
-  ENTERING();
-  ConsoleListElem* elem = nullptr;
-  if (ReserveFor(*list, cnode)) {
-    elem = NewConsoleListElem(cnode);
-  } else {
-    ReportOutOfMemory(__func__);
-  }
-  if (elem == nullptr) {
-    zev_debug(kError, "%s: NewConsoleListElem() failed.\n", __func__);
-    return -1;
-  }
-  LinkAtTail(*list, elem);
-  zev_debug(kTrace, "%s: Added console %s to %s.\n", __func__, cnode->cname, list->list_name);
-  Recompute(*list);
-  return 0;
-}
-
-int RemoveConsoleFromList(ConsoleNode* cnode, ConsoleList* list) {
-  ENTERING();
-  ConsoleListElem* elem = FindElement(*list, cnode);
-  if (elem == nullptr) {
-    zev_debug(kError, "%s: cnode not found in cons_list\n", __func__);
-    TERMINATE(kInternalError);
-  }
-  Unlink(*list, elem);
-  zev_debug(kTrace, "%s: Removed console %s from %s.\n", __func__, cnode->cname, list->list_name);
-  if (list->count < 0) {
-    zev_debug(kError, "%s: cons_list->count = %d\n", __func__, list->count);
-    TERMINATE(kInternalError);
-  }
-  zev_debug(kTrace, "%s: Doing FD_CLR( %d, ...) for console %s on %s\n", __func__,
-            cnode->sock.load(), cnode->cname, list->list_name);
-  Recompute(*list);
-  return 0;
-}
-
-ConsoleNode* LocateConsoleInList(const char* name, const ConsoleList* list) {
-  ENTERING();
-  return FindNode(*list, [&](const ConsoleNode& cnode) { return strcmp(cnode.cname, name) == 0; });
-}
-
-void MoveConsolesToList(ConsoleList* from_list, ConsoleList* to_list, MoveCriterion criterion) {
-  ENTERING();
-  const ListBatch leaving(*from_list);
-  const ListBatch joining(*to_list);
-  for (ConsoleNode* cnode : Nodes(*from_list)) {
-    if (!Meets(*cnode, criterion)) continue;
-    if (RemoveConsoleFromList(cnode, from_list) != 0) {
-      zev_debug(kError, "%s: RemoveConsoleFromList() failed.\n", __func__);
-      return;
-    }
-    if (AddConsoleToList(cnode, to_list) != 0) {
-      zev_debug(kError, "%s: AddConsoleToList() failed.\n", __func__);
-      AbandonConsole(cnode);
-      return;
-    }
-  }
-}
-
-void DeleteMarkedConsoles(ConsoleList* list) {
-  ENTERING();
-  for (ConsoleNode* cnode : Nodes(*list)) {
-    if (cnode->deleted != 1) continue;
-    if (cnode->user_list->head != nullptr) {
-      zev_debug(kInfo, "%s: Disconnecting users from %s.\n", __func__, cnode->cname);
-      SendMsgToUsers(cnode, "Console has been deleted.");
-      CloseUserConnections(cnode, "The console was deleted.");
-    } else if (cnode->ref_count > 0) {
-      zev_debug(kInfo, "%s: Console %s has ref_count=%d. Cannot delete yet.\n", __func__,
-                cnode->cname, cnode->ref_count.load());
-      return;
-    } else {
-      DeleteConsole(cnode, list);
-    }
-  }
-}
-
-void DumpConsoles(const ConsoleList* list) {
-  ENTERING();
-  zev_debug(kError, "Dumping \"%s\"...\n", list->list_name);
-  for (const ConsoleNode* cnode : Nodes(*list)) {
-    zev_debug(kError, "name           = %s\n", cnode->cname);
-    zev_debug(kError, "addr           = %s\n", cnode->ipaddr);
-    zev_debug(kError, "cons_port      = %d\n", cnode->cons_port);
-    zev_debug(kError, "mgmt_port      = %d\n", cnode->mgmt_port);
-    zev_debug(kError, "logging        = %d\n", cnode->logging);
-    zev_debug(kError, "events         = %d\n", cnode->events);
-    zev_debug(kError, "enable         = %d\n", cnode->enable.load());
-    zev_debug(kError, "deleted        = %d\n", cnode->deleted);
-    zev_debug(kError, "sock           = %d\n", cnode->sock.load());
-    zev_debug(kError, "log_fd         = %d\n", cnode->log_fd);
-    zev_debug(kError, "status         = %d\n", cnode->status.load());
-    zev_debug(kError, "ref_count      = %d\n", cnode->ref_count.load());
-    zev_debug(kError, "lfca_time      = %ld\n", cnode->lfca_time);
-    zev_debug(kError, "lsca_time      = %ld\n", cnode->lsca_time);
-    zev_debug(kError, "telnet_cmd     = %s\n", cnode->telnet_cmd);
-    zev_debug(kError, "-----------------------------------------\n\n");
-  }
-}
-
-// ---- Look-up by mapped port ---------------------------------------------------------------------
-
-namespace {
-
-constexpr char kLookUp[] = "GetConsoleNodeFromMappedPort";
-
-ConsoleNode* FindByMappedPort(uint16_t port) REQUIRES(acl_lock, icl_lock) {
-  const auto has_port = [&](const ConsoleNode& cnode) { return cnode.mapped_port == port; };
-  ConsoleNode* cnode = FindNode(*i_cons_list, has_port);
-  return cnode != nullptr ? cnode : FindNode(*a_cons_list, has_port);
-}
-
-}  // namespace
-
-ConsoleNode* GetConsoleNodeFromMappedPort(uint16_t port) {
-  ENTERING();
-  const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, HERE);
-  return FindByMappedPort(port);
-}
-
-bool CopyMappedConsole(uint16_t port, MappedConsole* copy) {
-  zev_debug(kTrace, "Entering %s\n", kLookUp);
-  const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, CallSite{kLookUp, __LINE__});
-  const ConsoleNode* cnode = FindByMappedPort(port);
-  if (cnode == nullptr) return false;
-  CopyText(copy->cname, cnode->cname);
-  copy->status = cnode->status;
-  copy->auth = cnode->auth;
-  copy->locked_exclusively = IsLockedExclusively(cnode);
-  return true;
-}
-
-// ---- The connection thread ----------------------------------------------------------------------
-
-namespace {
-
-constexpr useconds_t kPassPause = 500;  // microseconds
-constexpr time_t kRetryInterval = 60;   // seconds since the last failure
-constexpr time_t kPelloxGrace = 2;      // seconds in which a management port may still refuse
+constexpr time_t kRetryInterval = 60;  // seconds since the last failure
+constexpr time_t kPelloxGrace = 2;     // seconds in which a management port may still refuse
 constexpr timeval kStatusWait = {0, 100};
 constexpr size_t kPeekSize = 300;
 constexpr char kRefusalStart[] = "~NET-E-";
@@ -489,11 +206,6 @@ DescriptorUse LookAtDescriptors() REQUIRES(icl_lock) {
     if (cnode->sock != -1 && cnode->log_fd == -1) ++use.wanted;
   }
   return use;
-}
-
-// True when there is no descriptor beyond the one in reserve.
-bool OutOfDescriptors(int error) {
-  return error == EMFILE || error == ENFILE;
 }
 
 void MoveConnectedConsoles() {

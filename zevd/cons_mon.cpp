@@ -17,38 +17,29 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "archive_time.h"
+#include "clock.h"
+#include "console_lists.h"
+#include "console_users.h"
 #include "counters.h"
 #include "error.h"
-#include "event_set.h"
+#include "lists.h"
 #include "load.h"
 #include "log.h"
 #include "log_directory.h"
 #include "matcher.h"
 #include "socket_watch.h"
-#include "user_mon.h"
-#include "util.h"
+#include "threads.h"
 #include "waker.h"
-#include "zev.h"
 
 namespace {
 
-constexpr useconds_t kPassPause = 500;  // microseconds
 constexpr useconds_t kPausePoll = 100;  // microseconds
 constexpr unsigned kOtherThreads = kPauseConsConn | kPauseUserConn | kPauseUserMon | kPauseCmdMon;
 constexpr timeval kSelectLimit = {2, 0};
 constexpr size_t kChunkSize = 1024;
-
-// For as long as this a user may keep a console's output from its other users and its log. One who
-// is alive on a slow line gets longer than one who takes nothing.
-constexpr StallLimits kUserStall = {.idle = 400, .no_room = 5000};
-
-constexpr char kTookNothing[] = "The user took no output.";
-constexpr char kSendFailed[] = "The connection failed.";
-
-constexpr char kStars[] = "***************************************";  // 39
-constexpr char kBells[] = "\a\a\a\a\a";
 
 /// Notices of a management port about a competing connection: the connection thread deals with
 /// them, users never see them.
@@ -87,41 +78,24 @@ void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) {
   CloseConsoleConnection(cnode);
 }
 
-// Whether every user of the console can be sent a chunk without anybody waiting for it. While one
-// cannot, the output stays in the console's socket and the console itself is slowed down; other
-// consoles are not. A user who takes nothing for too long is marked for closing.
-bool UsersHaveRoom(ConsoleNode* cnode) {
-  bool room = true;
-  for (UserNode* unode : Nodes(*cnode->user_list)) {
-    if (HasSendRoom(unode->sock)) {
-      unode->output_stall.End();
-      continue;
-    }
-    room = false;
-    if (unode->connected != 0 && unode->output_stall.IsTooLong(unode->sock, kUserStall)) {
-      zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", "SendConsoleOutputToUsers",
-                cnode->cname, strerror(EAGAIN));
-      CloseUserConnection(unode, kTookNothing);
-    }
-  }
-  return room;
-}
-
 // How long a pass may read consoles. It holds acl_lock meanwhile, and threads that want two locks
-// try for a millisecond and a half and then stay away for up to a second (locks.h): a longer pass,
-// as of many consoles on a full disk, would keep them out, and all keys wait when it is the thread
-// that forwards them.
+// try for as long and then stay away for up to a second (locks.h): a longer pass, as of many
+// consoles on a full disk, would keep them out, and all keys wait when it is the thread that
+// forwards them.
 class PassTime {
  public:
-  bool IsOver() const { return MonotonicMicroseconds() >= end_; }
+  /// True when no further console is to be read in this pass: never before the first.
+  bool IsOver() {
+    const bool is_over = MonotonicMicroseconds() >= end_;
+    return !std::exchange(first_, false) && is_over;
+  }
 
  private:
-  static constexpr int64_t kLength = 1500;  // microseconds
-
-  int64_t end_ = MonotonicMicroseconds() + kLength;
+  bool first_ = true;
+  int64_t end_ = MonotonicMicroseconds() + kPairTryTime;
 };
 
-bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) {
+bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) REQUIRES(acl_lock) {
   return cnode->left_out_since != 0 &&
          (other->left_out_since == 0 || cnode->left_out_since < other->left_out_since);
 }
@@ -287,17 +261,19 @@ void ProcessConsoleOutput(const DescriptorSet& fdset) {
   ENTERING();
   static uint64_t pass = 0;  // this thread alone is here
   ++pass;
-  const PassTime time;
+  PassTime time;
   // A list without a watch knows no other order than its own, in which the last would never come.
   const bool in_turns = WatchOf(a_cons_list) != nullptr;
-  ForEachReady(*a_cons_list, fdset, IsLeftOutLonger, [&](ConsoleNode* cnode) {
+  // The analysis does not follow the lock into a template.
+  const auto read = [&](ConsoleNode* cnode) NO_THREAD_SAFETY_ANALYSIS {
     if (in_turns && time.IsOver()) {
       if (cnode->left_out_since == 0) cnode->left_out_since = pass;
       return;
     }
     cnode->left_out_since = 0;
     if (UsersHaveRoom(cnode)) ReadConsole(cnode);
-  });
+  };
+  ForEachReady(*a_cons_list, fdset, IsLeftOutLonger, read);
 }
 
 void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count) {
@@ -310,55 +286,6 @@ void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count) {
   BufferConsoleOutput(cnode, buf, count);
   if (cnode->logging == 1) WriteLogFile(cnode, buf, count);
   SendConsoleOutputToUsers(cnode, buf, count);
-}
-
-void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes) {
-  ENTERING();
-  // The length that one user took is the length that the next is offered.
-  ssize_t length = nbytes;
-  for (UserNode* unode : Nodes(*cnode->user_list)) {
-    if (length < 0) {
-      // What the system would answer to a negative length; handed to it, the length would be taken
-      // for a huge one and the memory behind the chunk sent out.
-      errno = EFAULT;
-    } else {
-      length = TEMP_FAILURE_RETRY(send(unode->sock, buf, static_cast<size_t>(length), 0));
-    }
-    if (length < 0) {
-      zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
-                strerror(errno));
-      CloseUserConnection(unode, kSendFailed);
-    }
-  }
-}
-
-void BufferConsoleOutput(ConsoleNode* cnode, const char* chars, int count) {
-  ENTERING();
-  if (cons_buf_size == 0) return;
-  ConsoleBuffer& ring = cnode->cons_buf;
-  const auto advance = [](int32_t index) { return index == cons_buf_size - 1 ? 0 : index + 1; };
-  for (int i = 0; i < count; ++i) {
-    ring.buf[ring.tail] = chars[i];
-    ring.tail = advance(ring.tail);
-    if (ring.tail == ring.head) ring.head = advance(ring.head);
-  }
-}
-
-void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) {
-  ENTERING();
-  if (cons_buf_size == 0) return;
-  const ConsoleBuffer& ring = cnode->cons_buf;
-  SendBudget budget;
-  for (int32_t i = ring.head, next = 0; i != ring.tail; i = next) {
-    next = i == cons_buf_size - 1 ? 0 : i + 1;
-    // One byte a call, but not one byte a packet.
-    if (budget.Send(unode->sock, &ring.buf[i], 1, next == ring.tail ? 0 : MSG_MORE) < 0) {
-      zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
-                strerror(errno));
-      CloseUserConnection(unode, kSendFailed);
-      return;
-    }
-  }
 }
 
 void CloseDisabledConsoleConnections() {
@@ -382,44 +309,11 @@ void CloseAllLogFiles() {
   CloseConsolidatedLogFile();
 }
 
-void SetEventNodeToNULLForAllConsoles() {
-  ENTERING();
-  for (ConsoleNode* cnode : Nodes(*i_cons_list)) cnode->enode = nullptr;
-  for (ConsoleNode* cnode : Nodes(*a_cons_list)) cnode->enode = nullptr;
-}
-
-void FormatBanner(char* banner, size_t size, const char* message) {
-  snprintf(banner, size, "%s\r\n\r\n%s%s\r\n\r\n%s\r\n\r\n%s%s\r\n\r\n", kBells, kStars, kStars,
-           message, kStars, kStars);
-}
-
-void SendMsgToUsers(ConsoleNode* cnode, const char* message) {
-  ENTERING();
-  char banner[kMessageBufferSize];
-  FormatBanner(banner, sizeof banner, message);
-  for (const UserNode* unode : Nodes(*cnode->user_list)) {
-    if (send(unode->sock, banner, strlen(banner), MSG_DONTWAIT) < 0) {
-      zev_debug(kInfo, "%s: send() failed : %s\n", __func__, strerror(errno));
-      zev_debug(kInfo, "%s: Message not sent to \"%s@%s\".\n", __func__, unode->user_name,
-                unode->ipaddr);
-    } else {
-      zev_debug(kInfo, "%s: The following message was sent to \"%s@%s\": %s\n", __func__,
-                unode->user_name, unode->ipaddr, banner);
-    }
-  }
-}
-
 void CloseConsoleConnection(ConsoleNode* cnode) {
   ENTERING();
   zev_debug(kInfo, "%s: Closing connection with console %s\n", __func__, cnode->cname);
   cnode->status = kNotConnected;
   cons_mon_waker.Wake();
-}
-
-void CloseUserConnections(ConsoleNode* cnode, const char* reason) {
-  ENTERING();
-  for (UserNode* unode : Nodes(*cnode->user_list)) CloseUserConnection(unode, reason);
-  DropElements(*cnode->user_list);
 }
 
 namespace cons_mon {

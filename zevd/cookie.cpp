@@ -13,7 +13,7 @@
 #include "error.h"
 #include "paths.h"
 #include "safe_file.h"
-#include "user_conn.h"
+#include "user.h"
 
 namespace {
 

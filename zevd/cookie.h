@@ -1,6 +1,11 @@
 // The cookie by which tools on the station prove their right.
 #pragma once
 
+#include <cstddef>
+
+/// Bytes of a cookie, terminator included.
+inline constexpr size_t kCookieSize = 17;
+
 /// Warns when anybody but the owner and the group has access to the configuration directory, where
 /// the cookie is. Main thread, at start-up.
 void CheckConfigDir();

@@ -8,8 +8,12 @@
 class DatedWord {
  public:
   DatedWord() = default;
-  DatedWord(const DatedWord&) = delete;
-  DatedWord& operator=(const DatedWord&) = delete;
+  DatedWord(int value) { *this = value; }  // NOLINT(google-explicit-constructor): as an atomic's
+  ~DatedWord() = default;
+
+  /// A copy takes the value, and has it since then unless it had the same before.
+  DatedWord(const DatedWord& other) : DatedWord(other.load()) {}
+  DatedWord& operator=(const DatedWord& other) { return *this = other.load(); }
 
   DatedWord& operator=(int value) {
     if (value_.exchange(value) != value) since_ = time(nullptr);

@@ -11,7 +11,6 @@
 #include <cstring>
 
 #include "error.h"
-#include "util.h"
 
 namespace {
 
@@ -63,6 +62,10 @@ int CountDescriptors() {
   closedir(directory);
   errno = error;
   return error == 0 ? count - 1 : -1;  // without the directory's own
+}
+
+bool OutOfDescriptors(int error) {
+  return error == EMFILE || error == ENFILE;
 }
 
 bool ReserveDescriptor::Hold() {

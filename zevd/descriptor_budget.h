@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "util.h"
+#include "clock.h"
 
 /// One look at the descriptors of this process.
 struct DescriptorUse {
@@ -14,6 +14,9 @@ struct DescriptorUse {
 
 /// Open descriptors of this process; -1, with errno set, when the system does not tell.
 int CountDescriptors();
+
+/// True for an errno by which the system says that there is no descriptor beyond those in use.
+bool OutOfDescriptors(int error);
 
 /// Milliseconds between two reports of a shortage: what lasts is said again, but does not fill the
 /// output.

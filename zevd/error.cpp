@@ -9,11 +9,10 @@
 #include <cstring>
 
 #include "bounded_output.h"
-#include "event.h"
 #include "fixed_text.h"
+#include "options.h"
+#include "signal_hold.h"
 #include "timestamp.h"
-#include "zev.h"
-#include "zev_signal.h"
 
 ThreadNameList thread_name_list;
 
@@ -22,6 +21,8 @@ namespace {
 constexpr int kSlotFree = 0;
 constexpr int kSlotTaken = 1;
 constexpr int kSlotBeingFilled = 2;
+
+std::atomic<EventPoster> event_poster{nullptr};
 
 constexpr size_t kMessageSize = 8192;
 constexpr unsigned kExitSeconds = 1;  // for which a second thread leaves the process to the first
@@ -145,6 +146,15 @@ void UnregisterThread() {
 
 void ClearThreadNames() {
   for (ThreadName& slot : thread_name_list.slot) slot.in_use.store(kSlotFree);
+}
+
+void SetEventPoster(EventPoster poster) {
+  event_poster = poster;
+}
+
+void PostDaemonError(const char* text, int priority) {
+  const EventPoster poster = event_poster;
+  if (poster != nullptr) poster(text, priority);
 }
 
 void ExitProcess(int code, const char* file, int line) {

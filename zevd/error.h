@@ -63,11 +63,25 @@ void ClearThreadNames();
 /// a thread that comes second waits for the first to end the process.
 [[noreturn]] void ExitProcess(int code, const char* file, int line);
 
+/// Posts "qor.zevd.daemon.error" with the variable "message" = `text`. How is handed in: what posts
+/// events stands above this file. Until it has been, nothing is posted.
+void PostDaemonError(const char* text, int priority);
+using EventPoster = void (*)(const char* text, int priority);
+void SetEventPoster(EventPoster poster);
+inline constexpr int kErrorPriority = 700;
+
 /// Posts the daemon error event with `text`, then ExitProcess(1, ...).
 [[noreturn]] void TerminateProcess(const char* text, const char* file, int line);
 
 #define EXIT_PROCESS(code) ExitProcess((code), __FILE_NAME__, __LINE__)
 #define TERMINATE(text) TerminateProcess((text), __FILE_NAME__, __LINE__)
+
+/// Writes a message that is always written, and ends the process for a mistake of its own.
+#define INTERNAL_ERROR(...)         \
+  do {                              \
+    zev_debug(kError, __VA_ARGS__); \
+    TERMINATE(kInternalError);      \
+  } while (false)
 
 inline constexpr char kTerminated[] = "Terminated.............";
 inline constexpr char kInternalError[] = "Terminated: Internal error";

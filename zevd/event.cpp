@@ -5,21 +5,21 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "counters.h"
 #include "error.h"
-#include "zev_signal.h"
+#include "mutex.h"
+#include "signal_hold.h"
 
 namespace {
 
 constexpr size_t kTextSize = 8192;
 
-/// Guards the two below. Whoever holds it holds SIGTERM back too: the handler writes to the debug
+/// Whoever holds it holds SIGTERM back too: the handler writes to the debug
 /// output, and the library may hold a lock of the C library's that this needs (its time zone's).
-std::mutex connection_mutex;  // trivially destructible
-JixConn* connection = nullptr;
-JixStatus last_attempt = JixERROR_NONE;
+Mutex connection_mutex;
+JixConn* connection GUARDED_BY(connection_mutex) = nullptr;
+JixStatus last_attempt GUARDED_BY(connection_mutex) = JixERROR_NONE;
 
 void ReportStatus(const char* function, const char* call, JixStatus status) {
   char text[kTextSize];
@@ -27,7 +27,7 @@ void ReportStatus(const char* function, const char* call, JixStatus status) {
   zev_debug(kError, "%s: %s failed : %s\n", function, call, text);
 }
 
-void ReportAttempt(JixStatus status) {
+void ReportAttempt(JixStatus status) REQUIRES(connection_mutex) {
   constexpr char kFunction[] = "ConnectToJix";
   if (status != JixERROR_NONE) {
     if (status == last_attempt) return;
@@ -40,9 +40,7 @@ void ReportAttempt(JixStatus status) {
   }
 }
 
-// connection_mutex is held from here on down.
-
-int Connect() {
+int Connect() REQUIRES(connection_mutex) {
   zev_debug(kTrace, "Entering %s\n", "ConnectToJix");
   if (connection != nullptr) return 0;
   const JixConnOptions defaults{};
@@ -52,7 +50,7 @@ int Connect() {
   return status == JixERROR_NONE ? 0 : -1;
 }
 
-void DropConnection() {
+void DropConnection() REQUIRES(connection_mutex) {
   JixConnDestroy(connection);
   connection = nullptr;
 }
@@ -75,14 +73,14 @@ bool SetVariable(JixEvent* event, const char* name, const char* value) {
   return name == nullptr || Succeeded(JixVarSet(event, name, JixTYPE_STRING, value), "JixVarSet()");
 }
 
-JixStatus PostWithOneRetry(const JixEvent* event) {
+JixStatus PostWithOneRetry(const JixEvent* event) REQUIRES(connection_mutex) {
   const JixStatus status = JixEventPost(connection, event);
   if (status != JixERROR_CONNECTION_LOST) return status;
   DropConnection();
   return Connect() == 0 ? JixEventPost(connection, event) : status;
 }
 
-void Post(const JixEvent* event) {
+void Post(const JixEvent* event) REQUIRES(connection_mutex) {
   const JixStatus status = PostWithOneRetry(event);
   if (Succeeded(status, "JixEventPost()")) {
     counters.events_posted.Add();
@@ -96,7 +94,7 @@ void Post(const JixEvent* event) {
 
 int ConnectToJix() {
   const TermSignalHold hold;
-  const std::lock_guard lock(connection_mutex);
+  const MutexLock lock(connection_mutex);
   return Connect();
 }
 
@@ -108,7 +106,7 @@ void PostJixEvent(const char* event_template, const char* varName, char* varValu
             or_none(varName), or_none(varValue), or_none(varMessage), or_none(message), priority);
 
   const TermSignalHold hold;
-  const std::lock_guard lock(connection_mutex);
+  const MutexLock lock(connection_mutex);
   if (connection == nullptr && Connect() != 0) {
     counters.events_dropped.Add();
     return;
@@ -133,8 +131,10 @@ void PostJixEvent(const char* event_template, const char* varName, char* varValu
   }
 }
 
-void PostDaemonError(const char* text, int priority) {
-  char value[kTextSize];
-  snprintf(value, sizeof value, "%s", text);
-  PostJixEvent("qor.zevd.daemon.error", "message", value, nullptr, nullptr, priority);
+void PostDaemonErrorsToJix() {
+  SetEventPoster([](const char* text, int priority) {
+    char value[kTextSize];
+    snprintf(value, sizeof value, "%s", text);
+    PostJixEvent("qor.zevd.daemon.error", "message", value, nullptr, nullptr, priority);
+  });
 }

@@ -2,8 +2,6 @@
 // own, taken last but for the debug lock. No failure is passed back: an event is best effort.
 #pragma once
 
-inline constexpr int kErrorPriority = 700;
-
 /// 0 when a connection exists or was made, -1 when not. A failure is reported only when it differs
 /// from the one before.
 int ConnectToJix();
@@ -14,5 +12,5 @@ int ConnectToJix();
 void PostJixEvent(const char* event_template, const char* varName, char* varValue,
                   const char* varMessage, const char* message, int priority);
 
-/// Posts "qor.zevd.daemon.error" with the variable "message" = `text`.
-void PostDaemonError(const char* text, int priority);
+/// Has PostDaemonError() (error.h) post its events here. Main thread, before there is another.
+void PostDaemonErrorsToJix();

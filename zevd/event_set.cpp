@@ -7,11 +7,9 @@
 #include <cstring>
 #include <new>
 
-#include "cons_mon.h"
 #include "error.h"
-#include "event.h"
+#include "list_functions.h"
 #include "paths.h"
-#include "zev.h"
 
 namespace {
 
@@ -71,52 +69,33 @@ void FreeEventSetNode(EventSetNode* enode) {
 
 EventSetList* NewEventSetList(const char* list_name) {
   ENTERING();
-  auto* list = new (std::nothrow) EventSetList;
-  if (list == nullptr) {
-    ReportOutOfMemory(__func__);
-    return nullptr;
-  }
-  InitEventSetList(list, list_name);
-  if (list->list_name == nullptr) {
-    delete list;
-    return nullptr;
-  }
-  return list;
+  return NewNamedList(list_name, InitEventSetList, ReportOutOfMemory);
 }
 
 void InitEventSetList(EventSetList* list, const char* list_name) {
   ENTERING();
-  InitList(*list, list_name);
+  InitNamedList(list, list_name, ReportOutOfMemory);
 }
 
 int AddEventSetToList(EventSetNode* enode, EventSetList* list) {
   ENTERING();
-  EventSetListElem* elem = NewElement<EventSetList>(enode);
-  if (elem == nullptr) {
-    ReportOutOfMemory(__func__);
-    return -1;
-  }
+  EventSetListElem* elem = NewElement<EventSetList>(enode, ReportOutOfMemory);
+  if (elem == nullptr) return -1;
   LinkAtTail(*list, elem);
   return 0;
 }
 
 int RemoveEventSetFromList(EventSetNode* enode, EventSetList* list) {
   ENTERING();
-  EventSetListElem* elem = FindElement(*list, enode);
-  if (elem == nullptr) {
-    zev_debug(kError, "%s: enode not found in %s\n", __func__, list->list_name);
-    TERMINATE(kInternalError);
+  if (!UnlinkNode(*list, enode)) {
+    INTERNAL_ERROR("%s: enode not found in %s\n", __func__, list->list_name);
   }
-  Unlink(*list, elem);
   return 0;
 }
 
 void EmptyEventSetList(EventSetList* list) {
   ENTERING();
-  for (EventSetNode* enode : Nodes(*list)) {
-    RemoveEventSetFromList(enode, list);
-    FreeEventSetNode(enode);
-  }
+  EmptyList(list, RemoveEventSetFromList, FreeEventSetNode);
 }
 
 void FreeEventSetList(EventSetList* list) {
@@ -149,17 +128,6 @@ int LoadEventFile(const char* event_file, EventSetList* event_sets) {
     return -1;
   }
   return AppendEventSet(event_file, re_list, event_sets);
-}
-
-int ReloadEventFiles() {
-  ENTERING();
-  SetEventNodeToNULLForAllConsoles();
-  EmptyEventSetList(ev_list);
-  if (LoadEventFiles(ev_list) != 0) {
-    zev_debug(kError, "%s: LoadEventFiles() failed.\n", __func__);
-    return -1;
-  }
-  return 0;
 }
 
 EventSetNode* FindEventNode(const char* name, const EventSetList* event_sets) {

@@ -6,7 +6,6 @@
 
 #include "fixed_text.h"
 #include "list.h"
-#include "locks.h"
 #include "reg_expr.h"
 
 struct EventSetNode {
@@ -47,10 +46,6 @@ int LoadEventFiles(EventSetList* event_sets);
 
 /// Loads one file of the events directory. 0 or -1.
 int LoadEventFile(const char* event_file, EventSetList* event_sets);
-
-/// Takes the event sets off every console, frees them and loads them again. After a failure no
-/// console has an event set until a later reload succeeds. 0 or -1.
-int ReloadEventFiles() REQUIRES(acl_lock, icl_lock);
 
 /// The first set whose name equals `name` exactly, or null.
 EventSetNode* FindEventNode(const char* name, const EventSetList* event_sets);

@@ -4,7 +4,8 @@
 // may grow long and is waited for has a watch too (socket_watch.h), which follows that set.
 //
 // A list has no lock of its own: the header that declares it says which lock the caller holds. The
-// lists' own functions (Add...ToList and so on) call the functions here and add their messages.
+// lists' own functions (Add...ToList and so on) stand on the functions here and on those of
+// list_functions.h.
 #pragma once
 
 #include <algorithm>
@@ -144,9 +145,13 @@ void Recompute(L& list) {
 template <typename L>
 class ListBatch {
  public:
-  explicit ListBatch(L& list) : list_(list) { ++list_.batches; }
+  explicit ListBatch(L& list) : list_(list) {
+    if constexpr (HasSockets<L>) ++list_.batches;
+  }
   ~ListBatch() {
-    if (--list_.batches == 0) Recompute(list_);
+    if constexpr (HasSockets<L>) {
+      if (--list_.batches == 0) Recompute(list_);
+    }
   }
   ListBatch(const ListBatch&) = delete;
   ListBatch& operator=(const ListBatch&) = delete;
@@ -212,23 +217,14 @@ void ForEachReady(L& list, const DescriptorSet& ready, Visit visit) {
   ForEachReady(list, ready, never, visit);
 }
 
-/// Makes an empty list named with a copy of `name`. `function` is the caller, for the message.
+/// Makes the list an empty one with that name.
 template <typename L>
-void InitList(L& list, const char* name, const char* function = __builtin_FUNCTION()) {
-  list.list_name = strdup(name);
-  if (list.list_name == nullptr) ReportOutOfMemory(function);  // the list does without a name
+void ClearList(L& list, const char* name) {
+  list.list_name = name;
   list.head = nullptr;
   list.tail = nullptr;
   list.count = 0;
   Recompute(list);
-}
-
-/// An element for `node` with null links; null when out of memory.
-template <typename L>
-typename L::Element* NewElement(typename L::Node* node) {
-  auto* elem = new (std::nothrow) typename L::Element{};
-  if (elem != nullptr) elem->*L::kNodeMember = node;
-  return elem;
 }
 
 /// Makes sure that appending `node` will find room in the set. False when out of memory.

@@ -8,7 +8,7 @@
 
 #include <algorithm>
 
-#include "util.h"
+#include "sockets.h"
 
 namespace {
 

@@ -12,10 +12,10 @@
 #include <string_view>
 
 #include "error.h"
-#include "event_set.h"
+#include "lists.h"
 #include "log_rename.h"
+#include "options.h"
 #include "waker.h"
-#include "zev.h"
 
 namespace {
 
@@ -112,20 +112,19 @@ uint16_t Port(const char* text) {
 
 // 0, or -1 when out of memory.
 int AddConfiguredConsole(char* const (&fields)[kFieldCount], ConsoleList* cons_list) {
-  const ConsoleSettings settings = {
-      .cons_name = fields[kName],
-      .plat_name = fields[kPlatform],
-      .ipaddr = fields[kAddress],
-      .model = fields[kModel],
-      .cons_port = Port(fields[kConsolePort]),
-      .mgmt_port = Port(fields[kManagementPort]),
-      .mapped_port = Port(fields[kUserPort]),
-      .logging = atoi(fields[kLogging]),
-      .events = atoi(fields[kEvents]),
-      .enable = atoi(fields[kEnable]),
-      .auth = atoi(fields[kAuthentication]),
-      .enode = FindEventFile(fields[kEventFile], fields[kName]),
-  };
+  ConsoleSettings settings{};
+  CopyText(settings.cname, fields[kName]);
+  CopyText(settings.pname, fields[kPlatform]);
+  CopyText(settings.ipaddr, fields[kAddress]);
+  CopyText(settings.model, fields[kModel]);
+  settings.cons_port = Port(fields[kConsolePort]);
+  settings.mgmt_port = Port(fields[kManagementPort]);
+  settings.mapped_port = Port(fields[kUserPort]);
+  settings.logging = atoi(fields[kLogging]);
+  settings.events = atoi(fields[kEvents]);
+  settings.enable = atoi(fields[kEnable]);
+  settings.auth = atoi(fields[kAuthentication]);
+  settings.enode = FindEventFile(fields[kEventFile], fields[kName]);
   ConsoleNode* cnode = NewConsoleNode(settings);
   if (cnode == nullptr) {
     zev_debug(kError, "%s: NewConsoleNode() failed.\n", kLoad);
@@ -172,25 +171,10 @@ void PrintList(const ConsoleList& list) {
   }
 }
 
-// All but the name, which the log follows.
-void CopySettings(const ConsoleNode& from, ConsoleNode* to) {
-  CopyText(to->pname, from.pname);
-  CopyText(to->ipaddr, from.ipaddr);
-  CopyText(to->model, from.model);
-  to->cons_port = from.cons_port;
-  to->mgmt_port = from.mgmt_port;
-  to->logging = from.logging;
-  to->events = from.events;
-  to->enable = from.enable.load();
-  to->mapped_port = from.mapped_port;
-  to->auth = from.auth;
-  to->enode = from.enode;
-}
-
 void Overwrite(const ConsoleNode& configured, ConsoleNode* live, LogRenames* renames)
     REQUIRES(acl_lock, icl_lock) {
   if (strcmp(live->cname, configured.cname) != 0) renames->Rename(live, configured.cname);
-  CopySettings(configured, live);
+  static_cast<ConsoleSettings&>(*live) = configured;
   live->deleted = 0;
   if (live->enable == 0) live->status = kNotConnected;
 }
@@ -281,6 +265,23 @@ int ReloadConfigFile() {
   FreeConsoleList(new_list);
   PrintConsoles();
   return 0;
+}
+
+int ReloadEventFiles() {
+  ENTERING();
+  SetEventNodeToNULLForAllConsoles();
+  EmptyEventSetList(ev_list);
+  if (LoadEventFiles(ev_list) != 0) {
+    zev_debug(kError, "%s: LoadEventFiles() failed.\n", __func__);
+    return -1;
+  }
+  return 0;
+}
+
+void SetEventNodeToNULLForAllConsoles() {
+  ENTERING();
+  for (ConsoleNode* cnode : Nodes(*i_cons_list)) cnode->enode = nullptr;
+  for (ConsoleNode* cnode : Nodes(*a_cons_list)) cnode->enode = nullptr;
 }
 
 void MergeConsoleLists(ConsoleList* new_list) {

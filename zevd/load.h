@@ -1,7 +1,7 @@
 // The console configuration file: reading it, and merging a new reading into the live lists.
 #pragma once
 
-#include "cons_conn.h"
+#include "console.h"
 #include "locks.h"
 
 /// Reads `config_file` into `cons_list`, which is empty. A malformed line is reported and left out;
@@ -11,6 +11,13 @@ int LoadConfigFile(ConsoleList* cons_list);
 
 /// Reads the file again and merges it. 0, or -1 with the live lists untouched.
 int ReloadConfigFile() REQUIRES(acl_lock, icl_lock);
+
+/// Takes the event sets off every console, frees them and loads them again. After a failure no
+/// console has an event set until a later reload succeeds. 0 or -1.
+int ReloadEventFiles() REQUIRES(acl_lock, icl_lock);
+
+/// Before the event sets are freed.
+void SetEventNodeToNULLForAllConsoles() REQUIRES(acl_lock, icl_lock);
 
 /// Takes over what `new_list` says; consoles that no live one matches are moved to i_cons_list.
 void MergeConsoleLists(ConsoleList* new_list) REQUIRES(acl_lock, icl_lock);

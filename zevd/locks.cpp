@@ -16,9 +16,7 @@ RwLock cmd_lock;
 
 namespace {
 
-constexpr int kTryRetries = 10;
-constexpr useconds_t kTryPause = 100;  // microseconds
-constexpr time_t kHungAfter = 5;       // seconds
+constexpr time_t kHungAfter = 5;  // seconds
 
 /// What differs between locking for reading and for writing. The texts that say "write" for a read
 /// lock (the request always, the grant in a pair) are part of the trace format.
@@ -163,12 +161,12 @@ ReadLockPair::~ReadLockPair() {
   if (held_) UnlockBoth(first_, second_, order_, function_);
 }
 
-void ReadLockPair::ReleaseOnlyFirst() {
+void ReadLockPair::ReleaseFirstAndKeepSecondForEver() {
   Unlock(first_, function_);
   held_ = false;
 }
 
-void ReadLockPair::ReleaseOnlySecond() {
+void ReadLockPair::ReleaseSecondAndKeepFirstForEver() {
   Unlock(second_, function_);
   held_ = false;
 }

@@ -71,6 +71,19 @@ class SCOPED_CAPABILITY ReadLock {
 /// Which of a pair's locks is released first.
 enum class Release { kFirstFirst, kSecondFirst };
 
+/// How often a pair's lock that is taken is tried again, and the pause before each of these tries
+/// in microseconds.
+inline constexpr int kTryRetries = 10;
+inline constexpr int kTryPause = 100;
+
+/// By how much the kernel may prolong a pause: the default timer slack in microseconds (prctl(2),
+/// PR_SET_TIMERSLACK).
+inline constexpr int kTimerSlack = 50;
+
+/// Microseconds for which each lock of a pair is tried, before both are left alone for a random
+/// time below one second. Whoever holds a single list lock for less keeps nobody away for long.
+inline constexpr int kPairTryTime = kTryRetries * (kTryPause + kTimerSlack);
+
 /// Two locks, both for writing. Waits for ever, but never while it holds one of them; says so once
 /// when the wait has lasted more than 5 seconds.
 class SCOPED_CAPABILITY WriteLockPair {
@@ -96,10 +109,10 @@ class SCOPED_CAPABILITY ReadLockPair {
   ReadLockPair(const ReadLockPair&) = delete;
   ReadLockPair& operator=(const ReadLockPair&) = delete;
 
-  /// Releases one of the two at once and leaves the other held for ever: the destructor then does
+  /// Releases one of the two at once and keeps the other for ever: the destructor then does
   /// nothing. For the paths that say so.
-  void ReleaseOnlyFirst() NO_THREAD_SAFETY_ANALYSIS;
-  void ReleaseOnlySecond() NO_THREAD_SAFETY_ANALYSIS;
+  void ReleaseFirstAndKeepSecondForEver() NO_THREAD_SAFETY_ANALYSIS;
+  void ReleaseSecondAndKeepFirstForEver() NO_THREAD_SAFETY_ANALYSIS;
 
  private:
   RwLock& first_;

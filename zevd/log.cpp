@@ -18,11 +18,11 @@
 #include "event_set.h"
 #include "log_directory.h"
 #include "matcher.h"
+#include "options.h"
 #include "reg_expr.h"
 #include "safe_file.h"
 #include "timestamp.h"
-#include "user_conn.h"
-#include "zev.h"
+#include "user.h"
 
 namespace {
 

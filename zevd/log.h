@@ -6,7 +6,7 @@
 // share, the directories, takes care of itself (log_directory.h).
 #pragma once
 
-#include "cons_conn.h"
+#include "console.h"
 
 // ---- Logs ---------------------------------------------------------------------------------------
 

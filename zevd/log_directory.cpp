@@ -13,16 +13,15 @@
 #include <string_view>
 
 #include "error.h"
+#include "options.h"
 #include "timestamp.h"
-#include "zev.h"
 
 namespace {
 
 constexpr char kCurrent[] = "current";
 constexpr mode_t kDirMode = 0770;
 
-/// The link and the directories.
-std::mutex directory_mutex;
+Mutex directory_mutex;  // the link and the directories
 
 /// Change time of the current dated directory, 0 when not yet known.
 std::atomic<time_t> log_dir_creation_time{0};
@@ -88,8 +87,7 @@ int OpenCurrDir() {
   return name.is_valid() ? OpenRealDirectory(dated.get(), name.text()) : -1;
 }
 
-// The caller holds directory_mutex.
-bool EnsureDirectories() {
+bool EnsureDirectories() REQUIRES(directory_mutex) {
   if (ZevDatedDirExists() == 0 && CreateZevDatedDir() != 0) return false;
   return SymlinkToCurrDirExists() != 0 || CreateSymlinkToCurrDir() == 0;
 }
@@ -135,7 +133,7 @@ int LogDirExpired() {
 void ArchiveLogDir() {
   ENTERING();
   zev_debug(kInfo, "%s: Archiving log directory\n", __func__);
-  const std::lock_guard lock(directory_mutex);
+  const MutexLock lock(directory_mutex);
   RemoveSymlinkToCurrDir();
   CreateSymlinkToCurrDir();
 }

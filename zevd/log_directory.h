@@ -10,8 +10,8 @@
 #pragma once
 
 #include <cstddef>
-#include <mutex>
 
+#include "mutex.h"
 #include "paths.h"
 #include "safe_file.h"
 
@@ -39,7 +39,7 @@ class CurrentLogDir {
   int descriptor() const { return directory_.get(); }
 
  private:
-  const std::lock_guard<std::mutex> lock_;
+  const MutexLock lock_;
   const bool exists_;
   const ScopedDescriptor directory_;
 };

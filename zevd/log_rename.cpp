@@ -11,9 +11,9 @@
 #include <new>
 
 #include "error.h"
+#include "lists.h"
 #include "log.h"
 #include "log_directory.h"
-#include "zev.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <cstddef>
 
-#include "cons_conn.h"
+#include "console.h"
 #include "locks.h"
 
 /// The renames of one reload. Which console has which log open is looked at once, at the first of

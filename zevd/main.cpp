@@ -9,20 +9,22 @@
 
 #include "archive_time.h"
 #include "audit.h"
+#include "cancellation.h"
 #include "cons_mon.h"
 #include "cookie.h"
 #include "error.h"
 #include "event.h"
-#include "event_set.h"
 #include "fixed_text.h"
+#include "lists.h"
 #include "load.h"
 #include "lock_file.h"
 #include "log.h"
 #include "log_directory.h"
 #include "matcher.h"
 #include "matcher_process.h"
+#include "models.h"
+#include "options.h"
 #include "paths.h"
-#include "util.h"
 #include "zev.h"
 #include "zev_signal.h"
 
@@ -96,6 +98,7 @@ int main(int argc, char** argv) {
   if (IsMatcherProcess(argc, argv)) MatcherMain();
   OccupyStandardDescriptors();
   OutliveReaders();
+  PostDaemonErrorsToJix();
   ClearThreadNames();
   RegisterThread("main");
   ENTERING();

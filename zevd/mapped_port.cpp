@@ -5,22 +5,18 @@
 #include <cstring>
 #include <new>
 
+#include "cancellation.h"
 #include "error.h"
-#include "event.h"
-#include "user_conn.h"
-#include "util.h"
-#include "zev.h"
+#include "list_functions.h"
+#include "options.h"
+#include "user.h"
 
-PendingLoginsMutex pending_logins_mutex;
+Mutex pending_logins_mutex;
+std::atomic<int> refresh_mapped_ports{0};
 
 namespace {
 
 constexpr char kInconsistent[] = "Internal error";
-
-void ReportNoMemory(const char* function) {
-  SetUserError(kOutOfMemory);
-  ReportOutOfMemory(function);
-}
 
 [[noreturn]] void PortNotFound(const char* function, uint16_t port) {
   zev_debug(kError, "%s: port %d not found\n", function, port);
@@ -95,39 +91,22 @@ MappedPortNode* NewMappedPortNode(int sock, uint16_t port) {
 
 MappedPortListElem* NewMappedPortListElem(MappedPortNode* mpnode) {
   ENTERING();
-  MappedPortListElem* elem = NewElement<MappedPortList>(mpnode);
-  if (elem == nullptr) ReportNoMemory(__func__);
-  return elem;
+  return NewElement<MappedPortList>(mpnode, ReportNoMemory);
 }
 
 MappedPortList* NewMappedPortList(const char* list_name) {
   ENTERING();
-  auto* list = new (std::nothrow) MappedPortList;
-  if (list == nullptr) {
-    ReportNoMemory(__func__);
-    return nullptr;
-  }
-  InitMappedPortList(list, list_name);
-  if (list->list_name == nullptr) {
-    delete list;
-    return nullptr;
-  }
-  return list;
+  return NewNamedList(list_name, InitMappedPortList, ReportNoMemory);
 }
 
 void InitMappedPortList(MappedPortList* list, const char* list_name) {
   ENTERING();
-  InitList(*list, list_name);
+  InitNamedList(list, list_name, ReportNoMemory);
 }
 
 int AddMappedPortToList(MappedPortNode* mpnode, MappedPortList* list) {
   ENTERING();
-  MappedPortListElem* elem = nullptr;
-  if (ReserveFor(*list, mpnode)) {
-    elem = NewMappedPortListElem(mpnode);
-  } else {
-    ReportNoMemory(__func__);
-  }
+  MappedPortListElem* elem = MakeElement(*list, mpnode, NewMappedPortListElem, ReportNoMemory);
   if (elem == nullptr) {
     zev_debug(kError, "%s: NewMappedPortListElem() returned NULL\n", __func__);
     return -1;
@@ -141,16 +120,10 @@ int AddMappedPortToList(MappedPortNode* mpnode, MappedPortList* list) {
 
 int RemoveMappedPortFromList(MappedPortNode* mpnode, MappedPortList* list) {
   ENTERING();
-  MappedPortListElem* elem = FindElement(*list, mpnode);
-  if (elem == nullptr) {
-    zev_debug(kError, "%s: mpnode not found in %s\n", __func__, list->list_name);
-    TERMINATE(kInternalError);
+  if (!UnlinkNode(*list, mpnode)) {
+    INTERNAL_ERROR("%s: mpnode not found in %s\n", __func__, list->list_name);
   }
-  Unlink(*list, elem);
-  if (list->count < 0) {
-    zev_debug(kError, "%s: mplist->count = %d\n", __func__, list->count);
-    TERMINATE(kInternalError);
-  }
+  if (list->count < 0) INTERNAL_ERROR("%s: mplist->count = %d\n", __func__, list->count);
   Recompute(*list);
   return 0;
 }
@@ -218,4 +191,9 @@ int GetPendingLogins(MappedPortList* list, uint16_t port) {
   const MappedPortNode* mpnode = FindPort(list, port);
   if (mpnode == nullptr) PortNotFound(__func__, port);
   return mpnode->pending_logins;
+}
+
+void RefreshMappedPorts() {
+  ENTERING();
+  refresh_mapped_ports = 1;
 }

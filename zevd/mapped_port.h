@@ -11,18 +11,10 @@
 #include <cstdint>
 
 #include "list.h"
-#include "thread_safety.h"
+#include "mutex.h"
 
-/// Guards the structure of mapped_port_list and `pending_logins` and `thread_ids` of its nodes.
-class CAPABILITY("mutex") PendingLoginsMutex {
- public:
-  pthread_mutex_t* native() { return &native_; }
-
- private:
-  pthread_mutex_t native_ = PTHREAD_MUTEX_INITIALIZER;
-};
-
-extern PendingLoginsMutex pending_logins_mutex;
+/// Guards the structure of mapped_port_list and `thread_ids` of its nodes.
+extern Mutex pending_logins_mutex;
 
 /// Holds pending_logins_mutex. A mutex that cannot be locked ends the process.
 class SCOPED_CAPABILITY PendingLoginsGuard {
@@ -39,8 +31,10 @@ struct MappedPortNode {
   /// serv_conn threads at work for connections of this port. Changed under the mutex; the accepting
   /// loop reads it without.
   std::atomic<int> pending_logins;
-  pthread_t* thread_ids;  ///< the first `pending_logins` are those threads, in order of arrival
-  int thread_id_room;     ///< slots of `thread_ids`; grows, because the main port refuses nobody
+  /// The first `pending_logins` are those threads, in order of arrival.
+  pthread_t* thread_ids GUARDED_BY(pending_logins_mutex);
+  /// Slots of `thread_ids`; grows, because the main port refuses nobody.
+  int thread_id_room GUARDED_BY(pending_logins_mutex);
   uint16_t port;
 };
 
@@ -54,10 +48,11 @@ struct MappedPortListElem {
 using MappedPortList = SocketList<MappedPortListElem, &MappedPortListElem::mpnode>;
 
 // ---- Records and lists --------------------------------------------------------------------------
-// ----------------------------------------------------------------------------- Allocation failures
-// set u_err_msg to error 013, are reported, and give null.
 
-MappedPortNode* NewMappedPortNode(int sock, uint16_t port);
+// Allocation failures set u_err_msg to error 013, are reported, and give null.
+
+MappedPortNode* NewMappedPortNode(int sock, uint16_t port)
+    NO_THREAD_SAFETY_ANALYSIS;  // nobody else knows the node yet
 MappedPortListElem* NewMappedPortListElem(MappedPortNode* mpnode);
 MappedPortList* NewMappedPortList(const char* list_name);
 void InitMappedPortList(MappedPortList* list, const char* list_name);
@@ -77,7 +72,8 @@ void EmptyMappedPortList(MappedPortList* list) REQUIRES(pending_logins_mutex);
 void FreeMappedPortList(MappedPortList* list) REQUIRES(pending_logins_mutex);
 
 /// Frees the node; does not close its socket.
-void FreeMappedPortNode(MappedPortNode* mpnode);
+void FreeMappedPortNode(MappedPortNode* mpnode)
+    NO_THREAD_SAFETY_ANALYSIS;  // nobody else knows the node any more
 
 // ---- Pending logins; a port or thread that is not known ends the process ------------------------
 
@@ -91,3 +87,10 @@ void DecrementPendingLogins(MappedPortList* list, uint16_t port, pthread_t tid)
     EXCLUDES(pending_logins_mutex);
 
 int GetPendingLogins(MappedPortList* list, uint16_t port) EXCLUDES(pending_logins_mutex);
+
+// ---- Refreshing ---------------------------------------------------------------------------------
+
+extern std::atomic<int> refresh_mapped_ports;  ///< 1: the ports are to be looked at again
+
+/// Asks for the ports to be matched with the configuration again. Any thread.
+void RefreshMappedPorts();

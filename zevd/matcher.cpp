@@ -14,15 +14,13 @@
 #include <cstring>
 #include <new>
 
-#include "cons_conn.h"
+#include "clock.h"
 #include "error.h"
 #include "event.h"
-#include "event_set.h"
 #include "fixed_text.h"
+#include "lists.h"
 #include "matcher_process.h"
-#include "util.h"
 #include "waker.h"
-#include "zev.h"
 
 /// A line that waits for its answer; the text follows the record.
 struct MatcherLine {
@@ -159,7 +157,7 @@ void Matcher::Take(const char* cname, uint32_t set, std::string_view record) {
   // A NUL ends the text, as it does in the daemon's own matching.
   const std::string_view text = record.substr(0, std::min(record.find('\0'), kTextSize - 1));
   const size_t size = sizeof(MatcherLine) + text.size();
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   void* room = queued_ + size > kQueueSize ? nullptr : operator new(size, std::nothrow);
   if (room == nullptr) {
     if (lost_++ == 0) lost_since_ = MonotonicMicroseconds();
@@ -211,7 +209,7 @@ void Matcher::ReportLost(int64_t now) {
 
 void Matcher::SetsChanged() {
   ENTERING();
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   wanted_ = FindNode(*ev_list, IsForMatcher) != nullptr;
   if (!wanted_ && sock_ != -1) {
     dismissed_ = true;
@@ -266,13 +264,13 @@ void Matcher::Serve() {
     MatcherMessage message;
     MatcherLine* matched = nullptr;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (TakeAnswer(&message, &matched) == Step::kDone) break;
     }
     if (matched != nullptr) PostMatch(matched, message);
     operator delete(matched);
   }
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!wanted_ && pid_ == -1 && lost_ == 0) return;
   const int64_t now = MonotonicMicroseconds();
   Reap(now);

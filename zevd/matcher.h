@@ -11,11 +11,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string_view>
 
 #include "locks.h"
 #include "matcher_wire.h"
+#include "mutex.h"
 
 struct MatcherLine;
 
@@ -44,40 +44,44 @@ class Matcher {
  private:
   enum class Step { kDone, kAgain };
 
-  // mutex_ is held.
-  Step TakeAnswer(MatcherMessage* message, MatcherLine** matched);
-  MatcherLine* AnswerOf(const MatcherMessage& message);
-  void NoteLeftOut(const MatcherMessage& message);
-  void Start(int64_t now);
-  void LoseConnection();
-  void Reap(int64_t now);
-  void SendSets();
-  void SendLines();
-  MatcherLine* RemoveFirst();
-  void DropUnsent();
-  void ReportLost(int64_t now);
+  Step TakeAnswer(MatcherMessage* message, MatcherLine** matched) REQUIRES(mutex_);
+  MatcherLine* AnswerOf(const MatcherMessage& message) REQUIRES(mutex_);
+  void NoteLeftOut(const MatcherMessage& message) REQUIRES(mutex_);
+  void Start(int64_t now) REQUIRES(mutex_);
+  void LoseConnection() REQUIRES(mutex_);
+  void Reap(int64_t now) REQUIRES(mutex_);
+  void SendSets() REQUIRES(mutex_);
+  void SendLines() REQUIRES(mutex_);
+  MatcherLine* RemoveFirst() REQUIRES(mutex_);
+  void DropUnsent() REQUIRES(mutex_);
+  void ReportLost(int64_t now) REQUIRES(mutex_);
 
   const Starter start_;
 
-  std::mutex mutex_;               ///< guards all that follows; a leaf but for the debug lock
-  bool wanted_ = false;            ///< some set needs the matcher
-  bool answered_ = false;          ///< the present one has said something
-  bool dismissed_ = false;         ///< it ends because it is not wanted
-  bool forgotten_ = false;         ///< it has been told to forget former sets
-  bool sets_told_ = false;         ///< it knows all sets
-  size_t patterns_told_ = 0;       ///< of all sets together
-  int sock_ = -1;                  ///< -1: no connection
-  pid_t pid_ = -1;                 ///< -1: there is none to be waited for
-  int last_error_ = 0;             ///< of the last start
-  int64_t start_time_ = 0;         ///< microseconds: when the next one may be started
-  int64_t delay_ = 0;              ///< microseconds: between the last start and the next
-  MatcherLine* first_ = nullptr;   ///< the lines without an answer, the oldest one
-  MatcherLine* last_ = nullptr;    ///< the newest one
-  MatcherLine* unsent_ = nullptr;  ///< the oldest one that the matcher does not have
-  size_t queued_ = 0;              ///< bytes of those lines
-  uint64_t last_line_ = 0;         ///< number of the newest line
-  unsigned long lost_ = 0;         ///< lines that found no room and have not been told of
-  int64_t lost_since_ = 0;         ///< microseconds: when the first of them was
+  Mutex mutex_;                                  ///< a leaf but for the debug lock
+  bool wanted_ GUARDED_BY(mutex_) = false;       ///< some set needs the matcher
+  bool answered_ GUARDED_BY(mutex_) = false;     ///< the present one has said something
+  bool dismissed_ GUARDED_BY(mutex_) = false;    ///< it ends because it is not wanted
+  bool forgotten_ GUARDED_BY(mutex_) = false;    ///< it has been told to forget former sets
+  bool sets_told_ GUARDED_BY(mutex_) = false;    ///< it knows all sets
+  size_t patterns_told_ GUARDED_BY(mutex_) = 0;  ///< of all sets together
+  int sock_ GUARDED_BY(mutex_) = -1;             ///< -1: no connection
+  pid_t pid_ GUARDED_BY(mutex_) = -1;            ///< -1: there is none to be waited for
+  int last_error_ GUARDED_BY(mutex_) = 0;        ///< of the last start
+  /// Microseconds: when the next one may be started.
+  int64_t start_time_ GUARDED_BY(mutex_) = 0;
+  /// Microseconds: between the last start and the next.
+  int64_t delay_ GUARDED_BY(mutex_) = 0;
+  /// The lines without an answer, the oldest one.
+  MatcherLine* first_ GUARDED_BY(mutex_) = nullptr;
+  MatcherLine* last_ GUARDED_BY(mutex_) = nullptr;  ///< the newest one
+  /// The oldest one that the matcher does not have.
+  MatcherLine* unsent_ GUARDED_BY(mutex_) = nullptr;
+  size_t queued_ GUARDED_BY(mutex_) = 0;       ///< bytes of those lines
+  uint64_t last_line_ GUARDED_BY(mutex_) = 0;  ///< number of the newest line
+  /// Lines that found no room and have not been told of.
+  unsigned long lost_ GUARDED_BY(mutex_) = 0;
+  int64_t lost_since_ GUARDED_BY(mutex_) = 0;  ///< microseconds: when the first of them was
 };
 
 /// The one of the daemon, which is the daemon's own program.

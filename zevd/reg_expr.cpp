@@ -15,6 +15,7 @@
 
 #include "error.h"
 #include "hard_pattern.h"
+#include "list_functions.h"
 #include "literal_filter.h"
 
 /// The filter knows patterns by number; these are the nodes in the same order.
@@ -237,33 +238,20 @@ void FreeRegExNode(RegExNode* node) {
 
 RegExList* NewRegExList(const char* list_name) {
   ENTERING();
-  auto* list = new (std::nothrow) RegExList;
-  if (list == nullptr) {
-    ReportOutOfMemory(__func__);
-    return nullptr;
-  }
-  InitRegExList(list, list_name);
-  if (list->list_name == nullptr) {
-    delete list;
-    return nullptr;
-  }
-  return list;
+  return NewNamedList(list_name, InitRegExList, ReportOutOfMemory);
 }
 
 void InitRegExList(RegExList* list, const char* list_name) {
   ENTERING();
-  InitList(*list, list_name);
+  InitNamedList(list, list_name, ReportOutOfMemory);
   list->filter = nullptr;
   list->matcher_set = 0;
 }
 
 int AddRegExToList(RegExNode* node, RegExList* list) {
   ENTERING();
-  RegExListElem* elem = NewElement<RegExList>(node);
-  if (elem == nullptr) {
-    ReportOutOfMemory(__func__);
-    return -1;
-  }
+  RegExListElem* elem = NewElement<RegExList>(node, ReportOutOfMemory);
+  if (elem == nullptr) return -1;
   DropFilter(list);
   LinkAtTail(*list, elem);
   zev_debug(kTrace, "%s: Added command to %s.\n", __func__, list->list_name);
@@ -272,22 +260,16 @@ int AddRegExToList(RegExNode* node, RegExList* list) {
 
 int RemoveRegExFromList(RegExNode* node, RegExList* list) {
   ENTERING();
-  RegExListElem* elem = FindElement(*list, node);
-  if (elem == nullptr) {
-    zev_debug(kError, "%s: node not found in %s\n", __func__, list->list_name);
-    TERMINATE(kInternalError);
+  if (!UnlinkNode(*list, node)) {
+    INTERNAL_ERROR("%s: node not found in %s\n", __func__, list->list_name);
   }
   DropFilter(list);
-  Unlink(*list, elem);
   return 0;
 }
 
 void EmptyRegExList(RegExList* list) {
   ENTERING();
-  for (RegExNode* node : Nodes(*list)) {
-    RemoveRegExFromList(node, list);
-    FreeRegExNode(node);
-  }
+  EmptyList(list, RemoveRegExFromList, FreeRegExNode);
   list->matcher_set = 0;
 }
 

@@ -14,15 +14,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include "audit.h"
+#include "cancellation.h"
+#include "clock.h"
 #include "cookie.h"
 #include "counters.h"
 #include "error.h"
 #include "fixed_text.h"
+#include "mutex.h"
 #include "paths.h"
-#include "user_conn.h"
+#include "sockets.h"
+#include "user.h"
 #include "utf8.h"
 #include "util.h"
 
@@ -381,8 +384,8 @@ int AuthenticateOnLinux(const char* username, const char* password, const char* 
 
 int IsInQORUserGroup(const char* username) {
   ENTERING();
-  static std::mutex group_database_mutex;  // the walk has one position for the whole process
-  const std::lock_guard lock(group_database_mutex);
+  static Mutex group_database_mutex;  // the walk has one position for the whole process
+  const MutexLock lock(group_database_mutex);
   bool member = false;
   setgrent();
   for (const group* entry = getgrent(); entry != nullptr && !member; entry = getgrent()) {

@@ -5,8 +5,8 @@
 
 #include <netinet/in.h>
 
+#include "cookie.h"
 #include "identity.h"
-#include "user_conn.h"
 
 /// 0 when the client is authenticated, with its argument line in `buf` (at most `size` - 1 bytes)
 /// and the name that it proved, if any, in `identity`; -1 otherwise, with u_err_msg set where a

@@ -4,7 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "util.h"
+#include "clock.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ uint64_t BytesTaken(int sock) {
 }  // namespace
 
 bool Stall::IsTooLong(int sock, const StallLimits& limits) {
-  const int64_t now = MonotonicMicroseconds() / 1000;
+  const int64_t now = MonotonicMilliseconds();
   const uint64_t taken = BytesTaken(sock);
   if (since_ < 0) {
     since_ = now;

@@ -1,16 +1,15 @@
 #include "status.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <new>
 #include <string>
 
-#include "cmd_mon.h"
+#include "answer.h"
 #include "counters.h"
 #include "error.h"
 #include "json_text.h"
-#include "zev.h"
+#include "lists.h"
+#include "query.h"
 
 namespace {
 
@@ -22,16 +21,6 @@ struct CodeRow {
 constexpr CodeRow kStates[] = {{"0", "connected"}, {"1", "in-use"},     {"2", "not-connected"},
                                {"3", "refused"},   {"4", "connecting"}, {"5", "disabled"}};
 constexpr char kOtherState[] = "unknown";
-
-struct ModeRow {
-  int mode;
-  const char* word;
-};
-
-constexpr ModeRow kModes[] = {{kReadOnly, "read-only"},
-                              {kShared, "shared"},
-                              {kExclusive, "exclusive"},
-                              {kExclusiveRevocable, "exclusive-revoke"}};
 
 struct CounterRow {
   const char* key;
@@ -79,14 +68,7 @@ const char* StateWord(const ConsoleNode* cnode) {
   return kOtherState;
 }
 
-const char* ModeWord(int mode) {
-  for (const ModeRow& row : kModes) {
-    if (row.mode == mode) return row.word;
-  }
-  return "unknown";
-}
-
-void ReportUser(JsonText& json, const UserNode* unode) {
+void AppendUser(JsonText& json, const UserNode* unode) {
   const Identity& identity = unode->identity;
   json.BeginObject();
   json.Key("user").TextOrNull(identity.user);
@@ -98,7 +80,7 @@ void ReportUser(JsonText& json, const UserNode* unode) {
   json.EndObject();
 }
 
-void ReportConsole(std::string& text, const ConsoleNode* cnode) {
+void AppendConsole(std::string& text, const ConsoleNode* cnode) {
   JsonText json(text);
   json.BeginObject();
   json.Key("console").Text(cnode->cname);
@@ -106,7 +88,7 @@ void ReportConsole(std::string& text, const ConsoleNode* cnode) {
   json.Key("since").Time(std::max(cnode->status.since(), cnode->enable.since()));
   json.Key("last_output").Time(cnode->last_output);
   json.Key("users").BeginArray();
-  for (const UserNode* unode : Nodes(*cnode->user_list)) ReportUser(json, unode);
+  for (const UserNode* unode : Nodes(*cnode->user_list)) AppendUser(json, unode);
   json.EndArray().EndObject();
   text += '\n';
 }
@@ -115,14 +97,13 @@ std::string StatusOf(const char* cons_name) REQUIRES_SHARED(acl_lock, icl_lock) 
   std::string text;
   for (const ConsoleList* list : {a_cons_list, i_cons_list}) {
     for (const ConsoleNode* cnode : Nodes(*list)) {
-      const bool wanted = cons_name == nullptr || strcasecmp(cnode->cname, cons_name) == 0;
-      if (wanted) ReportConsole(text, cnode);
+      if (IsCalled(*cnode, cons_name)) AppendConsole(text, cnode);
     }
   }
   return text;
 }
 
-void ReportLastReload(JsonText& json) {
+void AppendLastReload(JsonText& json) {
   time_t at = 0;
   const ReloadResult result = LastReload(&at);
   const char* word = "";
@@ -139,7 +120,7 @@ std::string Stats() {
   json.BeginObject();
   json.Key("started").Time(CountingSince());
   for (const CounterRow& row : kCounters) json.Key(row.key).Number((counters.*row.counter).Get());
-  ReportLastReload(json);
+  AppendLastReload(json);
   json.EndObject();
   return text + '\n';
 }

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <ctime>
 
-#include "zev_signal.h"
+#include "signal_hold.h"
 
 namespace {
 

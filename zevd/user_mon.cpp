@@ -14,18 +14,19 @@
 #include <cstring>
 
 #include "audit.h"
+#include "clock.h"
+#include "console_users.h"
 #include "counters.h"
 #include "error.h"
+#include "lists.h"
 #include "liveness.h"
 #include "socket_watch.h"
-#include "util.h"
+#include "threads.h"
 #include "waker.h"
-#include "zev.h"
 #include "zev_signal.h"
 
 namespace {
 
-constexpr useconds_t kPassPause = 500;  // microseconds
 constexpr timeval kSelectLimit = {2, 0};
 constexpr size_t kChunkSize = 8192;
 
@@ -44,7 +45,7 @@ void CloseAfterReceiveFailure(UserNode* unode, ssize_t result) {
 }
 
 // The reason is reported at the removal, where the console's name may be read.
-void DropTypingUser(UserNode* unode, int error) {
+void DropTypingUser(UserNode* unode, int error) REQUIRES(ul_lock) {
   unode->send_error = error;
   CloseUserConnection(unode, "The console took no input.");
 }
@@ -74,7 +75,7 @@ void Consume(UserNode* unode, char* buf, ssize_t count) {
 // What the console does not take yet stays in the user's socket, so that nobody else waits and the
 // user's client is slowed down instead of losing keys. A console that takes nothing for too long
 // costs the user the connection.
-void RelayToConsole(UserNode* unode, char* buf, ssize_t seen) {
+void RelayToConsole(UserNode* unode, char* buf, ssize_t seen) REQUIRES(ul_lock) {
   const ssize_t sent = ForwardToConsole(unode, buf, seen);
   if (sent == 0) {
     if (unode->console_stall.IsTooLong(unode->cnode->sock, kConsoleStall))
@@ -88,7 +89,7 @@ void RelayToConsole(UserNode* unode, char* buf, ssize_t seen) {
 }
 
 // Takes what one peek sees off a readable user. A read-only user's input is thrown away.
-void ReadUser(UserNode* unode) {
+void ReadUser(UserNode* unode) REQUIRES(ul_lock) {
   char buf[kChunkSize];
   const ssize_t seen = recv(unode->sock, buf, sizeof buf, MSG_PEEK);
   if (seen <= 0) {
@@ -102,7 +103,7 @@ void ReadUser(UserNode* unode) {
 
 // Of those who type at a console that has no room for all of it, each gets some in turn: who sends
 // much would otherwise take what room there is in every pass.
-bool HasWaitedLonger(const UserNode* unode, const UserNode* other) {
+bool HasWaitedLonger(const UserNode* unode, const UserNode* other) REQUIRES(ul_lock) {
   return unode->console_stall.IsLongerThan(other->console_stall);
 }
 
@@ -113,7 +114,7 @@ void DropReference(ConsoleNode* cnode) {
   TERMINATE(kInternalError);
 }
 
-void ReportSendError(const UserNode* unode) {
+void ReportSendError(const UserNode* unode) REQUIRES(ul_lock) {
   if (unode->send_error == 0) return;
   zev_debug(kInfo, "%s: send() to console \"%s\" failed : %s\n", "ProcessUserInput",
             unode->cnode->cname, strerror(unode->send_error));
@@ -182,14 +183,6 @@ void* UserMonitorThreadStart(void* /*unused*/) {
   ENTERING();
   BlockSignal(SIGTERM);
   MonitorUserInput();
-}
-
-void CloseUserConnection(UserNode* unode, const char* reason) {
-  ENTERING();
-  const char* none = nullptr;
-  unode->close_reason.compare_exchange_strong(none, reason);
-  unode->connected = 0;
-  user_mon_waker.Wake();
 }
 
 void MonitorUserInput() {

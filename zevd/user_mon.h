@@ -3,13 +3,9 @@
 
 #include "descriptor_set.h"
 #include "locks.h"
-#include "user_conn.h"
+#include "user.h"
 
 void* UserMonitorThreadStart(void* unused);
-
-/// Marks one user for removal and wakes the monitor, which does the rest. `reason`, a string
-/// of static lifetime, is what the system log says; the first counts. Any thread; takes no lock.
-void CloseUserConnection(UserNode* unode, const char* reason = "The daemon closed the connection.");
 
 // ---- The monitor's own steps --------------------------------------------------------------------
 

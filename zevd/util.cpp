@@ -1,11 +1,8 @@
 #include "util.h"
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -14,14 +11,11 @@
 #include <cstdint>
 #include <cstring>
 
+#include "cancellation.h"
+#include "clock.h"
 #include "error.h"
 #include "liveness.h"
-#include "user_conn.h"
-#include "zev_signal.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/asan_interface.h>
-#endif
+#include "user.h"
 
 namespace {
 
@@ -37,14 +31,9 @@ constexpr unsigned char kLineFeed = 10;
 constexpr unsigned char kCarriageReturn = 13;
 constexpr unsigned char kDelete = 127;
 
-constexpr int64_t kMicrosecondsPerSecond = 1000000;
 constexpr int64_t kAfterCarriageReturn = 100;  // microseconds to wait for the rest of a line end
 
 constexpr time_t kLookForPeer = 10;  // seconds between checks that a silent client is still there
-
-// For the few sends that wait for their peer, and for a whole replay.
-constexpr timeval kSendLimit = {0, 200000};
-constexpr int kSendBuffer = 256 * 1024;
 
 // Waits until `sock` has something to read. poll() takes descriptors of any number. Returns what
 // ppoll() does.
@@ -256,31 +245,6 @@ bool TelnetByteReady(int sock) {
 
 }  // namespace
 
-void EndIfCancelled() {
-  int state = PTHREAD_CANCEL_DISABLE;
-  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
-#if defined(__SANITIZE_ADDRESS__)
-  // The frames of a cancelled thread end without running their ends. AddressSanitizer is told so
-  // for exceptions, but not for cancellation.
-  __asan_handle_no_return();
-#endif
-  pthread_testcancel();
-  pthread_setcancelstate(state, nullptr);
-}
-
-void CancelServiceThread(pthread_t tid) {
-  pthread_cancel(tid);
-  pthread_kill(tid, kCancelSignal);
-}
-
-int ArrangeCancelSignal() {
-  struct sigaction action {};
-  action.sa_handler = [](int) {};  // the interrupted wait is all that is wanted
-  sigemptyset(&action.sa_mask);
-  sigaction(kCancelSignal, &action, nullptr);
-  return BlockSignal(kCancelSignal);
-}
-
 int ReadLineWithTimeout(int sock, char* buf, int size, time_t wait_time) {
   ENTERING();
   const int waited = AwaitInput(sock, wait_time);
@@ -337,52 +301,4 @@ void DrainTelnetControlSequence(int sock, char* telnet_cmd, int size) {
     }
   }
   telnet_cmd[count] = '\0';
-}
-
-int64_t MonotonicMicroseconds() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * kMicrosecondsPerSecond + now.tv_nsec / 1000;
-}
-
-int64_t MonotonicMilliseconds() {
-  return MonotonicMicroseconds() / 1000;
-}
-
-bool Throttle::IsDue() {
-  const int64_t now = MonotonicMilliseconds();
-  if (now < next_) return false;
-  next_ = now + interval_;
-  return true;
-}
-
-void SetSocketFlag(int sock, int level, int option) {
-  const int on = 1;
-  setsockopt(sock, level, option, &on, sizeof on);
-}
-
-void PrepareRelaySocket(int sock) {
-  SetSocketFlag(sock, IPPROTO_TCP, TCP_NODELAY);
-  setsockopt(sock, SOL_SOCKET, SO_SNDTIMEO, &kSendLimit, sizeof kSendLimit);
-  setsockopt(sock, SOL_SOCKET, SO_SNDBUF, &kSendBuffer, sizeof kSendBuffer);
-}
-
-bool HasSendRoom(int sock) {
-  pollfd writable = {sock, POLLOUT, 0};
-  return poll(&writable, 1, 0) != 0;
-}
-
-SendBudget::SendBudget() : deadline_(MonotonicMicroseconds() + kSendLimit.tv_usec) {}
-
-ssize_t SendBudget::Send(int sock, const char* buf, size_t count, int flags) {
-  for (;;) {
-    const ssize_t sent = send(sock, buf, count, flags | MSG_DONTWAIT);
-    if (sent >= 0 || errno != EAGAIN) return sent;
-    const int64_t left = (deadline_ - MonotonicMicroseconds()) / 1000;
-    pollfd writable = {sock, POLLOUT, 0};
-    if (left <= 0 || poll(&writable, 1, static_cast<int>(left)) <= 0) {
-      errno = EAGAIN;
-      return -1;
-    }
-  }
 }

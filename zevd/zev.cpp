@@ -1,10 +1,8 @@
-// Options, detaching, the global lists and the creation of the worker threads. All of it runs on
-// the main thread before there is another, except ParkIfAsked().
 #include "zev.h"
 
 #include <fcntl.h>
 #include <getopt.h>
-#include <sys/prctl.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -13,60 +11,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "audit.h"
+#include "cmd_mon.h"
+#include "cons_conn.h"
 #include "counters.h"
 #include "error.h"
-#include "event.h"
+#include "lists.h"
 #include "lock_file.h"
+#include "options.h"
 #include "paths.h"
 #include "safe_file.h"
+#include "user_conn.h"
 #include "user_mon.h"
 #include "waker.h"
-
-int debug_level = 0;
-int security_enabled = 1;
-int cons_buf_size = 0;
-int suppress_cr = 1;
-int foreground = 0;
-int32_t log_archive_time = 604800;  // seven days
-int USE_CMD_LINE_ARCH_TIME = 0;
-uint16_t user_port = 6500;
-int max_pending_logins = 5;
-const char* log_dir = kLogDir;
-const char* config_file = kConfigFile;
-const char* progname = nullptr;
-
-namespace {
-
-// Room for a list that needs no memory of its own and is never destroyed: threads may still use it
-// while the process ends.
-template <typename L>
-struct Room {
-  alignas(L) std::byte bytes[sizeof(L)];
-  L* Make() { return new (bytes) L; }
-};
-
-Room<ConsoleList> room_of_a_cons_list;
-Room<ConsoleList> room_of_i_cons_list;
-Room<UserList> room_of_user_list;
-Room<CommandList> room_of_cmd_list;
-Room<EventSetList> room_of_ev_list;
-Room<MappedPortList> room_of_mapped_port_list;
-
-}  // namespace
-
-ConsoleList* const a_cons_list = room_of_a_cons_list.Make();
-ConsoleList* const i_cons_list = room_of_i_cons_list.Make();
-UserList* const user_list = room_of_user_list.Make();
-CommandList* const cmd_list = room_of_cmd_list.Make();
-EventSetList* const ev_list = room_of_ev_list.Make();
-MappedPortList* const mapped_port_list = room_of_mapped_port_list.Make();
-ModelList model_list;
-
-std::atomic<unsigned> thread_waitreq_mask{0};
-std::atomic<unsigned> thread_waiting_mask{0};
 
 namespace {
 
@@ -216,19 +174,6 @@ void CreateThread(pthread_t* thread, pthread_attr_t* attr, void* (*start)(void*)
 
 }  // namespace
 
-void ShareWakeUps() {
-  constexpr unsigned long kLater = 500'000;  // nanoseconds
-  prctl(PR_SET_TIMERSLACK, kLater, 0, 0, 0);
-}
-
-void ParkIfAsked(unsigned bit) {
-  constexpr useconds_t kStep = 100;  // microseconds
-  if ((thread_waitreq_mask & bit) == 0) return;
-  thread_waiting_mask |= bit;
-  while ((thread_waitreq_mask & bit) != 0) usleep(kStep);
-  thread_waiting_mask &= ~bit;
-}
-
 void GetCommandLineOptions(int argc, char** argv) {
   ENTERING();
   for (int letter = getopt(argc, argv, kOptionString); letter != -1;
@@ -289,15 +234,7 @@ void Initialize() {
   OpenWaker(cons_mon_waker);
   OpenWaker(user_mon_waker);
   OpenWaker(cmd_mon_waker);
-  InitConsoleList(a_cons_list, "a_cons_list");
-  InitConsoleList(i_cons_list, "i_cons_list");
-  InitUserList(user_list, "user_list");
-  InitCommandList(cmd_list, "cmd_list");
-  InitEventSetList(ev_list, "ev_list");
-  InitMappedPortList(mapped_port_list, "mapped_port_list");
-  WatchMembers(a_cons_list);
-  WatchMembers(user_list);
-  WatchMembers(mapped_port_list);
+  InitializeLists();
 }
 
 void CreateConsoleConnectionsThread() {

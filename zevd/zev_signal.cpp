@@ -63,14 +63,3 @@ void ClearHupEventFlag() {
   ENTERING();
   hup_event_flag = 0;
 }
-
-TermSignalHold::TermSignalHold() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &set, &saved_);
-}
-
-TermSignalHold::~TermSignalHold() {
-  pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
-}

@@ -3,6 +3,9 @@
 #include <memory>
 
 #include "fuzz.h"
+#include "lists.h"
+#include "options.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

@@ -6,9 +6,17 @@
 
 #include <algorithm>
 
+#include "answer.h"
+#include "attach.h"
 #include "cmd_mon.h"
+#include "command.h"
 #include "command_port.h"
+#include "control.h"
 #include "fuzz.h"
+#include "lists.h"
+#include "options.h"
+#include "query.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

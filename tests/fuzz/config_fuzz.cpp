@@ -5,7 +5,10 @@
 
 #include "event_set.h"
 #include "fuzz.h"
+#include "lists.h"
 #include "load.h"
+#include "options.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

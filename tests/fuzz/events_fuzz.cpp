@@ -15,7 +15,10 @@
 #include "event_set.h"
 #include "fuzz.h"
 #include "hard_pattern.h"
+#include "lists.h"
 #include "literal_filter.h"
+#include "options.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

@@ -19,6 +19,10 @@
 #include <utility>
 
 #include "error.h"
+#include "lists.h"
+#include "options.h"
+#include "signal_hold.h"
+#include "threads.h"
 #include "zev.h"
 #include "zev_signal.h"
 

@@ -19,7 +19,12 @@
 #include <utility>
 #include <vector>
 
+#include "attach.h"
 #include "cons_conn.h"
+#include "console.h"
+#include "console_lists.h"
+#include "serv_conn.h"
+#include "user.h"
 #include "user_conn.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);

@@ -9,6 +9,9 @@
 #include <algorithm>
 
 #include "fuzz.h"
+#include "lists.h"
+#include "options.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

@@ -9,8 +9,11 @@
 
 #include "event_set.h"
 #include "fuzz.h"
+#include "lists.h"
 #include "log.h"
 #include "log_record.h"
+#include "options.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

@@ -7,7 +7,10 @@
 // the size of the buffer, from 2 up, twice as much each.
 #include <algorithm>
 
+#include "cancellation.h"
+#include "clock.h"
 #include "fuzz.h"
+#include "sockets.h"
 #include "util.h"
 
 namespace {

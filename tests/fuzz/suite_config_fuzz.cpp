@@ -9,6 +9,9 @@
 
 #include "archive_time.h"
 #include "fuzz.h"
+#include "lists.h"
+#include "options.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

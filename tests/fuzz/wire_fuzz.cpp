@@ -5,9 +5,17 @@
 // of its users) and bytes. The console's ports are the first six bytes, in pairs.
 #include <algorithm>
 
+#include "answer.h"
+#include "attach.h"
 #include "cmd_mon.h"
+#include "command.h"
 #include "command_port.h"
+#include "control.h"
 #include "fuzz.h"
+#include "lists.h"
+#include "options.h"
+#include "query.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

@@ -5,10 +5,20 @@
 #include <filesystem>
 #include <string>
 
+#include "answer.h"
+#include "attach.h"
 #include "cmd_mon.h"
+#include "command.h"
 #include "cons_conn.h"
+#include "console.h"
+#include "console_lists.h"
+#include "control.h"
+#include "lists.h"
 #include "log.h"
+#include "options.h"
+#include "query.h"
 #include "support.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

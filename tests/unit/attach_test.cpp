@@ -1,4 +1,6 @@
 // Who is attached to a console beside whom, what he is sent, and what a refusal leaves behind.
+#include "attach.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -12,7 +14,12 @@
 #include <vector>
 
 #include "error.h"
+#include "lists.h"
+#include "options.h"
+#include "serv_conn.h"
 #include "support.h"
+#include "threads.h"
+#include "user.h"
 #include "user_conn.h"
 #include "waker.h"
 #include "zev.h"

@@ -29,11 +29,22 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
+#include "answer.h"
+#include "attach.h"
+#include "command.h"
 #include "cons_mon.h"
+#include "console_users.h"
+#include "control.h"
 #include "error.h"
+#include "lists.h"
 #include "mapped_port.h"
 #include "models.h"
+#include "options.h"
+#include "query.h"
+#include "serv_conn.h"
 #include "support.h"
+#include "threads.h"
+#include "user.h"
 #include "user_conn.h"
 #include "waker.h"
 #include "zev.h"
@@ -135,7 +146,7 @@ class CommandTest : public test::RelayTest {
       setsockopt(pair.ours.get(), SOL_SOCKET, SO_SNDBUF, &small_buffer, sizeof small_buffer);
     }
     EXPECT_EQ(MonitorSocketForCommands(pair.ours.Release(), name, kAddress), 0);
-    return {cmd_list->tail->cnode, std::move(pair.theirs)};
+    return {cmd_list->tail->tool, std::move(pair.theirs)};
   }
 
   /// What the monitor does when a command has arrived.
@@ -214,7 +225,7 @@ TEST_F(CommandTest, LongNamesAreCut) {
 TEST_F(CommandTest, NewElementHasNoNeighbours) {
   CommandNode cnode{};
   const std::unique_ptr<CommandListElem> elem(NewCommandListElem(&cnode));
-  EXPECT_EQ(elem->cnode, &cnode);
+  EXPECT_EQ(elem->tool, &cnode);
   EXPECT_EQ(elem->prev, nullptr);
   EXPECT_EQ(elem->next, nullptr);
 }
@@ -329,7 +340,7 @@ TEST_F(CommandListTest, MiddleIsRemoved) {
 TEST_F(CommandListTest, TailIsRemoved) {
   EXPECT_EQ(RemoveCommandFromList(&nodes_[2], list_), 0);
   EXPECT_THAT(Sockets(), ElementsAre(3, 70));
-  EXPECT_EQ(list_->tail->cnode, &nodes_[1]);
+  EXPECT_EQ(list_->tail->tool, &nodes_[1]);
   EXPECT_EQ(list_->tail->next, nullptr);
 }
 
@@ -368,7 +379,7 @@ TEST_F(CommandListDeathTest, RemovingAStrangerEndsTheProcess) {
       ExitedWithCode(1),
       test::DebugTextsAre(ElementsAre("RemoveCommandFromList: cnode not found in cmd_list\n",
                                       AnnouncesDaemonError("Terminated: Internal error"),
-                                      IsExitTrace(1, "cmd_mon.cpp"))));
+                                      IsExitTrace(1, "command.cpp"))));
 }
 
 TEST_F(CommandListDeathTest, NegativeCountEndsTheProcess) {
@@ -381,7 +392,7 @@ TEST_F(CommandListDeathTest, NegativeCountEndsTheProcess) {
       ExitedWithCode(1),
       test::DebugTextsAre(ElementsAre("RemoveCommandFromList: cmd_list->count = -1\n",
                                       AnnouncesDaemonError("Terminated: Internal error"),
-                                      IsExitTrace(1, "cmd_mon.cpp"))));
+                                      IsExitTrace(1, "command.cpp"))));
 }
 
 // ---- Hand-over ----------------------------------------------------------------------------------
@@ -392,7 +403,7 @@ TEST_F(CommandTest, HandedOverSocketIsListedAndEndsTheWait) {
   const int sock = pair.ours.Release();
   EXPECT_EQ(MonitorSocketForCommands(sock, "anna", "192.0.2.1"), 0);
   ASSERT_EQ(cmd_list->count, 1);
-  const CommandNode* cnode = cmd_list->head->cnode;
+  const CommandNode* cnode = cmd_list->head->tool;
   EXPECT_EQ(cnode->sock, sock);
   EXPECT_EQ(cnode->connected, 1);
   EXPECT_STREQ(cnode->user_name, "anna");
@@ -611,7 +622,7 @@ TEST_F(CommandTest, ToolThatLeftIsClosedWithoutAWordAndRemovedInTheSamePass) {
   EXPECT_EQ(test::Receive(leaver.peer.get(), 1), "");
   EXPECT_FALSE(test::IsOpen(sock));
   EXPECT_EQ(cmd_list->count, 1);
-  EXPECT_EQ(cmd_list->head->cnode, other.node);
+  EXPECT_EQ(cmd_list->head->tool, other.node);
   EXPECT_EQ(cmd_list->high_sock, other.node->sock);
 }
 
@@ -626,7 +637,7 @@ TEST_F(CommandTest, ClosedConnectionsAreFoundFromTheHead) {
   EXPECT_EQ(cmd_list->count, 3);
   cmd_mon::CleanUpClosedConnections();
   EXPECT_EQ(cmd_list->count, 1);
-  EXPECT_EQ(cmd_list->head->cnode, open.node);
+  EXPECT_EQ(cmd_list->head->tool, open.node);
 }
 
 // Bytes that are allocated. The sanitizers' own allocators do not tell; with the first of them the

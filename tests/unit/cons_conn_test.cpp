@@ -14,10 +14,16 @@
 #include <cstring>
 #include <filesystem>
 
+#include "attach.h"
 #include "cons_mon.h"
+#include "console.h"
+#include "console_lists.h"
+#include "console_users.h"
 #include "fixed_text.h"
 #include "log.h"
+#include "serv_conn.h"
 #include "support.h"
+#include "user.h"
 #include "user_conn.h"
 #include "waker.h"
 
@@ -87,9 +93,9 @@ TEST_F(ConsoleTest, StatusValuesAreThoseOnTheWire) {
 TEST_F(ConsoleTest, NewOneTakesItsSettings) {
   EventSetNode enode{};
   ConsoleSettings settings = test::Settings("mycons");
-  settings.plat_name = "sys1";
-  settings.ipaddr = "10.1.2.3";
-  settings.model = "M100";
+  CopyText(settings.pname, "sys1");
+  CopyText(settings.ipaddr, "10.1.2.3");
+  CopyText(settings.model, "M100");
   settings.cons_port = 2001;
   settings.mgmt_port = 23;
   settings.mapped_port = 65535;
@@ -116,9 +122,9 @@ TEST_F(ConsoleTest, NewOneTakesItsSettings) {
 TEST_F(ConsoleTest, TextsAreCutTo64Characters) {
   const std::string text(65, 'x');
   ConsoleSettings settings = test::Settings(text.c_str());
-  settings.plat_name = text.c_str();
-  settings.ipaddr = text.c_str();
-  settings.model = text.c_str();
+  CopyText(settings.pname, text.c_str());
+  CopyText(settings.ipaddr, text.c_str());
+  CopyText(settings.model, text.c_str());
   const test::ConsolePtr cnode(NewConsoleNode(settings));
   for (const char* field : {cnode->cname, cnode->pname, cnode->ipaddr, cnode->model}) {
     EXPECT_EQ(field, std::string(64, 'x'));
@@ -303,7 +309,7 @@ TEST_F(ConsoleListTest, RemovingAStrangerEndsTheProcess) {
       (test::SendDebugToStderr(kInfo), RemoveConsoleFromList(stranger.get(), &list_)),
       ExitedWithCode(1),
       test::DebugReportsAre(ElementsAre("RemoveConsoleFromList: cnode not found in cons_list\n",
-                                        test::IsExitTrace(1, "cons_conn.cpp"))));
+                                        test::IsExitTrace(1, "console.cpp"))));
 }
 
 TEST_F(ConsoleListTest, RemovingAStrangerPostsTheTerminationEvent) {
@@ -325,7 +331,7 @@ TEST_F(ConsoleListTest, NegativeCountEndsTheProcess) {
       },
       ExitedWithCode(1),
       test::DebugReportsAre(ElementsAre("RemoveConsoleFromList: cons_list->count = -1\n",
-                                        test::IsExitTrace(1, "cons_conn.cpp"))));
+                                        test::IsExitTrace(1, "console.cpp"))));
 }
 
 TEST_F(ConsoleListTest, LookUpByNameIsExact) {

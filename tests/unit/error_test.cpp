@@ -13,6 +13,7 @@
 #include <system_error>
 #include <thread>
 
+#include "signal_hold.h"
 #include "support.h"
 #include "timestamp.h"
 #include "zev_signal.h"

@@ -4,6 +4,8 @@
 #include <filesystem>
 
 #include "cons_mon.h"
+#include "console_users.h"
+#include "load.h"
 #include "paths.h"
 #include "support.h"
 

@@ -1,5 +1,7 @@
 #include "list.h"
 
+#include "error.h"
+#include "list_functions.h"
 #include "support.h"
 
 namespace {
@@ -19,7 +21,7 @@ static_assert(HasSockets<NodeList>);
 /// A list of nodes that the test owns.
 class ListTest : public ::testing::Test {
  protected:
-  ListTest() { InitList(list_, "nodes"); }
+  ListTest() { InitNamedList(&list_, "nodes", ReportOutOfMemory); }
   ~ListTest() override {
     DropElements(list_);
     free(const_cast<char*>(list_.list_name));
@@ -27,7 +29,7 @@ class ListTest : public ::testing::Test {
 
   void Append(Node& node) {
     ASSERT_TRUE(ReserveFor(list_, &node));
-    LinkAtTail(list_, NewElement<NodeList>(&node));
+    LinkAtTail(list_, NewElement<NodeList>(&node, ReportOutOfMemory));
     Recompute(list_);
   }
 
@@ -72,14 +74,14 @@ TEST_F(ListTest, StartsEmpty) {
 TEST_F(ListTest, NameIsACopy) {
   char name[] = "first";
   PlainList list;
-  InitList(list, name);
+  InitNamedList(&list, name, ReportOutOfMemory);
   name[0] = 'F';
   EXPECT_STREQ(list.list_name, "first");
   free(const_cast<char*>(list.list_name));
 }
 
 void InitPlainList(PlainList* list) {
-  InitList(*list, "plain");
+  InitNamedList(list, "plain", ReportOutOfMemory);
 }
 
 TEST_F(ListTest, ListWithoutMemoryForItsNameIsReportedByTheOneWhoMakesIt) {
@@ -100,7 +102,7 @@ TEST_F(ListTest, InitialisingEmptiesAListThatWasUsed) {
   Append(nodes_[0]);
   DropElements(list_);
   free(const_cast<char*>(list_.list_name));
-  InitList(list_, "again");
+  InitNamedList(&list_, "again", ReportOutOfMemory);
   EXPECT_EQ(list_.count, 0);
   EXPECT_EQ(list_.high_sock, -1);
   EXPECT_FALSE(list_.fdset.Contains(3));
@@ -317,7 +319,7 @@ TEST_F(ListTest, DroppingTheElementsLeavesNodesCountAndSet) {
 }
 
 TEST_F(ListTest, NewElementHasItsNodeAndNoLinks) {
-  const std::unique_ptr<Elem> elem(NewElement<NodeList>(&nodes_[2]));
+  const std::unique_ptr<Elem> elem(NewElement<NodeList>(&nodes_[2], ReportOutOfMemory));
   EXPECT_EQ(elem->node, &nodes_[2]);
   EXPECT_EQ(elem->prev, nullptr);
   EXPECT_EQ(elem->next, nullptr);
@@ -325,7 +327,7 @@ TEST_F(ListTest, NewElementHasItsNodeAndNoLinks) {
 
 TEST_F(ListTest, NewElementIsNullWhenOutOfMemory) {
   const test::FailAllocation failure(1);
-  EXPECT_EQ(NewElement<NodeList>(&nodes_[0]), nullptr);
+  EXPECT_EQ(NewElement<NodeList>(&nodes_[0], ReportOutOfMemory), nullptr);
 }
 
 TEST_F(ListTest, ReservingFailsWhenOutOfMemory) {
@@ -344,7 +346,7 @@ TEST_F(ListTest, ReservingForANodeWithoutSocketNeedsNoMemory) {
 TEST_F(ListTest, AppendingNeedsNoMemoryForTheSetOnceReserved) {
   nodes_[0].sock = 700;
   ASSERT_TRUE(ReserveFor(list_, &nodes_[0]));
-  Elem* elem = NewElement<NodeList>(&nodes_[0]);
+  Elem* elem = NewElement<NodeList>(&nodes_[0], ReportOutOfMemory);
   const test::FailAllocation failure(1);
   LinkAtTail(list_, elem);
   Recompute(list_);
@@ -355,10 +357,10 @@ TEST_F(ListTest, AppendingNeedsNoMemoryForTheSetOnceReserved) {
 TEST(PlainListTest, WorksWithoutSockets) {
   std::array<Node, 2> nodes;
   auto* list = new PlainList;
-  InitList(*list, "plain");
+  InitNamedList(list, "plain", ReportOutOfMemory);
   for (Node& node : nodes) {
     ASSERT_TRUE(ReserveFor(*list, &node));
-    LinkAtTail(*list, NewElement<PlainList>(&node));
+    LinkAtTail(*list, NewElement<PlainList>(&node, ReportOutOfMemory));
     Recompute(*list);
   }
   EXPECT_EQ(list->count, 2);

@@ -10,6 +10,9 @@
 
 #include <string>
 
+#include "cancellation.h"
+#include "clock.h"
+#include "sockets.h"
 #include "support.h"
 #include "util.h"
 

@@ -284,7 +284,7 @@ TEST_F(LocksTest, ReadPairThatReleasesOnlyItsFirstLeavesTheSecondHeld) {
   const test::DebugCapture capture(kTrace);
   {
     ReadLockPair lock(first_, second_, Release::kSecondFirst, kSite);
-    lock.ReleaseOnlyFirst();
+    lock.ReleaseFirstAndKeepSecondForEver();
     EXPECT_EQ(StateOf(first_), State::kFree);
   }
   EXPECT_EQ(StateOf(second_), State::kRead);
@@ -297,7 +297,7 @@ TEST_F(LocksTest, ReadPairThatReleasesOnlyItsSecondLeavesTheFirstHeld) {
   const test::DebugCapture capture(kTrace);
   {
     ReadLockPair lock(first_, second_, Release::kSecondFirst, kSite);
-    lock.ReleaseOnlySecond();
+    lock.ReleaseSecondAndKeepFirstForEver();
     EXPECT_EQ(StateOf(second_), State::kFree);
   }
   EXPECT_EQ(StateOf(first_), State::kRead);

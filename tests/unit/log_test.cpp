@@ -15,10 +15,13 @@
 #include <functional>
 #include <thread>
 
+#include "attach.h"
 #include "event_set.h"
 #include "log_directory.h"
 #include "paths.h"
+#include "serv_conn.h"
 #include "support.h"
+#include "user.h"
 #include "user_conn.h"
 
 namespace {

@@ -15,7 +15,10 @@
 #include <vector>
 
 #include "error.h"
+#include "lists.h"
+#include "options.h"
 #include "support.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace {

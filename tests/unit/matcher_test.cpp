@@ -8,8 +8,11 @@
 #include <csignal>
 #include <cstring>
 
+#include "cancellation.h"
+#include "clock.h"
 #include "event_set.h"
 #include "fixed_text.h"
+#include "sockets.h"
 #include "support.h"
 #include "util.h"
 #include "waker.h"

@@ -6,7 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "attach.h"
+#include "serv_conn.h"
 #include "support.h"
+#include "user.h"
 #include "user_conn.h"
 
 namespace {

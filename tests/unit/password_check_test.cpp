@@ -13,6 +13,9 @@
 #include <thread>
 #include <vector>
 
+#include "cancellation.h"
+#include "clock.h"
+#include "sockets.h"
 #include "support.h"
 #include "util.h"
 

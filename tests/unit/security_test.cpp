@@ -24,9 +24,12 @@
 #include <utility>
 #include <vector>
 
+#include "attach.h"
 #include "cookie.h"
 #include "error.h"
+#include "serv_conn.h"
 #include "support.h"
+#include "user.h"
 #include "user_conn.h"
 
 namespace {

@@ -7,7 +7,9 @@
 #include <cerrno>
 #include <vector>
 
+#include "error.h"
 #include "list.h"
+#include "list_functions.h"
 #include "support.h"
 
 namespace {
@@ -27,7 +29,7 @@ constexpr timeval kLong = {60, 0};
 class WatchTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    InitList(list_, "nodes");
+    InitNamedList(&list_, "nodes", ReportOutOfMemory);
     WatchMembers(&list_);
     ASSERT_NE(list_.watch, nullptr);
     ASSERT_TRUE(waker_.Open());
@@ -47,7 +49,7 @@ class WatchTest : public ::testing::Test {
 
   void Append(Node& node) {
     ASSERT_TRUE(ReserveFor(list_, &node));
-    LinkAtTail(list_, NewElement<NodeList>(&node));
+    LinkAtTail(list_, NewElement<NodeList>(&node, ReportOutOfMemory));
     Recompute(list_);
   }
 

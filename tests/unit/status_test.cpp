@@ -9,11 +9,17 @@
 #include <string_view>
 #include <utility>
 
+#include "answer.h"
+#include "attach.h"
 #include "cmd_mon.h"
+#include "command.h"
 #include "cons_mon.h"
+#include "console_users.h"
+#include "control.h"
 #include "counters.h"
 #include "dated_word.h"
 #include "json_text.h"
+#include "query.h"
 #include "support.h"
 
 namespace {

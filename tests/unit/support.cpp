@@ -28,8 +28,15 @@
 #include <thread>
 #include <utility>
 
+#include "attach.h"
+#include "cancellation.h"
+#include "clock.h"
 #include "event.h"
 #include "fixed_text.h"
+#include "serv_conn.h"
+#include "signal_hold.h"
+#include "sockets.h"
+#include "user.h"
 #include "user_conn.h"
 #include "util.h"
 #include "waker.h"
@@ -38,6 +45,12 @@
 namespace test {
 
 namespace {
+
+// As main() does it.
+[[maybe_unused]] const bool posts_daemon_errors = [] {
+  PostDaemonErrorsToJix();
+  return true;
+}();
 
 constexpr int kPatience = 10'000;  // milliseconds
 
@@ -470,20 +483,13 @@ std::string ReceiveAvailable(int sock) {
 // ---- Consoles -----------------------------------------------------------------------------------
 
 ConsoleSettings Settings(const char* name) {
-  return {
-      .cons_name = name,
-      .plat_name = "platform",
-      .ipaddr = "127.0.0.1",
-      .model = "A200",
-      .cons_port = 0,
-      .mgmt_port = 0,
-      .mapped_port = 0,
-      .logging = 0,
-      .events = 0,
-      .enable = 1,
-      .auth = 0,
-      .enode = nullptr,
-  };
+  ConsoleSettings settings{};
+  CopyText(settings.cname, name);
+  CopyText(settings.pname, "platform");
+  CopyText(settings.ipaddr, "127.0.0.1");
+  CopyText(settings.model, "A200");
+  settings.enable = 1;
+  return settings;
 }
 
 ConsolePtr MakeConsole(const char* name) {

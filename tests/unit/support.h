@@ -20,7 +20,12 @@
 #include <vector>
 
 #include "cons_conn.h"
+#include "console.h"
+#include "console_lists.h"
 #include "error.h"
+#include "lists.h"
+#include "options.h"
+#include "threads.h"
 #include "zev.h"
 
 namespace test {

@@ -23,10 +23,21 @@
 #include <thread>
 #include <vector>
 
+#include "answer.h"
+#include "attach.h"
 #include "cmd_mon.h"
+#include "command.h"
+#include "control.h"
 #include "error.h"
+#include "lists.h"
 #include "mapped_port.h"
+#include "options.h"
+#include "query.h"
+#include "serv_conn.h"
+#include "sockets.h"
 #include "support.h"
+#include "threads.h"
+#include "user.h"
 #include "zev.h"
 
 namespace {
@@ -437,7 +448,7 @@ TEST_F(UserListDeathTest, RemovingAStrangerEndsTheProcess) {
       ExitedWithCode(1),
       DebugTextsAre(ElementsAre("RemoveUserFromList: unode not found in user_list\n",
                                 AnnouncesDaemonError("Terminated: Internal error"),
-                                IsExitTrace(1, "user_conn.cpp"))));
+                                IsExitTrace(1, "user.cpp"))));
 }
 
 TEST_F(UserListDeathTest, NegativeCountEndsTheProcess) {
@@ -452,7 +463,7 @@ TEST_F(UserListDeathTest, NegativeCountEndsTheProcess) {
       ExitedWithCode(1),
       DebugTextsAre(ElementsAre("RemoveUserFromList: user_list->count = -1\n",
                                 AnnouncesDaemonError("Terminated: Internal error"),
-                                IsExitTrace(1, "user_conn.cpp"))));
+                                IsExitTrace(1, "user.cpp"))));
 }
 
 // ---- Listening ports -------------------------------------------------------------------------
@@ -1038,7 +1049,7 @@ TEST_F(ServiceTest, ReservedNameAsksForTheCommandPort) {
   EXPECT_EQ(test::ReceiveAvailable(client.get()), "");
   EXPECT_EQ(user_list->head, nullptr);
   ASSERT_EQ(cmd_list->count, 1);
-  const CommandNode* command = cmd_list->head->cnode;
+  const CommandNode* command = cmd_list->head->tool;
   const Descriptor sock(command->sock);
   EXPECT_TRUE(test::IsOpen(sock.get()));
   EXPECT_STREQ(command->user_name, "anna");

@@ -17,8 +17,12 @@
 #include <vector>
 
 #include "cons_mon.h"
+#include "console_users.h"
 #include "error.h"
+#include "lists.h"
+#include "options.h"
 #include "support.h"
+#include "threads.h"
 #include "waker.h"
 #include "zev.h"
 

@@ -20,8 +20,14 @@
 #include <thread>
 #include <vector>
 
+#include "attach.h"
+#include "cancellation.h"
+#include "clock.h"
 #include "error.h"
+#include "serv_conn.h"
+#include "sockets.h"
 #include "support.h"
+#include "user.h"
 #include "user_conn.h"
 
 namespace {

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "error.h"
+#include "signal_hold.h"
 #include "support.h"
 
 namespace {

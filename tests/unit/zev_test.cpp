@@ -17,8 +17,12 @@
 #include <thread>
 
 #include "cons_mon.h"
+#include "console_users.h"
+#include "lists.h"
 #include "lock_file.h"
+#include "options.h"
 #include "support.h"
+#include "threads.h"
 #include "waker.h"
 
 namespace {

@@ -1,0 +1,194 @@
+#include "attach.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "audit.h"
+#include "console_users.h"
+#include "counters.h"
+#include "error.h"
+#include "lists.h"
+#include "sockets.h"
+#include "utf8.h"
+#include "waker.h"
+
+// ---- Users --------------------------------------------------------------------------------------
+
+namespace {
+
+/// What the attaching code knows of the new user.
+struct NewUser {
+  int sock;
+  const char* user_name;
+  const char* ipaddr;
+  const char* console_name;
+  int mode;
+  const Identity* identity;
+};
+
+constexpr char kAttach[] = "ConnectUserToConsole";
+
+int RefuseInaccessible(const ConsoleNode* cnode, const char* console_name) {
+  if (cnode->enable != 0) {
+    return Refuse(kConsoleNotAccessible, "%s: Console \"%s\" is inaccessible.\n", kAttach,
+                  console_name);
+  }
+  return Refuse(kConsoleDisabled, "%s: Console \"%s\" is disabled.\n", kAttach, console_name);
+}
+
+// Tells the revocable holder who takes the console over, and marks it for closing.
+void RevokeHolder(const ConsoleNode* cnode, const NewUser& user) {
+  UserNode* holder = FindNode(
+      *cnode->user_list, [](const UserNode& unode) { return unode.mode == kExclusiveRevocable; });
+  char line[kMessageBufferSize];
+  char banner[kMessageBufferSize];
+  snprintf(line, sizeof line, "Your session has been terminated by %s@%s", user.user_name,
+           user.ipaddr);
+  FormatBanner(banner, sizeof banner, line);
+  if (send(holder->sock, banner, strlen(banner), MSG_DONTWAIT) < 0) {
+    zev_debug(kInfo, "%s: send() failed : %s\n", kAttach, strerror(errno));
+  }
+  CloseUserConnection(holder, "Another user took the console over.");
+}
+
+// True when the console is on i_cons_list; the user is then refused.
+bool IsInaccessible(const char* console_name) {
+  const WriteLock lock(icl_lock, CallSite{kAttach, __LINE__});
+  const ConsoleNode* cnode = LocateConsoleInList(console_name, i_cons_list);
+  if (cnode == nullptr) return false;
+  RefuseInaccessible(cnode, console_name);
+  return true;
+}
+
+// 0 when the mode can be granted beside the users who are attached. A revocable holder is revoked
+// before anything is checked, and stays revoked when the new user is then refused.
+int ClaimConsole(const ConsoleNode* cnode, const NewUser& user) {
+  // Closed already, and on its way to i_cons_list.
+  if (cnode->sock == -1) return RefuseInaccessible(cnode, user.console_name);
+  if (cnode->deleted == 1) {
+    return Refuse(kConsoleDeleted, "%s: Console \"%s\" has been deleted.\n", kAttach,
+                  user.console_name);
+  }
+  if (user.mode == kReadOnly) return 0;
+  if (HasExclRevokeConn(cnode) != 0) RevokeHolder(cnode, user);
+  if (IsLockedExclusively(cnode)) {
+    return Refuse(kConsoleLocked, "%s: Console \"%s\" is locked exclusively.\n", kAttach,
+                  user.console_name);
+  }
+  const bool wants_exclusive = user.mode == kExclusive || user.mode == kExclusiveRevocable;
+  if (wants_exclusive && CanGrantExclAccess(cnode) == 0) {
+    return Refuse(kCannotGrantExclusive, "%s: Cannot grant exclusive access for \"%s\".\n", kAttach,
+                  user.console_name);
+  }
+  return 0;
+}
+
+// The negotiation that the console sent first lets the user's client behave as if it had connected
+// to the console itself.
+void GreetTelnetClient(const ConsoleNode* cnode, int sock) {
+  if (cnode->telnet_cmd[0] != '\0') send(sock, cnode->telnet_cmd, strlen(cnode->telnet_cmd), 0);
+  SetTelnetOptions(sock);
+}
+
+// Puts the user on its console's list; from then on it receives output. Null when refused.
+UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES(acl_lock) {
+  if (ClaimConsole(cnode, user) != 0) return nullptr;
+  GreetTelnetClient(cnode, user.sock);
+  UserNode* unode = NewUserNode(user.sock, cnode, user.user_name, user.ipaddr, user.mode);
+  if (unode == nullptr) {
+    zev_debug(kInfo, "%s: NewUserNode() failed.\n", kAttach);
+    return nullptr;
+  }
+  unode->identity = *user.identity;
+  if (AddUserToList(unode, cnode->user_list) != 0) {
+    zev_debug(kInfo, "%s: AddUserToList() failed.\n", kAttach);
+    DiscardUserNode(unode);
+    return nullptr;
+  }
+  SendBufferedConsoleOutputToUser(cnode, unode);
+  return unode;
+}
+
+// Null when refused. A console that moves between the lists while both are looked at one after the
+// other may be missed on both, so a name that is on neither is looked for twice.
+UserNode* JoinConsole(const NewUser& user) {
+  constexpr int kLooks = 2;
+  for (int look = 0; look < kLooks; ++look) {
+    {
+      const WriteLock lock(acl_lock, CallSite{kAttach, __LINE__});
+      ConsoleNode* cnode = LocateConsoleInList(user.console_name, a_cons_list);
+      if (cnode != nullptr) return JoinConnectedConsole(cnode, user);
+    }
+    if (IsInaccessible(user.console_name)) return nullptr;
+  }
+  char name[kNameSize];
+  CopyText(name, user.console_name);
+  ReplaceControls(name);
+  Refuse(kConsoleNotFound, "%s: Console \"%s\" not found.\n", kAttach, name);
+  return nullptr;
+}
+
+// The caller is about to close the socket, so nothing may go on sending to it.
+void LeaveConsole(UserNode* unode) {
+  const WriteLock lock(acl_lock, CallSite{kAttach, __LINE__});
+  UserList* users = unode->cnode->user_list;
+  if (IsUserInUserList(unode, users)) RemoveUserFromList(unode, users);
+  DiscardUserNode(unode);
+}
+
+// Puts the user on the global list; from then on it is the user input monitor's.
+int JoinUserList(UserNode* unode, const NewUser& user) {
+  WriteLock lock(ul_lock, CallSite{kAttach, __LINE__});
+  if (AddUserToList(unode, user_list) != 0) {
+    zev_debug(kInfo, "%s: AddUserToList() failed.\n", kAttach);
+    lock.Release();
+    LeaveConsole(unode);
+    return -1;
+  }
+  zev_debug(kInfo, "%s: Connected user \"%s\" to console \"%s\" with mode = %s.\n", kAttach,
+            user.user_name, user.console_name, ModeNumToName(user.mode));
+  // With the lock held: the entry that tells of the end comes after this one.
+  Audit({"attach", "accepted", &unode->identity, unode->cons_name, ModeKeyword(unode->mode)});
+  counters.users_attached.Add();
+  user_mon_waker.Wake();
+  return 0;
+}
+
+}  // namespace
+
+int ConnectUserToConsole(int user_sock, const char* user_name, const char* ipaddr,
+                         const char* console_name, uint16_t mode, const Identity& identity) {
+  ENTERING();
+  const NewUser user = {user_sock, user_name, ipaddr, console_name, mode, &identity};
+  UserNode* unode = JoinConsole(user);
+  return unode == nullptr ? -1 : JoinUserList(unode, user);
+}
+
+// ---- Tools --------------------------------------------------------------------------------------
+
+int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr,
+                             const Identity& identity) {
+  ENTERING();
+  CommandNode* tool = NewCommandNode(user_name, ipaddr);
+  if (tool == nullptr) {
+    zev_debug(kError, "%s: NewCommandNode() failed\n", __func__);
+    return -1;
+  }
+  tool->sock = sock;
+  tool->connected = 1;
+  tool->identity = identity;
+  const WriteLock lock(cmd_lock, HERE);
+  if (AddCommandToList(tool, cmd_list) != 0) {
+    // The node is not freed: a small leak, after an allocation that has failed already.
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
+    zev_debug(kError, "%s: AddCommandToList() failed\n", __func__);
+    return -1;
+  }
+  Audit({"attach", "accepted", &tool->identity, kCommandConsole});
+  counters.tools_attached.Add();
+  cmd_mon_waker.Wake();
+  return 0;
+}

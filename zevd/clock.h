@@ -1,0 +1,23 @@
+// The clock that nobody sets (CLOCK_MONOTONIC), and what is done by it. Any thread.
+#pragma once
+
+#include <cstdint>
+
+inline constexpr int64_t kMicrosecondsPerSecond = 1'000'000;
+
+int64_t MonotonicMicroseconds();
+int64_t MonotonicMilliseconds();
+
+/// Lets something through at most once in an interval. Belongs to one thread.
+class Throttle {
+ public:
+  /// `interval` in milliseconds.
+  explicit Throttle(int64_t interval) : interval_(interval) {}
+
+  /// True the first time, and then once the interval has passed since it last was.
+  bool IsDue();
+
+ private:
+  int64_t interval_;
+  int64_t next_ = 0;  // milliseconds
+};

@@ -1,0 +1,85 @@
+#include "console_lists.h"
+
+#include <unistd.h>
+
+#include "console_users.h"
+#include "error.h"
+#include "log.h"
+#include "mapped_port.h"
+
+namespace {
+
+bool Meets(const ConsoleNode& cnode, MoveCriterion criterion) {
+  switch (criterion) {
+    case MoveCriterion::kConnected:
+      return cnode.status == kConnected;
+    case MoveCriterion::kNotConnected:
+      // One that was marked closed since the clean-up still has its socket and its users: it is
+      // cleaned up, and moved, in the next pass.
+      return cnode.status != kConnected && cnode.sock == -1;
+    case MoveCriterion::kAll:
+      return true;
+  }
+  return false;
+}
+
+void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
+  zev_debug(kInfo, "%s: Console %s is being deleted.\n", "DeleteMarkedConsoles", cnode->cname);
+  if (cnode->sock != -1) {
+    ForgetSocket(*list, cnode->sock);
+    close(cnode->sock);
+    cnode->sock = -1;
+  }
+  CloseLogFile(cnode);
+  RemoveConsoleFromList(cnode, list);
+  // When the ports were looked at after the reload, the console was still on its list.
+  if (cnode->mapped_port != 0) RefreshMappedPorts();
+  FreeConsoleNode(cnode);
+}
+
+// For a console that found no room on its list: the next reload makes a new record of it. Nobody
+// would close what this one has open.
+void AbandonConsole(ConsoleNode* cnode) {
+  cnode->status = kNotConnected;
+  if (cnode->sock != -1) close(cnode->sock.exchange(-1));
+  CloseLogFile(cnode);
+  if (cnode->ref_count == 0) FreeConsoleNode(cnode);  // else users who leave still point at it
+}
+
+}  // namespace
+
+void MoveConsolesToList(ConsoleList* from_list, ConsoleList* to_list, MoveCriterion criterion) {
+  ENTERING();
+  const ListBatch leaving(*from_list);
+  const ListBatch joining(*to_list);
+  for (ConsoleNode* cnode : Nodes(*from_list)) {
+    if (!Meets(*cnode, criterion)) continue;
+    if (RemoveConsoleFromList(cnode, from_list) != 0) {
+      zev_debug(kError, "%s: RemoveConsoleFromList() failed.\n", __func__);
+      return;
+    }
+    if (AddConsoleToList(cnode, to_list) != 0) {
+      zev_debug(kError, "%s: AddConsoleToList() failed.\n", __func__);
+      AbandonConsole(cnode);
+      return;
+    }
+  }
+}
+
+void DeleteMarkedConsoles(ConsoleList* list) {
+  ENTERING();
+  for (ConsoleNode* cnode : Nodes(*list)) {
+    if (cnode->deleted != 1) continue;
+    if (cnode->user_list->head != nullptr) {
+      zev_debug(kInfo, "%s: Disconnecting users from %s.\n", __func__, cnode->cname);
+      SendMsgToUsers(cnode, "Console has been deleted.");
+      CloseUserConnections(cnode, "The console was deleted.");
+    } else if (cnode->ref_count > 0) {
+      zev_debug(kInfo, "%s: Console %s has ref_count=%d. Cannot delete yet.\n", __func__,
+                cnode->cname, cnode->ref_count.load());
+      return;
+    } else {
+      DeleteConsole(cnode, list);
+    }
+  }
+}

@@ -1,0 +1,39 @@
+// What the users of a console are sent, and how they are marked for closing: output, replay,
+// banners. The caller holds the lock of the console's list, except for CloseUserConnection().
+#pragma once
+
+#include <cstddef>
+
+#include "console.h"
+#include "user.h"
+
+/// Size of the buffers in which messages to users are formatted; longer ones are cut.
+inline constexpr size_t kMessageBufferSize = 1024;
+
+/// Five bells and `message` between two rules of asterisks.
+void FormatBanner(char* banner, size_t size, const char* message);
+
+/// Sends a framed message to every user of the console.
+void SendMsgToUsers(ConsoleNode* cnode, const char* message);
+
+/// Marks every user of the console for closing, as CloseUserConnection(), and empties the console's
+/// user list.
+void CloseUserConnections(ConsoleNode* cnode, const char* reason);
+
+/// Marks one user for removal and wakes the monitor, which does the rest. `reason`, a string
+/// of static lifetime, is what the system log says; the first counts. Any thread; takes no lock.
+void CloseUserConnection(UserNode* unode, const char* reason = "The daemon closed the connection.");
+
+/// Sends the replay ring to one user who has just attached.
+void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode);
+
+/// Whether every user of the console can be sent a chunk without anybody waiting for it. While one
+/// cannot, the output stays in the console's socket and the console itself is slowed down; other
+/// consoles are not. A user who takes nothing for too long is marked for closing.
+bool UsersHaveRoom(ConsoleNode* cnode) REQUIRES(acl_lock);
+
+/// Sends a chunk of output to every user of the console.
+void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes);
+
+/// Puts a chunk of output into the replay ring.
+void BufferConsoleOutput(ConsoleNode* cnode, const char* chars, int count);

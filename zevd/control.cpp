@@ -1,0 +1,158 @@
+#include "control.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "answer.h"
+#include "console_users.h"
+#include "error.h"
+#include "lists.h"
+#include "waker.h"
+
+namespace {
+
+/// A text that names the operator, as the users will see it.
+struct OperatorText {
+  char text[kMessageBufferSize];
+  OperatorText(const char* what, const CommandNode* tool) {
+    snprintf(text, sizeof text, "%s by %s@%s", what, tool->user_name, tool->ipaddr);
+  }
+};
+
+// Runs `act` for every matching console of the list. True when there was one.
+template <typename Action>
+bool ForEachMatch(const ConsoleList& list, const char* cons_name, Action act) {
+  bool found = false;
+  for (ConsoleNode* cnode : Nodes(list)) {
+    if (!IsCalled(*cnode, cons_name)) continue;
+    act(cnode);
+    found = true;
+  }
+  return found;
+}
+
+void ThrowUsersOff(const char* function, ConsoleNode* cnode, const char* text, const char* reason) {
+  zev_debug(kInfo, "%s: %s\n", function, text);
+  SendMsgToUsers(cnode, text);
+  CloseUserConnections(cnode, reason);
+}
+
+void MarkDisabled(ConsoleNode* cnode) {
+  cnode->status = kNotConnected;
+  cnode->enable = 0;
+}
+
+}  // namespace
+
+void ClearConsole(const char* cons_name, const CommandNode* tool) {
+  ENTERING();
+  const OperatorText text("Your session has been terminated", tool);
+  bool found = false;
+  {
+    const WriteLockPair lock(acl_lock, icl_lock, Release::kSecondFirst, HERE);
+    ConsoleNode* cnode = FindByAnyCase(a_cons_list, cons_name);
+    if (cnode != nullptr)
+      ThrowUsersOff(__func__, cnode, text.text, "An operator cleared the console.");
+    found = cnode != nullptr || FindByAnyCase(i_cons_list, cons_name) != nullptr;
+  }
+  if (found) {
+    AnswerDone();
+  } else {
+    AnswerUnrecognizedAndLog(__func__, cons_name);
+  }
+}
+
+void DisableConsole(const char* cons_name, const CommandNode* tool) {
+  ENTERING();
+  const OperatorText text("Console has been disabled", tool);
+  constexpr char kFunction[] = "DisableConsole";
+  bool found = false;
+  {
+    const WriteLockPair lock(acl_lock, icl_lock, Release::kSecondFirst, HERE);
+    found = ForEachMatch(*a_cons_list, cons_name, [&](ConsoleNode* cnode) {
+      ThrowUsersOff(kFunction, cnode, text.text, "An operator disabled the console.");
+      MarkDisabled(cnode);
+      cons_mon_waker.Wake();
+    });
+    if (!found) {
+      found = ForEachMatch(*i_cons_list, cons_name, [&](ConsoleNode* cnode) {
+        zev_debug(kInfo, "%s: %s\n", kFunction, text.text);
+        MarkDisabled(cnode);
+      });
+    }
+  }
+  if (found) {
+    AnswerDone();
+  } else {
+    AnswerUnrecognizedAndLog(__func__, cons_name);
+  }
+}
+
+void EnableConsole(const char* cons_name) {
+  ENTERING();
+  const auto enable = [](ConsoleNode* cnode) { cnode->enable = 1; };
+  bool found = false;
+  {
+    const WriteLockPair lock(acl_lock, icl_lock, Release::kSecondFirst, HERE);
+    found = ForEachMatch(*a_cons_list, cons_name, enable) ||
+            ForEachMatch(*i_cons_list, cons_name, enable);
+  }
+  if (found) {
+    AnswerDone();
+  } else {
+    AnswerUnrecognized(cons_name);
+  }
+}
+
+void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char* message) {
+  ENTERING();
+  constexpr char kAllConsoles[] = "-";
+  char text[kMessageBufferSize];
+  snprintf(text, sizeof text, "Message from %s@%s: \n\n\r%s", tool->user_name, tool->ipaddr,
+           message);
+  const bool to_all = strcmp(cons_name, kAllConsoles) == 0;
+  bool found = to_all;
+  {
+    const WriteLock lock(acl_lock, HERE);
+    found |= ForEachMatch(*a_cons_list, to_all ? nullptr : cons_name,
+                          [&](ConsoleNode* cnode) { SendMsgToUsers(cnode, text); });
+  }
+  if (found) {
+    AnswerDone();
+  } else {
+    AnswerUnrecognized(cons_name);
+  }
+}
+
+void ForceKPMConnection(const char* cons_name, const CommandNode* /*tool*/) {
+  ENTERING();
+  bool found = false;
+  {
+    const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, HERE);
+    found = ForEachMatch(*i_cons_list, cons_name, [](ConsoleNode* cnode) {
+      cnode->force = 1;
+      if (cnode->sock == -1) cnode->lfca_time = 0;
+    });
+    found = found || FindByAnyCase(a_cons_list, cons_name) != nullptr;
+  }
+  if (found) {
+    AnswerDone();
+  } else {
+    AnswerUnrecognizedAndLog(__func__, cons_name);
+  }
+}
+
+void ReconnectConsole(const char* cons_name) {
+  ENTERING();
+  bool found = false;
+  {
+    const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, HERE);
+    found = ForEachMatch(*i_cons_list, cons_name, [](ConsoleNode* cnode) { cnode->lfca_time = 0; });
+    found = found || FindByAnyCase(a_cons_list, cons_name) != nullptr;
+  }
+  if (found) {
+    AnswerDone();
+  } else {
+    AnswerUnrecognizedAndLog(__func__, cons_name);
+  }
+}

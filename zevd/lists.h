@@ -1,0 +1,42 @@
+// The global lists, which live for ever, and look-ups over both lists of consoles.
+#pragma once
+
+#include "command.h"
+#include "console.h"
+#include "event_set.h"
+#include "locks.h"
+#include "mapped_port.h"
+#include "models.h"
+#include "user.h"
+
+extern ConsoleList* const a_cons_list PT_GUARDED_BY(acl_lock);  ///< connected consoles
+extern ConsoleList* const i_cons_list PT_GUARDED_BY(icl_lock);  ///< all other consoles
+extern UserList* const user_list PT_GUARDED_BY(ul_lock);        ///< every attached user
+extern CommandList* const cmd_list PT_GUARDED_BY(cmd_lock);     ///< command connections
+extern EventSetList* const ev_list;  ///< changed before the threads start, or with both console
+                                     ///< list locks held
+/// Changed by the user_conn thread alone, the elements with pending_logins_mutex held; the set, the
+/// index and the watch are that thread's own.
+extern MappedPortList* const mapped_port_list;
+extern ModelList model_list;  ///< filled before the threads start, then only read
+
+/// Makes the lists ready, those that are waited for with a watch. Main thread, before there is
+/// another.
+void InitializeLists();
+
+// ---- Look-up by mapped port; these take acl_lock and icl_lock themselves ------------------------
+
+/// What a connection on a mapped port needs to know of its console, copied under the list locks.
+struct MappedConsole {
+  char cname[kNameSize];
+  int status;
+  int auth;
+  bool locked_exclusively;  ///< the first user attached holds mode 3
+};
+
+/// The first console of i_cons_list, then a_cons_list, with that mapped port; null when none. Good
+/// for the question whether there is one: the node may be gone as soon as this returns.
+ConsoleNode* GetConsoleNodeFromMappedPort(uint16_t port) EXCLUDES(acl_lock, icl_lock);
+
+/// The same console's data. False when there is none.
+bool CopyMappedConsole(uint16_t port, MappedConsole* copy) EXCLUDES(acl_lock, icl_lock);

@@ -1,0 +1,12 @@
+#include "signal_hold.h"
+
+TermSignalHold::TermSignalHold() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &set, &saved_);
+}
+
+TermSignalHold::~TermSignalHold() {
+  pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
+}

@@ -1,0 +1,19 @@
+#include "threads.h"
+
+#include <sys/prctl.h>
+
+std::atomic<unsigned> thread_waitreq_mask{0};
+std::atomic<unsigned> thread_waiting_mask{0};
+
+void ShareWakeUps() {
+  constexpr unsigned long kLater = 500'000;  // nanoseconds
+  prctl(PR_SET_TIMERSLACK, kLater, 0, 0, 0);
+}
+
+void ParkIfAsked(unsigned bit) {
+  constexpr useconds_t kStep = 100;  // microseconds
+  if ((thread_waitreq_mask & bit) == 0) return;
+  thread_waiting_mask |= bit;
+  while ((thread_waitreq_mask & bit) != 0) usleep(kStep);
+  thread_waiting_mask &= ~bit;
+}
