@@ -21,7 +21,6 @@
 
 namespace {
 
-constexpr int kHelpersAtOnce = 8;
 constexpr int64_t kLongestWait = 30000;       // milliseconds for a turn, and again for an answer
 constexpr int64_t kPauseAfterRefusal = 2000;  // milliseconds
 constexpr int64_t kLook = 20;                 // milliseconds between two looks at what is awaited

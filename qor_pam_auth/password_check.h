@@ -7,6 +7,9 @@
 
 #include <csignal>
 
+/// The most helpers that run at once for one copy of this library.
+inline constexpr int kHelpersAtOnce = 8;
+
 /// What came of a check.
 enum class PasswordCheck {
   kAccepted,
@@ -28,8 +31,8 @@ struct PasswordRequest {
 };
 
 /// Waits for a turn, has `helper` check the pair, and waits for its answer, half a minute at most
-/// each. Eight helpers run at once, addresses taking turns, and one for the same name from the same
-/// address; after a refusal that pair waits two seconds, whichever connection it comes by. A name
-/// with white space is refused without a helper, which would take the rest of the name for a part
-/// of the password.
+/// each. kHelpersAtOnce helpers run at once, addresses taking turns, and one for the same name from
+/// the same address; after a refusal that pair waits two seconds, whichever connection it comes by.
+/// A name with white space is refused without a helper, which would take the rest of the name for a
+/// part of the password.
 PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request);

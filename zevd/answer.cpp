@@ -87,8 +87,8 @@ int SendRest(int sock, OutgoingAnswer& answer) {
   return 0;
 }
 
-int FailToSend(CommandNode* tool, int error) {
-  zev_debug(kInfo, "%s: send() failed : %s\n", "SendCommandResponse", strerror(error));
+int FailToSend(CommandNode* tool, int error) REQUIRES(cmd_lock) {
+  DEBUG_AS("SendCommandResponse", kInfo, "send() failed : %s\n", strerror(error));
   CloseCommandConnection(tool);
   return -1;
 }
@@ -166,7 +166,7 @@ void LogError(const char* function) {
   char shown[kErrorTextSize];
   CopyText(shown, cmd_err_msg);
   ReplaceControls(shown);
-  zev_debug(kInfo, "%s: %s\n", function, shown);
+  DEBUG_AS(function, kInfo, "%s\n", shown);
 }
 
 // ---- Sending ------------------------------------------------------------------------------------

@@ -23,7 +23,7 @@ constexpr char kKey[] = "ZEVD_ARCH_INT=";
 constexpr int32_t kSecondsPerDay = 86400;
 
 [[noreturn]] void Fail(const char* call, const char* path, int error) {
-  zev_debug(kError, "%s: %s( \"%s\", ...) failed : %s\n", kFunction, call, path, strerror(error));
+  DEBUG_AS(kFunction, kError, "%s( \"%s\", ...) failed : %s\n", call, path, strerror(error));
   EXIT_PROCESS(1);
 }
 
@@ -86,7 +86,7 @@ bool ReadSetting(FILE* file) {
 }
 
 [[noreturn]] void NoTemporaryFile() {
-  zev_debug(kError, "%s: Cannot create temporary file\n", kFunction);
+  DEBUG_AS(kFunction, kError, "Cannot create temporary file\n");
   EXIT_PROCESS(1);
 }
 
@@ -141,7 +141,7 @@ void RewriteFile() {
   fclose(from);
   if (!CloseWritten(to) || !complete) {
     const int error = errno;
-    zev_debug(kError, "%s: The lines of \"%s\" are in \"%s\"\n", kFunction, kSuiteConfigFile, path);
+    DEBUG_AS(kFunction, kError, "The lines of \"%s\" are in \"%s\"\n", kSuiteConfigFile, path);
     Fail("write", kSuiteConfigFile, error);
   }
   unlink(path);
@@ -149,17 +149,7 @@ void RewriteFile() {
 
 void GiveStationOwnership(int fd) {
   constexpr mode_t kMode = 0770;
-  if (!StationRootExists()) return;
-  if (GiveStationGroup(fd) != 0) {
-    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", kFunction, kSuiteConfigFile,
-              strerror(errno));
-    EXIT_PROCESS(1);
-  }
-  if (fchmod(fd, kMode) != 0) {
-    zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", kFunction, kSuiteConfigFile,
-              strerror(errno));
-    EXIT_PROCESS(1);
-  }
+  if (SetUpNewFile(kFunction, fd, kSuiteConfigFile, kMode) != nullptr) EXIT_PROCESS(1);
 }
 
 // A file that stays empty would be taken for one that is not to have the setting.

@@ -49,7 +49,7 @@ void RevokeHolder(const ConsoleNode* cnode, const NewUser& user) {
            user.ipaddr);
   FormatBanner(banner, sizeof banner, line);
   if (send(holder->sock, banner, strlen(banner), MSG_DONTWAIT) < 0) {
-    zev_debug(kInfo, "%s: send() failed : %s\n", kAttach, strerror(errno));
+    DEBUG_AS(kAttach, kInfo, "send() failed : %s\n", strerror(errno));
   }
   CloseUserConnection(holder, "Another user took the console over.");
 }
@@ -99,12 +99,12 @@ UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES
   GreetTelnetClient(cnode, user.sock);
   UserNode* unode = NewUserNode(user.sock, cnode, user.user_name, user.ipaddr, user.mode);
   if (unode == nullptr) {
-    zev_debug(kInfo, "%s: NewUserNode() failed.\n", kAttach);
+    DEBUG_AS(kAttach, kInfo, "NewUserNode() failed.\n");
     return nullptr;
   }
   unode->identity = *user.identity;
   if (AddUserToList(unode, cnode->user_list) != 0) {
-    zev_debug(kInfo, "%s: AddUserToList() failed.\n", kAttach);
+    DEBUG_AS(kAttach, kInfo, "AddUserToList() failed.\n");
     DiscardUserNode(unode);
     return nullptr;
   }
@@ -143,13 +143,13 @@ void LeaveConsole(UserNode* unode) {
 int JoinUserList(UserNode* unode, const NewUser& user) {
   WriteLock lock(ul_lock, CallSite{kAttach, __LINE__});
   if (AddUserToList(unode, user_list) != 0) {
-    zev_debug(kInfo, "%s: AddUserToList() failed.\n", kAttach);
+    DEBUG_AS(kAttach, kInfo, "AddUserToList() failed.\n");
     lock.Release();
     LeaveConsole(unode);
     return -1;
   }
-  zev_debug(kInfo, "%s: Connected user \"%s\" to console \"%s\" with mode = %s.\n", kAttach,
-            user.user_name, user.console_name, ModeNumToName(user.mode));
+  DEBUG_AS(kAttach, kInfo, "Connected user \"%s\" to console \"%s\" with mode = %s.\n",
+           user.user_name, user.console_name, ModeNumToName(user.mode));
   // With the lock held: the entry that tells of the end comes after this one.
   Audit({"attach", "accepted", &unode->identity, unode->cons_name, ModeKeyword(unode->mode)});
   counters.users_attached.Add();
@@ -177,10 +177,10 @@ int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr
     zev_debug(kError, "%s: NewCommandNode() failed\n", __func__);
     return -1;
   }
+  const WriteLock lock(cmd_lock, HERE);
   tool->sock = sock;
   tool->connected = 1;
   tool->identity = identity;
-  const WriteLock lock(cmd_lock, HERE);
   if (AddCommandToList(tool, cmd_list) != 0) {
     // The node is not freed: a small leak, after an allocation that has failed already.
     // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)

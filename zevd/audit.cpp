@@ -90,7 +90,7 @@ bool Send(const EntryText& entry) {
 void CountLoss(unsigned long count) {
   const int error = errno;
   if (lost.fetch_add(count) != 0) return;
-  zev_debug(kError, "%s: The system log accepts no entries : %s\n", "Audit", strerror(error));
+  DEBUG_AS("Audit", kError, "The system log accepts no entries : %s\n", strerror(error));
 }
 
 // False when the log still takes nothing.
@@ -107,7 +107,7 @@ bool TellLosses() {
     lost += count;
     return false;
   }
-  zev_debug(kError, "%s: The system log accepts entries again: %s\n", "Audit", reason);
+  DEBUG_AS("Audit", kError, "The system log accepts entries again: %s\n", reason);
   return true;
 }
 

@@ -84,16 +84,20 @@ void LookForVanished(Throttle* looks) {
   cmd_mon::CleanUpClosedConnections();
 }
 
+bool IsClosed(const CommandNode& tool) REQUIRES(cmd_lock) {
+  return tool.connected == 0;
+}
+
 void ServeConnection(CommandNode* tool) REQUIRES(cmd_lock) {
   char line[kLineSize];
   const int result = ReadLine(tool->sock, line, sizeof line);
   if (result != 0) {
-    zev_debug(kDetail, "%s: ReadLine() returned %d\n", "ProcessCommand", result);
+    DEBUG_AS("ProcessCommand", kDetail, "ReadLine() returned %d\n", result);
     CloseCommandConnection(tool);
     return;
   }
-  zev_debug(kDetail, "%s: Received command \"%s\" from \"%s\" at \"%s\".\n", "ProcessCommand", line,
-            tool->user_name, tool->ipaddr);
+  DEBUG_AS("ProcessCommand", kDetail, "Received command \"%s\" from \"%s\" at \"%s\".\n", line,
+           tool->user_name, tool->ipaddr);
   counters.commands.Add();
   const CommandId id = ParseAndExecuteCommand(tool, line);
   SendCommandResponse(tool, id);
@@ -173,7 +177,7 @@ void CloseVanishedTools() {
 
 CommandNode* GetClosedConnection() {
   ENTERING();
-  return FindNode(*cmd_list, [](const CommandNode& tool) { return tool.connected == 0; });
+  return FindNode(*cmd_list, IsClosed);
 }
 
 void CleanUpClosedConnections() {
@@ -202,17 +206,19 @@ constexpr CommandRow kCommands[] = {
     {"who", kWhoCommand, CommandArgument::kConsole, kLooks,
      [](char* name, CommandNode*, char*) { ProcessWhoCommand(name); }},
     {"msg", kMsgCommand, CommandArgument::kConsoleAndText, kActs,
-     [](char* name, CommandNode* tool, char* text) { SendMsgToConsole(name, tool, text); }},
+     [](char* name, CommandNode* tool, char* text)
+         REQUIRES(cmd_lock) { SendMsgToConsole(name, tool, text); }},
     {"clear", kClearCommand, CommandArgument::kConsole, kActs,
-     [](char* name, CommandNode* tool, char*) { ClearConsole(name, tool); }},
+     [](char* name, CommandNode* tool, char*) REQUIRES(cmd_lock) { ClearConsole(name, tool); }},
     {"disable", kDisableCommand, CommandArgument::kConsole, kActs,
-     [](char* name, CommandNode* tool, char*) { DisableConsole(name, tool); }},
+     [](char* name, CommandNode* tool, char*) REQUIRES(cmd_lock) { DisableConsole(name, tool); }},
     {"enable", kEnableCommand, CommandArgument::kConsole, kActs,
      [](char* name, CommandNode*, char*) { EnableConsole(name); }},
     {"mapped_port", kMappedPortCommand, CommandArgument::kOptionalConsole, kLooks,
      [](char* name, CommandNode*, char*) { ProcessMappedPortCommand(name); }},
     {"force", kForceCommand, CommandArgument::kConsole, kActs,
-     [](char* name, CommandNode* tool, char*) { ForceKPMConnection(name, tool); }},
+     [](char* name, CommandNode* tool, char*)
+         REQUIRES(cmd_lock) { ForceKPMConnection(name, tool); }},
     {"portholder", kPortHolderCommand, CommandArgument::kConsole, kLooks,
      [](char* name, CommandNode*, char*) { PelloxPortHolder(name); }},
     {"status", kStatusCommand, CommandArgument::kOptionalConsole, kLooks,
@@ -235,7 +241,8 @@ bool WantsConsole(const CommandRow& row) {
          row.argument == CommandArgument::kConsoleAndText;
 }
 
-void AuditCommand(const CommandRow& row, const char* cons_name, const CommandNode* tool) {
+void AuditCommand(const CommandRow& row, const char* cons_name, const CommandNode* tool)
+    REQUIRES(cmd_lock) {
   const bool done = rheader.type == kDone;
   Audit({row.word, done ? "done" : "refused", &tool->identity, cons_name, nullptr,
          done ? nullptr : cmd_err_msg});

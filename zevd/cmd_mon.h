@@ -51,4 +51,4 @@ struct CommandRow {
 std::span<const CommandRow> CommandTable();
 
 /// Splits the line in place and runs the command, which leaves its answer in the response state.
-CommandId ParseAndExecuteCommand(CommandNode* tool, char* cmd);
+CommandId ParseAndExecuteCommand(CommandNode* tool, char* cmd) REQUIRES(cmd_lock);

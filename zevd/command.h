@@ -25,14 +25,17 @@ struct OutgoingAnswer {
   bool IsUnsent() const { return sent < size; }
 };
 
-/// One command connection, owned by cmd_list once added. Guarded by cmd_lock.
+/// One command connection, owned by cmd_list once added.
 struct CommandNode {
-  int sock;       ///< -1 while the node is new
-  int connected;  ///< 0 while new and, on the list, once closed and waiting to be removed
-  char user_name[kUserNameSize];
-  char ipaddr[kNameSize];
-  Identity identity;  ///< who it really is
-  OutgoingAnswer answer;
+  /// -1 while the node is new. Under cmd_lock; the list's own functions read it, so that no
+  /// annotation can say that.
+  int sock;
+  /// 0 while new and, on the list, once closed and waiting to be removed.
+  int connected GUARDED_BY(cmd_lock);
+  char user_name[kUserNameSize] GUARDED_BY(cmd_lock);
+  char ipaddr[kNameSize] GUARDED_BY(cmd_lock);
+  Identity identity GUARDED_BY(cmd_lock);  ///< who it really is
+  OutgoingAnswer answer GUARDED_BY(cmd_lock);
 };
 
 struct CommandListElem {
@@ -55,10 +58,11 @@ void InitCommandList(CommandList* list, const char* list_name);
 /// Frees the list and its name; elements and nodes are the caller's business.
 void FreeCommandList(CommandList* list);
 
-CommandNode* NewCommandNode(const char* user_name, const char* ipaddr);
+CommandNode* NewCommandNode(const char* user_name, const char* ipaddr)
+    NO_THREAD_SAFETY_ANALYSIS;  // nobody else knows the node yet
 
 /// Frees the node with what is left of its answer; does not close the socket.
-void FreeCommandNode(CommandNode* tool);
+void FreeCommandNode(CommandNode* tool) REQUIRES(cmd_lock);
 CommandListElem* NewCommandListElem(CommandNode* tool);
 
 /// Appends at the tail. 0, or -1 when out of memory.
@@ -68,4 +72,4 @@ int AddCommandToList(CommandNode* tool, CommandList* list);
 int RemoveCommandFromList(CommandNode* tool, CommandList* list);
 
 /// Closes the socket and marks the node; it stays on the list until the clean-up.
-void CloseCommandConnection(CommandNode* tool);
+void CloseCommandConnection(CommandNode* tool) REQUIRES(cmd_lock);

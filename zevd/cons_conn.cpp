@@ -58,14 +58,14 @@ void StartConnect(ConsoleNode* cnode) {
   address.sin_family = AF_INET;
   address.sin_port = htons(cnode->cons_port);
   address.sin_addr.s_addr = inet_addr(cnode->ipaddr);
-  zev_debug(kInfo, "%s: Attempting to connect to %s (%s/%d).\n", "ConnectToConsole", cnode->cname,
-            cnode->ipaddr, cnode->cons_port);
+  DEBUG_AS("ConnectToConsole", kInfo, "Attempting to connect to %s (%s/%d).\n", cnode->cname,
+           cnode->ipaddr, cnode->cons_port);
   cnode->lsca_time = 0;
   const int result = connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address);
   if (result != 0 && errno != EINPROGRESS) {
     counters.console_failures.Add();
     // Neither lfca_time nor status changes: an error that comes at once is tried again at once.
-    zev_debug(kInfo, "%s: connect() failed : %s\n", "ConnectToConsole", strerror(errno));
+    DEBUG_AS("ConnectToConsole", kInfo, "connect() failed : %s\n", strerror(errno));
     CloseSocket(cnode);
     return;
   }
@@ -111,9 +111,9 @@ class ProgressPoll {
 };
 
 void TraceStatusCheck(const ConsoleNode* cnode) {
-  zev_debug(kTrace, "Entering %s\n", "CheckConnectionStatus");
-  zev_debug(kTrace, "%s: Checking status for \"%s\" (sock=%d).\n", "CheckConnectionStatus",
-            cnode->cname, cnode->sock.load());
+  ENTERING_AS("CheckConnectionStatus");
+  DEBUG_AS("CheckConnectionStatus", kTrace, "Checking status for \"%s\" (sock=%d).\n", cnode->cname,
+           cnode->sock.load());
 }
 
 // True while a management port may still answer an established connection with a refusal.
@@ -131,29 +131,29 @@ bool InGracePeriod(ConsoleNode* cnode) {
 bool ApplyConnectionStatus(ConsoleNode* cnode, int result) {
   constexpr char kFunction[] = "UpdateConnectionStatus";
   if (cnode->enable == 0) {
-    zev_debug(kInfo, "%s: Console %s was disabled.\n", kFunction, cnode->cname);
+    DEBUG_AS(kFunction, kInfo, "Console %s was disabled.\n", cnode->cname);
     AbandonConnection(cnode, kNotConnected, 0);
     return false;
   }
   switch (result) {
     case kConnected:
       if (InGracePeriod(cnode)) return false;
-      zev_debug(kInfo, "%s: Connected to %s (%s/%d).\n", kFunction, cnode->cname, cnode->ipaddr,
-                cnode->cons_port);
+      DEBUG_AS(kFunction, kInfo, "Connected to %s (%s/%d).\n", cnode->cname, cnode->ipaddr,
+               cnode->cons_port);
       cnode->status = kConnected;
       counters.console_connections.Add();
       if (cnode->log_fd == -1) OpenLogFile(cnode);
       DrainTelnetControlSequence(cnode->sock, cnode->telnet_cmd, sizeof cnode->telnet_cmd);
       return true;
     case kNotConnected:
-      zev_debug(kInfo, "%s: Connection to %s (%s/%d) failed.\n", kFunction, cnode->cname,
-                cnode->ipaddr, cnode->cons_port);
+      DEBUG_AS(kFunction, kInfo, "Connection to %s (%s/%d) failed.\n", cnode->cname, cnode->ipaddr,
+               cnode->cons_port);
       counters.console_failures.Add();
       AbandonConnection(cnode, kNotConnected, time(nullptr));
       return false;
     case kRefused:
-      zev_debug(kInfo, "%s: Connection to %s (%s/%d) refused.\n", kFunction, cnode->cname,
-                cnode->ipaddr, cnode->cons_port);
+      DEBUG_AS(kFunction, kInfo, "Connection to %s (%s/%d) refused.\n", cnode->cname, cnode->ipaddr,
+               cnode->cons_port);
       counters.console_failures.Add();
       AbandonConnection(cnode, kRefused, time(nullptr));
       return false;
@@ -161,7 +161,7 @@ bool ApplyConnectionStatus(ConsoleNode* cnode, int result) {
       cnode->status = kInProgress;
       return false;
     default:
-      zev_debug(kError, "%s: Unknown status returned for %s.\n", kFunction, cnode->cname);
+      DEBUG_AS(kFunction, kError, "Unknown status returned for %s.\n", cnode->cname);
       TERMINATE(kInternalError);
   }
 }
@@ -172,10 +172,10 @@ int HandleRefusal(ConsoleNode* cnode, char* text) {
   cnode->check_for_NET_E_msg = 0;
   CopyText(cnode->pellox_port_holder_ipaddr, GetPortHolderIPAddr(text));
   if (cnode->force == 0) return kRefused;
-  zev_debug(kInfo, "%s: Forcing connection for %s\n", kFunction, cnode->cname);
+  DEBUG_AS(kFunction, kInfo, "Forcing connection for %s\n", cnode->cname);
   cnode->force = 0;
   if (send(cnode->sock, kTakeOver, strlen(kTakeOver), 0) < 0) {
-    zev_debug(kError, "%s: send() failed : %s\n", kFunction, strerror(errno));
+    DEBUG_AS(kFunction, kError, "send() failed : %s\n", strerror(errno));
     return kRefused;
   }
   return kConnected;

@@ -73,8 +73,8 @@ bool IsClosed(const ConsoleNode& cnode) {
 }
 
 void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) {
-  zev_debug(kDetail, "%s: recv() returned %d : %s\n", "ProcessConsoleOutput",
-            static_cast<int>(result), strerror(errno));
+  DEBUG_AS("ProcessConsoleOutput", kDetail, "recv() returned %d : %s\n", static_cast<int>(result),
+           strerror(errno));
   CloseConsoleConnection(cnode);
 }
 
@@ -114,8 +114,7 @@ void ReadConsole(ConsoleNode* cnode) {
     return;
   }
   const int length = static_cast<int>(count);
-  zev_debug(kTrace, "%s: Received ->%.*s<- (%d bytes)\n", "ProcessConsoleOutput", length, buf,
-            length);
+  DEBUG_AS("ProcessConsoleOutput", kTrace, "Received ->%.*s<- (%d bytes)\n", length, buf, length);
   counters.console_bytes.Add(static_cast<uint64_t>(length));
   cnode->last_output = time(nullptr);
   DispatchConsoleOutput(cnode, buf, length);
@@ -143,10 +142,10 @@ ReloadResult ReloadConfiguration() {
   const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, CallSite{kLoop, __LINE__});
   ReloadResult result = ReloadResult::kDone;
   if (ReloadEventFiles() != 0) {
-    zev_debug(kError, "%s: ReloadEventFiles() failed.\n", kLoop);
+    DEBUG_AS(kLoop, kError, "ReloadEventFiles() failed.\n");
     result = ReloadResult::kEventFilesFailed;
   } else if (ReloadConfigFile() != 0) {
-    zev_debug(kError, "%s: ReloadConfigFile() failed.\n", kLoop);
+    DEBUG_AS(kLoop, kError, "ReloadConfigFile() failed.\n");
     result = ReloadResult::kConfigurationFailed;
   }
   CloseDisabledConsoleConnections();

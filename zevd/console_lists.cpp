@@ -24,7 +24,7 @@ bool Meets(const ConsoleNode& cnode, MoveCriterion criterion) {
 }
 
 void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
-  zev_debug(kInfo, "%s: Console %s is being deleted.\n", "DeleteMarkedConsoles", cnode->cname);
+  DEBUG_AS("DeleteMarkedConsoles", kInfo, "Console %s is being deleted.\n", cnode->cname);
   if (cnode->sock != -1) {
     ForgetSocket(*list, cnode->sock);
     close(cnode->sock);

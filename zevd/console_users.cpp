@@ -74,8 +74,8 @@ bool UsersHaveRoom(ConsoleNode* cnode) {
     }
     room = false;
     if (unode->connected != 0 && unode->output_stall.IsTooLong(unode->sock, kUserStall)) {
-      zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", "SendConsoleOutputToUsers",
-                cnode->cname, strerror(EAGAIN));
+      DEBUG_AS("SendConsoleOutputToUsers", kInfo, "send() from console \"%s\" failed : %s\n",
+               cnode->cname, strerror(EAGAIN));
       CloseUserConnection(unode, kTookNothing);
     }
   }

@@ -14,7 +14,7 @@ namespace {
 /// A text that names the operator, as the users will see it.
 struct OperatorText {
   char text[kMessageBufferSize];
-  OperatorText(const char* what, const CommandNode* tool) {
+  OperatorText(const char* what, const CommandNode* tool) REQUIRES(cmd_lock) {
     snprintf(text, sizeof text, "%s by %s@%s", what, tool->user_name, tool->ipaddr);
   }
 };
@@ -32,7 +32,7 @@ bool ForEachMatch(const ConsoleList& list, const char* cons_name, Action act) {
 }
 
 void ThrowUsersOff(const char* function, ConsoleNode* cnode, const char* text, const char* reason) {
-  zev_debug(kInfo, "%s: %s\n", function, text);
+  DEBUG_AS(function, kInfo, "%s\n", text);
   SendMsgToUsers(cnode, text);
   CloseUserConnections(cnode, reason);
 }
@@ -40,6 +40,14 @@ void ThrowUsersOff(const char* function, ConsoleNode* cnode, const char* text, c
 void MarkDisabled(ConsoleNode* cnode) {
   cnode->status = kNotConnected;
   cnode->enable = 0;
+}
+
+// Changes every console of that name that is not connected. A connected one needs no change.
+template <typename Action>
+bool ChangeInaccessible(const char* cons_name, Action act, CallSite site) {
+  const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, site);
+  return ForEachMatch(*i_cons_list, cons_name, act) ||
+         FindByAnyCase(a_cons_list, cons_name) != nullptr;
 }
 
 }  // namespace
@@ -55,11 +63,8 @@ void ClearConsole(const char* cons_name, const CommandNode* tool) {
       ThrowUsersOff(__func__, cnode, text.text, "An operator cleared the console.");
     found = cnode != nullptr || FindByAnyCase(i_cons_list, cons_name) != nullptr;
   }
-  if (found) {
-    AnswerDone();
-  } else {
-    AnswerUnrecognizedAndLog(__func__, cons_name);
-  }
+  if (!found) return AnswerUnrecognizedAndLog(__func__, cons_name);
+  AnswerDone();
 }
 
 void DisableConsole(const char* cons_name, const CommandNode* tool) {
@@ -76,16 +81,13 @@ void DisableConsole(const char* cons_name, const CommandNode* tool) {
     });
     if (!found) {
       found = ForEachMatch(*i_cons_list, cons_name, [&](ConsoleNode* cnode) {
-        zev_debug(kInfo, "%s: %s\n", kFunction, text.text);
+        DEBUG_AS(kFunction, kInfo, "%s\n", text.text);
         MarkDisabled(cnode);
       });
     }
   }
-  if (found) {
-    AnswerDone();
-  } else {
-    AnswerUnrecognizedAndLog(__func__, cons_name);
-  }
+  if (!found) return AnswerUnrecognizedAndLog(__func__, cons_name);
+  AnswerDone();
 }
 
 void EnableConsole(const char* cons_name) {
@@ -97,11 +99,8 @@ void EnableConsole(const char* cons_name) {
     found = ForEachMatch(*a_cons_list, cons_name, enable) ||
             ForEachMatch(*i_cons_list, cons_name, enable);
   }
-  if (found) {
-    AnswerDone();
-  } else {
-    AnswerUnrecognized(cons_name);
-  }
+  if (!found) return AnswerUnrecognized(cons_name);
+  AnswerDone();
 }
 
 void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char* message) {
@@ -117,42 +116,25 @@ void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char
     found |= ForEachMatch(*a_cons_list, to_all ? nullptr : cons_name,
                           [&](ConsoleNode* cnode) { SendMsgToUsers(cnode, text); });
   }
-  if (found) {
-    AnswerDone();
-  } else {
-    AnswerUnrecognized(cons_name);
-  }
+  if (!found) return AnswerUnrecognized(cons_name);
+  AnswerDone();
 }
 
 void ForceKPMConnection(const char* cons_name, const CommandNode* /*tool*/) {
   ENTERING();
-  bool found = false;
-  {
-    const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, HERE);
-    found = ForEachMatch(*i_cons_list, cons_name, [](ConsoleNode* cnode) {
-      cnode->force = 1;
-      if (cnode->sock == -1) cnode->lfca_time = 0;
-    });
-    found = found || FindByAnyCase(a_cons_list, cons_name) != nullptr;
-  }
-  if (found) {
-    AnswerDone();
-  } else {
-    AnswerUnrecognizedAndLog(__func__, cons_name);
-  }
+  const auto force = [](ConsoleNode* cnode) {
+    cnode->force = 1;
+    if (cnode->sock == -1) cnode->lfca_time = 0;
+  };
+  const bool found = ChangeInaccessible(cons_name, force, HERE);
+  if (!found) return AnswerUnrecognizedAndLog(__func__, cons_name);
+  AnswerDone();
 }
 
 void ReconnectConsole(const char* cons_name) {
   ENTERING();
-  bool found = false;
-  {
-    const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, HERE);
-    found = ForEachMatch(*i_cons_list, cons_name, [](ConsoleNode* cnode) { cnode->lfca_time = 0; });
-    found = found || FindByAnyCase(a_cons_list, cons_name) != nullptr;
-  }
-  if (found) {
-    AnswerDone();
-  } else {
-    AnswerUnrecognizedAndLog(__func__, cons_name);
-  }
+  const auto try_again = [](ConsoleNode* cnode) { cnode->lfca_time = 0; };
+  const bool found = ChangeInaccessible(cons_name, try_again, HERE);
+  if (!found) return AnswerUnrecognizedAndLog(__func__, cons_name);
+  AnswerDone();
 }

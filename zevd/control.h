@@ -4,10 +4,11 @@
 
 #include "command.h"
 
-void ClearConsole(const char* cons_name, const CommandNode* tool);
-void DisableConsole(const char* cons_name, const CommandNode* tool);
+void ClearConsole(const char* cons_name, const CommandNode* tool) REQUIRES(cmd_lock);
+void DisableConsole(const char* cons_name, const CommandNode* tool) REQUIRES(cmd_lock);
 void EnableConsole(const char* cons_name);
-void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char* message);
-void ForceKPMConnection(const char* cons_name, const CommandNode* tool);
+void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char* message)
+    REQUIRES(cmd_lock);
+void ForceKPMConnection(const char* cons_name, const CommandNode* tool) REQUIRES(cmd_lock);
 /// Has `cons_conn` try a console that is not connected at once, not at its next turn.
 void ReconnectConsole(const char* cons_name);

@@ -30,7 +30,7 @@ unsigned char RandomByte() {
   unsigned char byte = 0;
   while (getrandom(&byte, 1, 0) != 1) {
     if (errno == EINTR) continue;
-    zev_debug(kError, "%s: getrandom() failed : %s\n", kGenerate, strerror(errno));
+    DEBUG_AS(kGenerate, kError, "getrandom() failed : %s\n", strerror(errno));
     TERMINATE("Terminated: Cannot draw cookie");
   }
   return byte;
@@ -53,17 +53,17 @@ void DrawCookie() {
 void WarnIfOthersMayRead(int fd) {
   struct stat file {};
   if (fstat(fd, &file) != 0 || (file.st_mode & S_IROTH) == 0) return;
-  zev_debug(kError, "%s: \"%s\" is readable by others (mode %04o), who then need no login.\n",
-            kGenerate, kCookieFile, file.st_mode & 07777U);
+  DEBUG_AS(kGenerate, kError, "\"%s\" is readable by others (mode %04o), who then need no login.\n",
+           kCookieFile, file.st_mode & 07777U);
 }
 
 [[noreturn]] void CannotOpen() {
-  zev_debug(kError, "%s: fopen() failed : %s\n", kGenerate, strerror(errno));
+  DEBUG_AS(kGenerate, kError, "fopen() failed : %s\n", strerror(errno));
   TERMINATE("Terminated: Cannot open cookie file");
 }
 
 [[noreturn]] void CannotWrite() {
-  zev_debug(kError, "%s: fprintf() failed : %s\n", kGenerate, strerror(errno));
+  DEBUG_AS(kGenerate, kError, "fprintf() failed : %s\n", strerror(errno));
   TERMINATE("Terminated: Cannot write cookie file");
 }
 

@@ -41,10 +41,11 @@ int Limit() {
 // failed, if it did.
 void ReportShortage(const char* function, const DescriptorUse& use, int aside, int error) {
   if (use.open == -1) {
-    zev_debug(kError, "%s: Cannot count the descriptors in use : %s\n", function, strerror(error));
+    DEBUG_AS(function, kError, "Cannot count the descriptors in use : %s\n", strerror(error));
   } else {
-    zev_debug(kError, "%s: Running out of descriptors: %d of %d are in use, %d are set aside\n",
-              function, use.open, Limit(), aside);
+    DEBUG_AS(function, kError,
+             "Running out of descriptors: %d of %d are in use, %d are set aside\n", use.open,
+             Limit(), aside);
   }
 }
 

@@ -12,6 +12,7 @@
 #include "fixed_text.h"
 #include "options.h"
 #include "signal_hold.h"
+#include "thread_safety.h"
 #include "timestamp.h"
 
 ThreadNameList thread_name_list;
@@ -27,27 +28,6 @@ std::atomic<EventPoster> event_poster{nullptr};
 constexpr size_t kMessageSize = 8192;
 constexpr unsigned kExitSeconds = 1;  // for which a second thread leaves the process to the first
 
-pthread_rwlock_t debug_lock;
-int first_time = 1;  // the first call is the main thread's, before any other thread exists
-
-// Guarded by debug_lock.
-char msg[kMessageSize];
-char last_msg[kMessageSize] = "XXXX";
-bool last_msg_dropped = false;  // nobody saw it: "repeated" would be misleading
-int msg_count = 0;
-char composed[BoundedOutput::kLongestText];  // has room for the longest message and two heads
-BoundedOutput output(STDOUT_FILENO);
-
-const char* CallingThreadName() {
-  for (const ThreadName& slot : thread_name_list.slot) {
-    if (slot.in_use.load(std::memory_order_acquire) == kSlotTaken &&
-        slot.id.load(std::memory_order_relaxed) == pthread_self()) {
-      return slot.name;
-    }
-  }
-  return "unknown";
-}
-
 // For when the debug lock itself failed, so that the usual way to say so is closed.
 void ReportOnStandardError(const char* call, const char* function, int error) {
   char text[256];
@@ -60,18 +40,52 @@ void ReportOnStandardError(const char* call, const char* function, int error) {
   exit(1);
 }
 
-void LockDebugOutput() {
-  const int error = pthread_rwlock_wrlock(&debug_lock);
-  if (error != 0) DieWithoutTrace("pthread_rwlock_wrlock", "zev_debug", error);
+/// Serialises the debug output. A read-write lock where a Mutex would do, because a thread that
+/// holds it and asks again is refused (EDEADLK): the SIGTERM handler may have interrupted that
+/// thread, and must not wait for ever.
+class CAPABILITY("debug lock") DebugLock {
+ public:
+  /// 0 or an error number.
+  int Initialize() { return pthread_rwlock_init(&native_, nullptr); }
+
+  void Lock() ACQUIRE() {
+    const int error = pthread_rwlock_wrlock(&native_);
+    if (error != 0) DieWithoutTrace("pthread_rwlock_wrlock", "zev_debug", error);
+  }
+
+  void Unlock() RELEASE() {
+    const int error = pthread_rwlock_unlock(&native_);
+    if (error != 0) DieWithoutTrace("pthread_rwlock_unlock", "zev_debug", error);
+  }
+
+ private:
+  pthread_rwlock_t native_;
+};
+
+DebugLock debug_lock;
+int first_time = 1;  // the first call is the main thread's, before any other thread exists
+
+char msg[kMessageSize] GUARDED_BY(debug_lock);
+char last_msg[kMessageSize] GUARDED_BY(debug_lock) = "XXXX";
+/// Nobody saw it: "repeated" would be misleading.
+bool last_msg_dropped GUARDED_BY(debug_lock) = false;
+int msg_count GUARDED_BY(debug_lock) = 0;
+/// Has room for the longest message and two heads.
+char composed[BoundedOutput::kLongestText] GUARDED_BY(debug_lock);
+BoundedOutput output GUARDED_BY(debug_lock)(STDOUT_FILENO);
+
+const char* CallingThreadName() {
+  for (const ThreadName& slot : thread_name_list.slot) {
+    if (slot.in_use.load(std::memory_order_acquire) == kSlotTaken &&
+        slot.id.load(std::memory_order_relaxed) == pthread_self()) {
+      return slot.name;
+    }
+  }
+  return "unknown";
 }
 
-void UnlockDebugOutput() {
-  const int error = pthread_rwlock_unlock(&debug_lock);
-  if (error != 0) DieWithoutTrace("pthread_rwlock_unlock", "zev_debug", error);
-}
-
-// Writes `msg` unless it repeats the last one; debug_lock is held.
-void WriteMessage() {
+// Writes `msg` unless it repeats the last one.
+void WriteMessage() REQUIRES(debug_lock) {
   if (!last_msg_dropped && strcmp(msg, last_msg) == 0) {
     ++msg_count;
     return;
@@ -94,7 +108,7 @@ void WriteMessage() {
 }  // namespace
 
 void InitializeDebugThreadLock() {
-  const int error = pthread_rwlock_init(&debug_lock, nullptr);
+  const int error = debug_lock.Initialize();
   if (error != 0) {
     ReportOnStandardError("pthread_rw_lockinit()", __func__, error);
     debug_level = kError - 1;  // posting must not come back here
@@ -112,13 +126,13 @@ void zev_debug(int level, const char* format, ...) {
   const int saved_errno = errno;
   {
     const TermSignalHold hold;
-    LockDebugOutput();
+    debug_lock.Lock();
     va_list args;
     va_start(args, format);
     vsnprintf(msg, sizeof msg, format, args);
     va_end(args);
     WriteMessage();
-    UnlockDebugOutput();
+    debug_lock.Unlock();
   }
   errno = saved_errno;
 }

@@ -24,7 +24,15 @@ enum DebugLevel : int {
 void zev_debug(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 /// First line of a function: its entry line at level 3.
-#define ENTERING() zev_debug(kTrace, "Entering %s\n", __func__)
+#define ENTERING() ENTERING_AS(__func__)
+
+// A message begins with the name of a function: the one by which operators, and the filters that
+// they have written, know the step. The code of that step may meanwhile be several functions. Those
+// that it was split into say what they have to say under the name of the whole, with these two.
+
+#define DEBUG_AS(function, level, format, ...) \
+  zev_debug((level), "%s: " format, (function)__VA_OPT__(, ) __VA_ARGS__)
+#define ENTERING_AS(function) zev_debug(kTrace, "Entering %s\n", (function))
 
 /// Initialises debug_lock. Called by the first zev_debug(), before there is a second thread.
 void InitializeDebugThreadLock();

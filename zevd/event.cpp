@@ -24,7 +24,7 @@ JixStatus last_attempt GUARDED_BY(connection_mutex) = JixERROR_NONE;
 void ReportStatus(const char* function, const char* call, JixStatus status) {
   char text[kTextSize];
   JixStatusTextGet(status, text, sizeof text);
-  zev_debug(kError, "%s: %s failed : %s\n", function, call, text);
+  DEBUG_AS(function, kError, "%s failed : %s\n", call, text);
 }
 
 void ReportAttempt(JixStatus status) REQUIRES(connection_mutex) {
@@ -32,16 +32,16 @@ void ReportAttempt(JixStatus status) REQUIRES(connection_mutex) {
   if (status != JixERROR_NONE) {
     if (status == last_attempt) return;
     ReportStatus(kFunction, "JixConnCreate()", status);
-    zev_debug(kError, "%s: Continuing without JIX support.\n", kFunction);
+    DEBUG_AS(kFunction, kError, "Continuing without JIX support.\n");
   } else if (last_attempt != JixERROR_NONE) {
-    zev_debug(kError, "%s: Re-established connection with JIX daemon.\n", kFunction);
+    DEBUG_AS(kFunction, kError, "Re-established connection with JIX daemon.\n");
   } else {
-    zev_debug(kInfo, "%s: Established connection with JIX daemon.\n", kFunction);
+    DEBUG_AS(kFunction, kInfo, "Established connection with JIX daemon.\n");
   }
 }
 
 int Connect() REQUIRES(connection_mutex) {
-  zev_debug(kTrace, "Entering %s\n", "ConnectToJix");
+  ENTERING_AS("ConnectToJix");
   if (connection != nullptr) return 0;
   const JixConnOptions defaults{};
   const JixStatus status = JixConnCreate(&defaults, &connection);

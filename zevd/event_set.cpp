@@ -23,8 +23,7 @@ int LoadDirectory(DIR* directory, EventSetList* event_sets) {
   for (const dirent* entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
     if (IsDirectoryItself(entry->d_name)) continue;
     if (LoadEventFile(entry->d_name, event_sets) != 0) {
-      zev_debug(kError, "%s: LoadEventFile() failed for file %s\n", "LoadEventFiles",
-                entry->d_name);
+      DEBUG_AS("LoadEventFiles", kError, "LoadEventFile() failed for file %s\n", entry->d_name);
       PostDaemonError("Warning: bad event file", kWarningPriority);
       return -1;
     }
@@ -35,12 +34,12 @@ int LoadDirectory(DIR* directory, EventSetList* event_sets) {
 int AppendEventSet(const char* event_file, RegExList* re_list, EventSetList* event_sets) {
   EventSetNode* enode = NewEventSetNode(event_file, re_list);
   if (enode == nullptr) {
-    zev_debug(kError, "%s: NewEventSetNode() failed.\n", "LoadEventFile");
+    DEBUG_AS("LoadEventFile", kError, "NewEventSetNode() failed.\n");
     FreeRegExList(re_list);
     return -1;
   }
   if (AddEventSetToList(enode, event_sets) != 0) {
-    zev_debug(kError, "%s: AddEventSetToList() failed.\n", "LoadEventFile");
+    DEBUG_AS("LoadEventFile", kError, "AddEventSetToList() failed.\n");
     FreeEventSetNode(enode);
     return -1;
   }

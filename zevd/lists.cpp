@@ -63,7 +63,7 @@ ConsoleNode* GetConsoleNodeFromMappedPort(uint16_t port) {
 }
 
 bool CopyMappedConsole(uint16_t port, MappedConsole* copy) {
-  zev_debug(kTrace, "Entering %s\n", kLookUp);
+  ENTERING_AS(kLookUp);
   const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, CallSite{kLookUp, __LINE__});
   const ConsoleNode* cnode = FindByMappedPort(port);
   if (cnode == nullptr) return false;

@@ -68,7 +68,7 @@ bool SplitLine(char* line, int line_number, char* (&fields)[kFieldCount]) {
   for (int i = kName + 1; i < kFieldCount; ++i) {
     fields[i] = strtok_r(nullptr, kFields[i].separator, &rest);
     if (fields[i] == nullptr) {
-      zev_debug(kError, "%s: Missing %s at line %d\n", kLoad, kFields[i].missing, line_number);
+      DEBUG_AS(kLoad, kError, "Missing %s at line %d\n", kFields[i].missing, line_number);
       return false;
     }
   }
@@ -90,10 +90,10 @@ struct FlagsWithoutNumber {
 
   void Report() const {
     if (count == 0) return;
-    zev_debug(kError,
-              "%s: Consoles without a login because their authentication flag is not a number: %d, "
-              "the first is \"%s\".\n",
-              kLoad, count, first);
+    DEBUG_AS(kLoad, kError,
+             "Consoles without a login because their authentication flag is not a number: %d, "
+             "the first is \"%s\".\n",
+             count, first);
   }
 };
 
@@ -101,7 +101,7 @@ EventSetNode* FindEventFile(const char* name, const char* cons_name) {
   if (strcmp(name, kNoEventFile) == 0) return nullptr;
   EventSetNode* enode = FindEventNode(name, ev_list);
   if (enode == nullptr) {
-    zev_debug(kError, "%s: Event file %s not found for console %s\n", kLoad, name, cons_name);
+    DEBUG_AS(kLoad, kError, "Event file %s not found for console %s\n", name, cons_name);
   }
   return enode;
 }
@@ -127,11 +127,11 @@ int AddConfiguredConsole(char* const (&fields)[kFieldCount], ConsoleList* cons_l
   settings.enode = FindEventFile(fields[kEventFile], fields[kName]);
   ConsoleNode* cnode = NewConsoleNode(settings);
   if (cnode == nullptr) {
-    zev_debug(kError, "%s: NewConsoleNode() failed.\n", kLoad);
+    DEBUG_AS(kLoad, kError, "NewConsoleNode() failed.\n");
     return -1;
   }
   if (AddConsoleToList(cnode, cons_list) != 0) {
-    zev_debug(kError, "%s: AddConsoleToList() failed.\n", kLoad);
+    DEBUG_AS(kLoad, kError, "AddConsoleToList() failed.\n");
     FreeConsoleNode(cnode);
     return -1;
   }
@@ -151,7 +151,7 @@ int LoadLines(FILE* file, ConsoleList* cons_list) {
   }
   flags.Report();
   if (ferror(file) == 0) return 0;
-  zev_debug(kError, "%s: fgets() failed : %s\n", kLoad, strerror(errno));
+  DEBUG_AS(kLoad, kError, "fgets() failed : %s\n", strerror(errno));
   return -1;
 }
 

@@ -20,17 +20,17 @@ int lock_fd = -1;  // the descriptor that carries the lock
 int WriteHostName(const char* function) {
   char hostname[kNameSize];
   if (gethostname(hostname, sizeof hostname) != 0) {
-    zev_debug(kError, "%s: gethostname() failed : %s\n", function, strerror(errno));
+    DEBUG_AS(function, kError, "gethostname() failed : %s\n", strerror(errno));
     return -1;
   }
   hostname[sizeof hostname - 1] = '\0';
   if (ftruncate(lock_fd, 0) != 0) {
-    zev_debug(kError, "%s: ftruncate() failed : %s\n", function, strerror(errno));
+    DEBUG_AS(function, kError, "ftruncate() failed : %s\n", strerror(errno));
     return -1;
   }
   const size_t length = strlen(hostname);
   if (write(lock_fd, hostname, length) < static_cast<ssize_t>(length)) {
-    zev_debug(kError, "%s: write() failed : %s\n", function, strerror(errno));
+    DEBUG_AS(function, kError, "write() failed : %s\n", strerror(errno));
     return -1;
   }
   return 0;

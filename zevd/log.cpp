@@ -45,10 +45,10 @@ int OpenForAppending(const char* function, const CurrentLogDir& directory, const
     fd = OpenOrMakeRegularFile(directory.descriptor(), name, O_WRONLY | O_APPEND, mode, is_new);
   }
   if (fd == -1) {
-    zev_debug(kError, "%s: open() failed for \"%s\" : %s\n", function, path, strerror(errno));
+    DEBUG_AS(function, kError, "open() failed for \"%s\" : %s\n", path, strerror(errno));
     return -1;
   }
-  zev_debug(kInfo, "%s: opened %s\n", function, path);
+  DEBUG_AS(function, kInfo, "opened %s\n", path);
   return fd;
 }
 
@@ -95,7 +95,7 @@ void PostMatch(ConsoleNode* cnode, const char* buf, int count) {
   if (MatchPattern(buf, count, patterns, &pattern, &priority) == 0) return;
   char text[kTextSize];
   snprintf(text, sizeof text, "%.*s", count, buf);
-  zev_debug(kInfo, "%s: Matched pattern \"%s\" in string \"%s\".\n", "WriteBuffer", pattern, text);
+  DEBUG_AS("WriteBuffer", kInfo, "Matched pattern \"%s\" in string \"%s\".\n", pattern, text);
   PostJixEvent("qor.zevd.console", "name", cnode->cname, "message", text, priority);
   free(pattern);
 }

@@ -1,9 +1,11 @@
 // Console logs and the consolidated log.
 //
-// Records are written and logs are closed by the console output monitor with acl_lock held for
-// writing. A console's log is opened by the thread that owns the console's list: cons_conn, with
-// icl_lock, when it connects; the monitor when logs are rotated or a console is renamed. What they
-// share, the directories, takes care of itself (log_directory.h).
+// Records are written by the console output monitor with acl_lock held for writing. A console's log
+// is opened and closed by the thread that owns the console's list: cons_conn, with icl_lock, opens
+// it when the console connects, and closes it when the console is disabled or deleted before it has
+// been moved; the monitor does so when the connection ends, when logs are rotated and when a
+// console is renamed or deleted. What they share, the directories, takes care of itself
+// (log_directory.h).
 #pragma once
 
 #include "console.h"

@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "error.h"
+#include "fixed_text.h"
 #include "options.h"
 #include "timestamp.h"
 
@@ -150,7 +151,7 @@ void GetNewDirName(char* dirname, size_t size) {
   ENTERING();
   char name[80];
   FormatLocalTime(name, sizeof name, "%d-%b-%H:%M");
-  snprintf(dirname, size, "%s/%s/%s", log_dir, kDatedDir, name);
+  CopyText(dirname, size, LogPath(kDatedDir, name).text);
 }
 
 int ZevDatedDirExists() {

@@ -80,8 +80,8 @@ void OpenLogs() {
 // Whoever turned it off by mistake, as with "-S on", shall see it.
 void WarnOfNoSecurity() {
   if (security_enabled != 0) return;
-  zev_debug(kError, "%s: Security is off: whoever reaches port %d is attached without a login.\n",
-            "main", user_port);
+  DEBUG_AS("main", kError,
+           "Security is off: whoever reaches port %d is attached without a login.\n", user_port);
   Audit({"security", "off"});
 }
 

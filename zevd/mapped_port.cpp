@@ -19,7 +19,7 @@ namespace {
 constexpr char kInconsistent[] = "Internal error";
 
 [[noreturn]] void PortNotFound(const char* function, uint16_t port) {
-  zev_debug(kError, "%s: port %d not found\n", function, port);
+  DEBUG_AS(function, kError, "port %d not found\n", port);
   TERMINATE(kInconsistent);
 }
 
@@ -41,7 +41,7 @@ bool GrowThreadIds(MappedPortNode* mpnode) REQUIRES(pending_logins_mutex) {
 void WarnOfLastSlot(const MappedPortNode* mpnode) {
   const int pending = mpnode->pending_logins;
   if (pending != max_pending_logins - 1) return;
-  zev_debug(kError, "%s: Too many pending logins (%d)\n", "IncrementPendingLogins", pending);
+  DEBUG_AS("IncrementPendingLogins", kError, "Too many pending logins (%d)\n", pending);
   PostDaemonError(kInconsistent, kErrorPriority);
 }
 
@@ -60,7 +60,7 @@ bool ForgetThread(MappedPortNode* mpnode, pthread_t tid) REQUIRES(pending_logins
 PendingLoginsGuard::PendingLoginsGuard(const char* function) {
   const int error = pthread_mutex_lock(pending_logins_mutex.native());
   if (error != 0) {
-    zev_debug(kError, "%s: pthread_mutex_lock() returned %d\n", function, error);
+    DEBUG_AS(function, kError, "pthread_mutex_lock() returned %d\n", error);
     TERMINATE(kInconsistent);
   }
 }

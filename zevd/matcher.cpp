@@ -106,8 +106,8 @@ RegExNode* FindPattern(uint32_t set, uint32_t number) {
 void ReportBadPattern(std::string_view text) {
   const size_t end = std::min(text.find('\n'), text.size());
   const std::string_view reason = text.substr(std::min(end + 1, text.size()));
-  zev_debug(kError, "%s: regcomp() failed for pattern %.*s : %.*s\n", "ParseRegExFile",
-            static_cast<int>(end), text.data(), static_cast<int>(reason.size()), reason.data());
+  DEBUG_AS("ParseRegExFile", kError, "regcomp() failed for pattern %.*s : %.*s\n",
+           static_cast<int>(end), text.data(), static_cast<int>(reason.size()), reason.data());
 }
 
 void ReportLeftOut(const MatcherMessage& message) {
@@ -116,8 +116,8 @@ void ReportLeftOut(const MatcherMessage& message) {
     char cause[32] = "";
     if (message.header.value != 0)
       snprintf(cause, sizeof cause, " (signal %d)", message.header.value);
-    zev_debug(kError, "%s: Pattern \"%.*s\" %s%s and is left out until the next reload.\n",
-              kMatcher, static_cast<int>(message.length), message.text, complaint.text, cause);
+    DEBUG_AS(kMatcher, kError, "Pattern \"%.*s\" %s%s and is left out until the next reload.\n",
+             static_cast<int>(message.length), message.text, complaint.text, cause);
   }
 }
 
@@ -139,8 +139,8 @@ void RenameConsole(const char* name, const char* changed) EXCLUDES(acl_lock, icl
 void PostMatch(MatcherLine* line, const MatcherMessage& message) EXCLUDES(acl_lock, icl_lock) {
   char text[kTextSize];
   snprintf(text, sizeof text, "%.*s", static_cast<int>(line->length), line->Bytes());
-  zev_debug(kInfo, "%s: Matched pattern \"%.*s\" in string \"%s\".\n", "WriteBuffer",
-            static_cast<int>(message.length), message.text, text);
+  DEBUG_AS("WriteBuffer", kInfo, "Matched pattern \"%.*s\" in string \"%s\".\n",
+           static_cast<int>(message.length), message.text, text);
   char changed[kNameSize];
   CopyText(changed, line->cname);
   PostJixEvent("qor.zevd.console", "name", changed, "message", text, message.header.value);
@@ -195,13 +195,12 @@ void Matcher::DropUnsent() {
     ++dropped;
   }
   if (dropped == 0) return;
-  zev_debug(kError, "%s: %lu lines were not matched: they waited at a reload.\n", kMatcher,
-            dropped);
+  DEBUG_AS(kMatcher, kError, "%lu lines were not matched: they waited at a reload.\n", dropped);
 }
 
 void Matcher::ReportLost(int64_t now) {
   if (lost_ == 0 || (first_ != nullptr && now - lost_since_ < kLostPause)) return;
-  zev_debug(kError, "%s: %lu lines were not matched: too many were waiting.\n", kMatcher, lost_);
+  DEBUG_AS(kMatcher, kError, "%lu lines were not matched: too many were waiting.\n", lost_);
   lost_ = 0;
 }
 
@@ -308,7 +307,7 @@ Matcher::Step Matcher::TakeAnswer(MatcherMessage* message, MatcherLine** matched
 // the one that is due; the matcher is then ended.
 MatcherLine* Matcher::AnswerOf(const MatcherMessage& message) {
   if (first_ != unsent_ && first_->number == message.header.line) return RemoveFirst();
-  zev_debug(kError, "%s: An answer was not the one that was due.\n", kMatcher);
+  DEBUG_AS(kMatcher, kError, "An answer was not the one that was due.\n");
   LoseConnection();
   return nullptr;
 }
@@ -338,7 +337,7 @@ void Matcher::Start(int64_t now) {
   if (error != 0) {
     pid_ = -1;
     if (error != last_error_)
-      zev_debug(kError, "%s: The matcher cannot be started : %s\n", kMatcher, strerror(error));
+      DEBUG_AS(kMatcher, kError, "The matcher cannot be started : %s\n", strerror(error));
   } else {
     sock_ = ends[0];
     cons_mon_waker.Beside(sock_);
@@ -373,6 +372,6 @@ void Matcher::Reap(int64_t now) {
   start_time_ = dismissed_ ? now : start_time_ + delay_;
   if (dismissed_) return;
   const bool killed = WIFSIGNALED(status);
-  zev_debug(kError, "%s: The matcher has ended (%s %d) and is started again.\n", kMatcher,
-            killed ? "signal" : "status", killed ? WTERMSIG(status) : WEXITSTATUS(status));
+  DEBUG_AS(kMatcher, kError, "The matcher has ended (%s %d) and is started again.\n",
+           killed ? "signal" : "status", killed ? WTERMSIG(status) : WEXITSTATUS(status));
 }

@@ -61,8 +61,7 @@ bool SplitLine(char* line, int line_number, const char* filename, PatternLine* f
   for (const FieldRow& row : kFields) {
     const char* field = strtok_r(nullptr, row.ends, &rest);
     if (field == nullptr) {
-      zev_debug(kError, "%s: %s missing in line %d of %s\n", kParse, row.title, line_number,
-                filename);
+      DEBUG_AS(kParse, kError, "%s missing in line %d of %s\n", row.title, line_number, filename);
       return false;
     }
     fields->*row.field = field;
@@ -86,7 +85,7 @@ int Compile(const PatternLine& fields, regex_t* comp_regex) {
   if (error == 0) return 0;
   char reason[kTextSize];
   regerror(error, comp_regex, reason, sizeof reason);
-  zev_debug(kError, "%s: regcomp() failed for pattern %s : %s\n", kParse, fields.pattern, reason);
+  DEBUG_AS(kParse, kError, "regcomp() failed for pattern %s : %s\n", fields.pattern, reason);
   return -1;
 }
 
@@ -94,13 +93,13 @@ int AppendPattern(const PatternLine& fields, regex_t* comp_regex, RegExList* reg
   RegExNode* node = NewRegExNode(fields.name, atoi(fields.priority), atoi(fields.case_indicator),
                                  fields.pattern, comp_regex);
   if (node == nullptr) {
-    zev_debug(kError, "%s: NewRegExNode() failed.\n", kParse);
+    DEBUG_AS(kParse, kError, "NewRegExNode() failed.\n");
     if (comp_regex != nullptr) FreeCompiled(comp_regex);
     return -1;
   }
   node->any_case = IsForAnyCase(fields);
   if (AddRegExToList(node, regex_list) != 0) {
-    zev_debug(kError, "%s: AddRegExToList() failed.\n", kParse);
+    DEBUG_AS(kParse, kError, "AddRegExToList() failed.\n");
     FreeRegExNode(node);
     return -1;
   }
@@ -147,7 +146,7 @@ FILE* OpenEventFile(const char* filename) {
 bool HasLines(FILE* file, const char* filename) {
   struct stat status {};
   if (fstat(fileno(file), &status) == 0) return S_ISREG(status.st_mode);
-  zev_debug(kError, "%s: fstat( \"%s\", ...) failed : %s\n", kParse, filename, strerror(errno));
+  DEBUG_AS(kParse, kError, "fstat( \"%s\", ...) failed : %s\n", filename, strerror(errno));
   return false;
 }
 
@@ -159,7 +158,7 @@ int ParseLines(FILE* file, const char* filename, RegExList* regex_list) {
     if (AddPatternLine(fields, regex_list) != 0) return -1;
   }
   if (ferror(file) != 0) {
-    zev_debug(kError, "%s: fgets( \"%s\", ...) failed : %s\n", kParse, filename, strerror(errno));
+    DEBUG_AS(kParse, kError, "fgets( \"%s\", ...) failed : %s\n", filename, strerror(errno));
   }
   return 0;
 }
@@ -194,8 +193,7 @@ bool IsMatch(const RegExNode& node, const char* text) {
   if (error == 0 || error == REG_NOMATCH) return error == 0;
   char reason[kTextSize];
   regerror(error, node.comp_regex, reason, sizeof reason);
-  zev_debug(kError, "%s: regexec() failed for pattern %s : %s\n", "MatchPattern", node.pattern,
-            reason);
+  DEBUG_AS("MatchPattern", kError, "regexec() failed for pattern %s : %s\n", node.pattern, reason);
   return false;
 }
 

@@ -82,19 +82,15 @@ int GiveStationGroup(int fd) {
 // Both texts speak of a cookie file, whichever file it is: whoever filters the events relies on
 // that.
 const char* SetUpNewFile(const char* function, int fd, const char* path, mode_t mode) {
-  if (!StationRootExists()) return nullptr;
+  struct stat root {};
+  if (stat(kQorRoot, &root) != 0) return nullptr;
   if (GiveStationGroup(fd) != 0) {
-    zev_debug(kError, "%s: chown( %s, ...) failed : %s\n", function, path, strerror(errno));
+    DEBUG_AS(function, kError, "chown( %s, ...) failed : %s\n", path, strerror(errno));
     return "Terminated: Cannot chown cookie file";
   }
   if (fchmod(fd, mode) != 0) {
-    zev_debug(kError, "%s: chmod( %s, ...) failed : %s\n", function, path, strerror(errno));
+    DEBUG_AS(function, kError, "chmod( %s, ...) failed : %s\n", path, strerror(errno));
     return "Terminated: Cannot chmod cookie file";
   }
   return nullptr;
-}
-
-bool StationRootExists() {
-  struct stat root {};
-  return stat(kQorRoot, &root) == 0;
 }

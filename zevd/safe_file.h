@@ -47,6 +47,3 @@ int GiveStationGroup(int fd);
 /// reported, the text with which the caller ends the process. `function` and `path` are for the
 /// report: what the path leads to may be another file by now.
 const char* SetUpNewFile(const char* function, int fd, const char* path, mode_t mode);
-
-/// Whether the station's root directory can be examined.
-bool StationRootExists();

@@ -164,11 +164,11 @@ int Authenticate(int sock, const sockaddr_in& client_addr, char* buf, int size, 
   char user_cookie[kCookieSize];
   const int kind = IsTokenAuthentication(sock, user_cookie);
   if (kind == -2) {
-    zev_debug(kInfo, "%s: Timed out waiting for input.\n", kDecide);
+    DEBUG_AS(kDecide, kInfo, "Timed out waiting for input.\n");
     return -1;
   }
   if (kind == -1) {
-    zev_debug(kInfo, "%s: Error reading authentication data.\n", kDecide);
+    DEBUG_AS(kDecide, kInfo, "Error reading authentication data.\n");
     return -1;
   }
   *by_cookie = kind == 1 && IsLoopback(client_addr);
@@ -233,7 +233,7 @@ constexpr int kFailuresBeforeLast = 3;  // the count is compared before it is ra
 
 bool SendText(int sock, const char* text) {
   if (TEMP_FAILURE_RETRY(send(sock, text, strlen(text), 0)) >= 0) return true;
-  zev_debug(kError, "%s: send() failed : %s\n", kPrompt, strerror(errno));
+  DEBUG_AS(kPrompt, kError, "send() failed : %s\n", strerror(errno));
   return false;
 }
 
@@ -302,16 +302,15 @@ int Admit(const char* user_name, const char* cons_name, Identity& identity) {
     return 0;
   }
   SetUserError(kNotAuthorized);
-  zev_debug(kInfo, "%s: User \"%s\" is not in the qoruser group.\n", kPrompt,
-            ShownName(user_name).text);
+  DEBUG_AS(kPrompt, kInfo, "User \"%s\" is not in the qoruser group.\n", ShownName(user_name).text);
   AuditRefusedLogin(identity, cons_name);
   return -1;
 }
 
 // True when the user may try again.
 bool ReportFailedTry(int sock, const char* user_name, const char* cons_name, int failures) {
-  zev_debug(kInfo, "%s: Login failed (username=\"%s\", console=\"%s\")\n", kPrompt,
-            ShownName(user_name).text, cons_name);
+  DEBUG_AS(kPrompt, kInfo, "Login failed (username=\"%s\", console=\"%s\")\n",
+           ShownName(user_name).text, cons_name);
   if (failures == kFailuresBeforeLast) {
     SetUserError(kAuthenticationFailed);
     SendText(sock, "\r\n");

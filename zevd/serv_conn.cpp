@@ -56,7 +56,7 @@ int ApplyMode(const char* value, ConsoleArgs* args) {
     return 0;
   }
   SetUserError(kInvalidArgument);
-  zev_debug(kInfo, "%s: Unrecognized mode \"%s\".\n", kParse, Shown(value).text);
+  DEBUG_AS(kParse, kInfo, "Unrecognized mode \"%s\".\n", Shown(value).text);
   return -1;
 }
 
@@ -84,13 +84,13 @@ int ApplyArgument(const char* token, ConsoleArgs* args) {
     if (strncmp(token, row.key, length) == 0) return row.apply(token + length, args);
   }
   SetUserError(kInvalidArgument);
-  zev_debug(kInfo, "%s: Invalid argument \"%s\".\n", kParse, Shown(token).text);
+  DEBUG_AS(kParse, kInfo, "Invalid argument \"%s\".\n", Shown(token).text);
   return -1;
 }
 
 int InsufficientData(const char* what) {
   SetUserError(kInsufficientData);
-  zev_debug(kInfo, "%s: %s\n", kParse, what);
+  DEBUG_AS(kParse, kInfo, "%s\n", what);
   return -1;
 }
 
@@ -156,7 +156,7 @@ void AuditRefusal(const Connection& connection) {
 }
 
 int ClosingConnection(const Connection& connection) {
-  zev_debug(kInfo, "%s: Closing connection with %s.\n", kServe, connection.ipaddr);
+  DEBUG_AS(kServe, kInfo, "Closing connection with %s.\n", connection.ipaddr);
   return -1;
 }
 
@@ -164,7 +164,7 @@ int ClosingConnection(const Connection& connection) {
 int FindMappedConsole(Connection& connection, MappedConsole* console) {
   if (!CopyMappedConsole(connection.port, console)) {
     SetUserError(kPortNotMapped);
-    zev_debug(kError, "%s: Port %d doesn't map to console.\n", kServe, connection.port);
+    DEBUG_AS(kServe, kError, "Port %d doesn't map to console.\n", connection.port);
     return -1;
   }
   if (console->status != 0) {
@@ -184,7 +184,7 @@ int LogIn(Connection& connection) {
       0) {
     return ClosingConnection(connection);
   }
-  zev_debug(kInfo, "%s: Authenticated %s/%d\n", kServe, connection.ipaddr, connection.port);
+  DEBUG_AS(kServe, kInfo, "Authenticated %s/%d\n", connection.ipaddr, connection.port);
   return 0;
 }
 
@@ -231,7 +231,7 @@ int PrepareMainPort(Connection& connection) {
   const int result =
       security_enabled != 0 ? AuthenticateMainPort(connection) : ReadArgumentLine(connection);
   if (result != 0) return -1;
-  zev_debug(kDetail, "%s: Received arguments: %s\n", kServe, connection.buf);
+  DEBUG_AS(kServe, kDetail, "Received arguments: %s\n", connection.buf);
   const int parsed = ParseConsoleArgs(connection.buf, &connection.args);
   TakeGivenNames(connection);
   if (parsed != 0) {
@@ -244,7 +244,7 @@ int PrepareMainPort(Connection& connection) {
 
 // Learns which console is wanted, in which mode and for whom. 0, or -1 with u_err_msg set.
 int PrepareConnection(Connection& connection) {
-  if (security_enabled != 0) zev_debug(kInfo, "%s: Performing security check.\n", kServe);
+  if (security_enabled != 0) DEBUG_AS(kServe, kInfo, "Performing security check.\n");
   return connection.OnMainPort() ? PrepareMainPort(connection) : PrepareMappedPort(connection);
 }
 
@@ -267,7 +267,7 @@ int AttachUser(Connection& connection) {
     connection.sock = -1;
     if (greeting_sock != -1) SendGreeting(greeting_sock, args.cons_name);
   } else {
-    zev_debug(kInfo, "%s: Closing connection.\n", kServe);
+    DEBUG_AS(kServe, kInfo, "Closing connection.\n");
     AuditRefusal(connection);
   }
   if (greeting_sock != -1) close(greeting_sock);
@@ -309,8 +309,8 @@ void TakeParams(ServiceReqThreadParams* params, Connection& connection) {
   CopyText(connection.identity.from, params->ipaddr);
   CopyText(connection.args.user_name, kUnknownUser);
   connection.args.mode = kShared;
-  zev_debug(kInfo, "%s: Servicing request coming from \"%s\" on port %d\n", kServe,
-            connection.ipaddr, connection.port);
+  DEBUG_AS(kServe, kInfo, "Servicing request coming from \"%s\" on port %d\n", connection.ipaddr,
+           connection.port);
   delete params;
 }
 
@@ -345,8 +345,7 @@ bool StartServiceThread(ServiceReqThreadParams* params) {
   const int error = pthread_create(&service_conn_thread, &service_conn_attr,
                                    ServiceConnectionRequestThreadStart, params);
   if (error != 0) {
-    zev_debug(kError, "%s: pthread_create() failed : %s\n", "AcceptConnectionRequests",
-              strerror(error));
+    DEBUG_AS("AcceptConnectionRequests", kError, "pthread_create() failed : %s\n", strerror(error));
     return false;
   }
   while (sem_wait(&service_thread_counted) != 0) {

@@ -73,7 +73,7 @@ void SocketWatch::Control(int operation, int sock) {
   event.events = EPOLLIN;
   event.data.fd = sock;
   if (epoll_ctl(descriptor_, operation, sock, &event) == 0 || operation != EPOLL_CTL_ADD) return;
-  zev_debug(kError, "%s: epoll_ctl() failed : %s\n", "Follow", strerror(errno));
+  DEBUG_AS("Follow", kError, "epoll_ctl() failed : %s\n", strerror(errno));
   usable_ = false;
 }
 

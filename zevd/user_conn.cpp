@@ -7,6 +7,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <password_check.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -42,7 +43,7 @@ void ConfigureMappedPorts(const ConsoleList& list) {
   for (const ConsoleNode* cnode : Nodes(list)) {
     if (cnode->mapped_port == 0 || ListensOn(cnode->mapped_port)) continue;
     if (ConfigurePort(cnode->mapped_port) != 0) {
-      zev_debug(kInfo, "%s: Cannot configure port for %s.\n", "GetPortsToListenOn", cnode->cname);
+      DEBUG_AS("GetPortsToListenOn", kInfo, "Cannot configure port for %s.\n", cnode->cname);
     }
   }
 }
@@ -54,8 +55,8 @@ void DropPort(MappedPortNode* mpnode) {
   constexpr char kFunction[] = "CleanUpStalePorts";
   const PendingLoginsGuard guard(kFunction);
   RemoveMappedPortFromList(mpnode, mapped_port_list);
-  zev_debug(kInfo, "%s: Port %d is no longer mapped to console\n", kFunction, mpnode->port);
-  zev_debug(kInfo, "%s: Closing connection for mapped port %d\n", kFunction, mpnode->port);
+  DEBUG_AS(kFunction, kInfo, "Port %d is no longer mapped to console\n", mpnode->port);
+  DEBUG_AS(kFunction, kInfo, "Closing connection for mapped port %d\n", mpnode->port);
   ForgetSocket(*mapped_port_list, mpnode->sock);
   close(mpnode->sock);
   for (int i = 0; i < mpnode->pending_logins; ++i) CancelServiceThread(mpnode->thread_ids[i]);
@@ -67,7 +68,7 @@ ReserveDescriptor reserve_descriptor;
 
 // Logins that are under way may each start a password helper; those who wait for one have none.
 DescriptorUse LookAtDescriptors() {
-  constexpr int kMostHelpers = 16;  // eight of the daemon's dialogue, eight of the library's
+  constexpr int kMostHelpers = 2 * kHelpersAtOnce;  // of the daemon's dialogue and of the library
   constexpr int kDescriptorsOfHelper = 2;
   DescriptorUse use = {0, 0};
   if (security_enabled != 0) {
@@ -88,7 +89,7 @@ void ServeConnection(int sock, const MappedPortNode* mpnode, const sockaddr_in& 
   constexpr char kFunction[] = "AcceptConnectionRequests";
   char address[INET_ADDRSTRLEN];
   inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address);
-  zev_debug(kDetail, "%s: Connection request from IP address \"%s\".\n", kFunction, address);
+  DEBUG_AS(kFunction, kDetail, "Connection request from IP address \"%s\".\n", address);
   auto* params = new (std::nothrow) ServiceReqThreadParams{};
   if (params == nullptr) {
     ReportNoMemory(kFunction);
@@ -145,10 +146,10 @@ int Accept(const MappedPortNode* mpnode, sockaddr_in* peer) {
 void AcceptFailed(int error) {
   for (const AcceptError& row : kPassingErrors) {
     if (row.error != error) continue;
-    zev_debug(row.level, "%s: accept() failed : %s\n", kAccept, strerror(error));
+    DEBUG_AS(kAccept, row.level, "accept() failed : %s\n", strerror(error));
     return;
   }
-  zev_debug(kError, "%s: accept() failed : %s\n", kAccept, strerror(error));
+  DEBUG_AS(kAccept, kError, "accept() failed : %s\n", strerror(error));
   TERMINATE(kTerminated);
 }
 
@@ -174,7 +175,7 @@ void RefuseWithReserve(const MappedPortNode* mpnode, int error) {
       RefuseForWantOfRoom(sock);
       reserve_descriptor.Hold();
       descriptor_budget.Forget();
-      if (report.IsDue()) zev_debug(kError, "%s: All descriptors are in use\n", kAccept);
+      if (report.IsDue()) DEBUG_AS(kAccept, kError, "All descriptors are in use\n");
       return;
     }
     if (!reserve_descriptor.Hold()) return;
@@ -194,7 +195,7 @@ void AcceptOn(const MappedPortNode* mpnode) {
   counters.connections.Add();
   if (mpnode->port != user_port && mpnode->pending_logins == max_pending_logins) {
     SetUserError(kTooManyPending);
-    zev_debug(kInfo, "%s: Reached max_pending_logins (%d)\n", kAccept, max_pending_logins);
+    DEBUG_AS(kAccept, kInfo, "Reached max_pending_logins (%d)\n", max_pending_logins);
     RefuseConnection(sock);
     return;
   }
@@ -207,10 +208,10 @@ void AcceptOn(const MappedPortNode* mpnode) {
 
 // For whoever looks after the station: tools and operators have no way in.
 void ReportMainPortUnavailable() {
-  zev_debug(kError,
-            "%s: Nobody can connect through port %d. Another program may be listening there; the "
-            "port is tried again at each reload.\n",
-            "GetPortsToListenOn", user_port);
+  DEBUG_AS("GetPortsToListenOn", kError,
+           "Nobody can connect through port %d. Another program may be listening there; the "
+           "port is tried again at each reload.\n",
+           user_port);
   Audit({"listen", "refused", nullptr, nullptr, nullptr,
          "Nobody can connect through the main port."});
 }

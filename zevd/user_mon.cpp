@@ -39,8 +39,8 @@ bool IsMarked(const UserNode& unode) {
 }
 
 void CloseAfterReceiveFailure(UserNode* unode, ssize_t result) {
-  zev_debug(kDetail, "%s: recv() returned %d : %s\n", "ProcessUserInput", static_cast<int>(result),
-            strerror(errno));
+  DEBUG_AS("ProcessUserInput", kDetail, "recv() returned %d : %s\n", static_cast<int>(result),
+           strerror(errno));
   CloseUserConnection(unode, result == 0 ? "The user left." : "The connection failed.");
 }
 
@@ -69,7 +69,7 @@ void Consume(UserNode* unode, char* buf, ssize_t count) {
     return;
   }
   const int length = static_cast<int>(taken);
-  zev_debug(kTrace, "%s: Received ->%.*s<- (%d bytes)\n", "ProcessUserInput", length, buf, length);
+  DEBUG_AS("ProcessUserInput", kTrace, "Received ->%.*s<- (%d bytes)\n", length, buf, length);
 }
 
 // What the console does not take yet stays in the user's socket, so that nobody else waits and the
@@ -110,21 +110,22 @@ bool HasWaitedLonger(const UserNode* unode, const UserNode* other) REQUIRES(ul_l
 void DropReference(ConsoleNode* cnode) {
   const int references = --cnode->ref_count;
   if (references >= 0) return;
-  zev_debug(kError, "%s: Negative reference count (%d)\n", "CleanUpClosedConnections", references);
+  DEBUG_AS("CleanUpClosedConnections", kError, "Negative reference count (%d)\n", references);
   TERMINATE(kInternalError);
 }
 
 void ReportSendError(const UserNode* unode) REQUIRES(ul_lock) {
   if (unode->send_error == 0) return;
-  zev_debug(kInfo, "%s: send() to console \"%s\" failed : %s\n", "ProcessUserInput",
-            unode->cnode->cname, strerror(unode->send_error));
+  DEBUG_AS("ProcessUserInput", kInfo, "send() to console \"%s\" failed : %s\n", unode->cnode->cname,
+           strerror(unode->send_error));
 }
 
 void RemoveUser(UserNode* unode) REQUIRES(ul_lock, acl_lock) {
   ConsoleNode* cnode = unode->cnode;
   ReportSendError(unode);
-  zev_debug(kInfo, "%s: Closing connection with user \"%s\"on console \"%s\"\n",
-            "CleanUpClosedConnections", unode->user_name, cnode->cname);
+  DEBUG_AS("CleanUpClosedConnections", kInfo,
+           "Closing connection with user \"%s\"on console \"%s\"\n", unode->user_name,
+           cnode->cname);
   Audit({"leave", "done", &unode->identity, unode->cons_name, ModeKeyword(unode->mode),
          unode->close_reason});
   counters.users_left.Add();

@@ -77,7 +77,7 @@ int AwaitInput(int sock, time_t wait_time) {
     const time_t part = wait_time <= 0 ? kLookForPeer : std::min(wait_time - waited, kLookForPeer);
     const int ready = WaitForClient(sock, part * kMicrosecondsPerSecond);
     if (ready < 0) {
-      zev_debug(kError, "%s: select() failed : %s\n", "ReadLineWithTimeout", strerror(errno));
+      DEBUG_AS("ReadLineWithTimeout", kError, "select() failed : %s\n", strerror(errno));
       TERMINATE(kTerminated);
     }
     if (ready > 0) return 0;
@@ -91,8 +91,8 @@ int AwaitInput(int sock, time_t wait_time) {
 int Peek(int sock, char* buf, int size) {
   const ssize_t count = recv(sock, buf, static_cast<size_t>(size), MSG_PEEK);
   if (count <= 0) {
-    zev_debug(kDetail, "%s: recv() returned %d : %s\n", "ReadLineWithTimeout",
-              static_cast<int>(count), strerror(errno));
+    DEBUG_AS("ReadLineWithTimeout", kDetail, "recv() returned %d : %s\n", static_cast<int>(count),
+             strerror(errno));
   }
   return static_cast<int>(count);
 }
@@ -268,7 +268,7 @@ int ReadLine(int sock, char* buf, int size) {
 
 int ReadCharAtATimeWithTimeout(int sock, char* buf, int size, int echo, time_t wait_time) {
   // The debug lines of this reader carry the name of the line reader.
-  zev_debug(kTrace, "Entering %s\n", "ReadLineWithTimeout");
+  ENTERING_AS("ReadLineWithTimeout");
   LineEditor line(sock, buf, size, echo != 0);
   do {
     const int waited = AwaitInput(sock, wait_time);

@@ -19,6 +19,7 @@
 #include "error.h"
 #include "lists.h"
 #include "lock_file.h"
+#include "log_directory.h"
 #include "options.h"
 #include "paths.h"
 #include "safe_file.h"
@@ -123,26 +124,19 @@ int32_t ParseArchiveTime(const char* str) {
   return -1;
 }
 
-// The run before this one keeps its output under the old name.
-void MoveAside(const char* path) {
-  char old_path[kPathSize];
-  snprintf(old_path, sizeof old_path, "%s/%s.old", log_dir, "zevd.log");
-  rename(path, old_path);
-}
-
-// Opened for appending: a tool that copies the file and truncates it leaves no hole in it.
+// Opened for appending: a tool that copies the file and truncates it leaves no hole in it. The run
+// before this one keeps its output under the old name.
 int OpenOutputFile() {
-  char path[kPathSize];
-  snprintf(path, sizeof path, "%s/%s", log_dir, "zevd.log");
-  MoveAside(path);
+  const LogPath path("zevd.log");
+  rename(path.text, LogPath("zevd.log.old").text);
   bool is_new = false;
-  const int fd = OpenOrMakeRegularFile(AT_FDCWD, path, O_WRONLY | O_APPEND, 0770, &is_new);
+  const int fd = OpenOrMakeRegularFile(AT_FDCWD, path.text, O_WRONLY | O_APPEND, 0770, &is_new);
   if (fd == -1 || ftruncate(fd, 0) != 0) {
-    zev_debug(kError, "%s: open() failed : %s\n", "RunAsDaemon", strerror(errno));
+    DEBUG_AS("RunAsDaemon", kError, "open() failed : %s\n", strerror(errno));
     EXIT_PROCESS(1);
   }
   if (GiveStationGroup(fd) != 0) {
-    zev_debug(kError, "%s: chown failed : %s\n", "RunAsDaemon", strerror(errno));
+    DEBUG_AS("RunAsDaemon", kError, "chown failed : %s\n", strerror(errno));
     EXIT_PROCESS(1);
   }
   return fd;
@@ -158,7 +152,7 @@ void RaiseDescriptorLimit() {
 
 void OpenWaker(Waker& waker) {
   if (waker.Open()) return;
-  zev_debug(kError, "%s: eventfd() failed : %s\n", "Initialize", strerror(errno));
+  DEBUG_AS("Initialize", kError, "eventfd() failed : %s\n", strerror(errno));
   EXIT_PROCESS(1);
 }
 
@@ -168,7 +162,7 @@ void CreateThread(pthread_t* thread, pthread_attr_t* attr, void* (*start)(void*)
   pthread_attr_setinheritsched(attr, PTHREAD_INHERIT_SCHED);
   const int error = pthread_create(thread, attr, start, nullptr);
   if (error == 0) return;
-  zev_debug(kError, "%s: pthread_create() failed : %s\n", function, strerror(error));
+  DEBUG_AS(function, kError, "pthread_create() failed : %s\n", strerror(error));
   TERMINATE(termination_text);
 }
 

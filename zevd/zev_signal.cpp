@@ -12,7 +12,7 @@ int ChangeSignal(int how, int signum, const char* function) {
   sigemptyset(&set);
   sigaddset(&set, signum);
   if (sigprocmask(how, &set, nullptr) != 0) {
-    zev_debug(kInfo, "%s: sigprocmask() failed : %s\n", function, strerror(errno));
+    DEBUG_AS(function, kInfo, "sigprocmask() failed : %s\n", strerror(errno));
     return -1;
   }
   return 0;
