@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "socket.h"
+#include "descriptor.h"
 
 namespace zevctl {
 

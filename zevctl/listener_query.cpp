@@ -12,7 +12,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "socket.h"
+#include "descriptor.h"
 
 namespace zevctl {
 

@@ -9,7 +9,7 @@
 #include <csignal>
 #include <ctime>
 
-#include "socket.h"
+#include "descriptor.h"
 #include "terminal.h"
 
 namespace zevctl {

@@ -7,14 +7,12 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
 #include <memory>
-#include <utility>
 
 #include "exit_status.h"
 
@@ -56,22 +54,6 @@ void SendAtOnce(int fd) {
 }
 
 }  // namespace
-
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-  if (this != &other) {
-    Close();
-    fd_ = other.Release();
-  }
-  return *this;
-}
-
-void Descriptor::Close() {
-  if (fd_ >= 0) close(Release());
-}
-
-int Descriptor::Release() {
-  return std::exchange(fd_, -1);
-}
 
 bool WaitFor(int fd, short events, Milliseconds limit) {
   const bool endless = limit < Milliseconds::zero();

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "socket.h"
+#include "descriptor.h"
 
 namespace zevctl {
 

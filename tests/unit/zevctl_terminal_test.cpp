@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 
+#include "descriptor.h"
 #include "socket.h"
 #include "terminal.h"
 
