@@ -6,14 +6,18 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <deque>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "log_files.h"
+#include "log_directories.h"
 #include "log_follow.h"
+#include "log_merge.h"
+#include "log_reader.h"
+#include "log_record.h"
 #include "moment.h"
 #include "output.h"
 #include "program.h"
@@ -26,7 +30,7 @@ namespace {
 constexpr size_t kFollowedLines = 10;     // shown before following when nothing else is asked for
 constexpr size_t kMostLines = 1'000'000;  // they are kept in memory
 constexpr size_t kFlushSize = 65536;
-constexpr Milliseconds kTickInterval{200};
+constexpr std::chrono::duration<int, std::milli> kTickInterval{200};
 
 struct LogOptions {
   std::string console;
@@ -296,8 +300,7 @@ void LogCommand::Follow(Follower& follower) {
     follower.Tick([&](const LogReader& log, const Record& record) { printer_.Take(log, record); });
     printer_.Flush();
     pollfd output = {STDOUT_FILENO, 0, 0};
-    if (poll(&output, 1, static_cast<int>(kTickInterval.count())) > 0 &&
-        ReaderHasGone(output.revents)) {
+    if (poll(&output, 1, kTickInterval.count()) > 0 && ReaderHasGone(output.revents)) {
       throw ReaderGone();
     }
   }

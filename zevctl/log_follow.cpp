@@ -31,7 +31,7 @@ void Read(LogReaders& readers, const UnfinishedRule& unfinished, const RecordHan
 }  // namespace
 
 bool DirectoryChanges::Look(const struct stat& info) {
-  const FileIdentity identity = {info.st_dev, info.st_ino};
+  const FileIdentity identity = IdentityOf(info);
   const bool same = identity == identity_ && info.st_mtim.tv_sec == changed_.tv_sec &&
                     info.st_mtim.tv_nsec == changed_.tv_nsec;
   identity_ = identity;

@@ -3,11 +3,14 @@
 
 #include <sys/stat.h>
 
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "log_files.h"
+#include "log_directories.h"
+#include "log_merge.h"
+#include "log_reader.h"
 
 namespace zevctl {
 

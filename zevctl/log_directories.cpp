@@ -1,0 +1,219 @@
+#include "log_directories.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <numeric>
+#include <utility>
+
+#include "output.h"
+
+namespace zevctl {
+
+namespace {
+
+constexpr std::string_view kSuffix = ".log";
+constexpr std::string_view kConsolidatedName = "consolidated";
+constexpr std::string_view kCurrentName = "current";
+
+bool HasGone(int error) {
+  return error == ENOENT || error == ENOTDIR || error == ELOOP;
+}
+
+// ---- Names
+
+enum class Case { kCounts, kIgnored };
+
+std::string Folded(std::string_view name, Case letters) {
+  std::string folded(name);
+  for (char& byte : folded) {
+    if (byte == '-') byte = '_';
+    if (letters == Case::kIgnored) byte = static_cast<char>(tolower(static_cast<uint8_t>(byte)));
+  }
+  return folded;
+}
+
+// The edit distance: how many characters must be changed, added or removed.
+size_t Distance(std::string_view one, std::string_view other) {
+  std::vector<size_t> row(other.size() + 1);
+  std::iota(row.begin(), row.end(), size_t{0});
+  for (size_t i = 0; i < one.size(); ++i) {
+    size_t diagonal = std::exchange(row[0], i + 1);
+    for (size_t j = 0; j < other.size(); ++j) {
+      const size_t changed = diagonal + (one[i] == other[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({changed, diagonal + 1, row[j] + 1});
+    }
+  }
+  return row.back();
+}
+
+bool IsSimilar(const std::string& one, const std::string& other, size_t distance) {
+  constexpr size_t kFewChanges = 2;
+  return distance <= std::min(kFewChanges, one.size() / 2) ||
+         one.find(other) != std::string::npos || other.find(one) != std::string::npos;
+}
+
+// ---- Directories
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+using DirectoryStream = std::unique_ptr<DIR, CloseDirectory>;
+
+// A new stream, at the first entry; null when the directory cannot be listed.
+DirectoryStream Entries(int directory) {
+  const int own = openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DirectoryStream stream(own < 0 ? nullptr : fdopendir(own));
+  if (!stream && own >= 0) close(own);
+  return stream;
+}
+
+// Not valid when the directory has been removed meanwhile or is no directory.
+Descriptor OpenDirectory(int parent, const std::string& name, const std::string& parent_path) {
+  Descriptor descriptor(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!descriptor && !HasGone(errno)) throw CannotRead(parent_path + "/" + name, errno);
+  return descriptor;
+}
+
+void AddUnlessKnown(std::vector<LogDirectory>& directories, LogDirectory directory) {
+  const auto is_it = [&](const LogDirectory& known) {
+    return known.identity() == directory.identity();
+  };
+  if (std::none_of(directories.begin(), directories.end(), is_it)) {
+    directories.push_back(std::move(directory));
+  }
+}
+
+}  // namespace
+
+// ---- Names --------------------------------------------------------------------------------------
+
+WantedLogs::WantedLogs(const std::vector<std::string>& names, const LogNames& existing) {
+  for (const std::string& name : names) {
+    const std::string exact = Folded(name, Case::kCounts);
+    const bool exists = std::any_of(existing.begin(), existing.end(), [&](const auto& other) {
+      return Folded(other, Case::kCounts) == exact;
+    });
+    wanted_.push_back({exists ? exact : Folded(name, Case::kIgnored), !exists});
+  }
+}
+
+bool WantedLogs::Has(std::string_view name) const {
+  return std::any_of(wanted_.begin(), wanted_.end(), [&](const Wanted& wanted) {
+    return wanted.name == Folded(name, wanted.any_case ? Case::kIgnored : Case::kCounts);
+  });
+}
+
+void WantedLogs::Add(const std::string& name) {
+  wanted_.push_back({Folded(name, Case::kCounts), false});
+}
+
+std::vector<std::string> SimilarNames(const std::string& name, const LogNames& existing) {
+  constexpr size_t kMost = 5;
+  const std::string folded = Folded(name, Case::kIgnored);
+  std::vector<std::pair<size_t, std::string>> ranked;
+  for (const std::string& other : existing) {
+    const std::string other_folded = Folded(other, Case::kIgnored);
+    const size_t distance = Distance(folded, other_folded);
+    if (IsSimilar(folded, other_folded, distance)) ranked.emplace_back(distance, other);
+  }
+  std::sort(ranked.begin(), ranked.end());
+  ranked.resize(std::min(ranked.size(), kMost));
+  std::vector<std::string> names(ranked.size());
+  std::transform(ranked.begin(), ranked.end(), names.begin(),
+                 [](const auto& entry) { return entry.second; });
+  return names;
+}
+
+LogKind KindOf(std::string_view name) {
+  return name == kConsolidatedName ? LogKind::kConsolidated : LogKind::kConsole;
+}
+
+// ---- Directories --------------------------------------------------------------------------------
+
+FileIdentity IdentityOf(const struct stat& info) {
+  return {info.st_dev, info.st_ino};
+}
+
+LogDirectory::LogDirectory(Descriptor descriptor) : descriptor_(std::move(descriptor)) {
+  struct stat info {};
+  fstat(fd(), &info);
+  identity_ = IdentityOf(info);
+}
+
+std::vector<LogDirectory::Entry> LogDirectory::Logs() const {
+  std::vector<Entry> logs;
+  const DirectoryStream entries = Entries(fd());
+  if (!entries) return logs;
+  while (const dirent* entry = readdir(entries.get())) {
+    std::string_view name = entry->d_name;
+    if (!name.ends_with(kSuffix) || name.size() == kSuffix.size()) continue;
+    name.remove_suffix(kSuffix.size());
+    logs.push_back({std::string(name), entry->d_ino});
+  }
+  return logs;
+}
+
+Descriptor LogDirectory::OpenLog(const std::string& name) const {
+  const std::string file_name = name + std::string(kSuffix);
+  // If it is a pipe, opening it must not wait for a writer.
+  Descriptor file(openat(fd(), file_name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!file && !HasGone(errno)) throw CannotRead(file_name, errno);
+  struct stat info {};
+  if (!file || fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return {};
+  return file;
+}
+
+std::string DatedDirectoryPath(const std::string& log_dir) {
+  return log_dir + "/zev.dated";
+}
+
+std::optional<LogDirectory> OpenCurrentDirectory(const std::string& log_dir) {
+  const std::string path = DatedDirectoryPath(log_dir) + "/" + std::string(kCurrentName);
+  Descriptor descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!descriptor) return {};
+  return LogDirectory(std::move(descriptor));
+}
+
+// The current directory comes last: it may have been made after the others were listed.
+std::vector<LogDirectory> OpenLogDirectories(const std::string& log_dir) {
+  const std::string path = DatedDirectoryPath(log_dir);
+  const Descriptor dated(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const DirectoryStream entries = dated ? Entries(dated.get()) : nullptr;
+  if (!entries) throw CannotRead(path, errno);
+  std::vector<LogDirectory> directories;
+  while (const dirent* entry = readdir(entries.get())) {
+    const std::string name = entry->d_name;
+    if (name == "." || name == ".." || name == kCurrentName) continue;
+    Descriptor found = OpenDirectory(dated.get(), name, path);
+    if (found) AddUnlessKnown(directories, LogDirectory(std::move(found)));
+  }
+  Descriptor current = OpenDirectory(dated.get(), std::string(kCurrentName), path);
+  if (current) AddUnlessKnown(directories, LogDirectory(std::move(current)));
+  return directories;
+}
+
+LogNames NamesIn(const std::vector<LogDirectory>& directories) {
+  LogNames names;
+  for (const LogDirectory& directory : directories) {
+    for (auto& entry : directory.Logs()) names.insert(std::move(entry.name));
+  }
+  return names;
+}
+
+Failure CannotRead(const std::string& path, int error) {
+  std::string advice;
+  if (error == EACCES) advice = "; logs are for root and the group of the station's files";
+  if (error == ENOENT) advice = "; --log-dir tells where the daemon's logs are, if not there";
+  return {ExitStatus::kFailed, "cannot read " + Printable(path) + ": " + strerror(error) + advice};
+}
+
+}  // namespace zevctl

@@ -1,0 +1,110 @@
+#include "log_merge.h"
+
+#include <algorithm>
+#include <chrono>
+#include <tuple>
+#include <utility>
+
+namespace zevctl {
+
+namespace {
+
+struct Started {
+  time_t time;
+  std::chrono::nanoseconds changed;  // tells two apart that were begun within a second
+  LogReader* reader;
+
+  bool operator<(const Started& other) const {
+    return std::tie(time, changed) < std::tie(other.time, other.changed);
+  }
+};
+
+std::vector<Started> InOrderOfStart(const LogReaders& readers) {
+  std::vector<Started> started;
+  for (const auto& reader : readers) {
+    const time_t time = reader->TimeHere().value_or(kStartOfTime);
+    started.push_back({time, reader->Changed(), reader.get()});
+  }
+  std::stable_sort(started.begin(), started.end());
+  return started;
+}
+
+/// Readers whose next records are compared. A file joins when the records of the others come to its
+/// first one, and leaves at its end, so that memory does not grow with the number of files.
+class Merge {
+ public:
+  Merge(const LogReaders& readers, const UnfinishedRule& unfinished)
+      : unfinished_(unfinished), waiting_(InOrderOfStart(readers)) {}
+
+  /// The reader at the earliest record; null at the end of all.
+  LogReader* Next() {
+    for (;;) {
+      LogReader* earliest = Earliest();
+      const bool all_joined = joined_ == waiting_.size();
+      if (all_joined || (earliest != nullptr && earliest->key() < waiting_[joined_].time)) {
+        return earliest;
+      }
+      active_.push_back(waiting_[joined_++].reader);
+    }
+  }
+
+ private:
+  LogReader* Earliest() {
+    LogReader* earliest = nullptr;
+    std::erase_if(active_, [&](LogReader* reader) {
+      if (reader->Peek(unfinished_(*reader)) == nullptr) {
+        reader->DropBuffer();
+        return true;
+      }
+      if (earliest == nullptr || reader->key() < earliest->key()) earliest = reader;
+      return false;
+    });
+    return earliest;
+  }
+
+  const UnfinishedRule& unfinished_;
+  std::vector<Started> waiting_;
+  size_t joined_ = 0;
+  std::vector<LogReader*> active_;
+};
+
+}  // namespace
+
+LogReaders OpenLogs(const std::vector<LogDirectory>& directories, const WantedLogs& wanted) {
+  LogReaders readers;
+  for (const LogDirectory& directory : directories) {
+    for (const auto& entry : directory.Logs()) {
+      if (!wanted.Has(entry.name)) continue;
+      auto reader = OpenLog(directory, entry.name);
+      if (reader) readers.push_back(std::move(reader));
+    }
+  }
+  return readers;
+}
+
+// From the newest file back: what ends before the last records that were found so far begin cannot
+// hold any of the last ones.
+void GoToLastRecords(const LogReaders& readers, size_t count) {
+  std::vector<Started> started = InOrderOfStart(readers);
+  size_t found = 0;
+  time_t oldest = kEndOfTime;
+  for (auto it = started.rbegin(); it != started.rend(); ++it) {
+    LogReader& reader = *it->reader;
+    const bool is_older = reader.LastTime().value_or(kEndOfTime) < oldest;
+    const size_t wanted = found >= count && is_older ? 1 : count;
+    found += reader.GoToLastLines(wanted);
+    oldest = std::min(oldest, reader.TimeHere().value_or(kStartOfTime));
+  }
+}
+
+void ReadInOrder(LogReaders& readers, const UnfinishedRule& unfinished, time_t end,
+                 const RecordHandler& handle) {
+  Merge merge(readers, unfinished);
+  for (LogReader* reader = merge.Next(); reader != nullptr && reader->key() <= end;
+       reader = merge.Next()) {
+    handle(*reader, *reader->Peek(unfinished(*reader)));
+    reader->Skip();
+  }
+}
+
+}  // namespace zevctl
