@@ -15,6 +15,7 @@
 #include <set>
 
 #include "command_port.h"
+#include "console_words.h"
 #include "output.h"
 #include "program.h"
 #include "selection.h"

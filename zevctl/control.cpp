@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command_port.h"
+#include "console_words.h"
 #include "output.h"
 #include "program.h"
 #include "selection.h"

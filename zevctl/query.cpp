@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "command_port.h"
+#include "console_words.h"
 #include "output.h"
 #include "program.h"
 #include "selection.h"

@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <set>
-#include <string_view>
 
 #include "output.h"
 #include "prompt.h"
@@ -15,28 +13,6 @@
 namespace zevctl {
 
 namespace {
-
-struct Word {
-  std::string_view code;
-  std::string_view word;
-};
-
-constexpr std::array kStates = {
-    Word{"0", "connected"}, Word{"1", "in-use"},     Word{"2", "not-connected"},
-    Word{"3", "refused"},   Word{"4", "connecting"}, Word{"5", "disabled"},
-};
-
-constexpr std::array kModes = {
-    Word{"0", "none"},      Word{"1", "read-only"},        Word{"2", "shared"},
-    Word{"3", "exclusive"}, Word{"4", "exclusive-revoke"}, Word{"5", "management-port"},
-};
-
-template <size_t count>
-std::string InWords(const std::array<Word, count>& table, const std::string& code) {
-  const auto* row =
-      std::find_if(table.begin(), table.end(), [&](const Word& word) { return word.code == code; });
-  return row == table.end() ? "unknown" : std::string(row->word);
-}
 
 constexpr size_t kNamesShown = 8;
 
@@ -49,21 +25,6 @@ std::string Listed(const std::vector<std::string>& names) {
 }
 
 }  // namespace
-
-std::string StateInWords(const std::string& code) {
-  return InWords(kStates, code);
-}
-
-std::string ModeInWords(const std::string& code) {
-  return InWords(kModes, code);
-}
-
-std::vector<std::string> StateWords() {
-  std::vector<std::string> words;
-  words.reserve(kStates.size());
-  for (const Word& state : kStates) words.emplace_back(state.word);
-  return words;
-}
 
 bool NameMatches(const std::string& name, const std::string& pattern) {
   return strcasecmp(name.c_str(), pattern.c_str()) == 0 ||

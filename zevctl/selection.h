@@ -8,13 +8,6 @@
 
 namespace zevctl {
 
-/// What a field says in words; the same words are used in tables, in JSON and as option values.
-std::string StateInWords(const std::string& code);
-std::string ModeInWords(const std::string& code);
-
-/// Every word of StateInWords, for --state.
-std::vector<std::string> StateWords();
-
 /// True when the name is the pattern, or matches it as a shell pattern (fnmatch(3)); case does not
 /// count, as it does not to the daemon's commands.
 bool NameMatches(const std::string& name, const std::string& pattern);

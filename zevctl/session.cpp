@@ -11,9 +11,9 @@
 #include <csignal>
 #include <cstring>
 
+#include "console_words.h"
 #include "escape.h"
 #include "output.h"
-#include "selection.h"
 #include "telnet.h"
 #include "terminal.h"
 

@@ -6,6 +6,7 @@
 
 #include "command_port.h"
 #include "command_wire.h"
+#include "console_words.h"
 #include "login.h"
 #include "output.h"
 #include "refusal.h"
