@@ -143,10 +143,7 @@ std::optional<TcpSockets> SocketsOf(const Wanted& wanted) {
 
 // ---- Addresses ----------------------------------------------------------------------------------
 
-// How the kernel would send to the address: a type of <linux/rtnetlink.h>, nothing when it does not
-// tell.
-std::optional<uint8_t> RouteType(const Endpoint& destination) {
-  const Descriptor netlink = OpenNetlink(NETLINK_ROUTE);
+Request RouteRequest(const Endpoint& destination) {
   rtmsg wanted{};
   wanted.rtm_family = destination.ipv4() ? AF_INET : AF_INET6;
   wanted.rtm_dst_len = destination.ipv4() ? 32 : 128;
@@ -158,7 +155,14 @@ std::optional<uint8_t> RouteType(const Endpoint& destination) {
     request.AddAttribute(RTA_DST, destination.address);
   }
   if (destination.scope != 0) request.AddAttribute(RTA_OIF, destination.scope);
-  if (!netlink || !request.Send(netlink)) return {};
+  return request;
+}
+
+// How the kernel would send to the address: a type of <linux/rtnetlink.h>, nothing when it does not
+// tell.
+std::optional<uint8_t> RouteType(const Endpoint& destination) {
+  const Descriptor netlink = OpenNetlink(NETLINK_ROUTE);
+  if (!netlink || !RouteRequest(destination).Send(netlink)) return {};
   std::string buffer;
   const auto answer = Receive(netlink, buffer);
   nlmsghdr header{};
@@ -169,23 +173,26 @@ std::optional<uint8_t> RouteType(const Endpoint& destination) {
   return header.nlmsg_type == RTM_NEWROUTE ? std::optional(route.rtm_type) : std::nullopt;
 }
 
+template <typename Address>
+bool CanBind(int family, const Address& address) {
+  const Descriptor probe(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  return bind(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
+         errno != EADDRNOTAVAIL;
+}
+
 // Without netlink: an address of another machine cannot be bound, as a rule.
 bool CanBeBound(const Endpoint& destination) {
   if (destination.ipv4()) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = destination.Ipv4();
-    const Descriptor probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    return bind(probe.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ||
-           errno != EADDRNOTAVAIL;
+    return CanBind(AF_INET, address);
   }
   sockaddr_in6 address{};
   address.sin6_family = AF_INET6;
   address.sin6_addr = destination.address;
   address.sin6_scope_id = destination.scope;
-  const Descriptor probe(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  return bind(probe.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 ||
-         errno != EADDRNOTAVAIL;
+  return CanBind(AF_INET6, address);
 }
 
 }  // namespace

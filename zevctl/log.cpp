@@ -198,14 +198,18 @@ std::string NothingFound(const std::string& name, const LogNames& existing,
   return message;
 }
 
+bool HasLog(const std::string& name, const LogNames& existing) {
+  const WantedLogs wanted({name}, existing);
+  return std::any_of(existing.begin(), existing.end(),
+                     [&](const std::string& log) { return wanted.Has(log); });
+}
+
 // Names without a log are told; without any log at all there must be something to wait for.
 void CheckNames(const LogOptions& options, const std::vector<std::string>& names,
                 const LogNames& existing) {
   std::vector<std::string> missing;
   for (const std::string& name : names) {
-    const WantedLogs wanted({name}, existing);
-    const auto is_wanted = [&](const std::string& log) { return wanted.Has(log); };
-    if (std::any_of(existing.begin(), existing.end(), is_wanted)) continue;
+    if (HasLog(name, existing)) continue;
     missing.push_back(NothingFound(name, existing, options.log_dir));
   }
   if (missing.size() == names.size() && !options.follow) {
@@ -255,6 +259,7 @@ class LogCommand {
  private:
   std::vector<std::string> Names() const;
   std::optional<size_t> Lines() const;
+  void GoToFirst(LogReaders& readers) const;
   void ShowHistory(LogReaders& readers);
   [[noreturn]] void Follow(Follower& follower);
   static void EndBySignals();
@@ -275,6 +280,14 @@ std::optional<size_t> LogCommand::Lines() const {
   return tail ? kFollowedLines : options_.lines;
 }
 
+// Spares reading what is not shown in any case.
+void LogCommand::GoToFirst(LogReaders& readers) const {
+  const auto lines = Lines();
+  if (lines && filter_.IsEmpty()) GoToLastRecords(readers, *lines);
+  if (!filter_.since) return;
+  for (const auto& reader : readers) reader->SkipBefore(*filter_.since);
+}
+
 // What is still being written is shown when it is complete, if we stay for that.
 void LogCommand::ShowHistory(LogReaders& readers) {
   const auto current = OpenCurrentDirectory(options_.log_dir);
@@ -284,10 +297,7 @@ void LogCommand::ShowHistory(LogReaders& readers) {
   };
   const auto lines = Lines();
   if (lines) printer_.KeepLast(*lines);
-  if (lines && filter_.IsEmpty()) GoToLastRecords(readers, *lines);
-  if (filter_.since) {
-    for (const auto& reader : readers) reader->SkipBefore(*filter_.since);
-  }
+  GoToFirst(readers);
   ReadInOrder(readers, unfinished, filter_.until ? *filter_.until + kClockSlack : kEndOfTime,
               [&](const LogReader& log, const Record& record) { printer_.Take(log, record); });
   printer_.ShowLast();

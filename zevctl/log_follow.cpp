@@ -101,16 +101,19 @@ void Follower::LookForFiles(Watch& watch, LogReaders& fresh) {
   struct stat info {};
   fstat(watch.directory.fd(), &info);
   if (!watch.changes.Look(info) && failures_ == 0) return;
-  for (const auto& [name, inode] : watch.directory.Logs()) {
-    LogReader* known = Find(readers_, {watch.directory.identity().device, inode});
-    if (known != nullptr) {
-      TakeName(*known, name);
-    } else if (wanted_.Has(name)) {
-      auto reader = OpenLog(watch.directory, name);
-      if (!reader || Find(readers_, reader->identity()) || Find(fresh, reader->identity()))
-        continue;
-      fresh.push_back(std::move(reader));
-    }
+  for (const auto& entry : watch.directory.Logs()) LookAt(entry, watch.directory, fresh);
+}
+
+void Follower::LookAt(const LogDirectory::Entry& entry, const LogDirectory& directory,
+                      LogReaders& fresh) {
+  LogReader* known = Find(readers_, {directory.identity().device, entry.inode});
+  if (known != nullptr) return TakeName(*known, entry.name);
+  if (!wanted_.Has(entry.name)) return;
+  auto reader = OpenLog(directory, entry.name);
+  if (!reader) return;
+  const FileIdentity& file = reader->identity();
+  if (Find(readers_, file) == nullptr && Find(fresh, file) == nullptr) {
+    fresh.push_back(std::move(reader));
   }
 }
 

@@ -59,6 +59,7 @@ class Follower {
   void LookForDirectories();
   void WatchCurrent(LogDirectory current);
   void LookForFiles(Watch& watch, LogReaders& fresh);
+  void LookAt(const LogDirectory::Entry& entry, const LogDirectory& directory, LogReaders& fresh);
   void TakeName(LogReader& reader, const std::string& name);
   void Forget(const RecordHandler& handle);
   bool IsWatched(const FileIdentity& directory) const;

@@ -38,14 +38,13 @@ class Merge {
 
   /// The reader at the earliest record; null at the end of all.
   LogReader* Next() {
-    for (;;) {
-      LogReader* earliest = Earliest();
-      const bool all_joined = joined_ == waiting_.size();
-      if (all_joined || (earliest != nullptr && earliest->key() < waiting_[joined_].time)) {
-        return earliest;
-      }
+    LogReader* earliest = Earliest();
+    while (joined_ < waiting_.size() &&
+           (earliest == nullptr || waiting_[joined_].time <= earliest->key())) {
       active_.push_back(waiting_[joined_++].reader);
+      earliest = Earliest();
     }
+    return earliest;
   }
 
  private:

@@ -146,12 +146,15 @@ std::string Coloured(std::string_view text, Colour colour, bool wanted) {
   return std::string(Sequence(colour)) + std::string(text) + "\x1b[0m";
 }
 
+Table::Table(const std::vector<std::string>& headings) : rows_(1) {
+  for (const std::string& heading : headings) rows_.front().push_back({heading});
+}
+
 std::vector<size_t> Table::ColumnWidths(size_t width) const {
-  std::vector<size_t> widths;
-  for (size_t column = 0; column < headings_.size(); ++column) {
-    widths.push_back(headings_[column].size());
-    for (const auto& row : rows_) {
-      widths.back() = std::max(widths.back(), Columns(row[column].text));
+  std::vector<size_t> widths(rows_.front().size());
+  for (const auto& row : rows_) {
+    for (size_t column = 0; column < row.size(); ++column) {
+      widths[column] = std::max(widths[column], Columns(row[column].text));
     }
   }
   while (width > 0 && Sum(widths) > width) {
@@ -164,22 +167,14 @@ std::vector<size_t> Table::ColumnWidths(size_t width) const {
 
 void Table::Print(std::ostream& out, size_t width, bool colours) const {
   const std::vector<size_t> widths = ColumnWidths(width);
-  const auto print_row = [&](const auto& row, auto text_of, auto colour_of) {
+  for (const auto& row : rows_) {
     std::string blanks;
     for (size_t column = 0; column < row.size(); ++column) {
-      const std::string text = Cut(text_of(row[column]), widths[column]);
-      out << blanks << Coloured(text, colour_of(row[column]), colours);
+      const std::string text = Cut(row[column].text, widths[column]);
+      out << blanks << Coloured(text, row[column].colour, colours);
       blanks.assign(widths[column] - Columns(text) + kGap, ' ');
     }
     out << "\n";
-  };
-  print_row(
-      headings_, [](const std::string& heading) { return std::string_view(heading); },
-      [](const std::string&) { return Colour::kNone; });
-  for (const auto& row : rows_) {
-    print_row(
-        row, [](const Cell& cell) { return std::string_view(cell.text); },
-        [](const Cell& cell) { return cell.colour; });
   }
 }
 

@@ -41,7 +41,7 @@ struct Cell {
 /// Rows of cells under one heading. The widest column gives way when a row would not fit.
 class Table {
  public:
-  explicit Table(std::vector<std::string> headings) : headings_(std::move(headings)) {}
+  explicit Table(const std::vector<std::string>& headings);
 
   void Add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
 
@@ -51,8 +51,7 @@ class Table {
  private:
   std::vector<size_t> ColumnWidths(size_t width) const;
 
-  std::vector<std::string> headings_;
-  std::vector<std::vector<Cell>> rows_;
+  std::vector<std::vector<Cell>> rows_;  // the headings are the first one
 };
 
 /// Writes a line to standard error, made printable and all of it at once: nothing that another

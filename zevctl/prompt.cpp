@@ -108,12 +108,11 @@ class SecretQuestion {
     if (number == SIGTSTP) {
       hidden_.Show();
       Stop();
-    }
-    if (number == SIGTSTP || number == SIGCONT) {
-      AskAgain();
-    } else {
+    } else if (number != SIGCONT) {
       signal_ = number;
+      return;
     }
+    AskAgain();
   }
 
   // After a stop the shell may have changed the terminal, and the person does not know any more

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 
 #include "output.h"
@@ -13,6 +14,16 @@
 namespace zevctl {
 
 namespace {
+
+template <typename Record>
+void RequireMatch(const std::vector<Record>& records, const std::string& pattern) {
+  const bool found = std::any_of(records.begin(), records.end(), [&](const Record& record) {
+    return NameMatches(record.name, pattern);
+  });
+  if (found) return;
+  throw Failure(ExitStatus::kNoSuchConsole, "no console is named \"" + Printable(pattern) +
+                                                "\"; \"zevctl list\" shows the names");
+}
 
 constexpr size_t kNamesShown = 8;
 
@@ -35,21 +46,14 @@ template <typename Record>
 std::vector<Record> Select(const std::vector<Record>& records,
                            const std::vector<std::string>& patterns) {
   if (patterns.empty()) return records;
-  std::vector<bool> wanted(records.size());
-  for (const std::string& pattern : patterns) {
-    bool found = false;
-    for (size_t i = 0; i < records.size(); ++i) {
-      if (!NameMatches(records[i].name, pattern)) continue;
-      wanted[i] = found = true;
-    }
-    if (found) continue;
-    throw Failure(ExitStatus::kNoSuchConsole, "no console is named \"" + Printable(pattern) +
-                                                  "\"; \"zevctl list\" shows the names");
-  }
+  for (const std::string& pattern : patterns) RequireMatch(records, pattern);
   std::vector<Record> selected;
-  for (size_t i = 0; i < records.size(); ++i) {
-    if (wanted[i]) selected.push_back(records[i]);
-  }
+  std::copy_if(
+      records.begin(), records.end(), std::back_inserter(selected), [&](const Record& record) {
+        return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
+          return NameMatches(record.name, pattern);
+        });
+      });
   return selected;
 }
 

@@ -96,14 +96,15 @@ void Socket::Send(std::string_view bytes, Milliseconds limit) {
     const ssize_t sent = send(fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     if (sent >= 0) {
       bytes.remove_prefix(static_cast<size_t>(sent));
-    } else if (errno == EAGAIN) {
-      if (!WaitFor(fd(), POLLOUT, limit)) {
-        throw Failure(ExitStatus::kNoDaemon, "the daemon does not take what is sent to it");
-      }
-    } else if (errno != EINTR) {
+      continue;
+    }
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN) {
       throw Failure(ExitStatus::kNoDaemon,
                     std::string("the connection to the daemon failed: ") + strerror(errno));
     }
+    if (WaitFor(fd(), POLLOUT, limit)) continue;
+    throw Failure(ExitStatus::kNoDaemon, "the daemon does not take what is sent to it");
   }
 }
 
@@ -112,9 +113,8 @@ size_t Socket::Receive(std::span<char> buffer, Milliseconds limit) {
     const ssize_t received = recv(fd(), buffer.data(), buffer.size(), 0);
     if (received >= 0) return static_cast<size_t>(received);
     if (errno != EAGAIN && errno != EINTR) return 0;
-    if (!WaitFor(fd(), POLLIN, limit)) {
-      throw Failure(ExitStatus::kNoDaemon, "the daemon does not answer");
-    }
+    if (WaitFor(fd(), POLLIN, limit)) continue;
+    throw Failure(ExitStatus::kNoDaemon, "the daemon does not answer");
   }
 }
 

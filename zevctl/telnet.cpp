@@ -41,13 +41,19 @@ bool HasOption(char command) {
   return code >= TELNET_WILL && code <= TELNET_DONT;
 }
 
+// Length of the text byte or the command at the front, even if not all of it is there.
+size_t FrontLength(std::string_view bytes) {
+  if (bytes[0] != kIac) return 1;
+  return bytes.size() > 1 && HasOption(bytes[1]) ? 3 : 2;
+}
+
 // How much of it is complete commands. The daemon keeps a console's offers as a text, which ends in
 // front of the number of the binary option.
 size_t CompleteLength(std::string_view offers) {
   size_t end = 0;
   while (end < offers.size()) {
     const std::string_view rest = offers.substr(end);
-    const size_t length = rest[0] != kIac ? 1 : rest.size() > 1 && HasOption(rest[1]) ? 3 : 2;
+    const size_t length = FrontLength(rest);
     if (length > rest.size()) break;
     end += length;
   }
