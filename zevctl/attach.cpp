@@ -1,4 +1,4 @@
-// "zevctl attach": a session at a console, and with --retry one after the other.
+// "zevctl attach": a session at a console, or with --retry one after another.
 #include <termios.h>
 #include <unistd.h>
 
@@ -34,7 +34,7 @@ struct AttachOptions {
 };
 
 /// The daemon closed the session because somebody asked it to. Attaching again would defeat that,
-/// and two users who take a console from each other would go on for ever.
+/// and two users could go on taking the console from each other without end.
 class Terminated : public Failure {
  public:
   explicit Terminated(const std::string& console)
@@ -74,7 +74,7 @@ class Attachment {
         TellOnce(failure.what());
       }
       std::this_thread::sleep_for(kRetryPause);
-      // What was typed meanwhile was not meant for the console.
+      // What was typed in the meantime was not meant for the console.
       tcflush(STDIN_FILENO, TCIFLUSH);
     }
   }
@@ -114,8 +114,8 @@ bool Attachment::MayPass(const Failure& failure) {
   return failure.status() == ExitStatus::kNoDaemon || failure.status() == ExitStatus::kSessionEnded;
 }
 
-// A disabled console may be enabled again, a deleted one is gone. One that is just being connected
-// or given up may not be found for a moment, but not twice.
+// A disabled console may be enabled again; a deleted one is gone. One that is just being connected
+// or given up may not be found for a moment, but not twice in a row.
 bool Attachment::MayPass(const Refused& refused) {
   const bool was_known = known_;
   known_ = refused.number() == kNotAccessible || refused.number() == kDisabled;
@@ -149,7 +149,7 @@ void AddAttachCommand(CLI::App& app, Program& program) {
   command
       ->add_option("--mode", options->mode,
                    "ro: watch only; sh: type together with others; ex: be the only one who types; "
-                   "er: the same, until the next one comes")
+                   "er: the same, until the next user comes")
       ->check(CLI::IsMember({"ro", "sh", "ex", "er"}))
       ->capture_default_str();
   command

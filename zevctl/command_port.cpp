@@ -11,9 +11,9 @@ namespace {
 
 constexpr char kCommandPortName[] = "@@@@";
 constexpr Milliseconds kAnswerLimit{30000};
-constexpr size_t kLongestCommand = 1022;  // and the line end; the daemon reads 1023 bytes as a line
+constexpr size_t kLongestCommand = 1022;  // without the line end
 
-// Far more than any station has; and memory is taken only for what has arrived.
+// Far more than any station has. Memory is taken only for what has arrived.
 constexpr uint32_t kMostRecords = 1'000'000;
 
 // A telnet command that does nothing (IAC NOP, RFC 854): a login skips it, and the command port
@@ -56,7 +56,7 @@ class PacketReader {
   std::span<const char> bytes_;
 };
 
-// The daemon takes a line as it comes; a longer one would become two commands.
+// The daemon reads at most 1023 bytes as a line, and would take a longer one for two commands.
 void CheckLength(const std::string& command) {
   if (command.size() <= kLongestCommand) return;
   throw Failure(ExitStatus::kUsage, "the command is too long: at most " +

@@ -38,7 +38,7 @@ struct MappedPortRecord {
   uint16_t authentication = 0;
 };
 
-// One record each; the span has the record's size on the wire (command_wire.h).
+// Each decodes one record. The span has the size of that record on the wire (command_wire.h).
 ConsoleRecord DecodeConsole(std::span<const char> bytes);
 UserRecord DecodeUser(std::span<const char> bytes);
 MappedPortRecord DecodeMappedPort(std::span<const char> bytes);
@@ -64,7 +64,7 @@ class CommandPort {
   /// Addresses of the clients that hold the console's management port.
   std::vector<std::string> PortHolders(const std::string& console);
 
-  /// Runs a command that answers "done".
+  /// Runs a command whose answer is "done".
   void Do(const std::string& command);
 
  private:

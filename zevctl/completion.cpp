@@ -1,9 +1,9 @@
-// Shell completion. The shells' functions are thin: they hand the words of the line to the word
-// "complete", which answers from the declared commands and options and, for console names,
-// from the running daemon. It never asks for a password: no answer is an answer there.
+// Shell completion. The functions for the shells do little: they pass the words of the line to
+// "zevctl complete", which answers from the declared commands and options and, for console names,
+// from the running daemon. It never asks for a password; where one is needed, it offers no names.
 //
 // What is offered ends up on a command line. So no name is offered that a shell would read as more
-// than a word, or zevctl as an option; and the functions take what they are offered as text.
+// than a word, or zevctl as an option. The functions take what they are offered as text.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
@@ -66,14 +66,14 @@ else
 fi
 )";
 
-constexpr char kFile[] = "<file>";  // the shell shall offer its files
+constexpr char kFile[] = "<file>";  // asks the shell to offer names of files
 
-// Commands whose arguments are console names; of msg and attach only the first.
+// Commands whose first argument is the name of a console, and those all of whose arguments are.
 const std::set<std::string> kOneName = {"attach", "log", "msg"};
 const std::set<std::string> kNames = {"clear",  "disable", "enable", "force", "reconnect",
                                       "holder", "list",    "ports",  "who"};
 
-// What options can be given; the rest have values that nobody can guess.
+// The values that options can have, as far as they can be known.
 const std::map<std::string, Words> kValues = {
     {"--mode", {"ro", "sh", "ex", "er"}},
     {"--state", StateWords()},
@@ -88,7 +88,7 @@ const CLI::App* CommandNamed(const CLI::App& app, const std::string& name) {
   return commands.empty() ? nullptr : commands.front();
 }
 
-/// The words before the one that is being completed, understood as far as completion needs it.
+/// The words before the one that is being completed, parsed as far as completion needs it.
 class Line {
  public:
   Line(const CLI::App& app, const Words& words) : app_(app) {
@@ -101,7 +101,7 @@ class Line {
   const CLI::App* command() const { return command_; }
   size_t arguments() const { return arguments_; }
 
-  /// The option whose value comes next; empty when none is awaited.
+  /// The option whose value is the word that is being completed; empty when there is none.
   const std::string& awaited() const { return awaited_; }
 
   const Settings& settings() const { return settings_; }
@@ -164,7 +164,7 @@ bool IsPlain(char byte) {
          kMarks.find(byte) != std::string_view::npos;
 }
 
-// A name with a blank, a quote, a `$`, a line end and the like can only be meant to do harm.
+// A name with a blank, a quote, a `$`, a line end or the like can only be meant to do harm.
 bool IsWord(const std::string& name) {
   return !name.empty() && name[0] != '-' && Printable(name) == name &&
          std::all_of(name.begin(), name.end(), IsPlain);

@@ -23,7 +23,7 @@ struct ControlOptions {
   bool yes = false;
 };
 
-/// One row for every command.
+/// One of the commands.
 struct ControlRow {
   const char* name;  ///< the command's name, here and on the wire
   const char* help;
@@ -125,7 +125,7 @@ bool IsConnected(const std::vector<ConsoleRecord>& consoles, const std::string& 
   });
 }
 
-// The daemon does not know a console by its name here while it is not connected.
+// For this command the daemon knows no console by its name that is not connected.
 ExitStatus RunMessage(const Settings& settings, const ControlOptions& options) {
   const std::string text = Joined(options.text);
   Credentials credentials(UserName(settings));

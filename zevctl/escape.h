@@ -14,15 +14,15 @@ struct EscapeStep {
   EscapeAction action = EscapeAction::kNone;
 };
 
-/// Tells escapes from keys. Lines start at the beginning, behind carriage returns and line feeds,
-/// and behind escapes, so that one escape can follow another.
+/// Tells escapes from other keys. A line starts at the beginning, after a carriage return or a line
+/// feed, and after an escape, so that one escape can follow another.
 class EscapeReader {
  public:
   /// Without an escape character, everything is for the console.
   explicit EscapeReader(std::optional<char> escape) : escape_(escape) {}
 
   /// Takes keys off the front, up to the end of the first escape. An escape character that may
-  /// still become an escape is kept until the next key tells.
+  /// begin an escape is kept until the next key is known.
   EscapeStep Next(std::string_view& typed);
 
  private:
@@ -44,7 +44,7 @@ std::optional<char> ToEscape(const std::string& text);
 /// The key as people write it: itself, or "^" and a letter.
 std::string KeyName(char key);
 
-/// All escapes, one in a line. The lines end as a raw terminal needs it.
+/// The help: one escape in each line. The lines end as a raw terminal needs it.
 std::string EscapeHelp(char escape);
 
 }  // namespace zevctl

@@ -16,7 +16,7 @@ std::string TextOf(const Event& object, const char* key) {
   return found->is_string() ? found->get<std::string>() : found->dump();
 }
 
-// Nothing when there is none.
+// The event's message; nothing when it has none.
 std::optional<std::string> MessageOf(const Event& event) {
   const auto vars = event.find("vars");
   if (vars == event.end() || !vars->is_object() || !vars->contains("message")) return {};
@@ -26,7 +26,7 @@ std::optional<std::string> MessageOf(const Event& event) {
   return message;
 }
 
-// How many equal events the line stands for; nothing when it is a single one.
+// How many equal events the line stands for; empty when it does not say so.
 std::string RepeatsOf(const Event& event) {
   const auto repeats = event.find("repeats");
   if (repeats == event.end() || !repeats->is_number_unsigned()) return {};

@@ -29,7 +29,8 @@ Failure Failed(const std::string& what, const std::string& path, int error) {
   return {ExitStatus::kFailed, what + " " + Printable(path) + ": " + strerror(error)};
 }
 
-/// Two that start at once must not both find nobody listening.
+/// Held while the socket is made or removed: two programs that start at once must not both find
+/// that nobody listens.
 class DirectoryLock {
  public:
   explicit DirectoryLock(const std::string& path)
@@ -67,7 +68,7 @@ int Bind(const Descriptor& made, const sockaddr_un& address) {
   return result;
 }
 
-// Removes a socket that nobody listens at. A listener with more callers than it can take answers
+// Removes a socket on which nobody listens. A listener with more callers than it can take answers
 // EAGAIN.
 void RemoveStale(const std::string& path, const sockaddr_un& address) {
   struct stat info {};

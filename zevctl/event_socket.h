@@ -9,12 +9,12 @@
 
 namespace zevctl {
 
-/// Listens as long as it lives, and then removes the socket if it is still its own.
+/// Listens as long as it exists. At its end it removes the socket, if that is still its own.
 class EventSocket {
  public:
-  /// Makes the directory of the socket if it is missing, and takes the place of a socket at which
-  /// nobody listens. Throws Failure(kFailed) when somebody does, or when the path is something
-  /// else.
+  /// Makes the directory of the socket if it is missing, and replaces a socket on which nobody
+  /// listens. Throws Failure(kFailed) when somebody listens on it, when the path is something else,
+  /// or when the socket cannot be made; Failure(kUsage) when the path is empty or too long.
   explicit EventSocket(const std::string& path);
   ~EventSocket();
   EventSocket(const EventSocket&) = delete;
@@ -22,8 +22,8 @@ class EventSocket {
 
   int fd() const { return listener_.get(); }
 
-  /// The next connection; not valid when there is none. `full` tells that there are as many
-  /// descriptors as there can be.
+  /// The next connection; not valid when there is none. `full` is set to whether that is because no
+  /// more descriptors can be opened.
   Descriptor Accept(bool& full);
 
  private:

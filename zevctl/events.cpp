@@ -1,8 +1,9 @@
-// "zevctl events": the end to which the daemon posts its events, for a station without another one.
+// "zevctl events": receives the events that the daemon posts, at a station without another event
+// manager.
 //
-// The daemon drops events when its event manager takes none, and before it does so it waits. So
-// what arrives is always taken at once, whatever becomes of the output: lines that standard output
-// does not take wait in a queue, and when that is full, events are dropped here and counted.
+// When its event manager takes no events, the daemon waits at first and then drops them. So what
+// arrives is always taken at once, whatever becomes of the output: lines that standard output does
+// not take wait in a queue, and when that is full, events are dropped here and counted.
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -23,7 +24,7 @@ namespace zevctl {
 
 namespace {
 
-constexpr size_t kMostQueued = 8'000'000;
+constexpr size_t kMostQueued = 8'000'000;  // bytes
 constexpr size_t kReceiveSize = 65536;
 constexpr size_t kShownOfBadLine = 60;
 

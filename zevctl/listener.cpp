@@ -17,7 +17,7 @@ namespace zevctl {
 
 namespace {
 
-// Stands for every user that the user namespace of this process does not have.
+// Stands for every user that is unknown in the user namespace of this process.
 constexpr uid_t kNobodyKnown = 65534;
 
 constexpr Milliseconds kPeerLimit{1000};  // for the other end to show
@@ -51,7 +51,7 @@ std::string InWords(uid_t user) {
   return entry == nullptr ? "user " + number : std::string(entry->pw_name) + " (" + number + ")";
 }
 
-// Those to whom the sockets belong.
+// The users to whom the sockets belong.
 std::string OwnersOf(const TcpSockets& sockets) {
   std::set<uid_t> users;
   for (const TcpSocket& socket : sockets) users.insert(socket.uid);
@@ -70,7 +70,7 @@ std::optional<Endpoint> EndOf(int connection, NameCall call) {
   return call(connection, generic, &size) == 0 ? Destination(*generic) : std::nullopt;
 }
 
-// The other end may still be about to come into being: this end is the first to be complete.
+// The other end may not be there yet: this end is complete first.
 std::optional<TcpSockets> PeersOf(int connection) {
   const auto here = EndOf(connection, getsockname);
   const auto there = EndOf(connection, getpeername);

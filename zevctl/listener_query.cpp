@@ -127,7 +127,7 @@ bool TakeProcFile(const char* path, bool ipv6, SocketKind kind, TcpSockets& foun
   return TakeProcTable(table, ipv6, kind, found);
 }
 
-// A machine without IPv6 has no table of it.
+// A machine without IPv6 has no table for it.
 std::optional<TcpSockets> SocketsByProc(SocketKind kind) {
   constexpr char kIpv6Table[] = "/proc/net/tcp6";
   TcpSockets found;
@@ -180,7 +180,7 @@ bool CanBind(int family, const Address& address) {
          errno != EADDRNOTAVAIL;
 }
 
-// Without netlink: an address of another machine cannot be bound, as a rule.
+// For a system without netlink. As a rule, an address of another machine cannot be bound.
 bool CanBeBound(const Endpoint& destination) {
   if (destination.ipv4()) {
     sockaddr_in address{};

@@ -82,7 +82,7 @@ bool TakeSocket(std::span<const char> payload, SocketKind kind, TcpSockets& foun
   return true;
 }
 
-// A dump that failed half-way says so where it says that it is done.
+// A dump that failed half-way says so in the message that ends it.
 DumpStep StepAtEnd(std::span<const char> payload) {
   const auto error = Front<int>(payload);
   return error && *error < 0 ? DumpStep::kFailed : DumpStep::kDone;
@@ -96,7 +96,7 @@ bool ParseNumber(std::string_view text, int base, Number& number) {
   return error == std::errc() && end == text.data() + text.size();
 }
 
-// Each word of the address is printed as a number of this machine's.
+// Each word of the address is printed as a number in the byte order of this machine.
 bool ParseAddress(std::string_view text, bool ipv6, in6_addr& address) {
   const size_t count = ipv6 ? 4 : 1;
   if (text.size() != count * 2 * kWordSize) return false;
@@ -142,7 +142,7 @@ bool HaveOneAddress(const Endpoint& one, const Endpoint& other) {
   return IN6_ARE_ADDR_EQUAL(&one.address, &other.address);
 }
 
-// An IPv6 wildcard of which nobody tells whether it takes IPv4 is left out here.
+// An IPv6 wildcard is left out here when the table does not tell whether it takes IPv4.
 bool Takes(const Listener& listener, const Endpoint& destination) {
   if (listener.bound.port != destination.port) return false;
   if (HaveOneAddress(listener.bound, destination)) return true;
@@ -231,7 +231,8 @@ bool TakeProcTable(std::string_view table, bool ipv6, SocketKind kind, TcpSocket
 }
 
 // Where a socket takes IPv4, an IPv6 wildcard that would take it too cannot be bound, unless both
-// agreed to share; so in doubt it counts only where nothing else is there.
+// agreed to share the port. So when the table does not tell, the wildcard counts only where there
+// is no other socket.
 Listeners TakersOf(const Listeners& listeners, const Endpoint& destination) {
   Listeners takers =
       Those(listeners, [&](const Listener& listener) { return Takes(listener, destination); });

@@ -1,4 +1,4 @@
-// The TCP sockets of this machine, as the system's own tables tell of them: bytes in, records out.
+// Reading the system's tables of this machine's TCP sockets, and finding sockets in them.
 #pragma once
 
 #include <netinet/in.h>
@@ -14,7 +14,7 @@
 
 namespace zevctl {
 
-/// An address and a port. IPv4 addresses are written as IPv6 ones, ::ffff:a.b.c.d.
+/// An address and a port. IPv4 addresses are kept in the form of IPv6 addresses, ::ffff:a.b.c.d.
 struct Endpoint {
   in6_addr address{};
   uint16_t port = 0;
@@ -32,17 +32,17 @@ struct Endpoint {
   std::string InWords() const;
 };
 
-/// Where a connection to the address leads: the wildcard stands for this machine. Nothing for
-/// another family.
+/// Where a connection to the address leads; the wildcard leads to this machine. Nothing for an
+/// address that is neither IPv4 nor IPv6.
 std::optional<Endpoint> Destination(const sockaddr& address);
 
 struct TcpSocket {
-  Endpoint bound;
+  Endpoint bound;  ///< the address at this end
   bool ipv6_socket = false;
   std::optional<bool> ipv6_only;  ///< of an IPv6 socket, where the table tells
   uid_t uid = 0;                  ///< whose it is
-  uint64_t inode = 0;             ///< tells it from all others, also from later ones; 0: no process
-                                  ///< has it, or has it yet
+  uint64_t inode = 0;             ///< tells it from all others, even later ones; 0 while no process
+                                  ///< has it
   Endpoint remote;                ///< the other end of a connection
 };
 
@@ -54,20 +54,21 @@ enum class SocketKind { kListening, kConnected };
 
 enum class DumpStep { kMore, kDone, kFailed };
 
-/// Takes the sockets of one kind from one datagram of the kernel's answer to a dump of sockets
+/// Adds the sockets of one kind from one datagram of the kernel's answer to a dump of sockets
 /// (sock_diag(7)). Whatever does not listen counts as connected.
 DumpStep TakeDiagnostics(std::span<const char> datagram, SocketKind kind, TcpSockets& found);
 
-/// Adds those of /proc/net/tcp or /proc/net/tcp6; false when the text is something else.
+/// Adds the sockets of one kind from the text of /proc/net/tcp or /proc/net/tcp6; false when the
+/// text is something else.
 bool TakeProcTable(std::string_view table, bool ipv6, SocketKind kind, TcpSockets& found);
 
 /// The listeners among which the kernel chooses one for a connection to the address. A socket bound
-/// to the address itself takes precedence over a wildcard; of several that share the port by
+/// to the address itself takes precedence over a wildcard. Of several that share the port by
 /// agreement any one may get the connection, so all of them have to be right.
 Listeners TakersOf(const Listeners& listeners, const Endpoint& destination);
 
-/// The sockets of a connection between the two addresses that are at its end `here`. IPv4 that an
-/// IPv6 socket has taken counts as IPv4.
+/// The sockets at the end `here` of a connection between the two addresses. An IPv4 connection that
+/// an IPv6 socket has accepted counts as IPv4.
 TcpSockets EndsOf(const TcpSockets& sockets, const Endpoint& here, const Endpoint& there);
 
 }  // namespace zevctl

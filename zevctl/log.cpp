@@ -27,7 +27,7 @@ namespace zevctl {
 
 namespace {
 
-constexpr size_t kFollowedLines = 10;     // shown before following when nothing else is asked for
+constexpr size_t kFollowedLines = 10;  // shown before following, unless something else is asked for
 constexpr size_t kMostLines = 1'000'000;  // they are kept in memory
 constexpr size_t kFlushSize = 65536;
 constexpr std::chrono::duration<int, std::milli> kTickInterval{200};
@@ -58,7 +58,7 @@ class Pattern {
   Pattern(const Pattern&) = delete;
   Pattern& operator=(const Pattern&) = delete;
 
-  // The text may hold NULs and has no terminator.
+  // The text may hold NULs and does not end with one.
   bool Matches(std::string_view text) const {
     regmatch_t whole = {0, static_cast<regoff_t>(text.size())};
     return regexec(&compiled_, text.data(), 1, &whole, REG_STARTEND) == 0;
@@ -130,7 +130,7 @@ std::string AsJson(const LogReader& log, const Record& record) {
   return EscapedJson(data.dump());
 }
 
-// Every record has a line of its own, also when it has no line end or another one.
+// Every record gets a line of its own, even when it has no line end or another one.
 std::string Line(Form form, const LogReader& log, const Record& record) {
   if (form == Form::kJson) return AsJson(log, record) + "\n";
   std::string_view bytes = record.bytes;
@@ -140,14 +140,14 @@ std::string Line(Form form, const LogReader& log, const Record& record) {
   return Harmless(bytes) + "\n";
 }
 
-/// Shows the records that the filter takes, or the last ones of them.
+/// Shows the records that the filter takes, or only the last of them.
 class Printer {
  public:
   Printer(const Filter& filter, Form form) : filter_(filter), form_(form) {}
 
   bool found() const { return found_; }
 
-  /// Shows nothing until ShowLast(), and then that many.
+  /// Shows nothing until ShowLast(), which then shows the last `count` records.
   void KeepLast(size_t count) { kept_ = count; }
 
   void Take(const LogReader& log, const Record& record) {
@@ -204,7 +204,8 @@ bool HasLog(const std::string& name, const LogNames& existing) {
                      [&](const std::string& log) { return wanted.Has(log); });
 }
 
-// Names without a log are told; without any log at all there must be something to wait for.
+// Warns of names without a log. When no name has a log, the command fails, unless it can wait for
+// one.
 void CheckNames(const LogOptions& options, const std::vector<std::string>& names,
                 const LogNames& existing) {
   std::vector<std::string> missing;
@@ -220,7 +221,7 @@ void CheckNames(const LogOptions& options, const std::vector<std::string>& names
   }
 }
 
-// There is one file in every directory, and there may be many directories.
+// Every directory can have a file of each console, and there may be many directories.
 void UseAllDescriptors() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
@@ -280,7 +281,7 @@ std::optional<size_t> LogCommand::Lines() const {
   return tail ? kFollowedLines : options_.lines;
 }
 
-// Spares reading what is not shown in any case.
+// Skips what would not be shown anyway, where that is quick.
 void LogCommand::GoToFirst(LogReaders& readers) const {
   const auto lines = Lines();
   if (lines && filter_.IsEmpty()) GoToLastRecords(readers, *lines);
@@ -288,7 +289,8 @@ void LogCommand::GoToFirst(LogReaders& readers) const {
   for (const auto& reader : readers) reader->SkipBefore(*filter_.since);
 }
 
-// What is still being written is shown when it is complete, if we stay for that.
+// A record that is still being written is shown once it is complete if we follow the log, and as it
+// is otherwise.
 void LogCommand::ShowHistory(LogReaders& readers) {
   const auto current = OpenCurrentDirectory(options_.log_dir);
   const auto unfinished = [&](const LogReader& log) {
@@ -316,8 +318,8 @@ void LogCommand::Follow(Follower& follower) {
   }
 }
 
-// There is nothing to put in order, and what is found is written at once: so the signal may come at
-// any time, also while the output takes nothing.
+// There is nothing to clean up, and no output is held back. So a signal may end the program at any
+// time, even while the output is blocked.
 void LogCommand::EndBySignals() {
   for (const int number : {SIGINT, SIGTERM}) {
     const auto before = signal(number, [](int) { _exit(static_cast<int>(ExitStatus::kOk)); });
@@ -339,13 +341,14 @@ void AddFilterOptions(CLI::App& command, LogOptions& options) {
   CLI::Option* pattern = command.add_option(
       "--grep", options.pattern,
       "Only records in which this POSIX extended regular expression matches what follows the time; "
-      "without any the status is 1");
-  command.add_flag("-i,--ignore-case", options.ignore_case, "For --grep, A and a are the same")
+      "when there is none, the status is 1");
+  command.add_flag("-i,--ignore-case", options.ignore_case, "Ignore case in --grep")
       ->needs(pattern);
   command
-      .add_flag("-f,--follow", options.follow,
-                "Go on with what is logged from now on; the last 10 records first, if neither "
-                "--lines nor a filter says otherwise")
+      .add_flag(
+          "-f,--follow", options.follow,
+          "Go on with what is logged from now on, after the last 10 records if neither --lines "
+          "nor a filter is given")
       ->excludes(until);
 }
 
@@ -359,7 +362,7 @@ void AddLogCommand(CLI::App& app, Program& program) {
       ->add_option("NAME", options->console,
                    "Console, or \"consolidated\" for what all consoles printed while unattended")
       ->required();
-  command->add_option("-n,--lines", options->lines, "Only the last records, so many")
+  command->add_option("-n,--lines", options->lines, "How many of the last records to show")
       ->check(CLI::Range(size_t{0}, kMostLines));
   AddFilterOptions(*command, *options);
   command

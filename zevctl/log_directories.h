@@ -23,9 +23,9 @@ namespace zevctl {
 /// Names of logs: those of the files, without ".log".
 using LogNames = std::set<std::string>;
 
-/// The logs that the user asked for. Names that differ only in "-" and "_" are one console's: the
-/// daemon replaces the one by the other when it posts an event. Upper and lower case are the same,
-/// unless some log has the name in exactly the case that was asked for.
+/// The logs that the user asked for. Names that differ only in "-" and "_" belong to one console:
+/// the daemon replaces the one by the other when it posts an event. Upper and lower case are the
+/// same, unless some log has the name in exactly the case that was asked for.
 class WantedLogs {
  public:
   /// `names`: what was asked for; `existing`: all logs that there are.

@@ -10,7 +10,8 @@ namespace zevctl {
 
 namespace {
 
-// What the daemon has just made may not be readable yet.
+// After so many failures in a row the user is told. What the daemon has just made may not be
+// readable yet.
 constexpr int kFailuresToTell = 10;
 
 constexpr auto kLeaveUnfinished = [](const LogReader&) { return Unfinished::kLeave; };
@@ -84,7 +85,8 @@ void Follower::LookForDirectories() {
   known_ = std::move(listed);
 }
 
-// While there is no current directory, as in the moment of a change, no other one ages.
+// While there is no current directory, as in the middle of a change, the watch of the others does
+// not run out.
 void Follower::WatchCurrent(LogDirectory current) {
   for (Watch& watch : watches_) --watch.ticks_left;
   const auto found = std::find_if(watches_.begin(), watches_.end(), [&](const Watch& watch) {
@@ -117,7 +119,7 @@ void Follower::LookAt(const LogDirectory::Entry& entry, const LogDirectory& dire
   }
 }
 
-// The daemon renames the log of a console that is renamed. Its next one has the new name.
+// When a console is renamed, the daemon renames its log. The next log has the new name.
 void Follower::TakeName(LogReader& reader, const std::string& name) {
   if (reader.name() == name) return;
   if (!wanted_.Has(name)) {
@@ -128,7 +130,7 @@ void Follower::TakeName(LogReader& reader, const std::string& name) {
   reader.Rename(name);
 }
 
-// A removed file goes on being written until the daemon opens another.
+// The daemon goes on writing to a removed file until it opens another.
 void Follower::Forget(const RecordHandler& handle) {
   std::erase_if(watches_, [](const Watch& watch) { return watch.ticks_left <= 0; });
   const auto is_followed = [&](const auto& reader) { return IsWatched(reader->directory()); };

@@ -1,4 +1,5 @@
-// Going on with logs that are being written, across new directories, renamed and removed files.
+// Following logs while the daemon writes them, into new directories too, and while files are
+// renamed or removed.
 #pragma once
 
 #include <sys/stat.h>
@@ -14,10 +15,11 @@
 
 namespace zevctl {
 
-/// Tells when a directory must be listed again. A change shows in its time stamp, which is coarse:
-/// so it is listed a few times more after the last change that showed.
+/// Tells when a directory must be listed again. Its time stamp shows a change, but is coarse: so it
+/// is listed a few times more after the last change that was seen.
 class DirectoryChanges {
  public:
+  /// True when it must be listed now. `info`: of the directory, as it is now.
   bool Look(const struct stat& info);
 
  private:
@@ -28,24 +30,27 @@ class DirectoryChanges {
   int looks_left_ = kMoreLooks;
 };
 
-/// To be asked again and again. The daemon closes all logs before it begins a new directory. So new
-/// files are looked for first, then the known ones are read to their end, and then the new ones.
+/// Follows the wanted logs. Tick() is to be called again and again. The daemon closes all logs
+/// before it begins a new directory. So new files are looked for first, then the known files are
+/// read to their end, and then the new ones.
 ///
-/// Directories that are neither current nor new are watched for some ticks more: a log may have
-/// been made in one after it was last looked at. Files are forgotten together with their
-/// directories.
+/// A directory that is no longer current is watched for some ticks more: a log may have been made
+/// in it after it was last looked at. Files are forgotten together with their directories.
 class Follower {
  public:
   using Teller = std::function<void(const std::string&)>;
 
-  /// Goes on where the readers are, which are those of the directories. `tell` is for what the user
-  /// should know.
+  /// Goes on at the positions of `readers`, which are the wanted logs of `directories`. `tell` is
+  /// called with messages for the user.
   Follower(std::string log_dir, WantedLogs wanted, std::vector<LogDirectory> directories,
            LogReaders readers, Teller tell);
 
-  /// Looks once, and hands over the records that are complete.
+  /// Looks once, and hands over the records that are complete. Throws Failure(kFailed) when a file
+  /// cannot be read. When files cannot be found or opened, the user is told once that has gone on
+  /// for some ticks.
   void Tick(const RecordHandler& handle);
 
+  /// For how many ticks a directory is watched that is no longer current.
   static constexpr int kWatchTicks = 50;
 
  private:
@@ -68,10 +73,10 @@ class Follower {
   WantedLogs wanted_;
   Teller tell_;
   DirectoryChanges changes_;
-  std::set<FileIdentity> known_;  // directories, as listed last
+  std::set<FileIdentity> known_;  // directories that were there at the last listing
   std::vector<Watch> watches_;
   LogReaders readers_;
-  int failures_ = 0;  // of the latest looks, one after the other
+  int failures_ = 0;  // in a row, up to the latest look
 };
 
 }  // namespace zevctl

@@ -9,9 +9,10 @@ namespace zevctl {
 
 namespace {
 
+/// A reader and when the first record from its position on was written.
 struct Started {
   time_t time;
-  std::chrono::nanoseconds changed;  // tells two apart that were begun within a second
+  std::chrono::nanoseconds changed;  // orders those that start within the same second
   LogReader* reader;
 
   bool operator<(const Started& other) const {
@@ -29,14 +30,14 @@ std::vector<Started> InOrderOfStart(const LogReaders& readers) {
   return started;
 }
 
-/// Readers whose next records are compared. A file joins when the records of the others come to its
-/// first one, and leaves at its end, so that memory does not grow with the number of files.
+/// The readers whose next records are compared. A file joins when the records of the others reach
+/// its first one, and leaves at its end, so that memory does not grow with the number of files.
 class Merge {
  public:
   Merge(const LogReaders& readers, const UnfinishedRule& unfinished)
       : unfinished_(unfinished), waiting_(InOrderOfStart(readers)) {}
 
-  /// The reader at the earliest record; null at the end of all.
+  /// The reader whose next record is the earliest; null at the end of all files.
   LogReader* Next() {
     LogReader* earliest = Earliest();
     while (joined_ < waiting_.size() &&
@@ -81,8 +82,8 @@ LogReaders OpenLogs(const std::vector<LogDirectory>& directories, const WantedLo
   return readers;
 }
 
-// From the newest file back: what ends before the last records that were found so far begin cannot
-// hold any of the last ones.
+// Goes from the newest file back. A file that ends before the oldest record found so far holds none
+// of the last ones, once there are enough.
 void GoToLastRecords(const LogReaders& readers, size_t count) {
   std::vector<Started> started = InOrderOfStart(readers);
   size_t found = 0;

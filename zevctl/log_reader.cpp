@@ -12,8 +12,9 @@ namespace zevctl {
 
 namespace {
 
+// In bytes.
 constexpr size_t kBufferSize = 4 * kLongestRecord;
-constexpr size_t kProbeSize = 16384;  // in which a line must end for a search to go on
+constexpr size_t kProbeSize = 16384;  // within which a line must end for a search to go on
 
 }  // namespace
 
@@ -44,7 +45,7 @@ const Record* LogReader::Peek(Unfinished unfinished) {
   return &record_;
 }
 
-// Of the record at the position; 0 when there is none (yet).
+// The length of the record at the position; 0 when there is none (yet).
 size_t LogReader::NextLength(Unfinished unfinished) {
   for (;;) {
     const size_t length = held_ == used_ ? 0 : RecordLength(Buffered(), kind_, at_end_);
@@ -60,7 +61,7 @@ void LogReader::Skip() {
   has_record_ = false;
 }
 
-// Reads more behind what is there; false at the end of the file.
+// Reads on after what is buffered; false at the end of the file.
 bool LogReader::Fill() {
   bytes_.resize(kBufferSize);
   std::copy(bytes_.begin() + static_cast<ptrdiff_t>(used_),
@@ -96,8 +97,8 @@ off_t LogReader::Size() const {
   return fstat(file_.get(), &info) == 0 ? info.st_size : 0;
 }
 
-// What has been read of a record that is still being written is read again: the daemon takes back
-// a piece of a record when the disk is full.
+// What was read of an unfinished record is read again: the daemon takes back a piece of a record
+// when the disk is full.
 void LogReader::Refresh() {
   GoTo(Size() < position_ ? 0 : position_);
 }
@@ -139,7 +140,7 @@ void LogReader::SkipBefore(time_t time) {
   GoTo(older);
 }
 
-// -1 when no line begins near the position.
+// The start of the first line after the position; -1 when no line begins close to it.
 off_t LogReader::LineStartAfter(off_t position) const {
   char bytes[kProbeSize];
   const size_t count = ReadAt(position, bytes);

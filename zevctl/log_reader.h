@@ -51,7 +51,8 @@ class LogReader {
   /// True when the file has no name any more.
   bool IsRemoved() const;
 
-  /// The record at the position; null at the end of the file. Valid until another member is called.
+  /// The record at the position; null at the end of the file, and with kLeave also before an
+  /// unfinished record. Valid until another member is called.
   const Record* Peek(Unfinished unfinished);
 
   /// Moves the position past the record that Peek() returned.

@@ -13,7 +13,7 @@ constexpr size_t kLongestName = 64;
 constexpr std::string_view kStampShape = "00/00/00_00:00:00 ";
 constexpr size_t kStampSize = kStampShape.size() - 1;
 
-// Between the piece of a line and the empty record after it the clock may go on.
+// In seconds: how much later than the unfinished line the empty record after it may be.
 constexpr time_t kClosingTime = 1;
 
 bool FitsShape(char byte, char shape) {
@@ -27,7 +27,7 @@ bool HasStampAt(std::string_view bytes, size_t position) {
                     [](char shape, char byte) { return FitsShape(byte, shape); });
 }
 
-// What stands in front of the text.
+// What precedes the text.
 struct Header {
   size_t stamp = 0;          // with the blank; 0 when there is none
   std::string_view console;  // empty when there is none
@@ -77,8 +77,8 @@ time_t ToTime(std::string_view stamp, int daylight_saving) {
   return mktime(&local);
 }
 
-// Length of what a console had begun to print when its log was closed, with its header: the line
-// then ends in the header of an empty record. 0 when the line is something else.
+// Length, with its header, of a line that was unfinished when the log was closed: then the line
+// ends with the header of an empty record. 0 when it is another line.
 size_t ClosedPieceLength(std::string_view line, const Header& header) {
   const size_t text_size = line.size() - header.size();
   if (header.stamp == 0 || text_size <= header.size() || text_size > kPieceSize + header.size()) {
@@ -94,7 +94,7 @@ size_t ClosedPieceLength(std::string_view line, const Header& header) {
   return passed >= 0 && passed <= kClosingTime ? start : 0;
 }
 
-// For bytes without a line end.
+// Length of the first record of bytes without a line end.
 size_t UnfinishedLength(std::string_view bytes, const Header& header, bool at_end) {
   if (bytes.size() >= kLongestRecord) return kLongestRecord;
   const bool holds_piece = header.stamp > 0 && bytes.size() >= header.size() + kPieceSize;

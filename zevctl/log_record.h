@@ -1,10 +1,10 @@
-// The records of a log file, as bytes in and records out.
+// Finding the records in the bytes of a log file, and taking them apart.
 //
-// A record is a time stamp, a blank, in the consolidated log the console's name and a blank, and
-// what the console printed up to and including its line end. Two kinds have no line end, and the
-// next record follows on the same line: the first 1024 bytes of a longer line, and what a console
-// had begun to print when its log was closed, after which comes a record with nothing but a line
-// end.
+// A record consists of a time stamp and a blank, in the consolidated log the console's name and a
+// blank, and what the console printed, up to and including the line end. Two kinds of record have
+// no line end, and the next one follows on the same line: the first 1024 bytes of a longer line,
+// and a line that was unfinished when the log was closed. After the latter comes a record with
+// nothing but a line end.
 #pragma once
 
 #include <ctime>
@@ -16,28 +16,29 @@ namespace zevctl {
 
 enum class LogKind { kConsole, kConsolidated };
 
-/// The views are parts of what the record was taken from.
+/// A record and its parts. The views point into the bytes that it was made from.
 struct Record {
-  std::optional<time_t> time;  ///< of the record before, if it has none itself
+  std::optional<time_t> time;  ///< of the record before it, if it has none
   std::string_view console;    ///< in a consolidated log
   std::string_view bytes;      ///< all of it
   std::string_view body;       ///< what follows the time stamp, without the line end
   std::string_view text;       ///< the body without the console's name
 };
 
-/// Longer ones are no records of the daemon's; they are taken in pieces of this length.
+/// In bytes. The daemon writes no longer record; what is longer is taken in pieces of this length.
 constexpr size_t kLongestRecord = 65536;
 
-/// Length of the first record of the bytes; 0 when that shows only with more bytes.
-/// `at_end`: more will not come at once. Then 1024 bytes without a line end are a record, and
-/// anything shorter is still being written.
+/// Length in bytes of the first record; 0 when only more bytes can tell. `at_end`: no more bytes
+/// will come soon. Then 1024 bytes without a line end are a record, and fewer are one that is still
+/// being written.
 size_t RecordLength(std::string_view bytes, LogKind kind, bool at_end);
 
-/// Seconds since the epoch of the records of one file.
+/// Tells the times of the records of one file, which it must be given in their order.
 class StampClock {
  public:
-  /// The time of a stamp "yy/mm/dd_HH:MM:SS". A stamp that would be older than the one before it is
-  /// taken to be of the second time that the clock shows the same hour, if that is not older.
+  /// The time of a stamp "yy/mm/dd_HH:MM:SS" in seconds since the epoch. When daylight saving time
+  /// ends, clocks show an hour twice: a stamp that would be older than the one before it is taken
+  /// to be from the second of these hours, unless it would still be older.
   time_t Resolve(std::string_view stamp);
 
  private:
@@ -45,7 +46,7 @@ class StampClock {
   time_t time_ = 0;
 };
 
-/// The record of these bytes, which are all of it. `time` is that of the record before.
+/// Takes apart the bytes of one record. `time`: of the record before it.
 Record MakeRecord(std::string_view bytes, LogKind kind, std::optional<time_t> time,
                   StampClock& clock);
 

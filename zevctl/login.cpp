@@ -24,7 +24,7 @@ constexpr Milliseconds kRefusalLimit{2000};  // from a refusal's text to the end
 
 constexpr size_t kLongestRefusal = 8192;  // far more than any has
 
-constexpr size_t kUserNameWidth = 32;  // the daemon keeps no more
+constexpr size_t kUserNameWidth = 32;  // the daemon keeps no more of a name
 constexpr int kWrongPassword = 1;      // refusal 001
 
 // The dialogue (docs/protocol.md); the telnet options ask to hide and to show what is typed.
@@ -51,7 +51,7 @@ Failure Distrusted(const ListenerCheck& listener) {
   return {listener.status(), listener.Complaint()};
 }
 
-// A cookie counts only from the station itself. One that the user pointed to must be usable.
+// A cookie counts only on the station itself. One that the user named must be usable.
 std::optional<std::string> UsableCookie(const Settings& settings, const Socket& socket,
                                         const ListenerCheck& listener) {
   if (settings.tunnel) return {};
@@ -96,7 +96,8 @@ bool LooksLikeRefusal(const std::string& received) {
   return !received.empty() && received[0] >= '0' && received[0] <= '9';
 }
 
-// A refusal is followed by the end of the connection; what else begins with a digit is no refusal.
+// A refusal is followed by the end of the connection. Anything else that begins with a digit is not
+// a refusal.
 void ThrowIfRefused(Socket& socket, std::string& received) {
   if (!LooksLikeRefusal(received)) return;
   while (received.size() <= kLongestRefusal && WaitFor(socket.fd(), POLLIN, kRefusalLimit)) {
@@ -110,7 +111,7 @@ void ThrowIfRefused(Socket& socket, std::string& received) {
 // One connection attempt with one first line.
 class Login {
  public:
-  /// `distrusted`: what is thrown instead of an answer to the question for a name.
+  /// `distrusted`: thrown instead of answering when a name is asked for.
   Login(Socket socket, Credentials& credentials, std::string_view probe,
         const std::optional<Failure>& distrusted)
       : socket_(std::move(socket)),
@@ -174,7 +175,8 @@ Opening OpenOnce(const Settings& settings, Credentials& credentials, const std::
   std::optional<Failure> distrusted;
   if (!listener->AdmitsPassword(settings.tunnel)) distrusted = Distrusted(*listener);
   Opening opening = Login(std::move(socket), credentials, probe, distrusted).Run(prefix + line);
-  // Nothing secret was wanted. What is typed at a console may be, so it is said all the same.
+  // No secret was asked for. But the user may type one at a console, so the warning is given all
+  // the same.
   if (distrusted) Warn(distrusted->what());
   return opening;
 }
@@ -234,7 +236,8 @@ Opening OpenMainPort(const Settings& settings, Credentials& credentials, const s
     if (!used_cookie || refused.number() != kWrongPassword) throw;
     if (settings.cookie_file_given) ThrowCookieRefused(settings);
   }
-  // The cookie of this machine says nothing to a daemon behind a tunnel; a login may.
+  // The cookie of this machine means nothing to a daemon at the far end of a tunnel, but a login
+  // may do.
   return OpenOnce(settings, credentials, line, probe, false, &used_cookie);
 }
 

@@ -28,13 +28,14 @@ class Refused : public Failure {
 };
 
 /// Name and password of the person, asked for on the terminal when they are first needed, and kept
-/// for further connections of this run. Never from the command line, where others could read them.
+/// for further connections of this run. They are never taken from the command line, where others
+/// could read them.
 class Credentials {
  public:
   /// `name` is offered as the answer to the question for the name.
   explicit Credentials(std::string name) : offered_(std::move(name)) {}
 
-  /// Where nobody may be asked: the connection fails when a login is wanted.
+  /// For connections during which nobody may be asked: they fail when a login is wanted.
   static Credentials Unasked() { return Credentials("", false); }
 
   Credentials(const Credentials&) = delete;
@@ -44,7 +45,7 @@ class Credentials {
   const std::string& Name();
   const Secret& Password();
 
-  /// Name and password were wrong; they are asked for again.
+  /// To be called when name or password was wrong: both are asked for again.
   void Forget();
 
  private:
@@ -56,7 +57,7 @@ class Credentials {
   std::optional<Secret> password_;
 };
 
-/// What the other end wants to know next during a login.
+/// What the other end asks for next during a login.
 enum class LoginStep { kWait, kName, kPassword, kOver };
 
 enum class LoginStage { kBeforeName, kBeforePassword, kAfterPassword };
@@ -65,26 +66,27 @@ enum class LoginStage { kBeforeName, kBeforePassword, kAfterPassword };
 class LoginDialogue {
  public:
   /// Takes prompts off the front of what was received. kWait: more must arrive first; kOver: what
-  /// is left is no part of the dialogue.
+  /// is left is not part of the dialogue.
   LoginStep Next(std::string& received);
 
  private:
   LoginStage stage_ = LoginStage::kBeforeName;
 };
 
-/// A connection whose first line was accepted as far as that shows, with what came in after it.
+/// A connection whose first line was accepted, as far as can be seen, and what was received after
+/// that.
 struct Opening {
   Socket socket;
   std::string received;  ///< at least one byte
 };
 
-/// The name under which the user appears to others: of --user, or else of the login.
+/// The name under which the user appears to others: that of --user, or else the login name.
 std::string UserName(const Settings& settings);
 
-/// Connects, sends the line (without its end; with the cookie in front where it can be used), and
-/// logs in where asked. Where the connection stays on this machine, neither cookie nor password is
-/// sent unless the listener is the station's (listener.h). `probe` is sent right behind the line
-/// and again behind every password: bytes that the daemon answers once the connection is open and
+/// Connects, sends the line (given without its end; the cookie goes in front where it can be used),
+/// and logs in where asked. Where the connection stays on this machine, neither cookie nor password
+/// is sent unless the listener is the station's (listener.h). `probe` is sent right after the line
+/// and again after every password: bytes that the daemon answers once the connection is open and
 /// that a login ignores. Throws Refused or Failure.
 Opening OpenMainPort(const Settings& settings, Credentials& credentials, const std::string& line,
                      std::string_view probe = {});

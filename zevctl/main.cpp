@@ -81,7 +81,7 @@ ExitStatus Explain(const CLI::App& app, const CLI::ParseError& error) {
   return app.exit(error) == 0 ? ExitStatus::kOk : ExitStatus::kUsage;
 }
 
-// A line that is being typed is not to be parsed, but completed.
+// A line that is still being typed is not parsed but completed.
 bool IsBeingTyped(int argc, char** argv) {
   return argc > 1 && std::string_view(argv[1]) == "complete";
 }
@@ -113,7 +113,7 @@ int main(int argc, char** argv) {
     DeclareCommands(app, program);
     return static_cast<int>(ParseAndRun(app, program, argc, argv));
   } catch (...) {
-    // Not even a message can be relied on here, such as without memory.
+    // Not even a message can be relied on here: there may be no memory for it.
     return static_cast<int>(ExitStatus::kFailed);
   }
 }

@@ -54,7 +54,7 @@ std::chrono::year_month_day Date(const tm& fields) {
          std::chrono::day(static_cast<unsigned>(fields.tm_mday));
 }
 
-// Of a day that exists; a second 60 is one that was put in.
+// True when there is such a day and such a time. Second 60 is a leap second.
 bool Exists(const tm& fields) {
   return Date(fields).ok() && fields.tm_hour < 24 && fields.tm_min < 60 && fields.tm_sec <= 60;
 }

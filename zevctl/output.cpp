@@ -18,7 +18,7 @@ namespace zevctl {
 namespace {
 
 constexpr size_t kGap = 2;                                 // blanks between columns
-constexpr size_t kNarrowest = 4;                           // a column gives way no further
+constexpr size_t kNarrowest = 4;                           // columns are not cut below this
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD in UTF-8
 
 bool Continues(char byte) {
@@ -54,13 +54,14 @@ bool IsHarmful(std::string_view character) {
                      [&](const Range& range) { return code >= range.first && code <= range.last; });
 }
 
-// All that is harmful has four digits at most.
+// Every harmful character has a code of four digits at most.
 std::string JsonEscape(std::string_view character) {
   std::array<char, 8> text{};
   snprintf(text.data(), text.size(), "\\u%04x", CodePoint(character));
   return text.data();
 }
 
+// The text with `replace` of each character, and `malformed` for each byte that is part of none.
 template <typename Replace>
 std::string Map(std::string_view text, std::string_view malformed, Replace replace) {
   std::string result;
@@ -76,7 +77,7 @@ std::string Map(std::string_view text, std::string_view malformed, Replace repla
   return result;
 }
 
-// Characters, not bytes; every one counts as one column.
+// Counts characters, not bytes. Each takes one column.
 size_t Columns(std::string_view text) {
   return text.size() - static_cast<size_t>(std::count_if(text.begin(), text.end(), Continues));
 }

@@ -17,20 +17,21 @@ bool ColoursWanted();
 /// Columns of the terminal on standard output; 0 when it is not a terminal.
 size_t TerminalWidth();
 
-/// The text with '?' in place of every byte that is no part of a well-formed UTF-8 character, and
+/// The text with '?' in place of every byte that is not part of a well-formed UTF-8 character, and
 /// of every character that controls a terminal or makes a line read as something else: control
 /// characters, those that change the direction of writing, and the separators of lines and
-/// paragraphs. Whatever consoles and strangers chose goes through this.
+/// paragraphs. Everything that a console or a stranger may have chosen is shown in this form.
 std::string Printable(std::string_view text);
 
-/// The text as valid UTF-8 for JSON; bytes that are not become U+FFFD.
+/// The text as valid UTF-8 for JSON: U+FFFD stands for every byte that is not part of a character.
 std::string Utf8(std::string_view text);
 
-/// JSON text of one line with those characters written as escapes (\u202e): in its strings, where
-/// alone they can be, that is the same data.
+/// JSON text of one line, with those characters written as escapes such as \u202e. They can only be
+/// in its strings, where the escape means the same.
 std::string EscapedJson(std::string_view json);
 
-/// Text between colour sequences; `wanted` as of ColoursWanted().
+/// The text between the sequences that set and reset the colour; the text alone when colours are
+/// not wanted.
 std::string Coloured(std::string_view text, Colour colour, bool wanted);
 
 struct Cell {
@@ -38,14 +39,14 @@ struct Cell {
   Colour colour = Colour::kNone;
 };
 
-/// Rows of cells under one heading. The widest column gives way when a row would not fit.
+/// Rows of cells below headings. When a row would not fit, the widest column is cut.
 class Table {
  public:
   explicit Table(const std::vector<std::string>& headings);
 
   void Add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
 
-  /// `width` 0: as wide as needed.
+  /// `width`: of the terminal, in columns; 0 for a table that is as wide as needed.
   void Print(std::ostream& out, size_t width, bool colours) const;
 
  private:
@@ -54,11 +55,11 @@ class Table {
   std::vector<std::vector<Cell>> rows_;  // the headings are the first one
 };
 
-/// Writes a line to standard error, made printable and all of it at once: nothing that another
-/// program prints at the same time comes in between.
+/// Makes the line printable and writes it to standard error all at once, so that nothing that
+/// another program prints at the same time comes in between.
 void Announce(const std::string& line);
 
-/// Tells what went wrong, with the name of this program in front.
+/// Announces what went wrong, after the name of this program.
 void Warn(const std::string& message);
 
 }  // namespace zevctl

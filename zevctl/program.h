@@ -20,7 +20,7 @@ struct Program {
   std::function<ExitStatus()> action;  ///< set by the command that was named
 };
 
-// Each adds its commands; in the order in which the help shows them.
+// Each adds its commands. The order is that of the help.
 void AddQueryCommands(CLI::App& app, Program& program);  ///< list, who, ports, holder
 void AddControlCommands(CLI::App& app,
                         Program& program);  ///< clear, disable, enable, msg, force, reconnect
@@ -29,9 +29,9 @@ void AddLogCommand(CLI::App& app, Program& program);
 void AddEventsCommand(CLI::App& app, Program& program);
 void AddCompletionCommand(CLI::App& app, Program& program);
 
-/// Prints what may stand in place of the last word, one possibility in a line; the words are those
-/// of a command line that is being typed, without the program's name. The shells' functions call
-/// it.
+/// Prints what may stand in place of the last word, one possibility in each line. The words are
+/// those of a command line that is being typed, without the program's name. The functions for the
+/// shells call it.
 ExitStatus Complete(const CLI::App& app, std::vector<std::string> words);
 
 }  // namespace zevctl

@@ -24,8 +24,8 @@ bool Write(int terminal, const std::string& text) {
   return write(terminal, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-/// The terminal shows nothing of what is typed while one of these lives. Keys typed before the
-/// question, and those behind the answer, are thrown away.
+/// While one exists, the terminal does not show what is typed. Keys typed before the question or
+/// after the answer are thrown away.
 class HiddenTyping {
  public:
   explicit HiddenTyping(int terminal)
@@ -46,7 +46,7 @@ class HiddenTyping {
   void Show() const { Set(saved_); }
 
  private:
-  // Does not wait for the terminal to take its output, which it may never do.
+  // Does not wait for the terminal to take its output, which may never happen.
   void Set(const termios& modes) const {
     if (!active_) return;
     tcflush(terminal_, TCIFLUSH);
@@ -54,7 +54,7 @@ class HiddenTyping {
   }
 
   int terminal_;
-  termios saved_{};  // filled by what sets the next one
+  termios saved_{};  // filled while active_ is set
   bool active_;
 };
 
@@ -66,7 +66,7 @@ sigset_t Only(int number) {
 }
 
 // Stops the program, as the signal would have done had it not been read here, and consumes the one
-// that continues it. The system does not stop a program that no shell could continue.
+// that continues it. The system does not stop a program when no shell could continue it.
 void Stop() {
   const sigset_t stop = Only(SIGTSTP);
   const sigset_t go_on = Only(SIGCONT);
@@ -115,15 +115,15 @@ class SecretQuestion {
     AskAgain();
   }
 
-  // After a stop the shell may have changed the terminal, and the person does not know any more
-  // what was asked.
+  // After a stop the shell may have changed the terminal, and the person may have forgotten what
+  // was asked.
   void AskAgain() {
     hidden_.Hide();
     answer_.Clear();
     Write(terminal_, question_);
   }
 
-  // False when the answer is there, or will not come.
+  // False when the answer is complete or will not come.
   bool TakeKey() {
     char key = 0;
     if (read(terminal_, &key, 1) != 1) return false;
@@ -133,7 +133,7 @@ class SecretQuestion {
 
   int terminal_;
   const std::string& question_;
-  SignalWatch signals_{SIGTSTP};  // older than the hiding, so that no signal comes in it
+  SignalWatch signals_{SIGTSTP};  // first, so that no signal comes while the typing is hidden
   HiddenTyping hidden_;
   Secret answer_;
   bool complete_ = false;

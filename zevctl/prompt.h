@@ -9,11 +9,11 @@
 
 namespace zevctl {
 
-/// The line that the person types, without its end; nothing without a terminal or at its end.
+/// The line that the person types, without its end; nothing when there is no terminal or no line.
 std::optional<std::string> Ask(const std::string& question);
 
-/// The same, and what is typed is not shown. A signal that ends the program does so after the
-/// terminal was restored; while the program is stopped, the terminal shows what is typed.
+/// The same, but what is typed is not shown. A signal that ends the program does so once the
+/// terminal has been restored; while the program is stopped, the terminal shows what is typed.
 std::optional<Secret> AskSecret(const std::string& question);
 
 /// Shows the text on the terminal, if there is one.

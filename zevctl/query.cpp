@@ -25,7 +25,7 @@ using Json = nlohmann::ordered_json;
 constexpr std::chrono::seconds kWatchInterval{2};
 constexpr char kClearScreen[] = "\x1b[H\x1b[2J";
 
-/// A command connection that is opened again after the daemon was gone.
+/// A command connection that can be opened again after the daemon was gone.
 class Station {
  public:
   explicit Station(const Settings& settings)
@@ -80,7 +80,7 @@ bool IsWanted(const ConsoleRecord& console, const std::vector<std::string>& stat
          std::find(states.begin(), states.end(), StateInWords(console.state)) != states.end();
 }
 
-// Only a connected console has users; the state does not count those that the daemon hides.
+// Only a console in use has users. Those that the daemon hides do not count for its state.
 size_t CountUsers(CommandPort& port, const ConsoleRecord& console) {
   return StateInWords(console.state) == "in-use" ? port.Users(console.name).size() : 0;
 }
@@ -196,7 +196,7 @@ ExitStatus Who(const Settings& settings, const Patterns& patterns) {
   return ExitStatus::kOk;
 }
 
-// A console is reached through a port of its own, or only by its name on the main port.
+// A console is reached on a port of its own, or else only by its name on the main port.
 ExitStatus Ports(const Settings& settings, const Patterns& patterns) {
   Station station(settings);
   Json data = Json::array();
@@ -217,7 +217,8 @@ ExitStatus Ports(const Settings& settings, const Patterns& patterns) {
   return ExitStatus::kOk;
 }
 
-/// Collects what was found for each console; one that cannot be answered does not stop the others.
+/// Collects what was found for each console. When the daemon has no answer for one, that does not
+/// stop the others.
 class HolderReport {
  public:
   void Ask(CommandPort& port, const std::string& name) {

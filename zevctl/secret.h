@@ -8,18 +8,18 @@
 
 namespace zevctl {
 
-/// A line that nobody else may read. It stays in one place, which is never copied, also not when
-/// the object moves, and which is wiped at its end.
+/// A line that nobody else may read. Its bytes stay in one place in memory: moving the object does
+/// not copy them, and its end wipes them.
 class Secret {
  public:
-  static constexpr size_t kLongest = 1023;  ///< the daemon takes no longer line
+  static constexpr size_t kLongest = 1023;  ///< in bytes; the daemon takes no longer line
 
   Secret();
 
-  /// False when there is no room.
+  /// Adds a byte at the end; false when there is no room.
   bool Append(char byte);
 
-  /// Wipes what there is.
+  /// Wipes the text, which is empty then.
   void Clear();
 
   std::string_view Text() const { return {place_->bytes.data(), place_->size}; }
@@ -29,7 +29,7 @@ class Secret {
 
  private:
   struct Place {
-    std::array<char, kLongest + 1> bytes{'\n'};  // a line end behind the text
+    std::array<char, kLongest + 1> bytes{'\n'};  // the text and a line end
     size_t size = 0;
   };
   struct Wiper {

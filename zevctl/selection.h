@@ -8,8 +8,8 @@
 
 namespace zevctl {
 
-/// True when the name is the pattern, or matches it as a shell pattern (fnmatch(3)); case does not
-/// count, as it does not to the daemon's commands.
+/// True when the name is the pattern, or matches it as a shell pattern (fnmatch(3)). Case does not
+/// count, nor does it in the daemon's commands.
 bool NameMatches(const std::string& name, const std::string& pattern);
 
 /// The records whose names match at least one of the patterns, in the given order; all of them when
@@ -21,8 +21,9 @@ std::vector<Record> Select(const std::vector<Record>& records,
 /// The names of the records, each once: the daemon acts on names, and case does not count there.
 std::vector<std::string> NamesOf(const std::vector<ConsoleRecord>& consoles);
 
-/// Asks before something is done to more than one console, when there is somebody to ask. Throws
-/// Failure(kDeclined) unless the answer is yes.
+/// Asks before something is done to more than one console, when there is somebody to ask. `action`
+/// is the start of the question, such as "Disable". Throws Failure(kDeclined) unless the answer is
+/// yes.
 void Confirm(const std::string& action, const std::vector<std::string>& names);
 
 }  // namespace zevctl

@@ -116,7 +116,7 @@ class Session {
   Socket socket_;
   OfferFilter offers_;
   TelnetStream telnet_;
-  SignalWatch signals_;  // older than the raw mode, so that no signal comes in it
+  SignalWatch signals_;  // before the raw mode, so that no signal comes while that is on
   RawMode keyboard_;
   EscapeReader escapes_;
   OutputQueue wire_;
@@ -125,8 +125,8 @@ class Session {
   Tail tail_;
 
   bool input_over_ = false;
-  Clock::time_point active_{};                 // when the daemon sent something last
-  std::optional<Clock::time_point> all_sent_;  // when the last of the input had gone out
+  Clock::time_point active_{};                 // when the daemon last sent something
+  std::optional<Clock::time_point> all_sent_;  // when the last of the input had been sent
   std::optional<SessionEnd> end_;
   int signal_ = 0;
 };
@@ -141,7 +141,7 @@ std::string Session::Greeting() const {
   return attached + " Type " + name + ". at the start of a line to leave, " + name + "? for help.";
 }
 
-// A raw terminal does not go to the start of the line by itself.
+// In raw mode a line feed does not go to the start of the line.
 void Session::Notice(const std::string& text) {
   notices_.Add(text + (keyboard_.is_terminal() && isatty(STDERR_FILENO) == 1 ? "\r\n" : "\n"));
 }
@@ -152,8 +152,8 @@ void Session::Pass() {
   NoteSilence();
 }
 
-// A full queue stops what fills it and nothing else. A negative descriptor is not looked at.
-// Standard output is always looked at, so that the end of its reader is seen.
+// A full queue stops what fills it and nothing else. poll() ignores negative descriptors. It always
+// looks at standard output, to notice that its reader has gone.
 Session::Descriptors Session::Interests() const {
   const auto only_if = [](bool wanted, int fd) { return wanted ? fd : -1; };
   const short from_daemon = screen_.Full() ? 0 : POLLIN;
@@ -208,8 +208,8 @@ void Session::TakeTyped(std::string_view typed) {
   }
 }
 
-// The daemon would throw the keys of a read-only user away. On a terminal they are keys; anything
-// else is sent as it is.
+// The daemon would throw away what a read-only user types. What is typed on a terminal is sent as
+// keys, anything else as it is.
 void Session::SendKeys(const std::string& keys) {
   if (read_only() || end_) return;
   if (keyboard_.is_terminal()) {
@@ -245,7 +245,7 @@ void Session::SendBreak() {
   wire_.Add(telnet_.TakeWire());
 }
 
-// The whole job stops, as with the terminal's own suspend key, and goes on behind kill(). What was
+// The whole job stops, as with the terminal's own suspend key, and goes on after kill(). What was
 // typed before still goes out, as far as it is taken at once.
 void Session::Suspend() {
   WriteDaemon();
@@ -263,8 +263,8 @@ void Session::ReadDaemon() {
   TakeFromDaemon({received.data(), static_cast<size_t>(count)});
 }
 
-// Answers that find no room are dropped: a console that asks and asks, and takes nothing, must not
-// fill the memory.
+// Answers for which there is no room are dropped: a console that keeps asking and takes nothing
+// must not fill the memory.
 void Session::TakeFromDaemon(std::string_view bytes) {
   telnet_.Receive(offers_.Pass(bytes));
   const std::string text = telnet_.TakeText();
@@ -291,7 +291,7 @@ void Session::WriteScreen() {
                 std::string("the output cannot be written: ") + strerror(error));
 }
 
-// Running again after a stop, the shell may have changed the terminal's modes.
+// While the program was stopped, the shell may have changed the terminal's modes.
 void Session::TakeSignal() {
   const int number = signals_.Take();
   if (number == SIGCONT) return keyboard_.Enter();
@@ -300,7 +300,7 @@ void Session::TakeSignal() {
   EndNow(SessionEnd::kSignal);
 }
 
-// A terminal that takes no output must take what is still to be said.
+// Drops the output that a blocked terminal has not taken, so that it can take the last messages.
 void Session::EndNow(SessionEnd end) {
   end_ = end;
   if (screen_.empty()) return;
@@ -311,7 +311,7 @@ void Session::EndNow(SessionEnd end) {
 }  // namespace
 
 SessionResult RunSession(Opening opening, const SessionOptions& options) {
-  signal(SIGPIPE, SIG_IGN);  // the failed write tells
+  signal(SIGPIPE, SIG_IGN);  // a failed write reports it
   return Session(std::move(opening), options).Run();
 }
 

@@ -1,4 +1,4 @@
-// What the options that every command shares say.
+// The values of the options that all commands share.
 #pragma once
 
 #include <cstdint>

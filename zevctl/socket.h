@@ -28,11 +28,12 @@ class Socket {
 
   int fd() const { return descriptor_.get(); }
 
-  /// True when the other end has the address 127.0.0.1, as the daemon then sees this end.
+  /// True when the other end has the address 127.0.0.1; the daemon then sees the same address at
+  /// this end.
   bool PeerIsLoopback() const;
 
-  /// Sends everything. Throws Failure(kNoDaemon) when the connection fails or takes nothing for the
-  /// limit.
+  /// Sends everything. Throws Failure(kNoDaemon) when the connection fails, or when it takes
+  /// nothing within the limit.
   void Send(std::string_view bytes, Milliseconds limit);
 
   /// Receives what is there, at least one byte; 0 at the end of the connection, also when it broke.
@@ -45,8 +46,8 @@ class Socket {
   Descriptor descriptor_;
 };
 
-/// True when the descriptor has one of the poll() events, or an end or error, within the limit.
-/// Negative: no limit.
+/// Waits until poll() finds one of the events, an error or the end of the stream; false when that
+/// takes longer than the limit. A negative limit stands for none.
 bool WaitFor(int fd, short events, Milliseconds limit);
 
 }  // namespace zevctl

@@ -14,14 +14,14 @@
 namespace zevctl {
 
 StandardOutput::StandardOutput() {
-  signal(SIGPIPE, SIG_IGN);  // the failed write tells
+  signal(SIGPIPE, SIG_IGN);  // a failed write reports it
 }
 
 void StandardOutput::Flush() {
   while (queued() > 0) Write(queued());
 }
 
-// A pipe that is ready has room for as much.
+// A pipe that poll() found ready has room for this much.
 void StandardOutput::WriteSome() {
   Write(std::min<size_t>(queued(), PIPE_BUF));
 }

@@ -1,5 +1,5 @@
-// Standard output for what may have no end: a reader that has gone is told apart from a failure,
-// and one that is slow can be left alone.
+// Standard output for data that may never end. A reader that has gone is told apart from a failure,
+// and the program need not wait for a slow one.
 #pragma once
 
 #include <cstddef>
@@ -8,20 +8,24 @@
 
 namespace zevctl {
 
-/// Thrown when nobody reads standard output any more, as behind "| head": the work is done.
+/// Thrown when nobody reads standard output any more, as with "| head": the work is done.
 struct ReaderGone {};
 
 class StandardOutput {
  public:
   StandardOutput();
 
+  /// Queues the bytes.
   void Add(std::string_view bytes) { queued_ += bytes; }
+
+  /// How many bytes wait to be written.
   size_t queued() const { return queued_.size() - written_; }
 
   /// Writes everything. Throws ReaderGone, or Failure(kFailed) when writing fails.
   void Flush();
 
-  /// Writes so little that it does not wait when poll() found the output ready.
+  /// Writes as much as never has to wait once poll() has found the output ready. Throws like
+  /// Flush().
   void WriteSome();
 
  private:

@@ -10,7 +10,7 @@ namespace zevctl {
 
 namespace {
 
-// Of each option: whether this end may have it, and whether the other end may.
+// For each option, whether this end may use it and whether the other end may.
 constexpr telnet_telopt_t kOptions[] = {
     {TELNET_TELOPT_ECHO, TELNET_WONT, TELNET_DO},
     {TELNET_TELOPT_SGA, TELNET_WILL, TELNET_DO},
@@ -18,14 +18,13 @@ constexpr telnet_telopt_t kOptions[] = {
     {-1, 0, 0},
 };
 
-// Echo, and no go-ahead. In front of them the daemon sends what the console offered, up to 64
-// bytes.
+// Echo, and no go-ahead. The daemon sends the console's offers before them, up to 64 bytes.
 constexpr std::string_view kDaemonOffers = "\xFF\xFB\x01\xFF\xFB\x03";
 constexpr size_t kLongestStart = 64 + kDaemonOffers.size();
 
 constexpr char kIac = static_cast<char>(TELNET_IAC);
 
-// The Enter key in character mode (RFC 854): a carriage return that is no part of a line end is
+// The Enter key in character mode (RFC 854): a carriage return that is not part of a line end is
 // followed by a NUL.
 std::string WithEnters(std::string_view keys) {
   std::string converted;
@@ -47,8 +46,8 @@ size_t FrontLength(std::string_view bytes) {
   return bytes.size() > 1 && HasOption(bytes[1]) ? 3 : 2;
 }
 
-// How much of it is complete commands. The daemon keeps a console's offers as a text, which ends in
-// front of the number of the binary option.
+// How much of the offers is complete commands. The daemon keeps a console's offers as a C string,
+// which ends before the number of the binary option, 0.
 size_t CompleteLength(std::string_view offers) {
   size_t end = 0;
   while (end < offers.size()) {
@@ -66,8 +65,8 @@ TelnetStream::TelnetStream() : telnet_(telnet_init(kOptions, OnEvent, 0, this), 
   if (!telnet_) throw std::bad_alloc();
 }
 
-// The library begins to decompress when the other end says so, asked or not, in the middle of what
-// it was given. So it gets pieces that end where that can happen.
+// The library begins to decompress when the other end says so, asked or not, even in the middle of
+// what it was given. So it gets pieces that end where that can happen.
 void TelnetStream::Receive(std::string_view bytes) {
   while (!bytes.empty()) {
     const size_t end = PieceLength(bytes);
@@ -77,8 +76,9 @@ void TelnetStream::Receive(std::string_view bytes) {
   }
 }
 
-// Up to and with the byte that tells which command it is. The library keeps to itself what the
-// other end says of options that this end refuses, so it is seen here that commands come at all.
+// The length up to and including the byte that tells which command it is. The library does not
+// report what the other end says about options that this end refuses, so it is noted here that a
+// command has come at all.
 size_t TelnetStream::PieceLength(std::string_view bytes) {
   for (size_t i = 0; i < bytes.size(); ++i) {
     const bool is_iac = bytes[i] == kIac;
@@ -89,12 +89,12 @@ size_t TelnetStream::PieceLength(std::string_view bytes) {
   return bytes.size();
 }
 
-// Nothing compressed begins with two zeros: the library gives up and goes on with plain text.
+// No compressed data begins with two zeros: the library gives up and goes on with plain text.
 void TelnetStream::EndDecompression() {
   telnet_recv(telnet_.get(), "\0\0", 2);
 }
 
-// For a plain terminal the NUL would be one more key.
+// For a console that does not speak telnet, the NUL would be one more key.
 void TelnetStream::SendKeys(std::string_view keys) {
   if (spoken_ && !binary_) {
     SendData(WithEnters(keys));
@@ -145,7 +145,8 @@ void TelnetStream::Take(const telnet_event_t& event) {
   }
 }
 
-// The console may have offered the same: then the first ones go, and the second ones are answered.
+// The console may have offered the same: then the first offers are removed, and the second ones are
+// answered.
 std::string OfferFilter::Pass(std::string_view bytes) {
   if (over_) return std::string(bytes);
   held_ += bytes;

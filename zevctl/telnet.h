@@ -11,8 +11,8 @@ union telnet_event_t;
 
 namespace zevctl {
 
-/// The user's end of a telnet connection. The other end may echo, suppress go-ahead and go binary;
-/// every other option is declined.
+/// The user's end of a telnet connection. The other end may echo, suppress go-ahead and use binary
+/// mode; every other option is declined.
 class TelnetStream {
  public:
   TelnetStream();
@@ -34,7 +34,7 @@ class TelnetStream {
   /// The text that has come since the last call.
   std::string TakeText();
 
-  /// The bytes to be put on the connection since the last call: answers, keys and breaks.
+  /// The bytes to be sent over the connection since the last call: answers, keys and breaks.
   std::string TakeWire();
 
  private:
@@ -47,14 +47,14 @@ class TelnetStream {
   bool spoken_ = false;      // the other end has sent a telnet command
   bool after_iac_ = false;   // what comes next may be one
   bool binary_ = false;      // keys are sent as they are
-  bool compressed_ = false;  // the library takes what comes for compressed
+  bool compressed_ = false;  // the library takes what it is given for compressed data
   std::string text_;
   std::string wire_;
 };
 
-/// Takes the daemon's own offers out of the start of a session. They follow those of the console,
+/// Removes the daemon's own offers from the start of a session. They follow those of the console,
 /// and nobody wants an answer to them: the console would get it as keys that were never typed, the
-/// last one being the interrupt key.
+/// last of them the interrupt key.
 class OfferFilter {
  public:
   /// What is left of the bytes; nothing as long as the offers may still come.

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::array kWatched = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGCONT};
 
-// A pipe that poll() calls writable takes this much at once.
+// A pipe that poll() finds writable takes this much at once.
 constexpr size_t kPiece = PIPE_BUF;
 
 bool IsIgnored(int number) {
@@ -31,16 +31,16 @@ void Add(const Numbers& numbers, sigset_t& set) {
   }
 }
 
-// In the background the terminal's modes are those of somebody else, and setting them stops the
-// program.
+// In the background the terminal's modes are those of another program, and setting them would stop
+// this one.
 bool InBackground(int terminal) {
   const pid_t foreground = tcgetpgrp(terminal);
   return foreground > 0 && foreground != getpgrp();
 }
 
-// A terminal that takes only some of a write blocks for the rest. Another mode of the descriptor
-// would hold for all programs that share it, so this opens the terminal once more. One that belongs
-// to another user can be reached as the terminal of this session only.
+// A write to a terminal blocks while the terminal takes only some of it. Making the descriptor
+// nonblocking would affect all programs that share it, so the terminal is opened once more. One
+// that belongs to another user can be opened only as the terminal of this session.
 Descriptor OpenForWriting(int terminal) {
   if (isatty(terminal) != 1) return {};
   constexpr int kFlags = O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -50,7 +50,7 @@ Descriptor OpenForWriting(int terminal) {
   return opened;
 }
 
-// Sockets, as standard output or as the connection, need no mode of their own.
+// Sockets need no mode of their own, whether they are standard output or the connection.
 ssize_t WriteSome(int fd, std::string_view bytes) {
   const ssize_t sent = send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   return sent < 0 && errno == ENOTSOCK ? write(fd, bytes.data(), bytes.size()) : sent;
@@ -60,7 +60,7 @@ ssize_t WriteSome(int fd, std::string_view bytes) {
 
 RawMode::RawMode(int fd) : fd_(fd), is_terminal_(tcgetattr(fd, &saved_) == 0) {}
 
-// Neither call waits for the terminal to take its output, which it may never do.
+// Neither call waits for the terminal to take its output, which may never happen.
 void RawMode::Enter() const {
   if (!is_terminal_ || InBackground(fd_)) return;
   termios raw = saved_;

@@ -14,9 +14,9 @@
 
 namespace zevctl {
 
-/// Hands every key on as it is typed, and shows output as it comes, from Enter() to Leave() or to
-/// its end. Does nothing where the descriptor is no terminal, or while the program is in the
-/// background.
+/// Passes every key on as it is typed, and shows output as it comes, from Enter() until Leave() or
+/// the end of the object. Does nothing where the descriptor is not a terminal, or while the program
+/// is in the background.
 class RawMode {
  public:
   explicit RawMode(int fd);
@@ -30,13 +30,13 @@ class RawMode {
 
  private:
   int fd_;
-  termios saved_{};  // filled by what sets the next one
+  termios saved_{};  // filled while is_terminal_ is set
   bool is_terminal_;
 };
 
-/// While one lives, the signals that would end the program, and the one that comes when it runs
-/// again after a stop, wait to be read from a descriptor. Those that the program was started to
-/// ignore stay ignored.
+/// While one exists, the signals that would end the program, and the one that continues it after a
+/// stop, are not delivered but read from a descriptor. Signals that were ignored when the program
+/// started stay ignored.
 class SignalWatch {
  public:
   /// `more`: further signals to be watched.
@@ -55,7 +55,8 @@ class SignalWatch {
   Descriptor descriptor_;
 };
 
-/// What waits to be written. Write() never blocks when poll() has found the descriptor writable.
+/// Output that waits to be written. Write() never blocks once poll() has found the descriptor
+/// writable.
 class OutputQueue {
  public:
   explicit OutputQueue(int fd);
@@ -73,11 +74,12 @@ class OutputQueue {
   /// Drops everything.
   void Clear();
 
-  /// Writes some of it: 0, or the errno value of a failure other than having to wait.
+  /// Writes some of it. Returns 0, also when nothing can be written yet, or the errno value of a
+  /// failure.
   int Write();
 
  private:
-  static constexpr size_t kLimit = 1 << 20;
+  static constexpr size_t kLimit = 1 << 20;  // bytes
 
   int fd_;
   Descriptor nonblocking_;

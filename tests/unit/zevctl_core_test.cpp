@@ -87,7 +87,7 @@ TEST(ZevctlRefusalTest, IsTheLastLine) {
             "\"zevctl who\" tells who has it.");
 }
 
-TEST(ZevctlRefusalTest, OthersAreNone) {
+TEST(ZevctlRefusalTest, OtherTextsAreNotRefusals) {
   for (const char* bytes : {"", "\r\n", "006 - \r\n", "006 - Console", "06 - x\r\n", "0a6 - x\r\n",
                             "006- x\r\n", "006 - one\r\ntwo\r\n", "login: \r\n", "0061 - x\r\n"}) {
     EXPECT_FALSE(ParseRefusal(bytes)) << bytes;
@@ -110,7 +110,7 @@ TEST(ZevctlRefusalTest, EveryNumberHasAStatus) {
   }
 }
 
-TEST(ZevctlRefusalTest, WithoutAdviceTheTextIsAll) {
+TEST(ZevctlRefusalTest, MessageWithoutAdviceIsTheText) {
   EXPECT_EQ(ParseRefusal("010 - Connection failed.\r\n")->Message(),
             "refused: 010 - Connection failed.");
 }
@@ -119,7 +119,7 @@ TEST(ZevctlRefusalTest, WithoutAdviceTheTextIsAll) {
 
 constexpr char kOffers[] = "\xFF\xFB\x01\xFF\xFB\x03";
 
-TEST(ZevctlLoginTest, WhatIsNoPromptIsWhatComesAfterTheLogin) {
+TEST(ZevctlLoginTest, AnythingButAPromptEndsTheDialogue) {
   for (const std::string& first : {std::string(kOffers), "005 - x\r\n"s, "user"s + kOffers}) {
     LoginDialogue dialogue;
     std::string received = first;
@@ -165,14 +165,14 @@ TEST(ZevctlLoginTest, NamesAreCutToWhatTheDaemonKeeps) {
   EXPECT_EQ(UserName(settings), std::string(32, 'u'));
 }
 
-TEST(ZevctlLoginTest, WhereNobodyMayBeAskedNobodyIs) {
+TEST(ZevctlLoginTest, UnaskedCredentialsAskNobody) {
   Credentials nobody = Credentials::Unasked();
   EXPECT_THROW(nobody.Name(), Failure);
 }
 
 // ---- Output -------------------------------------------------------------------------------------
 
-TEST(ZevctlOutputTest, PrintableReplacesWhatWorksTheTerminal) {
+TEST(ZevctlOutputTest, PrintableReplacesWhatControlsTheTerminal) {
   EXPECT_EQ(Printable("plain ~"), "plain ~");
   EXPECT_EQ(Printable("a\x1b[2Jb\n\t\x7f"), "a?[2Jb???");
   EXPECT_EQ(Printable("caf\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x98\x80"),
@@ -185,7 +185,7 @@ TEST(ZevctlOutputTest, PrintableReplacesWhatWorksTheTerminal) {
   EXPECT_EQ(Printable("\0"s), "?");
 }
 
-TEST(ZevctlOutputTest, PrintableReplacesWhatTurnsALineRound) {
+TEST(ZevctlOutputTest, PrintableReplacesWhatReordersALine) {
   EXPECT_EQ(Printable("\u061C\u200E\u200F\u2028\u2029\u202A\u202E\u2066\u2069"),
             std::string(9, '?'));
   const std::string neighbours = "\u061B\u061D\u200D\u2010\u2027\u202F\u2065\u206A\u00A0";
@@ -198,7 +198,7 @@ TEST(ZevctlOutputTest, EscapedJsonIsTheSameData) {
             "[\"a\\u202eb\\u007f\\u009b \u00E9\U0001F600\\u001b\"]");
 }
 
-TEST(ZevctlOutputTest, Utf8ReplacesWhatIsMalformed) {
+TEST(ZevctlOutputTest, Utf8ReplacesMalformedBytes) {
   EXPECT_EQ(Utf8("a\n\xC3\xA9"), "a\n\xC3\xA9");
   EXPECT_EQ(Utf8("a\xFFz"), "a\xEF\xBF\xBDz");
   EXPECT_EQ(Utf8("\xE2\x82"), "\xEF\xBF\xBD\xEF\xBF\xBD");
@@ -224,7 +224,7 @@ TEST(ZevctlOutputTest, ColumnsAreAsWideAsTheirWidestCell) {
             "b            x\n");
 }
 
-TEST(ZevctlOutputTest, TheWidestColumnGivesWay) {
+TEST(ZevctlOutputTest, TheWidestColumnIsCut) {
   EXPECT_EQ(Shown(Example(), 20),
             "NAME       STATE\n"
             "a-long-n~  connected\n"
@@ -235,21 +235,21 @@ TEST(ZevctlOutputTest, TheWidestColumnGivesWay) {
             "b        x\n");
 }
 
-TEST(ZevctlOutputTest, ColumnsGiveWayOnlySoFar) {
+TEST(ZevctlOutputTest, NoColumnIsCutBelowTheLeastWidth) {
   EXPECT_EQ(Shown(Example(), 1),
             "NAME  STA~\n"
             "a-l~  con~\n"
             "b     x\n");
 }
 
-TEST(ZevctlOutputTest, CharactersAreCountedAndNotBytes) {
+TEST(ZevctlOutputTest, WidthsCountCharactersNotBytes) {
   Table table({"N", "S"});
   table.Add({{"\xC3\xA9\xC3\xA9"}, {"x"}});
   table.Add({{"ab"}, {"y"}});
   EXPECT_EQ(Shown(table, 0), "N   S\n\xC3\xA9\xC3\xA9  x\nab  y\n");
 }
 
-TEST(ZevctlOutputTest, ColoursWhereTheyAreWanted) {
+TEST(ZevctlOutputTest, ColoursAreShownWhereTheyAreWanted) {
   EXPECT_THAT(Shown(Example(), 0, true), ::testing::HasSubstr("\x1b[32mconnected\x1b[0m\n"));
   EXPECT_THAT(Shown(Example(), 0, false), ::testing::Not(::testing::HasSubstr("\x1b")));
 }
@@ -283,11 +283,11 @@ TEST(ZevctlSelectionTest, KeepsTheOrderOfTheRecordsAndTakesEachOnce) {
   EXPECT_THAT(NamesOf({}), IsEmpty());
 }
 
-TEST(ZevctlSelectionTest, NamesThatTheDaemonTakesForOneAreNamedOnce) {
+TEST(ZevctlSelectionTest, NamesThatDifferOnlyInCaseAreListedOnce) {
   EXPECT_THAT(NamesOf({Named("Box"), Named("box"), Named("BOX2")}), ElementsAre("Box", "BOX2"));
 }
 
-TEST(ZevctlSelectionTest, CodesInWords) {
+TEST(ZevctlConsoleWordsTest, CodesInWords) {
   EXPECT_THAT(StateWords(), ElementsAre("connected", "in-use", "not-connected", "refused",
                                         "connecting", "disabled"));
   EXPECT_EQ(StateInWords("0"), "connected");

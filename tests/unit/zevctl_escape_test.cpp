@@ -10,7 +10,7 @@
 namespace zevctl {
 namespace {
 
-// What comes of typing this: keys as they are, actions as words between angle brackets.
+// What typing leads to: keys as they are, actions as words between angle brackets.
 std::string Shown(EscapeAction action) {
   switch (action) {
     case EscapeAction::kNone:
@@ -130,7 +130,7 @@ TEST(Escape, IsOneCharacterOrNone) {
   for (const char* text : {"~", "^", "^]", "^A", "none", "%"}) EXPECT_EQ(CheckEscape(text), "");
 }
 
-TEST(Escape, RefusesWhatIsNoKey) {
+TEST(Escape, RefusesWhatIsNotAKey) {
   const std::string complaint = "must be one printable character, ^ and a letter, or \"none\"";
   for (const char* text :
        {"", " ", "~~", "None", "^1", "^@", "^`", "^~", "\x1D", "\xFF", "\xC3\xA9"}) {
@@ -150,7 +150,7 @@ TEST(Escape, HasAName) {
   EXPECT_EQ(KeyName('\x1A'), "^Z");
 }
 
-TEST(Escape, HelpNamesAllOfThem) {
+TEST(Escape, HelpNamesAllEscapes) {
   EXPECT_EQ(EscapeHelp('~'),
             "\r\n"
             "At the start of a line:\r\n"

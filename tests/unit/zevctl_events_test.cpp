@@ -38,11 +38,11 @@ std::string Json(const std::string& line) {
 
 // ---- Events -------------------------------------------------------------------------------------
 
-TEST(EventLineTest, IsShownInOneLine) {
+TEST(EventLineTest, IsShownOnOneLine) {
   EXPECT_EQ(Text(kLine), "2026-11-21T09:25:48+00:00 300 qor.zevd.console.lab1: Disk sda ERROR");
 }
 
-TEST(EventLineTest, IsShownAsJsonInTheOrderInWhichItCame) {
+TEST(EventLineTest, KeepsItsOrderAsJson) {
   EXPECT_EQ(Json(kLine), R"({"time":"2026-11-21T09:25:48+00:00","host":"station",)"
                          R"("name":"qor.zevd.console.lab1","priority":300,)"
                          R"("vars":{"name":"lab1","message":"Disk sda ERROR\n"}})");
@@ -72,7 +72,7 @@ TEST(EventLineTest, ShowsWhatIsMissing) {
   EXPECT_EQ(Text(R"({"name": "n", "vars": {"other": "x"}})"), "- - n");
 }
 
-TEST(EventLineTest, ShowsHowManyItStandsFor) {
+TEST(EventLineTest, ShowsHowManyEventsItStandsFor) {
   EXPECT_EQ(Text(R"({"time": "t", "priority": 700, "name": "qor.zevd.daemon.error.Internal error",)"
                  R"( "vars": {"message": "Internal error"}, "repeats": 314})"),
             "t 700 qor.zevd.daemon.error.Internal error: Internal error (314 times)");
@@ -108,7 +108,7 @@ TEST(EventLineTest, MustNotBeNestedDeeply) {
   EXPECT_FALSE(ParseEvent(std::string(60000, '[')));
 }
 
-TEST(EventLineTest, HasAPriorityOrNot) {
+TEST(EventLineTest, MayHaveAPriority) {
   const auto has = [](const std::string& priority, int least) {
     return HasPriority(*ParseEvent("{\"priority\": " + priority + "}"), least);
   };
@@ -139,7 +139,7 @@ class LineCutterTest : public ::testing::Test {
   int too_long_ = 0;
 };
 
-TEST_F(LineCutterTest, CutsWhereverTheBytesAreCut) {
+TEST_F(LineCutterTest, FindsLinesHoweverTheBytesArrive) {
   const std::string bytes = "one\n\ntwo\nthree";
   for (size_t at = 0; at <= bytes.size(); ++at) {
     cutter_ = {};
@@ -165,7 +165,7 @@ TEST_F(LineCutterTest, DropsALineThatIsTooLong) {
   EXPECT_THAT(lines_, ElementsAre("before", "after", "last"));
 }
 
-TEST_F(LineCutterTest, TakesALineOfTheGreatestLength) {
+TEST_F(LineCutterTest, TakesTheLongestLine) {
   const std::string line(LineCutter::kLongestLine, 'x');
   Add(line + "\n");
   EXPECT_THAT(lines_, ElementsAre(line));
@@ -194,7 +194,7 @@ class EventSocketTest : public ::testing::Test {
     return "none";
   }
 
-  // A socket of that path that listens or has only been bound.
+  // A socket at that path, which listens or has only been bound.
   Descriptor Bound(int type, bool listening) const {
     fs::create_directories(path().parent_path());
     Descriptor made(socket(AF_UNIX, type, 0));
@@ -221,7 +221,7 @@ class EventSocketTest : public ::testing::Test {
   test::TemporaryDirectory directory_;
 };
 
-TEST_F(EventSocketTest, IsThereAsLongAsItLives) {
+TEST_F(EventSocketTest, ExistsAsLongAsItsOwner) {
   bool full = true;
   {
     EventSocket made(path());
@@ -239,7 +239,7 @@ TEST_F(EventSocketTest, IsThereAsLongAsItLives) {
   EXPECT_FALSE(fs::exists(path()));
 }
 
-TEST_F(EventSocketTest, TellsThatThereAreTooManyConnections) {
+TEST_F(EventSocketTest, ReportsTooManyConnections) {
   EventSocket made(path());
   const Descriptor one = Connected();
   const test::FailCall fail(test::Call::kAccept, EMFILE);
@@ -248,34 +248,34 @@ TEST_F(EventSocketTest, TellsThatThereAreTooManyConnections) {
   EXPECT_TRUE(full);
 }
 
-TEST_F(EventSocketTest, TakesThePlaceOfAStaleOne) {
+TEST_F(EventSocketTest, ReplacesAStaleSocket) {
   Bound(SOCK_STREAM, true);
   ASSERT_TRUE(fs::exists(path()));
   EventSocket made(path());
   EXPECT_TRUE(Connected());
 }
 
-TEST_F(EventSocketTest, LeavesOneThatIsListenedAt) {
+TEST_F(EventSocketTest, LeavesASocketWithAListener) {
   const Descriptor other = Bound(SOCK_STREAM, true);
   EXPECT_EQ(Refusal(), "somebody receives the events of " + path().string() +
                            " already; end that program, or give another path with --socket");
   EXPECT_TRUE(Connected());
 }
 
-TEST_F(EventSocketTest, LeavesOneWhoseQueueIsFull) {
+TEST_F(EventSocketTest, LeavesASocketWhoseQueueIsFull) {
   const Descriptor other = Bound(SOCK_STREAM, true);
   const test::FailCall fail(test::Call::kConnect, EAGAIN);
   EXPECT_THAT(Refusal(), HasSubstr("already"));
 }
 
-TEST_F(EventSocketTest, LeavesOneOfAnotherType) {
+TEST_F(EventSocketTest, LeavesASocketOfAnotherType) {
   const Descriptor other = Bound(SOCK_DGRAM, false);
   EXPECT_EQ(Refusal(),
             "cannot use the socket " + path().string() + ": Protocol wrong type for socket");
   EXPECT_TRUE(fs::exists(path()));
 }
 
-TEST_F(EventSocketTest, LeavesWhatIsNoSocket) {
+TEST_F(EventSocketTest, LeavesWhatIsNotASocket) {
   fs::create_directories(path().parent_path());
   const std::string refusal = path().string() +
                               " is there already and is no socket; remove it, or give another path "

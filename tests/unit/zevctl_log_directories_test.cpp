@@ -22,7 +22,7 @@ using ::testing::IsEmpty;
 
 // ---- Names --------------------------------------------------------------------------------------
 
-TEST(WantedLogsTest, AreNamedAlikeUpToDashes) {
+TEST(WantedLogsTest, TreatDashesAndUnderscoresAlike) {
   const WantedLogs wanted({"sys-a_1"}, {"sys-a-1", "sys_a_1", "sys-a-2"});
   EXPECT_TRUE(wanted.Has("sys-a-1"));
   EXPECT_TRUE(wanted.Has("sys_a_1"));
@@ -30,7 +30,7 @@ TEST(WantedLogsTest, AreNamedAlikeUpToDashes) {
   EXPECT_FALSE(wanted.Has("sys-a-11"));
 }
 
-TEST(WantedLogsTest, MayDifferByCaseUnlessOneHasJustThatName) {
+TEST(WantedLogsTest, IgnoreCaseUnlessALogHasExactlyThatName) {
   const WantedLogs only_other({"BOX"}, {"box"});
   EXPECT_TRUE(only_other.Has("box"));
   const WantedLogs both({"BOX"}, {"box", "BOX"});
@@ -38,7 +38,7 @@ TEST(WantedLogsTest, MayDifferByCaseUnlessOneHasJustThatName) {
   EXPECT_FALSE(both.Has("box"));
 }
 
-TEST(WantedLogsTest, AreOfAllTheNames) {
+TEST(WantedLogsTest, IncludeEveryName) {
   WantedLogs wanted({"box", "chest"}, {});
   EXPECT_TRUE(wanted.Has("box"));
   EXPECT_TRUE(wanted.Has("chest"));
@@ -47,7 +47,7 @@ TEST(WantedLogsTest, AreOfAllTheNames) {
   EXPECT_TRUE(wanted.Has("trunk"));
 }
 
-TEST(SimilarNamesTest, AreNearOrContainTheName) {
+TEST(SimilarNamesTest, DifferLittleOrContainTheName) {
   const LogNames existing = {"lab1", "lab2", "rack-lab-17", "other", "consolidated"};
   EXPECT_THAT(SimilarNames("Lab11", existing), ElementsAre("lab1", "lab2"));
   EXPECT_THAT(SimilarNames("lab", existing), ElementsAre("lab1", "lab2", "rack-lab-17"));

@@ -24,7 +24,7 @@ class FollowerTest : public LogFilesTest {
  protected:
   FollowerTest() { MakeCurrent("a"); }
 
-  // Reads what is there and goes on from it.
+  // Reads what is there, and makes a follower that goes on from there.
   Texts Start(const std::vector<std::string>& names) {
     auto directories = Directories();
     WantedLogs wanted(names, NamesIn(directories));
@@ -89,7 +89,7 @@ TEST_F(FollowerTest, ForgetsAPieceThatIsTakenBack) {
   EXPECT_THAT(Tick(), ElementsAre("room again for all of this"));
 }
 
-TEST_F(FollowerTest, BeginsAnewInAFileThatWasEmptied) {
+TEST_F(FollowerTest, StartsAgainInAFileThatWasEmptied) {
   Append("a", "box", Stamped(0, "1\n") + Stamped(0, "2\n"));
   Start({"box"});
   fs::resize_file(log("a", "box"), 0);
@@ -109,7 +109,7 @@ TEST_F(FollowerTest, ReadsTheOldFileToItsEndBeforeTheNewOne) {
   EXPECT_THAT(Tick(), ElementsAre("4"));
 }
 
-TEST_F(FollowerTest, FindsAllDirectoriesOfOneMoment) {
+TEST_F(FollowerTest, FindsAllDirectoriesMadeBetweenTwoTicks) {
   Start({"box"});
   Append("a", "box", Stamped(0, "1\n"));
   MakeCurrent("b");
@@ -120,7 +120,7 @@ TEST_F(FollowerTest, FindsAllDirectoriesOfOneMoment) {
   EXPECT_THAT(Tick(10), IsEmpty());
 }
 
-TEST_F(FollowerTest, FindsALogThatWasMadeInADirectoryAfterTheLook) {
+TEST_F(FollowerTest, FindsALogMadeAfterItsDirectoryWasListed) {
   Start({"box"});
   MakeCurrent("b");
   EXPECT_THAT(Tick(30), IsEmpty());
@@ -130,7 +130,7 @@ TEST_F(FollowerTest, FindsALogThatWasMadeInADirectoryAfterTheLook) {
   EXPECT_THAT(Tick(), ElementsAre("1", "2"));
 }
 
-TEST_F(FollowerTest, OutlivesAMomentWithoutACurrentDirectory) {
+TEST_F(FollowerTest, SurvivesAMomentWithoutACurrentDirectory) {
   Append("a", "box", Stamped(0, "1\n"));
   fs::remove(dated() / "current");
   EXPECT_THAT(Start({"box"}), ElementsAre("1"));
@@ -170,7 +170,7 @@ TEST_F(FollowerTest, KeepsARenamedFileAndTakesItsNewName) {
   EXPECT_THAT(Tick(), ElementsAre("3"));
 }
 
-TEST_F(FollowerTest, TakesAnEventsNameWithoutAWord) {
+TEST_F(FollowerTest, FollowsTheNameOfAnEventSilently) {
   Append("a", "sys-1", Stamped(0, "1\n"));
   Start({"sys-1"});
   Append("a", "sys-1", Stamped(1, "2\n"));
@@ -195,7 +195,7 @@ TEST_F(FollowerTest, ReadsARemovedFileUntilThereIsAnother) {
   EXPECT_THAT(Tick(), ElementsAre("4"));
 }
 
-TEST_F(FollowerTest, OutlivesAllDirectories) {
+TEST_F(FollowerTest, SurvivesTheLossOfAllDirectories) {
   Append("a", "box", Stamped(0, "1\n"));
   Start({"box"});
   fs::remove_all(dated());
@@ -230,7 +230,7 @@ TEST_F(FollowerTest, KeepsNoFileOfAnOldDirectory) {
   };
   const auto before = open_files();
   EXPECT_THAT(Tick(Follower::kWatchTicks + 1), IsEmpty());
-  EXPECT_LE(open_files(), before - 38);  // the directories, too
+  EXPECT_LE(open_files(), before - 38);  // the directories too
   Append("d19", "box", Stamped(30, "last\n"));
   EXPECT_THAT(Tick(), ElementsAre("last"));
 }

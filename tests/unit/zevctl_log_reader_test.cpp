@@ -1,4 +1,4 @@
-// Reading one log file, from its start, from its end and from a time on.
+// Reading one log file: from its start, from its end and from a given time.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

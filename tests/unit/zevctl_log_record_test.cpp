@@ -44,19 +44,19 @@ TEST(LogRecordTest, EndsAfter1024BytesWhenAnotherFollows) {
   EXPECT_THAT(Split(piece + piece + last), ElementsAre(piece, piece, last));
 }
 
-TEST(LogRecordTest, IsOneWhenNoStampFollows1024Bytes) {
+TEST(LogRecordTest, GoesOnWhenNoStampFollows1024Bytes) {
   const std::string line = kStamp + std::string(3000, 'x') + "\n";
   EXPECT_THAT(Split(line), ElementsAre(line));
 }
 
-TEST(LogRecordTest, EndsBeforeTheEmptyOneOfAClosedLog) {
+TEST(LogRecordTest, EndsBeforeTheEmptyRecordOfAClosedLog) {
   const std::string piece = kStamp + "login: "s;
   for (const char* empty : {"26/11/21_08:00:00 \n", "26/11/21_08:00:01 \n"}) {
     EXPECT_THAT(Split(piece + empty), ElementsAre(piece, empty));
   }
 }
 
-TEST(LogRecordTest, MayEndInAnotherTime) {
+TEST(LogRecordTest, MayEndWithTheStampOfAnotherTime) {
   const std::string older = kStamp + "printed 26/11/21_07:59:59 \n"s;
   const std::string later = kStamp + "printed 26/11/21_08:00:02 \n"s;
   const std::string nothing_before = kStamp + ""s + kStamp + "\n";
@@ -86,7 +86,7 @@ TEST(LogRecordTest, IsCutWhenItIsTooLong) {
   EXPECT_EQ(records[2], "xxxxx\n");
 }
 
-TEST(LogRecordTest, ShowsItsEndOnlyWhenItIsThere) {
+TEST(LogRecordTest, HasALengthOnlyWhenItsEndIsThere) {
   const std::string whole = kStamp + std::string(1024, 'x') + kStamp + "y\n";
   for (size_t held = 0; held < whole.size(); ++held) {
     const size_t length = RecordLength(std::string_view(whole).substr(0, held), LogKind::kConsole,

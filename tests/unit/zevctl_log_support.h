@@ -22,10 +22,10 @@ constexpr time_t kDay = 24 * kHour;
 
 constexpr char kStamp[] = "26/11/21_08:00:00 ";  // kNow in UTC
 
-/// The text behind the stamp of so many seconds after kNow.
+/// The text after the stamp of so many seconds after kNow.
 std::string Stamped(int seconds, const std::string& text);
 
-/// Local time is that of this zone as long as the object lives.
+/// Local time is that of this zone as long as the object exists.
 class Zone {
  public:
   explicit Zone(const char* zone);

@@ -21,7 +21,7 @@ TEST(ZevctlSecretTest, IsALine) {
   EXPECT_EQ(secret.Line(), "pass word\n");
 }
 
-TEST(ZevctlSecretTest, StaysInItsPlaceWhenItMoves) {
+TEST(ZevctlSecretTest, StaysInItsPlaceWhenMoved) {
   Secret secret;
   Add(secret, "short");
   const char* place = secret.Text().data();

@@ -23,18 +23,19 @@ constexpr Case kCases[] = {
     {"plain\r\ntext\n"sv, "plain\r\ntext\n"sv, ""sv},
     {"a\0b\r\0"sv, "a\0b\r\0"sv, ""sv},
     {"\xFF\xFF"sv, "\xFF"sv, ""sv},
-    // What the daemon offers, alone and behind what the console offered.
+    // What the daemon offers, alone and after what the console offered.
     {"\xFF\xFB\x01\xFF\xFB\x03"sv, ""sv, "\xFF\xFD\x01\xFF\xFD\x03"sv},
     {"\xFF\xFB\x03\xFF\xFB\x01\xFF\xFB\x01\xFF\xFB\x03"sv, ""sv, "\xFF\xFD\x03\xFF\xFD\x01"sv},
     {"\xFF\xFB\x01login: "sv, "login: "sv, "\xFF\xFD\x01"sv},
     {"\xFF\xFB\x01\xFF\xFC\x01"sv, ""sv, "\xFF\xFD\x01\xFF\xFE\x01"sv},
     {"\xFF\xFD\x03"sv, ""sv, "\xFF\xFB\x03"sv},
     {"\xFF\xFD\x00\xFF\xFB\x00"sv, ""sv, "\xFF\xFB\x00\xFF\xFD\x00"sv},
-    // What is not had: an own echo, the window's size, the terminal's type, line mode, compression.
+    // What this end does not have: an echo, the window size, the terminal type, line mode and
+    // compression.
     {"\xFF\xFD\x01"sv, ""sv, "\xFF\xFC\x01"sv},
     {"\xFF\xFD\x1F\xFF\xFD\x18\xFF\xFD\x22"sv, ""sv, "\xFF\xFC\x1F\xFF\xFC\x18\xFF\xFC\x22"sv},
     {"\xFF\xFB\x56"sv, ""sv, "\xFF\xFE\x56"sv},
-    // What is already so needs no answer.
+    // What is already agreed needs no answer.
     {"\xFF\xFC\x01\xFF\xFE\x03"sv, ""sv, ""sv},
     // Commands and subnegotiations.
     {"a\xFF\xF1"
@@ -168,7 +169,7 @@ TEST(TelnetStream, SendsABreak) {
   EXPECT_EQ(stream.TakeWire(), "\xFF\xF3");
 }
 
-// A console could otherwise make a few bytes into a flood.
+// Otherwise a console could turn a few bytes into a flood.
 TEST(TelnetStream, NeverDecompresses) {
   constexpr std::string_view kCompressed =  // "not to be seen", by zlib
       "\x78\x9C\xCB\xCB\x2F\x51\x28\xC9\x57\x48\x4A\x55\x28\x4E\x4D\xCD\x03\x00\x25\xD3\x05\x07"sv;
@@ -177,7 +178,7 @@ TEST(TelnetStream, NeverDecompresses) {
   EXPECT_EQ(stream.TakeText(), kCompressed);
 }
 
-TEST(TelnetStream, OutlivesASubnegotiationWithoutEnd) {
+TEST(TelnetStream, SurvivesASubnegotiationWithoutEnd) {
   TelnetStream stream;
   stream.Receive("\xFF\xFA\x18");
   stream.Receive(std::string(100000, 'x'));
@@ -186,7 +187,7 @@ TEST(TelnetStream, OutlivesASubnegotiationWithoutEnd) {
   EXPECT_TRUE(stream.TakeText().ends_with("still here"));
 }
 
-TEST(TelnetStream, OutlivesRandomBytes) {
+TEST(TelnetStream, SurvivesRandomBytes) {
   std::mt19937 random(20261121);
   constexpr std::array<unsigned long, 15> kUsual = {255, 250, 240, 251, 252, 253, 254, 86,
                                                     39,  36,  24,  70,  93,  0,   1};
@@ -220,7 +221,7 @@ struct Start {
   std::string passed;
 };
 
-TEST(OfferFilter, TakesTheOffersOfTheDaemonAndNothingElse) {
+TEST(OfferFilter, RemovesTheOffersOfTheDaemonAndNothingElse) {
   const std::string ours(kDaemonOffers);
   const std::string window = "\xFF\xFD\x1F";
   const std::string longest(64, '\xF1');
@@ -231,7 +232,7 @@ TEST(OfferFilter, TakesTheOffersOfTheDaemonAndNothingElse) {
       {ours + ours + "login: ", ours + "login: "},
       {ours + window + ours, window + ours},
       {ours + "later " + ours, "later " + ours},
-      // Cut in front of the number of an option
+      // Cut before the number of an option
       {window + "\xFF\xFB" + ours + "login: ", window + "login: "},
       {window + "\xFF" + ours, window},
       {"\xFF\xF1\xFF\xFD\xFF" + ours, "\xFF\xF1\xFF\xFD\xFF"},

@@ -62,7 +62,7 @@ std::string Lines(size_t size) {
   return lines;
 }
 
-// Writes as long as poll() allows it, which would block here if a write could.
+// Writes as long as poll() allows it; a write that blocks would stop the test here.
 void WriteWhileReady(OutputQueue& queue) {
   while (!queue.empty() && Ready(queue.fd(), POLLOUT)) ASSERT_EQ(queue.Write(), 0);
 }
@@ -112,7 +112,7 @@ TEST(OutputQueue, LeavesTheModeOfTheDescriptorAlone) {
   EXPECT_NE(fcntl(queue.fd(), F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST(OutputQueue, IsFullAtItsLimitAndNoLongerBelow) {
+TEST(OutputQueue, IsFullAtItsLimitAndNotBelow) {
   Pipe pipe;
   OutputQueue queue(pipe.writing.get());
   queue.Add(std::string((1 << 20) - 1, 'x'));
@@ -123,7 +123,7 @@ TEST(OutputQueue, IsFullAtItsLimitAndNoLongerBelow) {
   EXPECT_FALSE(queue.Full());
 }
 
-TEST(OutputQueue, KeepsTheOrderOfWhatIsAddedMeanwhile) {
+TEST(OutputQueue, KeepsTheOrderOfWhatIsAddedLater) {
   Pipe pipe;
   OutputQueue queue(pipe.writing.get());
   queue.Add(std::string(4096, 'a') + "b");
@@ -145,7 +145,7 @@ TEST(OutputQueue, ForgetsWhatIsCleared) {
   EXPECT_EQ(ReadSome(pipe.reading.get()), "seen");
 }
 
-TEST(OutputQueue, TellsThatNobodyReads) {
+TEST(OutputQueue, ReportsThatNobodyReads) {
   signal(SIGPIPE, SIG_IGN);
   Pipe pipe;
   OutputQueue queue(pipe.writing.get());
@@ -166,7 +166,7 @@ bool Same(const termios& one, const termios& other) {
          memcmp(one.c_cc, other.c_cc, sizeof one.c_cc) == 0;
 }
 
-TEST(RawMode, HandsEveryKeyOnUntilItIsLeft) {
+TEST(RawMode, PassesEveryKeyOnUntilItIsLeft) {
   Pty pty;
   const termios before = ModesOf(pty.inner.get());
   {
@@ -194,7 +194,7 @@ TEST(RawMode, DoesNothingWithoutATerminal) {
 }
 
 // Signals that were ignored before stay ignored, and the others are seen once each.
-TEST(SignalWatch, GivesSignalsAsNumbers) {
+TEST(SignalWatch, ReturnsSignalsAsNumbers) {
   sigset_t before;
   sigprocmask(SIG_SETMASK, nullptr, &before);
   const auto hangup = signal(SIGHUP, SIG_IGN);
