@@ -1,3 +1,4 @@
+// Who listens at the daemon's address, as the system tells it, and whether that is the station.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -7,7 +8,10 @@
 #include <linux/sock_diag.h>
 #include <netinet/tcp.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iomanip>
+#include <sstream>
 
 #include "listener.h"
 #include "listener_query.h"
@@ -45,7 +49,7 @@ Endpoint DestinationOf(const std::string& address) {
   return destination.value_or(Endpoint());
 }
 
-TEST(ZevctlListenerTest, DestinationsAreNamed) {
+TEST(ZevctlListenerTest, DestinationsInWords) {
   EXPECT_EQ(DestinationOf("127.0.0.1").InWords(), "127.0.0.1 port 6500");
   EXPECT_EQ(DestinationOf("::ffff:10.1.2.3").InWords(), "10.1.2.3 port 6500");
   EXPECT_EQ(DestinationOf("fe80::1").InWords(), "fe80::1 port 6500");
@@ -61,7 +65,7 @@ TEST(ZevctlListenerTest, OtherFamiliesHaveNoDestination) {
   EXPECT_FALSE(Destination(local));
 }
 
-TEST(ZevctlListenerTest, LoopbackAddressesAreOfThisMachine) {
+TEST(ZevctlListenerTest, LoopbackAddressesBelongToThisMachine) {
   for (const char* address : {"127.0.0.1", "127.9.8.7", "::1", "::ffff:127.0.0.1"}) {
     EXPECT_TRUE(IsOfThisMachine(DestinationOf(address))) << address;
   }
@@ -85,8 +89,8 @@ std::string Message(uint16_t type, const std::string& payload) {
   return message;
 }
 
-std::string SocketMessage(int family, const std::string& address, uid_t uid, uint32_t inode,
-                          uint8_t state = TCP_LISTEN, std::optional<bool> ipv6_only = {}) {
+inet_diag_msg SocketRecord(int family, const std::string& address, uid_t uid, uint32_t inode,
+                           uint8_t state) {
   inet_diag_msg socket{};
   socket.idiag_family = static_cast<uint8_t>(family);
   socket.idiag_state = state;
@@ -94,8 +98,13 @@ std::string SocketMessage(int family, const std::string& address, uid_t uid, uin
   socket.idiag_inode = inode;
   socket.id.idiag_sport = htons(6500);
   EXPECT_EQ(inet_pton(family, address.c_str(), socket.id.idiag_src), 1) << address;
+  return socket;
+}
+
+std::string SocketMessage(int family, const std::string& address, uid_t uid, uint32_t inode,
+                          uint8_t state = TCP_LISTEN, std::optional<bool> ipv6_only = {}) {
   std::string payload;
-  Append(payload, socket);
+  Append(payload, SocketRecord(family, address, uid, inode, state));
   if (ipv6_only) {
     Append(payload, rtattr{RTA_LENGTH(4), INET_DIAG_MARK});
     payload += "mark";
@@ -105,7 +114,7 @@ std::string SocketMessage(int family, const std::string& address, uid_t uid, uin
   return Message(SOCK_DIAG_BY_FAMILY, payload);
 }
 
-TEST(ZevctlListenerTest, DiagnosticsTellOfListeners) {
+TEST(ZevctlListenerTest, DiagnosticsListListeners) {
   const std::string datagram = SocketMessage(AF_INET, "127.0.0.1", 1000, 77) +
                                SocketMessage(AF_INET, "10.0.0.1", 0, 78, TCP_ESTABLISHED) +
                                SocketMessage(AF_INET6, "::", 0, 79, TCP_LISTEN, true) +
@@ -138,7 +147,7 @@ TEST(ZevctlListenerTest, DiagnosticsEnd) {
   EXPECT_EQ(found.size(), 1U);
 }
 
-TEST(ZevctlListenerTest, DiagnosticsThatFailAreNoAnswer) {
+TEST(ZevctlListenerTest, FailedDiagnosticsAreRefused) {
   Listeners found;
   std::string error;
   Append(error, -ENOENT);
@@ -152,9 +161,9 @@ TEST(ZevctlListenerTest, DiagnosticsThatFailAreNoAnswer) {
             DumpStep::kFailed);
 }
 
-TEST(ZevctlListenerTest, DiagnosticsCutAnywhereAreNoAnswer) {
+TEST(ZevctlListenerTest, TruncatedDiagnosticsAreRefused) {
   const std::string whole = SocketMessage(AF_INET6, "::", 0, 79, TCP_LISTEN, true);
-  const size_t padding = 3;  // behind the last attribute, which has one byte
+  const size_t padding = 3;  // after the last attribute, which has one byte
   for (size_t size = 1; size < whole.size() - padding; ++size) {
     Listeners found;
     const std::string cut = whole.substr(0, size);
@@ -163,7 +172,7 @@ TEST(ZevctlListenerTest, DiagnosticsCutAnywhereAreNoAnswer) {
   }
 }
 
-TEST(ZevctlListenerTest, AnAttributeThatIsTooLongTellsNothing) {
+TEST(ZevctlListenerTest, AnAttributeThatIsTooLongIsIgnored) {
   std::string payload = SocketMessage(AF_INET6, "::", 0, 79).substr(sizeof(nlmsghdr));
   Append(payload, rtattr{200, INET_DIAG_SKV6ONLY});
   Listeners found;
@@ -179,13 +188,34 @@ constexpr char kHead[] =
     "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout "
     "inode\n";
 
-TEST(ZevctlListenerTest, ProcTellsOfListeners) {
-  const std::string table =
-      std::string(kHead) +
-      "   0: 0100007F:1964 00000000:0000 0A 00000000:00000000 00:00000000 00000000  1000        0 "
-      "18206 1 0000000000000000 100 0 0 10 0                       \n"
-      "   1: 0100007F:1964 0100007F:CAFE 01 00000000:00000000 00:00000000 00000000     0        0 "
-      "18207 1 0000000000000000 100 0 0 10 0                       \n";
+struct ProcSocket {
+  std::string local;
+  std::string remote;
+  std::string state;
+  uid_t uid;
+  uint64_t inode;
+};
+
+// A table as the kernel writes it; it fills short lines up with blanks.
+std::string ProcTable(const std::vector<ProcSocket>& sockets) {
+  constexpr size_t kShortest = 149;
+  std::string table = kHead;
+  size_t number = 0;
+  for (const ProcSocket& socket : sockets) {
+    std::ostringstream line;
+    line << std::setw(4) << number++ << ": " << socket.local << " " << socket.remote << " "
+         << socket.state << " 00000000:00000000 00:00000000 00000000 " << std::setw(5) << socket.uid
+         << "        0 " << socket.inode << " 1 0000000000000000 100 0 0 10 0";
+    std::string text = line.str();
+    text.resize(std::max(text.size(), kShortest), ' ');
+    table += text + "\n";
+  }
+  return table;
+}
+
+TEST(ZevctlListenerTest, ProcListsListeners) {
+  const std::string table = ProcTable({{"0100007F:1964", "00000000:0000", "0A", 1000, 18206},
+                                       {"0100007F:1964", "0100007F:CAFE", "01", 0, 18207}});
   Listeners found;
   EXPECT_TRUE(TakeProcTable(table, false, SocketKind::kListening, found));
   ASSERT_EQ(found.size(), 1U);
@@ -194,11 +224,9 @@ TEST(ZevctlListenerTest, ProcTellsOfListeners) {
   EXPECT_EQ(found[0].inode, 18206U);
 }
 
-TEST(ZevctlListenerTest, ProcTellsOfIpv6Listeners) {
-  const std::string table =
-      std::string(kHead) +
-      "   0: 00000000000000000000000001000000:1964 00000000000000000000000000000000:0000 0A "
-      "00000000:00000000 00:00000000 00000000     7        0 9 1 0000000000000000 100 0 0 10 0\n";
+TEST(ZevctlListenerTest, ProcListsIpv6Listeners) {
+  const std::string table = ProcTable({{"00000000000000000000000001000000:1964",
+                                        "00000000000000000000000000000000:0000", "0A", 7, 9}});
   Listeners found;
   EXPECT_TRUE(TakeProcTable(table, true, SocketKind::kListening, found));
   ASSERT_EQ(found.size(), 1U);
@@ -207,7 +235,7 @@ TEST(ZevctlListenerTest, ProcTellsOfIpv6Listeners) {
   EXPECT_EQ(found[0].ipv6_only, std::nullopt);
 }
 
-TEST(ZevctlListenerTest, WhatIsNoTableIsNoAnswer) {
+TEST(ZevctlListenerTest, MalformedProcTablesAreRefused) {
   Listeners found;
   EXPECT_FALSE(TakeProcTable("", false, SocketKind::kListening, found));
   EXPECT_FALSE(TakeProcTable("something else\n", false, SocketKind::kListening, found));
@@ -231,7 +259,7 @@ struct Socket {
   uint16_t port = 6500;
 };
 
-// The places in the list of those that take a connection to the destination.
+// Which of the sockets take a connection to the destination, by their places in the list.
 std::vector<uint64_t> Takers(const std::vector<Socket>& sockets, const std::string& destination) {
   Listeners listeners;
   for (const Socket& socket : sockets) {
@@ -245,7 +273,7 @@ std::vector<uint64_t> Takers(const std::vector<Socket>& sockets, const std::stri
   return takers;
 }
 
-TEST(ZevctlListenerTest, ItsOwnAddressOrAllOfThem) {
+TEST(ZevctlListenerTest, ASocketTakesItsOwnAddressOrAll) {
   const std::vector<Socket> sockets = {{"127.0.0.1"}, {"0.0.0.0"}, {"127.0.0.2"}, {"::1", true}};
   EXPECT_THAT(Takers(sockets, "127.0.0.1"), ElementsAre(0, 1));
   EXPECT_THAT(Takers(sockets, "127.0.0.2"), ElementsAre(1, 2));
@@ -255,7 +283,7 @@ TEST(ZevctlListenerTest, ItsOwnAddressOrAllOfThem) {
   EXPECT_THAT(Takers(sockets, "::2"), IsEmpty());
 }
 
-TEST(ZevctlListenerTest, AnotherPortTakesNothing) {
+TEST(ZevctlListenerTest, ASocketAtAnotherPortTakesNothing) {
   EXPECT_THAT(Takers({{"127.0.0.1", false, {}, 6501}, {"::", true, false, 6499}}, "127.0.0.1"),
               IsEmpty());
 }
@@ -269,13 +297,13 @@ TEST(ZevctlListenerTest, AnIpv6SocketMayTakeIpv4) {
   EXPECT_THAT(Takers({{"0.0.0.0"}}, "::1"), IsEmpty());
 }
 
-TEST(ZevctlListenerTest, InDoubtAnIpv6WildcardCountsWhereNothingElseIs) {
+TEST(ZevctlListenerTest, AnUncertainIpv6WildcardCountsOnlyWithoutOthers) {
   EXPECT_THAT(Takers({{"::", true}}, "127.0.0.1"), ElementsAre(0));
   EXPECT_THAT(Takers({{"::", true}, {"0.0.0.0"}}, "127.0.0.1"), ElementsAre(1));
   EXPECT_THAT(Takers({{"::", true}, {"127.0.0.2"}}, "127.0.0.1"), ElementsAre(0));
 }
 
-TEST(ZevctlListenerTest, SeveralThatShareAPort) {
+TEST(ZevctlListenerTest, AllSocketsThatShareAPortCount) {
   EXPECT_THAT(Takers({{"127.0.0.1"}, {"127.0.0.1"}, {"127.0.0.1"}}, "127.0.0.1"),
               ElementsAre(0, 1, 2));
 }
@@ -304,23 +332,23 @@ Trust Judged(const std::vector<Seen>& before, const std::vector<Seen>& after,
   return Judge(Those(before), Those(after), station, kCaller);
 }
 
-TEST(ZevctlListenerTest, RootsAndTheOwnersAreTheStations) {
+TEST(ZevctlListenerTest, ListenersOfRootAndTheOwnerAreTheStations) {
   EXPECT_EQ(Judged({{0, 1}}, {{0, 1}}), Trust::kStation);
   EXPECT_EQ(Judged({{kOwner, 1}}, {{kOwner, 1}}), Trust::kStation);
   EXPECT_EQ(Judged({{kOwner, 1}, {0, 2}}, {{0, 2}, {kOwner, 1}}), Trust::kStation);
 }
 
-TEST(ZevctlListenerTest, WithoutAStationOnlyRootsIs) {
+TEST(ZevctlListenerTest, WithoutAnOwnerOnlyListenersOfRootAreTheStations) {
   EXPECT_EQ(Judged({{0, 1}}, {{0, 1}}, {}), Trust::kStation);
   EXPECT_EQ(Judged({{kOwner, 1}}, {{kOwner, 1}}, {}), Trust::kStranger);
 }
 
-TEST(ZevctlListenerTest, AllMustBeRight) {
+TEST(ZevctlListenerTest, AllListenersMustBeRight) {
   EXPECT_EQ(Judged({{0, 1}, {kOther, 2}}, {{0, 1}, {kOther, 2}}), Trust::kStranger);
   EXPECT_EQ(Judged({{0, 1}, {kCaller, 2}}, {{0, 1}, {kCaller, 2}}), Trust::kOwn);
 }
 
-TEST(ZevctlListenerTest, ItMustBeTheSameBothTimes) {
+TEST(ZevctlListenerTest, TheListenerMustStayTheSame) {
   EXPECT_EQ(Judged({{0, 1}}, {{0, 2}}), Trust::kChanged);
   EXPECT_EQ(Judged({}, {{0, 2}}), Trust::kChanged);
   EXPECT_EQ(Judged({{0, 1}}, {}), Trust::kChanged);
@@ -330,7 +358,7 @@ TEST(ZevctlListenerTest, ItMustBeTheSameBothTimes) {
   EXPECT_EQ(Judged({{0, 1}}, {{kOther, 2}}), Trust::kStranger);
 }
 
-TEST(ZevctlListenerTest, ItMustBeSeen) {
+TEST(ZevctlListenerTest, TheListenerMustBeSeen) {
   EXPECT_EQ(Judged({}, {}), Trust::kNobody);
   EXPECT_EQ(Judge({}, Those({{0, 1}}), kOwner, kCaller), Trust::kUntold);
   EXPECT_EQ(Judge(Those({{0, 1}}), {}, kOwner, kCaller), Trust::kUntold);
@@ -338,15 +366,9 @@ TEST(ZevctlListenerTest, ItMustBeSeen) {
 
 // ---- The other end of a connection
 
-TEST(ZevctlListenerTest, DiagnosticsTellOfConnections) {
-  inet_diag_msg socket{};
-  socket.idiag_family = AF_INET;
-  socket.idiag_state = TCP_SYN_RECV;
-  socket.idiag_uid = 1000;
-  socket.idiag_inode = 77;
-  socket.id.idiag_sport = htons(6500);
+TEST(ZevctlListenerTest, DiagnosticsListConnections) {
+  inet_diag_msg socket = SocketRecord(AF_INET, "127.0.0.1", 1000, 77, TCP_SYN_RECV);
   socket.id.idiag_dport = htons(40000);
-  inet_pton(AF_INET, "127.0.0.1", socket.id.idiag_src);
   inet_pton(AF_INET, "127.0.0.2", socket.id.idiag_dst);
   std::string payload;
   Append(payload, socket);
@@ -361,11 +383,9 @@ TEST(ZevctlListenerTest, DiagnosticsTellOfConnections) {
   EXPECT_EQ(found[0].inode, 77U);
 }
 
-TEST(ZevctlListenerTest, ProcTellsOfConnections) {
-  const std::string rest = " 00000000:00000000 00:00000000 00000000  1000        0 ";
-  const std::string table = std::string(kHead) + "   0: 0100007F:1964 00000000:0000 0A" + rest +
-                            "5 1 0 100 0\n   1: 0100007F:1964 0200007F:9C40 01" + rest +
-                            "6 1 0 100 0\n";
+TEST(ZevctlListenerTest, ProcListsConnections) {
+  const std::string table = ProcTable({{"0100007F:1964", "00000000:0000", "0A", 1000, 5},
+                                       {"0100007F:1964", "0200007F:9C40", "01", 1000, 6}});
   TcpSockets found;
   EXPECT_TRUE(TakeProcTable(table, false, SocketKind::kConnected, found));
   ASSERT_EQ(found.size(), 1U);
@@ -373,17 +393,15 @@ TEST(ZevctlListenerTest, ProcTellsOfConnections) {
   EXPECT_EQ(found[0].inode, 6U);
 }
 
-TEST(ZevctlListenerTest, ProcTellsOfIpv4ThatAnIpv6SocketHasTaken) {
-  const std::string table =
-      std::string(kHead) +
-      "   0: 0000000000000000FFFF00000100007F:1964 0000000000000000FFFF00000100007F:9C40 01 "
-      "00000000:00000000 00:00000000 00000000     7        0 9 1 0000000000000000 100 0 0 10 0\n";
+TEST(ZevctlListenerTest, ProcListsIpv4ThatAnIpv6SocketAccepted) {
+  const std::string table = ProcTable({{"0000000000000000FFFF00000100007F:1964",
+                                        "0000000000000000FFFF00000100007F:9C40", "01", 7, 9}});
   TcpSockets found;
   EXPECT_TRUE(TakeProcTable(table, true, SocketKind::kConnected, found));
   EXPECT_EQ(EndsOf(found, At("127.0.0.1"), At("127.0.0.1", 40000)).size(), 1U);
 }
 
-TEST(ZevctlListenerTest, AnEndHasBothAddressesAndBothPorts) {
+TEST(ZevctlListenerTest, AnEndMatchesBothAddressesAndBothPorts) {
   const Endpoint here = At("127.0.0.1");
   const Endpoint there = At("127.0.0.1", 40000);
   TcpSockets sockets;
@@ -418,7 +436,7 @@ TEST(ZevctlListenerTest, TheOtherEndOfATunnelMayBeTheCallers) {
   EXPECT_EQ(PeersJudged(Trust::kOwn, {{kOther, 1}}), Trust::kTaken);
 }
 
-TEST(ZevctlListenerTest, WhatIsNotAcceptedYetIsTheListeners) {
+TEST(ZevctlListenerTest, ASocketNotYetAcceptedIsTheListeners) {
   EXPECT_EQ(PeersJudged(Trust::kStation, {{0, 0}}), Trust::kStation);
   EXPECT_EQ(PeersJudged(Trust::kOwn, {{0, 0}}), Trust::kOwn);
   EXPECT_EQ(PeersJudged(Trust::kStation, {{0, 0}, {kOther, 1}}), Trust::kTaken);
