@@ -206,45 +206,40 @@ TEST_F(CookieTest, WrongCookieIsReported) {
 using CookieDeathTest = CookieTest;
 
 // The message, the event, the end.
-auto DiesOf(const char* message, const char* event) {
-  return DebugTextsAre(
-      ElementsAre(message, AnnouncesDaemonError(event), IsExitTrace(1, "cookie.cpp")));
-}
-
-TEST_F(CookieDeathTest, OutOfMemory) {
+void ExpectDeath(const std::function<void()>& generate, const char* message, const char* event) {
   EXPECT_EXIT(
       {
         test::SendDebugToStderr(kDetail);
+        generate();
+      },
+      ExitedWithCode(1),
+      DebugTextsAre(
+          ElementsAre(message, AnnouncesDaemonError(event), IsExitTrace(1, "cookie.cpp"))));
+}
+
+TEST_F(CookieDeathTest, OutOfMemory) {
+  ExpectDeath(
+      [] {
         const FailAllocation failure(1);
         GenerateCookie();
       },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: malloc() failed : Cannot allocate memory\n",
-             "Terminated: Out of memory"));
+      "GenerateCookie: malloc() failed : Cannot allocate memory\n", "Terminated: Out of memory");
 }
 
 TEST_F(CookieDeathTest, FileCannotBeOpened) {
   std::filesystem::create_directory(kPath);
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        GenerateCookie();
-      },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: fopen() failed : Is a directory\n",
-             "Terminated: Cannot open cookie file"));
+  ExpectDeath(GenerateCookie, "GenerateCookie: fopen() failed : Is a directory\n",
+              "Terminated: Cannot open cookie file");
 }
 
 TEST_F(CookieDeathTest, NewFileCannotBeGivenToTheGroup) {
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
+  ExpectDeath(
+      [] {
         const FailCall failure(Call::kFchown, EPERM);
         GenerateCookie();
       },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: chown( root/config/.cookie, ...) failed : Operation not permitted\n",
-             "Terminated: Cannot chown cookie file"));
+      "GenerateCookie: chown( root/config/.cookie, ...) failed : Operation not permitted\n",
+      "Terminated: Cannot chown cookie file");
 }
 
 // From now on the kernel refuses the process every change of a file's mode.
@@ -262,15 +257,13 @@ void ForbidChmod() {
 }
 
 TEST_F(CookieDeathTest, ModeOfANewFileCannotBeSet) {
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
+  ExpectDeath(
+      [] {
         ForbidChmod();
         GenerateCookie();
       },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: chmod( root/config/.cookie, ...) failed : Permission denied\n",
-             "Terminated: Cannot chmod cookie file"));
+      "GenerateCookie: chmod( root/config/.cookie, ...) failed : Permission denied\n",
+      "Terminated: Cannot chmod cookie file");
   EXPECT_EQ(test::ReadFile(kPath), "");
 }
 
@@ -292,58 +285,43 @@ TEST_F(CookieDeathTest, FileCannotBeWritten) {
 }
 
 TEST_F(CookieDeathTest, ExistingFileCannotBeEmptied) {
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
+  ExpectDeath(
+      [] {
         const FailCall failure(Call::kFtruncate, EROFS);
         GenerateCookie();
       },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: fprintf() failed : Read-only file system\n",
-             "Terminated: Cannot write cookie file"));
+      "GenerateCookie: fprintf() failed : Read-only file system\n",
+      "Terminated: Cannot write cookie file");
 }
 
 TEST_F(CookieDeathTest, NoRandomSource) {
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
+  ExpectDeath(
+      [] {
         random_source = [](unsigned char*) -> ssize_t {
           errno = ENOSYS;
           return -1;
         };
         GenerateCookie();
       },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: getrandom() failed : Function not implemented\n",
-             "Terminated: Cannot draw cookie"));
+      "GenerateCookie: getrandom() failed : Function not implemented\n",
+      "Terminated: Cannot draw cookie");
   EXPECT_FALSE(std::filesystem::exists(kPath));
 }
 
 TEST_F(CookieDeathTest, LinkIsNotFollowed) {
   test::WriteFile("root/other", "kept\n");
   std::filesystem::create_symlink(std::filesystem::absolute("root/other"), kPath);
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        GenerateCookie();
-      },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: fopen() failed : Too many levels of symbolic links\n",
-             "Terminated: Cannot open cookie file"));
+  ExpectDeath(GenerateCookie,
+              "GenerateCookie: fopen() failed : Too many levels of symbolic links\n",
+              "Terminated: Cannot open cookie file");
   EXPECT_EQ(test::ReadFile("root/other"), "kept\n");
 }
 
 TEST_F(CookieDeathTest, FileWithTwoNamesIsNotWritten) {
   test::WriteFile("root/other", "kept\n");
   std::filesystem::create_hard_link("root/other", kPath);
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        GenerateCookie();
-      },
-      ExitedWithCode(1),
-      DiesOf("GenerateCookie: fopen() failed : Too many links\n",
-             "Terminated: Cannot open cookie file"));
+  ExpectDeath(GenerateCookie, "GenerateCookie: fopen() failed : Too many links\n",
+              "Terminated: Cannot open cookie file");
   EXPECT_EQ(test::ReadFile("root/other"), "kept\n");
 }
 

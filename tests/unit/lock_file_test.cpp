@@ -63,6 +63,33 @@ class LockFileTest : public ::testing::Test {
     return status;
   }
 
+  static std::string OpeningFailed(const std::string& error) {
+    return "Lock: open( \"root/config/zev.lock\", ...) failed : " + error + "\n";
+  }
+
+  static std::string ReadingFailed(const std::string& error) {
+    return "GetHostFromLockFile: fopen( \"root/config/zev.lock\", ...) failed : " + error + "\n";
+  }
+
+  static void ExpectNoLock(const std::string& message) {
+    const test::DebugCapture capture(0);
+    EXPECT_EQ(Lock(), -1);
+    EXPECT_THAT(capture.Messages(), ElementsAre(message));
+  }
+
+  static void ExpectNoHost(const std::string& message) {
+    const test::DebugCapture capture(0);
+    std::array<char, 65> host{};
+    EXPECT_EQ(GetHostFromLockFile(host.data(), host.size()), -1);
+    EXPECT_THAT(capture.Messages(), ElementsAre(message));
+  }
+
+  // Neither function opens what is in the file's place.
+  static void ExpectNeitherOpens(const std::string& error) {
+    ExpectNoLock(OpeningFailed(error));
+    ExpectNoHost(ReadingFailed(error));
+  }
+
   test::StationRoot root_;
 
  private:
@@ -206,10 +233,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(LockFileTest, FileThatCannotBeOpenedIsReported) {
   std::filesystem::remove_all("root/config");
-  const test::DebugCapture capture(0);
-  EXPECT_EQ(Lock(), -1);
-  EXPECT_THAT(capture.Messages(), ElementsAre("Lock: open( \"root/config/zev.lock\", ...) failed : "
-                                              "No such file or directory\n"));
+  ExpectNoLock(OpeningFailed("No such file or directory"));
 }
 
 TEST_F(LockFileTest, DescriptorIsLeftOpenWhenAnotherHoldsTheLock) {
@@ -222,29 +246,13 @@ TEST_F(LockFileTest, DescriptorIsLeftOpenWhenAnotherHoldsTheLock) {
 TEST_F(LockFileTest, LinkInPlaceOfTheFileIsNotFollowed) {
   test::WriteFile("root/other", "kept");
   std::filesystem::create_symlink(std::filesystem::absolute("root/other"), kPath);
-  const test::DebugCapture capture(0);
-  EXPECT_EQ(Lock(), -1);
-  std::array<char, 65> host{};
-  EXPECT_EQ(GetHostFromLockFile(host.data(), host.size()), -1);
-  EXPECT_THAT(capture.Messages(),
-              ElementsAre("Lock: open( \"root/config/zev.lock\", ...) failed : "
-                          "Too many levels of symbolic links\n",
-                          "GetHostFromLockFile: fopen( \"root/config/zev.lock\", ...) failed : "
-                          "Too many levels of symbolic links\n"));
+  ExpectNeitherOpens("Too many levels of symbolic links");
   EXPECT_EQ(test::ReadFile("root/other"), "kept");
 }
 
 TEST_F(LockFileTest, PipeInPlaceOfTheFileIsNotWaitedFor) {
   ASSERT_EQ(mkfifo(kPath, 0600), 0);
-  const test::DebugCapture capture(0);
-  EXPECT_EQ(Lock(), -1);
-  std::array<char, 65> host{};
-  EXPECT_EQ(GetHostFromLockFile(host.data(), host.size()), -1);
-  EXPECT_THAT(capture.Messages(),
-              ElementsAre("Lock: open( \"root/config/zev.lock\", ...) failed : "
-                          "No such device or address\n",
-                          "GetHostFromLockFile: fopen( \"root/config/zev.lock\", ...) failed : "
-                          "No such device or address\n"));
+  ExpectNeitherOpens("No such device or address");
 }
 
 // ---- Unlock -------------------------------------------------------------------------------------
@@ -323,30 +331,17 @@ TEST_F(LockFileTest, OnlyTheFirstLineIsRead) {
 }
 
 TEST_F(LockFileTest, MissingFileGivesNoHost) {
-  const test::DebugCapture capture(0);
-  std::array<char, 65> host{};
-  EXPECT_EQ(GetHostFromLockFile(host.data(), host.size()), -1);
-  EXPECT_THAT(capture.Messages(),
-              ElementsAre("GetHostFromLockFile: fopen( \"root/config/zev.lock\", ...) failed : "
-                          "No such file or directory\n"));
+  ExpectNoHost(ReadingFailed("No such file or directory"));
 }
 
 TEST_F(LockFileTest, EmptyFileGivesNoHost) {
   test::WriteFile(kPath, "");
-  const test::DebugCapture capture(0);
-  std::array<char, 65> host{};
-  EXPECT_EQ(GetHostFromLockFile(host.data(), host.size()), -1);
-  EXPECT_THAT(capture.Messages(), ElementsAre("GetHostFromLockFile: fgets() failed : Success\n"));
+  ExpectNoHost("GetHostFromLockFile: fgets() failed : Success\n");
 }
 
 TEST_F(LockFileTest, UnreadableFileGivesNoHost) {
   std::filesystem::create_directory(kPath);
-  const test::DebugCapture capture(0);
-  std::array<char, 65> host{};
-  EXPECT_EQ(GetHostFromLockFile(host.data(), host.size()), -1);
-  EXPECT_THAT(capture.Messages(),
-              ElementsAre("GetHostFromLockFile: fopen( \"root/config/zev.lock\", ...) failed : "
-                          "Is a directory\n"));
+  ExpectNoHost(ReadingFailed("Is a directory"));
 }
 
 TEST_F(LockFileTest, EveryFunctionWritesItsEntryLine) {

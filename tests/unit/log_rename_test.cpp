@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <regex>
 #include <string>
 
@@ -75,6 +76,9 @@ class LogRenameTest : public test::RelayTest {
     static const std::regex stamp("../../.._..:..:.. ");
     return std::regex_replace(test::ReadFile(Path(name)), stamp, "");
   }
+  void ExpectLogs(const std::map<std::string, std::string>& expected) const {
+    for (const auto& [name, lines] : expected) EXPECT_EQ(Log(name), lines) << name;
+  }
   bool Exists(const std::string& name) const { return std::filesystem::exists(Path(name)); }
 
   test::StationRoot root_;
@@ -101,8 +105,7 @@ TEST_F(LogRenameTest, LogGoesOnInTheFileOfTheNewName) {
   const test::DebugCapture capture(0);
   renames_.Rename(cnode, "b");
   Print(cnode, "new\n");
-  EXPECT_EQ(Log("a"), "from a\nhalf\n");
-  EXPECT_EQ(Log("b"), "earlier\nnew\n");
+  ExpectLogs({{"a", "from a\nhalf\n"}, {"b", "earlier\nnew\n"}});
   EXPECT_THAT(test::ReadFile(Path("consolidated")), HasSubstr(" a half"));
   EXPECT_THAT(capture.Messages(), IsEmpty());
 }
@@ -114,8 +117,7 @@ TEST_F(LogRenameTest, TwoConsolesSwapTheirNames) {
   renames_.Rename(b, "a");
   Print(a, "now b\n");
   Print(b, "now a\n");
-  EXPECT_EQ(Log("a"), "from a\nnow a\n");
-  EXPECT_EQ(Log("b"), "from b\nnow b\n");
+  ExpectLogs({{"a", "from a\nnow a\n"}, {"b", "from b\nnow b\n"}});
 }
 
 TEST_F(LogRenameTest, FileThatAnotherConsoleHasTakenUpIsNotMoved) {
@@ -125,9 +127,7 @@ TEST_F(LogRenameTest, FileThatAnotherConsoleHasTakenUpIsNotMoved) {
   renames_.Rename(b, "c");
   Print(a, "now b\n");
   Print(b, "now c\n");
-  EXPECT_EQ(Log("a"), "from a\n");
-  EXPECT_EQ(Log("b"), "from b\nnow b\n");
-  EXPECT_EQ(Log("c"), "now c\n");
+  ExpectLogs({{"a", "from a\n"}, {"b", "from b\nnow b\n"}, {"c", "now c\n"}});
 }
 
 TEST_F(LogRenameTest, FilesFollowConsolesThatMoveUpOneByOne) {
@@ -135,8 +135,7 @@ TEST_F(LogRenameTest, FilesFollowConsolesThatMoveUpOneByOne) {
   ConsoleNode* b = AddLogged("b");
   renames_.Rename(b, "c");
   renames_.Rename(a, "b");
-  EXPECT_EQ(Log("b"), "from a\n");
-  EXPECT_EQ(Log("c"), "from b\n");
+  ExpectLogs({{"b", "from a\n"}, {"c", "from b\n"}});
   EXPECT_FALSE(Exists("a"));
 }
 
@@ -146,9 +145,7 @@ TEST_F(LogRenameTest, OnlyTheFileThatTheConsoleHasOpenIsMoved) {
   test::WriteFile(Path("a"), "somebody else's\n");
   renames_.Rename(cnode, "b");
   Print(cnode, "new\n");
-  EXPECT_EQ(Log("a"), "somebody else's\n");
-  EXPECT_EQ(Log("b"), "new\n");
-  EXPECT_EQ(Log("aside"), "from a\n");
+  ExpectLogs({{"a", "somebody else's\n"}, {"b", "new\n"}, {"aside", "from a\n"}});
 }
 
 TEST_F(LogRenameTest, LogThatWasRemovedIsOpenedAnew) {
@@ -180,8 +177,7 @@ TEST_F(LogRenameTest, ClosedLogIsRenamedUnlessTheNameIsTaken) {
   EXPECT_EQ(cnode->log_fd, -1);
   test::WriteFile(Path("c"), "somebody else's\n");
   renames_.Rename(cnode, "c");
-  EXPECT_EQ(Log("b"), "earlier\n");
-  EXPECT_EQ(Log("c"), "somebody else's\n");
+  ExpectLogs({{"b", "earlier\n"}, {"c", "somebody else's\n"}});
   EXPECT_THAT(capture.Messages(), IsEmpty());
 }
 
@@ -227,8 +223,7 @@ TEST_F(LogRenameTest, NameThatIsTakenAtTheLastMomentIsRespected) {
   const test::DebugCapture capture(0);
   renames_.Rename(cnode, "b");
   Print(cnode, "new\n");
-  EXPECT_EQ(Log("a"), "from a\n");
-  EXPECT_EQ(Log("b"), "quicker\nnew\n");
+  ExpectLogs({{"a", "from a\n"}, {"b", "quicker\nnew\n"}});
   EXPECT_THAT(capture.Messages(), IsEmpty());
 }
 
@@ -248,8 +243,7 @@ TEST_F(LogRenameTest, LogThatCannotBeRenamedIsReportedAndOpenedAnew) {
   EXPECT_THAT(capture.Messages(),
               ElementsAre("UpdateConsole : rename() failed : Read-only file system\n"));
   Print(cnode, "new\n");
-  EXPECT_EQ(Log("a"), "from a\n");
-  EXPECT_EQ(Log("b"), "new\n");
+  ExpectLogs({{"a", "from a\n"}, {"b", "new\n"}});
 }
 
 TEST_F(LogRenameTest, WithoutMemoryToLookNothingIsMoved) {
@@ -261,8 +255,7 @@ TEST_F(LogRenameTest, WithoutMemoryToLookNothingIsMoved) {
     EXPECT_TRUE(failure.reached());
   }
   Print(cnode, "new\n");
-  EXPECT_EQ(Log("a"), "from a\n");
-  EXPECT_EQ(Log("b"), "new\n");
+  ExpectLogs({{"a", "from a\n"}, {"b", "new\n"}});
   EXPECT_EQ(test::Reports(capture.Messages()).at(0),
             "LookAtHolders: malloc() failed : Cannot allocate memory\n");
 }

@@ -65,6 +65,11 @@ class MatcherProcessTest : public ::testing::Test {
 
   void Start() const { Send({.kind = MatcherKind::kStart}); }
 
+  void StartWith(uint32_t set, const std::vector<std::string>& patterns) const {
+    TellSet(set, patterns);
+    Start();
+  }
+
   // The next thing that it says, within ten seconds.
   Said Listen() const {
     MatcherMessage message;
@@ -93,14 +98,19 @@ class MatcherProcessTest : public ::testing::Test {
     return said.value;
   }
 
+  void ExpectEnd() const {
+    int status = -1;
+    EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
+    EXPECT_EQ(status, 0);
+  }
+
   pid_t pid_ = -1;
   int sock_ = -1;
   uint64_t line_ = 0;
 };
 
 TEST_F(MatcherProcessTest, AnswersWithThePatternThatMatches) {
-  TellSet(7, {"fan", "(ab+)\\1"});
-  Start();
+  StartWith(7, {"fan", "(ab+)\\1"});
   const Said said = Match(7, "an abbabb\n");
   EXPECT_EQ(said.kind, MatcherKind::kMatch);
   EXPECT_EQ(said.line, 1U);
@@ -109,8 +119,7 @@ TEST_F(MatcherProcessTest, AnswersWithThePatternThatMatches) {
 }
 
 TEST_F(MatcherProcessTest, FirstInFileOrderWins) {
-  TellSet(7, {"fan", "(r)\\1", "error"});
-  Start();
+  StartWith(7, {"fan", "(r)\\1", "error"});
   EXPECT_EQ(PriorityOf(7, "error\n"), 1);
   EXPECT_EQ(PriorityOf(7, "eror error fan\n"), 0);
   EXPECT_EQ(PriorityOf(7, "eror\n"), -1);
@@ -138,20 +147,17 @@ TEST_F(MatcherProcessTest, CaseMattersUnlessToldOtherwise) {
 }
 
 TEST_F(MatcherProcessTest, SetsCanBeReplaced) {
-  TellSet(1, {"fan"});
-  Start();
+  StartWith(1, {"fan"});
   EXPECT_EQ(PriorityOf(1, "fan\n"), 0);
   Send({.kind = MatcherKind::kForget});
   EXPECT_EQ(PriorityOf(1, "fan\n"), -1);
-  TellSet(2, {"x", "fan"});
-  Start();
+  StartWith(2, {"x", "fan"});
   EXPECT_EQ(PriorityOf(2, "fan\n"), 1);
   EXPECT_EQ(PriorityOf(1, "fan\n"), -1);
 }
 
 TEST_F(MatcherProcessTest, BadPatternsAreToldWithTheReasonAndLeftOut) {
-  TellSet(1, {"a(b", "(x)\\2", "fan"});
-  Start();
+  StartWith(1, {"a(b", "(x)\\2", "fan"});
   const Said first = Listen();
   EXPECT_EQ(first.kind, MatcherKind::kBadPattern);
   EXPECT_EQ(first.set, 1U);
@@ -162,8 +168,7 @@ TEST_F(MatcherProcessTest, BadPatternsAreToldWithTheReasonAndLeftOut) {
 }
 
 TEST_F(MatcherProcessTest, PatternThatTakesTheStackIsToldAndTheLineGoesOn) {
-  TellSet(1, {"fan", kDeep, "aaa$"});
-  Start();
+  StartWith(1, {"fan", kDeep, "aaa$"});
   const Said blamed = Match(1, "aaa");
   EXPECT_EQ(blamed.kind, MatcherKind::kMatchCrashed);
   EXPECT_EQ(blamed.number, 1U);
@@ -177,8 +182,7 @@ TEST_F(MatcherProcessTest, PatternThatTakesTheStackIsToldAndTheLineGoesOn) {
 
 TEST_F(MatcherProcessTest, PatternThatTakesTooLongIsToldAndTheLineGivenUp) {
   const std::string slow = "(.*)(.*)(.*)\\1\\2\\3b";
-  TellSet(1, {"fan", slow, "x"});
-  Start();
+  StartWith(1, {"fan", slow, "x"});
   std::string line = "x";
   for (int i = 0; i < 40; ++i) line += "ac";
   const Said blamed = Match(1, line);
@@ -192,8 +196,7 @@ TEST_F(MatcherProcessTest, PatternThatTakesTooLongIsToldAndTheLineGivenUp) {
 
 TEST_F(MatcherProcessTest, PatternThatCannotBeCompiledIsToldAndTheOthersGoOn) {
   constexpr char kBomb[] = "((a{1,255}){1,255}){1,255}";
-  TellSet(1, {"fan", kBomb, "psu"});
-  Start();
+  StartWith(1, {"fan", kBomb, "psu"});
   const Said blamed = Listen();
   EXPECT_EQ(blamed.number, 1U);
   EXPECT_EQ(blamed.text.substr(0, sizeof kBomb - 1), kBomb);
@@ -204,20 +207,15 @@ TEST_F(MatcherProcessTest, PatternThatCannotBeCompiledIsToldAndTheOthersGoOn) {
 }
 
 TEST_F(MatcherProcessTest, EndsWithTheDaemon) {
-  TellSet(1, {"fan"});
-  Start();
+  StartWith(1, {"fan"});
   EXPECT_EQ(PriorityOf(1, "fan\n"), 0);
   shutdown(sock_, SHUT_RDWR);
-  int status = -1;
-  EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
-  EXPECT_EQ(status, 0);
+  ExpectEnd();
 }
 
 TEST_F(MatcherProcessTest, WhatIsNoMessageEndsIt) {
   ASSERT_EQ(send(sock_, "x", 1, 0), 1);
-  int status = -1;
-  EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
-  EXPECT_EQ(status, 0);
+  ExpectEnd();
 }
 
 TEST_F(MatcherProcessTest, FirstMatchIsWhatTheSystemFindsOneByOne) {
