@@ -363,7 +363,8 @@ RELOAD: Table = {
     ("socket", Thread.CONS_CONN): NO_DESCRIPTOR,
     "bind": PORT_LOST,
     "listen": PORT_LOST,
-    "connect": work("ConnectToConsole: connect() failed : {e}"),
+    # The main thread may still post what was printed before, of which a failure is told once only.
+    ("connect", Thread.CONS_CONN): work("ConnectToConsole: connect() failed : {e}"),
     "setsockopt": SILENT,
     "fcntl": SILENT,
     "fchown": NEW_LOG_REFUSED,
@@ -729,6 +730,8 @@ class Injection:
             subject.calls.disarm()
             if any(found is not None and found.after == After.HELP for found in self.findings()):
                 subject.heal()
+            else:
+                subject.until(subject.consoles_are_back, "the consoles to be called again")
             subject.works()
         subject.costly = None
         self.phase.afterwards()

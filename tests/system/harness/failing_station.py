@@ -39,6 +39,10 @@ _COMPLAINT = re.compile(
     r"|has not been opened|Running out|All descriptors|Nobody can|No models|Too many|doesn't map"
     r"|Unknown|zevd is already).*)$", re.MULTILINE)
 
+_READ_FAILED = "ProcessConsoleOutput: recv() returned "
+_HUNG_UP = re.compile(r"CloseConsoleConnection: Closing connection with console (\S+)$",
+                      re.MULTILINE)
+
 
 class Ended(Exception):
     """The daemon has ended."""
@@ -301,6 +305,17 @@ class FailingStation:
             self.attach(name).close()
         self.until(self.users_are_gone, "the users to be gone")
         self.rotate()
+
+    def consoles_are_back(self) -> bool:
+        """True when every console whose output could not be read has been called again.
+
+        Until then it may take a user, who loses the connection with the console.
+        """
+        said = self.said
+        lost = list(_HUNG_UP.finditer(said))
+        return len(lost) >= said.count(_READ_FAILED) and all(
+            f"UpdateConnectionStatus: Connected to {found[1]} (" in said[found.end():]
+            for found in lost)
 
     def settle(self, descriptors: int) -> None:
         """Wait until the daemon has no more descriptors open than that."""
