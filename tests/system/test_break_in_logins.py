@@ -1,6 +1,5 @@
 """Attempts to get in, or to wear the station down, by way of its logins."""
 
-import signal
 import socket
 
 import pytest
@@ -17,6 +16,7 @@ from harness.hall import give
 from harness.helpers import children_of, groups
 from harness.isolation import parent_of
 from harness.peers import OFFERS, User
+from harness.scenes import held_still
 from harness.station import console_line
 from harness.waiting import LIMIT, stretched, wait_until
 
@@ -320,16 +320,9 @@ def test_a_daemon_that_was_stopped_and_goes_on_refuses_nobody(fortress):
     user = station.caller()
     station.wait_log("Entering IsTokenAuthentication", after=position)
     at_the_door = door.call()
-    station.signal(signal.SIGSTOP)
-    wait_until(lambda: _state(station.pid) == "T", what="the daemon to stop")
-    station.signal(signal.SIGCONT)
-    wait_until(lambda: _state(station.pid) != "T", what="the daemon to go on")
+    with held_still(station):
+        pass
     user.send(b"token " + cookie(station) + b" box\n")
     user.expect_exactly(OFFERS)
     log_in(at_the_door, b"root", b"secret")
     at_the_door.expect_exactly(OFFERS + greeting("box"))
-
-
-def _state(pid: int) -> str:
-    with open(f"/proc/{pid}/stat", encoding="latin-1") as status:
-        return status.read().rpartition(")")[2].split()[0]

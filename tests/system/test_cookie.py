@@ -14,7 +14,7 @@ from harness.collectors import Collector
 from harness.cookies import cookie, cookie_file, other_than, tell
 from harness.peers import OFFERS, User
 from harness.scenes import echo_time
-from harness.waiting import LIMIT, free_port, stretched
+from harness.waiting import LIMIT, free_port, stretched, wait_until
 
 PROMPT = b"username: "
 WAIT = 15  # seconds that a client may be silent
@@ -294,7 +294,7 @@ def test_who_leaves_at_once_is_told_of_a_read_error(secured, leave):
     if leave is User.finish_sending:
         refused(user, 8)
     secured.wait_log("ServiceConnectionRequestThreadStart: Exiting thread.", after=found.end)
-    assert secured.threads() <= threads
+    wait_until(lambda: secured.threads() <= threads, what="the thread to end")
 
 
 @pytest.mark.slow

@@ -142,6 +142,7 @@ def test_both_directions_and_the_walk_through_what_came(pair):
 def test_expectations_fail_with_what_came_instead(pair):
     console, plain = pair
     plain.sendall(b"abc")
+    wait_until(lambda: console.received == b"abc", what="all of it")
     with pytest.raises(NotReached, match="unread is b'abc'"):
         console.expect(b"abd", limit=0.1)
     with pytest.raises(AssertionError, match="expected b'abd', got b'abc'"):

@@ -303,7 +303,6 @@ def test_a_helper_that_fails_is_a_failed_try(hall, script):
 
 
 @pytest.mark.slow
-@pytest.mark.slow
 def test_a_helper_that_hangs_is_ended_and_delays_nobody_else(hall):
     with local_user(hall.station, b"box") as neighbour:
         neighbour.expect(OFFERS)

@@ -408,12 +408,14 @@ def _is_zombie(pid: int) -> bool:
 def test_it_ends_when_no_set_needs_it_any_more(station, waker):
     write_events(station, r"a 1 0 (r)\1")
     bring_up(station, watched(station), waker)
+    for name in ("box", "waker"):
+        station.wait_connected(name)
     matcher = matcher_of(station)
     held = station.descriptors()
     write_events(station, "a 1 0 error")
     position = reload(station, waker)
     wait_until(lambda: gone(matcher), what="the matcher to end")
-    assert station.descriptors() == held - 1
+    wait_until(lambda: station.descriptors() == held - 1, what="its socket to be closed")
     assert "Matcher: The matcher has ended" not in station.log_text(position)
 
 

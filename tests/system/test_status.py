@@ -82,13 +82,15 @@ def test_stats_count_what_has_happened(station, box):
     user = station.attach("box")
     refused(station.ask("nobody"), 4)
     user.close()
-    station.wait_log('CleanUpClosedConnections: Closing connection with user "<unknown>"on console '
-                     '"box"')
+    position = station.wait_log(
+        "RemoveUserFromList: Removed user from console's user list for console box.").end
     box.send(b"\n")
+    # When the thread that logs waits for output again, the line has been counted.
+    position = station.wait_log("ProcessConsoleOutput: Received ->", after=position).end
+    station.wait_log("Entering CheckForConsoleOutput", after=position, thread="main")
+    assert len(log_of(station, "box").read_bytes().splitlines()) == 1
     tool = Tool(station)
     tool.command("console")
-    wait_until(lambda: len(log_of(station, "box").read_bytes().splitlines()) == 1,
-               what="the line to be logged")
     told, = tool.objects("stats")
     assert list(told) == STATS_KEYS
     assert is_recent(told["started"])

@@ -778,9 +778,10 @@ def test_a_wrong_password_three_times(hall):
 def restart(station, console, *options: str) -> None:
     """End the daemon and start another one on the same port, with the console connected."""
     station.stop()
+    position = station.mark()
     station.start("-p", str(station.port), *options)
     console.accept()
-    station.wait_connected("box")
+    station.wait_connected("box", after=position)
 
 
 def retrying(person: Terminal, reason: str) -> None:

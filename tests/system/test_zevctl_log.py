@@ -433,6 +433,7 @@ def test_a_signal_ends_it_while_the_output_takes_nothing(station, follow):
 def test_it_follows_into_a_new_directory(station, box, waker, follow):
     client = follow("box")
     logged(station, box, b"old\n")
+    client.wait_texts([b"old\n"])
     print_and_wait(station, box, b"begun")
     age_directory(station)
     rotate(station, waker)
@@ -459,6 +460,7 @@ def test_nothing_is_lost_or_twice_however_often_the_directory_changes(station, f
 def test_it_follows_a_console_that_is_renamed(station, box, waker, follow):
     client = follow("box")
     logged(station, box, b"as box\n")
+    client.wait_texts([b"as box\n"])
     station.write_config(console_line("chest", box.port)
                          + console_line("waker", waker.port, logging=0))
     reload(station)

@@ -93,9 +93,9 @@ def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] 
 def reload(station: Station, config: str | None = None, waker: Peer | None = None) -> Found:
     """Have the configuration read again, replaced by `config` or as the file is.
 
-    Returns when the daemon has matched its ports with it, and needs debug level 3. The daemon
-    looks for the signal when its wait for console output is over: after two seconds, or as soon
-    as `waker`, a console, prints something.
+    Returns when the daemon has matched its ports with it and waits for console output again. Needs
+    debug level 3. The daemon looks for the signal when its wait for output is over: after two
+    seconds, or as soon as `waker`, a console, prints something.
     """
     if config is not None:
         station.write_config(config)
@@ -103,6 +103,9 @@ def reload(station: Station, config: str | None = None, waker: Peer | None = Non
     station.signal(signal.SIGHUP)
     if waker is not None:
         waker.send(b".")
+    # The last file that a reload opens.
+    found = station.wait_log("Entering GetZevdArchIntFromConfFile", after=position, thread="main")
+    station.wait_log("Entering CheckForConsoleOutput", after=found.end, thread="main")
     found = station.wait_log("Entering GetPortsToListenOn", after=position, thread="user_conn")
     return station.wait_log("Entering CheckForConnectionRequests", after=found.end,
                             thread="user_conn")
