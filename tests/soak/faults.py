@@ -12,7 +12,6 @@ from consoles import PORT, Console, address
 from users import Desk, Tool, deaf_tool, log_in, strangers
 from windows import Window, Windows
 
-from harness.collectors import socket_path
 from harness.station import Station, console_line
 from harness.waiting import stretched
 

@@ -26,7 +26,7 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "system"))
 
 from consoles import Console  # noqa: E402  (the harness is found through the line above)
-from faults import FULL_DISK, LOG_ROOM, NO_LOG, Collector, World, socket_path  # noqa: E402
+from faults import FULL_DISK, LOG_ROOM, NO_LOG, Collector, World  # noqa: E402
 from ledger import Counts, Ledger  # noqa: E402
 from log_reader import LogReader  # noqa: E402
 from plan import Step, plan  # noqa: E402
@@ -34,6 +34,7 @@ from users import Desk, Tool, Visit  # noqa: E402
 from windows import Windows  # noqa: E402
 
 from harness import isolation, settings  # noqa: E402
+from harness.collectors import socket_path  # noqa: E402
 from harness.scenes import is_sanitized  # noqa: E402
 from harness.station import Station  # noqa: E402
 from harness.waiting import NotReached, is_listening, stretched  # noqa: E402

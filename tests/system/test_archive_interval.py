@@ -10,7 +10,9 @@ from pathlib import Path
 import pytest
 
 from harness.debuglog import messages
-from harness.logs import ARCHIVING, add_waker, consolidated, set_interval, wait_awake
+# `waker` is a fixture.
+from harness.logs import (ARCHIVING, consolidated, reload_awake, set_interval, wait_awake,
+                          waker)
 from harness.waiting import free_port, wait_until
 
 KEY = "ZEVD_ARCH_INT="
@@ -20,14 +22,6 @@ KEY = "ZEVD_ARCH_INT="
 def suite_file(station):
     """The suite's configuration file, not there yet."""
     return station.config / "qor.conf"
-
-
-@pytest.fixture
-def waker(station):
-    """Spares the test the daemon's pauses."""
-    made = add_waker(station)
-    made.greeting = b"up"
-    return made
 
 
 def never_archives(station, waker) -> None:
@@ -44,9 +38,8 @@ def archives(station, waker) -> None:
 
 def hang_up(station, waker) -> None:
     """Have the files read again, the interval last."""
-    position = station.mark()
-    station.signal(signal.SIGHUP)
-    position = wait_awake(station, waker, "Entering GetZevdArchIntFromConfFile", after=position)
+    position = reload_awake(station, waker)
+    position = station.wait_log("Entering GetZevdArchIntFromConfFile", after=position).end
     wait_awake(station, waker, "Entering LogDirExpired", after=position)
 
 

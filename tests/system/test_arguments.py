@@ -6,23 +6,15 @@ import time
 
 import pytest
 
-from harness.access import (LOOPBACK, bring_up, greeting, pending, refused,
+# `box` is a fixture.
+from harness.access import (LOOPBACK, attachment, box, bring_up, greeting, pending, refused,
                             servicing, terminated_by)
 from harness.peers import OFFERS
+from harness.scenes import removal
 from harness.waiting import free_port, stretched, wait_listening
-
-PRINTED = {"ro": "read-only", "sh": "shared", "ex": "exclusive", "er": "??"}
 
 ARGUMENT_WAIT = 10
 LINE_ROOM = 1023
-
-
-@pytest.fixture
-def box(station):
-    """A console named "box", connected."""
-    console = station.console("box")
-    bring_up(station, console)
-    return console
 
 
 @pytest.fixture
@@ -43,12 +35,6 @@ def say(station, line: bytes):
     caller = station.caller()
     caller.send(line)
     return caller
-
-
-def connected(user: str = "<unknown>", mode: str = "sh", console: str = "box") -> str:
-    """The debug line of a successful attachment."""
-    return (f'ConnectUserToConsole: Connected user "{user}" to console "{console}" '
-            f"with mode = {PRINTED[mode]}.")
 
 
 # Lines that are understood
@@ -85,7 +71,7 @@ def connected(user: str = "<unknown>", mode: str = "sh", console: str = "box") -
 def test_a_line_is_understood(station, box, line, user, address, mode):
     holder = station.attach("box", "er")
     say(station, line).expect_exactly(OFFERS)
-    station.wait_log(connected(user, mode), thread="serv_conn")
+    station.wait_log(attachment(user, mode), thread="serv_conn")
     if mode == "ro":
         station.attach("box", user=user or None)
         holder.expect(b"Your session has been terminated by ")
@@ -104,7 +90,7 @@ def test_a_long_console_name_is_cut(station, name):
     bring_up(station, console)
     user = say(station, name.encode() + b" mode=ro\n")
     user.expect_exactly(OFFERS)
-    station.wait_log(connected(mode="ro", console="n" * 64))
+    station.wait_log(attachment(mode="ro", console="n" * 64))
 
 
 def test_a_name_that_is_one_letter_short_of_the_cut_is_another_name(station):
@@ -256,8 +242,7 @@ def test_half_closed_users_are_attached_and_then_gone(station, box):
     user.finish_sending()
     user.expect_exactly(OFFERS)
     user.expect_closed()
-    station.wait_log('CleanUpClosedConnections: Closing connection with user "ann"on console '
-                     '"box"', thread="user_mon")
+    station.wait_log(removal("ann"), thread="user_mon")
 
 
 def test_the_text_of_one_refusal_does_not_reach_another_caller(station, box):
@@ -285,7 +270,7 @@ def test_a_line_is_read_on_a_mapped_port_and_not_looked_at(station, mapped_box):
     for line in (b"\n", b"nonsense mode=EX user=ann\n", b"token\n", b"other mode=ex addr=1\n"):
         position = station.mark()
         station.mapped(port, line).expect_exactly(OFFERS + greeting("box"))
-        station.wait_log(connected(), after=position)
+        station.wait_log(attachment(), after=position)
     station.mapped(port, b"line\nkeys").expect_exactly(OFFERS + greeting("box"))
     box.expect_exactly(b"keys")
     assert "Received arguments" not in station.log_text()
@@ -321,7 +306,7 @@ def test_the_main_port_sends_no_greeting(station, mapped_box):
     box, _ = mapped_box()
     user = station.ask("box")
     user.expect_exactly(OFFERS)
-    station.wait_log(connected())
+    station.wait_log(attachment())
     box.send(b"first")
     user.expect_exactly(b"first")
 
@@ -394,7 +379,7 @@ def test_with_security_the_cookie_opens_the_main_port(station, mapped_box):
     box, _ = mapped_box("-S", "1")
     user = say(station, b"token " + cookie(station) + b" box user=ann mode=ex\n")
     user.expect_exactly(OFFERS)
-    station.wait_log(connected("ann", "ex"))
+    station.wait_log(attachment("ann", "ex"))
     user.send(b"keys")
     box.expect_exactly(b"keys")
 
@@ -434,7 +419,7 @@ def test_with_security_a_port_that_asks_for_no_login_attaches_at_once(station, m
     box, port = mapped_box("-S", "1", auth=auth)
     user = station.caller(port)
     user.expect_exactly(OFFERS + greeting("box"))
-    station.wait_log(connected())
+    station.wait_log(attachment())
     user.send(b"first line\n")
     box.expect_exactly(b"first line\n")
     found = station.wait_log(servicing(port))

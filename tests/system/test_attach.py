@@ -4,28 +4,13 @@ import threading
 
 import pytest
 
-from harness.access import (ERRORS, banner, bring_up, refused, reload, terminated_by,
-                            user_monitor_frozen)
+# `box` is a fixture.
+from harness.access import (ERRORS, PRINTED_MODES, attachment, banner, box, bring_up, refused,
+                            reload, terminated_by, user_monitor_frozen)
 from harness.consoles import NEGOTIATION
 from harness.peers import OFFERS, User
+from harness.scenes import removal
 from harness.waiting import wait_until
-
-PRINTED = {"ro": "read-only", "sh": "shared", "ex": "exclusive", "er": "??"}
-
-
-@pytest.fixture
-def box(station):
-    """A console named "box", connected."""
-    console = station.console("box")
-    bring_up(station, console)
-    return console
-
-
-def connected(user: str, mode: str, console: str = "box") -> str:
-    """The debug line of a successful attachment."""
-    return (f'ConnectUserToConsole: Connected user "{user}" to console "{console}" '
-            f"with mode = {PRINTED[mode]}.")
-
 
 def sees(console, *users: User) -> None:
     """Every one of the users, next of all, gets what the console prints."""
@@ -96,15 +81,15 @@ def test_a_deleted_console_is_refused_while_a_user_still_refers_to_it(station, b
 # The four modes
 
 
-@pytest.mark.parametrize("mode", PRINTED)
+@pytest.mark.parametrize("mode", PRINTED_MODES)
 def test_a_mode_is_printed_by_its_name(station, box, mode):
     station.ask("box", mode, user="ann").expect_exactly(OFFERS)
-    station.wait_log(connected("ann", mode), thread="serv_conn")
+    station.wait_log(attachment("ann", mode), thread="serv_conn")
 
 
 def test_the_mode_is_shared_when_nothing_is_said(station, box):
     station.ask("box").expect_exactly(OFFERS)
-    station.wait_log(connected("<unknown>", "sh"))
+    station.wait_log(attachment("<unknown>", "sh"))
 
 
 @pytest.mark.parametrize("first, second", [
@@ -140,9 +125,8 @@ def test_the_next_who_does_not_only_read_takes_a_revocable_console_over(station,
     successor = station.attach("box", mode, user="second")
     holder.expect_exactly(terminated_by("second"))
     holder.expect_closed()
-    station.wait_log('CleanUpClosedConnections: Closing connection with user "first"on console '
-                     '"box"', thread="user_mon")
-    station.wait_log(connected("second", mode))
+    station.wait_log(removal("first"), thread="user_mon")
+    station.wait_log(attachment("second", mode))
     sees(box, successor)
     types(box, successor)
 
@@ -194,8 +178,7 @@ def test_the_lock_appears_when_the_reader_at_the_head_leaves(station, box):
     reader = station.attach("box", "ro", user="reader")
     holder = station.attach("box", "ex")
     reader.close()
-    station.wait_log('CleanUpClosedConnections: Closing connection with user "reader"on console '
-                     '"box"')
+    station.wait_log(removal("reader"))
     refused(station.ask("box"), 6)
     sees(box, holder)
 
@@ -204,8 +187,7 @@ def test_a_lock_ends_with_its_holder(station, box):
     holder = station.attach("box", "ex", user="holder")
     refused(station.ask("box"), 6)
     holder.close()
-    station.wait_log('CleanUpClosedConnections: Closing connection with user "holder"on console '
-                     '"box"')
+    station.wait_log(removal("holder"))
     types(box, station.attach("box", "ex"))
 
 
@@ -319,7 +301,7 @@ def test_a_refused_user_is_sent_nothing_of_the_console(station):
 def test_a_user_of_a_real_telnet_client_types_at_once(station, box):
     with station.telnet() as user:
         user.attach("box", "user=ann")
-        station.wait_log(connected("ann", "sh"))
+        station.wait_log(attachment("ann", "sh"))
         assert box.expect(b"\xff\xfd\x01\xff\xfd\x03") == b""
         user.type("k")
         box.expect_exactly(b"k")

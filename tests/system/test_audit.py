@@ -7,14 +7,14 @@ import pytest
 from harness.access import LOOPBACK, bring_up, refused
 from harness.commands import Tool
 from harness.cookies import local_user, tell
-from harness.door import NAME, Door, fail, log_in
+from harness.door import NAME, fail, log_in
+from harness.fortress import open_door
 from harness.hall import Hall, give
 # `groups` and `system_log` are fixtures.
-from harness.helpers import FakeHelper, groups
+from harness.helpers import groups
 from harness.peers import OFFERS
 from harness.scenes import leave
 from harness.system_log import system_log
-from harness.waiting import free_port, wait_listening
 
 pytestmark = pytest.mark.needs_namespace
 
@@ -31,15 +31,10 @@ def open_station(system_log, station):
 def fortress(system_log, groups, station):
     """A station with security on: "box" asks for a login on its own port."""
     groups.write("qoruser:x:64000:alice\n")
-    helper = FakeHelper(station)
-    helper.accept(b"root", b"secret")
-    helper.accept(b"alice", b"pw")
-    helper.accept(b"bob", b"builder")
-    port = free_port()
-    box = station.console("box", mapped_port=port, auth=1)
-    bring_up(station, box, options=("-S", "1"))
-    wait_listening(port)
-    return station, Door(station, helper, box, port), Hall(station, helper, box)
+    door = open_door(station)
+    door.helper.accept(b"alice", b"pw")
+    door.helper.accept(b"bob", b"builder")
+    return station, door, Hall(station, door.helper, door.box)
 
 
 def test_security_that_is_off_is_told_at_the_start(system_log, open_station):

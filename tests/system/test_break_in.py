@@ -11,7 +11,7 @@ from harness.cookies import cookie, cookie_file, other_than, tell
 from harness.door import NAME, PASSWORD, TRY_AGAIN, fail, give_name, give_password, log_in
 # `door`, `fortress` and `hall` are fixtures.
 from harness.fortress import door, fortress, hall
-from harness.hall import LINE, give
+from harness.hall import LINE, fail_every_try, give
 # `groups` is a fixture.
 from harness.helpers import groups
 from harness.peers import OFFERS
@@ -68,11 +68,7 @@ def test_the_cookie_is_worth_nothing_from_elsewhere(fortress, address, claim):
 def test_a_token_line_comes_too_late_once_the_library_has_begun(hall):
     user = hall.call(b"vault")
     right = b"token " + cookie(hall.station) + b" vault"
-    for index in range(3):
-        give(user, right, right)
-        if index < 2:
-            user.expect_exactly(NAME)
-    refused(user, 1)
+    fail_every_try(user, right, right)
     unmoved(hall.station)
 
 
@@ -300,12 +296,7 @@ def test_a_line_of_any_length_does_not_hide_the_name_that_was_proved(groups, hal
 
 
 def test_a_name_in_the_line_does_not_make_a_failed_login_good(hall):
-    user = hall.call(b"box user=root")
-    for index in range(3):
-        give(user, b"alice", b"pw")
-        if index < 2:
-            user.expect_exactly(NAME)
-    refused(user, 1)
+    fail_every_try(hall.call(b"box user=root"), b"alice", b"pw")
     unmoved(hall.station)
 
 

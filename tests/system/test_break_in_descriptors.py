@@ -6,17 +6,17 @@ import socket
 
 import pytest
 
-from harness.access import bring_up
+from harness.access import bring_up, refused
 from harness.cookies import cookie, tell
 from harness.door import NAME
 from harness.hall import give
 from harness.helpers import CRASHING, FakeHelper
 from harness.logs import log_of
 from harness.peers import OFFERS, User
-from harness.scenes import attach_when_accessible, connected
+from harness.scenes import attach_when_accessible, connected, wait_serving_nobody, wrapped
 from harness.waiting import LIMIT, free_port, stretched, wait_until
 
-NO_ROOM = b"013 - Out of memory.\r\n"
+NO_ROOM = 13
 RUNNING_OUT = "AcceptConnectionRequests: Running out of descriptors: "
 STATION_PLACES = 16
 
@@ -36,10 +36,7 @@ def strangers(station):
 
 def limited(station, count: int) -> None:
     """Have the daemon start with so many descriptors at most."""
-    wrapper = station.root / "limited"
-    wrapper.write_text(f'#!/bin/bash\nulimit -n {count}\nexec {station.program} "$@"\n')
-    wrapper.chmod(0o755)
-    station.program = wrapper
+    wrapped(station, f"ulimit -n {count}")
 
 
 def limit_now(station, count: int | None = None) -> None:
@@ -57,16 +54,10 @@ def let_in(call, station, most: int) -> list[User]:
         wait_until(lambda caller=caller: caller.received
                    or station.threads() > rest + len(callers), what="an answer or a thread")
         if caller.received:
-            refused(caller)
+            refused(caller, NO_ROOM)
             return callers
         callers.append(caller)
     raise AssertionError(f"{most} callers were let in")
-
-
-def refused(caller: User) -> None:
-    """There was no room for the caller."""
-    caller.expect_exactly(NO_ROOM)
-    caller.expect_closed()
 
 
 def logged(station, name: str, text: bytes) -> None:
@@ -126,13 +117,14 @@ def test_the_last_sixteen_places_are_for_the_station_itself(station, strangers):
     limited(station, 120)
     station.start("-d", "1")
     connected(station, box, "box")
+    wait_serving_nobody(station)
     assert len(let_in(strangers, station, 120)) > 20
     assert RUNNING_OUT in station.log_text()
-    refused(station.caller(port))
+    refused(station.caller(port), NO_ROOM)
     assert len(let_in(station.caller, station, 120)) == STATION_PLACES
     for _ in range(300):
         with strangers() as caller:
-            refused(caller)
+            refused(caller, NO_ROOM)
     assert station.log_text().count(RUNNING_OUT) == 1
 
 
@@ -161,7 +153,7 @@ def test_without_any_descriptor_callers_are_refused_and_nothing_ends(station, st
     for call in (strangers, station.caller):
         for _ in range(100):
             with call() as caller:
-                refused(caller)
+                refused(caller, NO_ROOM)
     serves(user, box)
     assert station.log_text().count("AcceptConnectionRequests: All descriptors are in use\n") == 1
     limit_now(station)

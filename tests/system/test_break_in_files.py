@@ -18,7 +18,7 @@ from harness.debuglog import messages
 from harness.isolation import children
 from harness.logs import (add_waker, bring_up, consolidated, consolidated_records, current, dated,
                           log_of, read, records, rotate, wait_records)
-from harness.scenes import echo_time, print_and_wait, reload
+from harness.scenes import echo_time, print_and_wait, reload, removal
 from harness.station import Detached, console_line
 from harness.waiting import free_port, wait_until
 
@@ -114,7 +114,7 @@ def serves(station, box) -> None:
     user = station.attach("box", user="ann")
     assert echo_time(user, box, b"k", limit=5) < 5
     user.close()
-    station.wait_log('CleanUpClosedConnections: Closing connection with user "ann"on console "box"')
+    station.wait_log(removal("ann"))
 
 
 @pytest.fixture

@@ -11,7 +11,7 @@ from pathlib import Path
 import pexpect
 import pytest
 
-from harness import settings, zevctl
+from harness import preload, settings, zevctl
 from harness.impostors import NAME_PROMPT, STRANGER, FakeDaemon, Impostor
 from harness.scenes import connected
 from harness.terminals import close_terminal
@@ -263,16 +263,12 @@ def test_a_tunnel_and_a_cookie_exclude_each_other(station):
 @pytest.fixture(scope="session")
 def netless(tmp_path_factory) -> Path:
     """A library that hides from zevctl what it learns by, and holds it still while it connects."""
-    library = tmp_path_factory.mktemp("netless") / "netless.so"
-    subprocess.run(["gcc", "-shared", "-fPIC", "-O1", "-Wall", "-Wextra", "-Werror", "-o", library,
-                    settings.SYSTEM_TESTS / "harness" / "netless.c"], check=True)
-    return library
+    return preload.build("netless", tmp_path_factory.mktemp("netless"))
 
 
 def hiding(library: Path, *what: str) -> dict[str, str]:
     """The environment in which the system does not tell that."""
-    return {"LD_PRELOAD": str(library), **dict.fromkeys(what, "1"),
-            **settings.sanitizer_options("verify_asan_link_order=0")}
+    return preload.environment(library, **dict.fromkeys(what, "1"))
 
 
 # Beside the daemon

@@ -10,12 +10,11 @@ import signal
 import pytest
 
 from harness.debuglog import STAMP, messages
-from harness.scenes import attach_when_accessible
+from harness.scenes import THREADS, attach_when_accessible, wrapped
 from harness.waiting import wait_until
 
 UNSEEN = -2  # the level of a station whose output the harness does not look into
 SOON = 2.0   # seconds in which SIGTERM has to end it
-THREADS = 5  # that live as long as the daemon
 
 LOST = re.compile(rf"^ZEV {STAMP}: (\d+) messages were lost\n", re.MULTILINE)
 HEAD = re.compile(rf"ZEV {STAMP}:")
@@ -69,7 +68,7 @@ def pipe(station):
     path = station.root / "pipe"
     os.mkfifo(path)
     reader = Reader(os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_CLOEXEC), path)
-    write_to(station, f'exec {station.program} "$@" > {path}')
+    wrapped(station, f"exec > {path}")
     yield reader
     reader.close()
 
@@ -79,19 +78,11 @@ def terminal(station):
     """A terminal that the daemon writes its output to, as a shell leaves it."""
     master, slave = pty.openpty()
     reader = Reader(master, os.ttyname(slave))
-    write_to(station, f'exec {station.program} "$@" > {reader.path}')
+    wrapped(station, f"exec > {reader.path}")
     reader.writable = lambda: bool(select.select([], [slave], [], 0)[1])
     yield reader
     reader.close()
     os.close(slave)
-
-
-def write_to(station, command: str) -> None:
-    """Have a shell start the daemon like this."""
-    wrapper = station.root / "diverted"
-    wrapper.write_text(f"#!/bin/bash\n{command}\n")
-    wrapper.chmod(0o755)
-    station.program = wrapper
 
 
 def start(station, level: int) -> None:
@@ -217,7 +208,7 @@ def test_a_reader_who_goes_away_ends_nothing(station, pipe):
 def test_a_reader_who_has_gone_before_the_start_ends_nothing(station):
     path = station.root / "pipe"
     os.mkfifo(path)
-    write_to(station, f"exec 3<>{path} 4>{path} 3<&-\nexec {station.program} \"$@\" >&4 4>&-")
+    wrapped(station, f"exec 3<>{path} 4>{path} 3<&-\nexec >&4 4>&-")
     box = station.console("box")
     start(station, 3)
     works(station, box)

@@ -7,7 +7,8 @@ from concurrent.futures import Future, ThreadPoolExecutor
 
 import pytest
 
-from harness.access import LOOPBACK, banner, bring_up, refused, reload
+# `box` is a fixture.
+from harness.access import LOOPBACK, banner, box, bring_up, refused, reload
 from harness.commands import DONE, ERROR, RECORDS, Tool
 from harness.consoles import refusal
 from harness.logs import log_of, read
@@ -35,14 +36,6 @@ def many(station) -> Station:
     station.start("-d", "2", wait=False)
     wait_listening(station.port, 60)
     return station
-
-
-@pytest.fixture
-def box(station):
-    """A console named "box", connected."""
-    console = station.console("box", mapped_port=0)
-    bring_up(station, console)
-    return console
 
 
 def status_of(tool: Tool, name: str) -> tuple[str, str]:

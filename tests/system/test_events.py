@@ -3,7 +3,6 @@
 import contextlib
 import os
 import re
-import signal
 import socket
 import stat
 import threading
@@ -11,16 +10,16 @@ from datetime import datetime
 
 import pytest
 
-from harness.collectors import Collector, rsyslog, socat
+# `collector` and `waker` are fixtures.
+from harness.collectors import Collector, collector, rsyslog, socat
 from harness.commands import Tool
 from harness.debuglog import messages
-from harness.logs import (ARCHIVING, add_waker, all_records, bring_up, consolidated,
-                          consolidated_records, log_of, read, records, wait_awake, wait_records)
-from harness.scenes import echo_time, print_and_wait, refused
+from harness.logs import (ARCHIVING, all_records, bring_up, consolidated, consolidated_records,
+                          log_of, read, records, reload_awake, wait_records, waker)
+from harness.scenes import NOT_FOUND, echo_time, print_and_wait, refused, removal
 from harness.station import console_line
 from harness.waiting import stretched, wait_until
 
-NOT_FOUND = b"004 - Console not found.\r\n"
 CANNOT_CONNECT = ("ConnectToJix: JixConnCreate() failed : "
                   "Cannot connect to the event manager")
 WITHOUT = "ConnectToJix: Continuing without JIX support."
@@ -30,19 +29,6 @@ LOST = "PostJixEvent: JixEventPost() failed : Connection to the event manager lo
 BUSY = "PostJixEvent: JixEventPost() failed : The event manager does not read"
 
 ANY_ERROR = "any 100 0 error\n"
-
-
-@pytest.fixture
-def collector(station):
-    """An event manager that listens; the test accepts the daemon's connection."""
-    with Collector(station) as made:
-        yield made
-
-
-@pytest.fixture
-def waker(station):
-    """Spares the test the daemon's pauses."""
-    return add_waker(station)
 
 
 def write_events(station, name: str, text: str) -> None:
@@ -71,14 +57,6 @@ def said_by(found: list[dict]) -> list[dict]:
     """Events without host and time."""
     return [{key: value for key, value in entry.items() if key not in ("host", "time")}
             for entry in found]
-
-
-def reload(station, waker) -> int:
-    """Have the files read again; the position from which that shows."""
-    position = station.mark()
-    station.signal(signal.SIGHUP)
-    wait_awake(station, waker, "Entering GetZevdArchIntFromConfFile", after=position)
-    return position
 
 
 def broken_link(station, name: str = "broken") -> list[str]:
@@ -207,8 +185,7 @@ def test_while_somebody_is_attached_nothing_is_matched(station, collector):
         box.send(b"error watched\n")
         user.expect(b"error watched\n")
         user.close()
-        station.wait_log(f'CleanUpClosedConnections: Closing connection with user "user-{mode}"on '
-                         'console "box"')
+        station.wait_log(removal(f"user-{mode}"))
     box.send(b"error unwatched\n")
     assert said_by(collector.accept().wait_events(1)) == [event("box", 100, "error unwatched\n")]
 
@@ -306,7 +283,7 @@ def test_pipes_and_devices_that_a_reload_finds_hold_up_nothing(station, collecto
     endless_entries(station)
     with open(station.events / "a-pipe", "r+b", buffering=0) as writer:
         writer.write(ANY_ERROR.encode())
-        position = reload(station, waker)
+        position = reload_awake(station, waker)
     assert "LoadEventFile() failed" not in station.log_text(position)
     box.send(b"error matched\n")
     assert said_by(collector.accept().wait_events(1)) == [event("box", 100, "error matched\n")]
@@ -322,7 +299,7 @@ def test_a_reload_replaces_the_sets(station, collector, waker):
     write_events(station, "new", "a 2 0 fault\n")
     station.write_config(console_line("box", box.port, events=1, event_file="new")
                          + console_line("waker", waker.port, logging=0))
-    reload(station, waker)
+    reload_awake(station, waker)
     box.send(b"error two\nfault three\n")
     assert said_by(collector.wait_events(2)) == [event("box", 1, "error one\n"),
                                                  event("box", 2, "fault three\n")]
@@ -338,7 +315,7 @@ def test_a_failed_reload_skips_the_configuration_and_leaves_no_sets(station, col
     broken = station.events / "broken"
     other = station.console("other", greeting=b"up\n")
     reported = broken_link(station)
-    position = reload(station, waker)
+    position = reload_awake(station, waker)
     said = messages(station.log_text(position))
     assert in_order([*reported, "ReloadEventFiles: LoadEventFiles() failed.\n",
                      "MonitorConsoleOutput: ReloadEventFiles() failed.\n"], said)
@@ -347,7 +324,7 @@ def test_a_failed_reload_skips_the_configuration_and_leaves_no_sets(station, col
     assert not other.called()
 
     broken.unlink()
-    reload(station, waker)
+    reload_awake(station, waker)
     other.accept()
     box.send(b"error two\n")
     assert said_by(collector.wait_events(3)) == [
@@ -361,7 +338,7 @@ def test_a_reload_without_the_directory_fails(station, collector, waker):
     bring_up(station, box, waker)
     (station.events / "set").unlink()
     station.events.rmdir()
-    position = reload(station, waker)
+    position = reload_awake(station, waker)
     assert in_order(
         [f"LoadEventFiles: opendir( {station.events} ) failed: No such file or directory\n",
          "ReloadEventFiles: LoadEventFiles() failed.\n",
@@ -372,7 +349,7 @@ def test_a_reload_without_the_directory_fails(station, collector, waker):
     print_and_wait(station, box, b"error unmatched\n")
     station.events.mkdir()
     write_events(station, "set", ANY_ERROR)
-    reload(station, waker)
+    reload_awake(station, waker)
     box.send(b"error matched\n")
     assert said_by(collector.wait_events(2))[1:] == [event("box", 100, "error matched\n")]
 
@@ -398,8 +375,7 @@ def test_a_name_with_dashes_is_changed_for_good(station, collector):
     box.send(b"seen")
     user.expect(b"seen")
     user.close()
-    station.wait_log('CleanUpClosedConnections: Closing connection with user "ann"on console '
-                     '"sys_a_1"')
+    station.wait_log(removal("ann", "sys_a_1"))
     # The log that is open stays the one.
     print_and_wait(station, box, b" and on\n")
     wait_records(log_of(station, "sys-a-1"), [b"all is well\n", b"error\n", b"seen and on\n"])
@@ -424,7 +400,7 @@ def test_a_reload_gives_a_changed_name_back(station, collector, waker):
     bring_up(station, box, waker)
     box.send(b"error\n")
     collector.accept().wait_events(1)
-    reload(station, waker)
+    reload_awake(station, waker)
     refused(station, "sys_a_1", NOT_FOUND)
     station.attach("sys-a-1")
 

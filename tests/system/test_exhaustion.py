@@ -4,20 +4,13 @@ import os
 
 import pytest
 
+from harness.access import refused
 from harness.peers import User
-from harness.scenes import connected
+from harness.scenes import box_of, serves, wait_serving_nobody, wrapped
 from harness.waiting import wait_until
 
-NO_ROOM = b"013 - Out of memory.\r\n"
+NO_ROOM = 13
 SEEN_COMING = "AcceptConnectionRequests: Running out of descriptors: "
-
-
-def limited(station, limit: str) -> None:
-    """Have the daemon start under a resource limit of bash's ulimit."""
-    wrapper = station.root / "limited"
-    wrapper.write_text(f'#!/bin/bash\nulimit {limit}\nexec {station.program} "$@"\n')
-    wrapper.chmod(0o755)
-    station.program = wrapper
 
 
 def call_until_refused(station, most: int) -> list[User]:
@@ -28,30 +21,23 @@ def call_until_refused(station, most: int) -> list[User]:
         wait_until(lambda caller=caller: caller.received
                    or station.threads() > len(let_in) + station.rest, what="an answer or a thread")
         if caller.received:
-            caller.expect_exactly(NO_ROOM)
-            caller.expect_closed()
+            refused(caller, NO_ROOM)
             return let_in
         let_in.append(caller)
     raise AssertionError(f"{most} callers were let in")
 
 
-def serves(user, console) -> None:
-    """The user and the console hear each other."""
-    user.send(b"typed")
-    console.expect_exactly(b"typed")
-    console.send(b"printed")
-    user.expect_exactly(b"printed")
+def start_limited(station, limit: str) -> None:
+    """Start the daemon under a limit of bash's ulimit, with one console."""
+    wrapped(station, f"ulimit {limit}")
+    station.box = box_of(station, "-d", "1")
+    station.rest = wait_serving_nobody(station)
 
 
 @pytest.fixture
 def cramped(station):
     """A daemon that may open 120 descriptors, with one console."""
-    box = station.console("box")
-    limited(station, "-n 120")
-    station.start("-d", "1")
-    connected(station, box, "box")
-    station.rest = station.threads()
-    station.box = box
+    start_limited(station, "-n 120")
     return station
 
 
@@ -62,8 +48,7 @@ def test_strangers_are_refused_before_descriptors_run_out(cramped):
     assert SEEN_COMING in cramped.log_text()
     for _ in range(300):
         with cramped.caller() as caller:
-            caller.expect_exactly(NO_ROOM)
-            caller.expect_closed()
+            refused(caller, NO_ROOM)
     assert len(os.listdir(f"/proc/{cramped.pid}/fd")) < 110
     serves(user, cramped.box)
 
@@ -87,17 +72,13 @@ def test_when_strangers_leave_others_are_let_in(cramped):
 
 def test_when_threads_run_out_strangers_are_refused(station):
     """Each thread wants eight megabytes of address space for its stack."""
-    box = station.console("box")
-    limited(station, "-v 500000")
-    station.start("-d", "1")
-    connected(station, box, "box")
-    station.rest = station.threads()
+    start_limited(station, "-v 500000")
     user = station.attach("box")
     let_in = call_until_refused(station, 200)
     assert len(let_in) > 5
     assert "AcceptConnectionRequests: pthread_create() failed : " in station.log_text()
-    serves(user, box)
+    serves(user, station.box)
     for caller in let_in:
         caller.close()
     wait_until(lambda: station.threads() == station.rest, what="the strangers to be gone")
-    serves(station.attach("box"), box)
+    serves(station.attach("box"), station.box)

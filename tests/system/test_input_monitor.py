@@ -4,21 +4,15 @@ import re
 
 import pytest
 
+from harness.access import banner
 from harness.peers import OFFERS, User
-from harness.scenes import (DISABLED, NOT_FOUND, connected, framed, held_still, refused, reload)
+# `box` is a fixture.
+from harness.scenes import (DISABLED, NOT_FOUND, box, connected, held_still, refused, reload,
+                            removal)
 from harness.station import console_line
 from harness.waiting import wait_until
 
-LEFT = 'CleanUpClosedConnections: Closing connection with user "{}"on console "{}"'
 GONE = "DeleteMarkedConsoles: Console {} is being deleted."
-
-
-@pytest.fixture
-def box(station):
-    """The console of a station that has just this one."""
-    made = station.console("box")
-    station.start()
-    return connected(station, made, "box")
 
 
 def remove_all_consoles(station) -> int:
@@ -81,7 +75,7 @@ def test_a_user_who_hangs_up_is_removed_at_once(station, box):
     user.close()
     read = station.wait_log(re.compile(r"^ProcessUserInput: recv\(\) returned 0 : "),
                             after=position, thread="user_mon")
-    left = station.wait_log(LEFT.format("ann", "box"), after=position, thread="user_mon")
+    left = station.wait_log(removal("ann"), after=position, thread="user_mon")
     between = station.log_text(read.end)[:left.end - read.end]
     assert "Entering CheckForUserInput" not in between
 
@@ -91,7 +85,7 @@ def test_the_console_stays_when_its_users_leave(station, box):
         user = station.attach("box", user="ann")
         position = station.mark()
         way(user)
-        station.wait_log(LEFT.format("ann", "box"), after=position)
+        station.wait_log(removal("ann"), after=position)
     user = station.attach("box")
     user.send(b"typed")
     box.expect_exactly(b"typed")
@@ -104,7 +98,7 @@ def test_an_exclusive_user_who_leaves_frees_the_console(station, box):
         holder = station.attach("box", mode="ex", user="ann")
         refused(station, "box", b"006 - Console is locked exclusively.\r\n")
         holder.close()
-        station.wait_log(LEFT.format("ann", "box"), after=position)
+        station.wait_log(removal("ann"), after=position)
 
 
 # What a console waits for before it goes
@@ -122,11 +116,11 @@ def test_users_who_have_left_do_not_keep_their_console(station, box):
     users = [station.attach("box", user=f"u{number}") for number in range(4)]
     for number, way in enumerate((User.close, User.reset, User.finish_sending)):
         way(users[number])
-        station.wait_log(LEFT.format(f"u{number}", "box"), after=position)
+        station.wait_log(removal(f"u{number}"), after=position)
     position = remove_all_consoles(station)
-    users[3].expect_exactly(framed("Console has been deleted."))
+    users[3].expect_exactly(banner("Console has been deleted."))
     users[3].expect_closed()
-    station.wait_log(LEFT.format("u3", "box"), after=position)
+    station.wait_log(removal("u3"), after=position)
     station.wait_log(GONE.format("box"), after=position)
     box.expect_closed()
 
@@ -136,11 +130,11 @@ def test_the_users_of_a_deleted_console_leave_before_it_does(station, box):
     position = remove_all_consoles(station)
     station.wait_log("DeleteMarkedConsoles: Disconnecting users from box.", after=position)
     for user in users:
-        user.expect_exactly(framed("Console has been deleted."))
+        user.expect_exactly(banner("Console has been deleted."))
         user.expect_closed()
     gone = station.wait_log(GONE.format("box"), after=position)
     before = station.log_text(position)[:gone.end - position]
-    assert all(LEFT.format(f"u{number}", "box") in before for number in range(3))
+    assert all(removal(f"u{number}") in before for number in range(3))
 
 
 def test_the_users_of_a_closed_console_do_not_keep_it(station, box):
@@ -161,9 +155,9 @@ def test_the_users_of_a_disabled_console_are_removed_and_do_not_keep_it(station,
     position = station.mark()
     reload(station)
     for number, user in enumerate(users):
-        user.expect_exactly(framed("Console has been disabled."))
+        user.expect_exactly(banner("Console has been disabled."))
         user.expect_closed()
-        station.wait_log(LEFT.format(f"u{number}", "box"), after=position, thread="user_mon")
+        station.wait_log(removal(f"u{number}"), after=position, thread="user_mon")
     station.wait_log("AddConsoleToList: Added console box to i_cons_list.", after=position)
     refused(station, "box", DISABLED)
     position = remove_all_consoles(station)
@@ -173,10 +167,10 @@ def test_the_users_of_a_disabled_console_are_removed_and_do_not_keep_it(station,
 def test_the_users_of_a_revoked_console_do_not_keep_it(station, box):
     holder = station.attach("box", mode="er", user="ann")
     taker = station.attach("box", mode="ex", user="bob", addr="1.2.3.4")
-    holder.expect_exactly(framed("Your session has been terminated by bob@1.2.3.4"))
+    holder.expect_exactly(banner("Your session has been terminated by bob@1.2.3.4"))
     holder.expect_closed()
     position = remove_all_consoles(station)
-    taker.expect_exactly(framed("Console has been deleted."))
+    taker.expect_exactly(banner("Console has been deleted."))
     station.wait_log(GONE.format("box"), after=position)
 
 
@@ -218,7 +212,7 @@ def test_a_failed_send_to_the_console_drops_the_one_who_typed(station):
                 user.send(b"too late")
         for number, user in enumerate(users):
             user.expect_closed()
-            station.wait_log(LEFT.format(f"u{number}", "box"), after=position)
+            station.wait_log(removal(f"u{number}"), after=position)
         connected(station, box, "box", times)
         return any(failed.search(line.partition(">: ")[2])
                    for line in station.log_text(position).splitlines())

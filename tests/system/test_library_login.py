@@ -9,7 +9,7 @@ import pytest
 from harness.access import ERRORS, bring_up, refused
 from harness.cookies import cookie, local_user, tell
 from harness.door import NAME, PASSWORD
-from harness.hall import BYTES, HIDE, LINE, SHOW, TRIES, Hall, fail, give
+from harness.hall import BYTES, HIDE, LINE, SHOW, TRIES, Hall, fail, fail_every_try, give
 # `groups` is a fixture.
 from harness.helpers import CRASHING, FakeHelper, children_of, groups
 from harness.memory import in_memory
@@ -111,11 +111,7 @@ def test_a_name_in_the_line_does_not_count(club):
 
 @pytest.mark.needs_namespace
 def test_a_right_password_of_somebody_else_is_not_enough(club):
-    user = club.call()
-    for _ in range(TRIES - 1):
-        fail(user, b"bob", b"builder")
-    give(user, b"bob", b"builder")
-    refused(user, 1)
+    fail_every_try(club.call(), b"bob", b"builder")
     club.station.wait_log("DoTqAuthValidation: Authentication failed.")
     club.station.wait_log(
         "ServiceConnectionRequestThreadStart: Closing connection with 127.0.0.1.")
@@ -144,11 +140,7 @@ def test_without_the_group_only_root_is_admitted(groups, hall):
 
 
 def test_three_failures_end_the_connection(hall):
-    user = hall.call()
-    for _ in range(TRIES - 1):
-        fail(user)
-    give(user, b"root", b"wrong")
-    refused(user, 1)
+    fail_every_try(hall.call())
     hall.quiet()
 
 
@@ -245,11 +237,7 @@ def test_who_sends_too_much_without_an_answer_is_refused(hall, filling):
 
 
 def test_an_empty_name_is_a_failed_try_without_a_check(hall):
-    user = hall.call()
-    for _ in range(TRIES - 1):
-        fail(user, b"", b"secret")
-    give(user, b"", b"secret")
-    refused(user, 1)
+    fail_every_try(hall.call(), b"", b"secret")
     assert hall.helper.pairs() == []
 
 
@@ -294,11 +282,7 @@ def test_a_helper_that_fails_is_a_failed_try(hall, script):
         hall.helper.path.unlink()
     else:
         hall.helper.replace(script)
-    user = hall.call()
-    for _ in range(TRIES - 1):
-        fail(user, b"root", b"secret")
-    give(user, b"root", b"secret")
-    refused(user, 1)
+    fail_every_try(hall.call(), b"root", b"secret")
     hall.quiet()
 
 

@@ -15,7 +15,8 @@ from harness.clock import ShiftedClock
 from harness.logs import (ARCHIVING, add_waker, age_directory, bring_up, consolidated,
                           consolidated_records, current, dated, log_of, of_console, read, records,
                           set_interval, wait_awake, wait_records)
-from harness.scenes import echo_time, numbered, print_and_wait, reload, wait_reloaded
+from harness.scenes import (disable_and_enable, echo_time, numbered, print_and_wait, removal,
+                            wait_reloaded)
 from harness.station import console_line
 from harness.waiting import wait_until
 
@@ -171,15 +172,6 @@ def test_a_disk_without_room_for_a_new_directory(station, small_disk):
 # Directories that vanish
 
 
-def disable_and_enable(station, box) -> None:
-    """Close the console's connection and its log, and let both be opened again."""
-    station.write_config(console_line("box", box.port, enable=0))
-    reload(station)
-    station.write_config(console_line("box", box.port))
-    reload(station)
-    box.accept()
-
-
 @pytest.mark.parametrize("gone", ["zev.dated", "zev.dated/current/box.log", "."])
 def test_log_files_removed_under_the_daemon_come_back_with_the_next_open(station, gone):
     box = station.console("box")
@@ -218,7 +210,7 @@ def test_a_log_directory_that_is_gone_when_the_directory_expires(station):
     box.send(b"served\n")
     user.expect(b"served\n")
     user.close()
-    station.wait_log('CleanUpClosedConnections: Closing connection with user "ann"on console "box"')
+    station.wait_log(removal("ann"))
     # The interval has passed still: the next pass makes what is missing.
     station.logs.mkdir()
     wait_until(lambda: waker.send(b".") or log_of(station, "box").exists(), what="the log")
@@ -255,8 +247,7 @@ def test_a_clock_that_jumps_back_an_hour(station, tmp_path):
     for caller in (user, late):
         caller.expect(b"watched\n")
         caller.close()
-        station.wait_log(f'CleanUpClosedConnections: Closing connection with user '
-                         f'"{caller.name}"on console "box"', after=position)
+        station.wait_log(removal(caller.name), after=position)
     box.send(b"alone\n")
     lines = [b"ready\n", b"<k>\n", b"watched\n", b"alone\n"]
     wait_records(log_of(station, "box"), lines)

@@ -11,6 +11,7 @@ from harness.access import ERRORS, bring_up, greeting, refused
 from harness.cookies import local_user
 from harness.door import (NAME, PASSWORD, TRY_AGAIN, Door, fail, give_name, give_password, log_in,
                           welcome)
+from harness.fortress import open_door
 # `groups` is a fixture.
 from harness.helpers import CRASHING, KEEPING, FakeHelper, groups
 from harness.memory import in_memory
@@ -26,13 +27,7 @@ SERVE = "ServiceConnectionRequestThreadStart"
 @pytest.fixture
 def door(station):
     """A station with security on; root's password is "secret"."""
-    helper = FakeHelper(station)
-    helper.accept(b"root", b"secret")
-    port = free_port()
-    box = station.console("box", mapped_port=port, auth=1)
-    bring_up(station, box, options=("-S", "1"))
-    wait_listening(port)
-    return Door(station, helper, box, port).note_rest()
+    return open_door(station)
 
 
 @pytest.fixture

@@ -10,11 +10,10 @@ import pytest
 
 from harness.logs import (bring_up, consolidated, consolidated_records, current, dated, difference,
                           empty_logs, log_of, of_console, read, records, wait_records)
-from harness.scenes import leave, numbered, print_and_wait, reload
+from harness.scenes import (disable_and_enable, leave, numbered, print_and_wait, reload,
+                            removal)
 from harness.station import console_line
 from harness.waiting import wait_until
-
-LEFT = 'CleanUpClosedConnections: Closing connection with user "{}"on console "{}"'
 
 
 @pytest.fixture
@@ -116,12 +115,8 @@ def test_closing_writes_what_was_begun_and_then_an_empty_record(station, box):
 
 def test_a_console_that_comes_back_goes_on_in_its_log(station, box):
     print_and_wait(station, box, b"before\n")
-    station.write_config(console_line("box", box.port, enable=0))
-    reload(station)
-    station.write_config(console_line("box", box.port))
     box.greeting = b"after\n"
-    reload(station)
-    box.accept()
+    disable_and_enable(station, box)
     wait_records(log_of(station, "box"), [b"before\n", b"after\n"])
 
 
@@ -156,7 +151,7 @@ def test_a_console_that_is_taken_over_is_logged_again(station, box):
     second = station.attach("box", mode="sh", user="second")
     first.expect(b"Your session has been terminated by second@")
     # Until the first one's record has gone he still counts as attached.
-    station.wait_log(LEFT.format("first", "box"))
+    station.wait_log(removal("first"))
     box.send(b"logged\n")
     second.expect(b"logged\n")
     wait_records(log_of(station, "box"), [b"logged\n"])

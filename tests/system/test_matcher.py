@@ -9,33 +9,21 @@ from pathlib import Path
 
 import pytest
 
-from harness.collectors import Collector
+# `collector` and `waker` are fixtures.
+from harness.collectors import collector
+from harness.consoles import FakeConsole
 from harness.debuglog import messages
 from harness.helpers import children_of
-from harness.logs import add_waker, bring_up, log_of, wait_awake, wait_records
-from harness.peers import OFFERS
-from harness.scenes import refused
+from harness.logs import bring_up, log_of, reload_awake, wait_records, waker
+from harness.peers import User
+from harness.scenes import NOT_FOUND, attach_when_accessible, echo_time, refused
 from harness.station import Station, console_line
-from harness.waiting import stretched, wait_until
+from harness.waiting import LIMIT, stretched, wait_until
 
 ENDLESS = r"(a*)*\1b"  # takes minutes for a line of 1 KB
 DEEP = r"(x|)(\1\1|t1)+"  # takes all of the stack for any line
 LONG_LINE = b"a" * 1000 + b"\n"
 BOMB = "((a{1,255}){1,255}){1,255}"
-NOT_FOUND = b"004 - Console not found.\r\n"
-
-
-@pytest.fixture
-def collector(station):
-    """An event manager that listens; the test accepts the daemon's connection."""
-    with Collector(station) as made:
-        yield made
-
-
-@pytest.fixture
-def waker(station):
-    """Spares the test the daemon's pauses."""
-    return add_waker(station)
 
 
 def write_events(station: Station, *lines: str, name: str = "set") -> None:
@@ -83,31 +71,29 @@ def left_out(pattern: str, what: str) -> str:
 TOO_LONG = "took too long on a line"
 
 
-def reload(station: Station, waker) -> int:
-    """Have the files read again; the position from which that shows."""
-    position = station.mark()
-    station.signal(signal.SIGHUP)
-    wait_awake(station, waker, "Entering GetZevdArchIntFromConfFile", after=position)
-    return position
+def matching(station: Station, *patterns: str, name: str = "box",
+             beside: tuple[FakeConsole, ...] = (), level: int = 0) -> FakeConsole:
+    """Bring up a console whose output is matched against these patterns, and others beside it."""
+    write_events(station, *patterns)
+    box = watched(station, name)
+    bring_up(station, box, *beside, options=("-d", str(level)))
+    return box
 
 
-def echo(user, box) -> float:
-    """A key goes to the console and comes back; how long that takes, in seconds."""
-    begun = time.monotonic()
-    user.send(b"k")
-    box.expect(b"k")
-    box.send(b"k")
-    user.expect(b"k")
-    return time.monotonic() - begun
+def matching_beside_a_user(station: Station, *patterns: str, level: int = 0
+                           ) -> tuple[FakeConsole, FakeConsole, User]:
+    """The same with another console, which is not matched, and its user."""
+    other = station.console("other", logging=0)
+    box = matching(station, *patterns, level=level)
+    other.accept()
+    return box, other, attach_when_accessible(station, "other")
 
 
 # What works
 
 
 def test_a_pattern_that_refers_back_makes_its_event(station, collector):
-    write_events(station, r"twice 42 1 (ab+)\1", "plain 7 0 error")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "1"))
+    box = matching(station, r"twice 42 1 (ab+)\1", "plain 7 0 error", level=1)
     box.send(b"no ab abb\nan abbabb here\r\nAn ERROR\n")
     assert said_by(collector.accept().wait_events(2)) == [
         event("box", 42, "an abbabb here\n"), event("box", 7, "An ERROR\n")]
@@ -127,16 +113,13 @@ def test_a_pattern_that_refers_back_makes_its_event(station, collector):
     ([r"c 5 0 (x)\1", "b 2 0 err(", "a 1 0 error"], 1),
 ])
 def test_the_first_pattern_in_file_order_decides_there_too(station, collector, patterns, priority):
-    write_events(station, *patterns)
-    box = watched(station)
-    bring_up(station, box, options=("-d", "1"))
+    box = matching(station, *patterns, level=1)
     box.send(b"an error\n")
     assert said_by(collector.accept().wait_events(1)) == [event("box", priority, "an error\n")]
 
 
 def test_an_expression_that_is_wrong_is_reported_with_its_reason(station):
-    write_events(station, r"a 1 0 (r)\1", "b 2 0 err(", r"c 3 0 (x)\2")
-    bring_up(station, watched(station), options=("-d", "0"))
+    matching(station, r"a 1 0 (r)\1", "b 2 0 err(", r"c 3 0 (x)\2")
     station.wait_log("ParseRegExFile: regcomp() failed for pattern err( : Unmatched ( or \\(")
     station.wait_log("ParseRegExFile: regcomp() failed for pattern (x)\\2 : "
                      "Invalid back reference")
@@ -144,9 +127,7 @@ def test_an_expression_that_is_wrong_is_reported_with_its_reason(station):
 
 def test_an_answer_does_not_wait_for_the_next_output(station, collector):
     """The daemon's waits last up to two seconds; twenty answers would take half a minute."""
-    write_events(station, r"a 1 0 (r)\1")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "1"))
+    box = matching(station, r"a 1 0 (r)\1", level=1)
     box.send(b"error\n")
     collector.accept().wait_events(1)
     begun = time.monotonic()
@@ -171,15 +152,12 @@ def test_other_sets_are_matched_in_the_daemon_as_ever(station, collector):
 
 
 def test_a_station_without_such_patterns_has_no_matcher(station):
-    write_events(station, r"a 1 0 ([0-9]{1,3}\.){3}[0-9]{1,3}", "b 2 0 [\\1]", r"c 3 0 \\1")
-    bring_up(station, watched(station))
+    matching(station, r"a 1 0 ([0-9]{1,3}\.){3}[0-9]{1,3}", "b 2 0 [\\1]", r"c 3 0 \\1", level=3)
     assert children_of(station.pid) == set()
 
 
 def test_what_somebody_watches_is_not_matched_there_either(station, collector):
-    write_events(station, r"a 1 0 (r)\1")
-    box = watched(station)
-    bring_up(station, box)
+    box = matching(station, r"a 1 0 (r)\1", level=3)
     station.wait_connected("box")
     user = station.attach("box")
     box.send(b"error watched\n")
@@ -193,9 +171,7 @@ def test_what_somebody_watches_is_not_matched_there_either(station, collector):
 
 
 def test_a_name_with_dashes_is_changed_by_its_event(station, collector):
-    write_events(station, r"a 1 0 (r)\1")
-    box = watched(station, "sys-a-1")
-    bring_up(station, box)
+    box = matching(station, r"a 1 0 (r)\1", name="sys-a-1", level=3)
     box.send(b"error\n")
     found = collector.accept().wait_events(1)
     assert said_by(found) == [event("sys_a_1", 1, "error\n")]
@@ -206,15 +182,13 @@ def test_a_name_with_dashes_is_changed_by_its_event(station, collector):
 
 def test_an_event_outlives_its_console(station, collector, waker):
     """The console is gone when the answer comes; the event has its name."""
-    write_events(station, r"a 1 0 (r)\1")
-    box = watched(station, "sys-a-1")
-    bring_up(station, box, waker)
+    box = matching(station, r"a 1 0 (r)\1", name="sys-a-1", beside=(waker,), level=3)
     matcher = matcher_of(station)
     os.kill(matcher, signal.SIGSTOP)
     box.send(b"error\n")
     wait_records(log_of(station, "sys-a-1"), [b"error\n"])
     station.write_config(console_line("waker", waker.port, logging=0))
-    reload(station, waker)
+    reload_awake(station, waker)
     box.expect_closed()
     os.kill(matcher, signal.SIGCONT)
     assert said_by(collector.accept().wait_events(1)) == [event("sys_a_1", 1, "error\n")]
@@ -225,14 +199,10 @@ def test_an_event_outlives_its_console(station, collector, waker):
 
 def test_an_endless_pattern_costs_itself_and_one_line(station, collector):
     """Everybody else's keys come back meanwhile; the set's other patterns go on."""
-    write_events(station, f"a 1 0 {ENDLESS}", r"b 2 0 (er)\1", "c 3 0 error")
-    box, other = watched(station), station.console("other", logging=0)
-    bring_up(station, box, options=("-d", "1"))
-    other.accept()
-    user = station.ask("other")
-    user.expect(OFFERS)
+    box, other, user = matching_beside_a_user(
+        station, f"a 1 0 {ENDLESS}", r"b 2 0 (er)\1", "c 3 0 error", level=1)
     box.send(LONG_LINE + b"an error\nan erer\n")
-    slowest = max(echo(user, other) for _ in range(50))
+    slowest = max(echo_time(user, other, b"k", limit=LIMIT) for _ in range(50))
     station.wait_log(left_out(ENDLESS, TOO_LONG))
     assert said_by(collector.accept().wait_events(2)) == [event("box", 3, "an error\n"),
                                                          event("box", 2, "an erer\n")]
@@ -243,9 +213,7 @@ def test_an_endless_pattern_costs_itself_and_one_line(station, collector):
 
 
 def test_a_pattern_that_takes_the_stack_costs_itself_alone(station, collector):
-    write_events(station, f"a 1 0 {DEEP}", "c 3 0 error")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "0"))
+    box = matching(station, f"a 1 0 {DEEP}", "c 3 0 error")
     box.send(b"error one\nerror two\n")
     station.wait_log(left_out(DEEP, "could not be matched with a line (signal 11)"))
     assert said_by(collector.accept().wait_events(2)) == [event("box", 3, "error one\n"),
@@ -253,22 +221,18 @@ def test_a_pattern_that_takes_the_stack_costs_itself_alone(station, collector):
 
 
 def test_a_reload_gives_a_pattern_that_was_left_out_another_chance(station, collector, waker):
-    write_events(station, f"a 1 0 {ENDLESS}", "c 3 0 error")
-    box = watched(station)
-    bring_up(station, box, waker)
+    box = matching(station, f"a 1 0 {ENDLESS}", "c 3 0 error", beside=(waker,), level=3)
     for _ in range(2):
         position = station.mark()
         box.send(LONG_LINE)
         station.wait_log(left_out(ENDLESS, TOO_LONG), after=position)
-        reload(station, waker)
+        reload_awake(station, waker)
     box.send(b"aab\n")
     assert said_by(collector.accept().wait_events(1)) == [event("box", 1, "aab\n")]
 
 
 def test_patterns_that_cannot_be_compiled_cost_themselves_alone(station, collector):
-    write_events(station, f"a 1 0 {BOMB}", r"b 2 0 (r)\1", f"c 3 0 x{BOMB}")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "0"))
+    box = matching(station, f"a 1 0 {BOMB}", r"b 2 0 (r)\1", f"c 3 0 x{BOMB}")
     for pattern in (BOMB, f"x{BOMB}"):
         station.wait_log(re.compile(
             f"^(ParseRegExFile: regcomp\\(\\) failed for pattern {re.escape(pattern)} : "
@@ -279,9 +243,7 @@ def test_patterns_that_cannot_be_compiled_cost_themselves_alone(station, collect
 
 
 def test_a_pattern_left_out_stays_so_for_the_next_matcher(station, collector):
-    write_events(station, f"a 1 0 {ENDLESS}", "c 3 0 error")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "0"))
+    box = matching(station, f"a 1 0 {ENDLESS}", "c 3 0 error")
     box.send(LONG_LINE)
     station.wait_log(left_out(ENDLESS, TOO_LONG))
     os.kill(matcher_of(station), signal.SIGKILL)
@@ -295,9 +257,7 @@ def test_a_pattern_left_out_stays_so_for_the_next_matcher(station, collector):
 
 
 def test_lines_beyond_the_queue_are_counted(station, collector):
-    write_events(station, r"a 1 0 (last)\1")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "0"))
+    box = matching(station, r"a 1 0 (last)\1")
     matcher = matcher_of(station)
     os.kill(matcher, signal.SIGSTOP)
     line = b"x" * 999 + b"\n"
@@ -319,17 +279,12 @@ def test_lines_beyond_the_queue_are_counted(station, collector):
 
 def test_the_station_goes_on_while_nobody_matches(station):
     """Megabytes for a matcher that stands still: users and logs notice nothing."""
-    write_events(station, r"a 1 0 (r)\1")
-    box, other = watched(station), station.console("other", logging=0)
-    bring_up(station, box, options=("-d", "0"))
-    other.accept()
-    user = station.ask("other")
-    user.expect(OFFERS)
+    box, other, user = matching_beside_a_user(station, r"a 1 0 (r)\1")
     matcher = matcher_of(station)
     os.kill(matcher, signal.SIGSTOP)
     for _ in range(30):
         box.send(b"error " * 10000 + b"\n")
-        assert echo(user, other) < stretched(2)
+        assert echo_time(user, other, b"k", limit=LIMIT) < stretched(2)
     os.kill(matcher, signal.SIGKILL)
 
 
@@ -337,9 +292,7 @@ def test_the_station_goes_on_while_nobody_matches(station):
 
 
 def test_a_matcher_that_was_killed_is_replaced(station, collector):
-    write_events(station, r"a 1 0 (r)\1")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "0"))
+    box = matching(station, r"a 1 0 (r)\1")
     before = matcher_of(station)
     os.kill(before, signal.SIGKILL)
     station.wait_log("Matcher: The matcher has ended (signal 9) and is started again.")
@@ -351,9 +304,7 @@ def test_a_matcher_that_was_killed_is_replaced(station, collector):
 
 def test_lines_that_wait_outlive_the_matcher(station, collector):
     """All but the one that it was at, which may have been the reason for its end."""
-    write_events(station, r"a 1 0 (r)\1")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "0"))
+    box = matching(station, r"a 1 0 (r)\1")
     lines = [b"error %d\n" % number for number in range(4)]
     box.send(lines[0])
     collector.accept().wait_events(1)
@@ -367,9 +318,7 @@ def test_lines_that_wait_outlive_the_matcher(station, collector):
 
 
 def test_a_worker_that_was_killed_is_replaced_without_a_word(station, collector):
-    write_events(station, r"a 1 0 (r)\1")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "0"))
+    box = matching(station, r"a 1 0 (r)\1")
     matcher = matcher_of(station)
     worker = worker_of(matcher)
     os.kill(worker, signal.SIGKILL)
@@ -382,9 +331,7 @@ def test_a_worker_that_was_killed_is_replaced_without_a_word(station, collector)
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL])
 def test_nothing_of_it_outlives_the_daemon(station, number):
-    write_events(station, f"a 1 0 {ENDLESS}")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "0"))
+    box = matching(station, f"a 1 0 {ENDLESS}")
     matcher = matcher_of(station)
     worker = worker_of(matcher)
     box.send(LONG_LINE)
@@ -406,35 +353,30 @@ def _is_zombie(pid: int) -> bool:
 
 
 def test_it_ends_when_no_set_needs_it_any_more(station, waker):
-    write_events(station, r"a 1 0 (r)\1")
-    bring_up(station, watched(station), waker)
+    matching(station, r"a 1 0 (r)\1", beside=(waker,), level=3)
     for name in ("box", "waker"):
         station.wait_connected(name)
     matcher = matcher_of(station)
     held = station.descriptors()
     write_events(station, "a 1 0 error")
-    position = reload(station, waker)
+    position = reload_awake(station, waker)
     wait_until(lambda: gone(matcher), what="the matcher to end")
     wait_until(lambda: station.descriptors() == held - 1, what="its socket to be closed")
     assert "Matcher: The matcher has ended" not in station.log_text(position)
 
 
 def test_it_comes_when_a_reload_brings_a_set_that_needs_it(station, collector, waker):
-    write_events(station, "a 1 0 error")
-    box = watched(station)
-    bring_up(station, box, waker)
+    box = matching(station, "a 1 0 error", beside=(waker,), level=3)
     assert children_of(station.pid) == set()
     write_events(station, r"a 2 0 (r)\1")
-    reload(station, waker)
+    reload_awake(station, waker)
     box.send(b"error\n")
     assert said_by(collector.accept().wait_events(1)) == [event("box", 2, "error\n")]
 
 
 def test_it_has_nothing_but_its_socket(station):
     """No console, no log, no cookie; no signal held back, no right, no environment."""
-    write_events(station, r"a 1 0 (r)\1")
-    box = watched(station)
-    bring_up(station, box, options=("-d", "0"))
+    matching(station, r"a 1 0 (r)\1")
     matcher = matcher_of(station)
     worker = worker_of(matcher)
     assert _descriptors(matcher) == [0, 1, 2, 3, 4]
@@ -461,14 +403,12 @@ def _descriptors(pid: int) -> list[int]:
 
 
 def test_a_hangup_for_all_of_the_name_does_not_end_it(station, collector, waker):
-    write_events(station, r"a 1 0 (r)\1")
-    box = watched(station)
-    bring_up(station, box, waker)
+    box = matching(station, r"a 1 0 (r)\1", beside=(waker,), level=3)
     matcher = matcher_of(station)
     worker = worker_of(matcher)
     for pid in (matcher, worker):
         os.kill(pid, signal.SIGHUP)
-    reload(station, waker)
+    reload_awake(station, waker)
     box.send(b"error\n")
     assert said_by(collector.accept().wait_events(1)) == [event("box", 1, "error\n")]
     assert matcher_of(station) == matcher

@@ -5,10 +5,10 @@ import signal
 
 import pytest
 
-from harness.access import user_monitor_frozen
+from harness.access import banner, user_monitor_frozen
 from harness.peers import OFFERS
-from harness.scenes import (DISABLED, connected, framed, held_still, leave, numbered,
-                            print_and_wait, refused, reload, wait_reloaded)
+from harness.scenes import (DISABLED, box_of, connected, held_still, leave, numbered,
+                            print_and_wait, refused, reload, removal, wait_reloaded)
 from harness.station import console_line
 from harness.waiting import wait_until
 
@@ -31,13 +31,6 @@ SHOWN = [
     b"~net-i-TIME Timed out, disconnecting...\r\n",
     b"~NET-I-\0Timed out, disconnecting...\r\n",
 ]
-
-
-def box_of(station, *options: str, **fields):
-    """A station of one console, connected."""
-    box = station.console("box", **fields)
-    station.start(*options)
-    return connected(station, box, "box")
 
 
 def replayed(station, box) -> bytes:
@@ -254,7 +247,7 @@ def test_messages_to_users_are_told_with_names_and_addresses(station):
     user = station.attach("box", user="ann", addr="1.2.3.4")
     station.write_config(console_line("box", box.port, enable=0))
     reload(station)
-    user.expect_exactly(framed("Console has been disabled."))
+    user.expect_exactly(banner("Console has been disabled."))
     station.wait_log(re.compile("^SendMsgToUsers: The following message was sent to "
                                 f'"ann@1.2.3.4": {chr(7) * 5}'), thread="main")
 
@@ -262,7 +255,6 @@ def test_messages_to_users_are_told_with_names_and_addresses(station):
 # Users who do not take what they are sent
 
 SEND_FAILED = 'SendConsoleOutputToUsers: send() from console "box" failed : {}'
-LEFT = 'CleanUpClosedConnections: Closing connection with user "{}"on console "box"'
 
 
 def test_a_user_who_takes_nothing_is_dropped_and_the_others_miss_nothing(station):
@@ -274,7 +266,7 @@ def test_a_user_who_takes_nothing_is_dropped_and_the_others_miss_nothing(station
     text = numbered(50000)
     flood = box.flood(text, 1)
     station.wait_log(SEND_FAILED.format("Resource temporarily unavailable"), thread="main")
-    station.wait_log(LEFT.format("stalled"))
+    station.wait_log(removal("stalled"))
     for user in (before, after):
         user.expect_exactly(text, limit=30)
     flood.join()
@@ -298,7 +290,7 @@ def test_a_failed_send_costs_the_users_behind_their_connections_too(station):
         station.wait_log(failed, after=position)
         station.wait_log(SEND_FAILED.format("Bad address"), count=2, after=position)
     for number, user in enumerate(users):
-        station.wait_log(LEFT.format(f"u{number}"), after=position)
+        station.wait_log(removal(f"u{number}"), after=position)
         assert user.received == OFFERS
     box.send(b"and more")
     stays.expect_exactly(b"and more")

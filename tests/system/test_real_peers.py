@@ -1,16 +1,19 @@
 """Real programs at both ends: a shell on a terminal, a telnet server, the telnet client."""
 
+import contextlib
 import re
+from collections.abc import Iterator
 
 import pytest
 
 from harness.consoles import ShellConsole, TelnetServerConsole
 from harness.peers import OFFERS, User
+from harness.scenes import removal
+from harness.telnet import TelnetUser
 from harness.waiting import free_port, wait_listening, wait_until
 
 # The last of what a client answers: that the other end shall suppress go-ahead, or its window.
 ANSWER = re.compile(r">: ProcessUserInput: Received ->[^\n]*\xff(\xfd\x03|\xfb\x1f)")
-LEFT = 'CleanUpClosedConnections: Closing connection with user "{}"on console "{}"'
 
 
 @pytest.fixture
@@ -47,6 +50,14 @@ def sit_down(station, person, line: str) -> None:
     person.expect("# ")
 
 
+@contextlib.contextmanager
+def seated(station, line: str, port: int | None = None) -> Iterator[TelnetUser]:
+    """A person with a telnet client who has sat down at a console."""
+    with station.telnet(port) as person:
+        sit_down(station, person, line)
+        yield person
+
+
 def type_command(user, number: int) -> None:
     """Type a command and see its answer, which is not in what was typed."""
     user.type(f"echo the answer is $((6 * {number}))\r")
@@ -64,8 +75,7 @@ def negotiation_of(server: TelnetServerConsole) -> bytes:
 
 @pytest.mark.usefixtures("shell")
 def test_a_person_with_a_telnet_client_uses_a_shell(station):
-    with station.telnet() as person:
-        sit_down(station, person, "shell user=ann")
+    with seated(station, "shell user=ann") as person:
         type_command(person, 7)
         person.type("tty\r")
         person.expect(re.compile(rb"/dev/pts/\d+"))
@@ -74,8 +84,7 @@ def test_a_person_with_a_telnet_client_uses_a_shell(station):
 
 def test_a_person_comes_through_a_mapped_port(station, shell):
     wait_listening(shell.mapped_port)
-    with station.telnet(shell.mapped_port) as person:
-        sit_down(station, person, "")
+    with seated(station, "", shell.mapped_port) as person:
         type_command(person, 7)
 
 
@@ -99,8 +108,7 @@ def test_two_persons_share_a_shell(station):
 
 @pytest.mark.usefixtures("shell")
 def test_a_person_interrupts_a_command(station):
-    with station.telnet() as person:
-        sit_down(station, person, "shell")
+    with seated(station, "shell") as person:
         type_command(person, 7)
         person.type("sleep 1000\r")
         person.expect("sleep 1000\r\n")
@@ -110,31 +118,27 @@ def test_a_person_interrupts_a_command(station):
 
 @pytest.mark.usefixtures("shell")
 def test_a_person_leaves_and_finds_the_shell_as_it_was(station):
-    with station.telnet() as person:
-        sit_down(station, person, "shell user=ann")
+    with seated(station, "shell user=ann") as person:
         type_command(person, 7)
         person.type("memory=kept\r")
         person.type("\x1d")
         person.expect("telnet> ")
         person.type("quit\r")
         person.expect("Connection closed.")
-        station.wait_log(LEFT.format("ann", "shell"))
-    with station.telnet() as person:
-        sit_down(station, person, "shell")
+        station.wait_log(removal("ann", "shell"))
+    with seated(station, "shell") as person:
         person.type("echo it is $memory\r")
         person.expect("it is kept\r\n")
 
 
 @pytest.mark.usefixtures("shell")
 def test_when_the_shell_ends_its_users_are_closed_and_a_new_one_is_there(station):
-    with station.telnet() as person:
-        sit_down(station, person, "shell")
+    with seated(station, "shell") as person:
         type_command(person, 7)
         person.type("exit\r")
         person.expect_closed()
     station.wait_log("AddConsoleToList: Added console shell to a_cons_list.", count=2)
-    with station.telnet() as person:
-        sit_down(station, person, "shell")
+    with seated(station, "shell") as person:
         type_command(person, 8)
 
 
@@ -150,20 +154,17 @@ def test_the_negotiation_of_a_telnet_server_is_played_to_every_user(station, ser
 
 
 def test_a_person_uses_a_telnet_server(station, server):
-    with station.telnet() as person:
-        sit_down(station, person, "server")
+    with seated(station, "server") as person:
         type_command(person, 7)
         type_command(person, 8)
 
 
 def test_a_telnet_server_called_again_negotiates_again(station, server):
     negotiation = negotiation_of(server)
-    with station.telnet() as person:
-        sit_down(station, person, "server")
+    with seated(station, "server") as person:
         person.type("exit\r")
         person.expect_closed()
     station.wait_log("AddConsoleToList: Added console server to a_cons_list.", count=2)
     station.ask("server", mode="ro").expect_exactly(negotiation + OFFERS)
-    with station.telnet() as person:
-        sit_down(station, person, "server")
+    with seated(station, "server") as person:
         type_command(person, 8)

@@ -7,19 +7,12 @@ import pytest
 
 from harness.consoles import NEGOTIATION
 from harness.peers import OFFERS, User
-from harness.scenes import (Usage, assert_flat, attach_when_accessible, connected, echo_time,
-                            held_still, leave, numbered, print_and_wait, reload)
+from harness.scenes import (Usage, assert_flat, attach_when_accessible, box_of, connected,
+                            echo_time, held_still, leave, numbered, print_and_wait, reload)
 from harness.waiting import free_port, stretched, wait_listening, wait_until
 
 EVERY_BYTE = bytes(range(256))
 KEYS = [b"%d!" % number for number in range(100, 150)]
-
-
-def box_of(station, *options: str, **fields):
-    """A station of one console, connected."""
-    box = station.console("box", **fields)
-    station.start(*options)
-    return connected(station, box, "box")
 
 
 # Both directions

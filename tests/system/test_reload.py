@@ -5,16 +5,17 @@ import signal
 
 import pytest
 
-from harness.access import user_monitor_frozen
+from harness.access import banner, user_monitor_frozen
 from harness.debuglog import messages
-from harness.peers import User
 from harness.logs import log_of, records
-from harness.scenes import (DISABLED, NOT_FOUND, Usage, assert_flat, connected, framed, numbered,
-                            refused, reload, wait_reloaded)
+from harness.peers import User
+# `box` is a fixture.
+from harness.scenes import (DISABLED, NOT_FOUND, Usage, assert_flat, box, connected, numbered,
+                            refused, reload, serves, wait_reloaded)
 from harness.station import console_line
 from harness.waiting import free_port, is_listening, wait_listening, wait_until
 
-DELETED = framed("Console has been deleted.")
+DELETED = banner("Console has been deleted.")
 GONE = "DeleteMarkedConsoles: Console {} is being deleted."
 SERVICE = "ServiceConnectionRequestThreadStart"
 
@@ -27,28 +28,12 @@ STEP = re.compile(r"^ZEV \S+:<main>: (?:Entering (\w+)|MonitorConsoleOutput: (Aq
                   r"(?:write )?lock (\w+))$", re.MULTILINE)
 
 
-@pytest.fixture
-def box(station):
-    """The console of a station that has just this one."""
-    made = station.console("box")
-    station.start()
-    return connected(station, made, "box")
-
-
 def configure(station, *lines: str) -> int:
     """Make these lines the configuration; the position from which the change shows."""
     station.write_config("".join(lines))
     position = station.mark()
     reload(station)
     return position
-
-
-def serves(user, console) -> None:
-    """The user and the console hear each other."""
-    user.send(b"typed")
-    console.expect_exactly(b"typed")
-    console.send(b"printed")
-    user.expect_exactly(b"printed")
 
 
 def listing(name: str, console, mapped_port: int = 0, logging: int = 1, events: int = 0,
@@ -263,7 +248,7 @@ def test_another_address_makes_another_console(station, box):
 def test_disabling_and_enabling(station, box):
     user = station.attach("box")
     position = configure(station, console_line("box", box.port, enable=0))
-    user.expect_exactly(framed("Console has been disabled."))
+    user.expect_exactly(banner("Console has been disabled."))
     user.expect_closed()
     box.expect_closed()
     station.wait_log("AddConsoleToList: Added console box to i_cons_list.", after=position)

@@ -13,29 +13,14 @@ from pathlib import Path
 import pytest
 
 from harness.clock import ShiftedClock
+# `box` and `waker` are fixtures.
 from harness.logs import (ARCHIVING, add_waker, age_directory, all_consolidated_records,
-                          all_records, bring_up, consolidated, consolidated_records, current,
+                          all_records, box, bring_up, consolidated, consolidated_records, current,
                           dated, difference, directories, log_of, of_console, read, records,
-                          rotate, set_interval, wait_awake, wait_records)
-from harness.scenes import numbered, print_and_wait, reload
+                          rotate, set_interval, wait_awake, wait_records, waker)
+from harness.scenes import disable_and_enable, numbered, print_and_wait, reload
 from harness.station import console_line
 from harness.waiting import wait_until
-
-
-@pytest.fixture
-def waker(station):
-    """Spares the test the daemon's pauses."""
-    return add_waker(station)
-
-
-@pytest.fixture
-def box(station, waker):
-    """A console that is connected and whose logs are empty."""
-    made = station.console("box")
-    bring_up(station, made, waker)
-    for name in ("box", "waker"):
-        station.wait_connected(name)
-    return made
 
 
 def minute() -> str:
@@ -270,12 +255,8 @@ def test_a_target_deleted_under_the_daemon_is_made_again_when_a_log_is_opened(st
     shutil.rmtree(current(station).resolve())
     print_and_wait(station, box, b"lost\n")
     assert not current(station).exists()
-    station.write_config(console_line("box", box.port, enable=0))
-    reload(station)
-    station.write_config(console_line("box", box.port))
     box.greeting = b"kept\n"
-    reload(station)
-    box.accept()
+    disable_and_enable(station, box)
     wait_records(log_of(station, "box"), [b"kept\n"])
 
 

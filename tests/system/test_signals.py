@@ -10,7 +10,8 @@ import pytest
 from harness.access import user_monitor_frozen
 from harness.collectors import Collector
 from harness.logs import ARCHIVING
-from harness.scenes import NO_LEAK_CHECK, connected, held_still, numbered, reload, wait_reloaded
+from harness.scenes import (NO_LEAK_CHECK, connected, held_still, numbered, reload, removal,
+                            wait_reloaded)
 from harness.waiting import wait_until
 
 TERMINATED = re.compile(r">: Received SIGTERM\.\n"
@@ -191,7 +192,6 @@ def test_writing_to_a_user_who_has_gone_is_an_error_and_no_end(station):
         box.send(b"printed")
         stays.expect_exactly(b"printed")
         station.wait_log(failed, after=position)
-    station.wait_log('CleanUpClosedConnections: Closing connection with user "ann"on console "box"',
-                     after=position)
+    station.wait_log(removal("ann"), after=position)
     box.send(b"still here")
     stays.expect_exactly(b"still here")

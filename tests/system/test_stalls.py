@@ -7,13 +7,12 @@ import time
 import pytest
 
 from harness.peers import Peer
-from harness.scenes import connected, echo_time, numbered, visit
+from harness.scenes import connected, echo_time, numbered, removal, visit
 from harness.waiting import stretched, wait_until
 
 AGAIN = "Resource temporarily unavailable"
 FROM_CONSOLE = f'SendConsoleOutputToUsers: send() from console "{{}}" failed : {AGAIN}'
 TO_CONSOLE = f'ProcessUserInput: send() to console "{{}}" failed : {AGAIN}'
-LEFT = 'CleanUpClosedConnections: Closing connection with user "{}"on console "{}"'
 
 WELL_WITHIN_A_SECOND = 0.8
 NORMAL = 0.25
@@ -93,7 +92,7 @@ def test_a_user_of_a_flooding_console_who_reads_nothing(station, two):
     with typing(user, calm):
         flood = noisy.flood(numbered(1000), 100)
         station.wait_log(FROM_CONSOLE.format("noisy"))
-        station.wait_log(LEFT.format("stalled", "noisy"))
+        station.wait_log(removal("stalled", "noisy"))
         flood.join(30)
     is_normal(user, calm)
     again = station.attach("noisy")
@@ -106,7 +105,7 @@ def test_the_user_who_read_nothing_is_closed(station, two):
     stalled = station.attach("noisy", mode="ro", user="stalled", buffer=4096)
     stalled.stop_reading()
     flood = noisy.flood(numbered(1000), 50)
-    station.wait_log(LEFT.format("stalled", "noisy"))
+    station.wait_log(removal("stalled", "noisy"))
     stalled.read_again()
     wait_until(lambda: stalled.closed, what="the end")
     flood.join(30)
@@ -120,7 +119,7 @@ def test_users_who_read_nothing_one_after_the_other(station, two):
             stalled = station.attach("noisy", mode="ro", user=name, buffer=4096)
             stalled.stop_reading()
             flood = noisy.flood(numbered(1000), 40)
-            station.wait_log(LEFT.format(name, "noisy"))
+            station.wait_log(removal(name, "noisy"))
             flood.join(30)
     is_normal(user, calm)
 
@@ -144,7 +143,7 @@ def test_a_console_that_reads_nothing_while_a_user_pastes(station, two):
     noisy.stop_reading()
     with typing(user, calm):
         flood = paster.flood(numbered(1000), 100)
-        station.wait_log(LEFT.format("paster", "noisy"))
+        station.wait_log(removal("paster", "noisy"))
         flood.join()
     station.wait_log(TO_CONSOLE.format("noisy"))
     is_normal(user, calm)
@@ -157,7 +156,7 @@ def test_the_console_that_read_nothing_stays_connected(station, two):
     noisy.stop_reading()
     text = numbered(100000)
     flood = paster.flood(text, 1)
-    station.wait_log(LEFT.format("paster", "noisy"))
+    station.wait_log(removal("paster", "noisy"))
     flood.join()
     noisy.send(b"still printing")
     reader.expect_exactly(b"still printing")
@@ -208,8 +207,8 @@ def test_a_user_and_a_console_that_read_nothing(station):
     with typing(user, consoles["calm"]):
         floods = [consoles["noisy"].flood(numbered(1000), 100),
                   paster.flood(numbered(1000), 100)]
-        station.wait_log(LEFT.format("stalled", "noisy"))
-        station.wait_log(LEFT.format("paster", "deaf"))
+        station.wait_log(removal("stalled", "noisy"))
+        station.wait_log(removal("paster", "deaf"))
         for flood in floods:
             flood.join(30)
     is_normal(user, consoles["calm"])

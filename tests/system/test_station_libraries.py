@@ -7,6 +7,7 @@ import pytest
 from harness import settings
 from harness.access import refused
 from harness.peers import OFFERS
+from harness.scenes import removal
 from harness.waiting import wait_until
 
 VALIDATION = "DoTqAuthValidation"
@@ -97,8 +98,7 @@ def attached(station, line: bytes, name: str, mode: str = "shared") -> None:
         user.expect_exactly(OFFERS)
         station.wait_log(f'ConnectUserToConsole: Connected user "{name}" to console "box" with '
                          f"mode = {mode}.", after=position)
-    station.wait_log(f'CleanUpClosedConnections: Closing connection with user "{name}"on console '
-                     '"box"', after=position)
+    station.wait_log(removal(name), after=position)
 
 
 def test_a_name_that_the_library_knows_comes_last(hall):

@@ -2,9 +2,8 @@
 
 import time
 
-import pytest
-
-from harness.access import bring_up, refused
+# `box` is a fixture.
+from harness.access import box, refused
 from harness.commands import DONE, Tool
 from harness.logs import log_of
 from harness.scenes import connected, reload
@@ -18,14 +17,6 @@ STATS_KEYS = ["started", "console_connections", "console_failures", "console_los
               "refusals", "logins_accepted", "logins_refused", "users_attached", "users_left",
               "tools_attached", "commands", "events_posted", "events_dropped", "reloads",
               "last_reload", "last_reload_result"]
-
-
-@pytest.fixture
-def box(station):
-    """The one console of a station; it has said "ready"."""
-    made = station.console("box")
-    bring_up(station, made)
-    return made
 
 
 def is_recent(moment: int) -> bool:

@@ -4,8 +4,10 @@ import re
 
 import pytest
 
-from harness.access import banner, bring_up, greeting, reload
+# `box` is a fixture.
+from harness.access import banner, box, bring_up, greeting, reload
 from harness.peers import OFFERS
+from harness.scenes import removal
 from harness.station import console_line
 from harness.waiting import free_port, wait_until
 
@@ -13,20 +15,6 @@ FD_SET = re.compile(r"AddUserToList: Doing FD_SET\( (\d+), \.\.\.\) for user on 
 
 # The last word about a user of the console "box"; the connection has been closed before it.
 REMOVED = "RemoveUserFromList: Removed user from console's user list for console box."
-
-
-@pytest.fixture
-def box(station):
-    """A console named "box", connected."""
-    console = station.console("box")
-    bring_up(station, console)
-    return console
-
-
-def closing(user: str, console: str = "box") -> str:
-    """The debug line of a user's removal; there is no blank before "on"."""
-    return (f'CleanUpClosedConnections: Closing connection with user "{user}"on console '
-            f'"{console}"')
 
 
 def wait_for_set(station, highest: int, after: int) -> None:
@@ -57,12 +45,12 @@ def test_a_user_who_leaves_is_taken_off_both_once(station, box):
     position = station.mark()
     user.close()
     for line in (re.compile(r"^ProcessUserInput: recv\(\) returned 0 : "),
-                 closing("ann"),
+                 removal("ann"),
                  "RemoveUserFromList: Removed user from user_list for console box.",
                  REMOVED):
         position = station.wait_log(line, after=position, thread="user_mon").end
     wait_for_set(station, -1, position)
-    assert station.log_text().count(closing("ann")) == 1
+    assert station.log_text().count(removal("ann")) == 1
 
 
 def test_the_highest_descriptor_is_always_that_of_a_user_who_is_there(station, box):
@@ -92,7 +80,7 @@ def test_the_descriptor_of_a_user_who_left_is_closed(station, box):
     before = station.descriptors()
     for number in range(5):
         station.attach("box", user=f"user{number}").close()
-        station.wait_log(closing(f"user{number}"))
+        station.wait_log(removal(f"user{number}"))
     wait_until(lambda: station.descriptors() == before, what="the descriptors to be closed")
 
 
@@ -102,7 +90,7 @@ def test_a_console_that_users_have_left_can_be_deleted(station):
     users = [station.attach("box", user=f"user{number}") for number in range(3)]
     for number, user in enumerate(users):
         user.close()
-        station.wait_log(closing(f"user{number}"))
+        station.wait_log(removal(f"user{number}"))
     position = station.mark()
     reload(station, "", waker=box)
     station.wait_log("DeleteMarkedConsoles: Console box is being deleted.", after=position)
@@ -119,7 +107,7 @@ def test_every_user_of_a_deleted_console_is_told_and_removed(station):
     for number, user in enumerate(users):
         user.expect_exactly(banner("Console has been deleted."))
         user.expect_closed()
-        station.wait_log(closing(f"user{number}"))
+        station.wait_log(removal(f"user{number}"))
     station.wait_log("DeleteMarkedConsoles: Console box is being deleted.")
 
 
@@ -130,7 +118,7 @@ def test_every_user_of_a_disabled_console_is_told_and_removed(station, box):
     for number, user in enumerate(users):
         user.expect_exactly(banner("Console has been disabled."))
         user.expect_closed()
-        station.wait_log(closing(f"user{number}"))
+        station.wait_log(removal(f"user{number}"))
     box.expect_closed()
 
 
@@ -148,7 +136,7 @@ def test_users_of_a_console_that_hangs_up_are_closed_without_a_word(station, box
 def test_a_user_who_leaves_does_not_touch_the_others(station, box, leave):
     users = [station.attach("box", user=f"user{number}") for number in range(3)]
     getattr(users[1], leave)()
-    station.wait_log(closing("user1"))
+    station.wait_log(removal("user1"))
     box.send(b"for the two who stay")
     for user in (users[0], users[2]):
         user.expect_exactly(b"for the two who stay")
@@ -163,7 +151,7 @@ def test_users_stay_when_their_console_gets_another_name(station, box):
     user.send(b"still typing")
     box.expect_exactly(b"still typing")
     user.close()
-    station.wait_log(closing("ann", "renamed"))
+    station.wait_log(removal("ann", "renamed"))
     station.attach("renamed")
 
 
@@ -248,7 +236,7 @@ def test_the_first_key_of_a_new_user_does_not_wait(station, box):
         user.send(b"k")
         box.expect_exactly(b"k", limit=1)
         user.close()
-        station.wait_log(closing(f"user{number}"), after=position)
+        station.wait_log(removal(f"user{number}"), after=position)
 
 
 def test_a_user_who_types_into_a_console_that_takes_nothing_is_dropped_alone(station):
@@ -261,7 +249,7 @@ def test_a_user_who_types_into_a_console_that_takes_nothing_is_dropped_alone(sta
     typist.flood(bytes(8192), 4096)
     station.wait_log('ProcessUserInput: send() to console "box" failed : '
                      "Resource temporarily unavailable", thread="user_mon")
-    station.wait_log(closing("typist"))
+    station.wait_log(removal("typist"))
     box.send(b"still printing")
     watcher.expect_exactly(b"still printing")
     bystander.send(b"k")

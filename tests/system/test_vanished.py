@@ -8,13 +8,13 @@ import pytest
 from harness.access import bring_up, greeting, refused
 from harness.commands import Tool
 from harness.door import NAME, log_in, welcome
+from harness.fortress import open_door
 from harness.helpers import FakeHelper
-from harness.scenes import connected
+from harness.scenes import connected, removal
 from harness.vanishing import Silence, daemons_socket, hurry, vanish, waiting
 from harness.waiting import free_port, wait_listening, wait_until
 
 FIVE_MINUTES = 300
-LEFT = 'CleanUpClosedConnections: Closing connection with user "{}"on console "{}"'
 GONE = 'LookForVanishedUsers: User "{}" on console "{}" has vanished.'
 TOOL_GONE = 'CloseVanishedTools: Tool of "{}" at "127.0.0.1" has vanished.'
 MAX_PENDING = 5
@@ -55,20 +55,7 @@ def is_asked(end: socket.socket) -> None:
 @pytest.fixture
 def door(station):
     """A console whose port wants a login that root may make."""
-    helper = FakeHelper(station)
-    helper.accept(b"root", b"secret")
-    station.door_port = free_port()
-    box = station.console("box", mapped_port=station.door_port, auth=1)
-    bring_up(station, box, options=("-S", "1"))
-    wait_listening(station.door_port)
-    return station
-
-
-def asked_for_a_name(door):
-    """A caller of the console's port who has seen the prompt."""
-    caller = door.caller(door.door_port)
-    caller.expect_exactly(welcome("box") + NAME)
-    return caller
+    return open_door(station)
 
 
 # The kernel asks
@@ -86,10 +73,11 @@ def test_every_peer_is_asked_whether_it_is_there(station, ends):
 
 
 def test_a_caller_is_asked_from_the_start(door, ends):
-    silent = door.caller()
-    door.wait_log('AcceptConnectionRequests: Connection request from IP address "127.0.0.1".')
+    silent = door.station.caller()
+    door.station.wait_log(
+        'AcceptConnectionRequests: Connection request from IP address "127.0.0.1".')
     is_asked(ends(silent))
-    is_asked(ends(asked_for_a_name(door)))
+    is_asked(ends(door.call()))
 
 
 def test_a_user_who_vanishes_does_not_keep_a_console(station, ends):
@@ -99,20 +87,21 @@ def test_a_user_who_vanishes_does_not_keep_a_console(station, ends):
     refused(station.ask("box", mode="ex"), 6)
     hurry(quiet(ends(holder)))
     vanish(holder)
-    station.wait_log(LEFT.format("holder", "box"))
+    station.wait_log(removal("holder"))
     station.attach("box", mode="ex").send(b"mine")
     box.expect_exactly(b"mine")
 
 
 def test_a_login_that_vanishes_gives_its_place_back(door, ends):
-    callers = [asked_for_a_name(door) for _ in range(MAX_PENDING)]
-    refused(door.caller(door.door_port), 16)
+    station = door.station
+    callers = [door.call() for _ in range(MAX_PENDING)]
+    refused(station.caller(door.port), 16)
     gone, *others = callers
-    position = door.mark()
+    position = station.mark()
     hurry(quiet(ends(gone)))
     vanish(gone)
-    door.wait_log("ServiceConnectionRequestThreadStart: Exiting thread.", after=position)
-    log_in(asked_for_a_name(door), b"root", b"secret")
+    station.wait_log("ServiceConnectionRequestThreadStart: Exiting thread.", after=position)
+    log_in(door.call(), b"root", b"secret")
     assert not any(caller.closed for caller in others)
 
 
@@ -123,7 +112,7 @@ def test_a_user_who_is_silent_and_there_stays(station, ends):
     for user in (there, gone):
         hurry(quiet(ends(user)))
     vanish(gone)
-    station.wait_log(LEFT.format("gone", "box"))
+    station.wait_log(removal("gone"))
     box.send(b"still here?")
     there.expect_exactly(b"still here?")
     there.send(b"yes")
@@ -170,7 +159,7 @@ def test_a_user_who_acknowledges_nothing_is_closed(station, ends, silence):
     assert waiting(ends(gone)) > 0 and waiting(ends(slow)) > 0
     silence.add(FIVE_MINUTES, gone, idle)
     station.wait_log(GONE.format("gone", "box"), limit=LOOK_LIMIT)
-    station.wait_log(LEFT.format("gone", "box"))
+    station.wait_log(removal("gone"))
 
     assert waiting(ends(slow)) > 0
     slow.read_again()
@@ -211,4 +200,4 @@ def test_a_user_who_is_silent_for_four_minutes_stays(station, ends, silence):
     station.wait_log("Entering LookForVanishedUsers", after=position, limit=LOOK_LIMIT)
     station.wait_log("Entering CheckForUserInput", count=2, after=position, thread="user_mon")
     assert "has vanished." not in station.log_text()
-    assert LEFT.format("<unknown>", "box") not in station.log_text()
+    assert removal("<unknown>") not in station.log_text()

@@ -9,8 +9,9 @@ import subprocess
 import pytest
 
 from harness import zevctl
+from harness.access import banner
 from harness.consoles import refusal
-from harness.scenes import connected, framed
+from harness.scenes import connected
 from harness.waiting import LIMIT, free_port, stretched, wait_until
 from harness.zevctl import Terminal
 
@@ -190,7 +191,7 @@ def test_clear_disconnects_the_users(rack):
     user = rack.attach("web1", user="ann")
     assert zevctl.succeed(rack, "--user", "op", "clear", "web1") == (
         "web1: its users were disconnected\n")
-    user.expect(framed("Your session has been terminated by op@127.0.0.1"))
+    user.expect(banner("Your session has been terminated by op@127.0.0.1"))
     user.expect_closed()
     assert not rack.boxes["web1"].closed
 
@@ -198,7 +199,7 @@ def test_clear_disconnects_the_users(rack):
 def test_the_login_name_is_the_operators_name(rack):
     user = rack.attach("web1")
     zevctl.succeed(rack, "clear", "web1")
-    user.expect(framed(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
+    user.expect(banner(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
 
 
 def test_disable_and_enable(rack):
@@ -239,7 +240,7 @@ def test_several_consoles_are_acted_on_after_a_question(rack):
         screen.expect("web1: its users were disconnected\r\nweb2: its users were disconnected\r\n")
         screen.expect_end(zevctl.OK)
     for user in users:
-        user.expect(framed(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
+        user.expect(banner(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
         user.expect_closed()
 
 
@@ -262,7 +263,7 @@ def test_a_message_reaches_the_users(rack):
     user = rack.attach("web1")
     assert zevctl.succeed(rack, "--user", "op", "msg", "web1", "reboot", "at  five") == (
         "web1: told\n")
-    user.expect(framed("Message from op@127.0.0.1: \n\n\rreboot at  five\n"))
+    user.expect(banner("Message from op@127.0.0.1: \n\n\rreboot at  five\n"))
 
 
 def test_a_message_to_a_console_that_is_not_connected(rack):
@@ -345,7 +346,7 @@ def test_without_standard_streams_nothing_is_mixed_up(rack, closed):
     status = subprocess.run(["bash", "-c", line, "bash", zevctl.PROGRAM, "--port", str(rack.port),
                              "clear", "web1"], check=False, capture_output=True).returncode
     assert status in (zevctl.OK, zevctl.FAILED)
-    user.expect(framed(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
+    user.expect(banner(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
 
 
 # The right to ask

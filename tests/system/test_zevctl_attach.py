@@ -12,7 +12,8 @@ import threading
 import pexpect
 import pytest
 
-from harness.access import bring_up, terminated_by, user_monitor_frozen
+# `box` is a fixture.
+from harness.access import box, bring_up, terminated_by, user_monitor_frozen
 from harness.commands import DONE, Tool
 from harness.consoles import NEGOTIATION, ShellConsole, TelnetServerConsole
 from harness.scenes import attach_when_accessible, connected, numbered, print_and_wait
@@ -48,14 +49,6 @@ TRYING = "Trying again every 2 seconds; Ctrl-C ends it.\r\n"
 BREAK = b"\xff\xf3"
 
 PACE = 32768
-
-
-@pytest.fixture
-def box(station):
-    """A console named "box", connected."""
-    console = station.console("box")
-    bring_up(station, console)
-    return console
 
 
 @contextlib.contextmanager

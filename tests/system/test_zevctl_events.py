@@ -12,6 +12,7 @@ from contextlib import ExitStack
 import pytest
 
 from harness import zevctl
+from harness.closing import Closing
 from harness.collectors import Collector, socket_path
 from harness.logs import bring_up
 from harness.station import assert_no_sanitizer_report
@@ -82,7 +83,7 @@ def receive(station):
         yield start
 
 
-class Poster:
+class Poster(Closing):
     """Somebody who sends lines to the socket."""
 
     def __init__(self, path) -> None:
@@ -98,12 +99,6 @@ class Poster:
     def close(self) -> None:
         """End the connection."""
         self.socket.close()
-
-    def __enter__(self) -> "Poster":
-        return self
-
-    def __exit__(self, *_exception) -> None:
-        self.close()
 
 
 def event(number: int, priority: int = 100) -> bytes:

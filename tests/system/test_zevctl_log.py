@@ -12,9 +12,10 @@ import pytest
 
 from harness import zevctl
 from harness.collectors import Collector
-from harness.logs import (add_waker, age_directory, all_records, bring_up, consolidated, current,
-                          dated, log_of, read, rotate, wait_records)
-from harness.scenes import numbered, print_and_wait, reload
+# `box` and `waker` are fixtures.
+from harness.logs import (age_directory, all_records, box, bring_up, consolidated, current, dated,
+                          log_of, read, rotate, wait_records, waker)
+from harness.scenes import disable_and_enable, numbered, print_and_wait, reload
 from harness.station import assert_no_sanitizer_report, console_line
 from harness.waiting import LIMIT, stretched, wait_until
 
@@ -74,22 +75,6 @@ def follow():
         client.process.wait()
         client.process.stdout.close()
         client.process.stderr.close()
-
-
-@pytest.fixture
-def waker(station):
-    """Spares the test the daemon's pauses."""
-    return add_waker(station)
-
-
-@pytest.fixture
-def box(station, waker):
-    """A console that is connected and whose logs are empty."""
-    made = station.console("box")
-    bring_up(station, made, waker)
-    for name in ("box", "waker"):
-        station.wait_connected(name)
-    return made
 
 
 def logged(station, box, *lines: bytes, name: str = "box") -> None:
@@ -493,12 +478,8 @@ def test_it_outlives_its_directory(station, box, follow):
     # The daemon goes on writing to the file that has no name any more.
     print_and_wait(station, box, b"meanwhile\n")
     client.wait_texts([b"before\n", b"meanwhile\n"])
-    station.write_config(console_line("box", box.port, enable=0))
-    reload(station)
-    station.write_config(console_line("box", box.port))
     box.greeting = b"after\n"
-    reload(station)
-    box.accept()
+    disable_and_enable(station, box)
     client.wait_texts([b"before\n", b"meanwhile\n", b"after\n"])
     assert client.end() == ""
 

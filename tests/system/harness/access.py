@@ -1,4 +1,4 @@
-"""Steps that the tests of user access share: bringing consoles up, reloading, holding a thread."""
+"""What the tests of user access share: texts, bringing consoles up, reloading, holding a thread."""
 
 import contextlib
 import os
@@ -7,6 +7,8 @@ import re
 import signal
 from concurrent.futures import ThreadPoolExecutor
 from typing import Iterator
+
+import pytest
 
 from harness.consoles import FakeConsole
 from harness.debuglog import Found
@@ -45,6 +47,9 @@ _TEXTS = (
 ERRORS = {number: f"{number:03d} - {text}\r\n".encode()
           for number, text in enumerate(_TEXTS, start=1)}
 
+# The modes of the argument line, as the daemon prints them.
+PRINTED_MODES = {"ro": "read-only", "sh": "shared", "ex": "exclusive", "er": "??"}
+
 
 def refused(user: User, number: int) -> None:
     """The user is told this error, nothing else, and the connection is closed."""
@@ -68,6 +73,12 @@ def greeting(console: str) -> bytes:
     return f'Connected to console "{console}" in shared mode.\r\n\n'.encode()
 
 
+def attachment(user: str = "<unknown>", mode: str = "sh", console: str = "box") -> str:
+    """The debug line of a successful attachment."""
+    return (f'ConnectUserToConsole: Connected user "{user}" to console "{console}" '
+            f"with mode = {PRINTED_MODES[mode]}.")
+
+
 def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] = (),
              env: dict[str, str] | None = None) -> Station:
     """Start the daemon; have its ports open, and every console connected and its greeting read."""
@@ -88,6 +99,14 @@ def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] 
         station.wait_log("ProcessConsoleOutput: Received ->ready<- (5 bytes)", count=len(plain),
                          after=position)
     return station
+
+
+@pytest.fixture
+def box(station):
+    """A console named "box", connected; it has printed READY."""
+    console = station.console("box")
+    bring_up(station, console)
+    return console
 
 
 def reload(station: Station, config: str | None = None, waker: Peer | None = None) -> Found:

@@ -1,13 +1,10 @@
 """A clock of the daemon's own, which a test can set and hold while the daemon runs."""
 
 import struct
-import subprocess
 import time
 from pathlib import Path
 
-from harness import settings
-
-_SOURCE = Path(__file__).with_name("shifted_clock.c")
+from harness import preload
 
 
 class ShiftedClock:
@@ -17,18 +14,14 @@ class ShiftedClock:
     """
 
     def __init__(self, scratch: Path) -> None:
-        self._library = scratch / "shifted_clock.so"
+        self._library = preload.build("shifted_clock", scratch)
         self._settings = scratch / "shifted_clock.settings"
-        subprocess.run(["cc", "-Wall", "-Wextra", "-Werror", "-O1", "-shared", "-fPIC",
-                        "-o", self._library, _SOURCE], check=True)
         self._settings.write_bytes(struct.pack("=qq", 0, 0))
 
     @property
     def env(self) -> dict[str, str]:
         """What has to be in the daemon's environment."""
-        # A sanitizer wants to be the first library; what comes before it here needs none.
-        return {"LD_PRELOAD": str(self._library), "SHIFTED_CLOCK": str(self._settings),
-                **settings.sanitizer_options("verify_asan_link_order=0")}
+        return preload.environment(self._library, SHIFTED_CLOCK=str(self._settings))
 
     def hold(self) -> None:
         """Let the seconds stand still from now on, so that no time passes but by `shift`."""

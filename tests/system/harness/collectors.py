@@ -3,7 +3,6 @@
 import json
 import os
 import re
-import select
 import shlex
 import shutil
 import socket
@@ -11,8 +10,10 @@ import subprocess
 from pathlib import Path
 from typing import Any
 
+import pytest
+
 from harness import settings
-from harness.peers import Peer
+from harness.peers import ListeningPeer
 from harness.station import Station
 from harness.waiting import LIMIT, stretched, wait_until
 
@@ -30,13 +31,12 @@ def parsed(lines: bytes) -> list[Event]:
     return [json.loads(line) for line in complete.decode().splitlines()]
 
 
-class Collector(Peer):
+class Collector(ListeningPeer):
     """An event manager that a test leads. It listens at once."""
 
     def __init__(self, station: Station) -> None:
         super().__init__("event manager")
         self.path = socket_path(station)
-        self._listener: socket.socket | None = None
         self.listen()
 
     def listen(self) -> None:
@@ -46,26 +46,10 @@ class Collector(Peer):
         self._listener.bind(str(self.path))
         self._listener.listen(16)
 
-    def accept(self, limit: float = LIMIT) -> "Collector":
-        """Wait for the daemon to connect and go on with that connection."""
-        self._listener.settimeout(stretched(limit))
-        sock, _ = self._listener.accept()
-        self.adopt(sock)
-        return self
-
-    def called(self) -> bool:
-        """True when a connection waits to be accepted."""
-        waiting = select.poll()
-        waiting.register(self._listener, select.POLLIN)
-        return bool(waiting.poll(0))
-
-    def shut(self) -> None:
-        """End: no connection, no socket."""
-        self.close()
+    def refuse(self) -> None:
         if self._listener is not None:
-            self._listener.close()
-            self._listener = None
             self.path.unlink()
+        super().refuse()
 
     def events(self) -> list[Event]:
         """Every event that has arrived on this connection."""
@@ -78,8 +62,12 @@ class Collector(Peer):
         assert len(found) == count, found
         return found
 
-    def __exit__(self, *_exception) -> None:
-        self.shut()
+
+@pytest.fixture
+def collector(station):
+    """An event manager that listens; the test accepts the daemon's connection."""
+    with Collector(station) as made:
+        yield made
 
 
 class CollectorProgram:

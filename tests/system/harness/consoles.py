@@ -1,12 +1,11 @@
 """Consoles for the daemon to call: fakes that a test leads, and real ones."""
 
-import select
 import shutil
 import socket
 import subprocess
 
-from harness.peers import Peer
-from harness.waiting import LIMIT, free_port, stretched, wait_listening
+from harness.peers import ListeningPeer
+from harness.waiting import LIMIT, free_port, wait_listening
 
 # What a terminal server may ask for on connect: its own echo, no go-ahead, the window's size.
 NEGOTIATION = b"\xff\xfb\x01\xff\xfb\x03\xff\xfd\x1f"
@@ -18,7 +17,7 @@ def refusal(holder: str) -> bytes:
             f"{holder}, call again later\r\n").encode()
 
 
-class FakeConsole(Peer):
+class FakeConsole(ListeningPeer):
     """A console that does only what the test says. It listens at once unless told not to.
 
     `greeting` is sent on every connection as soon as it is accepted. `buffer` limits what the
@@ -31,7 +30,6 @@ class FakeConsole(Peer):
         self.port = free_port() if port is None else port
         self.greeting = greeting
         self.buffer = buffer
-        self._listener: socket.socket | None = None
         self._callers: list[socket.socket] = []
         if listening:
             self.listen()
@@ -44,12 +42,6 @@ class FakeConsole(Peer):
             self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, self.buffer)
         self._listener.bind(("127.0.0.1", self.port))
         self._listener.listen(16)
-
-    def refuse(self) -> None:
-        """Refuse calls from now on; a connection that was accepted is kept."""
-        if self._listener is not None:
-            self._listener.close()
-            self._listener = None
 
     def hang(self) -> None:
         """Leave calls unanswered from now on: the queue of the listening socket is full."""
@@ -64,29 +56,16 @@ class FakeConsole(Peer):
                 return
 
     def accept(self, limit: float = LIMIT) -> "FakeConsole":
-        """Wait for the daemon's call and go on with that connection."""
-        self._listener.settimeout(stretched(limit))
-        sock, _ = self._listener.accept()
-        self.adopt(sock)
+        """Wait for the daemon's call, greet it and go on with that connection."""
+        super().accept(limit)
         if self.greeting:
             self.send(self.greeting)
         return self
 
-    def called(self) -> bool:
-        """True when a call waits to be accepted."""
-        waiting = select.poll()
-        waiting.register(self._listener, select.POLLIN)
-        return bool(waiting.poll(0))
-
     def shut(self) -> None:
-        """Hang up and listen no more."""
-        self.close()
-        self.refuse()
+        super().shut()
         while self._callers:
             self._callers.pop().close()
-
-    def __exit__(self, *_exception) -> None:
-        self.shut()
 
 
 class ProgramConsole:

@@ -2,6 +2,7 @@
 
 import socket
 from dataclasses import dataclass
+from typing import Self
 
 from harness.access import greeting
 from harness.consoles import FakeConsole
@@ -18,12 +19,28 @@ TRY_AGAIN = b"\nInvalid username/password combination. Please try again.\r\n\n"
 
 
 @dataclass
-class Door:
-    """A console that is reached through a login on its own port."""
+class Entrance:
+    """A station with security on, the password helper and a console."""
 
     station: Station
     helper: FakeHelper
     box: FakeConsole
+
+    def note_rest(self) -> Self:
+        """Take what the daemon uses now for what it uses at rest."""
+        self.rest = (self.station.threads(), self.station.descriptors())
+        return self
+
+    def quiet(self) -> None:
+        """The daemon is as it was before anybody called: no thread, descriptor or child."""
+        wait_until(lambda: (self.station.threads(), self.station.descriptors()) == self.rest
+                   and not children_of(self.station.pid), what="the daemon to come to rest")
+
+
+@dataclass
+class Door(Entrance):
+    """A console that is reached through a login on its own port."""
+
     port: int
 
     def call(self) -> User:
@@ -37,16 +54,6 @@ class Door:
         user.expect_exactly(OFFERS + greeting(self.box.name))
         user.send(b"!")
         self.box.expect_exactly(b"!")
-
-    def quiet(self) -> None:
-        """The daemon is as it was before anybody called: no thread, descriptor or child."""
-        wait_until(lambda: (self.station.threads(), self.station.descriptors()) == self.rest
-                   and not children_of(self.station.pid), what="the daemon to come to rest")
-
-    def note_rest(self) -> "Door":
-        """Take what the daemon uses now for what it uses at rest."""
-        self.rest = (self.station.threads(), self.station.descriptors())
-        return self
 
 
 def welcome(console: str) -> bytes:

@@ -318,14 +318,17 @@ size_t fwrite(const void *data, size_t size, size_t count, FILE *file) {
   return 0;
 }
 
+__attribute__((format(printf, 2, 0))) static int print(FILE *file, const char *format,
+                                                      va_list arguments) {
+  if (file == stderr || !fails("fprintf")) return vfprintf(file, format, arguments);
+  mark(file);
+  return -1;
+}
+
 int fprintf(FILE *file, const char *format, ...) {
-  if (file != stderr && fails("fprintf")) {
-    mark(file);
-    return -1;
-  }
   va_list arguments;
   va_start(arguments, format);
-  const int result = vfprintf(file, format, arguments);
+  const int result = print(file, format, arguments);
   va_end(arguments);
   return result;
 }
@@ -334,13 +337,9 @@ int fprintf(FILE *file, const char *format, ...) {
 int __fprintf_chk(FILE *file, int level, const char *format, ...);
 int __fprintf_chk(FILE *file, int level, const char *format, ...) {
   (void)level;
-  if (file != stderr && fails("fprintf")) {
-    mark(file);
-    return -1;
-  }
   va_list arguments;
   va_start(arguments, format);
-  const int result = vfprintf(file, format, arguments);
+  const int result = print(file, format, arguments);
   va_end(arguments);
   return result;
 }

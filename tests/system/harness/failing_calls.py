@@ -4,12 +4,9 @@ import enum
 import errno
 import mmap
 import struct
-import subprocess
 from pathlib import Path
 
-from harness import settings
-
-_SOURCE = Path(__file__).with_name("failing_calls.c")
+from harness import preload
 
 _NUMBER = struct.Struct("=q")
 _FIELDS = ("armed", "nth", "error", "thread", "seen", "fired", "ahead")
@@ -58,10 +55,7 @@ class Thread(enum.IntEnum):
 
 def build_library(directory: Path) -> Path:
     """Build what is loaded into the daemon; once is enough for all tests of a process."""
-    library = directory / "failing_calls.so"
-    subprocess.run(["cc", "-Wall", "-Wextra", "-Werror", "-O1", "-fexceptions", "-shared", "-fPIC",
-                    "-o", library, _SOURCE], check=True)
-    return library
+    return preload.build("failing_calls", directory, "-fexceptions")
 
 
 class FailingCalls:
@@ -79,11 +73,9 @@ class FailingCalls:
     @property
     def env(self) -> dict[str, str]:
         """What has to be in the daemon's environment."""
-        # A sanitizer wants to be the first library; what comes before it here needs none.
-        options = "verify_asan_link_order=0 allocator_may_return_null=1 fast_unwind_on_malloc=0"
-        return {"LD_PRELOAD": str(self._library), "FAILING_CALLS": str(self._path),
-                "LSAN_OPTIONS": f"suppressions={self._suppressions}",
-                **settings.sanitizer_options(options)}
+        return preload.environment(
+            self._library, "allocator_may_return_null=1", "fast_unwind_on_malloc=0",
+            FAILING_CALLS=str(self._path), LSAN_OPTIONS=f"suppressions={self._suppressions}")
 
     def _get(self, field: str) -> int:
         return _NUMBER.unpack_from(self._control, _FIELDS.index(field) * _NUMBER.size)[0]

@@ -11,6 +11,7 @@ import socket
 import threading
 import time
 
+from harness.closing import Closing
 from harness.station import Station, console_line
 from harness.waiting import LIMIT, free_port, wait_until
 
@@ -36,7 +37,7 @@ def raise_own_limit() -> None:
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
 
 
-class Farm:
+class Farm(Closing):
     """Consoles that echo."""
 
     def __init__(self, count: int) -> None:
@@ -123,12 +124,6 @@ class Farm:
         self._thread.join()
         for sock in [self._listener, *self._sockets.values()]:
             sock.close()
-
-    def __enter__(self) -> "Farm":
-        return self
-
-    def __exit__(self, *_exception) -> None:
-        self.close()
 
 
 class PrintingFarm(Farm):

@@ -9,6 +9,7 @@ import threading
 from collections.abc import Sequence
 from pathlib import Path
 
+from harness.closing import Closing
 from harness.waiting import wait_until
 
 STRANGER = 64123  # a user and a group that no station has
@@ -42,7 +43,7 @@ while True:
 NAME_PROMPT = b"username: "
 
 
-class Impostor:
+class Impostor(Closing):
     """A program that listens on a port in a user's name.
 
     `before` are the words of a command in front of its own, such as one that enters a namespace.
@@ -76,19 +77,13 @@ class Impostor:
         self._process.kill()
         self._process.wait()
 
-    def __enter__(self) -> "Impostor":
-        return self
-
-    def __exit__(self, *_exception) -> None:
-        self.close()
-
 
 def console_record(name: bytes, address: bytes = b"127.0.0.1", state: bytes = b"0") -> bytes:
     """A console as the command port tells of it."""
     return struct.pack("<64s64sHH64s64s2s2s", name, address, 1, 2, b"A200", b"sys1", state, b"0")
 
 
-class FakeDaemon:
+class FakeDaemon(Closing):
     """A command port, of this process, that answers with what a test gives it.
 
     `answers` has the records, or the text of an error, for each command's first word; every other
@@ -136,9 +131,3 @@ class FakeDaemon:
         self._listener.shutdown(socket.SHUT_RDWR)
         self._listener.close()
         self._thread.join()
-
-    def __enter__(self) -> "FakeDaemon":
-        return self
-
-    def __exit__(self, *_exception) -> None:
-        self.close()

@@ -5,6 +5,8 @@ import re
 import signal
 from pathlib import Path
 
+import pytest
+
 from harness.consoles import FakeConsole
 from harness.debuglog import STAMP
 from harness.station import Station
@@ -130,7 +132,23 @@ def add_waker(station: Station) -> FakeConsole:
     The daemon looks for signals and for expired directories when its wait for console output is
     over: after two seconds, or as soon as this one prints.
     """
-    return station.console("waker", logging=0)
+    return station.console("waker", greeting=_GREETING, logging=0)
+
+
+@pytest.fixture
+def waker(station):
+    """Spares the test the daemon's pauses."""
+    return add_waker(station)
+
+
+@pytest.fixture
+def box(station, waker):
+    """A console that is connected, like the waker, and whose logs are empty."""
+    made = station.console("box")
+    bring_up(station, made, waker)
+    for name in ("box", "waker"):
+        station.wait_connected(name)
+    return made
 
 
 def wait_awake(station: Station, waker: FakeConsole, wanted: str, after: int,
@@ -142,6 +160,14 @@ def wait_awake(station: Station, waker: FakeConsole, wanted: str, after: int,
 
     wait_until(said, what=f"{count} message(s) {wanted!r}")
     return station.wait_log(wanted, count=count, after=after).end
+
+
+def reload_awake(station: Station, waker: FakeConsole) -> int:
+    """Have the files read again; the position from which that shows. Needs debug level 3."""
+    position = station.mark()
+    station.signal(signal.SIGHUP)
+    wait_awake(station, waker, "Entering GetZevdArchIntFromConfFile", after=position)
+    return position
 
 
 def set_interval(station: Station, days: int) -> None:

@@ -5,7 +5,9 @@ import select
 import socket
 import struct
 import threading
+from typing import Self
 
+from harness.closing import Closing
 from harness.waiting import LIMIT, NotReached, stretched
 
 # Sent to every user who is attached: the daemon offers to echo and to suppress go-ahead.
@@ -64,7 +66,7 @@ class Flood:
             raise NotReached(f"the flood stands still after {self.sent} bytes")
 
 
-class Peer:
+class Peer(Closing):
     """One connection. A thread of its own keeps whatever arrives, so that nothing is missed.
 
     `expect` walks through what has arrived: each call goes on where the last one ended.
@@ -83,12 +85,6 @@ class Peer:
         self._wake = -1
         self._reader: threading.Thread | None = None
         self._floods: list[Flood] = []
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_exception) -> None:
-        self.close()
 
     def adopt(self, sock: socket.socket) -> None:
         """Go on with this connection; what the one before brought is forgotten."""
@@ -254,6 +250,41 @@ def _short(data: bytes) -> str:
     if len(shown) <= 400:
         return repr(shown)
     return f"{shown[:200]!r} ... {shown[-200:]!r} ({len(shown)} bytes)"
+
+
+class ListeningPeer(Peer):
+    """A peer that the daemon connects to. `listen` is left to each kind, and sets `_listener`."""
+
+    def __init__(self, name: str) -> None:
+        super().__init__(name)
+        self._listener: socket.socket | None = None
+
+    def accept(self, limit: float = LIMIT) -> Self:
+        """Wait for the daemon to connect and go on with that connection."""
+        self._listener.settimeout(stretched(limit))
+        sock, _ = self._listener.accept()
+        self.adopt(sock)
+        return self
+
+    def called(self) -> bool:
+        """True when a connection waits to be accepted."""
+        waiting = select.poll()
+        waiting.register(self._listener, select.POLLIN)
+        return bool(waiting.poll(0))
+
+    def refuse(self) -> None:
+        """Refuse connections from now on; one that was accepted is kept."""
+        if self._listener is not None:
+            self._listener.close()
+            self._listener = None
+
+    def shut(self) -> None:
+        """Close the connection and listen no more."""
+        self.close()
+        self.refuse()
+
+    def __exit__(self, *_exception) -> None:
+        self.shut()
 
 
 class User(Peer):

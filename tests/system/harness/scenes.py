@@ -7,24 +7,18 @@ import signal
 import time
 from dataclasses import dataclass
 
+import pytest
+
+from harness.access import ERRORS
 from harness.consoles import FakeConsole
 from harness.peers import OFFERS, Peer, User
 from harness.settings import sanitizer_options
-from harness.station import Station
+from harness.station import Station, console_line
 from harness.waiting import LIMIT, NotReached, wait_until
 
-NOT_FOUND = b"004 - Console not found.\r\n"
-NOT_ACCESSIBLE = b"005 - Console is not accessible.\r\n"
-DISABLED = b"012 - Console is disabled.\r\n"
+NOT_FOUND, NOT_ACCESSIBLE, DISABLED = (ERRORS[number] for number in (4, 5, 12))
 
-_RULE = b"*" * 78
-
-
-def framed(message: str) -> bytes:
-    """A message from the daemon as every user of a console sees it."""
-    parts = [b"\a" * 5, _RULE, message.encode(), _RULE, b""]
-    return b"\r\n\r\n".join(parts)
-
+THREADS = 5  # that live as long as the daemon
 
 # For a daemon that is told to end while its main thread makes records: a sanitizer's look for leaks
 # would wait for ever for a lock that the interrupted allocation holds.
@@ -44,12 +38,32 @@ def connected(station: Station, console: FakeConsole, name: str, times: int = 1)
     return console
 
 
+def box_of(station: Station, *options: str, **fields) -> FakeConsole:
+    """Start a station of one console, "box", and have it connected."""
+    made = station.console("box", **fields)
+    station.start(*options)
+    return connected(station, made, "box")
+
+
+@pytest.fixture
+def box(station):
+    """The console of a station that has just this one."""
+    return box_of(station)
+
+
+def disable_and_enable(station: Station, box: FakeConsole) -> None:
+    """Close the only console's connection and its log, and have both opened again."""
+    for enable in (0, 1):
+        station.write_config(console_line(box.name, box.port, enable=enable))
+        reload(station)
+    box.accept()
+
+
 def visit(station: Station, console: str) -> None:
     """Attach as soon as the console is connected, and leave; needs debug level 1."""
     position = station.mark()
     attach_when_accessible(station, console, mode="ro", user="visitor").close()
-    station.wait_log(f'CleanUpClosedConnections: Closing connection with user "visitor"on console '
-                     f'"{console}"', after=position)
+    station.wait_log(removal("visitor", console), after=position)
 
 
 def attach_when_accessible(station: Station, console: str, **options) -> User:
@@ -69,6 +83,20 @@ def attach_when_accessible(station: Station, console: str, **options) -> User:
         return user
 
     return wait_until(attached, what=f"{console} to be accessible")
+
+
+def removal(user: str, console: str = "box") -> str:
+    """The debug line of a user's removal; there is no blank before "on"."""
+    return (f'CleanUpClosedConnections: Closing connection with user "{user}"on console '
+            f'"{console}"')
+
+
+def serves(user: Peer, console: Peer) -> None:
+    """The user and the console hear each other."""
+    user.send(b"typed")
+    console.expect_exactly(b"typed")
+    console.send(b"printed")
+    user.expect_exactly(b"printed")
 
 
 def leave(station: Station, user: User) -> None:
@@ -134,6 +162,14 @@ def wait_reloaded(station: Station, position: int, count: int = 1) -> None:
         station.wait_log("ACCESSIBLE CONSOLES:", count=2 * count, after=position)
 
 
+def wrapped(station: Station, commands: str) -> None:
+    """Have a shell start the daemon in its own place, after these commands."""
+    wrapper = station.root / "wrapper"
+    wrapper.write_text(f'#!/bin/bash\n{commands}\nexec {station.program} "$@"\n')
+    wrapper.chmod(0o755)
+    station.program = wrapper
+
+
 @contextlib.contextmanager
 def held_still(station: Station):
     """Stop every thread of the daemon; what happens meanwhile, it finds all at once."""
@@ -188,8 +224,21 @@ def assert_flat(station: Station, before: Usage, memory: int) -> None:
     assert is_sanitized(station.pid) or grown <= memory, f"{grown} bytes more than {before}"
 
 
+def wait_serving_nobody(station: Station) -> int:
+    """Wait until only the threads are left that live as long as the daemon; how many they are."""
+    # ThreadSanitizer has one of its own.
+    rest = THREADS + ("libtsan" in _mapped(station.pid))
+    wait_until(lambda: station.threads() == rest, what=f"{rest} threads")
+    return rest
+
+
 def is_sanitized(pid: int) -> bool:
     """True when the program was built with a sanitizer."""
-    with open(f"/proc/{pid}/maps", encoding="latin-1") as maps:
-        mapped = maps.read()
+    mapped = _mapped(pid)
     return "libasan" in mapped or "libtsan" in mapped
+
+
+def _mapped(pid: int) -> str:
+    """What the process has mapped into its memory."""
+    with open(f"/proc/{pid}/maps", encoding="latin-1") as maps:
+        return maps.read()

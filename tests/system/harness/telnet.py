@@ -4,13 +4,14 @@ import re
 
 import pexpect
 
+from harness.closing import Closing
 from harness.terminals import close_terminal
 from harness.waiting import LIMIT, stretched
 
 CLIENT = "/usr/bin/telnet"
 
 
-class TelnetUser:
+class TelnetUser(Closing):
     """The telnet client on a terminal of its own, as a person would use it.
 
     What is typed goes through the client's line mode or character mode, whichever the daemon
@@ -46,9 +47,3 @@ class TelnetUser:
     def close(self) -> None:
         """Leave, as closing the terminal's window would."""
         close_terminal(self.terminal)
-
-    def __enter__(self) -> "TelnetUser":
-        return self
-
-    def __exit__(self, *_exception) -> None:
-        self.close()

@@ -7,15 +7,12 @@ import os
 import platform
 import socket
 import struct
-import subprocess
 import termios
 from pathlib import Path
 
-from harness import settings
+from harness import preload
 from harness.peers import Peer
 from harness.station import Station
-
-_SOURCE = Path(__file__).with_name("silent_peers.c")
 
 _SO_ATTACH_FILTER = 26
 _SYS_PIDFD_GETFD = {"x86_64": 438, "aarch64": 438}
@@ -78,18 +75,14 @@ class Silence:
     """Adds minutes to the time since the kernel of the daemon started with `env` heard of peers."""
 
     def __init__(self, scratch: Path) -> None:
-        self._library = scratch / "silent_peers.so"
+        self._library = preload.build("silent_peers", scratch)
         self._settings = scratch / "silent_peers.settings"
-        subprocess.run(["cc", "-Wall", "-Wextra", "-Werror", "-O1", "-shared", "-fPIC",
-                        "-o", self._library, _SOURCE], check=True)
         self._settings.write_bytes(struct.pack("=9I", *[0] * 9))
 
     @property
     def env(self) -> dict[str, str]:
         """What has to be in the daemon's environment."""
-        # A sanitizer wants to be the first library; what comes before it here needs none.
-        return {"LD_PRELOAD": str(self._library), "SILENT_PEERS": str(self._settings),
-                **settings.sanitizer_options("verify_asan_link_order=0")}
+        return preload.environment(self._library, SILENT_PEERS=str(self._settings))
 
     def add(self, seconds: int, *peers: Peer) -> None:
         """Nothing has been heard of these peers for so much longer; of others, for no longer."""

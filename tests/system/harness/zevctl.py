@@ -7,6 +7,7 @@ import subprocess
 import pexpect
 
 from harness import settings
+from harness.closing import Closing
 from harness.station import Station, assert_no_sanitizer_report
 from harness.terminals import close_terminal
 from harness.waiting import LIMIT, stretched
@@ -68,7 +69,7 @@ def start(station: Station | None, *arguments: str, **options) -> subprocess.Pop
                             start_new_session=True, **(pipes | options))
 
 
-class Terminal:
+class Terminal(Closing):
     """The client on a terminal of its own, as a person would use it."""
 
     def __init__(self, station: Station | None, *arguments: str, columns: int = 80,
@@ -100,9 +101,3 @@ class Terminal:
     def close(self) -> None:
         """Leave, as closing the terminal's window would."""
         close_terminal(self.child)
-
-    def __enter__(self) -> "Terminal":
-        return self
-
-    def __exit__(self, *_exception) -> None:
-        self.close()
