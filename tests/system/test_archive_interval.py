@@ -53,7 +53,7 @@ def hang_up(station, waker) -> None:
     (["-a", "90m"], b"ZEVD_ARCH_INT=0\n"),
     (["-a", "1440m"], b"ZEVD_ARCH_INT=1\n"),
 ])
-def test_a_missing_file_is_made(station, suite_file, options, written):
+def test_a_missing_file_is_created(station, suite_file, options, written):
     os.chown(station.root, -1, 12345)
     station.start(*options)
     assert suite_file.read_bytes() == written
@@ -62,7 +62,7 @@ def test_a_missing_file_is_made(station, suite_file, options, written):
     assert (status.st_uid, status.st_gid) == (os.geteuid(), 12345)
 
 
-def test_the_value_of_the_file_is_taken(station, suite_file, waker):
+def test_the_value_in_the_file_is_used(station, suite_file, waker):
     suite_file.write_bytes(b"A=1\nZEVD_ARCH_INT=0\nB=2\n")
     station.start()
     waker.accept()
@@ -81,7 +81,8 @@ OTHERS = (b"# suite\r\n\n \tKEY = \xff\xfe\nnul\0inside\n" + b"x" * 20000 + b"\n
     (b"ZEVD_ARCH_INT=1\nMORE\nZEVD_ARCH_INT=soon\n", b"ZEVD_ARCH_INT=14\nMORE\nZEVD_ARCH_INT=14\n"),
     (b"ZEVD_ARCH_INT=14\n", b"ZEVD_ARCH_INT=14\n"),
 ])
-def test_the_value_of_the_command_line_is_written(station, suite_file, before, after, waker):
+def test_the_value_from_the_command_line_is_written_to_the_file(station, suite_file, before, after,
+                                                                waker):
     suite_file.write_bytes(before)
     suite_file.chmod(0o641)
     os.chown(suite_file, 4321, 12345)
@@ -116,7 +117,7 @@ def test_the_first_of_two_lines_sets_the_value(station, suite_file, waker):
 # Later
 
 
-def test_ninety_minutes_are_in_force_until_the_next_start(station, suite_file, waker):
+def test_ninety_minutes_apply_until_the_next_start(station, suite_file, waker):
     station.start("-a", "90m")
     waker.accept()
     never_archives(station, waker)
@@ -127,7 +128,7 @@ def test_ninety_minutes_are_in_force_until_the_next_start(station, suite_file, w
     assert suite_file.read_bytes() == b"ZEVD_ARCH_INT=0\n"
 
 
-def test_a_hangup_takes_the_present_value_of_the_file(station, suite_file, waker):
+def test_a_hangup_reads_the_value_from_the_file_again(station, suite_file, waker):
     station.start("-a", "2w")
     waker.accept()
     hang_up(station, waker)
@@ -140,7 +141,7 @@ def test_a_hangup_takes_the_present_value_of_the_file(station, suite_file, waker
     assert suite_file.read_bytes() == b"ZEVD_ARCH_INT=3\n"
 
 
-def test_a_hangup_makes_a_file_that_is_missing(station, suite_file, waker):
+def test_a_hangup_creates_a_missing_file(station, suite_file, waker):
     station.start("-a", "2w")
     waker.accept()
     suite_file.unlink()
@@ -149,8 +150,8 @@ def test_a_hangup_makes_a_file_that_is_missing(station, suite_file, waker):
                what="the file")
 
 
-def test_a_value_that_waits_stays_in_force_and_is_written_when_the_line_appears(station,
-                                                                                suite_file, waker):
+def test_a_value_without_a_line_applies_and_is_written_when_the_line_appears(station, suite_file,
+                                                                             waker):
     suite_file.write_bytes(b"A=1\n")
     station.start("-a", "0d")
     waker.accept()
@@ -168,7 +169,7 @@ def test_a_value_that_waits_stays_in_force_and_is_written_when_the_line_appears(
     assert suite_file.read_bytes() == b"A=1\nZEVD_ARCH_INT=9\n"
 
 
-def test_an_instance_that_is_refused_has_written_its_value_all_the_same(station, suite_file):
+def test_a_refused_instance_still_writes_its_value(station, suite_file):
     station.start()
     assert station.run("-f", "-S", "0", "-p", str(free_port()), "-a", "3d").returncode == 1
     assert suite_file.read_bytes() == b"ZEVD_ARCH_INT=3\n"
@@ -194,7 +195,7 @@ def loop(path) -> str:
 
 
 @pytest.mark.parametrize("options", [[], ["-a", "2w"]])
-def test_a_file_that_cannot_be_opened_ends_it_at_the_start(station, suite_file, options):
+def test_a_file_that_cannot_be_opened_ends_the_daemon_at_start_up(station, suite_file, options):
     reason = loop(suite_file)
     done = station.run("-f", "-S", "0", "-d", "1", "-p", str(free_port()), *options)
     assert done.returncode == 1
@@ -203,7 +204,7 @@ def test_a_file_that_cannot_be_opened_ends_it_at_the_start(station, suite_file, 
     assert said[1].startswith("Exiting with code 1 from file archive_time.cpp line ")
 
 
-def test_a_file_that_cannot_be_opened_ends_it_at_a_hangup(station, suite_file):
+def test_a_file_that_cannot_be_opened_ends_the_daemon_at_a_hangup(station, suite_file):
     station.start()
     reason = loop(suite_file)
     station.signal(signal.SIGHUP)
@@ -211,7 +212,7 @@ def test_a_file_that_cannot_be_opened_ends_it_at_a_hangup(station, suite_file):
     assert reason in messages(station.log_text())
 
 
-def test_a_directory_in_its_place_ends_it_at_the_start(station, suite_file):
+def test_a_directory_in_its_place_ends_the_daemon_at_start_up(station, suite_file):
     suite_file.mkdir()
     done = station.run("-f", "-S", "0", "-p", str(free_port()), "-a", "2w")
     assert done.returncode == 1
@@ -242,7 +243,7 @@ def full_disk(station, suite_file):
 
 
 @pytest.mark.needs_namespace
-def test_a_file_that_cannot_be_written_back_is_kept_elsewhere(station, suite_file, full_disk):
+def test_a_file_that_cannot_be_written_back_is_saved_elsewhere(station, suite_file, full_disk):
     """One digit more makes the file a page larger, and there is none."""
     others = b"OTHER=" + b"o" * (4096 - len("ZEVD_ARCH_INT=7\nOTHER=\n")) + b"\n"
     suite_file.write_bytes(b"ZEVD_ARCH_INT=7\n" + others)

@@ -93,7 +93,7 @@ def test_a_long_console_name_is_cut(station, name):
     station.wait_log(attachment(mode="ro", console="n" * 64))
 
 
-def test_a_name_that_is_one_letter_short_of_the_cut_is_another_name(station):
+def test_a_name_one_letter_short_of_the_limit_is_another_name(station):
     console = station.console("n" * 64)
     bring_up(station, console)
     refused(say(station, b"n" * 63 + b"\n"), 4)
@@ -176,7 +176,7 @@ def test_an_invalid_line_revokes_nobody(station, box):
 # Lines in pieces, and what follows them
 
 
-def test_a_line_that_has_come_in_part_is_taken_as_it_is(station):
+def test_a_line_that_arrives_in_part_is_taken_as_it_is(station):
     console = station.console("ab")
     bring_up(station, console)
     user = say(station, b"ab")
@@ -201,7 +201,7 @@ def test_a_line_has_room_for_1023_bytes(station, box, length):
     box.expect_exactly(line[LINE_ROOM:] + b"keys")
 
 
-def test_a_word_that_is_cut_at_the_end_of_the_room(station, box):
+def test_a_word_that_does_not_fit_is_cut(station, box):
     line = b"box user=ann".ljust(LINE_ROOM - 3) + b"mode=ex\n"
     refused(say(station, line), 2)
     station.wait_log('ParseConsoleArgs: Invalid argument "mod".')
@@ -210,7 +210,7 @@ def test_a_word_that_is_cut_at_the_end_of_the_room(station, box):
 # Connections that say nothing
 
 
-def test_after_ten_seconds_of_silence_the_caller_is_told_and_closed(station, mapped_box):
+def test_a_caller_who_is_silent_for_ten_seconds_is_told_and_disconnected(station, mapped_box):
     _, port = mapped_box()
     start = time.monotonic()
     silent = [station.caller(), station.caller(port)]
@@ -224,7 +224,7 @@ def test_after_ten_seconds_of_silence_the_caller_is_told_and_closed(station, map
 
 
 @pytest.mark.parametrize("end", ["finish_sending", "close", "reset"])
-def test_a_connection_that_ends_without_a_word_is_closed_without_one(station, box, end):
+def test_a_connection_that_ends_without_a_line_gets_no_answer(station, box, end):
     caller = station.caller()
     getattr(caller, end)()
     if end == "finish_sending":
@@ -237,7 +237,7 @@ def test_a_connection_that_ends_without_a_word_is_closed_without_one(station, bo
     assert "SendErrorToUser: " not in station.log_text()
 
 
-def test_half_closed_users_are_attached_and_then_gone(station, box):
+def test_a_half_closed_connection_is_attached_and_then_removed(station, box):
     user = say(station, b"box user=ann\n")
     user.finish_sending()
     user.expect_exactly(OFFERS)
@@ -245,7 +245,7 @@ def test_half_closed_users_are_attached_and_then_gone(station, box):
     station.wait_log(removal("ann"), thread="user_mon")
 
 
-def test_the_text_of_one_refusal_does_not_reach_another_caller(station, box):
+def test_each_caller_gets_the_text_of_its_own_refusal(station, box):
     callers = [station.caller() for _ in range(24)]
     lines = {2: b"box mode=EX\n", 4: b"nobody\n", 9: b"\n"}
     for index, caller in enumerate(callers):
@@ -254,7 +254,7 @@ def test_the_text_of_one_refusal_does_not_reach_another_caller(station, box):
         refused(caller, list(lines)[index % 3])
 
 
-def test_a_service_thread_gives_its_name_back(station, box):
+def test_a_service_thread_frees_its_name(station, box):
     for _ in range(60):
         refused(say(station, b"nobody\n"), 4)
     station.wait_log("ServiceConnectionRequestThreadStart: Exiting thread.", count=60,
@@ -265,7 +265,7 @@ def test_a_service_thread_gives_its_name_back(station, box):
 # Mapped ports without security
 
 
-def test_a_line_is_read_on_a_mapped_port_and_not_looked_at(station, mapped_box):
+def test_a_line_on_a_mapped_port_is_read_and_ignored(station, mapped_box):
     box, port = mapped_box()
     for line in (b"\n", b"nonsense mode=EX user=ann\n", b"token\n", b"other mode=ex addr=1\n"):
         position = station.mark()
@@ -391,7 +391,7 @@ def test_with_security_the_cookie_opens_the_main_port(station, mapped_box):
     (lambda right: b"token " + right[:-1] + b" box\n", 1),
     (lambda right: b"token x" + right[1:] + b" box\n", 1),
 ])
-def test_with_security_what_is_wrong_beside_or_with_the_cookie(station, mapped_box, made, error):
+def test_with_security_a_wrong_cookie_or_line_is_refused(station, mapped_box, made, error):
     mapped_box("-S", "1")
     right = cookie(station)
     assert re.fullmatch(b"[A-Za-z0-9]{16}", right)

@@ -46,7 +46,7 @@ def test_an_enabled_console_that_is_not_connected_is_not_accessible(station, mod
 
 
 @pytest.mark.parametrize("mode", [None, "ro", "er"])
-def test_a_disabled_console_is_named_so(station, mode):
+def test_a_disabled_console_is_reported_as_disabled(station, mode):
     station.console_line("off", 1, enable=0)
     station.start()
     refused(station.ask("off", mode), 12)
@@ -87,7 +87,7 @@ def test_a_mode_is_printed_by_its_name(station, box, mode):
     station.wait_log(attachment("ann", mode), thread="serv_conn")
 
 
-def test_the_mode_is_shared_when_nothing_is_said(station, box):
+def test_the_default_mode_is_shared(station, box):
     station.ask("box").expect_exactly(OFFERS)
     station.wait_log(attachment("<unknown>", "sh"))
 
@@ -98,7 +98,7 @@ def test_the_mode_is_shared_when_nothing_is_said(station, box):
     ("ex", "ro"),
     ("er", "ro"),
 ])
-def test_modes_that_stand_beside_each_other(station, box, first, second):
+def test_modes_that_can_be_combined(station, box, first, second):
     users = [station.attach("box", first), station.attach("box", second)]
     sees(box, *users)
     types(box, *(user for user, mode in zip(users, (first, second)) if mode != "ro"))
@@ -108,7 +108,7 @@ def test_modes_that_stand_beside_each_other(station, box, first, second):
     ("sh", "ex", 7), ("sh", "er", 7),
     ("ex", "sh", 6), ("ex", "ex", 6), ("ex", "er", 6),
 ])
-def test_modes_that_do_not(station, box, first, second, error):
+def test_modes_that_cannot_be_combined(station, box, first, second, error):
     holder = station.attach("box", first)
     late = station.ask("box", second)
     refused(late, error)
@@ -120,7 +120,7 @@ def test_modes_that_do_not(station, box, first, second, error):
 
 
 @pytest.mark.parametrize("mode", ["sh", "ex", "er"])
-def test_the_next_who_does_not_only_read_takes_a_revocable_console_over(station, box, mode):
+def test_the_next_user_who_can_type_takes_over_a_revocable_console(station, box, mode):
     holder = station.attach("box", "er", user="first")
     successor = station.attach("box", mode, user="second")
     holder.expect_exactly(terminated_by("second"))
@@ -131,7 +131,7 @@ def test_the_next_who_does_not_only_read_takes_a_revocable_console_over(station,
     types(box, successor)
 
 
-def test_the_banner_names_the_address_that_the_successor_is_to_be_shown_under(station, box):
+def test_the_banner_shows_the_address_that_the_successor_gave(station, box):
     holder = station.attach("box", "er")
     station.attach("box", user="ann", addr="10.11.12.13")
     holder.expect_exactly(terminated_by("ann", "10.11.12.13"))
@@ -155,7 +155,7 @@ def test_a_chain_of_revocable_holders(station, box):
     types(box, holder)
 
 
-def test_readers_see_nothing_of_a_revocation(station, box):
+def test_readers_do_not_notice_a_revocation(station, box):
     reader = station.attach("box", "ro")
     holder = station.attach("box", "er")
     successor = station.attach("box", "ex", user="next")
@@ -164,7 +164,7 @@ def test_readers_see_nothing_of_a_revocation(station, box):
     sees(box, reader, successor)
 
 
-def test_an_exclusive_user_behind_a_reader_does_not_lock_the_console(station, box):
+def test_an_exclusive_user_after_a_reader_does_not_lock_the_console(station, box):
     reader = station.attach("box", "ro")
     holder = station.attach("box", "ex")
     refused(station.ask("box", "ex"), 7)
@@ -191,14 +191,14 @@ def test_a_lock_ends_with_its_holder(station, box):
     types(box, station.attach("box", "ex"))
 
 
-def test_consoles_are_locked_one_by_one(station):
+def test_locking_one_console_leaves_the_others_free(station):
     one, two = station.console("one"), station.console("two")
     bring_up(station, one, two)
     station.attach("one", "ex")
     types(two, station.attach("two", "ex"))
 
 
-def test_a_revocable_holder_is_revoked_even_for_a_user_who_is_then_refused(station, box):
+def test_a_holder_is_revoked_even_for_a_user_who_is_then_refused(station, box):
     holder = station.attach("box", "er")
     with user_monitor_frozen(station):
         shared = station.ask("box", "sh", user="ann")
@@ -212,7 +212,7 @@ def test_a_revocable_holder_is_revoked_even_for_a_user_who_is_then_refused(stati
     types(box, shared)
 
 
-def test_of_many_who_want_a_console_for_themselves_one_gets_it(station, box):
+def test_only_one_of_many_gets_a_console_exclusively(station, box):
     crowd = [station.caller() for _ in range(20)]
     start = threading.Barrier(len(crowd))
 
@@ -242,7 +242,7 @@ def test_a_new_user_gets_the_offers_and_nothing_else(station, box):
     sees(box, user)
 
 
-def test_the_consoles_own_negotiation_the_offers_the_recent_output_and_what_follows(station):
+def test_a_new_user_gets_negotiation_offers_recent_output_and_the_rest(station):
     box = station.console("box", greeting=NEGOTIATION + b"recent")
     bring_up(station, box, options=("-B", "100"))
     station.wait_log("ProcessConsoleOutput: Received ->recent<- (6 bytes)")
@@ -253,7 +253,7 @@ def test_the_consoles_own_negotiation_the_offers_the_recent_output_and_what_foll
     station.ask("box", "ro").expect_exactly(NEGOTIATION + OFFERS + b"recent and new")
 
 
-def test_the_consoles_negotiation_is_sent_as_far_as_its_first_nul(station):
+def test_the_consoles_negotiation_is_sent_up_to_its_first_nul(station):
     box = station.console("box", greeting=b"\xff\xfb\x01\xff\xfb\x00\xff\xfb\x03end")
     bring_up(station, box)
     station.wait_log("ProcessConsoleOutput: Received ->end<- (3 bytes)")
@@ -262,7 +262,7 @@ def test_the_consoles_negotiation_is_sent_as_far_as_its_first_nul(station):
     sees(box, user)
 
 
-def test_without_a_replay_buffer_nothing_of_the_past_is_sent(station, box):
+def test_without_a_replay_buffer_no_earlier_output_is_sent(station, box):
     box.send(b"long gone")
     station.wait_log("ProcessConsoleOutput: Received ->long gone<- (9 bytes)")
     user = station.ask("box")
@@ -272,7 +272,7 @@ def test_without_a_replay_buffer_nothing_of_the_past_is_sent(station, box):
 
 @pytest.mark.parametrize("size, kept", [(1, b""), (2, b"9"), (10, b"123456789"),
                                         (11, b"0123456789"), (12, b"0123456789")])
-def test_the_replay_is_the_last_output_that_the_buffer_has_room_for(station, size, kept):
+def test_the_replay_is_the_last_output_that_fits_the_buffer(station, size, kept):
     box = station.console("box", greeting=b"0123456789")
     bring_up(station, box, options=("-B", str(size)))
     station.wait_log("ProcessConsoleOutput: Received ->0123456789<- (10 bytes)")
@@ -281,7 +281,7 @@ def test_the_replay_is_the_last_output_that_the_buffer_has_room_for(station, siz
     sees(box, user)
 
 
-def test_the_replay_runs_round_the_end_of_the_buffer(station):
+def test_the_replay_wraps_around_the_end_of_the_buffer(station):
     box = station.console("box", greeting=b"abcdef")
     bring_up(station, box, options=("-B", "10"))
     station.wait_log("ProcessConsoleOutput: Received ->abcdef<- (6 bytes)")
@@ -290,7 +290,7 @@ def test_the_replay_runs_round_the_end_of_the_buffer(station):
     station.ask("box").expect_exactly(OFFERS + b"hijkl\r\n\0m")
 
 
-def test_a_refused_user_is_sent_nothing_of_the_console(station):
+def test_a_refused_user_gets_no_console_output(station):
     box = station.console("box", greeting=NEGOTIATION + b"recent")
     bring_up(station, box, options=("-B", "100"))
     station.wait_log("ProcessConsoleOutput: Received ->recent<- (6 bytes)")
@@ -298,7 +298,7 @@ def test_a_refused_user_is_sent_nothing_of_the_console(station):
     refused(station.ask("box"), 6)
 
 
-def test_a_user_of_a_real_telnet_client_types_at_once(station, box):
+def test_a_user_with_a_real_telnet_client_can_type_at_once(station, box):
     with station.telnet() as user:
         user.attach("box", "user=ann")
         station.wait_log(attachment("ann", "sh"))

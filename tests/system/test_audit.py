@@ -37,26 +37,26 @@ def fortress(system_log, groups, station):
     return station, door, Hall(station, door.helper, door.box)
 
 
-def test_security_that_is_off_is_told_at_the_start(system_log, open_station):
+def test_security_that_is_off_is_reported_at_start_up(system_log, open_station):
     assert system_log.wait("security") == [{"what": "security", "result": "off"}]
     station, _ = open_station
     station.wait_log("main: Security is off: whoever reaches port "
                      f"{station.port} is attached without a login.")
 
 
-def test_a_word_that_is_no_number_turns_security_off_and_is_told(system_log, station):
+def test_a_word_instead_of_a_number_turns_security_off_and_is_reported(system_log, station):
     station.start("-S", "on", "-d", "0")
     station.wait_log(f"main: Security is off: whoever reaches port {station.port} is attached "
                      "without a login.")
     assert system_log.wait("security") == [{"what": "security", "result": "off"}]
 
 
-def test_security_that_is_on_says_nothing(system_log, fortress):
+def test_security_that_is_on_is_not_reported(system_log, fortress):
     assert system_log.entries() == []
     assert "Security is off" not in fortress[0].log_text()
 
 
-def test_a_main_port_that_is_taken_is_told(system_log, station):
+def test_a_main_port_that_is_taken_is_reported(system_log, station):
     with socket.create_server((LOOPBACK, 0)) as taken:
         port = taken.getsockname()[1]
         station.start("-p", str(port), wait=False)
@@ -68,7 +68,7 @@ def test_a_main_port_that_is_taken_is_told(system_log, station):
              "reason": "Nobody can connect through the main port."}]
 
 
-def test_attaching_and_leaving(system_log, open_station):
+def test_attaching_and_leaving_are_recorded(system_log, open_station):
     station, _ = open_station
     user = station.attach("box", mode="ex", user="anna", addr="10.0.0.9")
     (entry,) = system_log.wait("attach")
@@ -99,7 +99,7 @@ def test_users_who_keep_output_from_the_logs_are_recorded(system_log, open_stati
     (b"\n", {"mode": "sh", "reason": "009 - Insufficient data."}),
     (b"box mode=er\n", {"console": "box", "mode": "er",
                         "reason": "007 - Cannot grant exclusive access. Console in use."})])
-def test_who_is_not_attached(system_log, open_station, line, entry):
+def test_refused_attachments_are_recorded(system_log, open_station, line, entry):
     station, _ = open_station
     station.attach("box", mode="sh")
     caller = station.caller()
@@ -116,7 +116,7 @@ def test_the_address_is_the_real_one_whatever_is_claimed(system_log, open_statio
     assert (entry["from"], entry["given_from"]) == ("127.0.0.7", "192.0.2.99")
 
 
-def test_a_login_on_a_consoles_own_port(system_log, fortress):
+def test_a_login_on_a_consoles_own_port_is_recorded(system_log, fortress):
     _, door, _ = fortress
     user = door.call()
     fail(user, b"mallory\x1b[2J", b"guess")
@@ -133,7 +133,7 @@ def test_a_login_on_a_consoles_own_port(system_log, fortress):
                         "console": "box", "mode": "sh"}
 
 
-def test_somebody_who_is_not_admitted(system_log, fortress):
+def test_a_right_password_without_permission_is_recorded(system_log, fortress):
     _, door, _ = fortress
     user = door.call()
     log_in(user, b"bob", b"builder")
@@ -143,7 +143,7 @@ def test_somebody_who_is_not_admitted(system_log, fortress):
          "reason": "014 - Not an authorized user."}]
 
 
-def test_a_login_on_the_main_port_tells_the_proved_name_and_the_given_one(system_log, fortress):
+def test_a_login_on_the_main_port_records_the_proved_name_and_the_given_one(system_log, fortress):
     _, _, hall = fortress
     user = hall.call(b"box user=root addr=10.1.1.1 mode=ro")
     give(user, b"alice", b"pw")
@@ -157,7 +157,7 @@ def test_a_login_on_the_main_port_tells_the_proved_name_and_the_given_one(system
                         "console": "box", "mode": "ro"}
 
 
-def test_a_refused_login_on_the_main_port(system_log, fortress):
+def test_a_refused_login_on_the_main_port_is_recorded(system_log, fortress):
     _, _, hall = fortress
     user = hall.call()
     for name in (b"x", b"y"):
@@ -170,7 +170,7 @@ def test_a_refused_login_on_the_main_port(system_log, fortress):
          "reason": "001 - Authentication failed."} for name in "xyz"]
 
 
-def test_failed_tries_before_a_success_show_too(system_log, fortress):
+def test_failed_attempts_before_a_success_are_recorded(system_log, fortress):
     _, _, hall = fortress
     user = hall.call()
     give(user, b"root", b"guess")
@@ -184,7 +184,7 @@ def test_failed_tries_before_a_success_show_too(system_log, fortress):
     assert tries == [("refused", None, "root"), ("accepted", "alice", None)]
 
 
-def test_the_cookie_is_told_apart_from_a_login(system_log, fortress):
+def test_the_cookie_is_distinguished_from_a_login(system_log, fortress):
     station, _, _ = fortress
     local_user(station, b"box user=anna").expect_exactly(OFFERS)
     assert system_log.wait("login") == [
@@ -197,7 +197,7 @@ def test_the_cookie_is_told_apart_from_a_login(system_log, fortress):
         "reason": "001 - Authentication failed."}
 
 
-def test_every_control_command_shows_with_its_object(system_log, open_station):
+def test_every_control_command_is_recorded_with_its_object(system_log, open_station):
     station, _ = open_station
     tool = Tool(station, user="ops", addr="10.9.9.9")
     for command in ("msg box hello", "clear BOX", "force box", "disable box", "enable box",
@@ -221,7 +221,7 @@ def test_every_control_command_shows_with_its_object(system_log, open_station):
         {"what": "leave", "result": "done", **who, "console": "@@@@"}]
 
 
-def test_a_cleared_and_a_lost_console_are_told_apart(system_log, open_station):
+def test_a_cleared_and_a_lost_console_are_distinguished(system_log, open_station):
     station, box = open_station
     station.attach("box")
     Tool(station, user=None).command("clear box")
@@ -233,7 +233,7 @@ def test_a_cleared_and_a_lost_console_are_told_apart(system_log, open_station):
     assert system_log.wait("leave", 2)[1]["reason"] == "The console's connection was closed."
 
 
-def test_a_log_that_is_away_costs_entries_and_nothing_else(system_log, open_station):
+def test_a_missing_system_log_loses_entries_and_nothing_else(system_log, open_station):
     station, box = open_station
     system_log.wait("security")
     system_log.close()

@@ -106,7 +106,7 @@ def vanish(port: int, data: bytes, way: str) -> None:
 # Bytes of no meaning
 
 
-def test_random_bytes_on_the_main_port_are_answered_with_a_text_or_a_close(station, healthy):
+def test_random_bytes_on_the_main_port_get_a_text_or_a_close(station, healthy):
     numbers = seeded()
     well = healthy()
     answers = set()
@@ -132,7 +132,7 @@ def test_random_bytes_on_a_mapped_port_are_a_line_and_then_keys(station, healthy
         well.undisturbed()
 
 
-def test_random_options_and_separators(station, healthy):
+def test_random_options_and_separators_are_refused(station, healthy):
     numbers = seeded()
     well = healthy()
     words = [b"mode=", b"mode=ro", b"mode=er", b"user=", b"addr=", b"token", b"nobody", b"@@@",
@@ -149,14 +149,14 @@ def test_random_options_and_separators(station, healthy):
 
 @pytest.mark.parametrize("name", [b"%s%s%s%n", b"../../etc/passwd", b"\x1b[2J", b"\"", b"\xff\xfe",
                                   b"healthy\x00", b"a" * 1000])
-def test_names_are_only_names(station, healthy, name):
+def test_special_characters_in_a_name_are_plain_text(station, healthy, name):
     well = healthy()
     answer = say(station.port, name + b" mode=ro\n")
     assert answer == (OFFERS if name == b"healthy\0" else ERRORS[4])
     well.undisturbed()
 
 
-def test_a_line_of_100000_bytes(station, healthy):
+def test_a_line_of_100000_bytes_is_refused(station, healthy):
     well = healthy()
     for line in (b"x" * 100000, b" " * 100000, b"\0" * 100000, b"nobody " + b"user=a " * 15000,
                  b"x" * 100000 + b"\n", b"\n" * 100000):
@@ -176,7 +176,7 @@ def test_the_rest_of_a_line_of_100000_bytes_is_keys(station, healthy):
     well.undisturbed()
 
 
-def test_a_config_name_with_odd_bytes_is_a_name(station, healthy):
+def test_a_configured_name_may_have_odd_bytes(station, healthy):
     odd = b"\x01\x7f%n\xe4"
     box = station.console(odd.decode("latin-1"), greeting=NEGOTIATION + b"\n")
     healthy()
@@ -188,7 +188,7 @@ def test_a_config_name_with_odd_bytes_is_a_name(station, healthy):
 
 
 @pytest.mark.parametrize("command", TELNET_COMMANDS)
-def test_telnet_commands_around_the_line(station, healthy, command):
+def test_telnet_commands_around_the_line_are_part_of_it(station, healthy, command):
     """They are bytes like others: the line is taken as it came, and no client is left hanging."""
     well = healthy()
     assert say(station.port, command + b"healthy\n") in (ERRORS[4], ERRORS[2])
@@ -216,7 +216,7 @@ def test_telnet_commands_from_consoles_go_to_the_users(healthy, command):
 
 
 @pytest.mark.parametrize("command", TELNET_COMMANDS)
-def test_a_console_that_begins_with_odd_telnet_is_connected(station, healthy, command):
+def test_a_console_that_begins_with_odd_telnet_commands_is_connected(station, healthy, command):
     odd = station.console("odd", greeting=command)
     well = healthy()
     odd.accept()
@@ -232,7 +232,7 @@ def test_a_console_that_begins_with_odd_telnet_is_connected(station, healthy, co
 
 
 @pytest.mark.parametrize("way", ["close", "reset"])
-def test_connections_that_vanish_at_any_point_of_the_handshake(station, healthy, way):
+def test_connections_may_vanish_at_any_point_of_the_handshake(station, healthy, way):
     port = free_port()
     box = station.console("box", mapped_port=port)
     well = healthy(others=(box,))
@@ -249,7 +249,7 @@ def test_connections_that_vanish_at_any_point_of_the_handshake(station, healthy,
     user.expect_exactly(b"again")
 
 
-def test_connections_that_vanish_while_they_are_sent_much(station, healthy):
+def test_connections_may_vanish_during_a_flood_of_output(station, healthy):
     box = station.console("box", greeting=b"x" * 4000)
     well = healthy("-B", "5000")
     box.accept()
@@ -338,7 +338,7 @@ def wait_reloaded(station: Station, well: Healthy, after: int) -> None:
     well.undisturbed()
 
 
-def test_a_configuration_line_cut_anywhere(station, healthy):
+def test_a_configuration_line_may_be_cut_anywhere(station, healthy):
     """The file ends in the middle of a line, as if the daemon had come while it was written."""
     well = healthy()
     kept = station.config_file.read_text(encoding="latin-1")
@@ -354,7 +354,7 @@ def test_a_configuration_line_cut_anywhere(station, healthy):
 
 
 @pytest.mark.needs_namespace
-def test_a_configuration_line_that_has_lost_its_beginning(station, healthy):
+def test_a_configuration_line_may_have_lost_its_beginning(station, healthy):
     """What is left may name any address at all, so this is for a network of the test's own."""
     well = healthy("-d", "3")
     kept = station.config_file.read_text(encoding="latin-1")
@@ -366,7 +366,7 @@ def test_a_configuration_line_that_has_lost_its_beginning(station, healthy):
         wait_reloaded(station, well, position)
 
 
-def test_configurations_of_random_bytes(station, healthy):
+def test_configurations_may_be_random_bytes(station, healthy):
     numbers = seeded()
     well = healthy()
     kept = station.config_file.read_bytes()
@@ -381,7 +381,7 @@ def test_configurations_of_random_bytes(station, healthy):
 # Consoles
 
 
-def test_a_console_that_resets_whenever_it_is_called(station, healthy):
+def test_a_console_may_reset_every_connection(station, healthy):
     box = station.console("box")
     well = healthy()
     box.accept()
@@ -393,7 +393,7 @@ def test_a_console_that_resets_whenever_it_is_called(station, healthy):
         well.undisturbed()
 
 
-def test_a_console_that_hangs_up_with_users_there(station, healthy):
+def test_a_console_may_hang_up_on_its_users(station, healthy):
     box = station.console("box")
     well = healthy(others=(box,))
     for way in ("close", "reset") * 4:
@@ -407,7 +407,7 @@ def test_a_console_that_hangs_up_with_users_there(station, healthy):
         well.undisturbed()
 
 
-def test_consoles_that_never_answer(station, healthy):
+def test_consoles_that_never_answer_disturb_nobody(station, healthy):
     consoles = [station.console(f"dead{number}") for number in range(5)]
     for console in consoles:
         console.hang()
@@ -431,7 +431,7 @@ def test_a_console_that_floods_does_not_disturb_others(station, healthy):
         assert user.received == OFFERS + bytes(range(256)) * 6400 + b"the end"
 
 
-def test_a_flood_that_nobody_is_attached_to(station, healthy):
+def test_a_flood_that_nobody_watches_disturbs_nobody(station, healthy):
     box = station.console("box")
     well = healthy("-B", "100", others=(box,))
     flood = box.flood(b"0123456789" * 1000, 200)
@@ -440,7 +440,7 @@ def test_a_flood_that_nobody_is_attached_to(station, healthy):
     flood.join(limit=30)
 
 
-def test_a_user_who_reads_nothing_does_not_stop_a_console_that_prints(station, healthy):
+def test_a_user_who_reads_nothing_does_not_stop_the_console(station, healthy):
     box = station.console("box")
     well = healthy("-d", "1", others=(box,))
     stalled = attach_when_accessible(station, "box")
@@ -456,7 +456,7 @@ def test_a_user_who_reads_nothing_does_not_stop_a_console_that_prints(station, h
     well.undisturbed()
 
 
-def test_a_console_that_takes_nothing_while_a_user_pastes(station, healthy):
+def test_a_paste_that_the_console_does_not_read_disturbs_nobody(station, healthy):
     box = station.console("box", buffer=4096)
     well = healthy("-d", "1", others=(box,))
     typist = attach_when_accessible(station, "box")
@@ -468,7 +468,7 @@ def test_a_console_that_takes_nothing_while_a_user_pastes(station, healthy):
     well.undisturbed()
 
 
-def test_nuls_and_chunks_without_a_text(healthy):
+def test_nuls_and_odd_chunks_pass_as_they_are(healthy):
     well = healthy("-B", "64")
     for data in (b"\0", b"\0" * 1024, b"a\0b", b"~NET-E-\0Session is already open to the "
                  b"partition/CLI", b"%s%n\0\xff", b"\xff" * 1024):

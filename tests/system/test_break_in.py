@@ -78,7 +78,7 @@ def test_a_token_line_is_a_name_on_a_consoles_own_port(door):
     unmoved(door.station)
 
 
-def test_the_cookie_of_a_station_without_restraint_is_not_for_others(station):
+def test_the_cookie_is_not_for_others_even_with_an_open_mask(station):
     """Whatever the mask of the one who starts it, others never read the new file."""
     former = os.umask(0)
     try:
@@ -96,7 +96,7 @@ def test_the_cookie_of_a_station_without_restraint_is_not_for_others(station):
     (b"root x", b"y"), (b"root ", b"secret"), (b" root", b"secret"), (b"root\t", b"secret"),
     (b"ROOT", b"secret"), (b"root\x01", b"secret"), (b"root:0:0", b"secret"), (b"0", b"secret"),
     (b"root" * 64, b"secret"), (b"root\xff\xff", b"secret"), (b"roo", b"tsecret")])
-def test_a_name_that_is_nearly_roots_is_not(groups, door, name, password):
+def test_a_name_that_is_nearly_roots_is_not_admitted(groups, door, name, password):
     """Even a helper that takes the name's first word for the name does not make it root's."""
     door.helper.accept(name[:256], password)
     user = door.call()
@@ -112,7 +112,7 @@ def test_a_name_that_is_nearly_roots_is_not(groups, door, name, password):
 @pytest.mark.parametrize("name", [b"root x", b"root ", b" root", b"root\t", b"ROOT", b"root\x01",
                                   b"root" * 64, b"alice x", b"alice ", b"ali", b"alice,carol",
                                   b"qoruser", b"x", b"64000", b"*", b"alice mode=ex user=root"])
-def test_a_name_that_is_nearly_a_members_is_not_in_the_hall(groups, hall, name):
+def test_a_name_that_is_nearly_a_members_is_not_admitted(groups, hall, name):
     groups.write("qoruser:x:64000:carol,alice\n")
     hall.helper.accept(name, b"pw")
     user = hall.call()
@@ -152,7 +152,7 @@ def test_nothing_like_the_password_admits(door, typed):
     unmoved(door.station)
 
 
-def test_the_end_of_the_connection_is_no_answer(door):
+def test_the_end_of_the_connection_does_not_complete_an_answer(door):
     """The pair is checked only once both lines have ended."""
     for typed, shown in ((b"root\r\0secret", PASSWORD), (b"root", b"root")):
         user = door.call()
@@ -212,7 +212,7 @@ def test_nothing_passes_between_caller_and_console_before_the_login(door):
     assert b"codes" not in user.received
 
 
-def test_nothing_passes_between_client_and_console_before_the_login_of_the_hall(hall):
+def test_nothing_passes_on_the_main_port_before_the_login(hall):
     user = hall.call()
     hall.box.send(b"launch codes\r\n")
     hall.station.wait_log("ProcessConsoleOutput: Received ->launch codes\r")
@@ -225,7 +225,7 @@ def test_nothing_passes_between_client_and_console_before_the_login_of_the_hall(
     assert b"codes" not in user.received
 
 
-def test_a_port_that_changes_its_console_during_the_login_does_not_lead_there(door):
+def test_a_login_keeps_its_console_when_its_port_changes_hands(door):
     """Who logs in for one console is not attached to another that has taken over its port."""
     user = door.call()
     give_name(user, b"root")
@@ -236,8 +236,7 @@ def test_a_port_that_changes_its_console_during_the_login_does_not_lead_there(do
     door.admitted(user)
 
 
-def test_the_login_cannot_be_skipped_by_asking_for_it_off(door):
-    """A console that begins to ask for a login asks the next caller."""
+def test_a_console_that_begins_to_ask_for_a_login_asks_the_next_caller(door):
     station = door.station
     reload(station, console_line("box", door.box.port, mapped_port=door.port, auth=0)
            + console_line("vault", station.vault.port), waker=door.box)
@@ -248,14 +247,14 @@ def test_the_login_cannot_be_skipped_by_asking_for_it_off(door):
     door.call()
 
 
-def test_a_line_on_a_consoles_own_port_is_no_argument_line(door):
+def test_a_line_on_a_consoles_own_port_is_not_an_argument_line(door):
     user = door.station.caller(door.port)
     user.send(b"vault mode=ex user=root\n")
     user.expect(b"vault mode=ex user=root\n" + PASSWORD)
     unmoved(door.station)
 
 
-def test_the_commands_are_not_to_be_had_without_a_login(hall):
+def test_commands_need_a_login(hall):
     for line in (b"@@@@\n", b"@@@@ user=root\n", b"token x @@@@\n", b"@@@@ addr=127.0.0.1\n"):
         user = hall.station.caller()
         user.send(line)
@@ -295,7 +294,7 @@ def test_a_line_of_any_length_does_not_hide_the_name_that_was_proved(groups, hal
     assert 'Connected user "root"' not in hall.station.log_text()
 
 
-def test_a_name_in_the_line_does_not_make_a_failed_login_good(hall):
+def test_a_name_in_the_line_does_not_replace_a_login(hall):
     fail_every_try(hall.call(b"box user=root"), b"alice", b"pw")
     unmoved(hall.station)
 
@@ -303,7 +302,7 @@ def test_a_name_in_the_line_does_not_make_a_failed_login_good(hall):
 # Keeping others out
 
 
-def test_who_occupies_every_login_of_one_port_keeps_nobody_from_the_others(door, hall):
+def test_filling_the_logins_of_one_port_leaves_the_others_free(door, hall):
     silent = [door.call() for _ in range(5)]
     refused(door.station.caller(door.port), 16)
     user = hall.call(b"box")
@@ -325,7 +324,7 @@ def test_a_hundred_silent_callers_of_the_main_port_delay_nobody(hall):
     hall.quiet()
 
 
-def test_who_reads_nothing_during_a_login_delays_nobody(door):
+def test_a_caller_who_reads_nothing_during_a_login_delays_nobody(door):
     deaf = [socket.create_connection((LOOPBACK, door.port)) for _ in range(3)]
     try:
         for caller in deaf:

@@ -158,12 +158,12 @@ def test_the_shell_completes_a_plain_name(shell, name):
 
 
 @pytest.mark.parametrize("name", SHELLS)
-def test_nothing_offered_is_nothing_completed(shell, name):
+def test_without_an_offer_nothing_is_completed(shell, name):
     assert shell(name, "").complete_and_run("zevctl attach ra\t") == ["attach", "ra"]
 
 
 @pytest.mark.parametrize("name", SHELLS)
-def test_what_is_typed_is_not_run_by_completing_it(shell, name):
+def test_completing_does_not_run_what_was_typed(shell, name):
     started = shell(name, "x")
     told = started.complete_and_run("zevctl attach '$(id>trap)' \t")
     assert told == ["attach", "$(id>trap)", "x"]

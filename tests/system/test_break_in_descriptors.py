@@ -77,7 +77,7 @@ def serves(user: User, console) -> None:
 
 
 @pytest.mark.parametrize("limit", [64, 96, 128])
-def test_logins_at_the_password_and_strangers_together_end_nothing(station, strangers, limit):
+def test_waiting_logins_and_strangers_together_end_nothing(station, strangers, limit):
     helper = FakeHelper(station)
     helper.hang()
     box = station.console("box")

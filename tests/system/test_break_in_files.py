@@ -189,7 +189,7 @@ def test_a_pipe_that_somebody_reads_gets_nothing(rotating):
     os.close(reader)
 
 
-def test_a_log_that_a_member_made_is_written_and_stays_his(rotating):
+def test_a_log_that_a_member_made_is_written_and_remains_the_members(rotating):
     """It is a file as it should be, and no more than he could have got anyway."""
     station = rotating
     as_member("rm", log_of(station, "box"))
@@ -310,8 +310,8 @@ def test_nothing_but_a_file_of_one_name_is_the_suites_configuration(station, sha
 
 
 @pytest.mark.parametrize("plant, error", PLANTED)
-def test_a_suites_configuration_that_is_replaced_ends_the_daemon_at_a_hangup(
-        station, shared_config, plant, error):
+def test_a_suites_configuration_that_is_replaced_ends_the_daemon_at_a_hangup(station, shared_config,
+                                                                             plant, error):
     path = station.config / "qor.conf"
     station.start()
     plant(path, shared_config)
@@ -352,7 +352,7 @@ def test_the_output_file_takes_the_place_of_what_was_planted(station, treasure, 
 
 @pytest.mark.parametrize("plant", [plant_link, plant_second_name, plant_pipe],
                          ids=lambda plant: plant.__name__)
-def test_what_cannot_be_moved_aside_is_not_written(station, treasure, plant):
+def test_a_file_that_cannot_be_moved_aside_is_not_written(station, treasure, plant):
     as_member("mkdir", "-p", station.logs / "zevd.log.old" / "kept")
     plant(station.logs / "zevd.log", treasure)
     before = children()
@@ -401,7 +401,7 @@ def test_a_console_with_such_a_name_is_served_without_a_log(station, treasure, n
 
 
 @pytest.mark.parametrize("name", NAMES)
-def test_a_console_that_is_given_such_a_name_takes_no_file_along(station, treasure, name):
+def test_a_console_that_is_given_such_a_name_moves_no_file(station, treasure, name):
     name = name.format(root=station.root)
     box = station.console("box")
     bring_up(station, box)
@@ -445,7 +445,7 @@ def test_two_consoles_that_swap_their_names_swap_their_logs(station):
     assert "failed" not in station.log_text(position)
 
 
-def test_names_that_move_on_from_console_to_console_mix_no_logs(station):
+def test_names_that_move_from_console_to_console_do_not_mix_logs(station):
     """The first takes the second's name before that has got the third's."""
     boxes = [station.console(name) for name in ("a", "b", "c")]
     bring_up(station, *boxes)

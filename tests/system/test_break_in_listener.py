@@ -93,7 +93,7 @@ def test_completion_tells_nothing(port, tmp_path):
         assert stranger.told() == b""
 
 
-def test_a_stranger_who_waits_for_the_daemon_to_end(station, tmp_path):
+def test_a_stranger_who_takes_over_during_a_watch_is_told_nothing(station, tmp_path):
     """A watch goes on when the daemon comes back, and not with whoever is there meanwhile."""
     station.console("box", listening=False)
     station.start("-S", "1")
@@ -148,7 +148,7 @@ def machine():
         there.kill()
 
 
-def test_another_machine_is_not_looked_at(station, tmp_path, machine):
+def test_a_listener_on_another_machine_is_not_checked(station, tmp_path, machine):
     """Whose listener it is over there, nobody can know."""
     port = free_port()
     with Impostor(tmp_path, port, "198.51.100.2", before=machine), \
@@ -185,13 +185,13 @@ GREETING = struct.pack("<II2s", 2, 2, b"x")  # the answer to the probe
 @pytest.mark.parametrize("count, status, said", [
     (1_000_000, zevctl.NO_DAEMON, "zevctl: the daemon closed the connection\n"),
     (1_000_001, zevctl.NO_DAEMON, GARBLED), (0xFFFFFFFF, zevctl.NO_DAEMON, GARBLED)])
-def test_more_records_than_a_station_can_have(count, status, said):
+def test_more_records_than_a_station_can_have_are_refused(count, status, said):
     with FakeDaemon(GREETING + struct.pack("<II", 1, count)) as daemon:
         done = zevctl.run(None, "--port", str(daemon.port), "list")
         assert (done.returncode, done.stderr, done.stdout) == (status, said, "")
 
 
-def test_a_refusal_without_an_end():
+def test_a_refusal_without_an_end_is_given_up():
     """The client leaves long before it has all of it."""
     chunk, chunks = b"0" * 1_000_000, 100
     taken = []
@@ -276,8 +276,8 @@ def hiding(library: Path, *what: str) -> dict[str, str]:
 
 @pytest.mark.parametrize("address", ["::", "::1"])
 @pytest.mark.parametrize("hidden", [(), ("HIDE_NETLINK",)])
-def test_a_stranger_on_other_addresses_of_the_port_is_no_hindrance(station, tmp_path, netless,
-                                                                   address, hidden):
+def test_a_stranger_on_another_address_of_the_port_does_no_harm(station, tmp_path, netless, address,
+                                                                hidden):
     box = station.console("box")
     station.start("-S", "1")
     connected(station, box, "box")
@@ -291,7 +291,7 @@ def test_a_stranger_on_other_addresses_of_the_port_is_no_hindrance(station, tmp_
 
 
 @pytest.mark.parametrize("address", ["127.0.0.1", "0.0.0.0", "::"])
-def test_without_socket_diagnostics_the_tables_tell(port, tmp_path, netless, address):
+def test_without_socket_diagnostics_the_tables_are_used(port, tmp_path, netless, address):
     with Impostor(tmp_path, port, address) as stranger:
         refused(port, belongs("127.0.0.1", port), env=hiding(netless, "HIDE_NETLINK"))
         assert stranger.told() == b""
@@ -304,7 +304,7 @@ def test_without_either_nothing_is_sent(port, tmp_path, netless):
         assert program.told() == b""
 
 
-def test_without_tables_socket_diagnostics_tell(port, tmp_path, netless):
+def test_without_the_tables_socket_diagnostics_are_used(port, tmp_path, netless):
     with Impostor(tmp_path, port) as stranger:
         refused(port, belongs("127.0.0.1", port), env=hiding(netless, "HIDE_PROC"))
         assert stranger.told() == b""
@@ -331,7 +331,7 @@ class Gate:
         return self._client.returncode, said.decode()
 
 
-def test_a_stranger_who_slips_in_between(port, tmp_path, netless):
+def test_a_stranger_who_slips_in_between_is_told_nothing(port, tmp_path, netless):
     with socket.create_server(("127.0.0.1", port)):
         gate = Gate(port, netless, tmp_path / "gate")
     with Impostor(tmp_path, port) as stranger:
@@ -341,7 +341,7 @@ def test_a_stranger_who_slips_in_between(port, tmp_path, netless):
 
 
 @pytest.mark.parametrize("first", [None, 0, STRANGER])
-def test_a_listener_that_was_not_there_before(port, tmp_path, netless, first):
+def test_a_listener_that_has_changed_is_told_nothing(port, tmp_path, netless, first):
     """Not even when it is root's: what was connected to may have been the one before."""
     (tmp_path / "other").mkdir()
     before = Impostor(tmp_path / "other", port, uid=first) if first is not None else None
@@ -356,7 +356,7 @@ def test_a_listener_that_was_not_there_before(port, tmp_path, netless, first):
         assert program.told() == b""
 
 
-def test_a_connection_without_a_listener(port, tmp_path):
+def test_nothing_is_sent_to_a_connection_without_a_listener(port, tmp_path):
     """The port is led elsewhere by the machine itself, or the connection has met itself."""
     with socket.create_server(("127.0.0.1", 0)) as elsewhere:
         subprocess.run(["sysctl", "-qw", f"net.ipv4.ip_local_port_range={port} {port}"], check=True)
@@ -435,7 +435,8 @@ def test_a_stranger_who_meets_the_connection_half_way(port, tmp_path, netless, h
 
 @pytest.mark.parametrize("hidden", [(), ("HIDE_NETLINK",)])
 @pytest.mark.parametrize("address", ["127.0.0.1", "::"])
-def test_a_listener_that_has_not_accepted_yet_is_told(port, tmp_path, netless, address, hidden):
+def test_a_busy_daemon_is_told_the_cookie_before_it_accepts(port, tmp_path, netless, address,
+                                                            hidden):
     """A busy daemon is not taken for a stranger."""
     family = socket.AF_INET6 if address == "::" else socket.AF_INET
     with socket.create_server((address, port), family=family,

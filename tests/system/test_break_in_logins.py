@@ -219,7 +219,7 @@ def test_a_connection_that_is_reset_does_not_avoid_the_pause(hall):
     assert len(guesses) <= 1, guesses
 
 
-def test_callers_who_hung_up_hold_nobodys_place(door):
+def test_callers_who_hung_up_do_not_keep_others_waiting(door):
     """Their guesses were waiting for a turn; the owner of the name waits for one check at most."""
     station = door.station
     door.helper.replace(ACCEPTING_LATE.replace("exit 0", "exit 1"))
@@ -314,7 +314,7 @@ def test_a_failed_name_of_control_characters_is_logged_as_marks(door):
 # A daemon that was stopped
 
 
-def test_a_daemon_that_was_stopped_and_goes_on_refuses_nobody(fortress):
+def test_a_daemon_that_was_stopped_and_continued_refuses_nobody(fortress):
     station, door, _ = fortress
     position = station.mark()
     user = station.caller()

@@ -39,33 +39,33 @@ def on_terminal(station, status: int, *arguments: str) -> str:
     return shown
 
 
-def test_a_refusal():
+def test_a_refusal_is_shown_harmlessly():
     with FakeDaemon(opening=b"002 - " + HOSTILE + b"\r\n") as daemon:
         shown = on_terminal(daemon, zevctl.REFUSED, "attach", "box")
     assert shown == f"zevctl: refused: 002 - {SHOWN}\r\n"
 
 
-def test_an_error_that_ends_a_command():
+def test_an_error_that_ends_a_command_is_shown_harmlessly():
     with FakeDaemon(console=HOSTILE) as daemon:
         shown = on_terminal(daemon, zevctl.FAILED, "list")
     assert shown == f"zevctl: {SHOWN}\r\n"
 
 
 @pytest.mark.parametrize("command", ["enable", "holder"])
-def test_an_error_of_one_console(command):
+def test_an_error_of_one_console_is_shown_harmlessly(command):
     answers = {"console": [console_record(b"box")], "enable": HOSTILE, "portholder": HOSTILE}
     with FakeDaemon(**answers) as daemon:
         shown = on_terminal(daemon, zevctl.FAILED, command, "box")
     assert f"zevctl: box: {SHOWN}\r\n" in shown
 
 
-def test_a_table():
+def test_a_table_is_shown_harmlessly():
     with FakeDaemon(console=[console_record(HOSTILE, HOSTILE)]) as daemon:
         shown = on_terminal(daemon, zevctl.OK, "list")
     assert shown.splitlines()[1].count(SHOWN) == 2
 
 
-def test_a_question():
+def test_a_question_is_shown_harmlessly():
     consoles = [console_record(HOSTILE), console_record(b"box")]
     with FakeDaemon(console=consoles) as daemon, \
             Terminal(daemon, "clear", "*", columns=200) as terminal:
@@ -74,7 +74,7 @@ def test_a_question():
         assert SHOWN in shown
 
 
-def test_who():
+def test_the_users_are_shown_harmlessly():
     user = struct.pack("<32s64s2s", b"\x1b[2Jx", HOSTILE, b"2")
     answers = {"console": [console_record(b"box")], "who": [user]}
     with FakeDaemon(**answers) as daemon:
@@ -92,7 +92,7 @@ def test_json_is_harmless_and_the_same_data():
             assert key is None or data[0][key] == DATA
 
 
-def test_what_is_no_event(station):
+def test_a_line_that_is_not_an_event_is_shown_harmlessly(station):
     path = station.root / "run" / "jix.sock"
     with Terminal(None, "events", columns=200) as terminal:
         terminal.expect("Waiting for events")
@@ -106,7 +106,7 @@ def test_what_is_no_event(station):
             assert_harmless(shown)
 
 
-def test_events_as_json(station):
+def test_events_are_harmless_as_json(station):
     with zevctl.start(None, "--json", "events") as process:
         process.stderr.readline()
         with socket.socket(socket.AF_UNIX) as poster:
@@ -132,17 +132,17 @@ def test_a_log_on_a_terminal(log):
     assert on_terminal(None, zevctl.OK, "log", "box") == f"26/11/21_08:00:00 {SHOWN}\r\n"
 
 
-def test_a_log_in_a_pipe_is_the_log(log):
+def test_a_log_in_a_pipe_is_unchanged(log):
     with zevctl.start(None, "log", "box") as process:
         assert process.stdout.read() == log + b"\n"
 
 
-def test_a_log_as_json(log):
+def test_a_log_is_harmless_as_json(log):
     shown = on_terminal(None, zevctl.OK, "--json", "log", "box")
     assert json.loads(shown)["text"] == DATA
 
 
-def test_the_name_that_the_environment_offers():
+def test_the_name_from_the_environment_is_shown_harmlessly():
     opening = b"username: "
     with FakeDaemon(opening=opening) as daemon, \
             Terminal(daemon, "list", env={"SUDO_USER": "x\x1b[2J\u202e"}) as terminal:

@@ -65,7 +65,7 @@ def check(*arguments: str | Path) -> subprocess.CompletedProcess[str]:
                           check=False)
 
 
-def test_the_build_is_as_it_must_be():
+def test_the_build_passes_the_check():
     only = ["--run-paths-only"] if BUILD.name in ("asan", "tsan") else []
     done = check(*only, BIN, BUILD / "lib")
     assert (done.returncode, done.stderr) == (0, "")
@@ -113,7 +113,7 @@ SOUND = ("-O2", "-D_FORTIFY_SOURCE=3", "-fstack-protector-strong", "-fPIE", "-pi
     ("tool", ("-fno-stack-protector",), "no stack protector"),
     ("tool", ("-U_FORTIFY_SOURCE",), "no fortified call"),
 ])
-def test_the_check_of_the_build_sees(tmp_path, name, options, finding):
+def test_the_check_of_the_build_finds_each_fault(tmp_path, name, options, finding):
     source = tmp_path / "program.c"
     source.write_text(PROGRAM)
     place = tmp_path / "bin"
@@ -124,7 +124,7 @@ def test_the_check_of_the_build_sees(tmp_path, name, options, finding):
     assert (done.returncode, done.stderr) == expected
 
 
-def test_the_check_of_the_build_wants_something_to_check(tmp_path):
+def test_the_check_of_the_build_needs_something_to_check(tmp_path):
     done = check(tmp_path)
     assert (done.returncode, done.stderr) == (1, "no programs found\n")
 

@@ -58,7 +58,7 @@ def ended_by(person: Terminal) -> int | None:
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP, signal.SIGINT, signal.SIGQUIT])
-def test_a_signal_gives_the_terminal_back(hall, number):
+def test_a_signal_restores_the_terminal(hall, number):
     with Terminal(hall, "list") as person:
         before = asked(person)
         person.type(PASSWORD)
@@ -68,7 +68,7 @@ def test_a_signal_gives_the_terminal_back(hall, number):
 
 
 @pytest.mark.parametrize("key, number", [("\x03", signal.SIGINT), ("\x1c", signal.SIGQUIT)])
-def test_a_key_gives_the_terminal_back(hall, key, number):
+def test_a_key_restores_the_terminal(hall, key, number):
     with Terminal(hall, "list") as person:
         before = asked(person)
         person.type(PASSWORD + key)
@@ -91,7 +91,7 @@ def test_a_signal_that_was_ignored_from_the_start_is_ignored(hall):
     close_terminal(child)
 
 
-def test_the_end_of_the_input_gives_the_terminal_back(hall):
+def test_the_end_of_the_input_restores_the_terminal(hall):
     with Terminal(hall, "list") as person:
         before = asked(person)
         person.type("\x04")
@@ -100,7 +100,7 @@ def test_the_end_of_the_input_gives_the_terminal_back(hall):
         assert modes(person.child) == before
 
 
-def test_a_stop_shows_what_is_typed_and_the_question_comes_again(hall):
+def test_a_stop_restores_the_terminal_and_the_question_comes_again(hall):
     """Under a shell with job control, by the terminal's own key and back."""
     child = pexpect.spawn("bash", ["--norc", "--noprofile", "-i"], timeout=stretched(LIMIT),
                           env=zevctl.environment(PS1="ready> ", TERM="dumb"), dimensions=(24, 200))
@@ -126,7 +126,7 @@ def test_a_stop_shows_what_is_typed_and_the_question_comes_again(hall):
     close_terminal(child)
 
 
-def test_a_shell_that_changed_the_terminal_meanwhile(hall):
+def test_the_typing_is_hidden_again_after_a_stop(hall):
     """A stop that nobody can catch: the question comes again, and hides what is typed."""
     with Terminal(hall, "list") as person:
         asked(person)

@@ -138,7 +138,7 @@ def test_a_pipe_that_nobody_reads_stops_nothing(station, pipe):
     assert "ZEV " not in pipe.text()
 
 
-def test_the_exact_number_of_lost_messages_is_said(station, pipe):
+def test_the_exact_number_of_lost_messages_is_reported(station, pipe):
     start(station, 1)
     wait_until(pipe.take, what="the first words")
     position = pipe.taken
@@ -159,7 +159,7 @@ def test_the_exact_number_of_lost_messages_is_said(station, pipe):
     assert messages(after[LOST.match(after).end():]) == said
 
 
-def test_a_stopped_terminal_stops_nothing_and_goes_on_with_whole_lines(station, terminal):
+def test_a_stopped_terminal_stops_nothing_and_resumes_with_whole_lines(station, terminal):
     box = station.console("box")
     terminal.type(CTRL_S)
     wait_until(lambda: not terminal.writable(), what="the terminal to stop")
@@ -173,7 +173,7 @@ def test_a_stopped_terminal_stops_nothing_and_goes_on_with_whole_lines(station, 
     ends_soon(station)
 
 
-def test_a_terminal_that_stops_while_it_is_written_to_stops_nothing(station, terminal):
+def test_a_terminal_that_stops_in_mid_output_stops_nothing(station, terminal):
     """At level 3 there is always something on its way to it."""
     box = station.console("box")
     start(station, 3)
@@ -196,7 +196,7 @@ def whole_lines(text: str) -> None:
         assert head.start() == 0 or text[head.start() - 1] == "\n", text[:head.end()][-400:]
 
 
-def test_a_reader_who_goes_away_ends_nothing(station, pipe):
+def test_a_reader_who_goes_away_stops_nothing(station, pipe):
     box = station.console("box")
     start(station, 3)
     wait_until(pipe.take, what="the first words")
@@ -205,7 +205,7 @@ def test_a_reader_who_goes_away_ends_nothing(station, pipe):
     ends_soon(station)
 
 
-def test_a_reader_who_has_gone_before_the_start_ends_nothing(station):
+def test_a_reader_who_has_gone_before_the_start_stops_nothing(station):
     path = station.root / "pipe"
     os.mkfifo(path)
     wrapped(station, f"exec 3<>{path} 4>{path} 3<&-\nexec >&4 4>&-")

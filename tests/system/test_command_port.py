@@ -65,7 +65,7 @@ def test_two_tools_are_served_in_turn(station, box):
         assert second.command("enable box").type == DONE
 
 
-def test_lines_ready_at_once_are_served_in_the_order_of_hand_over(station, box):
+def test_lines_ready_at_once_are_served_in_the_order_of_connecting(station, box):
     first, second = Tool(station, user="first"), Tool(station, user="second")
     position = station.mark()
     with held_still(station):
@@ -96,7 +96,7 @@ def test_a_tool_that_finishes_sending_gets_its_answer(station, box):
     tool.expect_nothing_more()
 
 
-def test_a_command_sent_with_the_argument_line(station, box):
+def test_a_command_may_be_sent_with_the_argument_line(station, box):
     tool = Tool(station, sent=b"@@@@ user=op\nconsole\n")
     assert tool.answer("console").count == 1
     assert tool.command("who box").count == 0
@@ -133,7 +133,7 @@ def test_what_a_tool_sends_is_logged_with_its_name(station, box):
     station.wait_log('SendCommandResponse: Sending response "3" to "ann" at "10.9.8.7".')
 
 
-def test_a_tool_that_vanishes_in_a_long_answer_costs_nobody_else(many):
+def test_a_tool_that_vanishes_in_a_long_answer_disturbs_no_other(many):
     leaver, other = (Tool(many, wait=False) for _ in range(2))
     leaver.peer.stop_reading()
     leaver.send("console")
@@ -226,13 +226,13 @@ def test_a_tool_that_reads_slowly_gets_everything_and_delays_nobody(many):
     ("reconnect nobody", 'Unrecognized console "nobody".'),
     ("portholder nobody", 'Unrecognized console "nobody".'),
 ])
-def test_errors(station, box, line, text):
+def test_a_bad_command_gets_its_error(station, box, line, text):
     answer = Tool(station).command(line)
     assert answer.text == text
     assert answer.count == len(text) + 1
 
 
-def test_a_message_without_a_separator_behind_the_name_is_missing(station, box):
+def test_a_message_needs_a_separator_after_the_name(station, box):
     tool = Tool(station)
     tool.send(b"msg box")
     assert tool.answer("msg").text == "No message specified."
@@ -245,7 +245,7 @@ def test_an_error_text_is_cut_to_79_characters(station, box):
     assert answer.count == 80
 
 
-def test_words_in_any_case_and_words_too_many(station, box):
+def test_case_and_extra_words_are_ignored(station, box):
     tool = Tool(station)
     assert tool.command("CONSOLE BOX and more").count == 1
     assert tool.command("Enable boX now").type == DONE
@@ -279,7 +279,7 @@ def test_a_line_in_two_pieces_is_two_commands(station, box):
     assert tool.command("console box").count == 1
 
 
-def test_bytes_that_are_no_text(station, box):
+def test_bytes_that_are_not_text_do_no_harm(station, box):
     tool = Tool(station)
     for line, text in ((b"\0console\n", "No command specified."),
                        (b"\xff\xff\xff\n", "Invalid command."),
@@ -316,7 +316,7 @@ def test_a_console_record_byte_for_byte(station):
         + b"A200".ljust(64, b"\0") + b"rack-1".ljust(64, b"\0") + b"0\0" + b"0\0")
 
 
-def test_no_consoles_no_records(station):
+def test_without_consoles_there_are_no_records(station):
     station.start()
     tool = Tool(station)
     assert (tool.command("console").type, tool.command("console").count) == (RECORDS, 0)
@@ -331,7 +331,7 @@ def test_an_unknown_name_gives_no_records(station, box):
         assert (answer.type, answer.count) == (RECORDS, 0)
 
 
-def test_states(station):
+def test_each_state_has_its_code(station):
     up = station.console("up")
     station.console("off", enable=0, listening=False)
     station.console("dead", listening=False)
@@ -346,7 +346,7 @@ def test_states(station):
     assert status_of(tool, "up") == ("1", "2")
 
 
-def test_states_on_the_way_to_a_connection(station):
+def test_states_before_a_connection_have_their_codes(station):
     hanging = station.console("hanging")
     hanging.hang()
     station.console_line("nowhere", 23, address="255.255.255.255")
@@ -383,7 +383,7 @@ def test_a_hidden_user_in_another_mode_is_counted_in_the_state(station, box, mod
     assert tool.command("who box").count == 0
 
 
-def test_a_hidden_user_beside_another(station, box):
+def test_a_hidden_user_does_not_hide_another(station, box):
     station.attach("box", "ro", user="ann")
     station.attach("box", "er", user="VRQ")
     tool = Tool(station)
@@ -391,7 +391,7 @@ def test_a_hidden_user_beside_another(station, box):
     assert tool.command("who box").records == (("ann", LOOPBACK, "1"),)
 
 
-def test_users_in_the_order_of_their_arrival(station, box):
+def test_users_are_listed_in_the_order_of_arrival(station, box):
     station.attach("box", "ro", user="ann")
     station.attach("box", user="u" * 32, addr="a" * 64)
     answer = Tool(station).command("who box")
@@ -399,7 +399,7 @@ def test_users_in_the_order_of_their_arrival(station, box):
     assert len(answer.raw) == 2 * 98
 
 
-def test_mapped_ports_of_connected_consoles_first(station):
+def test_mapped_ports_of_connected_consoles_come_first(station):
     station.console("dead", listening=False, mapped_port=0, auth=1)
     port = free_port()
     up = station.console("up", mapped_port=port, auth=65537)
@@ -464,19 +464,19 @@ def test_enable_of_an_unconnected_console_leaves_its_state(station):
     assert status_of(tool, "dead") == ("2", "0")  # until it is tried again, in a minute
 
 
-def test_a_message_as_it_stands(station, box):
+def test_a_message_is_passed_on_as_it_is(station, box):
     user = station.attach("box")
     assert Tool(station).command("msg box back  at\tnoon ").type == DONE
     user.expect_exactly(banner(f"Message from op@{LOOPBACK}: \n\n\rback  at\tnoon \n"))
 
 
-def test_an_empty_message(station, box):
+def test_an_empty_message_is_sent(station, box):
     user = station.attach("box")
     assert Tool(station).command("msg box").type == DONE
     user.expect_exactly(banner(f"Message from op@{LOOPBACK}: \n\n\r"))
 
 
-def test_a_message_to_everybody(station):
+def test_a_message_to_everybody_reaches_every_console(station):
     consoles = [station.console(f"c{number}") for number in range(2)]
     bring_up(station, *consoles)
     users = [station.attach(f"c{number}") for number in range(2)]
@@ -485,12 +485,12 @@ def test_a_message_to_everybody(station):
         user.expect_exactly(banner(f"Message from op@{LOOPBACK}: \n\n\rdown at six\n"))
 
 
-def test_a_message_to_everybody_with_nobody_there(station):
+def test_a_message_to_everybody_may_reach_nobody(station):
     station.start()
     assert Tool(station).command("msg - hello").type == DONE
 
 
-def test_a_message_to_a_console_that_is_not_connected(station):
+def test_a_message_to_a_console_that_is_not_connected_is_refused(station):
     station.console("dead", listening=False)
     station.start()
     assert Tool(station).command("msg dead hello").text == 'Unrecognized console "dead".'
@@ -545,7 +545,7 @@ def test_force_of_an_unconnected_console_tries_it_at_once(station):
     console.accept()
 
 
-def test_holders_that_cannot_be_told(station):
+def test_unknown_holders_are_reported(station):
     station.write_models(PELLOX)
     station.console("plain", model="A200", listening=False)
     station.console("px", model="M100", listening=False)

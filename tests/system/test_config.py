@@ -79,7 +79,7 @@ def test_consoles_come_in_the_order_of_their_lines(load):
     assert names(consoles) == wanted
 
 
-def test_the_configuration_file_of_the_command_line(station):
+def test_the_command_line_may_name_the_configuration_file(station):
     other = station.root / "other.conf"
     other.write_text(console_line("elsewhere", 1, enable=0))
     station.console_line("here", 1, enable=0)
@@ -104,7 +104,7 @@ def test_what_follows_the_last_field_is_ignored(load):
     ("65535", "65535"), ("65536", "0"), ("65537", "1"), ("-1", "65535"), ("port", "0"),
     ("12ab", "12"), ("+7", "7"), ("007", "7"), ("0x10", "0"),
 ])
-def test_ports_are_read_as_far_as_they_are_numbers_and_cut_to_16_bits(load, port, kept):
+def test_ports_are_read_as_numbers_and_cut_to_16_bits(load, port, kept):
     complaints, consoles = load(FULL.replace("2001 23 0", f"{port} {port} 0"))
     assert complaints == []
     assert (consoles[0]["cons_port"], consoles[0]["mgmt_port"]) == (kept, kept)
@@ -116,7 +116,7 @@ def test_a_mapped_port_above_16_bits_is_cut(load):
     assert consoles[0]["mapped_port"] == str(port)
 
 
-def test_flags_are_numbers_of_any_size_and_0_when_they_are_none(load):
+def test_flags_are_numbers_of_any_size_and_words_count_as_0(load):
     complaints, consoles = load(FULL.replace('"Some OS" 1 0 0 1', '"Some OS" yes -1 0x1 999999'))
     assert complaints == []
     assert [consoles[0][flag] for flag in ("logging", "events", "enable", "auth")] == [
@@ -138,7 +138,7 @@ def test_names_and_addresses_are_cut_to_64_characters(load, length, kept):
     "", "\n", "\n\n\n", "   \n", " ", "# comment\n", "   # comment\n", "#\n", "#",
     f"#{FULL}\n", "##########\n\n  #\n      \n",
 ])
-def test_comments_and_blank_lines_make_no_console_and_no_complaint(load, text):
+def test_comments_and_blank_lines_are_skipped(load, text):
     assert load(text) == ([], [])
 
 
@@ -201,7 +201,7 @@ def test_a_last_line_without_newline_may_be_complete(load):
     assert complaints == [] and names(consoles) == ["c1"]
 
 
-def test_wherever_a_line_is_cut_it_is_one_console_or_one_complaint(load):
+def test_a_line_cut_anywhere_is_one_console_or_one_complaint(load):
     lines = [FULL[:length] for length in range(1, len(FULL) + 1)]
     complaints, consoles = load("".join(f"{line}\n" for line in lines))
     complained = [int(re.search(r"at line (\d+)\n$", text)[1]) for text in complaints
@@ -236,7 +236,7 @@ def test_two_blanks_before_the_quote_shift_the_fields(load):
         "0", "0", "4", "3"]
 
 
-def test_nothing_need_separate_the_closing_quote_from_the_flag(load):
+def test_the_flag_may_follow_the_closing_quote_directly(load):
     complaints, consoles = load(FULL.replace('"Some OS" 1', '"Some OS"1'))
     assert complaints == [] and consoles[0]["logging"] == "1"
 
@@ -283,7 +283,7 @@ def test_a_comment_may_be_cut_into_a_console(load):
 # Duplicates
 
 
-def test_two_lines_of_one_name_make_two_consoles_and_the_first_is_found(station):
+def test_two_lines_with_one_name_make_two_consoles_and_the_first_is_found(station):
     station.console_line("twin", 1, enable=0)
     station.console_line("twin", 2, enable=1)
     station.start("-d", "1")
@@ -294,7 +294,7 @@ def test_two_lines_of_one_name_make_two_consoles_and_the_first_is_found(station)
     user.expect_closed()
 
 
-def test_two_lines_of_one_address_make_two_consoles(load):
+def test_two_lines_with_one_address_make_two_consoles(load):
     _, consoles = load(FULL + "\n" + FULL.replace("c1", "c2") + "\n")
     assert names(consoles) == ["c1", "c2"]
 
@@ -302,7 +302,7 @@ def test_two_lines_of_one_address_make_two_consoles(load):
 # Foreign bytes
 
 
-def test_any_bytes_are_borne(load):
+def test_any_bytes_are_tolerated(load):
     every_byte = "".join(chr(byte) for byte in range(1, 256) if chr(byte) not in "\n ")
     lines = [every_byte, f"{every_byte} {every_byte}", f"a {every_byte} {every_byte} b", FULL]
     complaints, consoles = load("".join(f"{line}\n" for line in lines))
@@ -311,12 +311,12 @@ def test_any_bytes_are_borne(load):
     assert names(consoles) == ["c1"]
 
 
-def test_a_null_byte_costs_its_line_at_most(load):
+def test_a_nul_byte_affects_only_its_line(load):
     _, consoles = load("c0 127.0.0.1 \0 more\n" + FULL + "\n")
     assert names(consoles) == ["c1"]
 
 
-def test_conversions_in_a_field_are_only_text(load):
+def test_format_specifiers_in_a_field_are_plain_text(load):
     complaints, consoles = load(FULL.replace("c1", "%s%n%d").replace('""', "%s%n"))
     assert complaints == ["LoadConfigFile: Event file %s%n not found for console %s%n%d\n"]
     assert names(consoles) == ["%s%n%d"]

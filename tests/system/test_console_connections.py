@@ -70,7 +70,7 @@ def test_enabled_consoles_are_called_and_disabled_ones_are_not(station):
     refused(station, "off", DISABLED)
 
 
-def test_calling_and_being_answered_are_told_with_name_and_address(station):
+def test_calls_and_answers_are_logged_with_name_and_address(station):
     box = station.console("box")
     station.start("-d", "1")
     box.accept()
@@ -86,7 +86,7 @@ def test_connections_to_consoles_are_kept_alive(station):
     wait_until(lambda: timer_of_connection_to(box.port) == keepalive_timer, what="the timer")
 
 
-def test_consoles_become_accessible_in_their_order(station):
+def test_consoles_become_accessible_in_configuration_order(station):
     consoles = [station.console(f"c{number}", listening=number % 2 == 0) for number in range(6)]
     station.start()
     for console in consoles[::2]:
@@ -163,7 +163,7 @@ def test_a_network_that_comes_up_is_used_at_once(station):
         user.expect_exactly(b"up")
 
 
-def test_an_address_that_is_none_costs_only_its_console(station):
+def test_an_invalid_address_affects_only_its_console(station):
     station.console_line("typo", 2001, address="no.such.address")
     box = station.console("box")
     station.start()
@@ -172,7 +172,7 @@ def test_an_address_that_is_none_costs_only_its_console(station):
     refused(station, "typo", NOT_ACCESSIBLE)
 
 
-def test_a_refused_console_is_left_alone_for_the_time_being(station):
+def test_a_refused_console_is_left_alone_for_a_while(station):
     box = station.console("box", listening=False)
     station.start()
     station.wait_log(REFUSED.format("box", box.port), thread="cons_conn")
@@ -212,7 +212,7 @@ def test_a_call_that_is_never_answered_fails(station):
 # Disabled while it is being called
 
 
-def test_a_console_disabled_while_it_is_called_is_given_up_and_may_come_back_at_once(station):
+def test_a_console_disabled_during_a_call_may_come_back_at_once(station):
     box = station.console("box")
     box.hang()
     station.start()
@@ -270,7 +270,7 @@ def test_a_silent_pellox_console_is_connected_after_its_grace(station, held_cloc
     px.expect_exactly(b"k")
 
 
-def test_a_pellox_console_whose_session_is_held_counts_as_refused(station):
+def test_a_pellox_console_with_a_held_session_counts_as_refused(station):
     px = station.console("px", model=PELLOX, greeting=refusal(HOLDER))
     station.start()
     px.accept()
@@ -293,7 +293,7 @@ def test_a_pellox_console_whose_session_is_held_counts_as_refused(station):
     b"~NET-E-BUSY Session is already open to the partition/CLI held by " + b"9" * 200,
     (b"\r\n" * 132) + b"~NET-E-Session is already open, and so on for more than is looked at",
 ])
-def test_what_is_a_refusal(station, held_clock, greeting):
+def test_refusals_are_recognized(station, held_clock, greeting):
     px = station.console("px", model=PELLOX)
     station.start(env=held_clock.env)
     px.accept()
@@ -312,7 +312,7 @@ def test_what_is_a_refusal(station, held_clock, greeting):
     b"\0" + refusal(HOLDER),
     b"x" * 299 + b"\n" + refusal(HOLDER),
 ])
-def test_what_is_no_refusal(station, held_clock, greeting):
+def test_other_texts_are_not_refusals(station, held_clock, greeting):
     px = station.console("px", model=PELLOX)
     station.start("-B", "1000", env=held_clock.env)
     px.accept()
@@ -348,8 +348,7 @@ def test_a_pellox_console_that_is_reset_in_its_grace_has_failed(station, held_cl
     assert attempts(station, "px", px) == 1
 
 
-def test_a_pellox_console_that_hangs_up_in_its_grace_is_connected_closed_and_called_again(
-        station, held_clock):
+def test_a_pellox_console_that_hangs_up_in_its_grace_is_called_again(station, held_clock):
     px = station.console("px", model=PELLOX)
     station.start(env=held_clock.env)
     px.accept()
@@ -397,7 +396,7 @@ def test_the_negotiation_is_kept_for_every_user_and_the_rest_is_output(station, 
     (b"\xff", b"\xff", b"text"),                              # no command follows: its byte goes on
     (b"\xff\xfb\x00\xff\xfb\x01", b"\xff\xfb", b"text"),      # played as far as a NUL
 ], ids=str)
-def test_what_belongs_to_the_negotiation(station, sent, kept, output):
+def test_negotiation_is_separated_from_output(station, sent, kept, output):
     px = station.console("px", model=PELLOX, greeting=sent + b"text")
     station.start("-B", "1000")
     connected(station, px, "px")
@@ -422,7 +421,7 @@ def test_64_bytes_of_negotiation_are_kept(station):
     user.expect_exactly(b"end")
 
 
-def test_the_negotiation_is_that_of_the_present_connection(station):
+def test_the_negotiation_is_that_of_the_current_connection(station):
     box = station.console("box", greeting=NEGOTIATION)
     station.start()
     connected(station, box, "box")

@@ -153,7 +153,7 @@ def test_a_file_that_cannot_be_opened_ends_the_daemon(station):
          "Terminated: Cannot open cookie file")
 
 
-def test_the_end_for_want_of_a_cookie_is_told_to_the_event_manager(station):
+def test_an_end_for_want_of_a_cookie_is_posted_as_an_event(station):
     cookie_file(station).mkdir()
     text = "Terminated: Cannot open cookie file"
     with Collector(station) as collector:
@@ -196,7 +196,7 @@ def test_the_cookie_admits(secured):
                      after=found.end)
 
 
-def test_the_options_that_follow_the_cookie_count(secured):
+def test_the_options_after_the_cookie_are_used(secured):
     position = secured.mark()
     user = tell(secured, b"token " + cookie(secured) + b" box mode=ex user=ann addr=10.1.2.3\n")
     user.expect_exactly(OFFERS)
@@ -283,7 +283,7 @@ def test_the_cookie_leads_to_the_command_port(secured):
 
 
 @pytest.mark.parametrize("leave", [User.finish_sending, User.reset])
-def test_who_leaves_at_once_is_told_of_a_read_error(secured, leave):
+def test_a_caller_who_leaves_at_once_gets_a_read_error(secured, leave):
     threads = secured.threads()
     position = secured.mark()
     user = secured.caller()
@@ -298,7 +298,7 @@ def test_who_leaves_at_once_is_told_of_a_read_error(secured, leave):
 
 
 @pytest.mark.slow
-def test_who_says_nothing_is_refused_after_fifteen_seconds(secured):
+def test_a_caller_who_says_nothing_is_refused_after_fifteen_seconds(secured):
     neighbour = tell(secured, b"token " + cookie(secured) + b" box\n")
     admitted(secured, neighbour)
     silent = secured.caller()

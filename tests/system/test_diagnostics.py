@@ -37,7 +37,7 @@ def test_a_line_carries_the_local_time_and_the_thread(station):
     assert before <= datetime.strptime(complaint.stamp, "%y/%m/%d_%H:%M:%S") <= datetime.now()
 
 
-def test_the_time_is_that_of_the_time_zone(station):
+def test_the_time_follows_the_time_zone(station):
     station.write_config("bad\n")
     station.start("-d", "0", env={"TZ": "XYZ-13:45"})
     complaint = station.wait_log("LoadConfigFile: Missing IP address at line 1")
@@ -98,7 +98,7 @@ def test_below_the_level_of_errors_nothing_is_written(station):
     assert station.log_text() == ""
 
 
-def test_only_making_a_console_is_announced_at_level_1(station):
+def test_only_the_creation_of_a_console_is_announced_at_level_1(station):
     station.write_config(console_line("c1", 1, enable=0))
     station.start("-d", "1")
     station.wait_log("ACCESSIBLE CONSOLES:")
@@ -117,7 +117,7 @@ def complaints_until(station, last: str) -> str:
     return text[text.rindex("ZEV ", 0, text.index("LoadConfigFile: ")):]
 
 
-def test_ten_times_the_same_is_one_line_and_a_count_of_nine(station):
+def test_ten_equal_messages_are_one_line_and_a_count_of_nine(station):
     station.write_config(unknown_event_file("c1", 10) + "bad\n")
     station.start("-d", "0")
     first, repeats, last = parse(
@@ -128,7 +128,7 @@ def test_ten_times_the_same_is_one_line_and_a_count_of_nine(station):
     assert repeats.stamp == last.stamp
 
 
-def test_two_of_a_kind_are_counted_and_single_lines_are_not(station):
+def test_only_repeated_messages_are_counted(station):
     station.write_config(unknown_event_file("c1", 2) + unknown_event_file("c2", 1)
                          + unknown_event_file("c1", 1) + "bad\n")
     station.start("-d", "0")
@@ -164,7 +164,7 @@ def test_a_message_is_cut_to_8191_bytes(station):
 
 
 @pytest.mark.parametrize("level, traced", [("0", False), ("1", True)])
-def test_the_exit_trace_is_of_level_1(station, level, traced):
+def test_the_exit_trace_is_shown_from_level_1(station, level, traced):
     done = station.run("-f", "-S", "0", "-d", level, "-c", "/nowhere")
     assert done.returncode == 1
     found = re.search(rf"^ZEV {STAMP}:<main>: Exiting with code 1 from file (\S+) line (\d+)\n\Z",
@@ -193,7 +193,7 @@ def test_the_output_monitor_keeps_the_first_name_of_its_thread(station):
     assert "<cons_mon>" not in station.log_text()
 
 
-def test_service_threads_give_their_names_back(station):
+def test_service_threads_free_their_names(station):
     station.start("-d", "1")
     for number in range(60):
         with User.connect(station.port) as user:
@@ -371,7 +371,7 @@ def assert_taken_together(station, function: str, taken: tuple[str, str],
     assert any(trace[start:start + len(wanted)] == wanted for start in range(len(trace))), trace
 
 
-def test_pairs_of_locks_are_taken_in_the_order_of_their_place(traced):
+def test_pairs_of_locks_are_taken_in_a_fixed_order(traced):
     acl = lock_of(traced, "MonitorConsoleOutput", "read")
     icl = lock_of(traced, "ConsoleConnectionsThreadStart")
     ul = lock_of(traced, "MonitorUserInput", "read")
@@ -409,7 +409,7 @@ def test_a_user_of_an_inaccessible_console_takes_both_console_locks_in_turn(stat
         single("write", acl) + single("write", icl))
 
 
-def test_an_unknown_console_is_looked_for_on_one_list_after_the_other(station):
+def test_an_unknown_console_is_looked_for_twice_on_each_list(station):
     """A console may be on its way from one list to the other, so one look is not enough."""
     station.start()
     acl = lock_of(station, "MonitorConsoleOutput", "read")

@@ -160,7 +160,7 @@ def test_what_a_pattern_matches(station, collector, patterns, line, priority):
     {"events": 0}, {"events": 2}, {"event_file": '""'}, {"event_file": "Set"},
     {"event_file": "subdirectory"}, {"logging": 0},
 ])
-def test_consoles_whose_output_is_not_matched(station, collector, fields):
+def test_output_of_other_consoles_is_not_matched(station, collector, fields):
     write_events(station, "set", ANY_ERROR)
     (station.events / "subdirectory").mkdir()
     (station.events / "subdirectory" / "set").write_text(ANY_ERROR)
@@ -243,7 +243,7 @@ def test_a_missing_directory_is_reported_with_an_event(station, collector):
         daemon_event("events directory not found", 700)]
 
 
-def test_an_empty_directory_is_no_fault(station, collector):
+def test_an_empty_directory_is_not_an_error(station, collector):
     box = watched(station)
     bring_up(station, box, options=("-d", "0"))
     assert "LoadEventFiles" not in station.log_text()
@@ -419,7 +419,7 @@ def test_without_an_event_manager_a_name_keeps_its_dashes(station):
 # An event manager that fails
 
 
-def test_without_an_event_manager_that_is_said_once(station):
+def test_a_missing_event_manager_is_reported_once(station):
     write_events(station, "set", ANY_ERROR)
     box = watched(station)
     bring_up(station, box, options=("-d", "1"))
@@ -431,7 +431,7 @@ def test_without_an_event_manager_that_is_said_once(station):
     assert len([text for text in said if "Matched pattern" in text]) == 3
 
 
-def test_an_event_manager_that_comes_late_gets_the_next_event(station):
+def test_a_late_event_manager_gets_the_next_event(station):
     write_events(station, "set", ANY_ERROR)
     box = watched(station)
     bring_up(station, box, options=("-d", "0"))
@@ -444,7 +444,7 @@ def test_an_event_manager_that_comes_late_gets_the_next_event(station):
     assert station.log_text().count(WITHOUT) == 1
 
 
-def test_a_restart_that_no_post_met_loses_nothing(station, collector):
+def test_a_restart_between_two_posts_loses_nothing(station, collector):
     write_events(station, "set", ANY_ERROR)
     box = watched(station)
     bring_up(station, box, options=("-d", "1"))
@@ -460,7 +460,7 @@ def test_a_restart_that_no_post_met_loses_nothing(station, collector):
     assert ESTABLISHED_AGAIN not in station.log_text()
 
 
-def test_a_restart_that_a_post_met_is_said(station, collector):
+def test_a_restart_that_loses_events_is_reported(station, collector):
     write_events(station, "set", ANY_ERROR)
     box = watched(station)
     bring_up(station, box, options=("-d", "0"))
@@ -571,7 +571,7 @@ def test_an_event_manager_that_dies_while_events_come_stops_nothing(station, col
     assert arrived == sorted(set(arrived)) and set(arrived) <= set(lines)
 
 
-def test_an_event_manager_that_goes_for_good_stops_nothing(station, collector):
+def test_an_event_manager_that_ends_stops_nothing(station, collector):
     write_events(station, "set", ANY_ERROR)
     box = watched(station)
     bring_up(station, box, options=("-d", "0"))
@@ -585,7 +585,7 @@ def test_an_event_manager_that_goes_for_good_stops_nothing(station, collector):
     assert records(log_of(station, "box")) == lines
 
 
-def test_something_else_in_the_place_of_the_socket(station):
+def test_a_file_in_place_of_the_socket_is_left_alone(station):
     run = station.root / "run"
     run.mkdir()
     (run / "jix.sock").write_text("no socket\n")

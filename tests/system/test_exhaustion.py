@@ -62,7 +62,7 @@ def test_a_console_is_connected_again_while_strangers_crowd(cramped):
     wait_until(lambda: b"back\n" in log.read_bytes(), what="the console's log to go on")
 
 
-def test_when_strangers_leave_others_are_let_in(cramped):
+def test_others_are_let_in_when_strangers_leave(cramped):
     let_in = call_until_refused(cramped, 120)
     for caller in let_in:
         caller.close()

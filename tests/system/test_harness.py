@@ -101,7 +101,7 @@ def test_sanitizer_reports_are_noticed(report):
 # Waiting
 
 
-def test_a_wait_in_vain_fails_after_its_limit_and_says_for_what():
+def test_a_wait_that_times_out_says_for_what():
     start = time.monotonic()
     with pytest.raises(NotReached, match="for the moon"):
         wait_until(lambda: False, 0.2, "the moon")
@@ -129,7 +129,7 @@ def test_a_connection_counts_until_the_listening_side_closes_it(fake_console):
 # Fake consoles and users
 
 
-def test_both_directions_and_the_walk_through_what_came(pair):
+def test_a_peer_sends_and_expects_in_order(pair):
     console, plain = pair
     plain.sendall(b"one two three")
     assert console.expect(b"two") == b"one "
@@ -139,7 +139,7 @@ def test_both_directions_and_the_walk_through_what_came(pair):
     assert plain.recv(6, socket.MSG_WAITALL) == b"answer"
 
 
-def test_expectations_fail_with_what_came_instead(pair):
+def test_a_failed_expectation_shows_what_arrived(pair):
     console, plain = pair
     plain.sendall(b"abc")
     wait_until(lambda: console.received == b"abc", what="all of it")
@@ -261,7 +261,7 @@ def test_a_telnet_server_console_negotiates_first():
         user.expect(b"42\r\n")
 
 
-def test_a_telnet_client_is_driven_as_by_a_person(fake_console):
+def test_a_telnet_client_can_be_used_as_by_a_person(fake_console):
     console = fake_console()
     with TelnetUser(console.port) as user:
         console.accept()
@@ -301,7 +301,7 @@ def test_other_namespaces_do_not_see_this_one():
     assert os.readlink("/proc/self/ns/net") != os.readlink(f"/proc/{os.getppid()}/ns/net")
 
 
-def test_processes_that_lost_their_parent_are_ended():
+def test_orphaned_processes_are_ended():
     before = isolation.children()
     subprocess.run(["/bin/sh", "-c", "sleep 1000 & exit 0"], check=True)
     orphans = isolation.children() - before
@@ -383,7 +383,7 @@ def test_a_run_of_one_file_may_leave_out_the_others(other_run):
     assert done.returncode == 0, done.stdout
 
 
-def test_a_skip_without_leave_fails_the_run(other_run):
+def test_a_skip_that_is_not_allowed_fails_the_run(other_run):
     text = "import pytest\ndef test_it(): pytest.skip('no program')\n"
     assert_failed(other_run(test_one=text), pytest.ExitCode.TESTS_FAILED,
                   "FAILED test_one.py::test_it was skipped without leave")

@@ -108,7 +108,7 @@ def two_boxes(station):
     return start
 
 
-def test_a_storm_of_reloads_that_drop_and_reopen_a_port(station, two_boxes):
+def test_a_storm_of_reloads_may_drop_and_reopen_a_port(station, two_boxes):
     main_box, box, port = two_boxes()
     echo = Echo(station, main_box)
     before = (station.descriptors(), station.threads())
@@ -134,7 +134,7 @@ def test_a_storm_of_reloads_that_drop_and_reopen_a_port(station, two_boxes):
     echo.works()
 
 
-def test_logins_at_every_stage_when_their_port_is_dropped(station, two_boxes):
+def test_logins_at_every_stage_end_with_their_port(station, two_boxes):
     main_box, box, port = two_boxes()
     echo = Echo(station, main_box)
     for _ in range(5):
@@ -196,7 +196,7 @@ while [ ! -e '{may_answer}' ]; do sleep 0.02; done
     return asked, may_answer
 
 
-def test_login_dialogues_at_every_stage_when_their_port_is_dropped(station):
+def test_login_dialogues_at_every_stage_end_with_their_port(station):
     port = free_port()
     box = station.console("box", mapped_port=port, auth=1)
     bring_up(station, box, options=("-S", "1"))
@@ -338,7 +338,7 @@ def highest_descriptor(station) -> int:
     return max(int(name) for name in os.listdir(f"/proc/{station.pid}/fd"))
 
 
-def test_more_than_a_thousand_users_of_one_console(station, many_descriptors):
+def test_a_console_may_have_more_than_a_thousand_users(station, many_descriptors):
     box = station.console("box")
     station.start("-d", "1")
     many_descriptors()

@@ -43,7 +43,7 @@ def test_what_a_read_only_user_types_never_reaches_the_console(station, box):
     b"\xff\xfd\x01\xff\xfd\x03", b"\r\0", b"\r\n", b"\x03\x08\x7f\x1b[A", b"\0", b"~NET-E-",
     b"\xff\xfa\x1f\x00\x50\x00\x18\xff\xf0",
 ])
-def test_nothing_that_is_typed_is_looked_into(station, box, typed):
+def test_input_is_passed_on_unexamined(station, box, typed):
     user = station.attach("box")
     user.send(typed)
     user.send(b"|")
@@ -51,7 +51,7 @@ def test_nothing_that_is_typed_is_looked_into(station, box, typed):
     assert user.received == OFFERS
 
 
-def test_a_pile_of_input_is_taken_in_turns(station):
+def test_a_backlog_of_input_is_taken_in_turns(station):
     box = station.console("box")
     station.start("-d", "1")
     connected(station, box, "box")
@@ -178,7 +178,7 @@ def test_the_users_of_a_revoked_console_do_not_keep_it(station, box):
 
 
 @pytest.mark.parametrize("way", [User.close, User.reset])
-def test_typing_at_a_console_that_has_gone_costs_only_that_connection(station, way):
+def test_typing_at_a_console_that_has_gone_ends_only_that_connection(station, way):
     box, other = station.console("box"), station.console("other")
     station.start()
     connected(station, box, "box")

@@ -105,7 +105,7 @@ def check_lives(name: str, path: Path, ends: list[int]) -> None:
         last = numbers[-1]
 
 
-def test_killed_at_random_moments_under_load(station, farm, quiet):
+def test_a_kill_at_a_random_moment_tears_at_most_one_record(station, farm, quiet):
     rand = seeded()
     farm.go_on()
     ends: dict[Path, list[int]] = {}
@@ -128,7 +128,7 @@ def test_killed_at_random_moments_under_load(station, farm, quiet):
 
 
 @pytest.mark.needs_namespace
-def test_a_full_disk_under_load(station, farm, quiet):
+def test_a_full_disk_under_load_loses_whole_records_only(station, farm, quiet):
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=2m,mode=0770", "tmpfs", station.logs],
                    check=True)
     station.start("-d", "0")
@@ -171,7 +171,7 @@ def check_in_order(station, path: Path) -> None:
         assert numbers == sorted(set(numbers)), name
 
 
-def test_a_clock_set_back_under_load(station, farm, quiet, tmp_path):
+def test_a_clock_set_back_under_load_loses_nothing(station, farm, quiet, tmp_path):
     clock = ShiftedClock(tmp_path)
     station.start("-d", "0", "-a", "60m", env=clock.env)
     connected_quietly(station, farm, quiet)

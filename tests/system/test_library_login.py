@@ -57,7 +57,7 @@ def test_a_person_logs_in_with_a_telnet_client(club):
     assert club.helper.pairs() == [b"alice two  words "]
 
 
-def test_a_person_who_fails_three_times_is_told_so(hall):
+def test_a_person_who_fails_three_times_is_told(hall):
     with hall.station.telnet() as person:
         person.type("box\r")
         for number in range(TRIES):
@@ -110,7 +110,7 @@ def test_a_name_in_the_line_does_not_count(club):
 
 
 @pytest.mark.needs_namespace
-def test_a_right_password_of_somebody_else_is_not_enough(club):
+def test_the_right_password_of_a_non_member_is_not_enough(club):
     fail_every_try(club.call(), b"bob", b"builder")
     club.station.wait_log("DoTqAuthValidation: Authentication failed.")
     club.station.wait_log(
@@ -179,7 +179,7 @@ def test_what_is_typed_can_be_edited(hall):
     assert hall.helper.pairs() == [b"root secret"]
 
 
-def test_telnet_commands_are_no_part_of_what_is_typed(hall):
+def test_telnet_commands_are_not_part_of_what_is_typed(hall):
     user = hall.call(b"\xff\xfd\x01b\xff\xf1ox\xff\xfa\x1f\0\x50\0\x18\xff\xf0")
     give(user, b"ro\xff\xfd\x03ot", b"\xff\xfe\x01sec\xff\xf4ret")
     user.expect_exactly(OFFERS)
@@ -208,7 +208,7 @@ def test_no_shell_ever_sees_what_is_typed(hall, evil):
 # Limits
 
 
-def test_the_longest_answers(hall):
+def test_the_longest_answers_are_accepted(hall):
     user = hall.call(b"box " + b" " * (LINE - 30) + b"mode=ro")
     fail(user, b"root", b"p" * LINE)
     fail(user, b"n" * LINE, b"p" * LINE)
@@ -230,13 +230,13 @@ def test_a_line_that_is_too_long_or_holds_a_nul_is_refused(hall, sent):
 
 
 @pytest.mark.parametrize("filling", [b"\b", b"\xff\xf1", b"\xff\xfa\x1f", b"\xff\xfd\x01"])
-def test_who_sends_too_much_without_an_answer_is_refused(hall, filling):
+def test_too_much_input_without_an_answer_is_refused(hall, filling):
     user = hall.station.caller()
     user.send(filling * (BYTES // len(filling) + 1))
     user.expect(b"001 - Authentication failed.\r\n")
 
 
-def test_an_empty_name_is_a_failed_try_without_a_check(hall):
+def test_an_empty_name_is_a_failed_attempt_without_a_check(hall):
     fail_every_try(hall.call(), b"", b"secret")
     assert hall.helper.pairs() == []
 
@@ -277,7 +277,7 @@ def test_a_caller_who_goes_away_leaves_nothing(hall, typed, shown):
 @pytest.mark.parametrize("script", [CRASHING, "#!/nowhere\n", "#!/bin/sh\nexit 255\n",
                                     "#!/bin/sh\nexec 0<&-\nexit 1\n", None],
                          ids=["crashes", "cannot be run", "says no", "reads nothing", "missing"])
-def test_a_helper_that_fails_is_a_failed_try(hall, script):
+def test_a_helper_that_fails_is_a_failed_attempt(hall, script):
     if script is None:
         hall.helper.path.unlink()
     else:
@@ -319,7 +319,7 @@ def test_the_daemon_ends_at_once_while_a_helper_hangs(hall):
 # Many at once
 
 
-def test_fifty_logins_at_once(hall):
+def test_fifty_people_can_log_in_at_once(hall):
     neighbour = local_user(hall.station, b"box")
     neighbour.expect(OFFERS)
     wait_until(lambda: hall.station.threads() == hall.rest[0], what="the tool's thread to end")

@@ -60,7 +60,7 @@ def free(directory) -> None:
 
 
 @pytest.mark.needs_namespace
-def test_a_full_disk_costs_the_records_written_meanwhile_and_nothing_else(station, small_disk):
+def test_a_full_disk_loses_only_the_records_written_meanwhile(station, small_disk):
     box, other = station.console("box"), station.console("other", logging=0)
     bring_up(station, box, options=("-d", "1"))
     other.accept()
@@ -112,7 +112,7 @@ def _logged_again(station, box) -> bool:
 
 
 @pytest.mark.needs_namespace
-def test_a_full_disk_under_the_output_of_a_detached_daemon(station, small_disk):
+def test_a_full_disk_does_not_stop_a_detached_daemon(station, small_disk):
     box = station.console("box")
     station.start("-d", "1", detached=True)
     box.accept()
@@ -143,7 +143,7 @@ def _printed_and_logged(station, box) -> bool:
 
 
 @pytest.mark.needs_namespace
-def test_a_disk_without_room_for_a_new_directory(station, small_disk):
+def test_a_disk_without_room_for_a_new_directory_only_stops_the_logs(station, small_disk):
     box, waker = station.console("box"), add_waker(station)
     bring_up(station, box, waker)
     for name in ("box", "waker"):
@@ -189,7 +189,7 @@ def test_log_files_removed_under_the_daemon_come_back_with_the_next_open(station
     wait_records(log_of(station, "box"), [b"back\n"])
 
 
-def test_a_log_directory_that_is_gone_when_the_directory_expires(station):
+def test_a_log_directory_that_is_gone_only_stops_the_logs(station):
     box, waker = station.console("box"), add_waker(station)
     bring_up(station, box, waker)
     for name in ("box", "waker"):
@@ -227,7 +227,7 @@ def stamps(path) -> list[datetime]:
             for stamp in re.findall(rb"^(\S{17}) ", read(path), re.MULTILINE)]
 
 
-def test_a_clock_that_jumps_back_an_hour(station, tmp_path):
+def test_a_clock_that_jumps_back_an_hour_only_delays_the_next_directory(station, tmp_path):
     clock = ShiftedClock(tmp_path)
     box, waker = station.console("box", greeting=b"ready\n"), add_waker(station)
     station.start("-a", "60m", env={**clock.env, "TZ": "UTC0"})
@@ -276,7 +276,7 @@ def test_a_clock_that_jumps_back_an_hour(station, tmp_path):
 # Output that is no text
 
 
-def test_a_megabyte_without_a_line_end(station):
+def test_a_megabyte_without_a_line_end_is_logged_in_blocks(station):
     box = station.console("box")
     bring_up(station, box, options=("-d", "0"))
     before = station.rss()
@@ -292,7 +292,7 @@ def test_a_megabyte_without_a_line_end(station):
 
 
 @pytest.mark.parametrize("suppress", ["0", "1"])
-def test_binary_output(station, suppress):
+def test_binary_output_is_logged(station, suppress):
     seed = random.randrange(2**32)
     print(f"seed {seed}")
     # A telnet command at the end of a chunk would take bytes with it or not, as chunks fall.
@@ -317,7 +317,7 @@ def test_binary_output(station, suppress):
 # Files that are replaced while they are read
 
 
-def test_a_configuration_that_is_replaced_while_it_is_read(station):
+def test_a_configuration_may_be_replaced_while_it_is_read(station):
     box, other = station.console("box"), station.console("other")
     bring_up(station, box, other, options=("-d", "1"))
     user = station.attach("box")
@@ -343,7 +343,7 @@ def test_a_configuration_that_is_replaced_while_it_is_read(station):
     assert not box.called() and not other.called()
 
 
-def test_a_configuration_that_is_rewritten_in_place_while_it_is_read(station):
+def test_a_configuration_may_be_rewritten_while_it_is_read(station):
     """A reload may meet half a file or an empty one: consoles go and come, the daemon stays."""
     box = station.console("box")
     bring_up(station, box, options=("-d", "1"))
@@ -369,7 +369,7 @@ def test_a_configuration_that_is_rewritten_in_place_while_it_is_read(station):
     wait_until(served, what="the record")
 
 
-def test_event_files_that_come_and_go_while_they_are_read(station):
+def test_event_files_may_come_and_go_while_they_are_read(station):
     box = station.console("box", events=1, event_file="set")
     (station.events / "set").write_text("a 1 0 never matches\n")
     bring_up(station, box, options=("-d", "1"))
@@ -388,7 +388,7 @@ def test_event_files_that_come_and_go_while_they_are_read(station):
 # A log that is somebody else's
 
 
-def test_a_directory_in_the_place_of_a_log(station):
+def test_a_directory_in_place_of_a_log_is_reported(station):
     directory = dated(station) / "old"
     (directory / "box.log").mkdir(parents=True)
     current(station).symlink_to(directory)

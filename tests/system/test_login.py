@@ -62,7 +62,7 @@ def test_the_check_is_announced_before_the_welcome(door):
 
 
 @pytest.mark.needs_namespace
-def test_a_member_of_the_group_is_admitted_and_the_password_handed_on_as_typed(member):
+def test_a_member_is_admitted_with_the_password_as_typed(member):
     user = member.call()
     log_in(user, b"alice", b"two  words ")
     member.admitted(user)
@@ -70,7 +70,7 @@ def test_a_member_of_the_group_is_admitted_and_the_password_handed_on_as_typed(m
 
 
 @pytest.mark.needs_namespace
-def test_a_right_password_of_somebody_else_ends_the_connection_at_once(member):
+def test_the_right_password_of_a_non_member_ends_the_connection(member):
     user = member.call()
     log_in(user, b"bob", b"builder")
     refused(user, 14)
@@ -105,7 +105,7 @@ def test_only_the_exact_name_is_a_member(groups, door, members):
 
 
 @pytest.mark.needs_namespace
-def test_a_group_database_that_changes_during_the_walk_costs_nobody_the_right(groups, door):
+def test_a_changing_group_database_does_not_change_who_is_admitted(groups, door):
     """One line changes its name and its members all the time; the right one comes last."""
     groups.write("otherss:x:64000:mallory\n"
                  + "".join(f"filler{number}:x:{number}:m{number}\n"
@@ -138,7 +138,7 @@ def test_a_group_database_that_changes_during_the_walk_costs_nobody_the_right(gr
 
 
 @pytest.mark.needs_namespace
-def test_a_group_database_that_is_truncated_during_the_walk_ends_nothing(groups, door):
+def test_a_group_database_truncated_during_a_login_does_no_harm(groups, door):
     entry = "qoruser:x:64001:alice\n"
     filler = "".join(f"filler{number}:x:{number}:\n" for number in range(65000, 67000))
     stop = threading.Event()
@@ -230,7 +230,7 @@ def test_the_fourth_failure_ends_the_connection(door):
     door.quiet()
 
 
-def test_the_fourth_try_may_succeed(door):
+def test_the_fourth_attempt_may_succeed(door):
     user = door.call()
     for _ in range(3):
         fail(user)
@@ -241,7 +241,7 @@ def test_the_fourth_try_may_succeed(door):
 @pytest.mark.parametrize("typed, shown", [
     (b"\r\0", b"\r\n"), (b"\n", b"\n"), (b"\r\n", b"\r\r"), (b"\x03", b"\r\n"),
     (b"abc\x03", b"abc\r\n"), (b"a\b\r\0", b"a\b \b\r\n")])
-def test_an_empty_name_costs_no_try(door, typed, shown):
+def test_an_empty_name_does_not_count_as_an_attempt(door, typed, shown):
     user = door.call()
     for _ in range(5):
         user.send(typed)
@@ -287,7 +287,7 @@ def test_carriage_return_and_line_feed_show_the_first_byte_of_a_name(door):
     door.admitted(user)
 
 
-def test_telnet_commands_before_the_name_are_no_name(door):
+def test_telnet_commands_before_the_name_are_not_part_of_it(door):
     user = door.call()
     user.send(b"\xff\xfd\x01\xff\xfd\x03")
     give_name(user, b"root")
@@ -301,7 +301,7 @@ def test_telnet_commands_and_the_name_may_come_at_once(door):
     user.expect_exactly(b"root\r\n" + PASSWORD)
 
 
-def test_a_telnet_command_in_place_of_a_password_is_a_failed_try(door):
+def test_a_telnet_command_in_place_of_a_password_is_a_failed_attempt(door):
     user = door.call()
     give_name(user, b"root")
     user.send(b"\xff\xfd\x01")
@@ -318,7 +318,7 @@ def test_a_telnet_command_inside_a_name_is_part_of_it(door):
 @pytest.mark.parametrize("typed, shown, kept", [
     (b"\r\0", b"\r\n", b"\r"), (b"\n", b"\n", b"\n"), (b"\r\n", b"\r", b"\r\n"),
     (b"\x03", b"\r\n", b""), (b"secret\x03", b"\r\n", b"")])
-def test_an_empty_password_is_handed_on_as_it_came(door, typed, shown, kept):
+def test_an_empty_password_is_passed_on_as_typed(door, typed, shown, kept):
     user = door.call()
     give_name(user, b"root")
     user.send(typed)
@@ -417,7 +417,7 @@ def test_a_helper_that_fails_is_a_failed_try(door, script):
     door.admitted(user)
 
 
-def test_a_missing_helper_is_a_failed_try(door):
+def test_a_missing_helper_is_a_failed_attempt(door):
     door.helper.path.unlink()
     user = door.call()
     for _ in range(3):
@@ -461,7 +461,7 @@ def test_the_daemon_ends_at_once_while_a_helper_hangs(door):
     door.helper.release()
 
 
-def test_a_daemon_whose_starter_ignores_the_end_of_children_sees_that_of_its_helpers(station):
+def test_a_starter_that_ignores_sigchld_does_not_hide_the_helpers_status(station):
     """The signal's disposition is inherited, and without it no status is to be had."""
     helper = FakeHelper(station)
     helper.accept(b"root", b"secret")
@@ -514,7 +514,7 @@ def test_the_helper_inherits_no_connection_and_gets_no_argument(door):
 # Many at once
 
 
-def test_fifty_dialogues_at_once(station):
+def test_fifty_people_can_log_in_at_once(station):
     helper = FakeHelper(station)
     helper.accept(b"root", b"secret")
     ports = [free_port() for _ in range(10)]

@@ -80,7 +80,7 @@ def test_stamps_and_directories_are_in_local_time(station):
     ("1", [b"in ", b"pie", b"ces\r", b"\nnext\n"], [b"in pieces\n", b"next\n"]),
     ("1", [b"\n\n"], [b"\n", b"\n"]),
 ])
-def test_what_becomes_of_the_bytes(station, suppress, chunks, expected):
+def test_bytes_of_output_become_records(station, suppress, chunks, expected):
     box = station.console("box")
     bring_up(station, box, options=("-s", suppress))
     if suppress == "0":
@@ -103,7 +103,7 @@ def test_a_line_without_an_end_is_cut_after_1024_bytes(station, box):
     wait_records(log_of(station, "box"), [b"x" * 1024, b"x" * 976 + b"y\n"])
 
 
-def test_closing_writes_what_was_begun_and_then_an_empty_record(station, box):
+def test_closing_writes_an_unfinished_line_and_an_empty_record(station, box):
     print_and_wait(station, box, b"done\nbegun")
     wait_records(log_of(station, "box"), [b"done\n"])
     box.close()
@@ -113,7 +113,7 @@ def test_closing_writes_what_was_begun_and_then_an_empty_record(station, box):
     assert of_console(consolidated_records(consolidated(station)), "box") == expected
 
 
-def test_a_console_that_comes_back_goes_on_in_its_log(station, box):
+def test_a_console_that_comes_back_continues_its_log(station, box):
     print_and_wait(station, box, b"before\n")
     box.greeting = b"after\n"
     disable_and_enable(station, box)
@@ -129,8 +129,7 @@ def test_a_console_that_comes_back_goes_on_in_its_log(station, box):
     (["er", "ro"], False),   # the first user counts
     (["ro", "er"], True),
 ])
-def test_what_users_see_is_logged_unless_the_first_of_them_may_be_revoked(station, box, modes,
-                                                                          logged):
+def test_watched_output_is_logged_unless_the_first_user_is_revocable(station, box, modes, logged):
     users = [station.attach("box", mode=mode, user=f"user{number}")
              for number, mode in enumerate(modes)]
     box.send(b"watched\n")
@@ -174,7 +173,7 @@ def test_other_consoles_are_logged_while_one_is_watched(station):
 # What is not logged
 
 
-def test_a_console_with_its_logging_flag_off(station):
+def test_a_console_with_its_logging_flag_off_is_not_logged(station):
     box, quiet = station.console("box"), station.console("quiet", logging=0, greeting=b"up\n")
     bring_up(station, box)
     quiet.accept()
@@ -209,7 +208,7 @@ def test_notices_of_a_management_port_are_not_logged(station, box):
 # Files
 
 
-def test_modes_and_groups(station):
+def test_new_files_have_their_modes_and_group(station):
     os.chown(station.root, -1, 12345)
     box = station.console("box")
     bring_up(station, box)
@@ -221,7 +220,7 @@ def test_modes_and_groups(station):
         assert (status.st_uid, status.st_gid) == (os.geteuid(), 12345), path
 
 
-def test_files_that_are_there_keep_mode_and_group(station):
+def test_existing_files_keep_their_mode_and_group(station):
     directory = dated(station) / "earlier"
     directory.mkdir(parents=True)
     current(station).symlink_to(directory)
@@ -240,7 +239,7 @@ def test_files_that_are_there_keep_mode_and_group(station):
         assert read(log_of(station, name)).startswith(b"26/01/01_00:00:00 x earlier\n")
 
 
-def test_another_log_directory(station):
+def test_the_command_line_may_name_the_log_directory(station):
     elsewhere = station.root / "else where"
     elsewhere.mkdir()
     box = station.console("box", greeting=b"up\n")
@@ -252,7 +251,7 @@ def test_another_log_directory(station):
     station.wait_log(f"OpenLogFile: opened {elsewhere}//zev.dated/current/box.log")
 
 
-def test_a_renamed_console_takes_its_log_along(station, box):
+def test_a_renamed_console_takes_its_log_with_it(station, box):
     print_and_wait(station, box, b"before\n")
     station.write_config(console_line("chest", box.port))
     reload(station)
@@ -267,7 +266,7 @@ def test_a_renamed_console_takes_its_log_along(station, box):
 # Load
 
 
-def test_thirty_thousand_lines_as_fast_as_they_are_read(station):
+def test_thirty_thousand_lines_are_logged_complete(station):
     box = station.console("box")
     bring_up(station, box, options=("-d", "0"))
     printed = numbered(30000)
@@ -281,7 +280,7 @@ def test_thirty_thousand_lines_as_fast_as_they_are_read(station):
     assert of_console(found, "box") == expected, difference(of_console(found, "box"), expected)
 
 
-def test_thirty_thousand_lines_with_carriage_returns_kept(station):
+def test_carriage_returns_are_kept_in_thirty_thousand_lines(station):
     box = station.console("box")
     bring_up(station, box, options=("-d", "0", "-s", "0"))
     printed = numbered(15000) + b"end\n"
@@ -296,7 +295,7 @@ def test_thirty_thousand_lines_with_carriage_returns_kept(station):
         assert found == expected, difference(found, expected)
 
 
-def test_a_hundred_consoles_at_once(station):
+def test_a_hundred_consoles_are_logged_at_once(station):
     names = [f"c{number:02}" for number in range(100)]
     consoles = [station.console(name) for name in names]
     printed = {name: b"".join(b"%s line %d of a hundred\r\n" % (name.encode(), line)

@@ -112,13 +112,13 @@ def test_a_pattern_that_refers_back_makes_its_event(station, collector):
     (["b 2 0 err(", r"a 1 0 (r)\1"], 1),
     ([r"c 5 0 (x)\1", "b 2 0 err(", "a 1 0 error"], 1),
 ])
-def test_the_first_pattern_in_file_order_decides_there_too(station, collector, patterns, priority):
+def test_the_first_pattern_in_file_order_decides(station, collector, patterns, priority):
     box = matching(station, *patterns, level=1)
     box.send(b"an error\n")
     assert said_by(collector.accept().wait_events(1)) == [event("box", priority, "an error\n")]
 
 
-def test_an_expression_that_is_wrong_is_reported_with_its_reason(station):
+def test_an_invalid_expression_is_reported_with_its_reason(station):
     matching(station, r"a 1 0 (r)\1", "b 2 0 err(", r"c 3 0 (x)\2")
     station.wait_log("ParseRegExFile: regcomp() failed for pattern err( : Unmatched ( or \\(")
     station.wait_log("ParseRegExFile: regcomp() failed for pattern (x)\\2 : "
@@ -137,7 +137,7 @@ def test_an_answer_does_not_wait_for_the_next_output(station, collector):
     assert time.monotonic() - begun < stretched(8)
 
 
-def test_other_sets_are_matched_in_the_daemon_as_ever(station, collector):
+def test_other_sets_are_matched_in_the_daemon_itself(station, collector):
     write_events(station, r"a 1 0 (r)\1", name="hard")
     write_events(station, "b 2 0 error", name="plain")
     box, other = watched(station, event_file="hard"), watched(station, "other", "plain")
@@ -156,7 +156,7 @@ def test_a_station_without_such_patterns_has_no_matcher(station):
     assert children_of(station.pid) == set()
 
 
-def test_what_somebody_watches_is_not_matched_there_either(station, collector):
+def test_watched_output_is_not_matched(station, collector):
     box = matching(station, r"a 1 0 (r)\1", level=3)
     station.wait_connected("box")
     user = station.attach("box")
@@ -197,7 +197,7 @@ def test_an_event_outlives_its_console(station, collector, waker):
 # What it cannot bear
 
 
-def test_an_endless_pattern_costs_itself_and_one_line(station, collector):
+def test_an_endless_pattern_is_left_out_after_one_line(station, collector):
     """Everybody else's keys come back meanwhile; the set's other patterns go on."""
     box, other, user = matching_beside_a_user(
         station, f"a 1 0 {ENDLESS}", r"b 2 0 (er)\1", "c 3 0 error", level=1)
@@ -212,7 +212,7 @@ def test_an_endless_pattern_costs_itself_and_one_line(station, collector):
     assert station.log_text().count(ENDLESS) == 1
 
 
-def test_a_pattern_that_takes_the_stack_costs_itself_alone(station, collector):
+def test_a_pattern_that_exhausts_the_stack_is_left_out_alone(station, collector):
     box = matching(station, f"a 1 0 {DEEP}", "c 3 0 error")
     box.send(b"error one\nerror two\n")
     station.wait_log(left_out(DEEP, "could not be matched with a line (signal 11)"))
@@ -231,7 +231,7 @@ def test_a_reload_gives_a_pattern_that_was_left_out_another_chance(station, coll
     assert said_by(collector.accept().wait_events(1)) == [event("box", 1, "aab\n")]
 
 
-def test_patterns_that_cannot_be_compiled_cost_themselves_alone(station, collector):
+def test_patterns_that_cannot_be_compiled_are_left_out_alone(station, collector):
     box = matching(station, f"a 1 0 {BOMB}", r"b 2 0 (r)\1", f"c 3 0 x{BOMB}")
     for pattern in (BOMB, f"x{BOMB}"):
         station.wait_log(re.compile(
@@ -242,7 +242,7 @@ def test_patterns_that_cannot_be_compiled_cost_themselves_alone(station, collect
     assert said_by(collector.accept().wait_events(1)) == [event("box", 2, "error\n")]
 
 
-def test_a_pattern_left_out_stays_so_for_the_next_matcher(station, collector):
+def test_a_pattern_is_left_out_by_the_next_matcher_too(station, collector):
     box = matching(station, f"a 1 0 {ENDLESS}", "c 3 0 error")
     box.send(LONG_LINE)
     station.wait_log(left_out(ENDLESS, TOO_LONG))
@@ -302,7 +302,7 @@ def test_a_matcher_that_was_killed_is_replaced(station, collector):
     assert gone(before)
 
 
-def test_lines_that_wait_outlive_the_matcher(station, collector):
+def test_waiting_lines_outlive_the_matcher(station, collector):
     """All but the one that it was at, which may have been the reason for its end."""
     box = matching(station, r"a 1 0 (r)\1")
     lines = [b"error %d\n" % number for number in range(4)]
@@ -365,7 +365,7 @@ def test_it_ends_when_no_set_needs_it_any_more(station, waker):
     assert "Matcher: The matcher has ended" not in station.log_text(position)
 
 
-def test_it_comes_when_a_reload_brings_a_set_that_needs_it(station, collector, waker):
+def test_it_starts_when_a_reload_brings_a_set_that_needs_it(station, collector, waker):
     box = matching(station, "a 1 0 error", beside=(waker,), level=3)
     assert children_of(station.pid) == set()
     write_events(station, r"a 2 0 (r)\1")
@@ -402,7 +402,7 @@ def _descriptors(pid: int) -> list[int]:
     return sorted(int(number) for number in os.listdir(f"/proc/{pid}/fd"))
 
 
-def test_a_hangup_for_all_of_the_name_does_not_end_it(station, collector, waker):
+def test_a_hangup_sent_to_every_process_does_not_end_it(station, collector, waker):
     box = matching(station, r"a 1 0 (r)\1", beside=(waker,), level=3)
     matcher = matcher_of(station)
     worker = worker_of(matcher)
@@ -414,7 +414,7 @@ def test_a_hangup_for_all_of_the_name_does_not_end_it(station, collector, waker)
     assert matcher_of(station) == matcher
 
 
-def test_a_matcher_that_cannot_start_is_told_once_and_tried_again(station, collector):
+def test_a_matcher_that_cannot_start_is_reported_once_and_tried_again(station, collector):
     """There is no descriptor for its socket: consoles, logs and other sets go on."""
     write_events(station, r"a 1 0 (r)\1")
     write_events(station, "b 2 0 error", name="plain")
@@ -441,7 +441,7 @@ def test_a_matcher_that_cannot_start_is_told_once_and_tried_again(station, colle
 
 
 @pytest.mark.parametrize("name", ["zevd-matcher", "./zevd-matcher", "/usr/sbin/zevd-matcher"])
-def test_nobody_starts_it_by_its_name(station, name):
+def test_its_name_alone_does_not_start_it(station, name):
     """Without the daemon's socket the program is what it always is."""
     assert station.run("-V", argv0=name).stdout.startswith("QOR version ")
     station.start()

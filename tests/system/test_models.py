@@ -94,7 +94,7 @@ def test_bars_before_the_series_are_skipped_and_later_ones_belong_to_the_model(p
                              "M100", "|M200", "M300|A"}
 
 
-def test_line_ends_of_other_systems(pellox_models):
+def test_line_ends_of_other_systems_are_understood(pellox_models):
     assert pellox_models("PX|M100\r\nPX|M200\rPX|M300\nPX|M400", "M100", "M200", "M300",
                          "M400") == {"M100", "M200", "M400"}
 
@@ -124,7 +124,7 @@ def test_a_file_without_models_is_reported(station, pellox_models, text):
         f"LoadModels: No models found in {station.models_file}!!\n"]
 
 
-def test_long_lines_and_foreign_bytes_are_borne(pellox_models):
+def test_long_lines_and_foreign_bytes_are_tolerated(pellox_models):
     every_byte = "".join(chr(byte) for byte in range(1, 256) if chr(byte) not in "\r\n")
     long_line = "A|" + "x" * 9000
     assert pellox_models(f"{every_byte}\n{long_line}\nPX|M100\n", "M100") == {"M100"}

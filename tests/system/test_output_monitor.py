@@ -53,7 +53,7 @@ def test_without_a_ring_nothing_is_replayed(station, options):
 
 
 @pytest.mark.parametrize("size", [1, 2, 3, 10, 100, 1024, 1025, 5000])
-def test_the_last_bytes_are_replayed_and_one_less_than_the_ring_has(station, size):
+def test_the_replay_is_one_byte_less_than_the_ring(station, size):
     box = box_of(station, "-B", str(size))
     text = numbered(size * 2 // 40 + 3)
     for start in range(0, len(text), 997):
@@ -62,7 +62,7 @@ def test_the_last_bytes_are_replayed_and_one_less_than_the_ring_has(station, siz
 
 
 @pytest.mark.parametrize("size, printed", [(10, 8), (10, 9), (10, 10), (10, 11), (2, 1), (2, 2)])
-def test_the_ring_at_its_edge(station, size, printed):
+def test_the_replay_is_right_at_the_edge_of_the_ring(station, size, printed):
     box = box_of(station, "-B", str(size))
     text = b"abcdefghijklmnop"[:printed]
     print_and_wait(station, box, text)
@@ -127,7 +127,7 @@ def test_a_chunk_with_a_high_first_byte_is_lost_when_nobody_is_attached(station,
 
 
 @pytest.mark.parametrize("mode", ["ro", "sh"])
-def test_the_same_chunk_is_kept_when_somebody_is_attached(station, mode):
+def test_a_chunk_with_a_high_first_byte_is_kept_when_somebody_is_attached(station, mode):
     box = box_of(station, "-B", "100")
     user = station.attach("box", mode=mode)
     box.send(b"\xff\xfb\x01 and text")
@@ -167,7 +167,7 @@ def test_what_only_looks_like_a_notice_is_shown(station, text):
     assert replayed(station, box) == text
 
 
-def test_a_notice_is_hidden_even_with_more_behind_its_marker_than_fits_a_line(station):
+def test_a_long_notice_is_hidden_too(station):
     box = box_of(station, "-B", "4000")
     user = station.attach("box")
     notice = b"~NET-I-" + b"x" * 980 + b"Timed out, disconnecting..."
@@ -242,7 +242,7 @@ def test_a_disabled_console_has_changed_lists_by_the_end_of_the_pass(station):
     assert between.count("<main>: Entering CheckForConsoleOutput\n") == 1
 
 
-def test_messages_to_users_are_told_with_names_and_addresses(station):
+def test_messages_to_users_are_logged_with_names_and_addresses(station):
     box = box_of(station)
     user = station.attach("box", user="ann", addr="1.2.3.4")
     station.write_config(console_line("box", box.port, enable=0))
@@ -275,7 +275,7 @@ def test_a_user_who_takes_nothing_is_dropped_and_the_others_miss_nothing(station
     assert text.startswith(stalled.received[len(OFFERS):]) and len(stalled.received) < len(text)
 
 
-def test_a_failed_send_costs_the_users_behind_their_connections_too(station):
+def test_a_failed_send_also_disconnects_the_users_after_it(station):
     """What one send gave back is the length of the next, and there is none of -1."""
     box = box_of(station)
     stays = station.attach("box", user="stays")

@@ -120,7 +120,7 @@ def test_the_right_password_is_accepted_and_every_other_refused():
 
 
 @pytest.mark.usefixtures("accounts")
-def test_what_is_no_pair_is_refused():
+def test_input_that_is_not_a_pair_is_refused():
     wrong = [b"", b" ", b"  ", b" alice " + BLANKS, b"\n", b"\0", b"alice\0" + BLANKS,
              b"alice " + BLANKS + b"\0", b"alice " + b"p" * 8000, b"n" * 8000 + b" p",
              b"alice " + b"p" * 8186, b"alice " + b"p" * 100000, b"\xff" * 300 + b" \xff",
@@ -128,7 +128,7 @@ def test_what_is_no_pair_is_refused():
     assert check_all(*wrong) == [1] * len(wrong)
 
 
-def test_the_longest_pair_that_is_read(accounts):
+def test_the_longest_pair_is_read(accounts):
     """PAM itself takes at most 511 characters of a password."""
     accounts.add("long", hashed(b"p" * 256))
     assert check_all(b"long " + b"p" * 256, b"long " + b"p" * 255) == [0, 1]
@@ -136,7 +136,7 @@ def test_the_longest_pair_that_is_read(accounts):
 
 @pytest.mark.parametrize("stdin", ["closed", "a directory"])
 @pytest.mark.usefixtures("accounts")
-def test_without_an_input_that_can_be_read_nothing_is_accepted(stdin):
+def test_unreadable_input_is_refused(stdin):
     command = f"exec {HELPER} <&-" if stdin == "closed" else f"exec {HELPER} < /"
     done = subprocess.run(["sh", "-c", command], capture_output=True, check=False,
                           timeout=stretched(LIMIT))
@@ -154,7 +154,7 @@ def test_the_pair_may_come_in_pieces():
 
 
 @pytest.mark.usefixtures("accounts")
-def test_a_check_ends_when_told_to_whatever_it_inherits():
+def test_a_check_ends_on_sigterm_whatever_it_inherits():
     """A daemon blocks signals, and passes that on."""
     def block() -> None:
         signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
@@ -276,7 +276,7 @@ def test_a_member_logs_in_on_a_consoles_own_port(door):
     door.quiet()
 
 
-def test_root_logs_in_and_who_is_not_listed_does_not(door):
+def test_root_logs_in_and_an_unlisted_user_does_not(door):
     user = door.call()
     log_in(user, b"root", b"toor")
     user.expect_exactly(OFFERS + greeting("box"))
@@ -308,7 +308,7 @@ def test_a_member_logs_in_on_a_consoles_own_port_with_a_telnet_client(door):
     door.quiet()
 
 
-def test_a_person_without_the_right_is_told_so_by_the_telnet_client(door):
+def test_a_person_without_permission_is_told(door):
     with door.station.telnet(door.port) as person:
         person.expect("username: ")
         person.type("bob\r")

@@ -60,7 +60,7 @@ def not_listening(port: int) -> None:
 # Opening
 
 
-def test_the_main_port_comes_first_and_then_the_consoles_in_their_order(station):
+def test_the_main_port_opens_first_and_then_those_of_the_consoles(station):
     ports = [free_port() for _ in range(4)]
     station.write_config("".join(
         console_line(f"c{index}", 1, enable=0, mapped_port=port)
@@ -71,7 +71,7 @@ def test_the_main_port_comes_first_and_then_the_consoles_in_their_order(station)
     assert [int(port) for port in bound] == [station.port, ports[2], ports[0], ports[3], ports[1]]
 
 
-def test_opening_a_port_is_said_at_every_debug_level(station):
+def test_opening_a_port_is_logged_at_every_debug_level(station):
     station.start("-d", "0")
     assert f"ListenOnPort: bind() to port {station.port} succeeded\n" in messages(
         station.log_text())
@@ -181,7 +181,7 @@ def test_one_port_may_be_named_by_two_consoles(station):
     attached(station.mapped(port), listed[0])
 
 
-def test_of_two_consoles_with_one_port_the_inaccessible_one_is_meant(station):
+def test_a_shared_port_leads_to_the_inaccessible_console(station):
     port = free_port()
     up = station.console("up", mapped_port=port)
     station.console_line("down", 1, mapped_port=port, enable=0)
@@ -222,7 +222,7 @@ def test_a_console_whose_port_is_the_main_port_gets_no_listener_of_its_own(stati
 # Waiting and accepting
 
 
-def test_the_first_wait_may_last_two_seconds_and_later_ones_do_not_wait(station):
+def test_only_the_first_wait_lasts_two_seconds(station):
     station.start()
     waits = re.compile(r"CheckForConnectionRequests: Calling select\( \d+ \+ 1, fdset, 0, 0, "
                        r"\((\d+),(\d+)\)\)\n")
@@ -239,7 +239,7 @@ def test_the_first_wait_may_last_two_seconds_and_later_ones_do_not_wait(station)
     assert left.count(0) > 20
 
 
-def test_the_time_that_a_wait_did_not_use_is_what_the_next_one_has(station):
+def test_a_wait_lasts_for_the_time_that_the_last_one_left(station):
     station.start()
     station.caller()
     found = station.wait_log(servicing(station.port))
@@ -248,7 +248,7 @@ def test_the_time_that_a_wait_did_not_use_is_what_the_next_one_has(station):
     assert re.search(r"\((1,\d+|0,\d+)\)\)$", after.message), after.message
 
 
-def test_the_address_of_a_caller_is_said(station):
+def test_the_address_of_a_caller_is_logged(station):
     station.start("-d", "2")
     station.caller()
     station.wait_log('AcceptConnectionRequests: Connection request from IP address "127.0.0.1".',

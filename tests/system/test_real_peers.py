@@ -82,14 +82,14 @@ def test_a_person_with_a_telnet_client_uses_a_shell(station):
         type_command(person, 8)
 
 
-def test_a_person_comes_through_a_mapped_port(station, shell):
+def test_a_person_uses_a_shell_through_a_mapped_port(station, shell):
     wait_listening(shell.mapped_port)
     with seated(station, "", shell.mapped_port) as person:
         type_command(person, 7)
 
 
 @pytest.mark.usefixtures("shell")
-def test_two_persons_share_a_shell(station):
+def test_two_people_share_a_shell(station):
     with station.telnet() as ann, station.telnet() as bob:
         sit_down(station, ann, "shell user=ann")
         type_command(ann, 7)
@@ -132,7 +132,7 @@ def test_a_person_leaves_and_finds_the_shell_as_it_was(station):
 
 
 @pytest.mark.usefixtures("shell")
-def test_when_the_shell_ends_its_users_are_closed_and_a_new_one_is_there(station):
+def test_when_the_shell_ends_its_users_are_closed_and_a_new_one_starts(station):
     with seated(station, "shell") as person:
         type_command(person, 7)
         person.type("exit\r")
@@ -145,7 +145,7 @@ def test_when_the_shell_ends_its_users_are_closed_and_a_new_one_is_there(station
 # A telnet server
 
 
-def test_the_negotiation_of_a_telnet_server_is_played_to_every_user(station, server):
+def test_every_user_gets_the_negotiation_of_a_telnet_server(station, server):
     negotiation = negotiation_of(server)
     assert len(negotiation) >= 6
     for _ in range(2):

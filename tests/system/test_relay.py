@@ -86,7 +86,7 @@ def test_what_follows_the_argument_line_is_typed_at_the_console(station):
     user.expect_exactly(OFFERS)
 
 
-def test_a_user_who_sends_no_more_leaves(station):
+def test_a_user_who_stops_sending_is_removed(station):
     box = box_of(station)
     user = station.attach("box", mode="ex")
     user.send(b"last words")
@@ -99,7 +99,7 @@ def test_a_user_who_sends_no_more_leaves(station):
 # Attaching in the middle of things
 
 
-def test_what_a_user_receives_on_attaching_comes_in_this_order(station):
+def test_a_new_user_gets_negotiation_offers_and_output_in_order(station):
     box = box_of(station, "-B", "100", greeting=NEGOTIATION)
     print_and_wait(station, box, b"printed before")
     user = station.ask("box")
@@ -153,7 +153,7 @@ def test_a_long_paste_arrives_complete_and_in_order(station):
     box.expect_exactly(text, limit=30)
 
 
-def test_both_directions_at_once(station):
+def test_both_directions_work_at_once(station):
     box = station.console("box")
     station.start("-d", "1")
     box.accept()
@@ -167,7 +167,7 @@ def test_both_directions_at_once(station):
     typing.join()
 
 
-def test_a_hundred_consoles_with_two_users_each(station):
+def test_a_hundred_consoles_may_have_two_users_each(station):
     names = [f"c{number}" for number in range(100)]
     consoles = {name: station.console(name) for name in names}
     station.start("-d", "1")
@@ -190,7 +190,7 @@ def test_a_hundred_consoles_with_two_users_each(station):
             user.expect_exactly(text, limit=30)
 
 
-def test_sixty_users_of_one_console(station):
+def test_a_console_may_have_sixty_users(station):
     box = box_of(station, "-d", "1")
     users = [station.ask("box", user=f"u{number}") for number in range(60)]
     for user in users:
@@ -206,7 +206,7 @@ def test_sixty_users_of_one_console(station):
 # Order
 
 
-def test_what_several_users_type_at_one_time_comes_in_the_order_of_their_attaching(station):
+def test_simultaneous_input_arrives_in_the_order_of_attaching(station):
     box = box_of(station)
     users = [station.attach("box", user=f"u{number}") for number in range(5)]
     with held_still(station):
@@ -221,7 +221,7 @@ def typing_of(number: int, count: int) -> bytes:
                  for digit in (value >> 12, value >> 6 & 63, value & 63))
 
 
-def test_what_one_user_types_stays_in_order_among_others(station):
+def test_the_input_of_one_user_stays_in_order_among_others(station):
     box = box_of(station, "-d", "1")
     typed = [typing_of(number, 20000) for number in range(4)]
     users = [station.attach("box") for _ in typed]

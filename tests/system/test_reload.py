@@ -74,7 +74,7 @@ def test_names_differ_by_case(station, box):
     serves(station.attach("BOX"), box)
 
 
-def test_a_rename_takes_the_log_file_along(station, box):
+def test_a_rename_takes_the_log_file_with_it(station, box):
     current = station.logs / "zev.dated" / "current"
     current.mkdir(parents=True, exist_ok=True)
     (current / "box.log").write_text("what was logged\n")
@@ -83,7 +83,7 @@ def test_a_rename_takes_the_log_file_along(station, box):
     assert not (current / "box.log").exists()
 
 
-def test_a_log_file_that_cannot_be_renamed_costs_only_that(station, box):
+def test_a_log_file_that_cannot_be_renamed_does_no_harm(station, box):
     current = station.logs / "zev.dated" / "current"
     (current / "chest.log").mkdir(parents=True)
     (current / "box.log").write_text("what was logged\n")
@@ -107,7 +107,7 @@ def test_the_replay_ring_is_kept(station):
     station.attach("chest").expect_exactly(b"printed before")
 
 
-def test_two_lines_of_one_address_update_one_console_and_the_later_one_wins(station, box):
+def test_the_later_of_two_lines_with_one_address_wins(station, box):
     user = station.attach("box")
     configure(station, console_line("first", box.port), console_line("second", box.port))
     refused(station, "first", NOT_FOUND)
@@ -115,7 +115,7 @@ def test_two_lines_of_one_address_update_one_console_and_the_later_one_wins(stat
     assert not user.closed and not box.called()
 
 
-def test_two_lines_of_one_new_address_make_one_console_too(station, box):
+def test_two_lines_with_one_new_address_make_one_console(station, box):
     other = station.console("other")
     configure(station, console_line("box", box.port), console_line("first", other.port),
               console_line("second", other.port))
@@ -124,7 +124,7 @@ def test_two_lines_of_one_new_address_make_one_console_too(station, box):
     assert not other.called()
 
 
-def test_two_consoles_of_one_address_from_the_start_become_one(station):
+def test_two_consoles_with_one_address_become_one(station):
     box = station.console("first")
     station.console_line("second", box.port)
     station.start()
@@ -191,7 +191,7 @@ def test_a_deleted_console_says_so_to_its_users_and_goes(station, box):
     serves(stays, other)
 
 
-def test_several_deleted_consoles_all_go(station):
+def test_several_consoles_can_be_deleted_at_once(station):
     consoles = {f"c{number}": station.console(f"c{number}", enable=number % 3)
                 for number in range(9)}
     station.start()
@@ -380,7 +380,7 @@ def test_a_missing_file_ends_the_daemon(station, box):
 # Traffic
 
 
-def test_the_steps_of_a_reload_in_their_order(station):
+def test_the_steps_of_a_reload_are_in_order(station):
     box = station.console("box")
     station.start()
     connected(station, box, "box")
@@ -443,7 +443,7 @@ def test_a_hundred_reloads_under_full_load_lose_nothing(station):
     assert_flat(station, before, memory=4 << 20)
 
 
-def test_hangups_as_fast_as_they_come_while_users_come_and_go(station):
+def test_rapid_hangups_do_not_disturb_users(station):
     box = station.console("box")
     station.start("-d", "1")
     connected(station, box, "box")

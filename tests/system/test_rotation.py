@@ -68,7 +68,7 @@ def end_of_output(station, *boxes, after: bytes) -> bytes:
 # The layout
 
 
-def test_the_first_log_makes_the_directories(station):
+def test_the_first_log_creates_the_directories(station):
     before = minute()
     station.start()
     wait_until(consolidated(station).exists, what="the consolidated log")
@@ -122,7 +122,7 @@ def test_rotations_within_a_minute_use_one_directory(station, box, waker):
     assert all_records(station, "box") == expected
 
 
-def test_a_line_that_has_only_begun_is_cut(station, box, waker):
+def test_an_unfinished_line_is_cut(station, box, waker):
     print_and_wait(station, box, b"done\nbegun")
     wait_records(log_of(station, "box"), [b"done\n"])
     old = age_directory(station)
@@ -189,7 +189,7 @@ def test_nothing_is_lost_under_load_however_often_the_directory_changes(station)
                 found, expected.splitlines(keepends=True))
 
 
-def test_consoles_that_connect_while_the_directory_changes_all_get_their_log(station):
+def test_consoles_that_connect_during_a_change_get_their_log(station):
     waker = add_waker(station)
     # Few at a time, so that a change of directories takes no longer than the opening of a log.
     groups = [[station.console("unnamed", greeting=b"up\n") for _ in range(10)] for _ in range(2)]
@@ -251,7 +251,7 @@ def test_a_link_whose_target_is_gone_is_replaced_at_the_start(station):
     assert not (dated(station) / "gone").exists() and len(directories(station)) == 1
 
 
-def test_a_target_deleted_under_the_daemon_is_made_again_when_a_log_is_opened(station, box):
+def test_a_deleted_target_is_created_again_when_a_log_is_opened(station, box):
     shutil.rmtree(current(station).resolve())
     print_and_wait(station, box, b"lost\n")
     assert not current(station).exists()
@@ -260,7 +260,7 @@ def test_a_target_deleted_under_the_daemon_is_made_again_when_a_log_is_opened(st
     wait_records(log_of(station, "box"), [b"kept\n"])
 
 
-def test_a_link_that_was_removed_costs_a_message(station, box):
+def test_a_missing_link_is_reported(station, box):
     position = station.mark()
     print_and_wait(station, box, b"before\n")
     current(station).unlink()

@@ -38,7 +38,7 @@ def write_farm(station, farm: Farm, extra: str = "") -> None:
 
 @pytest.mark.slow
 @pytest.mark.needs_namespace
-def test_thousands_of_consoles_each_with_a_port_and_a_log(station):
+def test_thousands_of_consoles_may_have_a_port_and_a_log_each(station):
     count = most_consoles(CONSOLES)
     with Farm(count) as farm:
         write_farm(station, farm)
@@ -67,7 +67,7 @@ def test_thousands_of_consoles_each_with_a_port_and_a_log(station):
 
 
 @pytest.mark.slow
-def test_two_thousand_users_of_whom_a_thousand_share_one_console(station):
+def test_two_thousand_users_may_be_attached_at_once(station):
     box, other = station.console("box"), station.console("other")
     station.start("-d", "1")
     for name, console in (("box", box), ("other", other)):
@@ -105,7 +105,7 @@ def test_thousands_of_visits_leave_nothing_behind(station):
 
 
 @pytest.mark.slow
-def test_racks_without_power_harm_nobody(station):
+def test_racks_without_power_disturb_nobody(station):
     """Thousands of connects that hang or are refused; the healthy consoles do not notice."""
     hanging, kept = hanging_port()
     refusing = free_port()

@@ -51,7 +51,7 @@ def test_only_the_main_thread_takes_sigterm_and_none_takes_the_others(station):
 
 
 @pytest.mark.parametrize("detached", [False, True])
-def test_sigterm_ends_it_with_status_1_and_a_line_that_says_so(station, detached):
+def test_sigterm_ends_the_daemon_with_status_1_and_a_message(station, detached):
     station.start("-d", "1", detached=detached)
     # A thread that has just been made may still take the signal for the main thread.
     wait_until(lambda: [signal.SIGTERM in mask for mask in blocked(station).values()].count(True)
@@ -72,7 +72,7 @@ def test_sigterm_closes_every_connection(station):
 
 
 @pytest.mark.parametrize("attempt", range(8))
-def test_sigterm_ends_it_under_load(station, attempt):
+def test_sigterm_ends_the_daemon_under_load(station, attempt):
     """The handler may meet the main thread at any point, within a debug line too."""
     box = station.console("box")
     station.start()
@@ -86,7 +86,7 @@ def test_sigterm_ends_it_under_load(station, attempt):
     typing.join()
 
 
-def test_sigterm_during_a_reload_ends_it(station):
+def test_sigterm_during_a_reload_ends_the_daemon(station):
     """So many consoles that the reload is still running when the signal comes."""
     ports = itertools.count(1025)
     for number in range(1500):
@@ -106,7 +106,7 @@ def test_sigterm_during_a_reload_ends_it(station):
     assert any([cut_short() for _ in range(5)]), "no reload was still running"
 
 
-def test_sigterm_while_a_post_waits_for_the_event_manager_ends_it(station):
+def test_sigterm_during_a_stalled_post_ends_the_daemon(station):
     """It takes no connection, so that posts fill the socket's room and then wait."""
     (station.events / "all").write_text("all 100 1 .\n")
     box = station.console("box", events=1, event_file="all")
@@ -120,7 +120,7 @@ def test_sigterm_while_a_post_waits_for_the_event_manager_ends_it(station):
         assert ">: Received SIGTERM.\n" in station.log_text()
 
 
-def test_sigterm_during_rotations_ends_it(station):
+def test_sigterm_during_rotations_ends_the_daemon(station):
     box = station.console("box")
     station.start("-a", "0m")
     connected(station, box, "box")
@@ -149,7 +149,7 @@ def test_hangups_in_quick_succession_are_one_reload(station, count):
     assert station.log_text(position).count(">: Entering ReloadConfigFile\n") == 2
 
 
-def test_one_hangup_after_the_other_is_one_reload_each(station):
+def test_hangups_one_after_the_other_are_one_reload_each(station):
     station.start()
     position = station.mark()
     for _ in range(3):
@@ -177,7 +177,7 @@ def test_sigpipe_from_outside_is_ignored(station):
     user.expect_exactly(b"still here")
 
 
-def test_writing_to_a_user_who_has_gone_is_an_error_and_no_end(station):
+def test_writing_to_a_user_who_has_gone_does_not_end_the_daemon(station):
     box = station.console("box")
     station.start()
     connected(station, box, "box")

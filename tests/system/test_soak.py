@@ -70,11 +70,11 @@ def test_every_line_once_and_in_order_is_good():
     assert (books.counts.printed, books.counts.found) == (6, 6)
 
 
-def test_a_line_that_is_missing():
+def test_a_missing_line_is_a_complaint():
     Books().all_but(3).wrong("lost before b'@7.4 ")
 
 
-def test_the_last_line_that_is_missing():
+def test_a_missing_last_line_is_a_complaint():
     Books().all_but(5).wrong("lost at the end")
 
 
@@ -82,30 +82,30 @@ def test_two_gaps_are_two_complaints():
     Books().all_but(1, 3).wrong("lost before b'@7.2 ", "lost before b'@7.4 ")
 
 
-def test_a_line_that_is_there_twice():
+def test_a_line_that_is_there_twice_is_a_complaint():
     records = list(enumerate(LINES))
     Books().log(*records[:3], records[2], *records[3:]).wrong("twice or late")
 
 
-def test_lines_in_another_order():
+def test_lines_in_the_wrong_order_are_a_complaint():
     records = list(enumerate(LINES))
     records[2:4] = records[3], records[2]
     Books().log(*records).wrong("lost before b'@7.3 ", "twice or late")
 
 
-def test_a_line_that_is_torn():
+def test_a_torn_line_is_a_complaint():
     records = [(number, line if number != 2 else line[:5] + b"\n")
                for number, line in enumerate(LINES)]
     Books().log(*records).wrong("torn or foreign", "lost before b'@7.3 ")
 
 
-def test_a_line_of_somebody_else():
+def test_a_line_of_another_console_is_a_complaint():
     records = list(enumerate(LINES))
     records.insert(2, (2, b"@8.2 some words\n"))
     Books().log(*records).wrong("torn or foreign")
 
 
-def test_a_line_that_was_logged_before_it_was_printed():
+def test_a_line_logged_before_it_was_printed_is_a_complaint():
     books = Books()
     books.ledger.record(books.at(0) - 10, LINES[0])
     books.wrong("before it was printed")
@@ -126,13 +126,13 @@ def test_a_window_excuses_what_was_printed_in_it_and_no_more(whose):
     assert (excused.counts.found, excused.counts.accounted) == (4, {"trouble": 2})
 
 
-def test_a_window_that_is_still_open():
+def test_a_window_that_is_still_open_excuses_too():
     books = Books()
     books.ledger.windows.open("trouble", books.at(3) - 1)
     books.all_but(3, 4, 5).good()
 
 
-def test_what_a_reset_took_with_it():
+def test_a_reset_excuses_what_it_took_with_it():
     for lost, count in ((1, len(LINES[5])), (2, len(LINES[4] + LINES[5]))):
         books = Books()
         books.ledger.connection_ended(books.at(5), count)
@@ -149,7 +149,7 @@ def test_carriage_returns_and_nuls_are_not_logged():
 # Lines that are cut
 
 
-def test_a_line_is_cut_by_a_rotation_only():
+def test_a_line_cut_without_a_rotation_is_a_complaint():
     records = [(0, LINES[0][:9]), (0, b"\n"), (0, LINES[0][9:]), *list(enumerate(LINES))[1:]]
     Books().log(*records).wrong("cut for no reason")
     books = Books()
@@ -157,14 +157,14 @@ def test_a_line_is_cut_by_a_rotation_only():
     books.log(*records).good()
 
 
-def test_a_line_that_was_cut_is_ended():
+def test_a_line_that_was_cut_must_be_ended():
     books = Books()
     books.station_cuts.open("rotation", books.at(0)).close(books.at(0) + 1)
     books.log((0, LINES[0][:9]), (0, LINES[0][9:]), *list(enumerate(LINES))[1:])
     books.wrong("follows a line that was cut")
 
 
-def test_a_line_begun_at_the_end_of_a_connection():
+def test_a_line_may_be_cut_at_the_end_of_a_connection():
     books = Books(lines=[b"@7.0 begun"])
     books.ledger.connection_ended(books.at(0))
     books.ledger.sent(LINES[1], books.at(1))
@@ -242,7 +242,7 @@ def test_the_consolidated_log_has_nothing_that_was_surely_watched():
     books.wrong("but somebody watched")
 
 
-def test_the_consolidated_log_has_nothing_that_the_console_s_own_lacks():
+def test_the_consolidated_log_has_nothing_that_the_consoles_own_lacks():
     books = Books()
     books.ledger.record(books.at(0), LINES[0])
     books.ledger.consolidated(books.at(1), LINES[1])
@@ -252,7 +252,7 @@ def test_the_consolidated_log_has_nothing_that_the_console_s_own_lacks():
 # The plan
 
 
-def test_the_seed_decides_the_plan():
+def test_the_seed_determines_the_plan():
     first = plan(5, 600, 500)
     assert first == plan(5, 600, 500) and first != plan(6, 600, 500)
     assert [step.at for step in first] == sorted(step.at for step in first)
@@ -325,7 +325,7 @@ def test_logs_are_followed_through_names_and_places(logs):
     assert logs.read()[1:] == [(1, b"b\n"), (1, b"c\n")]
 
 
-def test_a_piece_that_is_taken_back_is_no_record(logs):
+def test_a_piece_that_is_taken_back_is_not_a_record(logs):
     logs.write("one", "c1.log", "a\n")
     path = logs.dated / "one" / "c1.log"
     whole = path.stat().st_size
@@ -361,7 +361,7 @@ def test_the_consolidated_log_names_the_console(logs):
     assert logs.everybodys == [(1, b"a\n"), (22, b"b\n")]
 
 
-def test_what_has_no_stamp_is_no_log(logs):
+def test_a_line_without_a_stamp_is_an_error(logs):
     (logs.dated / "one").mkdir(parents=True)
     (logs.dated / "one" / "c1.log").write_text("torn\n")
     with pytest.raises(ValueError, match="no stamp"):

@@ -85,7 +85,7 @@ def is_normal(user: Peer, console: Peer) -> None:
 # Users who read nothing
 
 
-def test_a_user_of_a_flooding_console_who_reads_nothing(station, two):
+def test_a_user_who_reads_nothing_delays_no_other(station, two):
     noisy, calm, user = two
     stalled = station.attach("noisy", mode="ro", user="stalled", buffer=4096)
     stalled.stop_reading()
@@ -100,7 +100,7 @@ def test_a_user_of_a_flooding_console_who_reads_nothing(station, two):
     again.expect(b"still printing")
 
 
-def test_the_user_who_read_nothing_is_closed(station, two):
+def test_a_user_who_reads_nothing_is_disconnected(station, two):
     noisy, _, _ = two
     stalled = station.attach("noisy", mode="ro", user="stalled", buffer=4096)
     stalled.stop_reading()
@@ -111,7 +111,7 @@ def test_the_user_who_read_nothing_is_closed(station, two):
     flood.join(30)
 
 
-def test_users_who_read_nothing_one_after_the_other(station, two):
+def test_users_who_read_nothing_one_after_the_other_delay_nobody(station, two):
     noisy, calm, user = two
     with typing(user, calm):
         for number in range(4):
@@ -137,7 +137,7 @@ def test_a_user_who_reads_slowly_loses_nothing(station, two):
 # Consoles that read nothing
 
 
-def test_a_console_that_reads_nothing_while_a_user_pastes(station, two):
+def test_a_paste_that_the_console_does_not_read_delays_nobody(station, two):
     noisy, calm, user = two
     paster = station.attach("noisy", user="paster")
     noisy.stop_reading()
@@ -149,7 +149,7 @@ def test_a_console_that_reads_nothing_while_a_user_pastes(station, two):
     is_normal(user, calm)
 
 
-def test_the_console_that_read_nothing_stays_connected(station, two):
+def test_a_console_that_reads_nothing_stays_connected(station, two):
     noisy, _, _ = two
     paster = station.attach("noisy", user="paster")
     reader = station.attach("noisy", user="reader", mode="ro")
@@ -167,7 +167,7 @@ def test_the_console_that_read_nothing_stays_connected(station, two):
     assert not noisy.called()
 
 
-def test_several_who_type_at_a_slow_console_take_turns(station):
+def test_users_who_type_at_a_slow_console_take_turns(station):
     """It never has room for all that there is; who pastes leaves some for the others."""
     slow = station.console("slow", buffer=4096)
     station.start("-d", "1")
@@ -192,7 +192,7 @@ def test_several_who_type_at_a_slow_console_take_turns(station):
 # Both
 
 
-def test_a_user_and_a_console_that_read_nothing(station):
+def test_a_user_and_a_console_that_read_nothing_delay_nobody(station):
     consoles = {name: station.console(name, buffer=4096) for name in ("noisy", "deaf", "calm")}
     station.start("-d", "1")
     for name, console in consoles.items():
@@ -214,7 +214,7 @@ def test_a_user_and_a_console_that_read_nothing(station):
     is_normal(user, consoles["calm"])
 
 
-def test_callers_who_say_nothing_hold_up_nobody(station, two):
+def test_callers_who_say_nothing_delay_nobody(station, two):
     noisy, calm, user = two
     silent = [station.caller() for _ in range(30)]
     with typing(user, calm):

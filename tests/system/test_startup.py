@@ -104,7 +104,7 @@ def test_usage_names_the_program_as_it_was_called(station):
     (["-p", "1", "-p", "2"], {"port": 2}),
     (["-fh"], {}),
 ])
-def test_options_before_it_change_the_defaults_that_usage_shows(station, options, shown):
+def test_options_before_h_change_the_defaults_that_usage_shows(station, options, shown):
     done = station.run(*options, "-h")
     assert (done.returncode, done.stdout, done.stderr) == (0, usage(station, **shown), "")
 
@@ -126,12 +126,12 @@ def test_the_debug_level_shows_in_usage_and_works_at_once(station):
 
 
 @pytest.mark.parametrize("later", [["-p", "1"], ["-a", "3x"], ["-Z"], ["-D", "x"], ["-V"]])
-def test_options_after_it_are_not_looked_at(station, later):
+def test_options_after_h_are_ignored(station, later):
     done = station.run("-h", *later)
     assert (done.returncode, done.stdout, done.stderr) == (0, usage(station), "")
 
 
-def test_version(station):
+def test_the_version_is_shown(station):
     done = station.run("-V", "-h")
     assert (done.returncode, done.stderr) == (0, "")
     assert re.fullmatch(r"QOR version \S.* build date \S.*\n", done.stdout)
@@ -141,7 +141,7 @@ def test_version(station):
 
 
 @pytest.mark.parametrize("argument", ["3x", "", "d3x", "3W", "3 ", "3h"])
-def test_an_invalid_archive_time(station, argument):
+def test_an_invalid_archive_time_is_refused(station, argument):
     assert_refused(station.run("-a", argument), f'Invalid option "-a {argument}"\n')
 
 
@@ -156,18 +156,18 @@ def test_the_first_invalid_option_decides(station):
     (["-p"], "option requires an argument -- 'p'"),
     (["-Z", "-h"], "invalid option -- 'Z'"),
 ])
-def test_what_the_option_parser_complains_of(station, options, complaint):
+def test_the_option_parser_reports_what_is_wrong(station, options, complaint):
     assert_refused(station.run(*options), f"{station.program}: {complaint}\n")
 
 
 @pytest.mark.parametrize("options", [["-D", "x"], ["-Dx"], ["-f", "-D", "-h"], ["-D", "0", "-h"]])
-def test_connecting_on_demand_is_rejected_without_a_word(station, options):
+def test_connecting_on_demand_is_refused_silently(station, options):
     assert_refused(station.run(*options), "")
 
 
 @pytest.mark.parametrize("level, traced", [("0", 0), ("1", 1)])
 @pytest.mark.parametrize("options", [["-D", "x"], ["-Z"], ["-a", "3x"]])
-def test_the_exit_trace_of_a_refused_option(station, level, traced, options):
+def test_a_refused_option_leaves_an_exit_trace(station, level, traced, options):
     done = station.run("-d", level, *options)
     assert done.returncode == 1
     assert len(re.findall(r"^ZEV .*:<main>: " + EXIT_TRACE.format(1) + "$", done.stdout,
@@ -193,7 +193,7 @@ def test_a_port_above_16_bits_is_truncated(station):
     station.wait_log(f"ListenOnPort: bind() to port {port} succeeded", thread="user_conn")
 
 
-def test_sigterm_ends_it_with_status_1(station):
+def test_sigterm_ends_the_daemon_with_status_1(station):
     station.start("-d", "1")
     position = station.mark()
     station.stop()
@@ -229,7 +229,7 @@ def in_order(expected: list[str], found: list[str]) -> bool:
 
 
 @pytest.mark.parametrize("missing", ["zev.conf", "no such directory/zev.conf"])
-def test_without_its_configuration_file_it_ends(station, missing):
+def test_without_its_configuration_file_the_daemon_ends(station, missing):
     done = station.run("-f", "-S", "0", "-d", "1", "-c", str(station.events / missing))
     assert done.returncode == 1
     *_, reason, trace = messages(done.stdout)
@@ -246,7 +246,7 @@ def test_files_are_closed_to_others(station):
 # Detaching
 
 
-def test_detaching(station):
+def test_the_daemon_detaches(station):
     station.start(detached=True)
     assert os.getsid(station.pid) not in (0, os.getsid(0))
     assert os.readlink(f"/proc/{station.pid}/cwd") == os.getcwd()
@@ -267,7 +267,7 @@ def test_before_detaching_debug_lines_go_to_the_terminal(station):
     assert "Entering RunAsDaemon" not in station.log_text()
 
 
-def test_the_output_file_of_a_detached_daemon(station):
+def test_the_output_file_has_its_mode_and_group(station):
     os.chown(station.root, -1, 12345)
     station.start(detached=True)
     status = (station.logs / "zevd.log").stat()
@@ -275,7 +275,7 @@ def test_the_output_file_of_a_detached_daemon(station):
     assert (status.st_uid, status.st_gid) == (os.geteuid(), 12345)
 
 
-def test_the_output_of_the_run_before_is_kept(station):
+def test_the_output_of_the_last_run_is_kept(station):
     (station.logs / "zevd.log").write_text("the run before\n")
     (station.logs / "zevd.log.old").write_text("the run before that\n")
     station.start(detached=True)
@@ -288,7 +288,7 @@ def test_a_first_run_has_no_old_output(station):
     assert not (station.logs / "zevd.log.old").exists()
 
 
-def test_the_output_file_lies_in_the_log_directory_of_the_command_line(station):
+def test_the_output_file_is_in_the_log_directory(station):
     other = station.root / "other logs; exit"
     other.mkdir()
     (other / "zevd.log").write_text("the run before\n")
@@ -438,7 +438,7 @@ def test_an_existing_lock_file_keeps_its_group_and_mode(station):
     ("x" * 64, f'zevd is already running on "{"x" * 64}".\n'),
     ("x" * 100, f'zevd is already running on "{"x" * 64}".\n'),
 ])
-def test_what_a_locked_file_says_about_its_owner(station, content, message):
+def test_the_refusal_names_the_host_in_the_locked_file(station, content, message):
     station.lock_file.write_text(content)
     with open(station.lock_file, "rb") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
@@ -467,7 +467,7 @@ def test_the_lock_ends_with_the_process(station):
     assert station.running
 
 
-def test_the_end_of_the_process_waits_for_nothing(station):
+def test_ending_waits_for_nothing(station):
     """With a user and a console attached, SIGTERM still ends it at once."""
     console = station.console("c1")
     station.start()

@@ -106,7 +106,7 @@ def test_a_name_that_the_library_knows_comes_last(hall):
     hall.wait_log(f'{VALIDATION}: Authentication successful for user "carl".')
 
 
-def test_without_a_name_the_one_in_the_line_counts(hall):
+def test_without_a_name_the_one_in_the_line_is_used(hall):
     attached(hall, b"|yes|box user=ann mode=ro", "ann", "read-only")
     attached(hall, b"|yes|box", "<unknown>")
     hall.wait_log(f"{VALIDATION}: Authentication successful.", count=2)

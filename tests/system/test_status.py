@@ -24,7 +24,7 @@ def is_recent(moment: int) -> bool:
     return 0 <= time.time() - moment < 300
 
 
-def test_status_tells_who_is_at_a_console_and_since_when(station, box):
+def test_status_shows_who_is_at_a_console_and_since_when(station, box):
     station.attach("box", user="anna", addr="desk", mode="ro")
     station.attach("box", mode="er")
     told, = Tool(station).objects("status BOX")
@@ -48,7 +48,7 @@ def test_status_hides_nobody(station, box):
     assert [user["given_user"] for user in told["users"]] == ["VRQ"]
 
 
-def test_status_of_all_names_the_connected_ones_first(station, box):
+def test_status_lists_connected_consoles_first(station, box):
     station.write_config(console_line("aside", 1, enable=0) + console_line("box", box.port))
     reload(station)
     tool = Tool(station)
@@ -93,7 +93,7 @@ def test_stats_count_what_has_happened(station, box):
     assert told["log_records"] == 2 and told["log_bytes"] > 12
 
 
-def test_stats_tell_of_the_last_reload(station, box):
+def test_stats_show_the_last_reload(station, box):
     tool = Tool(station)
     reload(station)
     wait_until(lambda: tool.objects("stats")[0]["reloads"] == 1, what="the reload to be counted")

@@ -40,7 +40,7 @@ def test_a_user_is_put_on_two_lists(station, box):
         position = station.wait_log(line, after=position, thread="serv_conn").end
 
 
-def test_a_user_who_leaves_is_taken_off_both_once(station, box):
+def test_a_user_who_leaves_is_removed_from_both_once(station, box):
     user = station.attach("box", user="ann")
     position = station.mark()
     user.close()
@@ -122,7 +122,7 @@ def test_every_user_of_a_disabled_console_is_told_and_removed(station, box):
     box.expect_closed()
 
 
-def test_users_of_a_console_that_hangs_up_are_closed_without_a_word(station, box):
+def test_users_of_a_console_that_hangs_up_get_no_message(station, box):
     users = [station.attach("box", user=f"user{number}") for number in range(3)]
     box.close()
     for user in users:
@@ -133,7 +133,7 @@ def test_users_of_a_console_that_hangs_up_are_closed_without_a_word(station, box
 
 
 @pytest.mark.parametrize("leave", ["close", "reset", "finish_sending"])
-def test_a_user_who_leaves_does_not_touch_the_others(station, box, leave):
+def test_a_user_who_leaves_does_not_affect_the_others(station, box, leave):
     users = [station.attach("box", user=f"user{number}") for number in range(3)]
     getattr(users[1], leave)()
     station.wait_log(removal("user1"))
@@ -189,7 +189,7 @@ def all_of(total: int, sizes: list[str]) -> list[int]:
     return numbers if sum(numbers) == total else []
 
 
-def test_the_keys_of_a_reader_are_read_and_thrown_away(station, box):
+def test_the_input_of_a_reader_is_discarded(station, box):
     reader = station.attach("box", "ro")
     writer = station.attach("box")
     reader.send(b"unheard")
@@ -201,7 +201,7 @@ def test_the_keys_of_a_reader_are_read_and_thrown_away(station, box):
 
 
 @pytest.mark.parametrize("mode", ["sh", "ex", "er"])
-def test_every_other_mode_types(station, box, mode):
+def test_every_other_mode_can_type(station, box, mode):
     user = station.attach("box", mode)
     user.send(b"typed")
     box.expect_exactly(b"typed")
@@ -214,7 +214,7 @@ def test_users_who_share_a_console_type_in_the_order_of_their_keys(station, box)
         box.expect_exactly(b"%d," % number)
 
 
-def test_keys_go_to_the_console_of_the_user_alone(station):
+def test_keys_go_only_to_the_users_own_console(station):
     one, two = station.console("one"), station.console("two")
     bring_up(station, one, two)
     first, second = station.attach("one"), station.attach("two")
@@ -239,7 +239,7 @@ def test_the_first_key_of_a_new_user_does_not_wait(station, box):
         station.wait_log(removal(f"user{number}"), after=position)
 
 
-def test_a_user_who_types_into_a_console_that_takes_nothing_is_dropped_alone(station):
+def test_only_the_user_who_types_at_a_stalled_console_is_dropped(station):
     box = station.console("box", buffer=4096)
     other = station.console("other")
     bring_up(station, box, other)
@@ -259,7 +259,7 @@ def test_a_user_who_types_into_a_console_that_takes_nothing_is_dropped_alone(sta
 # Mapped ports
 
 
-def test_users_of_both_kinds_of_port_share_a_console(station):
+def test_users_of_both_kinds_of_port_can_share_a_console(station):
     port = free_port()
     box = station.console("box", mapped_port=port)
     bring_up(station, box)
@@ -273,7 +273,7 @@ def test_users_of_both_kinds_of_port_share_a_console(station):
         box.expect_exactly(b"key")
 
 
-def test_the_trace_names_what_comes_in_from_both_sides(station, box):
+def test_the_trace_shows_input_from_both_sides(station, box):
     user = station.attach("box")
     user.send(b"from the user")
     station.wait_log("ProcessUserInput: Received ->from the user<- (13 bytes)",

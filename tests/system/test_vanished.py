@@ -61,7 +61,7 @@ def door(station):
 # The kernel asks
 
 
-def test_every_peer_is_asked_whether_it_is_there(station, ends):
+def test_every_peer_is_probed(station, ends):
     port = free_port()
     box = station.console("box", mapped_port=port)
     bring_up(station, box)
@@ -72,7 +72,7 @@ def test_every_peer_is_asked_whether_it_is_there(station, ends):
         is_asked(ends(peer))
 
 
-def test_a_caller_is_asked_from_the_start(door, ends):
+def test_a_caller_is_probed_from_the_start(door, ends):
     silent = door.station.caller()
     door.station.wait_log(
         'AcceptConnectionRequests: Connection request from IP address "127.0.0.1".')
@@ -92,7 +92,7 @@ def test_a_user_who_vanishes_does_not_keep_a_console(station, ends):
     box.expect_exactly(b"mine")
 
 
-def test_a_login_that_vanishes_gives_its_place_back(door, ends):
+def test_a_login_that_vanishes_frees_its_place(door, ends):
     station = door.station
     callers = [door.call() for _ in range(MAX_PENDING)]
     refused(station.caller(door.port), 16)
@@ -105,7 +105,7 @@ def test_a_login_that_vanishes_gives_its_place_back(door, ends):
     assert not any(caller.closed for caller in others)
 
 
-def test_a_user_who_is_silent_and_there_stays(station, ends):
+def test_a_silent_user_who_is_there_stays(station, ends):
     box = station.console("box")
     bring_up(station, box)
     there, gone = (station.attach("box", user=name) for name in ("there", "gone"))
@@ -122,7 +122,7 @@ def test_a_user_who_is_silent_and_there_stays(station, ends):
 # Something waits to be sent, and the kernel does not ask
 
 
-def test_a_login_that_acknowledges_nothing_gives_its_place_back(station, ends, silence):
+def test_a_login_that_acknowledges_nothing_frees_its_place(station, ends, silence):
     helper = FakeHelper(station)
     helper.hang()
     port = free_port()

@@ -92,7 +92,7 @@ def test_an_unknown_name_is_reported(rack):
                   "list", "web1", "nowhere*")
 
 
-def test_a_station_without_consoles(station):
+def test_a_station_without_consoles_has_an_empty_list(station):
     station.start()
     assert zevctl.data(station, "list") == []
     assert rows(zevctl.succeed(station, "list")) == [
@@ -126,7 +126,7 @@ def test_watching_shows_what_changes(rack):
         screen.type("\x03")
 
 
-def test_watching_waits_for_a_daemon_that_is_started_again(rack):
+def test_watching_waits_for_a_daemon_that_is_restarted(rack):
     with Terminal(rack, "list", "--watch", "web1", columns=120) as screen:
         screen.expect("connected")
         rack.stop()
@@ -140,7 +140,7 @@ def test_watching_waits_for_a_daemon_that_is_started_again(rack):
 # who, ports, holder
 
 
-def test_who_tells_names_modes_and_addresses(rack):
+def test_who_shows_names_modes_and_addresses(rack):
     rack.attach("web1", user="ann", addr="10.1.2.3")
     rack.attach("web1", user="bob", mode="ro")
     rack.attach("web2", user="eve", mode="er")
@@ -154,7 +154,7 @@ def test_who_tells_names_modes_and_addresses(rack):
     assert zevctl.data(rack, "who") == zevctl.data(rack, "who", "*")
 
 
-def test_who_of_a_management_port_that_is_held_elsewhere(station):
+def test_who_shows_the_holder_of_a_management_port(station):
     px = station.console("px", model="P100", greeting=refusal("10.9.8.7"))
     station.start()
     px.accept()
@@ -177,7 +177,7 @@ def test_ports_shows_the_port_plan(station):
     assert ["two", "-", "no"] in [row[:3] for row in rows(zevctl.succeed(station, "ports"))]
 
 
-def test_holder_of_consoles_that_have_none(rack):
+def test_holder_reports_consoles_without_one(rack):
     done = zevctl.run(rack, "--json", "holder", "web1", "db1")
     assert done.returncode == zevctl.FAILED
     assert done.stderr == "zevctl: db1: Not a Pellox console.\n"
@@ -214,19 +214,19 @@ def test_disable_and_enable(rack):
                what="the console to be connected again")
 
 
-def test_force(rack):
+def test_force_says_when_it_takes_effect(rack):
     assert zevctl.succeed(rack, "force", "db1") == (
         "db1: its management port will be taken over at the next refusal\n")
 
 
-def test_reconnect(rack):
+def test_reconnect_says_which_consoles_are_tried(rack):
     assert zevctl.succeed(rack, "reconnect", "db1", "web1", "--yes") == (
         "web1: tried at once, unless it is connected or disabled\n"
         "db1: tried at once, unless it is connected or disabled\n")
     assert not rack.boxes["web1"].closed
 
 
-def test_several_consoles_are_acted_on_after_a_question(rack):
+def test_acting_on_several_consoles_needs_a_confirmation(rack):
     users = [rack.attach("web1"), rack.attach("web2")]
     with Terminal(rack, "clear", "web*", columns=120) as screen:
         screen.expect("Disconnect the users of 2 consoles (web1, web2)? [y/N] ")
@@ -287,26 +287,26 @@ def test_a_message_that_is_too_long_is_refused(rack):
 # The connection
 
 
-def test_without_a_daemon(station):
+def test_a_missing_daemon_is_reported(station):
     port = free_port()
     zevctl.refuse(None, zevctl.NO_DAEMON, f"no daemon answers at 127.0.0.1 port {port}: "
                   "Connection refused. Is zevd running? See --host and --port.",
                   "--port", str(port), "list")
 
 
-def test_a_host_that_is_not_known():
+def test_an_unknown_host_is_reported():
     done = zevctl.run(None, "--host", "no.such.host.invalid", "list")
     assert done.returncode == zevctl.NO_DAEMON
     assert done.stderr.startswith('zevctl: the host "no.such.host.invalid" is not known: ')
 
 
-def test_host_and_port_from_the_environment(rack):
+def test_host_and_port_may_come_from_the_environment(rack):
     env = {"ZEVCTL_HOST": "localhost", "ZEVCTL_PORT": str(rack.port)}
     done = zevctl.run(None, "list", "web1", env=env)
     assert done.returncode == zevctl.OK and "web1" in done.stdout
 
 
-def test_something_that_is_no_daemon(fake_console):
+def test_something_that_is_not_the_daemon_is_reported(fake_console):
     other = fake_console("other", greeting=b"SSH-2.0-Other\r\n")
     client = zevctl.start(None, "--port", str(other.port), "list")
     other.accept()
@@ -320,7 +320,7 @@ def test_something_that_is_no_daemon(fake_console):
     [], ["lst"], ["list", "--nonsense"], ["list", "--state", "tired"], ["clear"], ["msg", "a"],
     ["--port", "0", "list"], ["--port", "x", "list"], ["--user", "two words", "list"],
 ])
-def test_lines_that_are_not_understood(words):
+def test_invalid_command_lines_are_refused(words):
     done = zevctl.run(None, *words)
     assert done.returncode == zevctl.USAGE
     assert done.stdout == "" and done.stderr != ""
@@ -332,7 +332,7 @@ def test_help_and_version():
     assert "PATTERN" in zevctl.succeed(None, "list", "--help")
 
 
-def test_output_that_cannot_be_written(rack):
+def test_output_that_cannot_be_written_is_an_error(rack):
     with open("/dev/full", "wb") as full:
         done = zevctl.start(rack, "list", stdout=full)
         assert done.wait() == zevctl.FAILED
@@ -371,13 +371,13 @@ def test_without_cookie_and_terminal_nobody_gets_in(locked):
                   "is needed", "--host", "127.0.0.2", "list")
 
 
-def test_a_cookie_file_that_was_given_must_be_usable(locked):
+def test_a_given_cookie_file_must_be_usable(locked):
     missing = str(locked.config / "nothing")
     zevctl.refuse(locked, zevctl.NOT_ADMITTED, f"the cookie in {missing} cannot be used: the file "
                   "must be readable and the daemon on 127.0.0.1", "--cookie-file", missing, "list")
 
 
-def test_a_cookie_of_another_daemon_is_refused(locked):
+def test_the_cookie_of_another_daemon_is_refused(locked):
     other = locked.config / "other"
     other.write_text("A" * 16 + "\n")
     zevctl.refuse(locked, zevctl.NOT_ADMITTED, f"refused: the cookie in {other} is not that of "
@@ -403,7 +403,7 @@ def complete(station, *words: str) -> list[str]:
     return done.stdout.split()
 
 
-def test_completion_of_console_names(rack):
+def test_console_names_are_completed(rack):
     assert complete(rack, "attach", "w") == ["web1", "web2"]
     assert complete(rack, "attach", "web1", "") == []
     assert complete(rack, "clear", "web1", "o") == ["off"]
@@ -412,7 +412,7 @@ def test_completion_of_console_names(rack):
     assert complete(None, f"--port={rack.port}", "who", "d") == ["db1"]
 
 
-def test_completion_of_commands_and_options(rack):
+def test_commands_and_options_are_completed(rack):
     assert {"list", "attach", "log", "events", "completion"} <= set(complete(rack, ""))
     assert complete(rack, "comp") == ["completion"]
     assert complete(rack, "list", "--sta") == ["--state"]
@@ -422,7 +422,7 @@ def test_completion_of_commands_and_options(rack):
     assert complete(rack, "--cookie-file", "x") == ["<file>"]
 
 
-def test_completion_without_a_daemon_or_a_right_is_empty(locked):
+def test_completion_without_a_daemon_or_a_login_is_empty(locked):
     assert complete(None, "--port", str(free_port()), "who", "") == []
     assert complete(None, "--host", "127.0.0.2", "--port", str(locked.port), "who", "") == []
 

@@ -130,7 +130,7 @@ def test_keys_go_to_the_console_and_output_comes_back(station, box):
         box.expect_exactly(b"\r")
 
 
-def test_every_key_is_handed_on(station, box):
+def test_every_key_is_passed_on(station, box):
     """Those that a terminal or a shell would act on, and every byte above 127."""
     keys = bytes(byte for byte in range(256) if byte != ord("\r"))
     with seated(station) as person:
@@ -147,7 +147,7 @@ def test_every_byte_of_output_is_shown(station, box):
 
 @pytest.mark.parametrize("mode, words_for_it", [
     ("sh", "shared"), ("ex", "exclusive"), ("er", "exclusive-revoke")])
-def test_modes_in_which_one_can_type(station, box, mode, words_for_it):
+def test_every_mode_but_read_only_can_type(station, box, mode, words_for_it):
     greeting = ATTACHED.replace("shared", words_for_it)
     with seated(station, "--mode", mode, "--user", "ann", greeting=greeting) as person:
         (record,) = Tool(station).command("who box").records
@@ -180,7 +180,7 @@ def test_the_login_name_is_shown_to_others(station, box):
 
 
 @pytest.mark.parametrize("last, gap", [("login: ", b"\r\n"), ("done\r\n", b"")])
-def test_the_message_at_the_end_begins_a_line(station, box, last, gap):
+def test_the_last_message_begins_a_line(station, box, last, gap):
     with seated(station) as person:
         box.send(last.encode())
         person.expect(last)
@@ -200,13 +200,13 @@ def test_what_the_console_printed_last_is_shown_first(station):
 # Escapes
 
 
-def test_a_break(station, box):
+def test_a_break_can_be_sent(station, box):
     with seated(station) as person:
         person.type("x\r~b~by")
         box.expect_exactly(b"x\r" + BREAK + BREAK + b"y")
 
 
-def test_help(station, box):
+def test_help_is_shown(station, box):
     with seated(station) as person:
         person.type("~?")
         person.expect(HELP)
@@ -214,13 +214,13 @@ def test_help(station, box):
         box.expect_exactly(b"x")
 
 
-def test_the_escape_itself_and_other_keys(station, box):
+def test_the_escape_can_be_sent_and_other_keys_pass(station, box):
     with seated(station) as person:
         person.type("~~\r~x\r~/\r a~.")
         box.expect_exactly(b"~\r~x\r~/\r a~.")
 
 
-def test_a_session_within_a_session(station, box):
+def test_a_session_within_a_session_can_be_left(station, box):
     """The inner client is reached through the outer one by doubling the escape."""
     with ShellConsole() as shell:
         station.console_line("shell", shell.port)
@@ -240,7 +240,7 @@ def test_a_session_within_a_session(station, box):
             outer.expect_end(OK)
 
 
-def test_another_escape(station, box):
+def test_another_escape_can_be_chosen(station, box):
     greeting = ("Attached to box (shared). Type ^]. at the start of a line to leave, ^]? for "
                 "help.\r\n")
     with seated(station, "--escape", "^]", greeting=greeting) as person:
@@ -253,7 +253,7 @@ def test_another_escape(station, box):
     box.expect_exactly(b"~.\r")
 
 
-def test_no_escape(station, box):
+def test_the_escape_can_be_turned_off(station, box):
     greeting = ("Attached to box (shared). There is no escape: to leave, end zevctl from "
                 "outside.\r\n")
     with seated(station, "--escape", "none", greeting=greeting) as person:
@@ -284,7 +284,7 @@ def test_a_console_that_offers_nothing_gets_no_key_that_was_not_typed(station, b
         box.expect_exactly(b"x\ry")
 
 
-def test_keys_go_as_they_are_once_that_is_agreed(station, box):
+def test_keys_are_unchanged_once_binary_mode_is_agreed(station, box):
     with seated(station) as person:
         box.send(b"\xff\xfd\0")
         box.expect_exactly(b"\xff\xfb\0")
@@ -294,7 +294,7 @@ def test_keys_go_as_they_are_once_that_is_agreed(station, box):
         box.expect_exactly(b"y")
 
 
-def test_at_a_real_telnet_server(station):
+def test_a_real_telnet_server_can_be_used(station):
     with TelnetServerConsole() as server:
         station.console_line("server", server.port)
         station.start()
@@ -370,7 +370,7 @@ def test_the_terminal_is_restored(station, box, end):
         assert modes_of(person.child) == before
 
 
-def test_the_terminal_is_restored_when_nobody_takes_the_output(station, box):
+def test_the_terminal_is_restored_when_the_output_breaks(station, box):
     """The output goes to a pipe whose reader leaves."""
     line = f"{PROGRAM} --port {station.port} attach box | head -c 4; echo over"
     person = pexpect.spawn("/bin/sh", ["-c", line], timeout=stretched(LIMIT), env=environment())
@@ -452,7 +452,7 @@ def go_on(shell, box, raw: list) -> None:
     shell.expect_exact("status 0")
 
 
-def test_suspending_and_going_on(station, box):
+def test_a_session_can_be_suspended_and_continued(station, box):
     with at_a_shell(station) as shell:
         raw = modes_of(shell)
         shell.send("a\r~\x1a")
@@ -461,7 +461,7 @@ def test_suspending_and_going_on(station, box):
         go_on(shell, box, raw)
 
 
-def test_being_stopped_and_going_on(station, box):
+def test_a_stopped_session_can_be_continued(station, box):
     with at_a_shell(station) as shell:
         raw = modes_of(shell)
         os.kill(client_of(shell), signal.SIGSTOP)
@@ -469,7 +469,7 @@ def test_being_stopped_and_going_on(station, box):
         go_on(shell, box, raw)
 
 
-def test_ending_it_while_it_is_stopped(station, box):
+def test_a_stopped_session_can_be_ended(station, box):
     with at_a_shell(station) as shell:
         shell.send("~\x1a")
         expect_stopped(shell)
@@ -481,7 +481,7 @@ def test_ending_it_while_it_is_stopped(station, box):
 # Without a terminal
 
 
-def test_a_pipe_is_sent_as_it_is_and_its_end_ends_the_session(station, box):
+def test_a_pipe_is_sent_unchanged_and_its_end_ends_the_session(station, box):
     with piped(station) as client:
         client.stdin.write(b"~.\rshow\r\nall\n\xff\0")
         client.stdin.close()
@@ -492,7 +492,7 @@ def test_a_pipe_is_sent_as_it_is_and_its_end_ends_the_session(station, box):
         assert client.wait(stretched(LIMIT)) == OK
 
 
-def test_an_empty_input_shows_what_there_is(station, box):
+def test_an_empty_input_ends_the_session(station, box):
     done = run(station, "attach", "box")
     assert (done.returncode, done.stdout) == (OK, "")
     assert done.stderr == "Attached to box (shared).\nLeft box.\n"
@@ -526,7 +526,7 @@ def paced(text: bytes) -> list[bytes]:
     return [text[start:start + PACE] for start in range(0, len(text), PACE)]
 
 
-def test_a_megabyte_through_a_pipe(station, box):
+def test_a_megabyte_passes_through_a_pipe(station, box):
     text = numbered(25_000)
     *pieces, last = paced(text)
     with piped(station) as client:
@@ -539,7 +539,7 @@ def test_a_megabyte_through_a_pipe(station, box):
         assert client.wait(stretched(LIMIT)) == OK
 
 
-def test_a_megabyte_of_input(station, box):
+def test_a_megabyte_of_input_arrives(station, box):
     text = numbered(25_000)
     with piped(station) as client:
         client.stdin.write(text)
@@ -548,7 +548,7 @@ def test_a_megabyte_of_input(station, box):
         assert client.wait(stretched(LIMIT)) == OK
 
 
-def test_a_megabyte_on_a_terminal(station, box):
+def test_a_megabyte_is_shown_on_a_terminal(station, box):
     text = numbered(25_000)
     with seated(station) as person:
         for piece in paced(text):
@@ -557,7 +557,7 @@ def test_a_megabyte_on_a_terminal(station, box):
         leave(person)
 
 
-def test_the_daemons_end_is_told_without_a_terminal_too(station, box):
+def test_a_lost_session_is_reported_without_a_terminal_too(station, box):
     with piped(station) as client:
         box.send(b"half a line")
         assert client.stdout.read(11) == b"half a line"
@@ -585,7 +585,7 @@ def print_all(station, console, text: bytes) -> None:
     wait_until(lambda: last_line in station.log_text(position), what="the daemon to read it all")
 
 
-def test_a_terminal_that_takes_nothing_loses_no_key_and_no_output(station, box):
+def test_a_stalled_terminal_loses_no_key_and_no_output(station, box):
     text = numbered(15_000)
     with seated(station) as person:
         print_all(station, box, text)
@@ -596,7 +596,7 @@ def test_a_terminal_that_takes_nothing_loses_no_key_and_no_output(station, box):
         leave(person)
 
 
-def test_a_terminal_that_takes_nothing_can_be_left(station, box):
+def test_a_stalled_terminal_can_be_left(station, box):
     with Terminal(station, "attach", "box") as person:
         before = fresh_modes()
         person.expect(ATTACHED)
@@ -607,7 +607,7 @@ def test_a_terminal_that_takes_nothing_can_be_left(station, box):
         assert modes_of(person.child) == before
 
 
-def test_a_terminal_that_takes_nothing_for_too_long_fills_no_memory(station):
+def test_a_terminal_stalled_for_too_long_fills_no_memory(station):
     """The daemon gives up on the user; what came before that is still shown."""
     console = station.console("box")
     station.start("-d", "1")
@@ -655,12 +655,12 @@ def test_a_daemon_that_takes_no_input_does_not_stop_the_output(station, box):
 # Refusals
 
 
-def test_a_name_that_does_not_exist(station, box):
+def test_an_unknown_name_is_refused(station, box):
     refuse(station, NO_SUCH_CONSOLE, NOT_FOUND, "attach", "nobox")
     refuse(station, NO_SUCH_CONSOLE, NOT_FOUND, "attach", "nobox", "--retry")
 
 
-def test_consoles_that_are_not_connected(station):
+def test_consoles_that_are_not_connected_are_refused(station):
     station.console("dead", listening=False)
     station.console("off", enable=0, listening=False)
     station.start()
@@ -676,13 +676,13 @@ def test_consoles_that_are_not_connected(station):
     ("sh", "er", '007 - Cannot grant exclusive access. Console in use. Ask for --mode sh, or wait; '
                  '"zevctl who" tells who is attached.'),
 ])
-def test_consoles_that_somebody_has(station, box, held, wanted, message):
+def test_consoles_that_somebody_holds_are_refused(station, box, held, wanted, message):
     station.attach("box", held)
     for more in ((), ("--retry",)):
         refuse(station, IN_USE, f"refused: {message}", "attach", "box", "--mode", wanted, *more)
 
 
-def test_no_daemon():
+def test_a_missing_daemon_is_reported():
     port = free_port()
     refuse(None, NO_DAEMON,
            f"no daemon answers at 127.0.0.1 port {port}: Connection refused. Is zevd running? See "
@@ -700,7 +700,7 @@ def test_no_daemon():
      '--escape: must be one printable character, ^ and a letter, or "none"'),
     (("box", "--escape", "."), "--escape: has another meaning already"),
 ])
-def test_mistakes_in_the_command_line(arguments, message):
+def test_mistakes_in_the_command_line_are_reported(arguments, message):
     done = run(None, "attach", *arguments)
     assert (done.returncode, done.stdout) == (USAGE, "")
     assert done.stderr.startswith(message + "\n")
@@ -735,7 +735,7 @@ def test_the_cookie_is_enough(hall):
     assert hall.helper.pairs() == []
 
 
-def test_without_the_cookie_by_name_and_password(hall):
+def test_without_the_cookie_a_name_and_password_are_needed(hall):
     (hall.config / ".cookie").unlink()
     with Terminal(hall, "attach", "box", "--user", "ann") as person:
         before = fresh_modes()
@@ -749,7 +749,7 @@ def test_without_the_cookie_by_name_and_password(hall):
     assert hall.helper.pairs() == [b"root secret"]
 
 
-def test_a_wrong_password_three_times(hall):
+def test_three_wrong_passwords_end_the_session(hall):
     (hall.config / ".cookie").unlink()
     with Terminal(hall, "attach", "box") as person:
         before = fresh_modes()
@@ -782,7 +782,7 @@ def retrying(person: Terminal, reason: str) -> None:
     person.expect(f"zevctl: {reason}\r\n{TRYING}")
 
 
-def test_retry_across_a_console_that_goes_and_comes(station, box):
+def test_retry_waits_for_a_console_that_comes_back(station, box):
     with seated(station, "--retry") as person:
         box.send(b"going\r\n")
         person.expect("going\r\n")
@@ -796,7 +796,7 @@ def test_retry_across_a_console_that_goes_and_comes(station, box):
         leave(person)
 
 
-def test_retry_across_a_restart_of_the_daemon(station, box):
+def test_retry_survives_a_restart_of_the_daemon(station, box):
     with seated(station, "--retry") as person:
         before = station.port
         restart(station, box)
@@ -822,7 +822,7 @@ def test_retry_keeps_the_name_and_the_password(hall):
         leave(person)
 
 
-def test_retry_from_the_beginning(station):
+def test_retry_may_begin_without_console_or_daemon(station):
     """First the console is away, then the daemon, then both are there."""
     box = station.console("box", listening=False)
     station.start()
@@ -875,7 +875,7 @@ def test_retry_ends_when_the_console_is_gone_for_good(station, box):
         person.expect_end(list(gone.values())[found])
 
 
-def test_retry_is_given_up_with_the_interrupt_key(station):
+def test_the_interrupt_key_ends_retrying(station):
     station.console("box", listening=False)
     station.start()
     with Terminal(station, "attach", "box", "--retry") as person:

@@ -119,7 +119,7 @@ def box(station):
 # What is printed
 
 
-def test_an_event_of_the_daemon(station, box, receive):
+def test_an_event_is_shown(station, box, receive):
     receiver = receive()
     box.send(b"Disk \x1b[1msda\tERROR\r\n")
     line, = receiver.wait_lines(1)
@@ -127,7 +127,7 @@ def test_an_event_of_the_daemon(station, box, receive):
     assert receiver.warnings() == []
 
 
-def test_an_event_as_json(station, box, receive):
+def test_an_event_is_shown_as_json(station, box, receive):
     receiver = receive("--json")
     box.send(b"Disk \xfe\x1b ERROR\n")
     line, = receiver.wait_lines(1)
@@ -137,7 +137,7 @@ def test_an_event_as_json(station, box, receive):
     assert re.fullmatch(shape, line), line
 
 
-def test_an_error_of_the_daemon(station, receive):
+def test_an_error_of_the_daemon_is_shown(station, receive):
     receiver = receive("--priority", "700")
     station.events.rmdir()
     station.start()
@@ -146,7 +146,7 @@ def test_an_error_of_the_daemon(station, receive):
                         "events directory not found", line)
 
 
-def test_only_events_of_some_priority(station, box, receive):
+def test_events_can_be_selected_by_priority(station, box, receive):
     receiver = receive("--priority", "300")
     box.send(b"warning 1\nerror 2\n")
     line, = receiver.wait_lines(1)
@@ -178,7 +178,7 @@ def test_it_may_come_and_go_under_the_daemon(station, box, receive):
 # What else may come
 
 
-def test_many_connections_at_once(station, receive):
+def test_many_connections_can_be_open_at_once(station, receive):
     receiver = receive()
     with ExitStack() as ends:
         posters = [ends.enter_context(Poster(receiver.path)) for _ in range(300)]
@@ -188,7 +188,7 @@ def test_many_connections_at_once(station, receive):
     assert sorted(found) == sorted(f"t 100 n: {number}" for number in range(300))
 
 
-def test_more_connections_than_it_can_have(station, receive):
+def test_connections_beyond_the_limit_wait(station, receive):
     def few_descriptors() -> None:
         resource.setrlimit(resource.RLIMIT_NOFILE, (16, 16))
 
@@ -204,7 +204,7 @@ def test_more_connections_than_it_can_have(station, receive):
         assert sorted(receiver.wait_lines(40)) == sorted(f"t 100 n: {n}" for n in range(40))
 
 
-def test_a_line_that_is_no_event_costs_itself_only(station, receive):
+def test_a_line_that_is_not_an_event_is_reported_and_skipped(station, receive):
     receiver = receive()
     with Poster(receiver.path) as poster:
         poster.send(event(1), b"\x1b[2J no " + b"x" * 100 + b"\n", b"[1]\n", b"\n",
@@ -235,7 +235,7 @@ def test_a_line_without_an_end_is_bounded(station, receive):
     assert sanitized or peak < 16384, f"{peak} kB"
 
 
-def test_a_line_in_pieces_and_one_that_ends_with_its_connection(station, receive):
+def test_a_line_may_come_in_pieces_or_without_an_end(station, receive):
     receiver = receive()
     with Poster(receiver.path) as poster:
         for byte in event(1):
@@ -244,7 +244,7 @@ def test_a_line_in_pieces_and_one_that_ends_with_its_connection(station, receive
     assert receiver.wait_lines(2) == ["t 100 n: 1", "t 100 n: 2"]
 
 
-def test_a_slow_reader_holds_up_nobody(station, receive):
+def test_a_slow_reader_delays_nobody(station, receive):
     receiver = receive()
     count = 30_000
     padding = b"x" * 1000
@@ -277,7 +277,7 @@ def test_signals_end_it(station, receive, number):
     assert receiver.warnings() == []
 
 
-def test_a_signal_ends_it_while_the_output_takes_nothing(station, receive):
+def test_a_signal_ends_it_while_the_output_is_stalled(station, receive):
     receiver = receive()
     with Poster(receiver.path) as poster:
         poster.send(*(event(number) for number in range(20_000)))
@@ -309,7 +309,7 @@ def test_a_socket_that_is_in_use_is_left_alone(station):
         assert collector.path.is_socket()
 
 
-def test_what_is_no_socket_is_left_alone(station, tmp_path):
+def test_a_file_that_is_not_a_socket_is_left_alone(station, tmp_path):
     file = tmp_path / "file"
     file.write_text("kept")
     zevctl.refuse(None, zevctl.FAILED, f"{file} is there already and is no socket; remove it, or "
@@ -326,7 +326,7 @@ def test_the_socket_of_a_successor_is_left_alone(station, receive):
         assert successor.path.is_socket()
 
 
-def test_another_socket(station, receive, tmp_path):
+def test_another_socket_can_be_chosen(station, receive, tmp_path):
     path = tmp_path / "made" / "socket"
     receiver = receive("--socket", str(path), "--json", path=path)
     with Poster(path) as poster:
@@ -336,7 +336,7 @@ def test_another_socket(station, receive, tmp_path):
 
 
 @pytest.mark.parametrize("arguments", [["--priority"], ["--priority", "high"], ["extra"]])
-def test_command_lines_that_are_not_understood(arguments):
+def test_invalid_command_lines_are_refused(arguments):
     done = zevctl.run(None, "events", *arguments)
     assert (done.returncode, done.stdout) == (zevctl.USAGE, "")
     assert done.stderr

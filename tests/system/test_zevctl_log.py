@@ -138,27 +138,27 @@ def test_every_record_has_a_line_of_its_own(station, box):
     assert show("box") == ["x" * 1024, "rest", "login: ", ""]
 
 
-def test_carriage_returns_that_were_kept(station):
+def test_carriage_returns_in_a_log_are_shown(station):
     write_log(station, "box", "26/11/21_08:00:00 one\r", "26/11/21_08:00:00 \n")
     done = subprocess.run([zevctl.PROGRAM, "log", "box"], capture_output=True, check=True)
     assert done.stdout == b"26/11/21_08:00:00 one\r\n26/11/21_08:00:00 \n"
 
 
-def test_bytes_stay_as_they_are_in_a_pipe(station):
+def test_bytes_are_unchanged_in_a_pipe(station):
     odd = bytes(byte for byte in range(256) if byte not in (10, 13))
     write_log(station, "box", "26/11/21_08:00:00 " + odd.decode("latin-1") + "\n")
     done = subprocess.run([zevctl.PROGRAM, "log", "box"], capture_output=True, check=True)
     assert done.stdout == b"26/11/21_08:00:00 " + odd + b"\n"
 
 
-def test_a_terminal_gets_nothing_that_works_it(station):
+def test_a_terminal_gets_no_control_characters(station):
     write_log(station, "box", "26/11/21_08:00:00 a\tb \x1b[2J\x07\x9b caf\xc3\xa9\r")
     with zevctl.Terminal(None, "log", "box") as terminal:
         shown = terminal.expect_end(zevctl.OK)
     assert shown == "26/11/21_08:00:00 a b ?[2J?? café\r\n".encode()
 
 
-def test_json(station):
+def test_a_log_is_shown_as_json(station):
     write_log(station, "box", "26/11/21_08:00:00 say \"\x1b\xff\" \\\n", "26/11/21_08:00:01 \n")
     shown = zevctl.succeed(None, "log", "box", "--json")
     moment = datetime(2026, 11, 21, 8).astimezone()
@@ -167,7 +167,7 @@ def test_json(station):
         {"time": (moment + timedelta(seconds=1)).isoformat(), "console": "box", "text": ""}]
 
 
-def test_the_consolidated_log(station, box):
+def test_the_consolidated_log_is_shown(station, box):
     logged(station, box, b"printed\n")
     wait_until(lambda: b"printed" in read(consolidated(station)), what="the record")
     shown = zevctl.succeed(None, "log", "consolidated", "--grep", "^box printed$")
@@ -194,7 +194,7 @@ def test_directories_are_ordered_by_what_is_in_them(station):
     assert show("box") == ["1", "2", "3"]
 
 
-def test_a_rename_takes_the_earlier_logs_along_by_name(station, box, waker):
+def test_earlier_logs_of_a_renamed_console_are_found_by_name(station, box, waker):
     logged(station, box, b"as box\n")
     age_directory(station)
     rotate(station, waker)
@@ -209,7 +209,7 @@ def test_a_rename_takes_the_earlier_logs_along_by_name(station, box, waker):
         "still box", "as chest"]
 
 
-def test_the_name_that_an_event_gives(station):
+def test_the_name_that_an_event_gives_is_found(station):
     (station.events / "set").write_text("any 100 0 error\n")
     box = station.console("sys-a-1", events=1, event_file="set")
     with Collector(station) as collector:
@@ -230,7 +230,7 @@ def test_case_counts_only_when_it_must(station):
     assert show("box") == ["one"]
 
 
-def test_a_name_without_a_log(three):
+def test_a_name_without_a_log_is_refused(three):
     where = f"{three.logs}/zev.dated"
     zevctl.refuse(None, zevctl.NO_SUCH_CONSOLE, f"no log of bx in {where}; similar names: box",
                   "log", "bx")
@@ -241,7 +241,7 @@ def test_a_name_without_a_log(three):
     assert done.stderr == f"zevctl: no log of former in {where}\n"
 
 
-def test_without_a_log_directory(station):
+def test_a_missing_log_directory_is_reported(station):
     shutil.rmtree(station.logs)
     zevctl.refuse(None, zevctl.FAILED, f"cannot read {station.logs}/zev.dated: No such file or "
                   "directory; --log-dir tells where the daemon's logs are, if not there",
@@ -266,11 +266,11 @@ def test_without_a_log_directory(station):
     (["--grep", "(e|o)$", "--ignore-case", "-n", "1"], ["three"]),
     (["--grep=o", "--until", "2026-11-21 08:30"], ["one"]),
 ])
-def test_filters(three, arguments, expected):
+def test_records_are_filtered(three, arguments, expected):
     assert show("box", *arguments) == expected
 
 
-def test_a_time_zone(three):
+def test_times_follow_the_time_zone(three):
     # What is local there is not local here.
     assert zevctl.run(None, "log", "box", "--since", "2026-11-21T09:30:00+00:00",
                       env={"TZ": "UTC0"}).stdout == THREE[2]
@@ -280,7 +280,7 @@ def test_a_time_zone(three):
                       env={"TZ": "FAR-2"}).stdout == THREE[0]
 
 
-def test_ages_and_times_of_today(station):
+def test_ages_and_times_of_today_are_understood(station):
     now = datetime.now().replace(microsecond=0)
     lines = [f"{now - timedelta(minutes=age):%y/%m/%d_%H:%M:%S} {age}\n" for age in (90, 30, 5)]
     write_log(station, "box", *lines)
@@ -291,7 +291,7 @@ def test_ages_and_times_of_today(station):
         assert show("box", "--since", today) == ["5"]
 
 
-def test_nothing_found(three):
+def test_a_search_that_finds_nothing_fails(three):
     done = zevctl.run(None, "log", "box", "--grep", "four")
     assert (done.returncode, done.stdout, done.stderr) == (zevctl.FAILED, "", "")
     assert show("box", "--since", "2026-11-22", "--until", "2026-11-23") == []
@@ -306,7 +306,7 @@ def test_nothing_found(three):
     (["--grep", "("], "--grep: Unmatched ( or \\("),
     (["--grep", "a{2,1}"], "--grep: Invalid content of \\{\\}"),
 ])
-def test_options_that_make_no_sense(three, arguments, message):
+def test_options_that_make_no_sense_are_refused(three, arguments, message):
     zevctl.refuse(None, zevctl.USAGE, message, "log", "box", *arguments)
 
 
@@ -320,7 +320,7 @@ def test_command_lines_that_are_not_understood(three, arguments):
     assert done.stderr
 
 
-def test_a_reader_that_has_enough(station):
+def test_a_reader_that_leaves_is_not_an_error(station):
     write_log(station, "box", *(THREE[0] for _ in range(50000)))
     client = zevctl.start(None, "log", "box")
     assert client.stdout.readline() == THREE[0].encode()
@@ -358,7 +358,7 @@ def test_a_large_log_is_read_in_little_memory_and_from_its_end(station):
 # Following
 
 
-def test_it_goes_on_with_what_is_logged(station, box, follow):
+def test_it_shows_what_is_logged_later(station, box, follow):
     logged(station, box, b"before\n")
     client = follow("box")
     client.wait_texts([b"before\n"])
@@ -399,7 +399,7 @@ def test_signals_end_it(three, follow, number):
     assert client.end(number) == ""
 
 
-def test_a_reader_that_goes_ends_it_though_nothing_happens(three, follow):
+def test_a_reader_that_leaves_ends_it_at_once(three, follow):
     client = follow("box")
     client.wait_texts([b"one\n", b"Two\n", b"three\n"])
     client.process.stdout.close()
@@ -427,7 +427,7 @@ def test_it_follows_into_a_new_directory(station, box, waker, follow):
     client.wait_texts([b"old\n", b"begun\n", b"\n", b" and ended\n", b"new\n"])
 
 
-def test_nothing_is_lost_or_twice_however_often_the_directory_changes(station, follow):
+def test_no_record_is_lost_or_repeated_when_directories_change(station, follow):
     box = station.console("box")
     bring_up(station, box, options=("-d", "1", "-a", "0d"))
     client = follow("box", "-n", "99999")
@@ -484,7 +484,7 @@ def test_it_outlives_its_directory(station, box, follow):
     assert client.end() == ""
 
 
-def test_it_follows_as_json_and_the_consolidated_log(station, box, follow):
+def test_it_follows_the_consolidated_log_as_json(station, box, follow):
     client = follow("consolidated", "--json")
     box.send(b"printed\n")
     wait_until(lambda: b"\n" in client.shown(), what="the record")
