@@ -132,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::SetUp();
   const std::string line = fuzz::UpToNul({reinterpret_cast<const char*>(data), size});
   const Expected expected = Expect(line);
-  // Exactly as long as the line, so that a look behind its end is seen.
+  // Exactly as long as the line, so that a read past its end is seen.
   const auto buf = std::make_unique<char[]>(line.size() + 1);
   line.copy(buf.get(), line.size());
   ConsoleArgs args;

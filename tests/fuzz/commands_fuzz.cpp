@@ -25,7 +25,7 @@ constexpr size_t kLongestLine = 1023;
 constexpr int kMostLines = 40;
 constexpr char kManaged[] = "managed";  // a model with a management port
 
-/// A console, as far as answers tell of it.
+/// A console, as far as answers describe it.
 struct Console {
   std::string name;
   bool connected;
@@ -86,7 +86,7 @@ class Model {
     return Remember(Run(id, name));
   }
 
-  /// The answer had so many bytes.
+  /// The answer had this many bytes.
   void RememberText(uint32_t bytes) { last_count_ = bytes; }
 
   const std::vector<Console>& consoles() const { return consoles_; }
@@ -99,7 +99,7 @@ class Model {
     return answer;
   }
 
-  // Ends in front of what separates it from the rest.
+  // Ends before the character that separates it from the rest.
   static std::string TakeWord(const std::string& line, size_t* at) {
     constexpr const char* kSeparators = " \n\r";
     const size_t begin = std::min(line.find_first_not_of(kSeparators, *at), line.size());
@@ -167,7 +167,7 @@ class Model {
     return answer;
   }
 
-  // The first connected console of the name that nobody uses ends the look at the connected ones.
+  // The first connected console of the name that nobody uses ends the search of these.
   Answer Who(const std::string& name) {
     bool ended = false;
     return Count(kWhoCommand, [&](const Console& console) -> uint32_t {

@@ -35,9 +35,8 @@ int ActionOf(char key) {
   }
 }
 
-// Key by key: an escape is the character at the start of a line and the key behind it. The
-// character typed twice is typed once; in front of a key without a meaning it is typed like any
-// other.
+// Key by key: an escape is the character at the start of a line and the key after it. The
+// character typed twice is typed once; before a key without a meaning it is typed like any other.
 std::string Expect(std::string_view keys, std::optional<char> escape) {
   Outcome outcome;
   bool at_start = true;

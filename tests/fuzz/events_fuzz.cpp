@@ -1,6 +1,6 @@
 // Event files: which patterns a file gives, what is said about its lines, and which pattern a
 // record matches, compared with the system's own matcher run over the lines one by one. Every
-// pattern that matches must be one that the daemon would have tried, also behind an earlier match.
+// pattern that matches must be one that the daemon would have tried, also after an earlier match.
 // A file with a hard pattern is for the matcher; what is hard, the harness takes from the daemon: a
 // pattern that is not, and yet takes all time or memory, shows as an input that does.
 //

@@ -1,5 +1,5 @@
 // What a console sends right after the connection: its telnet offers are kept and taken off the
-// stream, and on a management port a refusal is recognised, with the address of whoever holds it.
+// stream, and on a management port a refusal is recognised, with the address of its holder.
 //
 // An input is a line with the options and the bytes. Options: 'm' a management port, 'f' the
 // session is to be taken over.

@@ -35,7 +35,7 @@ bool IsAccepted(const std::string& pair) {
   return pair.ends_with('y');
 }
 
-// What stands for a password that the library has drawn: 32 digits of base 16.
+// Stands for a password that the library has drawn: 32 hexadecimal digits.
 constexpr char kDecoy[] = "(drawn)";
 
 std::string WithoutDecoy(const std::string& text) {

@@ -41,7 +41,7 @@ std::string Filtered(std::string_view chunk, bool suppress) {
   return kept;
 }
 
-// Byte by byte: a record ends behind a line end, and where it would become too long.
+// Byte by byte: a record ends after a line end, and where it would become too long.
 std::vector<std::string> Records(const std::string& output) {
   std::vector<std::string> records;
   std::string record;

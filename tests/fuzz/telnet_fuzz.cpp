@@ -23,7 +23,7 @@ constexpr uint8_t kEcho = 1;
 constexpr uint8_t kSuppressGoAhead = 3;
 constexpr uint8_t kCompress = 86;
 
-// The library gives up longer subnegotiations, in ways of its own.
+// The library abandons longer subnegotiations in its own way.
 constexpr size_t kLongest = 8000;
 
 std::string Command(uint8_t command, uint8_t option) {
@@ -36,7 +36,7 @@ class Model {
   std::string text;
   std::string answers;
   bool spoken = false;
-  bool garbled = false;  // what comes of it is the library's business
+  bool garbled = false;  // the result is left to the library
 
   bool Binary() { return ours_[kBinary]; }
   bool InCommand() const { return state_ != State::kText; }
@@ -152,7 +152,7 @@ void CheckStream(std::string_view bytes, std::string_view sizes, std::string_vie
   if (model.garbled) return;
   REQUIRE_EQUAL(text, model.text);
   REQUIRE_EQUAL(stream.TakeWire(), model.answers);
-  // Whether half a command makes the other end speak telnet is nobody's concern.
+  // Whether half a command makes the other end speak telnet does not matter.
   if (model.InCommand()) return;
   stream.SendKeys(keys);
   REQUIRE_EQUAL(stream.TakeWire(), ExpectKeys(keys, model.spoken && !model.Binary()));
@@ -160,7 +160,7 @@ void CheckStream(std::string_view bytes, std::string_view sizes, std::string_vie
   REQUIRE_EQUAL(stream.TakeWire(), std::string("\xFF\xF3"));
 }
 
-// How much of the bytes are whole commands and text.
+// How many of the bytes are whole commands and text.
 size_t WholeLength(std::string_view bytes) {
   size_t end = 0;
   for (size_t i = 0; i < bytes.size();) {

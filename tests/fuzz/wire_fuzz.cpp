@@ -1,5 +1,5 @@
 // The answers of the command port as bytes: the operators' client reads from them what the daemon
-// holds, and from any other bytes what stands where the fields are.
+// holds, and from any other bytes what is in the fields' places.
 //
 // An input is seven lines (name, address, model and platform of a console, name, address and modes
 // of its users) and bytes. The console's ports are the first six bytes, in pairs.
@@ -156,7 +156,7 @@ void CheckUsers(Daemon& daemon, const Facts& facts) {
   }
 }
 
-// Of bytes that are no answer of the daemon's.
+// Takes bytes that are no answer of the daemon's.
 void CheckAnyBytes(std::string_view bytes) {
   std::string packet(bytes.substr(0, kConsolePacketSize));
   packet.resize(kConsolePacketSize);

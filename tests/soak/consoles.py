@@ -78,7 +78,7 @@ class Console:
         return self._socket is not None and not self._leaving
 
     def listen(self) -> None:
-        """Take calls from now on."""
+        """Accept calls from now on."""
         self.refuse()
         self._open(16)
         self._loop.add_reader(self._listener, self._accept)
@@ -101,7 +101,7 @@ class Console:
             self._listener = None
 
     def leave_unanswered(self) -> None:
-        """Let calls hang from now on: the queue of the listening socket is full."""
+        """Leave calls unanswered from now on: the queue of the listening socket is full."""
         self.refuse()
         self._open(0)
         for _ in range(4):
@@ -155,7 +155,7 @@ class Console:
         self.closings.moment(why, time.time(), LONG_LAG)
 
     def hang(self, hung: bool) -> None:
-        """Neither print nor read, as a machine that stands still; or go on."""
+        """Neither print nor read, like a machine that has stopped; or go on."""
         if self._socket is None or hung == self._hung:
             return
         self._finish_line()
@@ -271,7 +271,7 @@ class Console:
         return f"@{self.number}.{self._line} {word} {_TEXT[start:start + length]};\n".encode()
 
     def _inserted(self, line: bytes, extra: bytes) -> bytes:
-        """The line with something in it, behind its number."""
+        """The line with something in it, after its number."""
         place = self._random.randrange(line.index(b" ") + 1, len(line))
         return line[:place] + extra + line[place:]
 

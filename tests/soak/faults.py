@@ -1,4 +1,4 @@
-"""What befalls the station and its consoles: one coroutine for every kind of step but a visit."""
+"""The faults of the station and its consoles: a coroutine for every kind of step but a visit."""
 
 import asyncio
 import os
@@ -17,7 +17,7 @@ from harness.waiting import stretched
 
 LOG_ROOM = 4 << 30  # bytes
 
-# Why lines may be missing that the whole station prints.
+# Why lines of the whole station may be missing.
 FULL_DISK = "full disk"
 NO_LOG = "no log can be opened"
 
@@ -41,7 +41,7 @@ _HELPERS = {"": "cat > /dev/null\nexit 1\n",
 
 
 class Collector:
-    """An event manager that takes whatever comes, and can stop doing so."""
+    """An event manager that reads whatever comes, and can stop doing so."""
 
     def __init__(self, path: Path) -> None:
         self.path = path
@@ -52,7 +52,7 @@ class Collector:
         self._writers: set[asyncio.StreamWriter] = set()
 
     async def listen(self) -> None:
-        """Take connections from now on."""
+        """Accept connections from now on."""
         self.path.parent.mkdir(exist_ok=True)
         self._server = await asyncio.start_unix_server(self._serve, self.path)
 
@@ -123,11 +123,11 @@ class World:
                             event_file=_EVENT_FILE)
 
     def set_interval(self, days: int) -> None:
-        """How long logs are kept in one directory from the next reload on."""
+        """Set how long logs are kept in one directory, from the next reload on."""
         self._replace(self._station.config / "qor.conf", f"# shared\nZEVD_ARCH_INT={days}\n")
 
     def set_helper(self, kind: str = "", seconds: float = 0) -> None:
-        """What checks passwords from now on."""
+        """Set the program that checks passwords from now on."""
         path = self._station.root / "bin" / "qor_pam_auth"
         path.parent.mkdir(exist_ok=True)
         written = path.with_suffix(".new")

@@ -23,14 +23,14 @@ _REMEMBERED = 200  # records and visits
 _TELNET = 255
 _DROPPED = b"\r\0"
 
-# The bytes behind a telnet command's first; the pieces of a command that two chunks share are
+# The bytes after a telnet command's first; the pieces of a command that two chunks share are
 # logged. Consoles print them for nothing else.
 TELNET_BYTES = b"\x01\xfb\xfc"
 
 
 @dataclass
 class Counts:
-    """What has become of the lines so far."""
+    """What has happened to the lines so far."""
 
     printed: int = 0
     found: int = 0
@@ -133,7 +133,7 @@ class Ledger:
             self._look_at_end(stamp, content)
 
     def _is_added(self, stamp: float) -> bool:
-        """A line end that no console printed stands behind a piece that was cut off its line.
+        """A line end that no console printed comes after a piece that was cut off its line.
 
         The piece itself may have found no room on the disk.
         """
@@ -203,7 +203,7 @@ class Ledger:
                 yield point - self._base
 
     def _chunk_ends(self, point: int) -> Iterator[int]:
-        """Where a chunk may end that begins there: behind a send, or when it is full."""
+        """Where a chunk may end that begins there: after a send, or when it is full."""
         ends = {sent.end - self._base for sent in self._sends}
         for end in range(point, min(point + CHUNK, len(self._stream)) + 1):
             if end in ends or end - point > CHUNK * 3 // 4:
@@ -322,7 +322,7 @@ class Ledger:
 
 
 def _common_prefix(content: bytes, stream: bytearray, start: int) -> int:
-    """How much of the content stands in the stream at that place."""
+    """How much of the content is in the stream at that place."""
     low, high = 0, len(content)
     while low < high:
         middle = (low + high + 1) // 2

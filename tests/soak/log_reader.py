@@ -22,7 +22,7 @@ _OWN = re.compile(_STAMP + b" ")
 _ALL = re.compile(_STAMP + rb" (c\d+[a-z0-9]*) ")
 _NAME = re.compile(r"c(\d+)(?:r(\d+))?\.log")
 
-# Directories behind the one in use that may still be written to, and those that are kept.
+# Directories older than the one in use that may still be written to, and those that are kept.
 _FOLLOWED = 3
 _KEPT = 8
 
@@ -33,7 +33,7 @@ _BETWEEN_PAUSES = 10  # consoles
 class LogFile:
     """One log, and how far its records have been handed on.
 
-    What is behind them is read anew each time: on a full disk a piece of a record may be seen
+    What follows them is read again each time: on a full disk a piece of a record may be seen
     before the daemon takes it back.
     """
 
@@ -169,6 +169,6 @@ def _console_of(name: str) -> tuple[int, int]:
 
 
 def _with_last(files: list[LogFile], sizes: list[int]) -> Iterator[tuple[LogFile, int, bool]]:
-    """Each file with its size, and whether none behind it has anything in it."""
+    """Each file with its size, and whether none after it has anything in it."""
     for number, (file, size) in enumerate(zip(files, sizes)):
         yield file, size, not any(sizes[number + 1:])

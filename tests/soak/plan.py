@@ -71,7 +71,7 @@ def _visits(rand: random.Random, length: float, consoles: int) -> list[Step]:
 
 
 def _each_once(rand: random.Random, length: float, table: dict) -> list[str]:
-    """All kinds in a random order, as many as find room: none is left to chance in a short run."""
+    """All kinds in a random order, as far as there is time: a short run leaves none to chance."""
     kinds = list(table)
     rand.shuffle(kinds)
     return kinds[:int(length / _BETWEEN_STATION_EVENTS)]

@@ -143,7 +143,7 @@ class Soak:
         await self._collector.die()
 
     async def _work(self, work: Coroutine[None, None, None]) -> None:
-        """Do something beside the plan; should it end in an error, that is said at once."""
+        """Do something in addition to the plan; if it ends in an error, report that at once."""
         try:
             await work
         except Exception as error:
@@ -167,7 +167,7 @@ class Soak:
         self._desk.port = station.port
         self._desk.cookie = (station.config / ".cookie").read_bytes().strip()
         await self._wait_connected()
-        await asyncio.sleep(1)  # so that whoever has just called is served
+        await asyncio.sleep(1)  # so that those who have just called are served
         self._idle = self._uses()
         for tool in self._tools:
             await tool.open()
@@ -204,7 +204,7 @@ class Soak:
                             duration=step.duration, seed=step.seed).run()
             else:
                 await self._world.run(step.kind, step.console, step.duration, step.seed)
-        except Exception as error:  # whatever it was, the run shall show it and go on
+        except Exception as error:  # whatever it was, the run reports it and goes on
             self.fail(f"{step}: {error!r}")
 
     async def _use_tool(self, number: int) -> None:

@@ -197,7 +197,7 @@ class Visit:
             if isinstance(result, Exception):
                 self._desk.fail(f"{self._user}: {result!r}")
         if self._behaviour != "stall" and not self._over.done():
-            # That he has been thrown off just now may not have been seen yet.
+            # This user may have been disconnected just now, which has not been seen yet.
             self._console.ledger.surely_watched(attached, time.time() - LAG)
         if self._over.done():
             self._desk.thrown_off += 1
@@ -250,7 +250,7 @@ class Visit:
             await self._pass(self._duration)
 
     async def _pass(self, seconds: float) -> None:
-        """Let time go by, until thrown off at the latest."""
+        """Let time go by, until disconnected at the latest."""
         await asyncio.wait({self._over}, timeout=seconds)
 
     async def _type(self, sock: socket.socket) -> None:
@@ -276,7 +276,7 @@ class Visit:
             await self._pass(self._random.uniform(0.1, 1.0))
 
     def _time_echo(self, asked: float) -> None:
-        """What took long for a reason known here is not the daemon's."""
+        """Time an echo; a delay with a known reason is not the daemon's."""
         taken = time.time() - asked
         if self._is_upset(asked):
             return
@@ -290,7 +290,7 @@ class Visit:
             print(f"soak: {clock(asked)} {told}", flush=True)
 
     async def _paste(self, sock: socket.socket) -> None:
-        """Type very much at a console that reads nothing meanwhile."""
+        """Type a great deal at a console that reads nothing meanwhile."""
         loop = asyncio.get_running_loop()
         end = time.time() + self._duration
         self._console.hang(True)
@@ -304,7 +304,7 @@ class Visit:
             self._console.hang(False)
 
     async def _stall(self, sock: socket.socket) -> None:
-        """Read nothing while the console prints very much; then see whether the daemon minded."""
+        """Read nothing while the console prints a great deal; then see what the daemon did."""
         loop = asyncio.get_running_loop()
         for _ in range(int(self._duration) + 1):
             self._console.burst(500)
@@ -320,7 +320,7 @@ class Visit:
 
 
 class Tool:
-    """A management tool; its commands go one after the other."""
+    """A management tool, which sends one command after another."""
 
     def __init__(self, desk: Desk, name: str) -> None:
         self._desk = desk
@@ -381,7 +381,7 @@ class Tool:
 
 
 async def deaf_tool(desk: Desk, seconds: float) -> None:
-    """A tool that sends commands and takes no answer."""
+    """A tool that sends commands and reads no answer."""
     loop = asyncio.get_running_loop()
     sock = await desk.ask("@@@@ user=deaf", buffer=4096)
     try:
@@ -394,7 +394,7 @@ async def deaf_tool(desk: Desk, seconds: float) -> None:
 
 
 async def strangers(desk: Desk, count: int, seconds: float, seed: int) -> None:
-    """Many who call and say nothing, or nonsense, or leave half of the connection open."""
+    """Many callers that send nothing, or nonsense, or leave half of the connection open."""
     loop = asyncio.get_running_loop()
     rand = random.Random(seed)
     callers = []

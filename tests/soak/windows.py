@@ -40,7 +40,7 @@ class Window:
         return self.start - self.lag <= when <= self.end
 
     def touches(self, start: float, end: float) -> bool:
-        """Some of the time between these two is in the span, or shortly behind it."""
+        """Some of the time between these two is in the span, or shortly after it."""
         return self.start - 1 <= end and start <= self.end + self.lag
 
 

@@ -1,4 +1,4 @@
-"""The archive interval between the option -a and the suite's configuration file."""
+"""The archive interval: the option -a and the suite's configuration file."""
 
 import os
 import re
@@ -25,7 +25,7 @@ def suite_file(station):
 
 
 def never_archives(station, waker) -> None:
-    """See some passes of the daemon without a rotation."""
+    """See the daemon make some passes without a rotation."""
     position = station.mark()
     wait_awake(station, waker, "Entering LogDirExpired", after=position, count=3)
     assert ARCHIVING not in station.log_text(position)
@@ -37,7 +37,7 @@ def archives(station, waker) -> None:
 
 
 def hang_up(station, waker) -> None:
-    """Have the files read again, the interval last."""
+    """Have the daemon read its files again, the interval last."""
     position = reload_awake(station, waker)
     position = station.wait_log("Entering GetZevdArchIntFromConfFile", after=position).end
     wait_awake(station, waker, "Entering LogDirExpired", after=position)
@@ -162,7 +162,7 @@ def test_a_value_without_a_line_applies_and_is_written_when_the_line_appears(sta
     hang_up(station, waker)
     wait_until(lambda: suite_file.read_bytes() == b"A=1\nZEVD_ARCH_INT=0\n", what="the rewriting")
     archives(station, waker)
-    # From now on the file rules.
+    # From now on the value in the file counts.
     suite_file.write_bytes(b"A=1\nZEVD_ARCH_INT=9\n")
     hang_up(station, waker)
     never_archives(station, waker)
@@ -179,7 +179,7 @@ def test_a_negative_interval_has_always_expired(station, suite_file):
     suite_file.write_bytes(b"ZEVD_ARCH_INT=-1\n")
     station.start()
     station.wait_log(ARCHIVING, count=2)
-    # Each pass takes it away with the directory that has expired.
+    # Every pass begins a new directory, because the old one has expired.
     wait_until(consolidated(station).exists, what="the log of a new directory")
 
 
@@ -187,7 +187,7 @@ def test_a_negative_interval_has_always_expired(station, suite_file):
 
 
 def loop(path) -> str:
-    """Put something in the file's place that can neither be opened nor made."""
+    """Put something in the file's place that can be neither opened nor created."""
     path.unlink(missing_ok=True)
     path.symlink_to(path.name)
     return (f'GetZevdArchIntFromConfFile: fopen( "{path}", ...) failed : '
@@ -221,12 +221,12 @@ def test_a_directory_in_its_place_ends_the_daemon_at_start_up(station, suite_fil
     assert list(suite_file.iterdir()) == []
 
 
-# A disk without room
+# A full disk
 
 
 @pytest.fixture
 def full_disk(station, suite_file):
-    """The configuration lies on a disk of its own; the call takes what room is left on it."""
+    """Puts the configuration on a disk of its own; returns a function that fills the disk."""
     kept = {path: path.read_bytes() for path in station.config.iterdir()}
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k,mode=0755", "tmpfs", station.config],
                    check=True)
@@ -244,7 +244,7 @@ def full_disk(station, suite_file):
 
 @pytest.mark.needs_namespace
 def test_a_file_that_cannot_be_written_back_is_saved_elsewhere(station, suite_file, full_disk):
-    """One digit more makes the file a page larger, and there is none."""
+    """One more digit makes the file a page larger, and no page is free."""
     others = b"OTHER=" + b"o" * (4096 - len("ZEVD_ARCH_INT=7\nOTHER=\n")) + b"\n"
     suite_file.write_bytes(b"ZEVD_ARCH_INT=7\n" + others)
     full_disk()

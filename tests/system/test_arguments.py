@@ -1,4 +1,4 @@
-"""The argument line of the main port, and what is read and said on mapped ports instead."""
+"""The argument line of the main port, and what mapped ports read and say instead."""
 
 import re
 import socket
@@ -19,7 +19,7 @@ LINE_ROOM = 1023
 
 @pytest.fixture
 def mapped_box(station):
-    """Brings up a console named "box" with a port of its own; the console and that port."""
+    """Brings up a console "box" with a port of its own; returns the console and the port."""
     def bring_up_mapped(*options: str, **fields):
         port = free_port()
         console = station.console("box", mapped_port=port, **fields)
@@ -31,7 +31,7 @@ def mapped_box(station):
 
 
 def say(station, line: bytes):
-    """A caller of the main port who has sent the bytes."""
+    """A caller of the main port that has sent the bytes."""
     caller = station.caller()
     caller.send(line)
     return caller
@@ -80,7 +80,7 @@ def test_a_line_is_understood(station, box, line, user, address, mode):
 
 
 def terminated_by_bytes(user: str, address: str) -> bytes:
-    """The banner for a user whose name is not only of letters."""
+    """The banner for a user whose name has other characters than letters."""
     return terminated_by("NAME", address).replace(b"NAME", user.encode("latin-1"))
 
 
@@ -119,7 +119,7 @@ def test_the_line_is_shown_as_it_was_received(station, box):
                      thread="serv_conn")
 
 
-# Lines that are not
+# Lines that are refused
 
 
 @pytest.mark.parametrize("line, said", [
@@ -173,7 +173,7 @@ def test_an_invalid_line_revokes_nobody(station, box):
     holder.expect_exactly(b"undisturbed")
 
 
-# Lines in pieces, and what follows them
+# Lines in pieces, and bytes after a line
 
 
 def test_a_line_that_arrives_in_part_is_taken_as_it_is(station):
@@ -207,7 +207,7 @@ def test_a_word_that_does_not_fit_is_cut(station, box):
     station.wait_log('ParseConsoleArgs: Invalid argument "mod".')
 
 
-# Connections that say nothing
+# Connections that send nothing
 
 
 def test_a_caller_who_is_silent_for_ten_seconds_is_told_and_disconnected(station, mapped_box):
@@ -350,12 +350,12 @@ def test_a_console_locked_behind_a_reader_is_not_refused_on_its_port(station, ma
 
 
 def cookie(station) -> bytes:
-    """What the daemon has written for the tools of the station."""
+    """The cookie that the daemon has written for the station's tools."""
     return (station.config / ".cookie").read_bytes().strip()
 
 
 def login_dialogue(console: str) -> bytes:
-    """What a port that asks for a login sends first."""
+    """What a port that asks for a login sends at first."""
     host = socket.gethostname()
     return (f'\r\nWelcome to zevd running on "{host}".\r\n\n'
             f'In order to connect to console "{console}", you must first provide\r\n'

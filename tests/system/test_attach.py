@@ -1,4 +1,4 @@
-"""Attaching users to consoles: who is let in beside whom, and what a new user is sent."""
+"""Attaching users to consoles: which users can share one, and what a new user is sent."""
 
 import threading
 
@@ -13,7 +13,7 @@ from harness.scenes import removal
 from harness.waiting import wait_until
 
 def sees(console, *users: User) -> None:
-    """Every one of the users, next of all, gets what the console prints."""
+    """What the console prints is the next thing that each of the users gets."""
     console.send(b"[seen]")
     for user in users:
         user.expect_exactly(b"[seen]")

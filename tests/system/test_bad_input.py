@@ -1,4 +1,4 @@
-"""Input that nobody should send: the stated text or a close, and nothing lost elsewhere."""
+"""Bad input: it is answered with the stated text or a close, and nobody else loses anything."""
 
 import contextlib
 import os
@@ -21,12 +21,12 @@ RESET = b"\1\0\0\0\0\0\0\0"
 
 ROUNDS = 1000
 
-# Half a kilobyte a round; page-wise noise of the allocator stays well below. Sanitizers keep books
-# of their own about every thread that there ever was.
+# Half a kilobyte per round, well above the allocator's noise. A sanitizer keeps a record of every
+# thread that has ever run.
 GROWTH = ROUNDS * 512
 GROWTH_UNDER_SANITIZER = ROUNDS * 8192
 
-# What sanitizer builds keep of freed memory would look like growth.
+# Freed memory that a sanitizer build keeps would look like growth.
 FRUGAL = "quarantine_size_mb=1 thread_local_quarantine_size_kb=16"
 
 TELNET_COMMANDS = (b"\xff", b"\xff\xff", b"\xff\xf4", b"\xff\xfd\x06", b"\xff\xfb\x01",
@@ -36,7 +36,7 @@ TELNET_COMMANDS = (b"\xff", b"\xff\xff", b"\xff\xf4", b"\xff\xfd\x06", b"\xff\xf
 
 @dataclass
 class Healthy:
-    """A console that nobody disturbs on purpose, and a user of it who must not notice anything."""
+    """A console that is not attacked, and its user, who must not notice anything."""
 
     console: FakeConsole
     user: User
@@ -54,7 +54,7 @@ class Healthy:
 
 @pytest.fixture
 def healthy(station):
-    """Starts the daemon with a healthy console besides what is configured already."""
+    """Starts the daemon with a healthy console in addition to those already configured."""
     def start(*options: str, others: tuple[FakeConsole, ...] = ()) -> Healthy:
         console = station.console("healthy")
         level = options[options.index("-d") + 1] if "-d" in options else "3"
@@ -77,7 +77,7 @@ def _frugal() -> dict[str, str]:
 
 
 def say(port: int, data: bytes) -> bytes:
-    """Call the port, send the data and no more; everything that is answered until the close."""
+    """Call the port, send just the data, and return everything that is answered until the close."""
     with socket.create_connection(("127.0.0.1", port), stretched(10)) as caller:
         with contextlib.suppress(ConnectionError):
             caller.sendall(data)
@@ -103,7 +103,7 @@ def vanish(port: int, data: bytes, way: str) -> None:
             caller.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, RESET)
 
 
-# Bytes of no meaning
+# Bytes without meaning
 
 
 def test_random_bytes_on_the_main_port_get_a_text_or_a_close(station, healthy):
@@ -189,7 +189,7 @@ def test_a_configured_name_may_have_odd_bytes(station, healthy):
 
 @pytest.mark.parametrize("command", TELNET_COMMANDS)
 def test_telnet_commands_around_the_line_are_part_of_it(station, healthy, command):
-    """They are bytes like others: the line is taken as it came, and no client is left hanging."""
+    """They are bytes like any others: the line is taken as it is, and no client is left hanging."""
     well = healthy()
     assert say(station.port, command + b"healthy\n") in (ERRORS[4], ERRORS[2])
     assert say(station.port, b"healthy " + command + b"\n") in (ERRORS[2], OFFERS)
@@ -289,7 +289,7 @@ class Round:
 def settled(station: Station, ports: list[int], at_most: tuple[int, int]) -> None:
     """Wait until the daemon has no more descriptors and threads than it began with.
 
-    Whoever called one of the ports before has been accepted when a last call is answered.
+    Once a last call of each port is answered, all calls before it have been accepted.
     """
     for port in ports:
         say(port, b"\n")
@@ -332,14 +332,14 @@ def test_a_thousand_rounds_of_bad_manners_leave_nothing_behind(station, healthy)
 
 
 def wait_reloaded(station: Station, well: Healthy, after: int) -> None:
-    """See the reload through; keys of the healthy user wake the daemon for it."""
+    """Wait until the reload is done; keys of the healthy user keep the daemon awake."""
     well.undisturbed()
     station.wait_log("Entering MergeConsoleLists", after=after)
     well.undisturbed()
 
 
 def test_a_configuration_line_may_be_cut_anywhere(station, healthy):
-    """The file ends in the middle of a line, as if the daemon had come while it was written."""
+    """The file ends in the middle of a line, as if the daemon read it while it was written."""
     well = healthy()
     kept = station.config_file.read_text(encoding="latin-1")
     damaged = console_line("torn", free_port(), mapped_port=free_port(), enable=0)
@@ -355,7 +355,7 @@ def test_a_configuration_line_may_be_cut_anywhere(station, healthy):
 
 @pytest.mark.needs_namespace
 def test_a_configuration_line_may_have_lost_its_beginning(station, healthy):
-    """What is left may name any address at all, so this is for a network of the test's own."""
+    """The rest may name any address, so this needs a network of the test's own."""
     well = healthy("-d", "3")
     kept = station.config_file.read_text(encoding="latin-1")
     damaged = console_line("torn", free_port(), mapped_port=0, event_file="ev")

@@ -1,4 +1,4 @@
-"""Attempts to get to a console, or to somebody else's name, without the right to it."""
+"""Attempts to reach a console, or to use another user's name, without permission."""
 
 import os
 import socket
@@ -44,7 +44,7 @@ def test_nothing_like_the_cookie_admits(fortress, change):
 
 
 def test_a_cookie_that_comes_in_pieces_is_judged_by_the_first(fortress):
-    """The line is looked at once: nothing can be exchanged between that look and the next."""
+    """The line is checked just once, so nothing can be changed between two checks."""
     station, _, _ = fortress
     user = tell(station, b"token " + cookie(station)[:10])
     refused(user, 1)
@@ -79,7 +79,7 @@ def test_a_token_line_is_a_name_on_a_consoles_own_port(door):
 
 
 def test_the_cookie_is_not_for_others_even_with_an_open_mask(station):
-    """Whatever the mask of the one who starts it, others never read the new file."""
+    """Others can never read the new file, whatever umask the daemon is started with."""
     former = os.umask(0)
     try:
         station.start("-S", "1")
@@ -88,7 +88,7 @@ def test_the_cookie_is_not_for_others_even_with_an_open_mask(station):
     assert stat.S_IMODE(cookie_file(station).stat().st_mode) & stat.S_IRWXO == 0
 
 
-# The pair
+# Name and password
 
 
 @pytest.mark.needs_namespace
@@ -97,13 +97,13 @@ def test_the_cookie_is_not_for_others_even_with_an_open_mask(station):
     (b"ROOT", b"secret"), (b"root\x01", b"secret"), (b"root:0:0", b"secret"), (b"0", b"secret"),
     (b"root" * 64, b"secret"), (b"root\xff\xff", b"secret"), (b"roo", b"tsecret")])
 def test_a_name_that_is_nearly_roots_is_not_admitted(groups, door, name, password):
-    """Even a helper that takes the name's first word for the name does not make it root's."""
+    """Even a helper that takes the first word as the name does not let it pass as root."""
     door.helper.accept(name[:256], password)
     user = door.call()
     log_in(user, name, password)
     if len(name.split()) == 1 and name == name.strip():
         refused(user, 14)
-    else:  # it does not even come to the helper
+    else:  # it is not even passed to the helper
         user.expect_exactly(TRY_AGAIN + NAME)
     unmoved(door.station)
 
@@ -226,7 +226,7 @@ def test_nothing_passes_on_the_main_port_before_the_login(hall):
 
 
 def test_a_login_keeps_its_console_when_its_port_changes_hands(door):
-    """Who logs in for one console is not attached to another that has taken over its port."""
+    """A user who logs in for one console is not attached to another that took over its port."""
     user = door.call()
     give_name(user, b"root")
     reload(door.station, console_line("box", door.box.port, auth=1)
@@ -265,7 +265,7 @@ def test_commands_need_a_login(hall):
     unmoved(hall.station)
 
 
-# Another's name
+# Another user's name
 
 
 @pytest.mark.needs_namespace
@@ -283,7 +283,7 @@ def test_the_name_that_was_proved_is_the_one_that_counts(groups, hall, line):
 @pytest.mark.needs_namespace
 @pytest.mark.parametrize("length", [LINE - 11, LINE - 10, LINE - 9, LINE])
 def test_a_line_of_any_length_does_not_hide_the_name_that_was_proved(groups, hall, length):
-    """Who fills the line so that no room is left for the name is refused, or has that name."""
+    """A line that leaves no room for the name is refused; any other is given the name."""
     groups.write("qoruser:x:64000:alice\n")
     hall.helper.accept(b"alice", b"pw")
     user = hall.station.caller()

@@ -1,4 +1,4 @@
-"""A console's name on somebody's command line: the shells complete it and run nothing of it."""
+"""Console names on a command line: the shells complete them and run no part of them."""
 
 import os
 
@@ -12,7 +12,7 @@ from harness.waiting import LIMIT, stretched
 
 PROMPT = "ready> "
 
-# Every one would do harm on a command line, or on the screen, or split into two.
+# Each of them would do harm on a command line or on the screen, or become two words.
 HARMFUL = [
     b"$(id>trap)", b"x$(id>trap)", b"`id>trap`", b"x;id>trap", b"x&id>trap", b"x|id>trap",
     b"x\nid>trap", b"x\rid>trap", b"x>trap", b"x<trap", b"x id>trap", b"x\tid>trap", b"'x", b'"x',
@@ -51,7 +51,7 @@ def test_a_real_console_with_a_harmful_name_is_not_offered(station):
     assert done.stdout == "good\n"
 
 
-# The shells, with a client that offers anything: also what the client of today would not.
+# The shells, with a client that offers anything, even names that zevctl leaves out.
 
 CLIENT = """#!/bin/sh
 if [ "$1" = complete ]; then
@@ -95,13 +95,13 @@ class Shell:
             self.run(line)
 
     def run(self, line: str) -> None:
-        """A whole line, up to the next prompt."""
+        """Run a whole line and wait for the next prompt."""
         self._child.send(line + "\r")
         self._child.expect_exact("\n")
         self._child.expect_exact(PROMPT)
 
     def complete_and_run(self, line: str) -> list[str]:
-        """Type the line and its tabs, and run it; what the client was told."""
+        """Type the line and its tabs, and run it; return the client's arguments."""
         self._child.send(line + "\r")
         self._child.send("echo done-$((1 + 1))\r")
         self._child.expect_exact("done-2")
@@ -133,7 +133,7 @@ def shell(tmp_path):
     "$(id>trap)", "`id>trap`", "x;id>trap", "x&&id>trap", "x|id>trap", "x>trap", "x id", "*",
     "tra*", "'x", '"x', "x\\", "~", "!!", "{a,b}", "$HOME", "x#y"])
 def test_the_shell_takes_what_it_is_offered_as_text(shell, name, harmful):
-    """The one word that is offered is put on the line, which is then run."""
+    """The only word offered is put on the line, which is then run."""
     started = shell(name, harmful)
     told = started.complete_and_run("zevctl attach \t")
     assert told == ["attach", harmful]

@@ -1,4 +1,4 @@
-"""Strangers who use up the daemon's descriptors: they are refused, and nothing else happens."""
+"""Strangers who use up the daemon's descriptors are refused, and nothing else happens."""
 
 import contextlib
 import resource
@@ -23,7 +23,7 @@ STATION_PLACES = 16
 
 @pytest.fixture
 def strangers(station):
-    """Makes connections that come from elsewhere; they are closed at the end."""
+    """Makes connections from another address; they are closed at the end."""
     with contextlib.ExitStack() as callers:
         def call(port: int | None = None) -> User:
             caller = User("stranger")
@@ -35,18 +35,18 @@ def strangers(station):
 
 
 def limited(station, count: int) -> None:
-    """Have the daemon start with so many descriptors at most."""
+    """Have the daemon start with at most this many descriptors."""
     wrapped(station, f"ulimit -n {count}")
 
 
 def limit_now(station, count: int | None = None) -> None:
-    """Let the running daemon open no descriptor with this number or a higher one; none: as ever."""
+    """Lower the running daemon's descriptor limit to this number; None restores it."""
     _, most = resource.prlimit(station.pid, resource.RLIMIT_NOFILE)
     resource.prlimit(station.pid, resource.RLIMIT_NOFILE, (most if count is None else count, most))
 
 
 def let_in(call, station, most: int) -> list[User]:
-    """Callers who say nothing, until one is refused; those before him."""
+    """Make callers that send nothing until one is refused; return those before it."""
     rest = station.threads()
     callers: list[User] = []
     for _ in range(most):

@@ -1,7 +1,7 @@
-"""Attempts to reach files of root's through the directories in which the station's group may write.
+"""Attempts to reach root's files through the directories that the station's group may write to.
 
-Whoever tries is a member of the group and a real user of his own. What he plants must not be
-followed, waited for, written to or given away; the daemon says why it does without, and serves.
+The attacker is a member of the group and a real user. What a member plants must not be followed,
+waited for, written to or given away; the daemon says why it does without it, and goes on serving.
 """
 
 import os
@@ -25,7 +25,7 @@ from harness.waiting import free_port, wait_until
 pytestmark = pytest.mark.needs_namespace
 
 MEMBER, GROUP = 12346, 4242
-AHEAD = 3600  # of a clock that stands still, which must not be behind the directories' times
+AHEAD = 3600  # a clock that stands still must not be behind the directories' times
 SECRET = b"ZEVD_ARCH_INT=7\nroot's own\n"
 
 LINK = "Too many levels of symbolic links"
@@ -40,7 +40,7 @@ def as_member(*words) -> None:
 
 
 class Treasure:
-    """A file and a directory of root's, of which nothing may change."""
+    """A file and a directory of root's, which must not change."""
 
     def __init__(self, station) -> None:
         self.file = station.root / "secret"
@@ -51,7 +51,7 @@ class Treasure:
         self.before = self.look()
 
     def look(self) -> list:
-        """All that could be changed. A second name may have been given by the member."""
+        """All that could be changed, except the link count, which a member may raise."""
         found = []
         for path in (self.file, self.directory):
             status = path.stat()
@@ -89,7 +89,7 @@ def plant_link_to_nothing(path, treasure) -> None:
 
 
 def plant_second_name(path, treasure) -> None:
-    """Some kernels forbid it to whoever may not write the file; others do not."""
+    """Done by root: some kernels forbid it to those who may not write the file."""
     as_member("rm", "-f", path)
     os.link(treasure.file, path)
 
@@ -110,7 +110,7 @@ PLANTED = [pytest.param(plant, error, id=plant.__name__) for plant, error in (
 
 
 def serves(station, box) -> None:
-    """A user gets to the console, and his keys, and they come back."""
+    """A user gets to the console, and what is typed comes back."""
     user = station.attach("box", user="ann")
     assert echo_time(user, box, b"k", limit=5) < 5
     user.close()
@@ -153,7 +153,7 @@ def test_nothing_but_a_file_of_one_name_is_a_log(rotating, plant, error):
     station.treasure.untouched()
     assert not (station.root / "not-yet").exists()
 
-    # Once it is gone the log comes back with the next look.
+    # Once it is gone, the next rotation opens the log again.
     as_member("rm", "-rf", log_of(station, "box"))
     rotate(station, station.waker)
     box.send(b"logged\n")
@@ -190,7 +190,7 @@ def test_a_pipe_that_somebody_reads_gets_nothing(rotating):
 
 
 def test_a_log_that_a_member_made_is_written_and_remains_the_members(rotating):
-    """It is a file as it should be, and no more than he could have got anyway."""
+    """It is a regular file, and gives the member nothing beyond the group's own rights."""
     station = rotating
     as_member("rm", log_of(station, "box"))
     as_member("touch", log_of(station, "box"))
@@ -204,7 +204,7 @@ def test_a_log_that_a_member_made_is_written_and_remains_the_members(rotating):
 
 
 def next_minute(station) -> str:
-    """The name of the directory that begins when the clock is a minute further."""
+    """The name of the directory that is begun a minute from now."""
     return time.strftime("%d-%b-%H:%M", time.localtime(station.now + 60))
 
 
@@ -248,7 +248,7 @@ def test_current_leads_nowhere_else(rotating, target):
     as_member("ln", "-s", station.treasure.directory, dated(station) / "linked")
     as_member("ln", "-sfn", target.format(private=station.treasure.directory,
                                           dated=dated(station)), current(station))
-    # The next look at a log is that of a console that is called again.
+    # The daemon looks at a log again when it calls the console again.
     station.box.close()
     station.box.accept()
     wait_until(lambda: current(station).resolve().parent == dated(station)
@@ -418,7 +418,7 @@ def test_a_console_that_is_given_such_a_name_moves_no_file(station, treasure, na
     assert list(station.root.glob("**/stolen*")) == []
     treasure.untouched()
 
-    # With a name that may have a log it gets one at once.
+    # With a name that is allowed for a log, the console gets one at once.
     station.write_config(console_line("chest", box.port))
     reload(station)
     user.close()
@@ -446,7 +446,7 @@ def test_two_consoles_that_swap_their_names_swap_their_logs(station):
 
 
 def test_names_that_move_from_console_to_console_do_not_mix_logs(station):
-    """The first takes the second's name before that has got the third's."""
+    """The first console takes the second's name before the second has the third's."""
     boxes = [station.console(name) for name in ("a", "b", "c")]
     bring_up(station, *boxes)
     for name, box in zip("abc", boxes):
@@ -463,7 +463,7 @@ def test_names_that_move_from_console_to_console_do_not_mix_logs(station):
     wait_records(log_of(station, "d"), [b"is d\n"])
 
 
-# The word that is no number
+# A word in place of a number
 
 
 def test_flags_that_are_words_are_reported_at_each_load(station):

@@ -1,5 +1,5 @@
-"""Somebody else on the daemon's port: zevctl tells him neither the cookie nor a password, and
-does not keep all that he says."""
+"""Strangers on the daemon's port: zevctl tells them neither the cookie nor a password, and does not
+store everything that they send."""
 
 import contextlib
 import os
@@ -40,7 +40,7 @@ def belongs(address: str, port: int, user: int = STRANGER) -> str:
 
 
 def refused(port: int, message: str, *arguments: str, env: dict[str, str] | None = None) -> None:
-    """The client ends with the message, and a status of its own."""
+    """The client ends with this message and the status for a listener that is not the daemon."""
     done = zevctl.run(None, "--port", str(port), *arguments, "list", env=env)
     assert (done.returncode, done.stderr, done.stdout) == (zevctl.NOT_THE_DAEMON,
                                                            f"zevctl: {message}\n", "")
@@ -94,7 +94,7 @@ def test_completion_tells_nothing(port, tmp_path):
 
 
 def test_a_stranger_who_takes_over_during_a_watch_is_told_nothing(station, tmp_path):
-    """A watch goes on when the daemon comes back, and not with whoever is there meanwhile."""
+    """A watch continues when the daemon comes back, but not with a stranger in its place."""
     station.console("box", listening=False)
     station.start("-S", "1")
     with Terminal(station, "list", "--watch", columns=400) as screen:
@@ -114,7 +114,7 @@ def test_a_stranger_who_takes_over_during_a_watch_is_told_nothing(station, tmp_p
     ("::1", "::1"), ("0.0.0.0", "127.0.0.1"), ("::ffff:127.0.0.1", "127.0.0.1"),
     ("192.0.2.7", "192.0.2.7"), ("192.0.2.7", "::"), ("2001:db8::7", "2001:db8::7")])
 def test_nobody_is_asked_for_a_password_for_a_stranger(station, tmp_path, host, address):
-    """Whatever address of this machine it is."""
+    """This holds for every address of this machine."""
     for own in ("192.0.2.7/32", "2001:db8::7/128"):
         subprocess.run(["ip", "address", "add", own, "dev", "lo", *(["nodad"] * (":" in own))],
                        check=True)
@@ -131,7 +131,7 @@ def test_nobody_is_asked_for_a_password_for_a_stranger(station, tmp_path, host, 
 
 @pytest.fixture
 def machine():
-    """Another machine, a network of its own at the end of a cable: how to run things there."""
+    """Another machine: a network at the end of a cable; the words that run a command there."""
     ours = os.stat("/proc/self/ns/net").st_ino
     with subprocess.Popen(["unshare", "--net", "sleep", "infinity"]) as there:
         net = f"/proc/{there.pid}/ns/net"
@@ -149,7 +149,7 @@ def machine():
 
 
 def test_a_listener_on_another_machine_is_not_checked(station, tmp_path, machine):
-    """Whose listener it is over there, nobody can know."""
+    """Nobody can know from here who owns a listener there."""
     port = free_port()
     with Impostor(tmp_path, port, "198.51.100.2", before=machine), \
             Terminal(None, "--host", "198.51.100.2", "--port", str(port), "list") as person:
@@ -165,7 +165,7 @@ def test_without_netlink_other_machines_are_still_told_apart(station, tmp_path, 
 
 
 def test_a_daemon_without_a_login_is_used_with_a_warning(station, tmp_path):
-    """There is nothing to protect but what is typed at a console."""
+    """Nothing but what is typed at a console could be stolen."""
     port = free_port()
     answers = struct.pack("<II2sII", 2, 2, b"x", 1, 0)
     with Impostor(tmp_path, port, greeting=answers) as stranger:
@@ -176,7 +176,7 @@ def test_a_daemon_without_a_login_is_used_with_a_warning(station, tmp_path):
         assert stranger.told().startswith(b"@@@@ user=")
 
 
-# A daemon that says too much
+# A daemon that sends too much
 
 GARBLED = "zevctl: what answers at this address is no command port of zevd; see --host and --port\n"
 GREETING = struct.pack("<II2s", 2, 2, b"x")  # the answer to the probe
@@ -192,7 +192,7 @@ def test_more_records_than_a_station_can_have_are_refused(count, status, said):
 
 
 def test_a_refusal_without_an_end_is_given_up():
-    """The client leaves long before it has all of it."""
+    """The client disconnects long before it has all of it."""
     chunk, chunks = b"0" * 1_000_000, 100
     taken = []
     with socket.create_server(("127.0.0.1", 0)) as listener:
@@ -211,7 +211,7 @@ def test_a_refusal_without_an_end_is_given_up():
 
 
 def as_stranger(port: int, *arguments: str) -> pexpect.spawn:
-    """The client on a terminal, run by the stranger himself."""
+    """The client on a terminal, run as the stranger."""
     words = ["--reuid", str(STRANGER), "--regid", str(STRANGER), "--clear-groups", "--",
              str(zevctl.PROGRAM), "--port", str(port), *arguments, "list"]
     child = pexpect.spawn("setpriv", words, timeout=stretched(LIMIT), env=zevctl.environment(),
@@ -262,16 +262,16 @@ def test_a_tunnel_and_a_cookie_exclude_each_other(station):
 
 @pytest.fixture(scope="session")
 def netless(tmp_path_factory) -> Path:
-    """A library that hides from zevctl what it learns by, and holds it still while it connects."""
+    """A library that keeps zevctl from learning who listens, and holds it still as it connects."""
     return preload.build("netless", tmp_path_factory.mktemp("netless"))
 
 
 def hiding(library: Path, *what: str) -> dict[str, str]:
-    """The environment in which the system does not tell that."""
+    """The environment that hides this from zevctl."""
     return preload.environment(library, **dict.fromkeys(what, "1"))
 
 
-# Beside the daemon
+# On another address of the daemon's port
 
 
 @pytest.mark.parametrize("address", ["::", "::1"])
@@ -310,11 +310,11 @@ def test_without_the_tables_socket_diagnostics_are_used(port, tmp_path, netless)
         assert stranger.told() == b""
 
 
-# Between the two looks
+# Between the two checks
 
 
 class Gate:
-    """The client on its way to the port, held where it has looked once and begins to connect."""
+    """The client, held between its first check and the connection."""
 
     def __init__(self, port: int, library: Path, place: Path, *hidden: str) -> None:
         self._place = place
@@ -325,7 +325,7 @@ class Gate:
         wait_until((place / "reached").exists, what="the client to connect")
 
     def open(self) -> tuple[int, str]:
-        """Let it go on, to its end; its status and what it says."""
+        """Let it run to its end; return its status and what it says."""
         (self._place / "open").touch()
         _, said = self._client.communicate(timeout=stretched(LIMIT))
         return self._client.returncode, said.decode()
@@ -342,7 +342,7 @@ def test_a_stranger_who_slips_in_between_is_told_nothing(port, tmp_path, netless
 
 @pytest.mark.parametrize("first", [None, 0, STRANGER])
 def test_a_listener_that_has_changed_is_told_nothing(port, tmp_path, netless, first):
-    """Not even when it is root's: what was connected to may have been the one before."""
+    """Not even root's listener is: the connection may have gone to the one before it."""
     (tmp_path / "other").mkdir()
     before = Impostor(tmp_path / "other", port, uid=first) if first is not None else None
     gate = Gate(port, netless, tmp_path / "gate")
@@ -357,7 +357,7 @@ def test_a_listener_that_has_changed_is_told_nothing(port, tmp_path, netless, fi
 
 
 def test_nothing_is_sent_to_a_connection_without_a_listener(port, tmp_path):
-    """The port is led elsewhere by the machine itself, or the connection has met itself."""
+    """The machine may redirect the port, or the connection may have met itself."""
     with socket.create_server(("127.0.0.1", 0)) as elsewhere:
         subprocess.run(["sysctl", "-qw", f"net.ipv4.ip_local_port_range={port} {port}"], check=True)
         elsewhere.close()
@@ -367,9 +367,9 @@ def test_nothing_is_sent_to_a_connection_without_a_listener(port, tmp_path):
 
 # At the other end of the connection
 
-# Bound to the daemon's port before the daemon listens there, and later connecting to the port from
-# which the client will come. Meanwhile a listener is there whose queue is full, so that nothing
-# answers and nothing refuses. It tells each step in a line, and then what it was told.
+# Binds to the daemon's port before the daemon listens there, and later connects to the port from
+# which the client will come. Until then a listener with a full queue is there, which neither
+# answers nor refuses. It prints a line for each step, and then what it was told.
 MEETING = """
 import os, socket, sys
 port, client, other = map(int, sys.argv[1:])
@@ -399,8 +399,8 @@ except OSError:
 
 
 def meet(port: int, netless: Path, place: Path, *hidden: str) -> tuple[bytes, tuple[int, str]]:
-    """A stranger's socket and the client's connect to each other, though root listens; what the
-    stranger then has to tell, and how the client ends."""
+    """Have a stranger's socket and the client's connect to each other, though root listens; return
+    what the stranger prints, and how the client ends."""
     client = free_port()
     words = ["setpriv", "--pdeathsig", "KILL", f"--reuid={STRANGER}", f"--regid={STRANGER}",
              "--clear-groups", "--", "/usr/bin/python3", "-c", MEETING, str(port), str(client),
@@ -421,7 +421,7 @@ def meet(port: int, netless: Path, place: Path, *hidden: str) -> tuple[bytes, tu
 
 @pytest.mark.parametrize("hidden", [(), ("HIDE_NETLINK",)])
 def test_a_stranger_who_meets_the_connection_half_way(port, tmp_path, netless, hidden):
-    """Without a listener of his own. He has a second, until TCP repeats what was dropped."""
+    """The stranger has no listener, and one second until TCP repeats what was dropped."""
     for attempt in range(10):
         told, ended = meet(port, netless, tmp_path / f"gate{attempt}", *hidden)
         if told != b"missed\n":

@@ -1,4 +1,4 @@
-"""Attempts to get in, or to wear the station down, by way of its logins."""
+"""Attempts to get in, or to overload the station, through its logins."""
 
 import socket
 
@@ -20,7 +20,7 @@ from harness.scenes import held_still
 from harness.station import console_line
 from harness.waiting import LIMIT, stretched, wait_until
 
-# Tells how many of its kind run, and ends when the test opens the gate.
+# Records how many instances of it run, and ends when the test opens the gate.
 COUNTING = """#!/bin/sh
 cat > /dev/null
 : > {root}/running.$$
@@ -30,7 +30,7 @@ rm {root}/running.$$
 exit 1
 """
 
-# Accepts whatever it is given, once the gate is open.
+# Accepts any name and password, once the gate is open.
 ACCEPTING_LATE = """#!/bin/sh
 cat > /dev/null
 echo $$ > {root}/asked
@@ -59,7 +59,7 @@ def from_address(address: str, port: int) -> User:
 
 
 def test_a_login_at_the_helper_ends_with_its_port(door):
-    """The password is being checked, and right, when the port is taken away."""
+    """A right password is being checked when the port is dropped."""
     station = door.station
     door.helper.replace(ACCEPTING_LATE)
     user = door.call()
@@ -79,7 +79,7 @@ def test_a_login_at_the_helper_ends_with_its_port(door):
 
 
 def test_a_login_that_was_accepted_just_before_stays_outside_too(door):
-    """Whatever stage a login is at: the port's console is disabled, then its port is dropped."""
+    """This holds for every stage of a login: first the console is disabled, then its port goes."""
     station = door.station
     door.helper.replace(ACCEPTING_LATE)
     callers = [door.call() for _ in range(4)]
@@ -96,7 +96,7 @@ def test_a_login_that_was_accepted_just_before_stays_outside_too(door):
     assert "Connected user" not in station.log_text()
 
 
-# Helpers without number
+# The number of helpers
 
 
 def test_sixty_wrong_logins_start_eight_helpers(hall):
@@ -111,7 +111,7 @@ def test_sixty_wrong_logins_start_eight_helpers(hall):
     wait_until(lambda: all(caller.received.count(NAME) == 2 for caller in callers),
                3 * LIMIT, "sixty answers")
     peaks = [int(line) for line in (station.root / "peaks").read_text("ascii").split()]
-    # Each is asked about a password that nobody has: nobody here is admitted.
+    # One helper was asked for each of the sixty guesses, and none admits.
     assert len(peaks) == 60
     assert max(peaks) == 8
 
@@ -146,7 +146,7 @@ def test_a_helper_that_does_not_answer_is_ended_and_counts_as_a_refusal(door):
 
 
 def test_hanging_up_does_not_make_guessing_faster(door):
-    """The same name from the same address waits, on whatever connection."""
+    """The same name from the same address waits, on any connection."""
     helper = door.helper
     for number in range(3):
         user = door.call()
@@ -195,7 +195,7 @@ def test_a_helper_inherits_three_descriptors_and_two_variables(fortress):
 
 @pytest.mark.needs_namespace
 def test_a_blank_in_the_name_neither_avoids_the_pause_nor_tells_of_a_password(groups, door):
-    """The helper would take the rest of the name for the start of root's password."""
+    """The helper would take the rest of the name as the start of root's password."""
     groups.write("qoruser:x:64000:alice\n")
     door.helper.accept(b"root", b"correct horse")
     user = door.call()
@@ -206,7 +206,7 @@ def test_a_blank_in_the_name_neither_avoids_the_pause_nor_tells_of_a_password(gr
 
 
 def test_a_connection_that_is_reset_does_not_avoid_the_pause(hall):
-    """A guesser without an address would be nobody, whose guesses do not count."""
+    """Without an address the caller's guesses could not be counted."""
     for number in range(10):
         caller = hall.call()
         caller.send(b"root\r\nguess%d\r\n" % number)
@@ -220,7 +220,7 @@ def test_a_connection_that_is_reset_does_not_avoid_the_pause(hall):
 
 
 def test_callers_who_hung_up_do_not_keep_others_waiting(door):
-    """Their guesses were waiting for a turn; the owner of the name waits for one check at most."""
+    """Their guesses were waiting for their turn; the name's owner waits for one check at most."""
     station = door.station
     door.helper.replace(ACCEPTING_LATE.replace("exit 0", "exit 1"))
     first = door.call()

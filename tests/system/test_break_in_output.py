@@ -1,4 +1,4 @@
-"""What strangers chose, on an operator's screen: zevctl shows it and is not worked by it."""
+"""Strangers' text on an operator's screen: zevctl shows it, and it cannot control the terminal."""
 
 import json
 import socket
@@ -11,13 +11,13 @@ from harness.impostors import FakeDaemon, console_record
 from harness.waiting import wait_until
 from harness.zevctl import Terminal
 
-# A title, a screen cleared by eight-bit controls bare and in UTF-8, marks of the direction, the
-# ends of a line and a paragraph, and letters that are nobody's business.
+# A window title, a screen cleared by eight-bit controls, bare and in UTF-8, direction marks, line
+# and paragraph separators, and letters that are harmless.
 HOSTILE = (b"\x1b]0;x\x07\x9b2J\xc2\x9b2J\x7f"
            + "a\u202eb\u2066c\u2069d\u200fe\u061cf\u2028g\u2029h\u200eiü€😀".encode())
 SHOWN = "?]0;x??2J?2J?a?b?c?d?e?f?g?h?iü€😀"
 
-# The same as text, as JSON has it: what is no UTF-8 has become U+FFFD.
+# The same in JSON: bytes that are not UTF-8 have become U+FFFD.
 DATA = HOSTILE.decode(errors="replace")
 
 HARMFUL = [*range(0x20), *range(0x7F, 0xA0), 0x61C, 0x200E, 0x200F, *range(0x2028, 0x202F),
@@ -25,7 +25,7 @@ HARMFUL = [*range(0x20), *range(0x7F, 0xA0), 0x61C, 0x200E, 0x200F, *range(0x202
 
 
 def assert_harmless(shown: str) -> None:
-    """Nothing of it works a terminal, apart from the line ends and the client's own colours."""
+    """It holds no control but line ends and the client's own colours."""
     for colour in ("\x1b[32m", "\x1b[31m", "\x1b[33m", "\x1b[2m", "\x1b[0m"):
         shown = shown.replace(colour, "")
     assert not set(shown.replace("\r\n", "")) & {chr(code) for code in HARMFUL}, shown
@@ -120,7 +120,7 @@ def test_events_are_harmless_as_json(station):
 
 @pytest.fixture
 def log(station):
-    """A console's log with a hostile record; the record without its line end."""
+    """Writes a console's log with a hostile record; returns the record without its line end."""
     place = station.root / "logs" / "zev.dated" / "01-Nov-00:00"
     place.mkdir(parents=True)
     record = b"26/11/21_08:00:00 " + HOSTILE

@@ -1,5 +1,5 @@
-"""The programs themselves: no library is loaded that a stranger left lying about, and everything is
-built so that a bug is hard to misuse."""
+"""The programs themselves: they load no library that a stranger planted, and are built so that a
+bug is hard to exploit."""
 
 import os
 import re
@@ -16,7 +16,7 @@ BUILD = settings.build_directory()
 BIN = BUILD / "bin"
 CHECK = settings.REPOSITORY / "script" / "lib" / "check_hardening.py"
 
-# A planted library tells by a file that it was loaded.
+# A planted library makes a file when it is loaded.
 PLANTED = """
 #include <fcntl.h>
 #include <unistd.h>
@@ -27,14 +27,14 @@ PREFIXES = {"libtelnet.so.2": "telnet_", "libpam.so.0": "pam_"}
 
 
 def functions_of(program: Path, prefix: str) -> list[str]:
-    """The functions with this prefix that the program wants of a library."""
+    """The functions with this prefix that the program imports."""
     symbols = subprocess.run(["readelf", "--wide", "--dyn-syms", program], check=True,
                              capture_output=True, text=True).stdout
     return re.findall(rf" UND ({prefix}\w+)", symbols)
 
 
 def plant(library: str, program: Path, place: Path, trace: Path) -> None:
-    """Put a library of this name, with all that the program wants of it, into the place."""
+    """Put a library of this name, with all that the program imports from it, in this directory."""
     functions = functions_of(program, PREFIXES[library])
     assert functions
     source = place / "planted.c"
@@ -46,7 +46,7 @@ def plant(library: str, program: Path, place: Path, trace: Path) -> None:
 @pytest.mark.parametrize("program, library", [("zevctl", "libtelnet.so.2"),
                                               ("qor_pam_auth", "libpam.so.0")])
 def test_a_library_in_the_current_directory_is_not_loaded(tmp_path, program, library):
-    """Where the loader is told to look there, the planted one leaves its trace: the trap works."""
+    """Once the loader is told to look there, it loads the planted one: the trap works."""
     if not (BIN / program).exists():
         assert (BUILD.name, program) == ("tsan", "zevctl"), "only this build is without the client"
         return
@@ -60,7 +60,7 @@ def test_a_library_in_the_current_directory_is_not_loaded(tmp_path, program, lib
 
 
 def check(*arguments: str | Path) -> subprocess.CompletedProcess[str]:
-    """What script/build asks about the programs."""
+    """Run the check that script/build runs on the programs."""
     return subprocess.run([sys.executable, "-B", CHECK, *arguments], capture_output=True, text=True,
                           check=False)
 
@@ -72,7 +72,7 @@ def test_the_build_passes_the_check():
 
 
 def test_what_is_installed_has_no_run_path(tmp_path):
-    """The station's own libraries, in the system's path, take the place of the stand-ins."""
+    """The station's own libraries, in the system's path, replace the stand-ins."""
     trees = [tree for tree in (BUILD, BUILD / "release") if (tree / "CMakeCache.txt").exists()]
     subprocess.run(["cmake", "--install", trees[0], "--prefix", "/usr"], check=True,
                    env={**os.environ, "DESTDIR": str(tmp_path)}, capture_output=True)
@@ -130,7 +130,7 @@ def test_the_check_of_the_build_needs_something_to_check(tmp_path):
 
 
 def test_a_build_with_another_run_path_fails(tmp_path):
-    """script/build runs the check, and ends with its status."""
+    """script/build runs the check and ends with its status."""
     tree = tmp_path / "tree"
     (tree / "script" / "lib").mkdir(parents=True)
     shutil.copy(settings.REPOSITORY / "script" / "build", tree / "script")

@@ -1,5 +1,5 @@
-"""zevctl's question for a password: the terminal is given back whatever happens, and no copy of
-what was typed stays behind."""
+"""zevctl's question for a password: the terminal is restored whatever happens, and no copy of what
+was typed is left."""
 
 import os
 import signal
@@ -23,7 +23,7 @@ QUESTION = "Password: "
 
 @pytest.fixture
 def hall(station):
-    """A station that wants a login and has no cookie for us."""
+    """A station that wants a login, and no cookie."""
     station.helper = FakeHelper(station)
     station.helper.accept(b"root", PASSWORD.encode())
     station.box = station.console("box")
@@ -41,7 +41,7 @@ def shows_typing(child: pexpect.spawn) -> bool:
 
 
 def asked(person: Terminal) -> list:
-    """Bring somebody to the question; the terminal's modes from before it."""
+    """Go on to the question for the password; return the terminal's modes from before it."""
     person.expect(NAME_QUESTION)
     before = modes(person.child)
     person.type("\r")
@@ -51,7 +51,7 @@ def asked(person: Terminal) -> list:
 
 
 def ended_by(person: Terminal) -> int | None:
-    """The signal that ends the client."""
+    """Wait until the client ends; return the signal that ended it."""
     person.child.expect(pexpect.EOF, timeout=stretched(LIMIT))
     person.child.wait()
     return person.child.signalstatus
@@ -77,7 +77,7 @@ def test_a_key_restores_the_terminal(hall, key, number):
 
 
 def test_a_signal_that_was_ignored_from_the_start_is_ignored(hall):
-    """As behind nohup."""
+    """As under nohup."""
     program = f"trap '' HUP; exec {zevctl.PROGRAM} --port {hall.port} list"
     child = pexpect.spawn("sh", ["-c", program], timeout=stretched(LIMIT),
                           env=zevctl.environment())
@@ -101,7 +101,7 @@ def test_the_end_of_the_input_restores_the_terminal(hall):
 
 
 def test_a_stop_restores_the_terminal_and_the_question_comes_again(hall):
-    """Under a shell with job control, by the terminal's own key and back."""
+    """The client is stopped by its key and continued by a shell with job control."""
     child = pexpect.spawn("bash", ["--norc", "--noprofile", "-i"], timeout=stretched(LIMIT),
                           env=zevctl.environment(PS1="ready> ", TERM="dumb"), dimensions=(24, 200))
     child.delaybeforesend = None
@@ -127,7 +127,7 @@ def test_a_stop_restores_the_terminal_and_the_question_comes_again(hall):
 
 
 def test_the_typing_is_hidden_again_after_a_stop(hall):
-    """A stop that nobody can catch: the question comes again, and hides what is typed."""
+    """SIGSTOP cannot be caught: the question comes again, and hides what is typed."""
     with Terminal(hall, "list") as person:
         asked(person)
         os.kill(person.child.pid, signal.SIGSTOP)
@@ -153,8 +153,8 @@ def test_a_stop_without_a_shell_changes_nothing(hall):
         person.expect_end(zevctl.OK)
 
 
-# What is freed loses its first bytes to the allocator, so the end of a password is looked for. They
-# have names, as pytest would tell the client of the passwords in its environment.
+# The allocator overwrites the first bytes of freed memory, so the end of a password is looked for.
+# The cases have names, because pytest would put the passwords in the client's environment.
 LENGTHS = pytest.mark.parametrize("password", ["short 1", "0123456789abcdef" * 2 + "of some length",
                                                "0123456789abcdef" * 14 + "very long"],
                                   ids=["short", "longer", "long"])
@@ -167,7 +167,7 @@ def ends(person: Terminal, password: str) -> int:
 
 @LENGTHS
 def test_a_password_is_in_memory_once(hall, password):
-    """For further connections of this run; wherever else it was on its way is wiped."""
+    """It is kept for further connections of this run; every other copy is wiped."""
     hall.helper.accept(b"root", password.encode())
     with Terminal(hall, "attach", "box") as person:
         asked(person)

@@ -1,4 +1,4 @@
-"""Output that nobody takes: the daemon drops it, says how much it was, and stops for nothing."""
+"""Output that nobody reads: the daemon drops it, says how much it was, and never stops for it."""
 
 import contextlib
 import os
@@ -13,8 +13,8 @@ from harness.debuglog import STAMP, messages
 from harness.scenes import THREADS, attach_when_accessible, wrapped
 from harness.waiting import wait_until
 
-UNSEEN = -2  # the level of a station whose output the harness does not look into
-SOON = 2.0   # seconds in which SIGTERM has to end it
+UNSEEN = -2  # the level of a station whose output the harness does not read
+SOON = 2.0   # seconds within which SIGTERM must end it
 
 LOST = re.compile(rf"^ZEV {STAMP}: (\d+) messages were lost\n", re.MULTILINE)
 HEAD = re.compile(rf"ZEV {STAMP}:")
@@ -23,7 +23,7 @@ CTRL_Q, CTRL_S = b"\x11", b"\x13"
 
 
 class Reader:
-    """Whoever reads the daemon's output, or does not."""
+    """The reader of the daemon's output, who may stop reading."""
 
     def __init__(self, descriptor: int, path: os.PathLike | str) -> None:
         self.path = path
@@ -32,7 +32,7 @@ class Reader:
         os.set_blocking(descriptor, False)
 
     def take(self) -> bool:
-        """Read what is there now, up to a limit; true once anything has come."""
+        """Read what is there now, up to a limit; true once anything has ever come."""
         with contextlib.suppress(BlockingIOError):
             for _ in range(16):
                 self._taken += os.read(self._descriptor, 65536)
@@ -52,13 +52,13 @@ class Reader:
         os.write(self._descriptor, key)
 
     def leave(self) -> None:
-        """Go away while the daemon writes."""
+        """Close the pipe while the daemon writes."""
         nowhere = os.open(os.devnull, os.O_RDONLY | os.O_CLOEXEC)
         os.dup2(nowhere, self._descriptor, inheritable=False)
         os.close(nowhere)
 
     def close(self) -> None:
-        """Go away for good."""
+        """Close the descriptor at the end of the test."""
         os.close(self._descriptor)
 
 
@@ -86,7 +86,7 @@ def terminal(station):
 
 
 def start(station, level: int) -> None:
-    """Start it; the harness must not look for words in its output."""
+    """Start the daemon; the harness must not wait for its output."""
     station.start("-d", str(level))
     station.level = UNSEEN
     wait_until(lambda: station.threads() >= THREADS, what="all threads to be there")
@@ -114,13 +114,13 @@ def works(station, box) -> None:
 
 
 def ends_soon(station) -> None:
-    """SIGTERM ends it at once, whatever becomes of its last words."""
+    """SIGTERM ends it at once, even if its last messages are lost."""
     station.signal(signal.SIGTERM)
     station.expect_exit(1, limit=SOON)
 
 
 def refusals(station, count: int) -> None:
-    """Callers one after the other who ask for a console that is not there."""
+    """Have callers ask, one after another, for a console that does not exist."""
     threads = station.threads()
     for _ in range(count):
         with station.ask("nowhere") as caller:
@@ -174,7 +174,7 @@ def test_a_stopped_terminal_stops_nothing_and_resumes_with_whole_lines(station, 
 
 
 def test_a_terminal_that_stops_in_mid_output_stops_nothing(station, terminal):
-    """At level 3 there is always something on its way to it."""
+    """At level 3 some output is always on its way to the terminal."""
     box = station.console("box")
     start(station, 3)
     for _ in range(5):

@@ -24,7 +24,7 @@ SEND_FAILED = "SendCommandResponse: send() failed : "
 MANY = 10000
 ALL_RECORDS = 8 + MANY * 264
 
-# For other tools and hand-overs, while one tool holds up nobody but itself.
+# Other tools and new connections must be served in this time while one tool stalls.
 AT_ONCE = 0.8
 
 
@@ -39,7 +39,7 @@ def many(station) -> Station:
 
 
 def status_of(tool: Tool, name: str) -> tuple[str, str]:
-    """State and mode of one console as a tool sees them."""
+    """The state and mode of one console as a tool sees them."""
     (record,) = tool.command(f"console {name}").records
     return record[6], record[7]
 
@@ -153,7 +153,7 @@ def time_of_an_answer(tool: Tool) -> float:
 
 
 def longest_wait(tool: Tool, meanwhile: Future) -> float:
-    """Ask again and again while something goes on; the longest time that an answer took."""
+    """Ask again and again while something goes on; return the longest time to an answer."""
     times = []
     while not meanwhile.done():
         times.append(time_of_an_answer(tool))
@@ -461,7 +461,7 @@ def test_enable_of_an_unconnected_console_leaves_its_state(station):
     assert tool.command("disable dead").type == DONE
     assert status_of(tool, "dead") == ("5", "0")
     assert tool.command("enable dead").type == DONE
-    assert status_of(tool, "dead") == ("2", "0")  # until it is tried again, in a minute
+    assert status_of(tool, "dead") == ("2", "0")  # until the next attempt, in a minute
 
 
 def test_a_message_is_passed_on_as_it_is(station, box):
@@ -501,7 +501,7 @@ def test_a_message_to_a_console_that_is_not_connected_is_refused(station):
 
 @pytest.fixture
 def held(station):
-    """A Pellox console whose session somebody else holds, already refused."""
+    """A Pellox console that has refused the daemon, because another client holds its session."""
     station.write_models(PELLOX)
     console = station.console("px", greeting=refusal("10.1.1.1"), model="M100")
     station.start()

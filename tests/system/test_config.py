@@ -1,4 +1,4 @@
-"""The console configuration file: how lines are cut into fields, and what is said of bad ones."""
+"""The console configuration file: how lines are split into fields, and errors in them."""
 
 import re
 
@@ -16,7 +16,7 @@ SHOWN = ("name", "addr", "cons_port", "mgmt_port", "mapped_port", "logging", "ev
 
 @pytest.fixture
 def load(station):
-    """Starts the daemon on a configuration text; what it says of it, and the consoles it keeps."""
+    """Starts the daemon with a configuration; returns its complaints and the consoles it keeps."""
     def load_text(text: str) -> tuple[list[str], list[dict[str, str]]]:
         station.write_config(text)
         station.start("-d", "1")
@@ -29,7 +29,7 @@ def load(station):
 
 
 def printed_consoles(said: list[str]) -> list[dict[str, str]]:
-    """The list of inaccessible consoles as the daemon prints it."""
+    """The consoles in the daemon's printed list of inaccessible ones."""
     start = said.index("INACCESSIBLE CONSOLES:\n") + 1
     lines = said[start:said.index("ACCESSIBLE CONSOLES:\n")]
     size = len(SHOWN) + 1
@@ -44,12 +44,12 @@ def printed_consoles(said: list[str]) -> list[dict[str, str]]:
 
 
 def names(consoles: list[dict[str, str]]) -> list[str]:
-    """The consoles' names, in their order."""
+    """The consoles' names, in order."""
     return [console["name"] for console in consoles]
 
 
 def missing(field: str, line: int = 1) -> list[str]:
-    """The one message about a field that a line does not have."""
+    """The only message about a line that lacks this field."""
     return [f"LoadConfigFile: Missing {field} at line {line}\n"]
 
 
@@ -186,7 +186,7 @@ def test_the_first_missing_field_is_named(load, count):
 
 @pytest.mark.parametrize("count", range(1, 12))
 def test_the_newline_after_a_blank_is_a_field(load, count):
-    """A line that ends in a blank misses one field less: the newline stands for one."""
+    """A line that ends in a blank lacks one field less: the newline counts as one."""
     complaints, consoles = load(" ".join(FIELDS[:count]) + " \n")
     assert complaints == missing(MESSAGES[count])
     assert consoles == []
@@ -262,7 +262,7 @@ def test_an_event_file_at_the_end_of_its_line_carries_the_newline(load, event_fi
 
 def test_a_line_of_9000_characters_is_read_as_two(load):
     complaints, consoles = load("#" * 9000 + "\n" + "x" * 9000 + "\n" + FULL + "\n")
-    # The second piece of the first line is a comment by itself, that of the second a name.
+    # The second piece of the first line is a comment; that of the second is a name.
     assert complaints == missing("IP address", 3) + missing("IP address", 4)
     assert names(consoles) == ["c1"]
 
@@ -270,7 +270,7 @@ def test_a_line_of_9000_characters_is_read_as_two(load):
 def test_the_buffer_cuts_a_line_after_8191_characters(load):
     blanks = " " * (8191 - len(FULL) - 1)
     complaints, consoles = load(f"{blanks}{FULL}x\n{blanks}{FULL}xy\n")
-    # What is left of each line, its newline at least, counts as a line of its own.
+    # The rest of each line, at least its newline, counts as a line.
     assert complaints == missing("IP address", 4)
     assert names(consoles) == ["c1", "c1"]
 

@@ -1,4 +1,4 @@
-"""The daemon's calls to its consoles: when it calls, what it takes for an answer, what it keeps."""
+"""The daemon's calls to its consoles: when it calls, what counts as an answer, what it keeps."""
 
 import fcntl
 import re
@@ -25,7 +25,7 @@ REFUSED = "UpdateConnectionStatus: Connection to {} (127.0.0.1/{}) refused."
 
 @pytest.fixture
 def held_clock(tmp_path):
-    """A clock that goes when the test says so: a delay is not over before the test has acted."""
+    """A clock that only the test moves, so that no delay is over before the test has acted."""
     clock = ShiftedClock(tmp_path)
     clock.hold()
     return clock
@@ -37,13 +37,13 @@ def attempts(station, name: str, console) -> int:
 
 
 def wait_passes(station, name: str, passes: int = 20) -> None:
-    """Wait until the daemon has looked at the connection in progress that many times."""
+    """Wait until the daemon has checked the connection in progress this many times."""
     station.wait_log(re.compile(f'^CheckConnectionStatus: Checking status for "{name}" '),
                      count=passes, after=station.mark())
 
 
 def give_this_machine(address: str) -> None:
-    """Give the loopback device one more address."""
+    """Give the loopback device another address."""
     siocsifaddr = 0x8916
     request = struct.pack("16sHH4s8x", b"lo:1", socket.AF_INET, 0, socket.inet_aton(address))
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as any_socket:
@@ -51,7 +51,7 @@ def give_this_machine(address: str) -> None:
 
 
 def timer_of_connection_to(port: int) -> str:
-    """The kernel's timer for the connection that somebody here made to the port."""
+    """The kernel's timer for the connection from this machine to the port."""
     with open("/proc/self/net/tcp", encoding="ascii") as table:
         rows = [row.split() for row in table][1:]
     return next(row[5].partition(":")[0] for row in rows
@@ -389,7 +389,7 @@ def test_the_negotiation_is_kept_for_every_user_and_the_rest_is_output(station, 
 
 @pytest.mark.parametrize("sent, kept, output", [
     (b"", b"", b"text"),
-    (b"\xff\xf1", b"\xff\xf1", b"text"),                      # a command without an option
+    (b"\xff\xf1", b"\xff\xf1", b"text"),                      # a command without option
     (b"\xff\xfb\x03" * 21, b"\xff\xfb\x03" * 21, b"text"),    # 63 bytes
     (b"\xff\xfa\xff\xf0", b"\xff\xfa\xff\xf0", b"text"),
     (b"\xff\xfa\x18\x01\xff\xf0", b"\xff\xfa", b"\x18\x01\xff\xf0text"),
@@ -415,7 +415,7 @@ def test_64_bytes_of_negotiation_are_kept(station):
     station.wait_log(re.compile(rf"^ProcessConsoleOutput: Received ->.*<- \({len(rest)} bytes\)$"))
     user = station.ask("px")
     user.expect_exactly(sent[:64] + OFFERS)
-    # What did not fit begins with a high byte and met nobody, so it is lost.
+    # What did not fit begins with a high byte; without a user such a chunk is dropped.
     assert rest[0] >= 128
     px.send(b"end")
     user.expect_exactly(b"end")
@@ -435,7 +435,7 @@ def test_the_negotiation_is_that_of_the_current_connection(station):
     assert second.received == OFFERS
 
 
-# Nothing is used up
+# Resource use
 
 
 def test_a_thousand_lost_connections_leave_nothing_behind(station):

@@ -1,4 +1,4 @@
-"""The cookie file, and how the main port tells local tools from everybody else."""
+"""The cookie file, and how the main port distinguishes local tools from everybody else."""
 
 import os
 import re
@@ -35,7 +35,7 @@ def secured(station):
 
 @pytest.fixture
 def suite_group(station):
-    """Give the suite's directory a group of its own."""
+    """Gives the suite's directory a group of its own."""
     former = station.root.stat().st_gid
     os.chown(station.root, -1, GROUP)
     yield GROUP
@@ -86,7 +86,7 @@ def test_an_existing_file_that_others_may_read_is_reported(station, mode, said):
                                     "who then need no login.\n") == said
 
 
-# Tries what a generator gives that is seeded with the microseconds of a moment.
+# Tries every cookie of a generator that is seeded with the microseconds of the current time.
 GUESSER = """
 #include <stdlib.h>
 #include <string.h>
@@ -104,7 +104,7 @@ int main(int count, char **words) {
 
 
 def test_the_cookie_cannot_be_guessed_from_the_files_time(station, tmp_path):
-    """The file's time would tell which."""
+    """With such a generator the file's time would show which cookie it is."""
     guesser = tmp_path / "guesser"
     subprocess.run(["cc", "-O2", "-x", "c", "-", "-o", guesser], input=GUESSER, text=True,
                    check=True)
@@ -128,7 +128,7 @@ def test_every_start_makes_a_cookie_of_its_own(secured):
 
 
 def died(station, text: str, event: str, prefix: list[str] | None = None) -> None:
-    """The daemon does not run without its cookie: the text, the event, status 1."""
+    """The daemon cannot write its cookie: it says this text, posts this event, ends with 1."""
     words = [*(prefix or []), str(settings.daemon()), "-f", "-S", "1", "-d", "2",
              "-p", str(free_port())]
     done = subprocess.run(words, stdin=subprocess.DEVNULL, capture_output=True,
@@ -166,7 +166,7 @@ def test_an_end_for_want_of_a_cookie_is_posted_as_an_event(station):
 
 
 def test_a_file_that_cannot_be_written_ends_the_daemon(station):
-    """No file may be longer than 16 bytes, of which a cookie has 17 and its neighbours less."""
+    """No file may be longer than 16 bytes: the cookie needs 17, the other files fewer."""
     station.lock_file.touch()
     died(station, "GenerateCookie: fprintf() failed : File too large",
          "Terminated: Cannot write cookie file",
@@ -177,7 +177,7 @@ def test_a_file_that_cannot_be_written_ends_the_daemon(station):
 def test_a_file_that_cannot_be_given_to_the_group_ends_the_daemon(station):
     path = cookie_file(station)
     for other in (station.config / "qor.conf", station.lock_file):
-        other.touch()  # what exists keeps its group; the cookie file alone is new
+        other.touch()  # existing files keep their group; only the cookie file is new
     died(station, f"GenerateCookie: chown( {path}, ...) failed : Operation not permitted",
          "Terminated: Cannot chown cookie file",
          ["setpriv", "--bounding-set=-chown", "--inh-caps=-chown", "--"])
@@ -311,5 +311,5 @@ def test_a_caller_who_says_nothing_is_refused_after_fifteen_seconds(secured):
     silent.expect_closed()
     refused(slow, 3)
     secured.wait_log("DoAuthentication: Timed out waiting for input.")
-    # The limit was the login's: who is attached may be silent for as long as he likes.
+    # The limit was the login's: a user who is attached may be silent for as long as they like.
     assert echo_time(neighbour, secured.box, b"f", limit=1) < stretched(1)

@@ -1,4 +1,4 @@
-"""Debug lines: their form, who is named in them, what is collapsed, and the trace of the locks."""
+"""Debug lines: their form, the threads' names, collapsed repeats, and the trace of the locks."""
 
 import re
 from datetime import datetime, timedelta
@@ -22,7 +22,7 @@ def said_by(station, thread: str) -> list[str]:
 
 
 def unknown_event_file(name: str, count: int, event_file: str = "nosuchfile") -> str:
-    """Console lines that make the daemon say the same thing `count` times."""
+    """Console lines that make the daemon print the same message `count` times."""
     return console_line(name, 1, enable=0, event_file=event_file) * count
 
 
@@ -111,7 +111,7 @@ def test_only_the_creation_of_a_console_is_announced_at_level_1(station):
 
 
 def complaints_until(station, last: str) -> str:
-    """The output from the first complaint about the configuration to this one."""
+    """The output from the first complaint about the configuration to this last one."""
     end = station.wait_log(last).end
     text = station.log_text()[:end]
     return text[text.rindex("ZEV ", 0, text.index("LoadConfigFile: ")):]
@@ -214,7 +214,7 @@ def test_a_thread_that_finds_no_slot_is_unknown(station):
     by_thread = [sum(1 for text in said_by(station, thread) if serving.search(text))
                  for thread in ("serv_conn", "unknown")]
     assert sum(by_thread) == 60
-    # Of the 50 slots the main thread has two and each of the four other long-lived threads one.
+    # Of the 50 slots the main thread has two and each other long-lived thread has one.
     assert by_thread == [44, 16]
 
 
@@ -233,7 +233,7 @@ def test_every_function_announces_itself_at_level_3(station):
         user.expect_exactly(b"printed")
     console.close()
     station.wait_log("AddConsoleToList: Added console c1 to i_cons_list.", count=2)
-    station.wait_log("Entering IsUserInUserList")  # the last that is called for who has left
+    station.wait_log("Entering IsUserInUserList")  # the last call for a user who has left
     entered = set(re.findall(r">: Entering (\w+)$", station.log_text(), re.MULTILINE))
     assert ENTERED - entered == set()
 
@@ -276,7 +276,7 @@ ENTERED = {
 
 @pytest.fixture
 def traced(station):
-    """A station on which everything that takes a lock has happened at least once."""
+    """A station on which every step that takes a lock has happened at least once."""
     console = station.console("c1")
     station.start()
     console.accept()
@@ -311,21 +311,21 @@ def test_a_lock_is_requested_then_acquired_then_released(traced, thread):
 
 
 def lock_of(station, function: str, kind: str = "write") -> str:
-    """The lock that a function, which uses this one alone in this way, has acquired."""
+    """The lock that a function has acquired, where it acquires only one in this way."""
     pattern = re.compile(f"^{function}: Aquired {kind} lock ([0-9a-f]+)$")
     found = station.wait_log(pattern)
     return pattern.match(found.message)[1]
 
 
 def trace_of(station, function: str, after: int = 0) -> list[str]:
-    """What a function traces of its locks, without lines and the function's name."""
+    """A function's trace of its locks, without line numbers and the function's name."""
     texts = re.findall(rf">: {function}: ((?:Requesting|Aquired|Releasing) .*)$",
                        station.log_text(after), re.MULTILINE)
     return [re.sub(r" at line \d+$", "", text) for text in texts]
 
 
 def single(kind: str, lock: str) -> list[str]:
-    """The trace of one lock; the request says write, whatever is asked for."""
+    """The trace of one lock; the request always says "write"."""
     return [f"Requesting write lock {lock}", f"Aquired {kind} lock {lock}",
             f"Releasing lock {lock}"]
 
@@ -363,7 +363,7 @@ def test_one_pass_over_idle_users_reads_their_list_twice(station):
 
 def assert_taken_together(station, function: str, taken: tuple[str, str],
                           released: tuple[str, str]) -> None:
-    """The function has acquired both locks, in that order, and has given them back."""
+    """The function has acquired both locks in this order, and released them in that one."""
     wanted = [f"Requesting write lock {taken[0]}", f"Aquired write lock {taken[0]}",
               f"Requesting write lock {taken[1]}", f"Aquired write lock {taken[1]}",
               f"Releasing lock {released[0]}", f"Releasing lock {released[1]}"]

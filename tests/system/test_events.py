@@ -1,4 +1,4 @@
-"""Event files, matching, and the posting of events to an event manager that may fail in any way."""
+"""Event files, matching, and posting events to an event manager, which may fail in any way."""
 
 import contextlib
 import os
@@ -32,7 +32,7 @@ ANY_ERROR = "any 100 0 error\n"
 
 
 def write_events(station, name: str, text: str) -> None:
-    """Make an event file."""
+    """Write an event file."""
     (station.events / name).write_text(text, encoding="latin-1")
 
 
@@ -42,25 +42,25 @@ def watched(station, name: str = "box", event_file: str = "set", events: int = 1
 
 
 def event(name: str, priority: int, message: str) -> dict:
-    """What an event says besides where and when."""
+    """A console's event without host and time."""
     return {"name": f"qor.zevd.console.{name}", "priority": priority,
             "vars": {"name": name, "message": message}}
 
 
 def daemon_event(text: str, priority: int) -> dict:
-    """The same for an error of the daemon's."""
+    """A daemon error's event without host and time."""
     return {"name": f"qor.zevd.daemon.error.{text}", "priority": priority,
             "vars": {"message": text}}
 
 
 def said_by(found: list[dict]) -> list[dict]:
-    """Events without host and time."""
+    """The events found, without host and time."""
     return [{key: value for key, value in entry.items() if key not in ("host", "time")}
             for entry in found]
 
 
 def broken_link(station, name: str = "broken") -> list[str]:
-    """An event file that cannot be opened; the two messages that it leads to."""
+    """Makes an event file that cannot be opened; returns the two messages that it causes."""
     (station.events / name).symlink_to("nowhere")
     return [f'ParseRegExFile: fopen( "{station.events}/{name}", ...) failed : '
             "No such file or directory\n",
@@ -134,7 +134,7 @@ def test_a_block_without_a_line_end_is_matched(station, collector):
     ("a 1 0 other\nb 900 0 disk error\nc 2 0 error\n", b"disk error", 900),
     ("a 5 0  error\n", b"disk error", 5),     # the pattern begins with a space
     ("a 5 0  error\n", b"error", None),
-    ("a 5 0 error$\n", b"error", None),       # the line end comes before the end
+    ("a 5 0 error$\n", b"error", None),       # the line end comes before the end of the text
     ("a 5 0 error.$\n", b"error", 5),
     ("a 5 0 ^error\n", b"an error", None),
     ("a -5 0 (disk|fan)[0-9]{2}\n", b"fan17", -5),
@@ -253,7 +253,7 @@ def test_an_empty_directory_is_not_an_error(station, collector):
 
 
 def endless_entries(station) -> None:
-    """Entries of which some never end and some wait for a writer; they come before and after."""
+    """Add entries that never end or that wait for a writer, before and after the others."""
     for name in ("a-pipe", "z-pipe"):
         os.mkfifo(station.events / name)
     (station.events / "endless").symlink_to("/dev/zero")
@@ -376,7 +376,7 @@ def test_a_name_with_dashes_is_changed_for_good(station, collector):
     user.expect(b"seen")
     user.close()
     station.wait_log(removal("ann", "sys_a_1"))
-    # The log that is open stays the one.
+    # The log that is open keeps its name.
     print_and_wait(station, box, b" and on\n")
     wait_records(log_of(station, "sys-a-1"), [b"all is well\n", b"error\n", b"seen and on\n"])
 
@@ -493,7 +493,7 @@ def test_an_event_manager_that_stops_reading_stops_nothing(station, collector):
     flood.join(limit=30)
     wait_until(lambda: records(log_of(station, "box"))[-1:] == lines[-1:], 30, "the last line")
     assert records(log_of(station, "box")) == lines
-    # What could not be posted is gone; all else is whole, and what comes now arrives.
+    # Events that could not be posted are lost; all others are whole, and new ones arrive.
     collector.read_again()
 
     def heard_again() -> bool:
@@ -509,7 +509,7 @@ def test_an_event_manager_that_stops_reading_stops_nothing(station, collector):
 
 @contextlib.contextmanager
 def read_slowly(collector, pause: float = 0.03):
-    """An event manager that takes its time over every event; the number of those it has read."""
+    """Have the event manager pause after every event; yields the number of events read."""
     count = [0]
     stop = threading.Event()
     lines = collector.socket.makefile("rb", buffering=0)
@@ -565,7 +565,7 @@ def test_an_event_manager_that_dies_while_events_come_stops_nothing(station, col
     box.send(b"error at the end\n")
     wait_until(lambda: b"error at the end" in collector.received, what="the last event")
     lives.append(collector.events())
-    # Of what a manager takes with it, nothing is told to the next one: none twice, all in order.
+    # Events that a manager takes with it are not sent again: none comes twice, all are in order.
     arrived = [entry["vars"]["message"].encode() for events in lives for entry in events]
     assert all(lives) and arrived.pop() == b"error at the end\n"
     assert arrived == sorted(set(arrived)) and set(arrived) <= set(lines)

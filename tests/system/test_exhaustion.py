@@ -14,7 +14,7 @@ SEEN_COMING = "AcceptConnectionRequests: Running out of descriptors: "
 
 
 def call_until_refused(station, most: int) -> list[User]:
-    """Strangers who say nothing, until one is refused; those who were let in."""
+    """Make callers that send nothing until one is refused; return those that were let in."""
     let_in = []
     for _ in range(most):
         caller = station.caller()
@@ -71,7 +71,7 @@ def test_others_are_let_in_when_strangers_leave(cramped):
 
 
 def test_when_threads_run_out_strangers_are_refused(station):
-    """Each thread wants eight megabytes of address space for its stack."""
+    """Each thread needs eight megabytes of address space for its stack."""
     start_limited(station, "-v 500000")
     user = station.attach("box")
     let_in = call_until_refused(station, 200)

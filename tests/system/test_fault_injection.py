@@ -1,9 +1,9 @@
 """The n-th allocation fails, the n-th call of each kind fails, for every n: at start-up, while a
 user attaches, while the files are read again, while the logs rotate, and while a line is recorded.
 
-The tables say what may come of it, letter by letter. Whatever is not in them fails the test: words
-that are not expected, a daemon that ends without having said why, that hangs, that lost a
-descriptor, or that does not do all of its work afterwards.
+The tables hold the permitted results, letter by letter. Anything else fails the test: an unexpected
+message, or a daemon that ends without giving a reason, hangs, leaks a descriptor, or does not do
+all of its work afterwards.
 """
 
 import contextlib
@@ -26,7 +26,7 @@ from harness.waiting import free_port, is_listening, wait_until
 
 EXIT_TRACE = "Exiting with code 1 from file "
 
-# What it says without any fault: no event manager runs, and users leave while they are sent to.
+# Messages without any fault: no event manager runs, and users leave while output is sent to them.
 ALWAYS_SAID = (
     "ConnectToJix: JixConnCreate() failed : Cannot connect to the event manager",
     "SendConsoleOutputToUsers: send() from console \"*\" failed : Broken pipe",
@@ -36,22 +36,22 @@ ALWAYS_SAID = (
 )
 NO_MEMORY = "Cannot allocate memory"
 
-# Threads that go round and round make the same call in every pass: so many of them are tried.
+# A thread that loops makes the same call in every pass: this many passes are tried.
 PASSES = 3
 
 
 class After(enum.Enum):
     """What a message leads to."""
 
-    WORK = "the daemon does all of its work"
-    LOST = "what was on its way then is lost, and nothing else"
-    HELP = "something stays undone until the files are read again or new logs are begun"
+    WORK = "the daemon still does all of its work"
+    LOST = "data that was on its way is lost, and nothing else"
+    HELP = "something does not work until the files are read again or new logs are begun"
     END = "the daemon ends"
 
 
 @dataclass(frozen=True)
 class Says:
-    """What the daemon says of a failure. A * stands for anything, {e} for the system's word."""
+    """A message about a failure. A * stands for anything, {e} for the system's error text."""
 
     text: str
     after: After = After.WORK
@@ -59,38 +59,38 @@ class Says:
 
 
 def work(*said: str) -> tuple[Says, ...]:
-    """Messages after which nothing is missing."""
+    """Messages after which everything works."""
     return tuple(Says(text) for text in said)
 
 
 def lost(*said: str) -> tuple[Says, ...]:
-    """Messages that tell of something that is lost."""
+    """Messages about data that is lost."""
     return tuple(Says(text, After.LOST) for text in said)
 
 
 def help_needed(*said: str) -> tuple[Says, ...]:
-    """Messages that tell of something that does not work any more."""
+    """Messages about something that does not work any more."""
     return tuple(Says(text, After.HELP) for text in said)
 
 
 def end(text: str, also: str = EXIT_TRACE) -> tuple[Says, ...]:
-    """The last words of the daemon."""
+    """The message before the daemon ends."""
     return (Says(text, After.END, also),)
 
 
 def event(text: str, priority: int = 700) -> str:
-    """How the posting of a daemon error event shows in the debug output."""
+    """The debug line of a daemon error event."""
     return (f"PostJixEvent: template=qor.zevd.daemon.error message={text} -=- "
             f"priority={priority}\n")
 
 
 def no_memory(*functions: str, after: After = After.WORK) -> tuple[Says, ...]:
-    """What functions say when they get no memory."""
+    """The functions' messages when they get no memory."""
     return tuple(Says(f"{function}: malloc() failed : {NO_MEMORY}", after,
                       event("Out of memory")) for function in functions)
 
 
-# In place of a message: the call's result tells the daemon nothing that it has to speak of.
+# In place of a message: the failure needs no report.
 SILENT = (Says("", After.WORK),)
 
 TERMINATED = event("Terminated.............")
@@ -177,7 +177,7 @@ NO_INTERVAL = (end("GetZevdArchIntFromConfFile: fopen( \"*/qor.conf\", ...) fail
 
 
 def lock(call: str) -> tuple[Says, ...]:
-    """The lock file cannot be used: taken for the sign of another instance."""
+    """The lock file cannot be used, which is taken as a sign of another instance."""
     return end(f"Lock: {call} failed : {{e}}", ALREADY_RUNNING) + work(
         "GetHostFromLockFile: *() failed : *", "GetHostFromLockFile: fopen( \"*\", ...) failed : *")
 
@@ -205,7 +205,7 @@ CONSOLE_READ_ERROR = lost("ProcessConsoleOutput: recv() returned -1 : {e}")
 Row = tuple[Says, ...]
 Table = dict[str | tuple[str, Thread], Row]
 
-# Every thread waits for descriptors; that a wait fails ends the daemon.
+# Every thread waits for descriptors; a failure of that ends the daemon.
 WAITS: Table = {
     ("select", Thread.MAIN): end("CheckForConsoleOutput: select() failed : {e}", TERMINATED),
     ("select", Thread.USER_CONN): end("CheckForConnectionRequests: select() failed : {e}",
@@ -218,7 +218,7 @@ WAITS: Table = {
 
 
 def waits(*threads: Thread) -> Table:
-    """The rows of the threads that look at their descriptors again in every phase of a kind."""
+    """The rows of these threads, which wait again in every phase of this kind."""
     return {key: row for key, row in WAITS.items() if key[1] in threads}
 
 
@@ -283,15 +283,15 @@ NO_COOKIE = (
           event("Terminated: Cannot chmod cookie file"))
     + end("GenerateCookie: getrandom() failed : {e}", event("Terminated: Cannot draw cookie")))
 
-# What a start with security does besides; the calls that it has in common are tried here as well.
+# The further calls of a start with security, with those that it shares with a plain start.
 SECURE_START: Table = {
     call: START.get(call, ()) + NO_COOKIE
     for call in ("openat", "fdopen", "fprintf", "fclose", "fchown", "fchmod", "ftruncate", "stat",
                  "fstat", "getrandom")
 }
 
-# What a start in the background does besides. Whatever fails after daemon() and before zevd.log is
-# open is said to the null device, so there is nothing to read of it.
+# The further calls of a start in the background. After daemon() and before zevd.log is open,
+# messages go to the null device, so they cannot be read.
 DETACHED_START: Table = {
     "daemon": end("RunAsDaemon: daemon() failed : {e}"),
     "flock": (lock("flock()") + end("Unlock: flock() failed : {e}", "Unlock() failed.\n")
@@ -357,13 +357,13 @@ RELOAD: Table = {
     "fstatat": SILENT,
     "readlinkat": SILENT + LOG_LOST,
     "renameat2": LOG_NOT_RENAMED,
-    # Thread by thread: which of the two is first is a race, and the console's is told of once a
-    # minute only.
+    # Thread by thread: which of the two comes first is a race, and the console's failure is
+    # reported only once a minute.
     ("socket", Thread.USER_CONN): PORT_LOST,
     ("socket", Thread.CONS_CONN): NO_DESCRIPTOR,
     "bind": PORT_LOST,
     "listen": PORT_LOST,
-    # The main thread may still post what was printed before, of which a failure is told once only.
+    # The main thread may still post what was printed before; that failure is reported only once.
     ("connect", Thread.CONS_CONN): work("ConnectToConsole: connect() failed : {e}"),
     "setsockopt": SILENT,
     "fcntl": SILENT,
@@ -409,7 +409,7 @@ LINE: Table = {
 
 
 class Phase:
-    """Something that the daemon does, again and again, with another call failing each time."""
+    """Something that the daemon does again and again, with another failing call each time."""
 
     table: Table
     names = ("c0", "c1")
@@ -419,7 +419,7 @@ class Phase:
         self.descriptors = 0
 
     def configuration(self) -> str:
-        """What the configuration file holds when the daemon starts."""
+        """The configuration file when the daemon starts."""
         return self.line(0, "c0") + self.line(1, "c1")
 
     def line(self, number: int, name: str, **fields) -> str:
@@ -429,7 +429,7 @@ class Phase:
                             event_file="patterns", **fields)
 
     def prepare(self) -> None:
-        """Have a daemon that does its work; the one before if it still lives."""
+        """Start a daemon and see that it works, unless the previous one still runs."""
         subject = self.subject
         if subject.station.running:
             return
@@ -442,7 +442,7 @@ class Phase:
         self.descriptors = subject.station.descriptors()
 
     def go(self) -> None:
-        """Let the daemon do it, until it is done."""
+        """Have the daemon do it; wait until it is done."""
         raise NotImplementedError
 
     def afterwards(self) -> None:
@@ -450,7 +450,7 @@ class Phase:
         self.subject.settle(self.descriptors)
 
     def close(self) -> None:
-        """End what the phase has besides its subject."""
+        """Close what the phase has opened."""
 
 
 class StartUp(Phase):
@@ -473,7 +473,7 @@ class StartUp(Phase):
 
 
 class SecureStartUp(StartUp):
-    """The same with security on: a cookie is drawn."""
+    """The same with security on, which makes a cookie."""
 
     table = SECURE_START
     options = ("-S", "1")
@@ -499,7 +499,7 @@ class Caller:
         self.ended = False
 
     def has(self, wanted: bytes) -> bool:
-        """True when the bytes have come, or will not come any more."""
+        """True when the bytes have come, or can no longer come."""
         return self.is_over() or wanted in self.received
 
     def is_over(self) -> bool:
@@ -516,12 +516,12 @@ class Caller:
         return self.ended
 
     def say(self, text: bytes) -> None:
-        """Send the text, if anybody listens."""
+        """Send the text, unless the connection has ended."""
         with contextlib.suppress(OSError):
             self.socket.sendall(text)
 
     def leave(self) -> None:
-        """Say that nothing more will come."""
+        """End the stream towards the daemon."""
         with contextlib.suppress(OSError):
             self.socket.shutdown(socket.SHUT_WR)
 
@@ -554,9 +554,9 @@ class Attach(Phase):
         subject.until(subject.users_are_gone, "the user to be gone")
 
     def judge_answer(self, received: bytes, key: bytes) -> None:
-        """The daemon has closed the connection: it has sent an echo, a refusal, or no words."""
+        """The daemon has closed the connection, after an echo, a refusal, or no text."""
         words = received.removeprefix(OFFERS).replace(greeting("c0"), b"")
-        if OFFERS.startswith(words):  # only a daemon that ends cuts its offers short
+        if OFFERS.startswith(words):  # only a daemon that ends sends part of its offers
             self.subject.confirm(words == b"", "the rest of the offers")
         else:
             assert words in (key + b"\n", ERRORS[13], ERRORS[8])
@@ -580,7 +580,7 @@ class AttachByPort(Attach):
 
 
 class Reload(Phase):
-    """SIGHUP: a console has another name and another port, one is dropped, one is new."""
+    """SIGHUP: one console changes its name and port, one is dropped, one is new."""
 
     table = RELOAD
     names = ("c0", "c1", "dropped")
@@ -607,7 +607,7 @@ class Reload(Phase):
         super().prepare()
 
     def change(self, config: str, names: tuple[str, ...], opened: int, closed: int) -> None:
-        """Have the daemon take another configuration."""
+        """Have the daemon read another configuration."""
         subject = self.subject
         subject.station.write_config(config)
         subject.names = list(names)
@@ -643,7 +643,7 @@ class Line(Phase):
     def __init__(self, subject: FailingStation) -> None:
         super().__init__(subject)
         self.collector = Collector(subject.station)
-        self.earlier = b""  # from connections that the daemon has given up
+        self.earlier = b""  # from connections that the daemon has closed
 
     def arrived(self, line: bytes) -> bool:
         """True when the event of every console has come."""
@@ -668,7 +668,7 @@ class Line(Phase):
 
 
 def matching(row: Row, complaint: str, call: str) -> Says | None:
-    """What the row has to say of the complaint."""
+    """The row's entry for this complaint."""
     error = os.strerror(CODES[call])
     for says in row:
         if says.text and texts([says.text.replace("{e}", error)]).fullmatch(complaint):
@@ -691,7 +691,7 @@ class Injection:
         self.grave = texts(grave) if grave else None
 
     def every(self, first: int = 1, step: int = 1, most: int | None = None) -> None:
-        """Fail the call at every place that it has, until there is none left."""
+        """Fail the first call, then the second, and so on until there are no more."""
         nth = first
         while self.fail(nth) and nth != most:
             nth += step
@@ -699,7 +699,7 @@ class Injection:
         self.phase.close()
 
     def fail(self, nth: int) -> bool:
-        """Fail the n-th call and judge what comes of it; false when there was none."""
+        """Fail the n-th call and check the result; false when there was no such call."""
         subject, calls = self.subject, self.subject.calls
         self.phase.prepare()
         subject.mark()
@@ -717,7 +717,7 @@ class Injection:
         return calls.fired
 
     def endure(self) -> None:
-        """Go through the phase; see that the daemon works when it is over."""
+        """Go through the phase, then see that the daemon works."""
         subject = self.subject
         try:
             self.phase.go()
@@ -737,16 +737,16 @@ class Injection:
         self.phase.afterwards()
 
     def findings(self) -> list[Says | None]:
-        """What the row says of each complaint."""
+        """The row's entry for each complaint."""
         return [matching(self.row, complaint, self.call) for complaint in self.complaints()]
 
     def complaints(self) -> list[str]:
-        """What the daemon complained of, but for what it says without any fault."""
+        """The daemon's complaints, except those that come without any fault."""
         usual = texts(ALWAYS_SAID)
         return [said for said in self.subject.complaints if not usual.fullmatch(said)]
 
     def judge_end(self, nth: int) -> None:
-        """The daemon has ended: with status 1, and for a reason that it may have."""
+        """The daemon must have ended with status 1 and for a permitted reason."""
         subject = self.subject
         status = subject.station.process.returncode
         where = f"{self.call} {nth} of {self.thread.name}: {self.complaints()}"
@@ -760,7 +760,7 @@ class Injection:
         subject.station.process = None
 
     def judge_words(self, nth: int) -> None:
-        """Everything that the daemon complained of is in the table."""
+        """Every complaint must be in the table."""
         where = f"{self.call} {nth} of {self.thread.name}"
         complaints = self.complaints()
         for complaint, says in zip(complaints, self.findings()):
@@ -792,18 +792,18 @@ def subject(station, library, tmp_path) -> Iterator[FailingStation]:
 
 
 def calls_of(table: Table) -> list:
-    """The rows of a table as parameters, but for the allocations, which have tests of their own."""
+    """The rows of a table as parameters, except the allocations, which have their own tests."""
     rows = [key if isinstance(key, tuple) else (key, Thread.ANY) for key in table
             if key != ALLOCATION]
     return [pytest.param(*row, id=f"{row[0]}-{row[1].name.lower()}") for row in rows]
 
 
 def inject(phase: Phase, call: str, thread: Thread) -> None:
-    """Fail every call of a kind."""
+    """Fail every call of this kind, one at a time."""
     Injection(phase, call, thread).every(most=PASSES if (call, thread) in WAITS else None)
 
 
-PARTS = 4  # in which the many allocations of a phase are tried
+PARTS = 4  # the many allocations of a phase are tried in this many tests
 
 
 @pytest.mark.parametrize("first", range(1, PARTS + 1))

@@ -118,7 +118,7 @@ def test_a_connection_counts_until_the_listening_side_closes_it(fake_console):
     console = fake_console()
     assert connections_of(console.port) == 0
     with socket.create_connection(("127.0.0.1", console.port), 10):
-        assert connections_of(console.port) == 1  # not taken yet
+        assert connections_of(console.port) == 1  # not accepted yet
         console.accept()
     wait_until(lambda: console.closed, what="the caller to leave")
     assert connections_of(console.port) == 1
@@ -191,7 +191,7 @@ def test_a_console_that_stops_reading_stalls_the_sender_until_it_reads_again(fak
 
 
 def sender_can_send(sender: Peer) -> bool:
-    """Whether the kernel would take more of what the peer sends, asked for a little while."""
+    """True when the kernel takes more data from the peer within a tenth of a second."""
     return bool(select.select([], [sender.socket], [], 0.1)[1])
 
 

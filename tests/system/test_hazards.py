@@ -32,7 +32,7 @@ CROWD = 1100
 
 
 class Storm:
-    """Callers of a port who come, stay silent, speak, vanish and come again, in threads."""
+    """Threads of callers that connect to a port, send or stay silent, leave and come again."""
 
     WAYS = ("silent", "line", "half a line", "line and leave", "leave", "reset")
 
@@ -65,7 +65,7 @@ class Storm:
                     pass
 
     def end(self) -> None:
-        """Let the callers go home."""
+        """End the callers."""
         self._over.set()
         for thread in self._threads:
             thread.join(stretched(20))
@@ -73,14 +73,14 @@ class Storm:
 
 
 class Echo:
-    """A console that echoes what is typed, and two users of it who watch each other."""
+    """A console that echoes what is typed, and two users of it who see each other's keys."""
 
     def __init__(self, station: Station, console: FakeConsole) -> None:
         self.console = console
         self.users = [station.attach(console.name), station.attach(console.name)]
 
     def works(self) -> None:
-        """One of the users types; both see it, once and at once."""
+        """One of the users types; both see it at once, and only once."""
         self.users[0].send(b"key")
         self.console.expect_exactly(b"key", limit=5)
         self.console.send(b"key")
@@ -89,14 +89,14 @@ class Echo:
 
 
 def configuration(main_box: FakeConsole, box: FakeConsole, port: int) -> str:
-    """The two consoles of the storms, the second with this port."""
+    """The configuration with both consoles, the second with this port."""
     return (console_line("main", main_box.port)
             + console_line("box", box.port, mapped_port=port))
 
 
 @pytest.fixture
 def two_boxes(station):
-    """Consoles "main" and "box", the second with a port of its own; and that port."""
+    """Brings up the consoles "main" and "box"; returns them and the port of "box"."""
     port = free_port()
     main_box, box = station.console("main"), station.console("box", mapped_port=port)
 
@@ -164,7 +164,7 @@ def test_logins_at_every_stage_end_with_their_port(station, two_boxes):
 
 
 def test_a_cancelled_login_never_closes_the_descriptor_of_a_stranger(station, two_boxes):
-    """Its number is free for others the moment it is closed, and must not be closed again."""
+    """The number may be used again as soon as it is closed, so it must not be closed twice."""
     main_box, box, port = two_boxes()
     for number in range(1, 7):
         callers = pending(station, port, 5)
@@ -183,7 +183,7 @@ def test_a_cancelled_login_never_closes_the_descriptor_of_a_stranger(station, tw
 
 
 def slow_helper(station) -> tuple[Path, Path]:
-    """A password helper that accepts anybody, as soon as it may; the files of its state."""
+    """Installs a password helper that waits, then accepts anybody; returns its two state files."""
     directory = station.root / "bin"
     directory.mkdir()
     asked, may_answer = directory / "asked", directory / "may answer"
@@ -239,7 +239,7 @@ def test_a_dropped_port_does_not_wait_for_its_logins(station, two_boxes):
 
 
 def load(station: Station, box: FakeConsole, port: int) -> list[User]:
-    """Users at every stage, keys, output and a reload, all under way at once."""
+    """Start users at every stage, keys, output and a reload, all at the same time."""
     users = [attach_when_accessible(station, "box")]
     users += [station.ask("box", mode) for mode in ("ro", "sh", "sh")]
     users += [station.mapped(port), station.caller(port), station.caller()]
@@ -292,7 +292,7 @@ def test_more_than_one_sigterm_ends_it_once(station, count):
 
 @pytest.fixture
 def many_descriptors():
-    """Room for a crowd in this process, once the daemon has been started with the usual limit."""
+    """Raises this process's limit for a crowd, after the daemon was started with the usual one."""
     soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (1024, hard))
     yield lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
@@ -310,7 +310,7 @@ class Crowd:
             self.sockets.append(caller)
 
     def expect_exactly(self, data: bytes) -> None:
-        """Every one of them gets the data next."""
+        """The data is the next thing that each of them gets."""
         got = {caller.fileno(): b"" for caller in self.sockets}
         by_descriptor = {caller.fileno(): caller for caller in self.sockets}
         waiting = select.poll()

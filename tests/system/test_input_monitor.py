@@ -1,4 +1,4 @@
-"""What users type, how they leave, and what their leaving sets free."""
+"""What users type, how they leave, and what is freed when they leave."""
 
 import re
 
@@ -16,7 +16,7 @@ GONE = "DeleteMarkedConsoles: Console {} is being deleted."
 
 
 def remove_all_consoles(station) -> int:
-    """Take every console out of the configuration; the position from which that shows."""
+    """Take every console out of the configuration; return the position before that."""
     station.write_config("")
     position = station.mark()
     reload(station)
@@ -56,7 +56,7 @@ def test_a_backlog_of_input_is_taken_in_turns(station):
     station.start("-d", "1")
     connected(station, box, "box")
     first, second = station.attach("box", user="first"), station.attach("box", user="second")
-    second.send(b"|")  # a pass that was under way when the second attached knows of the first only
+    second.send(b"|")  # ends a pass that began when only the first was attached
     box.expect_exactly(b"|")
     with held_still(station):
         first.send(b"1" * 20000)
@@ -196,7 +196,7 @@ def test_typing_at_a_console_that_has_gone_ends_only_that_connection(station, wa
 
 
 def test_a_failed_send_to_the_console_drops_the_one_who_typed(station):
-    """Which thread meets the reset first is open, so it is tried until it is the one that sends."""
+    """Either thread may see the reset first, so this is repeated until the sending one does."""
     box = station.console("box")
     station.start()
     connected(station, box, "box")

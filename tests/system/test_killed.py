@@ -21,10 +21,10 @@ from harness.waiting import LIMIT, wait_until
 CONSOLES = 40
 LIVES = 6
 
-# What the logs have of a console's greeting.
+# A console's greeting, as it is logged.
 GREETING = b"ready\n"
 
-# A kill may end a write between two pages of a file, and there alone.
+# A kill may end a write only between two pages of a file.
 PAGE = os.sysconf("SC_PAGE_SIZE")
 
 _RECORD = re.compile(STAMP.encode() + rb" (?:(c\d+) )?([^\n]*\n)")
@@ -38,14 +38,14 @@ def farm():
 
 @pytest.fixture
 def quiet(station, farm):
-    """A console that users type at, beside those that print."""
+    """A console that users type at, in addition to those that print."""
     box = station.console("quiet", logging=0)
     station.write_config(farm.lines() + console_line("quiet", box.port, logging=0))
     return box
 
 
 def sizes(station) -> dict[Path, int]:
-    """How long the logs are."""
+    """The lengths of the logs."""
     return {path: path.stat().st_size for path in current(station).iterdir()}
 
 
@@ -63,7 +63,7 @@ def wait_logged(station, farm, amount: int) -> None:
 
 
 def users_are_served(station, quiet) -> None:
-    """Somebody watches what is printed, and somebody types."""
+    """One user sees what is printed, and another types."""
     watcher = attach_when_accessible(station, "c0", mode="ro", user="watcher")
     watcher.expect(b" the quick brown fox jumps ove\n")
     watcher.close()
@@ -80,7 +80,7 @@ def numbers_of(lines: list[bytes]) -> list[int]:
 
 
 def lines_of_life(path: Path, start: int, end: int) -> list[bytes]:
-    """What one daemon wrote to a log: records, of which only the last may have been cut short."""
+    """The lines that one daemon wrote to a log; only the last record may be cut short."""
     with open(path, "rb") as log:
         log.seek(start)
         written = log.read(end - start)
@@ -94,7 +94,7 @@ def lines_of_life(path: Path, start: int, end: int) -> list[bytes]:
 
 
 def check_lives(name: str, path: Path, ends: list[int]) -> None:
-    """Within a daemon's life no line is missing; the next one goes on behind it."""
+    """Within a daemon's life no line is missing; the next daemon's lines come later."""
     last = -1
     for start, end in zip([0, *ends], ends):
         greeting, *lines = lines_of_life(path, start, end)
@@ -139,7 +139,7 @@ def test_a_full_disk_under_load_loses_whole_records_only(station, farm, quiet):
         station.wait_log(f'WriteBuffer: write() failed for console "{name}" : '
                          "No space left on device", after=position, limit=2 * LIMIT)
     users_are_served(station, quiet)
-    # Room again, as when somebody has moved old logs away.
+    # Make room, as if old logs were moved away.
     subprocess.run(["mount", "-o", "remount,size=64m", station.logs], check=True)
     before = {name: log_of(station, name).stat().st_size for name in farm.names}
     wait_logged(station, farm, 1 << 16)
@@ -151,7 +151,7 @@ def test_a_full_disk_under_load_loses_whole_records_only(station, farm, quiet):
 
 
 def connected_quietly(station, farm, quiet) -> None:
-    """Wait until all consoles have been greeted, at a level that tells nothing of it."""
+    """Wait until every console's greeting is logged, at a level that does not report it."""
     quiet.accept()
     attach_when_accessible(station, "quiet").close()
     wait_until(lambda: all(GREETING in read(log_of(station, name)) for name in farm.names),
@@ -159,7 +159,7 @@ def connected_quietly(station, farm, quiet) -> None:
 
 
 def check_in_order(station, path: Path) -> None:
-    """Every record is whole, and each console's lines are in order: some may be missing."""
+    """Every record is whole and each console's lines are in order; some may be missing."""
     if path == consolidated(station):
         found = {}
         for name, line in consolidated_records(path):

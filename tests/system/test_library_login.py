@@ -1,4 +1,4 @@
-"""The login of the main port: people without a cookie, through the authentication library."""
+"""The login of the main port: users without a cookie, through the authentication library."""
 
 import re
 import time
@@ -20,7 +20,7 @@ from harness.waiting import LIMIT, stretched, wait_until
 
 @pytest.fixture
 def hall(station):
-    """A hall that root may enter, with the password "secret"."""
+    """A main port where root may log in with the password "secret"."""
     helper = FakeHelper(station)
     helper.accept(b"root", b"secret")
     box = station.console("box")
@@ -30,7 +30,7 @@ def hall(station):
 
 @pytest.fixture
 def club(groups, hall):
-    """A hall that alice may enter, who is in the group; bob may not, though he has a password."""
+    """A main port where alice may log in, as a member of the group; bob has only a password."""
     groups.write("qoruser:x:64000:carol,alice\n")
     hall.helper.accept(b"alice", b"two  words ")
     hall.helper.accept(b"bob", b"builder")
@@ -197,7 +197,7 @@ def test_no_shell_ever_sees_what_is_typed(hall, evil):
     marker = hall.station.root / "touched"
     evil = evil.replace(b"{}", str(marker).encode())
     user = hall.call()
-    name = evil.replace(b" ", b"${IFS}")  # a name with a blank does not come to the helper
+    name = evil.replace(b" ", b"${IFS}")  # a name with a blank is not passed to the helper
     fail(user, b"root", evil)
     fail(user, name, evil)
     first, second = hall.helper.pairs()
@@ -355,7 +355,7 @@ def test_no_password_is_in_the_output_or_in_memory(hall):
         with hall.station.caller() as other:
             other.send(sent)
             other.expect(PASSWORD)
-    # One typed where the name belongs, one at the very first, one whose last character is too much.
+    # One in place of the name, one in place of the first line, one that is left half typed.
     for sent in (b"box\nZq4-name-kPw\npw\n", b"Zq5-line-kPw\n", b"box\nZq6-half-a-name-kPw"):
         with hall.station.caller() as other:
             other.send(sent)

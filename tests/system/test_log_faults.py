@@ -1,4 +1,4 @@
-"""Logging under faults: a full disk, files that vanish, output that is no text, files replaced."""
+"""Logging under faults: a full disk, files that vanish or are replaced, and binary output."""
 
 import contextlib
 import os
@@ -28,14 +28,14 @@ NO_ROOM = 'WriteBuffer: write() failed for console "box" : No space left on devi
 
 @pytest.fixture
 def small_disk(station):
-    """The log directory is a file system of its own with little room; it goes with the root."""
+    """The log directory is a small file system of its own, which vanishes with the root."""
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=256k,nr_inodes=200,mode=0770", "tmpfs",
                     station.logs], check=True)
     return station.logs
 
 
 def fill(directory) -> None:
-    """Take all the room that is left."""
+    """Use all the space that is left."""
     with open(directory / "filler", "wb", buffering=0) as filler:
         try:
             while filler.write(b"x" * 4096):
@@ -45,7 +45,7 @@ def fill(directory) -> None:
 
 
 def fill_inodes(directory) -> None:
-    """Take all the room for further files and directories."""
+    """Use all the inodes that are left."""
     try:
         for number in range(1000):
             (directory / f"spare{number}").touch()
@@ -55,7 +55,7 @@ def fill_inodes(directory) -> None:
 
 
 def free(directory) -> None:
-    """Give the room back."""
+    """Free the space again."""
     (directory / "filler").unlink()
 
 
@@ -67,7 +67,7 @@ def test_a_full_disk_loses_only_the_records_written_meanwhile(station, small_dis
     box.send(b"before\n")
     wait_records(log_of(station, "box"), [b"before\n"])
     fill(small_disk)
-    # The rest of the log's last page can still be written.
+    # There is still room in the log's last page.
     lines = numbered(400).replace(b"\r", b"").splitlines(keepends=True)
     box.send(b"".join(lines))
     station.wait_log(NO_ROOM)
@@ -155,7 +155,7 @@ def test_a_disk_without_room_for_a_new_directory_only_stops_the_logs(station, sm
     position = station.mark()
     set_interval(station, 0)
     wait_awake(station, waker, ARCHIVING, after=position)
-    # The room of the old link may just do for the directory, and then there is none for the link.
+    # The old link's inode may suffice for the directory, and then none is left for the link.
     station.wait_log(re.compile(
         rf"^CreateSymlinkToCurrDir: (mkdir\( {station.logs}//zev\.dated/\S+, \.\.\.\)|symlink) "
         "failed : No space left on device$"), after=position)
@@ -211,7 +211,7 @@ def test_a_log_directory_that_is_gone_only_stops_the_logs(station):
     user.expect(b"served\n")
     user.close()
     station.wait_log(removal("ann"))
-    # The interval has passed still: the next pass makes what is missing.
+    # The interval is still over: the next pass makes what is missing.
     station.logs.mkdir()
     wait_until(lambda: waker.send(b".") or log_of(station, "box").exists(), what="the log")
     print_and_wait(station, box, b"kept\n")
@@ -240,7 +240,7 @@ def test_a_clock_that_jumps_back_an_hour_only_delays_the_next_directory(station,
     clock.shift(-3600)
     position = station.mark()
 
-    # Who is connected stays so, and others may come.
+    # Users stay connected, and others can attach.
     assert echo_time(user, box, b"k", limit=5) < 5
     late = station.attach("box", mode="ro", user="late")
     box.send(b"\nwatched\n")
@@ -258,12 +258,12 @@ def test_a_clock_that_jumps_back_an_hour_only_delays_the_next_directory(station,
     assert before - timedelta(hours=1) <= after[0] < after[-1] + timedelta(seconds=1) < before
     assert not box.closed and not box.called()
 
-    # A console that is lost is called again at once.
+    # A lost console is called again at once.
     box.close()
     box.accept()
     wait_records(log_of(station, "box"), [*lines, b"ready\n"])
 
-    # The directory is as old as its clock says: the next one is begun an hour later than due.
+    # The directory's age is that of its clock: the next one is begun an hour late.
     clock.shift(3000)
     wait_awake(station, waker, "Entering LogDirExpired", after=station.mark(), count=2)
     assert ARCHIVING not in station.log_text() and current(station).resolve() == directory
@@ -273,7 +273,7 @@ def test_a_clock_that_jumps_back_an_hour_only_delays_the_next_directory(station,
     assert records(directory / "box.log") == [*lines, b"ready\n"]
 
 
-# Output that is no text
+# Binary output
 
 
 def test_a_megabyte_without_a_line_end_is_logged_in_blocks(station):
@@ -295,11 +295,11 @@ def test_a_megabyte_without_a_line_end_is_logged_in_blocks(station):
 def test_binary_output_is_logged(station, suppress):
     seed = random.randrange(2**32)
     print(f"seed {seed}")
-    # A telnet command at the end of a chunk would take bytes with it or not, as chunks fall.
+    # No 255: at the end of a chunk it would remove bytes, depending on where chunks end.
     printed = bytes(random.Random(seed).choices(range(255), k=200_000))
     box = station.console("box")
     bring_up(station, box, options=("-d", "1", "-s", suppress))
-    user = station.attach("box")  # without a user, chunks are dropped that begin with a high byte
+    user = station.attach("box")  # without a user, chunks that begin with a high byte are dropped
     for path in (log_of(station, "box"), consolidated(station)):
         os.truncate(path, 0)
     dropped = b"\0\r" if suppress == "1" else b"\0"
@@ -323,7 +323,7 @@ def test_a_configuration_may_be_replaced_while_it_is_read(station):
     user = station.attach("box")
     versions = [[console_line("box", box.port), console_line("other", other.port)],
                 [console_line("other", other.port), console_line("box", box.port, events=1)]]
-    padding = "# a comment that takes its time to read\n" * 5000
+    padding = "# a comment that takes a while to read\n" * 5000
     spare = station.config / "zev.conf.new"
     position = station.mark()
     lines = []
@@ -344,7 +344,7 @@ def test_a_configuration_may_be_replaced_while_it_is_read(station):
 
 
 def test_a_configuration_may_be_rewritten_while_it_is_read(station):
-    """A reload may meet half a file or an empty one: consoles go and come, the daemon stays."""
+    """A reload may read half a file or an empty one: consoles go and come, the daemon stays."""
     box = station.console("box")
     bring_up(station, box, options=("-d", "1"))
     whole = "# more\n" * 2000 + console_line("box", box.port)
@@ -385,7 +385,7 @@ def test_event_files_may_come_and_go_while_they_are_read(station):
     assert not box.called()
 
 
-# A log that is somebody else's
+# A log of another user's
 
 
 def test_a_directory_in_place_of_a_log_is_reported(station):

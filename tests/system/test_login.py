@@ -21,7 +21,7 @@ from harness.waiting import free_port, stretched, wait_listening, wait_until
 
 SERVE = "ServiceConnectionRequestThreadStart"
 
-# The door
+# Set-up
 
 
 @pytest.fixture
@@ -32,7 +32,7 @@ def door(station):
 
 @pytest.fixture
 def member(groups, door):
-    """A door that alice may use, who is in the group; bob may not, though he has a password."""
+    """A port where alice may log in, as a member of the group; bob has only a password."""
     groups.write("qoruser:x:64000:carol,alice\n")
     door.helper.accept(b"alice", b"two  words ")
     door.helper.accept(b"bob", b"builder")
@@ -106,7 +106,7 @@ def test_only_the_exact_name_is_a_member(groups, door, members):
 
 @pytest.mark.needs_namespace
 def test_a_changing_group_database_does_not_change_who_is_admitted(groups, door):
-    """One line changes its name and its members all the time; the right one comes last."""
+    """One line keeps changing its name and members; the right one is the last."""
     groups.write("otherss:x:64000:mallory\n"
                  + "".join(f"filler{number}:x:{number}:m{number}\n"
                            for number in range(65000, 69000))
@@ -155,7 +155,7 @@ def test_a_group_database_truncated_during_a_login_does_no_harm(groups, door):
         for _ in range(5):
             with door.call() as user:
                 log_in(user, b"alice", b"pw")
-                # Whether she is listed just then is left to chance.
+                # Whether she is listed at that moment is left to chance.
                 wait_until(lambda: user.unread in (ERRORS[14], OFFERS + greeting("box")),
                            what="an answer")
     finally:
@@ -213,7 +213,7 @@ def test_a_console_that_is_gone_is_refused_before_the_welcome(door):
     door.station.wait_log(f'{SERVE}: Console "box" is inaccessible.', after=position)
 
 
-# Four tries
+# Four attempts
 
 
 def test_the_fourth_failure_ends_the_connection(door):
@@ -353,7 +353,7 @@ def test_a_nul_ends_what_is_kept(door):
 def test_no_shell_ever_sees_what_is_typed(door, evil):
     marker = door.station.root / "touched"
     evil = evil.replace(b"{}", os.fsencode(marker))
-    name = evil.replace(b" ", b"${IFS}")  # a name with a blank does not come to the helper
+    name = evil.replace(b" ", b"${IFS}")  # a name with a blank is not passed to the helper
     user = door.call()
     fail(user, name, evil)
     assert door.helper.pairs() == [name + b" " + evil]
@@ -462,7 +462,7 @@ def test_the_daemon_ends_at_once_while_a_helper_hangs(door):
 
 
 def test_a_starter_that_ignores_sigchld_does_not_hide_the_helpers_status(station):
-    """The signal's disposition is inherited, and without it no status is to be had."""
+    """The daemon inherits the disposition, with which a child's status would be lost."""
     helper = FakeHelper(station)
     helper.accept(b"root", b"secret")
     port = free_port()
@@ -502,7 +502,7 @@ def test_the_helper_inherits_no_connection_and_gets_no_argument(door):
     listed = (door.station.root / "listed").read_text(encoding="utf-8")
     opened = dict(line.split(" -> ") for line in listed.splitlines() if " -> " in line)
     numbers = {int(key.split()[-1]): target for key, target in opened.items()}
-    # Standard output is the list itself; one descriptor is that of the directory being listed.
+    # Standard output is the list itself; one more descriptor is the directory being listed.
     assert numbers.pop(0).startswith("pipe:")
     assert numbers.pop(1) == str(door.station.root / "listed")
     assert numbers.pop(2) == str(door.station.output.path)

@@ -1,4 +1,4 @@
-"""Console logs: the records byte for byte, what goes where, and that nothing is lost on the way."""
+"""Console logs: the records byte for byte, which log they go to, and that none is lost."""
 
 import os
 import re
@@ -26,7 +26,7 @@ def box(station):
 
 
 def without_cr(printed: bytes) -> list[bytes]:
-    """The records that whole lines become with carriage returns suppressed."""
+    """The records of whole lines when carriage returns are suppressed."""
     return printed.replace(b"\r", b"").splitlines(keepends=True)
 
 
@@ -73,7 +73,7 @@ def test_stamps_and_directories_are_in_local_time(station):
     ("0", [b"on\xff\xfb\x01e\n"], [b"on\xff\xfb\x01e\n"]),
     ("1", [b"a\xff\r\nb\n"], [b"ab\n"]),
     ("1", [b"a\xff\xff\xffb\xff\xf1cd\n"], [b"abd\n"]),
-    # What follows a 255 at the end of a chunk belongs to the next chunk.
+    # The bytes that a 255 at the end of a chunk refers to are in the next chunk.
     ("1", [b"one\xff", b"two\n"], [b"onetwo\n"]),
     ("1", [b"one\xff\xfb", b"two\n"], [b"onetwo\n"]),
     ("0", [b"one\xff", b"two\n"], [b"one\xfftwo\n"]),
@@ -149,7 +149,7 @@ def test_a_console_that_is_taken_over_is_logged_again(station, box):
     first.expect(b"hidden\n")
     second = station.attach("box", mode="sh", user="second")
     first.expect(b"Your session has been terminated by second@")
-    # Until the first one's record has gone he still counts as attached.
+    # Until the first user's record is removed, that user still counts as attached.
     station.wait_log(removal("first"))
     box.send(b"logged\n")
     second.expect(b"logged\n")

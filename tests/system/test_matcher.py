@@ -1,4 +1,4 @@
-"""Event sets with patterns that the system's matcher cannot bear: what they cost, and whom."""
+"""Event sets with patterns that are too hard for the system's matcher, and their effects."""
 
 import os
 import re
@@ -21,13 +21,13 @@ from harness.station import Station, console_line
 from harness.waiting import LIMIT, stretched, wait_until
 
 ENDLESS = r"(a*)*\1b"  # takes minutes for a line of 1 KB
-DEEP = r"(x|)(\1\1|t1)+"  # takes all of the stack for any line
+DEEP = r"(x|)(\1\1|t1)+"  # uses up the stack on any line
 LONG_LINE = b"a" * 1000 + b"\n"
 BOMB = "((a{1,255}){1,255}){1,255}"
 
 
 def write_events(station: Station, *lines: str, name: str = "set") -> None:
-    """Make an event file."""
+    """Write an event file."""
     (station.events / name).write_text("".join(f"{line}\n" for line in lines), encoding="latin-1")
 
 
@@ -37,12 +37,12 @@ def watched(station: Station, name: str = "box", event_file: str = "set"):
 
 
 def said_by(found: list[dict]) -> list[tuple]:
-    """Name, priority and line of events."""
+    """The name, priority and line of each event."""
     return [(entry["name"], entry["priority"], entry["vars"]["message"]) for entry in found]
 
 
 def event(name: str, priority: int, line: str) -> tuple:
-    """What `said_by` gives for a console's event."""
+    """A console's event as `said_by` gives it."""
     return (f"qor.zevd.console.{name}", priority, line)
 
 
@@ -64,7 +64,7 @@ def gone(pid: int) -> bool:
 
 
 def left_out(pattern: str, what: str) -> str:
-    """The message about a pattern that the matcher could not bear."""
+    """The message about a pattern that was too hard for the matcher."""
     return f'Matcher: Pattern "{pattern}" {what} and is left out until the next reload.'
 
 
@@ -73,7 +73,7 @@ TOO_LONG = "took too long on a line"
 
 def matching(station: Station, *patterns: str, name: str = "box",
              beside: tuple[FakeConsole, ...] = (), level: int = 0) -> FakeConsole:
-    """Bring up a console whose output is matched against these patterns, and others beside it."""
+    """Bring up a console whose output is matched against these patterns, and the other ones."""
     write_events(station, *patterns)
     box = watched(station, name)
     bring_up(station, box, *beside, options=("-d", str(level)))
@@ -126,7 +126,7 @@ def test_an_invalid_expression_is_reported_with_its_reason(station):
 
 
 def test_an_answer_does_not_wait_for_the_next_output(station, collector):
-    """The daemon's waits last up to two seconds; twenty answers would take half a minute."""
+    """The daemon waits for up to two seconds at a time; so twenty answers would take long."""
     box = matching(station, r"a 1 0 (r)\1", level=1)
     box.send(b"error\n")
     collector.accept().wait_events(1)
@@ -181,7 +181,7 @@ def test_a_name_with_dashes_is_changed_by_its_event(station, collector):
 
 
 def test_an_event_outlives_its_console(station, collector, waker):
-    """The console is gone when the answer comes; the event has its name."""
+    """The console is gone when the answer comes; the event still has its name."""
     box = matching(station, r"a 1 0 (r)\1", name="sys-a-1", beside=(waker,), level=3)
     matcher = matcher_of(station)
     os.kill(matcher, signal.SIGSTOP)
@@ -194,11 +194,11 @@ def test_an_event_outlives_its_console(station, collector, waker):
     assert said_by(collector.accept().wait_events(1)) == [event("sys_a_1", 1, "error\n")]
 
 
-# What it cannot bear
+# Patterns that are too hard
 
 
 def test_an_endless_pattern_is_left_out_after_one_line(station, collector):
-    """Everybody else's keys come back meanwhile; the set's other patterns go on."""
+    """Meanwhile other users' keys are echoed, and then the set's other patterns match."""
     box, other, user = matching_beside_a_user(
         station, f"a 1 0 {ENDLESS}", r"b 2 0 (er)\1", "c 3 0 error", level=1)
     box.send(LONG_LINE + b"an error\nan erer\n")
@@ -278,7 +278,7 @@ def test_lines_beyond_the_queue_are_counted(station, collector):
 
 
 def test_the_station_goes_on_while_nobody_matches(station):
-    """Megabytes for a matcher that stands still: users and logs notice nothing."""
+    """Megabytes of output for a stopped matcher do not affect users and logs."""
     box, other, user = matching_beside_a_user(station, r"a 1 0 (r)\1")
     matcher = matcher_of(station)
     os.kill(matcher, signal.SIGSTOP)
@@ -303,7 +303,7 @@ def test_a_matcher_that_was_killed_is_replaced(station, collector):
 
 
 def test_waiting_lines_outlive_the_matcher(station, collector):
-    """All but the one that it was at, which may have been the reason for its end."""
+    """All lines but the one in work, which may have ended the matcher."""
     box = matching(station, r"a 1 0 (r)\1")
     lines = [b"error %d\n" % number for number in range(4)]
     box.send(lines[0])
@@ -340,7 +340,7 @@ def test_nothing_of_it_outlives_the_daemon(station, number):
     else:
         station.signal(number)
         station.expect_exit(-number)
-    # Whose parent has ended is the test's own child, and nobody's who would wait for it.
+    # Processes without a parent become children of the test, which does not wait for them here.
     wait_until(lambda: all(gone(pid) or _is_zombie(pid) for pid in (matcher, worker)),
                what="the matcher to end")
 
@@ -375,7 +375,7 @@ def test_it_starts_when_a_reload_brings_a_set_that_needs_it(station, collector, 
 
 
 def test_it_has_nothing_but_its_socket(station):
-    """No console, no log, no cookie; no signal held back, no right, no environment."""
+    """No console, no log, no cookie; no blocked signal, no capability, no environment."""
     matching(station, r"a 1 0 (r)\1")
     matcher = matcher_of(station)
     worker = worker_of(matcher)
@@ -415,7 +415,7 @@ def test_a_hangup_sent_to_every_process_does_not_end_it(station, collector, wake
 
 
 def test_a_matcher_that_cannot_start_is_reported_once_and_tried_again(station, collector):
-    """There is no descriptor for its socket: consoles, logs and other sets go on."""
+    """There is no descriptor for its socket; consoles, logs and other sets work on."""
     write_events(station, r"a 1 0 (r)\1")
     write_events(station, "b 2 0 error", name="plain")
     box, other = watched(station), watched(station, "other", "plain")
@@ -442,7 +442,7 @@ def test_a_matcher_that_cannot_start_is_reported_once_and_tried_again(station, c
 
 @pytest.mark.parametrize("name", ["zevd-matcher", "./zevd-matcher", "/usr/sbin/zevd-matcher"])
 def test_its_name_alone_does_not_start_it(station, name):
-    """Without the daemon's socket the program is what it always is."""
+    """Without the daemon's socket the program is the ordinary daemon."""
     assert station.run("-V", argv0=name).stdout.startswith("QOR version ")
     station.start()
     assert "already running" in station.run(argv0=name).stderr

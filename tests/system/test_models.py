@@ -1,4 +1,4 @@
-"""The models file, as far as it shows: a Pellox console has a time of grace when it connects."""
+"""The models file and its visible effect: a Pellox console has a grace period on connecting."""
 
 import re
 
@@ -11,7 +11,7 @@ LIMIT = 20
 
 @pytest.fixture
 def pellox_models(station):
-    """Tells which of the models are taken for Pellox ones, given a models file."""
+    """Finds out which of the models count as Pellox ones, given a models file."""
     def ask(text: str | None, *models: str) -> set[str]:
         if text is None:
             station.models_file.unlink()
@@ -28,9 +28,9 @@ def pellox_models(station):
 
 
 def has_grace(station, name: str) -> bool:
-    """Whether the console had to stay established for two seconds before it counted.
+    """True when the console had to stay established for two seconds before it counted.
 
-    One that need not is connected at the first look that finds it established.
+    Any other console is connected at the first check that finds it established.
     """
     connected = station.wait_log(
         re.compile(rf"^UpdateConnectionStatus: Connected to {name} \("), limit=LIMIT)
@@ -52,7 +52,7 @@ def seconds(stamp: str) -> int:
 
 
 def load_messages(station) -> list[str]:
-    """What was said about the models file."""
+    """The messages about the models file."""
     return [message for message in messages(station.log_text())
             if message.startswith("LoadModels: ")]
 

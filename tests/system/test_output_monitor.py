@@ -1,4 +1,4 @@
-"""What becomes of a console's output: the replay, what nobody shall see, ends and reloads."""
+"""The handling of consoles' output: the replay, hidden text, connections that end, reloads."""
 
 import re
 import signal
@@ -34,7 +34,7 @@ SHOWN = [
 
 
 def replayed(station, box) -> bytes:
-    """What a new user is shown of what the console has printed."""
+    """The part of the console's earlier output that a new user gets."""
     user = station.attach("box", mode="ro")
     box.send(b"<mark>")
     shown = user.expect(b"<mark>")
@@ -114,7 +114,7 @@ def test_what_attached_users_have_seen_is_replayed_to_others(station):
     station.ask("box").expect_exactly(OFFERS + b"seen")
 
 
-# Telnet commands with nobody there
+# Telnet commands without a user
 
 
 @pytest.mark.parametrize("chunk", [b"\xff\xfb\x01 and text", b"\x80", b"\xc3\xa9t\xc3\xa9"])
@@ -174,11 +174,11 @@ def test_a_long_notice_is_hidden_too(station):
     with held_still(station):
         box.send(notice + b"y" * (1024 - len(notice)) + b"z" * 50)
     box.send(b"after")
-    # Only the chunk that holds the notice is dropped: the kernel hands on 1024 bytes at a time.
+    # Only the chunk that holds the notice is dropped: output is read 1024 bytes at a time.
     user.expect_exactly(b"z" * 50 + b"after")
 
 
-# Ends
+# Consoles that go away
 
 
 def test_last_words_reach_the_users_before_the_end(station):
@@ -252,7 +252,7 @@ def test_messages_to_users_are_logged_with_names_and_addresses(station):
                                 f'"ann@1.2.3.4": {chr(7) * 5}'), thread="main")
 
 
-# Users who do not take what they are sent
+# Users who do not read
 
 SEND_FAILED = 'SendConsoleOutputToUsers: send() from console "box" failed : {}'
 
@@ -276,13 +276,13 @@ def test_a_user_who_takes_nothing_is_dropped_and_the_others_miss_nothing(station
 
 
 def test_a_failed_send_also_disconnects_the_users_after_it(station):
-    """What one send gave back is the length of the next, and there is none of -1."""
+    """The result of one send is the length of the next, and a length of -1 fails."""
     box = box_of(station)
     stays = station.attach("box", user="stays")
     failed = re.compile("^" + re.escape(SEND_FAILED.format("")) +
                         "(Broken pipe|Connection reset by peer)$")
     users = [station.attach("box", user=f"u{number}") for number in range(3)]
-    with user_monitor_frozen(station):  # or it might be the first to notice
+    with user_monitor_frozen(station):  # otherwise it might notice first
         position = station.mark()
         users[0].reset()
         box.send(b"printed")

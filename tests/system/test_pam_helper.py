@@ -37,7 +37,7 @@ EXIT_STOP = 6 << 8 | 5  # PTRACE_EVENT_EXIT with SIGTRAP
 
 
 def hashed(password: bytes) -> str:
-    """The password as it stands in the shadow file."""
+    """The password as it is stored in the shadow file."""
     crypt = ctypes.CDLL("libcrypt.so.1").crypt
     crypt.restype = ctypes.c_char_p
     return crypt(password, b"$6$rounds=1000$pepper$").decode()
@@ -53,7 +53,7 @@ class Accounts:
 
     def add(self, name: str, password: str, changed: str = "19000", rest: str = "0:99999:7:::"
             ) -> None:
-        """Add an account; `password` as it stands in the shadow file."""
+        """Add an account; `password` is what the shadow file is to hold."""
         uid = UID + self._count
         self._count += 1
         with open(self._passwd, "a", encoding="utf-8") as passwd:
@@ -62,7 +62,7 @@ class Accounts:
             shadow.write(f"{name}:{password}:{changed}:{rest}\n")
 
     def set_root(self, password: str) -> None:
-        """Give root another password."""
+        """Set root's password."""
         lines = self._shadow.read_text(encoding="utf-8").splitlines()
         self._shadow.write_text("".join(
             f"root:{password}:19000:0:99999:7:::\n" if line.startswith("root:") else f"{line}\n"
@@ -83,7 +83,7 @@ def accounts(station, tmp_path):
 
 
 def begin(pair: bytes) -> subprocess.Popen:
-    """Start a check of what is sent."""
+    """Start a check of this input."""
     process = subprocess.Popen([HELPER], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                stderr=subprocess.PIPE)
     with contextlib.suppress(BrokenPipeError):
@@ -94,18 +94,18 @@ def begin(pair: bytes) -> subprocess.Popen:
 
 
 def ended(process: subprocess.Popen) -> int:
-    """The status of a check, which has printed nothing."""
+    """The exit status of a check, which must have printed nothing."""
     output, errors = process.communicate(timeout=stretched(2 * LIMIT))
     assert (output, errors) == (b"", b"")
     return process.returncode
 
 
 def check_all(*pairs: bytes) -> list[int]:
-    """The statuses of checks that run at the same time: PAM delays each failure."""
+    """The statuses of checks that run at the same time, because PAM delays each failure."""
     return [ended(process) for process in [begin(pair) for pair in pairs]]
 
 
-# The pair
+# Name and password
 
 
 @pytest.mark.usefixtures("accounts")
@@ -155,7 +155,7 @@ def test_the_pair_may_come_in_pieces():
 
 @pytest.mark.usefixtures("accounts")
 def test_a_check_ends_on_sigterm_whatever_it_inherits():
-    """A daemon blocks signals, and passes that on."""
+    """The daemon blocks signals, and its children inherit that."""
     def block() -> None:
         signal.pthread_sigmask(signal.SIG_BLOCK, signal.valid_signals())
         signal.signal(signal.SIGCHLD, signal.SIG_IGN)
@@ -197,7 +197,7 @@ def test_the_state_of_the_account_is_checked(accounts):
 
 
 def test_without_its_service_file_nobody_is_accepted(accounts, tmp_path):
-    """PAM then takes the service "other", which on this machine may admit: so it is emptied."""
+    """PAM then uses the service "other", which may admit users here; so it is replaced."""
     assert accounts
     services = tmp_path / "pam.d"
     (services / "qor").unlink()
@@ -209,7 +209,7 @@ def test_without_its_service_file_nobody_is_accepted(accounts, tmp_path):
 # What it leaves behind
 
 
-# The names of the tests stand in the environment, which is searched, too.
+# The cases have names, because pytest puts them in the environment, which is searched, too.
 @pytest.mark.parametrize("password, status", [(b"Zq-right-kPw", 0), (b"Zq-wrong-kPw", 1)],
                          ids=["right", "wrong"])
 def test_the_pair_is_wiped_before_the_end(accounts, password, status):
@@ -233,7 +233,7 @@ def test_the_pair_is_wiped_before_the_end(accounts, password, status):
 
 
 def own_memory(pid: int) -> bytes:
-    """What the program's own mappings hold: code, constants and variables."""
+    """The contents of the program's own mappings: code, constants and variables."""
     content = b""
     with open(f"/proc/{pid}/maps", encoding="utf-8") as maps, \
             open(f"/proc/{pid}/mem", "rb", buffering=0) as memory:
@@ -251,7 +251,7 @@ def own_memory(pid: int) -> bytes:
 
 @pytest.fixture
 def door(station, groups, accounts):
-    """A station with the real helper: alice is listed, bob's primary group is the right one."""
+    """A station with the real helper: alice is listed, bob has the group as his primary group."""
     accounts.add("bob", hashed(b"builder"))
     accounts.set_root(hashed(b"toor"))
     groups.write(f"qoruser:x:{UID}:carol,alice\n")

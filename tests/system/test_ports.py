@@ -18,7 +18,7 @@ MAX_PENDING = 5
 
 @pytest.fixture
 def occupied():
-    """Occupies a port for as long as wanted, as another program on the machine would."""
+    """Occupies ports, as another program on the machine would, until the test ends."""
     with contextlib.ExitStack() as sockets:
         def occupy(port: int) -> socket.socket:
             holder = sockets.enter_context(socket.socket(socket.AF_INET, socket.SOCK_STREAM))
@@ -31,7 +31,7 @@ def occupied():
 
 @pytest.fixture
 def mapped(station):
-    """A station with one console, its own port open, and nobody there yet."""
+    """A station whose console "box" has its own port open, without users."""
     port = free_port()
     box = station.console("box", mapped_port=port)
     ticker = station.console("ticker")
@@ -48,7 +48,7 @@ def remap(station, port: int) -> None:
 
 
 def attached(user, console: str = "box") -> None:
-    """The user of a mapped port has been let in."""
+    """The user of a mapped port is attached."""
     user.expect_exactly(OFFERS + greeting(console))
 
 

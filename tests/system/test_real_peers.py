@@ -12,7 +12,7 @@ from harness.scenes import removal
 from harness.telnet import TelnetUser
 from harness.waiting import free_port, wait_listening, wait_until
 
-# The last of what a client answers: that the other end shall suppress go-ahead, or its window.
+# The client's last answer: it asks the other end to suppress go-ahead, or offers its window size.
 ANSWER = re.compile(r">: ProcessUserInput: Received ->[^\n]*\xff(\xfd\x03|\xfb\x1f)")
 
 
@@ -40,8 +40,8 @@ def server(station):
 def sit_down(station, person, line: str) -> None:
     """Type the line that leads to a console, and wait until the client works key by key.
 
-    It does so once it has answered the daemon's offers. A plain terminal takes the answers for
-    keys, the last one for the interrupt key; so nothing is typed before they are through.
+    It does so once it has answered the daemon's offers. A plain terminal takes the answers as
+    keys, the last one as the interrupt key; so nothing is typed before they have arrived.
     """
     position = station.mark()
     person.type(line + "\r")
@@ -59,13 +59,13 @@ def seated(station, line: str, port: int | None = None) -> Iterator[TelnetUser]:
 
 
 def type_command(user, number: int) -> None:
-    """Type a command and see its answer, which is not in what was typed."""
+    """Type a command and see its answer, which is not part of the text typed."""
     user.type(f"echo the answer is $((6 * {number}))\r")
     user.expect(f"the answer is {6 * number}\r\n")
 
 
 def negotiation_of(server: TelnetServerConsole) -> bytes:
-    """What the server sends to whoever connects, before any text."""
+    """What the server sends to each caller before any text."""
     with User.connect(server.port) as caller:
         return re.match(rb"(?:\xff[\xfb-\xfe].)*", caller.expect(b"# "), re.DOTALL)[0]
 

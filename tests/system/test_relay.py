@@ -1,4 +1,4 @@
-"""The main job: what consoles print reaches their users, what users type reaches their consoles."""
+"""The main job: consoles' output reaches their users, and users' input reaches their consoles."""
 
 import re
 import statistics
@@ -96,7 +96,7 @@ def test_a_user_who_stops_sending_is_removed(station):
     station.attach("box", mode="ex")
 
 
-# Attaching in the middle of things
+# Attaching during output
 
 
 def test_a_new_user_gets_negotiation_offers_and_output_in_order(station):
@@ -216,7 +216,7 @@ def test_simultaneous_input_arrives_in_the_order_of_attaching(station):
 
 
 def typing_of(number: int, count: int) -> bytes:
-    """What the user types: a count in three digits of 64, from an alphabet that no other uses."""
+    """A user's input: a count in three base-64 digits, from an alphabet that no other user has."""
     return bytes(64 * number + digit for value in range(count)
                  for digit in (value >> 12, value >> 6 & 63, value & 63))
 
@@ -259,7 +259,7 @@ def test_a_new_console_does_not_wait_for_the_monitor_to_look_again(station):
     station.start()
     connected(station, old, "old")
     for name in ("new", "newer"):
-        # The monitor goes to wait as soon as it has read the configuration.
+        # The monitor waits again as soon as it has read the configuration.
         new = station.console(name)
         reload(station)
         connected(station, new, name)
@@ -280,11 +280,11 @@ def test_users_of_a_closed_console_do_not_wait_for_the_monitor_to_look_again(sta
         connected(station, box, "box", times=number)
 
 
-# Nothing is used up
+# Resource use
 
 
 def type_and_close(user: User) -> None:
-    """Leave before what was typed can have been read."""
+    """Leave before the input can have been read."""
     user.send(b"typed")
     user.close()
 

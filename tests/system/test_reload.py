@@ -1,4 +1,4 @@
-"""Reading the configuration again: what stays, what changes, what goes, and what is said of it."""
+"""Reading the configuration again: what stays, changes and goes, and the messages about it."""
 
 import re
 import signal
@@ -19,17 +19,17 @@ DELETED = banner("Console has been deleted.")
 GONE = "DeleteMarkedConsoles: Console {} is being deleted."
 SERVICE = "ServiceConnectionRequestThreadStart"
 
-# Bytes of a numbered line: as it is printed, and as it is logged with its time and without its CR.
+# The bytes of a numbered line: as printed, and as logged, with its time and without its CR.
 LINE = 40
 RECORD = len("26/11/21_09:00:00 ") + LINE - 1
 
-# What the main thread says while it reads its files again: what it enters, and its locks.
+# The main thread's lines while it reads its files again: the functions and the locks.
 STEP = re.compile(r"^ZEV \S+:<main>: (?:Entering (\w+)|MonitorConsoleOutput: (Aquired|Releasing) "
                   r"(?:write )?lock (\w+))$", re.MULTILINE)
 
 
 def configure(station, *lines: str) -> int:
-    """Make these lines the configuration; the position from which the change shows."""
+    """Make these lines the configuration; return the position before the change."""
     station.write_config("".join(lines))
     position = station.mark()
     reload(station)
@@ -136,7 +136,7 @@ def test_two_consoles_with_one_address_become_one(station):
     users[1].expect_exactly(DELETED)
     users[1].expect_closed()
     station.wait_log(GONE.format("second"), after=position)
-    # The first one is left, updated by both lines.
+    # The first console is left, updated by both lines.
     refused(station, "first", NOT_FOUND)
     station.attach("second", mode="ro")
     serves(users[0], box)
@@ -305,7 +305,7 @@ def test_a_mapped_port_may_pass_to_another_console(station, box):
 
 @pytest.fixture
 def dropped(station, box):
-    """A console beside "box" that has a port of its own and is dropped by the next step."""
+    """A second console, with a port of its own, which the test drops."""
     station.own_port = free_port()
     other = station.console("other")
     configure(station, console_line("box", box.port),
@@ -316,8 +316,7 @@ def dropped(station, box):
 
 
 def closes_at_once(station) -> None:
-    """The port of the dropped console refuses callers, though nobody has looked at it but the
-    daemon."""
+    """The port of the dropped console is closed, though nobody has called it."""
     station.wait_log(GONE.format("other"))
     wait_until(lambda: not is_listening(station.own_port), what="the port to close")
     station.wait_log(f"CleanUpStalePorts: Port {station.own_port} is no longer mapped to console",
@@ -334,7 +333,7 @@ def test_the_mapped_port_of_a_deleted_console_closes_at_once(station, box, dropp
 def test_the_mapped_port_of_a_deleted_console_with_users_closes_at_once(station, box, dropped):
     user = station.mapped(station.own_port)
     user.expect(b'Connected to console "other" in shared mode.\r\n\n')
-    with user_monitor_frozen(station):  # until the ports have been looked at
+    with user_monitor_frozen(station):  # until the ports have been checked
         position = configure(station, console_line("box", box.port))
         found = station.wait_log("Entering GetPortsToListenOn", after=position)
         station.wait_log("Entering CheckForConnectionRequests", after=found.end)
@@ -398,7 +397,7 @@ def test_the_steps_of_a_reload_are_in_order(station):
         "ReloadEventFiles", "ReloadConfigFile", "MergeConsoleLists",
         "CloseDisabledConsoleConnections", "Releasing 0", "Releasing 1", "RefreshMappedPorts",
         "GetZevdArchIntFromConfFile"]
-    # acl_lock is the first: it is what the output is read under.
+    # The first one is acl_lock, under which output is read.
     station.wait_log(f"MonitorConsoleOutput: Aquired write lock {locks[0]}", after=end)
 
 

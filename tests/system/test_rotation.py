@@ -1,4 +1,4 @@
-"""Dated log directories: when a new one is begun, and that nothing is lost or torn just then."""
+"""Dated log directories: when a new one is begun, and that nothing is lost or torn then."""
 
 import os
 import random
@@ -24,12 +24,12 @@ from harness.waiting import wait_until
 
 
 def minute() -> str:
-    """How a directory is named that is made now."""
+    """The name of a directory that is made now."""
     return datetime.now().strftime("%d-%b-%H:%M")
 
 
 def output_of(found: list[bytes]) -> bytes:
-    """What a console printed, from the records of its logs.
+    """A console's output, from the records of its logs.
 
     A line that was cut by a rotation is a record without a line end, and an empty one after it.
     """
@@ -47,7 +47,7 @@ def output_of(found: list[bytes]) -> bytes:
 def end_of_output(station, *boxes, after: bytes) -> bytes:
     """Wait for the logs to hold all that was printed, and return it.
 
-    When they hold most of it the rotations are ended, so that a last line is a whole record.
+    Once they hold most of it the rotations are stopped, so that the last line is a whole record.
     """
     def amount(box) -> int:
         return sum(len(record) for record in all_records(station, box.name))
@@ -191,7 +191,7 @@ def test_nothing_is_lost_under_load_however_often_the_directory_changes(station)
 
 def test_consoles_that_connect_during_a_change_get_their_log(station):
     waker = add_waker(station)
-    # Few at a time, so that a change of directories takes no longer than the opening of a log.
+    # Only a few at a time, so that a change of directories takes no longer than opening a log.
     groups = [[station.console("unnamed", greeting=b"up\n") for _ in range(10)] for _ in range(2)]
     station.write_config(console_line("waker", waker.port, logging=0))
     station.start("-d", "1", "-a", "0d")
@@ -275,7 +275,7 @@ def test_a_missing_link_is_reported(station, box):
 
 
 def wait_looked(station, waker) -> None:
-    """Wait until the daemon has looked at the age of the directory by the present time."""
+    """Wait until the daemon has checked the directory's age against the current time."""
     wait_awake(station, waker, "Entering LogDirExpired", after=station.mark(), count=2)
 
 
@@ -298,10 +298,10 @@ def test_a_restart_does_not_begin_a_new_period(station, waker, tmp_path):
 
 
 def borrowed_directory(station, lead: int) -> tuple[Path, float]:
-    """Make an old directory of this machine, which cannot be written, the one in use.
+    """Make an old directory of this machine, read-only, the one in use; return it and its time.
 
-    The age of a directory cannot be set. The one that is taken will be a whole number of minutes
-    old soon, though at least `lead` seconds from now; returned with the time when it changed.
+    The age of a directory cannot be set. The chosen one will soon be a whole number of minutes
+    old, though not before `lead` seconds from now.
     """
     now = time.time()
     changes = {path: os.stat(path).st_ctime for path in _old_directories(now)}
@@ -345,7 +345,7 @@ def test_a_directory_expires_by_the_second(station):
     station.start("-a", f"{minutes}m", "-d", "1")
     found = station.wait_log(ARCHIVING, limit=75)
     archived = time.mktime(time.strptime(found.stamp, "%y/%m/%d_%H:%M:%S"))
-    # The daemon looks once per pass, and a pass without output takes two seconds.
+    # The daemon checks once per pass, and a pass without output takes two seconds.
     assert due <= archived <= due + 5
     wait_until(lambda: current(station).resolve() != borrowed, what="the new directory")
     refused = re.escape(f'OpenConsolidatedLogFile: open() failed for "{station.logs}//zev.dated/'

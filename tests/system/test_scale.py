@@ -27,7 +27,7 @@ def states(tool: Tool) -> list[str]:
 
 
 def write_farm(station, farm: Farm, extra: str = "") -> None:
-    """The farm's consoles, each with a mapped port where there are ports enough."""
+    """Configure the farm's consoles, each with a mapped port."""
     lines = farm.lines().splitlines(True)
     first = 1025
     mapped = [line.replace(f" {farm.port} 23 0 ", f" {farm.port} 23 {first + number} ")
@@ -55,7 +55,7 @@ def test_thousands_of_consoles_may_have_a_port_and_a_log_each(station):
         user.send(b"typed")
         user.expect(b"typed")
         user.close()
-        # One console more; nobody loses a connection.
+        # With one more console, no connection is lost.
         more = station.console("more")
         write_farm(station, farm, console_line("more", more.port))
         station.signal(signal.SIGHUP)

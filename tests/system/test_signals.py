@@ -1,4 +1,4 @@
-"""The three signals: what ends the daemon, what makes it read its files again, what it ignores."""
+"""The three signals: one ends the daemon, one makes it read its files again, one is ignored."""
 
 import itertools
 import os
@@ -30,7 +30,7 @@ def blocked(station) -> dict[str, set[int]]:
     return found
 
 
-# Who gets them
+# Which thread gets them
 
 
 def test_only_the_main_thread_takes_sigterm_and_none_takes_the_others(station):
@@ -53,7 +53,7 @@ def test_only_the_main_thread_takes_sigterm_and_none_takes_the_others(station):
 @pytest.mark.parametrize("detached", [False, True])
 def test_sigterm_ends_the_daemon_with_status_1_and_a_message(station, detached):
     station.start("-d", "1", detached=detached)
-    # A thread that has just been made may still take the signal for the main thread.
+    # A new thread may still take the signal in place of the main thread.
     wait_until(lambda: [signal.SIGTERM in mask for mask in blocked(station).values()].count(True)
                >= 4, what="the four other threads to block it")
     station.signal(signal.SIGTERM)
@@ -73,7 +73,7 @@ def test_sigterm_closes_every_connection(station):
 
 @pytest.mark.parametrize("attempt", range(8))
 def test_sigterm_ends_the_daemon_under_load(station, attempt):
-    """The handler may meet the main thread at any point, within a debug line too."""
+    """The signal may interrupt the main thread anywhere, even within a debug line."""
     box = station.console("box")
     station.start()
     connected(station, box, "box")
@@ -87,7 +87,7 @@ def test_sigterm_ends_the_daemon_under_load(station, attempt):
 
 
 def test_sigterm_during_a_reload_ends_the_daemon(station):
-    """So many consoles that the reload is still running when the signal comes."""
+    """There are so many consoles that the reload still runs when the signal comes."""
     ports = itertools.count(1025)
     for number in range(1500):
         station.console_line(f"c{number}", next(ports), enable=0)
@@ -107,7 +107,7 @@ def test_sigterm_during_a_reload_ends_the_daemon(station):
 
 
 def test_sigterm_during_a_stalled_post_ends_the_daemon(station):
-    """It takes no connection, so that posts fill the socket's room and then wait."""
+    """The event manager accepts no connection, so posts fill the socket's buffer and then wait."""
     (station.events / "all").write_text("all 100 1 .\n")
     box = station.console("box", events=1, event_file="all")
     with Collector(station):
@@ -143,7 +143,7 @@ def test_hangups_in_quick_succession_are_one_reload(station, count):
         for _ in range(count):
             station.signal(signal.SIGHUP)
     wait_reloaded(station, position)
-    # The next one is a reload of its own: had there been two before it, there were three now.
+    # The next one is a separate reload: after two before it, there would be three now.
     station.signal(signal.SIGHUP)
     wait_reloaded(station, position, count=2)
     assert station.log_text(position).count(">: Entering ReloadConfigFile\n") == 2
@@ -186,7 +186,7 @@ def test_writing_to_a_user_who_has_gone_does_not_end_the_daemon(station):
                         "(Broken pipe|Connection reset by peer)$")
 
     user = station.attach("box", user="ann")
-    with user_monitor_frozen(station):  # or it might be the first to notice
+    with user_monitor_frozen(station):  # otherwise it might notice first
         position = station.mark()
         user.reset()
         box.send(b"printed")

@@ -1,4 +1,4 @@
-"""The books that the soak keeps: what it accepts as the log of what was printed, and what not."""
+"""The soak's ledger: which logs it accepts for what was printed, and which it does not."""
 
 import asyncio
 import os
@@ -18,7 +18,7 @@ from windows import Windows  # noqa: E402
 
 LINES = [b"@7.%d some words\n" % number for number in range(6)]
 
-# Between the lines, so that no window reaches the next one.
+# Seconds between the lines, so that no window reaches the next one.
 APART = 100.0
 
 
@@ -48,7 +48,7 @@ class Books:
         return self
 
     def all_but(self, *missing: int) -> "Books":
-        """The log holds the lines without these."""
+        """The log holds all lines except these."""
         return self.log(*((number, line) for number, line in enumerate(LINES)
                           if number not in missing))
 
@@ -58,7 +58,7 @@ class Books:
         assert self.counts.printed == self.counts.found + self.counts.accounted.total()
 
     def wrong(self, *words: str) -> None:
-        """These were its complaints, in order; each holds its word."""
+        """These were the complaints, in order; each holds its word."""
         assert len(self.complaints) == len(words), self.complaints
         for complaint, word in zip(self.complaints, words):
             assert word in complaint
@@ -217,7 +217,7 @@ def test_a_telnet_command_is_not_logged():
 
 
 def consolidated(books: Books, *missing: int) -> Books:
-    """The consolidated log has all lines but these."""
+    """The consolidated log has all lines except these."""
     for number, line in enumerate(LINES):
         if number not in missing:
             books.ledger.consolidated(books.at(number), line)
@@ -269,7 +269,7 @@ def test_every_kind_of_step_is_in_the_plan_of_ten_minutes():
 
 
 class Logs:
-    """A log directory, and what a reader has found in it."""
+    """A log directory, and the records that a reader has found in it."""
 
     def __init__(self, place: Path) -> None:
         self.dated = place / "zev.dated"
@@ -287,7 +287,7 @@ class Logs:
             log.write("".join(f"26/01/02_03:04:05 {record}" for record in records))
 
     def read(self, final: bool = False) -> list[tuple[int, bytes]]:
-        """What has been found in consoles' own logs so far."""
+        """The records found in the consoles' own logs so far."""
         asyncio.run(self._reader.catch_up(final))
         return self.own
 

@@ -1,4 +1,4 @@
-"""Peers that stop reading: nobody else waits for them for long, and afterwards all is as before."""
+"""Peers that stop reading: others do not wait for them for long, and later all is as before."""
 
 import contextlib
 import threading
@@ -44,7 +44,7 @@ class Typist:
         wait_until(lambda: len(self.times) >= enough or self._error, what="echoes")
 
     def stop(self) -> list[float]:
-        """End it; the time of every echo."""
+        """End the thread; return the time of every echo."""
         self._done.set()
         self._thread.join()
         if self._error:
@@ -54,7 +54,7 @@ class Typist:
 
 @contextlib.contextmanager
 def typing(user: Peer, console: Peer):
-    """Somebody types at the console meanwhile, and sees each echo well within a second."""
+    """A user types at the console meanwhile, and sees each echo well within a second."""
     typist = Typist(user, console)
     try:
         typist.pause()
@@ -67,7 +67,7 @@ def typing(user: Peer, console: Peer):
 
 @pytest.fixture
 def two(station):
-    """A station of a console for the stall and one whose user must not notice."""
+    """A station with a console for the stall, and another whose user must not notice."""
     noisy, calm = station.console("noisy", buffer=4096), station.console("calm")
     station.start("-d", "1")
     noisy.accept()
@@ -125,7 +125,7 @@ def test_users_who_read_nothing_one_after_the_other_delay_nobody(station, two):
 
 
 def test_a_user_who_reads_slowly_loses_nothing(station, two):
-    """Waiting is not a stall while the other end takes something now and then."""
+    """It is not a stall while the other end reads something now and then."""
     noisy, _, _ = two
     slow = station.attach("noisy", mode="ro", buffer=4096)
     text = numbered(10000)
@@ -168,7 +168,7 @@ def test_a_console_that_reads_nothing_stays_connected(station, two):
 
 
 def test_users_who_type_at_a_slow_console_take_turns(station):
-    """It never has room for all that there is; who pastes leaves some for the others."""
+    """It never has room for all the input; users who paste leave some of it to the others."""
     slow = station.console("slow", buffer=4096)
     station.start("-d", "1")
     connected(station, slow, "slow")

@@ -1,4 +1,4 @@
-"""Start-up: the command line, detaching from the terminal, and one instance to a machine."""
+"""Start-up: the command line, detaching from the terminal, and one instance per machine."""
 
 import fcntl
 import os
@@ -46,14 +46,14 @@ EXIT_TRACE = r"Exiting with code {} from file \w+(\.\w+)? line \d+"
 
 
 def usage(station, **shown) -> str:
-    """The usage text, with the defaults where nothing else is given."""
+    """The usage text, with the defaults except where others are given."""
     defaults = {"program": station.program, "days": 7, "config": station.config_file, "level": 0,
                 "logs": station.logs, "port": 6500, "suppress": 1, "buffer": 0, "security": 1}
     return USAGE.format(**{**defaults, **shown})
 
 
 def without_debug_lines(text: str) -> str:
-    """What the program prints besides its debug output; for messages of one line."""
+    """The text without its debug lines; only for messages of one line."""
     return re.sub(r"^ZEV .*\n", "", text, flags=re.MULTILINE)
 
 
@@ -223,7 +223,7 @@ def test_the_order_of_starting_up(station, security):
 
 
 def in_order(expected: list[str], found: list[str]) -> bool:
-    """True when `found` holds all of `expected` in that order, maybe with others in between."""
+    """True when `found` holds all of `expected` in that order, perhaps with others in between."""
     rest = iter(found)
     return all(name in rest for name in expected)
 
@@ -306,7 +306,7 @@ def test_without_a_log_directory_the_detached_process_ends(station):
 
 
 def wait_for_end(detached: set[int]) -> int:
-    """The exit status of the one process that was left behind."""
+    """The exit status of the one process that was left running."""
     assert len(detached) == 1
     process = Detached(detached.pop())
     wait_until(lambda: process.poll() is not None, what="the detached process to end")
@@ -329,7 +329,7 @@ int daemon(int keep_directory, int keep_output) {
 
 
 def test_a_stranger_who_takes_the_lock_while_it_detaches_wins(station, tmp_path):
-    """A lock that is taken through another opening of the file is somebody else's."""
+    """A lock taken through another open file description belongs to another process."""
     library = tmp_path / "stranger.so"
     subprocess.run(["cc", "-shared", "-fPIC", "-x", "c", "-", "-o", library], input=STRANGER,
                    text=True, check=True)
@@ -345,7 +345,7 @@ def test_a_stranger_who_takes_the_lock_while_it_detaches_wins(station, tmp_path)
     assert re.fullmatch(EXIT_TRACE.format(1) + "\n", said[2]) and len(said) == 3
 
 
-# One instance to a machine
+# One instance per machine
 
 
 def test_the_lock_file_holds_the_host_name_alone(station):

@@ -1,4 +1,4 @@
-"""A station's own libraries in the place of those that come with the daemon."""
+"""A station's own libraries in place of those that come with the daemon."""
 
 import subprocess
 
@@ -12,7 +12,7 @@ from harness.waiting import wait_until
 
 VALIDATION = "DoTqAuthValidation"
 
-# Does what the client's line says: the name it is to know, the answer and the argument line.
+# Does what the client's line says, which holds the name, the answer and the argument line.
 TQAUTH = r"""
 #include <sys/socket.h>
 #include <cstring>
@@ -31,7 +31,7 @@ char* authenticate(int sock, char** user) {
 }
 """
 
-# Takes every event until its priority is to be set, and tells when one is destroyed.
+# Accepts an event but not its priority, and records when an event is destroyed.
 JIX = r"""
 #include <cstdio>
 #include <cstdlib>
@@ -82,7 +82,7 @@ def build(tmp_path):
 
 @pytest.fixture
 def hall(station, build):
-    """A station with a library of its own for the main port, and one console, "box"."""
+    """A station with its own library for the main port, and one console, "box"."""
     station.box = station.console("box", greeting=b"ready")
     station.start("-S", "1", env=build("tqauth", TQAUTH))
     station.box.accept()

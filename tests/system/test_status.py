@@ -1,4 +1,4 @@
-"""What the daemon tells of consoles and of itself in JSON, and how a console is tried at once."""
+"""The daemon's reports on consoles and itself in JSON, and the command that retries a console."""
 
 import time
 
@@ -20,7 +20,7 @@ STATS_KEYS = ["started", "console_connections", "console_failures", "console_los
 
 
 def is_recent(moment: int) -> bool:
-    """A time of this test's."""
+    """True when this is a time during this test."""
     return 0 <= time.time() - moment < 300
 
 
@@ -76,7 +76,7 @@ def test_stats_count_what_has_happened(station, box):
     position = station.wait_log(
         "RemoveUserFromList: Removed user from console's user list for console box.").end
     box.send(b"\n")
-    # When the thread that logs waits for output again, the line has been counted.
+    # Once the logging thread waits for output again, the line has been counted.
     position = station.wait_log("ProcessConsoleOutput: Received ->", after=position).end
     station.wait_log("Entering CheckForConsoleOutput", after=position, thread="main")
     assert len(log_of(station, "box").read_bytes().splitlines()) == 1

@@ -1,4 +1,4 @@
-"""Attached users: their records as the debug lines show them, and the way of what they type."""
+"""Attached users: their records as the debug lines show them, and the path of their input."""
 
 import re
 
@@ -13,12 +13,12 @@ from harness.waiting import free_port, wait_until
 
 FD_SET = re.compile(r"AddUserToList: Doing FD_SET\( (\d+), \.\.\.\) for user on user_list\.\n")
 
-# The last word about a user of the console "box"; the connection has been closed before it.
+# The last message about a user of the console "box", whose connection is closed by then.
 REMOVED = "RemoveUserFromList: Removed user from console's user list for console box."
 
 
 def wait_for_set(station, highest: int, after: int) -> None:
-    """Wait until the users are waited for with this as the highest descriptor."""
+    """Wait until the daemon waits for users with this as the highest descriptor."""
     station.wait_log(re.compile(r"^CheckForUserInput: Calling select\( "
                                 rf"{highest} \+ 1, fdset, 0, 0, \(2,0\)\)$"),
                      after=after, thread="user_mon")
@@ -155,7 +155,7 @@ def test_users_stay_when_their_console_gets_another_name(station, box):
     station.attach("renamed")
 
 
-# What is typed
+# Input
 
 
 def test_typed_bytes_arrive_as_they_are(station, box):

@@ -1,4 +1,4 @@
-"""Peers that vanish without a word are noticed; who is silent and there is left alone."""
+"""Peers that vanish without a word are noticed; silent ones that are still there are left alone."""
 
 import contextlib
 import socket
@@ -19,7 +19,7 @@ GONE = 'LookForVanishedUsers: User "{}" on console "{}" has vanished.'
 TOOL_GONE = 'CloseVanishedTools: Tool of "{}" at "127.0.0.1" has vanished.'
 MAX_PENDING = 5
 
-# The kernel may take its time to acknowledge, and the daemon looks every ten seconds.
+# The kernel may be slow to acknowledge, and the daemon checks every ten seconds.
 LOOK_LIMIT = 20
 
 
@@ -32,18 +32,18 @@ def ends(station):
 
 @pytest.fixture
 def silence(tmp_path):
-    """Peers of which nothing has been heard for as long as a test says."""
+    """Peers that have been silent for as long as a test says."""
     return Silence(tmp_path)
 
 
 def quiet(end: socket.socket) -> socket.socket:
-    """Wait until everything that was sent has been acknowledged, and so the kernel asks."""
+    """Wait until everything sent has been acknowledged, so that the kernel sends probes."""
     wait_until(lambda: waiting(end) == 0, what="the peer to have everything")
     return end
 
 
 def is_asked(end: socket.socket) -> None:
-    """The kernel asks this peer when it is silent, and closes nobody for a shut window."""
+    """The kernel probes this peer when it is silent, and does not close it for a full window."""
     assert end.getsockopt(socket.SOL_SOCKET, socket.SO_KEEPALIVE) == 1
     settings = {option: end.getsockopt(socket.IPPROTO_TCP, option)
                 for option in (socket.TCP_KEEPIDLE, socket.TCP_KEEPINTVL, socket.TCP_KEEPCNT,
@@ -54,11 +54,11 @@ def is_asked(end: socket.socket) -> None:
 
 @pytest.fixture
 def door(station):
-    """A console whose port wants a login that root may make."""
+    """A console whose port wants a login, which root can make."""
     return open_door(station)
 
 
-# The kernel asks
+# The kernel probes
 
 
 def test_every_peer_is_probed(station, ends):
@@ -119,7 +119,7 @@ def test_a_silent_user_who_is_there_stays(station, ends):
     box.expect_exactly(b"yes")
 
 
-# Something waits to be sent, and the kernel does not ask
+# Data waits to be sent, and the kernel does not probe
 
 
 def test_a_login_that_acknowledges_nothing_frees_its_place(station, ends, silence):
@@ -152,7 +152,7 @@ def test_a_user_who_acknowledges_nothing_is_closed(station, ends, silence):
     quiet(ends(gone))
     slow.stop_reading()
     vanish(gone)
-    text = b"x" * 16384  # more than the slow one takes, and all of it finds room
+    text = b"x" * 16384  # more than the slow one reads, and little enough to be buffered
     box.send(text)
     idle.expect_exactly(text)
     quiet(ends(idle))

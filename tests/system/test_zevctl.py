@@ -1,4 +1,4 @@
-"""The client's commands that look and act: what they print, what they do, how they end."""
+"""The client's commands: what they print, what they do, and how they end."""
 
 import os
 import pwd
@@ -349,7 +349,7 @@ def test_without_standard_streams_nothing_is_mixed_up(rack, closed):
     user.expect(banner(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
 
 
-# The right to ask
+# Permission
 
 
 @pytest.fixture
@@ -396,7 +396,7 @@ def test_signals_end_a_watch(rack):
 
 
 def complete(station, *words: str) -> list[str]:
-    """What may stand in place of the last word."""
+    """The completions of the last word."""
     done = zevctl.run(None, "complete", *words,
                       env={"ZEVCTL_PORT": str(station.port)} if station else None)
     assert (done.returncode, done.stderr) == (0, "")
@@ -433,7 +433,7 @@ def test_completion_without_a_daemon_or_a_login_is_empty(locked):
     ("zevctl --port={port} who d", ["db1"]),
 ])
 def test_bash_completes(rack, line, shown):
-    """As bash does it: the words are split at "=" too."""
+    """As bash calls the function: words are split at "=", too."""
     line = line.format(port=rack.port)
     script = (f"source <({zevctl.PROGRAM} completion bash); COMP_LINE='{line}'; "
               "COMP_POINT=${#COMP_LINE}; _zevctl; printf '%s\\n' \"${COMPREPLY[@]}\"")
@@ -441,7 +441,7 @@ def test_bash_completes(rack, line, shown):
 
 
 def test_zsh_completes(rack):
-    """The function's own work, with zsh's way to offer words replaced by printing them."""
+    """The function itself, with a compadd that prints the words instead of offering them."""
     script = (f"compdef() {{ }}; source <({zevctl.PROGRAM} completion zsh); "
               "compadd() { print -l -- ${(P)2} }; words=(zevctl clear we); CURRENT=3; _zevctl")
     assert shell(rack, "zsh", "-f", "-c", script) == ["web1", "web2"]

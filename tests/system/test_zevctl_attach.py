@@ -1,4 +1,4 @@
-"""The client's sessions at a console: typed on a terminal, piped, refused, ended and begun anew."""
+"""The client's sessions at a console: on a terminal, piped, refused, ended and retried."""
 
 import contextlib
 import os
@@ -53,7 +53,7 @@ PACE = 32768
 
 @contextlib.contextmanager
 def seated(station, *arguments: str, console: str = "box", greeting: str = ATTACHED):
-    """Somebody at a terminal, attached to the console."""
+    """A user at a terminal, attached to the console."""
     with Terminal(station, "attach", console, *arguments) as person:
         person.expect(greeting)
         yield person
@@ -74,12 +74,12 @@ def expect_signal(person: Terminal, number: int) -> None:
 
 
 def modes_of(person) -> list:
-    """The modes of the terminal, as the person's side sees them."""
+    """The modes of the terminal, as its user's side sees them."""
     return termios.tcgetattr(person.child_fd)
 
 
 def fresh_modes() -> list:
-    """The modes of a terminal that nobody has changed yet."""
+    """The modes of a new terminal."""
     ours, theirs = os.openpty()
     try:
         return termios.tcgetattr(theirs)
@@ -108,7 +108,7 @@ def piped(station, *arguments: str, stdout=subprocess.PIPE):
 def assert_small(pid: int) -> None:
     """The client holds no more than some megabytes.
 
-    What a sanitizer build holds says nothing: it keeps what was freed.
+    A sanitizer build is not judged: it keeps what was freed.
     """
     with open(f"/proc/{pid}/status", encoding="ascii") as status:
         held = next(int(line.split()[1]) for line in status if line.startswith("VmRSS:")) * 1024
@@ -131,7 +131,7 @@ def test_keys_go_to_the_console_and_output_comes_back(station, box):
 
 
 def test_every_key_is_passed_on(station, box):
-    """Those that a terminal or a shell would act on, and every byte above 127."""
+    """Even keys that a terminal or a shell would act on, and every byte above 127."""
     keys = bytes(byte for byte in range(256) if byte != ord("\r"))
     with seated(station) as person:
         person.type(keys)
@@ -310,16 +310,16 @@ def test_a_real_telnet_server_can_be_used(station):
             person.expect_end(OK)
 
 
-# Ways out: the terminal is as it was
+# Ends of a session, after which the terminal is restored
 
 
 def end_by_escape(_station, _console, person: Terminal) -> None:
-    """Leave."""
+    """Leave by the escape."""
     leave(person)
 
 
 def end_by_signal(number: int):
-    """Have the client ended from outside."""
+    """End the client from outside."""
     def end(_station, _console, person: Terminal) -> None:
         person.child.kill(number)
         expect_signal(person, number)
@@ -327,7 +327,7 @@ def end_by_signal(number: int):
 
 
 def end_by_console(_station, console, person: Terminal) -> None:
-    """Let the console go away."""
+    """Close the console."""
     console.shut()
     person.expect(f"zevctl: {CLOSED}\r\n")
     person.expect_end(SESSION_ENDED)
@@ -342,7 +342,7 @@ def end_by_daemon(station, _console, person: Terminal) -> None:
 
 
 def end_by_clearing(station, _console, person: Terminal) -> None:
-    """Have an operator throw the user out."""
+    """Have an operator disconnect the user."""
     assert Tool(station).command("clear box").type == DONE
     person.expect(terminated_by("op"))
     person.expect(f"zevctl: {TERMINATED}\r\n")
@@ -371,7 +371,7 @@ def test_the_terminal_is_restored(station, box, end):
 
 
 def test_the_terminal_is_restored_when_the_output_breaks(station, box):
-    """The output goes to a pipe whose reader leaves."""
+    """The output goes to a pipe whose reader ends."""
     line = f"{PROGRAM} --port {station.port} attach box | head -c 4; echo over"
     person = pexpect.spawn("/bin/sh", ["-c", line], timeout=stretched(LIMIT), env=environment())
     try:
@@ -405,7 +405,7 @@ def test_signals_that_were_ignored_stay_ignored(station, box):
 
 @contextlib.contextmanager
 def at_a_shell(station):
-    """Somebody who has started the client from a shell with job control; its modes are raw."""
+    """A shell with job control that has started the client; the terminal is in raw mode."""
     shell = pexpect.spawn("/bin/bash", ["--norc", "--noprofile", "--noediting", "-i"],
                           timeout=stretched(LIMIT), env=environment(PS1="ready> "), echo=False)
     try:
@@ -424,7 +424,7 @@ def client_of(shell) -> int:
 
 
 def has_ended(pid: int) -> bool:
-    """The process is gone, or will be once its parent, which takes its time, has looked at it."""
+    """True when the process has ended, even if its parent has not waited for it yet."""
     try:
         with open(f"/proc/{pid}/stat", encoding="latin-1") as status:
             return status.read().rpartition(")")[2].split()[0] == "Z"
@@ -433,7 +433,7 @@ def has_ended(pid: int) -> bool:
 
 
 def expect_stopped(shell) -> None:
-    """The shell has the terminal again, as it needs it."""
+    """The shell has the terminal again, in the shell's modes."""
     shell.expect_exact("Stopped")
     shell.expect_exact("ready> ")
     assert modes_of(shell)[3] & termios.ICANON
@@ -520,7 +520,7 @@ def test_a_console_that_never_stops_does_not_keep_the_client(station, box):
 def paced(text: bytes) -> list[bytes]:
     """The text in pieces, each of which the daemon has room for.
 
-    Without room it closes a user who takes nothing for 400 ms, and a busy machine may keep the
+    Without room it closes a user who reads nothing for 400 ms, and a busy machine may keep the
     reader of a terminal waiting as long.
     """
     return [text[start:start + PACE] for start in range(0, len(text), PACE)]
@@ -566,11 +566,11 @@ def test_a_lost_session_is_reported_without_a_terminal_too(station, box):
         assert client.wait(stretched(LIMIT)) == SESSION_ENDED
 
 
-# Who does not take what
+# Ends that stop reading
 
 
 def read_terminal(person: Terminal, count: int) -> bytes:
-    """Take this many bytes off the screen."""
+    """Read this many bytes from the screen."""
     taken = b""
     while len(taken) < count:
         taken += person.child.read_nonblocking(65536, timeout=stretched(LIMIT))
@@ -608,7 +608,7 @@ def test_a_stalled_terminal_can_be_left(station, box):
 
 
 def test_a_terminal_stalled_for_too_long_fills_no_memory(station):
-    """The daemon gives up on the user; what came before that is still shown."""
+    """The daemon disconnects the user; what came before that is still shown."""
     console = station.console("box")
     station.start("-d", "1")
     connected(station, console, "box")
@@ -622,12 +622,12 @@ def test_a_terminal_stalled_for_too_long_fills_no_memory(station):
         assert_small(person.child.pid)
         shown = person.expect(f"zevctl: {CLOSED}\r\n", limit=3 * LIMIT)
         assert len(shown) > 65536
-        assert (text * 100).startswith(shown.removesuffix(b"\r\n"))  # which ends an open line
+        assert (text * 100).startswith(shown.removesuffix(b"\r\n"))  # the client ends an open line
         person.expect_end(SESSION_ENDED)
 
 
 def nothing_is_taken(pipe) -> bool:
-    """The pipe is full and stays so for a while."""
+    """True when the pipe is full and stays so for a while."""
     writable = select.poll()
     writable.register(pipe, select.POLLOUT)
     return not writable.poll(300)
@@ -720,7 +720,7 @@ def hall(station):
 
 
 def answer(person: Terminal, name: str, password: str, offered: str = "root") -> bytes:
-    """Give a name and a password when asked; what the screen showed meanwhile."""
+    """Give a name and a password when asked; return what the screen showed meanwhile."""
     shown = person.expect(f"User name [{offered}]: ")
     person.type(name + "\r")
     shown += person.expect("Password: ")
@@ -765,7 +765,7 @@ def test_three_wrong_passwords_end_the_session(hall):
     assert hall.helper.pairs() == [b"root guess%d" % number for number in range(3)]
 
 
-# Again and again
+# Retrying
 
 
 def restart(station, console, *options: str) -> None:
@@ -778,7 +778,7 @@ def restart(station, console, *options: str) -> None:
 
 
 def retrying(person: Terminal, reason: str) -> None:
-    """The client says why it is waiting, and that it is."""
+    """The client says why it is waiting, and that it will try again."""
     person.expect(f"zevctl: {reason}\r\n{TRYING}")
 
 
@@ -823,7 +823,7 @@ def test_retry_keeps_the_name_and_the_password(hall):
 
 
 def test_retry_may_begin_without_console_or_daemon(station):
-    """First the console is away, then the daemon, then both are there."""
+    """First the console is missing, then the daemon; then both are there."""
     box = station.console("box", listening=False)
     station.start()
     with Terminal(station, "attach", "box", "--retry") as person:
@@ -868,7 +868,7 @@ def test_retry_ends_when_the_console_is_gone_for_good(station, box):
         station.write_config("")
         station.signal(signal.SIGHUP)
         retrying(person, CLOSED)
-        # The daemon keeps it for a moment.
+        # The daemon knows the console for a moment longer.
         gone = {f"zevctl: {DELETED}\r\n": NOT_ACCESSIBLE,
                 f"zevctl: {NOT_FOUND}\r\n": NO_SUCH_CONSOLE}
         found = person.child.expect_exact(list(gone), timeout=stretched(LIMIT))

@@ -1,4 +1,4 @@
-"""`zevctl events`: the events that the daemon posts, and whatever else comes to its socket."""
+"""`zevctl events`: the events that the daemon posts, and anything else sent to its socket."""
 
 import json
 import os
@@ -51,13 +51,13 @@ class Receiver:
         return self._shown[:self._shown.rfind(b"\n") + 1].decode().splitlines()
 
     def wait_lines(self, count: int, limit: float = LIMIT) -> list[str]:
-        """Wait for as many lines; there must not be more."""
+        """Wait for this many lines; there must not be more."""
         wait_until(lambda: len(self.lines()) >= count, limit, f"{count} lines")
         assert len(self.lines()) == count, self.lines()
         return self.lines()
 
     def ended(self) -> int:
-        """Wait for the end; the exit status."""
+        """Wait for the end; return the exit status."""
         status = self.process.wait(stretched(LIMIT))
         assert_no_sanitizer_report(self.said())
         return status
@@ -71,7 +71,7 @@ class Receiver:
 
 @pytest.fixture
 def receive(station):
-    """Makes receivers, and ends those that the test has left."""
+    """Makes receivers, and ends those that still run after the test."""
     with ExitStack() as ends:
 
         def start(*arguments: str, **options) -> Receiver:
@@ -84,7 +84,7 @@ def receive(station):
 
 
 class Poster(Closing):
-    """Somebody who sends lines to the socket."""
+    """A program that sends lines to the socket."""
 
     def __init__(self, path) -> None:
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -102,7 +102,7 @@ class Poster(Closing):
 
 
 def event(number: int, priority: int = 100) -> bytes:
-    """A line as the daemon sends it, as short as can be."""
+    """A line as the daemon sends it, as short as possible."""
     return b'{"time": "t", "name": "n", "priority": %d, "vars": {"message": "%d"}}\n' % (priority,
                                                                                          number)
 
@@ -175,7 +175,7 @@ def test_it_may_come_and_go_under_the_daemon(station, box, receive):
     assert line.endswith("error 2")
 
 
-# What else may come
+# Other input
 
 
 def test_many_connections_can_be_open_at_once(station, receive):
@@ -249,9 +249,9 @@ def test_a_slow_reader_delays_nobody(station, receive):
     count = 30_000
     padding = b"x" * 1000
     with Poster(receiver.path) as poster:
-        # Far more than the pipe and the receiver keep; it would block if it were not taken.
+        # Far more than the pipe and the receiver hold; this would block if it were not read.
         poster.send(*(event(number).replace(b'"n"', b'"n%s"' % padding) for number in range(count)))
-        # Behind the last one: all have been taken.
+        # After the last event, to see that all have been read.
         poster.send(b"end\n")
         wait_until(lambda: receiver.warnings() == ["zevctl: this came in and is no event: end"],
                    60, "everything to be taken")

@@ -1,4 +1,4 @@
-"""`zevctl log`: what the daemon has logged, from files, and what it goes on to log."""
+"""`zevctl log`: what the daemon has logged, read from its files, and what it logs later."""
 
 import json
 import os
@@ -42,13 +42,13 @@ class Following:
         return re.split(STAMP.encode() + b" ", self.shown())[1:]
 
     def wait_texts(self, expected: list[bytes], limit: float = LIMIT) -> None:
-        """Wait for as many records; they must be just these."""
+        """Wait for as many records; they must be equal."""
         wait_until(lambda: len(self.texts()) >= len(expected), limit,
                    f"{len(expected)} records, of which there are {self.texts()[-3:]}")
         assert self.texts() == expected
 
     def end(self, number: int = signal.SIGTERM) -> str:
-        """End it by the signal, see that the status is 0, and return what it said of errors."""
+        """End it by the signal, see that the status is 0, and return its standard error."""
         self.process.send_signal(number)
         assert self.process.wait(stretched(LIMIT)) == zevctl.OK
         return self.said()
@@ -62,7 +62,7 @@ class Following:
 
 @pytest.fixture
 def follow():
-    """Makes clients that follow, and ends those that the test has left."""
+    """Makes clients that follow, and ends those that still run after the test."""
     made = []
 
     def start(*arguments: str) -> Following:
@@ -78,7 +78,7 @@ def follow():
 
 
 def logged(station, box, *lines: bytes, name: str = "box") -> None:
-    """Let the console print the lines, one by one, and wait until they are logged."""
+    """Have the console print the lines, one by one, and wait until they are logged."""
     for line in lines:
         before = read(log_of(station, name)).count(b"\n")
         box.send(line)
@@ -213,7 +213,7 @@ def test_the_name_that_an_event_gives_is_found(station):
     (station.events / "set").write_text("any 100 0 error\n")
     box = station.console("sys-a-1", events=1, event_file="set")
     with Collector(station) as collector:
-        # The logs are opened anew all the time.
+        # The logs are opened again all the time.
         bring_up(station, box, options=("-d", "1", "-a", "0d"))
         logged(station, box, b"before\n", b"error\n", name="sys-a-1")
         collector.accept().wait_events(1)
@@ -271,7 +271,7 @@ def test_records_are_filtered(three, arguments, expected):
 
 
 def test_times_follow_the_time_zone(three):
-    # What is local there is not local here.
+    # The same local time is another moment there.
     assert zevctl.run(None, "log", "box", "--since", "2026-11-21T09:30:00+00:00",
                       env={"TZ": "UTC0"}).stdout == THREE[2]
     assert zevctl.run(None, "log", "box", "--since", "2026-11-21T09:30:00Z",
@@ -295,7 +295,7 @@ def test_a_search_that_finds_nothing_fails(three):
     done = zevctl.run(None, "log", "box", "--grep", "four")
     assert (done.returncode, done.stdout, done.stderr) == (zevctl.FAILED, "", "")
     assert show("box", "--since", "2026-11-22", "--until", "2026-11-23") == []
-    # Found, if not shown.
+    # It is found, though not shown.
     assert show("box", "--grep", "one", "-n", "0") == []
 
 
@@ -378,7 +378,7 @@ def test_it_begins_with_the_last_ten_records(station, box, follow):
     later = []
 
     def goes_on() -> bool:
-        """True when the client without a beginning, which does not tell when it starts, goes on."""
+        """True once the client that shows no old records, and so no sign of its start, follows."""
         later.append(b"other %d\n" % len(later))
         logged(station, box, later[-1])
         return bool(none.texts())
@@ -436,7 +436,7 @@ def test_no_record_is_lost_or_repeated_when_directories_change(station, follow):
     last = printed.splitlines()[-1] + b"\n"
     wait_until(lambda: last in b"".join(all_records(station, "box")), 60, "the last line")
     wait_until(lambda: last in client.texts(), 60, "the last line")
-    # Every record has a line of its own here.
+    # Here every record is shown on a line of its own.
     expected = [record if record.endswith(b"\n") else record + b"\n"
                 for record in all_records(station, "box")]
     assert client.texts() == expected
@@ -475,7 +475,7 @@ def test_it_outlives_its_directory(station, box, follow):
     logged(station, box, b"before\n")
     client.wait_texts([b"before\n"])
     shutil.rmtree(current(station).resolve())
-    # The daemon goes on writing to the file that has no name any more.
+    # The daemon goes on writing to the file, which no longer has a name.
     print_and_wait(station, box, b"meanwhile\n")
     client.wait_texts([b"before\n", b"meanwhile\n"])
     box.greeting = b"after\n"

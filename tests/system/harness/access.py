@@ -18,8 +18,8 @@ from harness.station import Station
 
 SEED = "ZEVD_TEST_SEED"
 
-# What a console prints on connect when the test does not care: it ends the daemon's wait for a
-# telnet negotiation, which would take a second of every test.
+# What a console prints on connect when the test does not care. It ends the daemon's wait for a
+# telnet negotiation, which would cost every test a second.
 READY = b"ready"
 
 LOOPBACK = "127.0.0.1"
@@ -52,13 +52,13 @@ PRINTED_MODES = {"ro": "read-only", "sh": "shared", "ex": "exclusive", "er": "??
 
 
 def refused(user: User, number: int) -> None:
-    """The user is told this error, nothing else, and the connection is closed."""
+    """The user gets this error and nothing else, and the connection is closed."""
     user.expect_exactly(ERRORS[number])
     user.expect_closed()
 
 
 def banner(message: str) -> bytes:
-    """The frame in which users are told something by the daemon."""
+    """The frame of the daemon's messages to its users."""
     rule = "*" * 78
     return f"\a\a\a\a\a\r\n\r\n{rule}\r\n\r\n{message}\r\n\r\n{rule}\r\n\r\n".encode()
 
@@ -81,7 +81,7 @@ def attachment(user: str = "<unknown>", mode: str = "sh", console: str = "box") 
 
 def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] = (),
              env: dict[str, str] | None = None) -> Station:
-    """Start the daemon; have its ports open, and every console connected and its greeting read."""
+    """Start the daemon; wait for its ports, and for every console's connection and greeting."""
     for console in consoles:
         console.greeting = console.greeting or READY
     position = station.output.size()  # the daemon may have run before
@@ -110,7 +110,7 @@ def box(station):
 
 
 def reload(station: Station, config: str | None = None, waker: Peer | None = None) -> Found:
-    """Have the configuration read again, replaced by `config` or as the file is.
+    """Have the daemon read its configuration again, from `config` or from the file as it is.
 
     Returns when the daemon has matched its ports with it and waits for console output again. Needs
     debug level 3. The daemon looks for the signal when its wait for output is over: after two
@@ -137,7 +137,7 @@ def servicing(port: int) -> str:
 
 
 def pending(station: Station, port: int, count: int) -> list[User]:
-    """Callers of the port who say nothing, all of them counted by the daemon."""
+    """Callers of the port who send nothing, all of them counted by the daemon."""
     callers = []
     for _ in range(count):
         position = station.mark()

@@ -1,4 +1,4 @@
-"""A clock of the daemon's own, which a test can set and hold while the daemon runs."""
+"""A clock for the daemon alone, which a test can set and stop while the daemon runs."""
 
 import struct
 import time
@@ -24,11 +24,11 @@ class ShiftedClock:
         return preload.environment(self._library, SHIFTED_CLOCK=str(self._settings))
 
     def hold(self) -> None:
-        """Let the seconds stand still from now on, so that no time passes but by `shift`."""
+        """Stop the clock: from now on only `shift` moves it."""
         self._set(0, int(time.time()))
 
     def shift(self, seconds: int) -> None:
-        """Let the clock be that far ahead of where it goes or stands, or behind it."""
+        """Set the clock this far ahead of the time that it would show, or back."""
         self._set(1, seconds)
 
     def _set(self, field: int, value: int) -> None:

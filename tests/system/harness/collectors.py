@@ -32,7 +32,7 @@ def parsed(lines: bytes) -> list[Event]:
 
 
 class Collector(ListeningPeer):
-    """An event manager that a test leads. It listens at once."""
+    """An event manager that a test controls. It listens at once."""
 
     def __init__(self, station: Station) -> None:
         super().__init__("event manager")
@@ -40,7 +40,7 @@ class Collector(ListeningPeer):
         self.listen()
 
     def listen(self) -> None:
-        """Take connections from now on."""
+        """Accept connections from now on."""
         self.path.parent.mkdir(exist_ok=True)
         self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         self._listener.bind(str(self.path))
@@ -56,7 +56,7 @@ class Collector(ListeningPeer):
         return parsed(self.received)
 
     def wait_events(self, count: int, limit: float = LIMIT) -> list[Event]:
-        """Wait for as many events on this connection; there must not be more."""
+        """Wait for this many events on this connection; there must not be more."""
         wait_until(lambda: self.received.count(b"\n") >= count, limit, f"{count} events")
         found = self.events()
         assert len(found) == count, found
@@ -71,7 +71,7 @@ def collector(station):
 
 
 class CollectorProgram:
-    """A real program that receives events and writes them to a file, one in a line."""
+    """A real program that receives events and writes them to a file, one per line."""
 
     def __init__(self, station: Station, command: list[str], file: Path) -> None:
         self.file = file
@@ -114,7 +114,7 @@ MANUAL = settings.REPOSITORY / "docs" / "operating.md"
 
 
 def _from_manual(shape: str, station: Station, file: Path) -> str:
-    """What operators are told to copy, with the paths of this station."""
+    """The text that the manual tells operators to copy, with the paths of this station."""
     found = re.search(shape, MANUAL.read_text(encoding="utf-8"), re.DOTALL)
     assert found, f"{MANUAL} has no {shape!r}"
     return found[1].replace("/usr/opt/qor", str(station.root)).replace(
@@ -122,7 +122,7 @@ def _from_manual(shape: str, station: Station, file: Path) -> str:
 
 
 def rsyslog(station: Station, directory: Path) -> CollectorProgram:
-    """The system log daemon, with no configuration but the one of the manual."""
+    """The system log daemon, with nothing but the manual's configuration."""
     program = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
     assert program, "rsyslog is not installed"
     file = directory / "events.log"
@@ -133,7 +133,7 @@ def rsyslog(station: Station, directory: Path) -> CollectorProgram:
 
 
 def socat(station: Station, directory: Path) -> CollectorProgram:
-    """The smallest of collectors, with the command of the manual."""
+    """The smallest collector, with the manual's command."""
     file = directory / "events.log"
     command = _from_manual(r"\n(socat -u .*?)\n```", station, file)
     return CollectorProgram(station, shlex.split(command.replace("\\\n", " ")), file)

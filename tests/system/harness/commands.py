@@ -1,4 +1,4 @@
-"""A management tool: sends commands to the command port and takes the answers apart."""
+"""A management tool: sends commands to the command port and parses the answers."""
 
 import json
 import struct
@@ -45,8 +45,8 @@ class Tool:
     """One command connection.
 
     Without `wait`, which needs debug level 3, it may not be served yet. `buffer` limits what the
-    kernel keeps for a tool that does not read. `sent` is what it sends in place of the argument
-    line that the names make.
+    kernel keeps for a tool that does not read. `sent` replaces the argument line that is made
+    of the names.
     """
 
     def __init__(self, station: Station, user: str | None = "op", addr: str | None = None,
@@ -73,7 +73,7 @@ class Tool:
         return self.peer.received[start:end]
 
     def read_slowly(self, count: int, piece: int, pause: float) -> bytes:
-        """Take so many bytes off a connection that is not read otherwise.
+        """Read this many bytes from a connection that is not read otherwise.
 
         At most `piece` of them at a time, with a pause before each.
         """
@@ -86,7 +86,7 @@ class Tool:
         return data
 
     def answer(self, word: str) -> Answer:
-        """Take the next answer, which is one to this command word."""
+        """Take the next answer, which must be to this command word."""
         kind, count = _HEADER.unpack(self._take(_HEADER.size))
         if kind == ERROR:
             return Answer(kind, count, self._take(count))
@@ -99,7 +99,7 @@ class Tool:
         return Answer(kind, count, raw, records)
 
     def objects(self, line: str) -> list[dict]:
-        """Send a command that is answered with JSON, and take the objects, one of a line."""
+        """Send a command that is answered with JSON, and take the objects, one per line."""
         self.send(line)
         kind, count = _HEADER.unpack(self._take(_HEADER.size))
         assert kind == RECORDS
@@ -113,5 +113,5 @@ class Tool:
         return self.answer(line.split(maxsplit=1)[0].lower() if line.strip() else "")
 
     def expect_nothing_more(self) -> None:
-        """Everything that the daemon sent has been taken."""
+        """Nothing that the daemon sent is left to be taken."""
         assert self.peer.received[self._taken:] == b""

@@ -1,4 +1,4 @@
-"""Consoles for the daemon to call: fakes that a test leads, and real ones."""
+"""Consoles for the daemon to call: fakes that a test controls, and real ones."""
 
 import shutil
 import socket
@@ -35,7 +35,7 @@ class FakeConsole(ListeningPeer):
             self.listen()
 
     def listen(self) -> None:
-        """Take calls from now on."""
+        """Accept calls from now on."""
         self._listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
         self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         if self.buffer is not None:

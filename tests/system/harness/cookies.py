@@ -19,7 +19,7 @@ def cookie(station: Station) -> bytes:
 
 
 def tell(station: Station, line: bytes, address: str | None = None) -> User:
-    """Somebody who calls the main port, from this address, and has sent the line."""
+    """A caller of the main port, from this address, who has sent the line."""
     if address is None:
         user = station.caller()
     else:

@@ -1,4 +1,4 @@
-"""The daemon's own output: its debug lines taken apart, and waiting for one of them."""
+"""The daemon's own output: parsing its debug lines, and waiting for one of them."""
 
 import re
 from dataclasses import dataclass

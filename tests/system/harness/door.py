@@ -27,12 +27,12 @@ class Entrance:
     box: FakeConsole
 
     def note_rest(self) -> Self:
-        """Take what the daemon uses now for what it uses at rest."""
+        """Note what the daemon uses at rest."""
         self.rest = (self.station.threads(), self.station.descriptors())
         return self
 
     def quiet(self) -> None:
-        """The daemon is as it was before anybody called: no thread, descriptor or child."""
+        """The daemon uses what it used at rest: no thread, descriptor or child is left."""
         wait_until(lambda: (self.station.threads(), self.station.descriptors()) == self.rest
                    and not children_of(self.station.pid), what="the daemon to come to rest")
 
@@ -71,13 +71,13 @@ def give_name(user: User, name: bytes) -> None:
 
 
 def give_password(user: User, password: bytes) -> None:
-    """Type a password; nothing but the line end is shown."""
+    """Type a password; nothing but the line end is echoed."""
     user.send(password + b"\r\0")
     user.expect_exactly(b"\r\n" + b"\r\n")
 
 
 def log_in(user: User, name: bytes, password: bytes) -> None:
-    """Give a pair; what comes of it is the test's to see."""
+    """Give a name and a password; the test checks the result."""
     give_name(user, name)
     give_password(user, password)
 

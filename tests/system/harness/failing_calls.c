@@ -97,8 +97,8 @@ static void *find_next(const char *name) {
     return NEXT(name) arguments;                              \
   }
 
-/* A call that fails does its work: a descriptor is closed whatever close() returns. Whoever sees the
-   work done may look at what has been counted. */
+/* A call that fails does its work: a descriptor is closed whatever close() returns. It is counted
+   before, for those who see the work done and look at the count. */
 #define FAILING_AFTERWARDS(result, name, parameters, arguments, failure) \
   result name parameters {                                               \
     const int failing = fails(#name);                                    \
@@ -109,7 +109,7 @@ static void *find_next(const char *name) {
     return failure;                                                      \
   }
 
-/* ---- Memory ------------------------------------------------------------------------------------ */
+/* ---- Memory ---------------------------------------------------------------------------------- */
 
 #define ALLOCATING(name, parameters, arguments) \
   void *name parameters {                       \
@@ -155,7 +155,7 @@ ALLOCATING(_ZnamRKSt9nothrow_t, (size_t size, const void *tag), (size, tag))
 ALLOCATING_OR_THROWING(_Znwm)
 ALLOCATING_OR_THROWING(_Znam)
 
-/* How a sanitizer asks for the stack of a new thread; it cannot do without an answer. */
+/* A sanitizer asks this for the stack of a new thread, and cannot do without an answer. */
 int pthread_getattr_np(pthread_t thread, pthread_attr_t *attributes) {
   ++depth;
   const int result = NEXT(pthread_getattr_np)(thread, attributes);
@@ -163,7 +163,7 @@ int pthread_getattr_np(pthread_t thread, pthread_attr_t *attributes) {
   return result;
 }
 
-/* ---- Descriptors and sockets ------------------------------------------------------------------- */
+/* ---- Descriptors and sockets ----------------------------------------------------------------- */
 
 FAILING(int, socket, (int domain, int type, int protocol), (domain, type, protocol), -1)
 FAILING(int, bind, (int fd, const struct sockaddr *address, socklen_t size), (fd, address, size),
@@ -182,7 +182,7 @@ FAILING(ssize_t, send, (int fd, const void *data, size_t size, int flags), (fd, 
         -1)
 FAILING(int, select, (int count, fd_set *in, fd_set *out, fd_set *error, struct timeval *limit),
         (count, in, out, error, limit), -1)
-/* The debug output is waited for and written with every line; nothing is to be learned from that. */
+/* The calls for the debug output always succeed: every line makes them. */
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized" /* poll() is declared as if it only wrote */
 int poll(struct pollfd *fds, nfds_t count, int limit) {
@@ -238,7 +238,7 @@ int fcntl(int fd, int command, ...) {
   return fails("fcntl") ? -1 : NEXT(fcntl)(fd, command, argument);
 }
 
-/* ---- Files ------------------------------------------------------------------------------------- */
+/* ---- Files ----------------------------------------------------------------------------------- */
 
 int open(const char *path, int flags, ...) {
   va_list arguments;
@@ -293,7 +293,7 @@ EXAMINING(stat, (const char *path, struct stat *found), (path, found))
 EXAMINING(lstat, (const char *path, struct stat *found), (path, found))
 EXAMINING(fstat, (int fd, struct stat *found), (fd, found))
 
-/* What a stream says of itself after an error. */
+/* The stream's own error flag. */
 static void mark(FILE *file) {
   enum { ERROR_SEEN = 0x20 };
   file->_flags |= ERROR_SEEN;
@@ -356,7 +356,7 @@ int fflush(FILE *file) {
   return EOF;
 }
 
-/* ---- The rest ---------------------------------------------------------------------------------- */
+/* ---- The rest -------------------------------------------------------------------------------- */
 
 FAILING(int, getrlimit, (__rlimit_resource_t resource, struct rlimit *limit), (resource, limit), -1)
 FAILING(int, setrlimit, (__rlimit_resource_t resource, const struct rlimit *limit),
@@ -369,7 +369,8 @@ FAILING(int, sigtimedwait, (const sigset_t *set, siginfo_t *info, const struct t
 FAILING(int, regcomp, (regex_t * compiled, const char *pattern, int flags),
         (compiled, pattern, flags), REG_ESPACE)
 FAILING(int, regexec,
-        (const regex_t *compiled, const char *text, size_t count, regmatch_t matches[count], int flags),
+        (const regex_t *compiled, const char *text, size_t count, regmatch_t matches[count],
+         int flags),
         (compiled, text, count, matches, flags), REG_ESPACE)
 
 time_t time(time_t *result) {
@@ -395,7 +396,7 @@ static void *run(void *given) {
   return start->routine(start->argument);
 }
 
-/* The long-lived threads are told apart, those of single connections are not. */
+/* The long-lived threads are counted one by one, those of connections together. */
 int pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*routine)(void *),
                    void *argument) {
   if (fails("pthread_create")) return errno;

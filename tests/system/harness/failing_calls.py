@@ -15,10 +15,10 @@ _NAME_SIZE = 32
 
 ALLOCATION = "allocation"
 
-# The C library's regcomp() loses a few bytes when it fails for want of memory.
+# The C library's regcomp() leaks a few bytes when it runs out of memory.
 _LOST_BY_THE_LIBRARY = "leak:re_compile_internal\n"
 
-# What the system says when a call fails; each is one that a healthy call may meet.
+# The error of a call that fails; each is one that the real call can return.
 CODES = {
     ALLOCATION: errno.ENOMEM, "socket": errno.EMFILE, "bind": errno.EADDRINUSE,
     "listen": errno.EADDRINUSE, "accept4": errno.EMFILE, "connect": errno.ENETUNREACH,

@@ -1,4 +1,4 @@
-"""A station on which one call at a time fails, and the questions whether it still does its work."""
+"""A station on which one call at a time fails, and the checks that it still does its work."""
 
 import contextlib
 import os
@@ -68,7 +68,7 @@ class FailingStation:
     # The daemon
 
     def prepare(self) -> None:
-        """Have the next daemon find the station as on its first day."""
+        """Make the station as new for the next daemon."""
         self.kill()
         shutil.rmtree(self.station.logs)
         self.station.logs.mkdir()
@@ -83,7 +83,7 @@ class FailingStation:
         self.station.start("-d", "2", *options, wait=False, env=self.calls.env)
 
     def start_detached(self, *options: str) -> None:
-        """Start the daemon in the background; neither it nor its starter need come far."""
+        """Start the daemon in the background; it and its starter may fail early."""
         station = self.station
         station.port, station.level = free_port(), 2
         before = children()
@@ -99,14 +99,14 @@ class FailingStation:
         station.log = DebugLog(station.logs / "zevd.log")
 
     def kill(self) -> None:
-        """End the daemon in the quickest way."""
+        """Kill the daemon."""
         if self.station.running:
             os.kill(self.station.pid, signal.SIGKILL)
             wait_until(lambda: not self.station.running, what="the daemon to be killed")
         self.station.process = None
 
     def end(self) -> None:
-        """End the daemon in the usual way, in which a sanitizer reports what was lost."""
+        """End the daemon in the usual way, so that a sanitizer reports leaks."""
         if self.station.running:
             self.station.stop()
         self.station.process = None
@@ -124,11 +124,11 @@ class FailingStation:
 
     @property
     def complaints(self) -> list[str]:
-        """What it said of failures; the same one counts once."""
+        """What it said about failures; equal messages count once."""
         return list(dict.fromkeys(_COMPLAINT.findall(self.said)))
 
     def until(self, condition: Callable[[], object], what: str, limit: float = LIMIT) -> None:
-        """Wait for the condition, for the end of the daemon, or for its word that it is in vain."""
+        """Wait for the condition; raise when the daemon ends or says that it will not come."""
         deadline = time.monotonic() + stretched(limit)
         while not condition():
             if not self.station.running:
@@ -140,7 +140,7 @@ class FailingStation:
             time.sleep(_PAUSE)
 
     def confirm(self, done: bool, what: str) -> None:
-        """Fail unless it is done; the end of the daemon may be the reason why it is not."""
+        """Fail unless it is done; raise `Ended` or `Costly` where that is the reason."""
         if not done:
             self.until(lambda: False, what, limit=1)
 
@@ -172,7 +172,7 @@ class FailingStation:
         return b"fresh %d." % self._number
 
     def call(self, port: int | None = None) -> socket.socket | None:
-        """A connection to one of the daemon's ports; nothing when nobody listens."""
+        """A connection to one of the daemon's ports; None when nobody listens."""
         try:
             return socket.create_connection(("127.0.0.1", port or self.station.port),
                                             stretched(LIMIT))
@@ -180,13 +180,13 @@ class FailingStation:
             return None
 
     def token(self) -> bytes:
-        """How a line begins that a daemon with security wants."""
+        """How the argument line begins: with the cookie, when security is on."""
         if not cookie_file(self.station).exists():
             return b""
         return b"token " + cookie(self.station) + b" "
 
     def attach(self, console: str) -> socket.socket:
-        """Attach a user, as soon as the console can be had."""
+        """Attach a user, as soon as the console is available."""
         found: list[socket.socket] = []
         position = self.station.mark()
 
@@ -210,14 +210,14 @@ class FailingStation:
         return found[0]
 
     def have_printed(self, text: bytes) -> None:
-        """Let the consoles print the text, but for one that is just going away."""
+        """Have the consoles print the text, except one that is just going away."""
         with contextlib.suppress(OSError):
             self.farm.print_everywhere(text)
 
     def print(self) -> bytes:
-        """Have the consoles print until a line of each is in both logs and matched; the line.
+        """Have the consoles print until a line of each is in both logs and matched; return it.
 
-        One that comes while a user or a console is just leaving is not.
+        A line that comes while a user or a console is just leaving is not.
         """
         line, again_at = b"", 0.0
 
@@ -255,7 +255,7 @@ class FailingStation:
         return connections_of(self.station.port) == 0
 
     def command(self) -> None:
-        """See that the command port tells of every console."""
+        """See that the command port lists every console."""
         position = self.station.mark()
         tool = self.call()
         self.confirm(tool is not None, "somebody to listen on the user port")
@@ -296,7 +296,7 @@ class FailingStation:
     def heal(self) -> None:
         """Do what an operator would do: have the files read again, and new logs begun.
 
-        So much time passes that consoles which were left alone after a failure are called again.
+        Enough time passes for consoles that were left alone after a failure to be called again.
         """
         self.until(lambda: self.station.threads() > WORKERS, "all threads to be there")
         self.reload()

@@ -69,11 +69,11 @@ class Farm(Closing):
 
     @property
     def connected(self) -> int:
-        """How many consoles the daemon has called and not left."""
+        """How many consoles the daemon is connected to."""
         return len(self._sockets)
 
     def print_everywhere(self, text: bytes) -> None:
-        """Let every console that is connected print the text."""
+        """Have every console that is connected print the text."""
         for sock in list(self._by_address.values()):
             sock.sendall(text)
 
@@ -127,7 +127,7 @@ class Farm(Closing):
 
 
 class PrintingFarm(Farm):
-    """Consoles that print numbered lines all the time, a thousand in a second or as they are read.
+    """Consoles that print numbered lines all the time, a thousand per second or as they are read.
 
     A line that a console has begun on a connection that then ended is not printed again.
     """
@@ -153,7 +153,7 @@ class PrintingFarm(Farm):
         self._printing.set()
 
     def pause(self) -> None:
-        """Print no more; what has been begun is finished."""
+        """Print no more; lines that have been begun are finished."""
         self._printing.clear()
 
     def _print(self) -> None:
@@ -180,7 +180,7 @@ class PrintingFarm(Farm):
 
 
 class Crowd:
-    """Users who have said which console they want."""
+    """Users who have named the console that they want."""
 
     def __init__(self, station: Station) -> None:
         raise_own_limit()
@@ -188,7 +188,7 @@ class Crowd:
         self.sockets: list[socket.socket] = []
 
     def come(self, console: str, mode: str = "sh") -> socket.socket:
-        """One more user; whether and when the daemon attaches it is to be waited for."""
+        """One more user; the test has to wait for the attachment."""
         sock = socket.create_connection(("127.0.0.1", self._station.port), LIMIT)
         sock.sendall(f"{console} mode={mode}\n".encode())
         self.sockets.append(sock)

@@ -7,7 +7,7 @@ from harness.peers import User
 HIDE = b"\xff\xfb\x01"
 SHOW = b"\xff\xfc\x01"
 
-# What may be sent in all, in one line, and how often a pair may be given.
+# The limits: bytes in all, bytes in one line, and tries.
 BYTES = 8192
 LINE = 1023
 TRIES = 3

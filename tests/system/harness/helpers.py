@@ -1,4 +1,4 @@
-"""Password helpers of the tests' own, and the machine's files that logins depend on."""
+"""The tests' own password helpers, and the machine's files that logins depend on."""
 
 import contextlib
 import os
@@ -13,7 +13,7 @@ from harness.isolation import parent_of, unmount
 from harness.station import Station
 from harness.waiting import wait_until
 
-# Keeps what it reads in a file of its own and accepts what stands in a file of "valid".
+# Keeps what it reads in a file of its own and accepts what a file in "valid" holds.
 KEEPING = """#!/bin/sh
 kept=$(mktemp {seen}/part.XXXXXXXXXX) || exit 9
 cat > "$kept"
@@ -40,7 +40,7 @@ kill -SEGV $$
 
 
 class FakeHelper:
-    """A password helper of the test's own in the place of the station's."""
+    """A password helper of the test's own, in place of the station's."""
 
     def __init__(self, station: Station) -> None:
         self.root = station.root

@@ -1,5 +1,5 @@
-"""What listens where zevctl looks for the daemon: a program of any user's that takes down what it
-is told, and a daemon that answers as a test wants."""
+"""What listens where zevctl looks for the daemon: a program of any user's that records what it is
+told, and a daemon that answers as a test wants."""
 
 import contextlib
 import socket
@@ -15,7 +15,7 @@ from harness.waiting import wait_until
 STRANGER = 64123  # a user and a group that no station has
 
 # Takes its address, port, options and greeting from the command line; what it receives goes to
-# standard output, behind a line that tells that it listens.
+# standard output, after a line that says that it listens.
 _PROGRAM = """
 import os, socket, sys
 address, port, options, greeting = sys.argv[1:]
@@ -69,7 +69,7 @@ class Impostor(Closing):
         return self._trace.read_bytes().removeprefix(b"listening\n")
 
     def told(self) -> bytes:
-        """All that it was told by those who have come and gone; there must have been some."""
+        """All that it was told by clients that have left; there must have been one."""
         wait_until(lambda: self.said().endswith(b"<end>"), what="the end of a connection")
         return self.said().replace(b"<end>", b"")
 
@@ -79,7 +79,7 @@ class Impostor(Closing):
 
 
 def console_record(name: bytes, address: bytes = b"127.0.0.1", state: bytes = b"0") -> bytes:
-    """A console as the command port tells of it."""
+    """A console as the command port describes it."""
     return struct.pack("<64s64sHH64s64s2s2s", name, address, 1, 2, b"A200", b"sys1", state, b"0")
 
 

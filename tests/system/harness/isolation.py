@@ -52,7 +52,7 @@ def _raise_loopback() -> None:
 
 
 def _hide_system_log() -> None:
-    """What daemons under test do is nothing for the machine's own log."""
+    """Keep what daemons under test do out of the machine's own log."""
     log = os.path.realpath("/dev/log")
     if os.path.exists(log) and not os.path.samefile(log, "/dev/null"):
         _checked(_libc.mount(b"/dev/null", os.fsencode(log), None, MS_BIND, None), f"hide {log}")
@@ -62,7 +62,7 @@ def enter_private_namespaces(root: Path) -> None:
     """Move the calling thread into new namespaces and give it an empty root directory.
 
     Everything that it starts from then on (threads, daemons, consoles) lives there too. The
-    namespaces of the test before vanish with the last process that was in them.
+    previous test's namespaces vanish with the last process that was in them.
     """
     assert threading.current_thread() is threading.main_thread(), "daemons need the main thread"
     _checked(_libc.unshare(CLONE_NEWNS | CLONE_NEWNET), "unshare")
@@ -188,7 +188,7 @@ def end_with_parent() -> None:
 
 
 def children() -> set[int]:
-    """The ids of this process' children, zombies included."""
+    """The ids of this process's children, zombies included."""
     found = set()
     for entry in os.listdir("/proc"):
         if entry.isdigit() and parent_of(int(entry)) == os.getpid():

@@ -14,14 +14,14 @@ from harness.waiting import LIMIT, wait_until
 
 ARCHIVING = "ArchiveLogDir: Archiving log directory"
 
-# Ends the daemon's wait for a telnet negotiation, which would take a second of every test.
+# Ends the daemon's wait for a telnet negotiation, which would cost every test a second.
 _GREETING = b"ready\r\n"
 
 _STAMP = STAMP.encode()
 
 
 def dated(station: Station) -> Path:
-    """The directory of dated directories."""
+    """The directory that holds the dated directories."""
     return station.logs / "zev.dated"
 
 
@@ -36,7 +36,7 @@ def log_of(station: Station, name: str) -> Path:
 
 
 def consolidated(station: Station) -> Path:
-    """The log of what nobody watched."""
+    """The log of output that nobody watched."""
     return log_of(station, "consolidated")
 
 
@@ -86,7 +86,7 @@ def of_console(found: list[tuple[str, bytes]], name: str) -> list[bytes]:
 
 
 def wait_records(path: Path, expected: list[bytes], limit: float = LIMIT) -> None:
-    """Wait until a console's log holds as many records as expected; they must be just these."""
+    """Wait until a console's log holds as many records as expected; they must be equal."""
     wait_until(lambda: len(records(path)) >= len(expected), limit,
                f"{len(expected)} records in {path}")
     found = records(path)
@@ -94,7 +94,7 @@ def wait_records(path: Path, expected: list[bytes], limit: float = LIMIT) -> Non
 
 
 def difference(found: list[bytes], expected: list[bytes]) -> str:
-    """Where two lists of records part."""
+    """Where two lists of records differ."""
     for number, (have, want) in enumerate(zip(found, expected)):
         if have != want:
             return f"record {number} of {len(found)} is {have!r} and not {want!r}"
@@ -102,7 +102,7 @@ def difference(found: list[bytes], expected: list[bytes]) -> str:
 
 
 def bring_up(station: Station, *consoles: FakeConsole, options: tuple[str, ...] = ()) -> None:
-    """Start the daemon and have the consoles connected, with nothing in their logs yet.
+    """Start the daemon; wait until the consoles are connected, and empty their logs.
 
     All but a waker must be logged. Needs no debug level.
     """
@@ -137,7 +137,7 @@ def add_waker(station: Station) -> FakeConsole:
 
 @pytest.fixture
 def waker(station):
-    """Spares the test the daemon's pauses."""
+    """A console that spares the test the daemon's pauses."""
     return add_waker(station)
 
 
@@ -163,7 +163,7 @@ def wait_awake(station: Station, waker: FakeConsole, wanted: str, after: int,
 
 
 def reload_awake(station: Station, waker: FakeConsole) -> int:
-    """Have the files read again; the position from which that shows. Needs debug level 3."""
+    """Have the files read again; return the position before that. Needs debug level 3."""
     position = station.mark()
     station.signal(signal.SIGHUP)
     wait_awake(station, waker, "Entering GetZevdArchIntFromConfFile", after=position)
@@ -171,7 +171,7 @@ def reload_awake(station: Station, waker: FakeConsole) -> int:
 
 
 def set_interval(station: Station, days: int) -> None:
-    """Have the daemon take another archive interval."""
+    """Have the daemon use another archive interval."""
     (station.config / "qor.conf").write_text(f"ZEVD_ARCH_INT={days}\n")
     station.signal(signal.SIGHUP)
 
@@ -183,7 +183,7 @@ def rotate(station: Station, waker: FakeConsole) -> None:
     position = wait_awake(station, waker, ARCHIVING, after=position)
     set_interval(station, 7)
     position = wait_awake(station, waker, "Entering GetZevdArchIntFromConfFile", after=position)
-    # The end of that pass: it does not archive any more.
+    # That pass has ended: the next one does not archive.
     wait_awake(station, waker, "Entering LogDirExpired", after=position, count=2)
 
 

@@ -1,4 +1,4 @@
-"""What stands in the memory of a process."""
+"""Searching the memory of a process."""
 
 from typing import BinaryIO, Iterator
 
@@ -41,7 +41,7 @@ def _holds(memory: BinaryIO, start: int, end: int, wanted: bytes) -> bool:
 
 
 def _piece(memory: BinaryIO, position: int, size: int) -> bytes:
-    """What is there; nothing where it was unmapped meanwhile, or behind the end of its file."""
+    """The bytes there; none where they were unmapped meanwhile, or past the end of the file."""
     try:
         memory.seek(position)
         return memory.read(size)

@@ -1,6 +1,6 @@
-/* Takes from a program what it learns by, and holds it still where it connects.
+/* Keeps a program from learning who listens, and holds it still where it connects.
  *
- *   HIDE_NETLINK  no netlink socket can be had
+*   HIDE_NETLINK  no netlink socket can be made
  *   HIDE_PROC     the tables of /proc/net cannot be opened
  *   GATE          a directory: before a connection over IPv4 is begun, the file "reached" is made
  *                 there, and the file "open" is waited for

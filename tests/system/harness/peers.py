@@ -87,7 +87,7 @@ class Peer(Closing):
         self._floods: list[Flood] = []
 
     def adopt(self, sock: socket.socket) -> None:
-        """Go on with this connection; what the one before brought is forgotten."""
+        """Go on with this connection; what the previous one brought is forgotten."""
         self._disconnect()
         sock.settimeout(stretched(LIMIT))
         if sock.family == socket.AF_INET:  # what was sent has arrived, whatever came before it
@@ -130,7 +130,7 @@ class Peer(Closing):
             self._ended = not data
             self._changed.notify_all()
 
-    # What a script says
+    # Sending
 
     def send(self, data: bytes) -> None:
         """Send all of it; fails when the other end takes nothing for too long."""
@@ -142,7 +142,7 @@ class Peer(Closing):
         return self._floods[-1]
 
     def stop_reading(self) -> None:
-        """Take nothing more out of the connection, as a stalled program would."""
+        """Read nothing more from the connection, as a stalled program would."""
         self._set_reading(False)
 
     def read_again(self) -> None:
@@ -178,7 +178,7 @@ class Peer(Closing):
         self.socket.close()
         self.socket = None
 
-    # What a script looks at
+    # Receiving
 
     @property
     def received(self) -> bytes:
@@ -193,7 +193,7 @@ class Peer(Closing):
             return bytes(self._received[self._position:])
 
     def expect(self, data: bytes, limit: float = LIMIT) -> bytes:
-        """Wait for the data; return what came before it and go on behind it."""
+        """Wait for the data; return what came before it and go on after it."""
         with self._changed:
             self._wait(lambda: self._received.find(data, self._position) >= 0, limit,
                        f"{_short(data)}")
@@ -205,7 +205,7 @@ class Peer(Closing):
     def expect_exactly(self, data: bytes, limit: float = LIMIT) -> None:
         """Wait for the data, which must be the very next that arrives.
 
-        What follows is not judged: to see that nothing else came, let something known follow.
+        What follows is not checked: to see that nothing else came, let something known follow.
         """
         seen = 0
 

@@ -1,4 +1,4 @@
-"""Libraries of this directory that are loaded into a program before its own."""
+"""Libraries of this directory that are loaded into a program before its own ones."""
 
 import subprocess
 from pathlib import Path

@@ -1,4 +1,4 @@
-"""What several test files play: a reload, a daemon held still, numbered output, what is used up."""
+"""Steps that several test files share: a reload, a stopped daemon, numbered output, its usage."""
 
 import contextlib
 import os
@@ -21,7 +21,7 @@ NOT_FOUND, NOT_ACCESSIBLE, DISABLED = (ERRORS[number] for number in (4, 5, 12))
 THREADS = 5  # that live as long as the daemon
 
 # For a daemon that is told to end while its main thread makes records: a sanitizer's look for leaks
-# would wait for ever for a lock that the interrupted allocation holds.
+# would wait forever for a lock that the interrupted allocation holds.
 NO_LEAK_CHECK = sanitizer_options("detect_leaks=0")
 
 
@@ -100,7 +100,7 @@ def serves(user: Peer, console: Peer) -> None:
 
 
 def leave(station: Station, user: User) -> None:
-    """The user goes, and the daemon has removed the record; needs debug level 1.
+    """Have the user leave and the daemon remove the record; needs debug level 1.
 
     Until then what the console prints meets a connection that is closed, and a failed send costs
     the console's next user the connection.
@@ -128,7 +128,7 @@ def print_and_wait(station: Station, console: FakeConsole, text: bytes) -> None:
 
 
 def echo_time(user: Peer, console: Peer, key: bytes, limit: float) -> float:
-    """How long a key takes to the console, and what the console answers to come back."""
+    """How long a key takes to the console, and the console's answer back to the user."""
     start = time.monotonic()
     user.send(key)
     console.expect(key, limit)
@@ -139,7 +139,7 @@ def echo_time(user: Peer, console: Peer, key: bytes, limit: float) -> float:
 
 
 def numbered(count: int, start: int = 0) -> bytes:
-    """Lines of 40 bytes that tell their place."""
+    """Lines of 40 bytes that hold their position."""
     return b"".join(b"%08d the quick brown fox jumps ove\r\n" % number
                     for number in range(start, start + count))
 
@@ -163,7 +163,7 @@ def wait_reloaded(station: Station, position: int, count: int = 1) -> None:
 
 
 def wrapped(station: Station, commands: str) -> None:
-    """Have a shell start the daemon in its own place, after these commands."""
+    """Have a shell run these commands and then become the daemon."""
     wrapper = station.root / "wrapper"
     wrapper.write_text(f'#!/bin/bash\n{commands}\nexec {station.program} "$@"\n')
     wrapper.chmod(0o755)
@@ -172,7 +172,7 @@ def wrapped(station: Station, commands: str) -> None:
 
 @contextlib.contextmanager
 def held_still(station: Station):
-    """Stop every thread of the daemon; what happens meanwhile, it finds all at once."""
+    """Stop every thread of the daemon, so that it finds all that happens meanwhile at once."""
     station.signal(signal.SIGSTOP)
     try:
         wait_until(lambda: _states(station.pid) == {"T"}, what="every thread to stop")
@@ -210,7 +210,7 @@ def assert_flat(station: Station, before: Usage, memory: int) -> None:
     """Wait until the daemon holds no more than before; its memory may have grown a little.
 
     The memory of a sanitizer build says nothing: such a build keeps what was freed, and finds
-    what was lost by itself.
+    leaks by itself.
     """
     def settled() -> bool:
         now = Usage.of(station)
@@ -225,7 +225,7 @@ def assert_flat(station: Station, before: Usage, memory: int) -> None:
 
 
 def wait_serving_nobody(station: Station) -> int:
-    """Wait until only the threads are left that live as long as the daemon; how many they are."""
+    """Wait until only the threads that live as long as the daemon are left; return their number."""
     # ThreadSanitizer has one of its own.
     rest = THREADS + ("libtsan" in _mapped(station.pid))
     wait_until(lambda: station.threads() == rest, what=f"{rest} threads")

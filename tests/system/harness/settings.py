@@ -42,5 +42,5 @@ def patience() -> float:
 
 
 def sanitizer_options(added: str) -> dict[str, str]:
-    """What has to be in the environment of a daemon under AddressSanitizer for more options."""
+    """The environment that gives a daemon under AddressSanitizer further options."""
     return {"ASAN_OPTIONS": f"{os.environ.get('ASAN_OPTIONS', '')} {added}".strip()}

@@ -12,7 +12,7 @@
 #include <unistd.h>
 
 struct clock {
-  _Atomic int64_t held_at; /* the second at which it stands still; 0 when it goes with the machine's */
+  _Atomic int64_t held_at; /* the second at which it stands; 0 when it goes with the machine's */
   _Atomic int64_t ahead;   /* seconds to be added */
 };
 

@@ -1,6 +1,5 @@
-/* Loaded into the daemon before the C library: makes it years since anything was heard of peers whose
-   ports a file names, as far as the kernel's word on a connection goes. The file may change at any
-   time. */
+/* Loaded into the daemon before the C library: makes the kernel report that nothing was heard for a
+   long time from the peers whose ports a file names. The file may change at any time. */
 #define _GNU_SOURCE
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -34,7 +33,8 @@ __attribute__((constructor)) static void map_silence(void) {
 static int is_silent(int sock) {
   struct sockaddr_in peer = {0};
   socklen_t size = sizeof peer;
-  if (getpeername(sock, (struct sockaddr *)&peer, &size) != 0 || peer.sin_family != AF_INET) return 0;
+  if (getpeername(sock, (struct sockaddr *)&peer, &size) != 0) return 0;
+  if (peer.sin_family != AF_INET) return 0;
   for (size_t i = 0; i < sizeof wanted->ports / sizeof wanted->ports[0]; ++i) {
     if (atomic_load(&wanted->ports[i]) == ntohs(peer.sin_port)) return 1;
   }

@@ -150,7 +150,7 @@ class Station:
 
     def run(self, *options: str, argv0: str | None = None,
             env: dict[str, str] | None = None) -> subprocess.CompletedProcess[str]:
-        """Run the program to its end, for what does not stay; never through a shell."""
+        """Run the program until it ends by itself; never through a shell."""
         done = subprocess.run([argv0 or str(self.program), *options], executable=self.program,
                               stdin=subprocess.DEVNULL, capture_output=True,
                               encoding="latin-1", env=_environment(env),
@@ -199,7 +199,7 @@ class Station:
         return self.log.text(after)
 
     def mark(self) -> int:
-        """The present end of the daemon's output: a position for `after`."""
+        """The current end of the daemon's output: a position for `after`."""
         return self.log.size()
 
     def wait_connected(self, name: str, after: int = 0) -> Found:
@@ -221,7 +221,7 @@ class Station:
 
     def ask(self, console: str, mode: str | None = None, user: str | None = None,
             addr: str | None = None, buffer: int | None = None) -> User:
-        """A user who has sent the argument line; what comes of it is the test's to see."""
+        """A user who has sent the argument line; the test checks the answer."""
         return self._keep(User.attach(self.port, console, mode, user, addr, buffer))
 
     def mapped(self, port: int, line: bytes = b"\n") -> User:

@@ -37,7 +37,7 @@ class SystemLog:
         self._socket.setblocking(False)
 
     def close(self) -> None:
-        """Be gone, as a logger that is not running."""
+        """Close the socket, like a logger that is not running."""
         self._socket.close()
         self.path.unlink()
 
@@ -54,14 +54,14 @@ class SystemLog:
         return [entry for entry in parsed if what in (None, entry["what"])]
 
     def wait(self, what: str, count: int = 1, limit: float = LIMIT) -> list[dict[str, str]]:
-        """Wait until there are so many entries of this kind."""
+        """Wait until there are this many entries of this kind."""
         wait_until(lambda: len(self.entries(what)) >= count, limit,
                    f"{count} entries of {what!r} in {self.raw()}")
         return self.entries(what)
 
 
 def parse(entry: bytes) -> dict[str, str]:
-    """One entry taken apart; every part of it must be as it should be."""
+    """One entry, parsed; every part of it must be valid."""
     text = entry.decode("ascii")
     head = _HEAD.match(text)
     assert head, text
@@ -94,7 +94,7 @@ def _fill(copy: Path, devices: Path) -> None:
 
 
 def enter_private_devices() -> Path:
-    """Give the test's namespace a /dev with everything that is in the machine's, but its log.
+    """Give the test's namespace a /dev with everything that is in the machine's except its log.
 
     Nothing of the copy stays where a clean-up by name could reach the machine's own devices.
     """

@@ -59,7 +59,7 @@ def _copy_descriptor(pid: int, descriptor: int) -> int:
 
 
 def hurry(sock: socket.socket) -> None:
-    """Have the kernel ask the peer of this socket every second, and give it up after two."""
+    """Have the kernel ask the peer of this socket every second, and give up after two."""
     for option in (socket.TCP_KEEPIDLE, socket.TCP_KEEPINTVL, socket.TCP_KEEPCNT):
         sock.setsockopt(socket.IPPROTO_TCP, option, 1)
 
@@ -72,7 +72,7 @@ def waiting(sock: socket.socket) -> int:
 
 
 class Silence:
-    """Adds minutes to the time since the kernel of the daemon started with `env` heard of peers."""
+    """Adds minutes to the silence of peers, as the daemons that are started with `env` see it."""
 
     def __init__(self, scratch: Path) -> None:
         self._library = preload.build("silent_peers", scratch)
@@ -85,7 +85,7 @@ class Silence:
         return preload.environment(self._library, SILENT_PEERS=str(self._settings))
 
     def add(self, seconds: int, *peers: Peer) -> None:
-        """Nothing has been heard of these peers for so much longer; of others, for no longer."""
+        """Make these peers silent for this much longer, and no others."""
         ports = [peer.socket.getsockname()[1] for peer in peers]
         with open(self._settings, "r+b", buffering=0) as file:
             file.write(struct.pack("=9I", seconds * 1000, *ports, *[0] * (8 - len(ports))))

@@ -73,7 +73,7 @@ def is_listening(port: int) -> bool:
 
 
 def connections_of(port: int) -> int:
-    """How many connections to the port whoever listens there has not closed, taken or not."""
+    """How many connections to the port its listener has not closed, accepted or not."""
     return sum(local == port and state in (_ESTABLISHED, _CLOSE_WAIT)
                for local, state in _sockets())
 

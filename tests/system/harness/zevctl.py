@@ -20,7 +20,7 @@ OK, FAILED, USAGE, NO_DAEMON, NOT_ADMITTED, NO_SUCH_CONSOLE, NOT_ACCESSIBLE, IN_
 
 
 def environment(**changes: str) -> dict[str, str]:
-    """The test's environment without what would steer the client, and with the changes."""
+    """The test's environment, without what would affect the client, and with the changes."""
     kept = {name: value for name, value in os.environ.items()
             if not name.startswith("ZEVCTL_") and name not in ("NO_COLOR", "SUDO_USER")}
     return {**kept, "TERM": "xterm", **changes}
