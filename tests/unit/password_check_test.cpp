@@ -108,7 +108,7 @@ TEST_F(PasswordCheckTest, ScriptWithoutAFirstLineOfItsOwnIsTheShells) {
 TEST_F(PasswordCheckTest, HelperInheritsThreeDescriptorsAndTwoVariables) {
   Install(
       "#!/bin/bash\ncat > /dev/null\ntr '\\0' '\\n' < /proc/$$/environ > root/environment\n"
-      "ls /proc/$$/fd | grep -v '^255$' > root/descriptors\n");
+      "ls /proc/$$/fd > root/all\ngrep -v '^255$' root/all > root/descriptors\n");
   const int inheritable = open("/dev/null", O_RDONLY);
   setenv("ZEVD_TEST_SECRET", "x", 1);
   Ask("anna", "secret", "192.0.2.4");
@@ -120,7 +120,9 @@ TEST_F(PasswordCheckTest, HelperInheritsThreeDescriptorsAndTwoVariables) {
 }
 
 TEST_F(PasswordCheckTest, HelperHasNoSignalBlocked) {
-  Install("#!/bin/sh\ncat > /dev/null\ngrep -E '^Sig(Blk|Ign)' /proc/$$/status > root/signals\n");
+  Install(
+      "#!/bin/sh\ncat > /dev/null\nexec grep -E '^Sig(Blk|Ign)' /proc/self/status > "
+      "root/signals\n");
   sigset_t saved;
   sigset_t blocked;
   sigemptyset(&blocked);
