@@ -5,21 +5,14 @@
 #include <filesystem>
 #include <string>
 
-#include "answer.h"
-#include "attach.h"
-#include "cmd_mon.h"
-#include "command.h"
 #include "cons_conn.h"
-#include "console.h"
 #include "console_lists.h"
 #include "control.h"
+#include "file_support.h"
 #include "lists.h"
 #include "log.h"
 #include "options.h"
-#include "query.h"
-#include "support.h"
-#include "threads.h"
-#include "zev.h"
+#include "relay_support.h"
 
 namespace {
 

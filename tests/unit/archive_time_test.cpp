@@ -1,14 +1,29 @@
 #include "archive_time.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <ios>
+#include <iterator>
+#include <string>
+#include <vector>
 
+#include "daemon_support.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "file_support.h"
+#include "options.h"
 #include "paths.h"
-#include "support.h"
+#include "zev.h"
 
 namespace {
 

@@ -3,26 +3,29 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "error.h"
+#include "debug_support.h"
+#include "failure_support.h"
 #include "lists.h"
 #include "options.h"
+#include "relay_support.h"
 #include "serv_conn.h"
-#include "support.h"
-#include "threads.h"
-#include "user.h"
-#include "user_conn.h"
-#include "waker.h"
-#include "zev.h"
 
 namespace {
 
@@ -31,20 +34,17 @@ using test::Attached;
 using test::AttachUser;
 using test::DebugCapture;
 using test::Descriptor;
+using test::FailAllocation;
+using test::FailCall;
 using test::SocketPair;
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using ::testing::ElementsAreArray;
 
+constexpr char kOutOfMemoryText[] = "013 - Out of memory.\r\n";
 constexpr char kOffers[] = "\xFF\xFB\x01\xFF\xFB\x03";
 
-constexpr char kRule[] =
-    "******************************************************************************";
-static_assert(sizeof kRule == 78 + 1);
-
 std::string RevocationBanner(const std::string& user_at_address) {
-  return std::string("\a\a\a\a\a\r\n\r\n") + kRule +
-         "\r\n\r\nYour session has been terminated by " + user_at_address + "\r\n\r\n" + kRule +
-         "\r\n\r\n";
+  return test::Banner("Your session has been terminated by " + user_at_address);
 }
 
 class AttachTest : public test::RelayTest {
@@ -110,8 +110,7 @@ class AttachTest : public test::RelayTest {
   ConsoleNode* console_ = AddConnected("sys1");
 };
 
-// ---- Consoles that cannot be had
-// -----------------------------------------------------------------
+// ---- Consoles that cannot be had ----------------------------------------------------------------
 
 TEST_F(AttachTest, UnknownConsole) {
   ExpectRefused("Sys1", kShared, "004 - Console not found.\r\n", "Console \"Sys1\" not found.");
@@ -164,8 +163,7 @@ TEST_F(AttachTest, DeletedConsoleRevokesNobody) {
   EXPECT_EQ(test::ReceiveAvailable(holder.peer.get()), "");
 }
 
-// ---- Modes side by side
-// ----------------------------------------------------------------------------
+// ---- Modes side by side -------------------------------------------------------------------------
 
 TEST_F(AttachTest, ReadOnlyIsAlwaysAdmitted) {
   for (const int holder_mode : {1, 2, 3, 4}) {
@@ -236,8 +234,7 @@ TEST_F(AttachTest, GrantAndRevocationLookAtEveryUser) {
   EXPECT_TRUE(IsLockedExclusively(console_));
 }
 
-// ---- Revocation
-// -------------------------------------------------------------------------------------
+// ---- Revocation ---------------------------------------------------------------------------------
 
 TEST_F(AttachTest, EveryWriterRevokesTheRevocableHolder) {
   for (const int mode : {2, 3, 4}) {
@@ -308,8 +305,7 @@ TEST_F(AttachTest, HolderWhoIsGoneIsRevokedAllTheSame) {
   EXPECT_EQ(holder.node->connected, 0);
 }
 
-// ---- What is sent
-// ------------------------------------------------------------------------------------
+// ---- What is sent -------------------------------------------------------------------------------
 
 TEST_F(AttachTest, PlainConsoleSendsTheOffersAlone) {
   EXPECT_EQ(Attach("sys1", kShared).Received(), kOffers);
@@ -376,8 +372,7 @@ TEST_F(AttachToBusyConsoleTest, UserWhoLeavesDuringTheReplayIsMarked) {
   EXPECT_TRUE(IsUserInUserList(user_list->head->unode, busy_->user_list));
 }
 
-// ---- What is recorded
-// --------------------------------------------------------------------------------
+// ---- What is recorded ---------------------------------------------------------------------------
 
 TEST_F(AttachTest, UserStandsAtTheTailOfBothLists) {
   const Attached<UserNode> first = AddUser(kReadOnly);
@@ -419,8 +414,7 @@ TEST_F(AttachTest, AttachmentEndsTheWaitForInput) {
   EXPECT_GT(wait.tv_sec, 0);
 }
 
-// ---- Locks
-// --------------------------------------------------------------------------------------------
+// ---- Locks --------------------------------------------------------------------------------------
 
 /// The lock of a trace line, by its address, with what happened to it.
 std::string LockEvent(const std::string& line) {
@@ -467,22 +461,21 @@ TEST_F(AttachTest, InaccessibleListIsSearchedWhenTheOtherLockIsReleased) {
 
 TEST_F(AttachTest, FailingLockIsReportedAndTheWorkGoesOn) {
   const DebugCapture debug;
-  const test::FailCall failure(test::Call::kWrlock, EDEADLK, 1, 1);
+  const FailCall failure(test::Call::kWrlock, EDEADLK, 1, 1);
   EXPECT_EQ(Attach("sys1", kShared).result, 0);
   EXPECT_EQ(debug.Messages().front(),
             "ConnectUserToConsole: pthread_rwlock_wrlock failed : Resource deadlock avoided\n");
   EXPECT_EQ(user_list->count, 1);
 }
 
-// ---- Out of memory
-// --------------------------------------------------------------------------------------
+// ---- Out of memory ------------------------------------------------------------------------------
 
 TEST_F(AttachTest, NoMemoryForTheRecord) {
   const DebugCapture debug(kDetail);
-  const test::FailAllocation failure(1);
+  const FailAllocation failure(1);
   const Caller caller = Attach("sys1", kShared);
   EXPECT_EQ(caller.result, -1);
-  EXPECT_STREQ(u_err_msg, "013 - Out of memory.\r\n");
+  EXPECT_STREQ(u_err_msg, kOutOfMemoryText);
   EXPECT_THAT(debug.Messages(),
               ElementsAre("NewUserNode: malloc() failed : Cannot allocate memory\n",
                           AnnouncesDaemonError("Out of memory"),
@@ -501,7 +494,7 @@ class AttachWithoutMemoryTest : public AttachTest {
 
   /// Attaches a user; allocation number `failing` is refused.
   static Caller AttachWithFailure(int failing) {
-    const test::FailAllocation failure(failing);
+    const FailAllocation failure(failing);
     return Attach("sys1", kShared);
   }
 };
@@ -513,7 +506,7 @@ TEST_F(AttachWithoutMemoryTest, NothingIsLeftBehind) {
     SCOPED_TRACE(failing);
     const Caller caller = AttachWithFailure(failing);
     EXPECT_EQ(caller.result, -1);
-    EXPECT_STREQ(u_err_msg, "013 - Out of memory.\r\n");
+    EXPECT_STREQ(u_err_msg, kOutOfMemoryText);
     EXPECT_EQ(console_->ref_count, 1);
     for (const UserList* list : {console_->user_list, user_list}) {
       EXPECT_EQ(list->count, 1);
@@ -534,8 +527,7 @@ TEST_F(AttachWithoutMemoryTest, FailureOfTheSecondListIsReported) {
                           "ConnectUserToConsole: AddUserToList() failed.\n"));
 }
 
-// ---- Several at once
-// --------------------------------------------------------------------------------------
+// ---- Several at once ----------------------------------------------------------------------------
 
 TEST_F(AttachTest, OnlyOneOfManyGetsTheConsoleExclusively) {
   constexpr int kCallers = 8;
@@ -558,6 +550,149 @@ TEST_F(AttachTest, OnlyOneOfManyGetsTheConsoleExclusively) {
   EXPECT_EQ(attached, 1);
   EXPECT_EQ(user_list->count, 1);
   EXPECT_EQ(console_->ref_count, 1);
+}
+
+// ---- Tools that are handed over -----------------------------------------------------------------
+
+/// Keeps the leak checker from what is lost on purpose.
+class LossOnPurpose {
+ public:
+#if defined(__SANITIZE_ADDRESS__)
+  LossOnPurpose() {
+    __lsan_disable();
+  }
+  ~LossOnPurpose() {
+    __lsan_enable();
+  }
+#else
+  LossOnPurpose() {}
+  ~LossOnPurpose() {}
+#endif
+  LossOnPurpose(const LossOnPurpose&) = delete;
+  LossOnPurpose& operator=(const LossOnPurpose&) = delete;
+};
+
+/// A tool is handed over to the command port.
+class HandOverTest : public test::RelayTest {
+ protected:
+  HandOverTest() { EXPECT_TRUE(cmd_mon_waker.descriptor() != -1 || cmd_mon_waker.Open()); }
+  ~HandOverTest() override {
+    for (const CommandNode* tool : Nodes(*cmd_list)) close(tool->sock);
+  }
+};
+
+TEST_F(HandOverTest, HandedOverSocketIsListedAndEndsTheWait) {
+  cmd_mon_waker.Drain();
+  SocketPair pair;
+  const int sock = pair.ours.Release();
+  EXPECT_EQ(MonitorSocketForCommands(sock, "anna", "192.0.2.1"), 0);
+  ASSERT_EQ(cmd_list->count, 1);
+  const CommandNode* cnode = cmd_list->head->tool;
+  EXPECT_EQ(cnode->sock, sock);
+  EXPECT_EQ(cnode->connected, 1);
+  EXPECT_STREQ(cnode->user_name, "anna");
+  EXPECT_STREQ(cnode->ipaddr, "192.0.2.1");
+  EXPECT_TRUE(cmd_list->fdset.Contains(sock));
+  timeval wait = {10, 0};
+  DescriptorSet nobody;
+  EXPECT_EQ(WaitForMembers(-1, nobody, cmd_mon_waker, &wait), 0);
+  EXPECT_GT(wait.tv_sec, 0);
+}
+
+/// The set of watched sockets has to be allocated anew.
+void ForgetRoomOfSet() {
+  std::destroy_at(&cmd_list->fdset);
+  std::construct_at(&cmd_list->fdset);
+}
+
+/// The n-th allocation of a hand-over fails, and what is said about it.
+struct FailedHandOver {
+  int allocation;
+  std::vector<std::string> messages;
+};
+
+std::vector<FailedHandOver> FailedHandOvers() {
+  const std::string add_failed = "MonitorSocketForCommands: AddCommandToList() failed\n";
+  const std::string elem_failed = "AddCommandToList: NewCommandListElem() failed\n";
+  return {
+      {1,
+       {"NewCommandNode: malloc() failed : Cannot allocate memory\n",
+        "MonitorSocketForCommands: NewCommandNode() failed\n"}},
+      {2,
+       {"AddCommandToList: malloc() failed : Cannot allocate memory\n", elem_failed, add_failed}},
+      {3,
+       {"NewCommandListElem: malloc() failed : Cannot allocate memory\n", elem_failed,
+        add_failed}}};
+}
+
+TEST_F(HandOverTest, HandOverWithoutMemoryLeavesTheSocketToTheCaller) {
+  const LossOnPurpose node_of_a_connection_that_cannot_be_listed;
+  for (const FailedHandOver& expected : FailedHandOvers()) {
+    SCOPED_TRACE(expected.allocation);
+    ForgetRoomOfSet();
+    const SocketPair pair;
+    u_err_msg = nullptr;
+    const DebugCapture debug;
+    {
+      const FailAllocation failure(expected.allocation);
+      EXPECT_EQ(MonitorSocketForCommands(pair.ours.get(), "anna", "192.0.2.1"), -1);
+      EXPECT_TRUE(failure.reached());
+    }
+    EXPECT_STREQ(u_err_msg, kOutOfMemoryText);
+    EXPECT_THAT(debug.Messages(), ElementsAreArray(expected.messages));
+    EXPECT_TRUE(test::IsOpen(pair.ours.get()));
+    EXPECT_EQ(cmd_list->count, 0);
+    EXPECT_EQ(pthread_rwlock_trywrlock(cmd_lock.native()), 0);  // it has been released
+    pthread_rwlock_unlock(cmd_lock.native());
+  }
+}
+
+/// Carries a connection that asks for the command port through its service thread, whose n-th
+/// allocation fails. What the client receives until the end.
+std::string ServeWithoutMemory(int allocation) {
+  SocketPair pair;
+  test::SendText(pair.theirs.get(), "@@@@ user=anna\n");
+  auto* params = new ServiceReqThreadParams{};
+  params->sock = pair.ours.Release();
+  params->port = user_port;
+  CopyText(params->ipaddr, "192.0.2.1");
+  std::thread([&] {
+    const LossOnPurpose node_of_a_connection_that_cannot_be_listed;
+    const FailAllocation failure(allocation);
+    ServiceConnectionRequestThreadStart(params);
+    EXPECT_TRUE(failure.reached());
+  }).join();
+  return test::Receive(pair.theirs.get(), 1000);
+}
+
+TEST_F(HandOverTest, ClientWhoCannotBeHandedOverIsToldAndClosed) {
+  security_enabled = 0;
+  const SocketPair listening;
+  {
+    const PendingLoginsGuard guard(__func__);
+    MappedPortNode* mpnode = NewMappedPortNode(listening.ours.get(), user_port);
+    ASSERT_EQ(AddMappedPortToList(mpnode, mapped_port_list), 0);
+  }
+  const DebugCapture debug;
+  for (const int allocation : {1, 2, 3}) {
+    ForgetRoomOfSet();
+    EXPECT_EQ(ServeWithoutMemory(allocation), kOutOfMemoryText) << allocation;
+  }
+  EXPECT_EQ(debug.Count("MonitorSocketForCommands: NewCommandNode() failed\n"), 1);
+  EXPECT_EQ(debug.Count("MonitorSocketForCommands: AddCommandToList() failed\n"), 2);
+  EXPECT_EQ(cmd_list->count, 0);
+}
+
+TEST_F(HandOverTest, HandOverGoesOnWithoutTheLock) {
+  const DebugCapture debug;
+  SocketPair pair;
+  {
+    const FailCall failure(test::Call::kWrlock, EDEADLK, 1, 1);
+    EXPECT_EQ(MonitorSocketForCommands(pair.ours.Release(), "anna", "192.0.2.1"), 0);
+  }
+  EXPECT_THAT(debug.Messages(), ElementsAre("MonitorSocketForCommands: pthread_rwlock_wrlock "
+                                            "failed : Resource deadlock avoided\n"));
+  EXPECT_EQ(cmd_list->count, 1);
 }
 
 }  // namespace

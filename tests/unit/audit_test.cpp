@@ -1,7 +1,8 @@
 // What the system log is told, and what becomes of it when that takes nothing.
 #include "audit.h"
 
-#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -10,7 +11,9 @@
 #include <filesystem>
 #include <string>
 
-#include "support.h"
+#include "daemon_support.h"
+#include "debug_support.h"
+#include "file_support.h"
 
 namespace {
 

@@ -4,8 +4,6 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -13,12 +11,17 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <climits>
+#include <csignal>
 #include <cstdlib>
+#include <functional>
+#include <ostream>
 #include <string>
+#include <string_view>
 #include <system_error>
 
-#include "support.h"
+#include "failure_support.h"
+#include "file_support.h"
+#include "socket_support.h"
 
 namespace {
 

@@ -1,43 +1,34 @@
-// The console output monitor: replay ring, notices, relaying to users, messages and clean-up.
+// The steps of the console output monitor: notices, reading, waiting and clean-up.
 #include "cons_mon.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
+#include <ctime>
 #include <filesystem>
-#include <functional>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
-#include "console_users.h"
-#include "error.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "file_support.h"
 #include "lists.h"
-#include "load.h"
 #include "options.h"
-#include "signal_hold.h"
-#include "support.h"
-#include "threads.h"
+#include "relay_support.h"
 #include "user_mon.h"
-#include "waker.h"
-#include "zev.h"
-#include "zev_signal.h"
 
 namespace {
 
 using namespace std::string_view_literals;
-
 using test::AnnouncesDaemonError;
 using test::Attached;
 using test::AttachUser;
@@ -45,7 +36,6 @@ using test::Call;
 using test::ConnectConsole;
 using test::DebugCapture;
 using test::DebugMessages;
-using test::DebugTextsAre;
 using test::FailCall;
 using test::IsExitTrace;
 using test::ReceiveAvailable;
@@ -56,15 +46,6 @@ using ::testing::ExitedWithCode;
 using ::testing::Not;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
-
-constexpr char kRule[] =
-    "******************************************************************************";
-static_assert(sizeof kRule == 78 + 1);
-
-std::string Banner(const std::string& message) {
-  return std::string("\a\a\a\a\a\r\n\r\n") + kRule + "\r\n\r\n" + message + "\r\n\r\n" + kRule +
-         "\r\n\r\n";
-}
 
 class ConsoleMonitorTest : public test::RelayTest {
  protected:
@@ -84,114 +65,7 @@ class ConsoleMonitorTest : public test::RelayTest {
   Attached<ConsoleNode> console_ = ConnectConsole("sys1");
 };
 
-// ---- The replay ring ----------------------------------------------------------------------------
-
-class ReplayTest : public test::RelayTest {
- protected:
-  /// A console with a ring of `size` bytes.
-  static ConsoleNode* MakeRing(int size) {
-    cons_buf_size = size;
-    return test::AddConsole(a_cons_list, ("ring" + std::to_string(size)).c_str(), -1, kConnected);
-  }
-
-  static void Store(ConsoleNode* console, std::string_view text) {
-    BufferConsoleOutput(console, text.data(), static_cast<int>(text.size()));
-  }
-
-  static std::string Replay(ConsoleNode* console) {
-    const Attached<UserNode> user = AttachUser(console, "anna");
-    SendBufferedConsoleOutputToUser(console, user.node);
-    EXPECT_EQ(user.node->connected, 1);
-    return ReceiveAvailable(user.peer.get());
-  }
-};
-
-TEST_F(ReplayTest, WithoutARingNothingIsKept) {
-  ConsoleNode* console = MakeRing(0);
-  ASSERT_EQ(console->cons_buf.buf, nullptr);
-  Store(console, "login: ");
-  EXPECT_EQ(Replay(console), "");
-  EXPECT_EQ(console->cons_buf.head, 0);
-  EXPECT_EQ(console->cons_buf.tail, 0);
-}
-
-TEST_F(ReplayTest, RingOfOneByteHoldsNothing) {
-  ConsoleNode* console = MakeRing(1);
-  Store(console, "login: ");
-  EXPECT_EQ(Replay(console), "");
-}
-
-TEST_F(ReplayTest, NewRingIsEmpty) {
-  EXPECT_EQ(Replay(MakeRing(16)), "");
-}
-
-TEST_F(ReplayTest, ExactlyTheLastBytesAreKeptOldestFirst) {
-  const std::string text = "abcdefghijklmnopqrstuvwxyz";
-  for (int size = 1; size <= 12; ++size) {
-    SCOPED_TRACE(size);
-    ConsoleNode* console = MakeRing(size);
-    for (size_t length = 1; length <= text.size(); ++length) {
-      Store(console, text.substr(length - 1, 1));
-      const size_t kept = std::min(length, static_cast<size_t>(size - 1));
-      EXPECT_EQ(Replay(console), text.substr(length - kept, kept));
-      EXPECT_TRUE(console->cons_buf.head >= 0 && console->cons_buf.head < size);
-      EXPECT_TRUE(console->cons_buf.tail >= 0 && console->cons_buf.tail < size);
-    }
-  }
-}
-
-TEST_F(ReplayTest, ChunkMayBeLongerThanTheRing) {
-  ConsoleNode* console = MakeRing(8);
-  Store(console, "abc");
-  Store(console, std::string(1000, 'x') + "0123456789");
-  EXPECT_EQ(Replay(console), "3456789");
-}
-
-TEST_F(ReplayTest, AnyByteIsKept) {
-  ConsoleNode* console = MakeRing(8);
-  Store(console, "\0\xFF\r\n\0"sv);
-  EXPECT_EQ(Replay(console), "\0\xFF\r\n\0"sv);
-}
-
-TEST_F(ReplayTest, ReplayDoesNotChangeTheRing) {
-  ConsoleNode* console = MakeRing(8);
-  Store(console, "0123456789");
-  EXPECT_EQ(Replay(console), "3456789");
-  EXPECT_EQ(Replay(console), "3456789");
-  Store(console, "x");
-  EXPECT_EQ(Replay(console), "456789x");
-}
-
-TEST_F(ReplayTest, FailingSendMarksTheUserAndEndsTheReplay) {
-  ConsoleNode* console = MakeRing(8);
-  Store(console, "abcdef");
-  const Attached<UserNode> user = AttachUser(console, "anna");
-  const DebugCapture debug;
-  const FailCall failure(Call::kSend, EPIPE, 3, 1);
-  SendBufferedConsoleOutputToUser(console, user.node);
-  EXPECT_EQ(failure.calls(), 3);
-  EXPECT_EQ(ReceiveAvailable(user.peer.get()), "ab");
-  EXPECT_EQ(user.node->connected, 0);
-  EXPECT_THAT(debug.Messages(),
-              ElementsAre("SendBufferedConsoleOutputToUser: send() from console \"ring8\" failed : "
-                          "Broken pipe\n"));
-}
-
-TEST_F(ReplayTest, UserWhoTakesNothingIsGivenUpSoon) {
-  ConsoleNode* console = MakeRing(8);
-  Store(console, "abcdef");
-  const Attached<UserNode> user = AttachUser(console, "anna");
-  const std::string chunk(65536, 'x');
-  while (send(user.node->sock, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
-  }
-  const auto start = std::chrono::steady_clock::now();
-  SendBufferedConsoleOutputToUser(console, user.node);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-  EXPECT_EQ(user.node->connected, 0);
-}
-
-// ---- What is handed on
-// -------------------------------------------------------------------------------
+// ---- What is handed on --------------------------------------------------------------------------
 
 class DispatchTest : public ConsoleMonitorTest {
  protected:
@@ -324,8 +198,7 @@ TEST_F(DispatchTest, LastByteOfAFullChunkIsNotSeen) {
   ExpectDropped("~NET-I-" + padding.substr(1) + notice + "!");
 }
 
-// ---- Reading consoles
-// ---------------------------------------------------------------------------------
+// ---- Reading consoles ---------------------------------------------------------------------------
 
 TEST_F(ConsoleMonitorTest, OutputReachesEveryUser) {
   const Attached<UserNode> first = AddUser("anna", kReadOnly);
@@ -474,8 +347,46 @@ TEST_F(ConsoleMonitorTest, FailingReceiveMarksTheConsole) {
   }
 }
 
-// ---- Waiting
-// -------------------------------------------------------------------------------------------
+TEST_F(ConsoleMonitorTest, UserWhoTakesNothingHoldsBackOnlyHisConsole) {
+  const Attached<ConsoleNode> second = ConnectConsole("sys2");
+  const Attached<UserNode> stalled = AddUser("stalled");
+  const Attached<UserNode> beside = AddUser("beside");
+  const Attached<UserNode> elsewhere = AttachUser(second.node, "elsewhere");
+  test::FillUp(stalled.node->sock);
+  Print("one");
+  test::SendText(second.peer.get(), "two");
+  const auto start = std::chrono::steady_clock::now();
+  Pass();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
+  EXPECT_EQ(ReceiveAvailable(elsewhere.peer.get()), "two");
+  EXPECT_EQ(ReceiveAvailable(beside.peer.get()), "");
+  ReceiveAvailable(stalled.peer.get());
+  Pass();
+  EXPECT_EQ(ReceiveAvailable(beside.peer.get()), "one");
+  EXPECT_EQ(ReceiveAvailable(stalled.peer.get()), "one");
+  EXPECT_EQ(stalled.node->connected, 1);
+}
+
+TEST_F(ConsoleMonitorTest, UserWhoTakesNothingForTooLongIsMarked) {
+  const Attached<UserNode> stalled = AddUser("stalled");
+  const Attached<UserNode> beside = AddUser("beside");
+  test::FillUp(stalled.node->sock);
+  Print("one");
+  const DebugCapture debug;
+  EXPECT_TRUE(test::Eventually([&] {
+    Pass();
+    return stalled.node->connected == 0;
+  }));
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre("SendConsoleOutputToUsers: send() from console \"sys1\" failed : "
+                          "Resource temporarily unavailable\n"));
+  RemoveUserFromList(stalled.node, console_.node->user_list);
+  Pass();
+  EXPECT_EQ(ReceiveAvailable(beside.peer.get()), "one");
+  EXPECT_EQ(beside.node->connected, 1);
+}
+
+// ---- Waiting ------------------------------------------------------------------------------------
 
 TEST_F(ConsoleMonitorTest, WaitTellsWhichConsolesAreReadable) {
   const Attached<ConsoleNode> second = ConnectConsole("sys2");
@@ -589,169 +500,7 @@ TEST_F(ConsoleMonitorDeathTest, InterruptedWaitEndsTheProcess) {
       ExitedWithCode(1), EndsLikeAFailedWait());
 }
 
-// ---- Sending to users
-// -------------------------------------------------------------------------------------
-
-TEST_F(ConsoleMonitorTest, UsersAreSentToInListOrder) {
-  const Attached<UserNode> first = AddUser("anna");
-  const Attached<UserNode> second = AddUser("bert");
-  first.node->sock = dup(second.node->sock);  // both ends in one place show the order
-  SendConsoleOutputToUsers(console_.node, "ab", 2);
-  EXPECT_EQ(ReceiveAvailable(second.peer.get()), "abab");
-}
-
-TEST_F(ConsoleMonitorTest, NobodyIsSentAnythingWhenNobodyIsThere) {
-  const FailCall sends(Call::kSend, EPIPE, 1, 0);
-  SendConsoleOutputToUsers(console_.node, "ab", 2);
-  EXPECT_EQ(sends.calls(), 0);
-}
-
-TEST_F(ConsoleMonitorTest, WhatOneUserTookIsAllThatTheNextIsOffered) {
-  const Attached<UserNode> slow = AddUser("slow");
-  const Attached<UserNode> quick = AddUser("quick");
-  const Attached<UserNode> last = AddUser("last");
-  const timeval limit = {0, 50000};
-  setsockopt(slow.node->sock, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-  const std::string chunk(4 << 20, 'x');
-  std::string quick_got;
-  std::string last_got;
-  const auto drain = [](const Attached<UserNode>& user, std::string* got) {
-    return std::thread([&user, got] { *got = test::Receive(user.peer.get(), 8 << 20); });
-  };
-  std::thread quick_reader = drain(quick, &quick_got);
-  std::thread last_reader = drain(last, &last_got);
-  SendConsoleOutputToUsers(console_.node, chunk.data(), static_cast<int>(chunk.size()));
-  shutdown(quick.node->sock, SHUT_WR);
-  shutdown(last.node->sock, SHUT_WR);
-  quick_reader.join();
-  last_reader.join();
-  const size_t taken = ReceiveAvailable(slow.peer.get()).size();
-  EXPECT_GT(taken, 0U);
-  EXPECT_LT(taken, chunk.size());
-  EXPECT_EQ(quick_got.size(), taken);
-  EXPECT_EQ(last_got.size(), taken);
-  for (const UserNode* user : {slow.node, quick.node, last.node}) EXPECT_EQ(user->connected, 1);
-}
-
-TEST_F(ConsoleMonitorTest, FailedSendMakesEveryFollowingOneFail) {
-  const Attached<UserNode> first = AddUser("first");
-  Attached<UserNode> gone = AddUser("gone");
-  const Attached<UserNode> next = AddUser("next");
-  const Attached<UserNode> last = AddUser("last");
-  gone.peer.Reset();
-  const DebugCapture debug(kTrace);
-  SendConsoleOutputToUsers(console_.node, "abc", 3);
-  EXPECT_EQ(ReceiveAvailable(first.peer.get()), "abc");
-  EXPECT_EQ(ReceiveAvailable(next.peer.get()), "");
-  EXPECT_EQ(ReceiveAvailable(last.peer.get()), "");
-  EXPECT_EQ(first.node->connected, 1);
-  for (const UserNode* user : {gone.node, next.node, last.node}) EXPECT_EQ(user->connected, 0);
-  constexpr char kStart[] = "SendConsoleOutputToUsers: send() from console \"sys1\" failed : ";
-  EXPECT_THAT(
-      test::Containing(debug.Messages(), " failed : "),
-      ElementsAre(std::string(kStart) + "Broken pipe\n", std::string(kStart) + "Bad address\n",
-                  std::string(kStart) + "Bad address\n"));
-}
-
-TEST_F(ConsoleMonitorTest, NextChunkIsSentInFullAgain) {
-  Attached<UserNode> gone = AddUser("gone");
-  const Attached<UserNode> user = AddUser("anna");
-  gone.peer.Reset();
-  SendConsoleOutputToUsers(console_.node, "abc", 3);
-  RemoveUserFromList(gone.node, console_.node->user_list);
-  SendConsoleOutputToUsers(console_.node, "def", 3);
-  EXPECT_EQ(ReceiveAvailable(user.peer.get()), "def");
-}
-
-TEST_F(ConsoleMonitorTest, UserWhoTakesNothingHoldsBackOnlyHisConsole) {
-  const Attached<ConsoleNode> second = ConnectConsole("sys2");
-  const Attached<UserNode> stalled = AddUser("stalled");
-  const Attached<UserNode> beside = AddUser("beside");
-  const Attached<UserNode> elsewhere = AttachUser(second.node, "elsewhere");
-  const std::string chunk(65536, 'x');
-  while (send(stalled.node->sock, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
-  }
-  Print("one");
-  test::SendText(second.peer.get(), "two");
-  const auto start = std::chrono::steady_clock::now();
-  Pass();
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
-  EXPECT_EQ(ReceiveAvailable(elsewhere.peer.get()), "two");
-  EXPECT_EQ(ReceiveAvailable(beside.peer.get()), "");
-  ReceiveAvailable(stalled.peer.get());
-  Pass();
-  EXPECT_EQ(ReceiveAvailable(beside.peer.get()), "one");
-  EXPECT_EQ(ReceiveAvailable(stalled.peer.get()), "one");
-  EXPECT_EQ(stalled.node->connected, 1);
-}
-
-TEST_F(ConsoleMonitorTest, UserWhoTakesNothingForTooLongIsMarked) {
-  const Attached<UserNode> stalled = AddUser("stalled");
-  const Attached<UserNode> beside = AddUser("beside");
-  const std::string chunk(65536, 'x');
-  while (send(stalled.node->sock, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
-  }
-  Print("one");
-  const DebugCapture debug;
-  EXPECT_TRUE(test::Eventually([&] {
-    Pass();
-    return stalled.node->connected == 0;
-  }));
-  EXPECT_THAT(debug.Messages(),
-              ElementsAre("SendConsoleOutputToUsers: send() from console \"sys1\" failed : "
-                          "Resource temporarily unavailable\n"));
-  RemoveUserFromList(stalled.node, console_.node->user_list);
-  Pass();
-  EXPECT_EQ(ReceiveAvailable(beside.peer.get()), "one");
-  EXPECT_EQ(beside.node->connected, 1);
-}
-
-// ---- Messages to users
-// -------------------------------------------------------------------------------------
-
-TEST_F(ConsoleMonitorTest, MessageIsFramed) {
-  const Attached<UserNode> first = AddUser("anna");
-  const Attached<UserNode> second = AddUser("bert", kReadOnly);
-  const DebugCapture debug;
-  SendMsgToUsers(console_.node, "Power off at noon.");
-  const std::string expected = Banner("Power off at noon.");
-  EXPECT_EQ(ReceiveAvailable(first.peer.get()), expected);
-  EXPECT_EQ(ReceiveAvailable(second.peer.get()), expected);
-  constexpr char kStart[] = "SendMsgToUsers: The following message was sent to ";
-  EXPECT_THAT(debug.Messages(), ElementsAre(kStart + ("\"anna@192.0.2.1\": " + expected + "\n"),
-                                            kStart + ("\"bert@192.0.2.1\": " + expected + "\n")));
-}
-
-TEST_F(ConsoleMonitorTest, UserWhoCannotBeSentAMessageIsNotClosed) {
-  Attached<UserNode> gone = AddUser("gone");
-  const Attached<UserNode> next = AddUser("next");
-  gone.peer.Reset();
-  const DebugCapture debug;
-  SendMsgToUsers(console_.node, "Hello");
-  EXPECT_EQ(ReceiveAvailable(next.peer.get()), Banner("Hello"));
-  EXPECT_EQ(gone.node->connected, 1);
-  EXPECT_THAT(debug.Messages(),
-              ElementsAre("SendMsgToUsers: send() failed : Broken pipe\n",
-                          "SendMsgToUsers: Message not sent to \"gone@192.0.2.1\".\n",
-                          StartsWith("SendMsgToUsers: The following message was sent to "
-                                     "\"next@192.0.2.1\": ")));
-}
-
-TEST_F(ConsoleMonitorTest, LongMessageIsCut) {
-  const Attached<UserNode> user = AddUser("anna");
-  const std::string message(2000, 'm');
-  SendMsgToUsers(console_.node, message.c_str());
-  EXPECT_EQ(ReceiveAvailable(user.peer.get()), Banner(message).substr(0, 1023));
-}
-
-TEST_F(ConsoleMonitorTest, BannerIsCutToItsBuffer) {
-  std::array<char, 20> banner{};
-  FormatBanner(banner.data(), banner.size(), "Hello");
-  EXPECT_EQ(banner.data(), Banner("Hello").substr(0, 19));
-}
-
-// ---- Closing
-// -------------------------------------------------------------------------------------------------
+// ---- Closing ------------------------------------------------------------------------------------
 
 TEST_F(ConsoleMonitorTest, ClosingAConsoleOnlyMarksIt) {
   const DebugCapture debug;
@@ -760,24 +509,6 @@ TEST_F(ConsoleMonitorTest, ClosingAConsoleOnlyMarksIt) {
   EXPECT_TRUE(test::IsOpen(console_.node->sock));
   EXPECT_THAT(debug.Messages(),
               ElementsAre("CloseConsoleConnection: Closing connection with console sys1\n"));
-}
-
-TEST_F(ConsoleMonitorTest, ClosingUsersMarksThemAndLeavesCountAndSet) {
-  const Attached<UserNode> first = AddUser("anna");
-  const Attached<UserNode> second = AddUser("bert");
-  UserList* users = console_.node->user_list;
-  const int high_sock = users->high_sock;
-  CloseUserConnections(console_.node, "test");
-  EXPECT_EQ(users->head, nullptr);
-  EXPECT_EQ(users->tail, nullptr);
-  EXPECT_EQ(users->count, 2);
-  EXPECT_EQ(users->high_sock, high_sock);
-  for (const UserNode* user : {first.node, second.node}) {
-    EXPECT_EQ(user->connected, 0);
-    EXPECT_TRUE(users->fdset.Contains(user->sock));
-    EXPECT_TRUE(IsUserInUserList(user, user_list));
-    EXPECT_TRUE(test::IsOpen(user->sock));
-  }
 }
 
 TEST_F(ConsoleMonitorTest, DisabledConsolesAreClosedAndTheirUsersTold) {
@@ -789,7 +520,7 @@ TEST_F(ConsoleMonitorTest, DisabledConsolesAreClosedAndTheirUsersTold) {
   CloseDisabledConsoleConnections();
   EXPECT_EQ(disabled.node->status, 3);
   EXPECT_EQ(console_.node->status, 0);
-  EXPECT_EQ(ReceiveAvailable(user.peer.get()), Banner("Console has been disabled."));
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), test::Banner("Console has been disabled."));
   EXPECT_EQ(ReceiveAvailable(other.peer.get()), "");
   EXPECT_EQ(user.node->connected, 1);
   EXPECT_THAT(debug.Messages(),
@@ -858,170 +589,6 @@ TEST_F(ConsoleMonitorTest, LogsOfConnectedConsolesAreOpenedAndClosed) {
   CloseAllLogFiles();
   EXPECT_EQ(console_.node->log_fd, -1);
   EXPECT_FALSE(test::IsOpen(log_fd));
-}
-
-TEST_F(ConsoleMonitorTest, EveryConsoleForgetsItsEventSet) {
-  EventSetNode set{};
-  ConsoleNode* away = test::AddConsole(i_cons_list, "away");
-  console_.node->enode = &set;
-  away->enode = &set;
-  SetEventNodeToNULLForAllConsoles();
-  EXPECT_EQ(console_.node->enode, nullptr);
-  EXPECT_EQ(away->enode, nullptr);
-}
-
-// ---- The loop as a whole
-// -------------------------------------------------------------------------------------
-
-bool IsOn(RwLock& lock, const ConsoleList* list, const char* name) {
-  const ReadLock hold(lock, HERE);
-  return LocateConsoleInList(name, list) != nullptr;
-}
-
-// The loop never ends, so it runs in a process of its own.
-void ExpectPassesToTakePlace(const Attached<ConsoleNode>& console, const Attached<UserNode>& user) {
-  const test::TemporaryDirectory directory;
-  log_dir = directory.path().c_str();
-  ConsoleNode* deleted = ConnectConsole("deleted").node;
-  deleted->deleted = 1;
-  const DebugCapture debug(kTrace);
-  std::thread(MonitorConsoleOutput).detach();
-  test::SendText(console.peer.get(), "login: ");
-  EXPECT_EQ(test::Receive(user.peer.get(), 7), "login: ");
-  EXPECT_TRUE(test::Eventually([] { return !IsOn(acl_lock, a_cons_list, "deleted"); }));
-  EXPECT_FALSE(IsOn(icl_lock, i_cons_list, "deleted"));
-  shutdown(console.peer.get(), SHUT_WR);
-  EXPECT_TRUE(test::Eventually([] { return IsOn(icl_lock, i_cons_list, "sys1"); }));
-  EXPECT_FALSE(IsOn(acl_lock, a_cons_list, "sys1"));
-  EXPECT_EQ(console.node->status, 3);
-  EXPECT_EQ(console.node->sock, -1);
-  EXPECT_EQ(user.node->connected, 0);
-  thread_waitreq_mask |= kPauseConsMon;  // and there it stays, for the rest of this process
-  cons_mon_waker.Wake();
-  EXPECT_TRUE(test::Eventually([] { return thread_waiting_mask == kPauseConsMon; }));
-  for (const test::DebugLine& line : debug.Lines()) {
-    const bool by_monitor = line.text.find("CleanUpClosedConnections") != std::string::npos;
-    EXPECT_TRUE(!by_monitor || line.thread == "cons_mon") << line.text;
-  }
-}
-
-TEST_F(ConsoleMonitorDeathTest, LoopRelaysDeletesMovesAndParks) {
-  EXPECT_HOLDS_IN_CHILD(ExpectPassesToTakePlace(console_, AddUser("anna")));
-}
-
-// Whatever allocation fails in the first pass: the console that finds no room is lost, and the
-// others are moved in the second one although nobody wakes the loop again. It runs in the only
-// thread of a child, where every pass begins with a sleep.
-void ExpectOthersToBeMoved(const std::vector<int>& peers, int failing) {
-  for (const int peer : peers) shutdown(peer, SHUT_WR);
-  test::FakeClock clock;
-  std::optional<test::FailAllocation> failure;
-  int passes = 0;
-  clock.OnSleep([&](useconds_t) {
-    if (passes++ == 0) failure.emplace(failing);
-    if (passes < 3) return;
-    EXPECT_TRUE(failure->reached());
-    EXPECT_EQ(a_cons_list->count, 0);
-    EXPECT_GE(i_cons_list->count, static_cast<int>(peers.size()) - 1);
-    test::EndChild();
-  });
-  MonitorConsoleOutput();
-}
-
-TEST_F(ConsoleMonitorDeathTest, ConsolesThatCloseTogetherAreMovedWhateverAllocationFails) {
-  constexpr int kAllocations = 4;  // of the copied set, and of an element for each
-  const Attached<ConsoleNode> second = ConnectConsole("second");
-  const Attached<ConsoleNode> third = ConnectConsole("third");
-  const std::vector<int> peers = {console_.peer.get(), second.peer.get(), third.peer.get()};
-  for (int failing = 1; failing <= kAllocations; ++failing) {
-    EXPECT_HOLDS_IN_CHILD(ExpectOthersToBeMoved(peers, failing));
-  }
-}
-
-// ---- A reload in the loop -----------------------------------------------------------------------
-
-constexpr useconds_t kPausePoll = 100;  // the other pauses of a pass are longer
-constexpr unsigned kOtherThreads = 0x1D;
-
-/// The loop runs in the only thread of a child, where every sleep is a step of the test.
-class ReloadInLoopTest : public ConsoleMonitorDeathTest {
- protected:
-  ReloadInLoopTest() {
-    std::filesystem::create_directory("root/events");
-    test::WriteFile("root/config/zev.conf", "");
-  }
-
-  /// Asks for a reload and calls `pausing` each time that the loop waits for another thread, and
-  /// `reloaded` when it has gone on.
-  static void Run(const std::function<void()>& pausing, const std::function<void()>& reloaded) {
-    test::FakeClock clock;
-    clock.OnSleep([&](useconds_t pause) {
-      if (pause == kPausePoll) {
-        pausing();
-        return;
-      }
-      reloaded();
-      test::EndChild();
-    });
-    BlockSignal(SIGHUP);
-    kill(getpid(), SIGHUP);
-    MonitorConsoleOutput();
-  }
-
-  static void ExpectToWaitForAnyOther(unsigned bit) {
-    constexpr int kPolls = 5;
-    const DebugCapture debug(kTrace);
-    int polls = 0;
-    Run(
-        [&] {
-          EXPECT_EQ(thread_waitreq_mask, kOtherThreads);
-          EXPECT_FALSE(debug.Has("Entering ReloadEventFiles\n"));
-          EXPECT_LE(++polls, kPolls);
-          if (HasFailure()) test::EndChild();
-          thread_waiting_mask = polls < kPolls ? kPauseConsMon : bit;  // its own bit does not count
-        },
-        [&] {
-          EXPECT_EQ(polls, kPolls);
-          EXPECT_TRUE(debug.Has("Entering ReloadEventFiles\n"));
-          EXPECT_TRUE(debug.Has("Entering ReloadConfigFile\n"));
-          EXPECT_EQ(thread_waitreq_mask, 0U);
-        });
-  }
-
-  void ExpectToGoOnWithoutMemory() {
-    console_.node->enable = 0;
-    const DebugCapture debug(0);
-    std::optional<test::FailAllocation> failure;
-    Run(
-        [&] {
-          thread_waiting_mask = kPauseConsConn;
-          failure.emplace(1);
-        },
-        [&] {
-          EXPECT_TRUE(failure->reached());
-          failure.reset();
-          EXPECT_THAT(test::Reports(debug.Messages()),
-                      ElementsAre("NewConsoleList: malloc() failed : Cannot allocate memory\n",
-                                  "MonitorConsoleOutput: ReloadConfigFile() failed.\n"));
-          EXPECT_EQ(console_.node->deleted, 0);
-          EXPECT_EQ(console_.node->status, kNotConnected);  // as it is disabled
-          EXPECT_EQ(thread_waitreq_mask, 0U);
-        });
-  }
-
- private:
-  test::StationRoot root_;
-};
-
-TEST_F(ReloadInLoopTest, WaitsUntilOneOfTheOtherThreadsStandsStill) {
-  for (const unsigned bit : {kPauseConsConn, kPauseUserConn, kPauseUserMon, kPauseCmdMon}) {
-    SCOPED_TRACE(bit);
-    EXPECT_HOLDS_IN_CHILD(ExpectToWaitForAnyOther(bit));
-  }
-}
-
-TEST_F(ReloadInLoopTest, ConfigurationThatCannotBeReadForWantOfMemoryIsReported) {
-  EXPECT_HOLDS_IN_CHILD(ExpectToGoOnWithoutMemory());
 }
 
 }  // namespace

@@ -7,10 +7,14 @@
 #include <sys/resource.h>
 
 #include <cerrno>
-#include <string>
-#include <vector>
+#include <cstdint>
+#include <ctime>
+#include <ostream>
 
-#include "support.h"
+#include "daemon_support.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "socket_support.h"
 
 namespace {
 

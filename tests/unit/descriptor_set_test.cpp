@@ -1,12 +1,20 @@
 #include "descriptor_set.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/select.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <vector>
 
-#include "support.h"
+#include "failure_support.h"
+#include "socket_support.h"
 
 namespace {
 

@@ -1,20 +1,30 @@
+// Debug output, what becomes of it when nobody takes it, and failures that are reported.
 #include "error.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <ostream>
+#include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
-#include "signal_hold.h"
-#include "support.h"
+#include "daemon_support.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "file_support.h"
+#include "options.h"
+#include "socket_support.h"
 #include "timestamp.h"
 #include "zev_signal.h"
 
@@ -25,7 +35,6 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::StrEq;
 
@@ -213,11 +222,7 @@ TEST_F(DebugOutputTest, ClosingRunOfRepetitionsIsNeverReported) {
 /// The first message of a process: the child starts the program afresh.
 class FirstMessageTest : public ::testing::Test {
  protected:
-  FirstMessageTest() { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
-  ~FirstMessageTest() override { ::testing::GTEST_FLAG(death_test_style) = saved_; }
-
- private:
-  std::string saved_ = ::testing::GTEST_FLAG(death_test_style);
+  FirstMessageTest() { test::StartChildrenAfresh(); }
 };
 
 TEST_F(FirstMessageTest, EqualToTheInitialTextIsARepetition) {
@@ -423,132 +428,7 @@ TEST_F(DebugOutputTest, MessagesThatDifferInTheLastByteAreDifferent) {
   EXPECT_THAT(capture.Messages(), ElementsAre(text + "a", text + "b"));
 }
 
-// ---- Thread names -------------------------------------------------------------------------------
-
-// The name that the calling thread's lines show.
-std::string ShownName() {
-  static std::atomic<int> number{0};
-  const test::DebugCapture capture;
-  zev_debug(kInfo, "who %d\n", ++number);
-  return capture.Lines().at(0).thread;
-}
-
-int TakenSlots() {
-  return static_cast<int>(std::count_if(std::begin(thread_name_list.slot),
-                                        std::end(thread_name_list.slot),
-                                        [](const ThreadName& slot) { return slot.in_use == 1; }));
-}
-
-TEST_F(DebugOutputTest, UnregisteredThreadIsUnknown) {
-  EXPECT_EQ(ShownName(), "unknown");
-}
-
-TEST_F(DebugOutputTest, RegisteredThreadIsNamed) {
-  RegisterThread("cons_conn");
-  EXPECT_EQ(ShownName(), "cons_conn");
-  EXPECT_STREQ(thread_name_list.slot[0].name, "cons_conn");
-  EXPECT_EQ(thread_name_list.slot[0].in_use, 1);
-  EXPECT_EQ(thread_name_list.slot[0].id, pthread_self());
-}
-
-TEST_F(DebugOutputTest, ThreadThatRegisteredTwiceKeepsItsFirstName) {
-  RegisterThread("main");
-  RegisterThread("cons_mon");
-  EXPECT_EQ(ShownName(), "main");
-  EXPECT_STREQ(thread_name_list.slot[1].name, "cons_mon");
-  EXPECT_EQ(TakenSlots(), 2);
-}
-
-TEST_F(DebugOutputTest, SecondNameShowsOnceTheFirstIsGivenBack) {
-  RegisterThread("main");
-  RegisterThread("cons_mon");
-  UnregisterThread();
-  EXPECT_EQ(ShownName(), "cons_mon");
-}
-
-TEST_F(DebugOutputTest, NameIsCutTo32Characters) {
-  RegisterThread("0123456789012345678901234567890123456789");
-  EXPECT_EQ(ShownName(), "01234567890123456789012345678901");
-}
-
-TEST_F(DebugOutputTest, FirstFreeSlotIsTaken) {
-  for (int i = 0; i < 3; ++i) RegisterThread("filler");
-  thread_name_list.slot[1].in_use = 0;
-  RegisterThread("new");
-  EXPECT_STREQ(thread_name_list.slot[1].name, "new");
-  EXPECT_EQ(TakenSlots(), 3);
-}
-
-TEST_F(DebugOutputTest, FiftiethRegistrationTakesTheLastSlot) {
-  for (int i = 0; i < kThreadNameSlots; ++i) RegisterThread(std::to_string(i).c_str());
-  EXPECT_EQ(kThreadNameSlots, 50);
-  EXPECT_EQ(TakenSlots(), 50);
-  EXPECT_STREQ(thread_name_list.slot[49].name, "49");
-}
-
-TEST_F(DebugOutputTest, ThreadWithoutASlotIsUnknown) {
-  std::thread([] {
-    for (int i = 0; i < kThreadNameSlots; ++i) RegisterThread("filler");
-  }).join();
-  // The ended thread's id may be given to a new thread, but not to this one.
-  RegisterThread("main");
-  EXPECT_EQ(ShownName(), "unknown");
-  UnregisterThread();
-  EXPECT_EQ(TakenSlots(), 50);
-}
-
-TEST_F(DebugOutputTest, SlotGivenBackIsTakenByTheNext) {
-  RegisterThread("main");
-  std::thread([] {
-    RegisterThread("serv_conn");
-    UnregisterThread();
-    EXPECT_EQ(ShownName(), "unknown");
-  }).join();
-  EXPECT_EQ(TakenSlots(), 1);
-  std::thread([] {
-    RegisterThread("user_mon");
-    EXPECT_EQ(ShownName(), "user_mon");
-    EXPECT_STREQ(thread_name_list.slot[1].name, "user_mon");
-    UnregisterThread();
-  }).join();
-  EXPECT_EQ(ShownName(), "main");
-}
-
-TEST_F(DebugOutputTest, ThousandShortThreadsNeedNoMoreThanOneSlot) {
-  for (int i = 0; i < 1000; ++i) {
-    RegisterThread("serv_conn");
-    ASSERT_EQ(TakenSlots(), 1);
-    UnregisterThread();
-  }
-  EXPECT_EQ(TakenSlots(), 0);
-}
-
-TEST_F(DebugOutputTest, ClearingFreesEverySlot) {
-  for (int i = 0; i < kThreadNameSlots; ++i) RegisterThread("filler");
-  ClearThreadNames();
-  EXPECT_EQ(TakenSlots(), 0);
-  EXPECT_EQ(ShownName(), "unknown");
-}
-
-TEST_F(DebugOutputTest, ThreadsThatRegisterTogetherAllGetTheirOwnSlot) {
-  constexpr int kThreads = 16;
-  std::atomic<int> waiting{kThreads};
-  std::vector<std::thread> threads;
-  threads.reserve(kThreads);
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&waiting, i] {
-      for (--waiting; waiting != 0;) std::this_thread::yield();
-      RegisterThread(std::to_string(i).c_str());
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  std::vector<std::string> names;
-  for (int i = 0; i < kThreads; ++i) names.emplace_back(thread_name_list.slot[i].name);
-  std::vector<std::string> expected;
-  for (int i = 0; i < kThreads; ++i) expected.push_back(std::to_string(i));
-  EXPECT_THAT(names, ::testing::UnorderedElementsAreArray(expected));
-  EXPECT_EQ(TakenSlots(), kThreads);
-}
+// ---- Many threads -------------------------------------------------------------------------------
 
 TEST_F(DebugOutputTest, LinesOfManyThreadsNeverInterleave) {
   constexpr int kThreads = 4;
@@ -665,87 +545,7 @@ TEST_F(DebugLockFailureTest, UnlockingEndsTheProcessWithoutTrace) {
       StrEq("zev_debug: pthread_rwlock_unlock failed : Operation not permitted\n"));
 }
 
-// ---- Ways to end the process --------------------------------------------------------------------
-
-TEST_F(DebugOutputTest, ExitTraceNamesCodeFileAndLine) {
-  constexpr int kLine = __LINE__ + 1;
-  EXPECT_EXIT((test::SendDebugToStderr(kInfo), EXIT_PROCESS(0)), ExitedWithCode(0),
-              test::DebugTextsAre(ElementsAre("Exiting with code 0 from file error_test.cpp line " +
-                                              std::to_string(kLine) + "\n")));
-}
-
-TEST_F(DebugOutputTest, ExitTraceIsWrittenForStatusOneToo) {
-  EXPECT_EXIT(
-      (test::SendDebugToStderr(kInfo), ExitProcess(1, "some_file.cpp", 42)), ExitedWithCode(1),
-      test::DebugTextsAre(ElementsAre("Exiting with code 1 from file some_file.cpp line 42\n")));
-}
-
-TEST_F(DebugOutputTest, ExitTraceIsNotWrittenAtLevelZero) {
-  EXPECT_EXIT((test::SendDebugToStderr(0), EXIT_PROCESS(1)), ExitedWithCode(1), StrEq(""));
-}
-
-TEST_F(DebugOutputTest, TerminationPostsTheEventThenExits) {
-  EXPECT_EXIT(
-      (test::SendDebugToStderr(kDetail), TerminateProcess(kInternalError, "some_file.cpp", 42)),
-      ExitedWithCode(1),
-      test::DebugTextsAre(
-          AllOf(::testing::Contains("PostJixEvent: template=qor.zevd.daemon.error "
-                                    "message=Terminated: Internal error -=- priority=700\n"),
-                ::testing::Contains("Exiting with code 1 from file some_file.cpp line 42\n"))));
-}
-
-TEST_F(DebugOutputTest, TerminateMacroNamesThePlace) {
-  EXPECT_EXIT((test::SendDebugToStderr(kInfo), TERMINATE(kTerminated)), ExitedWithCode(1),
-              test::DebugTextsAre(::testing::Contains(test::IsExitTrace(1, "error_test.cpp"))));
-}
-
-TEST(TerminationTextTest, AreAsTheEventManagerKnowsThem) {
-  EXPECT_STREQ(kTerminated, "Terminated.............");
-  EXPECT_STREQ(kInternalError, "Terminated: Internal error");
-}
-
-TEST_F(FirstMessageTest, TwoThreadsThatExitTogetherEndTheProcessOnce) {
-  EXPECT_EXIT(
-      {
-        atexit([] { fputs("once\n", stderr); });
-        test::StartDebugOutput();
-        std::thread other([] { ExitProcess(1, "other.cpp", 1); });
-        ExitProcess(1, "main.cpp", 1);
-      },
-      ExitedWithCode(1), StrEq("once\n"));
-}
-
-std::atomic<bool> exit_hangs{false};
-
-// An exit that waits for what it will never get.
-void HangInExit() {
-  exit_hangs = true;
-  sleep(30);
-  fputs("hung\n", stderr);
-}
-
-TEST_F(FirstMessageTest, ThreadThatExitsSecondDoesNotWaitForAnExitThatHangs) {
-  EXPECT_EXIT(
-      {
-        atexit(HangInExit);
-        test::StartDebugOutput();
-        std::thread([] { ExitProcess(1, "other.cpp", 1); }).detach();
-        while (!exit_hangs) std::this_thread::yield();
-        ExitProcess(3, "main.cpp", 1);
-      },
-      ExitedWithCode(3), StrEq(""));
-}
-
-TEST_F(FirstMessageTest, ExitFromWithinExitEndsTheProcess) {
-  EXPECT_EXIT(
-      {
-        atexit([] { ExitProcess(1, "handler.cpp", 1); });
-        ExitProcess(1, "main.cpp", 1);
-      },
-      ExitedWithCode(1), StrEq(""));
-}
-
-// ---- Out of memory ------------------------------------------------------------------------------
+// ---- Failures that are reported -----------------------------------------------------------------
 
 TEST_F(DebugOutputTest, OutOfMemoryIsReportedAndPosted) {
   const test::DebugCapture capture(kDetail);

@@ -1,16 +1,24 @@
+// Event sets: loading the station's event files, and finding sets by name.
 #include "event_set.h"
 
-#include <cstring>
-#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
-#include "cons_mon.h"
-#include "console_users.h"
-#include "load.h"
+#include <filesystem>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "debug_support.h"
+#include "event_set_support.h"
+#include "failure_support.h"
+#include "lists.h"
 #include "paths.h"
-#include "support.h"
 
 namespace {
 
+using test::EventSetTest;
+using test::kEventDirectory;
 using ::testing::AllOf;
 using ::testing::Contains;
 using ::testing::ElementsAre;
@@ -19,43 +27,12 @@ using ::testing::IsEmpty;
 using ::testing::StartsWith;
 using ::testing::UnorderedElementsAre;
 
-constexpr char kDirectory[] = "root/events";
-
 MATCHER(AnnouncesABadEventFile, "") {
   return ::testing::ExplainMatchResult(
       AllOf(StartsWith("PostJixEvent: "), HasSubstr("qor.zevd.daemon.error"),
             HasSubstr("Warning: bad event file"), HasSubstr("500")),
       arg, result_listener);
 }
-
-class EventSetTest : public test::RelayTest {
- protected:
-  EventSetTest() { std::filesystem::create_directory(kDirectory); }
-
-  static void WriteEvents(const std::string& name, std::string_view content) {
-    test::WriteFile(std::filesystem::path(kDirectory) / name, content);
-  }
-
-  // An entry that exists and cannot be opened.
-  static void MakeUnreadable(const std::string& name) {
-    std::filesystem::create_symlink("nowhere", std::filesystem::path(kDirectory) / name);
-  }
-
-  static void RemoveEvents() {
-    std::filesystem::remove_all(kDirectory);
-    std::filesystem::create_directory(kDirectory);
-  }
-
-  static std::vector<std::string> SetNames() {
-    std::vector<std::string> names;
-    for (const EventSetNode* enode : Nodes(*ev_list)) names.emplace_back(enode->name);
-    return names;
-  }
-
-  static int Patterns(const char* set) { return FindEventNode(set, ev_list)->re_list->count; }
-
-  test::StationRoot root_;
-};
 
 // ---- Loading ------------------------------------------------------------------------------------
 
@@ -86,7 +63,7 @@ TEST_F(EventSetTest, EmptyDirectoryLoadsNothingAndSucceeds) {
 }
 
 TEST_F(EventSetTest, SubdirectoryIsAnEmptySet) {
-  std::filesystem::create_directories(std::filesystem::path(kDirectory) / "old" / "older");
+  std::filesystem::create_directories(std::filesystem::path(kEventDirectory) / "old" / "older");
   WriteEvents("old/disk", "a 1 0 x\n");
   const test::DebugCapture capture(0);
   EXPECT_EQ(LoadEventFiles(ev_list), 0);
@@ -97,7 +74,8 @@ TEST_F(EventSetTest, SubdirectoryIsAnEmptySet) {
 
 TEST_F(EventSetTest, LinkIsFollowed) {
   test::WriteFile("root/elsewhere", "a 1 0 x\n");
-  std::filesystem::create_symlink("../elsewhere", std::filesystem::path(kDirectory) / "linked");
+  std::filesystem::create_symlink("../elsewhere",
+                                  std::filesystem::path(kEventDirectory) / "linked");
   EXPECT_EQ(LoadEventFiles(ev_list), 0);
   EXPECT_EQ(Patterns("linked"), 1);
 }
@@ -120,7 +98,7 @@ TEST_F(EventSetTest, MalformedLinesDoNotFailTheFile) {
 }
 
 TEST_F(EventSetTest, MissingDirectoryIsReportedWithItsEvent) {
-  std::filesystem::remove(kDirectory);
+  std::filesystem::remove(kEventDirectory);
   const test::DebugCapture capture(kDetail);
   EXPECT_EQ(LoadEventFiles(ev_list), -1);
   EXPECT_THAT(test::Reports(capture.Messages()),
@@ -146,7 +124,7 @@ TEST_F(EventSetTest, FilesBeforeAnUnreadableEntryStayAndThoseAfterItAreNotLoaded
   for (const char* name : {"a", "b", "c", "d", "e", "f"}) WriteEvents(name, "");
   MakeUnreadable("broken");
   std::vector<std::string> before;
-  for (const auto& entry : std::filesystem::directory_iterator(kDirectory)) {
+  for (const auto& entry : std::filesystem::directory_iterator(kEventDirectory)) {
     if (entry.path().filename() == "broken") break;
     before.push_back(entry.path().filename());
   }
@@ -222,44 +200,6 @@ TEST_F(EventSetTest, FirstOfSeveralOfOneNameIsFound) {
   AddEventSetToList(first, ev_list);
   AddEventSetToList(second, ev_list);
   EXPECT_EQ(FindEventNode("disk", ev_list), first);
-}
-
-// ---- Reloading ----------------------------------------------------------------------------------
-
-TEST_F(EventSetTest, ReloadTakesTheSetsOffEveryConsoleAndReplacesThem) {
-  WriteEvents("disk", "a 1 0 x\n");
-  LoadEventFiles(ev_list);
-  ConsoleNode* connected = test::AddConsole(a_cons_list, "connected");
-  ConsoleNode* other = test::AddConsole(i_cons_list, "other");
-  connected->enode = other->enode = FindEventNode("disk", ev_list);
-  RemoveEvents();
-  WriteEvents("fan", "a 1 0 x\nb 2 0 y\n");
-  EXPECT_EQ(ReloadEventFiles(), 0);
-  EXPECT_EQ(connected->enode, nullptr);
-  EXPECT_EQ(other->enode, nullptr);
-  EXPECT_THAT(SetNames(), ElementsAre("fan"));
-  EXPECT_EQ(Patterns("fan"), 2);
-}
-
-TEST_F(EventSetTest, FailedReloadLeavesConsolesWithoutSetsUntilOneSucceeds) {
-  WriteEvents("disk", "a 1 0 x\n");
-  LoadEventFiles(ev_list);
-  ConsoleNode* box = test::AddConsole(a_cons_list, "box");
-  box->enode = FindEventNode("disk", ev_list);
-  RemoveEvents();
-  MakeUnreadable("broken");
-  {
-    const test::DebugCapture capture(0);
-    EXPECT_EQ(ReloadEventFiles(), -1);
-    EXPECT_EQ(test::Reports(capture.Messages()).back(),
-              "ReloadEventFiles: LoadEventFiles() failed.\n");
-  }
-  EXPECT_EQ(box->enode, nullptr);
-  EXPECT_THAT(SetNames(), IsEmpty());
-  RemoveEvents();
-  WriteEvents("disk", "a 1 0 x\n");
-  EXPECT_EQ(ReloadEventFiles(), 0);
-  EXPECT_THAT(SetNames(), ElementsAre("disk"));
 }
 
 // ---- Lists --------------------------------------------------------------------------------------

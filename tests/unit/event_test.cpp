@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <memory>
 #include <set>
@@ -17,8 +16,11 @@
 #include <thread>
 #include <vector>
 
-#include "error.h"
-#include "support.h"
+#include "daemon_support.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "file_support.h"
+#include "socket_support.h"
 
 namespace {
 
@@ -65,8 +67,7 @@ class EventDeathTest : public test::DaemonTest {
   }
 };
 
-// ---- What arrives
-// ---------------------------------------------------------------------------------
+// ---- What arrives -------------------------------------------------------------------------------
 
 TEST_F(EventDeathTest, ConsoleEvent) {
   RunInNewProcess([] {
@@ -149,8 +150,7 @@ TEST_F(EventDeathTest, ArgumentsAreShownAtLevelTwo) {
   });
 }
 
-// ---- Connecting
-// -----------------------------------------------------------------------------------
+// ---- Connecting ---------------------------------------------------------------------------------
 
 TEST_F(EventDeathTest, ConnectingIsReportedOnce) {
   RunInNewProcess([] {
@@ -219,8 +219,7 @@ TEST_F(EventDeathTest, OtherFailureIsReportedAgain) {
   });
 }
 
-// ---- A manager that restarts
-// --------------------------------------------------------------------------
+// ---- A manager that restarts --------------------------------------------------------------------
 
 /// A collector with one connection.
 struct Manager {
@@ -289,8 +288,7 @@ TEST_F(EventDeathTest, ConnectionThatIsLostTwiceIsGivenUp) {
   });
 }
 
-// ---- A manager that does not read
-// ----------------------------------------------------------------------
+// ---- A manager that does not read ---------------------------------------------------------------
 
 TEST_F(EventDeathTest, ManagerThatDoesNotReadDelaysNobodyForLong) {
   RunInNewProcess([] {
@@ -312,8 +310,7 @@ TEST_F(EventDeathTest, ManagerThatDoesNotReadDelaysNobodyForLong) {
   });
 }
 
-// ---- Out of memory
-// ------------------------------------------------------------------------------------
+// ---- Out of memory ------------------------------------------------------------------------------
 
 TEST_F(EventDeathTest, EventThatCannotBeBuiltOrSentIsReported) {
   RunInNewProcess([] {
@@ -341,8 +338,7 @@ TEST_F(EventDeathTest, EventThatCannotBeBuiltOrSentIsReported) {
   });
 }
 
-// ---- Many threads
-// ----------------------------------------------------------------------------------------
+// ---- Many threads -------------------------------------------------------------------------------
 
 TEST_F(EventDeathTest, EventsOfManyThreadsArriveWhole) {
   RunInNewProcess([] {

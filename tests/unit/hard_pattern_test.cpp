@@ -4,6 +4,7 @@
 #include <regex.h>
 
 #include <ctime>
+#include <iostream>
 #include <string>
 #include <string_view>
 

@@ -2,12 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <jix.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -20,7 +20,9 @@
 #include <utility>
 #include <vector>
 
-#include "support.h"
+#include "failure_support.h"
+#include "file_support.h"
+#include "socket_support.h"
 
 namespace {
 
@@ -68,7 +70,7 @@ void SetVariable(const Event& event, const char* name, const char* value) {
   EXPECT_EQ(JixVarSet(event.get(), name, JixTYPE_STRING, value), JixERROR_NONE);
 }
 
-// ---- Connecting --------------------------------------------------------------------------------
+// ---- Connecting ---------------------------------------------------------------------------------
 
 class JixConnectionTest : public ::testing::Test {
  protected:
@@ -125,8 +127,7 @@ TEST_F(JixConnectionTest, NullMayBeDestroyed) {
   JixEventDestroy(nullptr);
 }
 
-// ---- Events
-// ----------------------------------------------------------------------------------------
+// ---- Events -------------------------------------------------------------------------------------
 
 class JixTest : public JixConnectionTest {
  protected:
@@ -254,8 +255,7 @@ TEST_F(JixTest, HostMayBeUnknown) {
   EXPECT_THAT(Line(MakeEvent("event")), HasSubstr("\"host\": \"<unknown>\""));
 }
 
-// ---- Texts
-// -------------------------------------------------------------------------------------------
+// ---- Texts --------------------------------------------------------------------------------------
 
 TEST_F(JixTest, PlainTextIsLeftAlone) {
   EXPECT_EQ(Encoded("login: /~ 'a' <b> \x7F"), "login: /~ 'a' <b> \x7F");
@@ -333,8 +333,7 @@ TEST_F(JixTest, CodesAreThoseOfThePlatform) {
   EXPECT_EQ(JixTYPE_STRING, 12);
 }
 
-// ---- Daemon errors that repeat
-// -----------------------------------------------------------------------------
+// ---- Daemon errors that repeat ------------------------------------------------------------------
 
 constexpr int64_t kSecond = 1'000'000;  // microseconds
 constexpr char kError[] = "qor.zevd.daemon.error.Internal error";
@@ -570,8 +569,7 @@ TEST_F(RepeatedErrorTest, WithoutMemoryNothingIsCountedTwice) {
   EXPECT_THAT(Got(), ElementsAre(name_, name_ + " x1", other_name_));
 }
 
-// ---- Managers that fail
-// --------------------------------------------------------------------------------
+// ---- Managers that fail -------------------------------------------------------------------------
 
 TEST_F(JixTest, ManagerThatHangsUp) {
   manager_.Reset();

@@ -1,16 +1,23 @@
+// The list mechanism: linking, ranges, and the set of the members' sockets.
 #include "list.h"
 
-#include "error.h"
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/select.h>
+
+#include <array>
+#include <cstdlib>
+#include <vector>
+
+#include "failure_support.h"
 #include "list_functions.h"
-#include "support.h"
+#include "list_support.h"
 
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 using test::Elem;
 using test::Node;
+using ::testing::ElementsAre;
 
 using PlainList = List<Elem, &Elem::node>;
 using NodeList = SocketList<Elem, &Elem::node>;
@@ -69,43 +76,6 @@ TEST_F(ListTest, StartsEmpty) {
   EXPECT_EQ(list_.count, 0);
   EXPECT_EQ(list_.high_sock, -1);
   EXPECT_FALSE(list_.fdset.Contains(0));
-}
-
-TEST_F(ListTest, NameIsACopy) {
-  char name[] = "first";
-  PlainList list;
-  InitNamedList(&list, name, ReportOutOfMemory);
-  name[0] = 'F';
-  EXPECT_STREQ(list.list_name, "first");
-  free(const_cast<char*>(list.list_name));
-}
-
-void InitPlainList(PlainList* list) {
-  InitNamedList(list, "plain", ReportOutOfMemory);
-}
-
-TEST_F(ListTest, ListWithoutMemoryForItsNameIsReportedByTheOneWhoMakesIt) {
-  PlainList list;
-  const test::DebugCapture capture(0);
-  {
-    const test::FailAllocation failure(1);
-    InitPlainList(&list);
-    EXPECT_TRUE(failure.reached());
-  }
-  EXPECT_EQ(list.list_name, nullptr);
-  EXPECT_THAT(test::Reports(capture.Messages()),
-              ElementsAre("InitPlainList: malloc() failed : Cannot allocate memory\n"));
-}
-
-TEST_F(ListTest, InitialisingEmptiesAListThatWasUsed) {
-  nodes_[0].sock = 3;
-  Append(nodes_[0]);
-  DropElements(list_);
-  free(const_cast<char*>(list_.list_name));
-  InitNamedList(&list_, "again", ReportOutOfMemory);
-  EXPECT_EQ(list_.count, 0);
-  EXPECT_EQ(list_.high_sock, -1);
-  EXPECT_FALSE(list_.fdset.Contains(3));
 }
 
 TEST_F(ListTest, AppendsAtTheTail) {
@@ -316,18 +286,6 @@ TEST_F(ListTest, DroppingTheElementsLeavesNodesCountAndSet) {
   EXPECT_EQ(list_.high_sock, 5);
   EXPECT_TRUE(list_.fdset.Contains(5));
   EXPECT_EQ(nodes_[0].sock, 5);
-}
-
-TEST_F(ListTest, NewElementHasItsNodeAndNoLinks) {
-  const std::unique_ptr<Elem> elem(NewElement<NodeList>(&nodes_[2], ReportOutOfMemory));
-  EXPECT_EQ(elem->node, &nodes_[2]);
-  EXPECT_EQ(elem->prev, nullptr);
-  EXPECT_EQ(elem->next, nullptr);
-}
-
-TEST_F(ListTest, NewElementIsNullWhenOutOfMemory) {
-  const test::FailAllocation failure(1);
-  EXPECT_EQ(NewElement<NodeList>(&nodes_[0], ReportOutOfMemory), nullptr);
 }
 
 TEST_F(ListTest, ReservingFailsWhenOutOfMemory) {

@@ -1,9 +1,15 @@
 #include "literal_filter.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
-#include "support.h"
+#include "debug_support.h"
+#include "failure_support.h"
 
 namespace {
 

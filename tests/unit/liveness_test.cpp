@@ -8,13 +8,9 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <string>
+#include <cstdint>
 
-#include "cancellation.h"
-#include "clock.h"
-#include "sockets.h"
-#include "support.h"
-#include "util.h"
+#include "socket_support.h"
 
 namespace {
 
@@ -44,12 +40,7 @@ TEST(LivenessTest, PeerThatSendsIsThere) {
 class LiveSocketTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ours_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(listener_.port());
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(ours_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ours_ = test::ConnectTo(listener_.port());
     theirs_ = listener_.Accept();
   }
 
@@ -64,13 +55,6 @@ class LiveSocketTest : public ::testing::Test {
     int bytes = -1;
     EXPECT_EQ(ioctl(ours_.get(), SIOCOUTQ, &bytes), 0);
     return bytes;
-  }
-
-  // More than the peer's system takes.
-  void FillUp() const {
-    const std::string chunk(65536, 'x');
-    while (send(ours_.get(), chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
-    }
   }
 
   test::Listener listener_;
@@ -94,7 +78,7 @@ TEST_F(LiveSocketTest, NoUserTimeOutIsSet) {
 
 TEST_F(LiveSocketTest, PeerThatIsThereHasNotVanished) {
   EXPECT_FALSE(HasVanished(ours_.get())) << "with nothing waiting";
-  FillUp();
+  test::FillUp(ours_.get());  // more than the peer's system takes
   EXPECT_GT(Waiting(), 0);
   EXPECT_FALSE(HasVanished(ours_.get())) << "with its window shut";
 }
@@ -104,16 +88,6 @@ TEST(LivenessTest, PeerOfWhichTheKernelCannotTellHasNotVanished) {
   test::SendText(local.ours.get(), "unread");
   EXPECT_FALSE(HasVanished(local.ours.get())) << "no TCP connection";
   EXPECT_FALSE(HasVanished(-1));
-}
-
-TEST(LivenessTest, LookIsDueEveryTenSeconds) {
-  Throttle looks(kVanishedLookInterval);
-  const test::FakePassageOfTime second_by_second(1'000'000);
-  EXPECT_TRUE(looks.IsDue());
-  for (int round = 0; round < 3; ++round) {
-    for (int second = 1; second < 10; ++second) EXPECT_FALSE(looks.IsDue()) << second;
-    EXPECT_TRUE(looks.IsDue());
-  }
 }
 
 }  // namespace

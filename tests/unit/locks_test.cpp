@@ -1,14 +1,26 @@
 #include "locks.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <functional>
+#include <memory>
+#include <ostream>
 #include <semaphore>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
-#include "support.h"
+#include "debug_support.h"
+#include "failure_support.h"
 
 namespace {
 

@@ -1,21 +1,34 @@
-// What may stand in the place of the directories and of the link; log_test.cpp has the rest.
+// The dated directories of the logs, and the link to the one in use.
 #include "log_directory.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "debug_support.h"
 #include "log.h"
-#include "support.h"
+#include "log_support.h"
+#include "options.h"
 
 namespace {
 
+using test::kLogDirectoryName;
+using test::kLogStart;
+using test::LogTest;
 using ::testing::ElementsAre;
+using ::testing::SizeIs;
 
-constexpr time_t kStart = 1'300'000'000;
-constexpr char kToday[] = "13-Mar-07:06";
+// ---- What may stand in their places -------------------------------------------------------------
 
 class LogDirectoryTest : public test::RelayTest {
  protected:
@@ -41,7 +54,7 @@ class LogDirectoryTest : public test::RelayTest {
 
   test::StationRoot root_;
   std::string logs_;
-  test::FakeClock clock_{kStart};
+  test::FakeClock clock_{kLogStart};
 };
 
 TEST_F(LogDirectoryTest, LinkCountsWhenItNamesADirectoryBesideIt) {
@@ -71,7 +84,8 @@ TEST_F(LogDirectoryTest, LinkThatLeadsAnywhereElseIsMissingAndReplaced) {
     EXPECT_EQ(SymlinkToCurrDirExists(), 0) << target;
     ASSERT_EQ(OpenConsolidatedLogFile(), 0) << target;
     CloseConsolidatedLogFile();
-    EXPECT_EQ(std::filesystem::read_symlink(Dated("current")).filename(), kToday) << target;
+    EXPECT_EQ(std::filesystem::read_symlink(Dated("current")).filename(), kLogDirectoryName)
+        << target;
   }
   EXPECT_TRUE(IsEmpty("outside"));
   EXPECT_TRUE(IsEmpty(Dated("day/deeper").c_str()));
@@ -87,12 +101,13 @@ TEST_F(LogDirectoryTest, DirectoryInThePlaceOfTheLinkIsNotUsed) {
 }
 
 TEST_F(LogDirectoryTest, LinkInThePlaceOfTheNextDirectoryIsNotFollowed) {
-  std::filesystem::create_directory_symlink(std::filesystem::absolute("outside"), Dated(kToday));
+  std::filesystem::create_directory_symlink(std::filesystem::absolute("outside"),
+                                            Dated(kLogDirectoryName));
   const test::DebugCapture capture(0);
   EXPECT_EQ(OpenConsolidatedLogFile(), -1);
   EXPECT_THAT(capture.Messages(),
-              ElementsAre("CreateSymlinkToCurrDir: mkdir( " + logs_ + "//zev.dated/" + kToday +
-                          ", ...) failed : Not a directory\n"));
+              ElementsAre("CreateSymlinkToCurrDir: mkdir( " + logs_ + "//zev.dated/" +
+                          kLogDirectoryName + ", ...) failed : Not a directory\n"));
   EXPECT_TRUE(IsEmpty("outside"));
   clock_.Advance(60);
   EXPECT_EQ(OpenConsolidatedLogFile(), 0);
@@ -111,8 +126,8 @@ TEST_F(LogDirectoryTest, LinkInThePlaceOfTheDatedDirectoriesIsNotFollowed) {
   ArchiveLogDir();
   EXPECT_THAT(capture.NewMessages(),
               ElementsAre("RemoveSymlinkToCurrDir: unlink() failed : Not a directory\n",
-                          "CreateSymlinkToCurrDir: mkdir( " + logs_ + "//zev.dated/" + kToday +
-                              ", ...) failed : Not a directory\n"));
+                          "CreateSymlinkToCurrDir: mkdir( " + logs_ + "//zev.dated/" +
+                              kLogDirectoryName + ", ...) failed : Not a directory\n"));
   EXPECT_EQ(test::ReadFile("outside/current"), "kept\n");
 }
 
@@ -144,6 +159,222 @@ TEST_F(LogDirectoryTest, WantOfDescriptorsIsNoReasonToBeginANewDirectory) {
               ElementsAre("OpenConsolidatedLogFile: open() failed for \"" + logs_ +
                           "//zev.dated/current/consolidated.log\" : Too many open files\n"));
   EXPECT_EQ(std::filesystem::read_symlink(Dated("current")), "day");
+}
+
+// ---- Making them --------------------------------------------------------------------------------
+
+using DatedDirectoryTest = LogTest;
+
+TEST_F(DatedDirectoryTest, DirectoryIsNamedByTheLocalTimeToTheMinute) {
+  char name[kPathSize];
+  GetNewDirName(name, sizeof name);
+  EXPECT_EQ(name, logs_ + "//zev.dated/" + kLogDirectoryName);
+  clock_.Advance(59 * 60);
+  GetNewDirName(name, sizeof name);
+  EXPECT_EQ(name, logs_ + "//zev.dated/13-Mar-08:05");
+  char small[10];
+  GetNewDirName(small, sizeof small);
+  EXPECT_EQ(small, logs_.substr(0, 9));
+}
+
+TEST_F(DatedDirectoryTest, DatedDirectoryExistsOnceItIsMade) {
+  EXPECT_EQ(ZevDatedDirExists(), 0);
+  EXPECT_EQ(CreateZevDatedDir(), 0);
+  EXPECT_EQ(ZevDatedDirExists(), 1);
+  EXPECT_EQ(CreateZevDatedDir(), 0);
+}
+
+TEST_F(DatedDirectoryTest, GroupOfTheDatedDirectoryThatCannotBeGivenFailsTheOpen) {
+  const test::FailCall failure(test::Call::kFchown, EPERM);
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(OpenConsolidatedLogFile(), -1);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("CreateZevDatedDir: chown failed : Operation not permitted\n"));
+}
+
+TEST_F(DatedDirectoryTest, GroupOfANewDirectoryThatCannotBeGivenFailsTheOpen) {
+  CreateZevDatedDir();
+  const test::FailCall failure(test::Call::kFchown, EPERM);
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(OpenConsolidatedLogFile(), -1);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("CreateSymlinkToCurrDir: chown failed : Operation not permitted\n"));
+  EXPECT_EQ(SymlinkToCurrDirExists(), 1);
+}
+
+TEST_F(DatedDirectoryTest, LinkWhoseTargetIsGoneCountsAsMissing) {
+  EXPECT_EQ(SymlinkToCurrDirExists(), 0);
+  CreateZevDatedDir();
+  std::filesystem::create_symlink(Dated("/gone"), Dated("/current"));
+  EXPECT_EQ(SymlinkToCurrDirExists(), 0);
+  ASSERT_EQ(OpenLogFile(box_), 0);
+  EXPECT_EQ(SymlinkToCurrDirExists(), 1);
+  EXPECT_EQ(std::filesystem::read_symlink(Dated("/current")).filename(), kLogDirectoryName);
+}
+
+TEST_F(DatedDirectoryTest, DirectoryInThePlaceOfTheLinkFailsItsMaking) {
+  std::filesystem::create_directories(Dated("/current/occupied"));
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(CreateSymlinkToCurrDir(), -1);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("CreateSymlinkToCurrDir: symlink failed : File exists\n"));
+}
+
+TEST_F(DatedDirectoryTest, DirectoryThatCannotBeMadeIsReported) {
+  const test::DebugCapture capture(0);
+  EXPECT_EQ(CreateSymlinkToCurrDir(), -1);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("CreateSymlinkToCurrDir: mkdir( " + logs_ + "//zev.dated/" +
+                          kLogDirectoryName + ", ...) failed : No such file or directory\n"));
+}
+
+TEST_F(DatedDirectoryTest, MissingLinkIsReportedWhenItIsToBeRemoved) {
+  const test::DebugCapture capture(0);
+  RemoveSymlinkToCurrDir();
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("RemoveSymlinkToCurrDir: unlink() failed : No such file or directory\n"));
+}
+
+// ---- Archiving ----------------------------------------------------------------------------------
+
+using ArchiveTest = LogTest;
+
+TEST_F(ArchiveTest, ArchivingPointsTheLinkAtANewDirectory) {
+  OpenLogs();
+  Print("old\n");
+  CloseLogFile(box_);
+  CloseConsolidatedLogFile();
+  clock_.Advance(60);
+  {
+    const test::DebugCapture capture(kInfo);
+    ArchiveLogDir();
+    EXPECT_THAT(capture.Messages(), ElementsAre("ArchiveLogDir: Archiving log directory\n"));
+  }
+  OpenLogs();
+  Print("new\n");
+  EXPECT_EQ(std::filesystem::read_symlink(Dated("/current")).string(),
+            logs_ + "//zev.dated/13-Mar-07:07");
+  EXPECT_EQ(test::ReadFile(Dated("/13-Mar-07:06/box.log")), Record("old\n"));
+  EXPECT_EQ(test::ReadFile(Dated("/13-Mar-07:07/box.log")), Record("new\n", "11/03/13_07:07:40"));
+}
+
+TEST_F(ArchiveTest, SecondArchivingWithinTheMinuteUsesTheSameDirectory) {
+  OpenLogs();
+  Print("one\n");
+  CloseLogFile(box_);
+  CloseConsolidatedLogFile();
+  ArchiveLogDir();
+  OpenLogs();
+  Print("two\n");
+  EXPECT_EQ(Log(), Record("one\n") + Record("two\n"));
+  std::vector<std::string> directories;
+  for (const auto& entry : std::filesystem::directory_iterator(Dated())) {
+    if (!entry.is_symlink()) directories.push_back(entry.path().filename());
+  }
+  EXPECT_THAT(directories, ElementsAre(kLogDirectoryName));
+}
+
+TEST_F(ArchiveTest, DirectoryExpiresWhenItsAgeReachesTheInterval) {
+  CreateZevDatedDir();
+  ArchiveLogDir();
+  log_archive_time = 3600;
+  const time_t created = FileStatus(Dated("/current")).st_ctime;
+  for (const auto& [age, expired] :
+       std::vector<std::pair<int, int>>{{0, 0}, {3599, 0}, {3600, 1}, {3601, 1}, {-10, 0}}) {
+    clock_.Set(created + age);
+    EXPECT_EQ(LogDirExpired(), expired) << age;
+  }
+}
+
+TEST_F(ArchiveTest, ClockThatJumpsBackAnHourOnlyDelaysTheNextDirectory) {
+  OpenLogs();
+  log_archive_time = 3600;
+  const time_t created = FileStatus(Dated("/current")).st_ctime;
+  Print("before\n");
+  clock_.Set(created + 3599);
+  EXPECT_EQ(LogDirExpired(), 0);
+  clock_.Advance(-3600);
+  EXPECT_EQ(LogDirExpired(), 0);
+  clock_.Set(kLogStart - 3600);
+  EXPECT_EQ(Print("after\n"), 0);
+  EXPECT_EQ(Log(), Record("before\n") + Record("after\n", "11/03/13_06:06:40"));
+  clock_.Set(created + 3600);
+  EXPECT_EQ(LogDirExpired(), 1);
+}
+
+/// The age of the directory is not known until it is first asked for: the child starts the program
+/// afresh.
+class FreshLogDirTest : public test::UtcTest {
+ protected:
+  FreshLogDirTest() { test::StartChildrenAfresh(); }
+};
+
+time_t ChangeTime(int (*examine)(const char*, struct stat*), const std::filesystem::path& path) {
+  struct stat status {};
+  EXPECT_EQ(examine(path.c_str(), &status), 0) << path;
+  return status.st_ctime;
+}
+
+void AskForTheAgeOfADirectoryThatWasThereBefore() {
+  const test::TemporaryDirectory logs;
+  log_dir = logs.path().c_str();
+  log_archive_time = 0;
+  EXPECT_EQ(LogDirExpired(), 0) << "without a link";
+  const std::filesystem::path link = logs.path() / "zev.dated/current";
+  std::filesystem::create_directory(logs.path() / "zev.dated");
+  std::filesystem::create_symlink(logs.path() / "gone", link);
+  EXPECT_EQ(LogDirExpired(), 0) << "with a link whose target is gone";
+
+  // A directory that is older than its link.
+  const std::filesystem::path directory = logs.path() / "zev.dated/former";
+  std::filesystem::create_directory(directory);
+  const time_t created = ChangeTime(stat, directory);
+  ASSERT_TRUE(test::Eventually([&] {
+    std::filesystem::remove(link);
+    std::filesystem::create_symlink(directory, link);
+    return ChangeTime(lstat, link) > created;
+  }));
+  log_archive_time = 3600;
+  test::FakeClock clock(created + 3599);
+  EXPECT_EQ(LogDirExpired(), 0);
+  clock.Advance(1);
+  EXPECT_EQ(LogDirExpired(), 1);
+}
+
+TEST_F(FreshLogDirTest, AgeOfADirectoryThatWasThereBeforeIsThatOfTheLinksTarget) {
+  EXPECT_HOLDS_IN_CHILD(AskForTheAgeOfADirectoryThatWasThereBefore());
+}
+
+TEST_F(ArchiveTest, IntervalOfZeroHasAlwaysExpired) {
+  CreateZevDatedDir();
+  ArchiveLogDir();
+  clock_.Set(FileStatus(Dated("/current")).st_ctime);
+  log_archive_time = 0;
+  EXPECT_EQ(LogDirExpired(), 1);
+}
+
+TEST_F(ArchiveTest, WhatHappensInTheDirectoryLaterDoesNotMakeItYounger) {
+  CreateZevDatedDir();
+  ArchiveLogDir();
+  log_archive_time = 3600;
+  const time_t created = FileStatus(Dated("/current")).st_ctime;
+  std::filesystem::remove_all(Dated());
+  clock_.Set(created + 3600);
+  EXPECT_EQ(LogDirExpired(), 1);
+}
+
+TEST_F(ArchiveTest, DirectoryThatCannotBeMadeExpiresAgain) {
+  CreateZevDatedDir();
+  ArchiveLogDir();
+  log_archive_time = 3600;
+  clock_.Set(FileStatus(Dated("/current")).st_ctime + 3600);
+  std::filesystem::remove_all(logs_);
+  {
+    const test::DebugCapture capture(0);
+    ArchiveLogDir();
+    EXPECT_THAT(capture.Messages(), SizeIs(2));
+  }
+  EXPECT_EQ(LogDirExpired(), 1);
 }
 
 }  // namespace

@@ -8,18 +8,17 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <initializer_list>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "error.h"
-#include "lists.h"
+#include "debug_support.h"
+#include "failure_support.h"
 #include "options.h"
-#include "support.h"
-#include "threads.h"
-#include "zev.h"
+#include "relay_support.h"
 
 namespace {
 
@@ -73,7 +72,7 @@ class MappedPortTest : public test::RelayTest {
   MappedPortList list_;
 };
 
-// ---- Records and lists ------------------------------------------------------------------------
+// ---- Records and lists --------------------------------------------------------------------------
 
 TEST_F(MappedPortTest, NewNodeHasNoPendingLogins) {
   MappedPortNode* mpnode = NewMappedPortNode(7, 65535);

@@ -1,21 +1,30 @@
 #include "matcher.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
-#include <cstring>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
-#include "cancellation.h"
 #include "clock.h"
-#include "event_set.h"
-#include "fixed_text.h"
-#include "sockets.h"
-#include "support.h"
-#include "util.h"
-#include "waker.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "file_support.h"
+#include "lists.h"
+#include "relay_support.h"
 
 namespace {
 

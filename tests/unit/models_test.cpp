@@ -1,10 +1,18 @@
 #include "models.h"
 
-#include <cstdlib>
-#include <filesystem>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "debug_support.h"
+#include "failure_support.h"
+#include "file_support.h"
 #include "paths.h"
-#include "support.h"
 
 namespace {
 

@@ -2,22 +2,26 @@
 #include "password_check.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "cancellation.h"
 #include "clock.h"
-#include "sockets.h"
-#include "support.h"
-#include "util.h"
+#include "failure_support.h"
+#include "file_support.h"
+#include "socket_support.h"
 
 namespace {
 

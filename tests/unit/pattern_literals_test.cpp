@@ -1,5 +1,7 @@
 #include "pattern_literals.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <regex.h>
 
 #include <algorithm>
@@ -8,7 +10,6 @@
 #include <vector>
 
 #include "random_patterns.h"
-#include "support.h"
 
 namespace {
 

@@ -1,18 +1,28 @@
 #include "reg_expr.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <regex.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <iostream>
 #include <memory>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
 
+#include "debug_support.h"
+#include "failure_support.h"
+#include "file_support.h"
 #include "hard_pattern.h"
 #include "random_patterns.h"
-#include "support.h"
+#include "relay_support.h"
 
 namespace {
 

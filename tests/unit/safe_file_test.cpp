@@ -1,6 +1,7 @@
 #include "safe_file.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -10,8 +11,8 @@
 #include <cstring>
 #include <filesystem>
 
-#include "paths.h"
-#include "support.h"
+#include "file_support.h"
+#include "socket_support.h"
 
 namespace {
 

@@ -2,21 +2,19 @@
 #include "security.h"
 
 #include <arpa/inet.h>
-#include <dlfcn.h>
+#include <gmock/gmock.h>
 #include <grp.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstddef>
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <string_view>
@@ -24,13 +22,10 @@
 #include <utility>
 #include <vector>
 
-#include "attach.h"
-#include "cookie.h"
-#include "error.h"
-#include "serv_conn.h"
-#include "support.h"
-#include "user.h"
-#include "user_conn.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "file_support.h"
+#include "relay_support.h"
 
 namespace {
 
@@ -58,7 +53,7 @@ class SecurityTest : public test::RelayTest {
   Identity identity_{};
 };
 
-// ---- Telling clients apart ------------------------------------------------------------------
+// ---- Telling clients apart ----------------------------------------------------------------------
 
 class FirstLineTest : public SecurityTest {
  protected:
@@ -148,7 +143,7 @@ TEST_F(FirstLineTest, LimitIsFifteenSecondsAndOnlyForThisLine) {
   EXPECT_EQ(ReceiveTimeout(pair.ours.get()).tv_usec, 0);
 }
 
-// ---- Deciding -------------------------------------------------------------------------------
+// ---- Deciding -----------------------------------------------------------------------------------
 
 class DecisionTest : public SecurityTest {
  protected:
@@ -235,7 +230,7 @@ TEST_F(DecisionTest, LineThatCannotBeReadIsRefusedWithTheReadersText) {
   EXPECT_EQ(UserMessage(), "008 - Read error.\r\n");
 }
 
-// ---- The password helper --------------------------------------------------------------------
+// ---- The password helper ------------------------------------------------------------------------
 
 /// A helper that keeps what it reads and accepts what ends in "secret".
 class HelperTest : public SecurityTest {
@@ -313,7 +308,7 @@ TEST_F(HelperTest, LeavesNoDescriptorOpen) {
 
 }  // namespace
 
-// ---- The group database ---------------------------------------------------------------------
+// ---- The group database -------------------------------------------------------------------------
 
 // In place of the system's, for the whole program.
 namespace {
@@ -414,7 +409,7 @@ TEST(GroupTest, EmptyDatabaseHasNoMembers) {
   EXPECT_EQ(groups.closed, 1);
 }
 
-// ---- The login dialogue ---------------------------------------------------------------------
+// ---- The login dialogue -------------------------------------------------------------------------
 
 class DialogueTest : public HelperTest {
  protected:
@@ -573,7 +568,7 @@ TEST_F(DialogueTest, FailedOffersAreOfNoConsequence) {
   EXPECT_EQ(result_, 0);
 }
 
-// ---- The library's answer -------------------------------------------------------------------
+// ---- The library's answer -----------------------------------------------------------------------
 
 class LibraryAnswerTest : public HelperTest {
  protected:

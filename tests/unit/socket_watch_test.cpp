@@ -1,16 +1,24 @@
 #include "socket_watch.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
+#include <cstdlib>
 #include <vector>
 
-#include "error.h"
-#include "list.h"
+#include "debug_support.h"
+#include "failure_support.h"
 #include "list_functions.h"
-#include "support.h"
+#include "list_support.h"
+#include "socket_support.h"
 
 namespace {
 

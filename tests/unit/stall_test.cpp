@@ -1,6 +1,7 @@
 // How long a peer has been taking nothing, or too little.
 #include "stall.h"
 
+#include <gtest/gtest.h>
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -11,7 +12,7 @@
 #include <string>
 #include <thread>
 
-#include "support.h"
+#include "socket_support.h"
 
 namespace {
 

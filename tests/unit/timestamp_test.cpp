@@ -1,10 +1,13 @@
 #include "timestamp.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <ctime>
+#include <string>
 #include <thread>
 
-#include "support.h"
+#include "failure_support.h"
 
 namespace {
 

@@ -1,7 +1,9 @@
 // The stand-in authentication library: its exchange with a client, its limits, whom it admits.
 #include "tqauth.h"
 
+#include <gmock/gmock.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -21,7 +23,9 @@
 #include <utility>
 #include <vector>
 
-#include "support.h"
+#include "failure_support.h"
+#include "file_support.h"
+#include "socket_support.h"
 
 namespace {
 
@@ -150,7 +154,7 @@ class TqauthTest : public ::testing::Test {
   int error_ = 0;  // errno, where there is no line
 };
 
-// ---- The exchange ---------------------------------------------------------------------------
+// ---- The exchange -------------------------------------------------------------------------------
 
 TEST_F(TqauthTest, AsksForThePairAndReturnsLineAndName) {
   EXPECT_EQ(Authenticate("box mode=ro\nroot\nsecret\n"), "box mode=ro");
@@ -209,7 +213,7 @@ TEST_F(TqauthTest, DoubledByteIsData) {
   EXPECT_EQ(Authenticate("b\xFF\xFFx\nroot\nsecret\n"), "b\xFFx");
 }
 
-// ---- Whom it admits -------------------------------------------------------------------------
+// ---- Whom it admits -----------------------------------------------------------------------------
 
 TEST_F(TqauthTest, ListedMembersAreAdmitted) {
   EXPECT_EQ(Authenticate("box\nanna\nmy secret\n"), "box");
@@ -279,7 +283,7 @@ TEST_F(TqauthTest, GroupThatOnlyTheDatabaseKnowsIsEnough) {
   EXPECT_EQ(Authenticate("box\nbert\nsecret\n"), "(refused)");
 }
 
-// ---- Limits and failures --------------------------------------------------------------------
+// ---- Limits and failures ------------------------------------------------------------------------
 
 TEST_F(TqauthTest, LinesHaveALimit) {
   const std::string pair = "\nroot\nsecret\n";

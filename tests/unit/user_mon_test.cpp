@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -14,17 +13,14 @@
 #include <string_view>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "cons_mon.h"
 #include "console_users.h"
-#include "error.h"
+#include "debug_support.h"
+#include "failure_support.h"
 #include "lists.h"
-#include "options.h"
-#include "support.h"
+#include "relay_support.h"
 #include "threads.h"
-#include "waker.h"
-#include "zev.h"
 
 namespace {
 
@@ -160,8 +156,7 @@ TEST_F(UserMonitorDeathTest, InterruptedWaitEndsTheProcess) {
       ExitedWithCode(1), IsFailedWait());
 }
 
-// ---- Forwarding
-// ------------------------------------------------------------------------------------
+// ---- Forwarding ---------------------------------------------------------------------------------
 
 TEST_F(UserMonitorTest, WritersTypeIntoTheConsole) {
   for (const int mode : {2, 3, 4}) {
@@ -270,8 +265,7 @@ TEST_F(UserMonitorTest, FailingReceiveMarksTheUser) {
   }
 }
 
-// ---- Consoles that do not take it
-// ---------------------------------------------------------------------
+// ---- Consoles that do not take it ---------------------------------------------------------------
 
 class FailingConsoleTest : public UserMonitorTest {
  protected:
@@ -360,8 +354,7 @@ TEST_F(UserMonitorTest, WhatAConsoleTakesInPartIsCompletedLater) {
   EXPECT_EQ(user.node->connected, 1);
 }
 
-// ---- Removal
-// --------------------------------------------------------------------------------------------
+// ---- Removal ------------------------------------------------------------------------------------
 
 TEST_F(UserMonitorTest, MarkedUsersAreFound) {
   EXPECT_FALSE(user_mon::CheckForClosedConnections());
@@ -471,8 +464,7 @@ TEST_F(UserMonitorDeathTest, NegativeReferenceCountEndsTheProcess) {
           AnnouncesDaemonError("Terminated: Internal error"), IsExitTrace(1, "user_mon.cpp"))));
 }
 
-// ---- The thread as a whole
-// -------------------------------------------------------------------------------
+// ---- The thread as a whole ----------------------------------------------------------------------
 
 void ParkMonitor() {
   thread_waitreq_mask |= kPauseUserMon;

@@ -1,34 +1,24 @@
-// The readers that take text from one socket, and the socket options of the relay.
+// The readers that take text from one socket.
 #include "util.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstring>
-#include <functional>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
 
-#include "attach.h"
-#include "cancellation.h"
-#include "clock.h"
-#include "error.h"
-#include "serv_conn.h"
-#include "sockets.h"
-#include "support.h"
-#include "user.h"
-#include "user_conn.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "relay_support.h"
 
 namespace {
 
@@ -42,7 +32,6 @@ using test::IsExitTrace;
 using test::SocketPair;
 using ::testing::ElementsAre;
 using ::testing::ExitedWithCode;
-using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 constexpr char kTimedOutText[] = "003 - Timed out.\r\n";
@@ -68,8 +57,7 @@ class ReaderTest : public test::RelayTest {
   SocketPair pair_;
 };
 
-// ---- Lines
-// ---------------------------------------------------------------------------------------
+// ---- Lines --------------------------------------------------------------------------------------
 
 class LineReaderTest : public ReaderTest {
  protected:
@@ -221,8 +209,7 @@ TEST_F(LineReaderTest, InterruptedWaitGoesOn) {
   EXPECT_EQ(interrupted.calls(), 4);
 }
 
-// ---- Characters
-// ------------------------------------------------------------------------------------
+// ---- Characters ---------------------------------------------------------------------------------
 
 /// What is typed, what comes of it, and what is left unread.
 struct Dialogue {
@@ -452,8 +439,7 @@ TEST_F(CharacterReaderTest, DebugLinesCarryTheNameOfTheLineReader) {
   EXPECT_THAT(debug.Messages(), ElementsAre("Entering ReadLineWithTimeout\n"));
 }
 
-// ---- Time-outs
-// ---------------------------------------------------------------------------------------
+// ---- Time-outs ----------------------------------------------------------------------------------
 
 TEST_F(ReaderTest, SilentClientsTimeOut) {
   struct Outcome {
@@ -509,67 +495,7 @@ TEST_F(ReaderDeathTest, FailingWaitEndsTheProcess) {
   expect_fatal([&] { ReadCharAtATimeWithTimeout(sock(), buf, sizeof buf, 1, 10); });
 }
 
-// ---- Cancellation
-// --------------------------------------------------------------------------------------
-
-/// A thread that cannot be cancelled, except where a reader lets it.
-class Uncancellable {
- public:
-  template <typename Body>
-  explicit Uncancellable(Body body) : body_(body) {
-    EXPECT_EQ(pthread_create(&thread_, nullptr, Start, this), 0);
-  }
-
-  void Cancel() { CancelServiceThread(thread_); }
-
-  /// True when the thread was cancelled.
-  bool Join() {
-    void* result = nullptr;
-    pthread_join(thread_, &result);
-    return result == PTHREAD_CANCELED;
-  }
-
- private:
-  static void* Start(void* self) {
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-    static_cast<Uncancellable*>(self)->body_();
-    return nullptr;
-  }
-
-  std::function<void()> body_;
-  pthread_t thread_{};
-};
-
-TEST_F(ReaderTest, ThreadsAreCancelledWhileTheyWait) {
-  char buf[16];
-  const std::vector<std::function<void()>> readers = {
-      [&] { ReadLine(sock(), buf, sizeof buf); },
-      [&] { ReadLineWithTimeout(sock(), buf, sizeof buf, 60); },
-      [&] { ReadCharAtATimeWithTimeout(sock(), buf, sizeof buf, 1, 60); },
-      [&] { ReadCharAtATimeWithTimeout(sock(), buf, sizeof buf, 1, 0); },
-  };
-  for (const auto& reader : readers) {
-    Uncancellable thread(reader);
-    thread.Cancel();
-    EXPECT_TRUE(thread.Join());
-  }
-}
-
-TEST_F(ReaderTest, FormerCancellationStateComesBack) {
-  Type("one\ntwo\n");
-  int state = -1;
-  Uncancellable thread([&] {
-    char buf[16];
-    ReadLine(sock(), buf, sizeof buf);
-    ReadCharAtATimeWithTimeout(sock(), buf, sizeof buf, 1, 10);
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
-  });
-  EXPECT_FALSE(thread.Join());
-  EXPECT_EQ(state, PTHREAD_CANCEL_DISABLE);
-}
-
-// ---- Telnet commands
-// -----------------------------------------------------------------------------------
+// ---- Telnet commands ----------------------------------------------------------------------------
 
 class TelnetReaderTest : public ReaderTest {
  protected:
@@ -708,109 +634,6 @@ void ExpectOneSecondInAll() {
 TEST_F(TelnetReaderDeathTest, AllWaitsShareOneSecond) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_HOLDS_IN_CHILD(ExpectOneSecondInAll());
-}
-
-// ---- Socket options and bounded sends
-// --------------------------------------------------------------------
-
-/// Sends until there is no more room.
-void Fill(int sock) {
-  const std::string chunk(65536, 'x');
-  while (send(sock, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
-  }
-}
-
-/// A prepared TCP connection whose peer reads nothing by itself.
-class RelaySocketTest : public test::RelayTest {
- protected:
-  RelaySocketTest() {
-    const test::Listener listener;
-    sock_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(listener.port());
-    EXPECT_EQ(connect(sock_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    peer_ = listener.Accept();
-    PrepareRelaySocket(sock_.get());
-  }
-
-  int Option(int level, int name) const {
-    int value = 0;
-    socklen_t length = sizeof value;
-    EXPECT_EQ(getsockopt(sock_.get(), level, name, &value, &length), 0);
-    return value;
-  }
-
-  test::Descriptor sock_;
-  test::Descriptor peer_;
-};
-
-TEST_F(RelaySocketTest, KeystrokesAreNotHeldBack) {
-  EXPECT_EQ(Option(IPPROTO_TCP, TCP_NODELAY), 1);
-}
-
-TEST_F(RelaySocketTest, FlagsAreSwitchedOn) {
-  EXPECT_EQ(Option(SOL_SOCKET, SO_KEEPALIVE), 0);
-  SetSocketFlag(sock_.get(), SOL_SOCKET, SO_KEEPALIVE);
-  EXPECT_EQ(Option(SOL_SOCKET, SO_KEEPALIVE), 1);
-}
-
-TEST_F(RelaySocketTest, SendToAPeerThatStopsReadingFailsSoon) {
-  Fill(sock_.get());
-  const auto start = std::chrono::steady_clock::now();
-  const std::string chunk(65536, 'x');
-  while (send(sock_.get(), chunk.data(), chunk.size(), 0) > 0) {
-  }
-  EXPECT_EQ(errno, EAGAIN);
-  EXPECT_LT(Seconds(start), 2.0);
-}
-
-using SendRoomTest = ReaderTest;
-
-TEST_F(SendRoomTest, RoomIsThereUntilThePeerStopsReading) {
-  EXPECT_TRUE(HasSendRoom(sock()));
-  Fill(sock());
-  EXPECT_FALSE(HasSendRoom(sock()));
-  Echoed();
-  EXPECT_TRUE(HasSendRoom(sock()));
-}
-
-TEST_F(SendRoomTest, PeerThatIsGoneCountsAsRoom) {
-  Fill(sock());
-  pair_.theirs.Reset();
-  EXPECT_TRUE(HasSendRoom(sock()));
-}
-
-TEST_F(SendRoomTest, BudgetSendsLikeSend) {
-  SendBudget budget;
-  EXPECT_EQ(budget.Send(sock(), "abc", 3, 0), 3);
-  EXPECT_EQ(Echoed(), "abc");
-  const FailCall failure(Call::kSend, ECONNRESET);
-  EXPECT_EQ(budget.Send(sock(), "abc", 3, 0), -1);
-  EXPECT_EQ(errno, ECONNRESET);
-}
-
-TEST_F(SendRoomTest, BudgetWaitsForRoom) {
-  SendBudget budget;
-  const FailCall failure(Call::kSend, EAGAIN, 1, 1);
-  const FailCall waits(Call::kPoll, EINTR, 1, 0);
-  EXPECT_EQ(budget.Send(sock(), "abc", 3, 0), 3);
-  EXPECT_EQ(failure.calls(), 2);
-  EXPECT_EQ(waits.calls(), 1);
-}
-
-TEST_F(SendRoomTest, BudgetIsSpentOnceForAllItsSends) {
-  Fill(sock());
-  SendBudget budget;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(budget.Send(sock(), "x", 1, 0), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  EXPECT_LT(Seconds(start), 2.0);
-  const FailCall waits(Call::kPoll, EINTR, 1, 0);
-  EXPECT_EQ(budget.Send(sock(), "x", 1, 0), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  EXPECT_EQ(waits.calls(), 0);
 }
 
 }  // namespace

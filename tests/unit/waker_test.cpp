@@ -1,14 +1,17 @@
 #include "waker.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <thread>
 
+#include "failure_support.h"
+#include "socket_support.h"
 #include "socket_watch.h"
-#include "support.h"
 
 namespace {
 

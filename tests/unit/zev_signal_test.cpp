@@ -1,42 +1,30 @@
+// Signals: blocking them, and the handlers of SIGTERM and SIGHUP.
 #include "zev_signal.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
+#include <ctime>
 #include <thread>
 
-#include "error.h"
-#include "signal_hold.h"
-#include "support.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "options.h"
+#include "signal_support.h"
 
 namespace {
 
+using test::IsBlocked;
+using test::SignalTest;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ExitedWithCode;
-using ::testing::IsEmpty;
-
-bool IsBlocked(int signum) {
-  sigset_t blocked;
-  pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
-  return sigismember(&blocked, signum) == 1;
-}
-
-/// Leaves the calling thread's blocked signals as they were.
-class SignalTest : public ::testing::Test {
- protected:
-  SignalTest() {
-    sigset_t none;
-    sigemptyset(&none);
-    pthread_sigmask(SIG_SETMASK, &none, &saved_);
-  }
-  ~SignalTest() override { pthread_sigmask(SIG_SETMASK, &saved_, nullptr); }
-
- private:
-  sigset_t saved_{};
-};
 
 // ---- Blocking -----------------------------------------------------------------------------------
 
@@ -130,38 +118,10 @@ TEST_F(SignalTest, TermSignalEndsTheProcess) {
       ExitedWithCode(1), test::DebugTextsAre(ElementsAre("Received SIGTERM.\n")));
 }
 
-TEST_F(SignalTest, HoldKeepsTheTermSignalAway) {
-  {
-    const TermSignalHold hold;
-    EXPECT_TRUE(IsBlocked(SIGTERM));
-    EXPECT_FALSE(IsBlocked(SIGINT));
-  }
-  EXPECT_FALSE(IsBlocked(SIGTERM));
-}
-
-TEST_F(SignalTest, HoldRestoresWhatItFound) {
-  BlockSignal(SIGTERM);
-  { const TermSignalHold hold; }
-  EXPECT_TRUE(IsBlocked(SIGTERM));
-}
-
-TEST_F(SignalTest, HoldsNest) {
-  {
-    const TermSignalHold outer;
-    { const TermSignalHold inner; }
-    EXPECT_TRUE(IsBlocked(SIGTERM));
-  }
-  EXPECT_FALSE(IsBlocked(SIGTERM));
-}
-
-/// Children of these tests have threads.
+/// The children have threads.
 class TermSignalStormTest : public SignalTest {
  protected:
-  TermSignalStormTest() { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
-  ~TermSignalStormTest() override { ::testing::GTEST_FLAG(death_test_style) = saved_; }
-
- private:
-  std::string saved_ = ::testing::GTEST_FLAG(death_test_style);
+  TermSignalStormTest() { test::StartChildrenAfresh(); }
 };
 
 // Writes debug lines for ever, which takes the locks that the handler needs too, until a signal

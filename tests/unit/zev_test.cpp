@@ -1,29 +1,39 @@
+// Start-up: options, detaching, and making what the threads share and the threads themselves.
 #include "zev.h"
 
 #include <fcntl.h>
 #include <getopt.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/file.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <iterator>
+#include <ostream>
 #include <set>
-#include <thread>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
-#include "cons_mon.h"
-#include "console_users.h"
+#include "daemon_support.h"
+#include "debug_support.h"
+#include "failure_support.h"
+#include "file_support.h"
 #include "lists.h"
 #include "lock_file.h"
 #include "options.h"
-#include "support.h"
-#include "threads.h"
-#include "waker.h"
+#include "socket_support.h"
 
 namespace {
 
@@ -32,7 +42,6 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::StrEq;
 
@@ -71,23 +80,7 @@ class OptionsTest : public ::testing::Test {
   test::OptionsGuard options_;
 };
 
-// ---- Defaults and effects of the options --------------------------------------------------------
-
-TEST_F(OptionsTest, HaveTheirDefaults) {
-  EXPECT_EQ(debug_level, 0);
-  EXPECT_EQ(security_enabled, 1);
-  EXPECT_EQ(cons_buf_size, 0);
-  EXPECT_EQ(suppress_cr, 1);
-  EXPECT_EQ(foreground, 0);
-  EXPECT_EQ(log_archive_time, 604800);
-  EXPECT_EQ(USE_CMD_LINE_ARCH_TIME, 0);
-  EXPECT_EQ(user_port, 6500);
-  EXPECT_EQ(max_pending_logins, 5);
-  EXPECT_STREQ(log_dir, QOR_ROOT "/logs");
-  EXPECT_STREQ(config_file, QOR_ROOT "/config/zev.conf");
-  EXPECT_EQ(thread_waitreq_mask, 0U);
-  EXPECT_EQ(thread_waiting_mask, 0U);
-}
+// ---- Effects of the options ---------------------------------------------------------------------
 
 TEST_F(OptionsTest, NoneLeavesTheDefaults) {
   Parse({});
@@ -348,66 +341,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ArchiveTime{"24855", 2147472000}, ArchiveTime{"24856", -2147408896},
                       ArchiveTime{"100000d", 50065408}, ArchiveTime{"7101w", -282496},
                       ArchiveTime{"2147483647m", -60}, ArchiveTime{"-2147483648w", 0}));
-
-// ---- Wake-ups -----------------------------------------------------------------------------------
-
-TEST(WakeUpTest, OfTheCallingThreadAloneMayComeHalfAMillisecondLater) {
-  const int before = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
-  std::thread([] {
-    ShareWakeUps();
-    EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), 500'000);
-  }).join();
-  EXPECT_NE(before, 500'000);
-  EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), before);
-}
-
-// ---- ParkIfAsked --------------------------------------------------------------------------------
-
-class ParkTest : public OptionsTest {};
-
-TEST_F(ParkTest, ThreadThatIsNotAskedGoesOn) {
-  thread_waitreq_mask = ~static_cast<unsigned>(kPauseUserConn);
-  ParkIfAsked(kPauseUserConn);
-  EXPECT_EQ(thread_waiting_mask, 0U);
-}
-
-TEST_F(ParkTest, ThreadThatIsAskedStandsStillUntilItIsReleased) {
-  for (const unsigned bit : {0x1U, 0x2U, 0x4U, 0x8U, 0x10U}) {
-    thread_waiting_mask = 0xFFU & ~bit;  // other threads' bits stay
-    thread_waitreq_mask = bit;
-    std::atomic<bool> went_on = false;
-    std::thread parked([&] {
-      ParkIfAsked(bit);
-      went_on = true;
-    });
-    ASSERT_TRUE(test::Eventually([&] { return thread_waiting_mask == 0xFFU; }));
-    EXPECT_FALSE(went_on);
-    thread_waitreq_mask = 0xFFU & ~bit;  // requests for others
-    parked.join();
-    EXPECT_TRUE(went_on);
-    EXPECT_EQ(thread_waiting_mask, 0xFFU & ~bit);
-  }
-}
-
-TEST_F(ParkTest, WaitsInStepsOf100Microseconds) {
-  test::FakeClock clock;
-  clock.OnSleep([&](useconds_t) {
-    EXPECT_EQ(thread_waiting_mask, 0x1U);
-    if (clock.sleeps().size() == 3) thread_waitreq_mask = 0;
-  });
-  thread_waitreq_mask = kPauseConsConn;
-  ParkIfAsked(kPauseConsConn);
-  EXPECT_THAT(clock.sleeps(), ElementsAre(100, 100, 100));
-  EXPECT_EQ(thread_waiting_mask, 0U);
-}
-
-TEST_F(ParkTest, BitsAreThoseOfThePauseProtocol) {
-  EXPECT_EQ(kPauseConsConn, 0x1);
-  EXPECT_EQ(kPauseConsMon, 0x2);
-  EXPECT_EQ(kPauseUserConn, 0x4);
-  EXPECT_EQ(kPauseUserMon, 0x8);
-  EXPECT_EQ(kPauseCmdMon, 0x10);
-}
 
 // ---- Initialize ---------------------------------------------------------------------------------
 
@@ -721,14 +654,10 @@ bool EveryThreadButTheMainOneBlocks(int signum) {
   });
 }
 
-/// Children of these tests have threads.
+/// The children have threads.
 class ThreadStartTest : public OptionsTest {
  protected:
-  ThreadStartTest() { ::testing::GTEST_FLAG(death_test_style) = "threadsafe"; }
-  ~ThreadStartTest() override { ::testing::GTEST_FLAG(death_test_style) = saved_; }
-
- private:
-  std::string saved_ = ::testing::GTEST_FLAG(death_test_style);
+  ThreadStartTest() { test::StartChildrenAfresh(); }
 };
 
 void StartThreads() {

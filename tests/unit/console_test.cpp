@@ -1,0 +1,385 @@
+// The record of a console, lists of such records, and text fields.
+#include "console.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "debug_support.h"
+#include "event_set.h"
+#include "failure_support.h"
+#include "options.h"
+#include "relay_support.h"
+
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::ExitedWithCode;
+
+// ---- Text fields --------------------------------------------------------------------------------
+
+TEST(CopyTextTest, CopiesWhatFits) {
+  char field[5];
+  CopyText(field, "abcd");
+  EXPECT_STREQ(field, "abcd");
+  CopyText(field, "");
+  EXPECT_STREQ(field, "");
+}
+
+TEST(CopyTextTest, CutsAndTerminates) {
+  char field[6] = "#####";
+  CopyText(field, 5, "abcdefgh");
+  EXPECT_STREQ(field, "abcd");
+  EXPECT_EQ(field[5], '\0');
+  CopyText(field, 1, "x");
+  EXPECT_STREQ(field, "");
+}
+
+TEST(CopyTextTest, FieldsHoldWhatTheirSizesSay) {
+  EXPECT_EQ(kNameSize, 65U);
+  EXPECT_EQ(kUserNameSize, 33U);
+}
+
+// ---- The record ---------------------------------------------------------------------------------
+
+using ConsoleTest = test::RelayTest;
+
+TEST_F(ConsoleTest, NewOneIsNotConnected) {
+  const test::ConsolePtr cnode = test::MakeConsole("mycons");
+  EXPECT_EQ(cnode->sock, -1);
+  EXPECT_EQ(cnode->log_fd, -1);
+  EXPECT_EQ(cnode->status, kNotConnected);
+  EXPECT_EQ(cnode->deleted, 0);
+  EXPECT_EQ(cnode->ref_count, 0);
+  EXPECT_EQ(cnode->force, 0);
+  EXPECT_EQ(cnode->check_for_NET_E_msg, 0);
+  EXPECT_EQ(cnode->lfca_time, 0);
+  EXPECT_EQ(cnode->lsca_time, 0);
+  EXPECT_STREQ(cnode->telnet_cmd, "");
+  EXPECT_STREQ(cnode->pellox_port_holder_ipaddr, "");
+  EXPECT_EQ(cnode->log_buf.buf[0], '\0');
+  EXPECT_EQ(cnode->log_buf.count, 0);
+  EXPECT_EQ(cnode->enode, nullptr);
+}
+
+TEST_F(ConsoleTest, StatusValuesAreThoseOnTheWire) {
+  EXPECT_EQ(kConnected, 0);
+  EXPECT_EQ(kInProgress, 1);
+  EXPECT_EQ(kRefused, 2);
+  EXPECT_EQ(kNotConnected, 3);
+}
+
+TEST_F(ConsoleTest, NewOneTakesItsSettings) {
+  EventSetNode enode{};
+  ConsoleSettings settings = test::Settings("mycons");
+  CopyText(settings.pname, "sys1");
+  CopyText(settings.ipaddr, "10.1.2.3");
+  CopyText(settings.model, "M100");
+  settings.cons_port = 2001;
+  settings.mgmt_port = 23;
+  settings.mapped_port = 65535;
+  settings.logging = 2;
+  settings.events = 3;
+  settings.enable = 4;
+  settings.auth = 5;
+  settings.enode = &enode;
+  const test::ConsolePtr cnode(NewConsoleNode(settings));
+  EXPECT_STREQ(cnode->cname, "mycons");
+  EXPECT_STREQ(cnode->pname, "sys1");
+  EXPECT_STREQ(cnode->ipaddr, "10.1.2.3");
+  EXPECT_STREQ(cnode->model, "M100");
+  EXPECT_EQ(cnode->cons_port, 2001);
+  EXPECT_EQ(cnode->mgmt_port, 23);
+  EXPECT_EQ(cnode->mapped_port, 65535);
+  EXPECT_EQ(cnode->logging, 2);
+  EXPECT_EQ(cnode->events, 3);
+  EXPECT_EQ(cnode->enable, 4);
+  EXPECT_EQ(cnode->auth, 5);
+  EXPECT_EQ(cnode->enode, &enode);
+}
+
+TEST_F(ConsoleTest, TextsAreCutTo64Characters) {
+  const std::string text(65, 'x');
+  ConsoleSettings settings = test::Settings(text.c_str());
+  CopyText(settings.pname, text.c_str());
+  CopyText(settings.ipaddr, text.c_str());
+  CopyText(settings.model, text.c_str());
+  const test::ConsolePtr cnode(NewConsoleNode(settings));
+  for (const char* field : {cnode->cname, cnode->pname, cnode->ipaddr, cnode->model}) {
+    EXPECT_EQ(field, std::string(64, 'x'));
+  }
+}
+
+TEST_F(ConsoleTest, NewOneHasAnEmptyUserList) {
+  const test::ConsolePtr cnode = test::MakeConsole("mycons");
+  EXPECT_STREQ(cnode->user_list->list_name, "console's user list");
+  EXPECT_EQ(cnode->user_list->head, nullptr);
+  EXPECT_EQ(cnode->user_list->tail, nullptr);
+  EXPECT_EQ(cnode->user_list->count, 0);
+}
+
+TEST_F(ConsoleTest, RingIsMadeWhenItHasASize) {
+  EXPECT_EQ(test::MakeConsole("without")->cons_buf.buf, nullptr);
+  cons_buf_size = 16;
+  const test::ConsolePtr cnode = test::MakeConsole("with");
+  ASSERT_NE(cnode->cons_buf.buf, nullptr);
+  EXPECT_EQ(cnode->cons_buf.buf[0], '\0');
+  EXPECT_EQ(cnode->cons_buf.head, 0);
+  EXPECT_EQ(cnode->cons_buf.tail, 0);
+}
+
+TEST_F(ConsoleTest, NewOneIsAnnouncedAtLevelOneAndDescribedAtLevelThree) {
+  ConsoleSettings settings = test::Settings("mycons");
+  settings.cons_port = 2001;
+  settings.mgmt_port = 23;
+  settings.logging = 1;
+  settings.events = 2;
+  {
+    const test::DebugCapture capture(kInfo);
+    const test::ConsolePtr cnode(NewConsoleNode(settings));
+    EXPECT_THAT(capture.Messages(), ElementsAre("Entering NewConsoleNode\n"));
+  }
+  const test::DebugCapture capture(kTrace);
+  const test::ConsolePtr cnode(NewConsoleNode(settings));
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("Entering NewConsoleNode\n", "\tcons_name = \"mycons\".\n",
+                          "\tplat_name = \"platform\".\n", "\tipaddr    = \"127.0.0.1\".\n",
+                          "\tcons_port = \"2001\".\n", "\tmgmt_port = \"23\".\n",
+                          "\tlogging   = \"1\".\n", "\tevents    = \"2\".\n"));
+}
+
+TEST_F(ConsoleTest, RunningOutOfMemoryGivesNoNode) {
+  cons_buf_size = 16;
+  for (const int failing : {1, 2, 3}) {
+    const test::DebugCapture capture(kDetail);
+    const test::FailAllocation failure(failing);
+    EXPECT_EQ(NewConsoleNode(test::Settings("mycons")), nullptr);
+    EXPECT_TRUE(failure.reached());
+    EXPECT_THAT(test::Reports(capture.Messages()),
+                ElementsAre("NewConsoleNode: malloc() failed : Cannot allocate memory\n"));
+    EXPECT_TRUE(
+        capture.Has("PostJixEvent: template=qor.zevd.daemon.error message=Out of memory -=- "
+                    "priority=700\n"));
+  }
+}
+
+TEST_F(ConsoleTest, FreeingFreesItsPartsAndLeavesItsUsers) {
+  cons_buf_size = 16;
+  ConsoleNode* cnode = test::MakeConsole("mycons").release();
+  UserNode user{};
+  ASSERT_EQ(AddUserToList(&user, cnode->user_list), 0);
+  FreeConsoleNode(cnode);  // the address sanitizer sees what is left or freed twice
+  EXPECT_EQ(user.sock, 0);
+}
+
+// ---- The list -----------------------------------------------------------------------------------
+
+class ConsoleListTest : public ConsoleTest {
+ protected:
+  ConsoleListTest() { InitConsoleList(&list_, "my list"); }
+  ~ConsoleListTest() override {
+    EmptyConsoleList(&list_);
+    free(const_cast<char*>(list_.list_name));
+  }
+
+  ConsoleNode* Add(const char* name, int sock = -1, int status = kNotConnected) {
+    return test::AddConsole(&list_, name, sock, status);
+  }
+
+  ConsoleList list_;
+};
+
+TEST_F(ConsoleListTest, NewOneIsEmptyAndNamed) {
+  ConsoleList* list = NewConsoleList("another");
+  EXPECT_STREQ(list->list_name, "another");
+  EXPECT_EQ(list->head, nullptr);
+  EXPECT_EQ(list->count, 0);
+  EXPECT_EQ(list->high_sock, -1);
+  FreeConsoleList(list);
+}
+
+TEST_F(ConsoleListTest, NewOneIsNullWhenOutOfMemory) {
+  const test::DebugCapture capture(0);
+  const test::FailAllocation failure(1);
+  EXPECT_EQ(NewConsoleList("another"), nullptr);
+  EXPECT_THAT(test::Reports(capture.Messages()),
+              ElementsAre("NewConsoleList: malloc() failed : Cannot allocate memory\n"));
+}
+
+TEST_F(ConsoleListTest, AddingAppendsAndSaysSo) {
+  ConsoleNode* first = test::MakeConsole("a").release();
+  ConsoleNode* second = test::MakeConsole("b").release();
+  const test::DebugCapture capture(kTrace);
+  EXPECT_EQ(AddConsoleToList(first, &list_), 0);
+  EXPECT_EQ(AddConsoleToList(second, &list_), 0);
+  EXPECT_THAT(test::Names(list_), ElementsAre("a", "b"));
+  EXPECT_EQ(list_.count, 2);
+  EXPECT_THAT(test::WithoutEntries(capture.Messages()),
+              ElementsAre("AddConsoleToList: Added console a to my list.\n",
+                          "AddConsoleToList: Added console b to my list.\n"));
+}
+
+TEST_F(ConsoleListTest, AddingKeepsTheSet) {
+  Add("none");
+  EXPECT_EQ(list_.high_sock, -1);
+  Add("low", 5);
+  Add("high", 2000);
+  EXPECT_EQ(list_.high_sock, 2000);
+  EXPECT_TRUE(list_.fdset.Contains(5));
+  EXPECT_TRUE(list_.fdset.Contains(2000));
+  for (ConsoleNode* cnode : Nodes(list_)) cnode->sock = -1;
+}
+
+TEST_F(ConsoleListTest, AddingWithoutMemoryForTheElement) {
+  const test::ConsolePtr cnode = test::MakeConsole("a");
+  const test::DebugCapture capture(kDetail);
+  const test::FailAllocation failure(1);
+  EXPECT_EQ(AddConsoleToList(cnode.get(), &list_), -1);
+  EXPECT_EQ(list_.head, nullptr);
+  EXPECT_EQ(list_.count, 0);
+  EXPECT_THAT(test::Reports(capture.Messages()),
+              ElementsAre("NewConsoleListElem: malloc() failed : Cannot allocate memory\n",
+                          "AddConsoleToList: NewConsoleListElem() failed.\n"));
+  EXPECT_TRUE(capture.Has(
+      "PostJixEvent: template=qor.zevd.daemon.error message=Out of memory -=- priority=700\n"));
+}
+
+TEST_F(ConsoleListTest, AddingWithoutMemoryForTheSet) {
+  const test::ConsolePtr cnode = test::MakeConsole("a");
+  cnode->sock = 5000;
+  const test::DebugCapture capture(0);
+  {
+    const test::FailAllocation failure(1);
+    EXPECT_EQ(AddConsoleToList(cnode.get(), &list_), -1);
+  }
+  EXPECT_EQ(list_.head, nullptr);
+  EXPECT_EQ(list_.high_sock, -1);
+  EXPECT_EQ(test::Reports(capture.Messages()).back(),
+            "AddConsoleToList: NewConsoleListElem() failed.\n");
+}
+
+TEST_F(ConsoleListTest, RemovingUnlinksAndSaysSo) {
+  const test::ConsolePtr gone(Add("a", 9));
+  ConsoleNode* stays = Add("b", 4);
+  const test::DebugCapture capture(kTrace);
+  EXPECT_EQ(RemoveConsoleFromList(gone.get(), &list_), 0);
+  EXPECT_THAT(test::Names(list_), ElementsAre("b"));
+  EXPECT_EQ(list_.count, 1);
+  EXPECT_EQ(list_.high_sock, 4);
+  EXPECT_FALSE(list_.fdset.Contains(9));
+  EXPECT_THAT(
+      test::WithoutEntries(capture.Messages()),
+      ElementsAre("RemoveConsoleFromList: Removed console a from my list.\n",
+                  "RemoveConsoleFromList: Doing FD_CLR( 9, ...) for console a on my list\n"));
+  stays->sock = -1;
+}
+
+TEST_F(ConsoleListTest, RemovingGoesByIdentity) {
+  ConsoleNode* first = Add("same");
+  const test::ConsolePtr second(Add("same"));
+  RemoveConsoleFromList(second.get(), &list_);
+  EXPECT_EQ(list_.head->cnode, first);
+}
+
+TEST_F(ConsoleListTest, RemovingAStrangerEndsTheProcess) {
+  Add("a");
+  const test::ConsolePtr stranger = test::MakeConsole("a");
+  EXPECT_EXIT(
+      (test::SendDebugToStderr(kInfo), RemoveConsoleFromList(stranger.get(), &list_)),
+      ExitedWithCode(1),
+      test::DebugReportsAre(ElementsAre("RemoveConsoleFromList: cnode not found in cons_list\n",
+                                        test::IsExitTrace(1, "console.cpp"))));
+}
+
+TEST_F(ConsoleListTest, RemovingAStrangerPostsTheTerminationEvent) {
+  const test::ConsolePtr stranger = test::MakeConsole("a");
+  EXPECT_EXIT(
+      (test::SendDebugToStderr(kDetail), RemoveConsoleFromList(stranger.get(), &list_)),
+      ExitedWithCode(1),
+      test::DebugTextsAre(Contains("PostJixEvent: template=qor.zevd.daemon.error "
+                                   "message=Terminated: Internal error -=- priority=700\n")));
+}
+
+TEST_F(ConsoleListTest, NegativeCountEndsTheProcess) {
+  ConsoleNode* cnode = Add("a");
+  EXPECT_EXIT(
+      {
+        list_.count = 0;
+        test::SendDebugToStderr(kInfo);
+        RemoveConsoleFromList(cnode, &list_);
+      },
+      ExitedWithCode(1),
+      test::DebugReportsAre(ElementsAre("RemoveConsoleFromList: cons_list->count = -1\n",
+                                        test::IsExitTrace(1, "console.cpp"))));
+}
+
+TEST_F(ConsoleListTest, LookUpByNameIsExact) {
+  Add("console");
+  ConsoleNode* first = Add("Console");
+  Add("Console");
+  EXPECT_EQ(LocateConsoleInList("Console", &list_), first);
+  EXPECT_EQ(LocateConsoleInList("CONSOLE", &list_), nullptr);
+  EXPECT_EQ(LocateConsoleInList("Consol", &list_), nullptr);
+  EXPECT_EQ(LocateConsoleInList("", &list_), nullptr);
+}
+
+TEST_F(ConsoleListTest, EmptyingFreesEveryNode) {
+  Add("a", 7);
+  Add("b");
+  EmptyConsoleList(&list_);
+  EXPECT_EQ(list_.head, nullptr);
+  EXPECT_EQ(list_.tail, nullptr);
+  EXPECT_EQ(list_.count, 0);
+  EXPECT_EQ(list_.high_sock, -1);
+}
+
+TEST_F(ConsoleListTest, FreeingFreesListAndNodes) {
+  ConsoleList* list = NewConsoleList("another");
+  test::AddConsole(list, "a");
+  test::AddConsole(list, "b");
+  const test::DebugCapture capture(kTrace);
+  FreeConsoleList(list);
+  EXPECT_EQ(capture.Count("RemoveConsoleFromList: Removed console a from another.\n"), 1);
+  EXPECT_EQ(capture.Count("RemoveConsoleFromList: Removed console b from another.\n"), 1);
+}
+
+// ---- Dumping ------------------------------------------------------------------------------------
+
+TEST_F(ConsoleListTest, DumpIsAlwaysPrinted) {
+  ConsoleNode* cnode = Add("mycons", 7, kRefused);
+  cnode->cons_port = 2001;
+  cnode->mgmt_port = 23;
+  cnode->logging = 1;
+  cnode->events = 2;
+  cnode->enable = 3;
+  cnode->deleted = 4;
+  cnode->log_fd = 8;
+  cnode->ref_count = 5;
+  cnode->lfca_time = 1234567890123;
+  cnode->lsca_time = 42;
+  CopyText(cnode->telnet_cmd, "\xFF\xFB\x01");
+  const test::DebugCapture capture(0);
+  DumpConsoles(&list_);
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("Dumping \"my list\"...\n", "name           = mycons\n",
+                          "addr           = 127.0.0.1\n", "cons_port      = 2001\n",
+                          "mgmt_port      = 23\n", "logging        = 1\n", "events         = 2\n",
+                          "enable         = 3\n", "deleted        = 4\n", "sock           = 7\n",
+                          "log_fd         = 8\n", "status         = 2\n", "ref_count      = 5\n",
+                          "lfca_time      = 1234567890123\n", "lsca_time      = 42\n",
+                          "telnet_cmd     = \xFF\xFB\x01\n",
+                          "-----------------------------------------\n\n"));
+  cnode->sock = -1;
+  cnode->log_fd = -1;
+}
+
+TEST_F(ConsoleListTest, DumpOfAnEmptyListIsItsName) {
+  const test::DebugCapture capture(0);
+  DumpConsoles(&list_);
+  EXPECT_THAT(capture.Messages(), ElementsAre("Dumping \"my list\"...\n"));
+}
+
+}  // namespace

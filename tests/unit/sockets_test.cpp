@@ -1,0 +1,132 @@
+// The sockets of the relay: their options, their room and bounded sends.
+#include "sockets.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <string>
+
+#include "failure_support.h"
+#include "relay_support.h"
+
+namespace {
+
+using test::Call;
+using test::FailCall;
+using test::SocketPair;
+
+// ---- Options ------------------------------------------------------------------------------------
+
+/// A prepared TCP connection whose peer reads nothing by itself.
+class RelaySocketTest : public test::RelayTest {
+ protected:
+  RelaySocketTest() {
+    const test::Listener listener;
+    sock_ = test::ConnectTo(listener.port());
+    peer_ = listener.Accept();
+    PrepareRelaySocket(sock_.get());
+  }
+
+  int Option(int level, int name) const {
+    int value = 0;
+    socklen_t length = sizeof value;
+    EXPECT_EQ(getsockopt(sock_.get(), level, name, &value, &length), 0);
+    return value;
+  }
+
+  test::Descriptor sock_;
+  test::Descriptor peer_;
+};
+
+TEST_F(RelaySocketTest, KeystrokesAreNotHeldBack) {
+  EXPECT_EQ(Option(IPPROTO_TCP, TCP_NODELAY), 1);
+}
+
+TEST_F(RelaySocketTest, FlagsAreSwitchedOn) {
+  EXPECT_EQ(Option(SOL_SOCKET, SO_KEEPALIVE), 0);
+  SetSocketFlag(sock_.get(), SOL_SOCKET, SO_KEEPALIVE);
+  EXPECT_EQ(Option(SOL_SOCKET, SO_KEEPALIVE), 1);
+}
+
+TEST_F(RelaySocketTest, SendToAPeerThatStopsReadingFailsSoon) {
+  test::FillUp(sock_.get());
+  const auto start = std::chrono::steady_clock::now();
+  const std::string chunk(65536, 'x');
+  while (send(sock_.get(), chunk.data(), chunk.size(), 0) > 0) {
+  }
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST(TelnetOptionsTest, TelnetOptionsAreTwoOffersInSendsOfTheirOwn) {
+  std::array<int, 2> ends{};
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
+  const test::Descriptor ours(ends[0]);
+  const test::Descriptor theirs(ends[1]);
+  SetTelnetOptions(ours.get());
+  EXPECT_EQ(test::Receive(theirs.get(), 3), "\xFF\xFB\x01");
+  EXPECT_EQ(test::Receive(theirs.get(), 3), "\xFF\xFB\x03");
+  EXPECT_EQ(test::ReceiveAvailable(theirs.get()), "");
+}
+
+// ---- Room ---------------------------------------------------------------------------------------
+
+class SendRoomTest : public ::testing::Test {
+ protected:
+  int sock() const { return pair_.ours.get(); }
+  std::string Received() const { return test::ReceiveAvailable(pair_.theirs.get()); }
+
+  SocketPair pair_;
+};
+
+TEST_F(SendRoomTest, RoomIsThereUntilThePeerStopsReading) {
+  EXPECT_TRUE(HasSendRoom(sock()));
+  test::FillUp(sock());
+  EXPECT_FALSE(HasSendRoom(sock()));
+  Received();
+  EXPECT_TRUE(HasSendRoom(sock()));
+}
+
+TEST_F(SendRoomTest, PeerThatIsGoneCountsAsRoom) {
+  test::FillUp(sock());
+  pair_.theirs.Reset();
+  EXPECT_TRUE(HasSendRoom(sock()));
+}
+
+TEST_F(SendRoomTest, BudgetSendsLikeSend) {
+  SendBudget budget;
+  EXPECT_EQ(budget.Send(sock(), "abc", 3, 0), 3);
+  EXPECT_EQ(Received(), "abc");
+  const FailCall failure(Call::kSend, ECONNRESET);
+  EXPECT_EQ(budget.Send(sock(), "abc", 3, 0), -1);
+  EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST_F(SendRoomTest, BudgetWaitsForRoom) {
+  SendBudget budget;
+  const FailCall failure(Call::kSend, EAGAIN, 1, 1);
+  const FailCall waits(Call::kPoll, EINTR, 1, 0);
+  EXPECT_EQ(budget.Send(sock(), "abc", 3, 0), 3);
+  EXPECT_EQ(failure.calls(), 2);
+  EXPECT_EQ(waits.calls(), 1);
+}
+
+TEST_F(SendRoomTest, BudgetIsSpentOnceForAllItsSends) {
+  test::FillUp(sock());
+  SendBudget budget;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(budget.Send(sock(), "x", 1, 0), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  const FailCall waits(Call::kPoll, EINTR, 1, 0);
+  EXPECT_EQ(budget.Send(sock(), "x", 1, 0), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_EQ(waits.calls(), 0);
+}
+
+}  // namespace

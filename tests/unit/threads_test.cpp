@@ -1,0 +1,82 @@
+// What the long-lived threads have in common: their wake-ups, and standing still for a reload.
+#include "threads.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/prctl.h>
+
+#include <atomic>
+#include <thread>
+
+#include "daemon_support.h"
+#include "failure_support.h"
+#include "socket_support.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+
+// ---- Wake-ups -----------------------------------------------------------------------------------
+
+TEST(WakeUpTest, OfTheCallingThreadAloneMayComeHalfAMillisecondLater) {
+  const int before = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
+  std::thread([] {
+    ShareWakeUps();
+    EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), 500'000);
+  }).join();
+  EXPECT_NE(before, 500'000);
+  EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), before);
+}
+
+// ---- Standing still -----------------------------------------------------------------------------
+
+class ParkTest : public ::testing::Test {
+ private:
+  test::OptionsGuard options_;
+};
+
+TEST_F(ParkTest, ThreadThatIsNotAskedGoesOn) {
+  thread_waitreq_mask = ~static_cast<unsigned>(kPauseUserConn);
+  ParkIfAsked(kPauseUserConn);
+  EXPECT_EQ(thread_waiting_mask, 0U);
+}
+
+TEST_F(ParkTest, ThreadThatIsAskedStandsStillUntilItIsReleased) {
+  for (const unsigned bit : {0x1U, 0x2U, 0x4U, 0x8U, 0x10U}) {
+    thread_waiting_mask = 0xFFU & ~bit;  // other threads' bits stay
+    thread_waitreq_mask = bit;
+    std::atomic<bool> went_on = false;
+    std::thread parked([&] {
+      ParkIfAsked(bit);
+      went_on = true;
+    });
+    ASSERT_TRUE(test::Eventually([&] { return thread_waiting_mask == 0xFFU; }));
+    EXPECT_FALSE(went_on);
+    thread_waitreq_mask = 0xFFU & ~bit;  // requests for others
+    parked.join();
+    EXPECT_TRUE(went_on);
+    EXPECT_EQ(thread_waiting_mask, 0xFFU & ~bit);
+  }
+}
+
+TEST_F(ParkTest, WaitsInStepsOf100Microseconds) {
+  test::FakeClock clock;
+  clock.OnSleep([&](useconds_t) {
+    EXPECT_EQ(thread_waiting_mask, 0x1U);
+    if (clock.sleeps().size() == 3) thread_waitreq_mask = 0;
+  });
+  thread_waitreq_mask = kPauseConsConn;
+  ParkIfAsked(kPauseConsConn);
+  EXPECT_THAT(clock.sleeps(), ElementsAre(100, 100, 100));
+  EXPECT_EQ(thread_waiting_mask, 0U);
+}
+
+TEST_F(ParkTest, BitsAreThoseOfThePauseProtocol) {
+  EXPECT_EQ(kPauseConsConn, 0x1);
+  EXPECT_EQ(kPauseConsMon, 0x2);
+  EXPECT_EQ(kPauseUserConn, 0x4);
+  EXPECT_EQ(kPauseUserMon, 0x8);
+  EXPECT_EQ(kPauseCmdMon, 0x10);
+}
+
+}  // namespace
