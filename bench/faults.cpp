@@ -120,7 +120,7 @@ struct HangingLogins {
     for (size_t i = 0; i < kLogins; ++i) {
       User& user = users.emplace_back(station.CallMappedPort(kNoisy));
       user.Expect("username: ");
-      user.Send("operator\r");
+      user.Send("operator" + std::to_string(i) + "\r");  // of one name, one helper runs at a time
       user.Expect("password: ");
       user.Send("secret\r");
     }

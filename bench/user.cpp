@@ -52,12 +52,12 @@ void User::ExpectEnd() const {
 
 Tool::Consoles Tool::AskForConsoles() {
   SendAll(sock_, "console\n");
-  const std::string header = Take(kHeaderSize);
-  if (NumberAt(header, 0) != kRecordsFollow) throw std::runtime_error("no console records");
+  const std::string header = Take(zevd::kHeaderSize);
+  if (NumberAt(header, 0) != zevd::kRecordsFollow) throw std::runtime_error("no console records");
   Consoles consoles{NumberAt(header, sizeof(uint32_t)), 0};
-  const std::string records = Take(consoles.known * kConsolePacketSize);
+  const std::string records = Take(consoles.known * zevd::kConsolePacketSize);
   for (size_t i = 0; i < consoles.known; ++i) {
-    if (IsConnected(records.data() + i * kConsolePacketSize)) ++consoles.connected;
+    if (IsConnected(records.data() + i * zevd::kConsolePacketSize)) ++consoles.connected;
   }
   return consoles;
 }

@@ -114,7 +114,7 @@ struct Caller {
   }
 };
 
-std::mutex turns_mutex;  // a leaf; guards what follows
+std::mutex turns_mutex;  // a leaf; guards what follows; the library needs nothing of the daemon's
 Refusals refusals;
 Caller* first_waiting = nullptr;
 Caller* first_running = nullptr;
@@ -162,17 +162,7 @@ class Turn {
   bool Take() {
     const int64_t now = Now();
     const std::lock_guard lock(turns_mutex);
-    if (!self_.IsReady(now) || running == kHelpersAtOnce) return false;
-    int ahead = running;
-    bool came_before = true;
-    for (const Caller* other = first_waiting; other != nullptr; other = other->next) {
-      if (other == &self_) {
-        came_before = false;
-      } else if (other->IsReady(now) && other->GoesBefore(self_, came_before)) {
-        ++ahead;
-      }
-    }
-    if (ahead >= kHelpersAtOnce) return false;
+    if (!self_.IsReady(now) || running + Ahead(now) >= kHelpersAtOnce) return false;
     // Those whom it overtakes have it before them now.
     for (Caller* other = first_waiting; other != &self_; other = other->next) {
       other->Count(self_, 1);
@@ -194,6 +184,20 @@ class Turn {
   }
 
  private:
+  // Callers who wait and go before this one; turns_mutex is held.
+  int Ahead(int64_t now) const {
+    int ahead = 0;
+    bool came_before = true;
+    for (const Caller* other = first_waiting; other != nullptr; other = other->next) {
+      if (other == &self_) {
+        came_before = false;
+      } else if (other->IsReady(now) && other->GoesBefore(self_, came_before)) {
+        ++ahead;
+      }
+    }
+    return ahead;
+  }
+
   Caller self_;
   bool taken_ = false;
 };

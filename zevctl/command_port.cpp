@@ -73,31 +73,31 @@ ExitStatus StatusOfError(std::string_view text) {
 ConsoleRecord DecodeConsole(std::span<const char> bytes) {
   PacketReader reader(bytes);
   ConsoleRecord record;
-  record.name = reader.Text(kWireNameWidth);
-  record.address = reader.Text(kWireNameWidth);
+  record.name = reader.Text(zevd::kWireNameWidth);
+  record.address = reader.Text(zevd::kWireNameWidth);
   record.port = reader.Number16();
   record.management_port = reader.Number16();
-  record.model = reader.Text(kWireNameWidth);
-  record.platform = reader.Text(kWireNameWidth);
-  record.state = reader.Text(kWireCodeWidth);
-  record.mode = reader.Text(kWireCodeWidth);
+  record.model = reader.Text(zevd::kWireNameWidth);
+  record.platform = reader.Text(zevd::kWireNameWidth);
+  record.state = reader.Text(zevd::kWireCodeWidth);
+  record.mode = reader.Text(zevd::kWireCodeWidth);
   return record;
 }
 
 UserRecord DecodeUser(std::span<const char> bytes) {
   PacketReader reader(bytes);
   UserRecord record;
-  record.name = reader.Text(kWireUserNameWidth);
-  record.address = reader.Text(kWireNameWidth);
-  record.mode = reader.Text(kWireCodeWidth);
+  record.name = reader.Text(zevd::kWireUserNameWidth);
+  record.address = reader.Text(zevd::kWireNameWidth);
+  record.mode = reader.Text(zevd::kWireCodeWidth);
   return record;
 }
 
 MappedPortRecord DecodeMappedPort(std::span<const char> bytes) {
   PacketReader reader(bytes);
   MappedPortRecord record;
-  record.name = reader.Text(kWireNameWidth);
-  record.address = reader.Text(kWireNameWidth);
+  record.name = reader.Text(zevd::kWireNameWidth);
+  record.address = reader.Text(zevd::kWireNameWidth);
   record.port = reader.Number16();
   record.mapped_port = reader.Number16();
   record.authentication = reader.Number16();
@@ -105,7 +105,7 @@ MappedPortRecord DecodeMappedPort(std::span<const char> bytes) {
 }
 
 std::string DecodePortHolder(std::span<const char> bytes) {
-  return PacketReader(bytes).Text(kWireNameWidth);
+  return PacketReader(bytes).Text(zevd::kWireNameWidth);
 }
 
 CommandError::CommandError(const std::string& text) : Failure(StatusOfError(text), text) {}
@@ -115,49 +115,49 @@ CommandPort::CommandPort(const Settings& settings, Credentials& credentials)
                             std::string(kCommandPortName) + " user=" + UserName(settings),
                             kProbe)) {
   const Header header = ReadHeader();
-  if (header.type != kErrorFollows) ThrowGarbled();
+  if (header.type != zevd::kErrorFollows) ThrowGarbled();
   ReadBytes(header.count);
 }
 
 std::vector<ConsoleRecord> CommandPort::Consoles(const std::string& name) {
   const std::string command = name.empty() ? "console" : "console " + name;
-  return Records<ConsoleRecord>(command, kConsolePacketSize, DecodeConsole);
+  return Records<ConsoleRecord>(command, zevd::kConsolePacketSize, DecodeConsole);
 }
 
 std::vector<MappedPortRecord> CommandPort::MappedPorts() {
-  return Records<MappedPortRecord>("mapped_port", kMappedPortPacketSize, DecodeMappedPort);
+  return Records<MappedPortRecord>("mapped_port", zevd::kMappedPortPacketSize, DecodeMappedPort);
 }
 
 std::vector<UserRecord> CommandPort::Users(const std::string& console) {
-  return Records<UserRecord>("who " + console, kUserPacketSize, DecodeUser);
+  return Records<UserRecord>("who " + console, zevd::kUserPacketSize, DecodeUser);
 }
 
 std::vector<std::string> CommandPort::PortHolders(const std::string& console) {
-  return Records<std::string>("portholder " + console, kPortHolderAddressPacketSize,
+  return Records<std::string>("portholder " + console, zevd::kPortHolderAddressPacketSize,
                               DecodePortHolder);
 }
 
 void CommandPort::Do(const std::string& command) {
-  if (Request(command).type != kDone) ThrowGarbled();
+  if (Request(command).type != zevd::kDone) ThrowGarbled();
 }
 
 CommandPort::Header CommandPort::Request(const std::string& command) {
   CheckLength(command);
   opening_.socket.Send(command + "\n", kAnswerLimit);
   const Header header = ReadHeader();
-  if (header.type != kErrorFollows) return header;
+  if (header.type != zevd::kErrorFollows) return header;
   const std::string text = ReadBytes(header.count);
   throw CommandError(text.substr(0, text.find('\0')));
 }
 
 CommandPort::Header CommandPort::ReadHeader() {
-  const std::string bytes = ReadBytes(kHeaderSize);
+  const std::string bytes = ReadBytes(zevd::kHeaderSize);
   PacketReader reader(bytes);
   Header header;
   header.type = reader.Number32();
   header.count = reader.Number32();
-  const bool known = header.type >= kRecordsFollow && header.type <= kDone;
-  const bool long_text = header.type == kErrorFollows && header.count > kErrorTextSize;
+  const bool known = header.type >= zevd::kRecordsFollow && header.type <= zevd::kDone;
+  const bool long_text = header.type == zevd::kErrorFollows && header.count > zevd::kErrorTextSize;
   if (!known || long_text) ThrowGarbled();
   return header;
 }
@@ -179,7 +179,7 @@ template <typename Record>
 std::vector<Record> CommandPort::Records(const std::string& command, size_t size,
                                          Record (*decode)(std::span<const char>)) {
   const Header header = Request(command);
-  if (header.type != kRecordsFollow || header.count > kMostRecords) ThrowGarbled();
+  if (header.type != zevd::kRecordsFollow || header.count > kMostRecords) ThrowGarbled();
   std::vector<Record> records;
   for (uint32_t i = 0; i < header.count; ++i) records.push_back(decode(ReadBytes(size)));
   return records;

@@ -66,7 +66,7 @@ template <typename Replace>
 std::string Map(std::string_view text, std::string_view malformed, Replace replace) {
   std::string result;
   while (!text.empty()) {
-    const size_t length = Utf8Length(text);
+    const size_t length = zevd::Utf8Length(text);
     if (length == 0) {
       result += malformed;
     } else {

@@ -13,6 +13,8 @@
 #include "error.h"
 #include "utf8.h"
 
+namespace zevd {
+
 ResponseHeader rheader;
 char cmd_err_msg[kErrorTextSize];
 
@@ -193,3 +195,5 @@ void ReleaseRecords() {
   free(records);
   records = nullptr;
 }
+
+}  // namespace zevd

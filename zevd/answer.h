@@ -10,6 +10,8 @@
 #include "command_wire.h"
 #include "locks.h"
 
+namespace zevd {
+
 // ---- The present answer -------------------------------------------------------------------------
 
 /// One instance serves every response and is never cleared: a "done" header still carries the count
@@ -95,3 +97,5 @@ int SendUnsent(CommandNode* tool) REQUIRES(cmd_lock);
 
 /// Frees the records of an answer that was given up for an error.
 void ReleaseRecords();
+
+}  // namespace zevd

@@ -16,6 +16,8 @@
 #include "paths.h"
 #include "safe_file.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr char kFunction[] = "GetZevdArchIntFromConfFile";
@@ -181,3 +183,5 @@ void GetZevdArchIntFromConfFile() {
   USE_CMD_LINE_ARCH_TIME = 0;
   RewriteFile();
 }
+
+}  // namespace zevd

@@ -15,6 +15,8 @@
 #include "utf8.h"
 #include "waker.h"
 
+namespace zevd {
+
 // ---- Users --------------------------------------------------------------------------------------
 
 namespace {
@@ -192,3 +194,5 @@ int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr
   cmd_mon_waker.Wake();
   return 0;
 }
+
+}  // namespace zevd

@@ -7,6 +7,8 @@
 #include "identity.h"
 #include "locks.h"
 
+namespace zevd {
+
 /// Attaches the connection to the console, greets its telnet client and replays recent output. 0,
 /// or -1 with u_err_msg set; the caller then closes the socket. After 0 the socket is the
 /// monitors'. `user_name` and `ipaddr` are what others are shown; `identity` is who it really is.
@@ -19,3 +21,5 @@ int ConnectUserToConsole(int user_sock, const char* user_name, const char* ipadd
 /// `user_name` and `ipaddr` are what others are shown; `identity` is who it really is.
 int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr,
                              const Identity& identity = {}) EXCLUDES(cmd_lock);
+
+}  // namespace zevd

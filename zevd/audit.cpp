@@ -14,6 +14,8 @@
 #include "error.h"
 #include "timestamp.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr size_t kLongestValue = 256;
@@ -141,3 +143,5 @@ void Audit(const AuditEntry& entry) {
   text.AddLine("reason", entry.reason);
   if (!TellLosses() || !Send(text)) CountLoss(1);
 }
+
+}  // namespace zevd

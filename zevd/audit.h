@@ -8,6 +8,8 @@
 
 #include "identity.h"
 
+namespace zevd {
+
 /// One entry. A null text is written as an empty one; a text is cut at 256 bytes.
 struct AuditEntry {
   const char* what;                    ///< as docs/operating.md lists them, or a command
@@ -29,3 +31,5 @@ void OpenAudit(const char* log = kSystemLog);
 /// `reason`, in this order and all of them, as key="value": `"`, `\` and bytes that are not
 /// printable ASCII as \xNN. The entry that tells of a loss has but `what`, `result` and `reason`.
 void Audit(const AuditEntry& entry);
+
+}  // namespace zevd

@@ -11,6 +11,8 @@
 
 #include "clock.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr int64_t kPatience = 100;  // milliseconds, for a message in all
@@ -101,3 +103,5 @@ int64_t BoundedOutput::Allowance(int64_t now) {
   repaid_ = std::max(repaid_, now - kShare * kPatience);
   return std::max<int64_t>((now - repaid_) / kShare, 0);
 }
+
+}  // namespace zevd

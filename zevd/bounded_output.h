@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
+namespace zevd {
+
 /// Writes what its reader takes and drops the rest, so that no writer waits long for a reader.
 ///
 /// A message waits 100 ms in all, and all of them a tenth of the time. What has not been taken by
@@ -43,3 +45,5 @@ class BoundedOutput {
   size_t end_ = 0;      ///< ... to here
   char unit_[kLongestText + 128] = {};
 };
+
+}  // namespace zevd

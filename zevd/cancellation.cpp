@@ -6,6 +6,8 @@
 #include <sanitizer/asan_interface.h>
 #endif
 
+namespace zevd {
+
 void EndIfCancelled() {
   int state = PTHREAD_CANCEL_DISABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
@@ -30,3 +32,5 @@ int ArrangeCancelSignal() {
   sigaction(kCancelSignal, &action, nullptr);
   return BlockSignal(kCancelSignal);
 }
+
+}  // namespace zevd

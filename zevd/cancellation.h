@@ -8,6 +8,8 @@
 
 #include <csignal>
 
+namespace zevd {
+
 /// Ends the wait of a thread that is cancelled.
 inline constexpr int kCancelSignal = SIGUSR1;
 
@@ -21,3 +23,5 @@ void CancelServiceThread(pthread_t tid);
 /// Ends the calling thread if it has been cancelled. The only place where that takes effect; the
 /// caller holds no lock.
 void EndIfCancelled();
+
+}  // namespace zevd

@@ -2,6 +2,8 @@
 
 #include <ctime>
 
+namespace zevd {
+
 int64_t MonotonicMicroseconds() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -18,3 +20,5 @@ bool Throttle::IsDue() {
   next_ = now + interval_;
   return true;
 }
+
+}  // namespace zevd

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+namespace zevd {
+
 inline constexpr int64_t kMicrosecondsPerSecond = 1'000'000;
 
 int64_t MonotonicMicroseconds();
@@ -21,3 +23,5 @@ class Throttle {
   int64_t interval_;
   int64_t next_ = 0;  // milliseconds
 };
+
+}  // namespace zevd

@@ -19,6 +19,7 @@
 
 #include "audit.h"
 #include "clock.h"
+#include "cmd_mon_steps.h"
 #include "control.h"
 #include "counters.h"
 #include "error.h"
@@ -31,6 +32,8 @@
 #include "util.h"
 #include "waker.h"
 #include "zev_signal.h"
+
+namespace zevd {
 
 namespace {
 
@@ -283,3 +286,5 @@ CommandId ParseAndExecuteCommand(CommandNode* tool, char* cmd) {
   if (row->acts) AuditCommand(*row, name, tool);
   return row->id;
 }
+
+}  // namespace zevd

@@ -9,6 +9,8 @@
 #include "list_functions.h"
 #include "user.h"
 
+namespace zevd {
+
 CommandList* NewCommandList(const char* list_name) {
   ENTERING();
   return NewNamedList(list_name, InitCommandList, ReportNoMemory);
@@ -75,3 +77,5 @@ void CloseCommandConnection(CommandNode* tool) {
   close(tool->sock);
   tool->connected = 0;
 }
+
+}  // namespace zevd

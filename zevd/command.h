@@ -11,6 +11,8 @@
 #include "locks.h"
 #include "stall.h"
 
+namespace zevd {
+
 /// The last answer to a tool. What the tool has no room for is kept here, however long the answer;
 /// until it has gone out, no further command is read from that tool.
 struct OutgoingAnswer {
@@ -73,3 +75,5 @@ int RemoveCommandFromList(CommandNode* tool, CommandList* list);
 
 /// Closes the socket and marks the node; it stays on the list until the clean-up.
 void CloseCommandConnection(CommandNode* tool) REQUIRES(cmd_lock);
+
+}  // namespace zevd

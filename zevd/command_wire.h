@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace zevd {
+
 enum ResponseType : uint32_t {
   kRecordsFollow = 1,  ///< `count` records follow
   kErrorFollows = 2,   ///< `count` bytes of text follow, the terminator included
@@ -23,3 +25,5 @@ inline constexpr size_t kErrorTextSize = 80;  ///< the longest error text, its t
 inline constexpr size_t kWireNameWidth = 64;  ///< names, addresses, models and platforms
 inline constexpr size_t kWireUserNameWidth = 32;
 inline constexpr size_t kWireCodeWidth = 2;  ///< states and modes, in ASCII
+
+}  // namespace zevd

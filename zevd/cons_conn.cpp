@@ -21,6 +21,7 @@
 #include <new>
 #include <vector>
 
+#include "cons_conn_steps.h"
 #include "console_lists.h"
 #include "counters.h"
 #include "descriptor_budget.h"
@@ -33,6 +34,8 @@
 #include "util.h"
 #include "waker.h"
 #include "zev_signal.h"
+
+namespace zevd {
 
 namespace {
 
@@ -332,3 +335,5 @@ const char* GetPortHolderIPAddr(char* buf) {
   rest[strcspn(rest, ",")] = '\0';
   return rest;
 }
+
+}  // namespace zevd

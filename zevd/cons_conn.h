@@ -1,24 +1,8 @@
 // The console connection thread "cons_conn".
 #pragma once
 
-#include "console.h"
-#include "locks.h"
+namespace zevd {
 
 void* ConsoleConnectionsThreadStart(void* unused);
 
-/// Starts an attempt for every enabled console of i_cons_list that is due for one.
-void ConnectToConsoles() REQUIRES(icl_lock);
-void ConnectToConsole(ConsoleNode* cnode, int keep_alive);
-
-/// Looks at every connection in progress. 1 when at least one console became connected, else 0.
-int UpdateConnectionStatus() REQUIRES(icl_lock);
-
-/// The ConsoleStatus that the console's socket shows; consumes nothing.
-int CheckConnectionStatus(ConsoleNode* cnode);
-
-/// True when a line of `buf` is a management port's refusal. Splits `buf` into lines in place.
-bool GotErrorMessage(char* buf);
-
-/// The port holder's address in a refusal, within `buf`, which is split in place: what follows its
-/// tenth word up to the next comma; the empty text when there is no eleventh word.
-const char* GetPortHolderIPAddr(char* buf);
+}  // namespace zevd

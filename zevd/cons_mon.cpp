@@ -21,6 +21,7 @@
 
 #include "archive_time.h"
 #include "clock.h"
+#include "cons_mon_steps.h"
 #include "console_lists.h"
 #include "console_users.h"
 #include "counters.h"
@@ -33,6 +34,8 @@
 #include "socket_watch.h"
 #include "threads.h"
 #include "waker.h"
+
+namespace zevd {
 
 namespace {
 
@@ -343,3 +346,5 @@ ConsoleNode* GetClosedConnection() {
 }
 
 }  // namespace cons_mon
+
+}  // namespace zevd

@@ -9,6 +9,8 @@
 #include "list_functions.h"
 #include "options.h"
 
+namespace zevd {
+
 namespace {
 
 void TraceNewConsole(const ConsoleSettings& settings) {
@@ -147,3 +149,5 @@ void DumpConsoles(const ConsoleList* list) {
     zev_debug(kError, "-----------------------------------------\n\n");
   }
 }
+
+}  // namespace zevd

@@ -18,6 +18,8 @@
 #include "locks.h"
 #include "user_list.h"
 
+namespace zevd {
+
 struct EventSetNode;
 
 enum ConsoleStatus : int {
@@ -124,3 +126,5 @@ ConsoleNode* FindByAnyCase(const ConsoleList* list, const char* name);
 
 /// Writes every console of the list at level -1. Before a fatal exit; takes no lock.
 void DumpConsoles(const ConsoleList* list);
+
+}  // namespace zevd

@@ -7,6 +7,8 @@
 #include "log.h"
 #include "mapped_port.h"
 
+namespace zevd {
+
 namespace {
 
 bool Meets(const ConsoleNode& cnode, MoveCriterion criterion) {
@@ -83,3 +85,5 @@ void DeleteMarkedConsoles(ConsoleList* list) {
     }
   }
 }
+
+}  // namespace zevd

@@ -12,6 +12,8 @@
 #include "sockets.h"
 #include "waker.h"
 
+namespace zevd {
+
 namespace {
 
 // For as long as this a user may keep a console's output from its other users and its log. One who
@@ -130,3 +132,5 @@ void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) 
     }
   }
 }
+
+}  // namespace zevd

@@ -7,6 +7,8 @@
 #include "console.h"
 #include "user.h"
 
+namespace zevd {
+
 /// Size of the buffers in which messages to users are formatted; longer ones are cut.
 inline constexpr size_t kMessageBufferSize = 1024;
 
@@ -37,3 +39,5 @@ void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes);
 
 /// Puts a chunk of output into the replay ring.
 void BufferConsoleOutput(ConsoleNode* cnode, const char* chars, int count);
+
+}  // namespace zevd

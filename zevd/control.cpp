@@ -9,6 +9,8 @@
 #include "lists.h"
 #include "waker.h"
 
+namespace zevd {
+
 namespace {
 
 /// A text that names the operator, as the users will see it.
@@ -138,3 +140,5 @@ void ReconnectConsole(const char* cons_name) {
   if (!found) return AnswerUnrecognizedAndLog(__func__, cons_name);
   AnswerDone();
 }
+
+}  // namespace zevd

@@ -4,6 +4,8 @@
 
 #include "command.h"
 
+namespace zevd {
+
 void ClearConsole(const char* cons_name, const CommandNode* tool) REQUIRES(cmd_lock);
 void DisableConsole(const char* cons_name, const CommandNode* tool) REQUIRES(cmd_lock);
 void EnableConsole(const char* cons_name);
@@ -12,3 +14,5 @@ void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char
 void ForceKPMConnection(const char* cons_name, const CommandNode* tool) REQUIRES(cmd_lock);
 /// Has `cons_conn` try a console that is not connected at once, not at its next turn.
 void ReconnectConsole(const char* cons_name);
+
+}  // namespace zevd

@@ -15,6 +15,8 @@
 #include "safe_file.h"
 #include "user.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr char kCookieAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
@@ -137,3 +139,5 @@ int DoCookieValidation(int /*sock*/, const char* user_cookie) {
             generated_cookie);
   return -1;
 }
+
+}  // namespace zevd

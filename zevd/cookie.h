@@ -3,6 +3,8 @@
 
 #include <cstddef>
 
+namespace zevd {
+
 /// Bytes of a cookie, terminator included.
 inline constexpr size_t kCookieSize = 17;
 
@@ -16,3 +18,5 @@ void GenerateCookie();
 
 /// 0 when the cookie is the daemon's, else -1. Any thread.
 int DoCookieValidation(int sock, const char* user_cookie);
+
+}  // namespace zevd

@@ -1,5 +1,7 @@
 #include "counters.h"
 
+namespace zevd {
+
 Counters counters;
 
 namespace {
@@ -28,3 +30,5 @@ ReloadResult LastReload(time_t* at) {
   *at = reload_time;
   return reload_result;
 }
+
+}  // namespace zevd

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <ctime>
 
+namespace zevd {
+
 /// One number that any thread may raise; nothing else is ordered by it.
 class Counter {
  public:
@@ -57,3 +59,5 @@ void NoteReload(ReloadResult result);
 
 /// The result of the last reload and its time, 0 when there was none.
 ReloadResult LastReload(time_t* at);
+
+}  // namespace zevd

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <ctime>
 
+namespace zevd {
+
 /// Reads and writes like an int. Any thread may do either; since() may be a moment behind.
 class DatedWord {
  public:
@@ -30,3 +32,5 @@ class DatedWord {
   std::atomic<int> value_{0};
   std::atomic<time_t> since_{0};
 };
+
+}  // namespace zevd

@@ -12,6 +12,8 @@
 
 #include "error.h"
 
+namespace zevd {
+
 namespace {
 
 // For what comes and goes: files that are read again, the event manager, consoles that are
@@ -121,3 +123,5 @@ void AttemptBudget::Pause() {
   begun_unseen_ = 0;
   next_look_ = MonotonicMilliseconds() + kPauseOfAttempts;
 }
+
+}  // namespace zevd

@@ -6,6 +6,8 @@
 
 #include "clock.h"
 
+namespace zevd {
+
 /// One look at the descriptors of this process.
 struct DescriptorUse {
   int open;    ///< -1 when the system did not tell
@@ -94,3 +96,5 @@ class AttemptBudget {
   int64_t next_look_ = 0;  ///< milliseconds of the monotonic clock
   Throttle report_{kShortageReportInterval};
 };
+
+}  // namespace zevd

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+namespace zevd {
+
 DescriptorSet::~DescriptorSet() {
   free(words_);
 }
@@ -46,3 +48,5 @@ bool DescriptorSet::CopyFrom(const DescriptorSet& other) {
   std::copy(other.words_, other.words_ + other.word_count_, words_);
   return true;
 }
+
+}  // namespace zevd

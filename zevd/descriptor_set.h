@@ -8,6 +8,8 @@
 #include <climits>
 #include <cstddef>
 
+namespace zevd {
+
 class DescriptorSet {
  public:
   DescriptorSet() = default;
@@ -53,3 +55,5 @@ class DescriptorSet {
   unsigned long* words_ = nullptr;
   size_t word_count_ = 0;
 };
+
+}  // namespace zevd

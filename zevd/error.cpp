@@ -9,11 +9,14 @@
 #include <cstring>
 
 #include "bounded_output.h"
+#include "error_steps.h"
 #include "fixed_text.h"
 #include "options.h"
 #include "signal_hold.h"
 #include "thread_safety.h"
 #include "timestamp.h"
+
+namespace zevd {
 
 ThreadNameList thread_name_list;
 
@@ -192,3 +195,5 @@ void ReportOutOfMemory(const char* function) {
   zev_debug(kError, "%s: malloc() failed : %s\n", function, strerror(errno));
   PostDaemonError("Out of memory", kErrorPriority);
 }
+
+}  // namespace zevd

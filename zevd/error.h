@@ -4,10 +4,7 @@
 // whoever holds it takes no other lock.
 #pragma once
 
-#include <pthread.h>
-
-#include <atomic>
-#include <cstddef>
+namespace zevd {
 
 /// Levels of zev_debug(). A message is written when its level is not above `debug_level`.
 enum DebugLevel : int {
@@ -31,28 +28,8 @@ void zev_debug(int level, const char* format, ...) __attribute__((format(printf,
 // that it was split into say what they have to say under the name of the whole, with these two.
 
 #define DEBUG_AS(function, level, format, ...) \
-  zev_debug((level), "%s: " format, (function)__VA_OPT__(, ) __VA_ARGS__)
-#define ENTERING_AS(function) zev_debug(kTrace, "Entering %s\n", (function))
-
-/// Initialises debug_lock. Called by the first zev_debug(), before there is a second thread.
-void InitializeDebugThreadLock();
-
-inline constexpr int kThreadNameSlots = 50;
-inline constexpr size_t kThreadNameSize = 33;
-
-/// A slot is claimed with one compare-and-swap of `in_use`, filled, then published by setting
-/// `in_use` to 1. Only the thread whose id stands in a published slot reads the slot's name.
-struct ThreadName {
-  std::atomic<int> in_use;    ///< 1 when the slot is taken, 0 when free
-  std::atomic<pthread_t> id;  ///< the thread that owns the slot
-  char name[kThreadNameSize];
-};
-
-struct ThreadNameList {
-  ThreadName slot[kThreadNameSlots];
-};
-
-extern ThreadNameList thread_name_list;
+  ::zevd::zev_debug((level), "%s: " format, (function)__VA_OPT__(, ) __VA_ARGS__)
+#define ENTERING_AS(function) ::zevd::zev_debug(::zevd::kTrace, "Entering %s\n", (function))
 
 /// Takes the first free slot for the calling thread. With every slot taken the thread stays
 /// unregistered and its lines say "unknown". A thread that registers twice keeps showing the first
@@ -81,14 +58,14 @@ inline constexpr int kErrorPriority = 700;
 /// Posts the daemon error event with `text`, then ExitProcess(1, ...).
 [[noreturn]] void TerminateProcess(const char* text, const char* file, int line);
 
-#define EXIT_PROCESS(code) ExitProcess((code), __FILE_NAME__, __LINE__)
-#define TERMINATE(text) TerminateProcess((text), __FILE_NAME__, __LINE__)
+#define EXIT_PROCESS(code) ::zevd::ExitProcess((code), __FILE_NAME__, __LINE__)
+#define TERMINATE(text) ::zevd::TerminateProcess((text), __FILE_NAME__, __LINE__)
 
 /// Writes a message that is always written, and ends the process for a mistake of its own.
-#define INTERNAL_ERROR(...)         \
-  do {                              \
-    zev_debug(kError, __VA_ARGS__); \
-    TERMINATE(kInternalError);      \
+#define INTERNAL_ERROR(...)                         \
+  do {                                              \
+    ::zevd::zev_debug(::zevd::kError, __VA_ARGS__); \
+    TERMINATE(::zevd::kInternalError);              \
   } while (false)
 
 inline constexpr char kTerminated[] = "Terminated.............";
@@ -98,3 +75,5 @@ inline constexpr char kInternalError[] = "Terminated: Internal error";
 
 /// Reports an allocation that failed in `function`: the debug line and the "Out of memory" event.
 void ReportOutOfMemory(const char* function);
+
+}  // namespace zevd

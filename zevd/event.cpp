@@ -11,6 +11,8 @@
 #include "mutex.h"
 #include "signal_hold.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr size_t kTextSize = 8192;
@@ -138,3 +140,5 @@ void PostDaemonErrorsToJix() {
     PostJixEvent("qor.zevd.daemon.error", "message", value, nullptr, nullptr, priority);
   });
 }
+
+}  // namespace zevd

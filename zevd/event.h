@@ -2,6 +2,8 @@
 // own, taken last but for the debug lock. No failure is passed back: an event is best effort.
 #pragma once
 
+namespace zevd {
+
 /// 0 when a connection exists or was made, -1 when not. A failure is reported only when it differs
 /// from the one before.
 int ConnectToJix();
@@ -14,3 +16,5 @@ void PostJixEvent(const char* event_template, const char* varName, char* varValu
 
 /// Has PostDaemonError() (error.h) post its events here. Main thread, before there is another.
 void PostDaemonErrorsToJix();
+
+}  // namespace zevd

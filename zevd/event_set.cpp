@@ -11,6 +11,8 @@
 #include "list_functions.h"
 #include "paths.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr int kWarningPriority = 500;
@@ -134,3 +136,5 @@ EventSetNode* FindEventNode(const char* name, const EventSetList* event_sets) {
   return FindNode(*event_sets,
                   [&](const EventSetNode& enode) { return strcmp(enode.name, name) == 0; });
 }
+
+}  // namespace zevd

@@ -8,6 +8,8 @@
 #include "list.h"
 #include "reg_expr.h"
 
+namespace zevd {
+
 struct EventSetNode {
   char name[kNameSize];  ///< the event file's name
   RegExList* re_list;    ///< owned
@@ -49,3 +51,5 @@ int LoadEventFile(const char* event_file, EventSetList* event_sets);
 
 /// The first set whose name equals `name` exactly, or null.
 EventSetNode* FindEventNode(const char* name, const EventSetList* event_sets);
+
+}  // namespace zevd

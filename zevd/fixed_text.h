@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstring>
 
+namespace zevd {
+
 /// Sizes of the records' text fields, terminator included.
 inline constexpr size_t kNameSize = 65;
 inline constexpr size_t kUserNameSize = 33;
@@ -20,3 +22,5 @@ template <size_t N>
 void CopyText(char (&dst)[N], const char* src) {
   CopyText(dst, N, src);
 }
+
+}  // namespace zevd

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace zevd {
+
 namespace {
 
 constexpr size_t kMany = size_t{1} << 24;  ///< beyond every bound; sums and products end here
@@ -272,3 +274,5 @@ class Judge {
 bool IsHardPattern(const char* pattern) {
   return Judge(pattern).IsHard();
 }
+
+}  // namespace zevd

@@ -7,6 +7,8 @@
 
 #include <cstddef>
 
+namespace zevd {
+
 /// Bounds within which a pattern of any shape is compiled in some ten milliseconds, and a line of a
 /// kilobyte is matched in as many. The work grows with the square of the first two and doubles with
 /// each of the next two.
@@ -20,3 +22,5 @@ inline constexpr size_t kDeepestPattern = 24;   ///< groups within groups
 /// exceeds the bounds. An invalid expression is judged by the part that the matcher would read
 /// before it refuses the rest.
 bool IsHardPattern(const char* pattern);
+
+}  // namespace zevd

@@ -6,6 +6,8 @@
 
 #include "fixed_text.h"
 
+namespace zevd {
+
 /// Written by the serv_conn thread that serves the connection, before anybody else sees it, and not
 /// changed afterwards.
 struct Identity {
@@ -14,3 +16,5 @@ struct Identity {
   char from[INET_ADDRSTRLEN];      ///< the connection's own address
   char given_from[kNameSize];      ///< the address in the argument line; empty when there is none
 };
+
+}  // namespace zevd

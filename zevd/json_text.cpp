@@ -4,6 +4,8 @@
 
 #include "utf8.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr char kReplacement[] = "\xEF\xBF\xBD";  // U+FFFD
@@ -85,3 +87,5 @@ void JsonText::Separate() {
   if (!first_) out_ += ", ";
   first_ = false;
 }
+
+}  // namespace zevd

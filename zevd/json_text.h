@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+namespace zevd {
+
 /// Appends values to a text, which stays the caller's, in the order of the calls. Objects and
 /// arrays are closed by whoever opened them. May throw std::bad_alloc.
 class JsonText {
@@ -37,3 +39,5 @@ class JsonText {
   std::string& out_;
   bool first_ = true;  // nothing comes before the next value: no comma
 };
+
+}  // namespace zevd

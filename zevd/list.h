@@ -20,6 +20,8 @@
 #include "error.h"
 #include "socket_watch.h"
 
+namespace zevd {
+
 /// `Elem` is a record with the pointers `prev`, `next` and the node pointer that `kNode` names.
 template <typename Elem, auto kNode>
 struct List {
@@ -305,3 +307,5 @@ void FreeListRecord(L* list) {
   free(const_cast<char*>(list->list_name));
   delete list;
 }
+
+}  // namespace zevd

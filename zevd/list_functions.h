@@ -8,6 +8,8 @@
 
 #include "list.h"
 
+namespace zevd {
+
 /// How a function of the list reports an allocation that failed.
 using MemoryReport = void (*)(const char* function);
 
@@ -81,3 +83,5 @@ void EmptyList(L* list, int (*remove)(typename L::Node*, L*),
     free_node(node);
   }
 }
+
+}  // namespace zevd

@@ -5,6 +5,8 @@
 
 #include "error.h"
 
+namespace zevd {
+
 namespace {
 
 // Room for a list that needs no memory of its own and is never destroyed: threads may still use it
@@ -73,3 +75,5 @@ bool CopyMappedConsole(uint16_t port, MappedConsole* copy) {
   copy->locked_exclusively = IsLockedExclusively(cnode);
   return true;
 }
+
+}  // namespace zevd

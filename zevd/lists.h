@@ -9,6 +9,8 @@
 #include "models.h"
 #include "user.h"
 
+namespace zevd {
+
 extern ConsoleList* const a_cons_list PT_GUARDED_BY(acl_lock);  ///< connected consoles
 extern ConsoleList* const i_cons_list PT_GUARDED_BY(icl_lock);  ///< all other consoles
 extern UserList* const user_list PT_GUARDED_BY(ul_lock);        ///< every attached user
@@ -40,3 +42,5 @@ ConsoleNode* GetConsoleNodeFromMappedPort(uint16_t port) EXCLUDES(acl_lock, icl_
 
 /// The same console's data. False when there is none.
 bool CopyMappedConsole(uint16_t port, MappedConsole* copy) EXCLUDES(acl_lock, icl_lock);
+
+}  // namespace zevd

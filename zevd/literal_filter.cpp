@@ -10,6 +10,8 @@
 
 #include "pattern_literals.h"
 
+namespace zevd {
+
 namespace {
 
 // Zeroes; null when memory runs out.
@@ -220,3 +222,5 @@ NumberSet LiteralFilter::Candidates(std::string_view text) const {
   }
   return candidates;
 }
+
+}  // namespace zevd

@@ -9,6 +9,8 @@
 #include <memory>
 #include <string_view>
 
+namespace zevd {
+
 /// A set of numbers below kCapacity.
 class NumberSet {
  public:
@@ -93,3 +95,5 @@ class LiteralFilter {
   std::unique_ptr<Use[]> uses_;            ///< from 1
   NumberSet always_{0};                    ///< the patterns without literals
 };
+
+}  // namespace zevd

@@ -10,6 +10,8 @@
 
 #include "sockets.h"
 
+namespace zevd {
+
 namespace {
 
 /// What a socket's keep-alive is set to.
@@ -52,3 +54,5 @@ bool HasVanished(int sock) {
   signs.since_data = info.tcpi_last_data_recv;
   return IsGone(signs);
 }
+
+}  // namespace zevd

@@ -10,6 +10,8 @@
 
 #include <cstdint>
 
+namespace zevd {
+
 /// Has the kernel ask a peer that has been silent for a minute, and then every ten seconds; without
 /// an answer to six questions the connection ends with ETIMEDOUT.
 void AskSilentPeer(int sock);
@@ -30,3 +32,5 @@ bool HasVanished(int sock);
 /// Milliseconds between two looks of a monitor for peers that have vanished: each of them has to be
 /// asked about.
 inline constexpr int64_t kVanishedLookInterval = 10'000;
+
+}  // namespace zevd

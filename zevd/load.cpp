@@ -13,9 +13,12 @@
 
 #include "error.h"
 #include "lists.h"
+#include "load_steps.h"
 #include "log_rename.h"
 #include "options.h"
 #include "waker.h"
+
+namespace zevd {
 
 namespace {
 
@@ -333,3 +336,5 @@ void PrintConsoles() NO_THREAD_SAFETY_ANALYSIS {  // the caller holds both locks
   zev_debug(kInfo, "ACCESSIBLE CONSOLES:\n");
   PrintList(*a_cons_list);
 }
+
+}  // namespace zevd

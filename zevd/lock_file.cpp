@@ -13,6 +13,8 @@
 #include "paths.h"
 #include "safe_file.h"
 
+namespace zevd {
+
 namespace {
 
 int lock_fd = -1;  // the descriptor that carries the lock
@@ -89,3 +91,5 @@ int GetHostFromLockFile(char* hostname, int len) {
   }
   return 0;
 }
+
+}  // namespace zevd

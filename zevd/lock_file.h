@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+namespace zevd {
+
 /// 0 when the lock is held and the host name written, -1 otherwise. The descriptor stays open for
 /// the life of the process.
 int Lock();
@@ -13,3 +15,5 @@ int Unlock();
 
 /// Reads the first line of the lock file, at most `len` - 1 characters. 0, or -1.
 int GetHostFromLockFile(char* hostname, int len);
+
+}  // namespace zevd

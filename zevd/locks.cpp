@@ -9,6 +9,8 @@
 
 #include "error.h"
 
+namespace zevd {
+
 RwLock icl_lock;
 RwLock acl_lock;
 RwLock ul_lock;
@@ -143,7 +145,7 @@ void ReadLock::Release() {
   held_ = false;
 }
 
-WriteLockPair::WriteLockPair(RwLock& first, RwLock& second, ::Release order, CallSite site)
+WriteLockPair::WriteLockPair(RwLock& first, RwLock& second, zevd::Release order, CallSite site)
     : first_(first), second_(second), order_(order), function_(site.function) {
   LockBoth(kWrite, first, second, site);
 }
@@ -152,7 +154,7 @@ WriteLockPair::~WriteLockPair() {
   UnlockBoth(first_, second_, order_, function_);
 }
 
-ReadLockPair::ReadLockPair(RwLock& first, RwLock& second, ::Release order, CallSite site)
+ReadLockPair::ReadLockPair(RwLock& first, RwLock& second, zevd::Release order, CallSite site)
     : first_(first), second_(second), order_(order), function_(site.function) {
   LockBoth(kRead, first, second, site);
 }
@@ -170,3 +172,5 @@ void ReadLockPair::ReleaseSecondAndKeepFirstForEver() {
   Unlock(second_, function_);
   held_ = false;
 }
+
+}  // namespace zevd

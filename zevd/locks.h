@@ -10,6 +10,8 @@
 
 #include "thread_safety.h"
 
+namespace zevd {
+
 /// A read-write lock with default attributes. Never destroyed: threads run until the process ends.
 class CAPABILITY("rwlock") RwLock {
  public:
@@ -33,7 +35,7 @@ struct CallSite {
   const char* function;
   int line;
 };
-#define HERE (CallSite{__func__, __LINE__})
+#define HERE (::zevd::CallSite{__func__, __LINE__})
 
 /// One lock, waited for as long as it takes. When the lock call fails, that is reported and the
 /// caller goes on as if it held the lock.
@@ -121,3 +123,5 @@ class SCOPED_CAPABILITY ReadLockPair {
   const char* function_;
   bool held_ = true;
 };
+
+}  // namespace zevd

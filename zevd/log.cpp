@@ -17,12 +17,15 @@
 #include "event.h"
 #include "event_set.h"
 #include "log_directory.h"
+#include "log_steps.h"
 #include "matcher.h"
 #include "options.h"
 #include "reg_expr.h"
 #include "safe_file.h"
 #include "timestamp.h"
 #include "user.h"
+
+namespace zevd {
 
 namespace {
 
@@ -284,3 +287,5 @@ void CloseConsolidatedLogFile() {
   close(consolidated_log_fd);
   consolidated_log_fd = -1;
 }
+
+}  // namespace zevd

@@ -14,8 +14,11 @@
 
 #include "error.h"
 #include "fixed_text.h"
+#include "log_directory_steps.h"
 #include "options.h"
 #include "timestamp.h"
+
+namespace zevd {
 
 namespace {
 
@@ -203,3 +206,5 @@ int CreateSymlinkToCurrDir() {
   }
   return 0;
 }
+
+}  // namespace zevd

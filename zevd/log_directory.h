@@ -9,11 +9,11 @@
 // read for the name that it ends in.
 #pragma once
 
-#include <cstddef>
-
 #include "mutex.h"
 #include "paths.h"
 #include "safe_file.h"
+
+namespace zevd {
 
 /// A path below the log directory. The slash that the second part begins with is kept, doubled.
 struct LogPath {
@@ -51,14 +51,4 @@ int LogDirExpired();
 /// Points "current" at a new dated directory; all logs are closed. Caller as above.
 void ArchiveLogDir();
 
-/// 0 when "zev.dated" is missing or no directory.
-int ZevDatedDirExists();
-int CreateZevDatedDir();
-
-/// 0 unless "current" is a link to a directory that stands in "zev.dated" itself.
-int SymlinkToCurrDirExists();
-int CreateSymlinkToCurrDir();
-void RemoveSymlinkToCurrDir();
-
-/// Builds the path of a dated directory for the present minute.
-void GetNewDirName(char* dirname, size_t size);
+}  // namespace zevd

@@ -15,6 +15,8 @@
 #include "log.h"
 #include "log_directory.h"
 
+namespace zevd {
+
 namespace {
 
 void ReportFailure() {
@@ -124,3 +126,5 @@ void LogRenames::NoteHolder(const ConsoleNode* cnode) {
     return;
   }
 }
+
+}  // namespace zevd

@@ -8,6 +8,8 @@
 #include "console.h"
 #include "locks.h"
 
+namespace zevd {
+
 /// The renames of one reload. Which console has which log open is looked at once, at the first of
 /// them: thousands may be renamed while everything waits.
 class LogRenames {
@@ -36,3 +38,5 @@ class LogRenames {
   Holder* holders_ = nullptr;  ///< null until the first rename, or without memory
   size_t count_ = 0;
 };
+
+}  // namespace zevd

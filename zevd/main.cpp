@@ -28,6 +28,8 @@
 #include "zev.h"
 #include "zev_signal.h"
 
+namespace zevd {
+
 namespace {
 
 // A file that the daemon opens must not become one of the three descriptors to which a program
@@ -94,14 +96,14 @@ void CreateWorkerThreads() {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+[[noreturn]] void Run(int argc, char** argv) {
   if (IsMatcherProcess(argc, argv)) MatcherMain();
   OccupyStandardDescriptors();
   OutliveReaders();
   PostDaemonErrorsToJix();
   ClearThreadNames();
   RegisterThread("main");
-  ENTERING();
+  ENTERING_AS("main");
   progname = argv[0];
   umask(007);  // nothing at all for others on any file the daemon creates
   GetCommandLineOptions(argc, argv);
@@ -118,4 +120,10 @@ int main(int argc, char** argv) {
   OpenLogs();
   CreateWorkerThreads();
   MonitorConsoleOutput();
+}
+
+}  // namespace zevd
+
+int main(int argc, char** argv) {
+  zevd::Run(argc, argv);
 }

@@ -11,6 +11,8 @@
 #include "options.h"
 #include "user.h"
 
+namespace zevd {
+
 Mutex pending_logins_mutex;
 std::atomic<int> refresh_mapped_ports{0};
 
@@ -197,3 +199,5 @@ void RefreshMappedPorts() {
   ENTERING();
   refresh_mapped_ports = 1;
 }
+
+}  // namespace zevd

@@ -13,6 +13,8 @@
 #include "list.h"
 #include "mutex.h"
 
+namespace zevd {
+
 /// Guards the structure of mapped_port_list and `thread_ids` of its nodes.
 extern Mutex pending_logins_mutex;
 
@@ -94,3 +96,5 @@ extern std::atomic<int> refresh_mapped_ports;  ///< 1: the ports are to be looke
 
 /// Asks for the ports to be matched with the configuration again. Any thread.
 void RefreshMappedPorts();
+
+}  // namespace zevd

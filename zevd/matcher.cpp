@@ -22,6 +22,8 @@
 #include "matcher_process.h"
 #include "waker.h"
 
+namespace zevd {
+
 /// A line that waits for its answer; the text follows the record.
 struct MatcherLine {
   MatcherLine* next;
@@ -58,36 +60,69 @@ constexpr Complaint kComplaints[] = {
     {MatcherKind::kMatchOutOfMemory, "needs too much memory for a line"},
 };
 
-// The program's own file, whatever has become of its name. Its environment has but what it may
-// need to find its libraries.
+/// The one variable of the matcher's environment: where it may have to look for its libraries.
+class LibraryPath {
+ public:
+  LibraryPath() : value_(getenv(kName)) {
+    snprintf(variable_, sizeof variable_, "%s=%s", kName, value_ == nullptr ? "" : value_);
+  }
+
+  /// Null when it is not set.
+  char* variable() { return value_ == nullptr ? nullptr : variable_; }
+
+ private:
+  static constexpr char kName[] = "LD_LIBRARY_PATH";
+
+  const char* value_;
+  char variable_[kTextSize];
+};
+
+/// What posix_spawn() is told: no signal is blocked, and of descriptors there are the matcher's end
+/// of its socket and the standard ones, with nothing to read.
+class SpawnSetUp {
+ public:
+  SpawnSetUp() {
+    posix_spawn_file_actions_init(&actions_);
+    posix_spawnattr_init(&attributes_);
+  }
+  ~SpawnSetUp() {
+    posix_spawnattr_destroy(&attributes_);
+    posix_spawn_file_actions_destroy(&actions_);
+  }
+  SpawnSetUp(const SpawnSetUp&) = delete;
+  SpawnSetUp& operator=(const SpawnSetUp&) = delete;
+
+  /// 0 or an error number.
+  int Prepare(int sock) {
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK);
+    posix_spawnattr_setsigmask(&attributes_, &none);
+    const int error = posix_spawn_file_actions_adddup2(&actions_, sock, kMatcherSocket);
+    if (error != 0) return error;
+    return posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  }
+
+  const posix_spawn_file_actions_t* actions() const { return &actions_; }
+  const posix_spawnattr_t* attributes() const { return &attributes_; }
+
+ private:
+  posix_spawn_file_actions_t actions_;
+  posix_spawnattr_t attributes_;
+};
+
+// Starts the program's own file, whatever has become of its name.
 int StartMatcherProcess(int sock, pid_t* pid) {
   char name[sizeof kMatcherName];
   CopyText(name, kMatcherName);
   char* arguments[] = {name, nullptr};
-  constexpr char kLibraryPath[] = "LD_LIBRARY_PATH";
-  const char* library_path = getenv(kLibraryPath);
-  char variable[kTextSize];
-  snprintf(variable, sizeof variable, "%s=%s", kLibraryPath,
-           library_path == nullptr ? "" : library_path);
-  char* environment[] = {library_path == nullptr ? nullptr : variable, nullptr};
-  sigset_t none;
-  sigemptyset(&none);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  int error = posix_spawn_file_actions_adddup2(&actions, sock, kMatcherSocket);
-  if (error == 0) {
-    error = posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  }
-  if (error == 0)
-    error = posix_spawn(pid, "/proc/self/exe", &actions, &attributes, arguments, environment);
-  posix_spawnattr_destroy(&attributes);
-  posix_spawn_file_actions_destroy(&actions);
-  return error;
+  LibraryPath library_path;
+  char* environment[] = {library_path.variable(), nullptr};
+  SpawnSetUp set_up;
+  const int error = set_up.Prepare(sock);
+  if (error != 0) return error;
+  return posix_spawn(pid, "/proc/self/exe", set_up.actions(), set_up.attributes(), arguments,
+                     environment);
 }
 
 bool IsForMatcher(const EventSetNode& enode) {
@@ -375,3 +410,5 @@ void Matcher::Reap(int64_t now) {
   DEBUG_AS(kMatcher, kError, "The matcher has ended (%s %d) and is started again.\n",
            killed ? "signal" : "status", killed ? WTERMSIG(status) : WEXITSTATUS(status));
 }
+
+}  // namespace zevd

@@ -17,6 +17,8 @@
 #include "matcher_wire.h"
 #include "mutex.h"
 
+namespace zevd {
+
 struct MatcherLine;
 
 class Matcher {
@@ -86,3 +88,5 @@ class Matcher {
 
 /// The one of the daemon, which is the daemon's own program.
 extern Matcher matcher;
+
+}  // namespace zevd

@@ -20,6 +20,8 @@
 #include "matcher_wire.h"
 #include "matcher_worker.h"
 
+namespace zevd {
+
 namespace {
 
 // On a busy machine the worker gets its processor time late, and one that is stopped never.
@@ -402,3 +404,5 @@ void RunMatcher(int sock) {
   Supervisor(sock, board).Serve();
   munmap(board, sizeof *board);
 }
+
+}  // namespace zevd

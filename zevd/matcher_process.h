@@ -9,6 +9,8 @@
 
 #include <cstdint>
 
+namespace zevd {
+
 /// The name under which the program is the matcher, and the descriptor of its socket.
 inline constexpr char kMatcherName[] = "zevd-matcher";
 inline constexpr int kMatcherSocket = 3;
@@ -26,3 +28,5 @@ bool IsMatcherProcess(int argc, char** argv);
 
 /// Serves the other end of the socket until that is closed.
 void RunMatcher(int sock);
+
+}  // namespace zevd

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 
+namespace zevd {
+
 bool SendToMatcher(int sock, const MatcherHeader& header, std::string_view text, int flags) {
   iovec parts[] = {
       {const_cast<MatcherHeader*>(&header), sizeof header},
@@ -35,3 +37,5 @@ Received ReceiveFromMatcher(int sock, MatcherMessage* message, int flags) {
   message->length = static_cast<size_t>(count) - sizeof message->header;
   return Received::kMessage;
 }
+
+}  // namespace zevd

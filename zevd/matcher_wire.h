@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <string_view>
 
+namespace zevd {
+
 enum class MatcherKind : uint32_t {
   // To the matcher.
   kForget,   ///< all sets, once the lines before it have been answered
@@ -51,3 +53,5 @@ enum class Received { kMessage, kNothing, kEnd };
 /// kNothing: there is none and `flags` say not to wait. kEnd: the other side has gone, or sent what
 /// is no message.
 Received ReceiveFromMatcher(int sock, MatcherMessage* message, int flags);
+
+}  // namespace zevd

@@ -5,6 +5,8 @@
 
 #include "matcher_wire.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr size_t kReasonSize = 256;
@@ -74,3 +76,5 @@ void RunMatcherWorker(int sock, const MatcherPatterns& patterns, MatcherBoard* b
   Worker(sock, patterns, board).Serve();
   _exit(0);
 }
+
+}  // namespace zevd

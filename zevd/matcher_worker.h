@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+namespace zevd {
+
 /// A pattern as the daemon has told it.
 struct MatcherPattern {
   uint32_t set = 0;
@@ -31,3 +33,5 @@ struct MatcherBoard {
 /// reason alone; or kLine with the place of the first pattern to try, answered by kMatch or
 /// kMatchOutOfMemory with the place of the pattern, or by kNoMatch.
 [[noreturn]] void RunMatcherWorker(int sock, const MatcherPatterns& patterns, MatcherBoard* board);
+
+}  // namespace zevd

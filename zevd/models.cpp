@@ -10,6 +10,8 @@
 #include "error.h"
 #include "paths.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr size_t kLineSize = 8192;
@@ -67,3 +69,5 @@ int IsPellox(const char* model, const ModelList* models) {
   }
   return 0;
 }
+
+}  // namespace zevd

@@ -2,6 +2,8 @@
 // another, then only read.
 #pragma once
 
+namespace zevd {
+
 inline constexpr int kMaxModels = 20;
 
 struct ModelList {
@@ -19,3 +21,5 @@ int LoadModels(ModelList* models);
 
 /// 1 when the table gives `model` the Pellox series, both compared without regard to case.
 int IsPellox(const char* model, const ModelList* models);
+
+}  // namespace zevd

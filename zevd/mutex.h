@@ -6,6 +6,8 @@
 
 #include "thread_safety.h"
 
+namespace zevd {
+
 /// A mutex with default attributes. Never destroyed: threads run until the process ends.
 class CAPABILITY("mutex") Mutex {
  public:
@@ -33,3 +35,5 @@ class SCOPED_CAPABILITY MutexLock {
  private:
   Mutex& mutex_;
 };
+
+}  // namespace zevd

@@ -2,6 +2,8 @@
 
 #include "paths.h"
 
+namespace zevd {
+
 int debug_level = 0;
 int security_enabled = 1;
 int cons_buf_size = 0;
@@ -14,3 +16,5 @@ int max_pending_logins = 5;
 const char* log_dir = kLogDir;
 const char* config_file = kConfigFile;
 const char* progname = nullptr;
+
+}  // namespace zevd

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+namespace zevd {
+
 extern int debug_level;             ///< -d: highest level that zev_debug() writes
 extern int security_enabled;        ///< -S: nonzero: users must prove who they are
 extern int cons_buf_size;           ///< -B: bytes of each console's replay ring, 0 for none
@@ -16,3 +18,5 @@ extern int max_pending_logins;      ///< most pending logins on a mapped port
 extern const char* log_dir;         ///< -l: root of all log files
 extern const char* config_file;     ///< -c: console configuration file
 extern const char* progname;        ///< argv[0]
+
+}  // namespace zevd

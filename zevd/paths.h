@@ -4,6 +4,8 @@
 
 #include <cstddef>
 
+namespace zevd {
+
 inline constexpr char kQorRoot[] = QOR_ROOT;
 inline constexpr char kConfigDir[] = QOR_ROOT "/config";
 inline constexpr char kConfigFile[] = QOR_ROOT "/config/zev.conf";
@@ -18,3 +20,5 @@ inline constexpr char kLogDir[] = QOR_ROOT "/logs";
 /// Size of the buffers in which paths are built, terminator included; longer paths are cut.
 inline constexpr size_t kPathSize = 4097;
 inline constexpr size_t kEventPathSize = 4096;
+
+}  // namespace zevd

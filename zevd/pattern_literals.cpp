@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cstring>
 
+namespace zevd {
+
 namespace {
 
 constexpr int kDeepestGroup = 24;
@@ -277,3 +279,5 @@ LiteralSet MandatoryLiterals(const char* pattern) {
   Facts facts;
   return Parser(pattern).Pattern(&facts) ? BestOf(facts) : LiteralSet{};
 }
+
+}  // namespace zevd

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <string_view>
 
+namespace zevd {
+
 /// A capital letter of ASCII as the small one; every other byte as it is.
 constexpr unsigned char FoldCase(unsigned char byte) {
   return byte >= 'A' && byte <= 'Z' ? static_cast<unsigned char>(byte - 'A' + 'a') : byte;
@@ -35,3 +37,5 @@ struct LiteralSet {
 /// and none is empty. No literals at all when the pattern promises none or is not understood beyond
 /// doubt.
 LiteralSet MandatoryLiterals(const char* pattern);
+
+}  // namespace zevd

@@ -8,6 +8,9 @@
 #include "answer.h"
 #include "error.h"
 #include "lists.h"
+#include "query_steps.h"
+
+namespace zevd {
 
 namespace {
 
@@ -296,3 +299,5 @@ void PelloxPortHolder(const char* cons_name) {
   if (outcome == HolderOutcome::kNotTold) LogError(__func__);
   if (outcome == HolderOutcome::kOutOfMemory) ReportOutOfMemory(__func__);
 }
+
+}  // namespace zevd

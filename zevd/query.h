@@ -4,14 +4,14 @@
 
 #include "console.h"
 
+namespace zevd {
+
 void ProcessConsoleCommand(const char* cons_name);
 void ProcessWhoCommand(const char* cons_name);
 void ProcessMappedPortCommand(const char* cons_name);
 void PelloxPortHolder(const char* cons_name);
 
-/// The two bytes of a console's status and mode; the caller holds the list's lock.
+/// The two bytes of a console's status; the caller holds the list's lock.
 void GetStatusCode(const ConsoleNode* cnode, char (&status)[2]);
-void GetHighPrecedModeCode(const ConsoleNode* cnode, char (&mode)[2]);
 
-/// 1 when a user named "VRQ" is attached in mode 4; such users are hidden from the answers.
-int IsVrqUserConnectedERMode(const ConsoleNode* cnode);
+}  // namespace zevd

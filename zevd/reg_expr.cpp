@@ -18,6 +18,8 @@
 #include "list_functions.h"
 #include "literal_filter.h"
 
+namespace zevd {
+
 /// The filter knows patterns by number; these are the nodes in the same order.
 struct RegExFilter {
   LiteralFilter literals;
@@ -310,3 +312,5 @@ int MatchPattern(const char* buf, int count, const RegExList* regex_list, char**
   *priority = match->priority;
   return 1;
 }
+
+}  // namespace zevd

@@ -8,6 +8,8 @@
 
 #include "list.h"
 
+namespace zevd {
+
 /// One pattern line.
 struct RegExNode {
   char* jix_name;         ///< first field; kept, but of no effect
@@ -68,3 +70,5 @@ int ParseRegExFile(const char* filename, RegExList* regex_list);
 /// list may be null; one for the matcher matches nothing here.
 int MatchPattern(const char* buf, int count, const RegExList* regex_list, char** pattern,
                  int* priority);
+
+}  // namespace zevd

@@ -10,6 +10,8 @@
 #include "error.h"
 #include "paths.h"
 
+namespace zevd {
+
 namespace {
 
 constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
@@ -94,3 +96,5 @@ const char* SetUpNewFile(const char* function, int fd, const char* path, mode_t 
   }
   return nullptr;
 }
+
+}  // namespace zevd

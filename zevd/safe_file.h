@@ -8,6 +8,8 @@
 
 #include <sys/types.h>
 
+namespace zevd {
+
 /// A descriptor that is closed at the end of its scope; errno stays as it is.
 class ScopedDescriptor {
  public:
@@ -47,3 +49,5 @@ int GiveStationGroup(int fd);
 /// reported, the text with which the caller ends the process. `function` and `path` are for the
 /// report: what the path leads to may be another file by now.
 const char* SetUpNewFile(const char* function, int fd, const char* path, mode_t mode);
+
+}  // namespace zevd

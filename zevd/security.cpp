@@ -24,10 +24,13 @@
 #include "fixed_text.h"
 #include "mutex.h"
 #include "paths.h"
+#include "security_steps.h"
 #include "sockets.h"
 #include "user.h"
 #include "utf8.h"
 #include "util.h"
+
+namespace zevd {
 
 // ---- Telling clients apart ----------------------------------------------------------------------
 
@@ -396,3 +399,5 @@ int IsInQORUserGroup(const char* username) {
   endgrent();
   return member ? 1 : 0;
 }
+
+}  // namespace zevd

@@ -24,8 +24,11 @@
 #include "lists.h"
 #include "options.h"
 #include "security.h"
+#include "serv_conn_steps.h"
 #include "utf8.h"
 #include "util.h"
+
+namespace zevd {
 
 // ---- The argument line --------------------------------------------------------------------------
 
@@ -378,3 +381,5 @@ void ServiceConnectionRequestThreadCleanUp(void* args) {
   const int sock = *static_cast<const int*>(args);
   if (sock != -1) close(sock);
 }
+
+}  // namespace zevd

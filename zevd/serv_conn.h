@@ -6,28 +6,9 @@
 
 #include <cstdint>
 
-#include "cookie.h"
 #include "fixed_text.h"
 
-// ---- The argument line --------------------------------------------------------------------------
-
-/// What a client asks for.
-struct ConsoleArgs {
-  char auth_mechanism[kCookieSize];  ///< "token" or empty
-  char user_cookie[kCookieSize];
-  char cons_name[kNameSize];
-  char user_name[kUserNameSize];          ///< the last "user=" of the line
-  char earlier_user_name[kUserNameSize];  ///< the one before that, or empty
-  bool names_user;                        ///< there was a "user="
-  uint16_t mode;
-  char addr[kNameSize];  ///< address to show in place of the peer's, or empty
-};
-
-/// Splits the line `buf` in place. Control characters in what others will be shown become "?". 0,
-/// or -1 with u_err_msg set.
-int ParseConsoleArgs(char* buf, ConsoleArgs* args);
-
-// ---- The threads --------------------------------------------------------------------------------
+namespace zevd {
 
 /// Handed to a serv_conn thread, which frees it.
 struct ServiceReqThreadParams {
@@ -46,7 +27,4 @@ bool StartServiceThread(ServiceReqThreadParams* params);
 /// Sends what u_err_msg says and closes the socket.
 void RefuseConnection(int sock);
 
-void* ServiceConnectionRequestThreadStart(void* thread_params);
-
-/// Cancellation: closes the socket that `args` points at, unless it has been handed over (-1).
-void ServiceConnectionRequestThreadCleanUp(void* args);
+}  // namespace zevd

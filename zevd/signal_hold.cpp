@@ -1,5 +1,7 @@
 #include "signal_hold.h"
 
+namespace zevd {
+
 TermSignalHold::TermSignalHold() {
   sigset_t set;
   sigemptyset(&set);
@@ -10,3 +12,5 @@ TermSignalHold::TermSignalHold() {
 TermSignalHold::~TermSignalHold() {
   pthread_sigmask(SIG_SETMASK, &saved_, nullptr);
 }
+
+}  // namespace zevd

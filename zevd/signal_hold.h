@@ -2,6 +2,8 @@
 
 #include <csignal>
 
+namespace zevd {
+
 /// Keeps SIGTERM away from the calling thread while it holds something that the handler needs too
 /// (the debug lock, the C library's time-zone lock). Without it the handler could wait for a lock
 /// that the very thread it interrupted will never release.
@@ -15,3 +17,5 @@ class TermSignalHold {
  private:
   sigset_t saved_;
 };
+
+}  // namespace zevd

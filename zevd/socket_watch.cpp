@@ -8,6 +8,8 @@
 
 #include "error.h"
 
+namespace zevd {
+
 namespace {
 
 // What else ends the wait goes into the set of those that are asked.
@@ -116,3 +118,5 @@ int WaitForMembers(int high_sock, DescriptorSet& set, const Waker& waker, timeva
 int WaitForMembers(int high_sock, DescriptorSet& set, timeval* timeout, SocketWatch* watch) {
   return Wait(high_sock, set, nullptr, timeout, watch);
 }
+
+}  // namespace zevd

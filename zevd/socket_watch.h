@@ -16,6 +16,8 @@
 #include "descriptor_set.h"
 #include "waker.h"
 
+namespace zevd {
+
 class SocketWatch {
  public:
   /// Members told of at once. Whoever reads them holds the list's lock meanwhile. Threads that want
@@ -152,3 +154,5 @@ void SocketIndex<Elem>::ForEachInOrder(const DescriptorSet& sockets, Before befo
   });
   std::for_each(found_, end, visit);
 }
+
+}  // namespace zevd

@@ -11,6 +11,8 @@
 #include "clock.h"
 #include "error.h"
 
+namespace zevd {
+
 namespace {
 
 // For the few sends that wait for their peer, and for a whole replay.
@@ -55,3 +57,5 @@ ssize_t SendBudget::Send(int sock, const char* buf, size_t count, int flags) {
     }
   }
 }
+
+}  // namespace zevd

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace zevd {
+
 /// Switches a socket option on; a refusal by the system is of no consequence.
 void SetSocketFlag(int sock, int level, int option);
 
@@ -31,3 +33,5 @@ class SendBudget {
  private:
   int64_t deadline_;  // CLOCK_MONOTONIC, microseconds
 };
+
+}  // namespace zevd

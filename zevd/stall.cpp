@@ -6,6 +6,8 @@
 
 #include "clock.h"
 
+namespace zevd {
+
 namespace {
 
 // Bytes that the peer has acknowledged since the connection began; 0 when the kernel cannot tell.
@@ -30,3 +32,5 @@ bool Stall::IsTooLong(int sock, const StallLimits& limits) {
   taken_ = taken;
   return now - last_progress_ >= limits.idle || now - since_ >= limits.no_room;
 }
+
+}  // namespace zevd

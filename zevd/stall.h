@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+namespace zevd {
+
 /// Milliseconds after which a peer counts as stalled.
 struct StallLimits {
   int64_t idle;     ///< without taking a single byte, whoever sent it
@@ -29,3 +31,5 @@ class Stall {
   int64_t last_progress_ = 0;
   uint64_t taken_ = 0;  // bytes, at the last call
 };
+
+}  // namespace zevd

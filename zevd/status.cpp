@@ -11,6 +11,8 @@
 #include "lists.h"
 #include "query.h"
 
+namespace zevd {
+
 namespace {
 
 struct CodeRow {
@@ -154,3 +156,5 @@ void ProcessStatsCommand() {
     GiveUp(__func__);
   }
 }
+
+}  // namespace zevd

@@ -2,6 +2,8 @@
 
 #include <sys/prctl.h>
 
+namespace zevd {
+
 std::atomic<unsigned> thread_waitreq_mask{0};
 std::atomic<unsigned> thread_waiting_mask{0};
 
@@ -17,3 +19,5 @@ void ParkIfAsked(unsigned bit) {
   while ((thread_waitreq_mask & bit) != 0) usleep(kStep);
   thread_waiting_mask &= ~bit;
 }
+
+}  // namespace zevd

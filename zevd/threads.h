@@ -6,6 +6,8 @@
 
 #include <atomic>
 
+namespace zevd {
+
 /// One bit for every long-lived thread.
 enum PauseBit : unsigned {
   kPauseConsConn = 0x1,
@@ -29,3 +31,5 @@ void ShareWakeUps();
 
 /// Top of a long-lived thread's loop: stands still while the thread's bit is requested.
 void ParkIfAsked(unsigned bit);
+
+}  // namespace zevd

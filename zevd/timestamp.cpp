@@ -5,6 +5,8 @@
 
 #include "signal_hold.h"
 
+namespace zevd {
+
 namespace {
 
 size_t Format(time_t when, char* text, size_t size, const char* format) {
@@ -41,3 +43,5 @@ size_t GetTimeStamp(char* time_str, size_t size) {
   memcpy(time_str, cache.text, cache.length + 1);
   return cache.length;
 }
+
+}  // namespace zevd

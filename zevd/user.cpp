@@ -10,6 +10,8 @@
 #include "error.h"
 #include "list_functions.h"
 
+namespace zevd {
+
 // ---- Errors and modes ---------------------------------------------------------------------------
 
 thread_local const char* u_err_msg = nullptr;
@@ -207,3 +209,5 @@ bool IsUserInUserList(const UserNode* unode, const UserList* list) {
   ENTERING();
   return list != nullptr && FindElement(*list, unode) != nullptr;
 }
+
+}  // namespace zevd

@@ -12,6 +12,8 @@
 #include "stall.h"
 #include "user_list.h"
 
+namespace zevd {
+
 enum AccessMode : int {
   kReadOnly = 1,
   kShared = 2,
@@ -133,3 +135,5 @@ int AddUserToList(UserNode* unode, UserList* list);
 /// Unlinks the user and neither closes nor frees it. A user who is not there ends the process.
 int RemoveUserFromList(UserNode* unode, UserList* list);
 bool IsUserInUserList(const UserNode* unode, const UserList* list);
+
+}  // namespace zevd

@@ -29,7 +29,10 @@
 #include "socket_watch.h"
 #include "sockets.h"
 #include "threads.h"
+#include "user_conn_steps.h"
 #include "zev_signal.h"
+
+namespace zevd {
 
 namespace {
 
@@ -346,3 +349,5 @@ void AcceptConnectionRequests(const DescriptorSet* fdset) {
   ENTERING();
   ForEachReady(*mapped_port_list, *fdset, AcceptOn);
 }
+
+}  // namespace zevd

@@ -4,6 +4,8 @@
 
 #include "list.h"
 
+namespace zevd {
+
 struct UserNode;
 
 struct UserListElem {
@@ -15,3 +17,5 @@ struct UserListElem {
 
 /// Users of one console (guarded as the console is) or of the whole daemon (guarded by ul_lock).
 using UserList = SocketList<UserListElem, &UserListElem::unode>;
+
+}  // namespace zevd

@@ -22,8 +22,11 @@
 #include "liveness.h"
 #include "socket_watch.h"
 #include "threads.h"
+#include "user_mon_steps.h"
 #include "waker.h"
 #include "zev_signal.h"
+
+namespace zevd {
 
 namespace {
 
@@ -248,3 +251,5 @@ void CleanUpClosedConnections() {
 }
 
 }  // namespace user_mon
+
+}  // namespace zevd

@@ -1,32 +1,8 @@
 // The user input monitor: forwards what users type and is the only place where users are removed.
 #pragma once
 
-#include "descriptor_set.h"
-#include "locks.h"
-#include "user.h"
+namespace zevd {
 
 void* UserMonitorThreadStart(void* unused);
 
-// ---- The monitor's own steps --------------------------------------------------------------------
-
-[[noreturn]] void MonitorUserInput();
-
-/// Waits for input. 1 when some socket of the set is readable (the set then holds those), 0 on
-/// time-out. Ends the process when select() fails.
-int CheckForUserInput(int high_sock, DescriptorSet* fdset);
-
-/// Reads and forwards the input of every readable user.
-void ProcessUserInput(const DescriptorSet& fdset) REQUIRES(ul_lock);
-
-namespace user_mon {
-
-/// Marks the users who have vanished; see liveness.h.
-void LookForVanishedUsers() REQUIRES_SHARED(ul_lock);
-
-bool CheckForClosedConnections() REQUIRES_SHARED(ul_lock);
-void CleanUpClosedConnections() REQUIRES(ul_lock, acl_lock);
-
-/// The first user of user_list that is marked for removal, or null.
-UserNode* GetClosedConnection() REQUIRES_SHARED(ul_lock);
-
-}  // namespace user_mon
+}  // namespace zevd

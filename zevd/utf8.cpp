@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstring>
 
+namespace zevd {
+
 namespace {
 
 /// The first bytes of characters of more than one byte, and what may follow at once.
@@ -82,3 +84,5 @@ void ReplaceControlsOfLine(char* text) {
   const size_t kept = ReplaceIn(text, end);
   memmove(text + kept, text + end, size - end + 1);
 }
+
+}  // namespace zevd

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <string_view>
 
+namespace zevd {
+
 /// Length of the well-formed character at the start of `text`, which is not empty; 0 when there is
 /// none (RFC 3629, section 4: no overlong forms, no surrogates, nothing above U+10FFFF).
 size_t Utf8Length(std::string_view text);
@@ -14,3 +16,5 @@ void ReplaceControls(char* text);
 
 /// The same, but the line end that ends the text stays.
 void ReplaceControlsOfLine(char* text);
+
+}  // namespace zevd

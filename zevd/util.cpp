@@ -17,6 +17,8 @@
 #include "liveness.h"
 #include "user.h"
 
+namespace zevd {
+
 namespace {
 
 // Telnet commands (RFC 854).
@@ -302,3 +304,5 @@ void DrainTelnetControlSequence(int sock, char* telnet_cmd, int size) {
   }
   telnet_cmd[count] = '\0';
 }
+
+}  // namespace zevd

@@ -6,6 +6,8 @@
 
 #include <ctime>
 
+namespace zevd {
+
 /// Reads what one peek sees of a line, at most `size` - 1 bytes, its line end included. 0 with a
 /// terminated text in `buf`; -1 on error or end of stream; -2 when nothing arrived within
 /// `wait_time` seconds (0 or less: no limit). Sets u_err_msg on time-outs and read errors.
@@ -22,3 +24,5 @@ int ReadCharAtATimeWithTimeout(int sock, char* buf, int size, int echo, time_t w
 /// Reads the run of telnet commands (RFC 854) that the peer has sent, at most `size` - 1 bytes, and
 /// nothing after it.
 void DrainTelnetControlSequence(int sock, char* telnet_cmd, int size);
+
+}  // namespace zevd

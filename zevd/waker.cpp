@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+namespace zevd {
+
 Waker cons_mon_waker;
 Waker user_mon_waker;
 Waker cmd_mon_waker;
@@ -33,3 +35,5 @@ void Waker::Drain() const {
   // An empty counter (EAGAIN) is what is wanted.
   [[maybe_unused]] const ssize_t ignored = read(descriptor_, &count, sizeof count);
 }
+
+}  // namespace zevd

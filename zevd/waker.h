@@ -3,6 +3,8 @@
 
 #include <atomic>
 
+namespace zevd {
+
 /// Ends the wait of one monitor thread when a member joins its list or is marked closed. An
 /// eventfd, put into the waiter's private copy of the set only, so that it is never a member.
 class Waker {
@@ -37,3 +39,5 @@ class Waker {
 extern Waker cons_mon_waker;
 extern Waker user_mon_waker;
 extern Waker cmd_mon_waker;
+
+}  // namespace zevd

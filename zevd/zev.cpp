@@ -26,6 +26,9 @@
 #include "user_conn.h"
 #include "user_mon.h"
 #include "waker.h"
+#include "zev_steps.h"
+
+namespace zevd {
 
 namespace {
 
@@ -254,3 +257,5 @@ void CreateCommandMonitorThread() {
   CreateThread(&cmd_mon_thread, &cmd_mon_attr, CommandMonitorThreadStart, __func__,
                "Terminated: Couldn't create cmd_mon thread");
 }
+
+}  // namespace zevd

@@ -7,16 +7,10 @@
 // end the process at any time.
 #pragma once
 
-#include <cstdint>
+namespace zevd {
 
 /// Parses the options in command-line order; ends the process on -h, -V and on anything unknown.
 void GetCommandLineOptions(int argc, char** argv);
-
-/// Seconds that the argument of -a stands for, also stored in log_archive_time; -1 when invalid.
-int32_t GetLogArchiveTime(const char* str);
-
-[[noreturn]] void ShowUsage(const char* program);
-[[noreturn]] void ShowVersion();
 
 /// Detaches from the terminal; output goes to "zevd.log" in the log directory from then on.
 void RunAsDaemon();
@@ -28,3 +22,5 @@ void CreateConsoleConnectionsThread();
 void CreateUserConnectionsThread();
 void CreateUserMonitorThread();
 void CreateCommandMonitorThread();
+
+}  // namespace zevd

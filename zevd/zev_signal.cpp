@@ -5,6 +5,8 @@
 
 #include "error.h"
 
+namespace zevd {
+
 namespace {
 
 int ChangeSignal(int how, int signum, const char* function) {
@@ -63,3 +65,5 @@ void ClearHupEventFlag() {
   ENTERING();
   hup_event_flag = 0;
 }
+
+}  // namespace zevd

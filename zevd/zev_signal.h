@@ -3,6 +3,8 @@
 
 #include <csignal>
 
+namespace zevd {
+
 /// Adds (removes) one signal to (from) the calling thread's blocked set. 0, or -1 with the reason
 /// in the debug output.
 int BlockSignal(int signum);
@@ -18,3 +20,5 @@ void HupHandler(int sig);
 void SetHupEventFlag();
 void ClearHupEventFlag();
 extern volatile sig_atomic_t hup_event_flag;  ///< 1 once the handler has run
+
+}  // namespace zevd

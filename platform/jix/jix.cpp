@@ -91,7 +91,7 @@ void AppendCharacter(std::string& out, std::string_view character) {
 void AppendString(std::string& out, std::string_view text) {
   out += '"';
   while (!text.empty()) {
-    const size_t length = Utf8Length(text);
+    const size_t length = zevd::Utf8Length(text);
     if (length == 0) {
       out += kReplacement;
       text.remove_prefix(1);

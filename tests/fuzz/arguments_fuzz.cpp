@@ -5,8 +5,11 @@
 #include "fuzz.h"
 #include "lists.h"
 #include "options.h"
+#include "serv_conn_steps.h"
 #include "threads.h"
 #include "zev.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -9,6 +9,7 @@
 #include "answer.h"
 #include "attach.h"
 #include "cmd_mon.h"
+#include "cmd_mon_steps.h"
 #include "command.h"
 #include "command_port.h"
 #include "control.h"
@@ -18,6 +19,8 @@
 #include "query.h"
 #include "threads.h"
 #include "zev.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -11,6 +11,8 @@
 #include "threads.h"
 #include "zev.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr char kFile[] = "root/config/zev.conf";

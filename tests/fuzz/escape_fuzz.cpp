@@ -5,6 +5,8 @@
 #include "escape.h"
 #include "fuzz.h"
 
+using namespace zevd;
+
 namespace {
 
 using zevctl::EscapeAction;

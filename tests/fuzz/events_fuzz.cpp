@@ -21,6 +21,8 @@
 #include "threads.h"
 #include "zev.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr char kName[] = "file";

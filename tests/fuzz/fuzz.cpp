@@ -26,6 +26,8 @@
 #include "zev.h"
 #include "zev_signal.h"
 
+using namespace zevd;
+
 namespace fuzz {
 
 namespace {

@@ -31,6 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace fuzz {
 
+using namespace zevd;
+
 // ---- Checks -------------------------------------------------------------------------------------
 
 /// Ends the process so that the fuzzer keeps the input.

@@ -8,11 +8,14 @@
 
 #include <algorithm>
 
+#include "cons_conn_steps.h"
 #include "fuzz.h"
 #include "lists.h"
 #include "options.h"
 #include "threads.h"
 #include "zev.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -19,6 +19,8 @@
 #include "fuzz.h"
 #include "tqauth.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr size_t kByteLimit = 8192;

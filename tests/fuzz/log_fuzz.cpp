@@ -16,6 +16,8 @@
 #include "threads.h"
 #include "zev.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr char kName[] = "box";

@@ -6,6 +6,8 @@
 #include "fuzz.h"
 #include "log_record.h"
 
+using namespace zevd;
+
 namespace {
 
 using zevctl::LogKind;

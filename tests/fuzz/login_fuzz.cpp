@@ -5,6 +5,8 @@
 #include "fuzz.h"
 #include "login.h"
 
+using namespace zevd;
+
 namespace {
 
 using zevctl::LoginStep;

@@ -13,6 +13,8 @@
 #include "sockets.h"
 #include "util.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr int kWait = 10;

@@ -7,6 +7,8 @@
 
 #include "fuzz.h"
 
+using namespace zevd;
+
 namespace {
 
 std::vector<std::filesystem::path> Files(const char* directory) {

@@ -14,6 +14,8 @@
 #include "threads.h"
 #include "zev.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr char kFile[] = "root/config/qor.conf";

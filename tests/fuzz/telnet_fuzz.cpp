@@ -8,6 +8,8 @@
 #include "fuzz.h"
 #include "telnet.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr uint8_t kSe = 240;

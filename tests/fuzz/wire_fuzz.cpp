@@ -18,6 +18,8 @@
 #include "threads.h"
 #include "zev.h"
 
+using namespace zevd;
+
 namespace {
 
 /// What an input says of a console and its users.

@@ -36,7 +36,7 @@ def between(text: str, start: str, end: str) -> str:
 
 
 def test_the_readme_tells_every_refusal():
-    source = (DAEMON / "user_conn.cpp").read_text()
+    source = (DAEMON / "user.cpp").read_text()
     texts = re.findall(r'^    "(\d{3} - .*)\\r\\n",$', source, re.MULTILINE)
     assert len(texts) == 16
     refusals = between(README.read_text(), "## When you are refused", "\n## ")
@@ -44,7 +44,7 @@ def test_the_readme_tells_every_refusal():
 
 
 def test_the_readme_tells_every_mode():
-    source = (DAEMON / "user_conn.cpp").read_text()
+    source = (DAEMON / "user.cpp").read_text()
     modes = re.findall(r'\{k\w+, "(\w\w)", "', source)
     assert len(modes) == 4
     attach = between(README.read_text(), "### 6. Attach", "\n### ")

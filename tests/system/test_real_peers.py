@@ -110,8 +110,9 @@ def test_two_people_share_a_shell(station):
 def test_a_person_interrupts_a_command(station):
     with seated(station, "shell") as person:
         type_command(person, 7)
-        person.type("sleep 1000\r")
-        person.expect("sleep 1000\r\n")
+        # Its word shows that the shell has handed the terminal to the command.
+        person.type("sh -c 'echo re\"\"ady; exec sleep 1000'\r")
+        person.expect("ready\r\n")
         person.type("\x03")
         type_command(person, 8)
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "cons_conn.h"
+#include "cons_conn_steps.h"
 #include "console_lists.h"
 #include "control.h"
 #include "file_support.h"
@@ -13,6 +14,8 @@
 #include "log.h"
 #include "options.h"
 #include "relay_support.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -11,9 +11,12 @@
 #include <string>
 
 #include "cmd_mon.h"
+#include "cmd_mon_steps.h"
 #include "command_support.h"
 #include "failure_support.h"
 #include "lists.h"
+
+using namespace zevd;
 
 namespace {
 

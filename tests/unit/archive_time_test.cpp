@@ -24,6 +24,9 @@
 #include "options.h"
 #include "paths.h"
 #include "zev.h"
+#include "zev_steps.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -26,6 +26,9 @@
 #include "options.h"
 #include "relay_support.h"
 #include "serv_conn.h"
+#include "serv_conn_steps.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -15,6 +15,8 @@
 #include "debug_support.h"
 #include "file_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::ElementsAre;

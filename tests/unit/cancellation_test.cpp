@@ -10,6 +10,8 @@
 #include "relay_support.h"
 #include "util.h"
 
+using namespace zevd;
+
 namespace {
 
 /// A thread that cannot be cancelled, except where a reader lets it.

@@ -6,6 +6,8 @@
 #include "failure_support.h"
 #include "liveness.h"
 
+using namespace zevd;
+
 namespace {
 
 TEST(ThrottleTest, LookIsDueEveryTenSeconds) {

@@ -19,10 +19,13 @@
 #include <vector>
 
 #include "attach.h"
+#include "cmd_mon_steps.h"
 #include "command_support.h"
 #include "failure_support.h"
 #include "lists.h"
 #include "threads.h"
+
+using namespace zevd;
 
 namespace {
 

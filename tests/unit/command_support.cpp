@@ -16,7 +16,10 @@
 
 #include "attach.h"
 #include "cmd_mon.h"
+#include "cmd_mon_steps.h"
 #include "lists.h"
+
+using namespace zevd;
 
 namespace test {
 

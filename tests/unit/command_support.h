@@ -14,6 +14,8 @@
 
 namespace test {
 
+using namespace zevd;
+
 // ---- Answers as bytes ---------------------------------------------------------------------------
 
 /// What a tool received.

@@ -13,6 +13,8 @@
 #include "command_support.h"
 #include "failure_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using namespace std::string_literals;

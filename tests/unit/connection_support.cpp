@@ -10,7 +10,10 @@
 #include <string_view>
 
 #include "cons_conn.h"
+#include "cons_conn_steps.h"
 #include "lists.h"
+
+using namespace zevd;
 
 namespace test {
 

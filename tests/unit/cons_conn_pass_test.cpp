@@ -15,6 +15,7 @@
 
 #include "connection_support.h"
 #include "cons_conn.h"
+#include "cons_conn_steps.h"
 #include "debug_support.h"
 #include "file_support.h"
 #include "lists.h"
@@ -22,6 +23,8 @@
 #include "options.h"
 #include "threads.h"
 #include "zev.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -18,7 +18,10 @@
 #include <string>
 
 #include "connection_support.h"
+#include "cons_conn_steps.h"
 #include "debug_support.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -22,6 +22,8 @@
 #include "threads.h"
 #include "zev_signal.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::Attached;

@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "cons_mon_steps.h"
 #include "debug_support.h"
 #include "failure_support.h"
 #include "file_support.h"
@@ -25,6 +26,9 @@
 #include "options.h"
 #include "relay_support.h"
 #include "user_mon.h"
+#include "user_mon_steps.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -15,6 +15,8 @@
 #include "lists.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::ElementsAre;

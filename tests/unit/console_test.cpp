@@ -13,6 +13,8 @@
 #include "options.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::Contains;

@@ -21,6 +21,8 @@
 #include "options.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using namespace std::string_view_literals;

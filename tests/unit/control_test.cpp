@@ -11,6 +11,8 @@
 #include "console_users.h"
 #include "lists.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::Attached;

@@ -25,6 +25,8 @@
 #include "user.h"
 #include "user_conn.h"
 
+using namespace zevd;
+
 namespace {
 
 thread_local std::function<ssize_t(unsigned char*)> random_source;  // gives one byte

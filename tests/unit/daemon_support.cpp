@@ -6,6 +6,8 @@
 #include "options.h"
 #include "threads.h"
 
+using namespace zevd;
+
 namespace test {
 
 OptionsGuard::OptionsGuard()

@@ -7,6 +7,8 @@
 
 #include "failure_support.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr time_t kNow = 1'000'000'000;

@@ -21,6 +21,8 @@
 #include "event.h"
 #include "options.h"
 
+using namespace zevd;
+
 namespace test {
 
 namespace {

@@ -14,6 +14,8 @@
 
 namespace test {
 
+using namespace zevd;
+
 /// One message as zev_debug() wrote it. The line that reports repetitions has no thread name.
 struct DebugLine {
   std::string stamp;   ///< "yy/mm/dd_HH:MM:SS"

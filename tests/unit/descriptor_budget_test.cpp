@@ -11,10 +11,14 @@
 #include <ctime>
 #include <ostream>
 
+#include "cons_conn_steps.h"
 #include "daemon_support.h"
 #include "debug_support.h"
 #include "failure_support.h"
 #include "socket_support.h"
+#include "user_conn_steps.h"
+
+using namespace zevd;
 
 namespace {
 

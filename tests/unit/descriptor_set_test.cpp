@@ -16,6 +16,8 @@
 #include "failure_support.h"
 #include "socket_support.h"
 
+using namespace zevd;
+
 namespace {
 
 // The descriptors from 0 to `highest` that the set contains.

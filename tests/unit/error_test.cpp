@@ -21,12 +21,15 @@
 
 #include "daemon_support.h"
 #include "debug_support.h"
+#include "error_steps.h"
 #include "failure_support.h"
 #include "file_support.h"
 #include "options.h"
 #include "socket_support.h"
 #include "timestamp.h"
 #include "zev_signal.h"
+
+using namespace zevd;
 
 namespace {
 

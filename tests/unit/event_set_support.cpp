@@ -7,6 +7,8 @@
 
 #include "lists.h"
 
+using namespace zevd;
+
 namespace test {
 
 EventSetTest::EventSetTest() {

@@ -15,6 +15,8 @@
 #include "lists.h"
 #include "paths.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::EventSetTest;

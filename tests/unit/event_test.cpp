@@ -22,6 +22,8 @@
 #include "file_support.h"
 #include "socket_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::Call;

@@ -13,6 +13,8 @@
 #include "debug_support.h"
 #include "error.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::AllOf;

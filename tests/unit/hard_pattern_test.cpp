@@ -10,6 +10,8 @@
 
 #include "random_patterns.h"
 
+using namespace zevd;
+
 namespace {
 
 std::string Repeated(std::string_view text, size_t times) {

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+using namespace zevd;
+
 namespace {
 
 std::string Encoded(std::string_view text) {

@@ -11,6 +11,8 @@
 #include "failure_support.h"
 #include "list_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::Elem;

@@ -13,6 +13,8 @@
 #include "list_functions.h"
 #include "list_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::Elem;

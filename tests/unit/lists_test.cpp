@@ -13,6 +13,8 @@
 #include "debug_support.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::ElementsAre;

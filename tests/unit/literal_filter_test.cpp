@@ -11,6 +11,8 @@
 #include "debug_support.h"
 #include "failure_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::ElementsAre;

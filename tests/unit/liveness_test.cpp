@@ -12,6 +12,8 @@
 
 #include "socket_support.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr uint32_t kFiveMinutes = 300'000;  // milliseconds

@@ -11,6 +11,8 @@
 #include "options.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace test {
 
 std::string ConfigLine(const std::string& name, int port, const std::string& flags) {

@@ -12,6 +12,8 @@
 
 namespace test {
 
+using namespace zevd;
+
 inline constexpr char kConfig[] = "root/config/zev.conf";
 
 /// A line of a console at 127.0.0.1 without events.

@@ -15,9 +15,12 @@
 #include "debug_support.h"
 #include "failure_support.h"
 #include "lists.h"
+#include "load_steps.h"
 #include "load_support.h"
 #include "options.h"
 #include "relay_support.h"
+
+using namespace zevd;
 
 namespace {
 

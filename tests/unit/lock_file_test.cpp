@@ -12,6 +12,8 @@
 #include "paths.h"
 #include "support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::ElementsAre;

@@ -16,8 +16,11 @@
 #include "debug_support.h"
 #include "log.h"
 #include "log_directory.h"
+#include "log_directory_steps.h"
 #include "log_support.h"
 #include "options.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -13,9 +13,12 @@
 #include <regex>
 #include <string>
 
+#include "load_steps.h"
 #include "log.h"
 #include "log_directory.h"
 #include "support.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -18,6 +18,8 @@
 #include "log.h"
 #include "options.h"
 
+using namespace zevd;
+
 namespace test {
 
 thread_local bool fchmod_fails = false;

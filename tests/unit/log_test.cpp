@@ -17,8 +17,12 @@
 #include "debug_support.h"
 #include "lists.h"
 #include "log_directory.h"
+#include "log_directory_steps.h"
+#include "log_steps.h"
 #include "log_support.h"
 #include "options.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -20,6 +20,8 @@
 #include "options.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::AnnouncesDaemonError;

@@ -10,6 +10,8 @@
 #include "random_patterns.h"
 #include "support.h"
 
+using namespace zevd;
+
 namespace {
 
 // The system's matcher calls itself until the stack ends, on any line.

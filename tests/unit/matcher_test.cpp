@@ -24,7 +24,10 @@
 #include "failure_support.h"
 #include "file_support.h"
 #include "lists.h"
+#include "log_steps.h"
 #include "relay_support.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -14,6 +14,8 @@
 #include "file_support.h"
 #include "paths.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::ElementsAre;

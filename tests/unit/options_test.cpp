@@ -5,6 +5,8 @@
 
 #include "threads.h"
 
+using namespace zevd;
+
 namespace {
 
 TEST(OptionDefaultsTest, AreThoseOfTheUsage) {

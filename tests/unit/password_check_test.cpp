@@ -23,6 +23,8 @@
 #include "file_support.h"
 #include "socket_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::MatchesRegex;

@@ -11,6 +11,8 @@
 
 #include "random_patterns.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::ElementsAre;

@@ -10,10 +10,14 @@
 #include <vector>
 
 #include "cmd_mon.h"
+#include "cmd_mon_steps.h"
 #include "command_support.h"
 #include "console_users.h"
 #include "failure_support.h"
 #include "lists.h"
+#include "query_steps.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -24,6 +24,8 @@
 #include "random_patterns.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::AllOf;

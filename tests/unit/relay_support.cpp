@@ -15,6 +15,8 @@
 #include "options.h"
 #include "zev_signal.h"
 
+using namespace zevd;
+
 namespace test {
 
 ConsoleSettings Settings(const char* name) {

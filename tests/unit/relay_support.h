@@ -11,6 +11,8 @@
 
 namespace test {
 
+using namespace zevd;
+
 /// An enabled console at 127.0.0.1 without ports, logging or events.
 ConsoleSettings Settings(const char* name);
 

@@ -15,8 +15,11 @@
 #include "failure_support.h"
 #include "lists.h"
 #include "load.h"
+#include "load_steps.h"
 #include "load_support.h"
 #include "log_rename.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -26,6 +26,9 @@
 #include "failure_support.h"
 #include "file_support.h"
 #include "relay_support.h"
+#include "security_steps.h"
+
+using namespace zevd;
 
 namespace {
 

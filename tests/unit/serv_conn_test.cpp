@@ -18,8 +18,12 @@
 #include "failure_support.h"
 #include "lists.h"
 #include "options.h"
+#include "serv_conn_steps.h"
 #include "service_support.h"
 #include "user_conn.h"
+#include "user_conn_steps.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -10,9 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "error_steps.h"
 #include "lists.h"
 #include "options.h"
 #include "user_conn.h"
+#include "user_conn_steps.h"
+
+using namespace zevd;
 
 namespace test {
 

@@ -15,6 +15,8 @@
 
 namespace test {
 
+using namespace zevd;
+
 /// IAC WILL ECHO, IAC WILL SUPPRESS-GO-AHEAD
 inline constexpr char kOffers[] = "\xFF\xFB\x01\xFF\xFB\x03";
 

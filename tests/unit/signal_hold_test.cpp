@@ -8,6 +8,8 @@
 #include "signal_support.h"
 #include "zev_signal.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::IsBlocked;

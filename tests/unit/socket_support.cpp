@@ -21,6 +21,8 @@
 #include "errno_support.h"
 #include "fixed_text.h"
 
+using namespace zevd;
+
 namespace test {
 
 namespace {

@@ -20,6 +20,8 @@
 #include "list_support.h"
 #include "socket_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::ElementsAre;

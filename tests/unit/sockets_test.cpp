@@ -14,6 +14,8 @@
 #include "failure_support.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::Call;

@@ -14,6 +14,8 @@
 
 #include "socket_support.h"
 
+using namespace zevd;
+
 namespace {
 
 constexpr int64_t kNever = INT64_MAX;

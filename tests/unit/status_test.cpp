@@ -11,11 +11,15 @@
 #include <utility>
 
 #include "cmd_mon.h"
+#include "cmd_mon_steps.h"
 #include "cons_mon.h"
+#include "cons_mon_steps.h"
 #include "counters.h"
 #include "failure_support.h"
 #include "lists.h"
 #include "relay_support.h"
+
+using namespace zevd;
 
 namespace {
 

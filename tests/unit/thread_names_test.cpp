@@ -12,6 +12,9 @@
 
 #include "debug_support.h"
 #include "error.h"
+#include "error_steps.h"
+
+using namespace zevd;
 
 namespace {
 

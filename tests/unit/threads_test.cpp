@@ -12,6 +12,8 @@
 #include "failure_support.h"
 #include "socket_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using ::testing::ElementsAre;

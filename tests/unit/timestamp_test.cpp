@@ -9,6 +9,8 @@
 
 #include "failure_support.h"
 
+using namespace zevd;
+
 namespace {
 
 /// The local time zone for as long as it lives.

@@ -23,6 +23,9 @@
 #include "options.h"
 #include "service_support.h"
 #include "threads.h"
+#include "user_conn_steps.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -15,12 +15,16 @@
 #include <utility>
 
 #include "cons_mon.h"
+#include "cons_mon_steps.h"
 #include "console_users.h"
 #include "debug_support.h"
 #include "failure_support.h"
 #include "lists.h"
 #include "relay_support.h"
 #include "threads.h"
+#include "user_mon_steps.h"
+
+using namespace zevd;
 
 namespace {
 

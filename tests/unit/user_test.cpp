@@ -16,6 +16,8 @@
 #include "failure_support.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::AnnouncesDaemonError;

@@ -5,6 +5,8 @@
 
 #include <string>
 
+using namespace zevd;
+
 namespace {
 
 std::string Replaced(std::string text) {

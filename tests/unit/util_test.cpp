@@ -20,6 +20,8 @@
 #include "failure_support.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using namespace std::string_view_literals;

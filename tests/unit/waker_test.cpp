@@ -13,6 +13,8 @@
 #include "socket_support.h"
 #include "socket_watch.h"
 
+using namespace zevd;
+
 namespace {
 
 /// An open waker and the socket of one member.

@@ -18,6 +18,8 @@
 #include "options.h"
 #include "signal_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::IsBlocked;

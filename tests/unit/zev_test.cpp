@@ -28,12 +28,16 @@
 
 #include "daemon_support.h"
 #include "debug_support.h"
+#include "error_steps.h"
 #include "failure_support.h"
 #include "file_support.h"
 #include "lists.h"
 #include "lock_file.h"
 #include "options.h"
 #include "socket_support.h"
+#include "zev_steps.h"
+
+using namespace zevd;
 
 namespace {
 

@@ -29,7 +29,7 @@ std::string Padded(std::string text, size_t width) {
 TEST(ZevctlRecordTest, ConsoleOnTheWire) {
   const std::string bytes = Padded("box", 64) + Padded("10.1.2.3", 64) + "\x34\x12" + "\x17\0"s +
                             Padded("A200", 64) + Padded("rack1", 64) + "1\0"s + "3\0"s;
-  ASSERT_EQ(bytes.size(), kConsolePacketSize);
+  ASSERT_EQ(bytes.size(), zevd::kConsolePacketSize);
   const ConsoleRecord console = DecodeConsole(bytes);
   EXPECT_EQ(console.name, "box");
   EXPECT_EQ(console.address, "10.1.2.3");

@@ -1,0 +1,39 @@
+// The steps of the console output monitor, for the file itself and for its tests.
+#pragma once
+
+#include "console.h"
+#include "descriptor_set.h"
+#include "locks.h"
+
+namespace zevd {
+
+/// Marks a console closed; the monitor closes its socket. The caller holds the lock of its list.
+void CloseConsoleConnection(ConsoleNode* cnode);
+
+/// Waits for console output. 1 when some socket of the set is readable (the set then holds those),
+/// 0 on time-out. Ends the process when select() fails.
+int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset);
+
+/// Reads and hands on the output of every readable console.
+void ProcessConsoleOutput(const DescriptorSet& fdset) REQUIRES(acl_lock);
+
+/// Hands one chunk to ring, log and users, unless it is a notice that nobody shall see.
+void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count);
+
+void CloseDisabledConsoleConnections() REQUIRES(acl_lock);
+
+/// The logs of every connected console, and the consolidated one.
+void OpenAllLogFiles() REQUIRES(acl_lock);
+void CloseAllLogFiles() REQUIRES(acl_lock);
+
+namespace cons_mon {
+
+bool CheckForClosedConnections() REQUIRES_SHARED(acl_lock);
+void CleanUpClosedConnections() REQUIRES(ul_lock, acl_lock);
+
+/// The first closed console of a_cons_list, or null.
+ConsoleNode* GetClosedConnection() REQUIRES_SHARED(acl_lock);
+
+}  // namespace cons_mon
+
+}  // namespace zevd

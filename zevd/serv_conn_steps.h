@@ -1,0 +1,32 @@
+// The steps of a serv_conn thread, for the file itself and for its tests.
+#pragma once
+
+#include <cstdint>
+
+#include "cookie.h"
+#include "fixed_text.h"
+
+namespace zevd {
+
+/// What a client asks for.
+struct ConsoleArgs {
+  char auth_mechanism[kCookieSize];  ///< "token" or empty
+  char user_cookie[kCookieSize];
+  char cons_name[kNameSize];
+  char user_name[kUserNameSize];          ///< the last "user=" of the line
+  char earlier_user_name[kUserNameSize];  ///< the one before that, or empty
+  bool names_user;                        ///< there was a "user="
+  uint16_t mode;
+  char addr[kNameSize];  ///< address to show in place of the peer's, or empty
+};
+
+/// Splits the line `buf` in place. Control characters in what others will be shown become "?". 0,
+/// or -1 with u_err_msg set.
+int ParseConsoleArgs(char* buf, ConsoleArgs* args);
+
+void* ServiceConnectionRequestThreadStart(void* thread_params);
+
+/// Cancellation: closes the socket that `args` points at, unless it has been handed over (-1).
+void ServiceConnectionRequestThreadCleanUp(void* args);
+
+}  // namespace zevd
