@@ -17,9 +17,7 @@ using namespace zevd;
 
 namespace {
 
-using ::testing::Contains;
 using ::testing::ElementsAre;
-using ::testing::ExitedWithCode;
 
 // ---- Text fields --------------------------------------------------------------------------------
 
@@ -194,130 +192,6 @@ class ConsoleListTest : public ConsoleTest {
   ConsoleList list_;
 };
 
-TEST_F(ConsoleListTest, NewOneIsEmptyAndNamed) {
-  ConsoleList* list = NewConsoleList("another");
-  EXPECT_STREQ(list->list_name, "another");
-  EXPECT_EQ(list->head, nullptr);
-  EXPECT_EQ(list->count, 0);
-  EXPECT_EQ(list->high_sock, -1);
-  FreeConsoleList(list);
-}
-
-TEST_F(ConsoleListTest, NewOneIsNullWhenOutOfMemory) {
-  const test::DebugCapture capture(0);
-  const test::FailAllocation failure(1);
-  EXPECT_EQ(NewConsoleList("another"), nullptr);
-  EXPECT_THAT(test::Reports(capture.Messages()),
-              ElementsAre("NewConsoleList: malloc() failed : Cannot allocate memory\n"));
-}
-
-TEST_F(ConsoleListTest, AddingAppendsAndSaysSo) {
-  ConsoleNode* first = test::MakeConsole("a").release();
-  ConsoleNode* second = test::MakeConsole("b").release();
-  const test::DebugCapture capture(kTrace);
-  EXPECT_EQ(AddConsoleToList(first, &list_), 0);
-  EXPECT_EQ(AddConsoleToList(second, &list_), 0);
-  EXPECT_THAT(test::Names(list_), ElementsAre("a", "b"));
-  EXPECT_EQ(list_.count, 2);
-  EXPECT_THAT(test::WithoutEntries(capture.Messages()),
-              ElementsAre("AddConsoleToList: Added console a to my list.\n",
-                          "AddConsoleToList: Added console b to my list.\n"));
-}
-
-TEST_F(ConsoleListTest, AddingKeepsTheSet) {
-  Add("none");
-  EXPECT_EQ(list_.high_sock, -1);
-  Add("low", 5);
-  Add("high", 2000);
-  EXPECT_EQ(list_.high_sock, 2000);
-  EXPECT_TRUE(list_.fdset.Contains(5));
-  EXPECT_TRUE(list_.fdset.Contains(2000));
-  for (ConsoleNode* cnode : Nodes(list_)) cnode->sock = -1;
-}
-
-TEST_F(ConsoleListTest, AddingWithoutMemoryForTheElement) {
-  const test::ConsolePtr cnode = test::MakeConsole("a");
-  const test::DebugCapture capture(kDetail);
-  const test::FailAllocation failure(1);
-  EXPECT_EQ(AddConsoleToList(cnode.get(), &list_), -1);
-  EXPECT_EQ(list_.head, nullptr);
-  EXPECT_EQ(list_.count, 0);
-  EXPECT_THAT(test::Reports(capture.Messages()),
-              ElementsAre("NewConsoleListElem: malloc() failed : Cannot allocate memory\n",
-                          "AddConsoleToList: NewConsoleListElem() failed.\n"));
-  EXPECT_TRUE(capture.Has(
-      "PostJixEvent: template=qor.zevd.daemon.error message=Out of memory -=- priority=700\n"));
-}
-
-TEST_F(ConsoleListTest, AddingWithoutMemoryForTheSet) {
-  const test::ConsolePtr cnode = test::MakeConsole("a");
-  cnode->sock = 5000;
-  const test::DebugCapture capture(0);
-  {
-    const test::FailAllocation failure(1);
-    EXPECT_EQ(AddConsoleToList(cnode.get(), &list_), -1);
-  }
-  EXPECT_EQ(list_.head, nullptr);
-  EXPECT_EQ(list_.high_sock, -1);
-  EXPECT_EQ(test::Reports(capture.Messages()).back(),
-            "AddConsoleToList: NewConsoleListElem() failed.\n");
-}
-
-TEST_F(ConsoleListTest, RemovingUnlinksAndSaysSo) {
-  const test::ConsolePtr gone(Add("a", 9));
-  ConsoleNode* stays = Add("b", 4);
-  const test::DebugCapture capture(kTrace);
-  EXPECT_EQ(RemoveConsoleFromList(gone.get(), &list_), 0);
-  EXPECT_THAT(test::Names(list_), ElementsAre("b"));
-  EXPECT_EQ(list_.count, 1);
-  EXPECT_EQ(list_.high_sock, 4);
-  EXPECT_FALSE(list_.fdset.Contains(9));
-  EXPECT_THAT(
-      test::WithoutEntries(capture.Messages()),
-      ElementsAre("RemoveConsoleFromList: Removed console a from my list.\n",
-                  "RemoveConsoleFromList: Doing FD_CLR( 9, ...) for console a on my list\n"));
-  stays->sock = -1;
-}
-
-TEST_F(ConsoleListTest, RemovingGoesByIdentity) {
-  ConsoleNode* first = Add("same");
-  const test::ConsolePtr second(Add("same"));
-  RemoveConsoleFromList(second.get(), &list_);
-  EXPECT_EQ(list_.head->cnode, first);
-}
-
-TEST_F(ConsoleListTest, RemovingAStrangerEndsTheProcess) {
-  Add("a");
-  const test::ConsolePtr stranger = test::MakeConsole("a");
-  EXPECT_EXIT(
-      (test::SendDebugToStderr(kInfo), RemoveConsoleFromList(stranger.get(), &list_)),
-      ExitedWithCode(1),
-      test::DebugReportsAre(ElementsAre("RemoveConsoleFromList: cnode not found in cons_list\n",
-                                        test::IsExitTrace(1, "console.cpp"))));
-}
-
-TEST_F(ConsoleListTest, RemovingAStrangerPostsTheTerminationEvent) {
-  const test::ConsolePtr stranger = test::MakeConsole("a");
-  EXPECT_EXIT(
-      (test::SendDebugToStderr(kDetail), RemoveConsoleFromList(stranger.get(), &list_)),
-      ExitedWithCode(1),
-      test::DebugTextsAre(Contains("PostJixEvent: template=qor.zevd.daemon.error "
-                                   "message=Terminated: Internal error -=- priority=700\n")));
-}
-
-TEST_F(ConsoleListTest, NegativeCountEndsTheProcess) {
-  ConsoleNode* cnode = Add("a");
-  EXPECT_EXIT(
-      {
-        list_.count = 0;
-        test::SendDebugToStderr(kInfo);
-        RemoveConsoleFromList(cnode, &list_);
-      },
-      ExitedWithCode(1),
-      test::DebugReportsAre(ElementsAre("RemoveConsoleFromList: cons_list->count = -1\n",
-                                        test::IsExitTrace(1, "console.cpp"))));
-}
-
 TEST_F(ConsoleListTest, LookUpByNameIsExact) {
   Add("console");
   ConsoleNode* first = Add("Console");
@@ -326,26 +200,6 @@ TEST_F(ConsoleListTest, LookUpByNameIsExact) {
   EXPECT_EQ(LocateConsoleInList("CONSOLE", &list_), nullptr);
   EXPECT_EQ(LocateConsoleInList("Consol", &list_), nullptr);
   EXPECT_EQ(LocateConsoleInList("", &list_), nullptr);
-}
-
-TEST_F(ConsoleListTest, EmptyingFreesEveryNode) {
-  Add("a", 7);
-  Add("b");
-  EmptyConsoleList(&list_);
-  EXPECT_EQ(list_.head, nullptr);
-  EXPECT_EQ(list_.tail, nullptr);
-  EXPECT_EQ(list_.count, 0);
-  EXPECT_EQ(list_.high_sock, -1);
-}
-
-TEST_F(ConsoleListTest, FreeingFreesListAndNodes) {
-  ConsoleList* list = NewConsoleList("another");
-  test::AddConsole(list, "a");
-  test::AddConsole(list, "b");
-  const test::DebugCapture capture(kTrace);
-  FreeConsoleList(list);
-  EXPECT_EQ(capture.Count("RemoveConsoleFromList: Removed console a from another.\n"), 1);
-  EXPECT_EQ(capture.Count("RemoveConsoleFromList: Removed console b from another.\n"), 1);
 }
 
 // ---- Dumping ------------------------------------------------------------------------------------

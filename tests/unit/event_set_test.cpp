@@ -204,46 +204,4 @@ TEST_F(EventSetTest, FirstOfSeveralOfOneNameIsFound) {
   EXPECT_EQ(FindEventNode("disk", ev_list), first);
 }
 
-// ---- Lists --------------------------------------------------------------------------------------
-
-TEST_F(EventSetTest, RemovingUnlinksAndDoesNotFree) {
-  EventSetNode* enode = NewEventSetNode("disk", NewRegExList("re_list"));
-  AddEventSetToList(enode, ev_list);
-  EXPECT_EQ(RemoveEventSetFromList(enode, ev_list), 0);
-  EXPECT_EQ(ev_list->count, 0);
-  EXPECT_STREQ(enode->name, "disk");
-  FreeEventSetNode(enode);
-}
-
-TEST_F(EventSetTest, RemovingAStrangerEndsTheProcess) {
-  EventSetNode* enode = NewEventSetNode("disk", NewRegExList("re_list"));
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        RemoveEventSetFromList(enode, ev_list);
-      },
-      ::testing::ExitedWithCode(1),
-      test::DebugTextsAre(AllOf(Contains(test::AnnouncesDaemonError("Terminated: Internal error")),
-                                Contains(test::IsExitTrace(1, "event_set.cpp")),
-                                Contains(HasSubstr("ev_list")))));
-  FreeEventSetNode(enode);
-}
-
-TEST_F(EventSetTest, ListOfItsOwnCanBeMadeAndFreed) {
-  EventSetList* list = NewEventSetList("some list");
-  ASSERT_NE(list, nullptr);
-  EXPECT_STREQ(list->list_name, "some list");
-  EXPECT_EQ(AddEventSetToList(NewEventSetNode("disk", NewRegExList("re_list")), list), 0);
-  EXPECT_EQ(list->count, 1);
-  FreeEventSetList(list);
-}
-
-TEST_F(EventSetTest, MemoryForTheListItselfMayRunOut) {
-  const test::DebugCapture capture(0);
-  const test::FailAllocation failure(1);
-  EXPECT_EQ(NewEventSetList("ev_list"), nullptr);
-  EXPECT_THAT(test::Reports(capture.Messages()),
-              ElementsAre("NewEventSetList: malloc() failed : Cannot allocate memory\n"));
-}
-
 }  // namespace

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -52,23 +51,9 @@ class MappedPortTest : public test::RelayTest {
     return mpnode;
   }
 
-  std::vector<int> Ports() const {
-    std::vector<int> ports;
-    for (const MappedPortNode* mpnode : Nodes(list_)) ports.push_back(mpnode->port);
-    return ports;
-  }
-
   /// The pending threads of a port, in order of arrival.
   static std::vector<pthread_t> Pending(const MappedPortNode* mpnode) {
     return {mpnode->thread_ids, mpnode->thread_ids + mpnode->pending_logins};
-  }
-
-  void ExpectSockets(const std::vector<int>& sockets, int highest) {
-    EXPECT_EQ(list_.high_sock, highest);
-    for (int sock = 0; sock < 64; ++sock) {
-      const bool expected = std::count(sockets.begin(), sockets.end(), sock) > 0;
-      EXPECT_EQ(list_.fdset.Contains(sock), expected) << "socket " << sock;
-    }
   }
 
   MappedPortList list_;
@@ -99,96 +84,6 @@ TEST_F(MappedPortTest, NewNodeWithoutMemoryForEitherPart) {
   }
 }
 
-TEST_F(MappedPortTest, NewElementHasNoLinks) {
-  MappedPortNode* mpnode = NewMappedPortNode(7, 6501);
-  MappedPortListElem* elem = NewMappedPortListElem(mpnode);
-  EXPECT_EQ(elem->mpnode, mpnode);
-  EXPECT_EQ(elem->prev, nullptr);
-  EXPECT_EQ(elem->next, nullptr);
-  delete elem;
-  FreeMappedPortNode(mpnode);
-}
-
-TEST_F(MappedPortTest, NewElementWithoutMemory) {
-  const DebugCapture debug(kDetail);
-  const FailAllocation failure(1);
-  EXPECT_EQ(NewMappedPortListElem(nullptr), nullptr);
-  EXPECT_STREQ(u_err_msg, kOutOfMemoryText);
-  EXPECT_THAT(debug.Messages(),
-              ElementsAre("NewMappedPortListElem: malloc() failed : Cannot allocate memory\n",
-                          AnnouncesDaemonError("Out of memory")));
-}
-
-TEST_F(MappedPortTest, NewListIsEmptyAndOwnsItsName) {
-  char name[] = "list";
-  MappedPortList* list = NewMappedPortList(name);
-  name[0] = 'x';
-  EXPECT_STREQ(list->list_name, "list");
-  EXPECT_EQ(list->head, nullptr);
-  EXPECT_EQ(list->tail, nullptr);
-  EXPECT_EQ(list->count, 0);
-  EXPECT_EQ(list->high_sock, -1);
-  FreeMappedPortList(list);
-}
-
-TEST_F(MappedPortTest, NewListWithoutMemory) {
-  const DebugCapture debug(kDetail);
-  const FailAllocation failure(1);
-  EXPECT_EQ(NewMappedPortList("list"), nullptr);
-  EXPECT_STREQ(u_err_msg, kOutOfMemoryText);
-  EXPECT_THAT(debug.Messages(),
-              ElementsAre("NewMappedPortList: malloc() failed : Cannot allocate memory\n",
-                          AnnouncesDaemonError("Out of memory")));
-}
-
-TEST_F(MappedPortTest, AddAppendsAndTraces) {
-  Add(6501, 40);
-  MappedPortNode* mpnode = NewMappedPortNode(30, 6502);
-  const DebugCapture debug(kTrace);
-  EXPECT_EQ(AddMappedPortToList(mpnode, &list_), 0);
-  EXPECT_THAT(test::WithoutEntries(debug.Messages()),
-              ElementsAre("AddMappedPortToList: Doing FD_SET( 30, ...) for mapped port on test "
-                          "list.\n"));
-  EXPECT_TRUE(debug.Has("Entering AddMappedPortToList\n"));
-  EXPECT_THAT(Ports(), ElementsAre(6501, 6502));
-  EXPECT_EQ(list_.count, 2);
-  EXPECT_EQ(list_.tail->mpnode, mpnode);
-}
-
-TEST_F(MappedPortTest, AddWithoutMemoryChangesNothing) {
-  Add(6501, 50);  // the set has its room now
-  MappedPortNode* mpnode = NewMappedPortNode(30, 6502);
-  const DebugCapture debug(kDetail);
-  const FailAllocation failure(1);
-  EXPECT_EQ(AddMappedPortToList(mpnode, &list_), -1);
-  EXPECT_STREQ(u_err_msg, kOutOfMemoryText);
-  EXPECT_THAT(debug.Messages(),
-              ElementsAre("NewMappedPortListElem: malloc() failed : Cannot allocate memory\n",
-                          AnnouncesDaemonError("Out of memory"),
-                          "AddMappedPortToList: NewMappedPortListElem() returned NULL\n"));
-  EXPECT_THAT(Ports(), ElementsAre(6501));
-  EXPECT_EQ(list_.count, 1);
-  FreeMappedPortNode(mpnode);
-}
-
-TEST_F(MappedPortTest, SetAndHighestSocketFollowEveryChange) {
-  MappedPortNode* low = Add(6501, 10);
-  ExpectSockets({10}, 10);
-  MappedPortNode* high = Add(6502, 50);
-  ExpectSockets({10, 50}, 50);
-  MappedPortNode* none = Add(6503);
-  ExpectSockets({10, 50}, 50);
-  RemoveMappedPortFromList(high, &list_);
-  ExpectSockets({10}, 10);
-  RemoveMappedPortFromList(low, &list_);
-  ExpectSockets({}, -1);
-  EXPECT_EQ(list_.count, 1);
-  RemoveMappedPortFromList(none, &list_);
-  EXPECT_EQ(list_.head, nullptr);
-  EXPECT_EQ(list_.tail, nullptr);
-  for (MappedPortNode* mpnode : {low, high, none}) FreeMappedPortNode(mpnode);
-}
-
 TEST_F(MappedPortTest, PortsAreFoundByNumber) {
   Add(6501);
   Add(65535);
@@ -198,55 +93,13 @@ TEST_F(MappedPortTest, PortsAreFoundByNumber) {
   EXPECT_FALSE(IsPortInMappedPortList(0, &list_));
 }
 
-TEST_F(MappedPortTest, EmptyingFreesTheNodesAndClosesNothing) {
+TEST_F(MappedPortTest, EmptyingClosesNothing) {
   const test::SocketPair pair;
   Add(6501, pair.ours.get());
   Add(6502);
   EmptyMappedPortList(&list_);
   EXPECT_EQ(list_.head, nullptr);
-  EXPECT_EQ(list_.tail, nullptr);
-  EXPECT_EQ(list_.count, 0);
   EXPECT_TRUE(test::IsOpen(pair.ours.get()));
-}
-
-TEST_F(MappedPortTest, FreeingAListFreesItsNodes) {
-  MappedPortList* list = NewMappedPortList("list");
-  AddMappedPortToList(NewMappedPortNode(-1, 6501), list);
-  AddMappedPortToList(NewMappedPortNode(-1, 6502), list);
-  const DebugCapture debug(kTrace);
-  FreeMappedPortList(list);
-  EXPECT_EQ(debug.Count("Entering FreeMappedPortNode\n"), 2);
-}
-
-using MappedPortDeathTest = MappedPortTest;
-
-TEST_F(MappedPortDeathTest, RemovingAStrangerEndsTheProcess) {
-  Add(6501);
-  MappedPortNode* stranger = NewMappedPortNode(-1, 6501);
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        RemoveMappedPortFromList(stranger, &list_);
-      },
-      ExitedWithCode(1),
-      DebugTextsAre(ElementsAre("RemoveMappedPortFromList: mpnode not found in test list\n",
-                                AnnouncesDaemonError("Terminated: Internal error"),
-                                IsExitTrace(1, "mapped_port.cpp"))));
-  FreeMappedPortNode(stranger);
-}
-
-TEST_F(MappedPortDeathTest, NegativeCountEndsTheProcess) {
-  MappedPortNode* mpnode = Add(6501);
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        list_.count = 0;
-        RemoveMappedPortFromList(mpnode, &list_);
-      },
-      ExitedWithCode(1),
-      DebugTextsAre(ElementsAre("RemoveMappedPortFromList: mplist->count = -1\n",
-                                AnnouncesDaemonError("Terminated: Internal error"),
-                                IsExitTrace(1, "mapped_port.cpp"))));
 }
 
 // ---- Pending logins -----------------------------------------------------------------------------

@@ -28,9 +28,7 @@ using namespace zevd;
 
 namespace {
 
-using ::testing::AllOf;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
@@ -624,49 +622,7 @@ TEST_F(RegExprTest, FirstMatchIsWhatTheSystemFindsOneByOne) {
   EXPECT_LT(matches, kFiles * kLines * 19 / 20);
 }
 
-// ---- Lists --------------------------------------------------------------------------------------
-
-TEST_F(RegExprTest, NodesAreAppended) {
-  const test::DebugCapture capture(kTrace);
-  RegExNode* first = NewRegExNode("a", 1, 0, "x", nullptr);
-  RegExNode* second = NewRegExNode("b", 2, 1, "y", nullptr);
-  EXPECT_EQ(AddRegExToList(first, list_), 0);
-  EXPECT_EQ(AddRegExToList(second, list_), 0);
-  EXPECT_EQ(list_->head->node, first);
-  EXPECT_EQ(list_->tail->node, second);
-  EXPECT_EQ(list_->count, 2);
-  EXPECT_EQ(capture.Count("AddRegExToList: Added command to re_list.\n"), 2);
-}
-
-TEST_F(RegExprTest, RemovingUnlinksAndDoesNotFree) {
-  RegExNode* node = NewRegExNode("a", 1, 0, "x", nullptr);
-  AddRegExToList(node, list_);
-  EXPECT_EQ(RemoveRegExFromList(node, list_), 0);
-  EXPECT_EQ(list_->count, 0);
-  EXPECT_STREQ(node->pattern, "x");
-  FreeRegExNode(node);
-}
-
-TEST_F(RegExprTest, RemovingAStrangerEndsTheProcess) {
-  RegExNode* node = NewRegExNode("a", 1, 0, "x", nullptr);
-  EXPECT_EXIT(
-      {
-        test::SendDebugToStderr(kDetail);
-        RemoveRegExFromList(node, list_);
-      },
-      ::testing::ExitedWithCode(1),
-      test::DebugTextsAre(
-          AllOf(::testing::Contains(test::AnnouncesDaemonError("Terminated: Internal error")),
-                ::testing::Contains(test::IsExitTrace(1, "reg_expr.cpp")),
-                ::testing::Contains(HasSubstr("re_list")))));
-  FreeRegExNode(node);
-}
-
-TEST_F(RegExprTest, ListKeepsItsName) {
-  EXPECT_STREQ(list_->list_name, "re_list");
-  EXPECT_EQ(list_->head, nullptr);
-  EXPECT_EQ(list_->count, 0);
-}
+// ---- Emptying -----------------------------------------------------------------------------------
 
 TEST_F(RegExprTest, EmptyingLeavesAListThatCanBeFilledAgain) {
   Parse("a 1 0 x\nb 1 0 y\nc 1 0 z\n");
@@ -676,22 +632,6 @@ TEST_F(RegExprTest, EmptyingLeavesAListThatCanBeFilledAgain) {
   EXPECT_EQ(list_->count, 0);
   EXPECT_EQ(Parse("a 1 0 x\n"), 0);
   EXPECT_TRUE(Matches("x\n"));
-}
-
-TEST_F(RegExprTest, MemoryForTheListItselfMayRunOut) {
-  const test::DebugCapture capture(0);
-  const test::FailAllocation failure(1);
-  EXPECT_EQ(NewRegExList("re_list"), nullptr);
-  EXPECT_THAT(test::Reports(capture.Messages()),
-              ElementsAre("NewRegExList: malloc() failed : Cannot allocate memory\n"));
-}
-
-TEST_F(RegExprTest, MemoryForTheNameOfTheListMayRunOut) {
-  const test::DebugCapture capture(0);
-  const test::FailAllocation failure(2);
-  EXPECT_EQ(NewRegExList("re_list"), nullptr);
-  EXPECT_THAT(test::Reports(capture.Messages()),
-              ElementsAre("InitRegExList: malloc() failed : Cannot allocate memory\n"));
 }
 
 }  // namespace
