@@ -202,6 +202,39 @@ TEST_F(ConsoleListTest, LookUpByNameIsExact) {
   EXPECT_EQ(LocateConsoleInList("", &list_), nullptr);
 }
 
+TEST_F(ConsoleListTest, LookUpInAnyCaseTakesTheFirstOfThatName) {
+  Add("other");
+  ConsoleNode* first = Add("Console");
+  Add("CONSOLE");
+  for (const char* name : {"console", "CONSOLE", "Console", "cOnSoLe"}) {
+    EXPECT_EQ(FindByAnyCase(&list_, name), first) << name;
+  }
+  for (const char* name : {"", "Consol", "consoles", " console"}) {
+    EXPECT_EQ(FindByAnyCase(&list_, name), nullptr) << name;
+  }
+}
+
+TEST_F(ConsoleListTest, LookUpWithoutANameTakesTheFirstConsole) {
+  EXPECT_EQ(FindByAnyCase(&list_, nullptr), nullptr);
+  ConsoleNode* first = Add("first");
+  Add("second");
+  EXPECT_EQ(FindByAnyCase(&list_, nullptr), first);
+}
+
+TEST_F(ConsoleListTest, ConsoleIsCalledByItsNameInAnyCase) {
+  const ConsoleNode& console = *Add("Console");
+  EXPECT_TRUE(IsCalled(console, "Console"));
+  EXPECT_TRUE(IsCalled(console, "cONSOLE"));
+  EXPECT_FALSE(IsCalled(console, "Consol"));
+  EXPECT_FALSE(IsCalled(console, "Console1"));
+  EXPECT_FALSE(IsCalled(console, ""));
+}
+
+TEST_F(ConsoleListTest, EveryConsoleIsCalledByNoName) {
+  EXPECT_TRUE(IsCalled(*Add("one"), nullptr));
+  EXPECT_TRUE(IsCalled(*Add(""), nullptr));
+}
+
 // ---- Dumping ------------------------------------------------------------------------------------
 
 TEST_F(ConsoleListTest, DumpIsAlwaysPrinted) {

@@ -22,6 +22,7 @@
 #include "daemon_support.h"
 #include "debug_support.h"
 #include "error_steps.h"
+#include "event.h"
 #include "failure_support.h"
 #include "file_support.h"
 #include "options.h"
@@ -38,6 +39,7 @@ using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::ExitedWithCode;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 using ::testing::SizeIs;
 using ::testing::StrEq;
 
@@ -560,6 +562,53 @@ TEST_F(DebugOutputTest, OutOfMemoryIsReportedAndPosted) {
   EXPECT_EQ(messages[1],
             "PostJixEvent: template=qor.zevd.daemon.error message=Out of memory -=- "
             "priority=700\n");
+}
+
+// ---- Posting ------------------------------------------------------------------------------------
+
+/// Takes the place of the one who posts, and gives it back at the end.
+class PosterTest : public test::DaemonTest {
+ protected:
+  ~PosterTest() override {
+    posted_.clear();
+    PostDaemonErrorsToJix();
+  }
+
+  static void Post(const char* text, int priority) {
+    posted_.push_back(std::string(text) + " " + std::to_string(priority));
+  }
+
+  static inline std::vector<std::string> posted_;
+};
+
+TEST_F(PosterTest, TextAndPriorityAreHandedOver) {
+  SetEventPoster(Post);
+  PostDaemonError("first", 500);
+  ReportOutOfMemory("NewThing");
+  EXPECT_THAT(posted_, ElementsAre("first 500", "Out of memory 700"));
+}
+
+TEST_F(PosterTest, NothingIsPostedWithoutAPoster) {
+  SetEventPoster(Post);
+  SetEventPoster(nullptr);
+  const test::DebugCapture capture(kDetail);
+  PostDaemonError("nobody", 500);
+  errno = ENOMEM;
+  ReportOutOfMemory("NewThing");
+  EXPECT_THAT(posted_, IsEmpty());
+  EXPECT_THAT(capture.Messages(),
+              ElementsAre("NewThing: malloc() failed : Cannot allocate memory\n"));
+}
+
+TEST_F(PosterTest, ProcessEndsWithoutAPoster) {
+  EXPECT_EXIT(
+      {
+        SetEventPoster(nullptr);
+        test::SendDebugToStderr(kDetail);
+        TerminateProcess(kInternalError, "some_file.cpp", 42);
+      },
+      ExitedWithCode(1),
+      test::DebugTextsAre(ElementsAre("Exiting with code 1 from file some_file.cpp line 42\n")));
 }
 
 }  // namespace

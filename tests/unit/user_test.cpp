@@ -113,6 +113,36 @@ TEST(AccessModeTest, Names) {
   }
 }
 
+TEST(AccessModeTest, Keywords) {
+  EXPECT_STREQ(ModeKeyword(1), "ro");
+  EXPECT_STREQ(ModeKeyword(2), "sh");
+  EXPECT_STREQ(ModeKeyword(3), "ex");
+  EXPECT_STREQ(ModeKeyword(4), "er");
+  for (const int mode : {-1, 0, 5, 65535}) EXPECT_STREQ(ModeKeyword(mode), "") << mode;
+}
+
+TEST(AccessModeTest, WordsForPrograms) {
+  EXPECT_STREQ(ModeWord(1), "read-only");
+  EXPECT_STREQ(ModeWord(2), "shared");
+  EXPECT_STREQ(ModeWord(3), "exclusive");
+  EXPECT_STREQ(ModeWord(4), "exclusive-revoke");
+  for (const int mode : {-1, 0, 5, 65535}) EXPECT_STREQ(ModeWord(mode), "unknown") << mode;
+}
+
+TEST(AccessModeTest, EveryKeywordStandsForItsMode) {
+  for (const AccessMode mode : {kReadOnly, kShared, kExclusive, kExclusiveRevocable}) {
+    const AccessMode* found = FindMode(ModeKeyword(mode));
+    ASSERT_NE(found, nullptr) << mode;
+    EXPECT_EQ(*found, mode);
+  }
+}
+
+TEST(AccessModeTest, NothingElseIsAKeyword) {
+  for (const char* text : {"", "r", "RO", "Ex", "roo", " sh", "shared", "1", "??"}) {
+    EXPECT_EQ(FindMode(text), nullptr) << text;
+  }
+}
+
 // ---- Records and lists --------------------------------------------------------------------------
 
 class UserRecordTest : public test::RelayTest {
