@@ -20,6 +20,10 @@
 #include <utility>
 #include <vector>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include "debug_support.h"
 #include "failure_support.h"
 #include "lists.h"

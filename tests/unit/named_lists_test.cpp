@@ -16,6 +16,8 @@
 #include "mapped_port.h"
 #include "relay_support.h"
 
+using namespace zevd;
+
 namespace {
 
 using test::DebugCapture;
