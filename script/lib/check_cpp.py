@@ -8,22 +8,32 @@ Each source must survive clang++ with warnings as errors; every build makes sure
 project ships is checked by clang-tidy, which gives clang++'s warnings too, and the daemon's sources
 by the check of the lock annotations in their headers, which only clang++ understands. A source that
 the build does not know is a finding: it would be neither compiled nor tested.
+
+A check that passed is not run again until something changes that it depends on (see key_of()).
 """
 
 import concurrent.futures
 import json
 import os
+import re
 import shlex
+import shutil
 import subprocess
 import sys
 from pathlib import Path
+
+from kept_passes import KeptPasses, digest
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 DAEMON = REPOSITORY / "zevd"
 TESTS = REPOSITORY / "tests"
 BUILD = REPOSITORY / "build"
+KEPT = BUILD / "lint"
 WARNINGS = ["-fsyntax-only", "-Wall", "-Wextra", "-Wshadow", "-Wconversion",
             "-Wno-unknown-warning-option", "-Werror"]  # g++ has options of its own
+# Macros are part of what is checked; no outcome depends on the time of day.
+PREPROCESS = ["clang++", "-E", "-dD", "-H", "-w", '-D__DATE__=""', '-D__TIME__=""']
+INCLUDED = re.compile(rb"^\.+ (.+)$", re.MULTILINE)  # what -H says of every file that it opens
 
 
 def compilations(builds: list[Path]) -> dict[Path, dict]:
@@ -46,6 +56,10 @@ def unknown_to(known: dict[Path, dict]) -> list[Path]:
                   if BUILD not in path.parents and path not in known)
 
 
+def is_test(source: Path) -> bool:
+    return TESTS in source.parents
+
+
 def flags_of(command: str) -> list[str]:
     """The command without the compiler's name, the output and the request to write one."""
     words = shlex.split(command)[1:]
@@ -55,7 +69,7 @@ def flags_of(command: str) -> list[str]:
 
 def check(source: Path, entry: dict, database: Path) -> list[str]:
     """The run that one source must survive."""
-    if TESTS in source.parents:
+    if is_test(source):
         return ["clang++", *WARNINGS, *flags_of(entry["command"])]
     warnings = [f"--extra-arg={flag}" for flag in WARNINGS[1:-1]]
     locks = ["--extra-arg=-Wthread-safety"] if DAEMON in source.parents else []
@@ -71,6 +85,59 @@ def survives(command: list[str], directory: str) -> bool:
     return run.returncode == 0
 
 
+def stamp(path: Path) -> str:
+    """What an upgrade of the file changes."""
+    status = path.stat()
+    return f"{path.resolve()} {status.st_size} {status.st_mtime_ns}"
+
+
+def common_key() -> str:
+    """What every check depends on: the tools with their libraries, the settings and this file."""
+    parts = []
+    for name in ("clang++", "clang-tidy"):
+        tool = shutil.which(name) or sys.exit(f"{name} is missing: run script/bootstrap")
+        loaded = subprocess.run(["ldd", tool], capture_output=True, text=True, check=False).stdout
+        parts += [stamp(Path(file)).encode() for file in [tool, *re.findall(r"/\S+", loaded)]]
+        parts.append(subprocess.check_output([tool, "--version"]))
+    settings = [directory / ".clang-tidy" for directory in REPOSITORY.parents]
+    for file in (Path(__file__), *sorted(REPOSITORY.rglob(".clang-tidy")), *settings):
+        if file.is_file():
+            parts += [str(file).encode(), file.read_bytes()]
+    return digest(*parts)
+
+
+def key_of(source: Path, entry: dict, command: list[str], common: str) -> str | None:
+    """A digest of all that decides the outcome of a source's check.
+
+    The preprocessor is asked anew each time, as a header that has just appeared may take the place
+    of another one. It gives what the compiler is to read, and names all files that this comes from.
+    They count as they are too: clang-tidy looks at comments and at the layout. A source that cannot
+    be preprocessed has no digest: its check will tell.
+    """
+    macros = [] if is_test(source) else ["-D__clang_analyzer__"]  # as clang-tidy does
+    run = subprocess.run([*PREPROCESS, *macros, *flags_of(entry["command"])],
+                         cwd=entry["directory"], capture_output=True, check=False)
+    if run.returncode != 0:
+        return None
+    names = sorted({os.fsencode(source), *INCLUDED.findall(run.stderr)})
+    contents = [(Path(entry["directory"]) / os.fsdecode(name)).read_bytes() for name in names]
+    return digest(common.encode(), json.dumps([entry, command]).encode(), run.stdout,
+                  *names, *contents)
+
+
+def outcome(source: Path, entry: dict, database: Path, common: str, kept: KeptPasses) -> str:
+    """Check one source, unless it is known to pass."""
+    command = check(source, entry, database)
+    key = key_of(source, entry, command, common)
+    if key and kept.has(key):
+        return "unchanged"
+    if not survives(command, entry["directory"]):
+        return "failed"
+    if key and key == key_of(source, entry, command, common):  # nobody edited it meanwhile
+        kept.add(key)
+    return "passed"
+
+
 def main() -> None:
     builds = [Path(build).resolve() for build in sys.argv[1:]]
     database = builds[0] / "lint"
@@ -79,12 +146,17 @@ def main() -> None:
     unknown = unknown_to(known)
     for source in unknown:
         print(f"{source.relative_to(REPOSITORY)}: not part of the build", file=sys.stderr)
+    common, kept = common_key(), KeptPasses(KEPT)
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        runs = [pool.submit(survives, check(source, entry, database), entry["directory"])
-                for source, entry in known.items()]
-        failed = [run for run in runs if not run.result()]
-    print(f"{len(known)} sources: {len(runs)} checks, {len(failed)} failed")
-    sys.exit(bool(unknown) or not runs or bool(failed))
+        # Tests last: they take less time each, and all processors are at work until the end.
+        runs = [pool.submit(outcome, source, known[source], database, common, kept)
+                for source in sorted(known, key=is_test)]
+        outcomes = [run.result() for run in runs]
+    kept.forget_oldest()
+    counts = {word: outcomes.count(word) for word in ("passed", "unchanged", "failed")}
+    print(f"{len(known)} sources: {counts['passed']} passed, {counts['failed']} failed, "
+          f"{counts['unchanged']} unchanged since they passed")
+    sys.exit(bool(unknown) or not outcomes or "failed" in outcomes)
 
 
 if __name__ == "__main__":
