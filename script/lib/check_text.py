@@ -1,11 +1,13 @@
 """Checks that hold for every text file of the tree, and that Python files compile.
 
 Line ends, white space and line length are those of .editorconfig; clang-format looks after the
-length of C++ lines.
+length of C++ lines. A comment that draws a rule has its title and all of its dashes in one line:
+clang-format breaks a longer one in two.
 """
 
 import ast
 import os
+import re
 import sys
 from collections.abc import Iterator
 from pathlib import Path
@@ -15,6 +17,8 @@ NOT_OURS = {".git", "build", "__pycache__", ".pytest_cache", ".cache"}
 INPUTS = REPOSITORY / "tests/fuzz/corpus"  # any bytes at all
 PYTHON_AND_SHELL = {".py", ""}
 LONGEST = 100
+DRAWN = re.compile(r" *(//|#|/\*) --+( |-|$)")
+RULE = re.compile(r"(// ---- \S.* -+|# ---- \S.* -+|/\* ---- \S.* -+ \*/)")
 
 
 def tree() -> Iterator[Path]:
@@ -33,6 +37,8 @@ def line_findings(path: Path, line: str) -> Iterator[str]:
         yield "tab"
     if path.suffix in PYTHON_AND_SHELL and len(line) > LONGEST:
         yield f"longer than {LONGEST} characters"
+    if DRAWN.match(line) and not (RULE.fullmatch(line) and len(line) == LONGEST):
+        yield f"not a rule of {LONGEST} characters with a title: ---- Title ----...----"
 
 
 def findings(path: Path) -> Iterator[str]:
