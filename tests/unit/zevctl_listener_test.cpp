@@ -71,7 +71,7 @@ TEST(ZevctlListenerTest, LoopbackAddressesBelongToThisMachine) {
   }
 }
 
-// ---- Socket diagnostics
+// ---- Socket diagnostics -------------------------------------------------------------------------
 
 template <typename Record>
 void Append(std::string& bytes, const Record& record) {
@@ -182,7 +182,7 @@ TEST(ZevctlListenerTest, AnAttributeThatIsTooLongIsIgnored) {
   EXPECT_EQ(found[0].ipv6_only, std::nullopt);
 }
 
-// ---- The tables in /proc; their addresses are those of a little-endian machine
+// ---- The tables in /proc; their addresses are those of a little-endian machine ------------------
 
 constexpr char kHead[] =
     "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout "
@@ -250,7 +250,7 @@ TEST(ZevctlListenerTest, MalformedProcTablesAreRefused) {
   EXPECT_THAT(found, IsEmpty());
 }
 
-// ---- Who takes a connection
+// ---- Who takes a connection ---------------------------------------------------------------------
 
 struct Socket {
   const char* address;
@@ -308,7 +308,7 @@ TEST(ZevctlListenerTest, AllSocketsThatShareAPortCount) {
               ElementsAre(0, 1, 2));
 }
 
-// ---- Whether it is the station's
+// ---- Whether it is the station's ----------------------------------------------------------------
 
 constexpr uid_t kOwner = 500;
 constexpr uid_t kCaller = 1000;
@@ -364,7 +364,7 @@ TEST(ZevctlListenerTest, TheListenerMustBeSeen) {
   EXPECT_EQ(Judge(Those({{0, 1}}), {}, kOwner, kCaller), Trust::kUntold);
 }
 
-// ---- The other end of a connection
+// ---- The other end of a connection --------------------------------------------------------------
 
 TEST(ZevctlListenerTest, DiagnosticsListConnections) {
   inet_diag_msg socket = SocketRecord(AF_INET, "127.0.0.1", 1000, 77, TCP_SYN_RECV);
