@@ -198,7 +198,8 @@ def run(chosen: place.Place, once: bool, processes: Processes, refused: int) -> 
 
 
 def build(chosen: place.Place) -> None:
-    if subprocess.run([place.REPOSITORY / "script/build", chosen.preset], check=False).returncode:
+    command = [place.REPOSITORY / "script/build", "--products", chosen.preset]
+    if subprocess.run(command, check=False).returncode:
         sys.exit("demo: the build failed")
 
 
