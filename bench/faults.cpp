@@ -30,7 +30,7 @@ struct Fault {
 
 void PrepareNothing(std::vector<ConsolePlan>& /*plan*/) {}
 
-// ---- A user who reads nothing while the console prints as fast as it can
+// ---- A user who reads nothing while the console prints as fast as it can ------------------------
 
 struct StalledUser {
   StalledUser(Station& station, Farm& printing)
@@ -44,7 +44,7 @@ struct StalledUser {
   Farm& farm;
 };
 
-// ---- A console that reads nothing while a user pastes
+// ---- A console that reads nothing while a user pastes -------------------------------------------
 
 struct StalledConsole {
   StalledConsole(Station& station, Farm& reading) : user(station.Attach(kNoisy)), farm(reading) {
@@ -71,7 +71,7 @@ struct StalledConsole {
   std::thread paste;
 };
 
-// ---- A tool that never reads
+// ---- A tool that never reads --------------------------------------------------------------------
 
 Running NewStalledTool(Station& station, Farm& /*farm*/) {
   constexpr int kAsked = 100;
@@ -80,7 +80,7 @@ Running NewStalledTool(Station& station, Farm& /*farm*/) {
   return tool;
 }
 
-// ---- A collector of events that never reads
+// ---- A collector of events that never reads -----------------------------------------------------
 
 const std::string& CollectorPath() {
   static const std::string path = QOR_ROOT "/run/jix.sock";
@@ -104,7 +104,7 @@ struct StalledCollector {
   Farm& farm;
 };
 
-// ---- Password helpers that hang
+// ---- Password helpers that hang -----------------------------------------------------------------
 
 constexpr size_t kLogins = 5;  // as many as may be pending on one port
 
@@ -148,7 +148,7 @@ constexpr Fault kFaults[] = {
     {"password helper hangs", 2, true, PrepareLogins, Begin<HangingLogins>},
 };
 
-// ---- Measuring --------------------------------------------------------------------------------
+// ---- Measuring ----------------------------------------------------------------------------------
 
 double Worst(const std::vector<double>& times) {
   return *std::max_element(times.begin(), times.end());

@@ -27,7 +27,7 @@ bool HasGone(int error) {
   return error == ENOENT || error == ENOTDIR || error == ELOOP;
 }
 
-// ---- Names
+// ---- Names --------------------------------------------------------------------------------------
 
 enum class Case { kCounts, kIgnored };
 
@@ -61,7 +61,7 @@ bool IsSimilar(const std::string& one, const std::string& other, size_t distance
          one.find(other) != std::string::npos || other.find(one) != std::string::npos;
 }
 
-// ---- Directories
+// ---- Directories --------------------------------------------------------------------------------
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { closedir(directory); }

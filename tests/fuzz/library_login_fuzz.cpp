@@ -160,7 +160,7 @@ std::string ReadPair() {
 
 }  // namespace
 
-// ---- In place of the helper and the group database (the linker's --wrap) -----------------------
+// ---- In place of the helper and the group database (the linker's --wrap) ------------------------
 
 extern "C" {
 
