@@ -257,18 +257,15 @@ Lists::~Lists() {
 
 ConsoleNode* AddConsole(ConsoleList* list, const char* name, int sock, int status,
                         const char* model) {
-  ConsoleNode* cnode = NewConsoleNode({.cons_name = name,
-                                       .plat_name = "platform",
-                                       .ipaddr = "192.0.2.1",
-                                       .model = model,
-                                       .cons_port = 2001,
-                                       .mgmt_port = 23,
-                                       .mapped_port = 0,
-                                       .logging = 0,
-                                       .events = 0,
-                                       .enable = 1,
-                                       .auth = 0,
-                                       .enode = nullptr});
+  ConsoleSettings settings{};
+  CopyText(settings.cname, name);
+  CopyText(settings.pname, "platform");
+  CopyText(settings.ipaddr, "192.0.2.1");
+  CopyText(settings.model, model);
+  settings.cons_port = 2001;
+  settings.mgmt_port = 23;
+  settings.enable = 1;
+  ConsoleNode* cnode = NewConsoleNode(settings);
   REQUIRE(cnode != nullptr);
   cnode->sock = sock;
   cnode->status = status;
