@@ -34,6 +34,17 @@ def interrupt(number: int, _frame: object) -> None:
     raise Interrupted(signal.Signals(number).name)
 
 
+def heed_signals() -> None:
+    """End the demo in order, but let it outlive its terminal under nohup.
+
+    What the demo starts then hears SIGHUP all the same: a handler is not inherited.
+    """
+    under_nohup = signal.getsignal(signal.SIGHUP) == signal.SIG_IGN
+    signal.signal(signal.SIGINT, interrupt)
+    signal.signal(signal.SIGTERM, interrupt)
+    signal.signal(signal.SIGHUP, (lambda *_: None) if under_nohup else interrupt)
+
+
 def free_ports(count: int) -> list[int]:
     """Different ports on which nobody listens; the system gives none of these to a client."""
     with contextlib.ExitStack() as held:
@@ -205,8 +216,7 @@ def build(chosen: place.Place) -> None:
 
 def main(once: bool) -> int:
     sys.stdout.reconfigure(line_buffering=True)
-    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, interrupt)
+    heed_signals()
     chosen = place.choose()
     build(chosen)
     processes = Processes()

@@ -32,6 +32,7 @@ def pytest_configure(config) -> None:
     # A shell without job control has its background jobs ignore them, and so what they start.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGQUIT, signal.SIG_DFL)
+    _let_others_hear_hangups(config)
     if _is_worker(config):
         return
     if settings.namespaces_forbidden():
@@ -40,6 +41,16 @@ def pytest_configure(config) -> None:
         _state["why"] = _prepare_namespaces()
     if _state["why"]:
         _fall_back(config)
+
+
+def _let_others_hear_hangups(config) -> None:
+    """Under nohup the run itself goes on after SIGHUP, but what it starts does not ignore it.
+
+    A signal that has a handler is no longer ignored in a program that is started. A worker goes on
+    in any case: it cannot tell, and ends with the run.
+    """
+    if _is_worker(config) or signal.getsignal(signal.SIGHUP) == signal.SIG_IGN:
+        signal.signal(signal.SIGHUP, lambda *_: None)
 
 
 def _prepare_namespaces() -> str:
