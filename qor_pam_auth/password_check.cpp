@@ -24,8 +24,8 @@ namespace {
 constexpr int64_t kLongestWait = 30000;       // milliseconds for a turn, and again for an answer
 constexpr int64_t kPauseAfterRefusal = 2000;  // milliseconds
 constexpr int64_t kLook = 20;                 // milliseconds between two looks at what is awaited
-constexpr size_t kRefusalsKept = 4096;  // the oldest gives way, which only fast helpers can do
-constexpr size_t kLongestPair = 2048;   // the longest name and password, and the blank
+constexpr size_t kRefusalsKept = 4096;        // then the oldest goes; only fast helpers get so far
+constexpr size_t kLongestPair = 2048;         // the longest name and password, and the blank
 
 int64_t Now() {
   timespec now{};
@@ -33,13 +33,15 @@ int64_t Now() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// True when the connection has failed or was reset; what has merely ended may still be answered.
+// True when the connection has failed or was reset. A peer that has only ended its sending may
+// still be answered.
 bool HasFailed(int sock) {
   pollfd looked_at = {sock, 0, 0};
   return poll(&looked_at, 1, 0) > 0;
 }
 
-// True when the peer whose connection is `sock` has hung up; -1 is nobody's.
+// Waits, `limit` milliseconds at most. True when the peer whose connection is `sock` has hung up;
+// -1 is nobody's.
 bool Wait(const PasswordRequest& request, int sock, int64_t limit) {
   pollfd awaited = {sock, POLLRDHUP, 0};
   const timespec time = {limit / 1000, limit % 1000 * 1000000};
@@ -107,14 +109,15 @@ struct Caller {
            (came_before && address_ahead == other.address_ahead);
   }
 
-  // `count` is 1 or -1: the other comes to stand before this one, or has stood there.
+  // `count` is 1 when the other comes to stand before this one, -1 when it goes.
   void Count(const Caller& other, int count) {
     if (IsSameAddress(other)) address_ahead += count;
     if (IsSameName(other)) same_ahead += count;
   }
 };
 
-std::mutex turns_mutex;  // a leaf; guards what follows; the library needs nothing of the daemon's
+// A leaf that guards what follows. Not a Mutex: this library needs nothing of the daemon's.
+std::mutex turns_mutex;
 Refusals refusals;
 Caller* first_waiting = nullptr;
 Caller* first_running = nullptr;
@@ -156,14 +159,15 @@ class Turn {
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
 
-  /// Addresses take turns, and among the callers of one address whoever came first: a crowd behind
-  /// one address does not keep the others out. One name is checked for one caller of an address at
-  /// a time: a guesser who does not wait for an answer would have as many as there are helpers.
+  /// Addresses take turns, and among the callers of one address whoever came first goes first: a
+  /// crowd behind one address does not keep the others out. One name is checked for one caller of
+  /// an address at a time: otherwise a guesser who does not wait for an answer would have as many
+  /// tries as there are helpers.
   bool Take() {
     const int64_t now = Now();
     const std::lock_guard lock(turns_mutex);
     if (!self_.IsReady(now) || running + Ahead(now) >= kHelpersAtOnce) return false;
-    // Those whom it overtakes have it before them now.
+    // Those whom it overtakes have it ahead of them now.
     for (Caller* other = first_waiting; other != &self_; other = other->next) {
       other->Count(self_, 1);
     }
@@ -224,7 +228,8 @@ class Pair {
 };
 
 /// How a helper is started: with `input` as its standard input, the other two standard descriptors,
-/// no signal blocked or ignored, and a process group of its own, with which all of it can be ended.
+/// no signal blocked, the usual ones not ignored, and a process group of its own, by which all of
+/// it can be ended.
 class SpawnSettings {
  public:
   explicit SpawnSettings(int input) {
@@ -285,8 +290,8 @@ class Helper {
     return errno == 0;
   }
 
-  // False with errno set. The end that is read stays open here too: nothing raises SIGPIPE, and
-  // what the helper leaves shows.
+  // False with errno set. The end for reading stays open here too, so that nothing raises SIGPIPE
+  // and what the helper leaves unread shows.
   bool Send(const Pair& pair) {
     const bool written = pair.WriteTo(pipe_[1]);
     const int error = errno;

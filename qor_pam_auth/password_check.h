@@ -1,7 +1,7 @@
 // Asking the password helper: what the daemon and the stand-in authentication library share. Each
 // has a copy of its own with a count of its own.
 //
-// Any thread; nothing is held while a caller waits. A check that is given up, by a callback that
+// Any thread; no lock is held while a caller waits. A check that is given up, by a callback that
 // does not return, ends its helper and gives its turn back.
 #pragma once
 
@@ -13,7 +13,7 @@ inline constexpr int kHelpersAtOnce = 8;
 /// What came of a check.
 enum class PasswordCheck {
   kAccepted,
-  kRefused,     ///< by the helper, or the helper did not answer in time and was ended
+  kRefused,     ///< by the helper, or it did not answer in time and was ended
   kNoTurn,      ///< too many others were being checked for too long, or the peer hung up
   kNotStarted,  ///< the helper could not be started; errno says why
   kNotRead,     ///< the helper did not read the pair; errno says why
@@ -31,8 +31,8 @@ struct PasswordRequest {
 };
 
 /// Waits for a turn, has `helper` check the pair, and waits for its answer, half a minute at most
-/// each. kHelpersAtOnce helpers run at once, addresses taking turns, and one for the same name from
-/// the same address; after a refusal that pair waits two seconds, whichever connection it comes by.
-/// A name with white space is refused without a helper, which would take the rest of the name for a
-/// part of the password.
+/// each. At most kHelpersAtOnce helpers run at once, and one for the same name from the same
+/// address; addresses take turns. After a refusal, the same name from the same address waits two
+/// seconds, whichever connection it comes by. A name with white space is refused without a helper,
+/// which would take the rest of the name for a part of the password.
 PasswordCheck CheckPassword(const char* helper, const PasswordRequest& request);

@@ -20,7 +20,7 @@ char cmd_err_msg[kErrorTextSize];
 
 namespace {
 
-/// The records of the current answer, one behind the other.
+/// The records of the present answer, one after the other.
 uint8_t* records = nullptr;
 
 constexpr size_t kTextPieceSize = 1;  // the count of a text is that of its bytes
@@ -163,7 +163,7 @@ void AnswerUnrecognizedAndLog(const char* function, const char* cons_name) {
   LogError(function);
 }
 
-// A name in the text is a stranger's.
+// The text may hold a name that a stranger has given.
 void LogError(const char* function) {
   char shown[kErrorTextSize];
   CopyText(shown, cmd_err_msg);

@@ -1,5 +1,5 @@
 // The answers of the command port: what a command leaves as its answer, the layout of the records,
-// and how an answer goes out. The cmd_mon thread's own. The sizes are in command_wire.h.
+// and how an answer goes out. Only the thread cmd_mon uses it. The sizes are in command_wire.h.
 #pragma once
 
 #include <cstddef>
@@ -14,15 +14,15 @@ namespace zevd {
 
 // ---- The present answer -------------------------------------------------------------------------
 
-/// One instance serves every response and is never cleared: a "done" header still carries the count
-/// of the response before it.
+/// One instance serves every answer. Kept: it is never cleared, so a "done" header carries the
+/// count of the answer before it.
 struct ResponseHeader {
-  uint32_t type;
+  uint32_t type;  ///< ResponseType
   uint32_t count;
 };
 
 extern ResponseHeader rheader;
-extern char cmd_err_msg[kErrorTextSize];
+extern char cmd_err_msg[kErrorTextSize];  ///< the answer, when it is an error
 
 enum CommandId : int {
   kNoCommand = 0,  ///< an error that the parser found
@@ -43,7 +43,7 @@ enum CommandId : int {
 /// Makes room for `count` records, and keeps those that are there. False when out of memory.
 bool MakeRoom(size_t count, size_t record_size);
 
-/// The record of that number. There is room for it.
+/// The record with that number, from 0, for which there is room.
 uint8_t* Record(size_t index, size_t record_size);
 
 /// Lays a record out byte by byte: numbers little-endian, texts cut to their width or padded with
@@ -72,30 +72,30 @@ bool AnswerText(std::string_view text);
 /// The command has been carried out.
 void AnswerDone();
 
-/// The answer is an error. `format` takes the argument, if there is one.
+/// The answer is an error, cut to kErrorTextSize. `format` takes the argument, if there is one.
 void AnswerError(const char* format, const char* argument = nullptr);
 void AnswerOutOfMemory();
 
 /// There is no console of that name.
 void AnswerUnrecognized(const char* cons_name);
 
-/// The same, and tells the debug output. `function` is the name under which it does.
+/// The same, and reported in the debug output under the name `function`.
 void AnswerUnrecognizedAndLog(const char* function, const char* cons_name);
 
-/// Tells the debug output of the error that is the answer.
+/// Reports the error that is the answer in the debug output, under the name `function`.
 void LogError(const char* function);
 
 // ---- Sending ------------------------------------------------------------------------------------
 
-/// Sends the answer, whose records become the connection's, as far as there is room; the rest
-/// follows by itself. 0, or -1 after a failed send, which has closed the connection.
+/// Sends the answer, whose records become the connection's, as far as there is room; later passes
+/// send the rest. 0, or -1 after a failed send, which has closed the connection.
 int SendCommandResponse(CommandNode* tool, int cmd_id) REQUIRES(cmd_lock);
 
-/// Goes on with what the tool has not taken yet; closes a tool that has taken nothing for too long.
-/// Result as above.
+/// Sends what the tool has not taken yet; closes a tool that has taken nothing for too long. Result
+/// as above.
 int SendUnsent(CommandNode* tool) REQUIRES(cmd_lock);
 
-/// Frees the records of an answer that was given up for an error.
+/// Frees the records that the answer did not take, as when it became an error.
 void ReleaseRecords();
 
 }  // namespace zevd

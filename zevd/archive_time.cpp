@@ -72,7 +72,8 @@ void WriteSetting(FILE* file) {
   fprintf(file, "%s%d\n", kKey, static_cast<int>(log_archive_time / kSecondsPerDay));
 }
 
-// True when the file has the setting. Takes its value unless the command line's is waiting.
+// True when the file has the setting. Takes its value, unless that of the command line is still to
+// be written.
 bool ReadSetting(FILE* file) {
   bool found = false;
   {
@@ -103,8 +104,8 @@ void CopyWithNewSetting(FILE* from, FILE* to) {
   }
 }
 
-// Writes the changed lines to a temporary file; nothing is lost yet when that fails. The stream
-// stays open, for what has this path later may be another file.
+// Writes the changed lines to a temporary file; when that fails, nothing is lost yet. The stream
+// stays open, because the path may lead to another file later.
 FILE* WriteTemporaryFile(char* path) {
   FILE* from = StreamOrExit(OpenRegularFile(AT_FDCWD, kSuiteConfigFile, O_RDONLY), "r");
   const int fd = mkostemp(path, O_CLOEXEC);
@@ -154,7 +155,8 @@ void GiveStationOwnership(int fd) {
   if (SetUpNewFile(kFunction, fd, kSuiteConfigFile, kMode) != nullptr) EXIT_PROCESS(1);
 }
 
-// A file that stays empty would be taken for one that is not to have the setting.
+// A new file to which the setting cannot be written is removed: an empty one would be taken for a
+// file that is not to have it.
 void CreateFile() {
   constexpr mode_t kModeOfAStream = 0666;
   bool is_new = false;  // another tool may have been quicker: its file gets the line too

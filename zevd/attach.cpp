@@ -65,8 +65,9 @@ bool IsInaccessible(const char* console_name) {
   return true;
 }
 
-// 0 when the mode can be granted beside the users who are attached. A revocable holder is revoked
-// before anything is checked, and stays revoked when the new user is then refused.
+// 0 when the mode can be granted beside the users who are attached, else -1. Kept: a revocable
+// holder is revoked before the other modes are looked at, and stays revoked when the new user is
+// then refused.
 int ClaimConsole(const ConsoleNode* cnode, const NewUser& user) {
   // Closed already, and on its way to i_cons_list.
   if (cnode->sock == -1) return RefuseInaccessible(cnode, user.console_name);
@@ -115,7 +116,7 @@ UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES
 }
 
 // Null when refused. A console that moves between the lists while both are looked at one after the
-// other may be missed on both, so a name that is on neither is looked for twice.
+// other may be missed on both, so a name that is found on neither is looked for twice.
 UserNode* JoinConsole(const NewUser& user) {
   constexpr int kLooks = 2;
   for (int look = 0; look < kLooks; ++look) {
@@ -133,7 +134,7 @@ UserNode* JoinConsole(const NewUser& user) {
   return nullptr;
 }
 
-// The caller is about to close the socket, so nothing may go on sending to it.
+// The caller is about to close the socket, so nobody may go on sending to it.
 void LeaveConsole(UserNode* unode) {
   const WriteLock lock(acl_lock, CallSite{kAttach, __LINE__});
   UserList* users = unode->cnode->user_list;
@@ -152,7 +153,7 @@ int JoinUserList(UserNode* unode, const NewUser& user) {
   }
   DEBUG_AS(kAttach, kInfo, "Connected user \"%s\" to console \"%s\" with mode = %s.\n",
            user.user_name, user.console_name, ModeNumToName(user.mode));
-  // With the lock held: the entry that tells of the end comes after this one.
+  // With the lock held, so that the entry that tells of the user's leaving comes after this one.
   Audit({"attach", "accepted", &unode->identity, unode->cons_name, ModeKeyword(unode->mode)});
   counters.users_attached.Add();
   user_mon_waker.Wake();

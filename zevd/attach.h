@@ -9,16 +9,15 @@
 
 namespace zevd {
 
-/// Attaches the connection to the console, greets its telnet client and replays recent output. 0,
-/// or -1 with u_err_msg set; the caller then closes the socket. After 0 the socket is the
-/// monitors'. `user_name` and `ipaddr` are what others are shown; `identity` is who it really is.
+/// Attaches the connection to the console, greets its telnet client and replays recent output. 0:
+/// the socket belongs to the monitors; -1, with u_err_msg set: it is still the caller's.
+/// `user_name` and `ipaddr` are what others are shown; `identity` is who it really is.
 int ConnectUserToConsole(int user_sock, const char* user_name, const char* ipaddr,
                          const char* console_name, uint16_t mode, const Identity& identity = {})
     EXCLUDES(acl_lock, icl_lock, ul_lock);
 
-/// Makes the socket a command connection. 0: it belongs to the command side and the caller must not
-/// touch it again; -1: it is still the caller's, and u_err_msg may say why.
-/// `user_name` and `ipaddr` are what others are shown; `identity` is who it really is.
+/// Makes the socket a command connection. 0: it belongs to the thread cmd_mon; -1, with u_err_msg
+/// set: it is still the caller's. The other arguments are those of ConnectUserToConsole().
 int MonitorSocketForCommands(int sock, const char* user_name, const char* ipaddr,
                              const Identity& identity = {}) EXCLUDES(cmd_lock);
 

@@ -20,7 +20,7 @@ namespace {
 
 constexpr size_t kLongestValue = 256;
 constexpr size_t kKeys = 9;
-// Every byte of a value may take four; the rest is for the keys and the head.
+// Every byte of a value may take four; the rest is for keys and head.
 constexpr size_t kEntrySize = kKeys * (4 * kLongestValue + 16) + 128;
 
 // Written before the worker threads start.

@@ -16,7 +16,7 @@ namespace zevd {
 namespace {
 
 constexpr int64_t kPatience = 100;  // milliseconds, for a message in all
-constexpr int64_t kShare = 10;      // of all time, messages may wait this part
+constexpr int64_t kShare = 10;      // messages may wait one part in this many of all time
 constexpr int64_t kNotStarted = -1;
 
 // A terminal that is ready for writing is only certain to accept a short run of printing
@@ -73,8 +73,8 @@ bool BoundedOutput::WriteOut(int64_t* deadline) {
   return start_ == end_;
 }
 
-// A piece is what a descriptor that can be written to takes without a wait: of a pipe PIPE_BUF
-// bytes.
+// The bytes that the descriptor, once it can be written to, takes without a wait: a pipe takes
+// PIPE_BUF.
 size_t BoundedOutput::PieceSize() const {
   const std::string_view rest(unit_ + start_, end_ - start_);
   return isatty(fd_) == 1 ? TerminalPiece(rest) : std::min<size_t>(rest.size(), PIPE_BUF);
@@ -97,8 +97,8 @@ bool BoundedOutput::AwaitRoom(int64_t* deadline) {
   }
 }
 
-// A reader who takes some, but slowly, would bring the daemon down to its own pace, message by
-// message.
+// How long a message may wait now, in milliseconds. Without this bound, a reader who takes some,
+// but slowly, would bring the daemon down to its own pace, message by message.
 int64_t BoundedOutput::Allowance(int64_t now) {
   repaid_ = std::max(repaid_, now - kShare * kPatience);
   return std::max<int64_t>((now - repaid_) / kShare, 0);

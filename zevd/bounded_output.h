@@ -9,15 +9,16 @@ namespace zevd {
 
 /// Writes what its reader takes and drops the rest, so that no writer waits long for a reader.
 ///
-/// A message waits 100 ms in all, and all of them a tenth of the time. What has not been taken by
-/// then is dropped, and so is everything that follows, without a wait, until the descriptor accepts
-/// output again; the first line then says how much was lost. A message that was written in part is
-/// finished before anything else, so that no line is torn. A descriptor that returns an error (a
-/// full disk, a closed pipe) is treated as one that accepts nothing.
+/// A message waits 100 ms at most, and all messages together wait at most a tenth of the time. What
+/// has not been taken by then is dropped, and so is everything that follows, without a wait, until
+/// the descriptor accepts output again; the first line then says how much was lost. A message that
+/// was written in part is finished before anything else, so that no line is torn. A descriptor that
+/// returns an error (a full disk, a closed pipe) is treated as one that accepts nothing.
 ///
-/// The descriptor is never made non-blocking: that would affect the shell on the same terminal,
-/// too.
-/// Nothing here takes a lock; the caller sees to it that one thread writes at a time, and that
+/// The descriptor is never made non-blocking: that would also affect the shell on the same
+/// terminal.
+///
+/// Nothing here takes a lock; the caller makes sure that one thread writes at a time, and that
 /// SIGPIPE is blocked.
 class BoundedOutput {
  public:
@@ -39,10 +40,12 @@ class BoundedOutput {
 
   int fd_;
   bool stuck_ = false;      ///< it took nothing when it was last tried
-  unsigned long lost_ = 0;  ///< messages that nobody was told of yet
-  int64_t repaid_ = 0;  ///< up to when the waits are made good by time without one, milliseconds
-  size_t start_ = 0;    ///< what is left of `unit_` is from here ...
-  size_t end_ = 0;      ///< ... to here
+  unsigned long lost_ = 0;  ///< lost messages that are not reported yet
+  /// Monotonic milliseconds: the time up to which waits have used up their share. A wait moves it
+  /// on by kShare times its own length.
+  int64_t repaid_ = 0;
+  size_t start_ = 0;  ///< what is left of `unit_` is from here ...
+  size_t end_ = 0;    ///< ... to here
   char unit_[kLongestText + 128] = {};
 };
 

@@ -12,8 +12,8 @@ void EndIfCancelled() {
   int state = PTHREAD_CANCEL_DISABLE;
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &state);
 #if defined(__SANITIZE_ADDRESS__)
-  // The frames of a cancelled thread end without running their ends. AddressSanitizer is told so
-  // for exceptions, but not for cancellation.
+  // A cancelled thread's frames never reach their ends. AddressSanitizer knows that of exceptions,
+  // but has to be told of cancellation.
   __asan_handle_no_return();
 #endif
   pthread_testcancel();

@@ -1,7 +1,8 @@
 // How a serv_conn thread is asked to end while it waits for its client.
 //
-// Cancellation is disabled in such a thread everywhere but in EndIfCancelled(), which it calls with
-// no lock held. A signal ends the wait that it is in; the waits alone let that signal in.
+// Cancellation is disabled in such a thread everywhere except in EndIfCancelled(), which the thread
+// calls with no lock held. A signal, which is unblocked only in the waits, ends the wait that the
+// thread is in.
 #pragma once
 
 #include <pthread.h>
@@ -13,8 +14,8 @@ namespace zevd {
 /// Ends the wait of a thread that is cancelled.
 inline constexpr int kCancelSignal = SIGUSR1;
 
-/// Makes the signal harmless that ends a cancelled thread's wait, and blocks it: the waits alone
-/// let it in. Main thread, before the others exist. 0, or -1 as BlockSignal().
+/// Makes kCancelSignal harmless and blocks it: only the waits unblock it. Main thread, before the
+/// others exist. 0, or -1 as BlockSignal().
 int ArrangeCancelSignal();
 
 /// Asks a serv_conn thread to end, and ends its wait. The id must be that of a living thread.

@@ -1,4 +1,4 @@
-// The clock that nobody sets (CLOCK_MONOTONIC), and what is done by it. Any thread.
+// The clock that nobody sets (CLOCK_MONOTONIC), and what is measured with it. Any thread.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ class Throttle {
   /// `interval` in milliseconds.
   explicit Throttle(int64_t interval) : interval_(interval) {}
 
-  /// True the first time, and then once the interval has passed since it last was.
+  /// True the first time, and again once the interval has passed since it was last true.
   bool IsDue();
 
  private:

@@ -2,10 +2,11 @@
 //
 // main starts it; it never ends. It makes a pass at least every 2 seconds: a command, room for the
 // rest of an answer or a new connection ends the wait in select() (cmd_mon_waker does so for the
-// last). It reads, executes and answers with cmd_lock held for writing, one command after another;
-// inside, each command takes the console list locks it needs, as a pair, and never waits while it
-// holds one of those. No send waits for its tool: what finds no room stays with the connection. It
-// alone closes command sockets and frees their records. The response state below is its own.
+// last). It reads, executes and answers with cmd_lock held for writing, one command after another.
+// Inside, each command takes the console list locks that it needs: acl_lock alone for "msg",
+// otherwise acl_lock and icl_lock as a pair, in either order. No send waits for its tool: what
+// finds no room stays with the connection. It alone closes the sockets of cmd_list and frees their
+// records. The response state (answer.h) is its own.
 #include "cmd_mon.h"
 
 #include <strings.h>
@@ -38,7 +39,7 @@ namespace zevd {
 namespace {
 
 constexpr timeval kSelectLimit = {2, 0};
-constexpr useconds_t kWithoutWait = 2000000;  // microseconds; in place of a wait in select()
+constexpr useconds_t kWithoutWait = 2000000;  // microseconds; instead of a wait in select()
 constexpr size_t kLineSize = 1024;
 constexpr char kLoop[] = "MonitorCommands";
 
@@ -276,7 +277,7 @@ CommandId ParseAndExecuteCommand(CommandNode* tool, char* cmd) {
   }
   char* text = nullptr;
   if (row->argument == CommandArgument::kConsoleAndText) {
-    // What follows the one separator behind the name, as it stands; it may be empty.
+    // What follows the one separator after the name, unchanged; it may be empty.
     char* name_end = name + strlen(name);
     if (name_end == end) return ParserError("No message specified.");
     text = name_end + 1;

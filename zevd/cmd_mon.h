@@ -4,6 +4,7 @@
 
 namespace zevd {
 
+/// The thread's function; never returns.
 void* CommandMonitorThreadStart(void* unused);
 
 }  // namespace zevd

@@ -13,8 +13,8 @@
 
 namespace zevd {
 
-/// The last answer to a tool. What the tool has no room for is kept here, however long the answer;
-/// until it has gone out, no further command is read from that tool.
+/// The last answer to a tool. What the tool has no room for is kept here, however long the answer
+/// is; until it has gone out, no further command is read from that tool.
 struct OutgoingAnswer {
   uint8_t header[kHeaderSize];
   uint8_t text[kErrorTextSize];  ///< of an error
@@ -29,8 +29,8 @@ struct OutgoingAnswer {
 
 /// One command connection, owned by cmd_list once added.
 struct CommandNode {
-  /// -1 while the node is new. Under cmd_lock; the list's own functions read it, so that no
-  /// annotation can say that.
+  /// -1 while the node is new. Guarded by cmd_lock, which no annotation can say, because the list's
+  /// own functions read it.
   int sock;
   /// 0 while new and, on the list, once closed and waiting to be removed.
   int connected GUARDED_BY(cmd_lock);
@@ -52,7 +52,7 @@ using CommandList = SocketList<CommandListElem, &CommandListElem::tool>;
 inline constexpr char kCommandConsole[] = "@@@@";
 
 // Allocation failures set u_err_msg to error 013, are reported, and give null or -1. The caller
-// holds cmd_lock for writing, or is the only one to know the record.
+// holds cmd_lock for writing, unless nobody else knows the record.
 
 CommandList* NewCommandList(const char* list_name);
 void InitCommandList(CommandList* list, const char* list_name);
@@ -67,7 +67,7 @@ CommandNode* NewCommandNode(const char* user_name, const char* ipaddr)
 void FreeCommandNode(CommandNode* tool) REQUIRES(cmd_lock);
 CommandListElem* NewCommandListElem(CommandNode* tool);
 
-/// Appends at the tail. 0, or -1 when out of memory.
+/// Appends at the tail. 0 or -1.
 int AddCommandToList(CommandNode* tool, CommandList* list);
 
 /// Unlinks the node and neither closes nor frees it. A node that is not there ends the process.

@@ -21,7 +21,7 @@ inline constexpr size_t kMappedPortPacketSize = 134;
 inline constexpr size_t kPortHolderAddressPacketSize = 64;
 inline constexpr size_t kErrorTextSize = 80;  ///< the longest error text, its terminator included
 
-// Widths of the texts: padded with NULs, and without one when the text fills its field.
+// Widths of the texts. They are padded with NULs; a text that fills its field has none.
 inline constexpr size_t kWireNameWidth = 64;  ///< names, addresses, models and platforms
 inline constexpr size_t kWireUserNameWidth = 32;
 inline constexpr size_t kWireCodeWidth = 2;  ///< states and modes, in ASCII

@@ -1,9 +1,11 @@
 // The life of the thread "cons_conn".
 //
-// main starts the thread; it never ends. Nothing wakes it: it makes a pass every 500 microseconds,
-// parks when the console output monitor asks for it, and takes icl_lock alone for each of its three
-// steps. A console that became connected is moved under icl_lock and acl_lock, and belongs to the
-// console output monitor from then on. This thread frees deleted consoles of i_cons_list.
+// main starts the thread; it never ends. Nothing wakes it: it makes a pass after every pause of 500
+// microseconds to 1 millisecond, and parks when the console output monitor asks for it. In each of
+// its three steps (free deleted consoles of i_cons_list, begin attempts, look at those in progress)
+// it takes icl_lock alone. It opens and closes the sockets of these consoles. A console that became
+// connected is moved under icl_lock and acl_lock, taken as a pair in that order; it then belongs to
+// the console output monitor, which is woken.
 #include "cons_conn.h"
 
 #include <arpa/inet.h>
@@ -47,7 +49,7 @@ constexpr char kRefusalStart[] = "~NET-E-";
 constexpr char kRefusalText[] = "Session is already open";
 constexpr char kTakeOver[] = "YES\n";
 
-// Nobody may find the number of a socket that is closed already.
+// The number is forgotten before the socket is closed, so that nobody finds that of a closed one.
 void CloseSocket(ConsoleNode* cnode) {
   close(cnode->sock.exchange(-1));
 }
@@ -67,7 +69,8 @@ void StartConnect(ConsoleNode* cnode) {
   const int result = connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address);
   if (result != 0 && errno != EINPROGRESS) {
     counters.console_failures.Add();
-    // Neither lfca_time nor status changes: an error that comes at once is tried again at once.
+    // Kept: neither lfca_time nor status changes, so an error that comes at once is tried again at
+    // once.
     DEBUG_AS("ConnectToConsole", kInfo, "connect() failed : %s\n", strerror(errno));
     CloseSocket(cnode);
     return;
@@ -75,8 +78,7 @@ void StartConnect(ConsoleNode* cnode) {
   fcntl(sock, F_SETFL, flags);
 }
 
-// The log is open when the console was disabled after it had become connected and before it was
-// moved.
+// The log is open if the console was disabled after it became connected and before it was moved.
 void AbandonConnection(ConsoleNode* cnode, int status, time_t failed_at) {
   if (cnode->log_fd != -1) CloseLogFile(cnode);
   CloseSocket(cnode);
@@ -85,12 +87,12 @@ void AbandonConnection(ConsoleNode* cnode, int status, time_t failed_at) {
   cnode->lsca_time = 0;
 }
 
-/// Which connections in progress have anything to report, asked of the system in one call for all
-/// of them: a wait of its own for every dead host would keep icl_lock from everybody else.
+/// Which connections in progress have anything to report, asked of the kernel in one call for all
+/// of them: a separate wait for every dead host would keep everybody else from icl_lock.
 class ProgressPoll {
  public:
   explicit ProgressPoll(const ConsoleList& list) {
-    // Without memory for the question every console is asked on its own.
+    // Without memory for the question, every console is asked on its own.
     try {
       for (const ConsoleNode* cnode : Nodes(list)) {
         if (cnode->sock != -1) sockets_.push_back({cnode->sock, POLLIN | POLLOUT, 0});
@@ -202,7 +204,7 @@ bool IsDue(const ConsoleNode& cnode) {
   return cnode.sock == -1 && time(nullptr) - cnode.lfca_time >= kRetryInterval;
 }
 
-// Every console that is being connected wants a log as soon as it is.
+// Every console with an attempt in progress will want a log.
 DescriptorUse LookAtDescriptors() REQUIRES(icl_lock) {
   DescriptorUse use = {CountDescriptors(), 0};
   for (const ConsoleNode* cnode : Nodes(*i_cons_list)) {

@@ -3,6 +3,7 @@
 
 namespace zevd {
 
+/// The thread's function; never returns.
 void* ConsoleConnectionsThreadStart(void* unused);
 
 }  // namespace zevd

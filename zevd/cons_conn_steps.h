@@ -9,12 +9,16 @@ namespace zevd {
 
 /// Starts an attempt for every enabled console of i_cons_list that is due for one.
 void ConnectToConsoles() REQUIRES(icl_lock);
+
+/// Starts an attempt for one console if it is due for one; with `keep_alive` not 0 the kernel
+/// probes the console while it is silent.
 void ConnectToConsole(ConsoleNode* cnode, int keep_alive);
 
 /// Looks at every connection in progress. 1 when at least one console became connected, else 0.
 int UpdateConnectionStatus() REQUIRES(icl_lock);
 
-/// The ConsoleStatus that the console's socket shows; consumes nothing.
+/// The ConsoleStatus that the console's socket shows; consumes no input. When an operator asked for
+/// it, a refusal is answered with a take-over.
 int CheckConnectionStatus(ConsoleNode* cnode);
 
 /// True when a line of `buf` is a management port's refusal. Splits `buf` into lines in place.

@@ -2,11 +2,12 @@
 //
 // It makes a pass at least every 2 seconds: a console's output, a new console or one marked closed
 // ends the wait in select() (cons_mon_waker does so for the last two), and so does the matcher's
-// answer (matcher.h). It reads console sockets and
-// sends to users with acl_lock held for writing; it alone closes the sockets of a_cons_list and
-// moves closed consoles back to i_cons_list. Pairs of locks: acl_lock and icl_lock for a reload,
-// ul_lock and acl_lock to clean up, icl_lock and acl_lock to move. It frees deleted consoles of
-// a_cons_list. It is the thread that SIGTERM interrupts and that collects SIGHUP.
+// answer (matcher.h). It reads console sockets and sends the output to users with acl_lock held for
+// writing. It alone closes the sockets of a_cons_list, moves closed consoles back to i_cons_list
+// and frees deleted consoles of a_cons_list. Pairs of locks, in the order in which they are tried:
+// acl_lock and icl_lock for a reload, ul_lock and acl_lock to clean up, icl_lock and acl_lock to
+// move. To rename a console after an event of the matcher's it takes acl_lock, releases it, and
+// then icl_lock. It is the thread that SIGTERM interrupts and that collects SIGHUP.
 #include "cons_mon.h"
 
 #include <sys/socket.h>
@@ -44,8 +45,8 @@ constexpr unsigned kOtherThreads = kPauseConsConn | kPauseUserConn | kPauseUserM
 constexpr timeval kSelectLimit = {2, 0};
 constexpr size_t kChunkSize = 1024;
 
-/// Notices of a management port about a competing connection: the connection thread deals with
-/// them, users never see them.
+/// Notices of a management port about a competing connection: the thread cons_conn deals with them,
+/// users never see them.
 struct Notice {
   const char* start;  // what the chunk begins with
   const char* text;   // what it contains
@@ -82,12 +83,11 @@ void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) {
 }
 
 // How long a pass may read consoles. It holds acl_lock meanwhile, and threads that want two locks
-// try for as long and then stay away for up to a second (locks.h): a longer pass, as of many
-// consoles on a full disk, would keep them out, and all keys wait when it is the thread that
-// forwards them.
+// try for as long and then stay away for up to a second (locks.h). A longer pass, as over many
+// consoles on a full disk, would keep them out; when user_mon is kept out, all keys wait.
 class PassTime {
  public:
-  /// True when no further console is to be read in this pass: never before the first.
+  /// True when no further console is to be read in this pass; never before the first is.
   bool IsOver() {
     const bool is_over = MonotonicMicroseconds() >= end_;
     return !std::exchange(first_, false) && is_over;
@@ -103,7 +103,7 @@ bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) REQUIRE
          (other->left_out_since == 0 || cnode->left_out_since < other->left_out_since);
 }
 
-// Takes what one peek sees off a readable console and hands it on.
+// Reads what one peek sees from a readable console and hands it on.
 void ReadConsole(ConsoleNode* cnode) {
   char buf[kChunkSize];
   const ssize_t seen = recv(cnode->sock, buf, sizeof buf, MSG_PEEK);
@@ -135,7 +135,8 @@ bool ReloadIsAskedFor() {
   return sigtimedwait(&hup, nullptr, &kNoWait) == SIGHUP;
 }
 
-// Ends as soon as any one of the other threads has parked: it is the locks that protect the lists.
+// Kept: returns as soon as any one of the other threads has parked. It is the locks that protect
+// the lists.
 void PauseOtherThreads() {
   thread_waitreq_mask |= kOtherThreads;
   while ((thread_waiting_mask & kOtherThreads) == 0) usleep(kPausePoll);
@@ -164,13 +165,13 @@ void Reload() {
   thread_waitreq_mask &= ~kOtherThreads;
 }
 
-/// When the consoles of a_cons_list are looked through for marks. Who marks one wakes this thread
-/// afterwards; while nobody did, a pass costs the same however many consoles there are.
+/// Whether to look through a_cons_list for marked consoles. Whoever marks a console wakes this
+/// thread afterwards; while nobody does, a pass costs the same however many consoles there are.
 struct Looks {
-  unsigned for_deleted = 0;  // wakes seen when deleted consoles were looked for
+  unsigned for_deleted = 0;  // wakes seen when deleted consoles were last looked for
   unsigned for_closed = 0;   // the same for closed ones
-  bool deleted_left = true;  // some may be there still: they are freed once nobody refers to them
-  bool closed_left = false;  // the same: memory ran out while they were moved
+  bool deleted_left = true;  // some may be left: they are freed once nobody refers to them
+  bool closed_left = false;  // some are left: marked since the clean-up, or memory ran out
 };
 
 bool IsDeleted(const ConsoleNode& cnode) {
@@ -261,10 +262,11 @@ int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset) {
 
 void ProcessConsoleOutput(const DescriptorSet& fdset) {
   ENTERING();
-  static uint64_t pass = 0;  // this thread alone is here
+  static uint64_t pass = 0;  // only this thread comes here
   ++pass;
   PassTime time;
-  // A list without a watch knows no other order than its own, in which the last would never come.
+  // A list without a watch knows no order except its own, in which the last would never have a
+  // turn.
   const bool in_turns = WatchOf(a_cons_list) != nullptr;
   // The analysis does not follow the lock into a template.
   const auto read = [&](ConsoleNode* cnode) NO_THREAD_SAFETY_ANALYSIS {

@@ -11,15 +11,18 @@ namespace zevd {
 void CloseConsoleConnection(ConsoleNode* cnode);
 
 /// Waits for console output. 1 when some socket of the set is readable (the set then holds those),
-/// 0 on time-out. Ends the process when select() fails.
+/// 0 on a time-out or when something else ended the wait. Ends the process when select() fails.
 int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset);
 
-/// Reads and hands on the output of every readable console.
+/// Reads the readable consoles for as long as a pass may, except those whose users have no room,
+/// and hands on the output.
 void ProcessConsoleOutput(const DescriptorSet& fdset) REQUIRES(acl_lock);
 
-/// Hands one chunk to ring, log and users, unless it is a notice that nobody shall see.
+/// Hands one chunk (at most 1024 bytes) to replay ring, log and users, unless it is a notice that
+/// nobody shall see.
 void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count);
 
+/// Marks the disabled consoles of a_cons_list closed and tells their users.
 void CloseDisabledConsoleConnections() REQUIRES(acl_lock);
 
 /// The logs of every connected console, and the consolidated one.
@@ -28,7 +31,11 @@ void CloseAllLogFiles() REQUIRES(acl_lock);
 
 namespace cons_mon {
 
+/// True when a console of a_cons_list is closed or disabled.
 bool CheckForClosedConnections() REQUIRES_SHARED(acl_lock);
+
+/// Marks the users of such consoles for closing and closes the consoles' sockets and logs. The
+/// consoles stay on the list.
 void CleanUpClosedConnections() REQUIRES(ul_lock, acl_lock);
 
 /// The first closed console of a_cons_list, or null.

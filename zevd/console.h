@@ -1,11 +1,10 @@
 // The record of a console, and lists of such records.
 //
 // A console is on exactly one of two lists (lists.h): i_cons_list while it is not connected (owned
-// by the cons_conn thread, guarded by icl_lock), a_cons_list while it is (owned by the cons_mon
-// thread, guarded by acl_lock). A field without a remark is guarded by the lock of the list that
-// the console is on; changing what threads read under the other list's lock takes both. As it is
-// one of two locks, no annotation can say that: the functions that take a console say who holds
-// what.
+// by the thread cons_conn, guarded by icl_lock), a_cons_list while it is (owned by the thread
+// cons_mon, guarded by acl_lock). A field without a remark is guarded by the lock of the list that
+// the console is on. No annotation can name one of two locks, so the functions that take a console
+// say which lock the caller holds.
 #pragma once
 
 #include <atomic>
@@ -29,6 +28,7 @@ enum ConsoleStatus : int {
   kNotConnected = 3,  ///< initial state, failed, closed or disabled
 };
 
+/// Bytes of a line that are kept until it is complete; see WriteLogFile().
 inline constexpr int kLogBufferSize = 1024;
 
 /// Ring of recent output: empty when head == tail, one cell always stays free.
@@ -62,24 +62,26 @@ struct ConsoleSettings {
 
 struct ConsoleNode : ConsoleSettings {
   char telnet_cmd[kNameSize];  ///< negotiation that the console sent right after connecting
-  /// Connected or connecting socket, -1 when none. Written under the list's lock; the user input
-  /// monitor reads it under ul_lock alone.
+  /// Connected or connecting socket, -1 when none. Written under the list's lock; on a_cons_list
+  /// under ul_lock too, unless nobody refers to the console: the user input monitor reads it under
+  /// ul_lock alone.
   std::atomic<int> sock;
   int log_fd;        ///< log file, -1 when closed
   DatedWord status;  ///< ConsoleStatus; any thread may set kNotConnected
   int deleted;       ///< 1: dropped by a reload, freed once no user refers to it
-  /// User records that point here. Falls under ul_lock and acl_lock, read under either list's lock.
+  /// User records that point here. Changed under acl_lock, read under either list's lock.
   std::atomic<int> ref_count;
   int force;                ///< 1: the next refusal by a management port is overridden
   int check_for_NET_E_msg;  ///< 1: a refusal may still come after the connection is established
   time_t last_output;       ///< when it last printed something, 0 when it never did
   time_t lfca_time;         ///< last failed connection attempt, 0 when none
-  time_t lsca_time;         ///< when such a connection was first seen established, 0 when none
+  /// When a connection that may still be refused was first seen established, 0 when none.
+  time_t lsca_time;
   ConsoleBuffer cons_buf;
   LogBuffer log_buf;
   UserList* user_list;  ///< users of this console; the list is owned, its users are not
-  /// The output monitor's pass since which there has been no time to read the console, 0 when it
-  /// was read since.
+  /// The first pass of the output monitor that had no time to read the console, 0 when it has been
+  /// read since.
   uint64_t left_out_since GUARDED_BY(acl_lock);
   char pellox_port_holder_ipaddr[kNameSize];  ///< who held the session at the last refusal
 };
@@ -93,9 +95,10 @@ struct ConsoleListElem {
 
 using ConsoleList = SocketList<ConsoleListElem, &ConsoleListElem::cnode>;
 
-// The caller of what follows holds the list's lock, or is the only one to know the list.
+// The caller of the following functions holds the list's lock, unless nobody else knows the list. A
+// failed allocation is reported and gives null or -1.
 
-/// A console that is not connected; null when out of memory.
+/// A console that is not connected.
 ConsoleNode* NewConsoleNode(const ConsoleSettings& settings);
 
 /// Frees the node with its user list and its replay ring; closes nothing.
@@ -107,9 +110,11 @@ void InitConsoleList(ConsoleList* list, const char* list_name);
 
 /// Removes and frees every node.
 void EmptyConsoleList(ConsoleList* list);
+
+/// Frees every node, the list and its name.
 void FreeConsoleList(ConsoleList* list);
 
-/// Appends at the tail. 0, or -1 when out of memory.
+/// Appends at the tail. 0 or -1.
 int AddConsoleToList(ConsoleNode* cnode, ConsoleList* list);
 
 /// Unlinks the node and neither closes nor frees it. A node that is not there ends the process.
@@ -118,10 +123,10 @@ int RemoveConsoleFromList(ConsoleNode* cnode, ConsoleList* list);
 /// The first console whose name equals `name` exactly, or null.
 ConsoleNode* LocateConsoleInList(const char* name, const ConsoleList* list);
 
-/// True for a console of that name, in upper or lower case, and for every console without a name.
+/// True when the console has that name, whatever the case; a null name matches every console.
 bool IsCalled(const ConsoleNode& cnode, const char* name);
 
-/// The first console of the list of that name, in upper or lower case, or null.
+/// The first console for which IsCalled() is true, or null.
 ConsoleNode* FindByAnyCase(const ConsoleList* list, const char* name);
 
 /// Writes every console of the list at level -1. Before a fatal exit; takes no lock.

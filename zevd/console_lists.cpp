@@ -16,8 +16,8 @@ bool Meets(const ConsoleNode& cnode, MoveCriterion criterion) {
     case MoveCriterion::kConnected:
       return cnode.status == kConnected;
     case MoveCriterion::kNotConnected:
-      // One that was marked closed since the clean-up still has its socket and its users: it is
-      // cleaned up, and moved, in the next pass.
+      // A console that was marked closed after the clean-up still has its socket and its users: the
+      // next pass cleans it up and moves it.
       return cnode.status != kConnected && cnode.sock == -1;
     case MoveCriterion::kAll:
       return true;
@@ -34,18 +34,18 @@ void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
   }
   CloseLogFile(cnode);
   RemoveConsoleFromList(cnode, list);
-  // When the ports were looked at after the reload, the console was still on its list.
+  // When user_conn looked at the ports after the reload, the console was still on its list.
   if (cnode->mapped_port != 0) RefreshMappedPorts();
   FreeConsoleNode(cnode);
 }
 
-// For a console that found no room on its list: the next reload makes a new record of it. Nobody
-// would close what this one has open.
+// For a console that is on no list, because there was no memory for it: nobody else would close
+// what it has open. The next reload makes a new record of it.
 void AbandonConsole(ConsoleNode* cnode) {
   cnode->status = kNotConnected;
   if (cnode->sock != -1) close(cnode->sock.exchange(-1));
   CloseLogFile(cnode);
-  if (cnode->ref_count == 0) FreeConsoleNode(cnode);  // else users who leave still point at it
+  if (cnode->ref_count == 0) FreeConsoleNode(cnode);  // else users still point at it
 }
 
 }  // namespace

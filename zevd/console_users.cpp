@@ -16,8 +16,8 @@ namespace zevd {
 
 namespace {
 
-// For as long as this a user may keep a console's output from its other users and its log. One who
-// is alive on a slow line gets longer than one who takes nothing.
+// How long a user may keep a console's output from its other users and its log. One who is alive on
+// a slow line gets longer than one who takes nothing.
 constexpr StallLimits kUserStall = {.idle = 400, .no_room = 5000};
 
 constexpr char kTookNothing[] = "The user took no output.";
@@ -86,12 +86,12 @@ bool UsersHaveRoom(ConsoleNode* cnode) {
 
 void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes) {
   ENTERING();
-  // The length that one user took is the length that the next is offered.
+  // Kept: the length that one user took is the length that the next is offered.
   ssize_t length = nbytes;
   for (UserNode* unode : Nodes(*cnode->user_list)) {
     if (length < 0) {
-      // What the system would answer to a negative length; handed to it, the length would be taken
-      // for a huge one and the memory behind the chunk sent out.
+      // What the system would answer to a negative length. Passed on, the length would count as a
+      // huge one, and the memory after the chunk would be sent out.
       errno = EFAULT;
     } else {
       length = TEMP_FAILURE_RETRY(send(unode->sock, buf, static_cast<size_t>(length), 0));
@@ -123,7 +123,7 @@ void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) 
   SendBudget budget;
   for (int32_t i = ring.head, next = 0; i != ring.tail; i = next) {
     next = i == cons_buf_size - 1 ? 0 : i + 1;
-    // One byte a call, but not one byte a packet.
+    // Kept: one byte a call, but not one byte a packet.
     if (budget.Send(unode->sock, &ring.buf[i], 1, next == ring.tail ? 0 : MSG_MORE) < 0) {
       zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
                 strerror(errno));

@@ -15,18 +15,21 @@ inline constexpr size_t kMessageBufferSize = 1024;
 /// Five bells and `message` between two rules of asterisks.
 void FormatBanner(char* banner, size_t size, const char* message);
 
-/// Sends a framed message to every user of the console.
+/// Sends a message to every user of the console, as FormatBanner() frames it; waits for none of
+/// them.
 void SendMsgToUsers(ConsoleNode* cnode, const char* message);
 
 /// Marks every user of the console for closing, as CloseUserConnection(), and empties the console's
 /// user list.
 void CloseUserConnections(ConsoleNode* cnode, const char* reason);
 
-/// Marks one user for removal and wakes the monitor, which does the rest. `reason`, a string
-/// of static lifetime, is what the system log says; the first counts. Any thread; takes no lock.
+/// Marks one user for removal and wakes the user input monitor, which does the rest. `reason`, a
+/// string of static lifetime, is what the system log says; the first one counts. Any thread; takes
+/// no lock.
 void CloseUserConnection(UserNode* unode, const char* reason = "The daemon closed the connection.");
 
-/// Sends the replay ring to one user who has just attached.
+/// Sends the replay ring to one user who has just attached, and waits 200 ms in all for that. A
+/// user who cannot be sent all of it is marked for closing.
 void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode);
 
 /// Whether every user of the console can be sent a chunk without anybody waiting for it. While one
@@ -34,7 +37,8 @@ void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode);
 /// consoles are not. A user who takes nothing for too long is marked for closing.
 bool UsersHaveRoom(ConsoleNode* cnode) REQUIRES(acl_lock);
 
-/// Sends a chunk of output to every user of the console.
+/// Sends a chunk of output to every user of the console. A user to whom that fails is marked for
+/// closing.
 void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes);
 
 /// Puts a chunk of output into the replay ring.

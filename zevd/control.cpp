@@ -44,7 +44,8 @@ void MarkDisabled(ConsoleNode* cnode) {
   cnode->enable = 0;
 }
 
-// Changes every console of that name that is not connected. A connected one needs no change.
+// Changes every console of that name that is not connected; a connected one needs no change. True
+// when there is either.
 template <typename Action>
 bool ChangeInaccessible(const char* cons_name, Action act, CallSite site) {
   const WriteLockPair lock(icl_lock, acl_lock, Release::kFirstFirst, site);

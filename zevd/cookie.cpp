@@ -69,8 +69,8 @@ void WarnIfOthersMayRead(int fd) {
   TERMINATE("Terminated: Cannot write cookie file");
 }
 
-// Empties an existing file, which keeps its owner, group and mode, only once it is known which file
-// that is.
+// An existing file keeps its owner, group and mode. It is emptied only once it is known which file
+// it is.
 FILE* OpenCookieFile() {
   bool is_new = false;
   const int fd = OpenOrMakeRegularFile(AT_FDCWD, kCookieFile, O_WRONLY, kCookieMode, &is_new);

@@ -1,4 +1,4 @@
-// The cookie by which tools on the station prove their right.
+// The cookie by which tools on the station prove that they may connect.
 #pragma once
 
 #include <cstddef>
@@ -16,7 +16,7 @@ void CheckConfigDir();
 /// others exist.
 void GenerateCookie();
 
-/// 0 when the cookie is the daemon's, else -1. Any thread.
+/// 0 when the cookie is the daemon's; -1, with u_err_msg set, otherwise. Any thread.
 int DoCookieValidation(int sock, const char* user_cookie);
 
 }  // namespace zevd

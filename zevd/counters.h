@@ -1,4 +1,4 @@
-// What the daemon has done since it started, for whoever asks with "stats".
+// What the daemon has done since it started, for the command "stats".
 #pragma once
 
 #include <atomic>
@@ -7,7 +7,7 @@
 
 namespace zevd {
 
-/// One number that any thread may raise; nothing else is ordered by it.
+/// One number that any thread may raise. It orders no other memory access.
 class Counter {
  public:
   void Add(uint64_t count = 1) { value_.fetch_add(count, std::memory_order_relaxed); }
@@ -28,17 +28,17 @@ enum class ReloadResult : int {
 struct Counters {
   Counter console_connections;  ///< consoles that became connected
   Counter console_failures;     ///< attempts to connect that failed or were refused
-  Counter console_losses;       ///< connections of consoles that ended, on whatever side
+  Counter console_losses;       ///< connections of consoles that ended, whoever ended them
   Counter console_bytes;        ///< received from consoles
   Counter log_records;          ///< written to log files, the consolidated one included
   Counter log_bytes;            ///< in those records, their time stamps included
   Counter log_records_lost;     ///< that could not be written
-  Counter connections;          ///< accepted from users and tools
+  Counter connections;          ///< accepted from users and tools while descriptors lasted
   Counter refusals;             ///< numbered errors sent to users and tools
   Counter logins_accepted;      ///< by name and password, or by cookie
   Counter logins_refused;       ///< tries, of which one connection may make several
   Counter users_attached;       ///< to consoles
-  Counter users_left;           ///< or thrown off
+  Counter users_left;           ///< of their own accord or thrown off
   Counter tools_attached;       ///< to the command port
   Counter commands;             ///< lines that tools sent
   Counter events_posted;        ///< taken by the event manager's library
@@ -48,13 +48,14 @@ struct Counters {
 
 extern Counters counters;
 
-/// Begins to count: the moment that "started" tells. Before the worker threads start.
+/// Notes the time at which counting began, which "stats" tells as "started". Before the worker
+/// threads start.
 void StartCounting();
 
 /// The time at which counting began.
 time_t CountingSince();
 
-/// The console output monitor only.
+/// Counts a reload and notes its result and time. The console output monitor only.
 void NoteReload(ReloadResult result);
 
 /// The result of the last reload and its time, 0 when there was none.

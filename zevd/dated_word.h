@@ -13,7 +13,8 @@ class DatedWord {
   DatedWord(int value) { *this = value; }  // NOLINT(google-explicit-constructor): as an atomic's
   ~DatedWord() = default;
 
-  /// A copy takes the value, and has it since then unless it had the same before.
+  /// A copy has the value since the time of copying; assigning the value that it has already
+  /// changes nothing.
   DatedWord(const DatedWord& other) : DatedWord(other.load()) {}
   DatedWord& operator=(const DatedWord& other) { return *this = other.load(); }
 

@@ -16,11 +16,11 @@ namespace zevd {
 
 namespace {
 
-// For what comes and goes: files that are read again, the event manager, consoles that are
-// connected again.
+// Set aside for what comes and goes: files that are read again, the event manager, consoles that
+// are connected again.
 constexpr int kOwnPart = 64;
 
-// When the limit is small, at most one part in this many is kept.
+// Of a small limit, one part in this many is set aside at most.
 constexpr int kLargestOwnPart = 4;
 
 // The last places, for the station's own operators and tools.
@@ -39,7 +39,7 @@ int Limit() {
   return static_cast<int>(std::min<rlim_t>(limit.rlim_cur, INT_MAX));
 }
 
-// `aside` are those that are kept for others than the one who asks; `error` tells why the look
+// `aside` is the number of descriptors that are set aside for others; `error` tells why the look
 // failed, if it did.
 void ReportShortage(const char* function, const DescriptorUse& use, int aside, int error) {
   if (use.open == -1) {
@@ -87,7 +87,7 @@ bool DescriptorBudget::HasRoom(Caller caller, const DescriptorUse& use) {
   const int own_part = std::min(kOwnPart, limit / kLargestOwnPart);
   const int room = use.open == -1 ? 0 : limit - use.open - use.wanted - own_part;
   const int room_of_strangers = std::max(room - kStationPlaces, 0);
-  // Others open descriptors too: half of the room is given away before the next look.
+  // Others open descriptors too, so only half of the room is given away before the next look.
   admitted_unseen_ = room_of_strangers / (2 * kDescriptorsOfCaller);
   const bool has_room = (caller == Caller::kStation ? room : room_of_strangers) > 0;
   if (!has_room && report_.IsDue()) {

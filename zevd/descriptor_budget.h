@@ -17,17 +17,17 @@ struct DescriptorUse {
 /// Open descriptors of this process; -1, with errno set, when the system does not tell.
 int CountDescriptors();
 
-/// True for an errno by which the system says that there is no descriptor beyond those in use.
+/// True for an errno value by which the system says that no descriptor is free.
 bool OutOfDescriptors(int error);
 
-/// Milliseconds between two reports of a shortage: what lasts is said again, but does not fill the
-/// output.
+/// Milliseconds between two reports of a shortage: one that lasts is reported again, but does not
+/// fill the output.
 inline constexpr int64_t kShortageReportInterval = 60'000;
 
 /// One descriptor that is kept open so that there is one more when all others are in use.
 class ReserveDescriptor {
  public:
-  /// Opens it unless it is open. False when there is no descriptor for it.
+  /// Opens it unless it is open. False when no descriptor is free for it.
   bool Hold();
 
   /// Closes it.
@@ -42,14 +42,14 @@ enum class Caller {
   kStranger,  ///< any other
 };
 
-/// Sees the limit coming, so that callers cannot keep a log from being opened, a console from being
-/// connected or a password from being checked. The last places are kept for the station's own
-/// operators and tools. The thread user_conn only.
+/// Refuses callers before the limit is reached, so that they cannot keep a log from being opened, a
+/// console from being connected or a password from being checked. The last places are kept for the
+/// station's own operators and tools. The thread user_conn only.
 class DescriptorBudget {
  public:
-  /// True when one more connection leaves what the daemon needs for itself; the connection must
-  /// have been accepted already. `look()` gives a DescriptorUse; it is asked only now and then.
-  /// A look that fails means that there is no room.
+  /// True when one more connection, which must have been accepted already, leaves what the daemon
+  /// needs for itself. `look()` gives a DescriptorUse; it is called only now and then. A look that
+  /// fails means that there is no room.
   template <typename Look>
   bool Admits(Caller caller, Look look) {
     if (admitted_unseen_ > 0) {
@@ -59,7 +59,7 @@ class DescriptorBudget {
     return HasRoom(caller, look());
   }
 
-  /// What was known of the room does not hold any more.
+  /// Has the next call look again.
   void Forget() { admitted_unseen_ = 0; }
 
  private:
@@ -73,8 +73,8 @@ class DescriptorBudget {
 /// cons_conn only.
 class AttemptBudget {
  public:
-  /// True when one more attempt may be begun. `wanted` in `look()` are the logs of the consoles for
-  /// which one is under way. After a refusal a second passes before the next look.
+  /// True when one more attempt may begin. `wanted` in `look()` counts the logs of the consoles for
+  /// which one is in progress. After a refusal a second passes before the next look.
   template <typename Look>
   bool Admits(Look look) {
     if (begun_unseen_ > 0) {
@@ -84,7 +84,8 @@ class AttemptBudget {
     return IsTimeToLook() && HasRoom(look());
   }
 
-  /// An attempt that had been admitted found no descriptor (`error`).
+  /// To be called when an attempt that was admitted found no descriptor; `error` is the errno
+  /// value.
   void Exhausted(int error);
 
  private:

@@ -43,7 +43,7 @@ class DescriptorSet {
     }
   }
 
-  /// For select(); valid for as many descriptors as Reserve() or Add() made room for.
+  /// For select(); covers the descriptors for which room was made.
   fd_set* Native() { return reinterpret_cast<fd_set*>(words_); }
 
  private:

@@ -31,7 +31,7 @@ std::atomic<EventPoster> event_poster{nullptr};
 constexpr size_t kMessageSize = 8192;
 constexpr unsigned kExitSeconds = 1;  // for which a second thread leaves the process to the first
 
-// For when the debug lock itself failed, so that the usual way to say so is closed.
+// For a failure of the debug lock itself, when the usual way to report it is closed.
 void ReportOnStandardError(const char* call, const char* function, int error) {
   char text[256];
   snprintf(text, sizeof text, "%s: %s failed : %s\n", function, call, strerror(error));
@@ -70,10 +70,10 @@ int first_time = 1;  // the first call is the main thread's, before any other th
 
 char msg[kMessageSize] GUARDED_BY(debug_lock);
 char last_msg[kMessageSize] GUARDED_BY(debug_lock) = "XXXX";
-/// Nobody saw it: "repeated" would be misleading.
+/// Nobody saw the last message, so to call an equal one a repetition would mislead.
 bool last_msg_dropped GUARDED_BY(debug_lock) = false;
 int msg_count GUARDED_BY(debug_lock) = 0;
-/// Has room for the longest message and two heads.
+/// Has room for the longest message and for two heads: its own and that of the count.
 char composed[BoundedOutput::kLongestText] GUARDED_BY(debug_lock);
 BoundedOutput output GUARDED_BY(debug_lock)(STDOUT_FILENO);
 
@@ -176,9 +176,9 @@ void PostDaemonError(const char* text, int priority) {
 
 void ExitProcess(int code, const char* file, int line) {
   zev_debug(kInfo, "Exiting with code %d from file %s line %d\n", code, file, line);
-  // exit() must run once. A second thread leaves it the time it needs, but not more: the second may
-  // be the SIGTERM handler, and the thread that it interrupted hold what the first waits for. In
-  // its own thread inside exit() the handler has nothing to wait for.
+  // exit() must run once. A second thread leaves the first the time that it needs, but no more: the
+  // second may be the SIGTERM handler, and the thread that it interrupted may hold what the first
+  // waits for. When the handler has interrupted exit() itself, there is nothing to wait for.
   static std::atomic<pthread_t> leaving{};
   pthread_t nobody{};
   if (leaving.compare_exchange_strong(nobody, pthread_self())) exit(code);

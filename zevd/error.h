@@ -1,14 +1,14 @@
 // Debug output, thread names and the two ways in which the process may end on purpose.
 //
-// Any thread may call anything here. All output is serialised by debug_lock, which is taken last:
-// whoever holds it takes no other lock.
+// Any thread may call what does not say otherwise. All output is serialised by debug_lock, which is
+// taken last: whoever holds it takes no other lock.
 #pragma once
 
 namespace zevd {
 
 /// Levels of zev_debug(). A message is written when its level is not above `debug_level`.
 enum DebugLevel : int {
-  kError = -1,  ///< always written, unless debug_level is below 0
+  kError = -1,  ///< always written, unless debug_level is below -1
   kInfo = 1,    ///< significant events, the exit trace, hung locks
   kDetail = 2,  ///< detail
   kTrace = 3,   ///< function entries and every lock operation
@@ -16,16 +16,16 @@ enum DebugLevel : int {
 
 /// Writes "ZEV <time>:<<thread>>: <message>" to standard output. A message equal to the one before
 /// it is only counted; the count is written when a different one arrives. Messages are cut at 8191
-/// bytes and carry their own newline. Output that nobody takes is dropped after 100 ms, and how
-/// much it was is said as soon as somebody takes some again (bounded_output.h). Leaves errno alone.
+/// bytes and carry their own newline. Output that nobody takes is dropped after 100 ms; the first
+/// line that is taken again says how much was lost (bounded_output.h). Leaves errno alone.
 void zev_debug(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-/// First line of a function: its entry line at level 3.
+/// First statement of a function: writes its entry line at level 3.
 #define ENTERING() ENTERING_AS(__func__)
 
-// A message begins with the name of a function: the one by which operators, and the filters that
-// they have written, know the step. The code of that step may meanwhile be several functions. Those
-// that it was split into say what they have to say under the name of the whole, with these two.
+// A message begins with the name of a function, by which operators and their filters know the step.
+// Where the code of a step is several functions, the parts write their messages under the name of
+// the whole, with these two macros.
 
 #define DEBUG_AS(function, level, format, ...) \
   ::zevd::zev_debug((level), "%s: " format, (function)__VA_OPT__(, ) __VA_ARGS__)
@@ -42,14 +42,15 @@ void UnregisterThread();
 /// Frees all slots. Only before there is a second thread.
 void ClearThreadNames();
 
-// ---- Our own failures: the process ends. What peers and files do wrong never comes here. --------
+// ---- Our own failures: the process ends. What peers send and files hold never comes here. -------
 
-/// Writes the exit trace and ends the process. Safe from any thread and from the SIGTERM handler;
-/// a thread that comes second waits for the first to end the process.
+/// Writes the exit trace and ends the process. Safe from any thread and from the SIGTERM handler; a
+/// thread that comes second waits up to a second for the first to end the process.
 [[noreturn]] void ExitProcess(int code, const char* file, int line);
 
-/// Posts "qor.zevd.daemon.error" with the variable "message" = `text`. How is handed in: what posts
-/// events stands above this file. Until it has been, nothing is posted.
+/// Posts the event "qor.zevd.daemon.error.<text>" with the variable "message" = `text`. The
+/// function that does so is handed in with SetEventPoster(), because what posts events stands above
+/// this file; until then nothing is posted.
 void PostDaemonError(const char* text, int priority);
 using EventPoster = void (*)(const char* text, int priority);
 void SetEventPoster(EventPoster poster);
@@ -61,7 +62,7 @@ inline constexpr int kErrorPriority = 700;
 #define EXIT_PROCESS(code) ::zevd::ExitProcess((code), __FILE_NAME__, __LINE__)
 #define TERMINATE(text) ::zevd::TerminateProcess((text), __FILE_NAME__, __LINE__)
 
-/// Writes a message that is always written, and ends the process for a mistake of its own.
+/// Writes a message at level -1 and ends the process, for a mistake of the daemon's own.
 #define INTERNAL_ERROR(...)                         \
   do {                                              \
     ::zevd::zev_debug(::zevd::kError, __VA_ARGS__); \

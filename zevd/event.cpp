@@ -17,8 +17,8 @@ namespace {
 
 constexpr size_t kTextSize = 8192;
 
-/// Whoever holds it holds SIGTERM back too: the handler writes to the debug
-/// output, and the library may hold a lock of the C library's that this needs (its time zone's).
+/// Whoever holds it takes only the debug lock, and keeps SIGTERM away: the event library may hold
+/// the C library's time-zone lock, which the handler needs for its debug line.
 Mutex connection_mutex;
 JixConn* connection GUARDED_BY(connection_mutex) = nullptr;
 JixStatus last_attempt GUARDED_BY(connection_mutex) = JixERROR_NONE;

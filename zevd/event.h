@@ -1,5 +1,6 @@
 // Posting events to the station's event manager. Any thread; the one connection has a mutex of its
-// own, taken last but for the debug lock. No failure is passed back: an event is best effort.
+// own, and whoever holds it takes only the debug lock. An event is best effort: PostJixEvent()
+// passes no failure back.
 #pragma once
 
 namespace zevd {

@@ -1,7 +1,8 @@
 // Event sets: the patterns of one event file, under the file's name. Consoles refer to them.
 //
-// The global list ev_list is changed before the threads start or with acl_lock and icl_lock held
-// for writing, and read with either of the two; it has no lock of its own.
+// The global list ev_list is changed before the threads start or, by the console output monitor,
+// with acl_lock and icl_lock held for writing. Others read it with either of the two; the monitor
+// itself needs none.
 #pragma once
 
 #include "fixed_text.h"

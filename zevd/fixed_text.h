@@ -1,4 +1,4 @@
-// Text fields of records are fixed character arrays; these are the only ways to fill them.
+// Text fields of records are fixed character arrays, which are filled with the functions here.
 #pragma once
 
 #include <algorithm>

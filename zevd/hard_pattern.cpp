@@ -11,7 +11,7 @@ namespace zevd {
 namespace {
 
 constexpr size_t kMany = size_t{1} << 24;  ///< beyond every bound; sums and products end here
-constexpr size_t kVague = 8;               ///< as many optional parts make a length unknown
+constexpr size_t kVague = 8;               ///< this many optional parts make a length unknown
 constexpr size_t kLargestCount = 32767;    ///< the matcher refuses larger ones
 
 size_t Sum(size_t a, size_t b) {
@@ -27,8 +27,8 @@ struct Cost {
   size_t size = 0;       ///< nodes
   size_t optional = 0;   ///< those of them that may be skipped
   size_t doubling = 0;   ///< those that may double the work on all others
-  size_t choices = 0;    ///< those that take more than one byte, and groups of alternatives
-  size_t late = 0;       ///< choices behind a part of which nobody knows how long it is
+  size_t choices = 0;    ///< those that match different bytes, and groups of alternatives
+  size_t late = 0;       ///< choices after a part of unknown length
   bool endless = false;  ///< it may be of any length
   bool may_be_absent = true;
 
@@ -52,7 +52,7 @@ struct Level {
   bool any_branch_empty = false;
   size_t branch_count = 0;
   Cost branch;  ///< the present alternative without its last part
-  Cost part;    ///< the last one: what a repetition would stand behind
+  Cost part;    ///< the last one: what a repetition would repeat
 
   void EndPart() {
     branch.Append(part);
@@ -81,8 +81,8 @@ struct Level {
   }
 };
 
-/// How often a part is repeated. The matcher copies it for each time, but for a last one without
-/// end, which is a loop.
+/// How often a part is repeated. The matcher copies it for each time, except for an endless last
+/// one, which is a loop.
 struct Repetition {
   size_t lowest;
   size_t copies;
@@ -99,7 +99,7 @@ class Judge {
 
   bool IsHard() {
     while (*at_ != '\0' && !hard_) Step();
-    // Groups that were never closed make the pattern one that is refused.
+    // With a group that was never closed, the matcher refuses the pattern.
     return hard_ || IsTooMuch(Here().AsPart());
   }
 
@@ -147,8 +147,8 @@ class Judge {
     Here().part.choices = 1;
   }
 
-  // The matcher steps over it without reading a byte, and keeps what is behind it apart from what
-  // is behind its alternatives.
+  // The matcher steps over an anchor without reading a byte, and keeps what follows the anchor
+  // apart from what follows its alternatives.
   void Anchor(size_t bytes) {
     Atom(bytes);
     Cost& part = Here().part;
@@ -184,7 +184,7 @@ class Judge {
     Here().part = group;
   }
 
-  // One that is not closed is refused, and nothing behind it is read.
+  // A bracket that is not closed is refused, and nothing after it is read.
   void Bracket() {
     const char* end = at_ + 1;
     if (*end == '^') ++end;
@@ -218,7 +218,7 @@ class Judge {
     hard_ = copies_ > kMostCopies || IsTooMuch(part);
   }
 
-  // What is repeated comes behind itself.
+  // What is repeated follows itself.
   static size_t LateOf(const Cost& part, const Repetition& times) {
     const bool one_node = part.size == 1;
     if (times.endless) return one_node ? 0 : Product(part.choices, times.copies);

@@ -1,10 +1,10 @@
 // The one list mechanism. Every ...List of the daemon has this shape: a name for the debug output,
-// a doubly linked run of elements that point at nodes they do not own, and a count. A list whose
-// nodes have sockets also keeps the set of those sockets, ready to be copied for select(). One that
-// may grow long and is waited for has a watch too (socket_watch.h), which follows that set.
+// a doubly linked chain of elements that point at nodes they do not own, and a count. A list whose
+// nodes have sockets also keeps the set of those sockets, ready to be copied for select(). A list
+// that may grow long and is waited for has a watch too (socket_watch.h), which follows that set.
 //
 // A list has no lock of its own: the header that declares it says which lock the caller holds. The
-// lists' own functions (Add...ToList and so on) stand on the functions here and on those of
+// lists' own functions (Add...ToList and so on) are built on the functions here and in
 // list_functions.h.
 #pragma once
 
@@ -35,7 +35,7 @@ struct List {
   int count = 0;
 };
 
-/// What a watched list has more than others.
+/// What only a watched list has.
 template <typename Elem>
 struct ListWatch : SocketWatch {
   SocketIndex<Elem> index;
@@ -46,7 +46,7 @@ template <typename Elem, auto kNode>
 struct SocketList : List<Elem, kNode> {
   int high_sock = -1;                ///< highest `sock` of the members, -1 when none has one
   DescriptorSet fdset;               ///< the `sock` of every member that has one
-  int batches = 0;                   ///< ListBatches that live
+  int batches = 0;                   ///< ListBatches that have begun and not ended
   ListWatch<Elem>* watch = nullptr;  ///< never freed; null: the list is not watched
 };
 
@@ -55,7 +55,7 @@ concept HasSockets = requires(L& list) {
   list.fdset;
 };
 
-/// The node of an element, whatever its member is called.
+/// The node of an element, whatever the member that points at it is called.
 template <typename L>
 auto*& NodeOf(const L& /*list*/, typename L::Element* elem) {
   return elem->*L::kNodeMember;
@@ -118,7 +118,7 @@ void SetFdSet(L& list) {
   }
 }
 
-/// The watch follows the set.
+/// Brings the list's watch up to date with the set. The list has a watch.
 template <typename L>
 void FollowSet(L& list) {
   list.watch->index.Clear();
@@ -129,8 +129,8 @@ void FollowSet(L& list) {
   list.watch->Follow(list.fdset);
 }
 
-/// Run after every change of a list, and left to its end while a ListBatch lives; a list without
-/// sockets has nothing to rebuild.
+/// Called after every change of a list. Does nothing for a list without sockets, nor while a
+/// ListBatch lives, whose end makes up for it.
 template <typename L>
 void Recompute(L& list) {
   if constexpr (HasSockets<L>) {
@@ -141,9 +141,10 @@ void Recompute(L& list) {
   }
 }
 
-/// Many changes of a list with sockets, while nobody looks at its set: rebuilding after each of
-/// them would cost the square of their number. Until the batch ends the set is stale, and
-/// ForEachReady() would meet members that are gone. What guards the set is held for as long.
+/// Many changes of a list with sockets, made while nobody looks at its set: rebuilding the set
+/// after each of them would cost the square of their number. Until the batch ends, the set is stale
+/// and ForEachReady() would meet members that are gone. The caller holds whatever guards the set
+/// for as long.
 template <typename L>
 class ListBatch {
  public:
@@ -162,8 +163,8 @@ class ListBatch {
   L& list_;
 };
 
-/// Gives a list, still empty, a watch. Without memory or descriptors, which is reported, it does
-/// without one. Before the threads start.
+/// Gives a watch to a list that is still empty. When memory or descriptors are short, which is
+/// reported, the list does without one. Before the threads start.
 template <typename L>
 void WatchMembers(L* list) {
   auto* watch = new (std::nothrow) ListWatch<typename L::Element>;
@@ -177,22 +178,23 @@ void WatchMembers(L* list) {
   }
 }
 
-/// The list's watch as WaitForMembers() takes it. It is the same for the life of the process.
+/// The list's watch for WaitForMembers(), null when it has none. It never changes once the threads
+/// run, so no lock is needed.
 template <typename L>
 SocketWatch* WatchOf(const L* list) {
   return list->watch;
 }
 
-/// To be called before a socket is closed whose member is on the list, or was taken off it in a
-/// batch that has not ended; see SocketWatch::Forget().
+/// Must be called before closing the socket of a member that is on the list, or that was taken off
+/// it in a batch that has not ended; see SocketWatch::Forget().
 template <typename L>
 void ForgetSocket(L& list, int sock) {
   if (list.watch != nullptr) list.watch->Forget(sock);
 }
 
-/// Calls `visit` with every node whose socket is in `ready`, from head to tail, but with one that
-/// is `before` another ahead of it where the list is watched. `visit` neither adds nor unlinks. The
-/// list's lock is held for writing.
+/// Calls `visit` with every node whose socket is in `ready`, from head to tail; on a watched list,
+/// a node that is `before` another comes ahead of it. `visit` neither adds nor unlinks. The caller
+/// holds what guards the list, a lock for writing.
 template <typename L, typename Before, typename Visit>
 void ForEachReady(L& list, const DescriptorSet& ready, Before before, Visit visit) {
   using Elem = typename L::Element;
@@ -202,7 +204,7 @@ void ForEachReady(L& list, const DescriptorSet& ready, Before before, Visit visi
   if (list.watch == nullptr) {
     for (auto* node : Nodes(list)) visit_if_ready(node);
   } else {
-    // An element's socket may have gone since it was indexed.
+    // An element's socket may have been closed since it was indexed.
     list.watch->index.ForEachInOrder(
         ready,
         [&](const Elem* a, const Elem* b) {
@@ -219,7 +221,7 @@ void ForEachReady(L& list, const DescriptorSet& ready, Visit visit) {
   ForEachReady(list, ready, never, visit);
 }
 
-/// Makes the list an empty one with that name.
+/// Makes the list an empty one with that name; frees nothing.
 template <typename L>
 void ClearList(L& list, const char* name) {
   list.list_name = name;
@@ -229,7 +231,7 @@ void ClearList(L& list, const char* name) {
   Recompute(list);
 }
 
-/// Makes sure that appending `node` will find room in the set. False when out of memory.
+/// Makes sure that the set and the watch have room for `node`. False when out of memory.
 template <typename L>
 [[nodiscard]] bool ReserveFor(L& list, const typename L::Node* node) {
   if constexpr (HasSockets<L>) {
@@ -240,8 +242,7 @@ template <typename L>
   return true;
 }
 
-/// Chains `elem` behind the tail and counts it. Recompute() is left to the caller, whose messages
-/// come in between.
+/// Links `elem` after the tail and counts it. The caller calls Recompute(), after its own messages.
 template <typename L>
 void LinkAtTail(L& list, typename L::Element* elem) {
   elem->prev = list.tail;
@@ -263,7 +264,7 @@ typename L::Element* FindElement(const L& list, const typename L::Node* node) {
   return nullptr;
 }
 
-/// Takes `elem` off the list and frees it; the node survives. Recompute() is left to the caller.
+/// Takes `elem` off the list and frees it; the node survives. The caller calls Recompute().
 template <typename L>
 void Unlink(L& list, typename L::Element* elem) {
   if (list.head == elem) {

@@ -1,4 +1,4 @@
-// What the six lists' own functions share: New...List(), Init...List(), New...ListElem(),
+// What the functions of the six kinds of list share: New...List(), Init...List(), New...ListElem(),
 // Add...ToList(), Remove...FromList() and Empty...List(). Each of those adds its entry line, its
 // messages and its special cases. A report names the list's own function, not the one here.
 #pragma once
@@ -13,8 +13,8 @@ namespace zevd {
 /// How a function of the list reports an allocation that failed.
 using MemoryReport = void (*)(const char* function);
 
-/// Makes an empty list named with a copy of `name`; without memory for the copy, which is reported,
-/// the list does without a name.
+/// Makes the list an empty one that is named with a copy of `name`. When there is no memory for the
+/// copy, which is reported, the list has no name.
 template <typename L>
 void InitNamedList(L* list, const char* name, MemoryReport no_memory,
                    const char* function = __builtin_FUNCTION()) {
@@ -23,7 +23,7 @@ void InitNamedList(L* list, const char* name, MemoryReport no_memory,
   ClearList(*list, copy);
 }
 
-/// A list on the heap; null when out of memory, be it for its name.
+/// A list on the heap; null when out of memory, even if only for the name.
 template <typename L>
 L* NewNamedList(const char* name, void (*init)(L*, const char*), MemoryReport no_memory,
                 const char* function = __builtin_FUNCTION()) {
@@ -51,7 +51,7 @@ typename L::Element* NewElement(typename L::Node* node, MemoryReport no_memory,
   return elem;
 }
 
-/// The element that `make` makes for `node`, once there is room for it in the list's set; null when
+/// Reserves room for `node` in the list's set and returns the element that `make` makes; null when
 /// out of memory.
 template <typename L>
 typename L::Element* MakeElement(L& list, typename L::Node* node,
@@ -64,7 +64,7 @@ typename L::Element* MakeElement(L& list, typename L::Node* node,
 }
 
 /// Takes the node's element off the list and frees it; the node survives. False when it is not
-/// there. Recompute() is left to the caller.
+/// there. The caller calls Recompute().
 template <typename L>
 [[nodiscard]] bool UnlinkNode(L& list, const typename L::Node* node) {
   auto* elem = FindElement(list, node);

@@ -1,4 +1,4 @@
-// The global lists, which live for ever, and look-ups over both lists of consoles.
+// The global lists, which are never destroyed, and look-ups over both lists of consoles.
 #pragma once
 
 #include "command.h"
@@ -17,30 +17,31 @@ extern UserList* const user_list PT_GUARDED_BY(ul_lock);        ///< every attac
 extern CommandList* const cmd_list PT_GUARDED_BY(cmd_lock);     ///< command connections
 extern EventSetList* const ev_list;  ///< changed before the threads start, or with both console
                                      ///< list locks held
-/// Changed by the user_conn thread alone, the elements with pending_logins_mutex held; the set, the
-/// index and the watch are that thread's own.
+/// Only the thread user_conn changes it: the elements with pending_logins_mutex held; the set, the
+/// index and the watch are its own.
 extern MappedPortList* const mapped_port_list;
 extern ModelList model_list;  ///< filled before the threads start, then only read
 
-/// Makes the lists ready, those that are waited for with a watch. Main thread, before there is
-/// another.
+/// Makes the lists ready, and gives a watch to those that may grow long and are waited for. Main
+/// thread, before there is another.
 void InitializeLists();
 
 // ---- Look-up by mapped port; these take acl_lock and icl_lock themselves ------------------------
 
-/// What a connection on a mapped port needs to know of its console, copied under the list locks.
+/// What a connection on a mapped port needs to know about its console, copied under the list locks.
 struct MappedConsole {
   char cname[kNameSize];
-  int status;
+  int status;  ///< ConsoleStatus
   int auth;
   bool locked_exclusively;  ///< the first user attached holds mode 3
 };
 
-/// The first console of i_cons_list, then a_cons_list, with that mapped port; null when none. Good
-/// for the question whether there is one: the node may be gone as soon as this returns.
+/// The first console of i_cons_list, or else of a_cons_list, with that mapped port; null when there
+/// is none. The result only tells whether there is one: the node may be gone as soon as this
+/// returns.
 ConsoleNode* GetConsoleNodeFromMappedPort(uint16_t port) EXCLUDES(acl_lock, icl_lock);
 
-/// The same console's data. False when there is none.
+/// Copies the same console's data. False when there is none.
 bool CopyMappedConsole(uint16_t port, MappedConsole* copy) EXCLUDES(acl_lock, icl_lock);
 
 }  // namespace zevd

@@ -102,7 +102,8 @@ class LiteralFilter::Trie {
 
 bool LiteralFilter::Build(const char* const* patterns, size_t count) {
   if (count > NumberSet::kCapacity) return false;
-  // Of long literals a part will do when there are very many: it is as necessary as the whole.
+  // When there are very many long literals, a part of each will do: it is as necessary as the
+  // whole.
   constexpr size_t kShortestCut = 3;
   Trie trie;
   for (size_t cut = Literal::kCapacity; cut >= kShortestCut; cut /= 2) {
@@ -154,7 +155,7 @@ bool LiteralFilter::AddPatterns(const char* const* patterns, size_t count, size_
   return literal_count_ < NumberSet::kCapacity;
 }
 
-// The state gets its marks; what leads to it is the result.
+// Fills in the state. Returns the transition that leads to it.
 uint16_t LiteralFilter::Enter(uint16_t state, uint16_t literal, uint16_t fallback) {
   State& entered = states_[state];
   entered.literal = literal;
@@ -201,7 +202,7 @@ void LiteralFilter::Note(size_t state, NumberSet* seen, NumberSet* candidates) c
   for (; state != 0; state = states_[state].suffix) {
     const size_t literal = states_[state].literal;
     if (literal == 0) continue;
-    if (seen->Contains(literal)) return;  // and so are those at its end
+    if (seen->Contains(literal)) return;  // and so have those at its end
     seen->Add(literal);
     for (uint32_t use = first_use_[literal]; use != 0; use = uses_[use].next) {
       candidates->Add(uses_[use].pattern);

@@ -1,6 +1,6 @@
-// Which patterns of a list may match a line, told in one pass over the line: those of whose
-// literals (pattern_literals.h) it holds one, and those without literals. The pass costs the same
-// for ten patterns and for a thousand; the matcher is then run for the few that are left.
+// Tells in one pass over a line which patterns of a list may match it: those with a literal
+// (pattern_literals.h) that the line holds, and those without literals. The pass costs the same for
+// ten patterns and for a thousand; regexec() is then run for the few that are left.
 #pragma once
 
 #include <array>
@@ -47,9 +47,9 @@ class LiteralFilter {
   LiteralFilter() = default;
 
   /// Makes a new object a filter for the `count` patterns, which are numbered from 0. The texts are
-  /// not kept. False when there is nothing to be gained or no room for it, and the object is
-  /// useless then: no pattern has literals, patterns or literals are more than NumberSet takes, the
-  /// tables would grow too large, or memory runs out, which is not reported.
+  /// not kept. False when there is nothing to be gained or no room for it: no pattern has literals,
+  /// there are more patterns or literals than NumberSet takes, the tables would grow too large, or
+  /// memory runs out, which is not reported. The object is then useless.
   [[nodiscard]] bool Build(const char* const* patterns, size_t count);
 
   /// The numbers of all patterns that may match `text`; no other pattern matches it.
@@ -61,7 +61,7 @@ class LiteralFilter {
  private:
   class Trie;
 
-  /// What has been read when a state is reached, besides the way to the next one.
+  /// What a state says of the text that has been read.
   struct State {
     uint16_t literal = 0;  ///< the number of the literal that ends here; 0 for none
     uint16_t suffix = 0;   ///< the state of the longest other literal that ends here; 0 for none

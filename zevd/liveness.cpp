@@ -21,9 +21,9 @@ struct KeepAliveRow {
 };
 
 constexpr KeepAliveRow kKeepAlive[] = {
-    {TCP_KEEPIDLE, 60},   // seconds of silence before the first question
-    {TCP_KEEPINTVL, 10},  // seconds between questions
-    {TCP_KEEPCNT, 6},     // questions
+    {TCP_KEEPIDLE, 60},   // seconds of silence before the first probe
+    {TCP_KEEPINTVL, 10},  // seconds between probes
+    {TCP_KEEPCNT, 6},     // probes
 };
 
 constexpr uint32_t kLongestSilence = 300'000;  // milliseconds
@@ -45,7 +45,7 @@ bool IsGone(const PeerSigns& signs) {
 
 bool HasVanished(int sock) {
   PeerSigns signs{};
-  // Most have nothing waiting and cost one call.
+  // Most sockets have nothing waiting and cost one call.
   if (ioctl(sock, SIOCOUTQ, &signs.waiting) != 0 || signs.waiting == 0) return false;
   tcp_info info{};
   socklen_t size = sizeof info;

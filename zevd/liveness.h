@@ -12,25 +12,25 @@
 
 namespace zevd {
 
-/// Has the kernel ask a peer that has been silent for a minute, and then every ten seconds; without
-/// an answer to six questions the connection ends with ETIMEDOUT.
+/// Has the kernel probe a peer that has been silent for a minute, and then every ten seconds; after
+/// six probes without an answer the connection ends with ETIMEDOUT.
 void AskSilentPeer(int sock);
 
 /// What the kernel knows of a TCP connection.
 struct PeerSigns {
-  int waiting;          ///< bytes that were sent and are not acknowledged, or not yet on their way
+  int waiting;          ///< bytes in the send queue: not acknowledged, or not yet sent
   uint32_t since_ack;   ///< milliseconds since the last acknowledgement
   uint32_t since_data;  ///< milliseconds since the peer last sent something
 };
 
-/// True when something waits for the peer and there has been no sign of it for five minutes.
+/// True when data waits for the peer and there has been no sign of it for five minutes.
 bool IsGone(const PeerSigns& signs);
 
-/// The same of a socket. False when the kernel cannot tell.
+/// The same for a socket. False when the kernel cannot tell.
 bool HasVanished(int sock);
 
-/// Milliseconds between two looks of a monitor for peers that have vanished: each of them has to be
-/// asked about.
+/// Milliseconds between two looks of a monitor for vanished peers: each look takes a system call or
+/// two for each of them.
 inline constexpr int64_t kVanishedLookInterval = 10'000;
 
 }  // namespace zevd

@@ -79,7 +79,7 @@ bool SplitLine(char* line, int line_number, char* (&fields)[kFieldCount]) {
 }
 
 /// The consoles whose authentication flag is a word, such as "yes", which counts as 0: whoever
-/// wrote it thinks that they ask for a login.
+/// wrote it expects a login.
 struct FlagsWithoutNumber {
   int count = 0;
   char first[kNameSize] = "";
@@ -189,7 +189,7 @@ bool HasSameAddress(const ConsoleNode& one, const ConsoleNode& other) {
 }  // namespace
 
 /// A list's consoles by address and port: comparing every configured console with every live one
-/// would take seconds for ten thousand, with all consoles waiting. Open addressing, never more than
+/// would take seconds for ten thousand, while all consoles wait. Open addressing, never more than
 /// half full.
 class AddressTable {
  public:
@@ -216,7 +216,8 @@ class AddressTable {
   /// The console with the same address and port, or null.
   ConsoleNode* Find(const ConsoleNode& cnode) const { return SlotOf(cnode); }
 
-  /// A list's own count is that of all that were ever read into it.
+  /// A list's own count is no measure: LoadConfigFile() empties the list without resetting the
+  /// count.
   static size_t Length(const ConsoleList& list) {
     size_t length = 0;
     for ([[maybe_unused]] const ConsoleNode* cnode : Nodes(list)) ++length;
@@ -224,7 +225,7 @@ class AddressTable {
   }
 
  private:
-  // The slot with the console of that address and port, or the empty one that it would go to.
+  // The slot of the console with that address and port, or the empty one where it would go.
   ConsoleNode*& SlotOf(const ConsoleNode& cnode) const {
     const size_t mask = slot_count_ - 1;
     size_t at = (std::hash<std::string_view>()(cnode.ipaddr) + cnode.cons_port) & mask;

@@ -81,7 +81,7 @@ int GetHostFromLockFile(char* hostname, int len) {
               strerror(errno));
     return -1;
   }
-  errno = 0;  // an empty file is no error of the system's
+  errno = 0;  // an empty file leaves errno alone
   const bool got_line = fgets(hostname, len, file) != nullptr;
   const int error = errno;
   fclose(file);

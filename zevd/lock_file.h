@@ -10,7 +10,7 @@ namespace zevd {
 /// the life of the process.
 int Lock();
 
-/// 0 when the lock was released or none was held.
+/// 0 when the lock was released or none was held, -1 otherwise.
 int Unlock();
 
 /// Reads the first line of the lock file, at most `len` - 1 characters. 0, or -1.

@@ -86,7 +86,7 @@ bool TryLockBoth(const LockKind& kind, RwLock& first, RwLock& second, CallSite s
 }
 
 // A pseudo-random pause below one second, so that two threads that want the same pair in opposite
-// orders do not meet again for ever.
+// orders do not collide again and again.
 void BackOff() {
   timeval now{};
   gettimeofday(&now, nullptr);

@@ -1,9 +1,10 @@
 // The shared read-write locks and the only ways to take them.
 //
-// There is no global lock order. A single lock may be waited for; two locks are only ever taken
-// with the pair guards, which try, back off and never wait while they hold one of the two. Every
-// request, grant and release is traced at level 3 with the name of the calling function and the
-// address of the lock.
+// There is no global lock order. A thread may wait for one lock. It takes two only with the pair
+// guards, which try, back off, and never wait while they hold one of the two. The thread cmd_mon
+// holds cmd_lock while it takes the locks of the console lists; nobody takes cmd_lock while holding
+// one of those. Every request, grant and release is traced at level 3 with the name of the calling
+// function and the address of the lock.
 #pragma once
 
 #include <pthread.h>
@@ -37,8 +38,8 @@ struct CallSite {
 };
 #define HERE (::zevd::CallSite{__func__, __LINE__})
 
-/// One lock, waited for as long as it takes. When the lock call fails, that is reported and the
-/// caller goes on as if it held the lock.
+/// Holds one lock for writing, and waits for it as long as it takes. When the lock call fails, that
+/// is reported and the caller goes on as if it held the lock.
 class SCOPED_CAPABILITY WriteLock {
  public:
   WriteLock(RwLock& lock, CallSite site) ACQUIRE(lock);
@@ -55,6 +56,7 @@ class SCOPED_CAPABILITY WriteLock {
   bool held_;
 };
 
+/// The same for reading.
 class SCOPED_CAPABILITY ReadLock {
  public:
   ReadLock(RwLock& lock, CallSite site) ACQUIRE_SHARED(lock);
@@ -73,8 +75,8 @@ class SCOPED_CAPABILITY ReadLock {
 /// Which of a pair's locks is released first.
 enum class Release { kFirstFirst, kSecondFirst };
 
-/// How often a pair's lock that is taken is tried again, and the pause before each of these tries
-/// in microseconds.
+/// How many more times a pair guard tries a lock that somebody else holds, and its pause before
+/// each of these tries in microseconds.
 inline constexpr int kTryRetries = 10;
 inline constexpr int kTryPause = 100;
 
@@ -82,12 +84,12 @@ inline constexpr int kTryPause = 100;
 /// PR_SET_TIMERSLACK).
 inline constexpr int kTimerSlack = 50;
 
-/// Microseconds for which each lock of a pair is tried, before both are left alone for a random
+/// Microseconds for which a pair guard tries each lock before it leaves both alone for a random
 /// time below one second. Whoever holds a single list lock for less keeps nobody away for long.
 inline constexpr int kPairTryTime = kTryRetries * (kTryPause + kTimerSlack);
 
-/// Two locks, both for writing. Waits for ever, but never while it holds one of them; says so once
-/// when the wait has lasted more than 5 seconds.
+/// Holds two locks, both for writing. Waits for them as long as it takes, but never while it holds
+/// one of them; says so once when the wait has lasted more than 5 seconds.
 class SCOPED_CAPABILITY WriteLockPair {
  public:
   WriteLockPair(RwLock& first, RwLock& second, Release order, CallSite site) ACQUIRE(first, second);
@@ -102,7 +104,7 @@ class SCOPED_CAPABILITY WriteLockPair {
   const char* function_;
 };
 
-/// Two locks, both for reading; otherwise as WriteLockPair.
+/// The same for reading.
 class SCOPED_CAPABILITY ReadLockPair {
  public:
   ReadLockPair(RwLock& first, RwLock& second, Release order, CallSite site)
@@ -111,8 +113,8 @@ class SCOPED_CAPABILITY ReadLockPair {
   ReadLockPair(const ReadLockPair&) = delete;
   ReadLockPair& operator=(const ReadLockPair&) = delete;
 
-  /// Releases one of the two at once and keeps the other for ever: the destructor then does
-  /// nothing. For the paths that say so.
+  /// Releases one of the two at once and never releases the other: the destructor then does
+  /// nothing. Only for the callers that say so.
   void ReleaseFirstAndKeepSecondForEver() NO_THREAD_SAFETY_ANALYSIS;
   void ReleaseSecondAndKeepFirstForEver() NO_THREAD_SAFETY_ANALYSIS;
 

@@ -33,12 +33,12 @@ constexpr mode_t kLogMode = 0660;
 constexpr int kTelnetCommandLength = 3;
 constexpr char kConsolidated[] = "consolidated.log";
 
-/// Opened at start-up, then only by the rotation, with acl_lock held.
+/// Opened at start-up; then only the rotation closes and opens it, with acl_lock held.
 int consolidated_log_fd = -1;
 
 // ---- Opening ------------------------------------------------------------------------------------
 
-// The descriptor, or -1. `name` is null when there can be no such log.
+// Returns the descriptor, or -1. `name` is null when there can be no such log.
 int OpenForAppending(const char* function, const CurrentLogDir& directory, const char* name,
                      const char* path, mode_t mode, bool* is_new) {
   int fd = -1;
@@ -80,7 +80,7 @@ bool WriteRecord(int fd, const RecordTime& time, const char* before, const char*
   }
   counters.log_records_lost.Add();
   if (written < 0) return false;
-  // A disk that fills up in the middle of a record: the piece is taken back.
+  // The disk has filled up in the middle of the record: the piece is taken back.
   if (ftruncate(fd, lseek(fd, 0, SEEK_CUR) - written) != 0) return false;
   errno = ENOSPC;
   return false;
@@ -111,8 +111,8 @@ bool HoldsLine(const LogBuffer& log_buf) {
   return GetNewlineIndex(log_buf.buf, 0, log_buf.count) != -1;
 }
 
-// Writes what the full or line-holding buffer has to give. A full buffer without a line end goes
-// out as one record.
+// Writes the complete lines of the buffer. When the buffer is full and has no line end, it goes out
+// as one record.
 int WriteReady(ConsoleNode* cnode) {
   if (HoldsLine(cnode->log_buf)) return WriteLines(cnode);
   return cnode->log_buf.count == kLogBufferSize ? FlushBuffer(cnode) : 0;
@@ -181,7 +181,7 @@ int WriteLogFile(ConsoleNode* cnode, const char* chars, int count) {
     memcpy(log_buf.buf + log_buf.count, filtered + taken, static_cast<size_t>(part));
     log_buf.count += part;
     taken += part;
-    // A record that cannot be written is lost alone; what follows it is still tried.
+    // When a record cannot be written, only that one is lost; what follows it is still tried.
     const bool full_with_more = log_buf.count == kLogBufferSize && taken < count;
     if ((HoldsLine(log_buf) || full_with_more) && WriteReady(cnode) != 0) result = -1;
   }

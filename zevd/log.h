@@ -1,11 +1,11 @@
 // Console logs and the consolidated log.
 //
 // Records are written by the console output monitor with acl_lock held for writing. A console's log
-// is opened and closed by the thread that owns the console's list: cons_conn, with icl_lock, opens
+// is opened and closed by the thread that owns the console's list. cons_conn, with icl_lock, opens
 // it when the console connects, and closes it when the console is disabled or deleted before it has
-// been moved; the monitor does so when the connection ends, when logs are rotated and when a
-// console is renamed or deleted. What they share, the directories, takes care of itself
-// (log_directory.h).
+// been moved. The monitor closes it when the connection ends or the console is deleted, and closes
+// and opens it when logs are rotated or the console is renamed. What they share, the directories,
+// takes care of itself (log_directory.h).
 #pragma once
 
 #include "console.h"
@@ -27,16 +27,17 @@ class LogName {
   bool usable_;
 };
 
-/// Opens the console's log, making the dated directory first where it is missing. 0, or -1 with a
-/// word about the reason; the console is served without a log then. A new log that cannot be given
-/// its group or mode ends the process.
+/// Opens the console's log, making the dated directory first where it is missing. 0, or -1 after a
+/// message about the reason; the console is then served without a log. A new log that cannot be
+/// given its group or mode ends the process.
 int OpenLogFile(ConsoleNode* cnode);
 
 /// The same for the log of everything that nobody watched; a failure never ends the process.
 int OpenConsolidatedLogFile();
 
 /// Filters a chunk (at most 1024 bytes) of console output, assembles it into lines and writes every
-/// complete one. 0, or -1 when a record could not be written; that record alone is lost.
+/// complete one. 0, or -1 when there is no log or a record could not be written; only that record
+/// is lost.
 int WriteLogFile(ConsoleNode* cnode, const char* chars, int count);
 
 /// Writes what is left of an unfinished line, then closes.

@@ -25,17 +25,17 @@ namespace {
 constexpr char kCurrent[] = "current";
 constexpr mode_t kDirMode = 0770;
 
-Mutex directory_mutex;  // the link and the directories
+Mutex directory_mutex;  // guards the link and the directories on the disk
 
-/// Change time of the current dated directory, 0 when not yet known.
+/// Inode change time of the current dated directory, 0 when not yet known.
 std::atomic<time_t> log_dir_creation_time{0};
 
 bool IsDirectory(const char* path, struct stat* found) {
   return lstat(path, found) == 0 && S_ISDIR(found->st_mode);
 }
 
-// What is left of `path` after `prefix`, null when it begins otherwise. Several slashes are as good
-// as one.
+// What is left of `path` after `prefix`; null when it begins with something else. Several slashes
+// are as good as one.
 const char* After(const char* path, const char* prefix) {
   while (*prefix != '\0') {
     if (*path++ != *prefix++) return nullptr;
@@ -72,7 +72,7 @@ class CurrentName {
   char text_[NAME_MAX + 1] = {};
 };
 
-// The directory that "current" leads to, without a descriptor: when there is none left, the link
+// Examines the directory that "current" leads to, without a descriptor: when none is left, the link
 // must not be taken for a missing one and replaced.
 bool ExamineCurrDir(struct stat* found) {
   const CurrentName name(AT_FDCWD, LogPath(kCurrentDir).text);
@@ -83,7 +83,7 @@ int OpenDatedDir() {
   return OpenRealDirectory(AT_FDCWD, LogPath(kDatedDir).text);
 }
 
-// The directory in use. -1 with errno set when it cannot be opened.
+// Opens the directory in use. -1 with errno set when it cannot be opened.
 int OpenCurrDir() {
   const ScopedDescriptor dated(OpenDatedDir());
   if (!dated.is_open()) return -1;
@@ -96,14 +96,15 @@ bool EnsureDirectories() REQUIRES(directory_mutex) {
   return SymlinkToCurrDirExists() != 0 || CreateSymlinkToCurrDir() == 0;
 }
 
-// What is made, or found, must be a directory and no link to one. The descriptor, or -1 with errno
-// set. A second rotation within the minute uses the same directory again.
+// Makes a directory, or finds it: what is there must be a directory and no link to one. Returns the
+// descriptor, or -1 with errno set. A second rotation within the minute uses the same directory
+// again.
 int MakeDirectory(int directory, const char* path) {
   if (mkdirat(directory, path, kDirMode) != 0 && errno != EEXIST) return -1;
   return OpenRealDirectory(directory, path);
 }
 
-// Takes the link away and makes the directory of that path. As MakeDirectory().
+// Removes the link and makes the directory of that path. Returns what MakeDirectory() does.
 int BeginDirectory(int dated, const char* dirname) {
   unlinkat(dated, kCurrent, 0);
   return MakeDirectory(dated, strrchr(dirname, '/') + 1);

@@ -1,12 +1,12 @@
 // The dated directories of the logs and the link "current" to the one in use.
 //
-// The console output monitor begins a new directory while the connection thread may open a log, so
-// a mutex makes them take turns. It is taken last but for the leaves that posting an event and
-// debug output need.
+// The console output monitor begins a new directory while cons_conn may open a log, so a mutex
+// makes them take turns. Whoever holds it takes only the event connection's mutex and the debug
+// lock.
 //
 // Members of the station's group may write in these directories. What is found there is therefore
 // reached from directory to directory by descriptors, and no link is ever followed: "current" is
-// read for the name that it ends in.
+// read for the name with which it ends.
 #pragma once
 
 #include "mutex.h"
@@ -15,7 +15,8 @@
 
 namespace zevd {
 
-/// A path below the log directory. The slash that the second part begins with is kept, doubled.
+/// A path below the log directory. The slash with which the second part may begin is kept, so it
+/// comes twice.
 struct LogPath {
   char text[kPathSize];
   explicit LogPath(const char* second);
@@ -25,7 +26,8 @@ struct LogPath {
 inline constexpr char kDatedDir[] = "/zev.dated";
 inline constexpr char kCurrentDir[] = "/zev.dated/current";
 
-/// The directory in use, which stays the same one for as long as this lives.
+/// The directory in use. It holds the mutex, so that the directory stays the same one for as long
+/// as this lives.
 class CurrentLogDir {
  public:
   enum class IfMissing { kMake, kLeave };
@@ -44,11 +46,11 @@ class CurrentLogDir {
   const ScopedDescriptor directory_;
 };
 
-/// 1 when the current dated directory is at least log_archive_time seconds old, else 0. Console
-/// output monitor, or before the threads start.
+/// 1 when the current dated directory is at least log_archive_time seconds old; 0 when it is
+/// younger or cannot be examined. Console output monitor, or before the threads start.
 int LogDirExpired();
 
-/// Points "current" at a new dated directory; all logs are closed. Caller as above.
+/// Points "current" at a new dated directory. The caller is as above and has closed all logs.
 void ArchiveLogDir();
 
 }  // namespace zevd

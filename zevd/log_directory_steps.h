@@ -5,12 +5,17 @@
 
 namespace zevd {
 
-/// 0 when "zev.dated" is missing or no directory.
+/// 1 when "zev.dated" is a directory, else 0.
 int ZevDatedDirExists();
+
+/// 0, or -1 with the reason in the debug output.
 int CreateZevDatedDir();
 
-/// 0 unless "current" is a link to a directory that stands in "zev.dated" itself.
+/// 1 when "current" is a link to a directory that stands in "zev.dated" itself, else 0.
 int SymlinkToCurrDirExists();
+
+/// Replaces "current" by a link to a new dated directory. 0, or -1 with the reason in the debug
+/// output.
 int CreateSymlinkToCurrDir();
 void RemoveSymlinkToCurrDir();
 

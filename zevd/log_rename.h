@@ -1,4 +1,4 @@
-// What becomes of its log when a reload gives a console another name.
+// What becomes of a console's log when a reload gives the console another name.
 #pragma once
 
 #include <sys/types.h>
@@ -10,8 +10,8 @@
 
 namespace zevd {
 
-/// The renames of one reload. Which console has which log open is looked at once, at the first of
-/// them: thousands may be renamed while everything waits.
+/// The renames of one reload. Which console has which log open is looked at once, at the first
+/// rename: thousands may be renamed while everything waits.
 class LogRenames {
  public:
   LogRenames() = default;
@@ -21,8 +21,8 @@ class LogRenames {
 
   /// Gives the console the name, and its log too. The file that it has open, or the one that it
   /// would open, is renamed if it is nobody else's and the name is free in the directory in use;
-  /// otherwise its log is closed and opened under the new name. A console that is connected and has
-  /// no log gets one. Nothing outside the directory in use is touched.
+  /// otherwise an open log is closed and opened under the new name. A console that is connected and
+  /// has no log gets one. Nothing outside the directory in use is touched.
   void Rename(ConsoleNode* cnode, const char* new_name) REQUIRES(acl_lock, icl_lock);
 
  private:

@@ -1,4 +1,4 @@
-// The steps of writing a log; see WriteLogFile(), for the file itself and for its tests.
+// The steps of writing a log (WriteLogFile()), for the file itself and for its tests.
 #pragma once
 
 #include "console.h"

@@ -32,15 +32,15 @@ namespace zevd {
 
 namespace {
 
-// A file that the daemon opens must not become one of the three descriptors to which a program
-// writes: the debug output would end up in it.
+// A file that the daemon opens must not become one of the three standard descriptors: the debug
+// output would end up in it.
 void OccupyStandardDescriptors() {
   int fd = open("/dev/null", O_RDWR);
   while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
   if (fd > STDERR_FILENO) close(fd);
 }
 
-// Before the first message: a reader of the output who goes away ends nothing.
+// Before the first message, so that a reader of the output who goes away does not end the daemon.
 void OutliveReaders() {
   sigset_t broken_pipe;
   sigemptyset(&broken_pipe);
@@ -64,7 +64,7 @@ void ArrangeSignals() {
   BlockSignal(SIGPIPE);
   ArrangeCancelSignal();
   signal(SIGTERM, TermHandler);
-  signal(SIGCHLD, SIG_DFL);  // whoever ignored it would have kept helpers from being waited for
+  signal(SIGCHLD, SIG_DFL);  // ignored, it would keep helpers from being waited for
 }
 
 void LoadConfiguration() NO_THREAD_SAFETY_ANALYSIS {  // no other thread exists yet
@@ -79,7 +79,7 @@ void OpenLogs() {
   OpenConsolidatedLogFile();
 }
 
-// Whoever turned it off by mistake, as with "-S on", shall see it.
+// It may have been turned off by mistake, as with "-S on".
 void WarnOfNoSecurity() {
   if (security_enabled != 0) return;
   DEBUG_AS("main", kError,

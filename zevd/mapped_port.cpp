@@ -40,6 +40,7 @@ bool GrowThreadIds(MappedPortNode* mpnode) REQUIRES(pending_logins_mutex) {
   return true;
 }
 
+// Kept: the login that takes the last slot is reported, although it is served.
 void WarnOfLastSlot(const MappedPortNode* mpnode) {
   const int pending = mpnode->pending_logins;
   if (pending != max_pending_logins - 1) return;

@@ -1,8 +1,9 @@
 // The listening ports and the logins that are pending on each of them.
 //
-// The list is changed by the user_conn thread alone, always with pending_logins_mutex held; that
-// thread may therefore read it without the mutex. serv_conn threads look their port up in it under
-// the mutex. The mutex is taken last but for the debug lock.
+// Only the thread user_conn changes the list, and its elements only with pending_logins_mutex held;
+// that thread may therefore read it without the mutex. serv_conn threads look their port up in it
+// under the mutex. Whoever holds the mutex takes only the event connection's mutex and the debug
+// lock.
 #pragma once
 
 #include <pthread.h>
@@ -51,7 +52,7 @@ using MappedPortList = SocketList<MappedPortListElem, &MappedPortListElem::mpnod
 
 // ---- Records and lists --------------------------------------------------------------------------
 
-// Allocation failures set u_err_msg to error 013, are reported, and give null.
+// Allocation failures set u_err_msg to error 013, are reported, and give null or -1.
 
 MappedPortNode* NewMappedPortNode(int sock, uint16_t port)
     NO_THREAD_SAFETY_ANALYSIS;  // nobody else knows the node yet
@@ -59,7 +60,7 @@ MappedPortListElem* NewMappedPortListElem(MappedPortNode* mpnode);
 MappedPortList* NewMappedPortList(const char* list_name);
 void InitMappedPortList(MappedPortList* list, const char* list_name);
 
-/// Appends at the tail. 0, or -1 when out of memory.
+/// Appends at the tail. 0 or -1.
 int AddMappedPortToList(MappedPortNode* mpnode, MappedPortList* list)
     REQUIRES(pending_logins_mutex);
 
@@ -69,8 +70,10 @@ int RemoveMappedPortFromList(MappedPortNode* mpnode, MappedPortList* list)
 
 bool IsPortInMappedPortList(uint16_t port, const MappedPortList* list);
 
-/// Removes and frees every node; closes nothing.
+/// Removes and frees every node; closes no socket.
 void EmptyMappedPortList(MappedPortList* list) REQUIRES(pending_logins_mutex);
+
+/// Frees every node, the list and its name; closes no socket.
 void FreeMappedPortList(MappedPortList* list) REQUIRES(pending_logins_mutex);
 
 /// Frees the node; does not close its socket.
@@ -84,7 +87,8 @@ void FreeMappedPortNode(MappedPortNode* mpnode)
 int IncrementPendingLogins(MappedPortList* list, uint16_t port, pthread_t tid)
     EXCLUDES(pending_logins_mutex);
 
-/// Uncounts it. Does not return when the thread has been cancelled because its port was dropped.
+/// Stops counting it. Does not return when the thread has been cancelled because its port was
+/// dropped.
 void DecrementPendingLogins(MappedPortList* list, uint16_t port, pthread_t tid)
     EXCLUDES(pending_logins_mutex);
 
@@ -94,7 +98,7 @@ int GetPendingLogins(MappedPortList* list, uint16_t port) EXCLUDES(pending_login
 
 extern std::atomic<int> refresh_mapped_ports;  ///< 1: the ports are to be looked at again
 
-/// Asks for the ports to be matched with the configuration again. Any thread.
+/// Asks user_conn to match the ports with the configuration again. Any thread.
 void RefreshMappedPorts();
 
 }  // namespace zevd

@@ -46,7 +46,7 @@ constexpr int64_t kSecond = 1'000'000;
 constexpr int64_t kLongestDelay = 64 * kSecond;
 constexpr int64_t kLostPause = 5 * kSecond;  // between two reports of lost lines
 
-/// What is said of a pattern that the matcher could not bear.
+/// What is reported of a pattern that was too much for the matcher.
 struct Complaint {
   MatcherKind kind;
   const char* text;
@@ -77,8 +77,8 @@ class LibraryPath {
   char variable_[kTextSize];
 };
 
-/// What posix_spawn() is told: no signal is blocked, and of descriptors there are the matcher's end
-/// of its socket and the standard ones, with nothing to read.
+/// What posix_spawn() is told: no signal is blocked, and the matcher has its end of the socket and
+/// the standard descriptors, with nothing to read.
 class SpawnSetUp {
  public:
   SpawnSetUp() {
@@ -156,7 +156,7 @@ void ReportLeftOut(const MatcherMessage& message) {
   }
 }
 
-// The console keeps the name that its event had (event.h), unless it is gone.
+// Gives the console the name that its event had (event.h), unless the console is gone.
 void RenameConsole(const char* name, const char* changed) EXCLUDES(acl_lock, icl_lock) {
   {
     const WriteLock lock(acl_lock, HERE);
@@ -217,7 +217,7 @@ MatcherLine* Matcher::RemoveFirst() {
   return line;
 }
 
-// What was handed over is answered still: it stands before the others.
+// Lines that were handed over stay and are still answered: they stand before the others.
 void Matcher::DropUnsent() {
   last_ = nullptr;
   for (MatcherLine* line = first_; line != unsent_; line = line->next) last_ = line;
@@ -281,7 +281,8 @@ void Matcher::SendSets() {
   sets_told_ = SendToMatcher(sock_, {.kind = MatcherKind::kStart}, {}, MSG_DONTWAIT);
 }
 
-// What finds no room is sent after the next answer. A failure shows when that is read.
+// A line for which there is no room is sent after the next answer. A failure shows when that is
+// read.
 void Matcher::SendLines() {
   while (sock_ != -1 && unsent_ != nullptr) {
     const MatcherHeader header = {
@@ -347,7 +348,7 @@ MatcherLine* Matcher::AnswerOf(const MatcherMessage& message) {
   return nullptr;
 }
 
-// Another matcher is not told of it any more.
+// The next matcher is not told of the pattern any more.
 void Matcher::NoteLeftOut(const MatcherMessage& message) {
   RegExNode* node = FindPattern(message.header.set, message.header.number);
   if (node != nullptr) node->left_out = true;
@@ -384,20 +385,20 @@ void Matcher::Start(int64_t now) {
   last_error_ = error;
 }
 
-// The line that the matcher was at is given up, in case that it was the reason; lines behind it are
-// handed to the next one.
+// The line that the matcher was at is given up, in case it was the reason; the lines after it are
+// handed to the next matcher.
 void Matcher::LoseConnection() {
   cons_mon_waker.Beside(-1);
   close(sock_);
   sock_ = -1;
   sets_told_ = false;
-  kill(pid_, SIGKILL);  // it has not been waited for
+  kill(pid_, SIGKILL);  // the id is still its own: it has not been waited for
   if (first_ != unsent_ && !dismissed_) operator delete(RemoveFirst());
   unsent_ = first_;
 }
 
-// No second one is started before the first has ended. One that never said anything is tried again
-// later and later.
+// No second matcher is started before the first has ended. When one never said anything, the next
+// is started later and later.
 void Matcher::Reap(int64_t now) {
   int status = 0;
   if (pid_ == -1 || sock_ != -1 || waitpid(pid_, &status, WNOHANG) != pid_) return;

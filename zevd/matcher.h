@@ -3,8 +3,8 @@
 // here waits for the matcher.
 //
 // A line is kept until it is answered; answers come in the order of the lines. When the matcher
-// ends, by whatever cause, another is started, and what it had not answered is handed over again,
-// but for the line that it was at.
+// ends, for whatever cause, another is started, and what it had not answered is handed over again,
+// except for the line that it was at.
 #pragma once
 
 #include <sys/types.h>
@@ -23,24 +23,26 @@ struct MatcherLine;
 
 class Matcher {
  public:
-  /// Bytes of all lines that have no answer yet, with what is kept of each; lines beyond are lost.
+  /// Bytes of all lines that have no answer yet, with what is kept of each. A line for which there
+  /// is no room is lost.
   static constexpr size_t kQueueSize = size_t{1} << 20;
 
-  /// Starts a matcher with the socket for its own and tells its process id. 0 or an error number.
+  /// Starts a matcher that has `sock` for its own, and sets its process id. 0 or an error number.
   using Starter = int (*)(int sock, pid_t* pid);
 
   explicit constexpr Matcher(Starter start) : start_(start) {}
 
-  /// ev_list has been loaded: from now on its sets count, and no pattern is left out any more.
-  /// Lines that have been handed over are still answered by the former sets; others are lost. The
-  /// matcher runs while a set needs it. The thread that loads.
+  /// To be called when ev_list has been loaded: from now on its sets count, and no pattern is left
+  /// out any more. Lines that have been handed over are still answered by the former sets; others
+  /// are lost. The matcher runs while a set needs it. The thread "cons_mon", or main before there
+  /// is another.
   void SetsChanged();
 
   /// A console's record, to be matched against a set of the matcher's. Any thread.
   void Take(const char* cname, uint32_t set, std::string_view record);
 
-  /// Takes in answers, posts events, and replaces a matcher that has ended. Once in a pass of the
-  /// thread "cons_mon", whose wait an answer ends.
+  /// Takes in answers, posts events, and replaces a matcher that has ended. The thread "cons_mon",
+  /// whose wait an answer ends, calls it once in each pass.
   void Serve() EXCLUDES(acl_lock, icl_lock);
 
  private:
@@ -60,7 +62,7 @@ class Matcher {
 
   const Starter start_;
 
-  Mutex mutex_;                                  ///< a leaf but for the debug lock
+  Mutex mutex_;                                  ///< its holder takes only the debug lock
   bool wanted_ GUARDED_BY(mutex_) = false;       ///< some set needs the matcher
   bool answered_ GUARDED_BY(mutex_) = false;     ///< the present one has said something
   bool dismissed_ GUARDED_BY(mutex_) = false;    ///< it ends because it is not wanted
@@ -74,19 +76,19 @@ class Matcher {
   int64_t start_time_ GUARDED_BY(mutex_) = 0;
   /// Microseconds: between the last start and the next.
   int64_t delay_ GUARDED_BY(mutex_) = 0;
-  /// The lines without an answer, the oldest one.
+  /// The oldest line without an answer.
   MatcherLine* first_ GUARDED_BY(mutex_) = nullptr;
   MatcherLine* last_ GUARDED_BY(mutex_) = nullptr;  ///< the newest one
   /// The oldest one that the matcher does not have.
   MatcherLine* unsent_ GUARDED_BY(mutex_) = nullptr;
-  size_t queued_ GUARDED_BY(mutex_) = 0;       ///< bytes of those lines
+  size_t queued_ GUARDED_BY(mutex_) = 0;       ///< bytes of all of them
   uint64_t last_line_ GUARDED_BY(mutex_) = 0;  ///< number of the newest line
-  /// Lines that found no room and have not been told of.
+  /// Lines for which there was no room, and that have not been reported.
   unsigned long lost_ GUARDED_BY(mutex_) = 0;
-  int64_t lost_since_ GUARDED_BY(mutex_) = 0;  ///< microseconds: when the first of them was
+  int64_t lost_since_ GUARDED_BY(mutex_) = 0;  ///< microseconds: when the first of them came
 };
 
-/// The one of the daemon, which is the daemon's own program.
+/// The daemon's matcher, which is the daemon's own program.
 extern Matcher matcher;
 
 }  // namespace zevd

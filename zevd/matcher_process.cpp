@@ -24,7 +24,8 @@ namespace zevd {
 
 namespace {
 
-// On a busy machine the worker gets its processor time late, and one that is stopped never.
+// What may pass beyond the processor time: on a busy machine the worker gets its share late, and a
+// worker that is stopped never does.
 constexpr int64_t kMostDelay = 2'000'000;  // microseconds
 
 constexpr int kMostIdleEnds = 3;
@@ -78,13 +79,14 @@ class WorkerProcess {
   bool runs() const { return pid_ != -1; }
   int sock() const { return sock_; }
 
-  /// One that knows these patterns and has compiled none. False when the system has no room.
+  /// Starts one that knows these patterns and has compiled none. False when the system has no room.
   bool Start(int daemon, const MatcherPatterns& patterns);
 
   /// Kills it. Returns the signal that ended it, 0 for none.
   int End();
 
-  /// Has it do one thing; `time` is what it may take of the processor, and then what is left.
+  /// Has it do one thing. `time` is the processor time that it may take, in microseconds, and then
+  /// what is left of it.
   Outcome Ask(const MatcherHeader& request, std::string_view text, int64_t* time,
               MatcherMessage* answer);
 
@@ -244,8 +246,9 @@ void Supervisor::LeaveOut(uint32_t place, MatcherKind reason, int signal, std::s
 
 // ---- Compiling ----------------------------------------------------------------------------------
 
-// A new worker that has compiled all patterns but those left out. Each time that one of them ends
-// the worker there is one pattern less.
+// Replaces the worker by one that has compiled all patterns except those left out. Each pattern
+// that ends a worker is left out, so there is one pattern less each time. False when the system has
+// no room.
 bool Supervisor::Restart() {
   do {
     worker_.End();
@@ -352,7 +355,7 @@ uint32_t Supervisor::BlameForEnd(uint32_t place) {
 
 // ---- The process --------------------------------------------------------------------------------
 
-// What the daemon's user may do is of no use here.
+// The matcher needs nothing of what the daemon's user may do.
 void GiveUpPrivileges() {
   prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};

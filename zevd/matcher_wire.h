@@ -1,5 +1,6 @@
-// What the daemon and its matcher process say to each other, over a pair of sockets that keep
-// messages apart (SOCK_SEQPACKET). Both are the same program, so records go as they are.
+// What the daemon and its matcher process say to each other, and the matcher and its worker, over a
+// pair of sockets that keep messages apart (SOCK_SEQPACKET). All are the same program, so records
+// go as they are.
 #pragma once
 
 #include <cstddef>

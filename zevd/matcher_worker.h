@@ -22,7 +22,8 @@ struct MatcherPattern {
 /// In the order of sets, and in file order within a set.
 using MatcherPatterns = std::vector<MatcherPattern>;
 
-/// A page that the worker shares with its parent, who looks at it when the worker is dead.
+/// A page that the worker shares with its parent, who looks at it when the worker is dead or has
+/// taken too long.
 struct MatcherBoard {
   static constexpr uint32_t kNone = UINT32_MAX;
   std::atomic<uint32_t> trying{kNone};  ///< the place of the pattern being matched

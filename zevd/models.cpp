@@ -17,8 +17,8 @@ namespace {
 constexpr size_t kLineSize = 8192;
 constexpr char kPelloxSeries[] = "PX";
 
-// Splits "series|model" in place. Spaces belong to the two parts. A line without either part is
-// ignored, and so is whatever does not fit into the table.
+// Splits "series|model" in place. Spaces belong to the two parts. A line that lacks one of them is
+// ignored, and so is one for which the table has no room.
 void AddModelLine(char* line, ModelList* models) {
   if (line[0] == '#' || line[0] == '\n' || line[0] == '\r') return;
   char* rest = nullptr;

@@ -16,7 +16,7 @@ struct ModelList {
 };
 
 /// Reads the models file; entries beyond the twentieth are ignored. 0 when at least one model was
-/// loaded, else 1.
+/// loaded, else 1, which is reported.
 int LoadModels(ModelList* models);
 
 /// 1 when the table gives `model` the Pellox series, both compared without regard to case.

@@ -1,5 +1,5 @@
-// The mutexes beside the list locks. Each is a leaf but for what its own comment names, and guards
-// what is annotated with it.
+// Mutexes, for what the list locks (locks.h) do not guard. A mutex guards what is annotated with
+// it. A thread that holds one takes no other lock except those that the mutex's own comment names.
 #pragma once
 
 #include <pthread.h>
@@ -21,8 +21,8 @@ class CAPABILITY("mutex") Mutex {
   pthread_mutex_t native_ = PTHREAD_MUTEX_INITIALIZER;
 };
 
-/// Holds a mutex. With default attributes no call can fail but by a mistake of the caller's
-/// (pthread_mutex_lock(3)).
+/// Holds a mutex. The calls on a mutex with default attributes fail only when the caller misuses
+/// them (pthread_mutex_lock(3)).
 class SCOPED_CAPABILITY MutexLock {
  public:
   explicit MutexLock(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) {

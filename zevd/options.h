@@ -1,5 +1,6 @@
-// What the command line says. Written by the main thread before there is another, then only read;
-// log_archive_time alone is changed afterwards, by the thread "cons_mon".
+// What the command line says. Written by the main thread before there is another, then only read,
+// except for log_archive_time and USE_CMD_LINE_ARCH_TIME, which only the thread "cons_mon" uses
+// from then on.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +13,7 @@ extern int cons_buf_size;           ///< -B: bytes of each console's replay ring
 extern int suppress_cr;             ///< -s: nonzero: no carriage returns in log files
 extern int foreground;              ///< -f: nonzero: do not detach
 extern int32_t log_archive_time;    ///< -a: age in seconds at which a log directory is archived
-extern int USE_CMD_LINE_ARCH_TIME;  ///< 1 once -a was given, valid or not
+extern int USE_CMD_LINE_ARCH_TIME;  ///< 1 after -a, valid or not, until the suite file has it
 extern uint16_t user_port;          ///< -p: TCP port on which users connect
 extern int max_pending_logins;      ///< most pending logins on a mapped port
 extern const char* log_dir;         ///< -l: root of all log files

@@ -38,7 +38,7 @@ Literal LiteralOf(std::string_view text) {
   return literal;
 }
 
-/// `first` and `second` in one, without what finds no room at the end or at the beginning.
+/// `first` and `second` in one, without what has no room at the end or at the beginning.
 class Joined {
  public:
   Joined(const Literal& first, const Literal& second) {
@@ -87,7 +87,7 @@ void Append(const Facts& part, Facts* whole) {
   whole->exact = whole->exact && part.exact && head.Fits();
 }
 
-// What both have in common is not given up: "(error|errors) of" has " of" behind either.
+// What both have in common is kept: in "(error|errors) of", " of" follows either.
 Literal CommonBeginning(std::string_view a, std::string_view b) {
   const auto [end, unused] = std::mismatch(a.begin(), a.end(), b.begin(), b.end());
   return LiteralOf(a.substr(0, static_cast<size_t>(end - a.begin())));
@@ -132,8 +132,8 @@ Facts Byte(char byte) {
   return facts;
 }
 
-/// Reads a pattern from left to right. Each function reads one thing and tells the facts of it; it
-/// is false when the pattern is not understood, and then nothing is known of any part of it.
+/// Reads a pattern from left to right. Each function reads one thing and tells the facts of it. It
+/// returns false when the pattern is not understood, and then nothing is known of any part of it.
 class Parser {
  public:
   explicit Parser(const char* pattern) : at_(pattern) {}
@@ -170,7 +170,7 @@ class Parser {
   bool Part(int depth, Facts* facts) {
     if (TakeAnchor()) {
       *facts = Nothing();
-      return true;  // nothing repeats an anchor: an operator behind it is met again and refused
+      return true;  // nothing repeats an anchor: an operator after it is met again and refused
     }
     if (!Atom(depth, facts)) return false;
     while (IsOneOf(*at_, "*+?{")) {
@@ -207,7 +207,7 @@ class Parser {
   }
 
   // A digit refers back to what a group has matched. "\w" and its like are sets; what the other
-  // letters mean is not laid down.
+  // letters mean is not defined.
   bool Escape(Facts* facts) {
     const char byte = at_[1];
     if (byte == '\0' || (byte >= '1' && byte <= '9')) return false;
@@ -217,7 +217,7 @@ class Parser {
   }
 
   // "[.]" is how many write a dot, and "[Ee]" an E of either case: sets of one byte. A hyphen
-  // counts as a member, so that no range is taken for one.
+  // counts as a member, so that no range is taken for one byte.
   bool Bracket(Facts* facts) {
     ++at_;
     bool one_byte = *at_ != '^';

@@ -1,4 +1,4 @@
-// Literals of a pattern: pieces of text of which every line that the pattern matches holds one.
+// Literals of a pattern: pieces of text, one of which is in every line that the pattern matches.
 #pragma once
 
 #include <array>
@@ -7,7 +7,7 @@
 
 namespace zevd {
 
-/// A capital letter of ASCII as the small one; every other byte as it is.
+/// Makes a small letter of a capital one of ASCII; leaves every other byte as it is.
 constexpr unsigned char FoldCase(unsigned char byte) {
   return byte >= 'A' && byte <= 'Z' ? static_cast<unsigned char>(byte - 'A' + 'a') : byte;
 }
@@ -34,7 +34,7 @@ struct LiteralSet {
 
 /// Literals such that every text matched by `pattern`, an extended regular expression that
 /// regcomp() takes, holds one of them when case is ignored. They are necessary and not sufficient,
-/// and none is empty. No literals at all when the pattern promises none or is not understood beyond
+/// and none is empty. There are none when the pattern promises none or is not understood beyond
 /// doubt.
 LiteralSet MandatoryLiterals(const char* pattern);
 

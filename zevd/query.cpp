@@ -51,7 +51,7 @@ void AppendAccessible(const ConsoleNode* cnode, size_t index) {
   char mode[2];
   GetStatusCode(cnode, status);
   GetHighPrecedModeCode(cnode, mode);
-  // In use by nobody but a hidden user.
+  // Only a hidden user is attached.
   if (status[0] == '1' && mode[0] == '0' && IsVrqUserConnectedERMode(cnode) != 0) status[0] = '0';
   FillConsolePacket(cnode, status, mode, index);
 }
@@ -79,7 +79,7 @@ void FillUserPacket(const char* user_name, const char* ipaddr, const char (&mode
       .Code(mode);
 }
 
-// Appends the users of one console behind `count` records. False when out of memory.
+// Appends the users of one console after the first `count` records. False when out of memory.
 bool AppendUsers(const ConsoleNode* cnode, size_t* count) {
   const auto users = Nodes(*cnode->user_list);
   size_t most = *count;
@@ -94,7 +94,7 @@ bool AppendUsers(const ConsoleNode* cnode, size_t* count) {
   return true;
 }
 
-// Another client holds the console's management session.
+// True when another client holds the console's management session.
 bool IsHeldElsewhere(const ConsoleNode* cnode) {
   return IsPellox(cnode->model, &model_list) != 0 && cnode->status == kRefused;
 }
@@ -140,8 +140,8 @@ int IsVrqUserConnectedERMode(const ConsoleNode* cnode) {
 
 namespace {
 
-// These answer; false when out of memory, which is then the answer. The caller releases the locks
-// before it reports that.
+// These set the answer. False when out of memory, which is then the answer; the caller reports it
+// after it has released the locks.
 
 bool AnswerConsoles(const char* cons_name) REQUIRES_SHARED(acl_lock, icl_lock) {
   const size_t most = AllConsoles();
@@ -194,10 +194,10 @@ void ProcessWhoCommand(const char* cons_name) {
   size_t count = 0;
   for (const ConsoleNode* cnode : Nodes(*a_cons_list)) {
     if (!IsCalled(*cnode, cons_name)) continue;
-    if (cnode->user_list->head == nullptr) break;
+    if (cnode->user_list->head == nullptr) break;  // kept: others of the name are not looked at
     if (!AppendUsers(cnode, &count)) {
       AnswerOutOfMemory();
-      lock.ReleaseFirstAndKeepSecondForEver();  // kept: icl_lock is never free again
+      lock.ReleaseFirstAndKeepSecondForEver();  // kept: icl_lock stays read-locked
       ReportOutOfMemory(__func__);
       return;
     }
@@ -206,7 +206,7 @@ void ProcessWhoCommand(const char* cons_name) {
     if (!IsCalled(*cnode, cons_name) || !IsHeldElsewhere(cnode)) continue;
     if (!MakeRoom(count + 1, kUserPacketSize)) {
       AnswerOutOfMemory();
-      lock.ReleaseSecondAndKeepFirstForEver();  // kept: acl_lock is never free again
+      lock.ReleaseSecondAndKeepFirstForEver();  // kept: acl_lock stays read-locked
       ReportOutOfMemory(__func__);
       return;
     }
@@ -231,8 +231,8 @@ namespace {
 
 constexpr char kOwnAddress[] = "127.0.0.1";
 
-/// What came of the question who holds a port. The answer is set in each case; what there is to
-/// report about it waits until the locks are released.
+/// What came of the question who holds a port. The answer is set in each case; reports about it
+/// wait until the locks are released.
 enum class HolderOutcome { kTold, kNotTold, kOutOfMemory };
 
 HolderOutcome DoNotTell(const char* text) {
@@ -245,7 +245,7 @@ HolderOutcome GiveUpForMemory() {
   return HolderOutcome::kOutOfMemory;
 }
 
-// Puts `address` behind `count` records. False when out of memory.
+// Puts `address` after the first `count` records. False when out of memory.
 bool AppendHolder(const char* address, size_t* count) {
   if (!MakeRoom(*count + 1, kPortHolderAddressPacketSize)) return false;
   PacketWriter(Record((*count)++, kPortHolderAddressPacketSize)).Text(address, kWireNameWidth);

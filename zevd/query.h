@@ -1,5 +1,7 @@
-// The commands that look: "console", "who", "mapped_port" and "portholder". The cmd_mon thread's
-// own; each takes the list locks itself.
+// The commands that look: "console", "who", "mapped_port" and "portholder". The thread cmd_mon runs
+// them; each takes the list locks itself and leaves its answer in the response state (answer.h). A
+// name counts whatever its case; a null one stands for every console. docs/protocol.md describes
+// the answers.
 #pragma once
 
 #include "console.h"

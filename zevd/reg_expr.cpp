@@ -108,7 +108,8 @@ int AppendPattern(const PatternLine& fields, regex_t* comp_regex, RegExList* reg
   return 0;
 }
 
-// From now on the list is one for the matcher. What has been compiled for it is of no use any more.
+// Makes the list one for the matcher (matcher.h). What has been compiled for it is of no use any
+// more.
 void HandOver(RegExList* regex_list) {
   static uint32_t last_number = 0;  // lists are read by one thread
   regex_list->matcher_set = ++last_number;
@@ -189,7 +190,7 @@ void MakeFilter(RegExList* list) {
   if (list->filter != nullptr && !FillFilter(*list, list->filter)) DropFilter(list);
 }
 
-// The matcher itself may run out of memory.
+// regexec() itself may run out of memory.
 bool IsMatch(const RegExNode& node, const char* text) {
   const int error = regexec(node.comp_regex, text, 0, nullptr, 0);
   if (error == 0 || error == REG_NOMATCH) return error == 0;
@@ -199,7 +200,7 @@ bool IsMatch(const RegExNode& node, const char* text) {
   return false;
 }
 
-// The matcher alone decides; the filter only spares it the patterns that cannot match.
+// regexec() alone decides; the filter only spares it the patterns that cannot match.
 const RegExNode* FirstMatch(const RegExList& list, const char* text) {
   if (list.filter == nullptr) {
     return FindNode(list, [&](const RegExNode& node) { return IsMatch(node, text); });

@@ -14,11 +14,11 @@ namespace zevd {
 struct RegExNode {
   char* jix_name;         ///< first field; kept, but of no effect
   int priority;           ///< of the event that a match posts
-  int case_sensitive;     ///< third field; 0 matches without regard to case
+  int case_sensitive;     ///< third field as a number; kept, but of no effect
   char* pattern;          ///< the text as written, a POSIX extended regular expression
   regex_t* comp_regex;    ///< compiled, owned; null in a list for the matcher
-  bool any_case = false;  ///< it matches without regard to case
-  bool left_out = false;  ///< the matcher could not bear it; the thread "cons_mon" only
+  bool any_case = false;  ///< the third field is "0": case does not matter
+  bool left_out = false;  ///< too much for the matcher; the thread "cons_mon" only
 };
 
 struct RegExListElem {

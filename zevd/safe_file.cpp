@@ -19,11 +19,11 @@ constexpr uid_t kSameOwner = static_cast<uid_t>(-1);
 // How often opening is tried while the file keeps appearing and disappearing.
 constexpr int kTries = 3;
 
-// A pipe without a peer and a file with a lease would be waited for. The flag stays set: it changes
-// nothing about regular files.
+// O_NONBLOCK, because opening a pipe without a peer, or a file with a lease, would wait. The flag
+// stays set: it changes nothing about regular files.
 constexpr int kSafely = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
-// 0 when it is a regular file with one name, else the reason against it.
+// 0 when it is a regular file with one name, else the errno value of what is wrong.
 int Objection(int fd) {
   struct stat file {};
   if (fstat(fd, &file) != 0) return errno;
@@ -81,8 +81,8 @@ int GiveStationGroup(int fd) {
   return fchown(fd, kSameOwner, root.st_gid);
 }
 
-// Both texts speak of a cookie file, whichever file it is: whoever filters the events relies on
-// that.
+// Kept: both texts speak of a cookie file, whichever file it is, because operators filter the
+// events by them.
 const char* SetUpNewFile(const char* function, int fd, const char* path, mode_t mode) {
   struct stat root {};
   if (stat(kQorRoot, &root) != 0) return nullptr;

@@ -2,8 +2,8 @@
 //
 // The directories of logs and configuration may be writable for the station's group, whose members
 // must not reach other files through what they put there: the daemon has rights that they lack. So
-// nothing is followed in the last part of a path, nothing is waited for, and whatever is changed is
-// changed through the descriptor of the file that was looked at.
+// no link is followed in the last part of a path, no open waits, and whatever is changed is changed
+// through the descriptor of the file that was looked at.
 #pragma once
 
 #include <sys/types.h>
@@ -40,14 +40,14 @@ int OpenOrMakeRegularFile(int directory, const char* path, int flags, mode_t mod
 /// no directory, a link to one included.
 int OpenRealDirectory(int directory, const char* path);
 
-/// Gives the file or directory the group of the station's root directory, if that can be examined.
-/// 0, or -1 with errno set.
+/// Gives the file or directory the group of the station's root directory, if that directory can be
+/// examined. 0, or -1 with errno set.
 int GiveStationGroup(int fd);
 
-/// Gives a new cookie or log file the group of the station's root directory, and then the mode;
-/// does nothing when that directory cannot be examined. Null, or, once the failure has been
-/// reported, the text with which the caller ends the process. `function` and `path` are for the
-/// report: what the path leads to may be another file by now.
+/// Gives a file the group of the station's root directory, and then the mode; does nothing when
+/// that directory cannot be examined. Null, or, once the failure has been reported, the text with
+/// which the caller ends the process. `function` and `path` are for the report: the path may lead
+/// to another file by now.
 const char* SetUpNewFile(const char* function, int fd, const char* path, mode_t mode);
 
 }  // namespace zevd

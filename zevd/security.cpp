@@ -63,8 +63,8 @@ ssize_t PeekBefore(int sock, char* buf, size_t size, int64_t deadline) {
   }
 }
 
-// Looks at what the client has sent. The number of bytes, or what recv() returned with errno set;
-// the socket's own time-out is as before afterwards.
+// Peeks at what the client has sent. Returns the number of bytes, or what recv() returned, with
+// errno set. Leaves the socket's own time-out as it was.
 ssize_t PeekFirstLine(int sock, char* buf, size_t size) {
   timeval saved{};
   socklen_t length = sizeof saved;
@@ -105,7 +105,7 @@ int IsTokenAuthentication(int sock, char (&user_cookie)[kCookieSize]) {
   token = strtok_r(nullptr, kSeparators, &rest);
   if (token == nullptr) return -1;
   CopyText(user_cookie, token);
-  ReplaceControls(user_cookie);  // it is shown when it is wrong
+  ReplaceControls(user_cookie);  // a wrong one is shown
   return 1;
 }
 
@@ -122,13 +122,13 @@ void AuditLogin(const char* result, const Identity& identity, const char* cons_n
   (strcmp(result, kAccepted) == 0 ? counters.logins_accepted : counters.logins_refused).Add();
 }
 
-// For a refusal that has no text the connection itself has failed.
+// When a refusal has no text, the connection itself has failed.
 void AuditRefusedLogin(const Identity& identity, const char* cons_name) {
   AuditLogin("refused", identity, cons_name,
              u_err_msg == nullptr ? "The connection failed." : u_err_msg);
 }
 
-// A password that was typed where the name belongs is in these.
+// A password that was typed in place of the name may be in this field.
 void Wipe(Identity& identity) {
   explicit_bzero(identity.given_user, sizeof identity.given_user);
 }
@@ -139,11 +139,11 @@ void FreeWiped(char* text) {
 }
 
 /// The connection that the calling thread has the library authenticate, and whether the library has
-/// told of a pair that it refused there.
+/// reported a pair that it refused there.
 thread_local const Identity* authenticated = nullptr;
 thread_local bool refusal_told = false;
 
-// Every try shows in the system log, whatever becomes of the connection.
+// Every failed try shows in the system log, whatever becomes of the connection.
 void TellRefusal(int /*sock*/, const char* user) {
   Identity failed = *authenticated;
   CopyText(failed.given_user, user);
@@ -152,7 +152,7 @@ void TellRefusal(int /*sock*/, const char* user) {
   Wipe(failed);
 }
 
-// The station's own library may have no way to tell.
+// The station's own library may lack the means to report refusals (tqauth.h).
 char* AskLibrary(int sock, char** user, const Identity& identity) {
   authenticated = &identity;
   if (authenticate_tell_refusals != nullptr) authenticate_tell_refusals(TellRefusal);
@@ -260,7 +260,7 @@ bool IsTelnetSequence(const char* text) {
   return static_cast<unsigned char>(text[0]) == 255;
 }
 
-// An empty line is kept as it arrived, line end included.
+// Kept: an empty line stays as it arrived, line end included.
 void CutLineEnd(char* text) {
   const size_t length = strcspn(text, "\r\n");
   if (length > 0) text[length] = '\0';
@@ -322,7 +322,7 @@ bool ReportFailedTry(int sock, const char* user_name, const char* cons_name, int
   return SendText(sock, "\nInvalid username/password combination. Please try again.\r\n\n");
 }
 
-// Every try shows in the system log, whatever becomes of the connection.
+// Every failed try shows in the system log, whatever becomes of the connection.
 void AuditFailedTry(const char* user_name, const char* cons_name, const Identity& identity,
                     const char* reason) {
   Identity failed = identity;
@@ -386,7 +386,7 @@ int AuthenticateOnLinux(const char* username, const char* password, const char* 
 
 int IsInQORUserGroup(const char* username) {
   ENTERING();
-  static Mutex group_database_mutex;  // the walk has one position for the whole process
+  static Mutex group_database_mutex;  // getgrent() has one position for the whole process
   const MutexLock lock(group_database_mutex);
   bool member = false;
   setgrent();

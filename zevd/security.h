@@ -15,8 +15,9 @@ namespace zevd {
 int DoAuthentication(int sock, const sockaddr_in& client_addr, char* buf, int size,
                      Identity& identity);
 
-/// The login dialogue. 0 when the user is admitted, with the name in `identity`, else -1. Takes as
-/// long as the user does. Ends the thread when it is cancelled.
+/// The login dialogue. 0 when the user is admitted, with the name in `identity`; -1 otherwise, with
+/// u_err_msg set where a reason is known. Takes as long as the user does. Ends the thread when it
+/// is cancelled.
 int PromptForUserNameAndPasswd(int sock, const char* cons_name, Identity& identity);
 
 }  // namespace zevd

@@ -1,10 +1,13 @@
 // The life of the "serv_conn" threads.
 //
-// user_conn starts one for each accepted connection, detached. It carries the connection through
-// authentication, argument line and attaching. It ends by itself, or by cancellation while it waits
-// for the client; everywhere else cancellation is disabled, so that no lock is left held and a
-// socket is either handed over or closed, never both. It takes one list lock at a time, or acl_lock
-// and icl_lock as a pair for the look-up by port.
+// user_conn starts one for each accepted connection, detached. The thread frees its parameters,
+// carries the connection through authentication, argument line and attaching, and either hands the
+// socket over to a monitor, which it wakes, or closes it. It ends by itself, or by cancellation
+// when its port is dropped: while it waits for the client or the password helper, before it hands
+// the socket over, or at its end. Everywhere else cancellation is disabled, so that no lock is left
+// held and a socket is either handed over or closed, never both. It takes one list lock at a time,
+// or acl_lock and icl_lock as a pair in that order for the look-up by port, and
+// pending_logins_mutex alone.
 #include "serv_conn.h"
 
 #include <fcntl.h>
@@ -43,7 +46,7 @@ struct ArgumentRow {
   int (*apply)(const char* value, ConsoleArgs* args);
 };
 
-/// A word of a stranger's as it may be shown.
+/// A stranger's word as it may be shown.
 struct Shown {
   char text[1024];
   explicit Shown(const char* word) {
@@ -133,7 +136,7 @@ int ParseConsoleArgs(char* buf, ConsoleArgs* args) {
 
 namespace {
 
-sem_t service_thread_counted;  // posted by each new serv_conn thread once its port counts it
+sem_t service_thread_counted;  // posted by each new thread when its port has counted it
 
 constexpr char kServe[] = "ServiceConnectionRequestThreadStart";
 constexpr time_t kArgumentWait = 10;  // seconds
@@ -163,7 +166,7 @@ int ClosingConnection(const Connection& connection) {
   return -1;
 }
 
-// Finds the console that the port implies and refuses what would be refused after a login too.
+// Finds the console that the port implies and refuses what would also be refused after a login.
 int FindMappedConsole(Connection& connection, MappedConsole* console) {
   if (!CopyMappedConsole(connection.port, console)) {
     SetUserError(kPortNotMapped);
@@ -245,7 +248,8 @@ int PrepareMainPort(Connection& connection) {
   return 0;
 }
 
-// Learns which console is wanted, in which mode and for whom. 0, or -1 with u_err_msg set.
+// Learns which console is wanted, in which mode and for whom. 0, or -1 with u_err_msg set where a
+// reason is known.
 int PrepareConnection(Connection& connection) {
   if (security_enabled != 0) DEBUG_AS(kServe, kInfo, "Performing security check.\n");
   return connection.OnMainPort() ? PrepareMainPort(connection) : PrepareMappedPort(connection);
@@ -259,7 +263,7 @@ void SendGreeting(int sock, const char* cons_name) {
 }
 
 // Hands the socket over to the monitors. The greeting of a mapped port goes through a descriptor of
-// its own: the user may be gone, and the number of the other one in use elsewhere, by then.
+// its own: by then the user may be gone, and the number of the socket may be in use elsewhere.
 int AttachUser(Connection& connection) {
   const ConsoleArgs& args = connection.args;
   const int greeting_sock =
@@ -300,7 +304,7 @@ void ServiceConnection(Connection& connection) {
   SendErrorToUser(connection.sock, u_err_msg);
   close(connection.sock);
   connection.sock = -1;
-  // A password that was typed where the name belongs may be in it.
+  // A password that was typed in place of the name may be in it.
   explicit_bzero(&connection.identity, sizeof connection.identity);
 }
 

@@ -19,12 +19,12 @@ struct ServiceReqThreadParams {
 };
 
 /// Starts a thread for the connection and waits until its port counts it, so that the next request
-/// on the port meets the true number of pending logins and the port is never dropped between the
-/// two. The user_conn thread only. False when there can be no thread; the parameters and the socket
-/// are still the caller's.
+/// on the port meets the true number of pending logins, and the port is not dropped before the
+/// thread is counted. The user_conn thread only. False when there can be no thread; the parameters
+/// and the socket are still the caller's.
 bool StartServiceThread(ServiceReqThreadParams* params);
 
-/// Sends what u_err_msg says and closes the socket.
+/// Sends what u_err_msg says, if anything, and closes the socket.
 void RefuseConnection(int sock);
 
 }  // namespace zevd

@@ -1,3 +1,4 @@
+// Keeping SIGTERM from interrupting a thread at the wrong moment.
 #pragma once
 
 #include <csignal>

@@ -12,7 +12,7 @@ namespace zevd {
 
 namespace {
 
-// What else ends the wait goes into the set of those that are asked.
+// Adds what else ends the wait to the set for select().
 bool AddWaker(const Waker* waker, DescriptorSet& asked) {
   if (waker == nullptr) return true;
   return asked.Add(waker->descriptor()) && (waker->beside() == -1 || asked.Add(waker->beside()));
@@ -23,8 +23,8 @@ int Highest(int high_sock, const Waker* waker) {
   return std::max({high_sock, waker->descriptor(), waker->beside()});
 }
 
-// Every member is asked. Without memory they are asked again in the next pass, which begins after a
-// pause.
+// Lets select() look at every member. When memory is short, nothing is waited for; the next pass,
+// which begins after a pause, tries again.
 int WaitForEach(int high_sock, DescriptorSet& set, const Waker* waker, timeval* timeout) {
   const int highest = Highest(high_sock, waker);
   if (waker != nullptr && (!set.Reserve(highest) || !AddWaker(waker, set))) return 0;
@@ -41,7 +41,7 @@ int WaitForEach(int high_sock, DescriptorSet& set, const Waker* waker, timeval* 
   return ready;
 }
 
-// The watch is asked for all of its members.
+// Waits for the watch, which stands for all of its members.
 int WaitForWatch(DescriptorSet& set, const Waker* waker, timeval* timeout, SocketWatch* watch) {
   DescriptorSet& asked = watch->asked();
   asked.Clear();

@@ -1,6 +1,6 @@
-// Waiting for a list's sockets. select() asks every socket of a set, in every pass; a list that may
-// have thousands of members keeps them with the kernel instead (epoll(7)), which then tells only of
-// those that have something to say. One select() still does the waiting, over the one descriptor
+// Waiting for a list's sockets. select() looks at every socket of a set in every pass. A list that
+// may have thousands of members registers them with the kernel instead (epoll(7)), which then names
+// only those that have something to say. One select() still does the waiting, on the one descriptor
 // that stands for all members.
 //
 // A watch belongs to one list (list.h) and follows its set. What it holds is guarded by the list's
@@ -20,31 +20,32 @@ namespace zevd {
 
 class SocketWatch {
  public:
-  /// Members told of at once. Whoever reads them holds the list's lock meanwhile. Threads that want
-  /// two locks try for a millisecond and a half and then stay away for up to a second (locks.h):
-  /// they get it in between.
+  /// The most members that are named at once. Whoever reads them holds the list's lock meanwhile.
+  /// Threads that want two locks try for a millisecond and a half and then stay away for up to a
+  /// second (locks.h): they get the lock in between.
   static constexpr int kMostAtOnce = 64;
 
   /// Before the threads start. False when the system has no descriptor left (errno tells).
   [[nodiscard]] bool Open();
 
   /// False when the kernel took no watch, or not every member, which is reported: from then on
-  /// every member is asked. Any thread.
+  /// select() looks at every member. Any thread.
   bool usable() const { return usable_; }
 
   /// The watch's own descriptor, readable while a member is.
   int descriptor() const { return descriptor_; }
 
-  /// From now on the members are `sockets`, all open. The list's lock is held for writing.
+  /// Makes `sockets`, all open, the members. The list's lock is held for writing.
   void Follow(const DescriptorSet& sockets);
 
-  /// To be called before a socket is closed that the watch may have. The kernel goes on telling of
-  /// it while anybody has another descriptor of it, a child that is being started for one; and its
-  /// number can come back as another socket of the same list. The list's lock is held for writing.
+  /// Must be called before a socket is closed that the watch may have. The kernel goes on naming
+  /// the socket while another descriptor of it is open, as in a child that is being started; and
+  /// its number can come back as another socket of the same list. The list's lock is held for
+  /// writing.
   void Forget(int sock);
 
-  /// Takes from `set` what is not readable now. Returns the number of those that stay, at most
-  /// kMostAtOnce; who is left out is told of in the next calls, before those who were told of come
+  /// Removes from `set` what is not readable now. Returns the number of those that stay, at most
+  /// kMostAtOnce; the next calls name those that were left out before they name the same ones
   /// again. The waiting thread only.
   int KeepReadable(DescriptorSet& set) const;
 
@@ -76,26 +77,25 @@ class SocketIndex {
 
   void Clear();
 
-  /// `sock` is one that there is room for. Should two members have the same socket, the first one
-  /// set stays.
+  /// There is room for `sock`. Should two members have the same socket, the first one set stays.
   void Set(int sock, Elem* elem);
 
-  /// Calls `visit` with the elements of those sockets: one that is `before` another comes first,
-  /// and those that `before` does not part come in list order.
+  /// Calls `visit` with the elements of those sockets: one that is `before` another comes first;
+  /// otherwise they come in list order.
   template <typename Before, typename Visit>
   void ForEachInOrder(const DescriptorSet& sockets, Before before, Visit visit);
 
  private:
   Elem** members_ = nullptr;  ///< by socket
   Elem** found_ = nullptr;    ///< work space of ForEachInOrder()
-  int room_ = 0;              ///< of either
+  int room_ = 0;              ///< elements in each of the two
 };
 
 /// Waits until a member of `set` (descriptors 0 to `high_sock`) is readable, `waker` is woken or
 /// `timeout` is over; select() leaves the unslept time in `timeout`. Returns the number of readable
-/// members, the waker not counted, 0 also without memory, or -1 with errno set; when it is above 0,
-/// `set` holds exactly those. A usable `watch` has all members of `set`; null: every member is
-/// asked.
+/// members, the waker not counted, 0 also when memory is short, or -1 with errno set; when it is
+/// above 0, `set` holds exactly those. A usable `watch` has all members of `set`; without one,
+/// select() looks at every member.
 int WaitForMembers(int high_sock, DescriptorSet& set, const Waker& waker, timeval* timeout,
                    SocketWatch* watch = nullptr);
 

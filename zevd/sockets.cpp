@@ -15,7 +15,7 @@ namespace zevd {
 
 namespace {
 
-// For the few sends that wait for their peer, and for a whole replay.
+// The longest wait for a peer: of the few sends that wait at all, and of a whole replay.
 constexpr timeval kSendLimit = {0, 200000};
 constexpr int kSendBuffer = 256 * 1024;
 

@@ -1,4 +1,4 @@
-// The sockets of the relay: their options, their room, and what is sent at the start. Any thread.
+// The sockets of the relay: their options, their room, and what they are sent first. Any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -22,7 +22,7 @@ bool HasSendRoom(int sock);
 /// (RFC 857, RFC 858).
 void SetTelnetOptions(int sock);
 
-/// A series of sends to one peer that may wait for it for a bounded time in all.
+/// Sends to one peer that may wait for it for 200 ms in all.
 class SendBudget {
  public:
   SendBudget();

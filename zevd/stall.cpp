@@ -11,7 +11,8 @@ namespace zevd {
 namespace {
 
 // Bytes that the peer has acknowledged since the connection began; 0 when the kernel cannot tell.
-// What is still unsent would not do: another sender may fill up at once what the peer has taken.
+// The number of unsent bytes would not do: another sender may fill at once the room that the peer
+// has made.
 uint64_t BytesTaken(int sock) {
   tcp_info info{};
   socklen_t size = sizeof info;

@@ -11,11 +11,12 @@ struct StallLimits {
   int64_t no_room;  ///< without taking enough to make room for more
 };
 
-/// One sender's wait for room at a peer, to which others may be sending as well. Belongs to whoever
-/// holds the lock of the record that it is a field of.
+/// One sender's wait for room at a peer, to which others may be sending as well. Guarded by
+/// whatever guards the record that it is a field of.
 class Stall {
  public:
-  /// Called each time there is no room to send to `sock`. True once that has gone on for too long.
+  /// To be called each time there is no room to send to `sock`. True once that has gone on for too
+  /// long.
   bool IsTooLong(int sock, const StallLimits& limits);
 
   /// There is room again.
@@ -27,9 +28,9 @@ class Stall {
   }
 
  private:
-  int64_t since_ = -1;  // in milliseconds of a clock that nobody sets; -1 while there is room
-  int64_t last_progress_ = 0;
-  uint64_t taken_ = 0;  // bytes, at the last call
+  int64_t since_ = -1;         // milliseconds of the monotonic clock; -1 while there is room
+  int64_t last_progress_ = 0;  // the same clock
+  uint64_t taken_ = 0;         // bytes, at the last call
 };
 
 }  // namespace zevd

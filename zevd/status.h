@@ -4,8 +4,8 @@
 
 namespace zevd {
 
-/// The consoles of that name, in any case, or all of them without a name; first those that are
-/// connected.
+/// The consoles of that name, whatever its case, or all of them without a name; connected ones
+/// first.
 void ProcessStatusCommand(const char* cons_name);
 
 /// What the daemon has done since it started.

@@ -1,5 +1,5 @@
-// Names for clang's thread-safety attributes; they vanish under other compilers. script/lint runs
-// the check that they stand for.
+// Names for clang's thread-safety attributes, which vanish under other compilers. script/lint runs
+// clang's check of them.
 #pragma once
 
 #if defined(__clang__)

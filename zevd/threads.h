@@ -23,13 +23,13 @@ extern std::atomic<unsigned> thread_waiting_mask;  ///< each bit written by its 
 /// The pause at the start of every pass of every long-lived thread, in microseconds.
 inline constexpr useconds_t kPassPause = 500;
 
-/// Lets the kernel wake the calling thread half a millisecond later than it asked to be, together
-/// with others (prctl(2), PR_SET_TIMERSLACK). For threads that only look round, 2000 times a
-/// second: a timer interrupt of its own for each of their pauses is most of what an idle station
-/// costs.
+/// Lets the kernel wake the calling thread up to half a millisecond late, together with others
+/// (prctl(2), PR_SET_TIMERSLACK). For threads that only poll: a timer interrupt for each of their
+/// pauses, some 2000 a second, is most of what an idle station costs.
 void ShareWakeUps();
 
-/// Top of a long-lived thread's loop: stands still while the thread's bit is requested.
+/// Called at the top of a long-lived thread's loop. Stands still while the thread's bit is set in
+/// thread_waitreq_mask.
 void ParkIfAsked(unsigned bit);
 
 }  // namespace zevd

@@ -10,7 +10,7 @@ namespace zevd {
 namespace {
 
 size_t Format(time_t when, char* text, size_t size, const char* format) {
-  // localtime_r() takes a lock of the C library's.
+  // localtime_r() takes a lock of the C library's, which the handler needs too.
   const TermSignalHold hold;
   tm local{};
   localtime_r(&when, &local);

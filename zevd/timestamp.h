@@ -1,3 +1,4 @@
+// The local time as text.
 #pragma once
 
 #include <cstddef>

@@ -127,7 +127,7 @@ int HasExclRevokeConn(const ConsoleNode* cnode) {
 
 bool IsLockedExclusively(const ConsoleNode* cnode) {
   ENTERING();
-  // Read-only users who came before an exclusive one keep it from blocking others.
+  // Kept: read-only users who came before an exclusive one keep it from blocking others.
   const UserListElem* first = cnode->user_list->head;
   return first != nullptr && first->unode->mode == kExclusive;
 }

@@ -21,13 +21,13 @@ enum AccessMode : int {
   kExclusiveRevocable = 4,  ///< the next user in any mode but read-only takes the console over
 };
 
-/// One attached user. It stands on its console's user list and on the global user_list; only the
-/// user input monitor takes it off, closes its socket and frees it. A field without a remark is
+/// One attached user, on its console's user list and on the global user_list. Only the user input
+/// monitor takes it off user_list, closes its socket and frees it. A field without a remark is
 /// written before anybody else knows the record, and not changed afterwards.
 struct UserNode {
   int sock;
   std::atomic<int> connected;             ///< 0: to be removed; any thread may clear it
-  std::atomic<const char*> close_reason;  ///< why it was cleared first; null before
+  std::atomic<const char*> close_reason;  ///< why it was first cleared; null before
   int mode;                               ///< AccessMode
   time_t since;                           ///< when the user was attached
   char user_name[kUserNameSize];
@@ -40,7 +40,7 @@ struct UserNode {
   char cons_name[kNameSize];
   int send_error GUARDED_BY(ul_lock);  ///< why sending to the console failed, 0 when it did not
   Stall console_stall GUARDED_BY(ul_lock);  ///< the console takes nothing of what the user types
-  /// The user takes nothing of what the console prints. Under acl_lock.
+  /// The user takes nothing of what the console prints.
   Stall output_stall GUARDED_BY(acl_lock);
 };
 
@@ -71,7 +71,7 @@ inline constexpr int kUserErrorCount = 16;
 /// where something fails, sent by the code that closes the connection.
 extern thread_local const char* u_err_msg;
 
-/// The text of an error: "NNN - text\r\n".
+/// The text of an error: "NNN - text\r\n". It is never freed.
 const char* UserErrorText(UserError error);
 void SetUserError(UserError error);
 
@@ -79,7 +79,7 @@ void SetUserError(UserError error);
 /// of the console. Returns -1.
 int Refuse(UserError error, const char* format, const char* function, const char* console_name);
 
-/// Sends the text, if there is one.
+/// Sends the text, if there is one, and counts the refusal.
 void SendErrorToUser(int sock, const char* err_msg);
 
 /// Reports an allocation that failed in `function`, as ReportOutOfMemory(), and sets error 013.
@@ -110,17 +110,20 @@ int HasExclRevokeConn(const ConsoleNode* cnode);
 /// True when the first user of the console, and only the first, holds mode 3.
 bool IsLockedExclusively(const ConsoleNode* cnode);
 
-/// What a user is called who gave no name.
+/// The name that is shown for a user who gave none.
 inline constexpr char kUnknownUser[] = "<unknown>";
 
 // ---- Records and lists --------------------------------------------------------------------------
 
-/// A record for a user who is attached, counted in the console's ref_count. Null, with
-/// u_err_msg set, when out of memory.
+// Whoever changes or reads a list holds its lock, unless nobody else knows the list. Allocation
+// failures set u_err_msg to error 013, are reported, and give null or -1.
+
+/// A record for a user who is being attached, counted in the console's ref_count.
 UserNode* NewUserNode(int sock, ConsoleNode* cnode, const char* user_name, const char* ipaddr,
                       int mode) REQUIRES(acl_lock);
 
-/// For a user who never came to the monitors: frees the record and leaves the socket.
+/// For a user who was never put on user_list: uncounts and frees the record, and leaves the socket
+/// open.
 void DiscardUserNode(UserNode* unode) REQUIRES(acl_lock);
 UserListElem* NewUserListElem(UserNode* unode);
 UserList* NewUserList(const char* list_name);
@@ -129,7 +132,7 @@ void InitUserList(UserList* list, const char* list_name);
 /// Frees the list and its name; elements and users are the caller's business.
 void FreeUserList(UserList* list);
 
-/// Appends at the tail. 0, or -1 when out of memory.
+/// Appends at the tail. 0 or -1.
 int AddUserToList(UserNode* unode, UserList* list);
 
 /// Unlinks the user and neither closes nor frees it. A user who is not there ends the process.

@@ -1,8 +1,14 @@
 // The life of the thread "user_conn".
 //
-// main starts it; it never ends and nothing wakes it. It owns mapped_port_list, starts one detached
-// serv_conn thread (serv_conn.h) for each accepted connection and waits until that thread is
-// counted. When a port is dropped, it cancels the port's serv_conn threads.
+// main starts it; it never ends. A connection request ends its wait in select(), until the time for
+// that wait is used up (CheckForConnectionRequests()); from then on it looks after every pause of
+// 500 microseconds to 1 millisecond. Nothing else wakes it: it looks in each pass whether the ports
+// are to be matched with the configuration again. It alone changes mapped_port_list, opens and
+// closes the listening sockets and frees their records. It starts one detached serv_conn thread
+// (serv_conn.h) for each accepted connection and waits until that thread is counted. When a port is
+// dropped, it cancels the port's serv_conn threads. To look for mapped ports it takes acl_lock and
+// icl_lock as a pair in that order, and inside it pending_logins_mutex, which it otherwise takes
+// alone.
 #include "user_conn.h"
 
 #include <arpa/inet.h>
@@ -53,7 +59,7 @@ void ConfigureMappedPorts(const ConsoleList& list) {
 
 // Unlinking the port and cancelling its threads are one step under the mutex: a thread that finds
 // its port gone can rely on being cancelled. The ids are valid, because a thread ends only after it
-// has taken its own out, under the same mutex.
+// has taken its own id out, under the same mutex.
 void DropPort(MappedPortNode* mpnode) {
   constexpr char kFunction[] = "CleanUpStalePorts";
   const PendingLoginsGuard guard(kFunction);
@@ -69,7 +75,7 @@ void DropPort(MappedPortNode* mpnode) {
 DescriptorBudget descriptor_budget;
 ReserveDescriptor reserve_descriptor;
 
-// Logins that are under way may each start a password helper; those who wait for one have none.
+// Each login in progress may start a password helper; those that wait for one have none yet.
 DescriptorUse LookAtDescriptors() {
   constexpr int kMostHelpers = 2 * kHelpersAtOnce;  // of the daemon's dialogue and of the library
   constexpr int kDescriptorsOfHelper = 2;
@@ -112,14 +118,14 @@ void ServeConnection(int sock, const MappedPortNode* mpnode, const sockaddr_in& 
 
 constexpr char kAccept[] = "AcceptConnectionRequests";
 
-/// An error of accept() that costs no more than a try. All others are our own.
+/// An error of accept() that costs no more than a try. Any other is a mistake of the daemon's own.
 struct AcceptError {
   int error;
   int level;  // at which it is said
 };
 
 constexpr AcceptError kPassingErrors[] = {
-    // Of the caller who went again, or of the network between (accept(2)).
+    // Of a caller who has gone, or of the network (accept(2)).
     {EAGAIN, kDetail},
     {EINTR, kDetail},
     {ECONNABORTED, kInfo},
@@ -134,13 +140,13 @@ constexpr AcceptError kPassingErrors[] = {
     {EHOSTUNREACH, kInfo},
     {ENONET, kInfo},
     {ETIMEDOUT, kInfo},
-    // The system's own, which pass too: the caller waits meanwhile.
+    // Of the system, which pass too: the caller waits meanwhile.
     {ENOMEM, kError},
     {ENOBUFS, kError},
 };
 
-// The connection, or -1 with errno set. The listening sockets do not block: the caller whom the
-// wait told of may have gone.
+// Returns the connection, or -1 with errno set. The listening sockets do not block, because the
+// caller that ended the wait may have gone.
 int Accept(const MappedPortNode* mpnode, sockaddr_in* peer) {
   socklen_t length = sizeof *peer;
   return accept4(mpnode->sock, reinterpret_cast<sockaddr*>(peer), &length, SOCK_CLOEXEC);
@@ -161,8 +167,8 @@ void RefuseForWantOfRoom(int sock) {
   RefuseConnection(sock);
 }
 
-// All descriptors are in use, as `error` says: the caller is taken with the one in reserve, and
-// refused. Where another thread was quicker to open one in its place, the caller waits for a later
+// All descriptors are in use, as `error` says. Takes the caller with the descriptor in reserve, and
+// refuses it. When another thread is quicker to take that descriptor, the caller waits for a later
 // pass.
 void RefuseWithReserve(const MappedPortNode* mpnode, int error) {
   static Throttle report(kShortageReportInterval);  // this thread's own
@@ -233,7 +239,8 @@ void* UserConnectionsThreadStart(void* /*unused*/) {
 
 void SetupMappedPorts() {
   ENTERING();
-  // Cleared first: a refresh that is asked for meanwhile is done at the next pass, not forgotten.
+  // Cleared first, so that a refresh that is asked for meanwhile is done in the next pass and not
+  // forgotten.
   refresh_mapped_ports = 0;
   const ListBatch batch(*mapped_port_list);
   CleanUpStalePorts();
@@ -319,7 +326,7 @@ void WaitForConnectionRequests() {
   for (;;) {
     ParkIfAsked(kPauseUserConn);
     usleep(kPassPause);
-    reserve_descriptor.Hold();  // if another thread was quicker before
+    reserve_descriptor.Hold();  // again, if another thread took it before
     if (refresh_mapped_ports != 0) SetupMappedPorts();
     const int high_sock = mapped_port_list->high_sock;
     if (!fdset.CopyFrom(mapped_port_list->fdset)) {
@@ -332,8 +339,8 @@ void WaitForConnectionRequests() {
 
 int CheckForConnectionRequests(int high_sock, DescriptorSet* fdset) {
   ENTERING();
-  // select() leaves the unslept time here and nothing resets it: once a wait has run out, every
-  // later one only looks, and the pause of the loop alone paces the thread.
+  // Kept: select() leaves the unslept time here and nothing resets it: once a wait has run out,
+  // every later one only looks, and the pause of the loop alone paces the thread.
   static timeval timeout = {2, 0};
   zev_debug(kTrace, "%s: Calling select( %d + 1, fdset, 0, 0, (%d,%d))\n", __func__, high_sock,
             static_cast<int>(timeout.tv_sec), static_cast<int>(timeout.tv_usec));

@@ -3,6 +3,7 @@
 
 namespace zevd {
 
+/// The thread's function; never returns.
 void* UserConnectionsThreadStart(void* unused);
 
 }  // namespace zevd

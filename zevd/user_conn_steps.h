@@ -8,18 +8,31 @@
 
 namespace zevd {
 
+/// Matches the listening ports with the configuration.
 void SetupMappedPorts();
+
+/// Begins to listen on the main port and on every mapped port of a console, as far as it does not
+/// listen yet. A port that it cannot listen on is reported. Always 0.
 int GetPortsToListenOn();
+
+/// Listens on the port and puts it on mapped_port_list. 0, even when the list had no room for it;
+/// -1 when it cannot be listened on or memory is short.
 int ConfigurePort(uint16_t port);
+
+/// Drops the ports that no console has any more, and cancels the logins that are pending on them.
 void CleanUpStalePorts();
 
 /// A listening socket on all interfaces, or -1.
 int ListenOnPort(uint16_t port);
+
+/// The loop of the thread.
 [[noreturn]] void WaitForConnectionRequests();
 
-/// 1 when some port has a connection request. `fdset` is the caller's copy; it then holds the ready
-/// sockets.
+/// 1 when some port has a connection request, else 0. `fdset` is the caller's copy; it then holds
+/// the ready sockets. Ends the process when select() fails.
 int CheckForConnectionRequests(int high_sock, DescriptorSet* fdset);
+
+/// Accepts one connection on each of these sockets, and serves or refuses it.
 void AcceptConnectionRequests(const DescriptorSet* fdset);
 
 }  // namespace zevd

@@ -1,3 +1,4 @@
+// Lists of users; the record itself is in user.h.
 #pragma once
 
 #include <cstdint>

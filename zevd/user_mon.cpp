@@ -2,8 +2,9 @@
 //
 // main starts it; it never ends. It makes a pass at least every 2 seconds: a key, a new user or one
 // marked for removal ends the wait in select() (user_mon_waker does so for the last two). It reads
-// users and writes to consoles with ul_lock held for writing, and removes, closes and frees users
-// with ul_lock and acl_lock, taken as a pair in that order.
+// users and writes to consoles with ul_lock held for writing, looks for vanished users and marked
+// ones with ul_lock held for reading, and removes, closes and frees users with ul_lock and
+// acl_lock, taken as a pair in that order.
 #include "user_mon.h"
 
 #include <sys/socket.h>
@@ -47,24 +48,25 @@ void CloseAfterReceiveFailure(UserNode* unode, ssize_t result) {
   CloseUserConnection(unode, result == 0 ? "The user left." : "The connection failed.");
 }
 
-// The reason is reported at the removal, where the console's name may be read.
+// The reason is reported when the user is removed, because the console's name must not be read
+// under ul_lock alone.
 void DropTypingUser(UserNode* unode, int error) REQUIRES(ul_lock) {
   unode->send_error = error;
   CloseUserConnection(unode, "The console took no input.");
 }
 
-// Hands the raw bytes to the user's console without waiting for it. The number that it took, 0 when
-// it takes none at present, or -1 with errno set.
+// Hands the raw bytes to the user's console without waiting for it. Returns the number that it
+// took, 0 when it takes none at present, or -1 with errno set.
 ssize_t ForwardToConsole(const UserNode* unode, const char* buf, ssize_t count) {
-  // A console that is not connected has no socket for users: its own thread may close the one it
-  // is trying at any time, and the number then belongs to a stranger.
+  // A console that is not connected has no socket for users: cons_conn may close the one that it is
+  // trying at any time, and the number then belongs to a stranger.
   const ConsoleNode* cnode = unode->cnode;
   const int sock = cnode->status == kConnected ? cnode->sock.load() : -1;
   const ssize_t sent = send(sock, buf, static_cast<size_t>(count), MSG_DONTWAIT);
   return sent < 0 && errno == EAGAIN ? 0 : sent;
 }
 
-// Takes `count` bytes that were seen off the user's socket.
+// Reads from the user's socket the `count` bytes that a peek has seen.
 void Consume(UserNode* unode, char* buf, ssize_t count) {
   const ssize_t taken = recv(unode->sock, buf, static_cast<size_t>(count), MSG_WAITALL);
   if (taken < 0) {
@@ -91,7 +93,7 @@ void RelayToConsole(UserNode* unode, char* buf, ssize_t seen) REQUIRES(ul_lock) 
   if (sent < 0) DropTypingUser(unode, error);
 }
 
-// Takes what one peek sees off a readable user. A read-only user's input is thrown away.
+// Deals with what one peek sees of a user's input. That of a read-only user is thrown away.
 void ReadUser(UserNode* unode) REQUIRES(ul_lock) {
   char buf[kChunkSize];
   const ssize_t seen = recv(unode->sock, buf, sizeof buf, MSG_PEEK);
@@ -104,8 +106,8 @@ void ReadUser(UserNode* unode) REQUIRES(ul_lock) {
   }
 }
 
-// Of those who type at a console that has no room for all of it, each gets some in turn: who sends
-// much would otherwise take what room there is in every pass.
+// When a console has no room for all that is typed at it, its users take turns: otherwise whoever
+// sends much would take all the room in every pass.
 bool HasWaitedLonger(const UserNode* unode, const UserNode* other) REQUIRES(ul_lock) {
   return unode->console_stall.IsLongerThan(other->console_stall);
 }
@@ -169,7 +171,7 @@ void LookForVanished(Throttle* looks) {
   user_mon::LookForVanishedUsers();
 }
 
-// Who marks a user wakes this thread afterwards; while nobody did, nobody is looked for.
+// Whoever marks a user wakes this thread afterwards; while nobody does, there is no need to look.
 bool AnyUserMarked(unsigned* wakes_seen) {
   const ReadLock lock(ul_lock, CallSite{kLoop, __LINE__});
   return user_mon_waker.WokenSince(wakes_seen) && user_mon::CheckForClosedConnections();

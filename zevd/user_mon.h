@@ -1,8 +1,10 @@
-// The user input monitor: forwards what users type and is the only place where users are removed.
+// The user input monitor "user_mon": forwards what users type, and is the only thread that removes
+// users.
 #pragma once
 
 namespace zevd {
 
+/// The thread's function; never returns.
 void* UserMonitorThreadStart(void* unused);
 
 }  // namespace zevd

@@ -7,10 +7,11 @@
 
 namespace zevd {
 
+/// The loop of the thread.
 [[noreturn]] void MonitorUserInput();
 
-/// Waits for input. 1 when some socket of the set is readable (the set then holds those), 0 on
-/// time-out. Ends the process when select() fails.
+/// Waits for input. 1 when some socket of the set is readable (the set then holds those), 0 on a
+/// time-out or when woken. Ends the process when select() fails.
 int CheckForUserInput(int high_sock, DescriptorSet* fdset);
 
 /// Reads and forwards the input of every readable user.
@@ -18,10 +19,13 @@ void ProcessUserInput(const DescriptorSet& fdset) REQUIRES(ul_lock);
 
 namespace user_mon {
 
-/// Marks the users who have vanished; see liveness.h.
+/// Marks the users who have vanished (liveness.h).
 void LookForVanishedUsers() REQUIRES_SHARED(ul_lock);
 
+/// True when a user of user_list is marked for removal.
 bool CheckForClosedConnections() REQUIRES_SHARED(ul_lock);
+
+/// Removes such users from both lists, closes their sockets and frees them.
 void CleanUpClosedConnections() REQUIRES(ul_lock, acl_lock);
 
 /// The first user of user_list that is marked for removal, or null.

@@ -7,7 +7,7 @@ namespace zevd {
 
 namespace {
 
-/// The first bytes of characters of more than one byte, and what may follow at once.
+/// The first bytes of characters of more than one byte, and what may come next (RFC 3629).
 struct LeadRow {
   uint8_t first;
   uint8_t last;
@@ -44,7 +44,7 @@ bool IsControl(std::string_view text, size_t length) {
   return first == 0xC2 && ByteOf(text, 1) < 0xA0;
 }
 
-// Replaces in the first `size` bytes. The new size.
+// Replaces the control characters in the first `size` bytes. Returns the new size.
 size_t ReplaceIn(char* text, size_t size) {
   std::string_view rest(text, size);
   char* out = text;

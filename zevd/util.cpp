@@ -37,8 +37,8 @@ constexpr int64_t kAfterCarriageReturn = 100;  // microseconds to wait for the r
 
 constexpr time_t kLookForPeer = 10;  // seconds between checks that a silent client is still there
 
-// Waits until `sock` has something to read. poll() takes descriptors of any number. Returns what
-// ppoll() does.
+// Waits until `sock` has something to read. poll() takes descriptors of any number, select() does
+// not. Returns what ppoll() does.
 int PollReadable(int sock, int64_t limit_us, const sigset_t* mask) {
   pollfd readable = {sock, POLLIN, 0};
   const timespec limit = {limit_us / kMicrosecondsPerSecond,
@@ -52,8 +52,8 @@ int WaitReadable(int sock, int64_t limit_us) {
 }
 
 // The same for a client, who may take long: the calling thread can be cancelled meanwhile. The
-// signal that ends the wait is let in here alone, so it cannot come too early; what a cancelled
-// thread leaves, it leaves from EndIfCancelled() and never from within a call of the system.
+// signal that ends the wait is unblocked only during the wait, so it cannot come too early. A
+// cancelled thread ends in EndIfCancelled() and never inside a system call.
 int WaitForClient(int sock, int64_t limit_us) {
   sigset_t while_waiting;
   pthread_sigmask(SIG_SETMASK, nullptr, &while_waiting);
@@ -73,7 +73,7 @@ int ReadError() {
 }
 
 // 0 when there is input, -2 when there was none for `wait_time` seconds (0 or less: no limit), -1
-// when the client has vanished: one who takes a prompt and goes would keep a login place for long.
+// when the client has vanished: one who takes a prompt and goes would hold a login place for long.
 int AwaitInput(int sock, time_t wait_time) {
   for (time_t waited = 0; wait_time <= 0 || waited < wait_time; waited += kLookForPeer) {
     const time_t part = wait_time <= 0 ? kLookForPeer : std::min(wait_time - waited, kLookForPeer);
@@ -127,7 +127,8 @@ class LineEditor {
     return true;
   }
 
-  /// True when the line is complete: a line end is stored or the buffer is full.
+  /// True when the line is complete: a line end is stored or the buffer is full. A carriage return
+  /// on its own is answered with a line feed.
   bool Complete() {
     if (count_ == 0) return false;
     if (count_ == size_ - 1) return true;
@@ -174,7 +175,8 @@ class LineEditor {
     Store(byte);
   }
 
-  // A telnet client ends a line with CR LF or CR NUL (RFC 854); the second byte may come at once.
+  // A telnet client ends a line with CR LF or CR NUL (RFC 854); the second byte mostly comes at
+  // once.
   void FinishCarriageReturn() {
     char byte = 0;
     if (WaitReadable(sock_, kAfterCarriageReturn) <= 0) return;
@@ -183,12 +185,12 @@ class LineEditor {
     TakeByte(sock_, &byte);
     if (byte != kLineFeed) return;
     Store(kLineFeed);
-    // The first byte of the line goes out here, not the line feed: login dialogues look that way.
-    // That of a password must not be shown.
+    // Kept: what is echoed is the first byte of the line, not the line feed. That byte of a
+    // password must not be shown.
     if (echo_) SendByte(sock_, static_cast<unsigned char>(buf_[0]));
   }
 
-  // Shown even when what was typed is not.
+  // The erasure is shown even when the typing is not.
   void Erase() {
     if (count_ == 0) return;
     SendByte(sock_, kBackspace);
@@ -233,8 +235,9 @@ bool ContinuesTelnetSequence(unsigned char byte, TelnetState* state) {
   return false;
 }
 
-// Waits for telnet bytes share one second for the life of the process; once it is used up they only
-// look. A negotiation follows the connection at once, so nobody is made to wait for one twice.
+// All waits for telnet bytes share one second for the life of the process; once it is used up, they
+// only look. A negotiation follows the connection at once, so one that is late would only keep
+// everybody waiting.
 bool TelnetByteReady(int sock) {
   static std::atomic<int64_t> time_left{kMicrosecondsPerSecond};
   const int64_t begin = MonotonicMicroseconds();

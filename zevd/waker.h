@@ -12,21 +12,22 @@ class Waker {
   /// Before the threads start. False when the system has no descriptor left (errno tells).
   [[nodiscard]] bool Open();
 
-  /// Ends the wait that is going on, or else the next one. Whoever marks a record for the waiting
-  /// thread calls it after that. Any thread, any lock held.
+  /// Ends the present wait, or else the next one. Whoever marks a record for the waiting thread
+  /// calls this afterwards. Any thread, any lock held.
   void Wake();
 
-  /// Whether Wake() was called since `seen` was brought up to date, which this does. It tells the
-  /// waiting thread that looking for marked records may be worth its while.
+  /// Whether Wake() was called since `seen` was last updated, which this does; `seen` starts at 0.
+  /// If not, the waiting thread need not look for marked records.
   bool WokenSince(unsigned* seen) const;
 
-  /// Forgets all calls of Wake() so far. The waiting thread only.
+  /// Empties the eventfd, so that the calls of Wake() so far end no further wait. The waiting
+  /// thread only.
   void Drain() const;
 
   int descriptor() const { return descriptor_; }
 
-  /// A descriptor beside the list's that ends the wait while it is readable, -1 for none. It is the
-  /// waiting thread's, which reads from it after the wait.
+  /// Another descriptor that ends the wait while it is readable, -1 for none. The waiting thread
+  /// sets it, and reads from it after the wait.
   void Beside(int descriptor) { beside_ = descriptor; }
   int beside() const { return beside_; }
 

@@ -127,8 +127,8 @@ int32_t ParseArchiveTime(const char* str) {
   return -1;
 }
 
-// Opened for appending: a tool that copies the file and truncates it leaves no hole in it. The run
-// before this one keeps its output under the old name.
+// Opened for appending, so that a tool that copies the file and truncates it leaves no hole in it.
+// The output of the last run is kept under the old name.
 int OpenOutputFile() {
   const LogPath path("zevd.log");
   rename(path.text, LogPath("zevd.log.old").text);
@@ -192,14 +192,14 @@ void ShowUsage(const char* program) {
   ENTERING();
   printf(kUsage, program, static_cast<int>(log_archive_time / kSecondsPerDay), config_file,
          debug_level, log_dir, user_port, suppress_cr, cons_buf_size, security_enabled);
-  fflush(stdout);  // the exit trace comes behind it
+  fflush(stdout);  // the exit trace comes after it
   EXIT_PROCESS(0);
 }
 
 void ShowVersion() {
   ENTERING();
   printf("QOR version %s build date %s\n", QOR_VERSION, __DATE__ " " __TIME__);
-  fflush(stdout);  // the exit trace comes behind it
+  fflush(stdout);  // the exit trace comes after it
   EXIT_PROCESS(0);
 }
 

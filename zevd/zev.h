@@ -9,14 +9,19 @@
 
 namespace zevd {
 
-/// Parses the options in command-line order; ends the process on -h, -V and on anything unknown.
+/// Parses the options in command-line order; ends the process on -h, -V, an invalid -a and on
+/// anything unknown.
 void GetCommandLineOptions(int argc, char** argv);
 
-/// Detaches from the terminal; output goes to "zevd.log" in the log directory from then on.
+/// Detaches from the terminal; output goes to "zevd.log" in the log directory from then on. The
+/// instance lock is released and taken again. A failure ends the process.
 void RunAsDaemon();
 
-/// Raises the descriptor limit and makes the global lists and the wakers ready.
+/// Starts the counters, raises the descriptor limit, and makes the audit trail, the wakers and the
+/// global lists ready.
 void Initialize();
+
+// A thread that cannot be created ends the process.
 
 void CreateConsoleConnectionsThread();
 void CreateUserConnectionsThread();

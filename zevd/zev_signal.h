@@ -1,16 +1,16 @@
-// Signals: SIGHUP and SIGPIPE are blocked everywhere, SIGTERM everywhere but in the main thread.
+// Signals: SIGHUP and SIGPIPE are blocked everywhere, SIGTERM everywhere except in the main thread.
 #pragma once
 
 #include <csignal>
 
 namespace zevd {
 
-/// Adds (removes) one signal to (from) the calling thread's blocked set. 0, or -1 with the reason
-/// in the debug output.
+/// Adds a signal to the calling thread's blocked set, or removes it. 0, or -1 with the reason in
+/// the debug output.
 int BlockSignal(int signum);
 int UnblockSignal(int signum);
 
-/// The SIGTERM handler: says so and ends the process with status 1. Main thread only.
+/// The SIGTERM handler: reports the signal and ends the process with status 1. Main thread only.
 void TermHandler(int sig);
 
 /// The asynchronous way to collect SIGHUP, for a program that does not poll for it. The daemon

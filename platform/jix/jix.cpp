@@ -25,7 +25,7 @@
 
 namespace {
 
-// A daemon error of which equal ones may follow by the hundred.
+// A daemon error that may be posted by the hundred.
 struct Fold {
   std::string body;   // of its line; empty while the place is free
   int64_t sent = 0;   // when its last line went out
@@ -41,7 +41,9 @@ struct JixConn {
   std::mutex mutex;
   int sock = -1;
   std::string unsent;  // the rest of a line that has begun; goes out before the next one
-  int64_t repaid = 0;  // the time up to which the waits of posts are made good by time without one
+  // Monotonic microseconds: the time up to which the waits of posts have used up their share. A
+  // wait moves it on by kShare times its own length.
+  int64_t repaid = 0;
   std::array<Fold, kMostFolds> folds;
 };
 
@@ -54,8 +56,8 @@ struct JixEvent {
 namespace {
 
 constexpr char kDefaultAddress[] = QOR_ROOT "/run/jix.sock";
-constexpr int64_t kPatience = 100000;  // microseconds that posts may wait at once
-constexpr int64_t kShare = 10;         // of all time, posts may wait this part
+constexpr int64_t kPatience = 100000;  // microseconds that a post may wait
+constexpr int64_t kShare = 10;         // posts may wait one part in this many of all time
 constexpr int64_t kMillisecond = 1000;
 constexpr int64_t kSecond = 1000000;
 constexpr std::string_view kFoldedNames = "qor.zevd.daemon.error";  // what they begin with
@@ -156,15 +158,15 @@ int64_t Now() {
   return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
 }
 
-// A manager that has closed its end accepts one more line into the void; asking first keeps that
-// line from being lost.
+// When the event manager has closed its end, one more line would be sent without an error and lost;
+// asking first saves that line.
 bool PeerHasClosed(int sock) {
   char byte = 0;
   return recv(sock, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
 }
 
-// Waits until the event manager has read something; false when posts have waited enough. One that
-// reads, but too slowly, would otherwise bring its clients down to its own pace, post by post.
+// Waits until the event manager has read something; false when posts have waited enough. A manager
+// that reads, but too slowly, would otherwise bring its clients down to its own pace, post by post.
 bool WaitForRoom(JixConn& conn) {
   const int64_t begin = Now();
   conn.repaid = std::max(conn.repaid, begin - kShare * kPatience);
@@ -230,7 +232,8 @@ JixStatus SendLeftOut(JixConn& conn, const Fold* own, int64_t now) {
   return JixERROR_NONE;
 }
 
-// Of equal ones at most one line goes out in a second; it stands for those that were left out, too.
+// At most one line of equal events goes out in a second; it stands for those that were left out,
+// too.
 JixStatus PostFolded(JixConn& conn, Fold& fold, std::string body, int64_t now) {
   const time_t time_of_day = time(nullptr);
   if (!fold.body.empty() && !SecondIsOver(fold, now)) {

@@ -2,8 +2,8 @@
  *
  * An event has a name, a priority and string variables; it is posted on a connection. Every
  * function may be called from any thread; one connection carries one post at a time. No call takes
- * longer than a fraction of a second, whatever the event manager does, and however slowly it reads,
- * the posts on a connection spend a tenth of the time waiting for it at most. */
+ * longer than a fraction of a second, whatever the event manager does, and the posts on a
+ * connection spend at most a tenth of the time waiting for it, however slowly it reads. */
 #ifndef JIX_H
 #define JIX_H
 
@@ -35,7 +35,7 @@ typedef struct JixConnOptions {
   const char* address; /* path of the event manager's stream socket; null: the station's own */
 } JixConnOptions;
 
-/* Opens a connection; *conn is the caller's, to be given to JixConnDestroy. */
+/* Opens a connection; *conn is the caller's, to be given to JixConnDestroy, and null on failure. */
 JixStatus JixConnCreate(const JixConnOptions* options, JixConn** conn);
 void JixConnDestroy(JixConn* conn);
 
@@ -49,12 +49,13 @@ JixStatus JixItemSetVa(JixEvent* event, ...);
 /* Adds a variable. The only type is JixTYPE_STRING; `value` is copied. */
 JixStatus JixVarSet(JixEvent* event, const char* name, int type, const char* value);
 
-/* Sends the event. On JixERROR_CONNECTION_LOST the connection can only be destroyed. Of a very long
- * event that the event manager begins to read and then does not, the rest goes out with the next.
- * Of equal events whose names begin with "qor.zevd.daemon.error", the first goes out at once and
- * then at most one in a second, with the number of those that it stands for; what is left over goes
- * out with the first post of any event after the second. Of 16 such events at a time that is kept;
- * further ones all go out. */
+/* Sends the event. On JixERROR_CONNECTION_LOST the connection can only be destroyed. When the event
+ * manager stops reading in the middle of a very long event, the rest goes out before the next one.
+ *
+ * Equal events whose names begin with "qor.zevd.daemon.error" are counted: the first goes out at
+ * once, and then at most one in a second, with the number of those that it stands for. What is left
+ * over goes out with the first post of any event after that second. Up to 16 different events are
+ * counted at a time; any others all go out. */
 JixStatus JixEventPost(JixConn* conn, const JixEvent* event);
 void JixEventDestroy(JixEvent* event);
 

@@ -48,8 +48,8 @@ int64_t Now() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-/// A text of at most `kLimit` characters. It may be a password, even where none was asked for: it
-/// is never moved to another place, and nothing of it stays in memory.
+/// A text of at most `kLimit` characters. It may be a password, even where none was asked for, so
+/// it is never moved to another place, and nothing of it stays in memory.
 template <size_t kLimit>
 class WipedText {
  public:
@@ -171,7 +171,7 @@ class Client {
 };
 
 // The address of the peer, for the helper; empty when it has none. Taken at the start: a connection
-// that was reset has none any more, and guesses would count for nobody.
+// that was reset has none any more, and its guesses would be counted for nobody.
 struct PeerAddress {
   char text[INET_ADDRSTRLEN] = "";
   bool known;  // false: there is no peer any more
@@ -249,7 +249,7 @@ bool Lists(const group& entry, const char* name) {
   return false;
 }
 
-// By the system's rules, which know other places than the file but only the first entry.
+// By the system's rules, which know other places than the file, but only the first entry of a name.
 bool IsListedInDatabase(const char* name) {
   GroupBuffer buffer;
   const group* entry = buffer.Find([](group* result, char* text, size_t size, group** found) {
@@ -301,8 +301,8 @@ PasswordCheck Check(const Exchange& exchange, const Answer& name, const Answer& 
   return result == PasswordCheck::kAccepted ? PasswordCheck::kRefused : result;
 }
 
-// `name` is then the last that came with a password. kRefused as well when the client is gone, too
-// slow or too talkative.
+// Sets `name` to the last one that came with a password. kRefused as well when the client is gone,
+// too slow or too talkative.
 PasswordCheck LogIn(Client& client, const Exchange& exchange, Answer* name) {
   for (int tries = 0; tries < kTries; ++tries) {
     Answer typed;
@@ -334,7 +334,7 @@ char* authenticate(int sock, char** user) {
   client.FinishLine();
   if (!name.empty()) *user = strdup(name.c_str());
   errno = result == PasswordCheck::kNoTurn ? EUSERS : EACCES;
-  // For want of a name, too, the one in the line would count.
+  // Without a name here, too, the one in the line would count.
   if (result != PasswordCheck::kAccepted || *user == nullptr) return nullptr;
   memcpy(argument_line, exchange.line.c_str(), exchange.line.size() + 1);
   return argument_line;

@@ -9,9 +9,9 @@ extern "C" {
 /* Authenticates the client at the other end of the connected socket `sock`, in an exchange of the
  * library's own. Returns the client's argument line, which stays valid until the calling thread's
  * next call and is not to be freed; null when the client is not authenticated, with EUSERS in errno
- * when that is because too many others are logging in. Where a user name is known, be it that of a
+ * when that is because too many others are logging in. Where a user name is known, even that of a
  * client who failed, *user is set to a malloc'ed copy that the caller frees; otherwise it is left
- * alone. The line leaves room for " user=" and the name within 1023 characters.
+ * alone. With a name, the line leaves room for " user=" and the name within 1023 characters.
  *
  * Any thread. Takes a bounded time and reads a bounded number of bytes. */
 char* authenticate(int sock, char** user);
