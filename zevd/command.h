@@ -68,10 +68,10 @@ void FreeCommandNode(CommandNode* tool) REQUIRES(cmd_lock);
 CommandListElem* NewCommandListElem(CommandNode* tool);
 
 /// Appends at the tail. 0 or -1.
-int AddCommandToList(CommandNode* tool, CommandList* list);
+int AddCommandToList(CommandNode* tool, CommandList* list) REQUIRES(cmd_lock);
 
 /// Unlinks the node and neither closes nor frees it. A node that is not there ends the process.
-int RemoveCommandFromList(CommandNode* tool, CommandList* list);
+int RemoveCommandFromList(CommandNode* tool, CommandList* list) REQUIRES(cmd_lock);
 
 /// Closes the socket and marks the node; it stays on the list until the clean-up.
 void CloseCommandConnection(CommandNode* tool) REQUIRES(cmd_lock);

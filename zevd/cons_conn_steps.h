@@ -12,14 +12,14 @@ void ConnectToConsoles() REQUIRES(icl_lock);
 
 /// Starts an attempt for one console if it is due for one; with `keep_alive` not 0 the kernel
 /// probes the console while it is silent.
-void ConnectToConsole(ConsoleNode* cnode, int keep_alive);
+void ConnectToConsole(ConsoleNode* cnode, int keep_alive) REQUIRES(icl_lock);
 
 /// Looks at every connection in progress. 1 when at least one console became connected, else 0.
 int UpdateConnectionStatus() REQUIRES(icl_lock);
 
 /// The ConsoleStatus that the console's socket shows; consumes no input. When an operator asked for
 /// it, a refusal is answered with a take-over.
-int CheckConnectionStatus(ConsoleNode* cnode);
+int CheckConnectionStatus(ConsoleNode* cnode) REQUIRES(icl_lock);
 
 /// True when a line of `buf` is a management port's refusal. Splits `buf` into lines in place.
 bool GotErrorMessage(char* buf);

@@ -104,7 +104,7 @@ bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) REQUIRE
 }
 
 // Reads what one peek sees from a readable console and hands it on.
-void ReadConsole(ConsoleNode* cnode) {
+void ReadConsole(ConsoleNode* cnode) REQUIRES(acl_lock) {
   char buf[kChunkSize];
   const ssize_t seen = recv(cnode->sock, buf, sizeof buf, MSG_PEEK);
   if (seen <= 0) {

@@ -20,7 +20,7 @@ void ProcessConsoleOutput(const DescriptorSet& fdset) REQUIRES(acl_lock);
 
 /// Hands one chunk (at most 1024 bytes) to replay ring, log and users, unless it is a notice that
 /// nobody shall see.
-void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count);
+void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count) REQUIRES(acl_lock);
 
 /// Marks the disabled consoles of a_cons_list closed and tells their users.
 void CloseDisabledConsoleConnections() REQUIRES(acl_lock);

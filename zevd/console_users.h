@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include "console.h"
+#include "locks.h"
 #include "user.h"
 
 namespace zevd {
@@ -30,7 +31,7 @@ void CloseUserConnection(UserNode* unode, const char* reason = "The daemon close
 
 /// Sends the replay ring to one user who has just attached, and waits 200 ms in all for that. A
 /// user who cannot be sent all of it is marked for closing.
-void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode);
+void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) REQUIRES(acl_lock);
 
 /// Whether every user of the console can be sent a chunk without anybody waiting for it. While one
 /// cannot, the output stays in the console's socket and the console itself is slowed down; other
@@ -39,9 +40,9 @@ bool UsersHaveRoom(ConsoleNode* cnode) REQUIRES(acl_lock);
 
 /// Sends a chunk of output to every user of the console. A user to whom that fails is marked for
 /// closing.
-void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes);
+void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes) REQUIRES(acl_lock);
 
 /// Puts a chunk of output into the replay ring.
-void BufferConsoleOutput(ConsoleNode* cnode, const char* chars, int count);
+void BufferConsoleOutput(ConsoleNode* cnode, const char* chars, int count) REQUIRES(acl_lock);
 
 }  // namespace zevd

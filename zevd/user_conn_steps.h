@@ -5,6 +5,8 @@
 #include <cstdint>
 
 #include "descriptor_set.h"
+#include "locks.h"
+#include "mapped_port.h"
 
 namespace zevd {
 
@@ -13,14 +15,14 @@ void SetupMappedPorts();
 
 /// Begins to listen on the main port and on every mapped port of a console, as far as it does not
 /// listen yet. A port that it cannot listen on is reported. Always 0.
-int GetPortsToListenOn();
+int GetPortsToListenOn() EXCLUDES(acl_lock, icl_lock, pending_logins_mutex);
 
 /// Listens on the port and puts it on mapped_port_list. 0, even when the list had no room for it;
 /// -1 when it cannot be listened on or memory is short.
-int ConfigurePort(uint16_t port);
+int ConfigurePort(uint16_t port) EXCLUDES(pending_logins_mutex);
 
 /// Drops the ports that no console has any more, and cancels the logins that are pending on them.
-void CleanUpStalePorts();
+void CleanUpStalePorts() EXCLUDES(acl_lock, icl_lock, pending_logins_mutex);
 
 /// A listening socket on all interfaces, or -1.
 int ListenOnPort(uint16_t port);

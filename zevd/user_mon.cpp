@@ -112,7 +112,7 @@ bool HasWaitedLonger(const UserNode* unode, const UserNode* other) REQUIRES(ul_l
   return unode->console_stall.IsLongerThan(other->console_stall);
 }
 
-void DropReference(ConsoleNode* cnode) {
+void DropReference(ConsoleNode* cnode) REQUIRES(acl_lock) {
   const int references = --cnode->ref_count;
   if (references >= 0) return;
   DEBUG_AS("CleanUpClosedConnections", kError, "Negative reference count (%d)\n", references);
