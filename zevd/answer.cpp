@@ -11,6 +11,8 @@
 #include <utility>
 
 #include "error.h"
+#include "fixed_text.h"
+#include "stall.h"
 #include "utf8.h"
 
 namespace zevd {

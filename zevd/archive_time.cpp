@@ -2,7 +2,6 @@
 #include "archive_time.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -7,11 +7,16 @@
 #include <cstring>
 
 #include "audit.h"
+#include "command.h"
+#include "console.h"
 #include "console_users.h"
 #include "counters.h"
 #include "error.h"
+#include "fixed_text.h"
+#include "list.h"
 #include "lists.h"
 #include "sockets.h"
+#include "user.h"
 #include "utf8.h"
 #include "waker.h"
 

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "error.h"
+#include "fixed_text.h"
 #include "timestamp.h"
 
 namespace zevd {

@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <new>
 #include <vector>
 
@@ -29,8 +30,11 @@
 #include "descriptor_budget.h"
 #include "descriptor_set.h"
 #include "error.h"
+#include "fixed_text.h"
+#include "list.h"
 #include "lists.h"
 #include "log.h"
+#include "models.h"
 #include "sockets.h"
 #include "threads.h"
 #include "util.h"

@@ -11,10 +11,12 @@
 #include "cons_mon.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -27,10 +29,12 @@
 #include "console_users.h"
 #include "counters.h"
 #include "error.h"
+#include "list.h"
 #include "lists.h"
 #include "load.h"
 #include "log.h"
 #include "log_directory.h"
+#include "mapped_port.h"
 #include "matcher.h"
 #include "socket_watch.h"
 #include "threads.h"

@@ -4,6 +4,7 @@
 
 #include "console_users.h"
 #include "error.h"
+#include "list.h"
 #include "log.h"
 #include "mapped_port.h"
 

@@ -4,12 +4,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 #include "error.h"
+#include "list.h"
 #include "options.h"
 #include "sockets.h"
+#include "stall.h"
 #include "waker.h"
 
 namespace zevd {

@@ -4,9 +4,12 @@
 #include <cstring>
 
 #include "answer.h"
+#include "console.h"
 #include "console_users.h"
 #include "error.h"
+#include "list.h"
 #include "lists.h"
+#include "locks.h"
 #include "waker.h"
 
 namespace zevd {

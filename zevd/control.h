@@ -4,6 +4,7 @@
 #pragma once
 
 #include "command.h"
+#include "locks.h"
 
 namespace zevd {
 

@@ -10,11 +10,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 #include "descriptor_set.h"
 #include "error.h"

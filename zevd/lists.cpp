@@ -4,6 +4,8 @@
 #include <new>
 
 #include "error.h"
+#include "list.h"
+#include "user.h"
 
 namespace zevd {
 

@@ -1,13 +1,16 @@
 // The global lists, which are never destroyed, and look-ups over both lists of consoles.
 #pragma once
 
+#include <cstdint>
+
 #include "command.h"
 #include "console.h"
 #include "event_set.h"
+#include "fixed_text.h"
 #include "locks.h"
 #include "mapped_port.h"
 #include "models.h"
-#include "user.h"
+#include "user_list.h"
 
 namespace zevd {
 

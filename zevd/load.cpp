@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,9 @@
 #include <string_view>
 
 #include "error.h"
+#include "event_set.h"
+#include "fixed_text.h"
+#include "list.h"
 #include "lists.h"
 #include "load_steps.h"
 #include "log_rename.h"

@@ -2,8 +2,6 @@
 // before there is a second thread.
 #pragma once
 
-#include <cstddef>
-
 namespace zevd {
 
 /// 0 when the lock is held and the host name written, -1 otherwise. The descriptor stays open for

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "console.h"
+#include "fixed_text.h"
 
 namespace zevd {
 

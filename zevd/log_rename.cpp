@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,6 +10,8 @@
 #include <new>
 
 #include "error.h"
+#include "fixed_text.h"
+#include "list.h"
 #include "lists.h"
 #include "log.h"
 #include "log_directory.h"

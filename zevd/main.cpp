@@ -14,6 +14,7 @@
 #include "cookie.h"
 #include "error.h"
 #include "event.h"
+#include "event_set.h"
 #include "fixed_text.h"
 #include "lists.h"
 #include "load.h"
@@ -24,7 +25,7 @@
 #include "matcher_process.h"
 #include "models.h"
 #include "options.h"
-#include "paths.h"
+#include "thread_safety.h"
 #include "zev.h"
 #include "zev_signal.h"
 

@@ -15,11 +15,15 @@
 #include <new>
 
 #include "clock.h"
+#include "console.h"
 #include "error.h"
 #include "event.h"
+#include "event_set.h"
 #include "fixed_text.h"
+#include "list.h"
 #include "lists.h"
 #include "matcher_process.h"
+#include "reg_expr.h"
 #include "waker.h"
 
 namespace zevd {

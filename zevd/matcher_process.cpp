@@ -16,6 +16,8 @@
 #include <cstring>
 #include <ctime>
 #include <new>
+#include <string>
+#include <string_view>
 
 #include "matcher_wire.h"
 #include "matcher_worker.h"

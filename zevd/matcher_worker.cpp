@@ -3,6 +3,9 @@
 #include <regex.h>
 #include <unistd.h>
 
+#include <cstddef>
+#include <string_view>
+
 #include "matcher_wire.h"
 
 namespace zevd {

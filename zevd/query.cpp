@@ -2,13 +2,19 @@
 
 #include <strings.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
 
 #include "answer.h"
+#include "command_wire.h"
 #include "error.h"
+#include "list.h"
 #include "lists.h"
+#include "locks.h"
+#include "models.h"
 #include "query_steps.h"
+#include "user.h"
 
 namespace zevd {
 

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <string_view>
 
 #include "error.h"
 #include "hard_pattern.h"

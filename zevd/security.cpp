@@ -1,6 +1,5 @@
 #include "security.h"
 
-#include <arpa/inet.h>
 #include <grp.h>
 #include <password_check.h>
 #include <sys/socket.h>
@@ -11,9 +10,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "audit.h"
 #include "cancellation.h"

@@ -18,16 +18,21 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include "attach.h"
 #include "audit.h"
 #include "cancellation.h"
+#include "command.h"
 #include "console_users.h"
 #include "error.h"
+#include "identity.h"
 #include "lists.h"
+#include "mapped_port.h"
 #include "options.h"
 #include "security.h"
 #include "serv_conn_steps.h"
+#include "user.h"
 #include "utf8.h"
 #include "util.h"
 

@@ -1,15 +1,21 @@
 #include "status.h"
 
 #include <algorithm>
+#include <ctime>
 #include <new>
 #include <string>
 
 #include "answer.h"
+#include "console.h"
 #include "counters.h"
 #include "error.h"
+#include "identity.h"
 #include "json_text.h"
+#include "list.h"
 #include "lists.h"
+#include "locks.h"
 #include "query.h"
+#include "user.h"
 
 namespace zevd {
 

@@ -1,6 +1,7 @@
 #include "threads.h"
 
 #include <sys/prctl.h>
+#include <unistd.h>
 
 namespace zevd {
 

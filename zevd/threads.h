@@ -2,7 +2,7 @@
 // output monitor has them stand still while it reloads.
 #pragma once
 
-#include <unistd.h>
+#include <sys/types.h>
 
 #include <atomic>
 

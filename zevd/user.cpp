@@ -1,6 +1,7 @@
 #include "user.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>

@@ -15,6 +15,7 @@
 #include <netinet/in.h>
 #include <password_check.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,16 +26,23 @@
 
 #include "audit.h"
 #include "cancellation.h"
+#include "clock.h"
+#include "console.h"
 #include "counters.h"
 #include "descriptor_budget.h"
 #include "error.h"
+#include "fixed_text.h"
+#include "list.h"
 #include "lists.h"
 #include "liveness.h"
+#include "locks.h"
+#include "mapped_port.h"
 #include "options.h"
 #include "serv_conn.h"
 #include "socket_watch.h"
 #include "sockets.h"
 #include "threads.h"
+#include "user.h"
 #include "user_conn_steps.h"
 #include "zev_signal.h"
 

@@ -8,20 +8,25 @@
 #include "user_mon.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 
 #include "audit.h"
 #include "clock.h"
+#include "console.h"
 #include "console_users.h"
 #include "counters.h"
 #include "error.h"
+#include "list.h"
 #include "lists.h"
 #include "liveness.h"
 #include "socket_watch.h"
+#include "stall.h"
 #include "threads.h"
 #include "user_mon_steps.h"
 #include "waker.h"

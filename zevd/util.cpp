@@ -1,7 +1,6 @@
 #include "util.h"
 
 #include <poll.h>
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>

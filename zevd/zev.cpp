@@ -21,7 +21,6 @@
 #include "lock_file.h"
 #include "log_directory.h"
 #include "options.h"
-#include "paths.h"
 #include "safe_file.h"
 #include "user_conn.h"
 #include "user_mon.h"
