@@ -5,6 +5,7 @@
 #include "lists.h"
 #include "options.h"
 #include "threads.h"
+#include "user.h"
 
 using namespace zevd;
 
