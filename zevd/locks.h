@@ -1,10 +1,11 @@
 // The shared read-write locks and the only ways to take them.
 //
 // There is no global lock order. A thread may wait for one lock. It takes two only with the pair
-// guards, which try, back off, and never wait while they hold one of the two. The thread cmd_mon
-// holds cmd_lock while it takes the locks of the console lists; nobody takes cmd_lock while holding
-// one of those. Every request, grant and release is traced at level 3 with the name of the calling
-// function and the address of the lock.
+// guards: while they hold the first they try the second for a short time (kPairTryTime), and when
+// it cannot be had they release the first and back off. The thread cmd_mon holds cmd_lock while it
+// takes the locks of the console lists; nobody takes cmd_lock while holding one of those. Every
+// request, grant and release is traced at level 3 with the name of the calling function and the
+// address of the lock.
 #pragma once
 
 #include <pthread.h>
@@ -85,11 +86,12 @@ inline constexpr int kTryPause = 100;
 inline constexpr int kTimerSlack = 50;
 
 /// Microseconds for which a pair guard tries each lock before it leaves both alone for a random
-/// time below one second. Whoever holds a single list lock for less keeps nobody away for long.
+/// time below one second; a thread with more timer slack (ShareWakeUps()) tries for longer. Whoever
+/// holds a single list lock for less keeps nobody away for long.
 inline constexpr int kPairTryTime = kTryRetries * (kTryPause + kTimerSlack);
 
-/// Holds two locks, both for writing. Waits for them as long as it takes, but never while it holds
-/// one of them; says so once when the wait has lasted more than 5 seconds.
+/// Holds two locks, both for writing. Tries them for as long as it takes, and says so once when
+/// that has lasted more than 5 seconds.
 class SCOPED_CAPABILITY WriteLockPair {
  public:
   WriteLockPair(RwLock& first, RwLock& second, Release order, CallSite site) ACQUIRE(first, second);
