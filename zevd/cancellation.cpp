@@ -20,6 +20,13 @@ void EndIfCancelled() {
   pthread_setcancelstate(state, nullptr);
 }
 
+sigset_t BlockedWhileWaiting() {
+  sigset_t blocked;
+  pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  sigdelset(&blocked, kCancelSignal);
+  return blocked;
+}
+
 void CancelServiceThread(pthread_t tid) {
   pthread_cancel(tid);
   pthread_kill(tid, kCancelSignal);

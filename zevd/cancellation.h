@@ -21,6 +21,10 @@ int ArrangeCancelSignal();
 /// Asks a serv_conn thread to end, and ends its wait. The id must be that of a living thread.
 void CancelServiceThread(pthread_t tid);
 
+/// The signals that a serv_conn thread blocks while it waits: its own, without kCancelSignal. For
+/// ppoll(2) and the like.
+sigset_t BlockedWhileWaiting();
+
 /// Ends the calling thread if it has been cancelled. The only place where that takes effect; the
 /// caller holds no lock.
 void EndIfCancelled();

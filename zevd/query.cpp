@@ -146,52 +146,45 @@ int IsVrqUserConnectedERMode(const ConsoleNode* cnode) {
 
 namespace {
 
-// These set the answer. False when out of memory, which is then the answer; the caller reports it
-// after it has released the locks.
+// Puts the record of a console behind `index` others.
+using Append = void (*)(const ConsoleNode* cnode, size_t index);
 
-bool AnswerConsoles(const char* cons_name) REQUIRES_SHARED(acl_lock, icl_lock) {
+// Sets the answer to a record for each console of that name. False when out of memory, which is
+// then the answer.
+bool SetAnswer(const char* cons_name, size_t record_size, Append accessible, Append inaccessible)
+    REQUIRES_SHARED(acl_lock, icl_lock) {
   const size_t most = AllConsoles();
-  if (most > 0 && !MakeRoom(most, kConsolePacketSize)) {
+  if (most > 0 && !MakeRoom(most, record_size)) {
     AnswerOutOfMemory();
     return false;
   }
   size_t count = 0;
   for (const ConsoleNode* cnode : Nodes(*a_cons_list)) {
-    if (IsCalled(*cnode, cons_name)) AppendAccessible(cnode, count++);
+    if (IsCalled(*cnode, cons_name)) accessible(cnode, count++);
   }
   for (const ConsoleNode* cnode : Nodes(*i_cons_list)) {
-    if (IsCalled(*cnode, cons_name)) AppendInaccessible(cnode, count++);
+    if (IsCalled(*cnode, cons_name)) inaccessible(cnode, count++);
   }
   AnswerRecords(count);
   return true;
 }
 
-bool AnswerMappedPorts(const char* cons_name) REQUIRES_SHARED(acl_lock, icl_lock) {
-  const size_t most = AllConsoles();
-  if (most > 0 && !MakeRoom(most, kMappedPortPacketSize)) {
-    AnswerOutOfMemory();
-    return false;
+// The same under both locks; reports what failed once it has released them.
+void AnswerConsoles(const char* cons_name, size_t record_size, Append accessible,
+                    Append inaccessible, CallSite site) {
+  bool answered = false;
+  {
+    const ReadLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, site);
+    answered = SetAnswer(cons_name, record_size, accessible, inaccessible);
   }
-  size_t count = 0;
-  for (const ConsoleList* list : {a_cons_list, i_cons_list}) {
-    for (const ConsoleNode* cnode : Nodes(*list)) {
-      if (IsCalled(*cnode, cons_name)) FillMappedPortPacket(cnode, count++);
-    }
-  }
-  AnswerRecords(count);
-  return true;
+  if (!answered) ReportOutOfMemory(site.function);
 }
 
 }  // namespace
 
 void ProcessConsoleCommand(const char* cons_name) {
   ENTERING();
-  bool answered = false;
-  {
-    const ReadLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, HERE);
-    answered = AnswerConsoles(cons_name);
-  }
-  if (!answered) ReportOutOfMemory(__func__);
+  AnswerConsoles(cons_name, kConsolePacketSize, AppendAccessible, AppendInaccessible, HERE);
 }
 
 void ProcessWhoCommand(const char* cons_name) {
@@ -223,12 +216,8 @@ void ProcessWhoCommand(const char* cons_name) {
 
 void ProcessMappedPortCommand(const char* cons_name) {
   ENTERING();
-  bool answered = false;
-  {
-    const ReadLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, HERE);
-    answered = AnswerMappedPorts(cons_name);
-  }
-  if (!answered) ReportOutOfMemory(__func__);
+  AnswerConsoles(cons_name, kMappedPortPacketSize, FillMappedPortPacket, FillMappedPortPacket,
+                 HERE);
 }
 
 // ---- Management ports ---------------------------------------------------------------------------

@@ -355,9 +355,7 @@ namespace {
 
 // A helper may take long, as a client may: the calling thread can be cancelled meanwhile.
 PasswordCheck Check(const char* username, const char* password, const char* rhost, int sock) {
-  sigset_t while_waiting;
-  pthread_sigmask(SIG_SETMASK, nullptr, &while_waiting);
-  sigdelset(&while_waiting, kCancelSignal);
+  const sigset_t while_waiting = BlockedWhileWaiting();
   return CheckPassword(kPasswordHelper,
                        {username, password, rhost, sock, &while_waiting, EndIfCancelled});
 }

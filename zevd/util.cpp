@@ -54,9 +54,7 @@ int WaitReadable(int sock, int64_t limit_us) {
 // signal that ends the wait is unblocked only during the wait, so it cannot come too early. A
 // cancelled thread ends in EndIfCancelled() and never inside a system call.
 int WaitForClient(int sock, int64_t limit_us) {
-  sigset_t while_waiting;
-  pthread_sigmask(SIG_SETMASK, nullptr, &while_waiting);
-  sigdelset(&while_waiting, kCancelSignal);
+  const sigset_t while_waiting = BlockedWhileWaiting();
   const int64_t deadline = MonotonicMicroseconds() + limit_us;
   for (;;) {
     const int64_t left = std::max<int64_t>(deadline - MonotonicMicroseconds(), 0);
