@@ -379,11 +379,13 @@ def test_it_has_nothing_but_its_socket(station):
     matching(station, r"a 1 0 (r)\1")
     matcher = matcher_of(station)
     worker = worker_of(matcher)
-    assert _descriptors(matcher) == [0, 1, 2, 3, 4]
+    wait_until(lambda: _descriptors(matcher) == [0, 1, 2, 3, 4],
+               what="the matcher to close the worker's end of their socket")
     assert os.readlink(f"/proc/{matcher}/fd/0") == "/dev/null"
     assert all(os.readlink(f"/proc/{matcher}/fd/{number}").startswith("socket:")
                for number in (3, 4))
-    assert len(_descriptors(worker)) == 4
+    wait_until(lambda: len(_descriptors(worker)) == 4,
+               what="the worker to close what is the matcher's")
     for pid in (matcher, worker):
         status = Path(f"/proc/{pid}/status").read_text(encoding="ascii")
         assert status.startswith("Name:\tzevd-matcher\n")
