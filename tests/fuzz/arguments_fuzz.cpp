@@ -1,13 +1,13 @@
 // The argument line of the main port: what a client asks for, or why it is refused.
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "fuzz.h"
-#include "lists.h"
-#include "options.h"
+#include "serv_conn.h"
 #include "serv_conn_steps.h"
-#include "threads.h"
-#include "zev.h"
 
 using namespace zevd;
 

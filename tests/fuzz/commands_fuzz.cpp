@@ -5,20 +5,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
 
-#include "answer.h"
-#include "attach.h"
 #include "cmd_mon.h"
 #include "cmd_mon_steps.h"
-#include "command.h"
-#include "command_port.h"
-#include "control.h"
 #include "fuzz.h"
 #include "lists.h"
-#include "options.h"
-#include "query.h"
-#include "threads.h"
-#include "zev.h"
 
 using namespace zevd;
 

@@ -1,15 +1,17 @@
 // The console configuration file: which consoles a file gives, and what is said about its lines.
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
-#include "event_set.h"
 #include "fuzz.h"
 #include "lists.h"
 #include "load.h"
 #include "options.h"
-#include "threads.h"
-#include "zev.h"
 
 using namespace zevd;
 

@@ -2,6 +2,11 @@
 //
 // An input is a line with the sizes of the pieces, a line with the escape character's text, and the
 // keys.
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
 #include "escape.h"
 #include "fuzz.h"
 

@@ -8,18 +8,18 @@
 #include <regex.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <iterator>
 #include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
-#include "event_set.h"
 #include "fuzz.h"
 #include "hard_pattern.h"
 #include "lists.h"
 #include "literal_filter.h"
-#include "options.h"
-#include "threads.h"
-#include "zev.h"
 
 using namespace zevd;
 

@@ -7,22 +7,25 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <ios>
 #include <iterator>
+#include <string>
+#include <string_view>
+#include <system_error>
 #include <utility>
+#include <vector>
 
-#include "error.h"
 #include "lists.h"
 #include "options.h"
-#include "signal_hold.h"
-#include "threads.h"
 #include "zev.h"
 #include "zev_signal.h"
 

@@ -10,6 +10,8 @@
 // stands still at kNow, in UTC.
 #pragma once
 
+#include <sys/types.h>
+
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -19,13 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "attach.h"
-#include "cons_conn.h"
-#include "console.h"
-#include "console_lists.h"
-#include "serv_conn.h"
 #include "user.h"
-#include "user_conn.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 

@@ -7,13 +7,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
 
+#include "cons_conn.h"
 #include "cons_conn_steps.h"
 #include "fuzz.h"
 #include "lists.h"
-#include "options.h"
-#include "threads.h"
-#include "zev.h"
 
 using namespace zevd;
 

@@ -12,9 +12,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "fuzz.h"
 #include "tqauth.h"

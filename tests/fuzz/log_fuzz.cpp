@@ -4,17 +4,18 @@
 // An input is a line with the sizes of the chunks, a line with the options and the output. Options:
 // 's' carriage returns are suppressed, 'u' a user is attached, 'v' the first user hides the output,
 // 'e' output is matched, 'n' the console's log is not open, 'm' the common log is not open.
+#include <cstdint>
 #include <filesystem>
+#include <string>
+#include <string_view>
 #include <utility>
+#include <vector>
 
-#include "event_set.h"
 #include "fuzz.h"
 #include "lists.h"
 #include "log.h"
 #include "log_record.h"
 #include "options.h"
-#include "threads.h"
-#include "zev.h"
 
 using namespace zevd;
 

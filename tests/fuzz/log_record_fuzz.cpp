@@ -3,6 +3,12 @@
 //
 // An input is a line with the sizes of the pieces, a line with the options ('c': a consolidated
 // log) and the bytes.
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include "fuzz.h"
 #include "log_record.h"
 

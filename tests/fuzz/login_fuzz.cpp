@@ -2,6 +2,10 @@
 // its refusals.
 //
 // An input is a line with the sizes of the pieces and the bytes.
+#include <cstdint>
+#include <string>
+#include <string_view>
+
 #include "fuzz.h"
 #include "login.h"
 

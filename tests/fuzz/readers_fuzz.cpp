@@ -6,11 +6,14 @@
 // telnet, for which a piece arrives beforehand); 'w' the reads wait for a limited time; a digit is
 // the size of the buffer, from 2 up, twice as much each.
 #include <algorithm>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
-#include "cancellation.h"
-#include "clock.h"
 #include "fuzz.h"
-#include "sockets.h"
 #include "util.h"
 
 using namespace zevd;

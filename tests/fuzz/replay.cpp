@@ -1,7 +1,9 @@
 // Feeds the files of a corpus to a harness, as a test. Usage: NAME_replay DIRECTORY
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <ios>
 #include <iterator>
 #include <vector>
 

@@ -5,14 +5,15 @@
 // letter) and the file.
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "archive_time.h"
 #include "fuzz.h"
-#include "lists.h"
 #include "options.h"
-#include "threads.h"
-#include "zev.h"
 
 using namespace zevd;
 

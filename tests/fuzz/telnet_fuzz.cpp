@@ -3,7 +3,11 @@
 //
 // An input is a line with the sizes of the pieces, a line with the keys, and the bytes.
 #include <algorithm>
+#include <cstdint>
+#include <iterator>
 #include <map>
+#include <string>
+#include <string_view>
 
 #include "fuzz.h"
 #include "telnet.h"

@@ -4,19 +4,17 @@
 // An input is seven lines (name, address, model and platform of a console, name, address and modes
 // of its users) and bytes. The console's ports are the first six bytes, in pairs.
 #include <algorithm>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "answer.h"
-#include "attach.h"
-#include "cmd_mon.h"
-#include "command.h"
 #include "command_port.h"
-#include "control.h"
 #include "fuzz.h"
 #include "lists.h"
-#include "options.h"
 #include "query.h"
-#include "threads.h"
-#include "zev.h"
 
 using namespace zevd;
 

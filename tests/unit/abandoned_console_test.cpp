@@ -1,5 +1,5 @@
-// Consoles that are disabled after they have become connected and before they are moved: nothing of
-// theirs stays open.
+// Consoles that are disabled after they have connected and before they are moved: nothing of theirs
+// stays open.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -40,7 +40,7 @@ class AbandonedConsoleTest : public test::RelayTest {
   }
 
   test::StationRoot root_;
-  // The link to the current log directory needs a path that holds everywhere.
+  // The link to the current log directory needs an absolute path.
   std::string logs_ = std::filesystem::absolute("root/logs");
   test::Listener listener_;
   ConsoleNode* cnode_ = test::AddConsole(i_cons_list, "mycons");

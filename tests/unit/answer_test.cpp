@@ -34,6 +34,58 @@ using ::testing::ElementsAre;
 
 using AnswerTest = test::CommandTest;
 
+// ---- Layout -------------------------------------------------------------------------------------
+
+TEST(PacketWriterTest, NumbersAreLittleEndian) {
+  std::array<uint8_t, 6> bytes{};
+  PacketWriter(bytes.data()).Number16(0x1234).Number32(0x89ABCDEF);
+  EXPECT_THAT(bytes, ElementsAre(0x34, 0x12, 0xEF, 0xCD, 0xAB, 0x89));
+}
+
+TEST(PacketWriterTest, LargeNumbersAreCutTo16Bits) {
+  std::array<uint8_t, 3> bytes{0, 0, 0x77};
+  PacketWriter(bytes.data()).Number16(0xABCDEF);
+  EXPECT_THAT(bytes, ElementsAre(0xEF, 0xCD, 0x77));
+}
+
+TEST(PacketWriterTest, TextsArePaddedWithNulsOrCut) {
+  std::array<uint8_t, 9> bytes{};
+  bytes.fill('#');
+  PacketWriter(bytes.data()).Text("ab", 4).Text("cdefg", 4);
+  EXPECT_THAT(bytes, ElementsAre('a', 'b', 0, 0, 'c', 'd', 'e', 'f', '#'));
+}
+
+TEST(PacketWriterTest, CodesAreTwoBytes) {
+  std::array<uint8_t, 3> bytes{'#', '#', '#'};
+  PacketWriter(bytes.data()).Code({'9', '\0'});
+  EXPECT_THAT(bytes, ElementsAre('9', 0, '#'));
+}
+
+// ---- Texts --------------------------------------------------------------------------------------
+
+TEST_F(AnswerTest, TextIsSentWholeAndCountedInBytes) {
+  const Attached<CommandNode> tool = Connect();
+  ASSERT_TRUE(AnswerText("one\ntwo\n"));
+  EXPECT_EQ(SendCommandResponse(tool.node, kStatusCommand), 0);
+  const Answer answer = Received(tool);
+  EXPECT_EQ(answer.type, kRecordsFollow);
+  EXPECT_EQ(answer.count, 8U);
+  EXPECT_EQ(answer.body, "one\ntwo\n");
+}
+
+TEST_F(AnswerTest, NoMemoryForTheText) {
+  rheader = {kDone, 7};
+  const test::FailAllocation failure(1);
+  EXPECT_FALSE(AnswerText("text"));
+  EXPECT_EQ(rheader.type, kDone);
+}
+
+TEST_F(AnswerTest, ErrorTextIsCut) {
+  EXPECT_EQ(Execute("enable " + std::string(200, 'n')), kEnableCommand);
+  EXPECT_EQ(Error(), "Unrecognized console \""s + std::string(57, 'n'));
+  EXPECT_EQ(rheader.count, kErrorTextSize);
+}
+
 // ---- Sending ------------------------------------------------------------------------------------
 
 /// Three consoles, so that a "console" answer takes four sends.
@@ -97,7 +149,7 @@ TEST_F(SendTest, RecordsOfAnotherCommandAreNotSent) {
 TEST_F(SendTest, DoneKeepsTheCountOfTheAnswerBefore) {
   const Attached<CommandNode> tool = Connect();
   const Attached<CommandNode> other = Connect();
-  EXPECT_EQ(Ask(tool, "enable c1").count, 0U);  // the first answer of all
+  EXPECT_EQ(Ask(tool, "enable c1").count, 0U);  // the very first answer
   EXPECT_EQ(Ask(tool, "console").count, 3U);
   const Answer done = Ask(other, "enable c1");
   EXPECT_EQ(done.type, kDone);
@@ -116,7 +168,7 @@ class LongAnswerTest : public AnswerTest {
     EXPECT_TRUE(tool_.node->answer.IsUnsent());
   }
 
-  /// Reads a little and lets the monitor go on, until there is no more. Everything that was read.
+  /// Reads a little and lets the monitor go on until there is no more. Returns all that was read.
   std::string ReadSlowly() {
     std::string received;
     for (bool unsent = true; unsent; cmd_mon::SendUnsentAnswers()) {
@@ -143,7 +195,7 @@ TEST_F(LongAnswerTest, RestFollowsAsTheToolMakesRoom) {
   EXPECT_EQ(tool_.node->answer.records, nullptr);
 }
 
-TEST_F(LongAnswerTest, AnswerIsThatOfItsOwnMoment) {
+TEST_F(LongAnswerTest, LaterCommandsDoNotChangeIt) {
   EXPECT_EQ(Execute("nonsense"), kNoCommand);  // another tool's turn
   const std::string received = ReadSlowly();
   EXPECT_EQ(received.size(), kHeaderSize + kConsoles * kConsolePacketSize);
@@ -158,7 +210,7 @@ TEST_F(LongAnswerTest, NothingIsSentWithoutRoom) {
   EXPECT_EQ(tool_.node->connected, 1);
 }
 
-TEST_F(LongAnswerTest, ToolThatLeavesMeanwhileIsClosedAndRemoved) {
+TEST_F(LongAnswerTest, ToolThatLeavesIsClosedAndRemoved) {
   tool_.peer.Reset();
   const DebugCapture debug;
   cmd_mon::SendUnsentAnswers();
@@ -166,14 +218,6 @@ TEST_F(LongAnswerTest, ToolThatLeavesMeanwhileIsClosedAndRemoved) {
   EXPECT_EQ(tool_.node->connected, 0);
   cmd_mon::CleanUpClosedConnections();
   EXPECT_EQ(cmd_list->count, 0);
-}
-
-// ---- Errors -------------------------------------------------------------------------------------
-
-TEST_F(AnswerTest, ErrorTextIsCut) {
-  EXPECT_EQ(Execute("enable " + std::string(200, 'n')), kEnableCommand);
-  EXPECT_EQ(Error(), "Unrecognized console \""s + std::string(57, 'n'));
-  EXPECT_EQ(rheader.count, kErrorTextSize);
 }
 
 }  // namespace

@@ -61,7 +61,7 @@ class ArchiveTimeTest : public test::DaemonTest {
   mode_t saved_umask_;
 };
 
-/// A line by which copies of this test's file are told from those of programs that run beside it.
+/// A line that tells copies of this test's file from those of programs that run beside it.
 std::string Marker() {
   return std::filesystem::current_path().string() + "\n";
 }
@@ -89,7 +89,7 @@ TEST_F(ArchiveTimeTest, MissingFileIsMadeWithTheDefault) {
   EXPECT_EQ(log_archive_time, kDefault);
 }
 
-TEST_F(ArchiveTimeTest, MissingFileIsMadeWithTheCommandLinesValue) {
+TEST_F(ArchiveTimeTest, MissingFileIsMadeWithTheCommandLineValue) {
   GiveOption("2w");
   GetZevdArchIntFromConfFile();
   EXPECT_EQ(test::ReadFile(kFile), "ZEVD_ARCH_INT=14\n");
@@ -97,7 +97,7 @@ TEST_F(ArchiveTimeTest, MissingFileIsMadeWithTheCommandLinesValue) {
   EXPECT_EQ(USE_CMD_LINE_ARCH_TIME, 0);
 }
 
-TEST_F(ArchiveTimeTest, FilesValueIsTaken) {
+TEST_F(ArchiveTimeTest, ValueIsTakenFromTheFile) {
   const std::string content = "FIRST=1\nZEVD_ARCH_INT=30\nLAST=2\n";
   test::WriteFile(kFile, content);
   GetZevdArchIntFromConfFile();
@@ -105,7 +105,7 @@ TEST_F(ArchiveTimeTest, FilesValueIsTaken) {
   EXPECT_EQ(test::ReadFile(kFile), content);
 }
 
-TEST_F(ArchiveTimeTest, CommandLinesValueIsWrittenToTheFile) {
+TEST_F(ArchiveTimeTest, CommandLineValueIsWrittenToTheFile) {
   test::WriteFile(kFile, "FIRST=1\nZEVD_ARCH_INT=7\nLAST=2\n");
   GiveOption("2w");
   GetZevdArchIntFromConfFile();
@@ -128,7 +128,7 @@ TEST_F(ArchiveTimeTest, FileWithoutTheLineIsLeftAlone) {
 
 // ---- Later readings -----------------------------------------------------------------------------
 
-TEST_F(ArchiveTimeTest, ValueThatWaitsIsWrittenOnceTheFileHasTheLine) {
+TEST_F(ArchiveTimeTest, PendingValueIsWrittenOnceTheFileHasTheLine) {
   test::WriteFile(kFile, "FIRST=1\n");
   GiveOption("3d");
   GetZevdArchIntFromConfFile();
@@ -138,7 +138,7 @@ TEST_F(ArchiveTimeTest, ValueThatWaitsIsWrittenOnceTheFileHasTheLine) {
   EXPECT_EQ(log_archive_time, 3 * kDay);
 }
 
-TEST_F(ArchiveTimeTest, OnceWrittenTheFileRules) {
+TEST_F(ArchiveTimeTest, FileDecidesOnceTheValueIsWritten) {
   GiveOption("2w");
   GetZevdArchIntFromConfFile();
   test::WriteFile(kFile, "ZEVD_ARCH_INT=5\n");
@@ -147,7 +147,7 @@ TEST_F(ArchiveTimeTest, OnceWrittenTheFileRules) {
   EXPECT_EQ(test::ReadFile(kFile), "ZEVD_ARCH_INT=5\n");
 }
 
-TEST_F(ArchiveTimeTest, NinetyMinutesAreNoWholeDay) {
+TEST_F(ArchiveTimeTest, NinetyMinutesAreLessThanADay) {
   test::WriteFile(kFile, "ZEVD_ARCH_INT=7\n");
   GiveOption("90m");
   GetZevdArchIntFromConfFile();
@@ -159,13 +159,13 @@ TEST_F(ArchiveTimeTest, NinetyMinutesAreNoWholeDay) {
 
 // ---- Reading ------------------------------------------------------------------------------------
 
-TEST_F(ArchiveTimeTest, TheFirstOfTwoLinesGivesTheValue) {
+TEST_F(ArchiveTimeTest, FirstOfTwoLinesGivesTheValue) {
   test::WriteFile(kFile, "ZEVD_ARCH_INT=3\nZEVD_ARCH_INT=4\n");
   GetZevdArchIntFromConfFile();
   EXPECT_EQ(log_archive_time, 3 * kDay);
 }
 
-TEST_F(ArchiveTimeTest, ARewriteReplacesBothLines) {
+TEST_F(ArchiveTimeTest, RewriteReplacesBothLines) {
   test::WriteFile(kFile, "ZEVD_ARCH_INT=3\nOTHER\nZEVD_ARCH_INT=4 # why\n");
   GiveOption("5");
   GetZevdArchIntFromConfFile();
@@ -213,7 +213,7 @@ TEST_F(ArchiveTimeTest, OtherLinesStayByteForByte) {
   EXPECT_EQ(test::ReadFile(kFile), before + "ZEVD_ARCH_INT=14\n" + after);
 }
 
-TEST_F(ArchiveTimeTest, WhateverFollowedTheKeyIsReplaced) {
+TEST_F(ArchiveTimeTest, EverythingAfterTheKeyIsReplaced) {
   test::WriteFile(kFile, "ZEVD_ARCH_INT=7 # weekly\r\nA\nZEVD_ARCH_INT=8");
   GiveOption("3d");
   GetZevdArchIntFromConfFile();
@@ -222,7 +222,7 @@ TEST_F(ArchiveTimeTest, WhateverFollowedTheKeyIsReplaced) {
 
 TEST_F(ArchiveTimeTest, RewriteKeepsInodeOwnerAndMode) {
   test::WriteFile(kFile, "ZEVD_ARCH_INT=700000\nMORE\n");
-  // Without the right to do so the file keeps its owner, which it must then have afterwards too.
+  // Without the right to do so the file keeps its owner, and must have it afterwards too.
   [[maybe_unused]] const int ignored = chown(kFile, 4321, 12345);
   ASSERT_EQ(chmod(kFile, 0641), 0);
   const struct stat before = FileStatus();
@@ -288,7 +288,7 @@ TEST_F(ArchiveTimeTest, LinkIsNotFollowed) {
       "fopen( \"root/config/qor.conf\", ...) failed : Too many levels of symbolic links\n");
 }
 
-TEST_F(ArchiveTimeTest, FileWithTwoNamesIsNotTaken) {
+TEST_F(ArchiveTimeTest, FileWithTwoNamesIsRefused) {
   test::WriteFile("root/config/elsewhere", "ZEVD_ARCH_INT=3\n");
   std::filesystem::create_hard_link("root/config/elsewhere", kFile);
   GiveOption("2w");
@@ -301,7 +301,7 @@ TEST_F(ArchiveTimeTest, PipeIsNotWaitedFor) {
   EXPECT_ENDS_WITH("fopen( \"root/config/qor.conf\", ...) failed : No such device or address\n");
 }
 
-TEST_F(ArchiveTimeTest, GroupThatCannotBeGivenEndsTheProcess) {
+TEST_F(ArchiveTimeTest, GroupThatCannotBeSetEndsTheProcess) {
   const test::FailCall failure(test::Call::kFchown, EPERM);
   EXPECT_ENDS_WITH("chown( root/config/qor.conf, ...) failed : Operation not permitted\n");
 }
@@ -341,7 +341,7 @@ TEST_F(ArchiveTimeTest, FileThatCannotBeWrittenEndsTheProcessAndKeepsItsContent)
   EXPECT_THAT(CopiesLeftBehind(), IsEmpty());
 }
 
-/// In the child of a death test: what is written beyond this size of any file fails with EFBIG.
+/// In the child of a death test: writing beyond this size of a file fails with EFBIG.
 void LimitFiles(rlim_t size) {
   signal(SIGXFSZ, SIG_IGN);
   const rlimit limit = {size, size};
@@ -373,8 +373,8 @@ TEST_F(ArchiveTimeTest, TemporaryFileThatCannotBeWrittenEndsTheProcessAndKeepsTh
   EXPECT_THAT(CopiesLeftBehind(), IsEmpty());
 }
 
-/// In the child of a death test: one descriptor more can be opened, and no second one. At its end
-/// there are more again, which the leak checker wants.
+/// In the child of a death test: just one more descriptor can be opened. At the end there are more
+/// again, which the leak checker needs.
 void LeaveOneDescriptor() {
   const int lowest = dup(STDOUT_FILENO);
   close(lowest);

@@ -1,4 +1,5 @@
-// Who is attached to a console beside whom, what he is sent, and what a refusal leaves behind.
+// Handing connections over: which users a console admits beside others, what they are sent, what a
+// refusal leaves behind; and tools.
 #include "attach.h"
 
 #include <gmock/gmock.h>
@@ -33,6 +34,10 @@
 #include "serv_conn_steps.h"
 
 using namespace zevd;
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 
 namespace {
 
@@ -117,7 +122,7 @@ class AttachTest : public test::RelayTest {
   ConsoleNode* console_ = AddConnected("sys1");
 };
 
-// ---- Consoles that cannot be had ----------------------------------------------------------------
+// ---- Unavailable consoles -----------------------------------------------------------------------
 
 TEST_F(AttachTest, UnknownConsole) {
   ExpectRefused("Sys1", kShared, "004 - Console not found.\r\n", "Console \"Sys1\" not found.");
@@ -144,7 +149,7 @@ TEST_F(AttachTest, AccessibleConsoleIsFoundFirst) {
   ExpectAttached(kShared);
 }
 
-TEST_F(AttachTest, ConsoleThatIsJustBeingClosed) {
+TEST_F(AttachTest, ConsoleThatIsBeingClosed) {
   const Descriptor sock(console_->sock.exchange(-1));
   ExpectRefused("sys1", kReadOnly, "005 - Console is not accessible.\r\n",
                 "Console \"sys1\" is inaccessible.");
@@ -251,7 +256,7 @@ TEST_F(AttachTest, EveryWriterRevokesTheRevocableHolder) {
     EXPECT_EQ(Attach(console->cname, mode, "anna", "192.0.2.77").result, 0);
     EXPECT_EQ(test::ReceiveAvailable(holder.peer.get()), RevocationBanner("anna@192.0.2.77"));
     EXPECT_EQ(holder.node->connected, 0);
-    // Closing and removing is the user input monitor's business.
+    // The user input monitor closes and removes them.
     EXPECT_TRUE(test::IsOpen(holder.node->sock));
     EXPECT_TRUE(IsUserInUserList(holder.node, console->user_list));
     EXPECT_TRUE(IsUserInUserList(holder.node, user_list));
@@ -293,14 +298,14 @@ TEST_F(AttachTest, RevocableHolderAloneDoesNotBlockAnExclusiveUser) {
   EXPECT_EQ(holder.node->connected, 0);
 }
 
-TEST_F(AttachTest, RevocableHolderBesideASharedUserIsRevokedInVain) {
+TEST_F(AttachTest, HolderIsRevokedInVainWhileASharedUserIsThere) {
   const Attached<UserNode> holder = AddUser(kExclusiveRevocable);
   const Attached<UserNode> shared = AddUser(kShared);
   ExpectInUse(kExclusive);
   EXPECT_EQ(holder.node->connected, 0);
 }
 
-TEST_F(AttachTest, HolderWhoIsGoneIsRevokedAllTheSame) {
+TEST_F(AttachTest, HolderWhoHasLeftIsRevokedToo) {
   Attached<UserNode> holder = AddUser(kExclusiveRevocable);
   holder.peer.Reset();
   const DebugCapture debug;
@@ -338,7 +343,7 @@ TEST_F(AttachToBusyConsoleTest, NegotiationThenOffersThenReplay) {
             std::string("\xFF\xFD\x18\xFF\xFB\x03") + kOffers + "!?ol");
 }
 
-TEST_F(AttachToBusyConsoleTest, OffersAndReplayAreSendsOfTheirOwn) {
+TEST_F(AttachToBusyConsoleTest, OffersAndReplayAreSeparateSends) {
   std::array<int, 2> ends{};
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
   const Descriptor theirs(ends[1]);
@@ -423,7 +428,7 @@ TEST_F(AttachTest, AttachmentEndsTheWaitForInput) {
 
 // ---- Locks --------------------------------------------------------------------------------------
 
-/// The lock of a trace line, by its address, with what happened to it.
+/// What a trace line says happened to which lock, known by its address.
 std::string LockEvent(const std::string& line) {
   const auto name = [&]() -> std::string {
     char address[32];
@@ -466,7 +471,7 @@ TEST_F(AttachTest, InaccessibleListIsSearchedWhenTheOtherLockIsReleased) {
                           "request icl_lock", "hold icl_lock", "release icl_lock"));
 }
 
-TEST_F(AttachTest, FailingLockIsReportedAndTheWorkGoesOn) {
+TEST_F(AttachTest, FailingLockIsReportedAndAttachingGoesOn) {
   const DebugCapture debug;
   const FailCall failure(test::Call::kWrlock, EDEADLK, 1, 1);
   EXPECT_EQ(Attach("sys1", kShared).result, 0);
@@ -506,7 +511,7 @@ class AttachWithoutMemoryTest : public AttachTest {
   }
 };
 
-// Whichever allocation fails, the caller closes the socket, so nothing may know of it any more.
+// Whichever allocation fails, the caller closes the socket, so nothing may refer to it any more.
 TEST_F(AttachWithoutMemoryTest, NothingIsLeftBehind) {
   const Attached<UserNode> stays = AddUser(kReadOnly);
   for (const int failing : {1, 2, 3}) {  // the record, and an element of either list
@@ -561,7 +566,7 @@ TEST_F(AttachTest, OnlyOneOfManyGetsTheConsoleExclusively) {
 
 // ---- Tools that are handed over -----------------------------------------------------------------
 
-/// Keeps the leak checker from what is lost on purpose.
+/// Hides from the leak checker what is lost on purpose.
 class LossOnPurpose {
  public:
 #if defined(__SANITIZE_ADDRESS__)
@@ -612,7 +617,7 @@ void ForgetRoomOfSet() {
   std::construct_at(&cmd_list->fdset);
 }
 
-/// The n-th allocation of a hand-over fails, and what is said about it.
+/// The n-th allocation of a hand-over fails, and this is reported.
 struct FailedHandOver {
   int allocation;
   std::vector<std::string> messages;
@@ -654,8 +659,8 @@ TEST_F(HandOverTest, HandOverWithoutMemoryLeavesTheSocketToTheCaller) {
   }
 }
 
-/// Carries a connection that asks for the command port through its service thread, whose n-th
-/// allocation fails. What the client receives until the end.
+/// Runs the service thread of a client that asks for the command port; its n-th allocation fails.
+/// Returns what the client receives until the end.
 std::string ServeWithoutMemory(int allocation) {
   SocketPair pair;
   test::SendText(pair.theirs.get(), "@@@@ user=anna\n");
@@ -672,7 +677,7 @@ std::string ServeWithoutMemory(int allocation) {
   return test::Receive(pair.theirs.get(), 1000);
 }
 
-TEST_F(HandOverTest, ClientWhoCannotBeHandedOverIsToldAndClosed) {
+TEST_F(HandOverTest, ClientThatCannotBeHandedOverIsToldAndClosed) {
   security_enabled = 0;
   const SocketPair listening;
   {

@@ -1,4 +1,4 @@
-// What the system log is told, and what becomes of it when that takes nothing.
+// What is written to the system log, and what happens when that takes nothing.
 #include "audit.h"
 
 #include <gmock/gmock.h>
@@ -99,7 +99,7 @@ TEST_F(AuditTest, ReasonEndsWithItsLineAndTextsAreCut) {
                                written + "\""));
 }
 
-TEST_F(AuditTest, LossesAreCountedAndTold) {
+TEST_F(AuditTest, LossesAreCountedAndReported) {
   test::DebugCapture debug;
   close(sock_);
   std::filesystem::remove(kLog);
@@ -118,7 +118,7 @@ TEST_F(AuditTest, LossesAreCountedAndTold) {
   EXPECT_THAT(debug.NewMessages(), IsEmpty());
 }
 
-TEST_F(AuditTest, LogThatNobodyReadsIsNotWaitedFor) {
+TEST_F(AuditTest, DoesNotWaitForALogThatNobodyReads) {
   const test::DebugCapture debug;
   int written = 0;
   while (debug.Messages().empty()) {

@@ -105,7 +105,7 @@ TEST_F(BoundedOutputTest, WritesWhatIsTaken) {
   EXPECT_EQ(pipe_.ReadAll(), "one\ntwo\n");
 }
 
-TEST_F(BoundedOutputTest, LongTextIsWholeAndATooLongOneCut) {
+TEST_F(BoundedOutputTest, LongTextIsWholeAndALongerOneIsCut) {
   const std::string text = Text(BoundedOutput::kLongestText + 1);
   EXPECT_TRUE(Write(text));  // more than the pipe takes: the rest waits
   std::string read = pipe_.ReadAll();
@@ -123,7 +123,7 @@ TEST_F(BoundedOutputTest, WaitsATenthOfASecondAndNoLonger) {
   EXPECT_LT(seconds, 1.0);
 }
 
-TEST_F(BoundedOutputTest, WhatFollowsIsDroppedWithoutAWait) {
+TEST_F(BoundedOutputTest, LaterTextsAreDroppedWithoutAWait) {
   Fill();
   EXPECT_FALSE(Write("late\n"));
   const double seconds = Seconds([&] {
@@ -133,7 +133,7 @@ TEST_F(BoundedOutputTest, WhatFollowsIsDroppedWithoutAWait) {
   EXPECT_EQ(pipe_.ReadAll(), filling_);
 }
 
-TEST_F(BoundedOutputTest, LossIsToldBeforeTheNextText) {
+TEST_F(BoundedOutputTest, LossIsReportedBeforeTheNextText) {
   Fill();
   EXPECT_FALSE(Write("lost\n"));
   EXPECT_FALSE(Write("lost with two before it\n", 3));
@@ -143,7 +143,7 @@ TEST_F(BoundedOutputTest, LossIsToldBeforeTheNextText) {
   EXPECT_EQ(pipe_.ReadAll(), Lost(4) + "seen\nseen too\n");
 }
 
-TEST_F(BoundedOutputTest, EachLossIsCountedOnItsOwn) {
+TEST_F(BoundedOutputTest, EachLossIsCountedSeparately) {
   for (const unsigned long count : {1UL, 5UL}) {
     Fill();
     EXPECT_FALSE(Write("lost\n", count));
@@ -153,7 +153,7 @@ TEST_F(BoundedOutputTest, EachLossIsCountedOnItsOwn) {
   }
 }
 
-TEST_F(BoundedOutputTest, TextThatWasBegunIsFinishedFirst) {
+TEST_F(BoundedOutputTest, UnfinishedTextIsFinishedFirst) {
   EXPECT_TRUE(Write(std::string(PIPE_BUF, 'a')));
   const std::string text = Text(PIPE_BUF + 1000) + "\n";
   EXPECT_TRUE(Write(text));  // one page of it has room
@@ -171,7 +171,7 @@ TEST_F(BoundedOutputTest, TheDescriptorStaysBlocking) {
   EXPECT_EQ(flags & O_NONBLOCK, 0);
 }
 
-TEST_F(BoundedOutputTest, SomebodyElseMadeItNonBlocking) {
+TEST_F(BoundedOutputTest, WritesToANonBlockingDescriptor) {
   fcntl(pipe_.writer.get(), F_SETFL, O_NONBLOCK);
   Fill();
   EXPECT_FALSE(Write("lost\n"));
@@ -180,7 +180,7 @@ TEST_F(BoundedOutputTest, SomebodyElseMadeItNonBlocking) {
   EXPECT_EQ(pipe_.ReadAll(), Lost(1) + "seen\n");
 }
 
-TEST_F(BoundedOutputTest, InterruptionsAreNoLoss) {
+TEST_F(BoundedOutputTest, InterruptionsLoseNothing) {
   const test::FailCall interrupted(test::Call::kWrite, EINTR, 1, 2);
   EXPECT_TRUE(Write("seen\n"));
   EXPECT_EQ(pipe_.ReadAll(), "seen\n");
@@ -194,7 +194,7 @@ TEST_F(BoundedOutputTest, InterruptedWaitGoesOn) {
 
 // ---- Errors -------------------------------------------------------------------------------------
 
-TEST_F(BoundedOutputTest, FullDiskCostsWhatIsWrittenMeanwhile) {
+TEST_F(BoundedOutputTest, FullDiskLosesWhatIsWrittenMeanwhile) {
   {
     const test::FailCall full(test::Call::kWrite, ENOSPC);
     for (int i = 0; i < 3; ++i) EXPECT_FALSE(Write("lost\n"));
@@ -204,7 +204,7 @@ TEST_F(BoundedOutputTest, FullDiskCostsWhatIsWrittenMeanwhile) {
   EXPECT_EQ(pipe_.ReadAll(), Lost(3) + "seen\n");
 }
 
-TEST_F(BoundedOutputTest, FullDeviceIsNoReasonToWait) {
+TEST_F(BoundedOutputTest, DoesNotWaitForAFullDevice) {
   const Descriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
   BoundedOutput output(full.get());
   const double seconds = Seconds([&] {
@@ -213,12 +213,12 @@ TEST_F(BoundedOutputTest, FullDeviceIsNoReasonToWait) {
   EXPECT_LT(seconds, 10.0);
 }
 
-TEST_F(BoundedOutputTest, ClosedPipeIsNoReasonToEnd) {
+TEST_F(BoundedOutputTest, SurvivesAClosedPipe) {
   pipe_.reader.Reset();
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(Write("lost\n"));
 }
 
-TEST_F(BoundedOutputTest, ClosedDescriptorIsNoReasonToEnd) {
+TEST_F(BoundedOutputTest, SurvivesAClosedDescriptor) {
   BoundedOutput output(-1);
   EXPECT_TRUE(output.Write(kStamp, "", 1));  // nothing to write
   BoundedOutput closed(pipe_.writer.get());
@@ -263,7 +263,7 @@ struct Terminal {
     slave.Reset(open(name.data(), O_RDWR | O_NOCTTY | O_CLOEXEC));
   }
 
-  /// Reads until this many bytes have come, or none any more.
+  /// Reads until this many bytes have come, or no more come.
   std::string Read(size_t count) const {
     std::string all;
     std::array<char, PIPE_BUF> piece{};
@@ -295,7 +295,7 @@ class TerminalOutputTest : public ::testing::Test {
  protected:
   bool Write(const std::string& text) { return output_.Write(kStamp, text, 1); }
 
-  /// Writes the text until the terminal, which nobody reads, takes no more of it; what it took.
+  /// Writes the text until the terminal, which nobody reads, takes no more. Returns what it took.
   std::string WriteUntilStuck(const std::string& text) {
     std::string written;
     while (Write(text)) written += text;
@@ -316,11 +316,11 @@ void PrintTo(const TerminalCase& test_case, std::ostream* out) {
   *out << test_case.name;
 }
 
-// In a write that blocks these would stay for ever.
+// A write that blocks would stay here forever.
 class UnreadTerminalTest : public TerminalOutputTest,
                            public ::testing::WithParamInterface<TerminalCase> {};
 
-TEST_P(UnreadTerminalTest, CostsNothingButOutput) {
+TEST_P(UnreadTerminalTest, LosesNothingButOutput) {
   const std::string written = WriteUntilStuck(GetParam().text);
   EXPECT_FALSE(Write("lost\n"));
   EXPECT_TRUE(test::Eventually([&] {
@@ -343,7 +343,7 @@ INSTANTIATE_TEST_SUITE_P(
                       TerminalCase{"LineEnds", "\n"}, TerminalCase{"Tabs", "\ta\t\r\n"}),
     [](const auto& test_case) { return test_case.param.name; });
 
-TEST_F(TerminalOutputTest, StoppedTerminalCostsNothingButOutput) {
+TEST_F(TerminalOutputTest, StoppedTerminalLosesNothingButOutput) {
   EXPECT_TRUE(Write("before\n"));
   ASSERT_EQ(tcflow(terminal_.slave.get(), TCOOFF), 0);
   EXPECT_FALSE(Write("lost\n"));
@@ -354,7 +354,7 @@ TEST_F(TerminalOutputTest, StoppedTerminalCostsNothingButOutput) {
   EXPECT_EQ(terminal_.Read(shown.size()), shown);
 }
 
-TEST_F(TerminalOutputTest, TerminalThatHangsUpIsNoReasonToEnd) {
+TEST_F(TerminalOutputTest, SurvivesATerminalThatHangsUp) {
   terminal_.master.Reset();
   EXPECT_FALSE(Write("lost\n"));
 }

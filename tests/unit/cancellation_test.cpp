@@ -64,7 +64,7 @@ TEST_F(CancellationTest, ThreadsAreCancelledWhileTheyWait) {
   }
 }
 
-TEST_F(CancellationTest, FormerCancellationStateComesBack) {
+TEST_F(CancellationTest, CancellationStateIsRestored) {
   test::SendText(pair_.theirs.get(), "one\ntwo\n");
   int state = -1;
   Uncancellable thread([&] {

@@ -117,7 +117,7 @@ TEST_F(CommandMonitorDeathTest, FailingWaitEndsTheProcess) {
 
 // ---- Reading and answering ----------------------------------------------------------------------
 
-TEST_F(CommandMonitorTest, LinesReadyAtOnceAreServedInTheOrderOfHandOver) {
+TEST_F(CommandMonitorTest, ToolsAreServedInTheOrderOfHandOver) {
   SocketPair low;
   SocketPair high;
   const bool swapped = low.ours.get() > high.ours.get();
@@ -142,7 +142,7 @@ TEST_F(CommandMonitorTest, LinesReadyAtOnceAreServedInTheOrderOfHandOver) {
                                             line("console", "second"), response("second")));
 }
 
-TEST_F(CommandMonitorTest, OneLineOfAConnectionInAPass) {
+TEST_F(CommandMonitorTest, EachPassReadsOneLineOfAConnection) {
   const Attached<CommandNode> tool = Connect();
   test::SendText(tool.peer.get(), "console\nwho\n");
   Pass();
@@ -151,7 +151,7 @@ TEST_F(CommandMonitorTest, OneLineOfAConnectionInAPass) {
   EXPECT_EQ(Received(tool).body, "No console specified.\0"s);
 }
 
-TEST_F(CommandMonitorTest, ToolThatLeftIsClosedWithoutAWordAndRemovedInTheSamePass) {
+TEST_F(CommandMonitorTest, ToolThatLeftIsClosedSilentlyAndRemovedInTheSamePass) {
   Attached<CommandNode> leaver = Connect("leaver");
   const Attached<CommandNode> other = Connect("other");
   const int sock = leaver.node->sock;
@@ -184,8 +184,8 @@ TEST_F(CommandMonitorTest, ClosedConnectionsAreFoundFromTheHead) {
   EXPECT_EQ(cmd_list->head->tool, open.node);
 }
 
-// Bytes that are allocated. The sanitizers' own allocators do not tell; with the first of them the
-// leak checker looks instead.
+// Bytes that are allocated. The sanitizers' own allocators do not tell; AddressSanitizer's leak
+// checker looks instead.
 size_t HeapInUse() {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   return 0;
@@ -260,7 +260,7 @@ TEST_F(CommandMonitorTest, MissingText) {
     if (row.argument == CommandArgument::kConsoleAndText) {
       EXPECT_EQ(id, kNoCommand) << row.word;
       EXPECT_EQ(Error(), "No message specified.");
-      EXPECT_EQ(Execute(std::string(row.word) + " -\n"), row.id);  // an empty one is there
+      EXPECT_EQ(Execute(std::string(row.word) + " -\n"), row.id);  // an empty text is a text
       EXPECT_EQ(rheader.type, kDone);
     } else {
       EXPECT_EQ(id, row.id) << row.word;
@@ -269,7 +269,7 @@ TEST_F(CommandMonitorTest, MissingText) {
   }
 }
 
-TEST_F(CommandMonitorTest, LinesThatAreNoCommand) {
+TEST_F(CommandMonitorTest, LinesThatAreNotCommands) {
   for (const char* line : {"", "\n", " \r\n ", "\r"}) {
     EXPECT_EQ(Execute(line), kNoCommand);
     EXPECT_EQ(Error(), "No command specified.");
@@ -347,7 +347,7 @@ TEST_F(CommandMonitorDeathTest, ThreadServesParksAndRemoves) {
   EXPECT_HOLDS_IN_CHILD(ExpectCommandsToBeServed(Connect()));
 }
 
-// The thread's first pass finds no memory for its set, and its second begins.
+// The thread's first pass finds no memory for its set; its second one begins.
 void ExpectAPauseWithoutMemory() {
   const DebugCapture debug;
   std::array<useconds_t, 3> sleeps{};

@@ -1,4 +1,4 @@
-// Tools at the command port, and what they are answered.
+// Tools at the command port, and the answers that they get.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -41,7 +41,7 @@ inline constexpr char kOperator[] = "op";
 inline constexpr char kOperatorAddress[] = "192.0.2.7";
 inline constexpr char kNoMemoryLine[] = "malloc() failed : Cannot allocate memory\n";
 
-/// The monitor's part is played by the test. There is one managed model, "M100".
+/// The test plays the monitor's part. There is one managed model, "M100".
 class CommandTest : public RelayTest {
  protected:
   CommandTest();
@@ -58,10 +58,10 @@ class CommandTest : public RelayTest {
   /// The answer to one line.
   static Answer Ask(const Attached<CommandNode>& tool, const std::string& line);
 
-  /// The text of the error that a command has left.
+  /// The text of the error with which the last command was answered.
   static std::string Error();
 
-  /// Runs a command of the operator's, which leaves its answer.
+  /// Runs a command as the operator; sends nothing.
   static CommandId Execute(std::string line);
 
   /// What a command writes at level 1.
@@ -85,14 +85,15 @@ class TwinTest : public CommandTest {
 
 // ---- Locks --------------------------------------------------------------------------------------
 
-/// What the trace says of the console list locks and of memory, in order: "+acl" where a lock is
-/// requested, "-acl" where it is released, "malloc" and "error" where one of these is reported.
+/// What the trace says about the console list locks and memory, in order: "+acl" where a lock is
+/// requested, "-acl" where it is released, "malloc" where memory has run out and "error" where the
+/// error of the answer is reported.
 std::vector<std::string> LockSteps(const DebugCapture& debug);
 
 /// True when another thread could take the lock for writing.
 bool IsFree(RwLock& lock);
 
-/// True when another thread could take the lock for reading alone.
+/// True when another thread could take the lock for reading only.
 bool IsReadHeld(RwLock& lock);
 
 }  // namespace test

@@ -1,4 +1,4 @@
-// A console that connects, and the place it connects to.
+// A console that connects, and the peer that it connects to.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@ namespace test {
 
 inline constexpr time_t kNow = 1'000'000'000;
 
-/// What a management port says whose session another client holds.
+/// What a management port says when another client holds its session.
 inline constexpr char kRefusal[] =
     "~NET-E-IN-USE, Session is already open to the partition/CLI by client 10.9.8.7, port 1025\r\n";
 
@@ -31,7 +31,7 @@ class SilentPort {
   Descriptor filler_;
 };
 
-/// A console on i_cons_list and the place it connects to. "M100" is the one managed model.
+/// A console on i_cons_list and the port that it connects to. "M100" is the one managed model.
 class ConnectionTest : public RelayTest {
  protected:
   ConnectionTest();
@@ -45,7 +45,7 @@ class ConnectionTest : public RelayTest {
   /// Sends to the console and waits until it has arrived there.
   void Say(const Descriptor& peer, std::string_view text);
 
-  /// The console as messages name it.
+  /// The console as messages name it, with its address and port.
   std::string Place() const;
 
   FakeClock clock_{kNow};

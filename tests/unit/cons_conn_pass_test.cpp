@@ -1,4 +1,4 @@
-// The passes of the console connection thread: all connections at once, and the thread as a whole.
+// The passes of the console connection thread over all connections, and the thread as a whole.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -54,7 +54,7 @@ class UpdateTest : public ConnectionTest {
   }
 
   test::StationRoot root_;
-  // The link to the current log directory needs a path that holds everywhere.
+  // The link to the current log directory needs an absolute path.
   std::string logs_ = std::filesystem::absolute("root/logs");
 };
 
@@ -87,7 +87,7 @@ TEST_F(UpdateTest, TelnetNegotiationIsKept) {
   EXPECT_EQ(test::ReceiveAvailable(cnode_->sock), "login: ");
 }
 
-TEST_F(UpdateTest, ManagementPortIsGivenTwoSecondsToRefuse) {
+TEST_F(UpdateTest, ManagementPortHasTwoSecondsToRefuse) {
   CopyText(cnode_->model, "M100");
   const test::Descriptor peer = ConnectAndGreet("hello\r\n");
   const test::DebugCapture capture(kInfo);
@@ -188,7 +188,7 @@ TEST_F(UpdateTest, UnansweredConnectionIsInProgress) {
   EXPECT_EQ(UpdateConnectionStatus(), 0);
   EXPECT_EQ(cnode_->status, kInProgress);
   EXPECT_NE(cnode_->sock, -1);
-  // It is known not to have any news, so nobody waits for it; it is traced all the same.
+  // It is known that nothing has happened on it, so nobody waits for it; it is traced nevertheless.
   EXPECT_EQ(waits.calls(), 0);
   EXPECT_TRUE(capture.Has("CheckConnectionStatus: Checking status for \"mycons\" (sock=" +
                           std::to_string(cnode_->sock) + ").\n"));
@@ -259,12 +259,12 @@ TEST_F(MixedUpdateTest, EachConsoleGetsItsOwnStatus) {
   Expect();
 }
 
-TEST_F(MixedUpdateTest, SystemThatCannotBeAskedForAllIsAskedForEach) {
+TEST_F(MixedUpdateTest, EachConsoleIsPolledWhenPollingAllFails) {
   const test::FailCall failure(test::Call::kPoll, ENOMEM, 3, 1);
   Expect();
 }
 
-TEST_F(MixedUpdateTest, EachIsAskedWithoutMemoryForTheQuestion) {
+TEST_F(MixedUpdateTest, EachConsoleIsPolledWithoutMemoryToPollAll) {
   ASSERT_TRUE(WaitFor(connected_->sock, POLLIN));
   const test::FailAllocation failure(1);
   Expect();
@@ -273,7 +273,7 @@ TEST_F(MixedUpdateTest, EachIsAskedWithoutMemoryForTheQuestion) {
 
 // ---- The thread ---------------------------------------------------------------------------------
 
-/// The child has threads.
+/// The children have threads.
 class ConnectionThreadTest : public ::testing::Test {
  protected:
   ConnectionThreadTest() { test::StartChildrenAfresh(); }
@@ -284,7 +284,7 @@ bool IsOn(ConsoleList* list, RwLock& list_lock, const char* name) {
   return LocateConsoleInList(name, list) != nullptr;
 }
 
-// The life of some consoles; they are all on i_cons_list at first.
+// The consoles are all on i_cons_list at first.
 void RunConnectionThread() {
   const test::StationRoot root;
   log_dir = strdup(std::filesystem::absolute("root/logs").c_str());  // for the thread's whole life
@@ -346,7 +346,7 @@ std::string Address(RwLock& lock) {
   return text.data();
 }
 
-// What the thread does to the list locks, and the steps in between.
+// What the thread does with the list locks, and its steps in between.
 std::vector<std::string> Steps(const std::vector<std::string>& messages) {
   static const std::array<std::string, 4> kSteps = {
       "Entering DeleteMarkedConsoles\n", "Entering ConnectToConsoles\n",
@@ -367,7 +367,7 @@ std::vector<std::string> Steps(const std::vector<std::string>& messages) {
   return steps;
 }
 
-/// The trace of the thread; for the life of the child, because the thread goes on writing.
+/// The trace of the thread. It lives as long as the child, because the thread goes on writing.
 const test::DebugCapture& TraceOfTheThread() {
   static const auto* capture = new test::DebugCapture(kTrace);
   return *capture;

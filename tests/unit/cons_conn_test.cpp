@@ -45,7 +45,7 @@ std::string HolderIn(std::string text) {
   return GetPortHolderIPAddr(text.data());
 }
 
-TEST(RefusalTest, IsALineThatBeginsAndContains) {
+TEST(RefusalTest, IsALineWithTheRightStartAndText) {
   EXPECT_TRUE(IsRefusal(kRefusal));
   EXPECT_TRUE(IsRefusal("~NET-E-Session is already open"));
   EXPECT_TRUE(IsRefusal("~NET-E- x Session is already open y"));
@@ -95,7 +95,7 @@ TEST(PortHolderTest, WithoutACommaItIsTheRest) {
   EXPECT_EQ(HolderIn("1 2 3 4 5 6 7 8 9 10 10.9.8.7 and more"), "10.9.8.7 and more");
 }
 
-TEST(PortHolderTest, CommasBeforeBelongToTheirWords) {
+TEST(PortHolderTest, EarlierCommasBelongToTheirWords) {
   EXPECT_EQ(HolderIn("1, 2, 3 4 5 6 7 8 9 10, 10.9.8.7,x"), "10.9.8.7");
 }
 
@@ -253,7 +253,7 @@ TEST_F(StatusTest, CheckIsTraced) {
                           "CheckConnectionStatus: Checking status for \"mycons\" (sock=-1).\n"));
 }
 
-TEST_F(StatusTest, EstablishedWithoutAWordIsConnected) {
+TEST_F(StatusTest, SilentConnectionIsConnected) {
   const test::Descriptor peer = Connect();
   EXPECT_EQ(CheckConnectionStatus(cnode_), kConnected);
 }
@@ -330,7 +330,7 @@ TEST_F(StatusTest, FailedPeekTellsTheStatus) {
   }
 }
 
-TEST_F(StatusTest, WorksWithDescriptorsBeyondAPlainSet) {
+TEST_F(StatusTest, WorksWithDescriptorsBeyondThePlainSets) {
   rlimit saved{};
   getrlimit(RLIMIT_NOFILE, &saved);
   rlimit raised = saved;
@@ -432,7 +432,7 @@ TEST_F(StatusTest, RefusalThatEndsWithinTheFirst299CharactersIsSeen) {
   EXPECT_EQ(CheckConnectionStatus(cnode_), kRefused);
 }
 
-TEST_F(StatusTest, RefusalThatEndsBehindThemIsNot) {
+TEST_F(StatusTest, RefusalThatEndsAfterThemIsNot) {
   const test::Descriptor peer = Connect();
   const std::string refusal = "~NET-E- Session is already open";
   Say(peer, std::string(299 - refusal.size(), 'x') + "\n" + refusal);

@@ -1,4 +1,4 @@
-// The loop of the console output monitor, which runs in children, as it never ends.
+// The loop of the console output monitor. It never ends, so it runs in children.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -46,7 +46,6 @@ bool IsOn(RwLock& lock, const ConsoleList* list, const char* name) {
   return LocateConsoleInList(name, list) != nullptr;
 }
 
-// The loop never ends, so it runs in a process of its own.
 void ExpectPassesToTakePlace(const Attached<ConsoleNode>& console, const Attached<UserNode>& user) {
   const test::TemporaryDirectory directory;
   log_dir = directory.path().c_str();
@@ -64,7 +63,7 @@ void ExpectPassesToTakePlace(const Attached<ConsoleNode>& console, const Attache
   EXPECT_EQ(console.node->status, 3);
   EXPECT_EQ(console.node->sock, -1);
   EXPECT_EQ(user.node->connected, 0);
-  thread_waitreq_mask |= kPauseConsMon;  // and there it stays, for the rest of this process
+  thread_waitreq_mask |= kPauseConsMon;  // where it stays for the rest of this process
   cons_mon_waker.Wake();
   EXPECT_TRUE(test::Eventually([] { return thread_waiting_mask == kPauseConsMon; }));
   for (const test::DebugLine& line : debug.Lines()) {
@@ -77,9 +76,9 @@ TEST_F(MonitorLoopTest, LoopRelaysDeletesMovesAndParks) {
   EXPECT_HOLDS_IN_CHILD(ExpectPassesToTakePlace(console_, AddUser("anna")));
 }
 
-// Whatever allocation fails in the first pass: the console that finds no room is lost, and the
-// others are moved in the second one although nobody wakes the loop again. It runs in the only
-// thread of a child, where every pass begins with a sleep.
+// Whichever allocation fails in the first pass, the console that finds no room is lost, and the
+// others are moved in the second pass although nobody wakes the loop again. It runs in the only
+// thread of a child; every pass begins with a sleep.
 void ExpectOthersToBeMoved(const std::vector<int>& peers, int failing) {
   for (const int peer : peers) shutdown(peer, SHUT_WR);
   test::FakeClock clock;
@@ -119,8 +118,8 @@ class ReloadInLoopTest : public MonitorLoopTest {
     test::WriteFile("root/config/zev.conf", "");
   }
 
-  /// Asks for a reload and calls `pausing` each time that the loop waits for another thread, and
-  /// `reloaded` when it has gone on.
+  /// Asks for a reload. Calls `pausing` each time the loop waits for another thread, and `reloaded`
+  /// when it has gone on.
   static void Run(const std::function<void()>& pausing, const std::function<void()>& reloaded) {
     test::FakeClock clock;
     clock.OnSleep([&](useconds_t pause) {
@@ -188,7 +187,7 @@ TEST_F(ReloadInLoopTest, WaitsUntilOneOfTheOtherThreadsStandsStill) {
   }
 }
 
-TEST_F(ReloadInLoopTest, ConfigurationThatCannotBeReadForWantOfMemoryIsReported) {
+TEST_F(ReloadInLoopTest, ConfigurationThatFindsNoMemoryIsReported) {
   EXPECT_HOLDS_IN_CHILD(ExpectToGoOnWithoutMemory());
 }
 

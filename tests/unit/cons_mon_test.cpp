@@ -135,7 +135,7 @@ TEST_F(DispatchTest, RawBytesAreHandedOn) {
   EXPECT_EQ(ReceiveAvailable(user.peer.get()), "a\r\n\0\xFF\xFB\x01z"sv);
 }
 
-TEST_F(DispatchTest, ChunkThatBeginsWithAHighByteIsDroppedWhileNobodyIsThere) {
+TEST_F(DispatchTest, ChunkThatBeginsWithAHighByteIsDroppedWithoutUsers) {
   console_.node->logging = 1;
   const DebugCapture debug(kTrace);
   ExpectDropped("\xFF\xFB\x01login: ");
@@ -190,7 +190,7 @@ TEST_F(DispatchTest, StartAloneIsOrdinaryOutput) {
   ExpectKept("~NET-I-Timed out, disconnecting..");
 }
 
-TEST_F(DispatchTest, TextBehindANulIsNotSeen) {
+TEST_F(DispatchTest, TextAfterANulIsNotSeen) {
   ExpectKept(std::string("~NET-I-\0", 8) + kTimedOutNotice);
   ExpectDropped(std::string("~NET-I-") + kTimedOutNotice + std::string("\0rest", 5));
 }
@@ -215,7 +215,7 @@ TEST_F(ConsoleMonitorTest, OutputReachesEveryUser) {
   EXPECT_TRUE(debug.Has("ProcessConsoleOutput: Received ->login: <- (7 bytes)\n"));
 }
 
-TEST_F(ConsoleMonitorTest, TraceEndsAtANulAndTellsTheWholeLength) {
+TEST_F(ConsoleMonitorTest, TraceEndsAtANulAndGivesTheWholeLength) {
   Print("ab\0cd"sv);
   const DebugCapture debug(kTrace);
   Pass();
@@ -256,7 +256,7 @@ class TurnsTest : public test::RelayTest {
     }
   }
 
-  // Who is read in so many passes, in letters, with a blank behind each pass.
+  // Which consoles are read in so many passes, as letters, with a blank after each pass.
   static std::string ReadBy(int passes) {
     std::string read;
     for (int i = 0; i < passes; ++i) {
@@ -275,19 +275,19 @@ class TurnsTest : public test::RelayTest {
   std::vector<Attached<ConsoleNode>> consoles_;
 };
 
-TEST_F(TurnsTest, APassReadsEverybodyWhenThereIsTime) {
+TEST_F(TurnsTest, PassReadsEveryConsoleWhenThereIsTime) {
   ConnectConsoles(5);
   const test::FakePassageOfTime time(150);
   EXPECT_EQ(ReadBy(3), "abcde abcde abcde ");
 }
 
-TEST_F(TurnsTest, WhoWasLeftOutForLackOfTimeComesFirstInTheNextPass) {
+TEST_F(TurnsTest, ConsolesLeftOutForLackOfTimeComeFirstInTheNextPass) {
   ConnectConsoles(5);
   const test::FakePassageOfTime time(600);
   EXPECT_EQ(ReadBy(6), "ab cd ea bc da eb ");
 }
 
-TEST_F(TurnsTest, OneIsReadHoweverLittleTimeThereIs) {
+TEST_F(TurnsTest, OneConsoleIsReadHoweverLittleTimeThereIs) {
   ConnectConsoles(3);
   for (const int step : {1499, 1500, 100'000}) {
     const test::FakePassageOfTime time(step);
@@ -295,7 +295,7 @@ TEST_F(TurnsTest, OneIsReadHoweverLittleTimeThereIs) {
   }
 }
 
-TEST_F(ConsoleMonitorTest, EverybodyOnAListWithoutAWatchIsReadWhateverTimeItTakes) {
+TEST_F(ConsoleMonitorTest, ListWithoutAWatchIsReadToItsEndHoweverLongItTakes) {
   const Attached<ConsoleNode> second = ConnectConsole("sys2");
   Print("one");
   test::SendText(second.peer.get(), "two");
@@ -351,7 +351,7 @@ TEST_F(ConsoleMonitorTest, FailingReceiveMarksTheConsole) {
   }
 }
 
-TEST_F(ConsoleMonitorTest, UserWhoTakesNothingHoldsBackOnlyHisConsole) {
+TEST_F(ConsoleMonitorTest, UserWhoTakesNothingHoldsBackOneConsoleOnly) {
   const Attached<ConsoleNode> second = ConnectConsole("sys2");
   const Attached<UserNode> stalled = AddUser("stalled");
   const Attached<UserNode> beside = AddUser("beside");

@@ -86,7 +86,7 @@ TEST_F(MoveTest, SocketsMoveFromSetToSet) {
   cnode->sock = -1;
 }
 
-// Closed by another thread after the clean-up of the pass: socket and users are dealt with first.
+// Another thread closed it after the clean-up of the pass: its socket and users come first.
 TEST_F(MoveTest, ClosedConsoleThatStillHasItsSocketStays) {
   ConsoleNode* cnode = LocateConsoleInList("n1", &from_);
   cnode->sock = 3000;
@@ -115,7 +115,7 @@ TEST_F(MoveTest, RunningOutOfMemoryStopsTheMoveAndClosesWhatIsLost) {
   EXPECT_FALSE(test::IsOpen(log_fd));
 }
 
-TEST_F(MoveTest, ConsoleThatIsLostStaysForTheUsersWhoLeaveIt) {
+TEST_F(MoveTest, LostConsoleStaysForTheUsersWhoLeaveIt) {
   const test::ConsolePtr lost(LocateConsoleInList("c2", &from_));
   lost->ref_count = 1;
   {
@@ -164,8 +164,8 @@ TEST_F(DeleteTest, SocketAndLogAreClosed) {
   EXPECT_EQ(test::Receive(socket.theirs.get(), 1), "");
 }
 
-// The console is off its list by then, so the look finds nobody for the port.
-TEST_F(DeleteTest, PortsAreLookedAtAgainAfterTheConsoleThatHadOne) {
+// The console is off its list by then, so nobody has the port any more.
+TEST_F(DeleteTest, PortsAreRefreshedAfterAConsoleThatHadOne) {
   AddMarked("goes")->mapped_port = 7001;
   const test::DebugCapture capture(kTrace);
   DeleteMarkedConsoles(a_cons_list);
@@ -224,7 +224,7 @@ TEST_F(DeleteTest, ConsoleWithUsersDoesNotStopTheWalk) {
   EXPECT_THAT(test::Names(*a_cons_list), ElementsAre("busy"));
 }
 
-TEST_F(DeleteTest, ReferenceOnAConsoleThatIsNotMarkedIsNoMatter) {
+TEST_F(DeleteTest, ReferenceToAnUnmarkedConsoleDoesNotMatter) {
   test::AddConsole(a_cons_list, "used")->ref_count = 1;
   AddMarked("goes");
   DeleteMarkedConsoles(a_cons_list);

@@ -47,7 +47,7 @@ TEST(CopyTextTest, FieldsHoldWhatTheirSizesSay) {
 
 using ConsoleTest = test::RelayTest;
 
-TEST_F(ConsoleTest, NewOneIsNotConnected) {
+TEST_F(ConsoleTest, NewConsoleIsNotConnected) {
   const test::ConsolePtr cnode = test::MakeConsole("mycons");
   EXPECT_EQ(cnode->sock, -1);
   EXPECT_EQ(cnode->log_fd, -1);
@@ -72,7 +72,7 @@ TEST_F(ConsoleTest, StatusValuesAreThoseOnTheWire) {
   EXPECT_EQ(kNotConnected, 3);
 }
 
-TEST_F(ConsoleTest, NewOneTakesItsSettings) {
+TEST_F(ConsoleTest, NewConsoleTakesItsSettings) {
   EventSetNode enode{};
   ConsoleSettings settings = test::Settings("mycons");
   CopyText(settings.pname, "sys1");
@@ -113,7 +113,7 @@ TEST_F(ConsoleTest, TextsAreCutTo64Characters) {
   }
 }
 
-TEST_F(ConsoleTest, NewOneHasAnEmptyUserList) {
+TEST_F(ConsoleTest, NewConsoleHasAnEmptyUserList) {
   const test::ConsolePtr cnode = test::MakeConsole("mycons");
   EXPECT_STREQ(cnode->user_list->list_name, "console's user list");
   EXPECT_EQ(cnode->user_list->head, nullptr);
@@ -131,7 +131,7 @@ TEST_F(ConsoleTest, RingIsMadeWhenItHasASize) {
   EXPECT_EQ(cnode->cons_buf.tail, 0);
 }
 
-TEST_F(ConsoleTest, NewOneIsAnnouncedAtLevelOneAndDescribedAtLevelThree) {
+TEST_F(ConsoleTest, NewConsoleIsAnnouncedAtLevelOneAndDescribedAtLevelThree) {
   ConsoleSettings settings = test::Settings("mycons");
   settings.cons_port = 2001;
   settings.mgmt_port = 23;
@@ -171,7 +171,7 @@ TEST_F(ConsoleTest, FreeingFreesItsPartsAndLeavesItsUsers) {
   ConsoleNode* cnode = test::MakeConsole("mycons").release();
   UserNode user{};
   ASSERT_EQ(AddUserToList(&user, cnode->user_list), 0);
-  FreeConsoleNode(cnode);  // the address sanitizer sees what is left or freed twice
+  FreeConsoleNode(cnode);  // AddressSanitizer sees what is left or freed twice
   EXPECT_EQ(user.sock, 0);
 }
 

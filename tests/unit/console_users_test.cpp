@@ -153,18 +153,18 @@ class ConsoleUsersTest : public test::RelayTest {
 TEST_F(ConsoleUsersTest, UsersAreSentToInListOrder) {
   const Attached<UserNode> first = AddUser("anna");
   const Attached<UserNode> second = AddUser("bert");
-  first.node->sock = dup(second.node->sock);  // both ends in one place show the order
+  first.node->sock = dup(second.node->sock);  // with one socket for both the order shows
   SendConsoleOutputToUsers(console_.node, "ab", 2);
   EXPECT_EQ(ReceiveAvailable(second.peer.get()), "abab");
 }
 
-TEST_F(ConsoleUsersTest, NobodyIsSentAnythingWhenNobodyIsThere) {
+TEST_F(ConsoleUsersTest, NothingIsSentWithoutUsers) {
   const FailCall sends(Call::kSend, EPIPE, 1, 0);
   SendConsoleOutputToUsers(console_.node, "ab", 2);
   EXPECT_EQ(sends.calls(), 0);
 }
 
-TEST_F(ConsoleUsersTest, WhatOneUserTookIsAllThatTheNextIsOffered) {
+TEST_F(ConsoleUsersTest, NextUserIsOfferedOnlyWhatTheOneBeforeTook) {
   const Attached<UserNode> slow = AddUser("slow");
   const Attached<UserNode> quick = AddUser("quick");
   const Attached<UserNode> last = AddUser("last");

@@ -145,7 +145,7 @@ TEST_F(ControlTest, ErrorsThatAreLoggedAndErrorsThatAreNot) {
 
 // ---- Names that differ in case alone ------------------------------------------------------------
 
-TEST_F(TwinTest, ClearMeetsTheFirstAlone) {
+TEST_F(TwinTest, ClearAffectsTheFirstOnly) {
   EXPECT_EQ(Ask(tool_, "clear bOx").type, kDone);
   EXPECT_EQ(upper_.node->user_list->head, nullptr);
   EXPECT_EQ(upper_user_.node->connected, 0);
@@ -154,7 +154,7 @@ TEST_F(TwinTest, ClearMeetsTheFirstAlone) {
   EXPECT_EQ(upper_.node->status, kConnected);
 }
 
-TEST_F(TwinTest, DisableAndEnableMeetAll) {
+TEST_F(TwinTest, DisableAndEnableAffectAll) {
   EXPECT_EQ(Ask(tool_, "disable bOx").type, kDone);
   for (const ConsoleNode* cnode : {upper_.node, lower_.node}) {
     EXPECT_EQ(cnode->enable, 0);
@@ -168,14 +168,14 @@ TEST_F(TwinTest, DisableAndEnableMeetAll) {
   }
 }
 
-TEST_F(TwinTest, MessageMeetsAll) {
+TEST_F(TwinTest, MessageReachesAll) {
   EXPECT_EQ(Ask(tool_, "msg bOx hello").type, kDone);
   for (const Attached<UserNode>* user : {&upper_user_, &lower_user_}) {
     EXPECT_NE(ReceiveAvailable(user->peer.get()).find("hello"), std::string::npos);
   }
 }
 
-TEST_F(TwinTest, UnconnectedOnesAreMetOnlyWithoutConnectedOnes) {
+TEST_F(TwinTest, UnconnectedOnesAreAffectedOnlyWithoutConnectedOnes) {
   ConsoleNode* away = test::AddConsole(i_cons_list, "Box");
   Ask(tool_, "disable bOx");
   EXPECT_EQ(away->enable, 1);
@@ -186,7 +186,7 @@ TEST_F(TwinTest, UnconnectedOnesAreMetOnlyWithoutConnectedOnes) {
 
 // ---- Texts --------------------------------------------------------------------------------------
 
-/// One console with one user, and an operator whose name and address are as long as they can be.
+/// One console with one user, and an operator with the longest name and address.
 class TextTest : public ControlTest {
  protected:
   TextTest() {

@@ -34,7 +34,7 @@ class GlobalLists {
   GlobalLists& operator=(const GlobalLists&) = delete;
 };
 
-/// Most tests want both.
+/// Most tests need both.
 class DaemonTest : public ::testing::Test {
  protected:
   OptionsGuard options_;

@@ -1,4 +1,4 @@
-// Numbers that remember since when they have had their value.
+// Numbers that know since when they have had their value.
 #include "dated_word.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ namespace {
 
 constexpr time_t kNow = 1'000'000'000;
 
-TEST(DatedWordTest, KnowsWhenItWasGivenAnotherValue) {
+TEST(DatedWordTest, KnowsWhenItLastChanged) {
   test::FakeClock clock(kNow);
   DatedWord word;
   EXPECT_EQ(word, 0);

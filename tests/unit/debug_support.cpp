@@ -208,7 +208,7 @@ void SendDebugToStderr(int level) {
 
 void EndChild() {
   fflush(stdout);
-  // The parent shows what is written here; what failed is not printed by itself in a child.
+  // A child does not print its failures by itself; the parent shows what is written here.
   const ::testing::TestResult& result =
       *::testing::UnitTest::GetInstance()->current_test_info()->result();
   for (int i = 0; i < result.total_part_count(); ++i) {

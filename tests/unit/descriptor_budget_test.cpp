@@ -1,4 +1,4 @@
-// Who is let in, and what is begun, while descriptors become few.
+// Who is let in, and what is started, while descriptors run short.
 #include "descriptor_budget.h"
 
 #include <fcntl.h>
@@ -28,7 +28,7 @@ using ::testing::IsEmpty;
 
 constexpr int64_t kSecond = 1'000'000;  // microseconds
 
-/// The soft limit on descriptors, while it lives.
+/// Sets the soft limit on descriptors while it lives.
 class DescriptorLimit {
  public:
   explicit DescriptorLimit(rlim_t limit) {
@@ -98,8 +98,8 @@ struct BudgetCase {
   const char* name;
   rlim_t limit;
   DescriptorUse use;
-  bool station;   // who calls from the station is let in
-  bool stranger;  // anybody else is
+  bool station;   // callers from the station are let in
+  bool stranger;  // others are
 };
 
 void PrintTo(const BudgetCase& test_case, std::ostream* out) {
@@ -109,7 +109,7 @@ void PrintTo(const BudgetCase& test_case, std::ostream* out) {
 class DescriptorBudgetTest : public test::DaemonTest,
                              public ::testing::WithParamInterface<BudgetCase> {};
 
-TEST_P(DescriptorBudgetTest, LetsInWhomItHasRoomFor) {
+TEST_P(DescriptorBudgetTest, AdmitsAsManyAsItHasRoomFor) {
   const BudgetCase& is = GetParam();
   const DescriptorLimit limit(is.limit);
   const DebugCapture debug(kError);
@@ -136,7 +136,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 using BudgetReportTest = test::DaemonTest;
 
-TEST_F(BudgetReportTest, ShortageIsSaidOnceAMinute) {
+TEST_F(BudgetReportTest, ShortageIsReportedOnceAMinute) {
   const DescriptorLimit limit(1024);
   const test::FakePassageOfTime time(kSecond);
   DebugCapture debug(kError);
@@ -154,7 +154,7 @@ TEST_F(BudgetReportTest, ShortageIsSaidOnceAMinute) {
   EXPECT_THAT(debug.NewMessages(), ElementsAre("Last message repeated 1 times\n", "other\n"));
 }
 
-TEST_F(BudgetReportTest, LookThatFailsIsSaid) {
+TEST_F(BudgetReportTest, FailedCountIsReported) {
   const DebugCapture debug(kError);
   DescriptorBudget budget;
   const auto look = [] {
@@ -185,7 +185,7 @@ TEST_F(BudgetReportTest, LooksOnlyNowAndThen) {
 
 class AttemptBudgetTest : public test::DaemonTest {
  protected:
-  /// One look of a new budget.
+  /// The first count of a new budget.
   static bool Admits(int open, int wanted) {
     return AttemptBudget().Admits([&] { return DescriptorUse{open, wanted}; });
   }
@@ -207,7 +207,7 @@ TEST_F(AttemptBudgetTest, LeavesTheLogsOfOthersAlone) {
 }
 
 TEST_F(AttemptBudgetTest, LooksAgainAfterASecond) {
-  const test::FakePassageOfTime time(kSecond / 10);  // with every look at the clock
+  const test::FakePassageOfTime time(kSecond / 10);  // each time the clock is read
   int looks = 0;
   AttemptBudget budget;
   const Look look = {{1023, 0}, &looks};

@@ -1,4 +1,4 @@
-// Debug output, what becomes of it when nobody takes it, and failures that are reported.
+// Debug output, what happens when nobody takes it, and failures that are reported.
 #include "error.h"
 
 #include <fcntl.h>
@@ -86,7 +86,7 @@ TEST_F(DebugOutputTest, EveryMessageIsFlushed) {
   EXPECT_THAT(capture.Output(), HasSubstr("no newline"));
 }
 
-// Output to a full device fails, which changes errno; the caller may be about to look at its own.
+// Output to a full device fails and changes errno, which the caller may be about to look at.
 void WriteToAFullDevice() {
   const Descriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
   fflush(stdout);
@@ -134,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(Levels, DebugLevelTest,
                            return (level < 0 ? "Minus" : "Plus") + std::to_string(std::abs(level));
                          });
 
-TEST_F(DebugOutputTest, MessageAboveTheLevelIsNoRepetition) {
+TEST_F(DebugOutputTest, MessageAboveTheLevelDoesNotCountAsARepetition) {
   const test::DebugCapture capture(kInfo);
   zev_debug(kInfo, "same\n");
   zev_debug(kTrace, "same\n");
@@ -190,7 +190,7 @@ TEST_F(DebugOutputTest, AlternatingMessagesAreAllWritten) {
   EXPECT_THAT(capture.Messages(), ElementsAre("a\n", "b\n", "a\n", "b\n"));
 }
 
-TEST_F(DebugOutputTest, LevelTakesNoPartInTheComparison) {
+TEST_F(DebugOutputTest, LevelIsNotCompared) {
   const test::DebugCapture capture(kTrace);
   zev_debug(kTrace, "same\n");
   zev_debug(kError, "same\n");
@@ -199,7 +199,7 @@ TEST_F(DebugOutputTest, LevelTakesNoPartInTheComparison) {
               ElementsAre("same\n", "Last message repeated 1 times\n", "end\n"));
 }
 
-TEST_F(DebugOutputTest, ThreadTakesNoPartInTheComparison) {
+TEST_F(DebugOutputTest, ThreadIsNotCompared) {
   const test::DebugCapture capture;
   RegisterThread("main");
   zev_debug(kInfo, "same\n");
@@ -213,7 +213,7 @@ TEST_F(DebugOutputTest, ThreadTakesNoPartInTheComparison) {
               ElementsAre("same\n", "Last message repeated 1 times\n", "end\n"));
 }
 
-TEST_F(DebugOutputTest, ClosingRunOfRepetitionsIsNeverReported) {
+TEST_F(DebugOutputTest, LastRunOfRepetitionsIsNeverReported) {
   EXPECT_EXIT(
       {
         test::SendDebugToStderr(kError);
@@ -224,7 +224,7 @@ TEST_F(DebugOutputTest, ClosingRunOfRepetitionsIsNeverReported) {
       ExitedWithCode(0), test::DebugTextsAre(ElementsAre("last\n")));
 }
 
-/// The first message of a process: the child starts the program afresh.
+/// What a process writes first: the children start the program afresh.
 class FirstMessageTest : public ::testing::Test {
  protected:
   FirstMessageTest() { test::StartChildrenAfresh(); }
@@ -242,7 +242,7 @@ TEST_F(FirstMessageTest, EqualToTheInitialTextIsARepetition) {
       test::DebugTextsAre(ElementsAre("Last message repeated 1 times\n", "second\n")));
 }
 
-TEST_F(FirstMessageTest, InitialTextIsWrittenOnceAnotherCameBefore) {
+TEST_F(FirstMessageTest, InitialTextIsWrittenAfterAnotherMessage) {
   EXPECT_EXIT(
       {
         test::JoinStandardOutput();
@@ -306,7 +306,7 @@ class StuckOutputTest : public DebugOutputTest {
   int reader_ = -1;
 };
 
-TEST_F(StuckOutputTest, LossIsToldWithTimeAndCount) {
+TEST_F(StuckOutputTest, LossIsReportedWithTimeAndCount) {
   Divert();
   Fill();
   for (const char* text : {"a\n", "b\n", "c\n"}) zev_debug(kError, "%s", text);
@@ -331,7 +331,7 @@ TEST_F(StuckOutputTest, RepetitionsOfALostMessageAreLostToo) {
                                       "Last message repeated 1 times\n", "end\n"));
 }
 
-TEST_F(StuckOutputTest, RepetitionsThatCouldNotBeToldAreLostToo) {
+TEST_F(StuckOutputTest, UnreportedRepetitionsAreLostToo) {
   Divert();
   for (int i = 0; i < 4; ++i) zev_debug(kError, "again\n");
   EXPECT_THAT(Messages(), ElementsAre("again\n"));
@@ -342,7 +342,7 @@ TEST_F(StuckOutputTest, RepetitionsThatCouldNotBeToldAreLostToo) {
   EXPECT_THAT(Messages(), ElementsAre("4 messages were lost\n", "end\n"));
 }
 
-TEST_F(StuckOutputTest, RepetitionsOfASeenMessageGoOnCounting) {
+TEST_F(StuckOutputTest, RepetitionsOfASeenMessageKeepCounting) {
   Divert();
   zev_debug(kError, "again\n");
   Drain();
@@ -353,8 +353,9 @@ TEST_F(StuckOutputTest, RepetitionsOfASeenMessageGoOnCounting) {
   EXPECT_THAT(Messages(), ElementsAre("Last message repeated 3 times\n", "end\n"));
 }
 
-// The pipe has room for sixteen pieces: the short message and half of the last one make it odd.
-TEST_F(StuckOutputTest, MessageThatWasBegunIsWhole) {
+// The pipe has room for sixteen pages, which the messages do not fill evenly: the last one that
+// goes out goes out in part.
+TEST_F(StuckOutputTest, UnfinishedMessageIsFinished) {
   Divert();
   const std::string text(5000, 'y');
   std::vector<std::string> written = {"short\n"};
@@ -386,7 +387,7 @@ TEST_F(StuckOutputTest, ThreadsThatWriteTogetherAreCountedTogether) {
   EXPECT_THAT(Messages(), ElementsAre("2000 messages were lost\n", "end\n"));
 }
 
-// The daemon ends although nobody takes its last words, and it ends soon.
+// The daemon ends soon although nobody takes its last message.
 TEST_F(StuckOutputTest, EndOfTheProcessDoesNotWait) {
   EXPECT_EXIT(
       {
@@ -416,7 +417,7 @@ TEST_F(DebugOutputTest, LongerMessageIsCut) {
   EXPECT_THAT(capture.Messages(), ElementsAre(text));
 }
 
-TEST_F(DebugOutputTest, MessagesThatDifferBehindTheCutAreEqual) {
+TEST_F(DebugOutputTest, MessagesThatDifferAfterTheCutAreEqual) {
   const test::DebugCapture capture;
   const std::string text(kLongest, 'x');
   zev_debug(kInfo, "%sa", text.c_str());
@@ -471,7 +472,7 @@ Descriptor ListenAtTheEventManagersAddress() {
   return listener;
 }
 
-// All that the first client has sent before it went.
+// All that the first client has sent before it left.
 std::string ReceiveEvents(const Descriptor& listener) {
   if (!test::WaitReadable(listener.get())) return "";
   const Descriptor client(accept(listener.get(), nullptr, nullptr));
@@ -492,7 +493,7 @@ TEST_F(DebugLockFailureTest, InitialisationEndsTheProcessWithoutTrace) {
             "Resource temporarily unavailable\n"));
 }
 
-// The event manager hears of it; the debug output, which would need the lock, says nothing.
+// The event manager learns of it; the debug output, which would need the lock, says nothing.
 TEST_F(DebugOutputTest, FailureToInitialiseTheDebugLockPostsTheTerminationEvent) {
   const test::StationRoot root;
   const Descriptor listener = ListenAtTheEventManagersAddress();
@@ -566,7 +567,7 @@ TEST_F(DebugOutputTest, OutOfMemoryIsReportedAndPosted) {
 
 // ---- Posting ------------------------------------------------------------------------------------
 
-/// Takes the place of the one who posts, and gives it back at the end.
+/// Takes the place of the usual poster, which has it back at the end.
 class PosterTest : public test::DaemonTest {
  protected:
   ~PosterTest() override {

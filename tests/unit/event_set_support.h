@@ -1,4 +1,4 @@
-// The station's event files, and the sets that are made of them.
+// The station's event files, and the sets that are made from them.
 #pragma once
 
 #include <string>

@@ -122,7 +122,7 @@ TEST_F(EventSetTest, UnreadableEntryIsReportedWithItsEventAndStopsTheLoad) {
 }
 
 TEST_F(EventSetTest, FilesBeforeAnUnreadableEntryStayAndThoseAfterItAreNotLoaded) {
-  // The order is the directory's own: it is the same for all entries, the broken one included.
+  // The directory has an order of its own, which the broken entry is part of.
   for (const char* name : {"a", "b", "c", "d", "e", "f"}) WriteEvents(name, "");
   MakeUnreadable("broken");
   std::vector<std::string> before;

@@ -46,7 +46,7 @@ constexpr char kLost[] =
     "PostJixEvent: JixEventPost() failed : Connection to the event manager lost\n";
 constexpr char kBusy[] = "PostJixEvent: JixEventPost() failed : The event manager does not read\n";
 
-/// What follows the time and the host in an event's line.
+/// The part of an event's line after the time and the host.
 std::string EventEnd(const std::string& name, int priority, const std::string& vars) {
   return "\", \"name\": \"" + name + "\", \"priority\": " + std::to_string(priority) +
          ", \"vars\": {" + vars + "}}\n";
@@ -88,7 +88,7 @@ TEST_F(EventDeathTest, ConsoleEvent) {
                                EventEnd("qor.zevd.console.sys_a_1", 450,
                                         "\"name\": \"sys_a_1\", "
                                         "\"message\": \"panic: \\\"disk\\\"\"")));
-    EXPECT_STREQ(console, "sys_a_1");  // and so it is called from now on
+    EXPECT_STREQ(console, "sys_a_1");  // which is its name from now on
   });
 }
 
@@ -164,7 +164,7 @@ TEST_F(EventDeathTest, ConnectingIsReportedOnce) {
   });
 }
 
-TEST_F(EventDeathTest, FirstConnectionIsNoNewsAtTheDefaultLevel) {
+TEST_F(EventDeathTest, FirstConnectionIsNotReportedAtTheDefaultLevel) {
   RunInNewProcess([] {
     const EventCollector collector;
     const DebugCapture debug(0);
@@ -205,7 +205,7 @@ TEST_F(EventDeathTest, ManagerThatComesLaterIsFound) {
   });
 }
 
-TEST_F(EventDeathTest, OtherFailureIsReportedAgain) {
+TEST_F(EventDeathTest, AnotherFailureIsReportedAgain) {
   RunInNewProcess([] {
     PostDaemonError("first", kErrorPriority);
     const EventCollector collector;
@@ -234,7 +234,7 @@ struct Manager {
   }
 };
 
-TEST_F(EventDeathTest, RestartOfTheManagerCostsNoEvent) {
+TEST_F(EventDeathTest, RestartOfTheManagerLosesNoEvent) {
   RunInNewProcess([] {
     auto manager = std::make_unique<Manager>();
     PostDaemonError("before", kErrorPriority);
@@ -305,7 +305,7 @@ TEST_F(EventDeathTest, ManagerThatDoesNotReadDelaysNobodyForLong) {
     for (int i = 0; i < 100; ++i) PostDaemonError("dropped", kErrorPriority);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
     EXPECT_THAT(debug.NewMessages(), ElementsAre(kBusy));
-    // What went out is whole; the event that found no room is the only one missing.
+    // What went out is whole; only the event that found no room is missing.
     for (int i = 0; i < posted - 1; ++i) manager.ExpectNext("event " + std::to_string(i));
     PostDaemonError("after", kErrorPriority);
     manager.ExpectNext("after");
@@ -334,7 +334,7 @@ TEST_F(EventDeathTest, EventThatCannotBeBuiltOrSentIsReported) {
     EXPECT_THAT(reports, ElementsAre("PostJixEvent: JixEventCreateVa() failed : Out of memory\n",
                                      "PostJixEvent: JixEventPost() failed : Out of memory\n",
                                      "PostJixEvent: JixVarSet() failed : Out of memory\n"));
-    // Only the last one went out, on the connection that there was all the time.
+    // Only the last one went out, on the connection that was there all the time.
     manager.ExpectNext("text");
     EXPECT_EQ(test::ReceiveAvailable(manager.sock.get()), "");
   });

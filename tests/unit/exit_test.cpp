@@ -62,7 +62,7 @@ TEST(TerminationTextTest, AreAsTheEventManagerKnowsThem) {
   EXPECT_STREQ(kInternalError, "Terminated: Internal error");
 }
 
-/// The children have threads, or must have no other exit() before.
+/// The children have threads, or must be the first to call exit().
 class FreshExitTest : public ::testing::Test {
  protected:
   FreshExitTest() { test::StartChildrenAfresh(); }
@@ -81,7 +81,7 @@ TEST_F(FreshExitTest, TwoThreadsThatExitTogetherEndTheProcessOnce) {
 
 std::atomic<bool> exit_hangs{false};
 
-// An exit that waits for what it will never get.
+// An exit that waits for something that never comes.
 void HangInExit() {
   exit_hangs = true;
   sleep(30);

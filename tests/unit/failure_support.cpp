@@ -58,13 +58,13 @@ bool AllocationFails() {
   return true;
 }
 
-// The error with which this call is to fail, 0 when it is to be made.
+// The error with which this call fails, 0 when it is made.
 int ErrorOf(Call call) {
   std::optional<Failure>& failure = FailureOf(call);
   return failure && failure->Next() ? failure->error : 0;
 }
 
-// What a call that reports through errno is to return without being made.
+// What a call that reports through errno returns when it is not made.
 std::optional<int> ResultOf(Call call) {
   const int error = ErrorOf(call);
   if (error == 0) return std::nullopt;
@@ -227,7 +227,7 @@ WRAP_RESULT(pthread_rwlock_wrlock, Call::kWrlock, (pthread_rwlock_t * lock), (lo
 
 extern "C" {
 
-// The debug output waits and writes, too: what is asked of it here is no test's business.
+// The debug output waits and writes too, which no test means.
 
 int __real_poll(pollfd* fds, nfds_t count, int timeout);
 int __wrap_poll(pollfd* fds, nfds_t count, int timeout);

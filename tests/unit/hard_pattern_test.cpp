@@ -24,7 +24,7 @@ bool IsHard(const std::string& pattern) {
   return IsHardPattern(pattern.c_str());
 }
 
-TEST(HardPatternTest, WhatPeopleWriteIsNotHard) {
+TEST(HardPatternTest, UsualPatternsAreNotHard) {
   for (const char* pattern :
        {"", "error", "disk.*error", "(disk|fan)[0-9]+ (bad|worn){1,2}", "^ERR-[0-9]{5}:", "x{80}",
         "([0-9]{1,3}\\.){3}[0-9]{1,3}", "([0-9a-f]{2}:){5}[0-9a-f]{2}", "[[:alpha:]_]+=[^ ]*",
@@ -34,7 +34,7 @@ TEST(HardPatternTest, WhatPeopleWriteIsNotHard) {
   }
 }
 
-TEST(HardPatternTest, ReferencesBackAreHard) {
+TEST(HardPatternTest, BackReferencesAreHard) {
   for (const char* pattern : {"(a)\\1", "(ab+)\\1", "(a*)*\\1b", "x|(a)(b)\\2", "((a)\\2)", "\\9",
                               "[a](b)\\1", "[]](b)\\1", "[^]](b)\\1", "[[:alpha:]](b)\\1",
                               "\\\\(b)\\1", "[\\](b)\\1", "a{2}(b)\\1", "[[.].]](b)\\1"}) {
@@ -42,7 +42,7 @@ TEST(HardPatternTest, ReferencesBackAreHard) {
   }
 }
 
-TEST(HardPatternTest, WhatOnlyLooksLikeAReferenceIsNot) {
+TEST(HardPatternTest, WhatOnlyLooksLikeABackReferenceIsNot) {
   for (const char* pattern :
        {"[\\1]", "[^\\1]", "[]\\1]", "[[:alpha:]\\1]", "[[=a=]\\1]", "\\\\1", "(a)1", "(a)\\0",
         "[[.].]\\1]", "(a)[\\]1", "a\\", "[\\1", "[a[:\\1"}) {
@@ -50,7 +50,7 @@ TEST(HardPatternTest, WhatOnlyLooksLikeAReferenceIsNot) {
   }
 }
 
-TEST(HardPatternTest, CountsOfCountsAreHardOnceTheyAreMany) {
+TEST(HardPatternTest, NestedCountsAreHardOnceThereAreMany) {
   EXPECT_TRUE(IsHardPattern("((a{1,255}){1,255}){1,255}"));
   EXPECT_TRUE(IsHardPattern("(a{20}){20}"));
   EXPECT_TRUE(IsHardPattern("(((((a{4}){4}){4}){4}){4})"));
@@ -74,14 +74,14 @@ TEST(HardPatternTest, CountsAddUp) {
   EXPECT_TRUE(IsHard(Repeated("a{100}", 3)));
 }
 
-TEST(HardPatternTest, PlusesThatDoubleAreHardOnceTheyAreMany) {
+TEST(HardPatternTest, PlusesThatDoubleAreHardOnceThereAreMany) {
   EXPECT_FALSE(IsHardPattern("a+"));
   EXPECT_FALSE(IsHardPattern("((a+b)+c)+"));
   EXPECT_TRUE(IsHard("a" + Repeated("+", 12)));
   EXPECT_TRUE(IsHard(Repeated("(", 12) + "a" + Repeated(")+", 12)));
 }
 
-TEST(HardPatternTest, WhatMayBeAbsentIsHardOnceItIsMuch) {
+TEST(HardPatternTest, OptionalPartsAreHardOnceTheyAreLong) {
   EXPECT_FALSE(IsHard(Repeated("a?", 256) + "b"));
   EXPECT_TRUE(IsHard(Repeated("a?", 257) + "b"));
   EXPECT_TRUE(IsHard(Repeated("(a|)", 257)));
@@ -94,7 +94,7 @@ TEST(HardPatternTest, WhatMayBeAbsentIsHardOnceItIsMuch) {
   EXPECT_FALSE(IsHard(Repeated("(a*)b*", 9)));
 }
 
-TEST(HardPatternTest, ManyChoicesBehindAPartOfUnknownLengthAreHard) {
+TEST(HardPatternTest, ManyChoicesAfterAPartOfUnknownLengthAreHard) {
   for (const char* pattern :
        {"a.*a.{20}x", "a.*a....................x", "^.*a.{20}x", "[ab]+a[ab]{30}x",
         "(a|b)*a(a|b){12}x", "[^x]{1,100}a[^x]{1,100}x", "a.*(\\w\\w\\W\\W){3}x", "(.*a|b).{20}x",
@@ -122,7 +122,7 @@ TEST(HardPatternTest, LongListsOfWordsAreNotHard) {
 }
 
 // In processor time, which other programs do not add to.
-TEST(HardPatternTest, WhatIsNotHardIsCompiledAndMatchedAtOnce) {
+TEST(HardPatternTest, OtherPatternsAreCompiledAndMatchedAtOnce) {
   constexpr double kMost = 0.5;  // seconds; a build with sanitizers takes ten times as long
   constexpr const char* kPieces[] = {"a", "b", ".", "^", "$", "()", "(a|)", "(a|b)", "(^|$)", "a?"};
   constexpr const char* kRepetitions[] = {"",     "*",    "+",      "?",     "{2}", "{1,3}",

@@ -109,7 +109,7 @@ TEST_F(JixConnectionTest, AddressIsTheStationsOwnUnlessGiven) {
 
 TEST_F(JixConnectionTest, FailuresLeaveNoDescriptor) {
   const EventCollector collector;
-  const int next = Descriptor(dup(STDIN_FILENO)).get();
+  const int next = test::NextDescriptor();
   EXPECT_EQ(TryToConnect("root/run/missing"), JixERROR_CANNOT_CONNECT);
   {
     const test::FailAllocation failure(1);
@@ -119,7 +119,7 @@ TEST_F(JixConnectionTest, FailuresLeaveNoDescriptor) {
     const FailCall failure(Call::kSocket, EMFILE);
     EXPECT_EQ(TryToConnect(kPath), JixERROR_CANNOT_CONNECT);
   }
-  EXPECT_EQ(Descriptor(dup(STDIN_FILENO)).get(), next);
+  EXPECT_EQ(test::NextDescriptor(), next);
 }
 
 TEST_F(JixConnectionTest, NullMayBeDestroyed) {
@@ -142,7 +142,7 @@ class JixTest : public JixConnectionTest {
 
   JixStatus Post(const Event& event) { return JixEventPost(connection_.get(), event.get()); }
 
-  /// The line that the event manager gets.
+  /// The line that the event manager receives.
   std::string Line(const Event& event) {
     EXPECT_EQ(Post(event), JixERROR_NONE);
     return ReceiveLine(manager_.get());
@@ -221,7 +221,7 @@ TEST_F(JixTest, SameEventMayBePostedAgain) {
   EXPECT_THAT(Line(event), HasSubstr("\"priority\": 7"));
 }
 
-/// Local time as the variable TZ says, for as long as it lives.
+/// Sets the local time zone for as long as it lives.
 class TimeZone {
  public:
   explicit TimeZone(const char* zone) : former_(getenv("TZ") == nullptr ? "" : getenv("TZ")) {
@@ -338,7 +338,7 @@ TEST_F(JixTest, CodesAreThoseOfThePlatform) {
 constexpr int64_t kSecond = 1'000'000;  // microseconds
 constexpr char kError[] = "qor.zevd.daemon.error.Internal error";
 
-/// Time passes only where a test lets it.
+/// Time passes only when a test lets it.
 class RepeatedErrorTest : public JixTest {
  protected:
   static Event MakeError(const char* name = kError, int priority = 700,
@@ -358,8 +358,8 @@ class RepeatedErrorTest : public JixTest {
     }
   }
 
-  /// What the manager has got since it was last asked: "NAME", or "NAME xN" where the line stands
-  /// for several. Lines must be whole.
+  /// What the manager has received since the last call: "NAME", or "NAME xN" where the line stands
+  /// for several events. Lines must be whole.
   std::vector<std::string> Got() {
     std::vector<std::string> got;
     std::istringstream lines(test::ReceiveAvailable(manager_.get()));
@@ -386,7 +386,7 @@ class RepeatedErrorTest : public JixTest {
   const std::string other_name_ = "qor.zevd.console.lab1";
 };
 
-TEST_F(RepeatedErrorTest, FirstGoesOutAtOnceAndIsNoDifferent) {
+TEST_F(RepeatedErrorTest, FirstGoesOutAtOnceUnchanged) {
   char host[256] = "";
   gethostname(host, sizeof host);
   EXPECT_THAT(Line(error_), EndsWith("\", \"host\": \"" + std::string(host) + "\", \"name\": \"" +
@@ -394,7 +394,7 @@ TEST_F(RepeatedErrorTest, FirstGoesOutAtOnceAndIsNoDifferent) {
                                      "\"vars\": {\"message\": \"Internal error\"}}\n"));
 }
 
-TEST_F(RepeatedErrorTest, NumberStandsAtTheEnd) {
+TEST_F(RepeatedErrorTest, NumberIsAtTheEnd) {
   PostTimes(4, error_);
   time_.Pass(kSecond);
   PostTimes(1, other_);
@@ -448,7 +448,7 @@ TEST_F(RepeatedErrorTest, RestBeginsASecondOfItsOwn) {
   EXPECT_THAT(Got(), ElementsAre(name_ + " x2", other_name_));
 }
 
-TEST_F(RepeatedErrorTest, OneThatComesSeldomIsSingle) {
+TEST_F(RepeatedErrorTest, RareOnesAreSingle) {
   for (int i = 0; i < 3; ++i) {
     PostTimes(1, error_);
     time_.Pass(kSecond);
@@ -456,7 +456,7 @@ TEST_F(RepeatedErrorTest, OneThatComesSeldomIsSingle) {
   EXPECT_THAT(Got(), ElementsAre(name_, name_, name_));
 }
 
-TEST_F(RepeatedErrorTest, DifferentOnesAreCountedApart) {
+TEST_F(RepeatedErrorTest, DifferentOnesAreCountedSeparately) {
   const Event graver = MakeError(kError, 900);
   const Event worded = MakeError(kError, 700, "Internal Error");
   const Event named = MakeError("qor.zevd.daemon.error", 700);
@@ -513,7 +513,7 @@ TEST_F(RepeatedErrorTest, LineHasTheTimeOfTheLatestThatItStandsFor) {
   EXPECT_THAT(ReceiveLine(manager_.get()), StartsWith("{\"time\": \"2001-09-09T02:46:41+00:00\""));
 }
 
-TEST_F(RepeatedErrorTest, SoManyAreKeptApartAndOthersAllGoOut) {
+TEST_F(RepeatedErrorTest, OnlySoManyAreCountedAndOthersAllGoOut) {
   constexpr int kMost = 16;
   for (int i = 0; i < kMost; ++i) {
     PostTimes(2, MakeError((name_ + std::to_string(i)).c_str()));
@@ -576,7 +576,7 @@ TEST_F(JixTest, ManagerThatHangsUp) {
   EXPECT_EQ(Post(MakeEvent("event")), JixERROR_CONNECTION_LOST);
 }
 
-TEST_F(JixTest, ManagerThatSaysSomethingIsNotTakenForGone) {
+TEST_F(JixTest, ManagerThatSaysSomethingIsNotGone) {
   test::SendText(manager_.get(), "thanks");
   EXPECT_THAT(Line(MakeEvent("event")), HasSubstr("\"name\": \"event\""));
 }
@@ -620,7 +620,7 @@ TEST_F(StalledManagerTest, EventThatFindsNoRoomIsDropped) {
   EXPECT_EQ(test::ReceiveAvailable(manager_.get()), "");
 }
 
-// A wait takes a millisecond at least and is made good by ten.
+// A wait takes at least a millisecond, which ten milliseconds make up for.
 TEST_F(StalledManagerTest, PostsWaitATenthOfTheTimeAtMost) {
   const Event event = MakeEvent("event");
   const FailCall waits(Call::kPoll, EINTR, 1, 0);
@@ -687,7 +687,7 @@ TEST_F(JixTest, RestOfALineIsNotSentToAnotherManager) {
   EXPECT_THAT(Line(MakeEvent("next")), HasSubstr("\"name\": \"next\""));
 }
 
-// A manager that is slow for once, on a busy machine, is given another chance.
+// On a busy machine the manager may be slow once; it gets another chance.
 TEST_F(JixTest, LineLongerThanTheBuffersIsFinishedWhileTheManagerReads) {
   const Event event = MakeEvent("event");
   const std::string huge(1 << 20, 'x');

@@ -225,7 +225,7 @@ TEST_F(ListTest, SetFollowsARemoval) {
 TEST_F(ListTest, SetIsRebuiltFromScratchAfterEveryChange) {
   nodes_[0].sock = 9;
   Append(nodes_[0]);
-  nodes_[0].sock = 3;  // behind the list's back: stale until the next change
+  nodes_[0].sock = 3;  // without the list's knowledge: the set is stale until the next change
   EXPECT_TRUE(list_.fdset.Contains(9));
   EXPECT_EQ(list_.high_sock, 9);
   Append(nodes_[1]);

@@ -22,7 +22,44 @@ using ::testing::StartsWith;
 
 // ---- Start-up -----------------------------------------------------------------------------------
 
-// INIT
+void CheckLists() {
+  InitializeLists();
+  EXPECT_STREQ(a_cons_list->list_name, "a_cons_list");
+  EXPECT_STREQ(i_cons_list->list_name, "i_cons_list");
+  EXPECT_STREQ(user_list->list_name, "user_list");
+  EXPECT_STREQ(cmd_list->list_name, "cmd_list");
+  EXPECT_STREQ(ev_list->list_name, "ev_list");
+  EXPECT_STREQ(mapped_port_list->list_name, "mapped_port_list");
+  for (const ConsoleList* list : {a_cons_list, i_cons_list}) {
+    EXPECT_EQ(list->head, nullptr);
+    EXPECT_EQ(list->count, 0);
+    EXPECT_EQ(list->high_sock, -1);
+  }
+  EXPECT_EQ(user_list->head, nullptr);
+  EXPECT_EQ(cmd_list->head, nullptr);
+  EXPECT_EQ(ev_list->head, nullptr);
+  EXPECT_EQ(mapped_port_list->head, nullptr);
+  EXPECT_EQ(user_list->high_sock, -1);
+  EXPECT_EQ(cmd_list->high_sock, -1);
+  EXPECT_EQ(mapped_port_list->high_sock, -1);
+}
+
+TEST(InitializeListsTest, EveryListIsEmptyAndNamed) {
+  EXPECT_HOLDS_IN_CHILD(CheckLists());
+}
+
+void CheckWatches() {
+  InitializeLists();
+  EXPECT_NE(a_cons_list->watch, nullptr);
+  EXPECT_NE(user_list->watch, nullptr);
+  EXPECT_NE(mapped_port_list->watch, nullptr);
+  EXPECT_EQ(i_cons_list->watch, nullptr);
+  EXPECT_EQ(cmd_list->watch, nullptr);
+}
+
+TEST(InitializeListsTest, LongListsThatAreWaitedForHaveAWatch) {
+  EXPECT_HOLDS_IN_CHILD(CheckWatches());
+}
 
 // ---- Look-up by mapped port ---------------------------------------------------------------------
 
@@ -72,7 +109,7 @@ std::string Hex(RwLock& lock) {
   return text.data();
 }
 
-// The two lists are locked as a pair, the accessible one first, and released in that order.
+// The two lists are locked as a pair, the accessible one first, and released in the same order.
 TEST_F(MappedPortLookUpTest, BothListsAreLocked) {
   const std::string acl = Hex(acl_lock);
   const std::string icl = Hex(icl_lock);

@@ -48,7 +48,7 @@ class Filter {
 
 // ---- NumberSet ----------------------------------------------------------------------------------
 
-TEST(NumberSet, TellsItsMembersInOrder) {
+TEST(NumberSet, GivesItsMembersInOrder) {
   NumberSet set(200);
   EXPECT_THAT(MembersOf(set, 200), IsEmpty());
   for (const size_t number : {199U, 0U, 64U, 63U, 127U, 63U}) set.Add(number);
@@ -136,7 +136,8 @@ TEST(LiteralFilter, EveryByteIsLookedAt) {
   EXPECT_THAT(filter.Candidates(line + "ab"), IsEmpty());
 }
 
-// Every literal of up to three letters out of three, and lines of them: the plain search knows.
+// Every literal of up to three out of three letters, and lines of such letters, compared with a
+// plain search.
 TEST(LiteralFilter, AgreesWithAPlainSearch) {
   std::vector<std::string> words = {"a", "b", "c"};
   for (size_t i = 0; words[i].size() < 3; ++i) {
@@ -176,7 +177,7 @@ TEST(LiteralFilter, SoManyPatternsAndNotOneMore) {
   EXPECT_FALSE(Filter(patterns).built());
 }
 
-// As many different alternatives of three bytes, sixteen in each pattern.
+// That many different alternatives of three bytes, sixteen in each pattern.
 std::vector<std::string> PatternsWithLiterals(size_t count) {
   constexpr std::string_view kBytes = "abcdefghijklmnopqrstuvwxyz0123456789";
   std::vector<std::string> patterns;
@@ -208,7 +209,7 @@ TEST(LiteralFilter, LongLiteralsAreCutWhenThereAreVeryMany) {
   EXPECT_LT(Filter(patterns).Size(), LiteralFilter::kMostTableBytes);
 }
 
-TEST(LiteralFilter, TablesDoNotGrowWithoutEnd) {
+TEST(LiteralFilter, TablesAreLimited) {
   std::vector<std::string> patterns;
   for (size_t i = 0; i < 700; ++i) {
     patterns.emplace_back("aaaa");
@@ -226,7 +227,7 @@ TEST(LiteralFilter, TakesFewBytesForEachPattern) {
   EXPECT_LT(Filter(patterns).Size(), 100U * 1024U);
 }
 
-TEST(LiteralFilter, RunningOutOfMemoryIsNoFilter) {
+TEST(LiteralFilter, RunningOutOfMemoryGivesNoFilter) {
   const std::vector<const char*> patterns = {"disk", "fan"};
   int failing = 1;
   for (;; ++failing) {

@@ -1,4 +1,4 @@
-// Peers that vanish: what the kernel is told to ask, and what follows from what it knows.
+// Peers that vanish: what the kernel is told to do, and what follows from what it knows.
 #include "liveness.h"
 
 #include <gtest/gtest.h>
@@ -28,12 +28,12 @@ TEST(LivenessTest, PeerIsGoneAfterFiveMinutesAndNotBefore) {
   EXPECT_FALSE(IsGone({.waiting = 1, .since_ack = 0, .since_data = UINT32_MAX}));
 }
 
-TEST(LivenessTest, PeerForWhichNothingWaitsIsTheKernelsToAsk) {
+TEST(LivenessTest, PeerWithNothingWaitingIsLeftToTheKernel) {
   EXPECT_FALSE(IsGone({.waiting = 0, .since_ack = UINT32_MAX, .since_data = UINT32_MAX}));
 }
 
-// Somebody pastes into a console that prints nothing: there is nothing to acknowledge for minutes.
-TEST(LivenessTest, PeerThatSendsIsThere) {
+// A user may paste into a console that prints nothing: there is nothing to acknowledge for minutes.
+TEST(LivenessTest, PeerThatSendsIsNotGone) {
   EXPECT_FALSE(IsGone({.waiting = 1, .since_ack = UINT32_MAX, .since_data = kFiveMinutes - 1}));
   EXPECT_FALSE(IsGone({.waiting = 1, .since_ack = UINT32_MAX, .since_data = 0}));
 }
@@ -85,11 +85,15 @@ TEST_F(LiveSocketTest, PeerThatIsThereHasNotVanished) {
   EXPECT_FALSE(HasVanished(ours_.get())) << "with its window shut";
 }
 
-TEST(LivenessTest, PeerOfWhichTheKernelCannotTellHasNotVanished) {
+TEST(LivenessTest, PeerUnknownToTheKernelHasNotVanished) {
   const test::SocketPair local;
   test::SendText(local.ours.get(), "unread");
   EXPECT_FALSE(HasVanished(local.ours.get())) << "no TCP connection";
   EXPECT_FALSE(HasVanished(-1));
+}
+
+TEST(LivenessTest, LookIsDueEveryTenSeconds) {
+  EXPECT_EQ(kVanishedLookInterval, 10'000);  // milliseconds
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Console configuration files of a test's own, and lists that are filled from them.
+// Console configuration files, and lists that are filled from them.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ EventSetNode* AddEventSet(const char* name);
 /// A console with that console port.
 ConsoleNode* AddConsoleAt(ConsoleList* list, const char* name, uint16_t port);
 
-/// Loads files into a list of the test's own.
+/// Loads files into a list that belongs to the test.
 class LoadTest : public DaemonTest {
  protected:
   LoadTest();

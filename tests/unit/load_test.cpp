@@ -33,13 +33,13 @@ using ::testing::ExitedWithCode;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
 
-// The example of a well-formed line, which has a space at its end.
+// A well-formed line; it ends with a space.
 constexpr char kGoodLine[] =
     "mycons 10.1.2.3 2001 23 6501 M100 sys1 \"Some OS 5.1\" 1 1 1 0 myevents \n";
 
 class LoadTest : public test::LoadTest {
  protected:
-  // What is said about a file, the prints of the lists aside.
+  // What is said about a file at level 0, which leaves out the lists.
   std::vector<std::string> Complaints(std::string_view content) {
     const test::DebugCapture capture(0);
     EXPECT_EQ(Load(content), 0);
@@ -155,7 +155,7 @@ TEST_F(LoadTest, FlagMayFollowTheClosingQuoteAtOnce) {
 }
 
 TEST_F(LoadTest, OsTypeEndsAtTheFirstQuote) {
-  // What was meant as the quoted text is read as flags.
+  // The text that was meant to be quoted is read as flags.
   EXPECT_THAT(Complaints("a 1.1.1.1 1 2 3 m p x\"4 5\" 6 7 ev \n"),
               ElementsAre("LoadConfigFile: Event file ev not found for console a\n"));
   ASSERT_EQ(list_.count, 1);
@@ -202,7 +202,7 @@ TEST_F(LoadTest, LastFieldOfAFileWithoutAFinalNewlineIsFound) {
   EXPECT_EQ(First().enode, events);
 }
 
-TEST_F(LoadTest, NoEventFileIsSaidWithTwoQuotes) {
+TEST_F(LoadTest, TwoQuotesMeanNoEventFile) {
   EXPECT_THAT(Complaints("a 1.1.1.1 1 2 3 m p \"o\" 1 1 1 0 \"\" \n"), IsEmpty());
   EXPECT_EQ(First().enode, nullptr);
 }
@@ -249,7 +249,7 @@ TEST_F(LoadTest, CarriageReturnIsAnOrdinaryCharacter) {
   EXPECT_NE(list_.tail->cnode->enode, nullptr);
 }
 
-TEST_F(LoadTest, NulEndsTheLineAsItIsSeen) {
+TEST_F(LoadTest, NulEndsTheLine) {
   using std::string_literals::operator""s;
   EXPECT_THAT(Complaints("a 1.1.1.1\0 1 2 3 m p \"o\" 1 1 1 0 \"\" \n"s
                          "\0b 1.1.1.1 1 2 3 m p \"o\" 1 1 1 0 \"\" \n"s
@@ -305,12 +305,12 @@ TEST_P(MissingFieldTest, IsReportedAtTheEndOfTheFileToo) {
                                                        GetParam().name + " at line 1\n"));
 }
 
-TEST_F(LoadTest, NewlineBehindASpaceIsTheNextField) {
+TEST_F(LoadTest, NewlineAfterASpaceIsTheNextField) {
   EXPECT_THAT(Complaints("mycons \n"),
               ElementsAre("LoadConfigFile: Missing console port at line 1\n"));
 }
 
-TEST_F(LoadTest, LineCutAnywhereCostsThatLineAlone) {
+TEST_F(LoadTest, LineCutAnywhereLosesThatLineAlone) {
   const std::string line = kGoodLine;
   for (size_t length = 1; length + 1 < line.size(); ++length) {
     const test::DebugCapture capture(kError);
@@ -319,10 +319,6 @@ TEST_F(LoadTest, LineCutAnywhereCostsThatLineAlone) {
     EmptyConsoleList(&list_);
   }
 }
-
-// ---- Authentication flags -----------------------------------------------------------------------
-
-// FLAGS
 
 // ---- Comments, blank lines and line numbers -----------------------------------------------------
 
@@ -414,7 +410,7 @@ TEST_F(LoadTest, ConfigFileOptionNamesTheFile) {
   EXPECT_THAT(test::Names(list_), ElementsAre("a"));
 }
 
-// Every allocation of a load fails once: the load is given up, the consoles before stay.
+// Each allocation of a load fails once: the load is given up, and the consoles before it stay.
 TEST_F(LoadTest, RunningOutOfMemoryGivesUpTheLoad) {
   cons_buf_size = 16;
   test::WriteFile(kConfig, ConfigLine("a", 1) + ConfigLine("b", 2) + ConfigLine("c", 3));

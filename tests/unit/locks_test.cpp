@@ -36,7 +36,7 @@ constexpr char kCaller[] = "Caller";
 constexpr int kLine = 123;
 constexpr CallSite kSite = {kCaller, kLine};
 
-/// The state of the locks as another thread finds it.
+/// The state of the locks as another thread sees it.
 enum class State { kFree, kRead, kWritten };
 
 State StateOf(RwLock& lock) {
@@ -77,7 +77,7 @@ std::string AquiredBoth(const std::string& kind, RwLock& first, RwLock& second) 
          " at line 123\n";
 }
 
-/// Holds a lock for writing in another thread until it is told to let go.
+/// Another thread holds the lock for writing until it is told to release it.
 class Holder {
  public:
   explicit Holder(RwLock& lock)
@@ -200,7 +200,7 @@ TEST_F(LocksTest, FailedWriteLockIsReportedAndNotReleased) {
   }
   EXPECT_THAT(capture.Messages(),
               ElementsAre("Caller: pthread_rwlock_wrlock failed : Resource deadlock avoided\n"));
-  // The one that was made is that of the debug output.
+  // The one call is that of the debug output.
   EXPECT_EQ(unlocks.calls(), 1);
 }
 
@@ -216,8 +216,8 @@ TEST_F(LocksTest, FailedReadLockIsReportedAndNotReleased) {
                   "Caller: pthread_rwlock_rdlock failed : Resource temporarily unavailable\n"));
 }
 
-// Locking for writing what the same thread has locked for writing fails; the inner guard must leave
-// the outer one's hold alone.
+// A thread cannot lock for writing twice; the inner guard, which fails, must not release the lock
+// of the outer one.
 TEST_F(LocksTest, InnerGuardThatFailedLeavesTheOuterOneAlone) {
   const WriteLock outer(first_, kSite);
   const test::DebugCapture capture(kError);
@@ -235,7 +235,7 @@ TEST_F(LocksTest, FailedUnlockIsReportedAndNothingElse) {
   const test::DebugCapture capture(kTrace);
   {
     WriteLock lock(first_, kSite);
-    // Every debug line takes and releases a lock too: those of the trace come first.
+    // Every debug line takes and releases a lock too; those of the trace come first.
     const test::FailCall failure(test::Call::kRwlockUnlock, EPERM, 2, 1);
     lock.Release();
   }
@@ -275,7 +275,7 @@ TEST_F(LocksTest, WritePairIsTracedAndReleasedSecondFirst) {
                           Aquired("write", second_), Releasing(second_), Releasing(first_)));
 }
 
-TEST_F(LocksTest, WritePairIsReleasedFirstFirstWhereAskedFor) {
+TEST_F(LocksTest, WritePairIsReleasedInTheOtherOrderOnRequest) {
   const test::DebugCapture capture(kTrace);
   { const WriteLockPair lock(first_, second_, Release::kFirstFirst, kSite); }
   EXPECT_THAT(capture.Messages(),
@@ -571,7 +571,7 @@ TEST_F(LocksTest, ReadersOfAPairDoNotWaitForEachOther) {
   EXPECT_TRUE(done);
 }
 
-// Opposite orders and single locks among them: everybody gets through, one at a time.
+// With opposite orders and single locks among them, all threads get through, one at a time.
 TEST_F(LocksTest, OppositeOrdersDoNotDeadlock) {
   constexpr int kRounds = 50;
   int guarded = 0;  // by both locks

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <string>
@@ -31,22 +30,16 @@ using test::LogTest;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
-// ---- What may stand in their places -------------------------------------------------------------
+// ---- Links and files in their places ------------------------------------------------------------
 
-class LogDirectoryTest : public test::RelayTest {
+class LogDirectoryTest : public test::UtcTest {
  protected:
   LogDirectoryTest() : logs_(std::filesystem::absolute("root/logs").string()) {
-    setenv("TZ", "UTC0", 1);
-    tzset();
     log_dir = logs_.c_str();
     std::filesystem::create_directories("outside");
     std::filesystem::create_directories(Dated());
   }
-  ~LogDirectoryTest() override {
-    CloseConsolidatedLogFile();
-    unsetenv("TZ");
-    tzset();
-  }
+  ~LogDirectoryTest() override { CloseConsolidatedLogFile(); }
 
   std::string Dated(const std::string& name = "") const { return logs_ + "/zev.dated/" + name; }
   void PointCurrentTo(const std::string& target) const {
@@ -72,7 +65,7 @@ TEST_F(LogDirectoryTest, LinkCountsWhenItNamesADirectoryBesideIt) {
   }
 }
 
-TEST_F(LogDirectoryTest, LinkThatLeadsAnywhereElseIsMissingAndReplaced) {
+TEST_F(LogDirectoryTest, LinkThatLeadsElsewhereCountsAsMissingAndIsReplaced) {
   std::filesystem::create_directory(Dated("day"));
   std::filesystem::create_directory(Dated("day/deeper"));
   std::filesystem::create_directory_symlink(std::filesystem::absolute("outside"), Dated("link"));
@@ -144,8 +137,8 @@ TEST_F(LogDirectoryTest, LogDirectoryMayBeReachedThroughALink) {
   log_dir = logs_.c_str();
 }
 
-// Else the logs of a station at its limit would be scattered over directories.
-TEST_F(LogDirectoryTest, WantOfDescriptorsIsNoReasonToBeginANewDirectory) {
+// Otherwise the logs of a station at its limit would be scattered over many directories.
+TEST_F(LogDirectoryTest, LackOfDescriptorsDoesNotBeginANewDirectory) {
   std::filesystem::create_directory(Dated("day"));
   PointCurrentTo("day");
   const test::DebugCapture capture(0);
@@ -187,7 +180,7 @@ TEST_F(DatedDirectoryTest, DatedDirectoryExistsOnceItIsMade) {
   EXPECT_EQ(CreateZevDatedDir(), 0);
 }
 
-TEST_F(DatedDirectoryTest, GroupOfTheDatedDirectoryThatCannotBeGivenFailsTheOpen) {
+TEST_F(DatedDirectoryTest, OpenFailsWhenTheGroupOfTheDatedDirectoryCannotBeSet) {
   const test::FailCall failure(test::Call::kFchown, EPERM);
   const test::DebugCapture capture(0);
   EXPECT_EQ(OpenConsolidatedLogFile(), -1);
@@ -195,7 +188,7 @@ TEST_F(DatedDirectoryTest, GroupOfTheDatedDirectoryThatCannotBeGivenFailsTheOpen
               ElementsAre("CreateZevDatedDir: chown failed : Operation not permitted\n"));
 }
 
-TEST_F(DatedDirectoryTest, GroupOfANewDirectoryThatCannotBeGivenFailsTheOpen) {
+TEST_F(DatedDirectoryTest, OpenFailsWhenTheGroupOfANewDirectoryCannotBeSet) {
   CreateZevDatedDir();
   const test::FailCall failure(test::Call::kFchown, EPERM);
   const test::DebugCapture capture(0);
@@ -215,7 +208,7 @@ TEST_F(DatedDirectoryTest, LinkWhoseTargetIsGoneCountsAsMissing) {
   EXPECT_EQ(std::filesystem::read_symlink(Dated("/current")).filename(), kLogDirectoryName);
 }
 
-TEST_F(DatedDirectoryTest, DirectoryInThePlaceOfTheLinkFailsItsMaking) {
+TEST_F(DatedDirectoryTest, LinkDoesNotReplaceADirectory) {
   std::filesystem::create_directories(Dated("/current/occupied"));
   const test::DebugCapture capture(0);
   EXPECT_EQ(CreateSymlinkToCurrDir(), -1);
@@ -231,7 +224,7 @@ TEST_F(DatedDirectoryTest, DirectoryThatCannotBeMadeIsReported) {
                           kLogDirectoryName + ", ...) failed : No such file or directory\n"));
 }
 
-TEST_F(DatedDirectoryTest, MissingLinkIsReportedWhenItIsToBeRemoved) {
+TEST_F(DatedDirectoryTest, RemovingAMissingLinkIsReported) {
   const test::DebugCapture capture(0);
   RemoveSymlinkToCurrDir();
   EXPECT_THAT(capture.Messages(),
@@ -305,8 +298,7 @@ TEST_F(ArchiveTest, ClockThatJumpsBackAnHourOnlyDelaysTheNextDirectory) {
   EXPECT_EQ(LogDirExpired(), 1);
 }
 
-/// The age of the directory is not known until it is first asked for: the child starts the program
-/// afresh.
+/// The process learns the directory's age once, when it first needs it: the children start afresh.
 class FreshLogDirTest : public test::UtcTest {
  protected:
   FreshLogDirTest() { test::StartChildrenAfresh(); }
@@ -344,7 +336,7 @@ void AskForTheAgeOfADirectoryThatWasThereBefore() {
   EXPECT_EQ(LogDirExpired(), 1);
 }
 
-TEST_F(FreshLogDirTest, AgeOfADirectoryThatWasThereBeforeIsThatOfTheLinksTarget) {
+TEST_F(FreshLogDirTest, AgeOfAnExistingDirectoryIsThatOfTheLinksTarget) {
   EXPECT_HOLDS_IN_CHILD(AskForTheAgeOfADirectoryThatWasThereBefore());
 }
 
@@ -356,7 +348,7 @@ TEST_F(ArchiveTest, IntervalOfZeroHasAlwaysExpired) {
   EXPECT_EQ(LogDirExpired(), 1);
 }
 
-TEST_F(ArchiveTest, WhatHappensInTheDirectoryLaterDoesNotMakeItYounger) {
+TEST_F(ArchiveTest, LaterChangesDoNotMakeTheDirectoryYounger) {
   CreateZevDatedDir();
   ArchiveLogDir();
   log_archive_time = 3600;

@@ -1,4 +1,4 @@
-// Opening logs: the directories, modes and groups of new ones, and what may be wrong with them.
+// Opening logs: the directories, modes and groups of new ones, and failures.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -69,7 +69,7 @@ TEST_F(LogOpenTest, ConsolidatedLogIsOpenedInTheSameWay) {
 }
 
 TEST_F(LogOpenTest, NewFilesAndDirectoriesHaveTheirModesAndTheGroupOfTheRoot) {
-  // Without the right to do so the root keeps its group, which all must then have as well.
+  // Without the right to do so the root keeps its group, and all of these must have it too.
   [[maybe_unused]] const int ignored = chown(kQorRoot, static_cast<uid_t>(-1), kGroup);
   const gid_t group = FileStatus(kQorRoot).st_gid;
   OpenLogs();
@@ -101,7 +101,7 @@ TEST_F(LogOpenTest, OldFilesKeepTheirModesAndGroups) {
   EXPECT_EQ(Log(), "old\n" + Record("new\n"));
 }
 
-TEST_F(LogOpenTest, WithoutTheRootNothingIsGivenAway) {
+TEST_F(LogOpenTest, WithoutTheRootNoGroupIsSet) {
   const test::TemporaryDirectory elsewhere;
   log_dir = elsewhere.path().c_str();
   std::filesystem::rename("root", "away");
@@ -115,7 +115,7 @@ TEST_F(LogOpenTest, WithoutTheRootNothingIsGivenAway) {
   std::filesystem::rename("away", "root");
 }
 
-TEST_F(LogOpenTest, LogsAreClosedToOtherPrograms) {
+TEST_F(LogOpenTest, LogsAreNotInherited) {
   OpenLogs();
   EXPECT_NE(fcntl(box_->log_fd, F_GETFD) & FD_CLOEXEC, 0);
 }
@@ -145,7 +145,7 @@ TEST_F(LogOpenTest, MissingLogDirectoryFailsBothLogs) {
   EXPECT_EQ(box_->log_fd, -1);
 }
 
-TEST_F(LogOpenTest, LogThatCannotBeGivenItsGroupEndsTheProcess) {
+TEST_F(LogOpenTest, LogWhoseGroupCannotBeSetEndsTheProcess) {
   ASSERT_EQ(OpenConsolidatedLogFile(), 0);
   const std::string path = logs_ + "//zev.dated/current/box.log";
   EXPECT_EXIT(
@@ -161,7 +161,7 @@ TEST_F(LogOpenTest, LogThatCannotBeGivenItsGroupEndsTheProcess) {
           Contains(test::IsExitTrace(1, "log.cpp")))));
 }
 
-TEST_F(LogOpenTest, LogThatCannotBeGivenItsModeEndsTheProcess) {
+TEST_F(LogOpenTest, LogWhoseModeCannotBeSetEndsTheProcess) {
   ASSERT_EQ(OpenConsolidatedLogFile(), 0);
   const std::string path = logs_ + "//zev.dated/current/box.log";
   EXPECT_EXIT(
@@ -177,7 +177,7 @@ TEST_F(LogOpenTest, LogThatCannotBeGivenItsModeEndsTheProcess) {
           Contains(test::IsExitTrace(1, "log.cpp")))));
 }
 
-TEST_F(LogOpenTest, ConsolidatedLogThatCannotBeGivenItsGroupFailsButStaysOpen) {
+TEST_F(LogOpenTest, ConsolidatedLogWhoseGroupCannotBeSetFailsButStaysOpen) {
   ASSERT_EQ(OpenLogFile(box_), 0);
   {
     const test::FailCall failure(test::Call::kFchown, EPERM);
@@ -192,7 +192,8 @@ TEST_F(LogOpenTest, ConsolidatedLogThatCannotBeGivenItsGroupFailsButStaysOpen) {
   EXPECT_EQ(Consolidated(), ConsolidatedRecord("kept\n"));
 }
 
-/// The main thread's part while the connection thread opens a log: a new directory, a minute later.
+/// What the main thread does while the connection thread opens a log: it begins a new directory, a
+/// minute later.
 class ArchivingThread {
  public:
   ArchivingThread() : thread_(&ArchivingThread::Run, this) {}
@@ -202,7 +203,7 @@ class ArchivingThread {
 
   bool done() const { return done_; }
 
-  /// It has said that it begins, and sleeps.
+  /// It has announced the new directory, and sleeps.
   bool IsWaiting(const test::DebugCapture& capture) const {
     return capture.Has("ArchiveLogDir: Archiving log directory\n") && State() == 'S';
   }
@@ -260,7 +261,7 @@ TEST_F(LogOpenTest, LogIsSetUpEvenIfItsDirectoryIsRemovedMeanwhile) {
   EXPECT_EQ(Print("lost with its directory\n"), 0);
 }
 
-TEST_F(LogOpenTest, LongLogDirectoryIsCutNotOverrun) {
+TEST_F(LogOpenTest, LongLogDirectoryIsCut) {
   const std::string deep = "/" + std::string(5000, 'd');
   log_dir = deep.c_str();
   const test::DebugCapture capture(0);

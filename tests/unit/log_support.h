@@ -1,4 +1,4 @@
-// A console whose output is logged, at a time of the test's own.
+// A console whose output is logged, at a time that the test sets.
 #pragma once
 
 #include <sys/stat.h>
@@ -17,7 +17,7 @@ namespace test {
 
 // ---- Calls that are intercepted -----------------------------------------------------------------
 
-// They concern the calling thread alone.
+// These affect the calling thread alone.
 extern thread_local bool fchmod_fails;
 extern thread_local std::function<void()> before_fchmod;  ///< while a new log is being set up
 extern thread_local std::function<void()> after_writev;   ///< when a record has been written
@@ -46,7 +46,7 @@ class LogTest : public UtcTest {
   std::string Log() const { return ReadFile(Current("box.log")); }
   std::string Consolidated() const { return ReadFile(Current("consolidated.log")); }
 
-  /// As the daemon does when the console has connected.
+  /// Does what the daemon does when the console has connected.
   void OpenLogs();
 
   int Print(std::string_view chunk);

@@ -47,7 +47,7 @@ struct Filtered {
 
 class FilterTest : public ::testing::TestWithParam<Filtered> {};
 
-// Both buffers end where the chunk does, so that a sanitizer sees every byte too many.
+// Both buffers end with the chunk, so that a sanitizer sees any byte too many.
 std::string Apply(void (*filter)(const char*, char*, int*), const std::string& in) {
   const std::vector<char> chunk(in.begin(), in.end());
   std::vector<char> out(in.size());
@@ -60,7 +60,7 @@ TEST_P(FilterTest, StripsCarriageReturnsNulsAndTelnetCommands) {
   EXPECT_EQ(Apply(RemoveCRsAndNULLs, GetParam().in), GetParam().stripped);
 }
 
-TEST_P(FilterTest, StripsNulsAlone) {
+TEST_P(FilterTest, StripsNulsOnly) {
   EXPECT_EQ(Apply(RemoveNULLs, GetParam().in), GetParam().kept);
 }
 
@@ -72,7 +72,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Filtered{"a\0b\0\0c\0"s, "abc", "abc"}, Filtered{"\0"s, "", ""},
                       Filtered{"a\xff\xfb\x01z", "az", "a\xff\xfb\x01z"},
                       Filtered{"\xff\xfd\x03\xff\xfd\x18z", "z", "\xff\xfd\x03\xff\xfd\x18z"},
-                      // Two bytes go with a 255 whatever they are.
+                      // A 255 takes the two bytes after it along, whatever they are.
                       Filtered{"a\xff\xff\xff"
                                "b",
                                "ab",
@@ -92,7 +92,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Filtered{"a\xff\0\0b"s, "ab",
                                "a\xff"
                                "b"},
-                      // Nor is there anything behind the end of the chunk.
+                      // At the end of the chunk there are fewer.
                       Filtered{"a\xff", "a", "a\xff"}, Filtered{"a\xff\xfb", "a", "a\xff\xfb"},
                       Filtered{"\xff", "", "\xff"}, Filtered{"\xff\xff", "", "\xff\xff"},
                       Filtered{"\xfe\x80\x7f\x01", "\xfe\x80\x7f\x01", "\xfe\x80\x7f\x01"}));
@@ -124,14 +124,14 @@ TEST_F(LogTest, RecordIsStampBlankAndLine) {
   EXPECT_EQ(Consolidated(), "11/03/13_07:06:40 box booting\n");
 }
 
-TEST_F(LogTest, WithCarriageReturnsSuppressedALineEndsWithALineFeedAlone) {
+TEST_F(LogTest, SuppressedCarriageReturnsLeaveLineFeeds) {
   OpenLogs();
   EXPECT_EQ(Print("abc\r\ndef\r\n"), 0);
   EXPECT_EQ(Log(), Record("abc\n") + Record("def\n"));
   EXPECT_EQ(Consolidated(), ConsolidatedRecord("abc\n") + ConsolidatedRecord("def\n"));
 }
 
-TEST_F(LogTest, WithCarriageReturnsKeptEachTerminatorEndsARecordOfItsOwn) {
+TEST_F(LogTest, KeptCarriageReturnsEndRecordsToo) {
   suppress_cr = 0;
   OpenLogs();
   EXPECT_EQ(Print("abc\r\ndef\r\n"), 0);
@@ -173,7 +173,7 @@ TEST_F(LogTest, LineIsPutTogetherFromChunks) {
   EXPECT_EQ(Pending(), "next");
 }
 
-TEST_F(LogTest, StampIsThatOfTheEndOfTheLine) {
+TEST_F(LogTest, StampIsTheTimeOfTheEndOfTheLine) {
   OpenLogs();
   Print("boo");
   clock_.Advance(1);
@@ -181,7 +181,7 @@ TEST_F(LogTest, StampIsThatOfTheEndOfTheLine) {
   EXPECT_EQ(Log(), Record("booting\n", kNextStamp) + Record("more\n", kNextStamp));
 }
 
-TEST_F(LogTest, RecordHasOneTimeInBothLogsHoweverLongItsWritingTakes) {
+TEST_F(LogTest, RecordHasTheSameTimeInBothLogs) {
   OpenLogs();
   test::after_writev = [this] { clock_.Advance(1); };
   Print("first\n");
@@ -211,7 +211,7 @@ TEST_F(LogTest, BinaryOutputIsKeptAsItIs) {
 
 // ---- The line buffer ----------------------------------------------------------------------------
 
-TEST_F(LogTest, A1024thByteStillWaits) {
+TEST_F(LogTest, Byte1024StillWaits) {
   OpenLogs();
   EXPECT_EQ(Print(std::string(1024, 'x')), 0);
   EXPECT_EQ(Log(), "");
@@ -230,7 +230,7 @@ TEST_F(LogTest, OutputWithoutATerminatorIsCutEvery1024Bytes) {
   EXPECT_EQ(Log(), Record(std::string(1024, 'x')) + Record(std::string(976, 'x') + "\n"));
 }
 
-TEST_F(LogTest, TerminatorBehindAFullBufferIsARecordOfItsOwn) {
+TEST_F(LogTest, TerminatorAfterAFullBufferIsARecordOfItsOwn) {
   OpenLogs();
   Print(std::string(1024, 'x'));
   Print("\nnext\n");
@@ -305,7 +305,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Audience{"Several", {kShared, kShared, kReadOnly}, true, false}),
     [](const auto& test_case) { return test_case.param.name; });
 
-TEST_F(LogTest, WhatWaitedIsJudgedWhenItsLineEnds) {
+TEST_F(LogTest, UsersAtTheEndOfTheLineDecide) {
   OpenLogs();
   Print("begun alone, ");
   const auto user = test::AttachUser(box_, "ann", kShared);
@@ -318,7 +318,7 @@ TEST_F(LogTest, WhatWaitedIsJudgedWhenItsLineEnds) {
 
 class LogEventTest : public LogTest {
  protected:
-  // The console's event set is a file of these lines.
+  // The console's event set is a file with these lines.
   void WatchFor(std::string_view patterns) {
     std::filesystem::create_directories("root/events");
     test::WriteFile("root/events/set", patterns);
@@ -389,7 +389,7 @@ TEST_F(LogEventTest, ConsoleWithoutASetNeverMatches) {
   EXPECT_EQ(Log(), Record("error\n"));
 }
 
-TEST_F(LogEventTest, WhileSomebodyIsAttachedNothingIsMatched) {
+TEST_F(LogEventTest, NothingIsMatchedWhileAUserIsAttached) {
   WatchFor("a 1 1 error\n");
   OpenLogs();
   for (const int mode : {kReadOnly, kShared, kExclusive, kExclusiveRevocable}) {
@@ -420,13 +420,13 @@ TEST_F(LogTest, LogThatIsNotOpenIsReportedForEveryChunk) {
   EXPECT_EQ(Consolidated(), "");
 }
 
-TEST_F(LogTest, RecordForALogThatIsNotOpenFailsWithoutAWord) {
+TEST_F(LogTest, RecordForAClosedLogFailsSilently) {
   const test::DebugCapture capture(0);
   EXPECT_EQ(WriteBuffer(box_, "lost\n", 5), -1);
   EXPECT_THAT(capture.Messages(), IsEmpty());
 }
 
-TEST_F(LogTest, WithoutTheConsolidatedLogTheRecordStillGoesToTheConsolesOwn) {
+TEST_F(LogTest, RecordReachesTheConsolesLogWithoutTheConsolidatedOne) {
   ASSERT_EQ(OpenLogFile(box_), 0);
   const test::DebugCapture capture(0);
   EXPECT_EQ(WriteBuffer(box_, "kept\n", 5), -1);
@@ -436,14 +436,14 @@ TEST_F(LogTest, WithoutTheConsolidatedLogTheRecordStillGoesToTheConsolesOwn) {
   EXPECT_EQ(Pending(), "");
 }
 
-TEST_F(LogTest, WithoutTheConsolidatedLogEvenAWatchedRecordFails) {
+TEST_F(LogTest, WatchedRecordFailsWithoutTheConsolidatedLog) {
   ASSERT_EQ(OpenLogFile(box_), 0);
   const auto user = test::AttachUser(box_, "ann", kShared);
   EXPECT_EQ(WriteBuffer(box_, "kept\n", 5), -1);
   EXPECT_EQ(Log(), Record("kept\n"));
 }
 
-// Whoever has the file open goes on writing to a device that is always full.
+// From now on writes to the open file go to a device that is always full.
 void FillDiskUnder(const std::string& path) {
   const test::Descriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
   const std::filesystem::path file = std::filesystem::canonical(path);
@@ -454,7 +454,7 @@ void FillDiskUnder(const std::string& path) {
   }
 }
 
-TEST_F(LogTest, FullDiskCostsTheRecordAndIsReported) {
+TEST_F(LogTest, FullDiskLosesTheRecordAndIsReported) {
   OpenLogs();
   FillDiskUnder(Current("box.log"));
   const test::DebugCapture capture(0);
@@ -484,7 +484,7 @@ void LimitFiles(size_t size) {
   if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(99);
 }
 
-TEST_F(LogTest, RecordThatDoesNotFitLeavesNoPieceOfItself) {
+TEST_F(LogTest, RecordThatDoesNotFitIsNotWrittenInPart) {
   EXPECT_HOLDS_IN_CHILD({
     OpenLogs();
     const std::string first = Record("first\n");
@@ -522,7 +522,7 @@ TEST_F(LogTest, ClosingAFullBufferWritesItInOnePiece) {
   EXPECT_EQ(Log(), Record(std::string(1024, 'x')) + Record("\n"));
 }
 
-TEST_F(LogTest, ClosingTwiceIsNothing) {
+TEST_F(LogTest, ClosingTwiceDoesNothing) {
   OpenLogs();
   CloseLogFile(box_);
   CloseConsolidatedLogFile();

@@ -1,4 +1,4 @@
-// The records of listening ports and the accounting of the logins that are pending on them.
+// The records of listening ports, and counting the logins that are pending on them.
 #include "mapped_port.h"
 
 #include <gmock/gmock.h>
@@ -145,7 +145,7 @@ TEST_F(PendingLoginsTest, ThreadsThatFinishOutOfOrderLeaveTheOthersInOrder) {
   EXPECT_EQ(GetPendingLogins(&list_, kPort), 0);
 }
 
-TEST_F(PendingLoginsTest, PortsAreCountedApart) {
+TEST_F(PendingLoginsTest, PortsAreCountedSeparately) {
   MappedPortNode* other = Add(6502);
   Arrive({11});
   EXPECT_EQ(IncrementPendingLogins(&list_, 6502, 21), 0);
@@ -162,7 +162,7 @@ TEST_F(PendingLoginsTest, FirstNodeOfAPortIsTheOneThatCounts) {
   EXPECT_EQ(second->pending_logins, 0);
 }
 
-TEST_F(PendingLoginsTest, LastSlotIsWarnedOfAndCounted) {
+TEST_F(PendingLoginsTest, LastSlotIsWarnedAboutAndCounted) {
   Arrive({11, 12, 13, 14});
   const DebugCapture debug(kDetail);
   Arrive({15});
@@ -171,7 +171,7 @@ TEST_F(PendingLoginsTest, LastSlotIsWarnedOfAndCounted) {
   EXPECT_THAT(Pending(mpnode_), ElementsAre(11, 12, 13, 14, 15));
 }
 
-TEST_F(PendingLoginsTest, OnlyTheLastSlotIsWarnedOf) {
+TEST_F(PendingLoginsTest, OnlyTheLastSlotIsWarnedAbout) {
   const DebugCapture debug(0);
   Arrive({11, 12, 13, 14});
   EXPECT_THAT(debug.Messages(), IsEmpty());
@@ -180,7 +180,7 @@ TEST_F(PendingLoginsTest, OnlyTheLastSlotIsWarnedOf) {
               ElementsAre("IncrementPendingLogins: Too many pending logins (4)\n"));
 }
 
-TEST_F(PendingLoginsTest, EveryTimeTheLastSlotIsTakenItIsWarnedOf) {
+TEST_F(PendingLoginsTest, WarningIsRepeatedEachTimeTheLastSlotIsTaken) {
   Arrive({11, 12, 13, 14, 15});
   Leave(11);
   const DebugCapture debug(0);
@@ -249,7 +249,7 @@ TEST_F(PendingLoginsTest, ManyThreadsAtOnce) {
   EXPECT_EQ(GetPendingLogins(&list_, kPort), 0);
 }
 
-// A thread may find its port gone only after it has been cancelled; it must end there and then.
+// A thread finds its port gone only after it has been cancelled; it must end at once.
 TEST_F(PendingLoginsTest, CancelledThreadEndsInsteadOfBeingUncounted) {
   struct Shared {
     MappedPortList* list;

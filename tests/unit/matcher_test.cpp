@@ -37,7 +37,7 @@ using ::testing::IsEmpty;
 
 constexpr char kTwice[] = "(r)\\1";
 
-/// What the matcher is told; a line's number or a pattern's priority in `value`.
+/// What the matcher is sent; `value` is a line's number or a pattern's priority.
 struct Told {
   MatcherKind kind;
   int64_t value;
@@ -62,8 +62,8 @@ Told Line(int64_t number, std::string text) {
   return {MatcherKind::kLine, number, std::move(text)};
 }
 
-/// The other end of the socket of the matcher that was started last, and the process that is taken
-/// for it; it does nothing.
+/// The other end of the socket of the last matcher that was started, and the process that stands in
+/// for it, which does nothing.
 struct FakeMatcher {
   test::Descriptor sock;
   pid_t pid = -1;
@@ -85,7 +85,7 @@ int StartFake(int sock, pid_t* pid) {
   return 0;
 }
 
-/// The monotonic clock stands still but for what the test lets pass.
+/// The monotonic clock stands still except for what the test lets pass.
 class SlowTime {
  public:
   SlowTime() : step_(std::make_unique<test::FakePassageOfTime>(1)) {}
@@ -133,7 +133,7 @@ class MatcherTest : public test::RelayTest {
     matcher_.Take(cname, Set(), record);
   }
 
-  // Everything that the matcher has been told since the last time.
+  // Everything that the matcher has been sent since the last call.
   std::vector<Told> Heard() const {
     std::vector<Told> heard;
     MatcherMessage message;
@@ -172,7 +172,7 @@ class MatcherTest : public test::RelayTest {
   Matcher matcher_{StartFake};
 };
 
-TEST_F(MatcherTest, TellsThePatternsInFileOrder) {
+TEST_F(MatcherTest, SendsThePatternsInFileOrder) {
   Load("a 4 0 (r)\\1\nb 5 1 fan\nc 6 00 psu\nd -7 0 x\n");
   EXPECT_THAT(Heard(), ElementsAre(kForget, AnyCase(4, kTwice), Pattern(5, "fan"),
                                    Pattern(6, "psu"), AnyCase(-7, "x"), kStart));
@@ -180,7 +180,7 @@ TEST_F(MatcherTest, TellsThePatternsInFileOrder) {
   EXPECT_THAT(Heard(), IsEmpty());
 }
 
-TEST_F(MatcherTest, SetsWithoutHardPatternsAreNotTold) {
+TEST_F(MatcherTest, SetsWithoutHardPatternsAreNotSent) {
   test::WriteFile("root/events/plain", "a 1 0 fan\n");
   LoadEventFile("plain", ev_list);
   matcher_.SetsChanged();
@@ -193,7 +193,7 @@ TEST_F(MatcherTest, SetsWithoutHardPatternsAreNotTold) {
   EXPECT_THAT(Heard(), ElementsAre(kForget, Pattern(2, kTwice), kStart));
 }
 
-TEST_F(MatcherTest, MorePatternsThanTheSocketTakesAreToldOneAfterTheOther) {
+TEST_F(MatcherTest, PatternsThatFindNoRoomAreSentLater) {
   std::string file = "a 0 1 (r)\\1\n";
   for (int i = 1; i < 2000; ++i) file += "a " + std::to_string(i) + " 1 x\n";
   Load(file);
@@ -261,7 +261,7 @@ TEST_F(MatcherTest, PostingChangesTheNameOfTheConsole) {
     EXPECT_THAT(test::ReceiveLine(events.get()), HasSubstr(name));
 }
 
-TEST_F(MatcherTest, AnswerThatIsNotDueEndsTheMatcher) {
+TEST_F(MatcherTest, UnexpectedAnswerEndsTheMatcher) {
   Load("a 4 1 (r)\\1\n");
   Take("one\n");
   test::DebugCapture capture(0);
@@ -286,9 +286,9 @@ TEST_F(MatcherTest, AnswerEndsTheMonitorsWait) {
   matcher_.Serve();
 }
 
-// ---- Patterns that it could not bear ------------------------------------------------------------
+// ---- Patterns that are left out -----------------------------------------------------------------
 
-TEST_F(MatcherTest, SaysWhatWasWrongWithAPattern) {
+TEST_F(MatcherTest, ReportsWhatIsWrongWithAPattern) {
   constexpr struct {
     MatcherKind kind;
     int value;
@@ -319,7 +319,7 @@ TEST_F(MatcherTest, BadPatternIsReportedAsAnyOther) {
       ElementsAre("ParseRegExFile: regcomp() failed for pattern a(b : Unmatched ( or \\(\n"));
 }
 
-TEST_F(MatcherTest, NextMatcherIsNotToldOfWhatWasLeftOut) {
+TEST_F(MatcherTest, NextMatcherIsNotSentWhatWasLeftOut) {
   Load("a 4 1 (r)\\1\nb 5 1 fan\nc 6 1 psu\n");
   test::DebugCapture capture(0);
   Say({.kind = MatcherKind::kMatchTooLong, .set = Set(), .number = 0}, kTwice);
@@ -333,7 +333,7 @@ TEST_F(MatcherTest, NextMatcherIsNotToldOfWhatWasLeftOut) {
 
 // ---- Too many lines -----------------------------------------------------------------------------
 
-TEST_F(MatcherTest, LinesBeyondTheQueueAreCountedAndToldOfOnceItIsEmpty) {
+TEST_F(MatcherTest, LostLinesAreCountedAndReportedOnceTheQueueIsEmpty) {
   Load("a 4 1 (r)\\1\n");
   const std::string line(999, 'x');
   int taken = 0;
@@ -361,7 +361,7 @@ TEST_F(MatcherTest, LinesBeyondTheQueueAreCountedAndToldOfOnceItIsEmpty) {
   EXPECT_EQ(capture.Messages().size(), 1U);
 }
 
-TEST_F(MatcherTest, WhileTheQueueStaysFullThatIsToldNowAndThen) {
+TEST_F(MatcherTest, QueueThatStaysFullIsReportedNowAndThen) {
   SlowTime time;
   Load("a 4 1 (r)\\1\n");
   test::DebugCapture capture(0);
@@ -413,7 +413,7 @@ TEST_F(MatcherTest, LinesThatWereHandedOverBeforeAReloadAreStillAnswered) {
   EXPECT_EQ(fake_.starts, 1);
 }
 
-TEST_F(MatcherTest, LinesThatWereNotAreDroppedAndCounted) {
+TEST_F(MatcherTest, OtherLinesAreDroppedAndCountedByAReload) {
   Load("a 4 1 (r)\\1\n");
   for (int i = 0; i < 800; ++i) Take(std::string(999, 'x'));
   const size_t handed_over = Heard().size() - 3;
@@ -444,7 +444,7 @@ TEST_F(MatcherTest, ReloadWithoutHardPatternsEndsIt) {
 
 // ---- Its end ------------------------------------------------------------------------------------
 
-TEST_F(MatcherTest, NextOneGetsTheLinesWithoutAnAnswerButForTheFirst) {
+TEST_F(MatcherTest, NextOneGetsTheUnansweredLinesButTheFirst) {
   Load("a 4 1 (r)\\1\n");
   for (const char* line : {"one\n", "two\n", "three\n", "four\n"}) Take(line);
   Say({.kind = MatcherKind::kNoMatch, .line = 1});
@@ -464,7 +464,7 @@ TEST_F(MatcherTest, LinesWaitForTheNextOne) {
   EXPECT_THAT(Heard(), ElementsAre(kForget, Pattern(4, kTwice), kStart, Line(1, "one\n")));
 }
 
-TEST_F(MatcherTest, OneThatNeverSaidAnythingIsTriedLaterAndLater) {
+TEST_F(MatcherTest, SilentOneIsReplacedLessAndLessOften) {
   SlowTime time;
   Load("a 4 1 (r)\\1\n");
   for (const int64_t seconds : {1, 2, 4, 8}) {
@@ -486,7 +486,7 @@ TEST_F(MatcherTest, OneThatNeverSaidAnythingIsTriedLaterAndLater) {
   EXPECT_EQ(fake_.starts, 6) << "this one has said something";
 }
 
-TEST_F(MatcherTest, OneThatCannotBeStartedIsToldOnceAndTriedEverySecond) {
+TEST_F(MatcherTest, OneThatCannotBeStartedIsReportedOnceAndTriedEverySecond) {
   SlowTime time;
   fake_.error = EAGAIN;
   test::DebugCapture capture(0);
@@ -507,10 +507,10 @@ TEST_F(MatcherTest, OneThatCannotBeStartedIsToldOnceAndTriedEverySecond) {
 
 TEST_F(MatcherTest, OneThatCannotBeStartedLeavesNoDescriptor) {
   const test::DebugCapture capture(0);
-  const int next = test::Descriptor(dup(STDIN_FILENO)).get();
+  const int next = test::NextDescriptor();
   fake_.error = ENOENT;
   Load("a 4 1 (r)\\1\n");
-  EXPECT_EQ(test::Descriptor(dup(STDIN_FILENO)).get(), next);
+  EXPECT_EQ(test::NextDescriptor(), next);
   fake_.error = 0;
 }
 

@@ -99,7 +99,7 @@ TEST_F(ModelsTest, ModelIsTheRestOfTheLineBarsIncluded) {
   EXPECT_THAT(Entries(), ElementsAre(Pair("PX", "M1|M2|"), Pair("PX", "|M3")));
 }
 
-TEST_F(ModelsTest, LineWithoutBothPartsIsIgnoredWithoutAWord) {
+TEST_F(ModelsTest, LineWithoutBothPartsIsIgnoredSilently) {
   const test::DebugCapture capture(kInfo);
   EXPECT_EQ(Load("PX\nPX|\nPX|\r\n|M1\n|\n||\n|||\r\nA|A1\n"), 0);
   EXPECT_THAT(Entries(), ElementsAre(Pair("A", "A1")));
@@ -150,7 +150,7 @@ TEST_F(ModelsTest, FileWithoutModelsIsReported) {
   }
 }
 
-TEST_F(ModelsTest, RunningOutOfMemoryCostsTheEntry) {
+TEST_F(ModelsTest, RunningOutOfMemoryLosesTheEntry) {
   for (int failing : {1, 2}) {
     const test::DebugCapture capture(0);
     test::WriteFile(kPath, "PX|M1\nPX|M2\n");
@@ -175,13 +175,13 @@ TEST_F(ModelsTest, ModelOfTheSeriesIsPellox) {
   EXPECT_EQ(IsPellox("", &models_), 0);
 }
 
-TEST_F(ModelsTest, CaseMakesNoDifference) {
+TEST_F(ModelsTest, CaseDoesNotMatter) {
   Load("px|m100\nPx|M200\n");
   EXPECT_EQ(IsPellox("M100", &models_), 1);
   EXPECT_EQ(IsPellox("m200", &models_), 1);
 }
 
-TEST_F(ModelsTest, SpaceBehindTheSeriesMakesADifference) {
+TEST_F(ModelsTest, SpaceAfterTheSeriesMatters) {
   Load("PX |M100\nPX| M200\nPXX|M300\nP|M400\n");
   for (const char* model : {"M100", "M200", "M300", "M400"}) {
     EXPECT_EQ(IsPellox(model, &models_), 0) << model;

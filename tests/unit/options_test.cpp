@@ -3,13 +3,11 @@
 
 #include <gtest/gtest.h>
 
-#include "threads.h"
-
 using namespace zevd;
 
 namespace {
 
-TEST(OptionDefaultsTest, AreThoseOfTheUsage) {
+TEST(OptionsTest, HaveTheirDefaults) {
   EXPECT_EQ(debug_level, 0);
   EXPECT_EQ(security_enabled, 1);
   EXPECT_EQ(cons_buf_size, 0);
@@ -21,8 +19,6 @@ TEST(OptionDefaultsTest, AreThoseOfTheUsage) {
   EXPECT_EQ(max_pending_logins, 5);
   EXPECT_STREQ(log_dir, QOR_ROOT "/logs");
   EXPECT_STREQ(config_file, QOR_ROOT "/config/zev.conf");
-  EXPECT_EQ(thread_waitreq_mask, 0U);
-  EXPECT_EQ(thread_waiting_mask, 0U);
 }
 
 }  // namespace

@@ -40,7 +40,7 @@ class PasswordCheckTest : public ::testing::Test {
   }
 
   static void Install(const std::string& script) {
-    std::filesystem::remove(kHelper);  // one that runs cannot be written to
+    std::filesystem::remove(kHelper);  // a running program cannot be written to
     test::WriteFile(kHelper, script);
     chmod(kHelper, 0755);
   }
@@ -58,7 +58,7 @@ class PasswordCheckTest : public ::testing::Test {
     return count;
   }
 
-  /// Asks on a thread of its own, which WaitUntilQueued() may be given.
+  /// Asks on another thread, which may be passed to WaitUntilQueued().
   static PasswordCheck AskInterruptibly(const char* name, const char* rhost) {
     sigset_t none;
     sigemptyset(&none);
@@ -74,7 +74,7 @@ class PasswordCheckTest : public ::testing::Test {
       pthread_kill(caller.native_handle(), SIGUSR2);
       return interruptions > before;
     }));
-    EXPECT_TRUE(test::Eventually([&] {  // the others are counted for nobody else
+    EXPECT_TRUE(test::Eventually([&] {  // no signal is still on its way
       const int last = interruptions;
       usleep(10'000);
       return interruptions == last;
@@ -95,7 +95,7 @@ TEST_F(PasswordCheckTest, AnswersAsTheHelperDoes) {
   EXPECT_EQ(Ask("anna", "wrong", "192.0.2.1"), PasswordCheck::kRefused);
 }
 
-TEST_F(PasswordCheckTest, TellsWhyThereIsNoAnswer) {
+TEST_F(PasswordCheckTest, SaysWhyThereIsNoAnswer) {
   std::filesystem::remove(kHelper);
   EXPECT_EQ(Ask("anna", "secret", "192.0.2.2"), PasswordCheck::kNotStarted);
   EXPECT_EQ(errno, ENOENT);
@@ -171,7 +171,7 @@ TEST_F(PasswordCheckTest, OneNameIsCheckedForOneCallerOfAnAddressAtATime) {
   EXPECT_EQ(Started(), 4U);
 }
 
-// Eleven of one address are before him, of whom eight are being checked.
+// Eleven callers from one address are ahead of him; eight of them are being checked.
 TEST_F(PasswordCheckTest, CrowdBehindOneAddressDoesNotKeepOthersOut) {
   Install(
       "#!/bin/sh\nread name password\n: > root/started.$name\n"
@@ -197,9 +197,9 @@ TEST_F(PasswordCheckTest, CrowdBehindOneAddressDoesNotKeepOthersOut) {
   for (std::thread& caller : callers) caller.join();
 }
 
-// Dora's pause lets others of her address overtake her, which must not bring her forward: joe, of
+// During Dora's pause others from her address overtake her. That must not move her forward: Joe, at
 // another address, came before her.
-TEST_F(PasswordCheckTest, WhoeverIsOvertakenGainsNothing) {
+TEST_F(PasswordCheckTest, CallerWhoIsOvertakenGainsNothing) {
   Install("#!/bin/sh\ncat > /dev/null\nexit 1\n");
   Ask("joe", "x", "192.0.2.14");
   Ask("dora", "x", "192.0.2.15");
@@ -227,7 +227,7 @@ TEST_F(PasswordCheckTest, WhoeverIsOvertakenGainsNothing) {
   for (std::thread& caller : callers) caller.join();
 }
 
-TEST_F(PasswordCheckTest, WhoeverHangsUpLeavesTheQueue) {
+TEST_F(PasswordCheckTest, CallerWhoHangsUpLeavesTheQueue) {
   InstallWaiting();
   std::thread first([] { Ask("anna", "a", "192.0.2.11"); });
   EXPECT_TRUE(test::Eventually([] { return Started() == 1; }));
@@ -243,8 +243,8 @@ TEST_F(PasswordCheckTest, WhoeverHangsUpLeavesTheQueue) {
   first.join();
 }
 
-// The helper splits the pair at the first blank: the rest of the name would be tried as the start
-// of a password, and count for another name.
+// The helper splits the pair at the first blank. The rest of the name would be tried as the start
+// of a password, and the try would count for another name.
 TEST_F(PasswordCheckTest, NameWithABlankIsRefusedWithoutAHelper) {
   Install("#!/bin/sh\n: > root/started.$$\nexit 0\n");
   for (const char* name : {"anna secret", "anna ", " anna", "anna\tx", " "}) {
@@ -267,7 +267,7 @@ TEST_F(PasswordCheckTest, EightHelpersRunAtOnce) {
   EXPECT_TRUE(test::Eventually([] { return Started() == 8; }));
   EXPECT_EQ(answered, 0);
   {
-    // The ninth who cannot have a turn in half a minute is told so.
+    // The ninth caller, who gets no turn within half a minute, is told so.
     const test::FakePassageOfTime seconds(5 * kSecond);
     EXPECT_EQ(Ask("late", "secret", "192.0.2.8"), PasswordCheck::kNoTurn);
   }

@@ -20,7 +20,7 @@ using ::testing::IsEmpty;
 
 using Texts = std::vector<std::string>;
 
-// A pattern that the system does not take would promise nothing to anybody.
+// A pattern that the system refuses would promise nothing.
 Texts LiteralsOf(const std::string& pattern) {
   regex_t compiled;
   EXPECT_EQ(regcomp(&compiled, pattern.c_str(), REG_EXTENDED), 0) << pattern;
@@ -58,7 +58,7 @@ TEST(PatternLiterals, TheLongestRunIsTaken) {
               {"[0-9]+: link [[:alpha:]]", {": link "}}});
 }
 
-TEST(PatternLiterals, WhatMayBeAbsentIsNotPromised) {
+TEST(PatternLiterals, OptionalPartsAreNotPromised) {
   ExpectRows({{"colou?r", {"colo"}},
               {"ab*cd", {"cd"}},
               {"ab{0}cd", {"cd"}},
@@ -74,7 +74,7 @@ TEST(PatternLiterals, WhatMayBeAbsentIsNotPromised) {
               {"x?", {}}});
 }
 
-TEST(PatternLiterals, WhatIsRepeatedIsThereOnce) {
+TEST(PatternLiterals, RepeatedPartsAreThereOnce) {
   ExpectRows({{"ab+cd", {"bcd"}},
               {"abc+d", {"abc"}},
               {"x(error)+y", {"xerror"}},
@@ -126,7 +126,7 @@ TEST(PatternLiterals, AlternativesThatPromiseNothingSpoilTheRest) {
               {"disk|[0-9]", {}}});
 }
 
-TEST(PatternLiterals, WhatAlternativesHaveInCommonIsKept) {
+TEST(PatternLiterals, CommonPartsOfAlternativesAreKept) {
   ExpectRows({{"(error|error [0-9]x)", {"error"}},
               {"xy(za|zb)", {"xyz"}},
               {"(bad|sad) day", {"ad day"}},
@@ -155,7 +155,7 @@ TEST(PatternLiterals, EscapedLettersAreSetsOrNotKnown) {
   }
 }
 
-TEST(PatternLiterals, ReferencesBackAreNotUnderstood) {
+TEST(PatternLiterals, BackReferencesAreNotUnderstood) {
   ExpectRows({{"(a)\\1", {}}, {"(disk)error\\1", {}}, {"error|(x)\\1", {}}, {"a\\\\1", {"a\\1"}}});
 }
 
@@ -180,7 +180,7 @@ TEST(PatternLiterals, BracketsEndWhereTheSystemSaysSo) {
               {"a[(|]bc", {"bc"}},         {"a[*][{]bc", {"a*{bc"}}});
 }
 
-TEST(PatternLiterals, WhatStandsForItselfInOddPlaces) {
+TEST(PatternLiterals, SpecialBytesInOddPlacesStandForThemselves) {
   ExpectRows({{"a)b", {"a)b"}},
               {"a)*b", {"a"}},
               {"a}b", {"a}b"}},
@@ -218,7 +218,7 @@ TEST(PatternLiterals, DeepGroupsAreNotUnderstood) {
 }
 
 // The system refuses these; nothing may depend on it.
-TEST(PatternLiterals, WhatDoesNotCompilePromisesNothing) {
+TEST(PatternLiterals, InvalidPatternsPromiseNothing) {
   for (const char* pattern : {"*a", "+a",  "?a",  "{2}a", "a|*b",      "(*a)",   "^*a", "\\b*a",
                               "a{", "a{2", "a{}", "a{b}", "a{1,2,3}",  "a{\\0}", "a(",  "a(b",
                               "a[", "a[b", "a[]", "a[^]", "a[[:alpha", "a[[.x]", "a\\"}) {
@@ -226,7 +226,7 @@ TEST(PatternLiterals, WhatDoesNotCompilePromisesNothing) {
   }
 }
 
-// ---- Beside the system's matcher ----------------------------------------------------------------
+// ---- Compared with the system's matcher ---------------------------------------------------------
 
 bool HoldsOne(const std::string& line, const LiteralSet& literals) {
   std::string folded = line;
@@ -236,7 +236,7 @@ bool HoldsOne(const std::string& line, const LiteralSet& literals) {
   });
 }
 
-/// What a comparison has met; without enough of each it would show nothing.
+/// What a comparison has come across; without enough of each it would prove nothing.
 struct Tally {
   int patterns = 0;
   int with_literals = 0;

@@ -1,4 +1,4 @@
-// The commands that look: what they answer, byte by byte, and which locks they take.
+// The commands that look: their answers, byte by byte, and the locks that they take.
 #include "query.h"
 
 #include <gmock/gmock.h>
@@ -113,7 +113,7 @@ TEST_F(QueryTest, ModeCodes) {
   }
 }
 
-TEST_F(QueryTest, HiddenUserIsOneNamedSoInModeFour) {
+TEST_F(QueryTest, HiddenUserHasThatNameAndModeFour) {
   const Attached<ConsoleNode> box = ConnectConsole("box");
   EXPECT_EQ(IsVrqUserConnectedERMode(box.node), 0);
   const Attached<UserNode> other = AttachUser(box.node, "anna", kExclusiveRevocable);
@@ -204,7 +204,7 @@ TEST_F(QueryTest, HolderIsAskedForByModelBeforeState) {
   EXPECT_EQ(rheader.count, 0U);
 }
 
-TEST_F(QueryTest, HoldersThatCannotBeTold) {
+TEST_F(QueryTest, HoldersThatAreNotKnown) {
   test::AddConsole(i_cons_list, "plain");
   AddHeld("unknown")->pellox_port_holder_ipaddr[0] = '\0';
   EXPECT_THAT(SaidBy("portholder PLAIN"), ElementsAre("PelloxPortHolder: Not a Pellox console.\n"));
@@ -303,7 +303,7 @@ TEST_F(QueryDeathTest, UsersFoundBeforeMemoryRanOutAreReleased) {
 
 // ---- Names that differ in case alone ------------------------------------------------------------
 
-TEST_F(TwinTest, QueriesGiveBoth) {
+TEST_F(TwinTest, QueriesReturnBoth) {
   const Answer consoles = Ask(tool_, "console bOx");
   ASSERT_EQ(consoles.count, 2U);
   EXPECT_EQ(FieldText(consoles.body, 0, 64), "BOX");

@@ -8,8 +8,9 @@ namespace test {
 namespace {
 
 constexpr int kDeepestGroup = 3;
-// Each repetition of what may match nothing can double the time that the system takes to compile a
-// pattern, or multiply it with the number of alternatives; "(a?|b?|)+*" is already too much.
+// Each repetition of something that may match nothing can double the time that the system takes to
+// compile a pattern, or multiply it by the number of alternatives; "(a?|b?|)+*" is already too
+// much.
 constexpr int kMostRepetitions = 6;
 constexpr int kMostRepeatedGroups = 1;
 constexpr int kMostAlternatives = 4;
@@ -172,8 +173,8 @@ class Generator {
     return {"(" + inner.pattern + ")", inner.sample};
   }
 
-  // The system's matcher calls itself until the stack ends for some references to groups that match
-  // nothing or differently each time; those are not made.
+  // For some references to groups that match nothing, or differently each time, the system's
+  // matcher calls itself until the stack overflows; those are not made.
   Piece Reference() {
     if (groups_ >= kLastReference) return Byte();
     ++groups_;

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <regex.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -72,7 +71,7 @@ class RegExprTest : public test::RelayTest {
     return lines;
   }
 
-  // The matching pattern's text and priority, left alone when there is none.
+  // The matching pattern's text and priority; unchanged when there is none.
   Match MatchOf(std::string_view record) const {
     char* pattern = nullptr;
     int priority = -12345;
@@ -102,13 +101,13 @@ TEST_F(RegExprTest, SpacesBeforeTheFirstThreeFieldsAreSkipped) {
   EXPECT_THAT(Lines(), ElementsAre(Line{"disk", 300, 0, "disk"}));
 }
 
-TEST_F(RegExprTest, SpacesAfterTheOneThatEndsTheCaseIndicatorBelongToThePattern) {
+TEST_F(RegExprTest, FurtherSpacesAfterTheCaseIndicatorBelongToThePattern) {
   EXPECT_EQ(Parse("a 1 0  x\nb 1 0   \nc 1 0 x  y \n"), 0);
   EXPECT_THAT(Lines(),
               ElementsAre(Line{"a", 1, 0, " x"}, Line{"b", 1, 0, "  "}, Line{"c", 1, 0, "x  y "}));
 }
 
-TEST_F(RegExprTest, TabIsNoSeparator) {
+TEST_F(RegExprTest, TabIsNotASeparator) {
   const test::DebugCapture capture(0);
   EXPECT_EQ(Parse("a\tb 1 0 \tx\ty\na\t1\t0\tx\n\t\n"), 0);
   EXPECT_THAT(Lines(), ElementsAre(Line{"a\tb", 1, 0, "\tx\ty"}));
@@ -134,7 +133,7 @@ TEST_F(RegExprTest, PriorityThatIsNoNumberIsZero) {
                                    Line{"c", 12, 0, "x"}, Line{"d", 3, 0, "x"}));
 }
 
-TEST_F(RegExprTest, OnlyExactlyZeroMakesCaseNoMatter) {
+TEST_F(RegExprTest, OnlyAPlainZeroIgnoresCase) {
   for (const char* indicator : {"0", "1", "00", "-0", "0x", "no", "2"}) {
     EXPECT_EQ(Parse("a 1 " + std::string(indicator) + " Disk\n"), 0);
     EXPECT_EQ(Lines().at(0).case_sensitive, atoi(indicator)) << indicator;
@@ -143,14 +142,14 @@ TEST_F(RegExprTest, OnlyExactlyZeroMakesCaseNoMatter) {
   }
 }
 
-TEST_F(RegExprTest, NoLineIsAComment) {
+TEST_F(RegExprTest, ThereAreNoComments) {
   EXPECT_EQ(Parse("# 5 1 not a comment\n#two words here\n"), 0);
   EXPECT_THAT(Lines(), ElementsAre(Line{"#", 5, 1, "not a comment"}));
   EXPECT_EQ(Parse("# one word more than three\n"), 0);
   EXPECT_THAT(Lines(), ElementsAre(Line{"#", 0, 0, "more than three"}));
 }
 
-TEST_F(RegExprTest, FileIsReadAnew) {
+TEST_F(RegExprTest, FileReplacesTheList) {
   EXPECT_EQ(Parse("a 1 0 x\n"), 0);
   EXPECT_EQ(Parse("b 2 1 y\n"), 0);
   EXPECT_THAT(Lines(), ElementsAre(Line{"b", 2, 1, "y"}));
@@ -158,7 +157,7 @@ TEST_F(RegExprTest, FileIsReadAnew) {
 
 // ---- ParseRegExFile: what is wrong --------------------------------------------------------------
 
-TEST_F(RegExprTest, BlankLinesAreSkippedWithoutAWordButCounted) {
+TEST_F(RegExprTest, BlankLinesAreSkippedSilentlyButCounted) {
   const test::DebugCapture capture(0);
   EXPECT_EQ(Parse("\n   \n\r\n \r \nbad\n"), 0);
   EXPECT_THAT(Lines(), IsEmpty());
@@ -166,7 +165,7 @@ TEST_F(RegExprTest, BlankLinesAreSkippedWithoutAWordButCounted) {
               ElementsAre("ParseRegExFile: Priority missing in line 5 of root/patterns\n"));
 }
 
-TEST_F(RegExprTest, EveryMissingFieldIsReportedByLineNumberAndCostsOnlyItsLine) {
+TEST_F(RegExprTest, EveryMissingFieldIsReportedByLineNumberAndLosesOnlyItsLine) {
   const test::DebugCapture capture(0);
   EXPECT_EQ(Parse("a 1 0 first\nb 2 0\nc\nd 4\n\ne 5 0 \nf 6 0 last\n"), 0);
   EXPECT_THAT(Lines(), ElementsAre(Line{"a", 1, 0, "first"}, Line{"f", 6, 0, "last"}));
@@ -211,7 +210,7 @@ TEST_F(RegExprTest, LineIsReadInPiecesOf8191Bytes) {
                                    Line{"c", 3, 0, "z"}));
 }
 
-TEST_F(RegExprTest, WhatFollowsANulInALineIsNotSeen) {
+TEST_F(RegExprTest, RestOfALineAfterANulIsNotSeen) {
   using namespace std::string_view_literals;
   EXPECT_EQ(Parse("a 1 0 x\0y\nb 2 0 z\n"sv), 0);
   EXPECT_THAT(Lines(), ElementsAre(Line{"a", 1, 0, "x"}, Line{"b", 2, 0, "z"}));
@@ -254,7 +253,7 @@ TEST_F(RegExprTest, PipesAndDevicesGiveNoPatternsAndAreNotWaitedFor) {
 }
 
 TEST_F(RegExprTest, NoFileIsLeftOpen) {
-  const int next = test::Descriptor(dup(STDIN_FILENO)).get();
+  const int next = test::NextDescriptor();
   Parse("a 1 0 x\n");
   ParseRegExFile("root", list_);
   ParseRegExFile("root/nowhere", list_);
@@ -262,7 +261,7 @@ TEST_F(RegExprTest, NoFileIsLeftOpen) {
     const test::FailAllocation failure(1);
     EXPECT_EQ(Parse("a 1 0 x\n"), -1);
   }
-  EXPECT_EQ(test::Descriptor(dup(STDIN_FILENO)).get(), next);
+  EXPECT_EQ(test::NextDescriptor(), next);
 }
 
 TEST_F(RegExprTest, MissingFileFailsAndEmptiesTheList) {
@@ -296,12 +295,12 @@ TEST_F(RegExprTest, RunningOutOfMemoryAnywhereFailsTheFile) {
     EXPECT_THAT(reports, ::testing::Contains(reported));
     if (seen.empty() || seen.back() != reported) seen.push_back(reported);
   }
-  // Each of the three was met on the first line and again on the second.
+  // Each of the three occurred on the first line and again on the second.
   ASSERT_THAT(seen, SizeIs(2 * reports.size()));
   EXPECT_THAT(Lines(), SizeIs(2));
 }
 
-TEST_F(RegExprTest, MemoryThatTheFilterAloneLacksCostsNoMatchAndIsNotReported) {
+TEST_F(RegExprTest, FilterWithoutMemoryLosesNoMatchAndIsNotReported) {
   int without_filter = 0;
   bool reached = true;
   for (int failing = 1; reached; ++failing) {
@@ -349,7 +348,7 @@ TEST_F(RegExprTest, WithoutAMatchNothingIsSet) {
   EXPECT_EQ(match.priority, -12345);
 }
 
-TEST_F(RegExprTest, MatchThatCannotBeCopiedIsNone) {
+TEST_F(RegExprTest, MatchThatCannotBeCopiedDoesNotCount) {
   Parse("a 5 0 x\n");
   const test::DebugCapture capture(0);
   const test::FailAllocation failure(1, 1);
@@ -379,7 +378,7 @@ TEST_F(RegExprTest, PatternIsAnExtendedExpression) {
   EXPECT_FALSE(Matches("my disk bad"));
 }
 
-TEST_F(RegExprTest, DollarMeetsTheTerminatorBeforeTheEnd) {
+TEST_F(RegExprTest, DollarDoesNotSkipTheTerminator) {
   Parse("a 1 0 error$\n");
   EXPECT_TRUE(Matches("disk error"));
   EXPECT_FALSE(Matches("disk error\n"));
@@ -389,7 +388,7 @@ TEST_F(RegExprTest, DollarMeetsTheTerminatorBeforeTheEnd) {
   EXPECT_TRUE(Matches("disk error\r"));
 }
 
-TEST_F(RegExprTest, CaretIsTheStartOfTheRecordAlone) {
+TEST_F(RegExprTest, CaretIsTheStartOfTheRecordOnly) {
   Parse("a 1 0 ^error\n");
   EXPECT_TRUE(Matches("error\n"));
   EXPECT_FALSE(Matches("disk\nerror\n"));
@@ -408,7 +407,7 @@ TEST_F(RegExprTest, NulEndsTheText) {
   EXPECT_TRUE(Matches("error\0disk\n"sv));
 }
 
-TEST_F(RegExprTest, TextIsWhatTheCountSays) {
+TEST_F(RegExprTest, CountBoundsTheText) {
   Parse("a 1 0 error\n");
   char* pattern = nullptr;
   int priority = 0;
@@ -425,7 +424,7 @@ TEST_F(RegExprTest, AtMost8192BytesAreLookedAt) {
 
 // ---- The filter ---------------------------------------------------------------------------------
 
-TEST_F(RegExprTest, FilterIsMadeWhereItGains) {
+TEST_F(RegExprTest, FilterIsMadeWhereItHelps) {
   Parse("a 1 0 disk\nb 1 0 fan\n");
   EXPECT_NE(list_->filter, nullptr);
   Parse("a 1 0 disk\n");
@@ -436,7 +435,7 @@ TEST_F(RegExprTest, FilterIsMadeWhereItGains) {
   EXPECT_EQ(list_->filter, nullptr) << "no pattern";
 }
 
-TEST_F(RegExprTest, FilterGoesWithTheListThatItWasMadeFor) {
+TEST_F(RegExprTest, FilterGoesWhenTheListChanges) {
   Parse("a 1 0 disk\nb 2 0 fan\n");
   RegExNode* first = list_->head->node;
   RemoveRegExFromList(first, list_);
@@ -461,7 +460,7 @@ TEST_F(RegExprTest, FileThatCannotBeReadLeavesNoFilter) {
   EXPECT_FALSE(Matches("disk\n"));
 }
 
-TEST_F(RegExprTest, OrderOfTheFileHoldsAmongCandidatesOfEitherKind) {
+TEST_F(RegExprTest, FileOrderHoldsAmongAllCandidates) {
   Parse("a 1 0 disk [0-9]\nb 2 0 [0-9][0-9]\nc 3 0 disk\nd 4 0 .\n");
   ASSERT_NE(list_->filter, nullptr);
   EXPECT_EQ(MatchOf("disk 12\n").priority, 1);
@@ -470,7 +469,7 @@ TEST_F(RegExprTest, OrderOfTheFileHoldsAmongCandidatesOfEitherKind) {
   EXPECT_EQ(MatchOf("fan\n").priority, 4);
 }
 
-TEST_F(RegExprTest, CandidateIsNoMatchYet) {
+TEST_F(RegExprTest, CandidateIsNotYetAMatch) {
   Parse("a 1 1 Disk.*Error\nb 2 1 fan$\n");
   ASSERT_NE(list_->filter, nullptr);
   EXPECT_FALSE(Matches("disk error\n"));
@@ -501,7 +500,7 @@ TEST_F(RegExprTest, TooManyPatternsForAFilterAreAllTried) {
 
 // ---- Lists for the matcher ----------------------------------------------------------------------
 
-TEST_F(RegExprTest, OneHardPatternMakesTheListOneForTheMatcher) {
+TEST_F(RegExprTest, OneHardPatternHandsTheListToTheMatcher) {
   for (const char* file : {"a 1 0 (r)\\1\nb 2 0 error\n", "b 2 0 error\na 1 0 (r)\\1\n",
                            "b 2 0 error\na 1 0 (r)\\1\nc 3 0 fan\n"}) {
     ASSERT_EQ(Parse(file), 0);
@@ -525,7 +524,7 @@ TEST_F(RegExprTest, EveryListForTheMatcherHasANumberOfItsOwn) {
   EXPECT_TRUE(Matches("error\n"));
 }
 
-TEST_F(RegExprTest, ListForTheMatcherKeepsWhatIsWrongForIt) {
+TEST_F(RegExprTest, ListForTheMatcherKeepsBadPatterns) {
   const test::DebugCapture capture(0);
   EXPECT_EQ(Parse("a 1 0 a(b\nb 2 00 (r)\\1\nc 3 0 c(d\nd 4\n"), 0);
   EXPECT_THAT(Lines(), ElementsAre(Line{"b", 2, 0, "(r)\\1"}, Line{"c", 3, 0, "c(d"}));
@@ -560,7 +559,7 @@ class PlainList {
   PlainList(const PlainList&) = delete;
   PlainList& operator=(const PlainList&) = delete;
 
-  /// The priority of a pattern is its place.
+  /// The priority of a pattern is its index.
   std::string File() const {
     std::string file;
     for (size_t i = 0; i < patterns_.size(); ++i) {

@@ -1,4 +1,4 @@
-// Merging a new reading of the configuration into the live lists, and loading event files again.
+// Merging the configuration, read again, into the live lists; and loading event files again.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -36,12 +36,6 @@ using ::testing::SizeIs;
 
 class ReloadTest : public test::LoadTest {
  protected:
-  static ConsoleNode* AddAt(ConsoleList* list, const char* name, uint16_t port) {
-    ConsoleNode* cnode = test::AddConsole(list, name);
-    cnode->cons_port = port;
-    return cnode;
-  }
-
   static int Reload(std::string_view content) {
     test::WriteFile(kConfig, content);
     return ReloadConfigFile();
@@ -154,7 +148,7 @@ TEST_F(ReloadTest, DisablingSetsTheStatusAtOnce) {
   EXPECT_EQ(connecting->status, kNotConnected);
 }
 
-TEST_F(ReloadTest, ConsoleIsKnownByAddressAndPort) {
+TEST_F(ReloadTest, ConsoleIsIdentifiedByAddressAndPort) {
   ConsoleNode* cnode = AddConsoleAt(a_cons_list, "a", 1);
   EXPECT_EQ(Reload(ConfigLine("a", 2)), 0);  // the same name at another port is another console
   EXPECT_EQ(cnode->deleted, 1);
@@ -231,7 +225,7 @@ TEST_F(ReloadTest, NameThatIsAPathMovesNothing) {
   }
 }
 
-TEST_F(ReloadTest, LogUnderTheNewNameIsNotWrittenOver) {
+TEST_F(ReloadTest, LogUnderTheNewNameIsNotOverwritten) {
   WriteLog("a", "old lines\n");
   WriteLog("b", "earlier lines\n");
   ConsoleNode* cnode = AddConsoleAt(a_cons_list, "a", 1);
@@ -264,7 +258,7 @@ TEST_F(ReloadTest, MissingFileEndsTheProcess) {
                   ElementsAre("LoadConfigFile: open() failed : No such file or directory\n")));
 }
 
-// Whatever allocation of the load fails, the live lists stay as they were.
+// Whichever allocation of the load fails, the live lists stay as they were.
 TEST_F(ReloadTest, FailedLoadLeavesTheListsAlone) {
   ConsoleNode* kept = AddConsoleAt(i_cons_list, "kept", 1);
   ConsoleNode* other = AddConsoleAt(a_cons_list, "other", 2);
@@ -309,12 +303,12 @@ TEST_F(ReloadTest, NewConsoleThatCannotBeAddedIsLost) {
   EXPECT_THAT(test::Names(*i_cons_list), ElementsAre("a", "new"));
 }
 
-// Each configured console meets the first live one with its address and port: those of i_cons_list
-// come first, and a new one is found by the lines after it.
+// Each configured console updates the first live one with its address and port. Those of
+// i_cons_list come first, and later lines find the consoles that earlier ones have added.
 class MergeOrderTest : public ReloadTest {
  protected:
-  // Allocation number `failing` of the reload fails. Those after the list and five consoles are
-  // that of the table for i_cons_list and that of the one for a_cons_list.
+  // Allocation number `failing` of the reload fails. After the list and five consoles come the
+  // tables for i_cons_list and a_cons_list.
   static constexpr int kFirstTable = 2 + 5 * 3 + 1;
   static constexpr int kNone = test::FailAllocation::kForEver;
 
@@ -339,7 +333,7 @@ class MergeOrderTest : public ReloadTest {
   }
 };
 
-TEST_F(MergeOrderTest, TheTableFindsTheFirst) {
+TEST_F(MergeOrderTest, TableFindsTheFirst) {
   ReloadAndCheck(kNone);
 }
 
@@ -429,7 +423,7 @@ TEST_F(ReloadTest, MergeTakesNewNodesOffTheNewList) {
   EXPECT_EQ(i_cons_list->tail->cnode, fresh);
 }
 
-TEST_F(ReloadTest, TheSecondListIsLookedThroughForWhatTheFirstDoesNotHave) {
+TEST_F(ReloadTest, SecondListIsSearchedForWhatTheFirstDoesNotHave) {
   AddConsoleAt(i_cons_list, "inaccessible", 1);
   AddConsoleAt(a_cons_list, "accessible", 2);
   for (const auto& [line, twice] :

@@ -22,7 +22,7 @@ using test::Descriptor;
 
 constexpr char kFile[] = "root/config/file";
 
-/// What both ways of opening say of what stands in the place of the file; 0 when they open it.
+/// The error of both ways to open what is in the file's place; 0 when they open it.
 class SafeFileTest : public ::testing::Test {
  protected:
   static int ErrorOfOpening(int flags) {
@@ -91,7 +91,7 @@ TEST_F(SafeFileTest, LinkIsRefusedWhereverItLeads) {
   EXPECT_FALSE(std::filesystem::exists("root/config/nowhere"));
 }
 
-TEST_F(SafeFileTest, LinkOnTheWayIsTheOperatorsChoice) {
+TEST_F(SafeFileTest, LinkInThePathIsFollowed) {
   std::filesystem::create_directory_symlink("config", "root/link");
   bool is_new = false;
   const Descriptor made(OpenOrMakeRegularFile(AT_FDCWD, "root/link/file", O_WRONLY, 0600, &is_new));
@@ -104,7 +104,7 @@ TEST_F(SafeFileTest, FileWithTwoNamesIsRefused) {
   RefusesWith(EMLINK);
 }
 
-TEST_F(SafeFileTest, PipeIsNeitherWaitedForNorTaken) {
+TEST_F(SafeFileTest, PipeIsRefusedWithoutAWait) {
   ASSERT_EQ(mkfifo(kFile, 0600), 0);
   RefusesWith(ENXIO);
   const Descriptor reader(open(kFile, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
@@ -135,7 +135,7 @@ TEST_F(SafeFileTest, RefusalLeavesNoDescriptor) {
   EXPECT_EQ(before, after);
 }
 
-TEST_F(SafeFileTest, OnlyARealDirectoryIsOne) {
+TEST_F(SafeFileTest, OnlyARealDirectoryIsTaken) {
   const Descriptor real(OpenRealDirectory(AT_FDCWD, "root/config"));
   EXPECT_NE(real.get(), -1);
   std::filesystem::create_directory_symlink("config", "root/link");
@@ -156,12 +156,12 @@ TEST_F(SafeFileTest, PathsBeginInTheDirectory) {
   EXPECT_TRUE(std::filesystem::is_regular_file(kFile));
 }
 
-TEST_F(SafeFileTest, ErrorSurvivesTheEndOfADescriptor) {
+TEST_F(SafeFileTest, ErrnoSurvivesTheEndOfADescriptor) {
   {
     const ScopedDescriptor fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
     const int number = fd.get();
     ASSERT_TRUE(fd.is_open());
-    close(number);  // so that closing it fails with another error
+    close(number);  // so that closing it again fails with another error
     errno = EMLINK;
   }
   EXPECT_EQ(errno, EMLINK);

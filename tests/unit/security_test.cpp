@@ -86,7 +86,7 @@ TEST_F(FirstLineTest, SixteenCharactersOfTheCookieAreKept) {
   EXPECT_EQ(cookie_, std::string(16, 'c'));
 }
 
-TEST_F(FirstLineTest, EverythingElseIsNoTokenLine) {
+TEST_F(FirstLineTest, OtherLinesAreNotTokenLines) {
   for (const char* line :
        {"box\n", "Token abc", "tokens abc", "toke", "x token abc", "token\x01 a"}) {
     EXPECT_EQ(Judge(line), 0) << line;
@@ -448,7 +448,7 @@ class DialogueTest : public HelperTest {
   int result_ = 0;
 };
 
-TEST_F(DialogueTest, WhoGetsNoTurnIsTimedOut) {
+TEST_F(DialogueTest, CallerWithoutATurnTimesOut) {
   Install(": > root/started.$$\nwhile [ ! -e root/go ]; do sleep .05; done\nexit 1\n");
   const auto started = [] {
     const std::filesystem::directory_iterator root("root");
@@ -508,7 +508,7 @@ TEST_F(DialogueTest, FourthTryMaySucceed) {
   EXPECT_EQ(result_, 0);
 }
 
-TEST_F(DialogueTest, EmptyNameCostsNoTry) {
+TEST_F(DialogueTest, EmptyNameIsNotATry) {
   EXPECT_EQ(Talk("\n\n\x03\n\n\nroot\nsecret\n"),
             Welcome() +
                 "username: \nusername: \nusername: \r\nusername: \nusername: \nusername: "
@@ -565,7 +565,7 @@ TEST_F(DialogueTest, FailedSendEndsItAtOnce) {
   EXPECT_EQ(Pairs(), "");
 }
 
-TEST_F(DialogueTest, FailedOffersAreOfNoConsequence) {
+TEST_F(DialogueTest, FailedOffersDoNotMatter) {
   const FailCall failure(Call::kSend, EPIPE, 5, 2);
   EXPECT_EQ(Talk("root\nsecret\n").find(kOffers), std::string::npos);
   EXPECT_EQ(result_, 0);

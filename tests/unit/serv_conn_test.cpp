@@ -108,7 +108,7 @@ TEST_F(ParseConsoleArgsTest, TakesOptionsInAnyOrder) {
   EXPECT_STREQ(args_.addr, "192.0.2.7");
 }
 
-TEST_F(ParseConsoleArgsTest, EveryModeWord) {
+TEST_F(ParseConsoleArgsTest, EveryModeKeyword) {
   ExpectMode("sys1 mode=ro", 1);
   ExpectMode("sys1 mode=sh", 2);
   ExpectMode("sys1 mode=ex", 3);
@@ -133,7 +133,7 @@ TEST_F(ParseConsoleArgsTest, TellsWhetherAndHowOftenAUserIsNamed) {
   EXPECT_STREQ(args_.user_name, "carl");
 }
 
-TEST_F(ParseConsoleArgsTest, ControlCharactersOfNameAndAddressBecomeMarks) {
+TEST_F(ParseConsoleArgsTest, ControlCharactersInNameAndAddressBecomeQuestionMarks) {
   EXPECT_EQ(Parse("sys1 user=\x1b[2Jro\xC2\x9Bot\x07 addr=10.0\x9b.0.1\x7f"), 0);
   EXPECT_STREQ(args_.user_name, "?[2Jro?ot?");
   EXPECT_STREQ(args_.addr, "10.0?.0.1?");
@@ -192,7 +192,7 @@ TEST_F(ParseConsoleArgsTest, OnlyTheExactWordIsThePrefix) {
   }
 }
 
-TEST_F(ParseConsoleArgsTest, ConsoleMayBeCalledTokenBehindThePrefix) {
+TEST_F(ParseConsoleArgsTest, ConsoleMayBeCalledTokenAfterThePrefix) {
   EXPECT_EQ(Parse("token cookie token mode=ro"), 0);
   EXPECT_STREQ(args_.cons_name, "token");
   EXPECT_EQ(args_.mode, 1);
@@ -316,7 +316,7 @@ TEST_F(ServiceTest, UserIsShownUnderThePeersAddressByDefault) {
   EXPECT_EQ(user_list->head->unode->mode, 2);
 }
 
-TEST_F(ServiceTest, UsersSocketNeitherDelaysKeysNorWaitsForEver) {
+TEST_F(ServiceTest, UsersSocketNeitherDelaysKeysNorBlocksForever) {
   const Descriptor client = CallAndSay(user_port, "sys1\n");
   AwaitThreads();
   ASSERT_EQ(user_list->count, 1);
@@ -336,7 +336,7 @@ TEST_F(ServiceTest, LineThatCannotBeParsedIsRefused) {
             2);
 }
 
-TEST_F(ServiceTest, ConsoleThatCannotBeHadIsRefused) {
+TEST_F(ServiceTest, UnavailableConsoleIsRefused) {
   test::AddConsole(i_cons_list, "away");
   const ServiceCapture debug;
   ExpectRefused("unknown\n", "004 - Console not found.\r\n");
@@ -371,7 +371,7 @@ TEST_F(ServiceTest, ClientThatLeavesIsToldNothing) {
 
 // ---- Clients of a mapped port -------------------------------------------------------------------
 
-TEST_F(ServiceTest, MappedPortAttachesInSharedModeAndSaysSoBehindTheReplay) {
+TEST_F(ServiceTest, MappedPortAttachesInSharedModeAndSaysSoAfterTheReplay) {
   cons_buf_size = 16;
   Attached<ConsoleNode> ringed = test::ConnectConsole("sys3");
   mapped_.node->mapped_port = 0;
@@ -400,7 +400,7 @@ TEST_F(ServiceTest, MappedPortReadsNothingWhenSecurityIsOn) {
   EXPECT_EQ(debug.Count("ServiceConnectionRequestThreadStart: Performing security check.\n"), 1);
 }
 
-TEST_F(ServiceTest, NobodyGetsInWithoutTheLoginThatIsAskedFor) {
+TEST_F(ServiceTest, NobodyGetsInWithoutTheRequiredLogin) {
   security_enabled = 1;
   mapped_.node->auth = 1;
   for (const uint16_t port : {user_port, mapped_port()}) {
@@ -468,7 +468,7 @@ TEST_F(ServiceTest, NoServiceThread) {
   EXPECT_EQ(GetPendingLogins(mapped_port_list, user_port), 0);
 }
 
-TEST_F(ServiceTest, DroppedPortCancelsWhoIsStillLoggingIn) {
+TEST_F(ServiceTest, DroppingAPortCancelsItsPendingLogins) {
   const Descriptor attached = CallAndSay(mapped_port(), "\n");
   AwaitThreads();
   ASSERT_EQ(user_list->count, 1);

@@ -1,4 +1,4 @@
-// The listening ports, with clients of the test's own and the service threads that they start.
+// The listening ports, clients that call them, and the service threads that these start.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -46,7 +46,7 @@ std::string ReceiveAll(const Descriptor& client);
 /// Calls CheckForConnectionRequests() with every listening socket.
 int CheckPorts(DescriptorSet* fdset);
 
-/// The main port is free to listen on.
+/// A main port that is free to listen on.
 class PortTest : public RelayTest {
  protected:
   PortTest();

@@ -35,7 +35,7 @@ using NodeList = SocketList<Elem, &Elem::node>;
 constexpr timeval kNoWait = {0, 0};
 constexpr timeval kLong = {60, 0};
 
-/// A watched list of four nodes with sockets, not in the order of these, and a waker.
+/// A watched list of four nodes whose sockets are in another order, and a waker.
 class WatchTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -93,7 +93,7 @@ class WatchTest : public ::testing::Test {
   DescriptorSet set_;
 };
 
-TEST_F(WatchTest, ReachesNoOtherProgram) {
+TEST_F(WatchTest, IsNotInherited) {
   EXPECT_NE(fcntl(list_.watch->descriptor(), F_GETFD) & FD_CLOEXEC, 0);
 }
 
@@ -144,7 +144,7 @@ TEST_F(WatchTest, AMemberThatJoinedAfterTheSetWasCopiedWaits) {
   EXPECT_THAT(Ready(), ElementsAre(1));
 }
 
-// The number comes back as another member's socket before the list was rebuilt without the first.
+// The number is another member's socket before the list was rebuilt without the first.
 TEST_F(WatchTest, ANumberThatComesBackIsWatchedAgain) {
   Append(nodes_[0]);
   const int number = nodes_[0].sock;
@@ -181,7 +181,7 @@ TEST_F(WatchTest, ForgettingAStrangerChangesNothing) {
   EXPECT_THAT(Ready(), ElementsAre(0));
 }
 
-TEST_F(WatchTest, TheWakerEndsTheWaitAndIsNoMember) {
+TEST_F(WatchTest, TheWakerEndsTheWaitAndIsNotAMember) {
   AppendAll();
   waker_.Wake();
   EXPECT_THAT(Ready(kLong), IsEmpty());
@@ -191,7 +191,7 @@ TEST_F(WatchTest, TheWakerEndsTheWaitAndIsNoMember) {
   EXPECT_THAT(Ready(kLong), ElementsAre(2));
 }
 
-TEST_F(WatchTest, ADescriptorBesideEndsTheWaitUntilItIsReadAndIsNoMember) {
+TEST_F(WatchTest, AnExtraDescriptorEndsTheWaitUntilItIsReadAndIsNotAMember) {
   AppendAll();
   const test::SocketPair pair;
   waker_.Beside(pair.ours.get());
@@ -238,8 +238,8 @@ TEST_F(WatchTest, ReportsAFailedSelect) {
   EXPECT_EQ(errno, EINTR);
 }
 
-// More members than one answer of the kernel holds: everybody's turn comes.
-TEST_F(WatchTest, TellsOfMoreThanItCanAtOnceInTurn) {
+// There are more members than one answer of the kernel holds: each has its turn.
+TEST_F(WatchTest, ReportsMoreThanItCanAtOnceInTurn) {
   constexpr int kMembers = SocketWatch::kMostAtOnce * 3 / 2;
   Print(0);
   std::vector<test::Descriptor> sockets;
@@ -264,7 +264,7 @@ TEST_F(WatchTest, TellsOfMoreThanItCanAtOnceInTurn) {
   EXPECT_EQ(visits, kMembers);
 }
 
-// ---- Doing without ------------------------------------------------------------------------------
+// ---- Without a watch ----------------------------------------------------------------------------
 
 TEST_F(WatchTest, EveryMemberIsAskedOnceOneCannotBeWatched) {
   Append(nodes_[0]);
@@ -311,7 +311,7 @@ TEST(UnwatchedListTest, AListDoesWithoutAWatch) {
 
 constexpr auto kAsListed = [](const Elem* /*a*/, const Elem* /*b*/) { return false; };
 
-TEST(SocketIndexTest, WhoIsBeforeOthersComesFirstAndTheRestInListOrder) {
+TEST(SocketIndexTest, PreferredMembersComeFirstAndTheRestInListOrder) {
   SocketIndex<Elem> index;
   ASSERT_TRUE(index.Reserve(8));
   std::array<Elem, 6> elems{};

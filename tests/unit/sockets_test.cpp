@@ -45,7 +45,7 @@ class RelaySocketTest : public test::RelayTest {
   test::Descriptor peer_;
 };
 
-TEST_F(RelaySocketTest, KeystrokesAreNotHeldBack) {
+TEST_F(RelaySocketTest, KeystrokesAreNotDelayed) {
   EXPECT_EQ(Option(IPPROTO_TCP, TCP_NODELAY), 1);
 }
 
@@ -65,7 +65,7 @@ TEST_F(RelaySocketTest, SendToAPeerThatStopsReadingFailsSoon) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
 }
 
-TEST(TelnetOptionsTest, TelnetOptionsAreTwoOffersInSendsOfTheirOwn) {
+TEST(TelnetOptionsTest, AreTwoOffersInSeparateSends) {
   std::array<int, 2> ends{};
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
   const test::Descriptor ours(ends[0]);

@@ -1,4 +1,4 @@
-// How long a peer has been taking nothing, or too little.
+// How long a peer has taken nothing, or too little.
 #include "stall.h"
 
 #include <gtest/gtest.h>
@@ -26,7 +26,7 @@ void LetTimePass() {
   std::this_thread::sleep_for(std::chrono::milliseconds(2));
 }
 
-/// A sender and its peer, between whom there is little room.
+/// A sender and its peer with little room between them.
 class StallTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -34,11 +34,8 @@ class StallTest : public ::testing::Test {
     ASSERT_EQ(setsockopt(listener_.get(), SOL_SOCKET, SO_RCVBUF, &kBuffer, sizeof kBuffer), 0);
     ours_.Reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     ASSERT_EQ(setsockopt(ours_.get(), SOL_SOCKET, SO_SNDBUF, &kBuffer, sizeof kBuffer), 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(listener_.port());
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(ours_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const sockaddr_in address = test::Loopback(listener_.port());
+    ASSERT_EQ(connect(ours_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     theirs_ = listener_.Accept();
   }
 
@@ -64,7 +61,7 @@ class StallTest : public ::testing::Test {
     }));
   }
 
-  // The peer's system takes what still fits, until nothing changes any more.
+  // The peer's system takes what still fits until nothing changes any more.
   void FillToTheBrim() const {
     for (int before = -1; before != Backlog();) {
       before = Backlog();
@@ -96,7 +93,7 @@ TEST_F(StallTest, EndsWhenThereIsRoomAgain) {
   EXPECT_FALSE(IsTooLong(kIdleForAMoment));
 }
 
-TEST_F(StallTest, APeerThatTakesSomethingIsNotIdleThoughOthersFillUpWhatItTook) {
+TEST_F(StallTest, APeerThatTakesSomethingIsNotIdleEvenIfItsRoomIsFilledAgain) {
   Fill();
   EXPECT_FALSE(IsTooLong(kIdleForAMoment));
   for (int i = 0; i < 20; ++i) {
@@ -107,7 +104,7 @@ TEST_F(StallTest, APeerThatTakesSomethingIsNotIdleThoughOthersFillUpWhatItTook) 
   }
 }
 
-TEST_F(StallTest, RoomMayBeTooLongInComing) {
+TEST_F(StallTest, RoomMayTakeTooLong) {
   constexpr StallLimits kLimits = {.idle = kNever, .no_room = 1};
   Fill();
   EXPECT_FALSE(IsTooLong(kLimits));

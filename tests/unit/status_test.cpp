@@ -1,4 +1,4 @@
-// The queries that answer with JSON, and what they tell of.
+// The queries that answer with JSON.
 #include "status.h"
 
 #include <gmock/gmock.h>
@@ -58,12 +58,12 @@ class JsonAnswerTest : public test::RelayTest {
   test::FakeClock clock_{kNow};
 };
 
-TEST_F(JsonAnswerTest, WithoutConsolesThereIsNothingToTell) {
+TEST_F(JsonAnswerTest, WithoutConsolesTheListIsEmpty) {
   EXPECT_EQ(Answer("status"), "");
   EXPECT_EQ(Answer("status nobody"), "");
 }
 
-TEST_F(JsonAnswerTest, TellsOfAConsoleThatIsNotConnected) {
+TEST_F(JsonAnswerTest, ShowsAConsoleThatIsNotConnected) {
   ConsoleNode* cnode = test::AddConsole(i_cons_list, "lab1");
   clock_.Advance(60);
   cnode->status = kRefused;
@@ -72,7 +72,7 @@ TEST_F(JsonAnswerTest, TellsOfAConsoleThatIsNotConnected) {
             "\"last_output\": null, \"users\": []}\n");
 }
 
-TEST_F(JsonAnswerTest, TellsOfUsersByTheirRealAndTheirGivenNames) {
+TEST_F(JsonAnswerTest, ShowsUsersByTheirRealAndTheirGivenNames) {
   const Attached<ConsoleNode> lab = ConnectConsole("lab1");
   lab.node->last_output = kNow + 7;
   clock_.Advance(10);
@@ -165,7 +165,7 @@ TEST_F(JsonAnswerTest, StatsAreOneObjectOfNumbers) {
                                         "\"last_reload_result\": \"done\"}\n"));
 }
 
-TEST_F(JsonAnswerTest, StatsTellHowTheLastReloadEnded) {
+TEST_F(JsonAnswerTest, StatsShowHowTheLastReloadEnded) {
   NoteReload(ReloadResult::kEventFilesFailed);
   EXPECT_THAT(Answer("stats"), HasSubstr("\"last_reload_result\": \"event files failed\"}"));
   NoteReload(ReloadResult::kConfigurationFailed);

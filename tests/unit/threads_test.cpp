@@ -20,7 +20,7 @@ using ::testing::ElementsAre;
 
 // ---- Wake-ups -----------------------------------------------------------------------------------
 
-TEST(WakeUpTest, OfTheCallingThreadAloneMayComeHalfAMillisecondLater) {
+TEST(WakeUpTest, OfTheCallingThreadOnlyMayComeHalfAMillisecondLater) {
   const int before = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
   std::thread([] {
     ShareWakeUps();
@@ -34,8 +34,13 @@ TEST(WakeUpTest, OfTheCallingThreadAloneMayComeHalfAMillisecondLater) {
 
 class ParkTest : public ::testing::Test {
  private:
-  test::OptionsGuard options_;
+  test::OptionsGuard options_;  // the masks are set back
 };
+
+TEST_F(ParkTest, NobodyIsAskedAtFirst) {
+  EXPECT_EQ(thread_waitreq_mask, 0U);
+  EXPECT_EQ(thread_waiting_mask, 0U);
+}
 
 TEST_F(ParkTest, ThreadThatIsNotAskedGoesOn) {
   thread_waitreq_mask = ~static_cast<unsigned>(kPauseUserConn);

@@ -13,7 +13,7 @@ using namespace zevd;
 
 namespace {
 
-/// The local time zone for as long as it lives.
+/// Sets the local time zone for as long as it lives.
 class TimeZone {
  public:
   explicit TimeZone(const char* name) {
@@ -36,7 +36,7 @@ class TimeZone {
   std::string former_;
 };
 
-// Each test looks at moments of its own: a thread keeps the stamp that it made last.
+// Each test has moments of its own, because a thread keeps the stamp that it made last.
 
 TEST(TimeStampTest, GivesDateAndTimeToTheSecond) {
   const TimeZone utc("UTC0");

@@ -39,7 +39,7 @@ constexpr char kHelper[] = "root/bin/qor_pam_auth";
 constexpr char kHide[] = "\xFF\xFB\x01";  // IAC WILL ECHO
 constexpr char kShow[] = "\xFF\xFC\x01";  // IAC WONT ECHO
 
-// The members of "qoruser", and how large a buffer the look-up insists on.
+// The members of "qoruser", and the size of the buffer that the look-up insists on.
 std::vector<const char*> members;
 size_t needed_buffer = 0;
 bool group_exists = true;
@@ -52,7 +52,7 @@ struct FileEntry {
 std::vector<FileEntry> file_entries;
 size_t entries_read = 0;
 
-// By how much the clock that never jumps has been moved.
+// By how much the monotonic clock has been moved.
 std::atomic<time_t> clock_offset = 0;
 
 std::string Attempt() {
@@ -61,7 +61,7 @@ std::string Attempt() {
 
 }  // namespace
 
-// In place of the system's group database and clock, for the whole program.
+// These replace the system's group database and clock for the whole program.
 extern "C" {
 
 static void FillEntry(group* entry, const char* name, const std::vector<const char*>& listed) {
@@ -129,7 +129,7 @@ class TqauthTest : public ::testing::Test {
     return std::filesystem::exists("root/pairs") ? test::ReadFile("root/pairs") : "";
   }
 
-  // The argument line that the library returns for a client who sends this and then no more;
+  // The argument line that the library returns for a client that sends this and then nothing;
   // "(refused)" when it returns none.
   std::string Authenticate(std::string_view sent) {
     const SocketPair pair;
@@ -230,7 +230,7 @@ TEST_F(TqauthTest, RightPasswordOfSomebodyElseLooksLikeAWrongOne) {
   }
 }
 
-// The helper takes as long as for a wrong password, and learns nothing.
+// The helper takes as long as it does for a wrong password, and learns nothing.
 TEST_F(TqauthTest, HelperIsAskedAboutAPasswordThatNobodyHas) {
   EXPECT_EQ(Authenticate("box\nbert\nsecret\nbert\nsecret\n"), "(refused)");
   const std::string pairs = Pairs();
@@ -239,13 +239,13 @@ TEST_F(TqauthTest, HelperIsAskedAboutAPasswordThatNobodyHas) {
   EXPECT_NE(pairs.substr(0, pairs.size() / 2), pairs.substr(pairs.size() / 2));
 }
 
-TEST_F(TqauthTest, ClientWhoHasGoneIsNotAnswered) {
+TEST_F(TqauthTest, ClientThatHasLeftIsNotAnswered) {
   test::Descriptor sock(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   EXPECT_EQ(authenticate(sock.get(), &user_), nullptr) << "no connection, and so no address";
   EXPECT_EQ(Pairs(), "");
 }
 
-TEST_F(TqauthTest, NameThatFailedIsTold) {
+TEST_F(TqauthTest, FailedNameIsReported) {
   EXPECT_EQ(Authenticate("box\nbert\na\nanna\nb\n"), "(refused)");
   EXPECT_EQ(User(), "anna");
   EXPECT_EQ(error_, EACCES);
@@ -301,7 +301,7 @@ TEST_F(TqauthTest, NulIsRefused) {
   EXPECT_EQ(Pairs(), "");
 }
 
-TEST_F(TqauthTest, ClientMaySendSoMuchAndNoMore) {
+TEST_F(TqauthTest, InputIsLimited) {
   const std::string rest = "box\nroot\nsecret\n";
   EXPECT_EQ(Authenticate(std::string(8192 - rest.size(), '\b') + rest), "box");
   EXPECT_EQ(Authenticate(std::string(8193 - rest.size(), '\b') + rest), "(refused)");
@@ -318,12 +318,12 @@ TEST_F(TqauthTest, ClientThatStopsIsRefused) {
   EXPECT_EQ(Pairs(), "");
 }
 
-TEST_F(TqauthTest, TimeThatRunsOutIsARefusal) {
+TEST_F(TqauthTest, RunningOutOfTimeIsARefusal) {
   const FailCall failure(Call::kPoll, FailCall::kPretend);
   EXPECT_EQ(Authenticate("box\nroot\nsecret\n"), "(refused)");
 }
 
-/// Types "b", waits until it is read, and goes on so many seconds later.
+/// Types "b", waits until it is read, and continues that many seconds later.
 class SlowClientTest : public TqauthTest {
  protected:
   std::string AuthenticateAfter(time_t seconds) {
@@ -347,7 +347,7 @@ TEST_F(SlowClientTest, WholeExchangeHasTwoMinutes) {
   EXPECT_EQ(AuthenticateAfter(119), "box");
 }
 
-TEST_F(SlowClientTest, ClientThatTypesTheWholeTimeIsRefusedInTheEnd) {
+TEST_F(SlowClientTest, ClientThatKeepsTypingIsRefusedInTheEnd) {
   EXPECT_EQ(AuthenticateAfter(121), "(refused)");
   EXPECT_EQ(Pairs(), "");
 }
@@ -382,12 +382,12 @@ TEST_F(TqauthTest, LeavesNoDescriptorOpen) {
   EXPECT_EQ(before, after);
 }
 
-// Whatever the memory runs out for: no line without the name, and neither a descriptor nor a child
-// is left.
-TEST_F(TqauthTest, MemoryThatRunsOutIsARefusal) {
+// Whichever allocation fails, there is no line without the name, and neither a descriptor nor a
+// child is left.
+TEST_F(TqauthTest, RunningOutOfMemoryIsARefusal) {
   group_exists = false;
   file_entries = {{"others", {"bert"}}, {"qoruser", {"anna"}}};
-  const int before = test::Descriptor(dup(STDIN_FILENO)).get();
+  const int before = test::NextDescriptor();
   int refusals = 0;
   int number = 1;
   for (bool failed = true; failed; ++number) {
@@ -410,14 +410,14 @@ TEST_F(TqauthTest, MemoryThatRunsOutIsARefusal) {
     EXPECT_EQ(errno, ECHILD);
   }
   EXPECT_GT(refusals, 1);
-  EXPECT_EQ(test::Descriptor(dup(STDIN_FILENO)).get(), before);
+  EXPECT_EQ(test::NextDescriptor(), before);
 }
 
-TEST_F(TqauthTest, LongestAnswersAreThoseOf1023Characters) {
+TEST_F(TqauthTest, LongestAnswersHave1023Characters) {
   const std::string longest(1023, 'x');
   EXPECT_EQ(Authenticate("box\nroot\n" + longest + "\nroot\n" + longest + "y\n"), "(refused)");
   EXPECT_EQ(Pairs(), "root " + longest + "|");
-  // What is taken back makes room.
+  // Erasing makes room.
   members.push_back(longest.c_str());
   EXPECT_EQ(Authenticate("box\n" + longest + "\b\x7F" + longest.substr(0, 2) + "\nsecret\n"),
             "(refused)")

@@ -1,4 +1,4 @@
-// The listening thread: its ports, waiting for connection requests, and accepting them.
+// The listening thread: its ports, and waiting for connection requests and accepting them.
 #include "user_conn.h"
 
 #include <fcntl.h>
@@ -73,7 +73,7 @@ TEST_F(PortTest, ListensOnAllInterfaces) {
   EXPECT_EQ(Option<int>(sock.get(), SOL_SOCKET, SO_ACCEPTCONN), 1);
   EXPECT_EQ(Option<int>(sock.get(), SOL_SOCKET, SO_REUSEADDR), 1);
   EXPECT_EQ(fcntl(sock.get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-  // Of a listening socket this field tells the backlog.
+  // For a listening socket this field is the backlog.
   EXPECT_EQ(Option<tcp_info>(sock.get(), IPPROTO_TCP, TCP_INFO).tcpi_sacked, 128U);
 }
 
@@ -128,14 +128,14 @@ TEST_F(PortTest, ConfiguringWithoutMemoryForTheNode) {
   EXPECT_EQ(NextDescriptor(), next);
 }
 
-TEST_F(PortTest, ConfiguringWithoutMemoryForTheListLeavesNothing) {
+TEST_F(PortTest, ConfiguringWithoutMemoryForTheListLeavesNothingBehind) {
   const DebugCapture debug;
   const int next = NextDescriptor();
   int failures = 0;
   for (bool failed = true; failed; failures += failed ? 1 : 0) {
     int result = -1;
     {
-      const FailAllocation failure(3 + failures);  // behind the record and its thread ids
+      const FailAllocation failure(3 + failures);  // after the record and its thread ids
       result = ConfigurePort(main_port_.port());
       failed = failure.reached();
     }
@@ -150,7 +150,7 @@ TEST_F(PortTest, ConfiguringWithoutMemoryForTheListLeavesNothing) {
   EXPECT_THAT(ListedPorts(), ElementsAre(main_port_.port()));
 }
 
-TEST_F(PortTest, PortsOfBothConsoleListsAreOpenedBehindTheMainPort) {
+TEST_F(PortTest, PortsOfBothConsoleListsAreOpenedAfterTheMainPort) {
   const ReservedPort first;
   const ReservedPort second;
   test::AddConsole(a_cons_list, "connected")->mapped_port = second.port();
@@ -286,7 +286,7 @@ TEST_F(PortTest, RequestIsSeenOnItsPortAlone) {
   EXPECT_TRUE(fdset.Contains(FindPort(other.port())->sock));
 }
 
-// The time-out is the process's own, so it is looked at in a process that has not used it yet.
+// The time-out belongs to the process, so it is tested in a process that has not used it yet.
 void ExpectOneWaitOnly() {
   ASSERT_EQ(ConfigurePort(user_port), 0);
   const std::string high_sock = std::to_string(mapped_port_list->high_sock);
@@ -309,7 +309,7 @@ void ExpectOneWaitOnly() {
 
 using PortDeathTest = PortTest;
 
-TEST_F(PortDeathTest, OnceAWaitHasRunOutLaterOnesOnlyLook) {
+TEST_F(PortDeathTest, AfterATimeOutLaterWaitsReturnAtOnce) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_HOLDS_IN_CHILD(ExpectOneWaitOnly());
 }
@@ -344,7 +344,7 @@ TEST_F(PortDeathTest, FailingAcceptEndsTheProcess) {
                                 IsExitTrace(1, "user_conn.cpp"))));
 }
 
-// With an error that is our own, or with EMFILE although there is a descriptor, it cannot go on.
+// These errors are our own mistakes: the thread cannot go on.
 TEST_F(PortDeathTest, AcceptThatCannotSucceedEndsTheProcess) {
   ASSERT_EQ(ConfigurePort(user_port), 0);
   for (const int error : {EBADF, EINVAL, ENOTSOCK}) {
@@ -359,14 +359,14 @@ TEST_F(PortDeathTest, AcceptThatCannotSucceedEndsTheProcess) {
   }
 }
 
-TEST_F(PortTest, CallerWhoHasGoneKeepsNobodyWaiting) {
+TEST_F(PortTest, CallerWhoHasLeftKeepsNobodyWaiting) {
   ASSERT_EQ(ConfigurePort(user_port), 0);
   const DebugCapture debug;
   AcceptConnectionRequests(&mapped_port_list->fdset);  // nobody has called
   EXPECT_THAT(debug.Messages(), IsEmpty());
 }
 
-/// Errors that accept() passes on and that cost no more than this one try.
+/// Errors that accept() passes on; they cost one try.
 class PassingErrorTest : public ServiceTest, public ::testing::WithParamInterface<int> {};
 
 TEST_P(PassingErrorTest, CallerIsServedInTheNextPass) {
@@ -392,7 +392,7 @@ INSTANTIATE_TEST_SUITE_P(Errors, PassingErrorTest,
                            return std::string(strerrorname_np(test_case.param));
                          });
 
-TEST_F(ServiceTest, WithoutADescriptorTheCallerIsTakenWithTheReserveAndRefused) {
+TEST_F(ServiceTest, WithoutADescriptorTheCallerIsAcceptedWithTheReserveAndRefused) {
   for (const int error : {EMFILE, ENFILE}) {
     SCOPED_TRACE(error);
     const Descriptor client = ConnectTo(user_port);
@@ -405,7 +405,7 @@ TEST_F(ServiceTest, WithoutADescriptorTheCallerIsTakenWithTheReserveAndRefused) 
   EXPECT_EQ(test::Receive(next.get(), strlen(kOffers)), kOffers);
 }
 
-TEST_F(ServiceTest, AnotherThreadThatIsQuickerTwiceMakesNoDifference) {
+TEST_F(ServiceTest, AnotherThreadMayBeQuickerTwice) {
   const Descriptor client = ConnectTo(user_port);
   const FailCall failure(test::Call::kAccept, EMFILE, 1, 3);
   Accept(user_port);
@@ -413,7 +413,7 @@ TEST_F(ServiceTest, AnotherThreadThatIsQuickerTwiceMakesNoDifference) {
   EXPECT_EQ(ReceiveAll(client), kOutOfMemoryText);
 }
 
-TEST_F(ServiceTest, ListeningSocketDoesNotBlockAndAUsersDoes) {
+TEST_F(ServiceTest, ListeningSocketDoesNotBlockButAUsersDoes) {
   EXPECT_NE(fcntl(FindPort(user_port)->sock, F_GETFL) & O_NONBLOCK, 0);
   const Descriptor client = CallAndSay(user_port, "sys1\n");
   AwaitThreads();
@@ -513,7 +513,7 @@ void ExpectPortsToFollowTheConfiguration() {
   EXPECT_TRUE(Listens(user_port));
 }
 
-TEST_F(PortDeathTest, ThreadKeepsPortsAndConfigurationTogether) {
+TEST_F(PortDeathTest, PortsFollowTheConfiguration) {
   EXPECT_HOLDS_IN_CHILD(ExpectPortsToFollowTheConfiguration());
 }
 

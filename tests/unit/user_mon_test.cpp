@@ -3,7 +3,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/time.h>
 
 #include <cerrno>
@@ -54,7 +53,7 @@ class UserMonitorTest : public test::RelayTest {
     if (CheckForUserInput(user_list->high_sock, &fdset) != 0) ProcessUserInput(fdset);
   }
 
-  /// The same, and then removes who is marked.
+  /// The same, and then removes users who are marked.
   static void Pass() {
     ReadUsers();
     if (user_mon::CheckForClosedConnections()) user_mon::CleanUpClosedConnections();
@@ -64,12 +63,8 @@ class UserMonitorTest : public test::RelayTest {
     test::SendText(user.peer.get(), text);
   }
 
-  /// The console takes nothing more.
-  void FillConsole() {
-    const std::string chunk(65536, 'x');
-    while (send(console_.node->sock, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
-    }
-  }
+  /// Makes the console take nothing more.
+  void FillConsole() { test::FillUp(console_.node->sock); }
 
   Attached<UserNode> AddUser(const char* name, int mode = kShared) {
     return AttachUser(console_.node, name, mode);
@@ -175,7 +170,7 @@ TEST_F(UserMonitorTest, WritersTypeIntoTheConsole) {
   }
 }
 
-TEST_F(UserMonitorTest, ReadOnlyInputIsThrownAwayWithoutAWord) {
+TEST_F(UserMonitorTest, ReadOnlyInputIsDiscardedSilently) {
   const Attached<UserNode> user = AddUser("anna", kReadOnly);
   Type(user, "reboot\r");
   const DebugCapture debug;
@@ -206,7 +201,7 @@ TEST_F(UserMonitorTest, OnlyUsersOfTheSetAreRead) {
   EXPECT_EQ(ConsoleGot(), "two");
 }
 
-TEST_F(UserMonitorTest, EveryUserTypesIntoTheOwnConsole) {
+TEST_F(UserMonitorTest, EveryUserTypesIntoTheirOwnConsole) {
   const Attached<ConsoleNode> other = ConnectConsole("sys2");
   const Attached<UserNode> first = AddUser("anna");
   const Attached<UserNode> second = AttachUser(other.node, "bert");
@@ -269,11 +264,11 @@ TEST_F(UserMonitorTest, FailingReceiveMarksTheUser) {
   }
 }
 
-// ---- Consoles that do not take it ---------------------------------------------------------------
+// ---- Consoles that take no input ----------------------------------------------------------------
 
 class FailingConsoleTest : public UserMonitorTest {
  protected:
-  /// What `user` types costs him the connection, for this reason, and nobody else anything.
+  /// What `user` types costs them the connection, for this reason, and affects nobody else.
   void ExpectTypingUserDropped(const Attached<UserNode>& user, const std::string& reason) {
     const Attached<UserNode> other = AddUser("other");
     const int status = console_.node->status;
@@ -320,7 +315,7 @@ TEST_F(UserMonitorTest, ReadOnlyUserOfAClosedConsoleStays) {
   EXPECT_EQ(user.node->connected, 1);
 }
 
-TEST_F(UserMonitorTest, ConsoleThatTakesNothingDelaysItsTypingUserOnly) {
+TEST_F(UserMonitorTest, ConsoleThatTakesNothingDelaysOnlyTheUserWhoTypes) {
   const Attached<ConsoleNode> other = ConnectConsole("sys2");
   const Attached<UserNode> waiting = AddUser("anna");
   const Attached<UserNode> elsewhere = AttachUser(other.node, "bert");
@@ -341,7 +336,7 @@ TEST_F(UserMonitorTest, ConsoleThatTakesNothingDelaysItsTypingUserOnly) {
   EXPECT_EQ(waiting.node->connected, 1);
 }
 
-TEST_F(UserMonitorTest, WhatAConsoleTakesInPartIsCompletedLater) {
+TEST_F(UserMonitorTest, PartlySentInputIsCompletedLater) {
   std::string text;
   for (int i = 0; i < 200'000; ++i) text += std::to_string(100000 + i);
   const Attached<UserNode> user = AddUser("anna");

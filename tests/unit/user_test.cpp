@@ -94,7 +94,7 @@ TEST_F(UserTextTest, NoErrorSendsNothing) {
   EXPECT_THAT(debug.Messages(), ElementsAre("Entering SendErrorToUser\n"));
 }
 
-TEST_F(UserTextTest, ErrorToUserWhoIsGoneIsOfNoConsequence) {
+TEST_F(UserTextTest, ErrorToAUserWhoHasLeftIsHarmless) {
   SocketPair pair;
   pair.theirs.Reset();
   SendErrorToUser(pair.ours.get(), UserErrorText(kTimedOut));
@@ -199,7 +199,7 @@ class UserListTest : public UserRecordTest {
   UserList* list_ = NewUserList("list");
 };
 
-TEST_F(UserListTest, SameUserStandsOnTwoListsThroughTwoElements) {
+TEST_F(UserListTest, SameUserCanBeOnTwoLists) {
   UserNode* anna = NewUser("anna", 40);
   UserList* other = NewUserList("other");
   AddUserToList(anna, list_);
@@ -218,6 +218,9 @@ TEST_F(UserListTest, MembershipIsByIdentity) {
   EXPECT_TRUE(IsUserInUserList(anna, list_));
   EXPECT_FALSE(IsUserInUserList(twin, list_));
   EXPECT_FALSE(IsUserInUserList(anna, nullptr));
+  const DebugCapture debug(kTrace);
+  IsUserInUserList(anna, list_);
+  EXPECT_THAT(debug.Messages(), ElementsAre("Entering IsUserInUserList\n"));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Well-formed UTF-8, and control characters that nobody is shown.
+// Well-formed UTF-8, and control characters that are not shown to anybody.
 #include "utf8.h"
 
 #include <gtest/gtest.h>
@@ -56,7 +56,7 @@ TEST(ReplaceControlsTest, ReplacesEveryControlCharacterByOneMark) {
   EXPECT_EQ(Replaced("\xC2\xA0"), "\xC2\xA0");
 }
 
-// Terminals that take overlong forms would find a control character in them.
+// A terminal that takes overlong forms would find a control character in these.
 TEST(ReplaceControlsTest, FindsBareBytesInMalformedCharacters) {
   EXPECT_EQ(Replaced("\xE0\x82\x9B"), "\xE0??");
   EXPECT_EQ(Replaced("\xF0\x9F\x98"), "\xF0??");

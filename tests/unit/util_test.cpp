@@ -63,7 +63,7 @@ class ReaderTest : public test::RelayTest {
 
 class LineReaderTest : public ReaderTest {
  protected:
-  /// Reads into a buffer of just `size` bytes.
+  /// Reads into a buffer of exactly `size` bytes.
   int Read(int size = 1024, time_t wait_time = 10) {
     std::vector<char> buf(static_cast<size_t>(size), 'x');
     const int result = ReadLineWithTimeout(sock(), buf.data(), size, wait_time);
@@ -99,7 +99,7 @@ TEST_F(LineReaderTest, CarriageReturnAloneEndsNothing) {
   ExpectLine("ab\rcd\n");
 }
 
-TEST_F(LineReaderTest, NothingBehindTheLineIsTaken) {
+TEST_F(LineReaderTest, NothingAfterTheLineIsTaken) {
   Type("one\ntwo\n\nrest");
   ExpectLine("one\n");
   ExpectLine("two\n");
@@ -184,7 +184,7 @@ TEST_F(LineReaderTest, FailingReceiveIsAReadError) {
   }
 }
 
-TEST_F(LineReaderTest, ReadLineKnowsNoLimit) {
+TEST_F(LineReaderTest, ReadLineHasNoTimeLimit) {
   const DebugCapture debug(kTrace);
   std::thread client([&] { Type("abc\n"); });
   char buf[16];
@@ -213,7 +213,7 @@ TEST_F(LineReaderTest, InterruptedWaitGoesOn) {
 
 // ---- Characters ---------------------------------------------------------------------------------
 
-/// What is typed, what comes of it, and what is left unread.
+/// What is typed, what it results in, and what is left unread.
 struct Dialogue {
   std::string_view typed;
   std::string_view line;
@@ -248,7 +248,7 @@ class CharacterReaderTest : public ReaderTest {
     return ioctl(sock(), FIONREAD, &count) == 0 && count == 0;
   }
 
-  /// The same in two pieces, cut at every place; the second comes when the first has been taken.
+  /// The same in two pieces, cut anywhere; the second comes when the first has been taken.
   void ExpectCutAnywhere(const Dialogue& dialogue) {
     for (size_t cut = 1; cut < dialogue.typed.size(); ++cut) {
       SCOPED_TRACE(cut);
@@ -279,16 +279,16 @@ TEST_F(CharacterReaderTest, CarriageReturnEndsTheLineAndIsAnsweredWithALineFeed)
   Expect({.typed = "\r", .line = "\r", .echoed = "\r\n"});
 }
 
-TEST_F(CharacterReaderTest, LineFeedBehindACarriageReturnIsStoredAndTheFirstByteEchoed) {
+TEST_F(CharacterReaderTest, LineFeedAfterACarriageReturnIsStoredAndTheFirstByteEchoed) {
   Expect({.typed = "abc\r\n", .line = "abc\r\n", .echoed = "abc\ra"});
   Expect({.typed = "\r\n", .line = "\r\n", .echoed = "\r\r"});
 }
 
-TEST_F(CharacterReaderTest, NulBehindACarriageReturnIsDropped) {
+TEST_F(CharacterReaderTest, NulAfterACarriageReturnIsDropped) {
   Expect({.typed = "abc\r\0"sv, .line = "abc\r", .echoed = "abc\r\n"});
 }
 
-TEST_F(CharacterReaderTest, AnythingElseBehindALineEndStaysUnread) {
+TEST_F(CharacterReaderTest, AnythingElseAfterALineEndStaysUnread) {
   Expect({.typed = "abc\rX", .line = "abc\r", .echoed = "abc\r\n", .left = "X"});
   Expect({.typed = "abc\r\r\n", .line = "abc\r", .echoed = "abc\r\n", .left = "\r\n"});
   Expect({.typed = "abc\r\nX", .line = "abc\r\n", .echoed = "abc\ra", .left = "X"});
@@ -547,7 +547,7 @@ TEST_F(TelnetReaderTest, OptionMayBeAnyByte) {
       "\xFF\xFD\x80\xFF\xFD\xFF\xFF\xFD\0\xFF\xFD\x7F"sv);
 }
 
-TEST_F(TelnetReaderTest, CommandBelow128EndsTheRunBehindItsIac) {
+TEST_F(TelnetReaderTest, CommandBelow128EndsTheRunAfterItsIac) {
   Expect("\xFF\x41", "\xFF");
   Expect("\xFF\x7F", "\xFF");
   Expect("\xFF\0"sv, "\xFF");
@@ -613,7 +613,7 @@ TEST_F(TelnetReaderTest, FailuresEndTheRun) {
 
 using TelnetReaderDeathTest = TelnetReaderTest;
 
-// The second belongs to the process, so it is looked at in a process that has not used it yet.
+// The second belongs to the process, so it is tested in a process that has not used it yet.
 void ExpectOneSecondInAll() {
   const SocketPair first;
   const SocketPair second;
@@ -627,7 +627,7 @@ void ExpectOneSecondInAll() {
   std::thread([&] { DrainTelnetControlSequence(second.ours.get(), buf, sizeof buf); }).join();
   EXPECT_STREQ(buf, "");
   EXPECT_LT(Seconds(start), 0.5);
-  // What is there already is read all the same.
+  // What has already arrived is read nevertheless.
   test::SendText(second.theirs.get(), "\xFF\xFB\x01");
   DrainTelnetControlSequence(second.ours.get(), buf, sizeof buf);
   EXPECT_STREQ(buf, "\xFF\xFB\x01");

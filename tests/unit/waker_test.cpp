@@ -43,7 +43,7 @@ class WakerTest : public ::testing::Test {
   timeval timeout_{};
 };
 
-TEST_F(WakerTest, NeitherReachesOtherProgramsNorBlocks) {
+TEST_F(WakerTest, IsNeitherInheritedNorBlocking) {
   EXPECT_NE(fcntl(waker_.descriptor(), F_GETFD) & FD_CLOEXEC, 0);
   EXPECT_NE(fcntl(waker_.descriptor(), F_GETFL) & O_NONBLOCK, 0);
 }
@@ -53,7 +53,7 @@ TEST(UnopenedWakerTest, HasNoDescriptor) {
   EXPECT_EQ(waker.descriptor(), -1);
 }
 
-TEST(UnopenedWakerTest, TellsWhenTheSystemHasNoneLeft) {
+TEST(UnopenedWakerTest, ReportsThatTheSystemHasNoneLeft) {
   const test::FailCall failure(test::Call::kEventfd, EMFILE);
   Waker waker;
   EXPECT_FALSE(waker.Open());
@@ -103,7 +103,7 @@ TEST_F(WakerTest, ManyCallsEndOneWait) {
   EXPECT_EQ(Wait(kNoWait), 0);
   EXPECT_EQ(timeout_.tv_usec, 0);
   uint64_t count = 0;
-  EXPECT_EQ(read(waker_.descriptor(), &count, sizeof count), -1);  // nothing is left of the calls
+  EXPECT_EQ(read(waker_.descriptor(), &count, sizeof count), -1);  // the calls are forgotten
   EXPECT_EQ(errno, EAGAIN);
 }
 
@@ -135,7 +135,7 @@ TEST_F(WakerTest, AnotherThreadEndsTheWaitThatIsGoingOn) {
   other.join();
 }
 
-TEST_F(WakerTest, TellsEveryAskerOnceThatItWasWoken) {
+TEST_F(WakerTest, EveryAskerLearnsOnceThatItWasWoken) {
   unsigned one = 0;
   unsigned other = 0;
   EXPECT_FALSE(waker_.WokenSince(&one));

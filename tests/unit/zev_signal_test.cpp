@@ -58,7 +58,7 @@ TEST_F(SignalTest, BlockingInAThreadLeavesTheOthersAlone) {
   EXPECT_FALSE(IsBlocked(SIGTERM));
 }
 
-TEST_F(SignalTest, SignalsThatCameWhileBlockedAreOne) {
+TEST_F(SignalTest, BlockedSignalsAreMergedIntoOne) {
   BlockSignal(SIGHUP);
   for (int i = 0; i < 3; ++i) raise(SIGHUP);
   sigset_t hup;
@@ -103,8 +103,8 @@ TEST_F(SignalTest, TermHandlerLeavesTheExitTrace) {
                   ElementsAre("Received SIGTERM.\n", test::IsExitTrace(1, "zev_signal.cpp"))));
 }
 
-// Unlike the daemon, the test program has globals with destructors, which a signal handler must not
-// run: the child ends as soon as exit() begins.
+// Unlike the daemon, the test program has globals with destructors, which must not run in a signal
+// handler: the child ends as soon as exit() begins.
 void SkipDestructors() {
   on_exit([](int status, void*) { _exit(status); }, nullptr);
 }
@@ -126,8 +126,8 @@ class TermSignalStormTest : public SignalTest {
   TermSignalStormTest() { test::StartChildrenAfresh(); }
 };
 
-// Writes debug lines for ever, which takes the locks that the handler needs too, until a signal
-// from another thread ends the process.
+// Writes debug lines until a signal from another thread ends the process. Writing takes the locks
+// that the handler needs too.
 [[noreturn]] void WriteUntilTerminated() {
   test::StartDebugOutput();
   SkipDestructors();

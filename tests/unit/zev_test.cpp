@@ -1,4 +1,4 @@
-// Start-up: options, detaching, and making what the threads share and the threads themselves.
+// Start-up: options, detaching, and making what the threads share, and the threads.
 #include "zev.h"
 
 #include <fcntl.h>
@@ -31,10 +31,10 @@
 #include "error_steps.h"
 #include "failure_support.h"
 #include "file_support.h"
-#include "lists.h"
 #include "lock_file.h"
 #include "options.h"
 #include "socket_support.h"
+#include "waker.h"
 #include "zev_steps.h"
 
 using namespace zevd;
@@ -59,7 +59,7 @@ class CommandLine {
   }
 
   void Parse() {
-    optind = 0;  // a new start for getopt()
+    optind = 0;  // makes getopt() start afresh
     progname = pointers_[0];
     GetCommandLineOptions(static_cast<int>(words_.size()), pointers_.data());
   }
@@ -73,27 +73,29 @@ void Parse(std::vector<std::string> words) {
   CommandLine(std::move(words)).Parse();
 }
 
-// The same in the child of a death test: what the program prints is matched, entry lines are not.
+// The same in the child of a death test, where what the program prints is matched.
 void ParseInChild(std::vector<std::string> words) {
   test::SendDebugToStderr(debug_level);
   Parse(std::move(words));
 }
 
-class OptionsTest : public ::testing::Test {
+class StartUpTest : public ::testing::Test {
  protected:
   test::OptionsGuard options_;
 };
 
+using CommandLineTest = StartUpTest;
+
 // ---- Effects of the options ---------------------------------------------------------------------
 
-TEST_F(OptionsTest, NoneLeavesTheDefaults) {
+TEST_F(CommandLineTest, NoOptionsLeaveTheDefaults) {
   Parse({});
   EXPECT_EQ(foreground, 0);
   EXPECT_EQ(user_port, 6500);
   EXPECT_EQ(USE_CMD_LINE_ARCH_TIME, 0);
 }
 
-TEST_F(OptionsTest, EachSetsItsVariable) {
+TEST_F(CommandLineTest, EachSetsItsVariable) {
   Parse({"-a", "2w", "-d", "-7", "-f", "-p", "6501", "-s", "0", "-B", "4096", "-S", "0"});
   EXPECT_EQ(log_archive_time, 1209600);
   EXPECT_EQ(USE_CMD_LINE_ARCH_TIME, 1);
@@ -105,19 +107,19 @@ TEST_F(OptionsTest, EachSetsItsVariable) {
   EXPECT_EQ(security_enabled, 0);
 }
 
-TEST_F(OptionsTest, ArgumentsMayBeAttachedAndLettersJoined) {
+TEST_F(CommandLineTest, ArgumentsMayBeAttachedAndLettersJoined) {
   Parse({"-fd-7", "-p6502"});
   EXPECT_EQ(foreground, 1);
   EXPECT_EQ(debug_level, -7);
   EXPECT_EQ(user_port, 6502);
 }
 
-TEST_F(OptionsTest, LaterOneWins) {
+TEST_F(CommandLineTest, LaterOptionWins) {
   Parse({"-p", "1", "-p", "2"});
   EXPECT_EQ(user_port, 2);
 }
 
-TEST_F(OptionsTest, PathsAreCopies) {
+TEST_F(CommandLineTest, PathsAreCopies) {
   std::string log_argument = "/tmp/logs";
   std::string config_argument = "/tmp/zev.conf";
   {
@@ -130,7 +132,7 @@ TEST_F(OptionsTest, PathsAreCopies) {
   free(const_cast<char*>(config_file));
 }
 
-TEST_F(OptionsTest, PathThatCannotBeCopiedEndsTheProcess) {
+TEST_F(CommandLineTest, PathThatCannotBeCopiedEndsTheProcess) {
   for (const char* option : {"-c", "-l"}) {
     EXPECT_EXIT(
         {
@@ -151,7 +153,7 @@ struct PortCase {
   uint16_t port;
 };
 
-TEST_F(OptionsTest, PortIsCutTo16Bits) {
+TEST_F(CommandLineTest, PortIsCutTo16Bits) {
   for (const PortCase& c : {PortCase{"70000", 4464}, PortCase{"65536", 0}, PortCase{"65535", 65535},
                             PortCase{"-1", 65535}, PortCase{"abc", 0}, PortCase{"23x", 23}}) {
     Parse({"-p", c.argument});
@@ -159,7 +161,7 @@ TEST_F(OptionsTest, PortIsCutTo16Bits) {
   }
 }
 
-TEST_F(OptionsTest, NumbersAreNotChecked) {
+TEST_F(CommandLineTest, NumbersAreNotChecked) {
   Parse({"-d", "nonsense", "-s", "7", "-B", "-3", "-S", "9x"});
   EXPECT_EQ(debug_level, 0);
   EXPECT_EQ(suppress_cr, 7);
@@ -173,33 +175,33 @@ TEST_F(OptionsTest, NumbersAreNotChecked) {
 
 // ---- Options that end the process ---------------------------------------------------------------
 
-TEST_F(OptionsTest, UnknownOneIsGetoptsMatter) {
+TEST_F(CommandLineTest, UnknownOptionIsReportedByGetopt) {
   EXPECT_EXIT(ParseInChild({"-x"}), ExitedWithCode(1), StrEq("zevd: invalid option -- 'x'\n"));
 }
 
-TEST_F(OptionsTest, MissingArgumentIsGetoptsMatter) {
+TEST_F(CommandLineTest, MissingArgumentIsReportedByGetopt) {
   EXPECT_EXIT(ParseInChild({"-p"}), ExitedWithCode(1),
               StrEq("zevd: option requires an argument -- 'p'\n"));
   EXPECT_EXIT(ParseInChild({"-D"}), ExitedWithCode(1),
               StrEq("zevd: option requires an argument -- 'D'\n"));
 }
 
-TEST_F(OptionsTest, OnDemandConnectionIsRefusedWithoutAWord) {
+TEST_F(CommandLineTest, OnDemandConnectionIsRefusedSilently) {
   EXPECT_EXIT(ParseInChild({"-D", "x"}), ExitedWithCode(1), StrEq(""));
 }
 
-TEST_F(OptionsTest, RefusalLeavesTheExitTrace) {
+TEST_F(CommandLineTest, RefusalLeavesTheExitTrace) {
   EXPECT_EXIT(ParseInChild({"-d", "1", "-D", "x"}), ExitedWithCode(1),
               test::DebugTextsAre(ElementsAre(test::IsExitTrace(1, "zev.cpp"))));
 }
 
-TEST_F(OptionsTest, FirstWrongOneStopsTheParsing) {
+TEST_F(CommandLineTest, FirstWrongOptionStopsTheParsing) {
   EXPECT_EXIT(ParseInChild({"-x", "-h"}), ExitedWithCode(1),
               StrEq("zevd: invalid option -- 'x'\n"));
   EXPECT_EXIT(ParseInChild({"-D", "x", "-d", "1"}), ExitedWithCode(1), StrEq(""));
 }
 
-TEST_F(OptionsTest, InvalidArchiveTimeIsReported) {
+TEST_F(CommandLineTest, InvalidArchiveTimeIsReported) {
   EXPECT_EXIT(ParseInChild({"-a", "3x"}), ExitedWithCode(1), StrEq("Invalid option \"-a 3x\"\n"));
   EXPECT_EXIT(ParseInChild({"-a", ""}), ExitedWithCode(1), StrEq("Invalid option \"-a \"\n"));
   EXPECT_EXIT(ParseInChild({"-d1", "-a", "soon"}), ExitedWithCode(1),
@@ -233,7 +235,7 @@ constexpr char kUsage[] =
     "                     Default: 1\n"
     "   -V                Display version.\n";
 
-TEST_F(OptionsTest, UsageShowsTheDefaults) {
+TEST_F(CommandLineTest, UsageShowsTheDefaults) {
   EXPECT_EXIT(ParseInChild({"-h"}), ExitedWithCode(0), StrEq(kUsage));
 }
 
@@ -263,39 +265,39 @@ constexpr char kUsageAfterOptions[] =
     "                     Default: 2\n"
     "   -V                Display version.\n";
 
-TEST_F(OptionsTest, UsageShowsWhatOptionsBeforeItHaveSet) {
+TEST_F(CommandLineTest, UsageShowsWhatOptionsBeforeItHaveSet) {
   EXPECT_EXIT(ParseInChild({"-a", "2w", "-c", "/etc/my.conf", "-d", "-5", "-f", "-l", "/var/log",
                             "-p", "70000", "-s0", "-B", "1234", "-S", "2", "-h", "-p", "1"}),
               ExitedWithCode(0), StrEq(kUsageAfterOptions));
 }
 
-TEST_F(OptionsTest, UsageShowsWholeDays) {
+TEST_F(CommandLineTest, UsageShowsWholeDays) {
   EXPECT_EXIT(ParseInChild({"-a", "90m", "-h"}), ExitedWithCode(0),
               HasSubstr("weeks (w).\n                     Default: 0 days\n"));
   EXPECT_EXIT(ParseInChild({"-a", "2879m", "-h"}), ExitedWithCode(0),
               HasSubstr("weeks (w).\n                     Default: 1 days\n"));
 }
 
-TEST_F(OptionsTest, UsageShowsTheDebugLevelAndLeavesTheExitTrace) {
+TEST_F(CommandLineTest, UsageShowsTheDebugLevelAndLeavesTheExitTrace) {
   EXPECT_EXIT(ParseInChild({"-d", "5", "-h"}), ExitedWithCode(0),
               AllOf(HasSubstr("   -d N              Set debug level to N\n"
                               "                     Default: 5\n"),
                     HasSubstr("Exiting with code 0 from file zev.cpp line ")));
 }
 
-TEST_F(OptionsTest, UsageNamesTheProgramAsItWasCalled) {
+TEST_F(CommandLineTest, UsageNamesTheProgramAsItWasCalled) {
   EXPECT_EXIT((test::SendDebugToStderr(0), ShowUsage("/opt/bin/console daemon")), ExitedWithCode(0),
               HasSubstr("usage: /opt/bin/console daemon [options]\n\n"));
 }
 
-TEST_F(OptionsTest, VersionIsShown) {
+TEST_F(CommandLineTest, VersionIsShown) {
   EXPECT_EXIT(ParseInChild({"-V"}), ExitedWithCode(0),
               MatchesRegex("QOR version 1\\.2\\.3 build date "
                            "[A-Z][a-z][a-z] [ 0-9][0-9] [0-9][0-9][0-9][0-9] "
                            "[0-9][0-9]:[0-9][0-9]:[0-9][0-9]\n"));
 }
 
-TEST_F(OptionsTest, EntryLinesAreWritten) {
+TEST_F(CommandLineTest, EntryLinesAreWritten) {
   const test::DebugCapture capture(kTrace);
   Parse({"-a", "3"});
   EXPECT_THAT(capture.Messages(),
@@ -313,7 +315,7 @@ void PrintTo(const ArchiveTime& time, std::ostream* out) {
   *out << ::testing::PrintToString(std::string(time.argument));
 }
 
-class ArchiveTimeTest : public OptionsTest, public ::testing::WithParamInterface<ArchiveTime> {};
+class ArchiveTimeTest : public StartUpTest, public ::testing::WithParamInterface<ArchiveTime> {};
 
 TEST_P(ArchiveTimeTest, IsConvertedAndStored) {
   EXPECT_EQ(GetLogArchiveTime(GetParam().argument), GetParam().seconds);
@@ -326,7 +328,7 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(ArchiveTime{"2w", 1209600}, ArchiveTime{"3", 259200},
                       ArchiveTime{"3d", 259200}, ArchiveTime{"90m", 5400}, ArchiveTime{"0d", 0},
                       ArchiveTime{"0", 0}, ArchiveTime{"0w", 0}, ArchiveTime{"12345", 1066608000},
-                      // Only the last character is looked at, and atoi() takes what it can.
+                      // Only the last character counts as the unit, and atoi() takes what it can.
                       ArchiveTime{"d", 0}, ArchiveTime{"w", 0}, ArchiveTime{"m", 0},
                       ArchiveTime{"xyz9", 0}, ArchiveTime{"7x1", 604800}, ArchiveTime{"1dm", 60},
                       ArchiveTime{" 1d", 86400}, ArchiveTime{"-1d", -86400},
@@ -348,26 +350,14 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- Initialize ---------------------------------------------------------------------------------
 
+using InitializeTest = StartUpTest;
+
 void CheckInitialized() {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
   limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 512);
   setrlimit(RLIMIT_NOFILE, &limit);
   Initialize();
-  EXPECT_STREQ(a_cons_list->list_name, "a_cons_list");
-  EXPECT_STREQ(i_cons_list->list_name, "i_cons_list");
-  EXPECT_STREQ(user_list->list_name, "user_list");
-  EXPECT_STREQ(cmd_list->list_name, "cmd_list");
-  EXPECT_STREQ(ev_list->list_name, "ev_list");
-  EXPECT_STREQ(mapped_port_list->list_name, "mapped_port_list");
-  for (const ConsoleList* list : {a_cons_list, i_cons_list}) {
-    EXPECT_EQ(list->head, nullptr);
-    EXPECT_EQ(list->count, 0);
-    EXPECT_EQ(list->high_sock, -1);
-  }
-  EXPECT_EQ(user_list->high_sock, -1);
-  EXPECT_EQ(cmd_list->high_sock, -1);
-  EXPECT_EQ(mapped_port_list->high_sock, -1);
   std::set<int> descriptors;
   for (const Waker* waker : {&cons_mon_waker, &user_mon_waker, &cmd_mon_waker}) {
     EXPECT_TRUE(test::IsOpen(waker->descriptor()));
@@ -378,11 +368,11 @@ void CheckInitialized() {
   EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
 }
 
-TEST_F(OptionsTest, InitializeMakesListsWakersAndRoomForDescriptors) {
+TEST_F(InitializeTest, MakesWakersAndRoomForDescriptors) {
   EXPECT_HOLDS_IN_CHILD(CheckInitialized());
 }
 
-TEST_F(OptionsTest, InitializeMakesTheListsInTheirOrder) {
+TEST_F(InitializeTest, MakesTheListsInTheirOrder) {
   EXPECT_EXIT((test::SendDebugToStderr(kTrace), Initialize(), _exit(0)), ExitedWithCode(0),
               test::DebugTextsAre(::testing::ResultOf(
                   [](const std::vector<std::string>& messages) {
@@ -394,7 +384,7 @@ TEST_F(OptionsTest, InitializeMakesTheListsInTheirOrder) {
                               "Entering InitMappedPortList\n"))));
 }
 
-TEST_F(OptionsTest, InitializeEndsTheProcessWithoutWakers) {
+TEST_F(InitializeTest, EndsTheProcessWithoutWakers) {
   for (const int failing : {1, 2, 3}) {
     EXPECT_EXIT(
         {
@@ -413,7 +403,7 @@ TEST_F(OptionsTest, InitializeEndsTheProcessWithoutWakers) {
 constexpr char kOutput[] = "root/logs/zevd.log";
 constexpr char kOldOutput[] = "root/logs/zevd.log.old";
 
-class DaemonizeTest : public OptionsTest {
+class DaemonizeTest : public StartUpTest {
  protected:
   DaemonizeTest() : saved_umask_(umask(007)) {}
   ~DaemonizeTest() override { umask(saved_umask_); }
@@ -424,7 +414,7 @@ class DaemonizeTest : public OptionsTest {
   mode_t saved_umask_;
 };
 
-// The life of a detached process; it ends when the test asks it to.
+// What the detached process does; it ends when the test asks it to.
 [[noreturn]] void DetachAndWait() {
   if (Lock() != 0) _exit(2);
   RunAsDaemon();
@@ -440,7 +430,7 @@ bool AnotherHoldsTheLock() {
   return flock(file.get(), LOCK_EX | LOCK_NB) != 0;
 }
 
-/// A detached process that has come up; it has ended when the object has.
+/// A detached process that has started. The destructor waits until it has ended.
 class DetachedProcess {
  public:
   DetachedProcess() {
@@ -484,7 +474,7 @@ TEST_F(DaemonizeTest, DetachedProcessHoldsTheLock) {
   EXPECT_TRUE(AnotherHoldsTheLock());
 }
 
-TEST_F(DaemonizeTest, FormerOutputIsKeptUnderTheOldName) {
+TEST_F(DaemonizeTest, EarlierOutputIsKeptUnderTheOldName) {
   test::WriteFile(kOutput, "the run before\n");
   test::WriteFile(kOldOutput, "the run before that\n");
   const DetachedProcess process;
@@ -495,7 +485,7 @@ TEST_F(DaemonizeTest, FormerOutputIsKeptUnderTheOldName) {
 
 TEST_F(DaemonizeTest, OutputFileHasTheRootsGroupAndItsMode) {
   constexpr gid_t kGroup = 12345;
-  // Without the right to do so the root keeps its group, which the file must then have as well.
+  // Without the right to do so the root keeps its group, and the file must have it too.
   [[maybe_unused]] const int ignored = chown("root", static_cast<uid_t>(-1), kGroup);
   const DetachedProcess process;
   ASSERT_TRUE(process.ready());
@@ -508,7 +498,7 @@ TEST_F(DaemonizeTest, OutputFileHasTheRootsGroupAndItsMode) {
   EXPECT_EQ(file.st_mode & 07777U, 0770U);
 }
 
-TEST_F(DaemonizeTest, LockThatCannotBeDroppedEndsTheProcess) {
+TEST_F(DaemonizeTest, LockThatCannotBeReleasedEndsTheProcess) {
   EXPECT_EXIT(
       {
         if (Lock() != 0) _exit(2);
@@ -547,7 +537,7 @@ TEST_F(DaemonizeTest, MissingLogDirectoryEndsTheProcess) {
                                       test::IsExitTrace(1, "zev.cpp"))));
 }
 
-TEST_F(DaemonizeTest, GroupThatCannotBeGivenEndsTheProcess) {
+TEST_F(DaemonizeTest, GroupThatCannotBeSetEndsTheProcess) {
   EXPECT_EXIT(
       {
         test::SendDebugToStderr(kInfo);
@@ -599,7 +589,7 @@ void PrintTo(const ThreadCase& thread, std::ostream* out) {
   *out << thread.name;
 }
 
-class ThreadCreationTest : public OptionsTest, public ::testing::WithParamInterface<ThreadCase> {};
+class ThreadCreationTest : public StartUpTest, public ::testing::WithParamInterface<ThreadCase> {};
 
 INSTANTIATE_TEST_SUITE_P(
     Threads, ThreadCreationTest,
@@ -659,7 +649,7 @@ bool EveryThreadButTheMainOneBlocks(int signum) {
 }
 
 /// The children have threads.
-class ThreadStartTest : public OptionsTest {
+class ThreadStartTest : public StartUpTest {
  protected:
   ThreadStartTest() { test::StartChildrenAfresh(); }
 };
