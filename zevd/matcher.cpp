@@ -160,7 +160,8 @@ void ReportLeftOut(const MatcherMessage& message) {
   }
 }
 
-// Gives the console the name that its event had (event.h), unless the console is gone.
+// Gives the console the name that its event had (event.h), unless the console is gone. The names of
+// consoles that are not connected are read under acl_lock too, while their users are removed.
 void RenameConsole(const char* name, const char* changed) EXCLUDES(acl_lock, icl_lock) {
   {
     const WriteLock lock(acl_lock, HERE);
@@ -169,7 +170,7 @@ void RenameConsole(const char* name, const char* changed) EXCLUDES(acl_lock, icl
       return;
     }
   }
-  const WriteLock lock(icl_lock, HERE);
+  const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, HERE);
   if (ConsoleNode* cnode = LocateConsoleInList(name, i_cons_list); cnode != nullptr) {
     CopyText(cnode->cname, changed);
   }

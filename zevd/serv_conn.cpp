@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <optional>
 
 #include "attach.h"
 #include "audit.h"
@@ -61,8 +62,8 @@ struct Shown {
 };
 
 int ApplyMode(const char* value, ConsoleArgs* args) {
-  const AccessMode* mode = FindMode(value);
-  if (mode != nullptr) {
+  const std::optional<AccessMode> mode = FindMode(value);
+  if (mode) {
     args->mode = static_cast<uint16_t>(*mode);
     return 0;
   }

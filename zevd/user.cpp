@@ -104,11 +104,11 @@ const char* ModeWord(int mode) {
   return TextOfMode(mode, &AccessModeRow::word, "unknown");
 }
 
-const AccessMode* FindMode(const char* keyword) {
+std::optional<AccessMode> FindMode(const char* keyword) {
   for (const AccessModeRow& row : kAccessModes) {
-    if (strcmp(row.keyword, keyword) == 0) return &row.mode;
+    if (strcmp(row.keyword, keyword) == 0) return row.mode;
   }
-  return nullptr;
+  return std::nullopt;
 }
 
 int CanGrantExclAccess(const ConsoleNode* cnode) {

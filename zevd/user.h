@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <optional>
 
 #include "console.h"
 #include "fixed_text.h"
@@ -97,8 +98,8 @@ const char* ModeKeyword(int mode);
 /// another number.
 const char* ModeWord(int mode);
 
-/// The mode of a keyword of the argument line, null when there is none.
-const AccessMode* FindMode(const char* keyword);
+/// The mode of a keyword of the argument line, if there is one.
+std::optional<AccessMode> FindMode(const char* keyword);
 
 /// 0 when some user of the console holds mode 2 or 3, else 1. The caller of this and of the next
 /// two holds the lock of the console's list.

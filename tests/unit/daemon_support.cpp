@@ -65,7 +65,7 @@ void Forget(L* list) {
 }
 
 void FreeCommands(CommandList* list) {
-  for (CommandNode* cnode : Nodes(*list)) FreeCommandNode(cnode);
+  for (CommandNode* tool : Nodes(*list)) FreeCommandNode(tool);
 }
 
 void FreeMappedPorts(MappedPortList* list) {

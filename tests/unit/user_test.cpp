@@ -131,15 +131,15 @@ TEST(AccessModeTest, WordsForPrograms) {
 
 TEST(AccessModeTest, EveryKeywordStandsForItsMode) {
   for (const AccessMode mode : {kReadOnly, kShared, kExclusive, kExclusiveRevocable}) {
-    const AccessMode* found = FindMode(ModeKeyword(mode));
-    ASSERT_NE(found, nullptr) << mode;
+    const auto found = FindMode(ModeKeyword(mode));
+    ASSERT_TRUE(found) << mode;
     EXPECT_EQ(*found, mode);
   }
 }
 
 TEST(AccessModeTest, NothingElseIsAKeyword) {
   for (const char* text : {"", "r", "RO", "Ex", "roo", " sh", "shared", "1", "??"}) {
-    EXPECT_EQ(FindMode(text), nullptr) << text;
+    EXPECT_EQ(FindMode(text), std::nullopt) << text;
   }
 }
 
