@@ -1,7 +1,5 @@
 #include "attach.h"
 
-#include <sys/socket.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -17,6 +15,7 @@
 #include "lists.h"
 #include "sockets.h"
 #include "user.h"
+#include "user_output.h"
 #include "utf8.h"
 #include "waker.h"
 
@@ -55,7 +54,7 @@ void RevokeHolder(const ConsoleNode* cnode, const NewUser& user) {
   snprintf(line, sizeof line, "Your session has been terminated by %s@%s", user.user_name,
            user.ipaddr);
   FormatBanner(banner, sizeof banner, line);
-  if (send(holder->sock, banner, strlen(banner), MSG_DONTWAIT) < 0) {
+  if (!holder->output->Send(banner, strlen(banner))) {
     DEBUG_AS(kAttach, kInfo, "send() failed : %s\n", strerror(errno));
   }
   CloseUserConnection(holder, "Another user took the console over.");
@@ -96,21 +95,37 @@ int ClaimConsole(const ConsoleNode* cnode, const NewUser& user) {
 
 // The negotiation that the console sent first lets the user's client behave as if it had connected
 // to the console itself.
-void GreetTelnetClient(const ConsoleNode* cnode, int sock) {
-  if (cnode->telnet_cmd[0] != '\0') send(sock, cnode->telnet_cmd, strlen(cnode->telnet_cmd), 0);
-  SetTelnetOptions(sock);
+bool GreetTelnetClient(const ConsoleNode* cnode, UserOutput* output) {
+  if (cnode->telnet_cmd[0] != '\0' && !output->Send(cnode->telnet_cmd, strlen(cnode->telnet_cmd))) {
+    return false;
+  }
+  return SetTelnetOptions(output);
 }
 
-// Puts the user on its console's list; from then on it receives output. Null when refused.
-UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES(acl_lock) {
-  if (ClaimConsole(cnode, user) != 0) return nullptr;
-  GreetTelnetClient(cnode, user.sock);
+// A record that can be sent to, and the greeting. Null when there is no memory for it.
+UserNode* MakeUser(ConsoleNode* cnode, const NewUser& user) REQUIRES(acl_lock) {
   UserNode* unode = NewUserNode(user.sock, cnode, user.user_name, user.ipaddr, user.mode);
   if (unode == nullptr) {
     DEBUG_AS(kAttach, kInfo, "NewUserNode() failed.\n");
     return nullptr;
   }
+  if (!unode->output->Watch()) {
+    SetUserError(kOutOfMemory);
+    DEBUG_AS(kAttach, kError, "epoll_ctl() failed : %s\n", strerror(errno));
+    DiscardUserNode(unode);
+    return nullptr;
+  }
   unode->identity = *user.identity;
+  // A connection that has failed already is noticed when it is read.
+  static_cast<void>(GreetTelnetClient(cnode, unode->output.get()));
+  return unode;
+}
+
+// Puts the user on its console's list; from then on it receives output. Null when refused.
+UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES(acl_lock) {
+  if (ClaimConsole(cnode, user) != 0) return nullptr;
+  UserNode* unode = MakeUser(cnode, user);
+  if (unode == nullptr) return nullptr;
   if (AddUserToList(unode, cnode->user_list) != 0) {
     DEBUG_AS(kAttach, kInfo, "AddUserToList() failed.\n");
     DiscardUserNode(unode);

@@ -14,6 +14,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -34,10 +35,12 @@
 #include "load.h"
 #include "log.h"
 #include "log_directory.h"
+#include "log_record.h"
 #include "mapped_port.h"
 #include "matcher.h"
 #include "socket_watch.h"
 #include "threads.h"
+#include "typed_consoles.h"
 #include "waker.h"
 
 namespace zevd {
@@ -48,6 +51,7 @@ constexpr useconds_t kPausePoll = 100;  // microseconds
 constexpr unsigned kOtherThreads = kPauseConsConn | kPauseUserConn | kPauseUserMon | kPauseCmdMon;
 constexpr timeval kSelectLimit = {2, 0};
 constexpr size_t kChunkSize = 1024;
+constexpr size_t kTurnSize = 16 * kChunkSize;
 
 /// Notices of a management port about a competing connection: the thread cons_conn deals with them,
 /// users never see them.
@@ -61,8 +65,10 @@ constexpr Notice kHiddenNotices[] = {
     {"~NET-I-", "Timed out, disconnecting..."},
 };
 
-// `text` ends at the chunk's first NUL.
-bool IsHiddenNotice(const char* text) {
+bool IsHiddenNotice(const char* chunk, int count) {
+  if (chunk[0] != '~') return false;  // as nearly every chunk
+  char text[kChunkSize];              // ends at the chunk's first NUL
+  snprintf(text, sizeof text, "%.*s", count, chunk);
   for (const Notice& notice : kHiddenNotices) {
     if (strncmp(text, notice.start, strlen(notice.start)) == 0 &&
         strstr(text, notice.text) != nullptr) {
@@ -86,6 +92,17 @@ void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) {
   CloseConsoleConnection(cnode);
 }
 
+// Puts a chunk into the replay ring and the log. False when nobody shall see it.
+bool KeepChunk(ConsoleNode* cnode, const char* chunk, int count, RecordBatch* batch)
+    REQUIRES(acl_lock) {
+  // A telnet command of the terminal server, with nobody there to answer it.
+  if (cnode->user_list->head == nullptr && HasHighBit(chunk[0])) return false;
+  if (IsHiddenNotice(chunk, count)) return false;
+  BufferConsoleOutput(cnode, chunk, count);
+  if (cnode->logging == 1) WriteLogFile(cnode, chunk, count, batch);
+  return true;
+}
+
 // How long a pass may read consoles. It holds acl_lock meanwhile, and threads that want two locks
 // try for as long and then stay away for up to a second (locks.h). A longer pass, as over many
 // consoles on a full disk, would keep them out; when user_mon is kept out, all keys wait.
@@ -99,7 +116,7 @@ class PassTime {
 
  private:
   bool first_ = true;
-  int64_t end_ = MonotonicMicroseconds() + kPairTryTime;
+  int64_t end_ = MonotonicMicroseconds() + kTryRetries * kTryPause;
 };
 
 bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) REQUIRES(acl_lock) {
@@ -107,24 +124,44 @@ bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) REQUIRE
          (other->left_out_since == 0 || cnode->left_out_since < other->left_out_since);
 }
 
-// Reads what one peek sees from a readable console and hands it on.
-void ReadConsole(ConsoleNode* cnode) REQUIRES(acl_lock) {
-  char buf[kChunkSize];
-  const ssize_t seen = recv(cnode->sock, buf, sizeof buf, MSG_PEEK);
-  if (seen <= 0) {
-    CloseAfterReceiveFailure(cnode, seen);
-    return;
+/// The consoles that have more to say than one turn takes, in the order of their turns.
+class Unfinished {
+ public:
+  /// Leaves out what there is no room for; a later pass reads it.
+  void Add(ConsoleNode* cnode) {
+    if (count_ < SocketWatch::kMostAtOnce) consoles_[count_++] = cnode;
   }
-  const ssize_t count = recv(cnode->sock, buf, static_cast<size_t>(seen), MSG_WAITALL);
-  if (count < 0) {
+
+  /// Gives each its next turn, until none has more or `is_over` says that there is no time.
+  template <typename IsOver, typename Turn>
+  void TakeTurns(IsOver is_over, Turn turn) {
+    while (count_ > 0) {
+      const int count = std::exchange(count_, 0);
+      for (int i = 0; i < count; ++i) {
+        if (is_over()) return;
+        if (turn(consoles_[i])) consoles_[count_++] = consoles_[i];
+      }
+    }
+  }
+
+ private:
+  ConsoleNode* consoles_[SocketWatch::kMostAtOnce];
+  int count_ = 0;
+};
+
+// Reads a readable console with one call and hands on what it brings. True when there may be more.
+bool ReadConsole(ConsoleNode* cnode) REQUIRES(acl_lock) {
+  static char buf[kTurnSize];  // only this thread comes here
+  const ssize_t count = recv(cnode->sock, buf, sizeof buf, MSG_DONTWAIT);
+  if (count < 0 && errno == EAGAIN) return false;
+  if (count <= 0) {
     CloseAfterReceiveFailure(cnode, count);
-    return;
+    return false;
   }
-  const int length = static_cast<int>(count);
-  DEBUG_AS("ProcessConsoleOutput", kTrace, "Received ->%.*s<- (%d bytes)\n", length, buf, length);
-  counters.console_bytes.Add(static_cast<uint64_t>(length));
+  counters.console_bytes.Add(static_cast<uint64_t>(count));
   cnode->last_output = time(nullptr);
-  DispatchConsoleOutput(cnode, buf, length);
+  DispatchConsoleOutput(cnode, buf, static_cast<int>(count));
+  return count == sizeof buf;
 }
 
 // ---- The steps of a pass ------------------------------------------------------------------------
@@ -239,7 +276,7 @@ void MonitorConsoleOutput() {
   for (;;) {
     ParkIfAsked(kPauseConsMon);
     if (ReloadIsAskedFor()) Reload();
-    usleep(kPassPause);
+    typed_consoles.Pause(kPassPause);
     DeleteMarked(&looks);
     RelayOutput(&fdset);
     matcher.Serve();
@@ -269,6 +306,7 @@ void ProcessConsoleOutput(const DescriptorSet& fdset) {
   static uint64_t pass = 0;  // only this thread comes here
   ++pass;
   PassTime time;
+  Unfinished unfinished;
   // A list without a watch knows no order except its own, in which the last would never have a
   // turn.
   const bool in_turns = WatchOf(a_cons_list) != nullptr;
@@ -279,21 +317,28 @@ void ProcessConsoleOutput(const DescriptorSet& fdset) {
       return;
     }
     cnode->left_out_since = 0;
-    if (UsersHaveRoom(cnode)) ReadConsole(cnode);
+    if (ReadConsole(cnode)) unfinished.Add(cnode);
   };
   ForEachReady(*a_cons_list, fdset, IsLeftOutLonger, read);
+  unfinished.TakeTurns([&] { return time.IsOver(); },
+                       [](ConsoleNode* cnode)
+                           NO_THREAD_SAFETY_ANALYSIS { return ReadConsole(cnode); });
 }
 
-void DispatchConsoleOutput(ConsoleNode* cnode, const char* buf, int count) {
+void DispatchConsoleOutput(ConsoleNode* cnode, char* buf, int count) {
   ENTERING();
-  // A telnet command of the terminal server, with nobody there to answer it.
-  if (cnode->user_list->head == nullptr && HasHighBit(buf[0])) return;
-  char text[kChunkSize];
-  snprintf(text, sizeof text, "%.*s", count, buf);
-  if (IsHiddenNotice(text)) return;
-  BufferConsoleOutput(cnode, buf, count);
-  if (cnode->logging == 1) WriteLogFile(cnode, buf, count);
-  SendConsoleOutputToUsers(cnode, buf, count);
+  static RecordBatch batch;  // only this thread comes here
+  int shown = 0;
+  for (int taken = 0, size = 0; taken < count; taken += size) {
+    char* chunk = buf + taken;
+    size = std::min(count - taken, static_cast<int>(kChunkSize));
+    DEBUG_AS("ProcessConsoleOutput", kTrace, "Received ->%.*s<- (%d bytes)\n", size, chunk, size);
+    if (!KeepChunk(cnode, chunk, size, &batch)) continue;
+    if (shown != taken) memmove(buf + shown, chunk, static_cast<size_t>(size));
+    shown += size;
+  }
+  batch.Flush();
+  if (shown > 0) SendConsoleOutputToUsers(cnode, buf, shown);
 }
 
 void CloseDisabledConsoleConnections() {

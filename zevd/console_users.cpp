@@ -1,8 +1,6 @@
 #include "console_users.h"
 
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -11,20 +9,12 @@
 #include "error.h"
 #include "list.h"
 #include "options.h"
-#include "sockets.h"
-#include "stall.h"
+#include "user_output.h"
 #include "waker.h"
 
 namespace zevd {
 
 namespace {
-
-// How long a user may keep a console's output from its other users and its log. One who is alive on
-// a slow line gets longer than one who takes nothing.
-constexpr StallLimits kUserStall = {.idle = 400, .no_room = 5000};
-
-constexpr char kTookNothing[] = "The user took no output.";
-constexpr char kSendFailed[] = "The connection failed.";
 
 constexpr char kStars[] = "***************************************";  // 39
 constexpr char kBells[] = "\a\a\a\a\a";
@@ -43,7 +33,7 @@ void SendMsgToUsers(ConsoleNode* cnode, const char* message) {
   char banner[kMessageBufferSize];
   FormatBanner(banner, sizeof banner, message);
   for (const UserNode* unode : Nodes(*cnode->user_list)) {
-    if (send(unode->sock, banner, strlen(banner), MSG_DONTWAIT) < 0) {
+    if (!unode->output->Send(banner, strlen(banner))) {
       zev_debug(kInfo, "%s: send() failed : %s\n", __func__, strerror(errno));
       zev_debug(kInfo, "%s: Message not sent to \"%s@%s\".\n", __func__, unode->user_name,
                 unode->ipaddr);
@@ -68,42 +58,30 @@ void CloseUserConnections(ConsoleNode* cnode, const char* reason) {
   DropElements(*cnode->user_list);
 }
 
-// ---- Output -------------------------------------------------------------------------------------
+namespace {
 
-bool UsersHaveRoom(ConsoleNode* cnode) {
-  bool room = true;
-  for (UserNode* unode : Nodes(*cnode->user_list)) {
-    if (HasSendRoom(unode->sock)) {
-      unode->output_stall.End();
-      continue;
-    }
-    room = false;
-    if (unode->connected != 0 && unode->output_stall.IsTooLong(unode->sock, kUserStall)) {
-      DEBUG_AS("SendConsoleOutputToUsers", kInfo, "send() from console \"%s\" failed : %s\n",
-               cnode->cname, strerror(EAGAIN));
-      CloseUserConnection(unode, kTookNothing);
-    }
-  }
-  return room;
+void CloseAfterFailedSend(const char* function, const ConsoleNode* cnode, UserNode* unode) {
+  DEBUG_AS(function, kInfo, "send() from console \"%s\" failed : %s\n", cnode->cname,
+           strerror(errno));
+  CloseUserConnection(unode, "The connection failed.");
 }
+
+}  // namespace
+
+// ---- Output -------------------------------------------------------------------------------------
 
 void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes) {
   ENTERING();
-  // Kept: the length that one user took is the length that the next is offered.
-  ssize_t length = nbytes;
+  // Kept: once a send has failed, so does that to every user after this one, as the result of a
+  // send is the length for the next.
+  bool failed = false;
   for (UserNode* unode : Nodes(*cnode->user_list)) {
-    if (length < 0) {
-      // What the system would answer to a negative length. Passed on, the length would count as a
-      // huge one, and the memory after the chunk would be sent out.
-      errno = EFAULT;
+    if (failed) {
+      errno = EFAULT;  // what the system answers to a negative length
     } else {
-      length = TEMP_FAILURE_RETRY(send(unode->sock, buf, static_cast<size_t>(length), 0));
+      failed = !unode->output->Send(buf, static_cast<size_t>(nbytes));
     }
-    if (length < 0) {
-      zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
-                strerror(errno));
-      CloseUserConnection(unode, kSendFailed);
-    }
+    if (failed) CloseAfterFailedSend(__func__, cnode, unode);
   }
 }
 
@@ -111,29 +89,33 @@ void BufferConsoleOutput(ConsoleNode* cnode, const char* chars, int count) {
   ENTERING();
   if (cons_buf_size == 0) return;
   ConsoleBuffer& ring = cnode->cons_buf;
-  const auto advance = [](int32_t index) { return index == cons_buf_size - 1 ? 0 : index + 1; };
-  for (int i = 0; i < count; ++i) {
-    ring.buf[ring.tail] = chars[i];
-    ring.tail = advance(ring.tail);
-    if (ring.tail == ring.head) ring.head = advance(ring.head);
-  }
+  // Bytes that are overwritten before anybody can be sent them need not be written at all.
+  const int32_t skipped = std::max(0, count - (cons_buf_size - 1));
+  const auto after = [](int32_t index, int32_t bytes) {
+    return static_cast<int32_t>((int64_t{index} + bytes) % cons_buf_size);
+  };
+  const int32_t held = after(ring.tail, cons_buf_size - ring.head);
+  const int32_t written = count - skipped;
+  const int32_t start = after(ring.tail, skipped);
+  const int32_t straight = std::min(written, cons_buf_size - start);
+  memcpy(ring.buf + start, chars + skipped, static_cast<size_t>(straight));
+  memcpy(ring.buf, chars + skipped + straight, static_cast<size_t>(written - straight));
+  ring.tail = after(ring.tail, count);
+  // One cell stays free, so that a full ring does not look like an empty one.
+  if (int64_t{held} + count > cons_buf_size - 1) ring.head = after(ring.tail, 1);
 }
 
 void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) {
   ENTERING();
   if (cons_buf_size == 0) return;
   const ConsoleBuffer& ring = cnode->cons_buf;
-  SendBudget budget;
-  for (int32_t i = ring.head, next = 0; i != ring.tail; i = next) {
-    next = i == cons_buf_size - 1 ? 0 : i + 1;
-    // Kept: one byte a call, but not one byte a packet.
-    if (budget.Send(unode->sock, &ring.buf[i], 1, next == ring.tail ? 0 : MSG_MORE) < 0) {
-      zev_debug(kInfo, "%s: send() from console \"%s\" failed : %s\n", __func__, cnode->cname,
-                strerror(errno));
-      CloseUserConnection(unode, kSendFailed);
-      return;
-    }
-  }
+  const bool wraps = ring.tail < ring.head;
+  const int32_t end = wraps ? cons_buf_size : ring.tail;
+  const auto send_part = [&](int32_t from, int32_t to) {
+    return from == to || unode->output->Send(ring.buf + from, static_cast<size_t>(to - from));
+  };
+  if (send_part(ring.head, end) && send_part(0, wraps ? ring.tail : 0)) return;
+  CloseAfterFailedSend(__func__, cnode, unode);
 }
 
 }  // namespace zevd

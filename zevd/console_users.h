@@ -1,5 +1,7 @@
 // What the users of a console are sent, and how they are marked for closing: output, replay,
-// banners. The caller holds the lock of the console's list, except for CloseUserConnection().
+// banners. All of it takes the way of the user's own (user_output.h), so nobody is waited for and
+// everything comes in its order. The caller holds the lock of the console's list, except for
+// CloseUserConnection().
 #pragma once
 
 #include <cstddef>
@@ -16,8 +18,7 @@ inline constexpr size_t kMessageBufferSize = 1024;
 /// Five bells and `message` between two rules of asterisks.
 void FormatBanner(char* banner, size_t size, const char* message);
 
-/// Sends a message to every user of the console, as FormatBanner() frames it; waits for none of
-/// them.
+/// Sends a message to every user of the console, as FormatBanner() frames it.
 void SendMsgToUsers(ConsoleNode* cnode, const char* message);
 
 /// Marks every user of the console for closing, as CloseUserConnection(), and empties the console's
@@ -29,20 +30,15 @@ void CloseUserConnections(ConsoleNode* cnode, const char* reason);
 /// no lock.
 void CloseUserConnection(UserNode* unode, const char* reason = "The daemon closed the connection.");
 
-/// Sends the replay ring to one user who has just attached, and waits 200 ms in all for that. A
-/// user who cannot be sent all of it is marked for closing.
+/// Sends the replay ring to one user who has just attached. When that fails, the user is marked for
+/// closing.
 void SendBufferedConsoleOutputToUser(const ConsoleNode* cnode, UserNode* unode) REQUIRES(acl_lock);
 
-/// Whether every user of the console can be sent a chunk without anybody waiting for it. While one
-/// cannot, the output stays in the console's socket and the console itself is slowed down; other
-/// consoles are not. A user who takes nothing for too long is marked for closing.
-bool UsersHaveRoom(ConsoleNode* cnode) REQUIRES(acl_lock);
-
-/// Sends a chunk of output to every user of the console. A user to whom that fails is marked for
-/// closing.
+/// Sends output, any number of bytes, to every user of the console. A user to whom that fails is
+/// marked for closing.
 void SendConsoleOutputToUsers(ConsoleNode* cnode, const char* buf, int nbytes) REQUIRES(acl_lock);
 
-/// Puts a chunk of output into the replay ring.
+/// Puts output, any number of bytes, into the replay ring.
 void BufferConsoleOutput(ConsoleNode* cnode, const char* chars, int count) REQUIRES(acl_lock);
 
 }  // namespace zevd

@@ -39,6 +39,7 @@ struct Counters {
   Counter logins_refused;       ///< tries, of which one connection may make several
   Counter users_attached;       ///< to consoles
   Counter users_left;           ///< of their own accord or thrown off
+  Counter bytes_not_shown;      ///< left out of the queues of users who read too slowly
   Counter tools_attached;       ///< to the command port
   Counter commands;             ///< lines that tools sent
   Counter events_posted;        ///< taken by the event manager's library

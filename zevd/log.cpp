@@ -1,28 +1,25 @@
 #include "log.h"
 
 #include <fcntl.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 
-#include "counters.h"
 #include "error.h"
 #include "event.h"
 #include "event_set.h"
 #include "log_directory.h"
+#include "log_record.h"
 #include "log_steps.h"
 #include "matcher.h"
 #include "options.h"
 #include "reg_expr.h"
 #include "safe_file.h"
-#include "timestamp.h"
 #include "user.h"
 
 namespace zevd {
@@ -57,35 +54,6 @@ int OpenForAppending(const char* function, const CurrentLogDir& directory, const
 
 // ---- Records ------------------------------------------------------------------------------------
 
-/// The time of a record, the same in both logs.
-struct RecordTime {
-  char text[80];
-  size_t length;
-  RecordTime() : length(GetTimeStamp(text, sizeof text)) {}
-};
-
-/// Writes the parts of a record in one call, so that a record is whole or not there whatever ends
-/// the process meanwhile. False when it was written short.
-bool WriteRecord(int fd, const RecordTime& time, const char* before, const char* buf, int count) {
-  const size_t length = static_cast<size_t>(count);
-  const iovec parts[] = {{const_cast<char*>(time.text), time.length},
-                         {const_cast<char*>(before), strlen(before)},
-                         {const_cast<char*>(buf), length}};
-  const auto whole = static_cast<ssize_t>(time.length + strlen(before) + length);
-  const ssize_t written = writev(fd, parts, 3);
-  if (written == whole) {
-    counters.log_records.Add();
-    counters.log_bytes.Add(static_cast<uint64_t>(whole));
-    return true;
-  }
-  counters.log_records_lost.Add();
-  if (written < 0) return false;
-  // The disk has filled up in the middle of the record: the piece is taken back.
-  if (ftruncate(fd, lseek(fd, 0, SEEK_CUR) - written) != 0) return false;
-  errno = ENOSPC;
-  return false;
-}
-
 void PostMatch(ConsoleNode* cnode, const char* buf, int count) {
   constexpr size_t kTextSize = 8192;
   const RegExList* patterns = cnode->enode == nullptr ? nullptr : cnode->enode->re_list;
@@ -111,11 +79,10 @@ bool HoldsLine(const LogBuffer& log_buf) {
   return GetNewlineIndex(log_buf.buf, 0, log_buf.count) != -1;
 }
 
-// Writes the complete lines of the buffer. When the buffer is full and has no line end, it goes out
-// as one record.
-int WriteReady(ConsoleNode* cnode) {
-  if (HoldsLine(cnode->log_buf)) return WriteLines(cnode);
-  return cnode->log_buf.count == kLogBufferSize ? FlushBuffer(cnode) : 0;
+// The first byte from `bytes` on that is `byte`, or `end`.
+const char* FindByte(const char* bytes, const char* end, char byte) {
+  const void* found = memchr(bytes, byte, static_cast<size_t>(end - bytes));
+  return found == nullptr ? end : static_cast<const char*>(found);
 }
 
 }  // namespace
@@ -162,7 +129,7 @@ int OpenConsolidatedLogFile() {
   return 0;
 }
 
-int WriteLogFile(ConsoleNode* cnode, const char* chars, int count) {
+int WriteLogFile(ConsoleNode* cnode, const char* chars, int count, RecordBatch* batch) {
   ENTERING();
   if (cnode->log_fd == -1) {
     zev_debug(kError, "%s: Log file for %s has not been opened.\n", __func__, cnode->cname);
@@ -181,21 +148,26 @@ int WriteLogFile(ConsoleNode* cnode, const char* chars, int count) {
     memcpy(log_buf.buf + log_buf.count, filtered + taken, static_cast<size_t>(part));
     log_buf.count += part;
     taken += part;
-    // When a record cannot be written, only that one is lost; what follows it is still tried.
+    // When a record cannot be written, only that one is lost; what follows it is still tried. A
+    // full buffer without a line end goes out as one record.
     const bool full_with_more = log_buf.count == kLogBufferSize && taken < count;
-    if ((HoldsLine(log_buf) || full_with_more) && WriteReady(cnode) != 0) result = -1;
+    if (HoldsLine(log_buf)) {
+      if (WriteLines(cnode, batch) != 0) result = -1;
+    } else if (full_with_more && FlushBuffer(cnode, batch) != 0) {
+      result = -1;
+    }
   }
   return result;
 }
 
-int WriteLines(ConsoleNode* cnode) {
+int WriteLines(ConsoleNode* cnode, RecordBatch* batch) {
   ENTERING();
   LogBuffer& log_buf = cnode->log_buf;
   int result = 0;
   int start = 0;
   for (int end = GetNewlineIndex(log_buf.buf, start, log_buf.count); end != -1;
        end = GetNewlineIndex(log_buf.buf, start, log_buf.count)) {
-    if (WriteBuffer(cnode, log_buf.buf + start, end - start + 1) != 0) result = -1;
+    if (WriteBuffer(cnode, log_buf.buf + start, end - start + 1, batch) != 0) result = -1;
     start = end + 1;
   }
   log_buf.count -= start;
@@ -203,43 +175,36 @@ int WriteLines(ConsoleNode* cnode) {
   return result;
 }
 
-int WriteBuffer(ConsoleNode* cnode, const char* buf, int count) {
+int WriteBuffer(ConsoleNode* cnode, const char* buf, int count, RecordBatch* batch) {
   ENTERING();
   if (cnode->log_fd == -1) return -1;
   const UserListElem* first_user = cnode->user_list->head;
   if (cnode->events == 1 && first_user == nullptr) PostMatch(cnode, buf, count);
   if (first_user != nullptr && first_user->unode->mode == kExclusiveRevocable) return 0;
-  const RecordTime time;
-  if (!WriteRecord(cnode->log_fd, time, " ", buf, count)) {
-    zev_debug(kError, "%s: write() failed for console \"%s\" : %s\n", __func__, cnode->cname,
-              strerror(errno));
-    return -1;
-  }
-  if (consolidated_log_fd == -1) return -1;
   // The consolidated log receives only what nobody was watching.
-  if (first_user != nullptr) return 0;
-  char name[kNameSize + 2];
-  snprintf(name, sizeof name, " %s ", cnode->cname);
-  if (!WriteRecord(consolidated_log_fd, time, name, buf, count)) {
-    zev_debug(kError, "%s: write() failed for \"consolidated.log\" : %s\n", __func__,
-              strerror(errno));
+  const LogTargets targets = {cnode->cname, cnode->log_fd,
+                              first_user == nullptr ? consolidated_log_fd : -1};
+  if (batch != nullptr) {
+    batch->Add(targets, buf, count);
+  } else if (WriteRecord(targets, buf, count) != 0) {
     return -1;
   }
-  return 0;
+  return consolidated_log_fd == -1 ? -1 : 0;
 }
 
-int FlushBuffer(ConsoleNode* cnode) {
+int FlushBuffer(ConsoleNode* cnode, RecordBatch* batch) {
   ENTERING();
   const int count = cnode->log_buf.count;
   cnode->log_buf.count = 0;
-  return WriteBuffer(cnode, cnode->log_buf.buf, count);
+  return WriteBuffer(cnode, cnode->log_buf.buf, count, batch);
 }
 
 int GetNewlineIndex(const char* buf, int pos, int count) {
   ENTERING();
   if (pos >= count) return -1;
   const char* end = buf + count;
-  const char* found = std::find_if(buf + pos, end, [](char byte) { return IsLineEnd(byte); });
+  const char* line_feed = FindByte(buf + pos, end, '\n');
+  const char* found = FindByte(buf + pos, line_feed, '\r');
   return found == end ? -1 : static_cast<int>(found - buf);
 }
 
@@ -250,16 +215,23 @@ void CopyBytes(char* dst, const char* src, int count) {
 
 void RemoveCRsAndNULLs(const char* inbuf, char* outbuf, int* count) {
   ENTERING();
-  int copied = 0;
-  for (int i = 0; i < *count; ++i) {
-    const auto byte = static_cast<unsigned char>(inbuf[i]);
-    if (byte == 255) {
-      i += kTelnetCommandLength - 1;  // may lead past the end of the chunk, which ends the loop
-    } else if (byte != '\r' && byte != '\0') {
-      outbuf[copied++] = inbuf[i];
-    }
+  constexpr char kTelnetCommand = '\xff';
+  const char* end = inbuf + *count;
+  char* out = outbuf;
+  // The next one of each, so that what is rare is not looked for again and again.
+  const char* cr = FindByte(inbuf, end, '\r');
+  const char* nul = FindByte(inbuf, end, '\0');
+  const char* command = FindByte(inbuf, end, kTelnetCommand);
+  for (const char* in = inbuf; in < end;) {
+    const char* dropped = std::min({cr, nul, command});
+    out = std::copy(in, dropped, out);
+    in = dropped + (dropped == command ? kTelnetCommandLength : 1);
+    if (in >= end) break;  // the command may lead past the end of the chunk
+    if (cr < in) cr = FindByte(in, end, '\r');
+    if (nul < in) nul = FindByte(in, end, '\0');
+    if (command < in) command = FindByte(in, end, kTelnetCommand);
   }
-  *count = copied;
+  *count = static_cast<int>(out - outbuf);
 }
 
 void RemoveNULLs(const char* inbuf, char* outbuf, int* count) {

@@ -13,6 +13,8 @@
 
 namespace zevd {
 
+class RecordBatch;
+
 /// The file name of a console's log.
 class LogName {
  public:
@@ -37,9 +39,9 @@ int OpenLogFile(ConsoleNode* cnode);
 int OpenConsolidatedLogFile();
 
 /// Filters a chunk (at most 1024 bytes) of console output, assembles it into lines and writes every
-/// complete one. 0, or -1 when there is no log or a record could not be written; only that record
-/// is lost.
-int WriteLogFile(ConsoleNode* cnode, const char* chars, int count);
+/// complete one, or adds it to the batch. 0, or -1 when there is no log or a record could not be
+/// written; only that record is lost.
+int WriteLogFile(ConsoleNode* cnode, const char* chars, int count, RecordBatch* batch = nullptr);
 
 /// Writes what is left of an unfinished line, then closes.
 void CloseLogFile(ConsoleNode* cnode);

@@ -5,15 +5,17 @@
 
 namespace zevd {
 
-/// Writes every complete line of the line buffer and moves the rest to its front. 0 or -1.
-int WriteLines(ConsoleNode* cnode);
+class RecordBatch;
 
-/// Writes one record: matches it, posts the event, writes the log and the consolidated log. 0 or
-/// -1.
-int WriteBuffer(ConsoleNode* cnode, const char* buf, int count);
+/// Writes every complete line of the line buffer and moves the rest to its front. 0 or -1.
+int WriteLines(ConsoleNode* cnode, RecordBatch* batch = nullptr);
+
+/// Matches one record, posts the event, and writes the record into the log and the consolidated log
+/// or adds it to the batch. 0 or -1.
+int WriteBuffer(ConsoleNode* cnode, const char* buf, int count, RecordBatch* batch = nullptr);
 
 /// Writes the whole line buffer as one record and empties it. 0 or -1.
-int FlushBuffer(ConsoleNode* cnode);
+int FlushBuffer(ConsoleNode* cnode, RecordBatch* batch = nullptr);
 
 /// Index of the first LF or CR at or after `pos` and before `count`, -1 when there is none.
 int GetNewlineIndex(const char* buf, int pos, int count);

@@ -1,12 +1,9 @@
-// The sockets of the relay: their options, their room, and what they are sent first. Any thread.
+// The sockets of the relay: their options, and what they are sent first. Any thread.
 #pragma once
 
-#include <sys/types.h>
-
-#include <cstddef>
-#include <cstdint>
-
 namespace zevd {
+
+class UserOutput;
 
 /// Switches a socket option on; a refusal by the system is of no consequence.
 void SetSocketFlag(int sock, int level, int option);
@@ -15,23 +12,11 @@ void SetSocketFlag(int sock, int level, int option);
 /// that stops reading makes a send fail after a bounded time with a bounded backlog.
 void PrepareRelaySocket(int sock);
 
-/// True when the socket takes a chunk without making the sender wait, or has an error to report.
-bool HasSendRoom(int sock);
-
 /// Offers to echo and to suppress go-ahead, which puts a telnet client into character mode
 /// (RFC 857, RFC 858).
 void SetTelnetOptions(int sock);
 
-/// Sends to one peer that may wait for it for 200 ms in all.
-class SendBudget {
- public:
-  SendBudget();
-
-  /// As send(2); EAGAIN once the time is used up.
-  ssize_t Send(int sock, const char* buf, size_t count, int flags);
-
- private:
-  int64_t deadline_;  // CLOCK_MONOTONIC, microseconds
-};
+/// The same to a user who is being attached. False when the connection has failed (errno tells).
+bool SetTelnetOptions(UserOutput* output);
 
 }  // namespace zevd

@@ -49,6 +49,7 @@ constexpr CounterRow kCounters[] = {
     {"logins_refused", &Counters::logins_refused},
     {"users_attached", &Counters::users_attached},
     {"users_left", &Counters::users_left},
+    {"bytes_not_shown", &Counters::bytes_not_shown},
     {"tools_attached", &Counters::tools_attached},
     {"commands", &Counters::commands},
     {"events_posted", &Counters::events_posted},

@@ -5,7 +5,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <utility>
 
 #include "counters.h"
 #include "error.h"
@@ -139,10 +141,13 @@ UserNode* NewUserNode(int sock, ConsoleNode* cnode, const char* user_name, const
                       int mode) {
   ENTERING();
   auto* unode = new (std::nothrow) UserNode{};
-  if (unode == nullptr) {
+  std::unique_ptr<UserOutput> output(new (std::nothrow) UserOutput(sock));
+  if (unode == nullptr || output == nullptr) {
     ReportNoMemory(__func__);
+    delete unode;
     return nullptr;
   }
+  unode->output = std::move(output);
   unode->sock = sock;
   unode->connected = 1;
   unode->mode = mode;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <memory>
 #include <optional>
 
 #include "console.h"
@@ -12,6 +13,7 @@
 #include "locks.h"
 #include "stall.h"
 #include "user_list.h"
+#include "user_output.h"
 
 namespace zevd {
 
@@ -41,8 +43,7 @@ struct UserNode {
   char cons_name[kNameSize];
   int send_error GUARDED_BY(ul_lock);  ///< why sending to the console failed, 0 when it did not
   Stall console_stall GUARDED_BY(ul_lock);  ///< the console takes nothing of what the user types
-  /// The user takes nothing of what the console prints.
-  Stall output_stall GUARDED_BY(acl_lock);
+  std::unique_ptr<UserOutput> output;       ///< the way of everything that the user is sent
 };
 
 // ---- Errors that users are told -----------------------------------------------------------------

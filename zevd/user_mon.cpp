@@ -1,10 +1,11 @@
 // The life of the thread "user_mon".
 //
-// main starts it; it never ends. It makes a pass at least every 2 seconds: a key, a new user or one
-// marked for removal ends the wait in select() (user_mon_waker does so for the last two). It reads
-// users and writes to consoles with ul_lock held for writing, looks for vanished users and marked
-// ones with ul_lock held for reading, and removes, closes and frees users with ul_lock and
-// acl_lock, taken as a pair in that order.
+// main starts it; it never ends. It makes a pass at least every 2 seconds: a key, a new user, one
+// marked for removal or room for output that waits ends the wait in select() (user_mon_waker does
+// so for all but the key). It reads users and writes to consoles with ul_lock held for writing,
+// sends waiting output with no list lock, looks for vanished users and marked ones with ul_lock
+// held for reading, and removes and frees users with ul_lock and acl_lock, taken as a pair in that
+// order. Then it closes their sockets, those with waiting output up to a second later.
 #include "user_mon.h"
 
 #include <sys/socket.h>
@@ -15,6 +16,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "audit.h"
 #include "clock.h"
@@ -28,7 +30,9 @@
 #include "socket_watch.h"
 #include "stall.h"
 #include "threads.h"
+#include "typed_consoles.h"
 #include "user_mon_steps.h"
+#include "user_output.h"
 #include "waker.h"
 #include "zev_signal.h"
 
@@ -68,6 +72,7 @@ ssize_t ForwardToConsole(const UserNode* unode, const char* buf, ssize_t count) 
   const ConsoleNode* cnode = unode->cnode;
   const int sock = cnode->status == kConnected ? cnode->sock.load() : -1;
   const ssize_t sent = send(sock, buf, static_cast<size_t>(count), MSG_DONTWAIT);
+  if (sent > 0) typed_consoles.Typed(sock);
   return sent < 0 && errno == EAGAIN ? 0 : sent;
 }
 
@@ -117,6 +122,9 @@ bool HasWaitedLonger(const UserNode* unode, const UserNode* other) REQUIRES(ul_l
   return unode->console_stall.IsLongerThan(other->console_stall);
 }
 
+/// What is still to be sent to users who have been removed.
+ClosingOutputs closing_outputs;
+
 void DropReference(ConsoleNode* cnode) REQUIRES(acl_lock) {
   const int references = --cnode->ref_count;
   if (references >= 0) return;
@@ -141,7 +149,7 @@ void RemoveUser(UserNode* unode) REQUIRES(ul_lock, acl_lock) {
   counters.users_left.Add();
   if (unode->sock != -1) {
     ForgetSocket(*user_list, unode->sock);
-    close(unode->sock);
+    closing_outputs.Add(std::move(unode->output));
   }
   RemoveUserFromList(unode, user_list);
   if (IsUserInUserList(unode, cnode->user_list)) RemoveUserFromList(unode, cnode->user_list);
@@ -176,6 +184,15 @@ void LookForVanished(Throttle* looks) {
   user_mon::LookForVanishedUsers();
 }
 
+// Empties queues. A user whose connection failed meanwhile is found by that.
+void SendWaiting() {
+  if (!SendWaitingOutput()) return;
+  const ReadLock lock(ul_lock, CallSite{kLoop, __LINE__});
+  for (UserNode* unode : Nodes(*user_list)) {
+    if (unode->output->HasFailed()) CloseUserConnection(unode, "The connection failed.");
+  }
+}
+
 // Whoever marks a user wakes this thread afterwards; while nobody does, there is no need to look.
 bool AnyUserMarked(unsigned* wakes_seen) {
   const ReadLock lock(ul_lock, CallSite{kLoop, __LINE__});
@@ -198,6 +215,7 @@ void* UserMonitorThreadStart(void* /*unused*/) {
 
 void MonitorUserInput() {
   ENTERING();
+  user_mon_waker.Beside(UserOutputsDescriptor());
   DescriptorSet fdset;
   unsigned wakes_seen = 0;
   Throttle looks(kVanishedLookInterval);
@@ -205,14 +223,17 @@ void MonitorUserInput() {
     ParkIfAsked(kPauseUserMon);
     usleep(kPassPause);
     RelayInput(&fdset);
+    SendWaiting();
     LookForVanished(&looks);
     if (AnyUserMarked(&wakes_seen)) RemoveMarkedUsers();
+    closing_outputs.CloseDone();
   }
 }
 
 int CheckForUserInput(int high_sock, DescriptorSet* fdset) {
   ENTERING();
   timeval timeout = kSelectLimit;
+  closing_outputs.Shorten(&timeout);
   zev_debug(kTrace, "%s: Calling select( %d + 1, fdset, 0, 0, (%d,%d))\n", __func__, high_sock,
             static_cast<int>(timeout.tv_sec), static_cast<int>(timeout.tv_usec));
   const int ready = WaitForMembers(high_sock, *fdset, user_mon_waker, &timeout, WatchOf(user_list));

@@ -22,8 +22,10 @@
 #include "log_directory.h"
 #include "options.h"
 #include "safe_file.h"
+#include "typed_consoles.h"
 #include "user_conn.h"
 #include "user_mon.h"
+#include "user_output.h"
 #include "waker.h"
 #include "zev_steps.h"
 
@@ -158,6 +160,12 @@ void OpenWaker(Waker& waker) {
   EXIT_PROCESS(1);
 }
 
+void OpenEpoll(bool opened) {
+  if (opened) return;
+  DEBUG_AS("Initialize", kError, "epoll_create1() failed : %s\n", strerror(errno));
+  EXIT_PROCESS(1);
+}
+
 void CreateThread(pthread_t* thread, pthread_attr_t* attr, void* (*start)(void*),
                   const char* function, const char* termination_text) {
   pthread_attr_init(attr);
@@ -230,6 +238,8 @@ void Initialize() {
   OpenWaker(cons_mon_waker);
   OpenWaker(user_mon_waker);
   OpenWaker(cmd_mon_waker);
+  OpenEpoll(OpenUserOutputs());
+  OpenEpoll(typed_consoles.Open());
   InitializeLists();
 }
 

@@ -79,7 +79,8 @@ class DispatchTest : public ConsoleMonitorTest {
   }
 
   void Dispatch(std::string_view chunk) {
-    DispatchConsoleOutput(console_.node, chunk.data(), static_cast<int>(chunk.size()));
+    std::string turn(chunk);
+    DispatchConsoleOutput(console_.node, turn.data(), static_cast<int>(turn.size()));
   }
 
   std::string Ring() const {

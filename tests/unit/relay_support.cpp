@@ -13,6 +13,7 @@
 #include "event.h"
 #include "lists.h"
 #include "options.h"
+#include "user_output.h"
 #include "zev_signal.h"
 
 using namespace zevd;
@@ -50,6 +51,7 @@ std::vector<std::string> Names(const ConsoleList& list) {
 Attached<UserNode> AttachUser(ConsoleNode* cnode, const char* name, int mode) {
   SocketPair pair;
   UserNode* unode = NewUserNode(pair.ours.Release(), cnode, name, "192.0.2.1", mode);
+  if (!unode->output->Watch()) ThrowErrno("epoll_ctl");
   if (AddUserToList(unode, cnode->user_list) != 0 || AddUserToList(unode, user_list) != 0) {
     throw std::bad_alloc();
   }
@@ -90,6 +92,7 @@ RelayTest::RelayTest() {
   ArrangeCancelSignal();
   OpenOnce(cons_mon_waker);
   OpenOnce(user_mon_waker);
+  if (UserOutputsDescriptor() == -1 && !OpenUserOutputs()) ThrowErrno("epoll_create1");
   debug_level = kError - 1;
   ConnectToJix();
 }

@@ -127,10 +127,13 @@ void SendText(int sock, std::string_view text) {
   }
 }
 
-void FillUp(int sock) {
+size_t FillUp(int sock) {
   const std::string chunk(65536, 'x');
-  while (send(sock, chunk.data(), chunk.size(), MSG_DONTWAIT) > 0) {
+  size_t filling = 0;
+  for (ssize_t sent = 0; sent >= 0; sent = send(sock, chunk.data(), chunk.size(), MSG_DONTWAIT)) {
+    filling += static_cast<size_t>(sent);
   }
+  return filling;
 }
 
 std::string Receive(int sock, size_t count) {

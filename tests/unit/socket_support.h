@@ -79,8 +79,8 @@ bool Eventually(const std::function<bool()>& condition);
 bool WaitReadable(int sock);
 void SendText(int sock, std::string_view text);
 
-/// Sends until there is no more room.
-void FillUp(int sock);
+/// Sends until there is no more room. Returns the number of bytes sent.
+size_t FillUp(int sock);
 
 /// Exactly `count` bytes; fewer only at the end of the stream or after 10 seconds without any.
 std::string Receive(int sock, size_t count);

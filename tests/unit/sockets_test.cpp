@@ -1,4 +1,4 @@
-// The sockets of the relay: their options, their room and bounded sends.
+// The sockets of the relay: their options and bounded sends.
 #include "sockets.h"
 
 #include <gtest/gtest.h>
@@ -11,16 +11,11 @@
 #include <chrono>
 #include <string>
 
-#include "failure_support.h"
 #include "relay_support.h"
 
 using namespace zevd;
 
 namespace {
-
-using test::Call;
-using test::FailCall;
-using test::SocketPair;
 
 // ---- Options ------------------------------------------------------------------------------------
 
@@ -74,61 +69,6 @@ TEST(TelnetOptionsTest, AreTwoOffersInSeparateSends) {
   EXPECT_EQ(test::Receive(theirs.get(), 3), "\xFF\xFB\x01");
   EXPECT_EQ(test::Receive(theirs.get(), 3), "\xFF\xFB\x03");
   EXPECT_EQ(test::ReceiveAvailable(theirs.get()), "");
-}
-
-// ---- Room ---------------------------------------------------------------------------------------
-
-class SendRoomTest : public ::testing::Test {
- protected:
-  int sock() const { return pair_.ours.get(); }
-  std::string Received() const { return test::ReceiveAvailable(pair_.theirs.get()); }
-
-  SocketPair pair_;
-};
-
-TEST_F(SendRoomTest, RoomIsThereUntilThePeerStopsReading) {
-  EXPECT_TRUE(HasSendRoom(sock()));
-  test::FillUp(sock());
-  EXPECT_FALSE(HasSendRoom(sock()));
-  Received();
-  EXPECT_TRUE(HasSendRoom(sock()));
-}
-
-TEST_F(SendRoomTest, PeerThatIsGoneCountsAsRoom) {
-  test::FillUp(sock());
-  pair_.theirs.Reset();
-  EXPECT_TRUE(HasSendRoom(sock()));
-}
-
-TEST_F(SendRoomTest, BudgetSendsLikeSend) {
-  SendBudget budget;
-  EXPECT_EQ(budget.Send(sock(), "abc", 3, 0), 3);
-  EXPECT_EQ(Received(), "abc");
-  const FailCall failure(Call::kSend, ECONNRESET);
-  EXPECT_EQ(budget.Send(sock(), "abc", 3, 0), -1);
-  EXPECT_EQ(errno, ECONNRESET);
-}
-
-TEST_F(SendRoomTest, BudgetWaitsForRoom) {
-  SendBudget budget;
-  const FailCall failure(Call::kSend, EAGAIN, 1, 1);
-  const FailCall waits(Call::kPoll, EINTR, 1, 0);
-  EXPECT_EQ(budget.Send(sock(), "abc", 3, 0), 3);
-  EXPECT_EQ(failure.calls(), 2);
-  EXPECT_EQ(waits.calls(), 1);
-}
-
-TEST_F(SendRoomTest, BudgetIsSpentOnceForAllItsSends) {
-  test::FillUp(sock());
-  SendBudget budget;
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(budget.Send(sock(), "x", 1, 0), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-  const FailCall waits(Call::kPoll, EINTR, 1, 0);
-  EXPECT_EQ(budget.Send(sock(), "x", 1, 0), -1);
-  EXPECT_EQ(errno, EAGAIN);
-  EXPECT_EQ(waits.calls(), 0);
 }
 
 }  // namespace

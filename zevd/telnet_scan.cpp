@@ -1,0 +1,60 @@
+#include "telnet_scan.h"
+
+#include <cstring>
+
+namespace zevd {
+
+namespace {
+
+// RFC 854.
+constexpr unsigned char kSubnegotiationEnd = 240;
+constexpr unsigned char kSubnegotiationBegin = 250;
+constexpr unsigned char kWill = 251;
+constexpr unsigned char kDont = 254;
+constexpr unsigned char kInterpretAsCommand = 255;
+
+}  // namespace
+
+TelnetScan::State TelnetScan::After(unsigned char byte) const {
+  switch (state_) {
+    case State::kCommand:
+      if (byte == kSubnegotiationBegin) return State::kSubnegotiation;
+      return byte >= kWill && byte <= kDont ? State::kOption : State::kText;
+    case State::kSubnegotiation:
+      return byte == kInterpretAsCommand ? State::kCommandInside : State::kSubnegotiation;
+    case State::kCommandInside:
+      return byte == kSubnegotiationEnd ? State::kText : State::kSubnegotiation;
+    case State::kText:
+    case State::kOption:
+      break;
+  }
+  return State::kText;
+}
+
+void TelnetScan::Step(unsigned char byte) {
+  state_ = After(byte);
+  if (++length_ >= kLongestCommand) state_ = State::kText;
+}
+
+void TelnetScan::Scan(const char* bytes, size_t count) {
+  const char* end = bytes + count;
+  while (bytes != end) {
+    if (InCommand()) {
+      Step(static_cast<unsigned char>(*bytes++));
+      continue;
+    }
+    const void* found = memchr(bytes, kInterpretAsCommand, static_cast<size_t>(end - bytes));
+    if (found == nullptr) return;
+    bytes = static_cast<const char*>(found) + 1;
+    state_ = State::kCommand;
+    length_ = 1;
+  }
+}
+
+size_t TelnetScan::ScanToEndOfCommand(const char* bytes, size_t count) {
+  size_t scanned = 0;
+  while (InCommand() && scanned < count) Step(static_cast<unsigned char>(bytes[scanned++]));
+  return scanned;
+}
+
+}  // namespace zevd
