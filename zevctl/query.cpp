@@ -10,6 +10,7 @@
 #include <sstream>
 #include <thread>
 
+#include "attendance.h"
 #include "command_port.h"
 #include "console_words.h"
 #include "output.h"
@@ -174,16 +175,14 @@ ExitStatus List(const Settings& settings, const ListOptions& options) {
 
 using Patterns = std::vector<std::string>;
 
-std::vector<std::string> NamesFor(CommandPort& port, const Patterns& patterns) {
-  return NamesOf(Select(port.Consoles(), patterns));
-}
-
 ExitStatus Who(const Settings& settings, const Patterns& patterns) {
   Station station(settings);
   Json data = Json::array();
   Table table({"CONSOLE", "USER", "MODE", "ADDRESS"});
-  for (const std::string& name : NamesFor(station.Port(), patterns)) {
-    for (const UserRecord& user : station.Port().Users(name)) {
+  Attendance attendance(station.Port());
+  for (const auto& consoles : GroupedByName(Select(station.Port().Consoles(), patterns))) {
+    const std::string& name = consoles.front().name;
+    for (const UserRecord& user : attendance.At(consoles)) {
       const std::string mode = ModeInWords(user.mode);
       data.push_back({{"console", Utf8(name)},
                       {"user", Utf8(user.name)},
@@ -251,7 +250,7 @@ class HolderReport {
 ExitStatus Holder(const Settings& settings, const Patterns& patterns) {
   Station station(settings);
   HolderReport report;
-  for (const std::string& name : NamesFor(station.Port(), patterns)) {
+  for (const std::string& name : NamesOf(Select(station.Port().Consoles(), patterns))) {
     report.Ask(station.Port(), name);
   }
   return report.Print(settings.json);

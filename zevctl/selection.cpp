@@ -6,7 +6,7 @@
 
 #include <algorithm>
 #include <iterator>
-#include <set>
+#include <map>
 
 #include "output.h"
 #include "prompt.h"
@@ -62,15 +62,23 @@ template std::vector<ConsoleRecord> Select(const std::vector<ConsoleRecord>& rec
 template std::vector<MappedPortRecord> Select(const std::vector<MappedPortRecord>& records,
                                               const std::vector<std::string>& patterns);
 
-std::vector<std::string> NamesOf(const std::vector<ConsoleRecord>& consoles) {
+std::vector<std::vector<ConsoleRecord>> GroupedByName(const std::vector<ConsoleRecord>& consoles) {
   const auto less = [](const std::string& a, const std::string& b) {
     return strcasecmp(a.c_str(), b.c_str()) < 0;
   };
-  std::set<std::string, decltype(less)> seen(less);
-  std::vector<std::string> names;
+  std::map<std::string, size_t, decltype(less)> places(less);
+  std::vector<std::vector<ConsoleRecord>> groups;
   for (const ConsoleRecord& console : consoles) {
-    if (seen.insert(console.name).second) names.push_back(console.name);
+    const auto [place, is_new] = places.emplace(console.name, groups.size());
+    if (is_new) groups.emplace_back();
+    groups[place->second].push_back(console);
   }
+  return groups;
+}
+
+std::vector<std::string> NamesOf(const std::vector<ConsoleRecord>& consoles) {
+  std::vector<std::string> names;
+  for (const auto& group : GroupedByName(consoles)) names.push_back(group.front().name);
   return names;
 }
 

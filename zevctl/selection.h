@@ -18,7 +18,12 @@ template <typename Record>
 std::vector<Record> Select(const std::vector<Record>& records,
                            const std::vector<std::string>& patterns);
 
-/// The names of the records, each once: the daemon acts on names, and case does not count there.
+/// The records of each name together, in the order of the first of each: case does not count for
+/// the daemon.
+std::vector<std::vector<ConsoleRecord>> GroupedByName(const std::vector<ConsoleRecord>& consoles);
+
+/// The names of the records, each once, as the first record of each has it: the daemon acts on
+/// names.
 std::vector<std::string> NamesOf(const std::vector<ConsoleRecord>& consoles);
 
 /// Asks before something is done to more than one console, when there is somebody to ask. `action`

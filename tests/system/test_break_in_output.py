@@ -76,7 +76,7 @@ def test_a_question_is_shown_harmlessly():
 
 def test_the_users_are_shown_harmlessly():
     user = struct.pack("<32s64s2s", b"\x1b[2Jx", HOSTILE, b"2")
-    answers = {"console": [console_record(b"box")], "who": [user]}
+    answers = {"console": [console_record(b"box", state=b"1")], "who": [user]}
     with FakeDaemon(**answers) as daemon:
         shown = on_terminal(daemon, zevctl.OK, "who")
     assert "?[2Jx" in shown and SHOWN in shown

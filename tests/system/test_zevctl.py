@@ -4,6 +4,7 @@ import os
 import pwd
 import re
 import signal
+import struct
 import subprocess
 
 import pytest
@@ -11,6 +12,7 @@ import pytest
 from harness import zevctl
 from harness.access import banner
 from harness.consoles import refusal
+from harness.impostors import FakeDaemon, console_record
 from harness.scenes import connected
 from harness.waiting import LIMIT, free_port, stretched, wait_until
 from harness.zevctl import Terminal
@@ -152,6 +154,68 @@ def test_who_shows_names_modes_and_addresses(rack):
         ["CONSOLE", "USER", "MODE", "ADDRESS"],
         ["web2", "eve", "exclusive-revoke", "127.0.0.1"]]
     assert zevctl.data(rack, "who") == zevctl.data(rack, "who", "*")
+
+
+def commands(text: str) -> list[str]:
+    """The commands that the daemon says it has received."""
+    return re.findall(r'Received command "([^"\n]*)\n?" from ', text)
+
+
+def test_who_asks_only_about_consoles_that_may_have_somebody(station):
+    """A refused console may have a holder, but of a model without holders one is asked about."""
+    up = [station.console(name) for name in ("web1", "web2")]
+    held = [station.console(name, model="P100", greeting=refusal("10.9.8.7"))
+            for name in ("px1", "px2")]
+    for name in ("db1", "db2"):
+        station.console(name, listening=False)
+    station.console("off", enable=0)
+    station.start()
+    for console in up:
+        connected(station, console, console.name)
+    for console in held:
+        console.accept()
+    wait_until(lambda: [entry["state"] for entry in zevctl.data(station, "list", "px*", "db*")]
+               == 4 * ["refused"], what="four consoles to be refused")
+    station.attach("web1", user="ann")
+    position = station.mark()
+    found = zevctl.data(station, "who")
+    assert sorted((entry["console"], entry["user"]) for entry in found) == [
+        ("px1", "Unknown"), ("px2", "Unknown"), ("web1", "ann")]
+    _, *sent = commands(station.log_text(position))  # the first is the client's probe
+    db = "db1" if "who db1" in sent else "db2"
+    assert sent[:2] == ["console", "who web1"]
+    assert sorted(sent[2:]) == sorted(
+        [f"who {db}", f"console {db}", f"who {db}", "who px1", "who px2"])
+
+
+ONE, TWO = (console_record(name, state=b"3") for name in (b"one", b"two"))
+HOLDER = struct.pack("<32s64s2s", b"Unknown", b"10.9.8.7", b"5")
+
+
+@pytest.mark.parametrize("now, asked_next, shown", [
+    ([ONE], "who one", []),
+    ([console_record(b"one", state=b"4")], "who two", ["two"]),
+    ([console_record(b"one", state=b"3", model=b"P100")], "who two", ["two"]),
+    ([], "who two", ["two"]),
+])
+def test_a_console_that_is_tried_again_does_not_tell_whether_its_model_has_holders(
+        now, asked_next, shown):
+    answers = {"console": [ONE, TWO], "console one": now, "who one": [], "who two": [HOLDER]}
+    with FakeDaemon(**answers) as daemon:
+        found = zevctl.data(daemon, "who")
+        assert [entry["console"] for entry in found] == shown
+        assert daemon.commands == ["console", "who one", "console one", asked_next]
+
+
+@pytest.mark.parametrize("states, asked", [
+    ((b"0", b"1"), True), ((b"1", b"0"), True), ((b"0", b"3"), True), ((b"3", b"3"), True),
+    ((b"0", b"5"), False)])
+def test_names_that_differ_in_case_are_asked_about_once(states, asked):
+    records = [console_record(name, state=state) for name, state in zip((b"Box", b"BOX"), states)]
+    with FakeDaemon(console=records, who=[HOLDER]) as daemon:
+        found = zevctl.data(daemon, "who")
+        assert [entry["console"] for entry in found] == (["Box"] if asked else [])
+        assert daemon.commands == ["console", *(["who Box"] if asked else [])]
 
 
 def test_who_shows_the_holder_of_a_management_port(station):

@@ -18,6 +18,7 @@ namespace {
 using namespace std::string_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::ResultOf;
 
 // ---- Records ------------------------------------------------------------------------------------
 
@@ -285,6 +286,16 @@ TEST(ZevctlSelectionTest, KeepsTheOrderOfTheRecordsAndTakesEachOnce) {
 
 TEST(ZevctlSelectionTest, NamesThatDifferOnlyInCaseAreListedOnce) {
   EXPECT_THAT(NamesOf({Named("Box"), Named("box"), Named("BOX2")}), ElementsAre("Box", "BOX2"));
+}
+
+TEST(ZevctlSelectionTest, RecordsOfOneNameAreTogetherAndInOrder) {
+  const auto groups = GroupedByName({Named("Box"), Named("a"), Named("box"), Named("BOX")});
+  ASSERT_EQ(groups.size(), 2);
+  const auto name = [](const ConsoleRecord& console) { return console.name; };
+  EXPECT_THAT(groups[0],
+              ElementsAre(ResultOf(name, "Box"), ResultOf(name, "box"), ResultOf(name, "BOX")));
+  EXPECT_THAT(groups[1], ElementsAre(ResultOf(name, "a")));
+  EXPECT_THAT(GroupedByName({}), IsEmpty());
 }
 
 TEST(ZevctlConsoleWordsTest, CodesInWords) {

@@ -78,21 +78,24 @@ class Impostor(Closing):
         self._process.wait()
 
 
-def console_record(name: bytes, address: bytes = b"127.0.0.1", state: bytes = b"0") -> bytes:
+def console_record(name: bytes, address: bytes = b"127.0.0.1", state: bytes = b"0",
+                   model: bytes = b"A200") -> bytes:
     """A console as the command port describes it."""
-    return struct.pack("<64s64sHH64s64s2s2s", name, address, 1, 2, b"A200", b"sys1", state, b"0")
+    return struct.pack("<64s64sHH64s64s2s2s", name, address, 1, 2, model, b"sys1", state, b"0")
 
 
 class FakeDaemon(Closing):
     """A command port, of this process, that answers with what a test gives it.
 
-    `answers` has the records, or the text of an error, for each command's first word; every other
-    command is done. `opening` is sent in place of the first answer.
+    `answers` has the records, or the text of an error, for each command or else for its first word;
+    every other command is done. `opening` is sent in place of the first answer. `commands` are
+    those that have come.
     """
 
     def __init__(self, opening: bytes = b"", **answers: list[bytes] | bytes) -> None:
         self._opening = opening
         self._answers = answers
+        self.commands: list[str] = []
         self._listener = socket.create_server(("127.0.0.1", 0))
         self.port = self._listener.getsockname()[1]
         self._thread = threading.Thread(target=self._serve, daemon=True)
@@ -113,10 +116,12 @@ class FakeDaemon(Closing):
         caller.sendall(self._error(b"Unrecognized command"))
         lines.read(2)  # the probe, which has no line end
         while line := lines.readline():
-            caller.sendall(self._answer(line.split()[0].decode()))
+            command = line.decode("latin-1").strip()
+            self.commands.append(command)
+            caller.sendall(self._answer(command))
 
     def _answer(self, command: str) -> bytes:
-        answer = self._answers.get(command)
+        answer = self._answers.get(command, self._answers.get(command.split()[0]))
         if answer is None:
             return struct.pack("<II", 3, 0)
         if isinstance(answer, bytes):
