@@ -1,6 +1,7 @@
 """The client's sessions at a console: on a terminal, piped, refused, ended and retried."""
 
 import contextlib
+import hashlib
 import os
 import re
 import select
@@ -8,6 +9,7 @@ import signal
 import subprocess
 import termios
 import threading
+from typing import Iterator
 
 import pexpect
 import pytest
@@ -15,7 +17,8 @@ import pytest
 # `box` is a fixture.
 from harness.access import box, bring_up, terminated_by, user_monitor_frozen
 from harness.commands import DONE, Tool
-from harness.consoles import NEGOTIATION, ShellConsole, TelnetServerConsole
+from harness.consoles import NEGOTIATION, FakeConsole, ShellConsole, TelnetServerConsole
+from harness.peers import OFFERS
 from harness.scenes import attach_when_accessible, connected, numbered, print_and_wait
 from harness.terminals import close_terminal
 from harness.waiting import LIMIT, free_port, stretched, wait_until
@@ -106,12 +109,12 @@ def piped(station, *arguments: str, stdout=subprocess.PIPE):
 
 
 def assert_small(pid: int) -> None:
-    """The client holds no more than some megabytes.
+    """The client has never held more than some megabytes.
 
     A sanitizer build is not judged: it keeps what was freed.
     """
     with open(f"/proc/{pid}/status", encoding="ascii") as status:
-        held = next(int(line.split()[1]) for line in status if line.startswith("VmRSS:")) * 1024
+        held = next(int(line.split()[1]) for line in status if line.startswith("VmHWM:")) * 1024
     with open(f"/proc/{pid}/maps", encoding="latin-1") as maps:
         sanitized = re.search("lib[at]san", maps.read())
     assert sanitized or held < 20_000_000
@@ -650,6 +653,118 @@ def test_a_daemon_that_takes_no_input_does_not_stop_the_output(station, box):
         assert_small(client.pid)
         client.kill()
         feeder.join()
+
+
+# A console that prints far more than is read in time
+
+
+BLOCK = numbered(25_000) + bytes(range(256)) * 100
+BLOCKS = 100  # more than 100 MB in all
+
+
+def not_shown(number: int) -> bytes:
+    """What the daemon puts in the place of output that a user did not read in time."""
+    return b"\r\n[zevd: %d bytes were not shown]\r\n" % number
+
+
+def gaps() -> Iterator[bytes]:
+    """What is shown behind each block: numbers of every length, and two gaps in a row."""
+    yield not_shown(1) + not_shown((1 << 64) - 1)
+    for number in range(1, BLOCKS):
+        yield not_shown(7 ** (number % 20) + number)
+
+
+def flooded_output() -> tuple[str, int]:
+    """The digest and the length of all that is shown."""
+    digest, length = hashlib.sha256(), 0
+    for gap in gaps():
+        digest.update(BLOCK + gap)
+        length += len(BLOCK) + len(gap)
+    return digest.hexdigest(), length
+
+
+class FloodingDaemon(FakeConsole):
+    """The daemon's side of one session, at a console that prints more than is read."""
+
+    def __init__(self) -> None:
+        super().__init__("daemon")
+        self._admission = threading.Thread(target=self._admit)
+        self._admission.start()
+
+    def _admit(self) -> None:
+        self.accept()
+        self.expect(b"\n")
+        self.send(OFFERS)
+
+    @contextlib.contextmanager
+    def flooding(self):
+        """Print it all meanwhile; at the start, the client takes nothing more."""
+        self._admission.join()
+        printer = threading.Thread(target=self._print)
+        printer.start()
+        try:
+            wait_until(lambda: nothing_is_taken(self.socket), what="the client to be full")
+            yield
+        finally:
+            printer.join()
+
+    def _print(self) -> None:
+        block = BLOCK.replace(b"\xff", b"\xff\xff")
+        with contextlib.suppress(OSError):  # the client has been ended
+            for gap in gaps():
+                self.send(block + gap)
+
+
+def shown_of(descriptor: int, length: int) -> str:
+    """The digest of this many bytes that the client shows."""
+    digest = hashlib.sha256()
+    while length > 0:
+        assert select.select([descriptor], [], [], stretched(LIMIT))[0], f"{length} bytes missing"
+        taken = os.read(descriptor, min(length, 65536))
+        assert taken, f"the end, with {length} bytes missing"
+        digest.update(taken)
+        length -= len(taken)
+    return digest.hexdigest()
+
+
+def test_a_hundred_megabytes_and_gaps_are_shown_on_a_terminal():
+    digest, length = flooded_output()
+    with FloodingDaemon() as daemon, Terminal(daemon, "attach", "box") as person:
+        person.expect(ATTACHED)
+        with daemon.flooding():
+            assert shown_of(person.child.child_fd, length) == digest
+        assert_small(person.child.pid)
+        person.type("typed")
+        daemon.expect_exactly(b"typed")
+        leave(person)
+        daemon.expect_exactly(b"\r")
+        daemon.expect_closed()
+
+
+def test_a_hundred_megabytes_and_gaps_pass_through_a_pipe():
+    digest, length = flooded_output()
+    with FloodingDaemon() as daemon, piped(daemon) as client:
+        with daemon.flooding():
+            assert shown_of(client.stdout.fileno(), length) == digest
+        assert_small(client.pid)
+        client.stdin.write(b"typed")
+        client.stdin.close()
+        daemon.expect_exactly(b"typed")
+        assert client.stdout.read() == b""
+        assert client.stderr.read() == LEFT.replace("\r", "").encode()
+        assert client.wait(stretched(LIMIT)) == OK
+
+
+def test_a_terminal_is_left_in_the_middle_of_a_flood():
+    with FloodingDaemon() as daemon, Terminal(daemon, "attach", "box") as person:
+        before = fresh_modes()
+        person.expect(ATTACHED)
+        with daemon.flooding():
+            shown_of(person.child.child_fd, 10 * len(BLOCK))
+            person.type("\r~.")
+            wait_until(lambda: not person.child.isalive(), what="the client to end")
+        assert person.child.exitstatus == OK
+        assert modes_of(person.child) == before
 
 
 # Refusals
