@@ -161,7 +161,23 @@ bool ReadConsole(ConsoleNode* cnode) REQUIRES(acl_lock) {
   counters.console_bytes.Add(static_cast<uint64_t>(count));
   cnode->last_output = time(nullptr);
   DispatchConsoleOutput(cnode, buf, static_cast<int>(count));
-  return count == sizeof buf;
+  // One that has just filled a chunk is likely to go on; one that printed a line is not asked
+  // twice.
+  return count >= static_cast<ssize_t>(kChunkSize);
+}
+
+// The last pass had no time to read everything. This thread's own.
+bool time_ran_out = false;
+
+// An echo ends the pause. Not after a pass that had more to read than time: a console that floods
+// while somebody types at it would end every pause, and threads that wait for acl_lock would hardly
+// get it.
+void PauseBeforePass() {
+  if (time_ran_out) {
+    usleep(kPassPause);
+  } else {
+    typed_consoles.Pause(kPassPause);
+  }
 }
 
 // ---- The steps of a pass ------------------------------------------------------------------------
@@ -276,7 +292,7 @@ void MonitorConsoleOutput() {
   for (;;) {
     ParkIfAsked(kPauseConsMon);
     if (ReloadIsAskedFor()) Reload();
-    typed_consoles.Pause(kPassPause);
+    PauseBeforePass();
     DeleteMarked(&looks);
     RelayOutput(&fdset);
     matcher.Serve();
@@ -323,6 +339,7 @@ void ProcessConsoleOutput(const DescriptorSet& fdset) {
   unfinished.TakeTurns([&] { return time.IsOver(); },
                        [](ConsoleNode* cnode)
                            NO_THREAD_SAFETY_ANALYSIS { return ReadConsole(cnode); });
+  time_ran_out = time.IsOver();
 }
 
 void DispatchConsoleOutput(ConsoleNode* cnode, char* buf, int count) {

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 
 #include "counters.h"
@@ -27,12 +26,18 @@ struct RecordTime {
   RecordTime() : length(GetTimeStamp(text, sizeof text)) {}
 };
 
-/// What stands between time and line in the consolidated log.
+/// What stands between time and line in the consolidated log: the name between blanks. Made for
+/// every record, so without a format.
 struct NameBetween {
-  char text[kNameSize + 2];
+  char text[kNameSize + 1];
   size_t length;
-  explicit NameBetween(const char* cname)
-      : length(static_cast<size_t>(snprintf(text, sizeof text, " %s ", cname))) {}
+  explicit NameBetween(const char* cname) {
+    const size_t name_length = strnlen(cname, kNameSize - 1);
+    text[0] = ' ';
+    memcpy(text + 1, cname, name_length);
+    text[1 + name_length] = ' ';
+    length = name_length + 2;
+  }
 };
 
 void CountWritten(size_t records, size_t bytes) {
