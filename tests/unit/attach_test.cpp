@@ -343,13 +343,14 @@ TEST_F(AttachToBusyConsoleTest, NegotiationThenOffersThenReplay) {
             std::string("\xFF\xFD\x18\xFF\xFB\x03") + kOffers + "!?ol");
 }
 
+// The replay is sent as it lies in its ring.
 TEST_F(AttachToBusyConsoleTest, OffersAndReplayAreSeparateSends) {
   std::array<int, 2> ends{};
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()), 0);
   const Descriptor theirs(ends[1]);
   ASSERT_EQ(ConnectUserToConsole(ends[0], "anna", "192.0.2.9", "busy", kShared), 0);
   for (const std::string_view sent :
-       {"\xFF\xFD\x18\xFF\xFB\x03", "\xFF\xFB\x01", "\xFF\xFB\x03", "!", "?", "o", "l"}) {
+       {"\xFF\xFD\x18\xFF\xFB\x03", "\xFF\xFB\x01", "\xFF\xFB\x03", "!?", "ol"}) {
     std::array<char, 64> message{};
     const ssize_t count = recv(theirs.get(), message.data(), message.size(), MSG_DONTWAIT);
     ASSERT_GT(count, 0);
@@ -492,8 +493,21 @@ TEST_F(AttachTest, NoMemoryForTheRecord) {
               ElementsAre("NewUserNode: malloc() failed : Cannot allocate memory\n",
                           AnnouncesDaemonError("Out of memory"),
                           "ConnectUserToConsole: NewUserNode() failed.\n"));
-  EXPECT_EQ(caller.Received(), kOffers);
+  EXPECT_EQ(caller.Received(), "");
   EXPECT_EQ(console_->ref_count, 0);
+}
+
+TEST_F(AttachTest, NoMemoryToWatchTheSocket) {
+  const DebugCapture debug(kDetail);
+  const FailCall failure(test::Call::kEpollCtl, ENOMEM, 1, 1);
+  const Caller caller = Attach("sys1", kShared);
+  EXPECT_EQ(caller.result, -1);
+  EXPECT_STREQ(u_err_msg, kOutOfMemoryText);
+  EXPECT_THAT(debug.Messages(),
+              ElementsAre("ConnectUserToConsole: epoll_ctl() failed : Cannot allocate memory\n"));
+  EXPECT_EQ(caller.Received(), "");
+  EXPECT_EQ(console_->ref_count, 0);
+  EXPECT_EQ(console_->user_list->count, 0);
 }
 
 /// The sets of both lists have their room, so that only records and elements are allocated.
@@ -514,7 +528,7 @@ class AttachWithoutMemoryTest : public AttachTest {
 // Whichever allocation fails, the caller closes the socket, so nothing may refer to it any more.
 TEST_F(AttachWithoutMemoryTest, NothingIsLeftBehind) {
   const Attached<UserNode> stays = AddUser(kReadOnly);
-  for (const int failing : {1, 2, 3}) {  // the record, and an element of either list
+  for (const int failing : {1, 2, 3, 4}) {  // the record, its output, an element of either list
     SCOPED_TRACE(failing);
     const Caller caller = AttachWithFailure(failing);
     EXPECT_EQ(caller.result, -1);
@@ -526,12 +540,12 @@ TEST_F(AttachWithoutMemoryTest, NothingIsLeftBehind) {
       EXPECT_FALSE(list->fdset.Contains(caller.pair.ours.get()));
     }
   }
-  EXPECT_EQ(AttachWithFailure(4).result, 0);
+  EXPECT_EQ(AttachWithFailure(5).result, 0);
 }
 
 TEST_F(AttachWithoutMemoryTest, FailureOfTheSecondListIsReported) {
   const DebugCapture debug(kDetail);
-  EXPECT_EQ(AttachWithFailure(3).result, -1);
+  EXPECT_EQ(AttachWithFailure(4).result, -1);
   EXPECT_THAT(debug.Messages(),
               ElementsAre("NewUserListElem: malloc() failed : Cannot allocate memory\n",
                           AnnouncesDaemonError("Out of memory"),

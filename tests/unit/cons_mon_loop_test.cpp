@@ -78,7 +78,7 @@ TEST_F(MonitorLoopTest, LoopRelaysDeletesMovesAndParks) {
 
 // Whichever allocation fails in the first pass, the console that finds no room is lost, and the
 // others are moved in the second pass although nobody wakes the loop again. It runs in the only
-// thread of a child; every pass begins with a sleep.
+// thread of a child; every pass begins with a pause.
 void ExpectOthersToBeMoved(const std::vector<int>& peers, int failing) {
   for (const int peer : peers) shutdown(peer, SHUT_WR);
   test::FakeClock clock;

@@ -195,9 +195,6 @@ WRAP_ERRNO(int, fchown, Call::kFchown, (int fd, uid_t owner, gid_t group), (fd, 
 WRAP_ERRNO(int, flock, Call::kFlock, (int fd, int operation), (fd, operation))
 WRAP_ERRNO(int, ftruncate, Call::kFtruncate, (int fd, off_t length), (fd, length))
 WRAP_ERRNO(int, gethostname, Call::kGethostname, (char* name, size_t size), (name, size))
-WRAP_ERRNO(int, ppoll, Call::kPpoll,
-           (pollfd * fds, nfds_t count, const timespec* limit, const sigset_t* mask),
-           (fds, count, limit, mask))
 WRAP_ERRNO(ssize_t, recv, Call::kRecv, (int fd, void* buf, size_t size, int flags),
            (fd, buf, size, flags))
 WRAP_ERRNO(int, select, Call::kSelect,
@@ -235,6 +232,19 @@ int __wrap_poll(pollfd* fds, nfds_t count, int timeout) {
   const bool output = count == 1 && fds[0].fd == STDOUT_FILENO;
   const std::optional<int> result = output ? std::nullopt : test::ResultOf(Call::kPoll);
   return result ? *result : __real_poll(fds, count, timeout);
+}
+
+int __real_ppoll(pollfd* fds, nfds_t count, const timespec* limit, const sigset_t* mask);
+int __wrap_ppoll(pollfd* fds, nfds_t count, const timespec* limit, const sigset_t* mask);
+int __wrap_ppoll(pollfd* fds, nfds_t count, const timespec* limit, const sigset_t* mask) {
+  const std::optional<int> result = test::ResultOf(Call::kPpoll);
+  if (result) return *result;
+  const bool pauses = test::fake_clock != nullptr && test::fake_clock->on_sleep && mask == nullptr;
+  if (!pauses) return __real_ppoll(fds, count, limit, mask);
+  const auto pause = static_cast<useconds_t>(limit->tv_sec * 1'000'000 + limit->tv_nsec / 1000);
+  test::fake_clock->sleeps.push_back(pause);
+  test::fake_clock->on_sleep(pause);
+  return 0;
 }
 
 ssize_t __real_write(int fd, const void* buf, size_t size);

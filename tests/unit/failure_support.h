@@ -102,13 +102,14 @@ class FakeClock {
   /// From now on usleep() does not sleep and advances the clock by whole seconds.
   void AdvanceOnSleep(time_t seconds);
 
-  /// From now on usleep() does not sleep and runs `action` with its argument.
+  /// From now on usleep() does not sleep and runs `action` with its argument; so does ppoll() with
+  /// a time limit and without a signal mask, and finds nothing.
   void OnSleep(std::function<void(useconds_t)> action);
 
   /// The microseconds field of gettimeofday(); 0 at first.
   void SetMicroseconds(suseconds_t microseconds);
 
-  /// The arguments of usleep() so far.
+  /// The arguments of usleep() so far, and the time limits of such ppoll() calls.
   const std::vector<useconds_t>& sleeps() const;
 };
 
