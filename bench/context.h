@@ -42,6 +42,8 @@ void RunCommand(Context& context);
 void RunReload(Context& context);
 void RunRacks(Context& context);
 void RunFaults(Context& context);
+void RunFlood(Context& context);
+void RunFanOutFlood(Context& context);
 
 /// The same measured through the daemon and through the relay.
 struct Samples {

@@ -19,7 +19,7 @@
 namespace bench {
 
 const std::string kConsoleLine =
-    "unit3 daemon[1234]: request 0001234 done in 12 ms, queue of 3, load 0.42, sir.\r\n";
+    "unit3 daemon(1234): request 0001234 done in 12 ms, queue of 3, load 0.42, sir.\r\n";
 
 namespace {
 
@@ -29,17 +29,7 @@ constexpr size_t kTaskMark = kMarks + 1;
 constexpr size_t kClockMark = kMarks + 2;
 constexpr long kTick = 10'000'000;  // nanoseconds
 constexpr size_t kTicksPerLine = 1'000'000'000 / kTick / kLinesPerSecond;
-constexpr size_t kBlockLines = 800;
 constexpr uint32_t kFirstAddress = 0x7F010000;  // 127.1.0.0
-
-const std::string& FloodBlock() {
-  static const std::string block = [] {
-    std::string text;
-    for (size_t i = 0; i < kBlockLines; ++i) text += kConsoleLine;
-    return text;
-  }();
-  return block;
-}
 
 void Watch(const Descriptor& poll, int fd, uint64_t mark, uint32_t events, int operation) {
   epoll_event event{};
@@ -63,7 +53,25 @@ Descriptor NewClock() {
   return clock;
 }
 
+// The line with another number in the place of its own.
+std::string Numbered(size_t number) {
+  static const std::string own = "0001234";
+  std::string digits = std::to_string(number);
+  digits.insert(0, own.size() - digits.size(), '0');
+  std::string line = kConsoleLine;
+  return line.replace(line.find(own), own.size(), digits);
+}
+
 }  // namespace
+
+const std::string& FloodLines() {
+  static const std::string lines = [] {
+    std::string text;
+    for (size_t number = 0; number < kFloodCycle; ++number) text += Numbered(number);
+    return text;
+  }();
+  return lines;
+}
 
 Farm::Farm()
     : listener_(ListenOn()),
@@ -127,6 +135,12 @@ void Farm::Flood(size_t first, size_t count, uint64_t lines) {
       Watch(number, Find(number), true);
     }
   });
+}
+
+uint64_t Farm::FloodedBytes(size_t console) {
+  uint64_t bytes = 0;
+  Do([&] { bytes = Find(console).flooded; });
+  return bytes;
 }
 
 void Farm::Do(const std::function<void()>& task) {
@@ -251,14 +265,13 @@ bool Farm::SendPending(Console& console) {
 }
 
 bool Farm::SendFlood(Console& console) {
-  const std::string& block = FloodBlock();
-  // The block repeats one line, so what is left tells where in the line the stream stands.
-  const size_t line = kConsoleLine.size();
-  const size_t from = (line - console.flood_left % line) % line;
-  const size_t count = std::min<uint64_t>(block.size() - from, console.flood_left);
+  const std::string& lines = FloodLines();
+  const size_t from = console.flooded % lines.size();
+  const size_t count = std::min<uint64_t>(lines.size() - from, console.flood_left);
   if (count == 0) return true;
-  const ssize_t sent = send(console.sock.get(), block.data() + from, count, MSG_NOSIGNAL);
+  const ssize_t sent = send(console.sock.get(), lines.data() + from, count, MSG_NOSIGNAL);
   if (sent < 0) return errno == EAGAIN;
+  console.flooded += static_cast<uint64_t>(sent);
   console.flood_left -= static_cast<uint64_t>(sent);
   return true;
 }

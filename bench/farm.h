@@ -19,9 +19,15 @@ namespace bench {
 
 /// What a console says when it is called. It also ends the daemon's wait for a telnet negotiation.
 inline constexpr std::string_view kGreeting = "ready\r\n";
-/// The line that consoles print, 80 bytes with its end.
+/// The line that consoles print, 80 bytes with its end. It has no "[": a reader who looks for what
+/// the daemon itself says in brackets finds nothing else.
 extern const std::string kConsoleLine;
 inline constexpr int kLinesPerSecond = 10;
+
+/// A flood repeats these lines. They are as long as kConsoleLine and differ in their number alone,
+/// so that a line that is missing, doubled or in a wrong place is noticed.
+inline constexpr size_t kFloodCycle = 10'000;
+const std::string& FloodLines();
 
 class Farm {
  public:
@@ -48,9 +54,12 @@ class Farm {
   void Print(size_t first, size_t count, const std::string& text);
   /// From now on the consoles first .. first + count - 1, and no others, print kLinesPerSecond.
   void PrintSteadily(size_t first, size_t count);
-  /// Each of the consoles prints kConsoleLine so many times, as fast as it is read.
+  /// Each of the consoles prints so many of the numbered lines, as fast as it is read. Its numbers
+  /// go on where its last flood ended.
   void Flood(size_t first, size_t count, uint64_t lines);
   void EndFlood(size_t first, size_t count) { Flood(first, count, 0); }
+  /// Bytes that the console has printed in all its floods so far.
+  uint64_t FloodedBytes(size_t console);
 
  private:
   struct Console {
@@ -58,6 +67,7 @@ class Farm {
     Descriptor sock;
     std::string pending;      // could not be sent yet
     std::string reply;        // instead of an echo
+    uint64_t flooded = 0;     // bytes
     uint64_t flood_left = 0;  // bytes
     bool reading = true;
     bool watched_for_room = false;
@@ -72,8 +82,8 @@ class Farm {
   bool Receive(Console& console);
   void Send(size_t number, Console& console, std::string_view text);
   void SendMore(size_t number, Console& console);
-  bool SendPending(Console& console);
-  bool SendFlood(Console& console);
+  static bool SendPending(Console& console);
+  static bool SendFlood(Console& console);
   void Watch(size_t number, Console& console, bool for_room);
   void Drop(size_t number);
   Console& Find(size_t number);

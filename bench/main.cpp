@@ -6,7 +6,9 @@
 #include <iostream>
 
 #include "context.h"
+#include "logger.h"
 #include "machine.h"
+#include "repeater.h"
 
 namespace {
 
@@ -25,6 +27,9 @@ constexpr Scenario kScenarios[] = {
     {"reload", "SIGHUP with a long configuration", bench::RunReload},
     {"racks", "beside thousands of consoles that hang or refuse", bench::RunRacks},
     {"faults", "somebody's echo while a peer misbehaves, and afterwards", bench::RunFaults},
+    {"flood", "consoles that print as fast as they are read, beside a bare logger",
+     bench::RunFlood},
+    {"fan-out-flood", "such a console's output to many users", bench::RunFanOutFlood},
 };
 
 struct Options {
@@ -54,8 +59,9 @@ void Declare(CLI::App& app, Options& options) {
 }
 
 void List() {
+  constexpr size_t kWidth = 15;
   for (const Scenario& scenario : kScenarios) {
-    std::cout << scenario.name << std::string(10 - std::string(scenario.name).size(), ' ')
+    std::cout << scenario.name << std::string(kWidth - std::string(scenario.name).size(), ' ')
               << scenario.summary << '\n';
   }
 }
@@ -91,8 +97,21 @@ std::string DaemonBesideThisProgram() {
   return std::filesystem::read_symlink("/proc/self/exe").replace_filename("zevd");
 }
 
+// Does not return when the words are those of a yardstick.
+void LiveAsYardstick(const std::vector<std::string>& words) {
+  const auto number = [&](size_t at) { return std::stoul(words.at(at)); };
+  if (words.empty()) return;
+  if (words[0] == bench::kRelayWord) bench::LiveAsRelay();
+  if (words[0] == bench::kLoggerWord) {
+    bench::LiveAsLogger(static_cast<uint16_t>(number(1)), number(2));
+  }
+  if (words[0] == bench::kRepeaterWord) {
+    bench::LiveAsRepeater(static_cast<uint16_t>(number(1)), number(2));
+  }
+}
+
 int Main(int argc, char** argv) {
-  if (argc == 2 && argv[1] == std::string(bench::kRelayWord)) bench::LiveAsRelay();
+  LiveAsYardstick({argv + 1, argv + argc});
   Options options;
   options.daemon = DaemonBesideThisProgram();
   CLI::App app("Measures the daemon against a plain relay.", "zevd_bench");

@@ -14,10 +14,10 @@ namespace bench {
 
 namespace {
 
-constexpr size_t kColumns = 7;
+constexpr size_t kColumns = 9;
 using Cells = std::array<std::string, kColumns>;
-const Cells kHeadings = {"scenario", "figure",       "unit",          "daemon",
-                         "relay",    "daemon/relay", "daemon, spread"};
+const Cells kHeadings = {"scenario", "figure",         "unit", "daemon", "yardstick",
+                         "ratio",    "daemon, spread", "goal", "met"};
 constexpr size_t kFirstNumber = 3;  // columns from here on are set flush right
 
 std::string Number(double value, int digits) {
@@ -46,9 +46,48 @@ double Largest(const std::vector<double>& values) {
   return *std::max_element(values.begin(), values.end());
 }
 
-// Nothing when the relay has no such figure, or one too small for its clock.
+// Nothing when the yardstick has no such figure, or one too small for its clock.
 bool HasRatio(const Row& row) {
-  return !row.relay.empty() && Median(row.relay) > 0;
+  return !row.yardstick.empty() && Median(row.yardstick) > 0;
+}
+
+double RatioOf(const Row& row) {
+  return Median(row.daemon) / Median(row.yardstick);
+}
+
+bool IsOfRatio(const Goal& goal) {
+  return goal.kind == Goal::Kind::kRatioAtLeast || goal.kind == Goal::Kind::kRatioAtMost;
+}
+
+// "0.3x" is a ratio, "20" is in the unit of the row.
+std::string Text(const Goal& goal) {
+  if (goal.kind == Goal::Kind::kNone) return "";
+  std::ostringstream text;
+  text << (goal.kind == Goal::Kind::kRatioAtLeast ? ">= " : "<= ") << goal.limit;
+  if (IsOfRatio(goal)) text << "x";
+  if (goal.kind == Goal::Kind::kNeverOver) text << " always";
+  return text.str();
+}
+
+bool IsMet(const Row& row) {
+  switch (row.goal.kind) {
+    case Goal::Kind::kRatioAtLeast:
+      return HasRatio(row) && RatioOf(row) >= row.goal.limit;
+    case Goal::Kind::kRatioAtMost:
+      return HasRatio(row) && RatioOf(row) <= row.goal.limit;
+    case Goal::Kind::kAtMost:
+      return Median(row.daemon) <= row.goal.limit;
+    case Goal::Kind::kNeverOver:
+      return Largest(row.daemon) <= row.goal.limit;
+    case Goal::Kind::kNone:
+      break;
+  }
+  return true;
+}
+
+std::string Verdict(const Row& row) {
+  if (row.goal.kind == Goal::Kind::kNone) return "";
+  return IsMet(row) ? "yes" : "no";
 }
 
 Cells CellsOf(const Row& row) {
@@ -58,9 +97,11 @@ Cells CellsOf(const Row& row) {
       row.figure,
       row.unit,
       Number(daemon, row.digits),
-      row.relay.empty() ? "-" : Number(Median(row.relay), row.digits),
-      HasRatio(row) ? Ratio(daemon / Median(row.relay)) : "-",
-      Number(Smallest(row.daemon), row.digits) + " .. " + Number(Largest(row.daemon), row.digits)};
+      row.yardstick.empty() ? "-" : Number(Median(row.yardstick), row.digits),
+      HasRatio(row) ? Ratio(RatioOf(row)) : "-",
+      Number(Smallest(row.daemon), row.digits) + " .. " + Number(Largest(row.daemon), row.digits),
+      Text(row.goal),
+      Verdict(row)};
 }
 
 nlohmann::json Json(const std::vector<double>& samples) {
@@ -72,10 +113,17 @@ nlohmann::json Json(const std::vector<double>& samples) {
 }
 
 nlohmann::json Json(const Row& row) {
-  nlohmann::json json = {{"scenario", row.scenario}, {"figure", row.figure},
-                         {"unit", row.unit},         {"daemon", Json(row.daemon)},
-                         {"relay", Json(row.relay)}, {"ratio", nullptr}};
-  if (HasRatio(row)) json["ratio"] = Median(row.daemon) / Median(row.relay);
+  nlohmann::json json = {{"scenario", row.scenario},
+                         {"figure", row.figure},
+                         {"unit", row.unit},
+                         {"daemon", Json(row.daemon)},
+                         {"yardstick", Json(row.yardstick)},
+                         {"ratio", nullptr}};
+  if (HasRatio(row)) json["ratio"] = RatioOf(row);
+  if (row.goal.kind != Goal::Kind::kNone) {
+    json["goal"] = Text(row.goal);
+    json["met"] = IsMet(row);
+  }
   return json;
 }
 
@@ -101,7 +149,7 @@ double Median(std::vector<double> values) {
 
 void Results::Add(Row row) {
   const Cells cells = CellsOf(row);
-  std::cerr << "  " << cells[1] << ": " << cells[3] << " " << cells[2] << ", relay " << cells[4]
+  std::cerr << "  " << cells[1] << ": " << cells[3] << " " << cells[2] << ", yardstick " << cells[4]
             << "\n";
   rows_.push_back(std::move(row));
 }
@@ -127,7 +175,7 @@ void Results::PrintTable(std::ostream& out) const {
 void Results::PrintMarkdown(std::ostream& out) const {
   out << machine_ << "\n\n";
   PrintMarkdownCells(out, kHeadings);
-  out << "|---|---|---|---:|---:|---:|---:|\n";
+  out << "|---|---|---|---:|---:|---:|---:|---:|---|\n";
   for (const Row& row : rows_) PrintMarkdownCells(out, CellsOf(row));
   PrintRemarks(out, "- ");
 }

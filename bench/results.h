@@ -10,14 +10,42 @@ namespace bench {
 
 double Median(std::vector<double> values);
 
-/// One figure: a sample for every repeat, of the daemon and of the plain relay in the same run.
+/// What a figure should come to.
+struct Goal {
+  enum class Kind {
+    kNone,
+    kRatioAtLeast,  // the daemon's figure divided by the yardstick's
+    kRatioAtMost,
+    kAtMost,     // the figure itself, in the unit of its row
+    kNeverOver,  // the same for every single repeat
+  };
+  Kind kind = Kind::kNone;
+  double limit = 0;
+};
+
+inline Goal RatioAtLeast(double limit) {
+  return {Goal::Kind::kRatioAtLeast, limit};
+}
+inline Goal RatioAtMost(double limit) {
+  return {Goal::Kind::kRatioAtMost, limit};
+}
+inline Goal AtMost(double limit) {
+  return {Goal::Kind::kAtMost, limit};
+}
+inline Goal NeverOver(double limit) {
+  return {Goal::Kind::kNeverOver, limit};
+}
+
+/// One figure: a sample for every repeat, of the daemon and of its yardstick in the same run. The
+/// yardstick is the plain relay or whatever the scenario names.
 struct Row {
   std::string scenario;
   std::string figure;
   std::string unit;
   std::vector<double> daemon;
-  std::vector<double> relay;  // empty: a relay has nothing of the kind
+  std::vector<double> yardstick;  // empty: it has nothing of the kind
   int digits = 1;
+  Goal goal = {};
 };
 
 struct Failure {

@@ -14,6 +14,7 @@ namespace bench {
 namespace {
 
 const std::string kRoot = QOR_ROOT;
+const std::string kCurrentLogs = kRoot + "/logs/zev.dated/current/";
 const std::string kHangPipe = kRoot + "/run/hang";
 constexpr double kBetweenQuestions = 0.010;  // a long answer keeps the daemon from connecting
 const std::string kLoopback = "127.0.0.1";
@@ -146,8 +147,12 @@ std::string Station::NameOf(size_t console) {
   return "c" + std::string(kWidth - std::min(kWidth, digits.size()), '0') + digits;
 }
 
+std::string Station::LogOf(size_t console) {
+  return kCurrentLogs + NameOf(console) + ".log";
+}
+
 std::string Station::ConsolidatedLog() {
-  return kRoot + "/logs/zev.dated/current/consolidated.log";
+  return kCurrentLogs + "consolidated.log";
 }
 
 void Station::ClearRoot() {

@@ -50,6 +50,7 @@ class Station {
   void CheckWhole();
 
   static std::string NameOf(size_t console);
+  static std::string LogOf(size_t console);
   static std::string ConsolidatedLog();
   /// Makes an empty root. What the next station is to find there is written afterwards.
   static void ClearRoot();
