@@ -19,12 +19,11 @@ uintmax_t RecordSize(size_t line) {
 
 }  // namespace
 
-Samples Typists::TypeSlowly(size_t keys) {
-  constexpr double kHalfway = 0.010;
+Samples Typists::TypeEvery(double interval, size_t keys) {
   Samples times;
   double next = Now();
-  const auto type = [&next](User& user, std::vector<double>& into) {
-    next += kHalfway;
+  const auto type = [&](User& user, std::vector<double>& into) {
+    next += interval / 2;
     SleepUntil(next);
     into.push_back(user.Echo());
   };
@@ -106,9 +105,10 @@ void LogWatch::Wait() const {
 }
 
 std::unique_ptr<Station> NewStation(const Context& context, Farm& farm,
-                                    std::vector<ConsolePlan> consoles, bool security) {
+                                    std::vector<ConsolePlan> consoles, bool security,
+                                    const std::vector<std::string>& options) {
   Station::ClearRoot();
-  return std::make_unique<Station>(context.daemon, farm, std::move(consoles), security);
+  return std::make_unique<Station>(context.daemon, farm, std::move(consoles), security, options);
 }
 
 }  // namespace bench

@@ -44,6 +44,11 @@ void RunRacks(Context& context);
 void RunFaults(Context& context);
 void RunFlood(Context& context);
 void RunFanOutFlood(Context& context);
+void RunSlowReaders(Context& context);
+void RunChurn(Context& context);
+void RunIdleRacks(Context& context);
+void RunEnable(Context& context);
+void RunEchoSpread(Context& context);
 
 /// The same measured through the daemon and through the relay.
 struct Samples {
@@ -57,8 +62,10 @@ struct Typists {
   User daemon;
   User relay;
 
+  /// Each of the two types a key every so many seconds; nobody types ahead of an echo.
+  Samples TypeEvery(double interval, size_t keys);
   /// Keys 20 ms apart.
-  Samples TypeSlowly(size_t keys);
+  Samples TypeSlowly(size_t keys) { return TypeEvery(0.020, keys); }
   /// Each key as soon as the echo of the one before it is there; in turns of some keys.
   Samples TypeFast(size_t keys);
   /// Types fast until `done` is true.
@@ -125,6 +132,7 @@ class LogWatch {
 
 /// Makes an empty root for the next station.
 std::unique_ptr<Station> NewStation(const Context& context, Farm& farm,
-                                    std::vector<ConsolePlan> consoles, bool security = false);
+                                    std::vector<ConsolePlan> consoles, bool security = false,
+                                    const std::vector<std::string>& options = {});
 
 }  // namespace bench

@@ -27,9 +27,9 @@ constexpr size_t kMarks = SIZE_MAX - 3;  // from here on a number is no console'
 constexpr size_t kListenerMark = kMarks;
 constexpr size_t kTaskMark = kMarks + 1;
 constexpr size_t kClockMark = kMarks + 2;
-constexpr long kTick = 10'000'000;  // nanoseconds
-constexpr size_t kTicksPerLine = 1'000'000'000 / kTick / kLinesPerSecond;
-constexpr uint32_t kFirstAddress = 0x7F010000;  // 127.1.0.0
+constexpr long kLineTime = 1'000'000'000 / kLinesPerSecond;  // nanoseconds
+constexpr size_t kTurns = 10;                                // of those who print at once
+constexpr uint32_t kFirstAddress = 0x7F010000;               // 127.1.0.0
 
 void Watch(const Descriptor& poll, int fd, uint64_t mark, uint32_t events, int operation) {
   epoll_event event{};
@@ -46,11 +46,11 @@ size_t NumberOf(int sock) {
   return ntohl(address.sin_addr.s_addr) - kFirstAddress;
 }
 
-Descriptor NewClock() {
-  Descriptor clock(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-  const itimerspec every_tick = {{0, kTick}, {0, kTick}};
+// The clock rings `turns` times in the time of a line.
+void SetClock(const Descriptor& clock, size_t turns) {
+  const long tick = kLineTime / static_cast<long>(turns);
+  const itimerspec every_tick = {{0, tick}, {0, tick}};
   if (timerfd_settime(clock.get(), 0, &every_tick, nullptr) != 0) Fail("timerfd");
-  return clock;
 }
 
 // The line with another number in the place of its own.
@@ -78,10 +78,11 @@ Farm::Farm()
       port_(PortOf(listener_)),
       poll_(epoll_create1(EPOLL_CLOEXEC)),
       task_bell_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      clock_(NewClock()) {
+      clock_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
   bench::Watch(poll_, listener_.get(), kListenerMark, EPOLLIN, EPOLL_CTL_ADD);
   bench::Watch(poll_, task_bell_.get(), kTaskMark, EPOLLIN, EPOLL_CTL_ADD);
   bench::Watch(poll_, clock_.get(), kClockMark, EPOLLIN, EPOLL_CTL_ADD);
+  PrintInTurns(0, 0, kTurns);
   thread_ = std::thread([this] { Live(); });
 }
 
@@ -122,10 +123,11 @@ void Farm::Print(size_t first, size_t count, const std::string& text) {
 }
 
 void Farm::PrintSteadily(size_t first, size_t count) {
-  Do([&] {
-    first_printing_ = first;
-    printing_ = count;
-  });
+  Do([&] { PrintInTurns(first, count, kTurns); });
+}
+
+void Farm::PrintEvenly(size_t first, size_t count) {
+  Do([&] { PrintInTurns(first, count, std::max<size_t>(count, 1)); });
 }
 
 void Farm::Flood(size_t first, size_t count, uint64_t lines) {
@@ -190,12 +192,19 @@ void Farm::RunTasks() {
   task_.notify_all();
 }
 
+void Farm::PrintInTurns(size_t first, size_t count, size_t turns) {
+  first_printing_ = first;
+  printing_ = count;
+  turns_ = turns;
+  SetClock(clock_, turns);
+}
+
 // The consoles take turns, so that their lines are spread over the time instead of coming at once.
 void Farm::PrintDue() {
   uint64_t ticks = 0;
   if (read(clock_.get(), &ticks, sizeof ticks) != sizeof ticks) return;
   for (; ticks > 0; --ticks, ++tick_) {
-    for (size_t i = tick_ % kTicksPerLine; i < printing_; i += kTicksPerLine) {
+    for (size_t i = tick_ % turns_; i < printing_; i += turns_) {
       const auto found = consoles_.find(first_printing_ + i);
       if (found != consoles_.end()) Send(found->first, *found->second, kConsoleLine);
     }

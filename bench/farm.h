@@ -52,8 +52,11 @@ class Farm {
 
   /// Each of the consoles prints the text once.
   void Print(size_t first, size_t count, const std::string& text);
-  /// From now on the consoles first .. first + count - 1, and no others, print kLinesPerSecond.
+  /// From now on the consoles first .. first + count - 1, and no others, print kLinesPerSecond, a
+  /// tenth of them at a time.
   void PrintSteadily(size_t first, size_t count);
+  /// The same, one console at a time.
+  void PrintEvenly(size_t first, size_t count);
   /// Each of the consoles prints so many of the numbered lines, as fast as it is read. Its numbers
   /// go on where its last flood ended.
   void Flood(size_t first, size_t count, uint64_t lines);
@@ -76,6 +79,7 @@ class Farm {
   // All of these run on the farm's own thread.
   void Live();
   void RunTasks();
+  void PrintInTurns(size_t first, size_t count, size_t turns);
   void PrintDue();
   void AcceptAll();
   void Serve(size_t number, uint32_t events);
@@ -99,6 +103,7 @@ class Farm {
   std::map<size_t, std::unique_ptr<Console>> consoles_;
   size_t first_printing_ = 0;
   size_t printing_ = 0;
+  size_t turns_ = 1;  // ticks of the clock from one line of a console to its next
   size_t tick_ = 0;
   std::atomic<size_t> connected_{0};
   std::atomic<size_t> lost_{0};

@@ -30,6 +30,12 @@ constexpr Scenario kScenarios[] = {
     {"flood", "consoles that print as fast as they are read, beside a bare logger",
      bench::RunFlood},
     {"fan-out-flood", "such a console's output to many users", bench::RunFanOutFlood},
+    {"slow-readers", "such a console, one of whose users reads slowly", bench::RunSlowReaders},
+    {"churn", "somebody's echo while users, tools and files come and go", bench::RunChurn},
+    {"idle-racks", "processor with nothing to do beside consoles that hang or refuse",
+     bench::RunIdleRacks},
+    {"enable", "until disabled consoles are connected again", bench::RunEnable},
+    {"echo-spread", "a key beside consoles that print one after the other", bench::RunEchoSpread},
 };
 
 struct Options {

@@ -132,6 +132,7 @@ std::string ReceiveSome(const Descriptor& socket) {
   constexpr size_t kRoom = 65536;
   std::string text(kRoom, '\0');
   const ssize_t count = recv(socket.get(), text.data(), text.size(), 0);
+  if (count < 0 && errno == EAGAIN) throw std::runtime_error("the peer was silent for 10 seconds");
   if (count < 0) Fail("recv");
   if (count == 0) throw ConnectionOver();
   text.resize(static_cast<size_t>(count));

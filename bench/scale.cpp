@@ -236,7 +236,87 @@ std::vector<ConsolePlan> DeadRacks(size_t each, uint16_t hanging, uint16_t refus
   return plan;
 }
 
+// ---- Dead racks beside an idle station ----------------------------------------------------------
+
+struct Racks {
+  size_t consoles;  // altogether
+  size_t hanging;
+  size_t refusing;
+};
+
+std::string Of(const Racks& racks) {
+  std::string text = Of(Size{racks.consoles, false});
+  if (racks.hanging > 0) text += ", " + std::to_string(racks.hanging) + " hang";
+  if (racks.refusing > 0) text += ", " + std::to_string(racks.refusing) + " refuse";
+  return text;
+}
+
+void MeasureIdleRacks(Context& context, const Racks& racks) {
+  const HangingPort hanging;
+  std::vector<ConsolePlan> plan(racks.consoles);
+  const uint16_t refusing = FreePorts(2).back();
+  for (size_t i = 0; i < racks.hanging; ++i) plan[i].port = hanging.port();
+  for (size_t i = 0; i < racks.refusing; ++i) plan[racks.hanging + i].port = refusing;
+  Farm farm;
+  const auto station = NewStation(context, farm, std::move(plan));
+  const Idleness idleness = WatchIdle(context, station->daemon());
+  station->CheckWhole();
+  context.results.Add(
+      {"idle-racks", "processor, " + Of(racks), "% of a core", idleness.cpu, {}, 2});
+}
+
+// ---- Consoles that are disabled and enabled again -----------------------------------------------
+
+/// Milliseconds from the first command.
+struct EnableSamples {
+  std::vector<double> answered;
+  std::vector<double> connected;
+};
+
+void EnableOnce(Tool& tool, const Farm& farm, size_t consoles, size_t enabled,
+                EnableSamples& samples) {
+  const auto connected = [&](size_t wanted) {
+    WaitUntil("consoles to be connected or not", [&] {
+      return farm.connected() == wanted && tool.AskForConsoles().connected == wanted;
+    });
+  };
+  for (size_t i = 0; i < enabled; ++i) tool.Have("disable " + Station::NameOf(i));
+  connected(consoles - enabled);
+  const double start = Now();
+  for (size_t i = 0; i < enabled; ++i) tool.Have("enable " + Station::NameOf(i));
+  samples.answered.push_back((Now() - start) * kMilli);
+  connected(consoles);
+  samples.connected.push_back((Now() - start) * kMilli);
+}
+
 }  // namespace
+
+void RunEnable(Context& context) {
+  const auto consoles = context.Choose<size_t>(1'000, 100);
+  const auto enabled = context.Choose<size_t>(100, 10);
+  Farm farm;
+  const auto station = NewStation(context, farm, PlainConsoles(consoles));
+  Tool tool = station->NewTool();
+  EnableSamples samples;
+  for (size_t i = 0; i < context.repeats(); ++i) {
+    EnableOnce(tool, farm, consoles, enabled, samples);
+  }
+  station->daemon().CheckRunning();
+  const std::string of = ", " + std::to_string(enabled) + " of " + std::to_string(consoles);
+  context.results.Add({"enable", "until all are answered" + of, "ms", samples.answered, {}});
+  context.results.Add(
+      {"enable", "until all are connected again" + of, "ms", samples.connected, {}});
+}
+
+void RunIdleRacks(Context& context) {
+  const auto all = context.Choose<std::vector<Racks>>(
+      {{1, 0, 0}, {1'000, 100, 100}, {kWanted, 100, 100}, {4'010, 2'000, 2'000}},
+      {{1, 0, 0}, {200, 20, 20}});
+  for (Racks racks : all) {
+    racks.consoles = Fit(context, {racks.consoles, false}).consoles;
+    MeasureIdleRacks(context, racks);
+  }
+}
 
 void RunRacks(Context& context) {
   const auto each = context.Choose<size_t>(2'000, 100);

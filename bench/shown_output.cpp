@@ -36,15 +36,16 @@ std::vector<char>& Buffer() {
 
 // ---- One user -----------------------------------------------------------------------------------
 
-void ShownOutput::Receive(const Descriptor& sock, size_t most) {
+size_t ShownOutput::Receive(const Descriptor& sock, size_t most) {
   std::vector<char>& buffer = Buffer();
   memcpy(buffer.data(), carried_.data(), carried_.size());
   const size_t room = std::min(most, buffer.size() - carried_.size());
   const ssize_t count = recv(sock.get(), buffer.data() + carried_.size(), room, MSG_DONTWAIT);
-  if (count < 0 && errno == EAGAIN) return;
+  if (count < 0 && errno == EAGAIN) return 0;
   if (count < 0) Fail("a user's recv");
   if (count == 0) throw ConnectionOver();
   Take({buffer.data(), carried_.size() + static_cast<size_t>(count)});
+  return static_cast<size_t>(count);
 }
 
 void ShownOutput::Take(std::string_view text) {
@@ -91,7 +92,6 @@ void ShownOutput::LeaveOut(std::string_view mark) {
     throw std::runtime_error("this is no mark: " + std::string(mark));
   }
   left_out_ += count;
-  ++marks_;
 }
 
 // ---- Many who read fast -------------------------------------------------------------------------
@@ -108,24 +108,10 @@ FastReaders::FastReaders(std::vector<Descriptor> socks) : poll_(epoll_create1(EP
       Fail("epoll_ctl");
     }
   }
-  thread_ = std::thread([this] { Live(); });
+  loop_ = std::make_unique<Loop>([this] { Read(); });
 }
 
-FastReaders::~FastReaders() {
-  ended_ = true;
-  thread_.join();
-}
-
-void FastReaders::Live() {
-  try {
-    while (!ended_) ReadAll();
-  } catch (const std::exception& error) {
-    failure_ = error.what();
-    failed_ = true;
-  }
-}
-
-void FastReaders::ReadAll() {
+void FastReaders::Read() {
   constexpr int kLook = 100;  // milliseconds after which the end is noticed
   std::array<epoll_event, 64> events{};
   const int count = epoll_wait(poll_.get(), events.data(), events.size(), kLook);
@@ -151,7 +137,7 @@ void FastReaders::WaitFor(uint64_t bytes) const {
   const auto told_of = [](const ShownOutput& output) { return output.shown() + output.left_out(); };
   for (const auto& reader : readers_) {
     WaitUntil("users to be shown everything", [&] {
-      CheckReading();
+      Check();
       return told_of(reader->output) >= bytes;
     });
   }
@@ -160,40 +146,20 @@ void FastReaders::WaitFor(uint64_t bytes) const {
   }
 }
 
-void FastReaders::CheckReading() const {
-  if (failed_) throw std::runtime_error(failure_);
-}
-
 // ---- One who reads slowly -----------------------------------------------------------------------
 
 SlowReader::SlowReader(Descriptor sock, double bytes_per_second)
-    : sock_(std::move(sock)), bytes_per_second_(bytes_per_second), thread_([this] { Live(); }) {}
+    : sock_(std::move(sock)),
+      bytes_per_second_(bytes_per_second),
+      start_(Now()),
+      loop_([this] { Read(); }) {}
 
-SlowReader::~SlowReader() {
-  ended_ = true;
-  thread_.join();
-}
-
-void SlowReader::Live() {
+void SlowReader::Read() {
   constexpr double kPause = 0.010;
-  const double start = Now();
-  double read = 0;
-  try {
-    while (!ended_) {
-      SleepUntil(Now() + kPause);
-      const double due = std::floor((Now() - start) * bytes_per_second_ - read);
-      const uint64_t before = output_.shown();
-      if (due >= 1) output_.Receive(sock_, static_cast<size_t>(due));
-      read += static_cast<double>(output_.shown() - before);
-    }
-  } catch (const std::exception& error) {
-    failure_ = error.what();
-    failed_ = true;
-  }
-}
-
-void SlowReader::CheckReading() const {
-  if (failed_) throw std::runtime_error("the slow user: " + failure_);
+  SleepUntil(Now() + kPause);
+  const double due = std::floor((Now() - start_) * bytes_per_second_ - read_);
+  if (due < 1) return;
+  read_ += static_cast<double>(output_.Receive(sock_, static_cast<size_t>(due)));
 }
 
 }  // namespace bench

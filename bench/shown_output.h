@@ -7,10 +7,10 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "loop.h"
 #include "net.h"
 
 namespace bench {
@@ -22,15 +22,15 @@ class ShownOutput {
   enum class Compare { kNothing, kEveryByte };
   explicit ShownOutput(Compare compare) : compare_(compare) {}
 
-  /// Receives at most so many bytes. Throws when the connection is over, and when something comes
-  /// that is not the next piece of the flood, or no mark.
-  void Receive(const Descriptor& sock, size_t most);
+  /// Receives at most so many bytes, marks included, and returns how many came. Throws when the
+  /// connection is over, and when something comes that is neither the next piece of the flood nor a
+  /// mark.
+  size_t Receive(const Descriptor& sock, size_t most);
 
   /// Bytes of the console's that were shown.
   uint64_t shown() const { return shown_; }
   /// Bytes that were left out, as the marks say.
   uint64_t left_out() const { return left_out_; }
-  uint64_t marks() const { return marks_; }
 
  private:
   void Take(std::string_view text);
@@ -42,16 +42,12 @@ class ShownOutput {
   uint64_t taken_ = 0;   // bytes shown before those
   std::atomic<uint64_t> shown_{0};
   std::atomic<uint64_t> left_out_{0};
-  std::atomic<uint64_t> marks_{0};
 };
 
 /// Users who read as fast as they can, in one thread. Every byte of the first one is compared.
 class FastReaders {
  public:
   explicit FastReaders(std::vector<Descriptor> socks);
-  FastReaders(const FastReaders&) = delete;
-  FastReaders& operator=(const FastReaders&) = delete;
-  ~FastReaders();
 
   size_t size() const { return readers_.size(); }
   /// Bytes shown to all of them together, and those left out.
@@ -60,7 +56,7 @@ class FastReaders {
   /// Waits until each was shown, or told of, so many bytes; no more may come.
   void WaitFor(uint64_t bytes) const;
   /// Throws what ended the reading, if anything did.
-  void CheckReading() const;
+  void Check() const { loop_->Check(); }
 
  private:
   struct Reader {
@@ -69,38 +65,30 @@ class FastReaders {
     Descriptor sock;
     ShownOutput output;
   };
-  void Live();
-  void ReadAll();
+  void Read();
 
   Descriptor poll_;
   std::vector<std::unique_ptr<Reader>> readers_;
-  std::string failure_;  // written before `failed_` is set
-  std::atomic<bool> failed_{false};
-  std::atomic<bool> ended_{false};
-  std::thread thread_;
+  std::unique_ptr<Loop> loop_;
 };
 
 /// A user who reads so many bytes a second, in a thread of his own.
 class SlowReader {
  public:
   SlowReader(Descriptor sock, double bytes_per_second);
-  SlowReader(const SlowReader&) = delete;
-  SlowReader& operator=(const SlowReader&) = delete;
-  ~SlowReader();
 
-  const ShownOutput& output() const { return output_; }
-  void CheckReading() const;
+  /// Throws what ended the reading, if anything did.
+  void Check() const { loop_.Check(); }
 
  private:
-  void Live();
+  void Read();
 
   Descriptor sock_;
   double bytes_per_second_;
+  double start_;
+  double read_ = 0;
   ShownOutput output_{ShownOutput::Compare::kEveryByte};
-  std::string failure_;  // written before `failed_` is set
-  std::atomic<bool> failed_{false};
-  std::atomic<bool> ended_{false};
-  std::thread thread_;
+  Loop loop_;
 };
 
 }  // namespace bench

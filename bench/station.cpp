@@ -14,7 +14,8 @@ namespace bench {
 namespace {
 
 const std::string kRoot = QOR_ROOT;
-const std::string kCurrentLogs = kRoot + "/logs/zev.dated/current/";
+const std::string kDatedLogs = kRoot + "/logs/zev.dated/";
+const std::string kCurrent = kDatedLogs + "current";
 const std::string kHangPipe = kRoot + "/run/hang";
 constexpr double kBetweenQuestions = 0.010;  // a long answer keeps the daemon from connecting
 const std::string kLoopback = "127.0.0.1";
@@ -51,18 +52,18 @@ std::string Cookie() {
 }  // namespace
 
 Station::Station(const std::string& daemon, Farm& farm, std::vector<ConsolePlan> consoles,
-                 bool security)
+                 bool security, const std::vector<std::string>& options)
     : farm_(farm),
       consoles_(std::move(consoles)),
       security_(security),
       port_(FreePorts(1).front()),
       lost_before_(farm.lost()) {
   WriteConfiguration();
+  std::vector<std::string> command = {
+      daemon, "-f", "-S", security ? "1" : "0", "-p", std::to_string(port_)};
+  command.insert(command.end(), options.begin(), options.end());
   const double start = Now();
-  daemon_ =
-      std::make_unique<Process>(std::vector<std::string>{daemon, "-f", "-S", security ? "1" : "0",
-                                                         "-p", std::to_string(port_)},
-                                kRoot + "/zevd.out");
+  daemon_ = std::make_unique<Process>(command, kRoot + "/zevd.out");
   WaitUntilConnected();
   start_seconds_ = Now() - start;
 }
@@ -96,11 +97,16 @@ bool Station::Listens() const {
 
 User Station::Attach(size_t console, int receive_buffer) const {
   return RetryWhileRefused([&] {
-    User user(ConnectTo(kLoopback, port_, receive_buffer));
-    user.Send(NameOf(console) + " user=bench\n");
+    User user = Call(console, receive_buffer);
     user.Expect(kOffers);
     return user;
   });
+}
+
+User Station::Call(size_t console, int receive_buffer) const {
+  User user(ConnectTo(kLoopback, port_, receive_buffer));
+  user.Send(NameOf(console) + " user=bench\n");
+  return user;
 }
 
 User Station::AttachToMappedPort(size_t console) const {
@@ -134,6 +140,32 @@ void Station::Reload() const {
   kill(daemon_->pid(), SIGHUP);
 }
 
+// The directory in use is given an old name: within a minute, the daemon would go on in a directory
+// of the same name. An interval of 0 days has passed whenever the daemon looks.
+void Station::Rotate() {
+  constexpr int kNever = 1000;
+  const std::string old = kDatedLogs + "old-" + std::to_string(++rotations_);
+  std::filesystem::rename(std::filesystem::read_symlink(kCurrent), old);
+  std::filesystem::create_symlink(old, kCurrent + ".new");
+  std::filesystem::rename(kCurrent + ".new", kCurrent);
+  SetArchiveInterval(0);
+  Reload();
+  const auto has_moved = [&] {
+    std::error_code none_now;  // the daemon is just replacing the link
+    const auto target = std::filesystem::read_symlink(kCurrent, none_now);
+    return !none_now && target != old;
+  };
+  WaitUntil("a rotation", has_moved);
+  SetArchiveInterval(kNever);
+  Reload();
+}
+
+void Station::SetArchiveInterval(int days) {
+  const std::string path = kRoot + "/config/qor.conf";
+  Write(path + ".new", "ZEVD_ARCH_INT=" + std::to_string(days) + "\n");
+  std::filesystem::rename(path + ".new", path);
+}
+
 void Station::CheckWhole() {
   daemon_->CheckRunning();
   if (farm_.lost() != lost_before_) {
@@ -148,11 +180,11 @@ std::string Station::NameOf(size_t console) {
 }
 
 std::string Station::LogOf(size_t console) {
-  return kCurrentLogs + NameOf(console) + ".log";
+  return kCurrent + "/" + NameOf(console) + ".log";
 }
 
 std::string Station::ConsolidatedLog() {
-  return kCurrentLogs + "consolidated.log";
+  return kCurrent + "/consolidated.log";
 }
 
 void Station::ClearRoot() {

@@ -24,8 +24,9 @@ struct ConsolePlan {
 /// A station that runs from the construction on, all consoles of the farm connected.
 class Station {
  public:
+  /// `options` are given to the daemon beside those that every station needs.
   Station(const std::string& daemon, Farm& farm, std::vector<ConsolePlan> consoles,
-          bool security = false);
+          bool security = false, const std::vector<std::string>& options = {});
 
   Process& daemon() { return *daemon_; }
   /// Seconds from the daemon's start until every console of the farm was connected.
@@ -33,6 +34,8 @@ class Station {
 
   /// A user who is attached when this returns.
   User Attach(size_t console, int receive_buffer = 0) const;
+  /// A user who has asked for the console and not read anything yet.
+  User Call(size_t console, int receive_buffer = 0) const;
   /// A user of the console's own port. With security on and no login nothing is asked there.
   User AttachToMappedPort(size_t console) const;
   /// A connection to the console's own port that says nothing yet.
@@ -45,6 +48,9 @@ class Station {
   /// Writes a configuration of one more console; Reload() makes the daemon read it.
   void AddConsole();
   void Reload() const;
+  /// Makes the daemon begin a new directory of logs, and waits until it has; it may begin it more
+  /// than once. It reads its files twice for that.
+  void Rotate();
   size_t consoles() const { return consoles_.size(); }
   /// Throws when the daemon has ended or a console was lost.
   void CheckWhole();
@@ -62,6 +68,7 @@ class Station {
  private:
   std::string ConfigurationLine(size_t console) const;
   void WriteConfiguration() const;
+  static void SetArchiveInterval(int days);
   size_t Reachable() const;
   void WaitUntilConnected();
   bool Listens() const;
@@ -73,6 +80,7 @@ class Station {
   size_t lost_before_;
   std::unique_ptr<Process> daemon_;
   double start_seconds_ = 0;
+  size_t rotations_ = 0;
 };
 
 /// So many consoles that have nothing special.

@@ -51,15 +51,35 @@ void User::ExpectEnd() const {
 }
 
 Tool::Consoles Tool::AskForConsoles() {
-  SendAll(sock_, "console\n");
-  const std::string header = Take(zevd::kHeaderSize);
-  if (NumberAt(header, 0) != zevd::kRecordsFollow) throw std::runtime_error("no console records");
-  Consoles consoles{NumberAt(header, sizeof(uint32_t)), 0};
+  Consoles consoles{AskForRecords("console"), 0};
   const std::string records = Take(consoles.known * zevd::kConsolePacketSize);
   for (size_t i = 0; i < consoles.known; ++i) {
     if (IsConnected(records.data() + i * zevd::kConsolePacketSize)) ++consoles.connected;
   }
   return consoles;
+}
+
+size_t Tool::AskForUsers(const std::string& console) {
+  const size_t users = AskForRecords("who " + console);
+  Take(users * zevd::kUserPacketSize);
+  return users;
+}
+
+void Tool::Have(const std::string& command) {
+  SendAll(sock_, command + "\n");
+  if (NumberAt(Take(zevd::kHeaderSize), 0) != zevd::kDone) {
+    throw std::runtime_error("\"" + command + "\" was not done");
+  }
+}
+
+// The number of records that follow.
+size_t Tool::AskForRecords(const std::string& command) {
+  SendAll(sock_, command + "\n");
+  const std::string header = Take(zevd::kHeaderSize);
+  if (NumberAt(header, 0) != zevd::kRecordsFollow) {
+    throw std::runtime_error("no records in answer to \"" + command + "\"");
+  }
+  return NumberAt(header, sizeof(uint32_t));
 }
 
 std::string Tool::Take(size_t count) {

@@ -42,8 +42,13 @@ class Tool {
     size_t connected;
   };
   Consoles AskForConsoles();
+  /// Asks "who": how many users a console has.
+  size_t AskForUsers(const std::string& console);
+  /// Has a command done that answers nothing else.
+  void Have(const std::string& command);
 
  private:
+  size_t AskForRecords(const std::string& command);
   std::string Take(size_t count);
 
   Descriptor sock_;
