@@ -3,6 +3,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -44,8 +45,20 @@ void TraceRequest(RwLock& lock, CallSite site) {
             site.line);
 }
 
+// A pair is tried for at intervals, so a thread that takes its single lock again and again would
+// keep it out. Once in a row, or pairs would keep that thread out.
+void LetPairGoFirst(const RwLock& lock) {
+  static thread_local bool did_so = false;
+  int steps = did_so ? 0 : kCourtesyTime / (kTryPause + kTimerSlack);
+  for (did_so = false; steps > 0 && lock.IsAnnounced(); --steps) {
+    did_so = true;
+    usleep(kTryPause);
+  }
+}
+
 bool Lock(const LockKind& kind, RwLock& lock, CallSite site) {
   TraceRequest(lock, site);
+  LetPairGoFirst(lock);
   const int error = kind.lock(lock.native());
   if (error != 0) {
     zev_debug(kError, "%s: %s failed : %s\n", site.function, kind.lock_call, strerror(error));
@@ -78,7 +91,41 @@ bool TryLock(const LockKind& kind, RwLock& lock, CallSite site) {
   return error == 0;
 }
 
+/// Says that a pair is wanted.
+class Announcement {
+ public:
+  Announcement(RwLock& first, RwLock& second) : first_(first), second_(second) {
+    first_.Announce();
+    second_.Announce();
+  }
+  ~Announcement() {
+    first_.Withdraw();
+    second_.Withdraw();
+  }
+  Announcement(const Announcement&) = delete;
+  Announcement& operator=(const Announcement&) = delete;
+
+ private:
+  RwLock& first_;
+  RwLock& second_;
+};
+
+std::atomic<int> long_holds{0};
+thread_local int own_long_holds = 0;
+
+// The caller holds none of the locks that whoever declared a long hold may want.
+void WaitForLongHolds() {
+  constexpr int kMostTime = 2'000'000;  // microseconds
+  constexpr int kStep = 1000;
+  for (int steps = kMostTime / (kStep + kTimerSlack); steps > 0; --steps) {
+    if (long_holds == own_long_holds) return;
+    usleep(kStep);
+  }
+}
+
 bool TryLockBoth(const LockKind& kind, RwLock& first, RwLock& second, CallSite site) {
+  WaitForLongHolds();
+  const Announcement announcement(first, second);
   if (!TryLock(kind, first, site)) return false;
   if (TryLock(kind, second, site)) return true;
   Unlock(first, site.function);
@@ -122,15 +169,20 @@ void UnlockBoth(RwLock& first, RwLock& second, Release order, const char* functi
 // hold of the lock.
 
 WriteLock::WriteLock(RwLock& lock, CallSite site)
-    : lock_(lock), function_(site.function), held_(Lock(kWrite, lock, site)) {}
+    : lock_(lock), site_(site), held_(Lock(kWrite, lock, site)) {}
 
 WriteLock::~WriteLock() {
   Release();
 }
 
 void WriteLock::Release() {
-  if (held_) Unlock(lock_, function_);
+  if (held_) Unlock(lock_, site_.function);
   held_ = false;
+}
+
+void WriteLock::LetOthersIn() NO_THREAD_SAFETY_ANALYSIS {  // it is held again at the end
+  Release();
+  held_ = Lock(kWrite, lock_, site_);
 }
 
 ReadLock::ReadLock(RwLock& lock, CallSite site)
@@ -143,6 +195,16 @@ ReadLock::~ReadLock() {
 void ReadLock::Release() {
   if (held_) Unlock(lock_, function_);
   held_ = false;
+}
+
+LongHold::LongHold() {
+  ++long_holds;
+  ++own_long_holds;
+}
+
+LongHold::~LongHold() {
+  --own_long_holds;
+  --long_holds;
 }
 
 WriteLockPair::WriteLockPair(RwLock& first, RwLock& second, zevd::Release order, CallSite site)

@@ -2,13 +2,16 @@
 //
 // There is no global lock order. A thread may wait for one lock. It takes two only with the pair
 // guards: while they hold the first they try the second for a short time (kPairTryTime), and when
-// it cannot be had they release the first and back off. The thread cmd_mon holds cmd_lock while it
-// takes the locks of the console lists; nobody takes cmd_lock while holding one of those. Every
-// request, grant and release is traced at level 3 with the name of the calling function and the
-// address of the lock.
+// it cannot be had they release the first and back off. Two courtesies keep the back-offs rare: who
+// is about to take a single lock lets a pair that wants it go first, and nobody tries for a pair
+// while a LongHold lasts. The thread cmd_mon holds cmd_lock while it takes the locks of the console
+// lists; nobody takes cmd_lock while holding one of those. Every request, grant and release is
+// traced at level 3 with the name of the calling function and the address of the lock.
 #pragma once
 
 #include <pthread.h>
+
+#include <atomic>
 
 #include "thread_safety.h"
 
@@ -23,8 +26,15 @@ class CAPABILITY("rwlock") RwLock {
 
   pthread_rwlock_t* native() { return &native_; }
 
+  /// A pair guard that tries for this lock and another announces that, until it has both or gives
+  /// up for a while.
+  void Announce() { ++announced_; }
+  void Withdraw() { --announced_; }
+  bool IsAnnounced() const { return announced_ > 0; }
+
  private:
   pthread_rwlock_t native_ = PTHREAD_RWLOCK_INITIALIZER;
+  std::atomic<int> announced_{0};  ///< pairs that are being tried for
 };
 
 extern RwLock icl_lock;  ///< i_cons_list and the consoles on it
@@ -51,9 +61,12 @@ class SCOPED_CAPABILITY WriteLock {
   /// Releases before the end of the scope; the destructor then does nothing.
   void Release() RELEASE();
 
+  /// Releases the lock and waits for it again, so that others have it in between.
+  void LetOthersIn();
+
  private:
   RwLock& lock_;
-  const char* function_;
+  CallSite site_;
   bool held_;
 };
 
@@ -81,14 +94,29 @@ enum class Release { kFirstFirst, kSecondFirst };
 inline constexpr int kTryRetries = 10;
 inline constexpr int kTryPause = 100;
 
-/// By how much the kernel may prolong a pause: the default timer slack in microseconds (prctl(2),
-/// PR_SET_TIMERSLACK).
+/// By how much the kernel may prolong a pause: the timer slack of every thread, in microseconds,
+/// which is the default (prctl(2), PR_SET_TIMERSLACK).
 inline constexpr int kTimerSlack = 50;
 
 /// Microseconds for which a pair guard tries each lock before it leaves both alone for a random
-/// time below one second; a thread with more timer slack (ShareWakeUps()) tries for longer. Whoever
-/// holds a single list lock for less keeps nobody away for long.
+/// time below one second. Whoever holds a single list lock for less keeps nobody away for long.
 inline constexpr int kPairTryTime = kTryRetries * (kTryPause + kTimerSlack);
+
+/// Microseconds for which whoever is about to take a single lock lets a pair go first, at most and
+/// never twice in a row.
+inline constexpr int kCourtesyTime = 2000;
+
+/// To be declared before locks are taken that will be held for much longer than a pair is tried
+/// for. Until it ends, other threads do not begin to try for a pair, where they would only find
+/// that they have to stay away for up to a second; after 2 seconds they do so all the same. The
+/// thread that declares it may take pairs itself.
+class LongHold {
+ public:
+  LongHold();
+  ~LongHold();
+  LongHold(const LongHold&) = delete;
+  LongHold& operator=(const LongHold&) = delete;
+};
 
 /// Holds two locks, both for writing. Tries them for as long as it takes, and says so once when
 /// that has lasted more than 5 seconds.
