@@ -393,7 +393,7 @@ void Matcher::Start(int64_t now) {
 // The line that the matcher was at is given up, in case it was the reason; the lines after it are
 // handed to the next matcher.
 void Matcher::LoseConnection() {
-  cons_mon_waker.Beside(-1);
+  cons_mon_waker.NotBeside(sock_);
   close(sock_);
   sock_ = -1;
   sets_told_ = false;

@@ -15,12 +15,29 @@ namespace {
 // Adds what else ends the wait to the set for select().
 bool AddWaker(const Waker* waker, DescriptorSet& asked) {
   if (waker == nullptr) return true;
-  return asked.Add(waker->descriptor()) && (waker->beside() == -1 || asked.Add(waker->beside()));
+  const auto add = [&](int descriptor) { return asked.Add(descriptor); };
+  return add(waker->descriptor()) && std::ranges::all_of(waker->beside(), add);
 }
 
 int Highest(int high_sock, const Waker* waker) {
   if (waker == nullptr) return high_sock;
-  return std::max({high_sock, waker->descriptor(), waker->beside()});
+  int highest = std::max(high_sock, waker->descriptor());
+  for (const int descriptor : waker->beside()) highest = std::max(highest, descriptor);
+  return highest;
+}
+
+// Takes what is not a member out of a set that select() returned. Returns how many that were.
+int RemoveWaker(const Waker& waker, DescriptorSet& set) {
+  int removed = 0;
+  const auto remove = [&](int descriptor) {
+    if (!set.Contains(descriptor)) return false;
+    set.Remove(descriptor);
+    ++removed;
+    return true;
+  };
+  if (remove(waker.descriptor())) waker.Drain();
+  for (const int descriptor : waker.beside()) remove(descriptor);
+  return removed;
 }
 
 // Lets select() look at every member. When memory is short, nothing is waited for; the next pass,
@@ -28,17 +45,9 @@ int Highest(int high_sock, const Waker* waker) {
 int WaitForEach(int high_sock, DescriptorSet& set, const Waker* waker, timeval* timeout) {
   const int highest = Highest(high_sock, waker);
   if (waker != nullptr && (!set.Reserve(highest) || !AddWaker(waker, set))) return 0;
-  int ready = select(highest + 1, set.Native(), nullptr, nullptr, timeout);
-  if (ready > 0 && waker != nullptr && set.Contains(waker->descriptor())) {
-    set.Remove(waker->descriptor());
-    waker->Drain();
-    --ready;
-  }
-  if (ready > 0 && waker != nullptr && waker->beside() != -1 && set.Contains(waker->beside())) {
-    set.Remove(waker->beside());
-    --ready;
-  }
-  return ready;
+  const int ready = select(highest + 1, set.Native(), nullptr, nullptr, timeout);
+  if (ready <= 0 || waker == nullptr) return ready;
+  return ready - RemoveWaker(*waker, set);
 }
 
 // Waits for the watch, which stands for all of its members.

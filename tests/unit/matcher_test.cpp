@@ -34,6 +34,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 constexpr char kTwice[] = "(r)\\1";
 
@@ -115,7 +116,7 @@ class MatcherTest : public test::RelayTest {
     EmptyEventSetList(ev_list);
     matcher_.SetsChanged();
     EXPECT_TRUE(ServedUntil([this] { return !IsProcess(fake_.pid); }));
-    EXPECT_EQ(cons_mon_waker.beside(), -1);
+    EXPECT_THAT(cons_mon_waker.beside(), IsEmpty());
   }
 
   static bool IsProcess(pid_t pid) { return pid != -1 && kill(pid, 0) == 0; }
@@ -272,7 +273,7 @@ TEST_F(MatcherTest, UnexpectedAnswerEndsTheMatcher) {
 }
 
 TEST_F(MatcherTest, AnswerEndsTheMonitorsWait) {
-  EXPECT_EQ(cons_mon_waker.beside(), -1);
+  EXPECT_THAT(cons_mon_waker.beside(), IsEmpty());
   Load("a 4 1 (r)\\1\n");
   Take("one\n");
   DescriptorSet nobody;
@@ -282,7 +283,8 @@ TEST_F(MatcherTest, AnswerEndsTheMonitorsWait) {
   timeout = {60, 0};
   EXPECT_EQ(WaitForMembers(-1, nobody, cons_mon_waker, &timeout), 0);
   EXPECT_GT(timeout.tv_sec, 50);
-  EXPECT_TRUE(test::WaitReadable(cons_mon_waker.beside()));
+  ASSERT_THAT(cons_mon_waker.beside(), SizeIs(1));
+  EXPECT_TRUE(test::WaitReadable(cons_mon_waker.beside().front()));
   matcher_.Serve();
 }
 

@@ -206,7 +206,7 @@ TEST_F(WatchTest, AnExtraDescriptorEndsTheWaitUntilItIsReadAndIsNotAMember) {
   Print(1);
   EXPECT_THAT(Ready(kLong), ElementsAre(1));
   EXPECT_EQ(test::Receive(pair.ours.get(), 1), "x");
-  waker_.Beside(-1);
+  waker_.NotBeside(pair.ours.get());
   EXPECT_THAT(Ready(), ElementsAre(1));
 }
 

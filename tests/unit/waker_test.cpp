@@ -1,11 +1,13 @@
 #include "waker.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
 #include <thread>
 
@@ -164,6 +166,44 @@ TEST_F(WakerTest, FindsNobodyReadyWithoutMemoryForTheSet) {
   timeval timeout = kLong;
   const test::FailAllocation failure(1);
   EXPECT_EQ(WaitForMembers(-1, none, waker_, &timeout), 0);
+}
+
+TEST_F(WakerTest, EachDescriptorBesideItEndsTheWait) {
+  const test::SocketPair one;
+  const test::SocketPair other;
+  waker_.Beside(one.ours.get());
+  waker_.Beside(other.ours.get());
+  for (const test::SocketPair* said : {&one, &other}) {
+    test::SendText(said->theirs.get(), "x");
+    EXPECT_EQ(Wait(kLong), 0);
+    EXPECT_FALSE(set_.Contains(said->ours.get()));
+    EXPECT_EQ(test::Receive(said->ours.get(), 1), "x");
+    ASSERT_TRUE(set_.Add(member()));
+  }
+  test::SendText(one.theirs.get(), "x");
+  test::SendText(other.theirs.get(), "x");
+  test::SendText(pair_.theirs.get(), "x");
+  EXPECT_EQ(Wait(kLong), 1);  // the member alone counts
+}
+
+TEST_F(WakerTest, DescriptorThatIsNoLongerBesideItEndsNoWait) {
+  const test::SocketPair one;
+  const test::SocketPair other;
+  waker_.Beside(one.ours.get());
+  waker_.Beside(other.ours.get());
+  waker_.NotBeside(one.ours.get());
+  EXPECT_THAT(waker_.beside(), ::testing::ElementsAre(other.ours.get()));
+  waker_.NotBeside(other.ours.get());
+  EXPECT_THAT(waker_.beside(), ::testing::IsEmpty());
+}
+
+TEST_F(WakerTest, MistakenDescriptorsBesideItEndTheProcess) {
+  EXPECT_EXIT(waker_.NotBeside(member()), ::testing::ExitedWithCode(1), "");
+  EXPECT_EXIT(
+      {
+        for (size_t i = 0; i <= Waker::kMostBeside; ++i) waker_.Beside(member());
+      },
+      ::testing::ExitedWithCode(1), "");
 }
 
 TEST_F(WakerTest, ReportsAFailedSelect) {
