@@ -1,11 +1,14 @@
 // The life of the thread "cons_conn".
 //
-// main starts the thread; it never ends. Nothing wakes it: it makes a pass after every pause of 500
-// microseconds to 1 millisecond, and parks when the console output monitor asks for it. In each of
-// its three steps (free deleted consoles of i_cons_list, begin attempts, look at those in progress)
-// it takes icl_lock alone. It opens and closes the sockets of these consoles. A console that became
-// connected is moved under icl_lock and acl_lock, taken as a pair in that order; it then belongs to
-// the console output monitor, which is woken.
+// main starts the thread; it never ends. It makes a pass at least every 2 seconds: news of an
+// attempt in progress, the second at which a console is due, and cons_conn_waker end its wait
+// (attempt_wait.h). The last is woken by whoever adds, enables or marks a console of i_cons_list,
+// and has the thread park when the console output monitor asks for it. While a connect() fails at
+// once, there is no wait. In each of its three steps (free deleted consoles of i_cons_list, begin
+// attempts, look at those in progress) it takes icl_lock alone, and others may have it after each
+// millisecond of work, so that the list may change in the middle of a step. It opens and closes the
+// sockets of these consoles. A console that became connected is moved under icl_lock and acl_lock,
+// taken as a pair in that order; it then belongs to the console output monitor, which is woken.
 #include "cons_conn.h"
 
 #include <arpa/inet.h>
@@ -17,13 +20,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <ctime>
-#include <new>
-#include <vector>
 
+#include "attempt_wait.h"
 #include "cons_conn_steps.h"
 #include "console_lists.h"
 #include "counters.h"
@@ -35,6 +38,7 @@
 #include "lists.h"
 #include "log.h"
 #include "models.h"
+#include "sliced_walk.h"
 #include "sockets.h"
 #include "threads.h"
 #include "util.h"
@@ -55,6 +59,7 @@ constexpr char kTakeOver[] = "YES\n";
 
 // The number is forgotten before the socket is closed, so that nobody finds that of a closed one.
 void CloseSocket(ConsoleNode* cnode) {
+  attempt_wait.Forget(cnode->sock);
   close(cnode->sock.exchange(-1));
 }
 
@@ -80,6 +85,7 @@ void StartConnect(ConsoleNode* cnode) {
     return;
   }
   fcntl(sock, F_SETFL, flags);
+  attempt_wait.Watch(sock);
 }
 
 // The log is open if the console was disabled after it became connected and before it was moved.
@@ -91,32 +97,34 @@ void AbandonConnection(ConsoleNode* cnode, int status, time_t failed_at) {
   cnode->lsca_time = 0;
 }
 
-/// Which connections in progress have anything to report, asked of the kernel in one call for all
-/// of them: a separate wait for every dead host would keep everybody else from icl_lock.
+/// Which connections in progress have anything to report, asked of the kernel for many of them in
+/// one call: a separate wait for every dead host would keep everybody else from icl_lock.
 class ProgressPoll {
  public:
-  explicit ProgressPoll(const ConsoleList& list) {
-    // Without memory for the question, every console is asked on its own.
-    try {
-      for (const ConsoleNode* cnode : Nodes(list)) {
-        if (cnode->sock != -1) sockets_.push_back({cnode->sock, POLLIN | POLLOUT, 0});
-      }
-      asked_ = poll(sockets_.data(), sockets_.size(), 0) >= 0;
-    } catch (const std::bad_alloc&) {
-      asked_ = false;
-    }
-  }
-
-  /// Answers for the next console with a socket, in list order.
-  bool NextHasNews() {
-    if (!asked_) return true;
+  /// Answers for the element of a console with a socket. Calls follow the walk.
+  bool HasNews(const ConsoleListElem* elem, const SlicedWalk<ConsoleList>& walk) {
+    if (next_ == count_ || times_let_in_ != walk.times_let_in()) Ask(elem);
+    times_let_in_ = walk.times_let_in();
     return sockets_[next_++].revents != 0;
   }
 
  private:
-  std::vector<pollfd> sockets_;
+  // When the question fails, every console is asked on its own.
+  void Ask(const ConsoleListElem* elem) {
+    next_ = 0;
+    count_ = 0;
+    for (; elem != nullptr && count_ < sockets_.size(); elem = elem->next) {
+      const int sock = elem->cnode->sock;
+      if (sock != -1) sockets_[count_++] = {sock, POLLIN | POLLOUT, 0};
+    }
+    if (poll(sockets_.data(), count_, 0) >= 0) return;
+    for (size_t i = 0; i < count_; ++i) sockets_[i].revents = POLLERR;
+  }
+
+  std::array<pollfd, 256> sockets_{};
+  size_t count_ = 0;
   size_t next_ = 0;
-  bool asked_ = false;
+  unsigned times_let_in_ = 0;
 };
 
 void TraceStatusCheck(const ConsoleNode* cnode) {
@@ -129,11 +137,10 @@ void TraceStatusCheck(const ConsoleNode* cnode) {
 bool InGracePeriod(ConsoleNode* cnode) {
   if (cnode->check_for_NET_E_msg == 0) return false;
   const time_t now = time(nullptr);
-  if (cnode->lsca_time == 0) {
-    cnode->lsca_time = now;
-    return true;
-  }
-  return now - cnode->lsca_time < kPelloxGrace;
+  if (cnode->lsca_time == 0) cnode->lsca_time = now;
+  if (now - cnode->lsca_time >= kPelloxGrace) return false;
+  attempt_wait.NoteSecond(cnode->lsca_time + kPelloxGrace);
+  return true;
 }
 
 // True when the console became connected.
@@ -150,6 +157,7 @@ bool ApplyConnectionStatus(ConsoleNode* cnode, int result) {
       DEBUG_AS(kFunction, kInfo, "Connected to %s (%s/%d).\n", cnode->cname, cnode->ipaddr,
                cnode->cons_port);
       cnode->status = kConnected;
+      attempt_wait.Forget(cnode->sock);
       counters.console_connections.Add();
       if (cnode->log_fd == -1) OpenLogFile(cnode);
       DrainTelnetControlSequence(cnode->sock, cnode->telnet_cmd, sizeof cnode->telnet_cmd);
@@ -217,6 +225,17 @@ DescriptorUse LookAtDescriptors() REQUIRES(icl_lock) {
   return use;
 }
 
+// Without a socket after ConnectToConsoles() has looked at it, a console is due later, waits for
+// descriptors, or could not even begin, and is then tried again in the next pass.
+void NoteNextAttempt(const ConsoleNode& cnode) {
+  if (cnode.sock != -1) return;
+  if (IsDue(cnode)) {
+    attempt_wait.NoteDelay(attempt_budget.TimeToNextLook());
+  } else {
+    attempt_wait.NoteSecond(cnode.lfca_time + kRetryInterval);
+  }
+}
+
 void MoveConnectedConsoles() {
   {
     const WriteLockPair lock(icl_lock, acl_lock, Release::kSecondFirst,
@@ -228,37 +247,43 @@ void MoveConnectedConsoles() {
 
 }  // namespace
 
+AttemptWait attempt_wait;
+
 void* ConsoleConnectionsThreadStart(void* /*unused*/) {
   RegisterThread("cons_conn");
   ENTERING();
   BlockSignal(SIGTERM);
-  ShareWakeUps();
+  attempt_wait.Open();
   for (;;) {
     ParkIfAsked(kPauseConsConn);
     usleep(kPassPause);
+    attempt_wait.BeginPass();
     {
-      const WriteLock lock(icl_lock, HERE);
-      DeleteMarkedConsoles(i_cons_list);
+      WriteLock lock(icl_lock, HERE);
+      DeleteMarkedConsoles(i_cons_list, &lock);
     }
     {
-      const WriteLock lock(icl_lock, HERE);
-      ConnectToConsoles();
+      WriteLock lock(icl_lock, HERE);
+      ConnectToConsoles(&lock);
     }
     int new_connections = 0;
     {
-      const WriteLock lock(icl_lock, HERE);
-      new_connections = UpdateConnectionStatus();
+      WriteLock lock(icl_lock, HERE);
+      new_connections = UpdateConnectionStatus(&lock);
     }
     if (new_connections != 0) MoveConnectedConsoles();
+    attempt_wait.Wait(cons_conn_waker);
   }
 }
 
-void ConnectToConsoles() {
+void ConnectToConsoles(WriteLock* lock) {
   ENTERING();
-  for (ConsoleNode* cnode : Nodes(*i_cons_list)) {
+  SlicedWalk walk(*i_cons_list, lock);
+  while (const ConsoleListElem* elem = walk.Next()) {
+    ConsoleNode* cnode = elem->cnode;
     if (cnode->enable == 0) continue;
-    if (IsDue(*cnode) && !attempt_budget.Admits(LookAtDescriptors)) continue;
-    ConnectToConsole(cnode, 1);
+    if (!IsDue(*cnode) || attempt_budget.Admits(LookAtDescriptors)) ConnectToConsole(cnode, 1);
+    NoteNextAttempt(*cnode);
   }
 }
 
@@ -281,14 +306,16 @@ void ConnectToConsole(ConsoleNode* cnode, int keep_alive) {
   StartConnect(cnode);
 }
 
-int UpdateConnectionStatus() {
+int UpdateConnectionStatus(WriteLock* lock) {
   ENTERING();
-  ProgressPoll progress(*i_cons_list);
+  ProgressPoll progress;
   int connected = 0;
-  for (ConsoleNode* cnode : Nodes(*i_cons_list)) {
+  SlicedWalk walk(*i_cons_list, lock);
+  while (const ConsoleListElem* elem = walk.Next()) {
+    ConsoleNode* cnode = elem->cnode;
     if (cnode->sock == -1) continue;
     int result = kInProgress;
-    if (progress.NextHasNews()) {
+    if (progress.HasNews(elem, walk)) {
       result = CheckConnectionStatus(cnode);
     } else {
       TraceStatusCheck(cnode);

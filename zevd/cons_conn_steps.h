@@ -2,20 +2,26 @@
 // tests.
 #pragma once
 
+#include "attempt_wait.h"
 #include "console.h"
 #include "locks.h"
 
 namespace zevd {
 
+/// What the thread waits for after a pass. The steps note in it what they find.
+extern AttemptWait attempt_wait;
+
+// When icl_lock is given as `lock`, others have it after each millisecond of work.
+
 /// Starts an attempt for every enabled console of i_cons_list that is due for one.
-void ConnectToConsoles() REQUIRES(icl_lock);
+void ConnectToConsoles(WriteLock* lock = nullptr) REQUIRES(icl_lock);
 
 /// Starts an attempt for one console if it is due for one; with `keep_alive` not 0 the kernel
 /// probes the console while it is silent.
 void ConnectToConsole(ConsoleNode* cnode, int keep_alive) REQUIRES(icl_lock);
 
 /// Looks at every connection in progress. 1 when at least one console became connected, else 0.
-int UpdateConnectionStatus() REQUIRES(icl_lock);
+int UpdateConnectionStatus(WriteLock* lock = nullptr) REQUIRES(icl_lock);
 
 /// The ConsoleStatus that the console's socket shows; consumes no input. When an operator asked for
 /// it, a refusal is answered with a take-over.

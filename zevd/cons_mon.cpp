@@ -1,13 +1,14 @@
 // The life of the thread "cons_mon", which is the main thread after start-up.
 //
 // It makes a pass at least every 2 seconds: a console's output, a new console or one marked closed
-// ends the wait in select() (cons_mon_waker does so for the last two), and so does the matcher's
-// answer (matcher.h). It reads console sockets and sends the output to users with acl_lock held for
-// writing. It alone closes the sockets of a_cons_list, moves closed consoles back to i_cons_list
-// and frees deleted consoles of a_cons_list. Pairs of locks, in the order in which they are tried:
-// acl_lock and icl_lock for a reload, ul_lock and acl_lock to clean up, icl_lock and acl_lock to
-// move. To rename a console after an event of the matcher's it takes acl_lock, releases it, and
-// then icl_lock. It is the thread that SIGTERM interrupts and that collects SIGHUP.
+// ends the wait in select() (cons_mon_waker does so for the last two), and so do the matcher's
+// answer (matcher.h) and SIGHUP. It reads console sockets and sends the output to users with
+// acl_lock held for writing. It alone closes the sockets of a_cons_list, moves closed consoles back
+// to i_cons_list and frees deleted consoles of a_cons_list. Pairs of locks, in the order in which
+// they are tried: acl_lock and icl_lock for a reload, ul_lock and acl_lock to clean up, icl_lock
+// and acl_lock to move. To rename a console after an event of the matcher's it takes acl_lock,
+// releases it, and then icl_lock. It is the thread that SIGTERM interrupts and that collects
+// SIGHUP.
 #include "cons_mon.h"
 
 #include <sys/socket.h>
@@ -42,6 +43,7 @@
 #include "threads.h"
 #include "typed_consoles.h"
 #include "waker.h"
+#include "zev_signal.h"
 
 namespace zevd {
 
@@ -192,14 +194,24 @@ bool ReloadIsAskedFor() {
   return sigtimedwait(&hup, nullptr, &kNoWait) == SIGHUP;
 }
 
+// Without the descriptor, a reload waits until something else ends the wait.
+void ListenForHangUps() {
+  const int descriptor = OpenSignalDescriptor(SIGHUP);
+  if (descriptor != -1) cons_mon_waker.Beside(descriptor);
+}
+
 // Kept: returns as soon as any one of the other threads has parked. It is the locks that protect
 // the lists.
 void PauseOtherThreads() {
   thread_waitreq_mask |= kOtherThreads;
+  for (Waker* waker : {&cons_conn_waker, &user_conn_waker, &user_mon_waker, &cmd_mon_waker}) {
+    waker->Wake();
+  }
   while ((thread_waiting_mask & kOtherThreads) == 0) usleep(kPausePoll);
 }
 
 ReloadResult ReloadConfiguration() {
+  const LongHold hold;
   const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, CallSite{kLoop, __LINE__});
   ReloadResult result = ReloadResult::kDone;
   if (ReloadEventFiles() != 0) {
@@ -218,6 +230,7 @@ void Reload() {
   NoteReload(ReloadConfiguration());
   matcher.SetsChanged();
   RefreshMappedPorts();
+  cons_conn_waker.Wake();
   GetZevdArchIntFromConfFile();
   thread_waitreq_mask &= ~kOtherThreads;
 }
@@ -270,12 +283,16 @@ void MoveClosedConsoles(Looks* looks) {
     const WriteLockPair lock(ul_lock, acl_lock, Release::kFirstFirst, CallSite{kLoop, __LINE__});
     cons_mon::CleanUpClosedConnections();
   }
-  const WriteLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, CallSite{kLoop, __LINE__});
-  MoveConsolesToList(a_cons_list, i_cons_list, MoveCriterion::kNotConnected);
-  looks->closed_left = cons_mon::CheckForClosedConnections();
+  {
+    const WriteLockPair lock(icl_lock, acl_lock, Release::kSecondFirst, CallSite{kLoop, __LINE__});
+    MoveConsolesToList(a_cons_list, i_cons_list, MoveCriterion::kNotConnected);
+    looks->closed_left = cons_mon::CheckForClosedConnections();
+  }
+  cons_conn_waker.Wake();
 }
 
 void RotateLogs() {
+  const LongHold hold;
   const WriteLock lock(acl_lock, CallSite{kLoop, __LINE__});
   CloseAllLogFiles();
   ArchiveLogDir();
@@ -287,6 +304,7 @@ void RotateLogs() {
 void MonitorConsoleOutput() {
   RegisterThread("cons_mon");
   ENTERING();
+  ListenForHangUps();
   DescriptorSet fdset;
   Looks looks;
   for (;;) {

@@ -138,7 +138,7 @@ void DumpConsoles(const ConsoleList* list) {
     zev_debug(kError, "logging        = %d\n", cnode->logging);
     zev_debug(kError, "events         = %d\n", cnode->events);
     zev_debug(kError, "enable         = %d\n", cnode->enable.load());
-    zev_debug(kError, "deleted        = %d\n", cnode->deleted);
+    zev_debug(kError, "deleted        = %d\n", cnode->deleted.load());
     zev_debug(kError, "sock           = %d\n", cnode->sock.load());
     zev_debug(kError, "log_fd         = %d\n", cnode->log_fd);
     zev_debug(kError, "status         = %d\n", cnode->status.load());

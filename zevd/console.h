@@ -68,7 +68,9 @@ struct ConsoleNode : ConsoleSettings {
   std::atomic<int> sock;
   int log_fd;        ///< log file, -1 when closed
   DatedWord status;  ///< ConsoleStatus; any thread may set kNotConnected
-  int deleted;       ///< 1: dropped by a reload, freed once no user refers to it
+  /// 1: dropped by a reload, freed once no user refers to it. Changed under both console list
+  /// locks; user_mon reads it under acl_lock alone.
+  std::atomic<int> deleted;
   /// User records that point here. Changed under acl_lock, read under either list's lock.
   std::atomic<int> ref_count;
   int force;                ///< 1: the next refusal by a management port is overridden

@@ -7,6 +7,7 @@
 #include "list.h"
 #include "log.h"
 #include "mapped_port.h"
+#include "sliced_walk.h"
 
 namespace zevd {
 
@@ -35,9 +36,10 @@ void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
   }
   CloseLogFile(cnode);
   RemoveConsoleFromList(cnode, list);
-  // When user_conn looked at the ports after the reload, the console was still on its list.
-  if (cnode->mapped_port != 0) RefreshMappedPorts();
+  const bool had_port = cnode->mapped_port != 0;
   FreeConsoleNode(cnode);
+  // When user_conn looked at the ports after the reload, the console was still on its list.
+  if (had_port) RefreshMappedPorts();
 }
 
 // For a console that is on no list, because there was no memory for it: nobody else would close
@@ -69,9 +71,11 @@ void MoveConsolesToList(ConsoleList* from_list, ConsoleList* to_list, MoveCriter
   }
 }
 
-void DeleteMarkedConsoles(ConsoleList* list) {
+void DeleteMarkedConsoles(ConsoleList* list, WriteLock* lock) {
   ENTERING();
-  for (ConsoleNode* cnode : Nodes(*list)) {
+  SlicedWalk walk(*list, lock);
+  while (const ConsoleListElem* elem = walk.Next()) {
+    ConsoleNode* cnode = elem->cnode;
     if (cnode->deleted != 1) continue;
     if (cnode->user_list->head != nullptr) {
       zev_debug(kInfo, "%s: Disconnecting users from %s.\n", __func__, cnode->cname);

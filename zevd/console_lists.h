@@ -3,6 +3,7 @@
 #pragma once
 
 #include "console.h"
+#include "locks.h"
 
 namespace zevd {
 
@@ -15,7 +16,8 @@ void MoveConsolesToList(ConsoleList* from_list, ConsoleList* to_list, MoveCriter
 
 /// Tells the users of deleted consoles and marks them for closing; frees deleted consoles that
 /// nobody refers to. Stops at the first one whose user list is empty while user records still refer
-/// to it. The caller holds the list's lock for writing.
-void DeleteMarkedConsoles(ConsoleList* list);
+/// to it. The caller holds the list's lock for writing; when it is given as `lock`, others have it
+/// after each millisecond of work.
+void DeleteMarkedConsoles(ConsoleList* list, WriteLock* lock = nullptr);
 
 }  // namespace zevd

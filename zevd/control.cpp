@@ -89,6 +89,7 @@ void DisableConsole(const char* cons_name, const CommandNode* tool) {
       found = ForEachMatch(*i_cons_list, cons_name, [&](ConsoleNode* cnode) {
         DEBUG_AS(kFunction, kInfo, "%s\n", text.text);
         MarkDisabled(cnode);
+        cons_conn_waker.Wake();
       });
     }
   }
@@ -98,7 +99,10 @@ void DisableConsole(const char* cons_name, const CommandNode* tool) {
 
 void EnableConsole(const char* cons_name) {
   ENTERING();
-  const auto enable = [](ConsoleNode* cnode) { cnode->enable = 1; };
+  const auto enable = [](ConsoleNode* cnode) {
+    cnode->enable = 1;
+    cons_conn_waker.Wake();
+  };
   bool found = false;
   {
     const WriteLockPair lock(acl_lock, icl_lock, Release::kSecondFirst, HERE);
@@ -131,6 +135,7 @@ void ForceKPMConnection(const char* cons_name, const CommandNode* /*tool*/) {
   const auto force = [](ConsoleNode* cnode) {
     cnode->force = 1;
     if (cnode->sock == -1) cnode->lfca_time = 0;
+    cons_conn_waker.Wake();
   };
   const bool found = ChangeInaccessible(cons_name, force, HERE);
   if (!found) return AnswerUnrecognizedAndLog(__func__, cons_name);
@@ -139,7 +144,10 @@ void ForceKPMConnection(const char* cons_name, const CommandNode* /*tool*/) {
 
 void ReconnectConsole(const char* cons_name) {
   ENTERING();
-  const auto try_again = [](ConsoleNode* cnode) { cnode->lfca_time = 0; };
+  const auto try_again = [](ConsoleNode* cnode) {
+    cnode->lfca_time = 0;
+    cons_conn_waker.Wake();
+  };
   const bool found = ChangeInaccessible(cons_name, try_again, HERE);
   if (!found) return AnswerUnrecognizedAndLog(__func__, cons_name);
   AnswerDone();

@@ -96,8 +96,8 @@ bool DescriptorBudget::HasRoom(Caller caller, const DescriptorUse& use) {
   return has_room;
 }
 
-bool AttemptBudget::IsTimeToLook() const {
-  return MonotonicMilliseconds() >= next_look_;
+int64_t AttemptBudget::TimeToNextLook() const {
+  return std::max<int64_t>(next_look_ - MonotonicMilliseconds(), 0);
 }
 
 bool AttemptBudget::HasRoom(const DescriptorUse& use) {

@@ -81,15 +81,17 @@ class AttemptBudget {
       --begun_unseen_;
       return true;
     }
-    return IsTimeToLook() && HasRoom(look());
+    return TimeToNextLook() == 0 && HasRoom(look());
   }
 
   /// To be called when an attempt that was admitted found no descriptor; `error` is the errno
   /// value.
   void Exhausted(int error);
 
+  /// Milliseconds until the next look; 0 when no attempt has to wait for it.
+  int64_t TimeToNextLook() const;
+
  private:
-  bool IsTimeToLook() const;
   bool HasRoom(const DescriptorUse& use);
   void Pause();
 

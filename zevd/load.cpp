@@ -173,7 +173,7 @@ void PrintList(const ConsoleList& list) {
     zev_debug(kInfo, "events = %d\n", cnode->events);
     zev_debug(kInfo, "enable = %d\n", cnode->enable.load());
     zev_debug(kInfo, "auth = %d\n", cnode->auth);
-    zev_debug(kInfo, "deleted = %d\n", cnode->deleted);
+    zev_debug(kInfo, "deleted = %d\n", cnode->deleted.load());
     zev_debug(kInfo, "\n");
   }
 }
@@ -319,6 +319,7 @@ void MarkConsolesAsDeleted(ConsoleList* cons_list) {
   ENTERING();
   for (ConsoleNode* cnode : Nodes(*cons_list)) cnode->deleted = 1;
   cons_mon_waker.Wake();
+  cons_conn_waker.Wake();
 }
 
 int UpdateConsole(const ConsoleNode* cnode, ConsoleList* cons_list, LogRenames* renames,

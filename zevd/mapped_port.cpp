@@ -9,6 +9,7 @@
 #include "list_functions.h"
 #include "options.h"
 #include "user.h"
+#include "waker.h"
 
 namespace zevd {
 
@@ -198,6 +199,7 @@ int GetPendingLogins(MappedPortList* list, uint16_t port) {
 void RefreshMappedPorts() {
   ENTERING();
   refresh_mapped_ports = 1;
+  user_conn_waker.Wake();
 }
 
 }  // namespace zevd

@@ -1,17 +1,11 @@
 #include "threads.h"
 
-#include <sys/prctl.h>
 #include <unistd.h>
 
 namespace zevd {
 
 std::atomic<unsigned> thread_waitreq_mask{0};
 std::atomic<unsigned> thread_waiting_mask{0};
-
-void ShareWakeUps() {
-  constexpr unsigned long kLater = 500'000;  // nanoseconds
-  prctl(PR_SET_TIMERSLACK, kLater, 0, 0, 0);
-}
 
 void ParkIfAsked(unsigned bit) {
   constexpr useconds_t kStep = 100;  // microseconds

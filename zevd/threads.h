@@ -1,5 +1,7 @@
 // What the long-lived threads have in common: their pace, and the protocol by which the console
-// output monitor has them stand still while it reloads.
+// output monitor has them stand still while it reloads. A thread that has nothing to do until
+// something happens waits for that, 2 seconds at most; whoever makes it happen wakes the thread
+// (waker.h).
 #pragma once
 
 #include <sys/types.h>
@@ -17,16 +19,12 @@ enum PauseBit : unsigned {
   kPauseCmdMon = 0x10,
 };
 
-extern std::atomic<unsigned> thread_waitreq_mask;  ///< written by the console output monitor
+/// Written by the console output monitor, which then wakes the threads whose bits it has set.
+extern std::atomic<unsigned> thread_waitreq_mask;
 extern std::atomic<unsigned> thread_waiting_mask;  ///< each bit written by its own thread
 
 /// The pause at the start of every pass of every long-lived thread, in microseconds.
 inline constexpr useconds_t kPassPause = 500;
-
-/// Lets the kernel wake the calling thread up to half a millisecond late, together with others
-/// (prctl(2), PR_SET_TIMERSLACK). For threads that only poll: a timer interrupt for each of their
-/// pauses, some 2000 a second, is most of what an idle station costs.
-void ShareWakeUps();
 
 /// Called at the top of a long-lived thread's loop. Stands still while the thread's bit is set in
 /// thread_waitreq_mask.

@@ -1,14 +1,14 @@
 // The life of the thread "user_conn".
 //
-// main starts it; it never ends. A connection request ends its wait in select(), until the time for
-// that wait is used up (CheckForConnectionRequests()); from then on it looks after every pause of
-// 500 microseconds to 1 millisecond. Nothing else wakes it: it looks in each pass whether the ports
-// are to be matched with the configuration again. It alone changes mapped_port_list, opens and
-// closes the listening sockets and frees their records. It starts one detached serv_conn thread
-// (serv_conn.h) for each accepted connection and waits until that thread is counted. When a port is
-// dropped, it cancels the port's serv_conn threads. To look for mapped ports it takes acl_lock and
-// icl_lock as a pair in that order, and inside it pending_logins_mutex, which it otherwise takes
-// alone.
+// main starts it; it never ends. It makes a pass at least every 2 seconds: a connection request
+// ends the wait in select(), and user_conn_waker does so when the ports are to be matched with the
+// configuration again and when the thread is to park. At debug level 3 it looks round after every
+// pause instead, once the time for that wait is used up (CheckForConnectionRequests()). It alone
+// changes mapped_port_list, opens and closes the listening sockets and frees their records. It
+// starts one detached serv_conn thread (serv_conn.h) for each accepted connection and waits until
+// that thread is counted. When a port is dropped, it cancels the port's serv_conn threads. To look
+// for mapped ports it takes acl_lock and icl_lock as a pair in that order, and inside it
+// pending_logins_mutex, which it otherwise takes alone.
 #include "user_conn.h"
 
 #include <arpa/inet.h>
@@ -44,6 +44,7 @@
 #include "threads.h"
 #include "user.h"
 #include "user_conn_steps.h"
+#include "waker.h"
 #include "zev_signal.h"
 
 namespace zevd {
@@ -51,6 +52,7 @@ namespace zevd {
 namespace {
 
 constexpr int kBacklog = 128;
+constexpr timeval kSelectLimit = {2, 0};
 
 bool ListensOn(uint16_t port) {
   return IsPortInMappedPortList(port, mapped_port_list);
@@ -239,7 +241,6 @@ void* UserConnectionsThreadStart(void* /*unused*/) {
   RegisterThread("user_conn");
   ENTERING();
   BlockSignal(SIGTERM);
-  ShareWakeUps();
   reserve_descriptor.Hold();
   SetupMappedPorts();
   WaitForConnectionRequests();
@@ -347,12 +348,16 @@ void WaitForConnectionRequests() {
 
 int CheckForConnectionRequests(int high_sock, DescriptorSet* fdset) {
   ENTERING();
-  // Kept: select() leaves the unslept time here and nothing resets it: once a wait has run out,
-  // every later one only looks, and the pause of the loop alone paces the thread.
-  static timeval timeout = {2, 0};
+  // Kept at level 3: select() leaves the unslept time here and nothing resets it: once a wait has
+  // run out, every later one only looks, and the pause of the loop alone paces the thread.
+  static timeval rest = kSelectLimit;
   zev_debug(kTrace, "%s: Calling select( %d + 1, fdset, 0, 0, (%d,%d))\n", __func__, high_sock,
-            static_cast<int>(timeout.tv_sec), static_cast<int>(timeout.tv_usec));
-  const int ready = WaitForMembers(high_sock, *fdset, &timeout, WatchOf(mapped_port_list));
+            static_cast<int>(rest.tv_sec), static_cast<int>(rest.tv_usec));
+  timeval timeout = kSelectLimit;
+  SocketWatch* const watch = WatchOf(mapped_port_list);
+  const int ready = debug_level >= kTrace
+                        ? WaitForMembers(high_sock, *fdset, &rest, watch)
+                        : WaitForMembers(high_sock, *fdset, user_conn_waker, &timeout, watch);
   if (ready < 0) {
     zev_debug(kError, "%s: select() failed : %s\n", __func__, strerror(errno));
     TERMINATE(kTerminated);

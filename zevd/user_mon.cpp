@@ -126,7 +126,13 @@ bool HasWaitedLonger(const UserNode* unode, const UserNode* other) REQUIRES(ul_l
 ClosingOutputs closing_outputs;
 
 void DropReference(ConsoleNode* cnode) REQUIRES(acl_lock) {
+  const bool deleted = cnode->deleted == 1;
   const int references = --cnode->ref_count;
+  if (references == 0 && deleted) {
+    // Whichever thread owns its list frees it now.
+    cons_mon_waker.Wake();
+    cons_conn_waker.Wake();
+  }
   if (references >= 0) return;
   DEBUG_AS("CleanUpClosedConnections", kError, "Negative reference count (%d)\n", references);
   TERMINATE(kInternalError);

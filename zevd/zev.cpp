@@ -235,7 +235,9 @@ void Initialize() {
   StartCounting();
   RaiseDescriptorLimit();
   OpenAudit();
+  OpenWaker(cons_conn_waker);
   OpenWaker(cons_mon_waker);
+  OpenWaker(user_conn_waker);
   OpenWaker(user_mon_waker);
   OpenWaker(cmd_mon_waker);
   OpenEpoll(OpenUserOutputs());

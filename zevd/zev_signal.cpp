@@ -1,5 +1,7 @@
 #include "zev_signal.h"
 
+#include <sys/signalfd.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -30,6 +32,18 @@ int BlockSignal(int signum) {
 int UnblockSignal(int signum) {
   ENTERING();
   return ChangeSignal(SIG_UNBLOCK, signum, __func__);
+}
+
+int OpenSignalDescriptor(int signum) {
+  ENTERING();
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, signum);
+  const int descriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (descriptor == -1) {
+    zev_debug(kError, "%s: signalfd() failed : %s\n", __func__, strerror(errno));
+  }
+  return descriptor;
 }
 
 void TermHandler(int /*sig*/) {

@@ -10,6 +10,11 @@ namespace zevd {
 int BlockSignal(int signum);
 int UnblockSignal(int signum);
 
+/// A descriptor that is readable while the signal, which is blocked, is pending for the reader; it
+/// is there to be waited for, and the signal is collected with sigtimedwait(2). -1 with the reason
+/// in the debug output.
+int OpenSignalDescriptor(int signum);
+
 /// The SIGTERM handler: reports the signal and ends the process with status 1. Main thread only.
 void TermHandler(int sig);
 

@@ -36,8 +36,11 @@ def attempts(station, name: str, console) -> int:
     return station.log_text().count(ATTEMPT.format(name, "127.0.0.1", console.port) + "\n")
 
 
-def wait_passes(station, name: str, passes: int = 20) -> None:
-    """Wait until the daemon has checked the connection in progress this many times."""
+def wait_passes(station, name: str, passes: int = 2) -> None:
+    """Wait until the daemon has checked the connection in progress this many times.
+
+    It does so every two seconds while nothing happens.
+    """
     station.wait_log(re.compile(f'^CheckConnectionStatus: Checking status for "{name}" '),
                      count=passes, after=station.mark())
 
@@ -178,7 +181,7 @@ def test_a_refused_console_is_left_alone_for_a_while(station):
     station.wait_log(REFUSED.format("box", box.port), thread="cons_conn")
     box.listen()
     refused(station, "box", NOT_ACCESSIBLE)
-    station.wait_log("Entering ConnectToConsoles", count=200, after=station.mark())
+    station.wait_log("Entering ConnectToConsoles", count=2, after=station.mark())
     assert not box.called() and attempts(station, "box", box) == 1
 
 
@@ -188,7 +191,7 @@ def test_a_refused_console_is_called_again_after_a_minute(station, held_clock):
     station.wait_log(REFUSED.format("box", box.port))
     box.listen()
     held_clock.shift(59)
-    station.wait_log("Entering ConnectToConsoles", count=200, after=station.mark())
+    station.wait_log("Entering ConnectToConsoles", count=2, after=station.mark())
     assert not box.called() and attempts(station, "box", box) == 1
     held_clock.shift(60)
     box.accept()
@@ -205,7 +208,7 @@ def test_a_call_that_is_never_answered_fails(station):
     station.start()
     station.wait_log(FAILED.format("box", box.port), thread="cons_conn")
     refused(station, "box", NOT_ACCESSIBLE)
-    station.wait_log("Entering ConnectToConsoles", count=200, after=station.mark())
+    station.wait_log("Entering ConnectToConsoles", count=2, after=station.mark())
     assert attempts(station, "box", box) == 1
 
 
@@ -241,7 +244,7 @@ def test_a_console_disabled_after_a_failure_is_called_again_a_minute_after_it(st
         reload(station)
     box.listen()
     held_clock.shift(59)
-    station.wait_log("Entering ConnectToConsoles", count=200, after=station.mark())
+    station.wait_log("Entering ConnectToConsoles", count=2, after=station.mark())
     assert not box.called()
     held_clock.shift(60)
     box.accept()
@@ -277,7 +280,7 @@ def test_a_pellox_console_with_a_held_session_counts_as_refused(station):
     station.wait_log(REFUSED.format("px", px.port), thread="cons_conn")
     px.expect_closed()
     refused(station, "px", NOT_ACCESSIBLE)
-    station.wait_log("Entering ConnectToConsoles", count=200, after=station.mark())
+    station.wait_log("Entering ConnectToConsoles", count=2, after=station.mark())
     assert attempts(station, "px", px) == 1
     assert CONNECTED.format("px", px.port) not in station.log_text()
 
@@ -344,7 +347,7 @@ def test_a_pellox_console_that_is_reset_in_its_grace_has_failed(station, held_cl
     px.reset()
     station.wait_log(FAILED.format("px", px.port), thread="cons_conn")
     refused(station, "px", NOT_ACCESSIBLE)
-    station.wait_log("Entering ConnectToConsoles", count=200, after=station.mark())
+    station.wait_log("Entering ConnectToConsoles", count=2, after=station.mark())
     assert attempts(station, "px", px) == 1
 
 

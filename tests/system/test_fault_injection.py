@@ -142,7 +142,8 @@ PORT_WITHOUT_MEMORY = PORT_LOST + no_memory(
 
 WAITS_WITHOUT_MEMORY = no_memory("WaitForConnectionRequests", "MonitorConsoleOutput",
                                  "MonitorUserInput", "MonitorCommands", "Follow", "WatchMembers")
-UNWATCHED = work("Follow: epoll_ctl() failed : {e}")
+UNWATCHED = work("Follow: epoll_ctl() failed : {e}",
+                 "ConnectToConsole: epoll_ctl() failed : {e}")
 
 LOG_LOST = help_needed(
     "OpenLogFile: open() failed for \"*.log\" : {e}",
@@ -257,9 +258,11 @@ START: Table = {
     "fflush": NO_INTERVAL,
     "getrlimit": SILENT,
     "setrlimit": SILENT,
-    "epoll_create1": work("WatchMembers: epoll_create1() failed : {e}"),
+    "epoll_create1": work("WatchMembers: epoll_create1() failed : {e}",
+                          "ConsoleConnectionsThreadStart: epoll_create1() failed : {e}"),
     "epoll_ctl": SILENT + UNWATCHED,
     "eventfd": end("Initialize: eventfd() failed : {e}"),
+    "signalfd": work("OpenSignalDescriptor: signalfd() failed : {e}"),
     "pthread_create": NO_WORKER,
     "regcomp": EVENTS_LOST,
     "socket": SILENT + PORT_LOST + work("OpenAudit: socket() failed : {e}") + NO_DESCRIPTOR,

@@ -2,11 +2,13 @@
 
 import contextlib
 import re
+import signal
 import socket
 
 import pytest
 
-from harness.access import (ERRORS, READY, bring_up, greeting, pending, refused, reload, servicing)
+from harness.access import (ERRORS, READY, banner, bring_up, greeting, pending, refused, reload,
+                            servicing)
 from harness.debuglog import messages
 from harness.peers import OFFERS
 from harness.station import console_line
@@ -333,6 +335,29 @@ def test_a_port_that_is_no_longer_mapped_closes(mapped):
                     after=found.end, thread="user_conn")
     not_listening(port)
     assert is_listening(mapped.port)
+
+
+@pytest.mark.parametrize("with_user", [False, True])
+def test_the_port_of_a_console_that_is_dropped_closes_every_time(station, with_user):
+    port = free_port()
+    box = station.console("box", greeting=READY, mapped_port=port)
+    present = station.config_file.read_text(encoding="ascii")
+    station.start("-d", "0")  # at level 3 the ports are looked at all the time
+    for _ in range(20):
+        box.accept()
+        wait_listening(port)
+        user = station.mapped(port) if with_user else None
+        if user is not None:
+            user.expect(greeting("box"))
+        station.write_config("")
+        station.signal(signal.SIGHUP)
+        not_listening(port)
+        if user is not None:
+            user.expect(banner("Console has been deleted."))
+            user.expect_closed()
+        box.expect_closed()
+        station.write_config(present)
+        station.signal(signal.SIGHUP)
 
 
 def test_a_dropped_port_ends_its_pending_logins_and_nothing_else(mapped):

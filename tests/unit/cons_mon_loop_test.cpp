@@ -139,9 +139,17 @@ class ReloadInLoopTest : public MonitorLoopTest {
     constexpr int kPolls = 5;
     const DebugCapture debug(kTrace);
     int polls = 0;
+    unsigned woken = 0;
     Run(
         [&] {
           EXPECT_EQ(thread_waitreq_mask, kOtherThreads);
+          // Those who wait are told.
+          for (Waker* waker :
+               {&cons_conn_waker, &user_conn_waker, &user_mon_waker, &cmd_mon_waker}) {
+            unsigned seen = 0;
+            EXPECT_TRUE(waker->WokenSince(&seen));
+          }
+          cons_conn_waker.WokenSince(&woken);
           EXPECT_FALSE(debug.Has("Entering ReloadEventFiles\n"));
           EXPECT_LE(++polls, kPolls);
           if (HasFailure()) test::EndChild();
@@ -149,6 +157,7 @@ class ReloadInLoopTest : public MonitorLoopTest {
         },
         [&] {
           EXPECT_EQ(polls, kPolls);
+          EXPECT_TRUE(cons_conn_waker.WokenSince(&woken));  // the list may have grown
           EXPECT_TRUE(debug.Has("Entering ReloadEventFiles\n"));
           EXPECT_TRUE(debug.Has("Entering ReloadConfigFile\n"));
           EXPECT_EQ(thread_waitreq_mask, 0U);

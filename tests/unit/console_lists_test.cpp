@@ -175,6 +175,22 @@ TEST_F(DeleteTest, PortsAreRefreshedAfterAConsoleThatHadOne) {
   EXPECT_NE(output.find("Entering RefreshMappedPorts\n", removed), std::string::npos);
 }
 
+TEST_F(DeleteTest, LockThatIsGivenIsReleasedInBetween) {
+  AddMarked("goes1");
+  test::AddConsole(a_cons_list, "stays");
+  AddMarked("goes2");
+  const test::FakePassageOfTime passage(1000);  // as long as it may work at a time
+  WriteLock lock(acl_lock, HERE);
+  unsigned released = 0;
+  {
+    const test::FailCall unlocks(test::Call::kRwlockUnlock, 0, 1, 0);
+    DeleteMarkedConsoles(a_cons_list, &lock);
+    released = static_cast<unsigned>(unlocks.calls());
+  }
+  EXPECT_GE(released, 3U);
+  EXPECT_THAT(test::Names(*a_cons_list), ElementsAre("stays"));
+}
+
 TEST_F(DeleteTest, PortsAreLeftAloneWhenTheConsoleHadNone) {
   AddMarked("goes");
   const test::DebugCapture capture(kTrace);

@@ -10,6 +10,7 @@
 #include "command_support.h"
 #include "console_users.h"
 #include "lists.h"
+#include "waker.h"
 
 using namespace zevd;
 
@@ -52,6 +53,27 @@ TEST_F(ControlTest, DisabledConsoleEndsTheMonitorsWait) {
   DescriptorSet nobody;
   EXPECT_EQ(WaitForMembers(-1, nobody, cons_mon_waker, &wait), 0);
   EXPECT_GT(wait.tv_sec, 0);
+}
+
+TEST_F(ControlTest, WhatMakesAConsoleDueEndsTheWaitForIt) {
+  test::AddConsole(i_cons_list, "box", -1, kRefused);
+  for (const char* command : {"disable box", "enable box", "force box", "reconnect box"}) {
+    SCOPED_TRACE(command);
+    unsigned seen = 0;
+    cons_conn_waker.WokenSince(&seen);
+    Execute(command);
+    EXPECT_TRUE(cons_conn_waker.WokenSince(&seen));
+  }
+}
+
+TEST_F(ControlTest, WhatMakesNoConsoleDueEndsNoWaitForIt) {
+  test::AddConsole(i_cons_list, "box", -1, kRefused);
+  unsigned seen = 0;
+  cons_conn_waker.WokenSince(&seen);
+  for (const char* command : {"who box", "clear box", "msg box hello", "reconnect other"}) {
+    Execute(command);
+  }
+  EXPECT_FALSE(cons_conn_waker.WokenSince(&seen));
 }
 
 TEST_F(ControlTest, ClearOfAnUnconnectedConsoleChangesNothing) {

@@ -220,6 +220,16 @@ TEST_F(AttemptBudgetTest, LooksAgainAfterASecond) {
                           "use, 0 are set aside\n"));
 }
 
+TEST_F(AttemptBudgetTest, TellsWhenItLooksAgain) {
+  const test::FakePassageOfTime passage(1);
+  AttemptBudget budget;
+  EXPECT_EQ(budget.TimeToNextLook(), 0);
+  const test::DebugCapture capture(kInfo);
+  budget.Exhausted(EMFILE);
+  EXPECT_GT(budget.TimeToNextLook(), 990);
+  EXPECT_LE(budget.TimeToNextLook(), 1000);
+}
+
 TEST_F(AttemptBudgetTest, LooksOnlyNowAndThenWhileThereIsRoom) {
   int looks = 0;
   AttemptBudget budget;

@@ -90,7 +90,9 @@ void CloseSockets(const L& list) {
 RelayTest::RelayTest() {
   BlockSignal(SIGPIPE);
   ArrangeCancelSignal();
+  OpenOnce(cons_conn_waker);
   OpenOnce(cons_mon_waker);
+  OpenOnce(user_conn_waker);
   OpenOnce(user_mon_waker);
   if (UserOutputsDescriptor() == -1 && !OpenUserOutputs()) ThrowErrno("epoll_create1");
   debug_level = kError - 1;

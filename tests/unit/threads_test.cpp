@@ -1,9 +1,8 @@
-// What the long-lived threads have in common: their wake-ups, and standing still for a reload.
+// What the long-lived threads have in common: standing still for a reload.
 #include "threads.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 
 #include <atomic>
 #include <thread>
@@ -17,20 +16,6 @@ using namespace zevd;
 namespace {
 
 using ::testing::ElementsAre;
-
-// ---- Wake-ups -----------------------------------------------------------------------------------
-
-TEST(WakeUpTest, OfTheCallingThreadOnlyMayComeHalfAMillisecondLater) {
-  const int before = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
-  std::thread([] {
-    ShareWakeUps();
-    EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), 500'000);
-  }).join();
-  EXPECT_NE(before, 500'000);
-  EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), before);
-}
-
-// ---- Standing still -----------------------------------------------------------------------------
 
 class ParkTest : public ::testing::Test {
  private:

@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -24,6 +25,7 @@
 #include "service_support.h"
 #include "threads.h"
 #include "user_conn_steps.h"
+#include "waker.h"
 
 using namespace zevd;
 
@@ -284,6 +286,33 @@ TEST_F(PortTest, RequestIsSeenOnItsPortAlone) {
   EXPECT_EQ(CheckPorts(&fdset), 1);
   EXPECT_FALSE(fdset.Contains(FindPort(user_port)->sock));
   EXPECT_TRUE(fdset.Contains(FindPort(other.port())->sock));
+}
+
+TEST_F(PortTest, RefreshEndsTheWait) {
+  ASSERT_EQ(ConfigurePort(user_port), 0);
+  user_conn_waker.Drain();
+  RefreshMappedPorts();
+  EXPECT_EQ(refresh_mapped_ports, 1);
+  DescriptorSet fdset;
+  EXPECT_EQ(CheckPorts(&fdset), 0);
+  refresh_mapped_ports = 0;
+  // The call has ended that wait, and it ends no other.
+  uint64_t count = 0;
+  EXPECT_EQ(read(user_conn_waker.descriptor(), &count, sizeof count), -1);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(PortTest, WaitsAtLevelThreeAreNotEndedByAnybody) {
+  ASSERT_EQ(ConfigurePort(user_port), 0);
+  const Descriptor client = ConnectTo(user_port);
+  ASSERT_TRUE(test::WaitReadable(FindPort(user_port)->sock));
+  user_conn_waker.Wake();
+  const DebugCapture debug(kTrace);
+  DescriptorSet fdset;
+  EXPECT_EQ(CheckPorts(&fdset), 1);
+  uint64_t count = 0;
+  EXPECT_EQ(read(user_conn_waker.descriptor(), &count, sizeof count),
+            static_cast<ssize_t>(sizeof count));
 }
 
 // The time-out belongs to the process, so it is tested in a process that has not used it yet.

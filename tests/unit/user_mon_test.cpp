@@ -355,6 +355,27 @@ TEST_F(UserMonitorTest, PartlySentInputIsCompletedLater) {
 
 // ---- Removal ------------------------------------------------------------------------------------
 
+TEST_F(UserMonitorTest, LastUserOfADeletedConsoleEndsTheWaitsOfThoseWhoMayFreeIt) {
+  unsigned monitor_seen = 0;
+  unsigned connector_seen = 0;
+  const auto leaves = [&](const Attached<UserNode>& user) {
+    CloseUserConnection(user.node);
+    cons_mon_waker.WokenSince(&monitor_seen);
+    cons_conn_waker.WokenSince(&connector_seen);
+    user_mon::CleanUpClosedConnections();
+    const bool monitor_woken = cons_mon_waker.WokenSince(&monitor_seen);
+    EXPECT_EQ(cons_conn_waker.WokenSince(&connector_seen), monitor_woken);
+    return monitor_woken;
+  };
+  EXPECT_FALSE(leaves(AddUser("anna")));
+  const Attached<UserNode> first = AddUser("first");
+  const Attached<UserNode> last = AddUser("last");
+  console_.node->deleted = 1;
+  EXPECT_FALSE(leaves(first));
+  EXPECT_TRUE(leaves(last));
+  console_.node->deleted = 0;
+}
+
 TEST_F(UserMonitorTest, MarkedUsersAreFound) {
   EXPECT_FALSE(user_mon::CheckForClosedConnections());
   EXPECT_EQ(user_mon::GetClosedConnection(), nullptr);

@@ -1,8 +1,10 @@
 // Signals: blocking them, and the handlers of SIGTERM and SIGHUP.
 #include "zev_signal.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -17,6 +19,7 @@
 #include "failure_support.h"
 #include "options.h"
 #include "signal_support.h"
+#include "socket_support.h"
 
 using namespace zevd;
 
@@ -51,6 +54,24 @@ TEST_F(SignalTest, BlockedSignalIsInheritedByNewThreads) {
   bool inherited = false;
   std::thread([&] { inherited = IsBlocked(SIGHUP); }).join();
   EXPECT_TRUE(inherited);
+}
+
+TEST_F(SignalTest, DescriptorIsReadableUntilTheSignalIsCollected) {
+  BlockSignal(SIGHUP);
+  const test::Descriptor descriptor(OpenSignalDescriptor(SIGHUP));
+  ASSERT_NE(descriptor.get(), -1);
+  EXPECT_NE(fcntl(descriptor.get(), F_GETFD) & FD_CLOEXEC, 0);
+  pollfd asked = {descriptor.get(), POLLIN, 0};
+  EXPECT_EQ(poll(&asked, 1, 0), 0);
+  kill(getpid(), SIGHUP);
+  EXPECT_EQ(poll(&asked, 1, 0), 1);
+  EXPECT_EQ(poll(&asked, 1, 0), 1);
+  sigset_t hup;
+  sigemptyset(&hup);
+  sigaddset(&hup, SIGHUP);
+  constexpr timespec kNoWait = {0, 0};
+  EXPECT_EQ(sigtimedwait(&hup, nullptr, &kNoWait), SIGHUP);
+  EXPECT_EQ(poll(&asked, 1, 0), 0);
 }
 
 TEST_F(SignalTest, BlockingInAThreadLeavesTheOthersAlone) {

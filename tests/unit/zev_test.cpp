@@ -359,11 +359,12 @@ void CheckInitialized() {
   setrlimit(RLIMIT_NOFILE, &limit);
   Initialize();
   std::set<int> descriptors;
-  for (const Waker* waker : {&cons_mon_waker, &user_mon_waker, &cmd_mon_waker}) {
+  for (const Waker* waker :
+       {&cons_conn_waker, &cons_mon_waker, &user_conn_waker, &user_mon_waker, &cmd_mon_waker}) {
     EXPECT_TRUE(test::IsOpen(waker->descriptor()));
     descriptors.insert(waker->descriptor());
   }
-  EXPECT_THAT(descriptors, ::testing::SizeIs(3));
+  EXPECT_THAT(descriptors, ::testing::SizeIs(5));
   getrlimit(RLIMIT_NOFILE, &limit);
   EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
 }

@@ -26,6 +26,7 @@
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/select.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -204,6 +205,7 @@ FAILING(int, epoll_ctl, (int watch, int operation, int fd, struct epoll_event *e
 FAILING(int, epoll_wait, (int watch, struct epoll_event *events, int most, int limit),
         (watch, events, most, limit), -1)
 FAILING(int, eventfd, (unsigned int count, int flags), (count, flags), -1)
+FAILING(int, signalfd, (int fd, const sigset_t *mask, int flags), (fd, mask, flags), -1)
 FAILING(ssize_t, read, (int fd, void *data, size_t size), (fd, data, size), -1)
 
 /* What calls become when the compiler cannot see that the room suffices (_FORTIFY_SOURCE). */

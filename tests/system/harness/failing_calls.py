@@ -37,6 +37,7 @@ CODES = {
     "getline": errno.EIO, "fwrite": errno.ENOSPC, "fprintf": errno.ENOSPC,
     "fflush": errno.ENOSPC, "getrlimit": errno.EPERM, "setrlimit": errno.EPERM,
     "gethostname": errno.EPERM, "daemon": errno.EAGAIN, "sigtimedwait": errno.EINTR,
+    "signalfd": errno.EMFILE,
     "regcomp": errno.ENOMEM, "regexec": errno.ENOMEM, "pthread_create": errno.EAGAIN,
 }
 
