@@ -271,7 +271,10 @@ void* ConsoleConnectionsThreadStart(void* /*unused*/) {
       WriteLock lock(icl_lock, HERE);
       new_connections = UpdateConnectionStatus(&lock);
     }
-    if (new_connections != 0) MoveConnectedConsoles();
+    if (new_connections != 0) {
+      MoveConnectedConsoles();
+      attempt_wait.NoteDelay(0);  // those that found no memory are moved in the next pass
+    }
     attempt_wait.Wait(cons_conn_waker);
   }
 }

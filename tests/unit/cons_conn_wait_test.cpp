@@ -8,6 +8,7 @@
 #include <string>
 
 #include "connection_support.h"
+#include "cons_conn.h"
 #include "cons_conn_steps.h"
 #include "debug_support.h"
 #include "file_support.h"
@@ -127,6 +128,24 @@ TEST_F(ConnectionWaitTest, ManagementPortIsLookedAtWhenItsGraceIsOver) {
   clock_.Advance(1);
   EXPECT_EQ(AfterPass(), kLongest);
   EXPECT_EQ(cnode_->status, kConnected);
+}
+
+// The thread runs in the only thread of a child, where the pause of every pass is a step of the
+// test.
+void ExpectAnotherPassAfterAMove() {
+  int passes = 0;
+  test::FakeClock clock(kNow);
+  clock.OnSleep([&](useconds_t) {
+    if (++passes == 1) return;
+    EXPECT_EQ(a_cons_list->count, 1);
+    EXPECT_EQ(attempt_wait.Milliseconds(), passes == 2 ? 0 : kLongest);
+    if (passes == 3) test::EndChild();
+  });
+  ConsoleConnectionsThreadStart(nullptr);
+}
+
+TEST_F(ConnectionWaitTest, PassThatMovedAConsoleIsFollowedByAnotherAtOnce) {
+  EXPECT_HOLDS_IN_CHILD(ExpectAnotherPassAfterAMove());
 }
 
 // ---- News ---------------------------------------------------------------------------------------
