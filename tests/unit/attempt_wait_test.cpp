@@ -6,6 +6,8 @@
 #include <poll.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <ctime>
 #include <thread>
 
 #include "connection_support.h"

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <string>
 

@@ -1,6 +1,7 @@
 // The loop of the console output monitor. It never ends, so it runs in children.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -74,6 +75,26 @@ void ExpectPassesToTakePlace(const Attached<ConsoleNode>& console, const Attache
 
 TEST_F(MonitorLoopTest, LoopRelaysDeletesMovesAndParks) {
   EXPECT_HOLDS_IN_CHILD(ExpectPassesToTakePlace(console_, AddUser("anna")));
+}
+
+// It runs in the only thread of a child; every pass begins with a sleep.
+void ExpectHangUpsToBeListenedFor() {
+  BlockSignal(SIGHUP);
+  test::FakeClock clock;
+  clock.OnSleep([&](useconds_t) {
+    EXPECT_EQ(cons_mon_waker.beside().size(), 1U);
+    if (cons_mon_waker.beside().empty()) test::EndChild();
+    pollfd listener = {cons_mon_waker.beside().front(), POLLIN, 0};
+    EXPECT_EQ(poll(&listener, 1, 0), 0);
+    kill(getpid(), SIGHUP);
+    EXPECT_EQ(poll(&listener, 1, 0), 1);
+    test::EndChild();
+  });
+  MonitorConsoleOutput();
+}
+
+TEST_F(MonitorLoopTest, HangUpEndsTheWait) {
+  EXPECT_HOLDS_IN_CHILD(ExpectHangUpsToBeListenedFor());
 }
 
 // Whichever allocation fails in the first pass, the console that finds no room is lost, and the
