@@ -121,7 +121,8 @@ class ProgressPoll {
     for (size_t i = 0; i < count_; ++i) sockets_[i].revents = POLLERR;
   }
 
-  std::array<pollfd, 256> sockets_{};
+  // Not more than are looked at in about a millisecond, after which they would be asked anew.
+  std::array<pollfd, 64> sockets_{};
   size_t count_ = 0;
   size_t next_ = 0;
   unsigned times_let_in_ = 0;

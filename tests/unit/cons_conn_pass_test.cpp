@@ -276,7 +276,7 @@ TEST_F(MixedUpdateTest, OthersMayHaveTheLockBetweenAnyTwo) {
 }
 
 TEST_F(UpdateTest, EachOfManyConnectionsInProgressIsLookedAt) {
-  constexpr int kHanging = 300;  // more than are asked about in one call
+  constexpr int kHanging = 100;  // more than are asked about in one call
   const SilentPort silent;
   cnode_->enable = 0;
   for (int i = 0; i < kHanging; ++i) AddAt("hangs", silent.port());
