@@ -110,21 +110,39 @@ class Announcement {
   RwLock& second_;
 };
 
-std::atomic<int> long_holds{0};
-thread_local int own_long_holds = 0;
+/// Taken while one thread tries for a pair, or holds locks for long.
+std::atomic<bool> turn_taken{false};
 
-// The caller holds none of the locks that whoever declared a long hold may want.
-void WaitForLongHolds() {
+/// The calling thread has declared a LongHold and has the turn already.
+thread_local bool holds_for_long = false;
+
+// False when nobody gave the turn back in time; the caller then goes on all the same.
+bool TakeTurn() {
   constexpr int kMostTime = 2'000'000;  // microseconds
-  constexpr int kStep = 1000;
-  for (int steps = kMostTime / (kStep + kTimerSlack); steps > 0; --steps) {
-    if (long_holds == own_long_holds) return;
-    usleep(kStep);
+  for (int steps = kMostTime / (kTryPause + kTimerSlack); steps > 0; --steps) {
+    if (!turn_taken.exchange(true)) return true;
+    usleep(kTryPause);
   }
+  return false;
 }
 
+/// A thread's turn to try for a pair. Two that try at the same time for locks that they want in
+/// opposite orders would both have to stay away for a while.
+class PairTurn {
+ public:
+  PairTurn() : taken_(!holds_for_long && TakeTurn()) {}
+  ~PairTurn() {
+    if (taken_) turn_taken = false;
+  }
+  PairTurn(const PairTurn&) = delete;
+  PairTurn& operator=(const PairTurn&) = delete;
+
+ private:
+  bool taken_;
+};
+
 bool TryLockBoth(const LockKind& kind, RwLock& first, RwLock& second, CallSite site) {
-  WaitForLongHolds();
+  const PairTurn turn;
   const Announcement announcement(first, second);
   if (!TryLock(kind, first, site)) return false;
   if (TryLock(kind, second, site)) return true;
@@ -197,14 +215,13 @@ void ReadLock::Release() {
   held_ = false;
 }
 
-LongHold::LongHold() {
-  ++long_holds;
-  ++own_long_holds;
+LongHold::LongHold() : taken_(TakeTurn()) {
+  holds_for_long = true;
 }
 
 LongHold::~LongHold() {
-  --own_long_holds;
-  --long_holds;
+  holds_for_long = false;
+  if (taken_) turn_taken = false;
 }
 
 WriteLockPair::WriteLockPair(RwLock& first, RwLock& second, zevd::Release order, CallSite site)

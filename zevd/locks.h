@@ -3,10 +3,11 @@
 // There is no global lock order. A thread may wait for one lock. It takes two only with the pair
 // guards: while they hold the first they try the second for a short time (kPairTryTime), and when
 // it cannot be had they release the first and back off. Two courtesies keep the back-offs rare: who
-// is about to take a single lock lets a pair that wants it go first, and nobody tries for a pair
-// while a LongHold lasts. The thread cmd_mon holds cmd_lock while it takes the locks of the console
-// lists; nobody takes cmd_lock while holding one of those. Every request, grant and release is
-// traced at level 3 with the name of the calling function and the address of the lock.
+// is about to take a single lock lets a pair that wants it go first, and those who want pairs try
+// one after the other, not while a LongHold lasts. The thread cmd_mon holds cmd_lock while it takes
+// the locks of the console lists; nobody takes cmd_lock while holding one of those. Every request,
+// grant and release is traced at level 3 with the name of the calling function and the address of
+// the lock.
 #pragma once
 
 #include <pthread.h>
@@ -107,15 +108,18 @@ inline constexpr int kPairTryTime = kTryRetries * (kTryPause + kTimerSlack);
 inline constexpr int kCourtesyTime = 2000;
 
 /// To be declared before locks are taken that will be held for much longer than a pair is tried
-/// for. Until it ends, other threads do not begin to try for a pair, where they would only find
-/// that they have to stay away for up to a second; after 2 seconds they do so all the same. The
-/// thread that declares it may take pairs itself.
+/// for. It waits until nobody tries for a pair, and until it ends nobody else begins to: they would
+/// only find that they have to stay away for up to a second. Nobody waits for more than 2 seconds.
+/// The thread that declares it may take pairs itself; it declares one at a time.
 class LongHold {
  public:
   LongHold();
   ~LongHold();
   LongHold(const LongHold&) = delete;
   LongHold& operator=(const LongHold&) = delete;
+
+ private:
+  bool taken_;
 };
 
 /// Holds two locks, both for writing. Tries them for as long as it takes, and says so once when

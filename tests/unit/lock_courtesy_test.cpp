@@ -4,8 +4,11 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <semaphore>
 #include <string>
@@ -239,7 +242,7 @@ TEST_F(CourtesyTest, PairIsNotTriedForBeforeALongHoldHasEnded) {
     if (clock_.sleeps().size() == 5) hold.End();
   });
   TakePair();
-  EXPECT_THAT(Pauses(), ElementsAre(1000, 1000, 1000, 1000, 1000));
+  EXPECT_THAT(Pauses(), ElementsAre(100, 100, 100, 100, 100));
   EXPECT_EQ(tries.calls(), 2);
 }
 
@@ -255,15 +258,51 @@ TEST_F(CourtesyTest, PairThatBacksOffWaitsForALongHoldAsWell) {
     }
   });
   TakePair();
-  EXPECT_THAT(Pauses(), ElementsAre(777, 1000));
+  EXPECT_THAT(Pauses(), ElementsAre(777, 100));
 }
 
 TEST_F(CourtesyTest, LongHoldIsWaitedForTwoSecondsAtMost) {
   const OthersHold hold;
   TakePair();
   const std::vector<useconds_t> pauses = Pauses();
-  EXPECT_THAT(pauses, SizeIs(1904));  // with the slack of a timer
-  EXPECT_THAT(pauses, Each(1000));
+  EXPECT_THAT(pauses, SizeIs(13333));  // with the slack of a timer
+  EXPECT_THAT(pauses, Each(100));
+}
+
+// What happens while the calling thread tries for a pair, at its second pause.
+class TurnTest : public CourtesyTest {
+ protected:
+  /// Another thread does `want`, and must not get it before this one has its pair.
+  void ExpectAfterwards(const std::function<void()>& want) {
+    const test::FailCall tries(test::Call::kTrywrlock, EBUSY, 1, 3);
+    std::atomic<bool> got{false};
+    std::thread other;
+    int pauses = 0;
+    clock_.OnSleep([&](useconds_t) {
+      if (++pauses == 1) {
+        other = std::thread([&] {
+          want();
+          got = true;
+        });
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      EXPECT_FALSE(got);
+    });
+    TakePair();
+    other.join();
+    EXPECT_EQ(pauses, 3);
+  }
+};
+
+TEST_F(TurnTest, LongHoldWaitsWhileAPairIsTriedFor) {
+  ExpectAfterwards([] { const LongHold hold; });
+}
+
+TEST_F(TurnTest, PairsAreTriedForOneAfterTheOther) {
+  RwLock third;
+  RwLock fourth;
+  ExpectAfterwards([&] { const WriteLockPair lock(third, fourth, Release::kSecondFirst, kSite); });
 }
 
 TEST_F(CourtesyTest, WhoDeclaresALongHoldTakesPairsAtOnce) {
