@@ -15,8 +15,8 @@ USER_KEYS = ["user", "given_user", "from", "given_from", "mode", "since"]
 STATS_KEYS = ["started", "console_connections", "console_failures", "console_losses",
               "console_bytes", "log_records", "log_bytes", "log_records_lost", "connections",
               "refusals", "logins_accepted", "logins_refused", "users_attached", "users_left",
-              "bytes_not_shown", "tools_attached", "commands", "events_posted", "events_dropped", "reloads",
-              "last_reload", "last_reload_result"]
+              "bytes_not_shown", "tools_attached", "commands", "events_posted", "events_dropped",
+              "reloads", "last_reload", "last_reload_result"]
 
 
 def is_recent(moment: int) -> bool:
