@@ -151,8 +151,8 @@ size_t OutputQueue::LeaveOut(size_t at_least) {
 // Not in a command of which a part has been sent, and not too close after another mark.
 size_t OutputQueue::StartOfGap() {
   size_t from = 0;
-  // Without memory the queue is too short to keep marks apart.
-  if (ring_ != inside_) from = std::min(kBetweenMarks - since_mark_, size_);
+  // Without memory the queue may be too short to keep marks apart: something must be behind them.
+  if (capacity_ >= 2 * kBetweenMarks) from = std::min(kBetweenMarks - since_mark_, size_);
   TelnetScan scan = sent_;
   ForBytes(0, from, [&](const char* bytes, size_t count) { scan.Scan(bytes, count); });
   return EndOfCommand(&scan, from);
