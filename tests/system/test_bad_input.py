@@ -14,6 +14,7 @@ from harness.access import ERRORS, bring_up, greeting, reload, seeded
 from harness.consoles import NEGOTIATION, FakeConsole
 from harness.peers import OFFERS, User
 from harness.scenes import attach_when_accessible, removal
+from harness.slow_readers import SMALL, gaps_in, take_nothing
 from harness.station import Station, console_line
 from harness.waiting import free_port, stretched, wait_listening, wait_until
 
@@ -443,16 +444,18 @@ def test_a_flood_that_nobody_watches_disturbs_nobody(station, healthy):
 def test_a_user_who_reads_nothing_does_not_stop_the_console(station, healthy):
     box = station.console("box")
     well = healthy("-d", "1", others=(box,))
-    stalled = attach_when_accessible(station, "box")
-    stalled.stop_reading()
+    stalled = take_nothing(station, attach_when_accessible(station, "box", buffer=SMALL))
     flood = box.flood(b"z" * 16384, 200)
     for _ in range(20):
         well.undisturbed()
     flood.join(limit=30)
-    station.wait_log(removal("<unknown>"))
     late = station.attach("box")
     late.send(b"k")
     box.expect_exactly(b"k")
+    box.send(b"<end>")
+    stalled.read_again()
+    stalled.expect(b"<end>")
+    assert gaps_in(stalled.received, b"z" * 16384 * 200 + b"<end>")
     well.undisturbed()
 
 

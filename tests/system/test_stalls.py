@@ -1,4 +1,4 @@
-"""Peers that stop reading: others do not wait for them for long, and later all is as before."""
+"""Peers that stop reading: others do not wait for them, and later all is as before."""
 
 import contextlib
 import threading
@@ -8,14 +8,17 @@ import pytest
 
 from harness.peers import Peer
 from harness.scenes import connected, echo_time, numbered, removal, visit
+from harness.slow_readers import BETWEEN_MARKS, QUEUE, SMALL, take_nothing, told
 from harness.waiting import stretched, wait_until
 
 AGAIN = "Resource temporarily unavailable"
-FROM_CONSOLE = f'SendConsoleOutputToUsers: send() from console "{{}}" failed : {AGAIN}'
 TO_CONSOLE = f'ProcessUserInput: send() to console "{{}}" failed : {AGAIN}'
 
 WELL_WITHIN_A_SECOND = 0.8
 NORMAL = 0.25
+
+BLOCK = numbered(1000)
+THE_END = b"and that is the end of all of this output\r\n"
 
 
 class Typist:
@@ -85,43 +88,54 @@ def is_normal(user: Peer, console: Peer) -> None:
 # Users who read nothing
 
 
+def stalled_at(station, console: str, name: str = "stalled") -> Peer:
+    """A user who reads nothing."""
+    return take_nothing(station, station.attach(console, mode="ro", user=name, buffer=SMALL))
+
+
 def test_a_user_who_reads_nothing_delays_no_other(station, two):
     noisy, calm, user = two
-    stalled = station.attach("noisy", mode="ro", user="stalled", buffer=4096)
-    stalled.stop_reading()
+    stalled = stalled_at(station, "noisy")
     with typing(user, calm):
-        flood = noisy.flood(numbered(1000), 100)
-        station.wait_log(FROM_CONSOLE.format("noisy"))
-        station.wait_log(removal("stalled", "noisy"))
-        flood.join(30)
+        noisy.flood(BLOCK, 100).join(30)
     is_normal(user, calm)
     again = station.attach("noisy")
-    noisy.send(b"still printing")
-    again.expect(b"still printing")
-
-
-def test_a_user_who_reads_nothing_is_disconnected(station, two):
-    noisy, _, _ = two
-    stalled = station.attach("noisy", mode="ro", user="stalled", buffer=4096)
-    stalled.stop_reading()
-    flood = noisy.flood(numbered(1000), 50)
-    station.wait_log(removal("stalled", "noisy"))
+    noisy.send(THE_END)
+    again.expect(THE_END)
     stalled.read_again()
-    wait_until(lambda: stalled.closed, what="the end")
-    flood.join(30)
+    assert told(stalled, BLOCK * 100 + THE_END)
+
+
+def test_a_user_who_reads_nothing_is_told_what_was_not_shown(station, two):
+    noisy, _, _ = two
+    stalled = stalled_at(station, "noisy")
+    noisy.flood(BLOCK, 50).join(30)
+    again = station.attach("noisy", user="again")
+    noisy.send(THE_END)
+    again.expect(THE_END)
+    stalled.read_again()
+    printed = BLOCK * 50 + THE_END
+    *_, last = told(stalled, printed)
+    assert QUEUE - 2 * BETWEEN_MARKS <= len(printed) - last.end <= QUEUE
+    noisy.send(b"still printing")
+    stalled.expect_exactly(b"still printing")
+    assert removal("stalled", "noisy") not in station.log_text()
 
 
 def test_users_who_read_nothing_one_after_the_other_delay_nobody(station, two):
     noisy, calm, user = two
+    stalled = []
     with typing(user, calm):
         for number in range(4):
-            name = f"stalled{number}"
-            stalled = station.attach("noisy", mode="ro", user=name, buffer=4096)
-            stalled.stop_reading()
-            flood = noisy.flood(numbered(1000), 40)
-            station.wait_log(removal(name, "noisy"))
-            flood.join(30)
+            stalled.append(stalled_at(station, "noisy", f"stalled{number}"))
+            noisy.flood(BLOCK, 40).join(30)
+            again = station.attach("noisy", mode="ro", user="again")
+            noisy.send(THE_END)
+            again.expect(THE_END)
     is_normal(user, calm)
+    for number, each in enumerate(stalled):
+        each.read_again()
+        assert told(each, (BLOCK * 40 + THE_END) * (4 - number))
 
 
 def test_a_user_who_reads_slowly_loses_nothing(station, two):
@@ -200,18 +214,18 @@ def test_a_user_and_a_console_that_read_nothing_delay_nobody(station):
     for name in consoles:
         visit(station, name)
     user = station.attach("calm", user="calm")
-    stalled = station.attach("noisy", mode="ro", user="stalled", buffer=4096)
-    stalled.stop_reading()
+    stalled = stalled_at(station, "noisy")
     paster = station.attach("deaf", user="paster")
     consoles["deaf"].stop_reading()
     with typing(user, consoles["calm"]):
-        floods = [consoles["noisy"].flood(numbered(1000), 100),
-                  paster.flood(numbered(1000), 100)]
-        station.wait_log(removal("stalled", "noisy"))
+        floods = [consoles["noisy"].flood(BLOCK, 100), paster.flood(BLOCK, 100)]
         station.wait_log(removal("paster", "deaf"))
         for flood in floods:
             flood.join(30)
     is_normal(user, consoles["calm"])
+    consoles["noisy"].send(THE_END)
+    stalled.read_again()
+    assert told(stalled, BLOCK * 100 + THE_END)
 
 
 def test_callers_who_say_nothing_delay_nobody(station, two):

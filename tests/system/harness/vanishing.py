@@ -27,14 +27,15 @@ def vanish(peer: Peer) -> None:
     peer.socket.setsockopt(socket.SOL_SOCKET, _SO_ATTACH_FILTER, program)
 
 
-def daemons_socket(station: Station, peer: Peer) -> socket.socket:
+def daemons_socket(station: Station, peer: Peer | socket.socket) -> socket.socket:
     """The daemon's end of the peer's connection, to be asked and changed; the caller closes it."""
-    inode = _inode(peer.socket.getpeername()[1], peer.socket.getsockname()[1])
+    sock = peer.socket if isinstance(peer, Peer) else peer
+    inode = _inode(sock.getpeername()[1], sock.getsockname()[1])
     directory = Path(f"/proc/{station.pid}/fd")
     for entry in directory.iterdir():
         if os.readlink(entry) == f"socket:[{inode}]":
             return socket.socket(fileno=_copy_descriptor(station.pid, int(entry.name)))
-    raise AssertionError(f"the daemon has no end of the connection of {peer.name}")
+    raise AssertionError(f"the daemon has no end of the connection of {sock}")
 
 
 def _inode(local_port: int, remote_port: int) -> int:
