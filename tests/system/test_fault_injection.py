@@ -21,7 +21,10 @@ from harness.failing_calls import ALLOCATION, CODES, FailingCalls, Thread, build
 from harness.failing_station import Costly, Ended, FailingStation, texts
 from harness.farm import Farm
 from harness.peers import OFFERS
+from harness.scenes import numbered
+from harness.slow_readers import SMALL, gaps_in
 from harness.station import console_line
+from harness.vanishing import daemons_socket
 from harness.waiting import free_port, is_listening, wait_until
 
 EXIT_TRACE = "Exiting with code 1 from file "
@@ -156,8 +159,6 @@ LOG_LOST = help_needed(
 )
 LOG_NOT_RENAMED = help_needed("UpdateConsole : rename() failed : {e}")
 LINK_LEFT = work("RemoveSymlinkToCurrDir: unlink() failed : {e}")
-RECORD_LOST = lost("WriteBuffer: write() failed for console \"*\" : {e}",
-                   "WriteBuffer: write() failed for \"consolidated.log\" : {e}")
 
 NEW_LOG_REFUSED = (
     end("OpenLogFile: chown( *.log, ...) failed : {e}",
@@ -214,6 +215,7 @@ WAITS: Table = {
     ("select", Thread.USER_MON): end("CheckForUserInput: select() failed : {e}", TERMINATED),
     ("select", Thread.CMD_MON): end("CheckForCommand: select() failed : {e}", TERMINATED),
     ("poll", Thread.CONS_CONN): SILENT,
+    ("ppoll", Thread.MAIN): SILENT,
     ("sigtimedwait", Thread.MAIN): SILENT,
 }
 
@@ -241,7 +243,6 @@ START: Table = {
     "ftruncate": lock("ftruncate()"),
     "write": SILENT + lock("write()"),
     "read": SILENT,
-    "writev": RECORD_LOST,
     "mkdirat": LOG_LOST,
     "unlinkat": SILENT,
     "symlinkat": LOG_LOST,
@@ -258,8 +259,9 @@ START: Table = {
     "fflush": NO_INTERVAL,
     "getrlimit": SILENT,
     "setrlimit": SILENT,
-    "epoll_create1": work("WatchMembers: epoll_create1() failed : {e}",
-                          "ConsoleConnectionsThreadStart: epoll_create1() failed : {e}"),
+    "epoll_create1": (work("WatchMembers: epoll_create1() failed : {e}",
+                           "ConsoleConnectionsThreadStart: epoll_create1() failed : {e}")
+                      + end("Initialize: epoll_create1() failed : {e}")),
     "epoll_ctl": SILENT + UNWATCHED,
     "eventfd": end("Initialize: eventfd() failed : {e}"),
     "signalfd": work("OpenSignalDescriptor: signalfd() failed : {e}"),
@@ -273,7 +275,7 @@ START: Table = {
     "fcntl": SILENT,
     ("select", Thread.CONS_CONN): CONNECTION_LOST,
     "recv": SILENT + CONNECTION_LOST + CONSOLE_READ_ERROR,
-    "ppoll": SILENT,
+    ("ppoll", Thread.CONS_CONN): SILENT,
     "close": SILENT,
 }
 
@@ -315,15 +317,13 @@ ATTACH: Table = {
     "accept4": work("AcceptConnectionRequests: All descriptors are in use"),
     "pthread_create": USER_REFUSED,
     "setsockopt": SILENT,
-    "ppoll": end("ReadLineWithTimeout: select() failed : {e}", TERMINATED),
+    ("ppoll", Thread.SERV_CONN): end("ReadLineWithTimeout: select() failed : {e}", TERMINATED),
     "recv": SILENT + work("ReadLineWithTimeout: recv() returned -1 : {e}",
                           "ProcessUserInput: recv() returned -1 : {e}") + CONSOLE_READ_ERROR,
     "send": SILENT + work("ProcessUserInput: send() to console \"c0\" failed : {e}",
                           "SendConsoleOutputToUsers: send() from console \"c0\" failed : {e}"),
-    ("poll", Thread.MAIN): SILENT,
-    "epoll_ctl": SILENT + UNWATCHED,
+    "epoll_ctl": SILENT + UNWATCHED + work("ConnectUserToConsole: epoll_ctl() failed : {e}"),
     "epoll_wait": SILENT,
-    "writev": RECORD_LOST,
     "write": SILENT,
     "read": SILENT,
     "close": SILENT,
@@ -374,7 +374,7 @@ RELOAD: Table = {
     "fchmod": NEW_LOG_REFUSED,
     ("select", Thread.CONS_CONN): CONNECTION_LOST,
     ("recv", Thread.CONS_CONN): SILENT + CONNECTION_LOST,
-    "ppoll": SILENT,
+    ("ppoll", Thread.CONS_CONN): SILENT,
     "close": SILENT,
 }
 
@@ -389,7 +389,7 @@ ROTATION: Table = {
     "fstat": SILENT + LOG_LOST,
     "fchown": LOG_LOST + NEW_LOG_REFUSED,
     "fchmod": NEW_LOG_REFUSED,
-    "writev": RECORD_LOST,
+    "write": SILENT,
     "close": SILENT,
 }
 
@@ -404,7 +404,15 @@ LINE: Table = {
     ("recv", Thread.MAIN): SILENT + CONSOLE_READ_ERROR,
     ("send", Thread.MAIN): SILENT,
     "gethostname": SILENT,
-    "writev": RECORD_LOST,
+    "write": SILENT,
+}
+
+# The queue of a user who is slow. Without memory it is short, and he is told what it has no room
+# for.
+SLOW_USER: Table = {
+    (ALLOCATION, Thread.MAIN): SILENT + no_memory("MatchPattern", after=After.LOST),
+    "sendmsg": SILENT,
+    ("epoll_wait", Thread.USER_MON): SILENT,
 }
 
 
@@ -495,8 +503,8 @@ class DetachedStartUp(StartUp):
 class Caller:
     """A user whose connection may end at any time."""
 
-    def __init__(self, subject: FailingStation, port: int) -> None:
-        self.socket = subject.call(port) or socket.socket()
+    def __init__(self, sock: socket.socket) -> None:
+        self.socket = sock
         self.socket.setblocking(False)
         self.received = b""
         self.ended = False
@@ -542,7 +550,7 @@ class Attach(Phase):
     def go(self) -> None:
         subject = self.subject
         key = subject.fresh()
-        caller = Caller(subject, self.port())
+        caller = Caller(subject.call(self.port()) or socket.socket())
         with contextlib.closing(caller.socket):
             caller.say(self.line_sent)
             subject.until(
@@ -665,6 +673,34 @@ class Line(Phase):
 
     def close(self) -> None:
         self.collector.shut()
+
+
+class SlowUser(Phase):
+    """A console prints more than there is room for on the way to a user, who then takes it all."""
+
+    table = SLOW_USER
+    printed = numbered(10_000)
+
+    def go(self) -> None:
+        subject = self.subject
+        with contextlib.closing(self.attached()) as user:
+            first, last = subject.fresh() + b"\r\n", subject.fresh() + b"\r\n"
+            subject.have_printed(first + self.printed + last)
+            subject.until(lambda: subject.logged("c0", last.replace(b"\r", b"")), "the last line")
+            caller = Caller(user)
+            subject.until(lambda: caller.has(last), "the output")
+            if not caller.ended:
+                gaps_in(caller.received[caller.received.index(first):], first + self.printed + last)
+            caller.leave()
+            subject.until(caller.is_over, "the connection to be closed")
+        subject.until(subject.users_are_gone, "the user to be gone")
+
+    def attached(self) -> socket.socket:
+        """A user of whom the kernel keeps little."""
+        user = self.subject.attach("c0")
+        with daemons_socket(self.subject.station, user) as end:
+            end.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, SMALL)
+        return user
 
 
 # Judgement
@@ -862,3 +898,8 @@ def test_a_call_fails_while_the_logs_rotate(subject, call, thread):
 @pytest.mark.parametrize("call, thread", calls_of(LINE))
 def test_a_call_fails_while_a_line_is_recorded(subject, call, thread):
     inject(Line(subject), call, thread)
+
+
+@pytest.mark.parametrize("call, thread", calls_of(SLOW_USER))
+def test_a_call_fails_while_a_user_is_slow(subject, call, thread):
+    inject(SlowUser(subject), call, thread)

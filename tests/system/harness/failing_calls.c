@@ -181,6 +181,8 @@ FAILING(int, getsockopt, (int fd, int level, int option, void *value, socklen_t 
 FAILING(ssize_t, recv, (int fd, void *data, size_t size, int flags), (fd, data, size, flags), -1)
 FAILING(ssize_t, send, (int fd, const void *data, size_t size, int flags), (fd, data, size, flags),
         -1)
+FAILING(ssize_t, sendmsg, (int fd, const struct msghdr *message, int flags), (fd, message, flags),
+        -1)
 FAILING(int, select, (int count, fd_set *in, fd_set *out, fd_set *error, struct timeval *limit),
         (count, in, out, error, limit), -1)
 /* The calls for the debug output always succeed: every line makes them. */

@@ -23,7 +23,7 @@ CODES = {
     ALLOCATION: errno.ENOMEM, "socket": errno.EMFILE, "bind": errno.EADDRINUSE,
     "listen": errno.EADDRINUSE, "accept4": errno.EMFILE, "connect": errno.ENETUNREACH,
     "setsockopt": errno.ENOBUFS, "recv": errno.ENOMEM, "send": errno.ENOBUFS,
-    "select": errno.ENOMEM, "poll": errno.ENOMEM, "ppoll": errno.ENOMEM,
+    "sendmsg": errno.ENOBUFS, "select": errno.ENOMEM, "poll": errno.ENOMEM, "ppoll": errno.ENOMEM,
     "epoll_create1": errno.EMFILE, "epoll_ctl": errno.ENOSPC, "epoll_wait": errno.EINTR,
     "eventfd": errno.EMFILE, "read": errno.EIO, "write": errno.ENOSPC, "writev": errno.ENOSPC,
     "lseek": errno.EIO, "dup2": errno.EMFILE, "close": errno.EIO, "fcntl": errno.EMFILE,
