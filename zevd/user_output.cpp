@@ -64,11 +64,6 @@ void UserOutput::AwaitRoom() {
   ControlRoom(EPOLL_CTL_MOD, sock_, EPOLLOUT | EPOLLONESHOT, this);
 }
 
-void UserOutput::Fail(int error) {
-  error_ = error;
-  queue_.Clear();
-}
-
 // Sends as much as there is room for. False when the connection has failed.
 bool UserOutput::SendNow(const char** bytes, size_t* count) {
   const ssize_t sent = TEMP_FAILURE_RETRY(send(sock_, *bytes, *count, MSG_DONTWAIT));
@@ -82,10 +77,9 @@ bool UserOutput::SendNow(const char** bytes, size_t* count) {
 
 bool UserOutput::Send(const char* bytes, size_t count) {
   const MutexLock lock(mutex_);
-  if (error_ != 0) {
-    errno = error_;
-    return false;
-  }
+  // The input monitor has found that or is about to; it must not cost the users after this one
+  // anything.
+  if (failed_) return true;
   const bool waited = !queue_.IsEmpty();
   if (!waited && !SendNow(&bytes, &count)) return false;
   if (count == 0) return true;
@@ -101,7 +95,7 @@ bool UserOutput::IsEmpty() {
 
 bool UserOutput::HasFailed() {
   const MutexLock lock(mutex_);
-  return error_ != 0;
+  return failed_;
 }
 
 // Sends for one turn. False when the connection has failed.
@@ -115,7 +109,8 @@ bool UserOutput::SendFromQueue() {
     const ssize_t sent = TEMP_FAILURE_RETRY(sendmsg(sock_, &message, MSG_DONTWAIT));
     if (sent < 0 && errno == EAGAIN) break;
     if (sent < 0) {
-      Fail(errno);
+      failed_ = true;
+      queue_.Clear();
       return false;
     }
     queue_.Consume(static_cast<size_t>(sent));

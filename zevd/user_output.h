@@ -33,8 +33,8 @@ class UserOutput {
   /// (errno tells).
   [[nodiscard]] bool Watch();
 
-  /// Sends the bytes or puts them into the queue. False when the connection has failed (errno
-  /// tells). Any thread.
+  /// Sends the bytes or puts them into the queue. False when the connection fails (errno tells);
+  /// not when it has failed already while the queue was being emptied. Any thread.
   [[nodiscard]] bool Send(const char* bytes, size_t count) EXCLUDES(mutex_);
 
   /// True when everything has been sent, or never can be.
@@ -50,14 +50,13 @@ class UserOutput {
   bool SendNow(const char** bytes, size_t* count) REQUIRES(mutex_);
   bool SendFromQueue() EXCLUDES(mutex_);
   void AwaitRoom() REQUIRES(mutex_);
-  void Fail(int error) REQUIRES(mutex_);
 
   const int sock_;  // of the user's record, or of ClosingOutputs
   bool watched_ = false;
   // A leaf. Held while the socket is sent to, without waiting.
   Mutex mutex_;
   OutputQueue queue_ GUARDED_BY(mutex_);
-  int error_ GUARDED_BY(mutex_) = 0;  // why the connection failed, 0 when it did not
+  bool failed_ GUARDED_BY(mutex_) = false;  // while the queue was being emptied
   // Of ClosingOutputs.
   UserOutput* next_ = nullptr;
   int64_t close_at_ = 0;  // microseconds of the monotonic clock
