@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <stdexcept>
 
 #include "context.h"
 #include "log_check.h"
@@ -259,7 +260,11 @@ void RunChurn(Context& context) {
   for (const Disturbance& disturbance : kDisturbances) {
     MeasureBeside(context, disturbance, consoles);
   }
-  MeasureRing(context);
+  try {
+    MeasureRing(context);
+  } catch (const std::exception& error) {
+    throw std::runtime_error(std::string("50 attach to a ring of 1 MB: ") + error.what());
+  }
 }
 
 }  // namespace bench
