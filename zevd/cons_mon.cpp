@@ -107,18 +107,19 @@ bool KeepChunk(ConsoleNode* cnode, const char* chunk, int count, RecordBatch* ba
 
 // How long a pass may read consoles. It holds acl_lock meanwhile, and threads that want two locks
 // try for as long and then stay away for up to a second (locks.h). A longer pass, as over many
-// consoles on a full disk, would keep them out; when user_mon is kept out, all keys wait.
+// consoles on a full disk, would keep them out; when user_mon is kept out, all keys wait. A pair
+// that is being tried for ends the pass at once.
 class PassTime {
  public:
   /// True when no further console is to be read in this pass; never before the first is.
   bool IsOver() {
-    const bool is_over = MonotonicMicroseconds() >= end_;
+    const bool is_over = MonotonicMicroseconds() >= end_ || acl_lock.IsAnnounced();
     return !std::exchange(first_, false) && is_over;
   }
 
  private:
   bool first_ = true;
-  int64_t end_ = MonotonicMicroseconds() + kTryRetries * kTryPause;
+  int64_t end_ = MonotonicMicroseconds() + kPairTryTime;
 };
 
 bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) REQUIRES(acl_lock) {
