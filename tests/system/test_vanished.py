@@ -10,7 +10,8 @@ from harness.commands import Tool
 from harness.door import NAME, log_in, welcome
 from harness.fortress import open_door
 from harness.helpers import FakeHelper
-from harness.scenes import connected, removal
+from harness.scenes import connected, numbered, removal
+from harness.slow_readers import SMALL, Pace, take_nothing
 from harness.vanishing import Silence, daemons_socket, hurry, vanish, waiting
 from harness.waiting import free_port, wait_listening, wait_until
 
@@ -167,6 +168,25 @@ def test_a_user_who_acknowledges_nothing_is_closed(station, ends, silence):
     box.send(b"!")
     for user in (idle, slow):
         user.expect_exactly(b"!")
+    assert station.log_text().count("has vanished.") == 1
+
+
+def test_a_user_who_vanishes_with_a_full_queue_is_closed(station, ends, silence):
+    box = station.console("box")
+    station.start("-d", "1", env=silence.env)
+    connected(station, box, "box")
+    watcher = station.attach("box", user="watcher")
+    gone = station.attach("box", user="gone", buffer=SMALL)
+    take_nothing(station, gone)
+    quiet(ends(gone))
+    before = station.descriptors()
+    vanish(gone)
+    Pace(box, watcher).print(numbered(50_000))
+    silence.add(FIVE_MINUTES, gone)
+    station.wait_log(GONE.format("gone", "box"), limit=LOOK_LIMIT)
+    station.wait_log(removal("gone"))
+    wait_until(lambda: station.descriptors() < before, what="the connection to be closed")
+    Pace(box, watcher).print(b"and more")
     assert station.log_text().count("has vanished.") == 1
 
 

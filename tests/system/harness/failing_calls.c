@@ -37,14 +37,15 @@ enum { NAME_SIZE = 32, ANY_THREAD = -1, WORKERS = 4, LATER_THREAD = WORKERS + 1 
 
 /* The order and the sizes are known to failing_calls.py too. */
 struct control {
-  _Atomic int64_t armed;  /* 0: nothing is counted */
-  _Atomic int64_t nth;    /* the call that fails, counted from 1; 0: none does */
-  _Atomic int64_t error;  /* its errno */
-  _Atomic int64_t thread; /* whose calls: 0 the main thread's, 1 to 4 the workers', 5 the others' */
-  _Atomic int64_t seen;   /* calls counted so far */
-  _Atomic int64_t fired;  /* 1 once one has failed */
-  _Atomic int64_t ahead;  /* seconds by which the daemon's clock is ahead */
-  char name[NAME_SIZE];   /* the kind of call; changed only while nothing is armed */
+  _Atomic int64_t armed;   /* 0: nothing is counted */
+  _Atomic int64_t nth;     /* the call that fails, counted from 1; 0: none does */
+  _Atomic int64_t error;   /* its errno */
+  _Atomic int64_t thread;  /* whose calls: 0 the main thread's, 1 to 4 the workers', 5 the others' */
+  _Atomic int64_t seen;    /* calls counted so far */
+  _Atomic int64_t fired;   /* 1 once one has failed */
+  _Atomic int64_t ahead;   /* seconds by which the daemon's clock is ahead */
+  _Atomic int64_t lasting; /* 1: the calls after it fail, too */
+  char name[NAME_SIZE];    /* the kind of call; changed only while nothing is armed */
 };
 
 static struct control idle;
@@ -71,7 +72,10 @@ static int fails(const char *name) {
   if (strcmp(control->name, name) != 0) return 0;
   const int64_t thread = atomic_load(&control->thread);
   if (thread != ANY_THREAD && thread != own_number) return 0;
-  if (atomic_fetch_add(&control->seen, 1) + 1 != atomic_load(&control->nth)) return 0;
+  const int64_t number = atomic_fetch_add(&control->seen, 1) + 1;
+  const int64_t nth = atomic_load(&control->nth);
+  const int comes_later = nth != 0 && number > nth && atomic_load(&control->lasting) != 0;
+  if (number != nth && !comes_later) return 0;
   atomic_store(&control->fired, 1);
   errno = (int)atomic_load(&control->error);
   return 1;

@@ -9,7 +9,7 @@ from pathlib import Path
 from harness import preload
 
 _NUMBER = struct.Struct("=q")
-_FIELDS = ("armed", "nth", "error", "thread", "seen", "fired", "ahead")
+_FIELDS = ("armed", "nth", "error", "thread", "seen", "fired", "ahead", "lasting")
 _NAME_AT = len(_FIELDS) * _NUMBER.size
 _NAME_SIZE = 32
 
@@ -84,12 +84,15 @@ class FailingCalls:
     def _set(self, field: str, value: int) -> None:
         _NUMBER.pack_into(self._control, _FIELDS.index(field) * _NUMBER.size, value)
 
-    def arm(self, name: str, nth: int, thread: Thread = Thread.ANY) -> None:
-        """Count the calls of this kind from now on, and let the n-th fail; 0 lets none fail."""
+    def arm(self, name: str, nth: int, thread: Thread = Thread.ANY, lasting: bool = False) -> None:
+        """Count the calls of this kind from now on, and let the n-th fail; 0 lets none fail.
+
+        With `lasting`, all fail from the n-th on.
+        """
         self.disarm()
         self._control[_NAME_AT:_NAME_AT + _NAME_SIZE] = name.encode().ljust(_NAME_SIZE, b"\0")
         for field, value in (("nth", nth), ("error", CODES[name]), ("thread", thread),
-                             ("seen", 0), ("fired", 0), ("armed", 1)):
+                             ("lasting", lasting), ("seen", 0), ("fired", 0), ("armed", 1)):
             self._set(field, value)
 
     def disarm(self) -> None:

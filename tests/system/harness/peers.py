@@ -10,6 +10,9 @@ from typing import Self
 from harness.closing import Closing
 from harness.waiting import LIMIT, NotReached, stretched
 
+_PIECE = 65536
+_PIECES = 10  # in a second, for a peer who reads slowly
+
 # Sent to every user who is attached: the daemon offers to echo and to suppress go-ahead.
 OFFERS = b"\xff\xfb\x01\xff\xfb\x03"
 
@@ -80,6 +83,7 @@ class Peer(Closing):
         self._position = 0
         self._ended = False
         self._reading = True
+        self._rate = 0  # bytes a second; 0 for as many as there are
         self._closing = False
         self._changed = threading.Condition()
         self._wake = -1
@@ -98,13 +102,15 @@ class Peer(Closing):
         self._position = 0
         self._ended = self._closing = False
         self._reading = True
+        self._rate = 0
         self._wake = os.eventfd(0, os.EFD_NONBLOCK | os.EFD_CLOEXEC)
         self._reader = threading.Thread(target=self._keep_reading, daemon=True)
         self._reader.start()
 
     def _keep_reading(self) -> None:
-        poll = select.poll()
-        poll.register(self._wake, select.POLLIN)
+        woken, poll = select.poll(), select.poll()
+        for waiting in (woken, poll):
+            waiting.register(self._wake, select.POLLIN)
         watched = False
         while not self._closing and not self._ended:
             wanted = self._reading
@@ -117,11 +123,18 @@ class Peer(Closing):
             if self._wake in ready:
                 os.eventfd_read(self._wake)
             elif ready:
-                self._take()
+                self._take_piece(woken)
 
-    def _take(self) -> None:
+    def _take_piece(self, woken: select.poll) -> None:
+        """Take what there is; for a peer who reads slowly, no more than is due before the next."""
+        rate = self._rate
+        count = self._take(rate // _PIECES if rate else _PIECE)
+        if rate:
+            woken.poll(1000 * count / rate)
+
+    def _take(self, most: int) -> int:
         try:
-            data = self.socket.recv(65536)
+            data = self.socket.recv(most)
         except OSError:
             self.was_reset = True
             data = b""
@@ -129,6 +142,7 @@ class Peer(Closing):
             self._received += data
             self._ended = not data
             self._changed.notify_all()
+        return len(data)
 
     # Sending
 
@@ -145,8 +159,14 @@ class Peer(Closing):
         """Read nothing more from the connection, as a stalled program would."""
         self._set_reading(False)
 
+    def read_slowly(self, rate: int) -> None:
+        """Read only so many bytes a second from now on."""
+        self._rate = rate
+        self._set_reading(True)
+
     def read_again(self) -> None:
-        """Undo `stop_reading`."""
+        """Undo `stop_reading` and `read_slowly`."""
+        self._rate = 0
         self._set_reading(True)
 
     def _set_reading(self, reading: bool) -> None:

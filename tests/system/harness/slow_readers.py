@@ -119,6 +119,7 @@ class Pace(Closing):
     """Keeps a console's printing at the pace of users who read all of it, and miss nothing."""
 
     def __init__(self, console: FakeConsole, *users: Peer) -> None:
+        self.printed = bytearray()  # and seen
         self._users = users
         self._console = console
         self._stopped = False
@@ -132,6 +133,7 @@ class Pace(Closing):
             self._console.send(piece)
             for user in self._users:
                 user.expect_exactly(piece)
+            self.printed += piece
 
     def keep_printing(self, blocks: Iterable[bytes]) -> None:
         """Do so in a thread of its own, until `finish`."""

@@ -15,6 +15,7 @@ from harness.peers import Peer
 from harness.station import Station
 
 _SO_ATTACH_FILTER = 26
+_SO_DETACH_FILTER = 27
 _SYS_PIDFD_GETFD = {"x86_64": 438, "aarch64": 438}
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -25,6 +26,11 @@ def vanish(peer: Peer) -> None:
     drop_all = ctypes.create_string_buffer(struct.pack("=HBBI", 0x06, 0, 0, 0))  # "return 0 bytes"
     program = struct.pack("@HP", 1, ctypes.addressof(drop_all))
     peer.socket.setsockopt(socket.SOL_SOCKET, _SO_ATTACH_FILTER, program)
+
+
+def reappear(peer: Peer) -> None:
+    """What is sent to the peer arrives again, as soon as the sender's kernel tries once more."""
+    peer.socket.setsockopt(socket.SOL_SOCKET, _SO_DETACH_FILTER, 0)
 
 
 def daemons_socket(station: Station, peer: Peer | socket.socket) -> socket.socket:
