@@ -14,12 +14,14 @@ from harness.debuglog import STAMP
 from harness.farm import PrintingFarm
 from harness.logs import (consolidated, consolidated_records, current, directories, log_of, read,
                           records)
-from harness.scenes import attach_when_accessible, connected, echo_time
+from harness.scenes import attach_when_accessible, connected, echo_time, numbered
 from harness.station import console_line
 from harness.waiting import LIMIT, wait_until
 
 CONSOLES = 40
 LIVES = 6
+
+FLOOD = 500_000  # lines, more than are read before the kill
 
 # A console's greeting, as it is logged.
 GREETING = b"ready\n"
@@ -125,6 +127,28 @@ def test_a_kill_at_a_random_moment_tears_at_most_one_record(station, farm, quiet
         check_lives(name, log_of(station, name), ends[log_of(station, name)])
     for start, end in zip([0, *ends[consolidated(station)]], ends[consolidated(station)]):
         assert lines_of_life(consolidated(station), start, end)
+
+
+def test_a_kill_in_a_flood_tears_at_most_one_record(station):
+    """A turn brings hundreds of records, which are written together."""
+    rand = seeded()
+    box = station.console("c0")
+    own, everybodys = log_of(station, "c0"), consolidated(station)
+    ends: dict[Path, list[int]] = {own: [0], everybodys: [0]}
+    for life in range(2 * LIVES):
+        station.start("-d", "1")
+        printed = numbered(FLOOD, start=life * FLOOD)
+        flood = box.accept().flood(printed, 1)
+        due = ends[own][-1] + rand.randrange(1 << 22)
+        wait_until(lambda: len(read(own)) > due, what="the log to grow")
+        station.signal(signal.SIGKILL)
+        station.expect_exit(-signal.SIGKILL)
+        flood.stop()
+        assert flood.sent < len(printed), "the flood was over before the kill"
+        for path, found in ends.items():
+            found.append(path.stat().st_size)
+            numbers = numbers_of(lines_of_life(path, *found[-2:]))
+            assert numbers == list(range(life * FLOOD, life * FLOOD + len(numbers))), path
 
 
 @pytest.mark.needs_namespace

@@ -11,6 +11,7 @@ from datetime import datetime, timedelta
 
 import pytest
 
+from harness.access import seeded
 from harness.clock import ShiftedClock
 from harness.logs import (ARCHIVING, add_waker, age_directory, bring_up, consolidated,
                           consolidated_records, current, dated, log_of, of_console, read, records,
@@ -104,6 +105,45 @@ def test_a_full_disk_tears_no_consolidated_record(station, small_disk):
     for box in boxes:
         assert all(line in lines or line == b"after\n"
                    for line in records(log_of(station, box.name)))
+
+
+@pytest.mark.needs_namespace
+def test_a_disk_that_fills_up_in_floods_tears_no_record(station, small_disk):
+    """A turn brings hundreds of records, which are written together as long as there is room."""
+    box = station.console("box")
+    bring_up(station, box, options=("-d", "0"))
+    rand, printed, marks = seeded(), [], []
+    for turn in range(5):
+        resize(small_disk, used(small_disk) + rand.randrange(1 << 16, 1 << 18))
+        position = station.mark()
+        lines = numbered(100_000, start=100_000 * turn).replace(b"\r", b"")
+        flood = box.flood(lines, 1)
+        station.wait_log(NO_ROOM, after=position)
+        resize(small_disk, 128 << 20)
+        flood.join()
+        marks.append(b"turn %d\n" % turn)
+        box.send(marks[-1])
+        for name in ("box", "consolidated"):
+            wait_until(lambda: read(log_of(station, name)).endswith(marks[-1]), what="the mark")
+        printed += [*lines.splitlines(keepends=True), marks[-1]]
+    places = {line: place for place, line in enumerate(printed)}
+    for found in (records(log_of(station, "box")),
+                  of_console(consolidated_records(consolidated(station)), "box")):
+        # Each is whole and in order, and what was printed with room on the disk is there.
+        order = [places[line] for line in found]
+        assert order == sorted(set(order)) and len(order) < len(printed)
+        assert found[0] == printed[0] and set(marks) <= set(found)
+
+
+def used(directory) -> int:
+    """How many bytes of the file system are in use."""
+    found = os.statvfs(directory)
+    return (found.f_blocks - found.f_bfree) * found.f_frsize
+
+
+def resize(directory, size: int) -> None:
+    """Give the file system another size."""
+    subprocess.run(["mount", "-o", f"remount,size={size}", directory], check=True)
 
 
 def _logged_again(station, box) -> bool:
