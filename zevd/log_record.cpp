@@ -164,6 +164,17 @@ void RecordBatch::Flush() {
   consolidated_.length = 0;
 }
 
+// Writes a record into the logs that it is not in yet.
+bool RecordBatch::WriteMissing(size_t record, bool in_log, bool in_consolidated) const {
+  if (!in_log && !log_.WriteAlone(record)) {
+    ReportLog(cname_);
+    return false;
+  }
+  if (consolidated_.fd == -1 || in_consolidated || consolidated_.WriteAlone(record)) return true;
+  ReportConsolidated();
+  return false;
+}
+
 // The first so many records are in the logs already.
 void RecordBatch::WriteOneByOne(size_t in_log, size_t in_consolidated) {
   constexpr int kMostFailures = 64;  // in a row; the disk is full, and others wait meanwhile
@@ -173,18 +184,8 @@ void RecordBatch::WriteOneByOne(size_t in_log, size_t in_consolidated) {
       counters.log_records_lost.Add(records_ - record);
       return;
     }
-    if (record >= in_log && !log_.WriteAlone(record)) {
-      ++failures;
-      ReportLog(cname_);
-      continue;
-    }
-    if (consolidated_.fd == -1 || record < in_consolidated) continue;
-    if (consolidated_.WriteAlone(record)) {
-      failures = 0;
-    } else {
-      ++failures;
-      ReportConsolidated();
-    }
+    const bool written = WriteMissing(record, record < in_log, record < in_consolidated);
+    failures = written ? 0 : failures + 1;
   }
 }
 

@@ -55,6 +55,7 @@ class RecordBatch {
   };
 
   bool HasRoom() const;
+  bool WriteMissing(size_t record, bool in_log, bool in_consolidated) const;
   void WriteOneByOne(size_t in_log, size_t in_consolidated);
 
   const char* cname_ = nullptr;
