@@ -46,6 +46,7 @@ using test::IsExitTrace;
 using test::ReceiveAvailable;
 using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::ExitedWithCode;
 using ::testing::IsEmpty;
 using ::testing::Not;
@@ -202,6 +203,93 @@ TEST_F(DispatchTest, LastByteOfAFullChunkIsNotSeen) {
   const std::string padding(1024 - 7 - notice.size(), '.');
   ExpectKept("~NET-I-" + padding + notice);
   ExpectDropped("~NET-I-" + padding.substr(1) + notice + "!");
+}
+
+// ---- Turns of several chunks --------------------------------------------------------------------
+
+constexpr size_t kChunk = 1024;
+
+// A chunk that begins with `start`.
+std::string Chunk(const std::string& start, char padding) {
+  return start + std::string(kChunk - start.size(), padding);
+}
+
+/// A console whose output is logged.
+class LoggedTurnTest : public DispatchTest {
+ protected:
+  LoggedTurnTest() {
+    cons_buf_size = 40'000;
+    console_ = ConnectConsole("logged");
+    console_.node->logging = 1;
+    log_dir = directory_.path().c_str();
+    OpenAllLogFiles();
+  }
+
+  ~LoggedTurnTest() override { CloseAllLogFiles(); }
+
+  /// What is logged, without the time stamps.
+  std::string Log(const std::string& name = "logged.log") const {
+    constexpr size_t kStampLength = 17;
+    const std::string records = test::ReadFile(directory_.path() / "zev.dated" / "current" / name);
+    std::string lines;
+    for (size_t start = 0; start < records.size();) {
+      const size_t end = records.find('\n', start) + 1;
+      lines += records.substr(start + kStampLength + 1, end - start - kStampLength - 1);
+      start = end;
+    }
+    return lines;
+  }
+
+ private:
+  test::TemporaryDirectory directory_;
+};
+
+TEST_F(LoggedTurnTest, ChunksThatNobodyShallSeeAreLeftOutInTheMiddleOfATurn) {
+  const Attached<UserNode> user = AddUser("anna");
+  const std::string notice = Chunk(std::string("~NET-I-") + kTimedOutNotice, '.');
+  const std::string first = Chunk("first", 'a') + Chunk("second", 'b');
+  const std::string last = Chunk("third", 'c') + "~NET-E-end\n";
+  const FailCall sends(Call::kSend, EIO, 1, 0);
+  Dispatch(first + notice + notice + last);
+  EXPECT_EQ(sends.calls(), 1);
+  EXPECT_EQ(ReceiveAvailable(user.peer.get()), first + last);
+  EXPECT_EQ(Ring(), first + last);
+  const std::string logged = Log();
+  EXPECT_EQ(logged.find('.'), std::string::npos);
+  EXPECT_THAT(logged, EndsWith("~NET-E-end\n"));
+}
+
+TEST_F(LoggedTurnTest, FirstByteOfEveryChunkCountsWithoutUsers) {
+  const std::string high = Chunk("\xFF\xFD\x18", 'x');
+  const std::string low = Chunk("text\xFF\xFD\x18", 'y') + "\n";
+  Dispatch(high + low);
+  Dispatch("\xE4" + low);
+  EXPECT_EQ(Ring(), low + low.substr(kChunk - 1));
+}
+
+TEST_F(LoggedTurnTest, TurnThatNobodyShallSeeIsNotSent) {
+  const Attached<UserNode> user = AddUser("anna");
+  const FailCall sends(Call::kSend, EIO, 1, 0);
+  Dispatch(std::string("~NET-I-") + kTimedOutNotice);
+  EXPECT_EQ(sends.calls(), 0);
+  EXPECT_EQ(Ring(), "");
+}
+
+TEST_F(LoggedTurnTest, RecordsOfATurnAreWrittenWithOneCallForEachLog) {
+  std::string turn;
+  std::string consolidated;
+  for (int i = 0; turn.size() < 16'000; ++i) {
+    const std::string line = "line " + std::to_string(i) + std::string(30, '.') + '\n';
+    turn += line;
+    consolidated += "logged " + line;
+  }
+  const FailCall writes(Call::kWrite, EIO, 1, 0);
+  Dispatch(turn + "unfinished");
+  EXPECT_EQ(writes.calls(), 2);
+  EXPECT_EQ(Log(), turn);
+  EXPECT_EQ(Log("consolidated.log"), consolidated);
+  Dispatch(" line\n");
+  EXPECT_EQ(Log(), turn + "unfinished line\n");
 }
 
 // ---- Reading consoles ---------------------------------------------------------------------------

@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "../../zevd/log_record.h"
 #include "debug_support.h"
 #include "lists.h"
 #include "log_directory.h"
@@ -21,6 +22,7 @@
 #include "log_steps.h"
 #include "log_support.h"
 #include "options.h"
+#include "random_patterns.h"
 
 using namespace zevd;
 
@@ -111,6 +113,45 @@ TEST(NewlineIndexTest, IsTheFirstTerminatorFromThePositionOn) {
   EXPECT_EQ(GetNewlineIndex("ab\n", 3, 3), -1);
   EXPECT_EQ(GetNewlineIndex("ab\n", 9, 3), -1);
   EXPECT_EQ(GetNewlineIndex("", 0, 0), -1);
+}
+
+// The same byte by byte, for chunks that nobody has thought of.
+std::string StripByteByByte(const std::string& in) {
+  std::string out;
+  for (size_t i = 0; i < in.size(); ++i) {
+    if (in[i] == '\xff') {
+      i += 2;
+    } else if (in[i] != '\r' && in[i] != '\0') {
+      out += in[i];
+    }
+  }
+  return out;
+}
+
+int NewlineByteByByte(const std::string& in, int pos, int count) {
+  for (int i = pos; i < count; ++i) {
+    if (in[static_cast<size_t>(i)] == '\n' || in[static_cast<size_t>(i)] == '\r') return i;
+  }
+  return -1;
+}
+
+TEST(RandomFilterTest, FiltersDoWhatTheyDoByteByByte) {
+  test::Dice dice(test::Seed());
+  constexpr char kSpecial[] = {'\r', '\n', '\0', '\xff', '\xfb'};
+  for (int round = 0; round < 3000; ++round) {
+    std::string chunk(dice.Below(dice.OneIn(10) ? 1025 : 40), 'x');
+    const size_t special_in = 1 + dice.Below(100);
+    for (char& byte : chunk) {
+      byte = dice.OneIn(special_in) ? dice.Choose(kSpecial) : static_cast<char>(dice.Below(256));
+    }
+    ASSERT_EQ(Apply(RemoveCRsAndNULLs, chunk), StripByteByByte(chunk))
+        << ::testing::PrintToString(chunk);
+    const std::vector<char> bytes(chunk.begin(), chunk.end());
+    const int count = static_cast<int>(chunk.size());
+    const int from = static_cast<int>(dice.Below(chunk.size() + 2));
+    ASSERT_EQ(GetNewlineIndex(bytes.data(), from, count), NewlineByteByByte(chunk, from, count))
+        << from << ' ' << ::testing::PrintToString(chunk);
+  }
 }
 
 // ---- Records ------------------------------------------------------------------------------------
@@ -270,6 +311,32 @@ TEST_F(LogTest, ManyLinesInOneChunk) {
   std::string expected;
   for (int i = 0; i < 1024; ++i) expected += Record("\n");
   EXPECT_EQ(Log(), expected);
+}
+
+TEST_F(LogTest, BatchOfATurnIsWrittenAsItsRecordsAlone) {
+  OpenLogs();
+  test::Dice dice(test::Seed());
+  std::vector<std::string> chunks;
+  for (int i = 0; i < 300; ++i) {
+    std::string chunk(dice.Below(1025), 'x');
+    const size_t line_ends_in = 1 + dice.Below(300);
+    for (char& byte : chunk) byte = dice.OneIn(line_ends_in) ? '\n' : 'y';
+    chunks.push_back(chunk);
+  }
+  for (const std::string& chunk : chunks) EXPECT_EQ(Print(chunk), 0);
+  const std::string log = Log();
+  const std::string consolidated = Consolidated();
+  ASSERT_GT(log.size(), 64U * 1024);
+  box_->log_buf.count = 0;
+  static RecordBatch batch;
+  for (size_t i = 0; i < chunks.size(); ++i) {
+    const int count = static_cast<int>(chunks[i].size());
+    EXPECT_EQ(WriteLogFile(box_, chunks[i].data(), count, &batch), 0);
+    if (i % 16 == 15) batch.Flush();
+  }
+  batch.Flush();
+  EXPECT_TRUE(Log() == log + log);
+  EXPECT_TRUE(Consolidated() == consolidated + consolidated);
 }
 
 // ---- Who is attached ----------------------------------------------------------------------------
