@@ -341,6 +341,7 @@ TEST_F(ConsoleMonitorTest, OutputIsReadWithOneCallAndHandedOnInChunks) {
 constexpr size_t kTurn = 16384;
 
 TEST_F(ConsoleMonitorTest, UserIsSentATurnWithOneCall) {
+  const test::FakePassageOfTime time(1);  // so that a pass has time for every turn
   const std::string text = Lines(kTurn + 100);
   const Attached<UserNode> user = AddUser("anna");
   Print(text);
@@ -523,6 +524,7 @@ TEST_F(ConsoleMonitorTest, FailingReceiveMarksTheConsole) {
 }
 
 TEST_F(ConsoleMonitorTest, WhatWasReadBeforeAFailureIsShown) {
+  const test::FakePassageOfTime time(1);  // so that a pass has time for every turn
   const Attached<UserNode> user = AddUser("anna");
   const std::string text = Lines(kTurn);
   Print(text + "lost");
@@ -563,6 +565,7 @@ TEST_F(ConsoleMonitorTest, UserWhoTakesNothingHoldsNobodyBack) {
 }
 
 TEST_F(ConsoleMonitorTest, UserWhoTakesNothingForLongIsToldHowMuchWasNotShown) {
+  const test::FakePassageOfTime time(1);  // so that a pass has time for every turn
   const Attached<UserNode> stalled = AddUser("stalled");
   const Attached<UserNode> beside = AddUser("beside");
   const size_t filling = test::FillUp(stalled.node->sock);
