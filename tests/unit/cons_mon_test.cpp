@@ -23,6 +23,7 @@
 #include "failure_support.h"
 #include "file_support.h"
 #include "lists.h"
+#include "locks.h"
 #include "options.h"
 #include "relay_support.h"
 #include "user_mon.h"
@@ -413,19 +414,19 @@ class TurnsTest : public test::RelayTest {
 
 TEST_F(TurnsTest, PassReadsEveryConsoleWhenThereIsTime) {
   ConnectConsoles(5);
-  const test::FakePassageOfTime time(190);
+  const test::FakePassageOfTime time(290);
   EXPECT_EQ(ReadBy(3), "abcde abcde abcde ");
 }
 
 TEST_F(TurnsTest, ConsolesLeftOutForLackOfTimeComeFirstInTheNextPass) {
   ConnectConsoles(5);
-  const test::FakePassageOfTime time(400);
+  const test::FakePassageOfTime time(600);
   EXPECT_EQ(ReadBy(6), "ab cd ea bc da eb ");
 }
 
 TEST_F(TurnsTest, OneConsoleIsReadHoweverLittleTimeThereIs) {
   ConnectConsoles(3);
-  for (const int step : {999, 1000, 100'000}) {
+  for (const int step : {1499, 1500, 100'000}) {
     const test::FakePassageOfTime time(step);
     EXPECT_EQ(ReadBy(3), "a b c ") << step << " microseconds for each";
   }
@@ -449,8 +450,15 @@ TEST_F(TurnsTest, ConsoleThatHasSaidAllInFullTurnsIsLeftAlone) {
 
 TEST_F(TurnsTest, FurtherTurnsEndWithTheTimeOfThePass) {
   ConnectConsoles(3);
-  const test::FakePassageOfTime time(120);
+  const test::FakePassageOfTime time(180);
   EXPECT_EQ(ReadBy(2), "abcabcab abcabcab ");
+}
+
+TEST_F(TurnsTest, PassEndsWhenAPairOfLocksIsTriedFor) {
+  ConnectConsoles(3);
+  acl_lock.Announce();
+  EXPECT_EQ(ReadBy(3), "a b c ");
+  acl_lock.Withdraw();
 }
 
 TEST_F(TurnsTest, UserIsSentEverythingInItsOrderHoweverTheTurnsGo) {
