@@ -157,7 +157,8 @@ TEST_F(JsonAnswerTest, StatsAreOneObjectOfNumbers) {
   EXPECT_EQ(keys,
             "started console_connections console_failures console_losses console_bytes log_records "
             "log_bytes log_records_lost connections refusals logins_accepted logins_refused "
-            "users_attached users_left bytes_not_shown tools_attached commands events_posted events_dropped "
+            "users_attached users_left bytes_not_shown tools_attached commands events_posted "
+            "events_dropped "
             "reloads last_reload last_reload_result ");
   EXPECT_THAT(text, StartsWith("{\"started\": 1000000000, \"console_connections\": "));
   EXPECT_THAT(text, ::testing::EndsWith(", \"reloads\": " + reloads +
