@@ -17,12 +17,13 @@ import time
 from typing import Callable
 
 from ledger import Ledger
-from windows import LAG, LONG_LAG, Windows
+from windows import LONG_LAG, Windows
 
 PORT = 7001
 _PER_NETWORK = 250
 
 LINES_PER_SECOND = 2.0
+_LONG_LINE = 2900
 _MOST_UNSENT = 16384
 
 _QUESTION = re.compile(rb"\?(\d+)\n")
@@ -47,7 +48,6 @@ class Console:
         self.closings = Windows()  # spans in which the daemon may hang up
         self.breaks: list[int] = []  # lines after which some were not printed
         self.connected_at = 0.0
-        self.slow_until = 0.0  # a user who does not read may keep output back until then
         self._fail = fail
         self._random = random.Random(f"{seed}/{number}")
         self._loop = asyncio.get_running_loop()
@@ -64,11 +64,6 @@ class Console:
         self._silent = False
         self.listen()
         self._schedule()
-
-    @property
-    def lag(self) -> float:
-        """How old output may be that the daemon reads now, in seconds."""
-        return LONG_LAG if time.time() < self.slow_until else LAG
 
     # Its connection
 
@@ -238,6 +233,13 @@ class Console:
         if self.connected and not self._hung:
             self._finish_line()
             self._emit(b"".join(self._compose("burst") for _ in range(count)))
+
+    def flood(self, amount: int) -> None:
+        """Print about so many bytes, in long lines, unless the daemon is behind with reading."""
+        if self.connected and not self._hung and not self._unsent:
+            self._finish_line()
+            self._emit(b"".join(self._compose("flood", _LONG_LINE)
+                                for _ in range(amount // _LONG_LINE)))
 
     def _print_something(self) -> None:
         chance = self._random.random()

@@ -146,9 +146,9 @@ class World:
 
     def _may_close(self, console: Console, why: str) -> list[Window]:
         """From now on the daemon may hang up on the console, with output unread."""
-        now, lag = time.time(), console.lag
-        return [console.ledger.windows.open(why, now, lag), console.closings.open(why, now, lag),
-                console.upsets.open(why, now, lag)]
+        now = time.time()
+        return [console.ledger.windows.open(why, now), console.closings.open(why, now),
+                console.upsets.open(why, now)]
 
     async def run(self, kind: str, number: int, duration: float, seed: int) -> None:
         """Let one step happen."""

@@ -5,8 +5,13 @@ returns, NULs and telnet commands. The records of the logs must be these bytes, 
 their order. A gap is allowed only where the system says so: in windows that were recorded when
 their cause was made, in what was still on its way when a console reset its connection, and, without
 a user, in a chunk that begins with a high byte.
+
+A user's view is judged likewise: what was shown and the numbers in the marks, which stand in the
+place of what was not, must make up what the console has printed meanwhile.
 """
 
+import contextlib
+import re
 from collections import Counter, deque
 from dataclasses import dataclass, field
 from typing import Callable, Iterator
@@ -19,6 +24,11 @@ _HISTORY = 65536
 _DROPPED_CHUNK = "chunks with a high byte in front"
 _LOST = "LOST"
 _REMEMBERED = 200  # records and visits
+
+_TAIL = 16384  # more than the replay of a new user and what is on its way to the daemon
+_NUMBER = re.compile(rb"@\d+\.\d+ ")  # how each line begins, and nothing else
+_MARK = re.compile(rb"\r\n\[zevd: (\d+) bytes were not shown\]\r\n")
+HELD_BACK = 64  # received, and perhaps the beginning of a mark
 
 _TELNET = 255
 _DROPPED = b"\r\0"
@@ -48,6 +58,71 @@ class Sent:
     when: float
 
 
+class View:
+    """What one user has been shown of a console's output, and how much of it was not."""
+
+    def __init__(self, before: bytes) -> None:
+        self.shown = 0
+        self.not_shown = 0
+        self.gaps = 0
+        self._printed = bytearray(before)
+        self._place = -1  # in what was printed, up to which it is accounted for
+        self._waiting = b""  # received, and not yet compared
+
+    def sent(self, raw: bytes) -> None:
+        """The console has printed this."""
+        self._printed += raw
+
+    def received(self, data: bytes) -> str:
+        """The user has received this. What is wrong with it; nothing when it is as it should be."""
+        self._waiting += data
+        if self._place < 0 and not self._align():
+            too_long = len(self._waiting) > _TAIL
+            return f"begins with {self._waiting[:80]!r}, unlike all output" if too_long else ""
+        while match := _MARK.search(self._waiting):
+            wrong = self._compare(self._waiting[:match.start()])
+            if wrong:
+                return wrong
+            self._waiting = self._waiting[match.end():]
+            self.gaps += 1
+            self.not_shown += int(match[1])
+            self._place += int(match[1])
+        ready = self._waiting[:-HELD_BACK]
+        self._waiting = self._waiting[len(ready):]
+        return self._compare(ready)
+
+    @property
+    def printed(self) -> int:
+        """How much the console has printed, in the measure of `accounted`."""
+        return len(self._printed)
+
+    @property
+    def accounted(self) -> int:
+        """How much of it the user has been shown or told of, but for the last HELD_BACK bytes."""
+        return max(self._place, 0)
+
+    def _align(self) -> bool:
+        """Find the place of what was received first, by the number of a line."""
+        for number in _NUMBER.finditer(self._waiting):
+            found = self._printed.find(number[0])
+            if found >= 0:
+                self._place = max(0, found - number.start())
+                # What was replayed may be older than what is kept here.
+                self._waiting = self._waiting[max(0, number.start() - found):]
+                return True
+        return False
+
+    def _compare(self, content: bytes) -> str:
+        if not self._printed.startswith(content, self._place):
+            same = _common_prefix(content, self._printed, self._place)
+            due = bytes(self._printed[self._place + same:self._place + same + 80])
+            return (f"shows {content[same:same + 80]!r} for {due!r} after {self.shown + same} "
+                    f"bytes and {self.gaps} gaps")
+        self._place += len(content)
+        self.shown += len(content)
+        return ""
+
+
 @dataclass
 class Ledger:
     """The books of one console."""
@@ -75,11 +150,29 @@ class Ledger:
         self._seen_unwatched: deque[float] = deque(maxlen=_REMEMBERED)
         self._surely_watched: deque[tuple[float, float]] = deque(maxlen=_REMEMBERED)
         self._unwatched: deque[tuple[float, bytes]] = deque()
+        self._views: list[View] = []
+        self._tail = bytearray()  # of all that was printed, as it was printed
+
+    # What its users see
+
+    @contextlib.contextmanager
+    def view(self) -> Iterator[View]:
+        """The view of a user who comes now."""
+        made = View(bytes(self._tail))
+        self._views.append(made)
+        try:
+            yield made
+        finally:
+            self._views.remove(made)
 
     # What the console does
 
     def sent(self, raw: bytes, when: float) -> None:
         """The daemon has been sent these bytes."""
+        self._tail += raw
+        del self._tail[:-_TAIL]
+        for view in self._views:
+            view.sent(raw)
         kept = self._kept(raw) if self.dirty else raw.translate(None, _DROPPED)
         self._stream += kept
         self._sends.append(Sent(self._end, when))

@@ -12,7 +12,7 @@ _QUIET_AT_MOST = 60.0
 
 _VISITS_PER_CONSOLE = 1 / 300  # in a second, ...
 _VISITS_AT_LEAST = 1.0  # ... and by few consoles this many in all
-_BEHAVIOURS = {"type": 8, "watch": 5, "vanish": 3, "stall": 1, "paste": 1}
+_BEHAVIOURS = {"type": 8, "watch": 5, "vanish": 3, "slow": 2, "stall": 1, "paste": 1}
 _MODE_WEIGHTS = (4, 8, 2, 2)
 
 # Weight and, in seconds, how long each lasts at least and at most.

@@ -321,7 +321,9 @@ class Soak:
               f"{self._collector.events} events; output was read within {counts.worst_lag:.1f} s; "
               f"{counts.remains} bytes of torn telnet commands")
         print(f"soak: {desk.visits} visits, {desk.refused} refused, {desk.thrown_off} ended by the "
-              f"daemon, {desk.stallers} of them stalled or typed at a console that did")
+              f"daemon, {desk.pasters} of them typed at a console that stood still")
+        print(f"soak: {desk.views} views are right to the byte; {desk.shown} bytes were shown, "
+              f"{desk.not_shown} were not, in {desk.gaps} gaps")
         print(f"soak: {desk.echoes.count} echoes, the worst {desk.echoes.worst:.3f} s; "
               f"{desk.answers.count} commands, the slowest {desk.answers.worst:.3f} s; this "
               f"program was late by up to {self._desk.own_lag.worst:.3f} s")
@@ -332,6 +334,7 @@ class Soak:
 def run_inside(arguments: argparse.Namespace, scratch: Path) -> int:
     """The run, in namespaces of its own."""
     isolation.enter_private_namespaces(settings.STANDARD_ROOT)
+    isolation.set_mtu(1500)  # so that the kernel keeps no megabytes for users who read slowly
     limit = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
     station = Station(scratch)

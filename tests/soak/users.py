@@ -11,6 +11,7 @@ from collections import deque
 from typing import Callable
 
 from consoles import Console
+from ledger import HELD_BACK, View
 from windows import LAG, LONG_LAG, Window, clock
 
 from harness.commands import DONE, ERROR, RECORDS
@@ -35,6 +36,15 @@ _REMOVED_WITHIN = stretched(5.0)
 # on it is worth a line of the report. In seconds.
 WORST_ECHO = stretched(5.0)
 _SLOW = 0.5
+
+# Of those who read too slowly or nothing at all, while the console prints more than there is room
+# for on the way to them.
+_PACES = (3_000, 20_000, 50_000, 300_000)  # bytes a second
+_FLOODS = 20
+_FLOOD = 128 << 10
+_BETWEEN_FLOODS = 0.1
+_SMALL = 16384  # what the kernel keeps for them
+_LATE = ("slow", "stall")
 
 
 class Times:
@@ -89,7 +99,11 @@ class Desk:
         self.visits = 0
         self.refused = 0
         self.thrown_off = 0
-        self.stallers = 0  # of these
+        self.pasters = 0  # of these
+        self.views = 0
+        self.shown = 0
+        self.not_shown = 0
+        self.gaps = 0
 
     async def ask(self, line: str, buffer: int | None = None) -> socket.socket:
         """A connection to the main port that has sent this argument line."""
@@ -115,14 +129,26 @@ class Visit:
         self._tokens: dict[bytes, asyncio.Future] = {}
         self._over = asyncio.get_running_loop().create_future()
         self._user = f"u{seed % 10000}"
+        self._began = time.time()
+        self._view: View | None = None
 
     async def run(self) -> None:
         """The whole visit."""
-        name, began = self._console.ledger.name, time.time()
+        with self._console.ledger.view() as view:
+            # What the daemon does not keep for those who come later need not be complete.
+            self._view = None if self._console.ledger.dirty else view
+            await self._visit()
+            self._desk.views += self._view is not None and view.shown > 0
+            self._desk.shown += view.shown
+            self._desk.not_shown += view.not_shown
+            self._desk.gaps += view.gaps
+
+    async def _visit(self) -> None:
+        name, began = self._console.ledger.name, self._began
         windows = self._open_windows(began)
         self._desk.visits += 1
         try:
-            small = 4096 if self._behaviour == "stall" else None
+            small = _SMALL if self._behaviour in _LATE else None
             sock = await self._desk.ask(f"{name} mode={self._mode} user={self._user}", small)
             try:
                 if await self._is_attached(sock, began):
@@ -141,13 +167,10 @@ class Visit:
 
     def _open_windows(self, now: float) -> list[Window]:
         ledger = self._console.ledger
-        if self._behaviour == "stall":
-            self._console.slow_until = now + self._duration + LONG_LAG
-        lag = self._console.lag
-        opened = [ledger.watched.open("visit", now, lag),
-                  self._console.upsets.open(f"visit of {self._user}", now, lag)]
+        opened = [ledger.watched.open("visit", now),
+                  self._console.upsets.open(f"visit of {self._user}", now)]
         if self._mode == "er":
-            opened.append(ledger.windows.open("exclusive visit", now, lag))
+            opened.append(ledger.windows.open("exclusive visit", now))
         return opened
 
     async def _is_attached(self, sock: socket.socket, began: float) -> bool:
@@ -164,6 +187,7 @@ class Visit:
                 return False
             answer += data
         self._feed(answer)
+        self._look(answer.partition(OFFERS)[2])
         return True
 
     def _judge_refusal(self, answer: bytes, began: float) -> None:
@@ -188,7 +212,7 @@ class Visit:
     async def _stay(self, sock: socket.socket) -> None:
         attached = time.time()
         tasks = [asyncio.create_task(self._act(sock))]
-        if self._behaviour != "stall":
+        if self._behaviour not in _LATE:
             tasks.append(asyncio.create_task(self._read(sock)))
         await asyncio.wait(tasks[:1], timeout=2 * self._duration + 2 * _PATIENCE)
         for task in tasks:
@@ -196,13 +220,13 @@ class Visit:
         for result in await asyncio.gather(*tasks, return_exceptions=True):
             if isinstance(result, Exception):
                 self._desk.fail(f"{self._user}: {result!r}")
-        if self._behaviour != "stall" and not self._over.done():
+        if not self._over.done():
             # This user may have been disconnected just now, which has not been seen yet.
             self._console.ledger.surely_watched(attached, time.time() - LAG)
         if self._over.done():
             self._desk.thrown_off += 1
-            if self._behaviour in ("paste", "stall"):
-                self._desk.stallers += 1
+            if self._behaviour == "paste":
+                self._desk.pasters += 1
             else:
                 self._complain("thrown off", attached)
 
@@ -211,9 +235,20 @@ class Visit:
         try:
             while data := await loop.sock_recv(sock, 65536):
                 self._feed(data)
+                self._look(data)
         except ConnectionError:
             pass
         self._over.set_result(None)
+
+    def _look(self, data: bytes) -> None:
+        """Compare what is shown with what was printed, until something else happens."""
+        if self._view is not None:
+            self._judge(self._view.received(data))
+
+    def _judge(self, wrong: str) -> None:
+        if wrong:
+            self._complain(f"the view {wrong}", self._began)
+            self._view = None
 
     def _feed(self, data: bytes) -> None:
         self._seen += data
@@ -240,8 +275,8 @@ class Visit:
                             f"after line {before}; upsets: {self._console.upsets}")
 
     async def _act(self, sock: socket.socket) -> None:
-        if self._behaviour == "stall":
-            await self._stall(sock)
+        if self._behaviour in _LATE:
+            await self._be_late(sock)
         elif self._behaviour == "type" and self._mode != "ro":
             await self._type(sock)
         elif self._behaviour == "paste" and self._mode != "ro":
@@ -303,20 +338,48 @@ class Visit:
         finally:
             self._console.hang(False)
 
-    async def _stall(self, sock: socket.socket) -> None:
-        """Read nothing while the console prints a great deal; then see what the daemon did."""
+    async def _be_late(self, sock: socket.socket) -> None:
+        """Read slowly or nothing while the console floods; then see what the daemon kept."""
+        reader = None
+        if self._behaviour == "slow":
+            reader = asyncio.create_task(self._read_slowly(sock, self._random.choice(_PACES)))
+        end = time.time() + self._duration
+        for _ in range(_FLOODS):
+            self._console.flood(_FLOOD)
+            await self._pass(_BETWEEN_FLOODS)
+        await self._pass(max(0.0, end - time.time()))
+        if reader is not None:
+            reader.cancel()
+            await asyncio.gather(reader, return_exceptions=True)
+        await self._catch_up(sock)
+
+    async def _read_slowly(self, sock: socket.socket, pace: int) -> None:
         loop = asyncio.get_running_loop()
-        for _ in range(int(self._duration) + 1):
-            self._console.burst(500)
-            await asyncio.sleep(1)
-        try:
-            while await asyncio.wait_for(loop.sock_recv(sock, 65536), 1):
-                pass
-            self._over.set_result(None)
-        except asyncio.TimeoutError:
-            pass
-        except ConnectionError:
-            self._over.set_result(None)
+        with contextlib.suppress(ConnectionError):
+            while data := await loop.sock_recv(sock, max(1, pace // 10)):
+                self._look(data)
+                await asyncio.sleep(len(data) / pace)
+
+    async def _catch_up(self, sock: socket.socket) -> None:
+        """Read until all is accounted for that has been printed by now."""
+        loop = asyncio.get_running_loop()
+        asked, due = time.time(), self._view.printed if self._view is not None else 0
+        while self._view is None or self._view.accounted < due - HELD_BACK:
+            try:
+                data = await asyncio.wait_for(loop.sock_recv(sock, 65536), 1)
+            except asyncio.TimeoutError:
+                if self._view is None:
+                    return
+                if time.time() > asked + _PATIENCE:
+                    self._complain("was not shown all that was printed", self._began)
+                    return
+                continue
+            except ConnectionError:
+                data = b""
+            if not data:
+                self._over.set_result(None)
+                return
+            self._look(data)
 
 
 class Tool:

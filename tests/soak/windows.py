@@ -9,8 +9,8 @@ from dataclasses import dataclass
 
 from harness.waiting import stretched
 
-# Between a console's printing and the daemon's reading of it. A user who does not read may keep a
-# console's output back for 5 seconds; such a visit is a window with a longer lag.
+# Between a console's printing and the daemon's reading of it; and the same where two delays of that
+# kind add up.
 LAG = stretched(5.0)
 LONG_LAG = stretched(11.0)
 

@@ -197,6 +197,7 @@ def test_a_daemon_that_was_stopped_goes_on_with_its_queues(station, box):
         assert told(user, MUCH + b"printed meanwhile\r\n")
 
 
+@pytest.mark.slow
 def test_a_reset_with_a_full_queue_costs_nobody_else_anything(station, box):
     users = [stalled_user(station, name=f"u{number}") for number in range(100)]
     watcher = watcher_of(station)

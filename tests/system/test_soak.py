@@ -11,7 +11,8 @@ from harness.settings import REPOSITORY
 
 sys.path.insert(0, str(REPOSITORY / "tests" / "soak"))
 
-from ledger import CHUNK, RECORD, Counts, Ledger  # noqa: E402  (found through the line above)
+# The directory is found through the line above.
+from ledger import CHUNK, HELD_BACK, RECORD, Counts, Ledger, View  # noqa: E402
 from log_reader import LogFile, LogReader  # noqa: E402
 from plan import plan  # noqa: E402
 from windows import Windows  # noqa: E402
@@ -247,6 +248,74 @@ def test_the_consolidated_log_has_nothing_that_the_consoles_own_lacks():
     books.ledger.record(books.at(0), LINES[0])
     books.ledger.consolidated(books.at(1), LINES[1])
     books.wrong("which is not in the console's log")
+
+
+# What users see
+
+
+PRINTED = b"".join(b"@7.%d some words\r\n" % number for number in range(1000))
+
+
+def seen(*pieces: bytes) -> tuple[str, View]:
+    """The view of a user who has received these, and the first thing that was wrong with it."""
+    view = View(PRINTED[:600])
+    view.sent(PRINTED[600:])
+    return next(filter(None, map(view.received, pieces)), ""), view
+
+
+def not_shown(count: int) -> bytes:
+    """The daemon's mark for output that was left out."""
+    return b"\r\n[zevd: %d bytes were not shown]\r\n" % count
+
+
+def test_a_view_is_what_was_printed_from_somewhere_on():
+    for start in (0, 3, 500):
+        wrong, view = seen(PRINTED[start:])
+        assert (wrong, view.accounted) == ("", view.printed - HELD_BACK)
+        assert (view.shown, view.not_shown) == (len(PRINTED) - start - HELD_BACK, 0)
+
+
+def test_a_view_may_come_in_pieces_of_any_size():
+    shown = PRINTED[100:1000] + not_shown(2000) + PRINTED[3000:9000] + not_shown(7) + PRINTED[9007:]
+    for size in (1, 7, 100, 4096):
+        wrong, view = seen(*(shown[place:place + size] for place in range(0, len(shown), size)))
+        assert (wrong, view.not_shown, view.gaps) == ("", 2007, 2), size
+        assert view.accounted == view.printed - HELD_BACK
+
+
+@pytest.mark.parametrize("shown", [
+    PRINTED[:1000] + PRINTED[1001:], PRINTED[:1000] + not_shown(50) + PRINTED[1051:],
+    PRINTED[:1000] + not_shown(50) + PRINTED[1049:], PRINTED[:1000] + b"?" + PRINTED[1001:],
+    PRINTED[:1000] + not_shown(50)[:-1] + PRINTED[1050:], PRINTED[:1000] + PRINTED[500:],
+    PRINTED + PRINTED[-100:], PRINTED[:1000] + not_shown(len(PRINTED)) + PRINTED])
+def test_a_view_that_lacks_or_adds_something_is_wrong(shown):
+    assert seen(shown)[0].startswith("shows ")
+
+
+def test_a_view_of_another_console_is_wrong():
+    assert "unlike all output" in seen(PRINTED.replace(b"@7.", b"@8."))[0]
+
+
+def test_a_view_is_nowhere_before_a_line_begins_in_it():
+    wrong, view = seen(b" some words\r")
+    assert (wrong, view.accounted) == ("", 0)
+    assert view.received(b"\n" + PRINTED[:200].partition(b"\n")[2]) == ""
+    assert view.accounted == 200 - HELD_BACK
+
+
+def test_a_view_may_begin_before_what_is_remembered():
+    view = View(PRINTED[100:600])
+    assert view.received(PRINTED[:600]) == ""
+    assert (view.shown, view.accounted) == (500 - HELD_BACK, 500 - HELD_BACK)
+
+
+def test_a_view_is_of_what_is_printed_shortly_before_a_user_comes_and_after_that():
+    books = Books()
+    with books.ledger.view() as view:
+        books.ledger.sent(b"@7.6 printed later\n" * 10, books.at(6))
+    books.ledger.sent(b"@7.7 too late\n", books.at(7))
+    assert view.printed == len(b"".join(LINES)) + len(b"@7.6 printed later\n" * 10)
+    assert view.received(LINES[5] + b"@7.6 printed later\n" * 10) == ""
 
 
 # The plan
