@@ -78,7 +78,6 @@ def holds_all(station: Station, name: str, printed: bytes) -> None:
 # Every pace
 
 
-@pytest.mark.slow
 @pytest.mark.needs_namespace
 def test_users_of_every_pace_are_told_what_they_missed(station, ethernet, box):
     """One of them pauses, and one is behind a line that breaks while the console prints."""
@@ -105,7 +104,6 @@ def test_users_of_every_pace_are_told_what_they_missed(station, ethernet, box):
     assert "Closing connection with user \"u" not in station.log_text()
 
 
-@pytest.mark.slow
 @pytest.mark.needs_namespace
 @pytest.mark.parametrize("paces", [(0,), PACES], ids=["nothing", "slowly"])
 def test_a_hundred_users_read_too_slowly(station, ethernet, box, paces):
@@ -197,7 +195,6 @@ def test_a_daemon_that_was_stopped_goes_on_with_its_queues(station, box):
         assert told(user, MUCH + b"printed meanwhile\r\n")
 
 
-@pytest.mark.slow
 def test_a_reset_with_a_full_queue_costs_nobody_else_anything(station, box):
     users = [stalled_user(station, name=f"u{number}") for number in range(100)]
     watcher = watcher_of(station)
