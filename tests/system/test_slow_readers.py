@@ -247,7 +247,8 @@ def test_a_queue_without_memory_is_short_and_everybody_else_unaffected(station, 
     stalled.read_again()
     stalled.expect(more[-40:])
     *_, last = gaps_in(stalled.received, MUCH + more)
-    assert last.end >= len(MUCH) - 1024  # no memory, no queue; afterwards all of it
+    # No memory, no queue: only what the kernel may have had room for at the end. Then all of it.
+    assert last.end >= len(MUCH) - 4 * SMALL
     box.send(b"and more")
     for user in (watcher, stalled):
         user.expect_exactly(b"and more")
