@@ -33,6 +33,7 @@ struct NewUser {
   const char* console_name;
   int mode;
   const Identity* identity;
+  const char* greeting;  // after the replay; may be empty
 };
 
 constexpr char kAttach[] = "ConnectUserToConsole";
@@ -132,6 +133,10 @@ UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES
     return nullptr;
   }
   SendBufferedConsoleOutputToUser(cnode, unode);
+  // When it fails, the input monitor finds that out.
+  if (*user.greeting != '\0') {
+    static_cast<void>(unode->output->Send(user.greeting, strlen(user.greeting)));
+  }
   return unode;
 }
 
@@ -183,9 +188,10 @@ int JoinUserList(UserNode* unode, const NewUser& user) {
 }  // namespace
 
 int ConnectUserToConsole(int user_sock, const char* user_name, const char* ipaddr,
-                         const char* console_name, uint16_t mode, const Identity& identity) {
+                         const char* console_name, uint16_t mode, const Identity& identity,
+                         const char* greeting) {
   ENTERING();
-  const NewUser user = {user_sock, user_name, ipaddr, console_name, mode, &identity};
+  const NewUser user = {user_sock, user_name, ipaddr, console_name, mode, &identity, greeting};
   UserNode* unode = JoinConsole(user);
   return unode == nullptr ? -1 : JoinUserList(unode, user);
 }

@@ -9,12 +9,13 @@
 
 namespace zevd {
 
-/// Attaches the connection to the console, greets its telnet client and replays recent output. 0:
-/// the socket belongs to the monitors; -1, with u_err_msg set: it is still the caller's.
-/// `user_name` and `ipaddr` are what others are shown; `identity` is who it really is.
+/// Attaches the connection to the console, offers telnet options, replays recent output and then
+/// sends the greeting. 0: the socket belongs to the monitors; -1, with u_err_msg set: it is still
+/// the caller's. `user_name` and `ipaddr` are what others are shown; `identity` is who it really
+/// is.
 int ConnectUserToConsole(int user_sock, const char* user_name, const char* ipaddr,
-                         const char* console_name, uint16_t mode, const Identity& identity = {})
-    EXCLUDES(acl_lock, icl_lock, ul_lock);
+                         const char* console_name, uint16_t mode, const Identity& identity = {},
+                         const char* greeting = "") EXCLUDES(acl_lock, icl_lock, ul_lock);
 
 /// Makes the socket a command connection. 0: it belongs to the thread cmd_mon; -1, with u_err_msg
 /// set: it is still the caller's. The other arguments are those of ConnectUserToConsole().

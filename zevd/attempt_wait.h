@@ -22,7 +22,8 @@ class AttemptWait {
   /// connection that nothing is done with yet ends no further wait before more comes in.
   void Watch(int sock) const;
 
-  /// Must be called before a watched socket is closed or becomes another thread's.
+  /// To be called before a watched socket is closed or becomes another thread's, or its news may go
+  /// on to end waits.
   void Forget(int sock) const;
 
   /// Forgets the moments that were noted before: each pass notes them anew.

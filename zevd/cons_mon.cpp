@@ -7,8 +7,8 @@
 // to i_cons_list and frees deleted consoles of a_cons_list. Pairs of locks, in the order in which
 // they are tried: acl_lock and icl_lock for a reload, ul_lock and acl_lock to clean up, icl_lock
 // and acl_lock to move. To rename a console after an event of the matcher's it takes acl_lock,
-// releases it, and then icl_lock. It is the thread that SIGTERM interrupts and that collects
-// SIGHUP.
+// releases it, and then takes acl_lock and icl_lock. It is the thread that SIGTERM interrupts and
+// that collects SIGHUP.
 #include "cons_mon.h"
 
 #include <sys/socket.h>
@@ -28,6 +28,7 @@
 #include "clock.h"
 #include "cons_mon_steps.h"
 #include "console_lists.h"
+#include "console_output.h"
 #include "console_users.h"
 #include "counters.h"
 #include "error.h"
@@ -36,7 +37,6 @@
 #include "load.h"
 #include "log.h"
 #include "log_directory.h"
-#include "log_record.h"
 #include "mapped_port.h"
 #include "matcher.h"
 #include "socket_watch.h"
@@ -52,37 +52,8 @@ namespace {
 constexpr useconds_t kPausePoll = 100;  // microseconds
 constexpr unsigned kOtherThreads = kPauseConsConn | kPauseUserConn | kPauseUserMon | kPauseCmdMon;
 constexpr timeval kSelectLimit = {2, 0};
-constexpr size_t kChunkSize = 1024;
-constexpr size_t kTurnSize = 16 * kChunkSize;
-
-/// Notices of a management port about a competing connection: the thread cons_conn deals with them,
-/// users never see them.
-struct Notice {
-  const char* start;  // what the chunk begins with
-  const char* text;   // what it contains
-};
-constexpr Notice kHiddenNotices[] = {
-    {"~NET-E-", "Session is already open to the partition/CLI"},
-    {"~NET-I-", "Enter \"YES\" within 5 seconds to disconnect the existing user"},
-    {"~NET-I-", "Timed out, disconnecting..."},
-};
-
-bool IsHiddenNotice(const char* chunk, int count) {
-  if (chunk[0] != '~') return false;  // as nearly every chunk
-  char text[kChunkSize];              // ends at the chunk's first NUL
-  snprintf(text, sizeof text, "%.*s", count, chunk);
-  for (const Notice& notice : kHiddenNotices) {
-    if (strncmp(text, notice.start, strlen(notice.start)) == 0 &&
-        strstr(text, notice.text) != nullptr) {
-      return true;
-    }
-  }
-  return false;
-}
-
-bool HasHighBit(char byte) {
-  return static_cast<unsigned char>(byte) >= 128;
-}
+constexpr size_t kLongestTurn = 16 * kChunkSize;
+constexpr int kMostHalvings = 4;  // down to a chunk
 
 bool IsClosed(const ConsoleNode& cnode) {
   return cnode.status == kNotConnected || cnode.enable == 0;
@@ -94,32 +65,31 @@ void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) {
   CloseConsoleConnection(cnode);
 }
 
-// Puts a chunk into the replay ring and the log. False when nobody shall see it.
-bool KeepChunk(ConsoleNode* cnode, const char* chunk, int count, RecordBatch* batch)
-    REQUIRES(acl_lock) {
-  // A telnet command of the terminal server, with nobody there to answer it.
-  if (cnode->user_list->head == nullptr && HasHighBit(chunk[0])) return false;
-  if (IsHiddenNotice(chunk, count)) return false;
-  BufferConsoleOutput(cnode, chunk, count);
-  if (cnode->logging == 1) WriteLogFile(cnode, chunk, count, batch);
-  return true;
-}
-
 // How long a pass may read consoles. It holds acl_lock meanwhile, and threads that want two locks
 // try for as long and then stay away for up to a second (locks.h). A longer pass, as over many
-// consoles on a full disk, would keep them out; when user_mon is kept out, all keys wait. A pair
-// that is being tried for ends the pass at once.
+// consoles on a full disk, would keep them out; when user_mon is kept out, all keys wait.
 class PassTime {
  public:
   /// True when no further console is to be read in this pass; never before the first is.
   bool IsOver() {
-    const bool is_over = MonotonicMicroseconds() >= end_ || acl_lock.IsAnnounced();
-    return !std::exchange(first_, false) && is_over;
+    const int64_t now = MonotonicMicroseconds();
+    taken_ = now - std::exchange(looked_at_, now);
+    // A pair that is being tried for still gets its locks, and a stream of pairs leaves room for
+    // more than one console.
+    if (acl_lock.IsAnnounced()) end_ = std::min(end_, now + kAnnouncedTime);
+    return !std::exchange(first_, false) && now >= end_;
   }
 
+  /// Microseconds between the last two looks.
+  int64_t taken() const { return taken_; }
+
  private:
+  static constexpr int64_t kAnnouncedTime = kPairTryTime / 3;
+
   bool first_ = true;
-  int64_t end_ = MonotonicMicroseconds() + kPairTryTime;
+  int64_t looked_at_ = MonotonicMicroseconds();
+  int64_t end_ = looked_at_ + kPairTryTime;
+  int64_t taken_ = 0;
 };
 
 bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) REQUIRES(acl_lock) {
@@ -127,35 +97,10 @@ bool IsLeftOutLonger(const ConsoleNode* cnode, const ConsoleNode* other) REQUIRE
          (other->left_out_since == 0 || cnode->left_out_since < other->left_out_since);
 }
 
-/// The consoles that have more to say than one turn takes, in the order of their turns.
-class Unfinished {
- public:
-  /// Leaves out what there is no room for; a later pass reads it.
-  void Add(ConsoleNode* cnode) {
-    if (count_ < SocketWatch::kMostAtOnce) consoles_[count_++] = cnode;
-  }
-
-  /// Gives each its next turn, until none has more or `is_over` says that there is no time.
-  template <typename IsOver, typename Turn>
-  void TakeTurns(IsOver is_over, Turn turn) {
-    while (count_ > 0) {
-      const int count = std::exchange(count_, 0);
-      for (int i = 0; i < count; ++i) {
-        if (is_over()) return;
-        if (turn(consoles_[i])) consoles_[count_++] = consoles_[i];
-      }
-    }
-  }
-
- private:
-  ConsoleNode* consoles_[SocketWatch::kMostAtOnce];
-  int count_ = 0;
-};
-
 // Reads a readable console with one call and hands on what it brings. True when there may be more.
 bool ReadConsole(ConsoleNode* cnode) REQUIRES(acl_lock) {
-  static char buf[kTurnSize];  // only this thread comes here
-  const ssize_t count = recv(cnode->sock, buf, sizeof buf, MSG_DONTWAIT);
+  static char buf[kLongestTurn];  // only this thread comes here
+  const ssize_t count = recv(cnode->sock, buf, kLongestTurn >> cnode->turn_halvings, MSG_DONTWAIT);
   if (count < 0 && errno == EAGAIN) return false;
   if (count <= 0) {
     CloseAfterReceiveFailure(cnode, count);
@@ -169,7 +114,53 @@ bool ReadConsole(ConsoleNode* cnode) REQUIRES(acl_lock) {
   return count >= static_cast<ssize_t>(kChunkSize);
 }
 
-// The last pass had no time to read everything. This thread's own.
+/// The turns of the consoles in one pass.
+class Turns {
+ public:
+  /// Reads the console once. False when there is no time; `in_any_case` it is read all the same.
+  bool Give(ConsoleNode* cnode, bool in_any_case) REQUIRES(acl_lock) {
+    if (IsOver() && !in_any_case) return false;
+    latest_ = cnode;
+    // Where there is no room to note that there is more, a later pass reads it.
+    if (ReadConsole(cnode) && count_ < SocketWatch::kMostAtOnce) unfinished_[count_++] = cnode;
+    return true;
+  }
+
+  /// Reads those that have more to say again, in the order of their turns, until none has or there
+  /// is no time.
+  void Finish() REQUIRES(acl_lock) {
+    while (count_ > 0) {
+      const int count = std::exchange(count_, 0);
+      for (int i = 0; i < count; ++i) {
+        if (!Give(unfinished_[i], false)) return;
+      }
+    }
+  }
+
+  /// True when no further console is to be read in this pass.
+  bool IsOver() REQUIRES(acl_lock) {
+    const bool is_over = time_.IsOver();
+    if (latest_ != nullptr) FitTurn(std::exchange(latest_, nullptr), time_.taken());
+    return is_over;
+  }
+
+ private:
+  // A turn is not interrupted, so one that took long, as of short lines that are matched with many
+  // patterns, makes the next ones of this console shorter.
+  static void FitTurn(ConsoleNode* cnode, int64_t taken) REQUIRES(acl_lock) {
+    constexpr int64_t kLong = kPairTryTime / 2;
+    int& halvings = cnode->turn_halvings;
+    if (taken < kLong / 4 && halvings > 0) --halvings;
+    for (; taken > kLong && halvings < kMostHalvings; taken /= 2) ++halvings;
+  }
+
+  PassTime time_;
+  ConsoleNode* latest_ = nullptr;
+  ConsoleNode* unfinished_[SocketWatch::kMostAtOnce];
+  int count_ = 0;
+};
+
+// The last pass used up its time. This thread's own.
 bool time_ran_out = false;
 
 // An echo ends the pause. Not after a pass that had more to read than time: a console that floods
@@ -340,41 +331,21 @@ void ProcessConsoleOutput(const DescriptorSet& fdset) {
   ENTERING();
   static uint64_t pass = 0;  // only this thread comes here
   ++pass;
-  PassTime time;
-  Unfinished unfinished;
+  Turns turns;
   // A list without a watch knows no order except its own, in which the last would never have a
   // turn.
-  const bool in_turns = WatchOf(a_cons_list) != nullptr;
+  const bool in_any_case = WatchOf(a_cons_list) == nullptr;
   // The analysis does not follow the lock into a template.
   const auto read = [&](ConsoleNode* cnode) NO_THREAD_SAFETY_ANALYSIS {
-    if (in_turns && time.IsOver()) {
-      if (cnode->left_out_since == 0) cnode->left_out_since = pass;
-      return;
+    if (turns.Give(cnode, in_any_case)) {
+      cnode->left_out_since = 0;
+    } else if (cnode->left_out_since == 0) {
+      cnode->left_out_since = pass;
     }
-    cnode->left_out_since = 0;
-    if (ReadConsole(cnode)) unfinished.Add(cnode);
   };
   ForEachReady(*a_cons_list, fdset, IsLeftOutLonger, read);
-  unfinished.TakeTurns([&] { return time.IsOver(); },
-                       [](ConsoleNode* cnode)
-                           NO_THREAD_SAFETY_ANALYSIS { return ReadConsole(cnode); });
-  time_ran_out = time.IsOver();
-}
-
-void DispatchConsoleOutput(ConsoleNode* cnode, char* buf, int count) {
-  ENTERING();
-  static RecordBatch batch;  // only this thread comes here
-  int shown = 0;
-  for (int taken = 0, size = 0; taken < count; taken += size) {
-    char* chunk = buf + taken;
-    size = std::min(count - taken, static_cast<int>(kChunkSize));
-    DEBUG_AS("ProcessConsoleOutput", kTrace, "Received ->%.*s<- (%d bytes)\n", size, chunk, size);
-    if (!KeepChunk(cnode, chunk, size, &batch)) continue;
-    if (shown != taken) memmove(buf + shown, chunk, static_cast<size_t>(size));
-    shown += size;
-  }
-  batch.Flush();
-  if (shown > 0) SendConsoleOutputToUsers(cnode, buf, shown);
+  turns.Finish();
+  time_ran_out = turns.IsOver();
 }
 
 void CloseDisabledConsoleConnections() {

@@ -17,10 +17,6 @@ int CheckForConsoleOutput(int high_sock, DescriptorSet* fdset);
 /// Reads the readable consoles in turns, for as long as a pass may, and hands on the output.
 void ProcessConsoleOutput(const DescriptorSet& fdset) REQUIRES(acl_lock);
 
-/// Hands what one turn brought, chunk by chunk of 1024 bytes, to replay ring and log, except chunks
-/// that nobody shall see, and then all of it to the users. `buf` is changed.
-void DispatchConsoleOutput(ConsoleNode* cnode, char* buf, int count) REQUIRES(acl_lock);
-
 /// Marks the disabled consoles of a_cons_list closed and tells their users.
 void CloseDisabledConsoleConnections() REQUIRES(acl_lock);
 

@@ -85,6 +85,8 @@ struct ConsoleNode : ConsoleSettings {
   /// The first pass of the output monitor that had no time to read the console, 0 when it has been
   /// read since.
   uint64_t left_out_since GUARDED_BY(acl_lock);
+  /// How often the longest turn of the output monitor is halved for this console.
+  int turn_halvings GUARDED_BY(acl_lock);
   char pellox_port_holder_ipaddr[kNameSize];  ///< who held the session at the last refusal
 };
 

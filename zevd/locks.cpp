@@ -59,7 +59,9 @@ void LetPairGoFirst(const RwLock& lock) {
 bool Lock(const LockKind& kind, RwLock& lock, CallSite site) {
   TraceRequest(lock, site);
   LetPairGoFirst(lock);
+  lock.BeginWait();
   const int error = kind.lock(lock.native());
+  lock.EndWait();
   if (error != 0) {
     zev_debug(kError, "%s: %s failed : %s\n", site.function, kind.lock_call, strerror(error));
     return false;
@@ -200,6 +202,8 @@ void WriteLock::Release() {
 
 void WriteLock::LetOthersIn() NO_THREAD_SAFETY_ANALYSIS {  // it is held again at the end
   Release();
+  // Without a pause the lock would be taken again before one who waits has woken up.
+  if (lock_.IsWaitedFor()) usleep(kTryPause);
   held_ = Lock(kWrite, lock_, site_);
 }
 

@@ -33,9 +33,15 @@ class CAPABILITY("rwlock") RwLock {
   void Withdraw() { --announced_; }
   bool IsAnnounced() const { return announced_ > 0; }
 
+  /// A thread that takes this lock alone counts as waiting until it has it.
+  void BeginWait() { ++waiting_; }
+  void EndWait() { --waiting_; }
+  bool IsWaitedFor() const { return waiting_ > 0; }
+
  private:
   pthread_rwlock_t native_ = PTHREAD_RWLOCK_INITIALIZER;
   std::atomic<int> announced_{0};  ///< pairs that are being tried for
+  std::atomic<int> waiting_{0};
 };
 
 extern RwLock icl_lock;  ///< i_cons_list and the consoles on it

@@ -164,28 +164,32 @@ void RecordBatch::Flush() {
   consolidated_.length = 0;
 }
 
-// Writes a record into the logs that it is not in yet.
-bool RecordBatch::WriteMissing(size_t record, bool in_log, bool in_consolidated) const {
-  if (!in_log && !log_.WriteAlone(record)) {
-    ReportLog(cname_);
+// Writes one record alone, unless its log has been given up: the disk is full, and others wait
+// meanwhile. A console's log has its name; the consolidated one has none.
+bool RecordBatch::TryAlone(const Gathered& gathered, size_t record, const char* cname,
+                           int* failures) {
+  constexpr int kMostFailures = 64;  // in a row
+  if (*failures == kMostFailures) {
+    counters.log_records_lost.Add();
     return false;
   }
-  if (consolidated_.fd == -1 || in_consolidated || consolidated_.WriteAlone(record)) return true;
-  ReportConsolidated();
+  if (gathered.WriteAlone(record)) {
+    *failures = 0;
+    return true;
+  }
+  ++*failures;
+  cname != nullptr ? ReportLog(cname) : ReportConsolidated();
   return false;
 }
 
 // The first so many records are in the logs already.
 void RecordBatch::WriteOneByOne(size_t in_log, size_t in_consolidated) {
-  constexpr int kMostFailures = 64;  // in a row; the disk is full, and others wait meanwhile
-  int failures = 0;
+  int log_failures = 0;
+  int consolidated_failures = 0;
   for (size_t record = 0; record < records_; ++record) {
-    if (failures == kMostFailures) {
-      counters.log_records_lost.Add(records_ - record);
-      return;
-    }
-    const bool written = WriteMissing(record, record < in_log, record < in_consolidated);
-    failures = written ? 0 : failures + 1;
+    if (record >= in_log && !TryAlone(log_, record, cname_, &log_failures)) continue;
+    if (consolidated_.fd == -1 || record < in_consolidated) continue;
+    TryAlone(consolidated_, record, nullptr, &consolidated_failures);
   }
 }
 

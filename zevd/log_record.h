@@ -33,8 +33,8 @@ class RecordBatch {
   void Add(const LogTargets& targets, const char* line, int count);
 
   /// Writes all records. Those that cannot be written together are tried one by one, as
-  /// WriteRecord() would; after many failures in a row the rest is given up. Must be called before
-  /// one of the logs is closed.
+  /// WriteRecord() would; after many failures in a row the rest is given up for that log. Must be
+  /// called before one of the logs is closed.
   void Flush();
 
  private:
@@ -55,7 +55,7 @@ class RecordBatch {
   };
 
   bool HasRoom() const;
-  bool WriteMissing(size_t record, bool in_log, bool in_consolidated) const;
+  static bool TryAlone(const Gathered& gathered, size_t record, const char* cname, int* failures);
   void WriteOneByOne(size_t in_log, size_t in_consolidated);
 
   const char* cname_ = nullptr;

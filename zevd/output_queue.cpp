@@ -234,7 +234,11 @@ void OutputQueue::Consume(size_t count) {
   head_ = (head_ + of_ring) % capacity_;
   size_ -= of_ring;
   if (left_out_ != 0) gap_ -= of_ring;
-  if (IsEmpty()) Clear();
+  if (IsEmpty()) {
+    Clear();
+  } else if (capacity_ > kUncounted && size_ <= capacity_ / 8) {
+    Resize(capacity_ / 4);  // the memory is for those who need it; without any to copy to, it stays
+  }
 }
 
 }  // namespace zevd

@@ -7,7 +7,7 @@
 // the socket over, or at its end. Everywhere else cancellation is disabled, so that no lock is left
 // held and a socket is either handed over or closed, never both. It takes one list lock at a time,
 // or acl_lock and icl_lock as a pair in that order for the look-up by port, and
-// pending_logins_mutex alone.
+// pending_logins_mutex alone. With acl_lock it takes the mutexes of user_output.h.
 #include "serv_conn.h"
 
 #include <fcntl.h>
@@ -261,29 +261,22 @@ int PrepareConnection(Connection& connection) {
   return connection.OnMainPort() ? PrepareMainPort(connection) : PrepareMappedPort(connection);
 }
 
-void SendGreeting(int sock, const char* cons_name) {
-  char greeting[kMessageBufferSize];
-  snprintf(greeting, sizeof greeting, "Connected to console \"%s\" in shared mode.\r\n\n",
-           cons_name);
-  send(sock, greeting, strlen(greeting), 0);
-}
-
-// Hands the socket over to the monitors. The greeting of a mapped port goes through a descriptor of
-// its own: by then the user may be gone, and the number of the socket may be in use elsewhere.
+// Hands the socket over to the monitors. Users of a mapped port are greeted.
 int AttachUser(Connection& connection) {
   const ConsoleArgs& args = connection.args;
-  const int greeting_sock =
-      connection.OnMainPort() ? -1 : fcntl(connection.sock, F_DUPFD_CLOEXEC, 0);
+  char greeting[kMessageBufferSize] = "";
+  if (!connection.OnMainPort()) {
+    snprintf(greeting, sizeof greeting, "Connected to console \"%s\" in shared mode.\r\n\n",
+             args.cons_name);
+  }
   const int result = ConnectUserToConsole(connection.sock, args.user_name, connection.ipaddr,
-                                          args.cons_name, args.mode, connection.identity);
+                                          args.cons_name, args.mode, connection.identity, greeting);
   if (result == 0) {
     connection.sock = -1;
-    if (greeting_sock != -1) SendGreeting(greeting_sock, args.cons_name);
   } else {
     DEBUG_AS(kServe, kInfo, "Closing connection.\n");
     AuditRefusal(connection);
   }
-  if (greeting_sock != -1) close(greeting_sock);
   return result;
 }
 

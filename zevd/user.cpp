@@ -12,6 +12,7 @@
 #include "counters.h"
 #include "error.h"
 #include "list_functions.h"
+#include "waker.h"
 
 namespace zevd {
 
@@ -160,9 +161,21 @@ UserNode* NewUserNode(int sock, ConsoleNode* cnode, const char* user_name, const
   return unode;
 }
 
+int DropReference(ConsoleNode* cnode) {
+  const bool deleted = cnode->deleted == 1;
+  const int references = --cnode->ref_count;
+  if (references == 0 && deleted) {
+    // Whichever thread owns its list frees it now.
+    cons_mon_waker.Wake();
+    cons_conn_waker.Wake();
+  }
+  return references;
+}
+
 void DiscardUserNode(UserNode* unode) {
-  --unode->cnode->ref_count;
+  ConsoleNode* cnode = unode->cnode;
   delete unode;
+  DropReference(cnode);
 }
 
 UserListElem* NewUserListElem(UserNode* unode) {

@@ -124,6 +124,10 @@ inline constexpr char kUnknownUser[] = "<unknown>";
 UserNode* NewUserNode(int sock, ConsoleNode* cnode, const char* user_name, const char* ipaddr,
                       int mode) REQUIRES(acl_lock);
 
+/// Uncounts one user of the console, which may be freed by its own thread from then on. Returns how
+/// many are left.
+int DropReference(ConsoleNode* cnode) REQUIRES(acl_lock);
+
 /// For a user who was never put on user_list: uncounts and frees the record, and leaves the socket
 /// open.
 void DiscardUserNode(UserNode* unode) REQUIRES(acl_lock);

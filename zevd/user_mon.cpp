@@ -125,19 +125,6 @@ bool HasWaitedLonger(const UserNode* unode, const UserNode* other) REQUIRES(ul_l
 /// What is still to be sent to users who have been removed.
 ClosingOutputs closing_outputs;
 
-void DropReference(ConsoleNode* cnode) REQUIRES(acl_lock) {
-  const bool deleted = cnode->deleted == 1;
-  const int references = --cnode->ref_count;
-  if (references == 0 && deleted) {
-    // Whichever thread owns its list frees it now.
-    cons_mon_waker.Wake();
-    cons_conn_waker.Wake();
-  }
-  if (references >= 0) return;
-  DEBUG_AS("CleanUpClosedConnections", kError, "Negative reference count (%d)\n", references);
-  TERMINATE(kInternalError);
-}
-
 void ReportSendError(const UserNode* unode) REQUIRES(ul_lock) {
   if (unode->send_error == 0) return;
   DEBUG_AS("ProcessUserInput", kInfo, "send() to console \"%s\" failed : %s\n", unode->cnode->cname,
@@ -160,7 +147,10 @@ void RemoveUser(UserNode* unode) REQUIRES(ul_lock, acl_lock) {
   RemoveUserFromList(unode, user_list);
   if (IsUserInUserList(unode, cnode->user_list)) RemoveUserFromList(unode, cnode->user_list);
   delete unode;
-  DropReference(cnode);  // the console may be freed by its own thread from here on
+  const int references = DropReference(cnode);
+  if (references >= 0) return;
+  DEBUG_AS("CleanUpClosedConnections", kError, "Negative reference count (%d)\n", references);
+  TERMINATE(kInternalError);
 }
 
 // ---- The steps of a pass ------------------------------------------------------------------------

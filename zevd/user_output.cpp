@@ -14,9 +14,9 @@ namespace zevd {
 
 namespace {
 
-constexpr int kMostAtOnce = 64;
+constexpr int kMostAtOnce = 8;
 constexpr int64_t kSendingTime = 1000;  // microseconds
-constexpr size_t kTurn = size_t{64} << 10;
+constexpr size_t kTurn = size_t{16} << 10;
 constexpr int64_t kClosingTime = kMicrosecondsPerSecond;
 
 /// Names the sockets that have room again.
@@ -138,12 +138,24 @@ bool SendWaitingOutput() {
 
 // ---- Users who have left the lists --------------------------------------------------------------
 
+namespace {
+
+// Input that nobody has read would make the kernel take back what was sent last (RFC
+// 1122, 4.2.2.13).
+void ThrowInputAway(int sock) {
+  constexpr size_t kPart = size_t{1} << 20;
+  constexpr int kMostParts = 8;  // more than a socket holds; who goes on typing must not keep us
+  for (int i = 0; i < kMostParts; ++i) {
+    if (recv(sock, nullptr, kPart, MSG_DONTWAIT | MSG_TRUNC) <= 0) return;
+  }
+}
+
+}  // namespace
+
 void ClosingOutputs::Close(UserOutput* output) {
   const int sock = output->sock_;
   delete output;  // nothing looks after the socket any longer
-  // Input that nobody has read would make the kernel take back what was sent last (RFC 1122,
-  // 4.2.2.13).
-  recv(sock, nullptr, kTurn, MSG_DONTWAIT | MSG_TRUNC);
+  ThrowInputAway(sock);
   close(sock);
 }
 

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "cons_mon_steps.h"
+#include "console_output.h"
 #include "debug_support.h"
 #include "failure_support.h"
 #include "file_support.h"
