@@ -111,7 +111,7 @@ TEST_F(OutputQueueTest, NothingAppendedIsNothing) {
 
 TEST_F(OutputQueueTest, RingWrapsAndGrowsInEveryPosition) {
   const std::string text = LongText(200'000);
-  for (const size_t sent : {1, 100, 255, 4000, 4095, 4096}) {
+  for (const size_t sent : {1U, 100U, 255U, 4000U, 4095U, 4096U}) {
     SCOPED_TRACE(sent);
     std::string received;
     EXPECT_EQ(Append(text.substr(0, 4096)), 0U);
@@ -238,7 +238,7 @@ TEST_F(OutputQueueTest, NewGapEndsBehindALineEndThatIsNear) {
 }
 
 TEST_F(OutputQueueTest, GapIsProlongedToALineEndByFourKibibytesAtMost) {
-  for (const size_t line_end : {1, 4095, 4096, 4097}) {
+  for (const size_t line_end : {1U, 4095U, 4096U, 4097U}) {
     SCOPED_TRACE(line_end);
     std::string text = LongText(kMebibyte + 10);
     text[10 + line_end - 1] = '\n';
@@ -551,8 +551,8 @@ struct RandomCase {
   size_t longest_append;
   size_t longest_send;
   int rounds;
-  int memory_fails_in;  // one in so many appends; 0 for none
-  int fewest_marks;     // so that the test is seen to reach what it is about
+  size_t memory_fails_in;  // one in so many appends; 0 for none
+  int fewest_marks;        // so that the test is seen to reach what it is about
 };
 
 class RandomSizesTest : public OutputQueueTest, public ::testing::WithParamInterface<RandomCase> {

@@ -398,7 +398,7 @@ TEST_F(ClosingOutputsTest, EachSocketIsClosedInItsOwnTime) {
   EXPECT_TRUE(IsOpen(socks[0]));
   EXPECT_FALSE(IsOpen(socks[1]));
   EXPECT_TRUE(IsOpen(socks[2]));
-  for (const size_t last : {2, 0}) {
+  for (const size_t last : {2U, 0U}) {
     readers[last].Received();
     EXPECT_FALSE(SendWaitingOutput());
     closing_.CloseDone();
