@@ -98,6 +98,19 @@ bool UserOutput::HasFailed() {
   return failed_;
 }
 
+namespace {
+
+// Leaves no more than so many bytes in the message.
+void Shorten(msghdr* message, size_t most) {
+  for (size_t i = 0; i < message->msg_iovlen; ++i) {
+    iovec& piece = message->msg_iov[i];
+    piece.iov_len = std::min(piece.iov_len, most);
+    most -= piece.iov_len;
+  }
+}
+
+}  // namespace
+
 // Sends for one turn. False when the connection has failed.
 bool UserOutput::SendFromQueue() {
   const MutexLock lock(mutex_);
@@ -106,6 +119,7 @@ bool UserOutput::SendFromQueue() {
     msghdr message{};
     message.msg_iov = pieces;
     message.msg_iovlen = static_cast<size_t>(queue_.Front(pieces));
+    Shorten(&message, left);
     const ssize_t sent = TEMP_FAILURE_RETRY(sendmsg(sock_, &message, MSG_DONTWAIT));
     if (sent < 0 && errno == EAGAIN) break;
     if (sent < 0) {

@@ -522,11 +522,7 @@ def test_a_console_that_never_stops_does_not_keep_the_client(station, box):
 
 
 def paced(text: bytes) -> list[bytes]:
-    """The text in pieces, each of which the daemon has room for.
-
-    Without room it closes a user who reads nothing for 400 ms, and a busy machine may keep the
-    reader of a terminal waiting as long.
-    """
+    """The text in pieces, each of which the daemon has room for: it leaves out what it has not."""
     return [text[start:start + PACE] for start in range(0, len(text), PACE)]
 
 

@@ -451,11 +451,30 @@ TEST_F(TurnsTest, FurtherTurnsEndWithTheTimeOfThePass) {
   EXPECT_EQ(ReadBy(2), "abcabcab abcabcab ");
 }
 
-TEST_F(TurnsTest, PassEndsWhenAPairOfLocksIsTriedFor) {
-  ConnectConsoles(3);
+TEST_F(TurnsTest, PassIsShorterWhileAPairOfLocksIsTriedFor) {
+  ConnectConsoles(5);
+  const test::FakePassageOfTime time(200);
   acl_lock.Announce();
-  EXPECT_EQ(ReadBy(3), "a b c ");
+  EXPECT_EQ(ReadBy(3), "abc dea bca ");
   acl_lock.Withdraw();
+}
+
+// A turn here takes as long as the clock steps when it is read.
+TEST_F(TurnsTest, TurnsThatTakeLongBecomeShorter) {
+  const Attached<ConsoleNode> console = ConnectConsole("long");
+  ConsoleNode* cnode = console.node;
+  test::SendText(console.peer.get(), std::string(8 * kTurn, 'x'));
+  const auto after = [&](int step) {
+    const test::FakePassageOfTime time(step);
+    ReadBy(1);
+    return cnode->turn_halvings;
+  };
+  EXPECT_EQ(after(750), 0);
+  EXPECT_EQ(after(1502), 2);
+  EXPECT_EQ(after(100'000), 4);
+  EXPECT_EQ(after(100'000), 4);
+  EXPECT_EQ(after(749), 4);
+  EXPECT_LT(after(186), 4);
 }
 
 TEST_F(TurnsTest, UserIsSentEverythingInItsOrderHoweverTheTurnsGo) {

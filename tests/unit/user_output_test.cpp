@@ -254,8 +254,12 @@ TEST_F(UserOutputTest, EmptyingGoesOnLaterWhenItTakesTooLong) {
   };
   const FakePassageOfTime time(1000);
   EXPECT_FALSE(SendWaitingOutput());
-  EXPECT_EQ(emptied(), 64U);
+  EXPECT_EQ(emptied(), 8U);
   EXPECT_TRUE(RoomIsKnown());
+  for (size_t calls = 2; calls <= 12; ++calls) {
+    EXPECT_FALSE(SendWaitingOutput());
+    EXPECT_EQ(emptied(), 8 * calls);
+  }
   EXPECT_FALSE(SendWaitingOutput());
   EXPECT_EQ(emptied(), 100U);
 }
