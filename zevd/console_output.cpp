@@ -7,7 +7,7 @@
 #include "console_users.h"
 #include "error.h"
 #include "log.h"
-#include "log_record.h"
+#include "log_batch.h"
 
 namespace zevd {
 

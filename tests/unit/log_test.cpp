@@ -15,9 +15,9 @@
 #include <system_error>
 #include <vector>
 
-#include "../../zevd/log_record.h"
 #include "debug_support.h"
 #include "lists.h"
+#include "log_batch.h"
 #include "log_directory.h"
 #include "log_directory_steps.h"
 #include "log_steps.h"

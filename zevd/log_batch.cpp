@@ -1,4 +1,4 @@
-#include "log_record.h"
+#include "log_batch.h"
 
 #include <sys/uio.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // Records of logs: alone and in batches, and what a full disk leaves of them.
-#include "../../zevd/log_record.h"
+#include "log_batch.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
