@@ -252,6 +252,7 @@ std::string Of(const Racks& racks) {
 }
 
 void MeasureIdleRacks(Context& context, const Racks& racks) {
+  constexpr size_t kFewHanging = 100;
   const HangingPort hanging;
   std::vector<ConsolePlan> plan(racks.consoles);
   const uint16_t refusing = FreePorts(2).back();
@@ -261,8 +262,9 @@ void MeasureIdleRacks(Context& context, const Racks& racks) {
   const auto station = NewStation(context, farm, std::move(plan));
   const Idleness idleness = WatchIdle(context, station->daemon());
   station->CheckWhole();
+  const Goal goal = AtMost(racks.hanging > kFewHanging ? 2 : 0.1);
   context.results.Add(
-      {"idle-racks", "processor, " + Of(racks), "% of a core", idleness.cpu, {}, 2});
+      {"idle-racks", "processor, " + Of(racks), "% of a core", idleness.cpu, {}, 2, goal});
 }
 
 // ---- Consoles that are disabled and enabled again -----------------------------------------------
