@@ -331,7 +331,6 @@ ATTACH: Table = {
 
 ATTACH_BY_PORT: Table = {
     ALLOCATION: SILENT + USER_REFUSED + WAITS_WITHOUT_MEMORY + NOT_COUNTED,
-    "fcntl": SILENT,
     "send": ATTACH["send"],
     "recv": ATTACH["recv"],
     "close": SILENT,
