@@ -65,18 +65,18 @@ void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) {
   CloseConsoleConnection(cnode);
 }
 
-// How long a pass may read consoles. It holds acl_lock meanwhile, and threads that want two locks
-// try for as long and then stay away for up to a second (locks.h). A longer pass, as over many
-// consoles on a full disk, would keep them out; when user_mon is kept out, all keys wait.
+// How long a pass may read consoles. It holds acl_lock meanwhile. Threads that want two locks try
+// for a while and then stay away for up to a second (locks.h); when that is user_mon, all keys
+// wait. So a pass is short when somebody wants the lock, and long, for the sake of consoles that
+// flood, only when nobody does.
 class PassTime {
  public:
   /// True when no further console is to be read in this pass; never before the first is.
   bool IsOver() {
     const int64_t now = MonotonicMicroseconds();
     taken_ = now - std::exchange(looked_at_, now);
-    // A pair that is being tried for still gets its locks, and a stream of pairs leaves room for
-    // more than one console.
-    if (acl_lock.IsAnnounced()) end_ = std::min(end_, now + kAnnouncedTime);
+    // Not at once: a stream of pairs leaves room for more than one console.
+    if (acl_lock.IsAnnounced() || acl_lock.IsWaitedFor()) end_ = std::min(end_, now + kWhenWanted);
     return !std::exchange(first_, false) && now >= end_;
   }
 
@@ -84,11 +84,12 @@ class PassTime {
   int64_t taken() const { return taken_; }
 
  private:
-  static constexpr int64_t kAnnouncedTime = kPairTryTime / 3;
+  static constexpr int64_t kLongest = 4000;
+  static constexpr int64_t kWhenWanted = kPairTryTime / 3;
 
   bool first_ = true;
   int64_t looked_at_ = MonotonicMicroseconds();
-  int64_t end_ = looked_at_ + kPairTryTime;
+  int64_t end_ = looked_at_ + kLongest;
   int64_t taken_ = 0;
 };
 
@@ -146,10 +147,15 @@ class Turns {
 
  private:
   // A turn is not interrupted, so one that took long, as of short lines that are matched with many
-  // patterns, makes the next ones of this console shorter.
+  // patterns, makes the next ones of this console shorter. With users, whose lines are not matched,
+  // it is the number of sends that takes long, and shorter turns would need more of them.
   static void FitTurn(ConsoleNode* cnode, int64_t taken) REQUIRES(acl_lock) {
     constexpr int64_t kLong = kPairTryTime / 2;
     int& halvings = cnode->turn_halvings;
+    if (cnode->user_list->head != nullptr) {
+      halvings = 0;
+      return;
+    }
     if (taken < kLong / 4 && halvings > 0) --halvings;
     for (; taken > kLong && halvings < kMostHalvings; taken /= 2) ++halvings;
   }

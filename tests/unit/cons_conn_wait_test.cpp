@@ -134,9 +134,8 @@ TEST_F(ConnectionWaitTest, ManagementPortIsLookedAtWhenItsGraceIsOver) {
 
 // The thread runs in the only thread of a child, where the pause of every pass is a step of the
 // test.
-void ExpectAnotherPassAfterAMove() {
+void ExpectAnotherPassAfterAMove(test::FakeClock& clock) {
   int passes = 0;
-  test::FakeClock clock(kNow);
   clock.OnSleep([&](useconds_t pause) {
     // Not the wait for what the console offers first.
     if (pause != kPassPause || ++passes == 1) return;
@@ -148,7 +147,7 @@ void ExpectAnotherPassAfterAMove() {
 }
 
 TEST_F(ConnectionWaitTest, PassThatMovedAConsoleIsFollowedByAnotherAtOnce) {
-  EXPECT_HOLDS_IN_CHILD(ExpectAnotherPassAfterAMove());
+  EXPECT_HOLDS_IN_CHILD(ExpectAnotherPassAfterAMove(clock_));
 }
 
 // ---- News ---------------------------------------------------------------------------------------
