@@ -476,6 +476,7 @@ TEST_F(TurnsTest, TurnsThatTakeLongBecomeShorter) {
   EXPECT_EQ(after(749), 4);
   EXPECT_LT(after(186), 4);
   const Attached<UserNode> user = AttachUser(cnode, "anna");
+  test::SendText(console.peer.get(), std::string(kTurn, 'y'));
   EXPECT_EQ(after(100'000), 0);
 }
 
