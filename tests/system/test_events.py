@@ -550,7 +550,7 @@ def test_an_event_manager_that_dies_while_events_come_stops_nothing(station, col
     write_events(station, "set", ANY_ERROR)
     box = watched(station)
     bring_up(station, box, options=("-d", "0"))
-    lines = [b"error number %05d\n" % number for number in range(20000)]
+    lines = [b"error number %06d\n" % number for number in range(100_000)]
     flood = box.flood(b"".join(lines), 1)
     lives = []
     for _ in range(20):
