@@ -61,7 +61,7 @@ def has_end(station: Station, user: User) -> bool:
     """True while the daemon has not closed the user's connection."""
     try:
         daemons_socket(station, user).close()
-    except AssertionError:
+    except (AssertionError, OSError):  # the latter when it is closed at this moment
         return False
     return True
 

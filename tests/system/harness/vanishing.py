@@ -1,6 +1,7 @@
 """Peers that vanish: they close nothing and say nothing, and whatever is sent to them is lost."""
 
 import array
+import contextlib
 import ctypes
 import fcntl
 import os
@@ -39,8 +40,9 @@ def daemons_socket(station: Station, peer: Peer | socket.socket) -> socket.socke
     inode = _inode(sock.getpeername()[1], sock.getsockname()[1])
     directory = Path(f"/proc/{station.pid}/fd")
     for entry in directory.iterdir():
-        if os.readlink(entry) == f"socket:[{inode}]":
-            return socket.socket(fileno=_copy_descriptor(station.pid, int(entry.name)))
+        with contextlib.suppress(FileNotFoundError):  # the daemon has just closed that one
+            if os.readlink(entry) == f"socket:[{inode}]":
+                return socket.socket(fileno=_copy_descriptor(station.pid, int(entry.name)))
     raise AssertionError(f"the daemon has no end of the connection of {sock}")
 
 
