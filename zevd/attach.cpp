@@ -94,13 +94,16 @@ int ClaimConsole(const ConsoleNode* cnode, const NewUser& user) {
   return 0;
 }
 
+// The text may be empty. A connection that has failed is noticed when it is read.
+void SendText(UserOutput* output, const char* text) {
+  if (*text != '\0') static_cast<void>(output->Send(text, strlen(text)));
+}
+
 // The negotiation that the console sent first lets the user's client behave as if it had connected
 // to the console itself.
-bool GreetTelnetClient(const ConsoleNode* cnode, UserOutput* output) {
-  if (cnode->telnet_cmd[0] != '\0' && !output->Send(cnode->telnet_cmd, strlen(cnode->telnet_cmd))) {
-    return false;
-  }
-  return SetTelnetOptions(output);
+void GreetTelnetClient(const ConsoleNode* cnode, UserOutput* output) {
+  SendText(output, cnode->telnet_cmd);
+  SetTelnetOptions(output);
 }
 
 // A record that can be sent to, and the greeting. Null when there is no memory for it.
@@ -117,8 +120,7 @@ UserNode* MakeUser(ConsoleNode* cnode, const NewUser& user) REQUIRES(acl_lock) {
     return nullptr;
   }
   unode->identity = *user.identity;
-  // A connection that has failed already is noticed when it is read.
-  static_cast<void>(GreetTelnetClient(cnode, unode->output.get()));
+  GreetTelnetClient(cnode, unode->output.get());
   return unode;
 }
 
@@ -133,10 +135,7 @@ UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES
     return nullptr;
   }
   SendBufferedConsoleOutputToUser(cnode, unode);
-  // When it fails, the input monitor finds that out.
-  if (*user.greeting != '\0') {
-    static_cast<void>(unode->output->Send(user.greeting, strlen(user.greeting)));
-  }
+  SendText(unode->output.get(), user.greeting);
   return unode;
 }
 

@@ -20,6 +20,7 @@
 #include "options.h"
 #include "reg_expr.h"
 #include "safe_file.h"
+#include "telnet_bytes.h"
 #include "user.h"
 
 namespace zevd {
@@ -215,7 +216,7 @@ void CopyBytes(char* dst, const char* src, int count) {
 
 void RemoveCRsAndNULLs(const char* inbuf, char* outbuf, int* count) {
   ENTERING();
-  constexpr char kTelnetCommand = '\xff';
+  constexpr auto kTelnetCommand = static_cast<char>(telnet::kIac);
   const char* end = inbuf + *count;
   char* out = outbuf;
   // The next one of each, so that what is rare is not looked for again and again.

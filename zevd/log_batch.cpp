@@ -51,20 +51,23 @@ void TakeBack(int fd, size_t bytes) {
   if (ftruncate(fd, lseek(fd, 0, SEEK_CUR) - static_cast<off_t>(bytes)) == 0) errno = ENOSPC;
 }
 
-bool WriteParts(int fd, const RecordTime& time, const char* between, size_t between_length,
-                const char* line, size_t count) {
-  const iovec parts[] = {{const_cast<char*>(time.text), time.length},
-                         {const_cast<char*>(between), between_length},
-                         {const_cast<char*>(line), count}};
-  const size_t whole = time.length + between_length + count;
-  const ssize_t written = writev(fd, parts, 3);
-  if (written == static_cast<ssize_t>(whole)) {
-    CountWritten(1, whole);
+// Whether a record that a call has `written` is whole. One that is not is taken back and counted.
+bool IsWhole(int fd, ssize_t written, size_t size) {
+  if (written == static_cast<ssize_t>(size)) {
+    CountWritten(1, size);
     return true;
   }
   counters.log_records_lost.Add();
   if (written >= 0) TakeBack(fd, static_cast<size_t>(written));
   return false;
+}
+
+bool WriteParts(int fd, const RecordTime& time, const char* between, size_t between_length,
+                const char* line, size_t count) {
+  const iovec parts[] = {{const_cast<char*>(time.text), time.length},
+                         {const_cast<char*>(between), between_length},
+                         {const_cast<char*>(line), count}};
+  return IsWhole(fd, writev(fd, parts, 3), time.length + between_length + count);
 }
 
 void ReportLog(const char* cname) {
@@ -113,14 +116,7 @@ size_t RecordBatch::Gathered::WriteTogether(size_t records) const {
 bool RecordBatch::Gathered::WriteAlone(size_t record) const {
   const size_t start = StartOf(record);
   const size_t count = ends[record] - start;
-  const ssize_t written = write(fd, text + start, count);
-  if (written == static_cast<ssize_t>(count)) {
-    CountWritten(1, count);
-    return true;
-  }
-  counters.log_records_lost.Add();
-  if (written >= 0) TakeBack(fd, static_cast<size_t>(written));
-  return false;
+  return IsWhole(fd, write(fd, text + start, count), count);
 }
 
 bool RecordBatch::HasRoom() const {

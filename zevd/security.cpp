@@ -27,6 +27,7 @@
 #include "paths.h"
 #include "security_steps.h"
 #include "sockets.h"
+#include "telnet_bytes.h"
 #include "user.h"
 #include "utf8.h"
 #include "util.h"
@@ -258,7 +259,7 @@ bool SendWelcome(int sock, const char* cons_name) {
 }
 
 bool IsTelnetSequence(const char* text) {
-  return static_cast<unsigned char>(text[0]) == 255;
+  return static_cast<unsigned char>(text[0]) == telnet::kIac;
 }
 
 // Kept: an empty line stays as it arrived, line end included.

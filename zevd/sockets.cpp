@@ -6,6 +6,7 @@
 #include <sys/time.h>
 
 #include "error.h"
+#include "telnet_bytes.h"
 #include "user_output.h"
 
 namespace zevd {
@@ -16,7 +17,9 @@ namespace {
 constexpr timeval kSendLimit = {0, 200000};
 constexpr int kSendBuffer = 256 * 1024;
 
-constexpr unsigned char kOffers[][3] = {{255, 251, 1}, {255, 251, 3}};  // IAC WILL ECHO, ... SGA
+// ECHO and SUPPRESS-GO-AHEAD.
+constexpr unsigned char kOffers[][3] = {{telnet::kIac, telnet::kWill, 1},
+                                        {telnet::kIac, telnet::kWill, 3}};
 
 }  // namespace
 
@@ -36,12 +39,11 @@ void SetTelnetOptions(int sock) {
   for (const auto& offer : kOffers) send(sock, offer, sizeof offer, 0);
 }
 
-bool SetTelnetOptions(UserOutput* output) {
+void SetTelnetOptions(UserOutput* output) {
   ENTERING();
   for (const auto& offer : kOffers) {
-    if (!output->Send(reinterpret_cast<const char*>(offer), sizeof offer)) return false;
+    static_cast<void>(output->Send(reinterpret_cast<const char*>(offer), sizeof offer));
   }
-  return true;
 }
 
 }  // namespace zevd

@@ -16,7 +16,8 @@ void PrepareRelaySocket(int sock);
 /// (RFC 857, RFC 858).
 void SetTelnetOptions(int sock);
 
-/// The same to a user who is being attached. False when the connection has failed (errno tells).
-bool SetTelnetOptions(UserOutput* output);
+/// The same to a user who is being attached. A connection that has failed is noticed when it is
+/// read.
+void SetTelnetOptions(UserOutput* output);
 
 }  // namespace zevd

@@ -2,28 +2,19 @@
 
 #include <cstring>
 
+#include "telnet_bytes.h"
+
 namespace zevd {
-
-namespace {
-
-// RFC 854.
-constexpr unsigned char kSubnegotiationEnd = 240;
-constexpr unsigned char kSubnegotiationBegin = 250;
-constexpr unsigned char kWill = 251;
-constexpr unsigned char kDont = 254;
-constexpr unsigned char kInterpretAsCommand = 255;
-
-}  // namespace
 
 TelnetScan::State TelnetScan::After(unsigned char byte) const {
   switch (state_) {
     case State::kCommand:
-      if (byte == kSubnegotiationBegin) return State::kSubnegotiation;
-      return byte >= kWill && byte <= kDont ? State::kOption : State::kText;
+      if (byte == telnet::kSubnegotiationBegin) return State::kSubnegotiation;
+      return byte >= telnet::kWill && byte <= telnet::kDont ? State::kOption : State::kText;
     case State::kSubnegotiation:
-      return byte == kInterpretAsCommand ? State::kCommandInside : State::kSubnegotiation;
+      return byte == telnet::kIac ? State::kCommandInside : State::kSubnegotiation;
     case State::kCommandInside:
-      return byte == kSubnegotiationEnd ? State::kText : State::kSubnegotiation;
+      return byte == telnet::kSubnegotiationEnd ? State::kText : State::kSubnegotiation;
     case State::kText:
     case State::kOption:
       break;
@@ -43,7 +34,7 @@ void TelnetScan::Scan(const char* bytes, size_t count) {
       Step(static_cast<unsigned char>(*bytes++));
       continue;
     }
-    const void* found = memchr(bytes, kInterpretAsCommand, static_cast<size_t>(end - bytes));
+    const void* found = memchr(bytes, telnet::kIac, static_cast<size_t>(end - bytes));
     if (found == nullptr) return;
     bytes = static_cast<const char*>(found) + 1;
     state_ = State::kCommand;

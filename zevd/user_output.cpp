@@ -26,11 +26,11 @@ int rooms = -1;
 /// mutex may be taken inside.
 Mutex rooms_mutex;
 
-void ControlRoom(int operation, int sock, uint32_t events, UserOutput* output) {
+bool ControlRoom(int operation, int sock, uint32_t events, UserOutput* output) {
   epoll_event event{};
   event.events = events;
   event.data.ptr = output;
-  epoll_ctl(rooms, operation, sock, &event);
+  return epoll_ctl(rooms, operation, sock, &event) == 0;
 }
 
 }  // namespace
@@ -53,10 +53,8 @@ UserOutput::~UserOutput() {
 }
 
 bool UserOutput::Watch() {
-  epoll_event event{};
-  event.events = EPOLLONESHOT;  // tells of errors once; what it waits for comes later
-  event.data.ptr = this;
-  watched_ = epoll_ctl(rooms, EPOLL_CTL_ADD, sock_, &event) == 0;
+  // Tells of errors once; what it waits for comes later.
+  watched_ = ControlRoom(EPOLL_CTL_ADD, sock_, EPOLLONESHOT, this);
   return watched_;
 }
 
@@ -154,8 +152,8 @@ bool SendWaitingOutput() {
 
 namespace {
 
-// Input that nobody has read would make the kernel take back what was sent last (RFC
-// 1122, 4.2.2.13).
+// Input that nobody has read would make the kernel take back what was sent last (RFC 1122,
+// section 4.2.2.13).
 void ThrowInputAway(int sock) {
   constexpr size_t kPart = size_t{1} << 20;
   constexpr int kMostParts = 8;  // more than a socket holds; who goes on typing must not keep us

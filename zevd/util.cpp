@@ -14,17 +14,14 @@
 #include "clock.h"
 #include "error.h"
 #include "liveness.h"
+#include "telnet_bytes.h"
 #include "user.h"
 
 namespace zevd {
 
 namespace {
 
-// Telnet commands (RFC 854).
-constexpr unsigned char kIac = 255;
-constexpr unsigned char kWill = 251;
-constexpr unsigned char kDont = 254;
-constexpr unsigned char kFirstCommand = 128;
+constexpr unsigned char kFirstCommand = 128;  // lower bytes begin no telnet command
 
 constexpr unsigned char kEtx = 3;
 constexpr unsigned char kBackspace = 8;
@@ -218,12 +215,13 @@ enum class TelnetState { kCommandStart, kCommand, kOption };
 bool ContinuesTelnetSequence(unsigned char byte, TelnetState* state) {
   switch (*state) {
     case TelnetState::kCommandStart:
-      if (byte != kIac) return false;
+      if (byte != telnet::kIac) return false;
       *state = TelnetState::kCommand;
       return true;
     case TelnetState::kCommand:
       if (byte < kFirstCommand) return false;
-      *state = byte >= kWill && byte <= kDont ? TelnetState::kOption : TelnetState::kCommandStart;
+      *state = byte >= telnet::kWill && byte <= telnet::kDont ? TelnetState::kOption
+                                                              : TelnetState::kCommandStart;
       return true;
     case TelnetState::kOption:
       *state = TelnetState::kCommandStart;
@@ -277,7 +275,7 @@ int ReadCharAtATimeWithTimeout(int sock, char* buf, int size, int echo, time_t w
     if (waited != 0) return waited;
     const int seen = Peek(sock, buf + line.count(), size - line.count());
     if (seen <= 0) return -1;
-    if (static_cast<unsigned char>(buf[0]) == kIac) {
+    if (static_cast<unsigned char>(buf[0]) == telnet::kIac) {
       DrainTelnetControlSequence(sock, buf, size);
       return 0;
     }
