@@ -4,9 +4,15 @@
 // the rest is the password, blanks included. The environment variable QOR_RHOST is the address that
 // the pair came from; PAM's modules may judge by it and log it. Ends with status 0 when the pair is
 // valid and the account may be used, with 1 otherwise. Prints nothing; wipes what it read.
+//
+// PAM's modules need rights for this that the daemon does not have. Started without them, the
+// program asks the password service (password_socket.h); that is this program with the option
+// --service and an accepted connection as its standard input, which answers one caller. Where there
+// is no service, the program does what it can by itself.
 #include <security/pam_appl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -14,40 +20,43 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "password_socket.h"
+
 namespace {
 
 constexpr char kService[] = "qor";
-constexpr size_t kInputSize = 8192;
+constexpr size_t kLongestPair = 8191;
+constexpr unsigned kReadLimit = 10;  // seconds in which a caller of the service must send the pair
 
-char input[kInputSize];
+char input[kLongestAddress + 1 + kLongestPair + 1];  // for the service, and a terminator
 
 struct Pair {
   const char* name;
   const char* password;
 };
 
-// The length of what was read, or 0 when it is empty, too long or cannot be read.
-size_t ReadInput() {
+// The length of what was read, or 0 when it is empty, longer than `longest` or cannot be read.
+size_t ReadInput(size_t longest) {
   size_t length = 0;
   for (;;) {
-    const ssize_t count = read(STDIN_FILENO, input + length, sizeof input - length);
+    const ssize_t count = read(STDIN_FILENO, input + length, longest + 1 - length);
     if (count == 0) return length;
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return 0;
     length += static_cast<size_t>(count);
-    if (length == sizeof input) return 0;
+    if (length > longest) return 0;
   }
 }
 
-// Splits the input in place. False when there is no name, no blank, or a NUL inside.
-bool SplitPair(Pair* pair) {
-  const size_t length = ReadInput();
-  if (length == 0 || memchr(input, '\0', length) != nullptr) return false;
-  char* blank = static_cast<char*>(memchr(input, ' ', length));
-  if (blank == nullptr || blank == input) return false;
+// Splits the text, which has room for a terminator, in place. False when there is no name, no
+// blank, or a NUL inside.
+bool SplitPair(char* text, size_t length, Pair* pair) {
+  if (length == 0 || memchr(text, '\0', length) != nullptr) return false;
+  char* blank = static_cast<char*>(memchr(text, ' ', length));
+  if (blank == nullptr || blank == text) return false;
   *blank = '\0';
-  input[length] = '\0';
-  *pair = {input, blank + 1};
+  text[length] = '\0';
+  *pair = {text, blank + 1};
   return true;
 }
 
@@ -67,14 +76,13 @@ int Answer(int count, const pam_message** messages, pam_response** responses, vo
   return PAM_SUCCESS;
 }
 
-bool IsValid(const Pair& pair) {
+bool IsValid(const Pair& pair, const char* rhost) {
   pam_handle_t* handle = nullptr;
   const pam_conv conversation = {Answer, const_cast<Pair*>(&pair)};
   if (pam_start(kService, pair.name, &conversation, &handle) != PAM_SUCCESS) return false;
   constexpr int kFlags = PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK;
-  const char* rhost = getenv("QOR_RHOST");
   int status = PAM_SUCCESS;
-  if (rhost != nullptr && rhost[0] != '\0') status = pam_set_item(handle, PAM_RHOST, rhost);
+  if (rhost[0] != '\0') status = pam_set_item(handle, PAM_RHOST, rhost);
   if (status == PAM_SUCCESS) status = pam_authenticate(handle, kFlags);
   if (status == PAM_SUCCESS) status = pam_acct_mgmt(handle, kFlags);
   pam_end(handle, status);
@@ -95,15 +103,57 @@ void ResetSignals() {
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
   signal(SIGCHLD, SIG_DFL);
+  signal(SIGALRM, SIG_DFL);
+}
+
+const char* AddressFromEnvironment() {
+  const char* address = getenv("QOR_RHOST");
+  return address == nullptr ? "" : address;
+}
+
+bool CheckInput() {
+  const size_t length = ReadInput(kLongestPair);
+  if (length == 0) return false;
+  const char* address = AddressFromEnvironment();
+  if (geteuid() != 0) {
+    const Verdict verdict = AskPasswordService(address, input, length);
+    if (verdict != Verdict::kNoService) return verdict == Verdict::kAccepted;
+  }
+  Pair pair{};
+  return SplitPair(input, length, &pair) && IsValid(pair, address);
+}
+
+// The input is an address, a NUL and the pair. What it takes PAM is not the caller's doing.
+bool CheckRequest() {
+  alarm(kReadLimit);
+  const size_t length = ReadInput(kLongestAddress + 1 + kLongestPair);
+  alarm(0);
+  char* end = static_cast<char*>(memchr(input, '\0', length));
+  if (end == nullptr) return false;
+  Pair pair{};
+  const size_t used = static_cast<size_t>(end + 1 - input);
+  return SplitPair(end + 1, length - used, &pair) && IsValid(pair, input);
+}
+
+bool Tell(char byte) {
+  return send(STDIN_FILENO, &byte, 1, MSG_NOSIGNAL) == 1;
+}
+
+// Answers the caller at standard input. A caller who sends too slowly ends the program (SIGALRM).
+bool Serve() {
+  if (!MayAsk(STDIN_FILENO) || !Tell(kReadyByte)) return false;
+  const bool valid = CheckRequest();
+  explicit_bzero(input, sizeof input);
+  return Tell(valid ? kAcceptedByte : kRefusedByte);
 }
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   ResetSignals();
   ProtectMemory();
-  Pair pair{};
-  const bool valid = SplitPair(&pair) && IsValid(pair);
+  const bool serves = argc == 2 && strcmp(argv[1], "--service") == 0;
+  const bool done = serves ? Serve() : CheckInput();
   explicit_bzero(input, sizeof input);
-  return valid ? 0 : 1;
+  return done ? 0 : 1;
 }

@@ -215,9 +215,12 @@ ReloadResult ReloadConfiguration() {
   if (ReloadEventFiles() != 0) {
     DEBUG_AS(kLoop, kError, "ReloadEventFiles() failed.\n");
     result = ReloadResult::kEventFilesFailed;
-  } else if (ReloadConfigFile() != 0) {
-    DEBUG_AS(kLoop, kError, "ReloadConfigFile() failed.\n");
-    result = ReloadResult::kConfigurationFailed;
+  } else {
+    NotePass(kPauseConsMon);
+    if (ReloadConfigFile() != 0) {
+      DEBUG_AS(kLoop, kError, "ReloadConfigFile() failed.\n");
+      result = ReloadResult::kConfigurationFailed;
+    }
   }
   CloseDisabledConsoleConnections();
   return result;
@@ -226,6 +229,7 @@ ReloadResult ReloadConfiguration() {
 void Reload() {
   PauseOtherThreads();
   NoteReload(ReloadConfiguration());
+  NotePass(kPauseConsMon);  // what is left of the reload may be long, too
   matcher.SetsChanged();
   RefreshMappedPorts();
   cons_conn_waker.Wake();

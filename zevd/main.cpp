@@ -25,7 +25,9 @@
 #include "matcher_process.h"
 #include "models.h"
 #include "options.h"
+#include "service_manager.h"
 #include "thread_safety.h"
+#include "threads.h"
 #include "zev.h"
 #include "zev_signal.h"
 
@@ -89,6 +91,7 @@ void WarnOfNoSecurity() {
 }
 
 void CreateWorkerThreads() {
+  ExpectPasses();
   CreateConsoleConnectionsThread();
   CreateUserConnectionsThread();
   CreateUserMonitorThread();
@@ -99,6 +102,7 @@ void CreateWorkerThreads() {
 
 [[noreturn]] void Run(int argc, char** argv) {
   if (IsMatcherProcess(argc, argv)) MatcherMain();
+  MeetServiceManager();
   OccupyStandardDescriptors();
   OutliveReaders();
   PostDaemonErrorsToJix();
@@ -108,6 +112,7 @@ void CreateWorkerThreads() {
   progname = argv[0];
   umask(007);  // nothing at all for others on any file the daemon creates
   GetCommandLineOptions(argc, argv);
+  ChoosePassedSocket(user_port);
   GetZevdArchIntFromConfFile();
   if (Lock() != 0) RefuseSecondInstance();
   if (foreground == 0) RunAsDaemon();

@@ -196,6 +196,9 @@ int LogIn(Connection& connection) {
       0) {
     return ClosingConnection(connection);
   }
+  // The name that was checked is the one that others see.
+  CopyText(connection.args.user_name, connection.identity.user);
+  ReplaceControls(connection.args.user_name);
   DEBUG_AS(kServe, kInfo, "Authenticated %s/%d\n", connection.ipaddr, connection.port);
   return 0;
 }

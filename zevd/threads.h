@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstdint>
 
 namespace zevd {
 
@@ -27,7 +28,23 @@ extern std::atomic<unsigned> thread_waiting_mask;  ///< each bit written by its 
 inline constexpr useconds_t kPassPause = 500;
 
 /// Called at the top of a long-lived thread's loop. Stands still while the thread's bit is set in
-/// thread_waitreq_mask.
+/// thread_waitreq_mask. Notes the pass; a thread that stands still makes passes.
 void ParkIfAsked(unsigned bit);
+
+// ---- Passes -------------------------------------------------------------------------------------
+
+/// A long-lived thread that has made no pass for so many microseconds is stuck: its waits are five
+/// times shorter.
+inline constexpr int64_t kPassLimit = 10'000'000;
+
+/// From now on all long-lived threads are expected to make passes. Main thread, before it starts
+/// the others.
+void ExpectPasses();
+
+/// Notes that the thread with this bit goes on, in the middle of a pass that may be long.
+void NotePass(unsigned bit);
+
+/// Whether every long-lived thread has made a pass within the limit. Any thread.
+bool AllThreadsPass();
 
 }  // namespace zevd

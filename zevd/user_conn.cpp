@@ -6,9 +6,10 @@
 // pause instead, once the time for that wait is used up (CheckForConnectionRequests()). It alone
 // changes mapped_port_list, opens and closes the listening sockets and frees their records. It
 // starts one detached serv_conn thread (serv_conn.h) for each accepted connection and waits until
-// that thread is counted. When a port is dropped, it cancels the port's serv_conn threads. To look
-// for mapped ports it takes acl_lock and icl_lock as a pair in that order, and inside it
-// pending_logins_mutex, which it otherwise takes alone.
+// that thread is counted. It alone tells the service manager that the daemon is ready and alive
+// (service_manager.h), so that its own standstill shows as well. When a port is dropped, it cancels
+// the port's serv_conn threads. To look for mapped ports it takes acl_lock and icl_lock as a pair
+// in that order, and inside it pending_logins_mutex, which it otherwise takes alone.
 #include "user_conn.h"
 
 #include <arpa/inet.h>
@@ -21,6 +22,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <new>
 
@@ -39,6 +41,7 @@
 #include "mapped_port.h"
 #include "options.h"
 #include "serv_conn.h"
+#include "service_manager.h"
 #include "socket_watch.h"
 #include "sockets.h"
 #include "threads.h"
@@ -235,6 +238,16 @@ void ReportMainPortUnavailable() {
          "Nobody can connect through the main port."});
 }
 
+// A daemon without its main port is ready, too: it logs, and consoles' own ports serve users.
+void ReportMainPort() {
+  char status[80];
+  snprintf(status, sizeof status,
+           ListensOn(user_port) ? "Serving users on port %d."
+                                : "Nobody can connect through port %d; it is in use.",
+           user_port);
+  ReportToServiceManager(status);
+}
+
 }  // namespace
 
 void* UserConnectionsThreadStart(void* /*unused*/) {
@@ -255,6 +268,7 @@ void SetupMappedPorts() {
   CleanUpStalePorts();
   GetPortsToListenOn();
   descriptor_budget.Forget();
+  ReportMainPort();
 }
 
 int GetPortsToListenOn() {
@@ -302,6 +316,11 @@ void CleanUpStalePorts() {
 
 int ListenOnPort(uint16_t port) {
   ENTERING();
+  const int passed = DuplicatePassedSocket(port);
+  if (passed != -1) {
+    zev_debug(kError, "%s: bind() to port %d succeeded\n", __func__, port);
+    return passed;
+  }
   const int sock = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP);
   if (sock == -1) {
     zev_debug(kError, "%s: socket() failed : %s\n", __func__, strerror(errno));
@@ -337,6 +356,7 @@ void WaitForConnectionRequests() {
     usleep(kPassPause);
     reserve_descriptor.Hold();  // again, if another thread took it before
     if (refresh_mapped_ports != 0) SetupMappedPorts();
+    ServeServiceManager();
     const int high_sock = mapped_port_list->high_sock;
     if (!fdset.CopyFrom(mapped_port_list->fdset)) {
       ReportOutOfMemory(__func__);
