@@ -49,7 +49,7 @@ def test_root_is_admitted_without_any_group(door):
     door.admitted(user)
     assert door.helper.pairs() == [b"root secret"]
     door.station.wait_log(f"{SERVE}: Authenticated 127.0.0.1/{door.port}", after=position)
-    door.station.wait_log('ConnectUserToConsole: Connected user "<unknown>" to console "box" with '
+    door.station.wait_log('ConnectUserToConsole: Connected user "root" to console "box" with '
                           "mode = shared.", after=position)
     assert "Entering IsInQORUserGroup" not in door.station.log_text(position)
 

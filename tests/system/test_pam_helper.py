@@ -3,83 +3,35 @@
 import contextlib
 import ctypes
 import os
+import pwd
 import shutil
 import signal
+import socket
 import subprocess
 import time
 from pathlib import Path
 
 import pytest
 
-from harness import settings
 from harness.access import bring_up, greeting, refused
+# `accounts` is a fixture.
+from harness.accounts import BLANKS, HELPER, UID, accounts, hashed
 from harness.door import HOST, NAME, TRY_AGAIN, Door, give_name, log_in
 from harness.hall import Hall, fail, give
 # `groups` is a fixture.
-from harness.helpers import groups, private_copy
+from harness.helpers import groups
+from harness.managed import PASSWORD_SOCKET, as_user, password_service, run_directory, zevd_user
 from harness.peers import OFFERS
 from harness.waiting import LIMIT, free_port, stretched, wait_listening, wait_until
 
 pytestmark = pytest.mark.needs_namespace
 
-HELPER = settings.build_directory() / "bin" / "qor_pam_auth"
-SERVICE = settings.REPOSITORY / "packaging" / "pam.d" / "qor"
-
 SERVE = "ServiceConnectionRequestThreadStart"
-
-UID = 64000
-BLANKS = b"two  words and a blank "
 
 PTRACE_CONT = 7
 PTRACE_SEIZE = 0x4206
 PTRACE_O_TRACEEXIT = 0x40
 EXIT_STOP = 6 << 8 | 5  # PTRACE_EVENT_EXIT with SIGTRAP
-
-
-def hashed(password: bytes) -> str:
-    """The password as it is stored in the shadow file."""
-    crypt = ctypes.CDLL("libcrypt.so.1").crypt
-    crypt.restype = ctypes.c_char_p
-    return crypt(password, b"$6$rounds=1000$pepper$").decode()
-
-
-class Accounts:
-    """The private user database."""
-
-    def __init__(self, passwd: Path, shadow: Path) -> None:
-        self._passwd = passwd
-        self._shadow = shadow
-        self._count = 0
-
-    def add(self, name: str, password: str, changed: str = "19000", rest: str = "0:99999:7:::"
-            ) -> None:
-        """Add an account; `password` is what the shadow file is to hold."""
-        uid = UID + self._count
-        self._count += 1
-        with open(self._passwd, "a", encoding="utf-8") as passwd:
-            passwd.write(f"{name}:x:{uid}:{UID}::/nonexistent:/bin/sh\n")
-        with open(self._shadow, "a", encoding="utf-8") as shadow:
-            shadow.write(f"{name}:{password}:{changed}:{rest}\n")
-
-    def set_root(self, password: str) -> None:
-        """Set root's password."""
-        lines = self._shadow.read_text(encoding="utf-8").splitlines()
-        self._shadow.write_text("".join(
-            f"root:{password}:19000:0:99999:7:::\n" if line.startswith("root:") else f"{line}\n"
-            for line in lines), encoding="utf-8")
-
-
-@pytest.fixture
-def accounts(station, tmp_path):
-    """A private user database, and the service installed for it."""
-    with contextlib.ExitStack() as copies:
-        passwd, shadow, services = (
-            copies.enter_context(private_copy(Path(path), tmp_path))
-            for path in ("/etc/passwd", "/etc/shadow", "/etc/pam.d"))
-        shutil.copy2(SERVICE, services / "qor")
-        made = Accounts(passwd, shadow)
-        made.add("alice", hashed(BLANKS))
-        yield made
 
 
 def begin(pair: bytes) -> subprocess.Popen:
@@ -356,3 +308,116 @@ def test_a_member_logs_in_on_the_main_port_with_a_telnet_client(door):
                               "with mode = read-only.")
         door.box.send(b"here you are")
         person.expect("here you are")
+
+
+# Through the password service
+
+
+def ask(user: int, pair: bytes, **variables: str) -> subprocess.Popen:
+    """Start a check as this user."""
+    process = subprocess.Popen([*as_user(user), HELPER], stdin=subprocess.PIPE,
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                               env={"PATH": os.environ["PATH"], **variables})
+    process.stdin.write(pair)
+    process.stdin.close()
+    process.stdin = None
+    return process
+
+
+def exchange(request: bytes, end: bool = True) -> bytes:
+    """What the service answers to this after it is ready."""
+    with socket.socket(socket.AF_UNIX) as caller:
+        caller.settimeout(stretched(20))
+        caller.connect(str(PASSWORD_SOCKET))
+        assert caller.recv(1) == b"?"
+        caller.sendall(request)
+        if end:
+            caller.shutdown(socket.SHUT_WR)
+        return caller.recv(100)
+
+
+@pytest.mark.usefixtures("password_service")
+def test_the_service_checks_what_the_caller_may_not(zevd_user):
+    pairs = [b"alice " + BLANKS, b"alice wrong", b"alice", b" x", b"alice\0" + BLANKS, b"",
+             b"alice " + b"p" * 8186, b"alice " + BLANKS + b"\0"]
+    assert [ended(process) for process in [ask(zevd_user, pair) for pair in pairs]] == \
+        [0, 1, 1, 1, 1, 1, 1, 1]
+
+
+@pytest.mark.usefixtures("password_service", "accounts")
+def test_the_service_takes_an_address_and_a_pair():
+    right = b"alice " + BLANKS
+    assert exchange(b"\0" + right) == exchange(b"192.0.2.7\0" + right) == b"+"
+    for wrong in (right, b"", b"\0", b"\0alice", b"\0\0" + right, b"\0 " + right,
+                  b"a" * 300, b"\0" + right + b"\0", b"\0alice " + b"p" * 9000):
+        assert exchange(wrong) == b"-", wrong
+
+
+@pytest.mark.usefixtures("password_service")
+def test_a_caller_who_sends_nothing_is_closed():
+    assert exchange(b"\0ali", end=False) == b""
+
+
+def test_the_service_tells_pam_where_the_pair_comes_from(password_service, zevd_user, tmp_path):
+    assert password_service
+    seen = tmp_path / "rhost"
+    script = tmp_path / "report"
+    script.write_text(f'#!/bin/sh\necho "$PAM_RHOST" > {seen}\n', encoding="ascii")
+    script.chmod(0o755)
+    Path("/etc/pam.d/qor").write_text(REPORTING.format(script=script), encoding="ascii")
+    assert ended(ask(zevd_user, b"alice x", QOR_RHOST="192.0.2.7")) == 0
+    assert seen.read_text(encoding="ascii") == "192.0.2.7\n"
+
+
+@pytest.mark.parametrize("user, answer", [("zevd", b"?"), ("alice", b"")])
+def test_the_service_answers_the_daemons_user_alone(password_service, user, answer):
+    """Whatever the mode of the socket is."""
+    assert password_service
+    PASSWORD_SOCKET.chmod(0o666)
+    said = subprocess.run(
+        [*as_user(pwd.getpwnam(user).pw_uid), "/usr/bin/python3", "-c",
+         "import socket, sys; caller = socket.socket(socket.AF_UNIX); "
+         f"caller.connect('{PASSWORD_SOCKET}'); sys.stdout.buffer.write(caller.recv(1))"],
+        capture_output=True, check=True, timeout=stretched(LIMIT)).stdout
+    assert said == answer
+
+
+def test_whoever_finds_no_room_calls_again(password_service, zevd_user):
+    password_service.most = 2
+    checks = [ask(zevd_user, b"alice " + BLANKS) for _ in range(10)]
+    assert [ended(check) for check in checks] == [0] * 10
+    assert password_service.turned_away > 0
+
+
+@pytest.mark.parametrize("answer", [b"", b"-", b"x", b"?"])
+def test_every_other_answer_is_a_refusal(zevd_user, run_directory, answer):
+    PASSWORD_SOCKET.parent.mkdir()
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(PASSWORD_SOCKET))
+        listener.listen()
+        PASSWORD_SOCKET.chmod(0o666)
+        process = ask(zevd_user, b"alice " + BLANKS)
+        caller, _ = listener.accept()
+        with caller:
+            caller.sendall(b"?")
+            asked = b""
+            while more := caller.recv(1000):
+                asked += more
+            caller.sendall(answer)
+    assert ended(process) == 1
+    assert asked == b"\0alice " + BLANKS
+
+
+def test_without_the_service_the_helper_asks_pam_itself(zevd_user, run_directory):
+    """Where the socket is missing, nobody listens, or the caller may not use it."""
+    Path("/etc/pam.d/qor").write_text("auth required pam_permit.so\n"
+                                      "account required pam_permit.so\n", encoding="ascii")
+    assert ended(ask(zevd_user, b"alice x")) == 0
+    PASSWORD_SOCKET.parent.mkdir()
+    with socket.socket(socket.AF_UNIX) as listener:
+        listener.bind(str(PASSWORD_SOCKET))
+        listener.listen()
+        PASSWORD_SOCKET.chmod(0o600)
+        assert ended(ask(zevd_user, b"alice x")) == 0
+        PASSWORD_SOCKET.chmod(0o666)
+    assert ended(ask(zevd_user, b"alice x")) == 0

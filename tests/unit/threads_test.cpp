@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdint>
 #include <thread>
 
+#include "clock.h"
 #include "daemon_support.h"
 #include "failure_support.h"
 #include "socket_support.h"
@@ -69,6 +71,56 @@ TEST_F(ParkTest, BitsAreThoseOfThePauseProtocol) {
   EXPECT_EQ(kPauseUserConn, 0x4);
   EXPECT_EQ(kPauseUserMon, 0x8);
   EXPECT_EQ(kPauseCmdMon, 0x10);
+}
+
+// ---- Passes -------------------------------------------------------------------------------------
+
+constexpr unsigned kAllBits[] = {kPauseConsConn, kPauseConsMon, kPauseUserConn, kPauseUserMon,
+                                 kPauseCmdMon};
+
+class PassTest : public ParkTest {
+ protected:
+  PassTest() { ExpectPasses(); }
+
+  /// Lets the time go on by nearly as much as a thread may stay away.
+  void Wait() { passage_.Advance(kPassLimit - kMicrosecondsPerSecond); }
+
+  test::FakePassage passage_;
+};
+
+TEST_F(PassTest, ThreadsThatHaveJustBegunAreNotStuck) {
+  EXPECT_TRUE(AllThreadsPass());
+  Wait();
+  EXPECT_TRUE(AllThreadsPass());
+}
+
+TEST_F(PassTest, EachThreadIsMissedAfterTenSeconds) {
+  for (const unsigned missing : kAllBits) {
+    ExpectPasses();
+    Wait();
+    for (const unsigned bit : kAllBits) {
+      if (bit != missing) ParkIfAsked(bit);
+    }
+    EXPECT_TRUE(AllThreadsPass());
+    Wait();
+    EXPECT_FALSE(AllThreadsPass()) << missing;
+    NotePass(missing);
+    EXPECT_TRUE(AllThreadsPass()) << missing;
+  }
+}
+
+TEST_F(PassTest, ThreadThatStandsStillMakesPasses) {
+  test::FakeClock clock;
+  clock.OnSleep([&](useconds_t) {
+    if (clock.sleeps().size() == 3) thread_waitreq_mask = 0;
+    Wait();
+    for (const unsigned bit : kAllBits) {
+      if (bit != kPauseCmdMon) NotePass(bit);
+    }
+  });
+  thread_waitreq_mask = kPauseCmdMon;
+  ParkIfAsked(kPauseCmdMon);
+  EXPECT_TRUE(AllThreadsPass());
 }
 
 }  // namespace

@@ -69,6 +69,7 @@ class Station:
         self.write_models("A|A200", "PX|P100")
 
         self.program = settings.daemon()
+        self.passed: list[int] = []  # descriptors that a daemon in the foreground inherits
         self.port = 0
         self.level = 0
         self.process: subprocess.Popen | Detached | None = None
@@ -128,7 +129,8 @@ class Station:
         with open(self.output.path, "ab") as output:
             self.process = subprocess.Popen(
                 ["setpriv", "--pdeathsig", "KILL", "--", str(self.program), *words],
-                stdin=subprocess.DEVNULL, stdout=output, stderr=output, env=_environment(env))
+                stdin=subprocess.DEVNULL, stdout=output, stderr=output, env=_environment(env),
+                pass_fds=self.passed)
 
     def _start_detached(self, words: list[str], env: dict[str, str] | None) -> None:
         before = children()
