@@ -83,9 +83,9 @@ class PassTest : public ParkTest {
   PassTest() { ExpectPasses(); }
 
   /// Lets the time go on by nearly as much as a thread may stay away.
-  void Wait() { passage_.Advance(kPassLimit - kMicrosecondsPerSecond); }
+  void Wait() { passage_.Pass(kPassLimit - kMicrosecondsPerSecond); }
 
-  test::FakePassage passage_;
+  test::FakePassageOfTime passage_{1};
 };
 
 TEST_F(PassTest, ThreadsThatHaveJustBegunAreNotStuck) {
