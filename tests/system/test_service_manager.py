@@ -1,4 +1,4 @@
-"""The daemon as a service: it says when it is ready and that it is alive, and takes its port over."""
+"""The daemon as a service: says that it is ready and alive, and takes its port over."""
 
 import re
 import signal
