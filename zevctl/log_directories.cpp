@@ -20,6 +20,7 @@ namespace zevctl {
 namespace {
 
 constexpr std::string_view kSuffix = ".log";
+constexpr std::string_view kCompressedSuffix = ".log.zst";
 constexpr std::string_view kConsolidatedName = "consolidated";
 constexpr std::string_view kCurrentName = "current";
 
@@ -81,6 +82,10 @@ Descriptor OpenDirectory(int parent, const std::string& name, const std::string&
   Descriptor descriptor(openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!descriptor && !HasGone(errno)) throw CannotRead(parent_path + "/" + name, errno);
   return descriptor;
+}
+
+bool IsSameTime(const timespec& one, const timespec& other) {
+  return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
 void AddUnlessKnown(std::vector<LogDirectory>& directories, LogDirectory directory) {
@@ -149,21 +154,58 @@ LogDirectory::LogDirectory(Descriptor descriptor) : descriptor_(std::move(descri
   identity_ = IdentityOf(info);
 }
 
+// A log that is compressed while the directory is listed may be seen under neither name.
 std::vector<LogDirectory::Entry> LogDirectory::Logs() const {
+  constexpr int kTries = 3;
+  std::vector<Entry> logs;
+  struct stat before {};
+  struct stat after {};
+  for (int i = 0; i < kTries; ++i) {
+    fstat(fd(), &before);
+    logs = AllLogs();
+    fstat(fd(), &after);
+    if (IsSameTime(before.st_mtim, after.st_mtim)) break;
+  }
+  std::erase_if(logs, [&](const Entry& entry) { return entry.is_compressed && IsCopy(entry); });
+  return logs;
+}
+
+std::vector<LogDirectory::Entry> LogDirectory::AllLogs() const {
   std::vector<Entry> logs;
   const DirectoryStream entries = Entries(fd());
   if (!entries) return logs;
   while (const dirent* entry = readdir(entries.get())) {
     std::string_view name = entry->d_name;
-    if (!name.ends_with(kSuffix) || name.size() == kSuffix.size()) continue;
-    name.remove_suffix(kSuffix.size());
-    logs.push_back({std::string(name), entry->d_ino});
+    const bool is_compressed = name.ends_with(kCompressedSuffix);
+    const std::string_view suffix = is_compressed ? kCompressedSuffix : kSuffix;
+    if (!name.ends_with(suffix) || name.size() == suffix.size()) continue;
+    name.remove_suffix(suffix.size());
+    logs.push_back({std::string(name), entry->d_ino, is_compressed});
   }
   return logs;
 }
 
-Descriptor LogDirectory::OpenLog(const std::string& name) const {
-  const std::string file_name = name + std::string(kSuffix);
+// True when the original is still there: what is compressed keeps the time of its last change. A
+// log of another time is one that the daemon began when the directory's name came round again.
+bool LogDirectory::IsCopy(const Entry& entry) const {
+  const std::string original = entry.name + std::string(kSuffix);
+  const std::string copy = entry.name + std::string(kCompressedSuffix);
+  struct stat original_info {};
+  struct stat copy_info {};
+  return fstatat(fd(), original.c_str(), &original_info, 0) == 0 &&
+         fstatat(fd(), copy.c_str(), &copy_info, 0) == 0 &&
+         IsSameTime(original_info.st_mtim, copy_info.st_mtim);
+}
+
+LogFile LogDirectory::OpenLog(const Entry& entry) const {
+  if (!entry.is_compressed) {
+    Descriptor file = OpenFile(entry.name + std::string(kSuffix));
+    if (file) return {std::move(file), false};
+  }
+  return {OpenFile(entry.name + std::string(kCompressedSuffix)), true};
+}
+
+Descriptor LogDirectory::OpenFile(const std::string& file_name) const {
   // If it is a pipe, opening it must not wait for a writer.
   Descriptor file(openat(fd(), file_name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!file && !HasGone(errno)) throw CannotRead(file_name, errno);
@@ -212,6 +254,7 @@ LogNames NamesIn(const std::vector<LogDirectory>& directories) {
 Failure CannotRead(const std::string& path, int error) {
   std::string advice;
   if (error == EACCES) advice = "; logs are for root and the group of the station's files";
+  if (error == EMFILE) advice = "; name fewer consoles, or raise the limit with ulimit -n";
   if (error == ENOENT) advice = "; --log-dir tells where the daemon's logs are, if not there";
   return {ExitStatus::kFailed, "cannot read " + Printable(path) + ": " + strerror(error) + advice};
 }

@@ -62,6 +62,12 @@ struct FileIdentity {
 
 FileIdentity IdentityOf(const struct stat& info);
 
+/// A log that has been opened; the descriptor is not valid when that was not possible.
+struct LogFile {
+  Descriptor descriptor;
+  bool is_compressed = false;
+};
+
 /// A dated directory. It stays open as long as the object lives, so that it can be read after it
 /// was renamed.
 class LogDirectory {
@@ -74,17 +80,23 @@ class LogDirectory {
   struct Entry {
     std::string name;  ///< without ".log"
     ino_t inode;
+    bool is_compressed;  ///< the file is NAME.log.zst
   };
 
-  /// The logs in it, in no order; none when the directory cannot be listed.
+  /// The logs in it, in no order; none when the directory cannot be listed. Of a log that has just
+  /// been compressed and still has its original beside it, only the original is given.
   std::vector<Entry> Logs() const;
 
-  /// Opens one of them for reading. The descriptor is not valid when the log has been removed
-  /// meanwhile or is no regular file. Throws Failure(kFailed) when it cannot be opened for another
-  /// reason.
-  Descriptor OpenLog(const std::string& name) const;
+  /// Opens one of them for reading, in compressed form if it has been compressed meanwhile. The
+  /// descriptor is not valid when the log has been removed meanwhile or is no regular file. Throws
+  /// Failure(kFailed) when it cannot be opened for another reason.
+  LogFile OpenLog(const Entry& entry) const;
 
  private:
+  std::vector<Entry> AllLogs() const;
+  bool IsCopy(const Entry& entry) const;
+  Descriptor OpenFile(const std::string& file_name) const;
+
   Descriptor descriptor_;
   FileIdentity identity_;
 };

@@ -106,12 +106,13 @@ void Follower::LookForFiles(Watch& watch, LogReaders& fresh) {
   for (const auto& entry : watch.directory.Logs()) LookAt(entry, watch.directory, fresh);
 }
 
+// What has been compressed since is no news.
 void Follower::LookAt(const LogDirectory::Entry& entry, const LogDirectory& directory,
                       LogReaders& fresh) {
   LogReader* known = Find(readers_, {directory.identity().device, entry.inode});
   if (known != nullptr) return TakeName(*known, entry.name);
-  if (!wanted_.Has(entry.name)) return;
-  auto reader = OpenLog(directory, entry.name);
+  if (!wanted_.Has(entry.name) || entry.is_compressed) return;
+  auto reader = OpenLog(directory, entry);
   if (!reader) return;
   const FileIdentity& file = reader->identity();
   if (Find(readers_, file) == nullptr && Find(fresh, file) == nullptr) {

@@ -75,7 +75,7 @@ LogReaders OpenLogs(const std::vector<LogDirectory>& directories, const WantedLo
   for (const LogDirectory& directory : directories) {
     for (const auto& entry : directory.Logs()) {
       if (!wanted.Has(entry.name)) continue;
-      auto reader = OpenLog(directory, entry.name);
+      auto reader = OpenLog(directory, entry);
       if (reader) readers.push_back(std::move(reader));
     }
   }

@@ -18,8 +18,13 @@ constexpr size_t kProbeSize = 16384;  // within which a line must end for a sear
 
 }  // namespace
 
-LogReader::LogReader(Descriptor file, std::string name, FileIdentity directory)
-    : file_(std::move(file)), name_(std::move(name)), kind_(KindOf(name_)), directory_(directory) {
+LogReader::LogReader(LogFile file, std::string name, FileIdentity directory)
+    : file_(std::move(file.descriptor)),
+      name_(std::move(name)),
+      compressed_(file.is_compressed ? std::make_unique<CompressedLog>(file_.get(), name_)
+                                     : nullptr),
+      kind_(KindOf(name_)),
+      directory_(directory) {
   struct stat info {};
   fstat(file_.get(), &info);
   identity_ = IdentityOf(info);
@@ -74,6 +79,7 @@ bool LogReader::Fill() {
 }
 
 size_t LogReader::ReadAt(off_t position, std::span<char> buffer) const {
+  if (compressed_) return compressed_->ReadAt(position, buffer);
   for (;;) {
     const ssize_t count = pread(file_.get(), buffer.data(), buffer.size(), position);
     if (count >= 0) return static_cast<size_t>(count);
@@ -93,6 +99,7 @@ void LogReader::GoTo(off_t position) {
 }
 
 off_t LogReader::Size() const {
+  if (compressed_) return compressed_->Size();
   struct stat info {};
   return fstat(file_.get(), &info) == 0 ? info.st_size : 0;
 }
@@ -124,8 +131,18 @@ std::chrono::nanoseconds LogReader::Changed() const {
 }
 
 void LogReader::SkipBefore(time_t time) {
+  off_t size = 0;
   off_t older = 0;
-  off_t rest = Size();
+  do {
+    size = Size();
+    older = LastOlder(time, size);
+  } while (size != Size());
+  GoTo(older);
+}
+
+// The start of a line before which all records are older, close to the first that is not.
+off_t LogReader::LastOlder(time_t time, off_t rest) const {
+  off_t older = 0;
   while (rest - older > static_cast<off_t>(kProbeSize)) {
     const off_t middle = older + (rest - older) / 2;
     const off_t line = LineStartAfter(middle);
@@ -137,7 +154,7 @@ void LogReader::SkipBefore(time_t time) {
       rest = middle;
     }
   }
-  GoTo(older);
+  return older;
 }
 
 // The start of the first line after the position; -1 when no line begins close to it.
@@ -154,10 +171,20 @@ size_t LogReader::GoToLastLines(size_t count) {
   return lines.count;
 }
 
-// Every line holds at least one record.
+// Places change when damage is found in a compressed log.
 LogReader::Lines LogReader::LastLines(size_t count) const {
+  off_t size = 0;
+  Lines lines{};
+  do {
+    size = Size();
+    lines = LastLinesBefore(size, count);
+  } while (size != Size());
+  return lines;
+}
+
+// Every line holds at least one record.
+LogReader::Lines LogReader::LastLinesBefore(off_t size, size_t count) const {
   std::vector<char> bytes(kLongestRecord);
-  const off_t size = Size();
   if (size == 0) return {0, 0};
   Lines lines = {size, 0};
   off_t end = size - 1;  // the last byte ends the last line, if anything does
@@ -174,10 +201,11 @@ LogReader::Lines LogReader::LastLines(size_t count) const {
   return {0, lines.count + 1};
 }
 
-std::unique_ptr<LogReader> OpenLog(const LogDirectory& directory, const std::string& name) {
-  Descriptor file = directory.OpenLog(name);
-  if (!file) return nullptr;
-  return std::make_unique<LogReader>(std::move(file), name, directory.identity());
+std::unique_ptr<LogReader> OpenLog(const LogDirectory& directory,
+                                   const LogDirectory::Entry& entry) {
+  LogFile file = directory.OpenLog(entry);
+  if (!file.descriptor) return nullptr;
+  return std::make_unique<LogReader>(std::move(file), entry.name, directory.identity());
 }
 
 }  // namespace zevctl

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "descriptor.h"
+#include "log_compressed.h"
 #include "log_directories.h"
 #include "log_record.h"
 
@@ -34,12 +35,13 @@ constexpr time_t kStartOfTime = std::numeric_limits<time_t>::min();
 /// being written.
 enum class Unfinished { kLeave, kTake };
 
-/// Goes through the records of one file, from its start at first. Times are in seconds since the
-/// epoch. Members that read the file throw Failure(kFailed) when that fails.
+/// Goes through the records of one file, compressed or not, from its start at first. Times are in
+/// seconds since the epoch. Members that read the file throw Failure(kFailed) when that fails.
 class LogReader {
  public:
-  /// `name`: of the log, without ".log"; `directory`: the one in which the file was opened.
-  LogReader(Descriptor file, std::string name, FileIdentity directory);
+  /// `name`: of the log, without ".log"; `directory`: the one in which the file was opened. Throws
+  /// Failure(kFailed) when a compressed file cannot be read.
+  LogReader(LogFile file, std::string name, FileIdentity directory);
 
   const std::string& name() const { return name_; }
   const FileIdentity& identity() const { return identity_; }
@@ -93,6 +95,7 @@ class LogReader {
   void GoTo(off_t position);
   size_t ReadAt(off_t position, std::span<char> buffer) const;
   std::optional<time_t> TimeAt(off_t position) const;
+  off_t LastOlder(time_t time, off_t rest) const;
   off_t LineStartAfter(off_t position) const;
 
   struct Lines {
@@ -100,9 +103,11 @@ class LogReader {
     size_t count;
   };
   Lines LastLines(size_t count) const;
+  Lines LastLinesBefore(off_t size, size_t count) const;
 
   Descriptor file_;
   std::string name_;
+  std::unique_ptr<CompressedLog> compressed_;  // null when the file is the text itself
   LogKind kind_;
   FileIdentity identity_;
   FileIdentity directory_;
@@ -122,6 +127,6 @@ class LogReader {
 
 /// Opens a log. Null when it has been removed meanwhile or is no regular file. Throws
 /// Failure(kFailed) when it cannot be opened for another reason.
-std::unique_ptr<LogReader> OpenLog(const LogDirectory& directory, const std::string& name);
+std::unique_ptr<LogReader> OpenLog(const LogDirectory& directory, const LogDirectory::Entry& entry);
 
 }  // namespace zevctl
