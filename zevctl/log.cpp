@@ -1,6 +1,5 @@
-// "zevctl log": the records of a console's logs, from files; the daemon need not run.
+// "zevctl log": the records of consoles' logs, from files; the daemon need not run.
 #include <poll.h>
-#include <regex.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -8,16 +7,16 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <deque>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 
+#include "local_only.h"
 #include "log_directories.h"
+#include "log_filter.h"
 #include "log_follow.h"
 #include "log_merge.h"
+#include "log_printer.h"
 #include "log_reader.h"
-#include "log_record.h"
 #include "moment.h"
 #include "output.h"
 #include "program.h"
@@ -29,11 +28,11 @@ namespace {
 
 constexpr size_t kFollowedLines = 10;  // shown before following, unless something else is asked for
 constexpr size_t kMostLines = 1'000'000;  // they are kept in memory
-constexpr size_t kFlushSize = 65536;
+constexpr size_t kMostContext = 10'000;
 constexpr std::chrono::duration<int, std::milli> kTickInterval{200};
 
 struct LogOptions {
-  std::string console;
+  std::vector<std::string> consoles;
   std::vector<std::string> earlier_names;
   bool follow = false;
   std::optional<size_t> lines;
@@ -41,52 +40,12 @@ struct LogOptions {
   std::string until;
   std::optional<std::string> pattern;
   bool ignore_case = false;
+  bool inverted = false;
+  size_t context = 0;
   std::string log_dir = kStationRoot + "/logs";
 };
 
 // ---- Which records ------------------------------------------------------------------------------
-
-/// A POSIX extended regular expression.
-class Pattern {
- public:
-  Pattern(const std::string& text, bool ignore_case) {
-    const int error =
-        regcomp(&compiled_, text.c_str(), REG_EXTENDED | (ignore_case ? REG_ICASE : 0));
-    if (error != 0) throw Failure(ExitStatus::kUsage, "--grep: " + ErrorText(error));
-  }
-  ~Pattern() { regfree(&compiled_); }
-  Pattern(const Pattern&) = delete;
-  Pattern& operator=(const Pattern&) = delete;
-
-  // The text may hold NULs and does not end with one.
-  bool Matches(std::string_view text) const {
-    regmatch_t whole = {0, static_cast<regoff_t>(text.size())};
-    return regexec(&compiled_, text.data(), 1, &whole, REG_STARTEND) == 0;
-  }
-
- private:
-  std::string ErrorText(int error) const {
-    char text[256];
-    regerror(error, &compiled_, text, sizeof text);
-    return text;
-  }
-
-  regex_t compiled_{};
-};
-
-struct Filter {
-  std::optional<time_t> since;
-  std::optional<time_t> until;
-  std::optional<Pattern> pattern;
-
-  bool IsEmpty() const { return !since && !until && !pattern; }
-
-  bool Takes(const Record& record) const {
-    if (since && record.time.value_or(*since - 1) < *since) return false;
-    if (until && record.time.value_or(*until) > *until) return false;
-    return !pattern || pattern->Matches(record.body);
-  }
-};
 
 std::optional<time_t> Moment(const std::string& option, const std::string& text, time_t now) {
   if (text.empty()) return {};
@@ -104,98 +63,35 @@ void SetUp(Filter& filter, const LogOptions& options) {
     throw Failure(ExitStatus::kUsage, "--since is later than --until; exchange them");
   }
   if (options.pattern) filter.pattern.emplace(*options.pattern, options.ignore_case);
+  filter.inverted = options.inverted;
 }
 
-// ---- How they are shown -------------------------------------------------------------------------
-
-enum class Form { kBytes, kTerminal, kJson };
-
-Form FormFor(const Settings& settings) {
-  if (settings.json) return Form::kJson;
-  return isatty(STDOUT_FILENO) == 1 ? Form::kTerminal : Form::kBytes;
+LogForm FormFor(const Settings& settings) {
+  if (settings.json) return LogForm::kJson;
+  return isatty(STDOUT_FILENO) == 1 ? LogForm::kTerminal : LogForm::kBytes;
 }
 
-// A tab is harmless and common in what consoles print.
-std::string Harmless(std::string_view text) {
-  std::string shown(text);
-  std::replace(shown.begin(), shown.end(), '\t', ' ');
-  return Printable(shown);
-}
-
-std::string AsJson(const LogReader& log, const Record& record) {
-  nlohmann::ordered_json data;
-  data["time"] = record.time ? nlohmann::ordered_json(Rfc3339(*record.time)) : nullptr;
-  data["console"] = Utf8(record.console.empty() ? log.name() : record.console);
-  data["text"] = Utf8(record.text);
-  return EscapedJson(data.dump());
-}
-
-// Every record gets a line of its own, even when it has no line end or another one.
-std::string Line(Form form, const LogReader& log, const Record& record) {
-  if (form == Form::kJson) return AsJson(log, record) + "\n";
-  std::string_view bytes = record.bytes;
-  if (bytes.ends_with('\n')) bytes.remove_suffix(1);
-  if (form == Form::kBytes) return std::string(bytes) + "\n";
-  if (bytes.ends_with('\r')) bytes.remove_suffix(1);
-  return Harmless(bytes) + "\n";
-}
-
-/// Shows the records that the filter takes, or only the last of them.
-class Printer {
- public:
-  Printer(const Filter& filter, Form form) : filter_(filter), form_(form) {}
-
-  bool found() const { return found_; }
-
-  /// Shows nothing until ShowLast(), which then shows the last `count` records.
-  void KeepLast(size_t count) { kept_ = count; }
-
-  void Take(const LogReader& log, const Record& record) {
-    if (!filter_.Takes(record)) return;
-    found_ = true;
-    std::string line = Line(form_, log, record);
-    kept_ ? Keep(std::move(line)) : Show(line);
+// The longest name of a wanted log, for a column.
+size_t NameWidth(const WantedLogs& wanted, const LogNames& existing) {
+  size_t width = 0;
+  for (const std::string& name : existing) {
+    if (wanted.Has(name)) width = std::max(width, Printable(name).size());
   }
-
-  void ShowLast() {
-    for (const std::string& line : last_) Show(line);
-    last_.clear();
-    kept_.reset();
-  }
-
-  void Flush() { output_.Flush(); }
-
- private:
-  void Keep(std::string line) {
-    last_.push_back(std::move(line));
-    if (last_.size() > *kept_) last_.pop_front();
-  }
-
-  void Show(const std::string& line) {
-    output_.Add(line);
-    if (output_.queued() >= kFlushSize) output_.Flush();
-  }
-
-  const Filter& filter_;
-  Form form_;
-  StandardOutput output_;
-  std::optional<size_t> kept_;
-  std::deque<std::string> last_;
-  bool found_ = false;
-};
+  return width;
+}
 
 // ---- Which files --------------------------------------------------------------------------------
 
 std::string NothingFound(const std::string& name, const LogNames& existing,
                          const std::string& log_dir) {
-  std::string message =
-      "no log of " + Printable(name) + " in " + Printable(DatedDirectoryPath(log_dir));
-  const char* separator = "; similar names: ";
+  const std::string directory = Printable(DatedDirectoryPath(log_dir));
+  const std::string message = "no log of " + Printable(name) + " in " + directory;
+  std::string names;
   for (const std::string& similar : SimilarNames(name, existing)) {
-    message += separator + Printable(similar);
-    separator = ", ";
+    names += (names.empty() ? "" : ", ") + Printable(similar);
   }
-  return message;
+  if (names.empty()) return message + "; \"ls " + directory + "/current\" shows which there are";
+  return message + "; ask for a similar name: " + names;
 }
 
 bool HasLog(const std::string& name, const LogNames& existing) {
@@ -235,7 +131,7 @@ void UseAllDescriptors() {
 class LogCommand {
  public:
   LogCommand(const Settings& settings, const LogOptions& options)
-      : options_(options), printer_(filter_, FormFor(settings)) {
+      : options_(options), form_(FormFor(settings)), printer_(filter_, {}) {
     SetUp(filter_, options);
   }
 
@@ -243,10 +139,11 @@ class LogCommand {
     if (options_.follow) EndBySignals();
     UseAllDescriptors();
     std::vector<LogDirectory> directories = OpenLogDirectories(options_.log_dir);
-    const std::vector<std::string> names = Names();
     const LogNames existing = NamesIn(directories);
+    const std::vector<std::string> names = Names(existing);
     CheckNames(options_, names, existing);
     WantedLogs wanted(names, existing);
+    printer_.SetStyle({form_, ColumnFor(wanted, existing), options_.context});
     LogReaders readers = OpenLogs(directories, wanted);
     ShowHistory(readers);
     if (options_.follow) {
@@ -258,7 +155,8 @@ class LogCommand {
   }
 
  private:
-  std::vector<std::string> Names() const;
+  std::vector<std::string> Names(const LogNames& existing) const;
+  std::optional<size_t> ColumnFor(const WantedLogs& wanted, const LogNames& existing) const;
   std::optional<size_t> Lines() const;
   void GoToFirst(LogReaders& readers) const;
   void ShowHistory(LogReaders& readers);
@@ -266,14 +164,24 @@ class LogCommand {
   static void EndBySignals();
 
   const LogOptions& options_;
+  LogForm form_;
   Filter filter_;
-  Printer printer_;
+  LogPrinter printer_;
 };
 
-std::vector<std::string> LogCommand::Names() const {
-  std::vector<std::string> names = {options_.console};
+std::vector<std::string> LogCommand::Names(const LogNames& existing) const {
+  std::vector<std::string> names;
+  for (const std::string& name : options_.consoles) names.push_back(MeantName(name, existing));
   names.insert(names.end(), options_.earlier_names.begin(), options_.earlier_names.end());
   return names;
+}
+
+// Records of several consoles have the console's name in front.
+std::optional<size_t> LogCommand::ColumnFor(const WantedLogs& wanted,
+                                            const LogNames& existing) const {
+  const bool one = options_.consoles.size() == 1 && !IsPattern(options_.consoles[0], existing);
+  if (one) return {};
+  return NameWidth(wanted, existing);
 }
 
 std::optional<size_t> LogCommand::Lines() const {
@@ -328,6 +236,7 @@ void LogCommand::EndBySignals() {
 }
 
 ExitStatus RunLog(const Settings& settings, const LogOptions& options) try {
+  RequireThisHost(settings, "log", "the log files");
   return LogCommand(settings, options).Run();
 } catch (const ReaderGone&) {
   return ExitStatus::kOk;
@@ -345,6 +254,14 @@ void AddFilterOptions(CLI::App& command, LogOptions& options) {
   command.add_flag("-i,--ignore-case", options.ignore_case, "Ignore case in --grep")
       ->needs(pattern);
   command
+      .add_flag("-v,--invert-match", options.inverted, "Only records in which --grep finds nothing")
+      ->needs(pattern);
+  command
+      .add_option("-C,--context", options.context,
+                  "Also so many records of the console before and after each that --grep takes")
+      ->needs(pattern)
+      ->check(CLI::Range(size_t{0}, kMostContext));
+  command
       .add_flag(
           "-f,--follow", options.follow,
           "Go on with what is logged from now on, after the last 10 records if neither --lines "
@@ -357,17 +274,18 @@ void AddFilterOptions(CLI::App& command, LogOptions& options) {
 void AddLogCommand(CLI::App& app, Program& program) {
   const auto options = std::make_shared<LogOptions>();
   CLI::App* command =
-      app.add_subcommand("log", "Show what a console has printed, from the station's log files");
+      app.add_subcommand("log", "Show what consoles have printed, from the station's log files");
   command
-      ->add_option("NAME", options->console,
-                   "Console, or \"consolidated\" for what all consoles printed while unattended")
+      ->add_option("NAME", options->consoles,
+                   "Console, the start of its name, or a pattern for several, merged by time; or "
+                   "\"consolidated\" for what all consoles printed while unattended")
       ->required();
   command->add_option("-n,--lines", options->lines, "How many of the last records to show")
       ->check(CLI::Range(size_t{0}, kMostLines));
   AddFilterOptions(*command, *options);
   command
       ->add_option("--also", options->earlier_names,
-                   "Earlier name of the console, whose logs belong to it too")
+                   "Earlier name of the console, whose logs are shown too")
       ->allow_extra_args(false);  // one name each time
   command->add_option("--log-dir", options->log_dir, "The daemon's log directory")
       ->capture_default_str();

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <numeric>
 #include <utility>
@@ -54,6 +56,40 @@ size_t Distance(std::string_view one, std::string_view other) {
     }
   }
   return row.back();
+}
+
+bool Exists(const std::string& name, const LogNames& existing, Case letters) {
+  const std::string folded = Folded(name, letters);
+  return std::any_of(existing.begin(), existing.end(),
+                     [&](const std::string& other) { return Folded(other, letters) == folded; });
+}
+
+// A console has the name of its pattern before its first event or after it.
+bool MatchesPattern(const std::string& pattern, std::string_view name) {
+  const auto matches = [&](const std::string& form) {
+    return fnmatch(pattern.c_str(), form.c_str(), FNM_CASEFOLD) == 0;
+  };
+  std::string form(name);
+  if (matches(form)) return true;
+  std::replace(form.begin(), form.end(), '_', '-');
+  if (matches(form)) return true;
+  std::replace(form.begin(), form.end(), '-', '_');
+  return matches(form);
+}
+
+Failure Ambiguous(const std::string& name, const std::map<std::string, std::string>& found) {
+  constexpr size_t kMostShown = 8;
+  std::string text = "several logs begin with " + Printable(name) + ": ";
+  size_t shown = 0;
+  for (const auto& [folded, other] : found) {
+    if (shown == kMostShown) {
+      text += ", ...";
+      break;
+    }
+    text += (shown++ == 0 ? "" : ", ") + Printable(other);
+  }
+  return {ExitStatus::kNoSuchConsole,
+          text + "; write more of the name, or \"" + Printable(name) + "*\" for all of them"};
 }
 
 bool IsSimilar(const std::string& one, const std::string& other, size_t distance) {
@@ -103,22 +139,45 @@ void AddUnlessKnown(std::vector<LogDirectory>& directories, LogDirectory directo
 
 WantedLogs::WantedLogs(const std::vector<std::string>& names, const LogNames& existing) {
   for (const std::string& name : names) {
-    const std::string exact = Folded(name, Case::kCounts);
-    const bool exists = std::any_of(existing.begin(), existing.end(), [&](const auto& other) {
-      return Folded(other, Case::kCounts) == exact;
-    });
-    wanted_.push_back({exists ? exact : Folded(name, Case::kIgnored), !exists});
+    if (Exists(name, existing, Case::kCounts)) {
+      Add(name);
+    } else if (IsPattern(name, existing)) {
+      wanted_.push_back({name, By::kPattern});
+    } else {
+      wanted_.push_back({Folded(name, Case::kIgnored), By::kName});
+    }
   }
 }
 
 bool WantedLogs::Has(std::string_view name) const {
-  return std::any_of(wanted_.begin(), wanted_.end(), [&](const Wanted& wanted) {
-    return wanted.name == Folded(name, wanted.any_case ? Case::kIgnored : Case::kCounts);
-  });
+  return std::any_of(wanted_.begin(), wanted_.end(),
+                     [&](const Wanted& wanted) { return wanted.Has(name); });
+}
+
+// The consolidated log repeats what is in the others.
+bool WantedLogs::Wanted::Has(std::string_view other) const {
+  if (by == By::kPattern) return other != kConsolidatedName && MatchesPattern(name, other);
+  return name == Folded(other, by == By::kName ? Case::kIgnored : Case::kCounts);
 }
 
 void WantedLogs::Add(const std::string& name) {
-  wanted_.push_back({Folded(name, Case::kCounts), false});
+  wanted_.push_back({Folded(name, Case::kCounts), By::kExactName});
+}
+
+bool IsPattern(const std::string& name, const LogNames& existing) {
+  return name.find_first_of("*?[") != std::string::npos && !Exists(name, existing, Case::kIgnored);
+}
+
+std::string MeantName(const std::string& name, const LogNames& existing) {
+  if (IsPattern(name, existing) || Exists(name, existing, Case::kIgnored)) return name;
+  const std::string start = Folded(name, Case::kIgnored);
+  std::map<std::string, std::string> found;  // one of each console, by the form that is compared
+  for (const std::string& other : existing) {
+    std::string folded = Folded(other, Case::kIgnored);
+    if (folded.starts_with(start)) found.emplace(std::move(folded), other);
+  }
+  if (found.size() > 1) throw Ambiguous(name, found);
+  return found.empty() ? name : found.begin()->second;
 }
 
 std::vector<std::string> SimilarNames(const std::string& name, const LogNames& existing) {
@@ -252,8 +311,8 @@ LogNames NamesIn(const std::vector<LogDirectory>& directories) {
 }
 
 Failure CannotRead(const std::string& path, int error) {
-  std::string advice;
-  if (error == EACCES) advice = "; logs are for root and the group of the station's files";
+  std::string advice = "; look for the cause in the system's log";
+  if (error == EACCES) advice = "; it is for root and the group of the station's files";
   if (error == EMFILE) advice = "; name fewer consoles, or raise the limit with ulimit -n";
   if (error == ENOENT) advice = "; --log-dir tells where the daemon's logs are, if not there";
   return {ExitStatus::kFailed, "cannot read " + Printable(path) + ": " + strerror(error) + advice};

@@ -25,10 +25,11 @@ using LogNames = std::set<std::string>;
 
 /// The logs that the user asked for. Names that differ only in "-" and "_" belong to one console:
 /// the daemon replaces the one by the other when it posts an event. Upper and lower case are the
-/// same, unless some log has the name in exactly the case that was asked for.
+/// same, unless some log has the name in exactly the case that was asked for. A shell pattern
+/// stands for all consoles that match it, also for those that come later.
 class WantedLogs {
  public:
-  /// `names`: what was asked for; `existing`: all logs that there are.
+  /// `names`: what was asked for, patterns included; `existing`: all logs that there are.
   WantedLogs(const std::vector<std::string>& names, const LogNames& existing);
 
   bool Has(std::string_view name) const;
@@ -37,13 +38,22 @@ class WantedLogs {
   void Add(const std::string& name);
 
  private:
+  enum class By { kExactName, kName, kPattern };
   struct Wanted {
-    std::string name;  // in the form in which names are compared
-    bool any_case;
+    std::string name;  // in the form in which names are compared, or a pattern
+    By by;
+    bool Has(std::string_view other) const;
   };
 
   std::vector<Wanted> wanted_;
 };
+
+/// True when it is a shell pattern, not the name of an existing log.
+bool IsPattern(const std::string& name, const LogNames& existing);
+
+/// The name that was meant: the name itself if a log has it, else the one that begins with it, else
+/// the name itself. Throws Failure(kNoSuchConsole) when several begin with it.
+std::string MeantName(const std::string& name, const LogNames& existing);
 
 /// Existing names that may have been meant by this one, the most similar first; at most five.
 std::vector<std::string> SimilarNames(const std::string& name, const LogNames& existing);

@@ -24,9 +24,15 @@ LogReader* Find(const LogReaders& readers, const FileIdentity& identity) {
   return found == readers.end() ? nullptr : found->get();
 }
 
+// Most logs have nothing new at most times.
 void Read(LogReaders& readers, const UnfinishedRule& unfinished, const RecordHandler& handle) {
-  for (const auto& reader : readers) reader->Refresh();
+  const auto has_none = [](const auto& reader) { return !reader->Refresh(); };
+  const auto rest = std::stable_partition(readers.begin(), readers.end(), std::not_fn(has_none));
+  if (rest == readers.begin()) return;
+  LogReaders quiet(std::make_move_iterator(rest), std::make_move_iterator(readers.end()));
+  readers.erase(rest, readers.end());
   ReadInOrder(readers, unfinished, kEndOfTime, handle);
+  std::move(quiet.begin(), quiet.end(), std::back_inserter(readers));
 }
 
 }  // namespace

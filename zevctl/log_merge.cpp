@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
+#include <optional>
+#include <queue>
 #include <tuple>
 #include <utility>
 
@@ -37,35 +40,34 @@ class Merge {
   Merge(const LogReaders& readers, const UnfinishedRule& unfinished)
       : unfinished_(unfinished), waiting_(InOrderOfStart(readers)) {}
 
-  /// The reader whose next record is the earliest; null at the end of all files.
+  /// The reader whose next record is the earliest, of equal ones that which joined first; null at
+  /// the end of all files. The record that it returned before must have been skipped.
   LogReader* Next() {
-    LogReader* earliest = Earliest();
+    if (last_) Await(*std::exchange(last_, std::nullopt));
     while (joined_ < waiting_.size() &&
-           (earliest == nullptr || waiting_[joined_].time <= earliest->key())) {
-      active_.push_back(waiting_[joined_++].reader);
-      earliest = Earliest();
+           (active_.empty() || waiting_[joined_].time <= active_.top().first)) {
+      Await(joined_++);
     }
-    return earliest;
+    if (active_.empty()) return nullptr;
+    last_ = active_.top().second;
+    active_.pop();
+    return waiting_[*last_].reader;
   }
 
  private:
-  LogReader* Earliest() {
-    LogReader* earliest = nullptr;
-    std::erase_if(active_, [&](LogReader* reader) {
-      if (reader->Peek(unfinished_(*reader)) == nullptr) {
-        reader->DropBuffer();
-        return true;
-      }
-      if (earliest == nullptr || reader->key() < earliest->key()) earliest = reader;
-      return false;
-    });
-    return earliest;
+  using Turn = std::pair<time_t, size_t>;  // of a record, and which reader
+
+  void Await(size_t which) {
+    LogReader* reader = waiting_[which].reader;
+    if (reader->Peek(unfinished_(*reader)) == nullptr) return reader->DropBuffer();
+    active_.emplace(reader->key(), which);
   }
 
   const UnfinishedRule& unfinished_;
   std::vector<Started> waiting_;
   size_t joined_ = 0;
-  std::vector<LogReader*> active_;
+  std::priority_queue<Turn, std::vector<Turn>, std::greater<>> active_;
+  std::optional<size_t> last_;
 };
 
 }  // namespace

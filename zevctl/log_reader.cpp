@@ -13,8 +13,8 @@ namespace zevctl {
 namespace {
 
 // In bytes.
-constexpr size_t kBufferSize = 4 * kLongestRecord;
-constexpr size_t kProbeSize = 16384;  // within which a line must end for a search to go on
+constexpr size_t kBufferSize = 32768;  // at first; many logs may be read at once
+constexpr size_t kProbeSize = 16384;   // within which a line must end for a search to go on
 
 }  // namespace
 
@@ -68,7 +68,8 @@ void LogReader::Skip() {
 
 // Reads on after what is buffered; false at the end of the file.
 bool LogReader::Fill() {
-  bytes_.resize(kBufferSize);
+  if (bytes_.empty()) bytes_.resize(kBufferSize);
+  if (held_ - used_ == bytes_.size()) bytes_.resize(2 * bytes_.size());
   std::copy(bytes_.begin() + static_cast<ptrdiff_t>(used_),
             bytes_.begin() + static_cast<ptrdiff_t>(held_), bytes_.begin());
   held_ -= std::exchange(used_, 0);
@@ -106,8 +107,10 @@ off_t LogReader::Size() const {
 
 // What was read of an unfinished record is read again: the daemon takes back a piece of a record
 // when the disk is full.
-void LogReader::Refresh() {
-  GoTo(Size() < position_ ? 0 : position_);
+bool LogReader::Refresh() {
+  const off_t size = Size();
+  GoTo(size < position_ ? 0 : position_);
+  return size != position_;
 }
 
 std::optional<time_t> LogReader::TimeHere() const {

@@ -65,8 +65,8 @@ class LogReader {
   time_t key() const { return key_; }
 
   /// Takes into account that the file may have grown or shrunk. Reading goes on at the position, or
-  /// at the start when the file is now shorter than that.
-  void Refresh();
+  /// at the start when the file is now shorter than that. False when nothing is there to read.
+  bool Refresh();
 
   /// Frees the buffer; the position stays.
   void DropBuffer();

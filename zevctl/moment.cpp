@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <chrono>
+#include <iterator>
 #include <regex>
 
 namespace zevctl {
@@ -13,12 +14,16 @@ constexpr time_t kHour = 60 * kMinute;
 constexpr time_t kDay = 24 * kHour;
 constexpr time_t kWeek = 7 * kDay;
 
-// Groups: year, month, day; hour, minute, second; zone. Each of the three parts may be missing.
-constexpr char kDateAndTime[] = R"((?:(\d{4})-(\d\d)-(\d\d)(?:[ Tt](?=\d)|$))?)"
-                                R"((?:(\d\d):(\d\d)(?::(\d\d)(?:\.\d+)?)?([Zz]|[+-]\d\d:\d\d)?)?)";
-constexpr char kAge[] = R"((\d{1,9})([smhdw]))";
+// Groups: year, month, day, word; hour, minute, second; zone. Each of the three parts may be
+// missing.
+constexpr char kDateAndTime[] =
+    R"((?:(?:(\d{4})-(\d\d)-(\d\d)|(today|yesterday))(?:[ Tt](?=\d)|$))?)"
+    R"((?:(\d\d):(\d\d)(?::(\d\d)(?:\.\d+)?)?([Zz]|[+-]\d\d:\d\d)?)?)";
+constexpr char kAge[] =
+    R"((?=\d)(?:(\d{1,9})w)?(?:(\d{1,9})d)?(?:(\d{1,9})h)?(?:(\d{1,9})m)?(?:(\d{1,9})s)?)";
+constexpr time_t kAgeUnits[] = {kWeek, kDay, kHour, kMinute, 1};
 
-enum Group { kWhole, kYear, kMonth, kDayOfMonth, kHours, kMinutes, kSeconds, kZone };
+enum Group { kWhole, kYear, kMonth, kDayOfMonth, kWord, kHours, kMinutes, kSeconds, kZone };
 
 int Number(const std::string& digits) {
   int number = 0;
@@ -26,26 +31,13 @@ int Number(const std::string& digits) {
   return number;
 }
 
-time_t SecondsIn(char unit) {
-  switch (unit) {
-    case 'm':
-      return kMinute;
-    case 'h':
-      return kHour;
-    case 'd':
-      return kDay;
-    case 'w':
-      return kWeek;
-    default:
-      return 1;
-  }
-}
-
 std::optional<time_t> ParseAge(const std::string& text, time_t now) {
   static const std::regex form(kAge);
   std::smatch found;
   if (!std::regex_match(text, found, form)) return {};
-  return now - Number(found[1]) * SecondsIn(found.str(2)[0]);
+  time_t age = 0;
+  for (size_t i = 0; i < std::size(kAgeUnits); ++i) age += Number(found[i + 1]) * kAgeUnits[i];
+  return now - age;
 }
 
 std::chrono::year_month_day Date(const tm& fields) {
@@ -89,11 +81,24 @@ tm FieldsOf(const std::smatch& found, time_t now) {
   return fields;
 }
 
+// Local time; of a time alone, the last one that has been.
+time_t InZone(const tm& fields, const std::smatch& found, time_t now) {
+  const auto days_before = [&](int days) {
+    tm changed = fields;
+    changed.tm_mday -= days;
+    return mktime(&changed);
+  };
+  if (found[kWord].matched) return days_before(found[kWord] == "yesterday" ? 1 : 0);
+  const time_t moment = days_before(0);
+  return found[kYear].matched || moment <= now ? moment : days_before(1);
+}
+
 }  // namespace
 
 const char kMomentForms[] =
-    "\"2026-11-21 08:05\" or \"2026-11-21 08:05:30\", 2026-11-21, 08:05 or 08:05:30 (today), "
-    "2026-11-21T08:05:30+01:00, or an age such as 30s, 15m, 2h, 3d, 1w";
+    "\"2026-11-21 08:05\" or \"2026-11-21 08:05:30\", 2026-11-21, today, yesterday, "
+    "\"yesterday 08:05\", 08:05 or 08:05:30 (the last one), 2026-11-21T08:05:30+01:00, or an age "
+    "such as 30s, 15m, 1h30m, 3d, 1w";
 
 std::optional<time_t> ParseMoment(const std::string& text, time_t now) {
   if (const auto moment = ParseAge(text, now)) return moment;
@@ -102,7 +107,7 @@ std::optional<time_t> ParseMoment(const std::string& text, time_t now) {
   if (text.empty() || !std::regex_match(text, found, form)) return {};
   tm fields = FieldsOf(found, now);
   if (!Exists(fields)) return {};
-  if (!found[kZone].matched) return mktime(&fields);
+  if (!found[kZone].matched) return InZone(fields, found, now);
   const auto offset = Offset(found[kZone]);
   if (!offset || !found[kYear].matched) return {};
   return InUtc(fields) - *offset;

@@ -12,7 +12,8 @@ namespace zevctl {
 extern const char kMomentForms[];
 
 /// Seconds since the epoch; nothing when the text has none of the forms. Times without a zone are
-/// local. `now`, in the same unit, is what ages and times without a date refer to.
+/// local, and a time without a date is the last one before `now`, which is in the same unit and
+/// what ages refer to.
 std::optional<time_t> ParseMoment(const std::string& text, time_t now);
 
 /// The moment, in seconds since the epoch, in the form of RFC 3339: local time with its zone.

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 #include <exception>
 #include <iostream>
@@ -13,6 +12,7 @@
 
 #include "descriptor.h"
 #include "exit_status.h"
+#include "log_directories.h"
 #include "log_keeper.h"
 #include "output.h"
 #include "settings.h"
@@ -39,17 +39,13 @@ std::string Settings(const std::string& path) {
       open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (!file && errno == ENOENT) return {};
   struct stat info {};
-  if (!file || fstat(file.get(), &info) != 0) {
-    throw Failure(ExitStatus::kFailed, "cannot read " + path + ": " + strerror(errno));
-  }
+  if (!file || fstat(file.get(), &info) != 0) throw zevctl::CannotRead(path, errno);
   if (!S_ISREG(info.st_mode) || info.st_size > kMostBytes) {
-    throw Failure(ExitStatus::kFailed, path + " is no file of settings");
+    throw Failure(ExitStatus::kFailed, path + " is no file of settings; put one in its place");
   }
   std::string text(static_cast<size_t>(info.st_size), '\0');
   const ssize_t count = pread(file.get(), text.data(), text.size(), 0);
-  if (count < 0) {
-    throw Failure(ExitStatus::kFailed, "cannot read " + path + ": " + strerror(errno));
-  }
+  if (count < 0) throw zevctl::CannotRead(path, errno);
   text.resize(static_cast<size_t>(count));
   return text;
 }

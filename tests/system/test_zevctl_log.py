@@ -20,8 +20,9 @@ from harness.station import assert_no_sanitizer_report, console_line
 from harness.waiting import LIMIT, stretched, wait_until
 
 STAMP = r"\d\d/\d\d/\d\d_\d\d:\d\d:\d\d"
-FORMS = ('write "2026-11-21 08:05" or "2026-11-21 08:05:30", 2026-11-21, 08:05 or 08:05:30 '
-         "(today), 2026-11-21T08:05:30+01:00, or an age such as 30s, 15m, 2h, 3d, 1w")
+FORMS = ('write "2026-11-21 08:05" or "2026-11-21 08:05:30", 2026-11-21, today, yesterday, '
+         '"yesterday 08:05", 08:05 or 08:05:30 (the last one), 2026-11-21T08:05:30+01:00, or an '
+         "age such as 30s, 15m, 1h30m, 3d, 1w")
 
 
 class Following:
@@ -232,13 +233,24 @@ def test_case_counts_only_when_it_must(station):
 
 def test_a_name_without_a_log_is_refused(three):
     where = f"{three.logs}/zev.dated"
-    zevctl.refuse(None, zevctl.NO_SUCH_CONSOLE, f"no log of bx in {where}; similar names: box",
-                  "log", "bx")
-    zevctl.refuse(None, zevctl.NO_SUCH_CONSOLE, f"no log of else?[2J in {where}", "log",
+    zevctl.refuse(None, zevctl.NO_SUCH_CONSOLE, f"no log of bx in {where}; ask for a similar "
+                  "name: box", "log", "bx")
+    unknown = f'in {where}; "ls {where}/current" shows which there are'
+    zevctl.refuse(None, zevctl.NO_SUCH_CONSOLE, f"no log of else?[2J {unknown}", "log",
                   "else\x1b[2J")
+    zevctl.refuse(None, zevctl.NO_SUCH_CONSOLE, f"no log of else* {unknown}", "log", "else*")
     done = zevctl.run(None, "log", "box", "--also", "former")
     assert (done.returncode, done.stdout) == (zevctl.OK, "".join(THREE))
-    assert done.stderr == f"zevctl: no log of former in {where}\n"
+    assert done.stderr == f"zevctl: no log of former {unknown}\n"
+
+
+def test_another_host_is_refused(three):
+    advice = ('--host: "log" works with the log files of this machine; run it there with "ssh '
+              'station zevctl log", or leave out --host and ZEVCTL_HOST')
+    zevctl.refuse(None, zevctl.USAGE, advice, "log", "box", "--host", "station")
+    done = zevctl.run(None, "log", "box", env={"ZEVCTL_HOST": "station"})
+    assert (done.returncode, done.stderr) == (zevctl.USAGE, f"zevctl: {advice}\n")
+    assert show("box", "--host", "localhost") == ["one", "Two", "three"]
 
 
 def test_a_missing_log_directory_is_reported(station):
@@ -265,6 +277,13 @@ def test_a_missing_log_directory_is_reported(station):
     (["--grep", "^t", "-i"], ["Two", "three"]),
     (["--grep", "(e|o)$", "--ignore-case", "-n", "1"], ["three"]),
     (["--grep=o", "--until", "2026-11-21 08:30"], ["one"]),
+    (["--grep", "o$", "-v"], ["one", "three"]),
+    (["--grep", "T", "-i", "--invert-match", "-n", "1"], ["one"]),
+    (["--grep", "one", "-C", "1"], ["one", "Two"]),
+    (["--grep", "Two", "--context", "5"], ["one", "Two", "three"]),
+    (["--grep", "Two", "-C", "1", "--since", "2026-11-21 09:00"], ["Two", "three"]),
+    (["--grep", "Two", "-C", "1", "-n", "2"], ["Two", "three"]),
+    (["--grep", "Two", "-C", "0"], ["Two"]),
 ])
 def test_records_are_filtered(three, arguments, expected):
     assert show("box", *arguments) == expected
@@ -286,9 +305,13 @@ def test_ages_and_times_of_today_are_understood(station):
     write_log(station, "box", *lines)
     assert show("box", "--since", "1h") == ["30", "5"]
     assert show("box", "--since", "31m", "--until", "600s") == ["30"]
-    today = (now - timedelta(minutes=5)).strftime("%H:%M:%S")
-    if now.time() >= (datetime.min + timedelta(minutes=5)).time():
-        assert show("box", "--since", today) == ["5"]
+    assert show("box", "--since", "1h15m") == ["30", "5"]
+    # The last such time, even if that was before midnight.
+    for age, expected in ((5, ["5"]), (30, ["30", "5"]), (90, ["90", "30", "5"])):
+        assert show("box", "--since", f"{now - timedelta(minutes=age):%H:%M:%S}") == expected
+    assert show("box", "--since", f"{now + timedelta(minutes=10):%H:%M:%S}") == ["90", "30", "5"]
+    assert show("box", "--since", "yesterday") == ["90", "30", "5"]
+    assert show("box", "--until", "yesterday") == []
 
 
 def test_a_search_that_finds_nothing_fails(three):
@@ -303,15 +326,18 @@ def test_a_search_that_finds_nothing_fails(three):
     (["--since", "noon"], f'--since: "noon" is no time; {FORMS}'),
     (["--until", "2026-02-30"], f'--until: "2026-02-30" is no time; {FORMS}'),
     (["--since", "2h", "--until", "3h"], "--since is later than --until; exchange them"),
-    (["--grep", "("], "--grep: Unmatched ( or \\("),
-    (["--grep", "a{2,1}"], "--grep: Invalid content of \\{\\}"),
+    (["--grep", "("], "--grep: Unmatched ( or \\(; put \\ before a character that stands for "
+     "itself"),
+    (["--grep", "a{2,1}"], "--grep: Invalid content of \\{\\}; put \\ before a character that "
+     "stands for itself"),
 ])
 def test_options_that_make_no_sense_are_refused(three, arguments, message):
     zevctl.refuse(None, zevctl.USAGE, message, "log", "box", *arguments)
 
 
 @pytest.mark.parametrize("arguments", [
-    [], ["box", "extra"], ["box", "-n", "-1"], ["box", "-n", "many"], ["box", "-n", "1000001"],
+    [], ["box", "-v"], ["box", "-C", "1"], ["box", "--grep", "o", "-C", "-1"],
+    ["box", "-n", "-1"], ["box", "-n", "many"], ["box", "-n", "1000001"],
     ["box", "-i"], ["box", "--follow", "--until", "1h"], ["box", "--also"],
 ])
 def test_command_lines_that_are_not_understood(three, arguments):
@@ -323,6 +349,16 @@ def test_command_lines_that_are_not_understood(three, arguments):
 def test_a_reader_that_leaves_is_not_an_error(station):
     write_log(station, "box", *(THREE[0] for _ in range(50000)))
     client = zevctl.start(None, "log", "box")
+    assert client.stdout.readline() == THREE[0].encode()
+    client.stdout.close()
+    assert client.wait(stretched(LIMIT)) == zevctl.OK
+    assert client.stderr.read() == b""
+
+
+def test_a_reader_that_leaves_ends_a_search_without_matches(station):
+    line = "26/11/21_08:00:00 " + "x" * 1000 + "\n"
+    write_log(station, "box", THREE[0], line * 200000)
+    client = zevctl.start(None, "log", "box", "--grep", "one|(x|y)+(z|one)")
     assert client.stdout.readline() == THREE[0].encode()
     client.stdout.close()
     assert client.wait(stretched(LIMIT)) == zevctl.OK
@@ -466,8 +502,9 @@ def test_it_waits_for_a_log_that_is_not_there_yet(station, box, follow):
     other.accept()
     other.send(b"ready\n")
     client.wait_texts([b"ready\n"])
-    assert client.end() == (f"zevctl: no log of other in {station.logs}/zev.dated; "
-                            "waiting for it\n")
+    directory = f"{station.logs}/zev.dated"
+    assert client.end() == (f'zevctl: no log of other in {directory}; "ls {directory}/current" '
+                            "shows which there are; waiting for it\n")
 
 
 def test_it_outlives_its_directory(station, box, follow):

@@ -47,6 +47,38 @@ TEST(WantedLogsTest, IncludeEveryName) {
   EXPECT_TRUE(wanted.Has("trunk"));
 }
 
+TEST(WantedLogsTest, MayBeAPattern) {
+  const WantedLogs wanted({"Rack-[12]*"}, {"rack-1-db", "rack_2", "rack-3", "consolidated"});
+  EXPECT_TRUE(wanted.Has("rack-1-db"));
+  EXPECT_TRUE(wanted.Has("rack_2"));
+  EXPECT_TRUE(wanted.Has("rack_1_new"));
+  EXPECT_FALSE(wanted.Has("rack-3"));
+  EXPECT_FALSE(WantedLogs({"*"}, {}).Has("consolidated"));
+  const WantedLogs name({"a[1]"}, {"a[1]", "a1"});
+  EXPECT_TRUE(name.Has("a[1]"));
+  EXPECT_FALSE(name.Has("a1"));
+}
+
+TEST(MeantNameTest, IsTheNameOrTheOnlyOneThatBeginsWithIt) {
+  const LogNames existing = {"lab1", "lab12", "rack-1", "rack_1", "box", "consolidated"};
+  EXPECT_EQ(MeantName("lab1", existing), "lab1");
+  EXPECT_EQ(MeantName("LAB12", existing), "LAB12");
+  EXPECT_EQ(MeantName("B", existing), "box");
+  EXPECT_EQ(MeantName("Rack", existing), "rack-1");
+  EXPECT_EQ(MeantName("cons", existing), "consolidated");
+  EXPECT_EQ(MeantName("la*", existing), "la*");
+  EXPECT_EQ(MeantName("other", existing), "other");
+  try {
+    MeantName("la", existing);
+    FAIL() << "one of two was taken";
+  } catch (const Failure& failure) {
+    EXPECT_EQ(failure.status(), ExitStatus::kNoSuchConsole);
+    EXPECT_STREQ(failure.what(),
+                 "several logs begin with la: lab1, lab12; write more of the name, or \"la*\" for "
+                 "all of them");
+  }
+}
+
 TEST(SimilarNamesTest, DifferLittleOrContainTheName) {
   const LogNames existing = {"lab1", "lab2", "rack-lab-17", "other", "consolidated"};
   EXPECT_THAT(SimilarNames("Lab11", existing), ElementsAre("lab1", "lab2"));

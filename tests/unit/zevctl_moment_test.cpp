@@ -30,6 +30,28 @@ TEST(MomentTest, HasManyForms) {
   EXPECT_EQ(ParseMoment("3d", kNow), kNow - 3 * kDay);
   EXPECT_EQ(ParseMoment("1w", kNow), kNow - 7 * kDay);
   EXPECT_EQ(ParseMoment("0m", kNow), kNow);
+  EXPECT_EQ(ParseMoment("1h30m", kNow), kNow - 5400);
+  EXPECT_EQ(ParseMoment("1w2d3h4m5s", kNow), kNow - 9 * kDay - 3 * kHour - 245);
+  EXPECT_EQ(ParseMoment("today", kNow), midnight);
+  EXPECT_EQ(ParseMoment("yesterday", kNow), midnight - kDay);
+  EXPECT_EQ(ParseMoment("yesterday 08:05", kNow), midnight - kDay + 8 * kHour + 300);
+  EXPECT_EQ(ParseMoment("today 23:00", kNow), midnight + 23 * kHour);
+}
+
+TEST(MomentTest, WithoutADateIsTheLastOne) {
+  const Zone zone("ZON-2");
+  const time_t midnight = kNow - 10 * kHour;
+  EXPECT_EQ(ParseMoment("10:00", kNow), kNow);
+  EXPECT_EQ(ParseMoment("10:00:01", kNow), kNow + 1 - kDay);
+  EXPECT_EQ(ParseMoment("23:00", kNow), midnight - kHour);
+  EXPECT_EQ(ParseMoment("00:00", kNow), midnight);
+}
+
+TEST(MomentTest, OfAnotherDayKeepsItsTimeWhenClocksChange) {
+  const Zone zone("CET-1CEST,M3.5.0,M10.5.0/3");
+  const time_t noon = 1774778400;  // 2026-03-29 12:00 in summer time, which began that night
+  EXPECT_EQ(ParseMoment("23:00", noon), noon - 12 * kHour);
+  EXPECT_EQ(ParseMoment("yesterday 12:00", noon), noon - 23 * kHour);
 }
 
 TEST(MomentTest, RefusesOtherTexts) {
@@ -41,6 +63,14 @@ TEST(MomentTest, RefusesOtherTexts) {
                            "-15m",
                            "1.5h",
                            "9999999999s",
+                           "30m1h",
+                           "1h 30m",
+                           "1h1h",
+                           "h",
+                           "Yesterday",
+                           "yesterday-08:05",
+                           "yesterday 24:00",
+                           "yesterday 08:05Z",
                            "8:05",
                            "08:5",
                            "08:05:3",
