@@ -1,6 +1,5 @@
 #include "selection.h"
 
-#include <fnmatch.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -36,11 +35,6 @@ std::string Listed(const std::vector<std::string>& names) {
 }
 
 }  // namespace
-
-bool NameMatches(const std::string& name, const std::string& pattern) {
-  return strcasecmp(name.c_str(), pattern.c_str()) == 0 ||
-         fnmatch(pattern.c_str(), name.c_str(), FNM_CASEFOLD) == 0;
-}
 
 template <typename Record>
 std::vector<Record> Select(const std::vector<Record>& records,

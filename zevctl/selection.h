@@ -5,12 +5,9 @@
 #include <vector>
 
 #include "command_port.h"
+#include "name_match.h"
 
 namespace zevctl {
-
-/// True when the name is the pattern, or matches it as a shell pattern (fnmatch(3)). Case does not
-/// count, nor does it in the daemon's commands.
-bool NameMatches(const std::string& name, const std::string& pattern);
 
 /// The records whose names match at least one of the patterns, in the given order; all of them when
 /// there is no pattern. Throws Failure(kNoSuchConsole) for a pattern that matches none.
