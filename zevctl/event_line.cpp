@@ -8,6 +8,7 @@ namespace zevctl {
 
 namespace {
 
+constexpr char kConsoleEvents[] = "qor.zevd.console.";  // what their names begin with
 constexpr int kDeepest = 32;  // printing and destroying an object take stack for every level
 
 std::string TextOf(const Event& object, const char* key) {
@@ -16,11 +17,13 @@ std::string TextOf(const Event& object, const char* key) {
   return found->is_string() ? found->get<std::string>() : found->dump();
 }
 
-// The event's message; nothing when it has none.
-std::optional<std::string> MessageOf(const Event& event) {
+std::optional<std::string> Variable(const Event& event, const char* name) {
   const auto vars = event.find("vars");
-  if (vars == event.end() || !vars->is_object() || !vars->contains("message")) return {};
-  std::string message = TextOf(*vars, "message");
+  if (vars == event.end() || !vars->is_object() || !vars->contains(name)) return {};
+  return TextOf(*vars, name);
+}
+
+std::string WithoutLineEnd(std::string message) {
   if (message.ends_with('\n')) message.pop_back();
   if (message.ends_with('\r')) message.pop_back();
   return message;
@@ -51,13 +54,39 @@ bool HasPriority(const Event& event, int least) {
   return priority != event.end() && priority->is_number() && *priority >= least;
 }
 
-std::string EventAsText(const Event& event) {
-  std::string text =
-      TextOf(event, "time") + " " + TextOf(event, "priority") + " " + TextOf(event, "name");
-  if (const auto message = MessageOf(event)) text += ": " + *message;
+std::optional<std::string> ConsoleOf(const Event& event) {
+  if (!TextOf(event, "name").starts_with(kConsoleEvents)) return {};
+  return Variable(event, "name");
+}
+
+std::optional<std::string> MessageOf(const Event& event) {
+  return Variable(event, "message");
+}
+
+void AddOrigin(Event& event, const std::string& console,
+               const std::optional<std::string>& pattern) {
+  event["console"] = console;
+  event["pattern"] = pattern ? Event(*pattern) : Event(nullptr);
+}
+
+std::string EventColumns::Line(const Event& event) {
+  const bool has_console = ConsoleOf(event).has_value();
+  std::string text = TextOf(event, "time") + " " + Padded(TextOf(event, "priority"), priority_) +
+                     " " + Padded(ConsoleOf(event).value_or("-"), console_) + " " +
+                     TextOf(event, has_console ? "pattern" : "name");
+  if (const auto message = MessageOf(event)) text += ": " + WithoutLineEnd(*message);
   text += RepeatsOf(event);
   std::replace(text.begin(), text.end(), '\t', ' ');
   return Printable(text);
+}
+
+// What is too wide for its column does not widen it.
+std::string EventColumns::Padded(std::string text, size_t& width) {
+  constexpr size_t kWidest = 32;
+  text = Printable(text);
+  if (text.size() <= kWidest) width = std::max(width, text.size());
+  text.resize(std::max(text.size(), width), ' ');
+  return text;
 }
 
 std::string EventAsJson(const Event& event) {

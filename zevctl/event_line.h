@@ -18,9 +18,30 @@ std::optional<Event> ParseEvent(std::string_view line);
 /// True when the event has a priority of at least `least`.
 bool HasPriority(const Event& event, int least);
 
-/// "TIME PRIORITY NAME: MESSAGE", where "-" stands for what is missing; " (N times)" follows when
-/// the line stands for N equal events. Harmless on a terminal.
-std::string EventAsText(const Event& event);
+/// The console that an event is about; nothing when it is about none.
+std::optional<std::string> ConsoleOf(const Event& event);
+
+/// The event's message as it came.
+std::optional<std::string> MessageOf(const Event& event);
+
+/// Adds the keys "console" and "pattern" to the event of a console. `pattern`: the name of the
+/// pattern, if it is known; null stands for one that is not.
+void AddOrigin(Event& event, const std::string& console, const std::optional<std::string>& pattern);
+
+/// Events as lines for people, in columns that become wider as they must.
+class EventColumns {
+ public:
+  /// "TIME PRIORITY CONSOLE PATTERN: MESSAGE", where "-" stands for what is missing. An event that
+  /// is about no console has its own name in place of the pattern's. " (N times)" follows when the
+  /// line stands for N equal events. Harmless on a terminal.
+  std::string Line(const Event& event);
+
+ private:
+  static std::string Padded(std::string text, size_t& width);
+
+  size_t priority_ = 0;
+  size_t console_ = 0;
+};
 
 /// The object on one line.
 std::string EventAsJson(const Event& event);

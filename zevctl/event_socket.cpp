@@ -26,7 +26,8 @@ std::string Directory(const std::string& path) {
 }
 
 Failure Failed(const std::string& what, const std::string& path, int error) {
-  return {ExitStatus::kFailed, what + " " + Printable(path) + ": " + strerror(error)};
+  return {ExitStatus::kFailed, what + " " + Printable(path) + ": " + strerror(error) +
+                                   "; mend that, or give another path with --socket"};
 }
 
 /// Held while the socket is made or removed: two programs that start at once must not both find
@@ -47,7 +48,8 @@ sockaddr_un AddressOf(const std::string& path) {
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof address.sun_path) {
     throw Failure(ExitStatus::kUsage, "--socket: a path of a socket has 1 to " +
-                                          std::to_string(sizeof address.sun_path - 1) + " bytes");
+                                          std::to_string(sizeof address.sun_path - 1) +
+                                          " bytes; give a shorter one");
   }
   memcpy(address.sun_path, path.data(), path.size());
   return address;
@@ -55,7 +57,10 @@ sockaddr_un AddressOf(const std::string& path) {
 
 Descriptor NewSocket() {
   Descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!made) throw Failure(ExitStatus::kFailed, std::string("no socket: ") + strerror(errno));
+  if (!made)
+    throw Failure(ExitStatus::kFailed,
+                  std::string("no socket: ") + strerror(errno) +
+                      "; end other programs, or raise the limit with ulimit -n");
   return made;
 }
 

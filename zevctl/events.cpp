@@ -15,7 +15,9 @@
 #include <optional>
 
 #include "event_line.h"
+#include "event_pattern.h"
 #include "event_socket.h"
+#include "local_only.h"
 #include "output.h"
 #include "program.h"
 #include "standard_output.h"
@@ -58,7 +60,9 @@ class Output {
   void WriteSome() {
     output_.WriteSome();
     if (waits() || dropped_ == 0) return;
-    Warn(std::to_string(dropped_) + " events are missing here: the output was not read in time");
+    Warn(std::to_string(dropped_) +
+         " events are missing here: the output was not read in time; write it to a file, or take "
+         "fewer with --priority");
     dropped_ = 0;
   }
 
@@ -90,6 +94,7 @@ class Collector {
   void ReceiveFrom(const std::vector<pollfd>& awaited);
   bool Receive(Connection& connection);
   void Handle(std::string_view line);
+  void NamePattern(Event& event);
 
   const Settings& settings_;
   const EventsOptions& options_;
@@ -97,6 +102,8 @@ class Collector {
   EventSocket socket_;
   bool full_ = false;  // no more connections until one has ended
   std::list<Connection> connections_;
+  PatternNames patterns_{kStationRoot};
+  EventColumns columns_;
   Output output_;
 };
 
@@ -151,22 +158,37 @@ bool Collector::Receive(Connection& connection) {
   }
   connection.lines.Add({bytes, static_cast<size_t>(count)}, handle, [] {
     Warn("a line of more than " + std::to_string(LineCutter::kLongestLine) +
-         " bytes came in and was dropped; the daemon does not send such lines");
+         " bytes came in and was dropped; the daemon sends no such lines, so see what else "
+         "writes to the socket");
   });
   return true;
 }
 
 void Collector::Handle(std::string_view line) {
-  const auto event = ParseEvent(line);
+  auto event = ParseEvent(line);
   if (!event) {
-    Warn("this came in and is no event: " + Printable(line.substr(0, kShownOfBadLine)));
+    Warn("this is no event and is left out: \"" + Printable(line.substr(0, kShownOfBadLine)) +
+         "\"; see what else writes to the socket");
     return;
   }
   if (options_.priority && !HasPriority(*event, *options_.priority)) return;
-  output_.Add((settings_.json ? EventAsJson(*event) : EventAsText(*event)) + "\n");
+  NamePattern(*event);
+  output_.Add((settings_.json ? EventAsJson(*event) : columns_.Line(*event)) + "\n");
+}
+
+void Collector::NamePattern(Event& event) {
+  const auto console = ConsoleOf(event);
+  if (!console) return;
+  const auto priority = event.find("priority");
+  const bool has_priority = priority != event.end() && priority->is_number_integer();
+  AddOrigin(event, *console,
+            has_priority
+                ? patterns_.Find(*console, priority->get<int>(), MessageOf(event).value_or(""))
+                : std::nullopt);
 }
 
 ExitStatus RunEvents(const Settings& settings, const EventsOptions& options) {
+  RequireThisHost(settings, "events", "the event socket");
   Collector collector(settings, options);
   try {
     collector.Run();

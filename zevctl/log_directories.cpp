@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <fnmatch.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include <numeric>
 #include <utility>
 
+#include "name_match.h"
 #include "output.h"
 
 namespace zevctl {
@@ -62,19 +62,6 @@ bool Exists(const std::string& name, const LogNames& existing, Case letters) {
   const std::string folded = Folded(name, letters);
   return std::any_of(existing.begin(), existing.end(),
                      [&](const std::string& other) { return Folded(other, letters) == folded; });
-}
-
-// A console has the name of its pattern before its first event or after it.
-bool MatchesPattern(const std::string& pattern, std::string_view name) {
-  const auto matches = [&](const std::string& form) {
-    return fnmatch(pattern.c_str(), form.c_str(), FNM_CASEFOLD) == 0;
-  };
-  std::string form(name);
-  if (matches(form)) return true;
-  std::replace(form.begin(), form.end(), '_', '-');
-  if (matches(form)) return true;
-  std::replace(form.begin(), form.end(), '-', '_');
-  return matches(form);
 }
 
 Failure Ambiguous(const std::string& name, const std::map<std::string, std::string>& found) {
@@ -156,7 +143,8 @@ bool WantedLogs::Has(std::string_view name) const {
 
 // The consolidated log repeats what is in the others.
 bool WantedLogs::Wanted::Has(std::string_view other) const {
-  if (by == By::kPattern) return other != kConsolidatedName && MatchesPattern(name, other);
+  if (by == By::kPattern)
+    return other != kConsolidatedName && NameMatches(std::string(other), name);
   return name == Folded(other, by == By::kName ? Case::kIgnored : Case::kCounts);
 }
 
@@ -170,11 +158,9 @@ bool IsPattern(const std::string& name, const LogNames& existing) {
 
 std::string MeantName(const std::string& name, const LogNames& existing) {
   if (IsPattern(name, existing) || Exists(name, existing, Case::kIgnored)) return name;
-  const std::string start = Folded(name, Case::kIgnored);
   std::map<std::string, std::string> found;  // one of each console, by the form that is compared
   for (const std::string& other : existing) {
-    std::string folded = Folded(other, Case::kIgnored);
-    if (folded.starts_with(start)) found.emplace(std::move(folded), other);
+    if (NameBeginsWith(other, name)) found.emplace(Folded(other, Case::kIgnored), other);
   }
   if (found.size() > 1) throw Ambiguous(name, found);
   return found.empty() ? name : found.begin()->second;

@@ -123,7 +123,7 @@ def test_an_event_is_shown(station, box, receive):
     receiver = receive()
     box.send(b"Disk \x1b[1msda\tERROR\r\n")
     line, = receiver.wait_lines(1)
-    assert re.fullmatch(TIME + r" 300 qor\.zevd\.console\.box: Disk \?\[1msda ERROR", line)
+    assert re.fullmatch(TIME + r" 300 box any: Disk \?\[1msda ERROR", line)
     assert receiver.warnings() == []
 
 
@@ -133,7 +133,7 @@ def test_an_event_is_shown_as_json(station, box, receive):
     line, = receiver.wait_lines(1)
     shape = (r'\{"time":"' + TIME + r'","host":"' + re.escape(socket.gethostname())
              + r'","name":"qor\.zevd\.console\.box","priority":300,"vars":\{"name":"box",'
-             r'"message":"Disk \ufffd\\u001b ERROR\\n"\}\}')
+             r'"message":"Disk \ufffd\\u001b ERROR\\n"\},"console":"box","pattern":"any"\}')
     assert re.fullmatch(shape, line), line
 
 
@@ -142,7 +142,7 @@ def test_an_error_of_the_daemon_is_shown(station, receive):
     station.events.rmdir()
     station.start()
     line, = receiver.wait_lines(1)
-    assert re.fullmatch(TIME + r" 700 qor\.zevd\.daemon\.error\.events directory not found: "
+    assert re.fullmatch(TIME + r" 700 - qor\.zevd\.daemon\.error\.events directory not found: "
                         "events directory not found", line)
 
 
@@ -150,11 +150,11 @@ def test_events_can_be_selected_by_priority(station, box, receive):
     receiver = receive("--priority", "300")
     box.send(b"warning 1\nerror 2\n")
     line, = receiver.wait_lines(1)
-    assert line.endswith(" 300 qor.zevd.console.box: error 2")
+    assert line.endswith(" 300 box any: error 2")
     with Poster(receiver.path) as poster:
         poster.send(b'{"name": "none"}\n', b'{"name": "text", "priority": "400"}\n', event(3, 299),
                     event(4, 300))
-        assert receiver.wait_lines(2)[1] == "t 300 n: 4"
+        assert receiver.wait_lines(2)[1] == "t 300 -   n: 4"
 
 
 def test_every_event_is_shown_at_once(station, box, receive):
@@ -185,7 +185,7 @@ def test_many_connections_can_be_open_at_once(station, receive):
         for number, poster in enumerate(posters):
             poster.send(event(number))
         found = receiver.wait_lines(300)
-    assert sorted(found) == sorted(f"t 100 n: {number}" for number in range(300))
+    assert sorted(found) == sorted(f"t 100 - n: {number}" for number in range(300))
 
 
 def test_connections_beyond_the_limit_wait(station, receive):
@@ -201,7 +201,7 @@ def test_connections_beyond_the_limit_wait(station, receive):
         assert len(receiver.lines()) < 40
         for poster in posters:
             poster.close()
-        assert sorted(receiver.wait_lines(40)) == sorted(f"t 100 n: {n}" for n in range(40))
+        assert sorted(receiver.wait_lines(40)) == sorted(f"t 100 - n: {n}" for n in range(40))
 
 
 def test_a_line_that_is_not_an_event_is_reported_and_skipped(station, receive):
@@ -209,10 +209,10 @@ def test_a_line_that_is_not_an_event_is_reported_and_skipped(station, receive):
     with Poster(receiver.path) as poster:
         poster.send(event(1), b"\x1b[2J no " + b"x" * 100 + b"\n", b"[1]\n", b"\n",
                     b'{"a": ' * 1000 + b"\n", event(2))
-        assert receiver.wait_lines(2) == ["t 100 n: 1", "t 100 n: 2"]
+        assert receiver.wait_lines(2) == ["t 100 - n: 1", "t 100 - n: 2"]
     wait_until(lambda: len(receiver.warnings()) >= 4, what="the messages")
     assert receiver.warnings() == [
-        f"zevctl: this came in and is no event: {shown}"
+        f'zevctl: this is no event and is left out: "{shown}"; see what else writes to the socket'
         for shown in ("?[2J no " + "x" * 52, "[1]", "", '{"a": ' * 10)]
 
 
@@ -221,13 +221,13 @@ def test_a_line_without_an_end_is_bounded(station, receive):
     with Poster(receiver.path) as poster, Poster(receiver.path) as other:
         poster.send(b"x" * 20_000_000)
         other.send(event(1))
-        assert receiver.wait_lines(1) == ["t 100 n: 1"]
+        assert receiver.wait_lines(1) == ["t 100 - n: 1"]
         poster.send(b"\n", event(2))
         receiver.wait_lines(2)
     wait_until(receiver.warnings, what="the message")
     assert receiver.warnings() == [
-        "zevctl: a line of more than 65536 bytes came in and was dropped; the daemon does not "
-        "send such lines"]
+        "zevctl: a line of more than 65536 bytes came in and was dropped; the daemon sends no such "
+        "lines, so see what else writes to the socket"]
     with open(f"/proc/{receiver.process.pid}/status", encoding="ascii") as status:
         peak = next(int(line.split()[1]) for line in status if line.startswith("VmHWM:"))
     with open(f"/proc/{receiver.process.pid}/maps", encoding="latin-1") as maps:
@@ -241,7 +241,7 @@ def test_a_line_may_come_in_pieces_or_without_an_end(station, receive):
         for byte in event(1):
             poster.send(bytes([byte]))
         poster.send(event(2).rstrip(b"\n"))
-    assert receiver.wait_lines(2) == ["t 100 n: 1", "t 100 n: 2"]
+    assert receiver.wait_lines(2) == ["t 100 - n: 1", "t 100 - n: 2"]
 
 
 def test_a_slow_reader_delays_nobody(station, receive):
@@ -253,17 +253,18 @@ def test_a_slow_reader_delays_nobody(station, receive):
         poster.send(*(event(number).replace(b'"n"', b'"n%s"' % padding) for number in range(count)))
         # After the last event, to see that all have been read.
         poster.send(b"end\n")
-        wait_until(lambda: receiver.warnings() == ["zevctl: this came in and is no event: end"],
+        wait_until(lambda: receiver.warnings() == ['zevctl: this is no event and is left out: "end"; see what '
+                   'else writes to the socket'],
                    60, "everything to be taken")
         wait_until(lambda: receiver.lines() and len(receiver.warnings()) == 2, 60, "the rest")
     missing = re.fullmatch(r"zevctl: (\d+) events are missing here: the output was not read in "
-                           "time", receiver.warnings()[1])
+                           "time; write it to a file, or take fewer with --priority", receiver.warnings()[1])
     assert missing and int(missing[1]) > 0
     shown = receiver.wait_lines(count - int(missing[1]))
-    assert shown == [f"t 100 n{padding.decode()}: {number}" for number in range(len(shown))]
+    assert shown == [f"t 100 - n{padding.decode()}: {number}" for number in range(len(shown))]
     with Poster(receiver.path) as poster:
         poster.send(event(count))
-        assert receiver.wait_lines(len(shown) + 1)[-1] == f"t 100 n: {count}"
+        assert receiver.wait_lines(len(shown) + 1)[-1] == f"t 100 - n: {count}"
 
 
 # The socket
@@ -340,3 +341,9 @@ def test_invalid_command_lines_are_refused(arguments):
     done = zevctl.run(None, "events", *arguments)
     assert (done.returncode, done.stdout) == (zevctl.USAGE, "")
     assert done.stderr
+
+
+def test_another_host_is_refused():
+    zevctl.refuse(None, zevctl.USAGE, '--host: "events" works with the event socket of this '
+                  'machine; run it there with "ssh far zevctl events", or leave out --host and '
+                  "ZEVCTL_HOST", "events", "--host", "far")

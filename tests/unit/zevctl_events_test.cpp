@@ -19,6 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
@@ -26,9 +27,11 @@ constexpr char kLine[] =
     R"({"time": "2026-11-21T09:25:48+00:00", "host": "station", "name": "qor.zevd.console.lab1", )"
     R"("priority": 300, "vars": {"name": "lab1", "message": "Disk sda ERROR\u000a"}})";
 
+const std::string kAdvice = "mend that, or give another path with --socket";
+
 std::string Text(const std::string& line) {
   const auto event = ParseEvent(line);
-  return event ? EventAsText(*event) : "no event";
+  return event ? EventColumns().Line(*event) : "no event";
 }
 
 std::string Json(const std::string& line) {
@@ -39,7 +42,34 @@ std::string Json(const std::string& line) {
 // ---- Events -------------------------------------------------------------------------------------
 
 TEST(EventLineTest, IsShownOnOneLine) {
-  EXPECT_EQ(Text(kLine), "2026-11-21T09:25:48+00:00 300 qor.zevd.console.lab1: Disk sda ERROR");
+  EXPECT_EQ(Text(kLine), "2026-11-21T09:25:48+00:00 300 lab1 -: Disk sda ERROR");
+}
+
+TEST(EventLineTest, NamesConsoleAndPattern) {
+  auto event = *ParseEvent(kLine);
+  EXPECT_EQ(ConsoleOf(event), "lab1");
+  EXPECT_EQ(MessageOf(event), "Disk sda ERROR\n");
+  AddOrigin(event, "lab1", "disk");
+  EXPECT_EQ(EventColumns().Line(event), "2026-11-21T09:25:48+00:00 300 lab1 disk: Disk sda ERROR");
+  EXPECT_THAT(EventAsJson(event), EndsWith(R"(,"console":"lab1","pattern":"disk"})"));
+  AddOrigin(event, "lab1", std::nullopt);
+  EXPECT_THAT(EventAsJson(event), EndsWith(R"(,"console":"lab1","pattern":null})"));
+  EXPECT_EQ(ConsoleOf(*ParseEvent(R"({"name": "n", "vars": {"name": "lab1"}})")), std::nullopt);
+  EXPECT_EQ(ConsoleOf(*ParseEvent(R"({"name": "qor.zevd.console.lab1"})")), std::nullopt);
+}
+
+TEST(EventLineTest, HasColumnsThatGrow) {
+  EventColumns columns;
+  const auto line = [&](int priority, const std::string& console) {
+    return columns.Line(*ParseEvent(R"({"time": "t", "name": "qor.zevd.console.x", "priority": )" +
+                                    std::to_string(priority) + R"(, "vars": {"name": ")" + console +
+                                    "\"}}"));
+  };
+  EXPECT_EQ(line(300, "lab1"), "t 300 lab1 -");
+  EXPECT_EQ(line(1, "rack7_1"), "t 1   rack7_1 -");
+  EXPECT_EQ(line(300, "lab1"), "t 300 lab1    -");
+  EXPECT_EQ(line(300, std::string(64, 'x')), "t 300 " + std::string(64, 'x') + " -");
+  EXPECT_EQ(line(300, "lab1"), "t 300 lab1    -");
 }
 
 TEST(EventLineTest, KeepsItsOrderAsJson) {
@@ -52,33 +82,34 @@ TEST(EventLineTest, LosesOneLineEnd) {
   const auto shown = [](const std::string& message) {
     return Text(R"({"name": "n", "vars": {"message": ")" + message + "\"}}");
   };
-  EXPECT_EQ(shown(R"(a\n)"), "- - n: a");
-  EXPECT_EQ(shown(R"(a\r)"), "- - n: a");
-  EXPECT_EQ(shown(R"(a\r\n)"), "- - n: a");
-  EXPECT_EQ(shown(R"(a\n\n)"), "- - n: a?");
-  EXPECT_EQ(shown(R"(\n)"), "- - n: ");
+  EXPECT_EQ(shown(R"(a\n)"), "- - - n: a");
+  EXPECT_EQ(shown(R"(a\r)"), "- - - n: a");
+  EXPECT_EQ(shown(R"(a\r\n)"), "- - - n: a");
+  EXPECT_EQ(shown(R"(a\n\n)"), "- - - n: a?");
+  EXPECT_EQ(shown(R"(\n)"), "- - - n: ");
 }
 
 TEST(EventLineTest, IsHarmless) {
   EXPECT_EQ(Text(R"({"time": "\u001b[2J", "priority": "\u0007", "name": "a\tb\u009bc",)"
                  R"( "vars": {"message": "\u001b]0;x\u0007 é"}})"),
-            "?[2J ? a b?c: ?]0;x? é");
+            "?[2J ? - a b?c: ?]0;x? é");
 }
 
 TEST(EventLineTest, ShowsWhatIsMissing) {
-  EXPECT_EQ(Text("{}"), "- - -");
-  EXPECT_EQ(Text(R"({"time": null, "priority": 1.5, "name": ["x"], "vars": []})"), "- 1.5 [\"x\"]");
-  EXPECT_EQ(Text(R"({"name": "n", "vars": {"message": 7}})"), "- - n: 7");
-  EXPECT_EQ(Text(R"({"name": "n", "vars": {"other": "x"}})"), "- - n");
+  EXPECT_EQ(Text("{}"), "- - - -");
+  EXPECT_EQ(Text(R"({"time": null, "priority": 1.5, "name": ["x"], "vars": []})"),
+            "- 1.5 - [\"x\"]");
+  EXPECT_EQ(Text(R"({"name": "n", "vars": {"message": 7}})"), "- - - n: 7");
+  EXPECT_EQ(Text(R"({"name": "n", "vars": {"other": "x"}})"), "- - - n");
 }
 
 TEST(EventLineTest, ShowsHowManyEventsItStandsFor) {
   EXPECT_EQ(Text(R"({"time": "t", "priority": 700, "name": "qor.zevd.daemon.error.Internal error",)"
                  R"( "vars": {"message": "Internal error"}, "repeats": 314})"),
-            "t 700 qor.zevd.daemon.error.Internal error: Internal error (314 times)");
-  EXPECT_EQ(Text(R"({"name": "n", "repeats": 1})"), "- - n (1 times)");
+            "t 700 - qor.zevd.daemon.error.Internal error: Internal error (314 times)");
+  EXPECT_EQ(Text(R"({"name": "n", "repeats": 1})"), "- - - n (1 times)");
   for (const char* no_number : {"null", "-1", "\"7\"", "1.5", "[]"}) {
-    EXPECT_EQ(Text(R"({"name": "n", "repeats": )" + std::string(no_number) + "}"), "- - n")
+    EXPECT_EQ(Text(R"({"name": "n", "repeats": )" + std::string(no_number) + "}"), "- - - n")
         << no_number;
   }
   EXPECT_EQ(Json(R"({"name": "n", "vars": {}, "repeats": 314})"),
@@ -87,7 +118,7 @@ TEST(EventLineTest, ShowsHowManyEventsItStandsFor) {
 
 TEST(EventLineTest, IsMadeValidUtf8) {
   EXPECT_EQ(Json("{\"name\": \"\xff\xc3(\"}"), "{\"name\":\"\xEF\xBF\xBD\xEF\xBF\xBD(\"}");
-  EXPECT_EQ(Text("{\"name\": \"\xff\"}"), "- - \xEF\xBF\xBD");
+  EXPECT_EQ(Text("{\"name\": \"\xff\"}"), "- - - \xEF\xBF\xBD");
 }
 
 TEST(EventLineTest, MustBeAnObject) {
@@ -270,8 +301,8 @@ TEST_F(EventSocketTest, LeavesASocketWhoseQueueIsFull) {
 
 TEST_F(EventSocketTest, LeavesASocketOfAnotherType) {
   const Descriptor other = Bound(SOCK_DGRAM, false);
-  EXPECT_EQ(Refusal(),
-            "cannot use the socket " + path().string() + ": Protocol wrong type for socket");
+  EXPECT_EQ(Refusal(), "cannot use the socket " + path().string() +
+                           ": Protocol wrong type for socket; " + kAdvice);
   EXPECT_TRUE(fs::exists(path()));
 }
 
@@ -305,8 +336,10 @@ TEST_F(EventSocketTest, NeedsTheParentOfItsDirectory) {
     const EventSocket made("/nonexistent/run/socket");
     FAIL() << "nothing was thrown";
   } catch (const Failure& failure) {
-    EXPECT_STREQ(failure.what(),
-                 "cannot make the directory /nonexistent/run: No such file or directory");
+    EXPECT_STREQ(
+        failure.what(),
+        ("cannot make the directory /nonexistent/run: No such file or directory; " + kAdvice)
+            .c_str());
   }
 }
 
@@ -317,7 +350,8 @@ TEST_F(EventSocketTest, HasAPathOfLimitedLength) {
       FAIL() << "nothing was thrown";
     } catch (const Failure& failure) {
       EXPECT_EQ(failure.status(), ExitStatus::kUsage);
-      EXPECT_STREQ(failure.what(), "--socket: a path of a socket has 1 to 107 bytes");
+      EXPECT_STREQ(failure.what(),
+                   "--socket: a path of a socket has 1 to 107 bytes; give a shorter one");
     }
   }
 }
