@@ -107,7 +107,7 @@ def test_the_readmes_lines_make_a_station(isolated, program, tmp_path):
     newcomer.follow("Attach")
     assert "Attached to lab1 (shared)." in newcomer.screen()
     newcomer.follow("Logs and events")
-    event = re.compile(r"^\S+ 300 qor\.zevd\.console\.lab1: .*disk error$", re.MULTILINE)
+    event = re.compile(r"^\S+ 300 lab1 disk_error: .*disk error$", re.MULTILINE)
     wait_until(lambda: event.search(newcomer.screen()), what="the event")
     configured = settings.STANDARD_ROOT / "config/zev.conf"
     configured.write_text(configured.read_text() + 'lab2 127.0.0.1 1 0 0 A200 r "OS" 1 0 0 0 "" \n')

@@ -253,12 +253,13 @@ def test_a_slow_reader_delays_nobody(station, receive):
         poster.send(*(event(number).replace(b'"n"', b'"n%s"' % padding) for number in range(count)))
         # After the last event, to see that all have been read.
         poster.send(b"end\n")
-        wait_until(lambda: receiver.warnings() == ['zevctl: this is no event and is left out: "end"; see what '
-                   'else writes to the socket'],
-                   60, "everything to be taken")
+        end = ('zevctl: this is no event and is left out: "end"; see what else writes to the '
+               "socket")
+        wait_until(lambda: receiver.warnings() == [end], 60, "everything to be taken")
         wait_until(lambda: receiver.lines() and len(receiver.warnings()) == 2, 60, "the rest")
     missing = re.fullmatch(r"zevctl: (\d+) events are missing here: the output was not read in "
-                           "time; write it to a file, or take fewer with --priority", receiver.warnings()[1])
+                           "time; write it to a file, or take fewer with --priority",
+                           receiver.warnings()[1])
     assert missing and int(missing[1]) > 0
     shown = receiver.wait_lines(count - int(missing[1]))
     assert shown == [f"t 100 - n{padding.decode()}: {number}" for number in range(len(shown))]
