@@ -88,6 +88,8 @@ def _fill(copy: Path, devices: Path) -> None:
         elif stat.S_ISDIR(mode):
             here.mkdir()
             subprocess.run(["mount", "--rbind", device, here], check=True)
+        elif device.name == "ptmx":
+            here.symlink_to("pts/ptmx")  # finds its terminals beside itself, so not when mounted
         elif stat.S_ISCHR(mode):
             here.touch()
             subprocess.run(["mount", "--bind", device, here], check=True)
