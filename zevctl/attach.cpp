@@ -96,7 +96,7 @@ class Attachment {
 ExitStatus Attachment::AttachOnce() {
   Opening opening =
       OpenMainPort(settings_, credentials_,
-                   options_.console + " mode=" + options_.mode + " user=" + UserName(settings_));
+                   options_.console + " mode=" + options_.mode + " " + Introduction(settings_));
   known_ = true;
   told_.clear();
   const SessionResult result = RunSession(std::move(opening), session_);

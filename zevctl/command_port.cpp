@@ -112,8 +112,7 @@ CommandError::CommandError(const std::string& text) : Failure(StatusOfError(text
 
 CommandPort::CommandPort(const Settings& settings, Credentials& credentials)
     : opening_(OpenMainPort(settings, credentials,
-                            std::string(kCommandPortName) + " user=" + UserName(settings),
-                            kProbe)) {
+                            std::string(kCommandPortName) + " " + Introduction(settings), kProbe)) {
   const Header header = ReadHeader();
   if (header.type != zevd::kErrorFollows) ThrowGarbled();
   ReadBytes(header.count);

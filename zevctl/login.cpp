@@ -227,6 +227,11 @@ std::string UserName(const Settings& settings) {
   return name;
 }
 
+std::string Introduction(const Settings& settings) {
+  const std::string user = "user=" + UserName(settings);
+  return settings.from.empty() ? user : user + " addr=" + settings.from;
+}
+
 Opening OpenMainPort(const Settings& settings, Credentials& credentials, const std::string& line,
                      std::string_view probe) {
   bool used_cookie = false;

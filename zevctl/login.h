@@ -83,6 +83,9 @@ struct Opening {
 /// The name under which the user appears to others: that of --user, or else the login name.
 std::string UserName(const Settings& settings);
 
+/// The words of the first line that say who comes: user=NAME and, where one is given, addr=ADDRESS.
+std::string Introduction(const Settings& settings);
+
 /// Connects, sends the line (given without its end; the cookie goes in front where it can be used),
 /// and logs in where asked. Where the connection stays on this machine, neither cookie nor password
 /// is sent unless the listener is the station's (listener.h). `probe` is sent right after the line

@@ -41,6 +41,11 @@ void AddStationOptions(CLI::App& app, Settings& settings) {
       ->excludes(cookie_file);
   app.add_option("--user", settings.user, "Name that others see; your login name if not given")
       ->check(RefuseBlanks);
+  app.add_option(
+         "--from", settings.from,
+         "Address that others see, when somebody from elsewhere types; the connection's own "
+         "if not given")
+      ->check(RefuseBlanks);
   app.add_flag("--json", settings.json, "Print data as JSON");
 }
 

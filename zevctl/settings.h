@@ -16,6 +16,7 @@ struct Settings {
   bool cookie_file_given = false;  ///< then it must be readable
   bool tunnel = false;  ///< the port is a tunnel of the calling user's: no cookie, but a password
   std::string user;     ///< the name that others see; empty for the login name
+  std::string from;     ///< the address that others see; empty for the connection's own
   bool json = false;
 };
 
