@@ -7,6 +7,7 @@ import socket
 import stat
 import subprocess
 import tempfile
+import threading
 from pathlib import Path
 
 import pytest
@@ -59,6 +60,31 @@ class SystemLog:
         wait_until(lambda: len(self.entries(what)) >= count, limit,
                    f"{count} entries of {what!r} in {self.raw()}")
         return self.entries(what)
+
+
+class SharedSystemLog(SystemLog):
+    """The log when other programs write to it as well; the entries are the daemon's alone.
+
+    It is read all the time, as those programs would wait for a log that nobody reads.
+    """
+
+    def __init__(self, path: Path) -> None:
+        super().__init__(path)
+        self._reader = threading.Thread(target=self._read)
+        self._reader.start()
+
+    def _read(self) -> None:
+        self._socket.setblocking(True)
+        while entry := self._socket.recv(65536):
+            self._taken.append(entry)
+
+    def close(self) -> None:
+        self._socket.shutdown(socket.SHUT_RD)
+        self._reader.join()
+        super().close()
+
+    def raw(self) -> list[bytes]:
+        return [entry for entry in self._taken if re.search(rb" zevd\[\d+\]: ", entry)]
 
 
 def parse(entry: bytes) -> dict[str, str]:
@@ -120,3 +146,13 @@ def system_log(isolated):
     devices = enter_private_devices()
     yield SystemLog(devices / "log")
     unmount(devices)  # the next test's namespace begins as a copy of this one
+
+
+@pytest.fixture
+def shared_system_log(isolated):
+    """The same for a test whose other programs write to it, too."""
+    devices = enter_private_devices()
+    log = SharedSystemLog(devices / "log")
+    yield log
+    log.close()
+    unmount(devices)
