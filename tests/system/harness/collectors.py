@@ -111,29 +111,32 @@ class CollectorProgram:
 
 
 MANUAL = settings.REPOSITORY / "docs" / "operating.md"
+RECIPE = settings.REPOSITORY / "packaging" / "recipes" / "rsyslog" / "50-zevd-events.conf"
 
 
-def _from_manual(shape: str, station: Station, file: Path) -> str:
-    """The text that the manual tells operators to copy, with the paths of this station."""
-    found = re.search(shape, MANUAL.read_text(encoding="utf-8"), re.DOTALL)
-    assert found, f"{MANUAL} has no {shape!r}"
-    return found[1].replace("/usr/opt/qor", str(station.root)).replace(
-        "/var/log/zevd-events.log", str(file))
+def _adapted(text: str, station: Station, file: Path) -> str:
+    """A text that operators copy, with the paths and the owner of this station."""
+    for theirs, ours in {"/usr/opt/qor": str(station.root), "/var/log/zevd-events.log": str(file),
+                         'fileOwner="zevd"': 'fileOwner="root"'}.items():
+        text = text.replace(theirs, ours)
+    return text
 
 
 def rsyslog(station: Station, directory: Path) -> CollectorProgram:
-    """The system log daemon, with nothing but the manual's configuration."""
+    """The system log daemon, with nothing but the recipe's configuration."""
     program = shutil.which("rsyslogd", path=f"{os.environ['PATH']}:/usr/sbin")
     assert program, "rsyslog is not installed"
     file = directory / "events.log"
     configuration = directory / "rsyslog.conf"
     configuration.write_text(f'global(workDirectory="{directory}")\n'
-                             + _from_manual(r"<<'END'\n(.*?\n)END\n", station, file))
+                             + _adapted(RECIPE.read_text(encoding="utf-8"), station, file))
     return CollectorProgram(station, [program, "-n", "-iNONE", "-f", str(configuration)], file)
 
 
 def socat(station: Station, directory: Path) -> CollectorProgram:
     """The smallest collector, with the manual's command."""
     file = directory / "events.log"
-    command = _from_manual(r"\n(socat -u .*?)\n```", station, file)
-    return CollectorProgram(station, shlex.split(command.replace("\\\n", " ")), file)
+    found = re.search(r"\n(socat -u .*?)\n```", MANUAL.read_text(encoding="utf-8"), re.DOTALL)
+    assert found, f"{MANUAL} has no command"
+    command = _adapted(found[1].replace("\\\n", " "), station, file)
+    return CollectorProgram(station, shlex.split(command), file)
