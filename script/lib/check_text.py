@@ -16,6 +16,7 @@ REPOSITORY = Path(__file__).resolve().parents[2]
 NOT_OURS = {".git", "build", "__pycache__", ".pytest_cache", ".cache"}
 INPUTS = REPOSITORY / "tests/fuzz/corpus"  # any bytes at all
 PYTHON_AND_SHELL = {".py", ""}
+MAKEFILES = {REPOSITORY / "debian/rules"}  # whose recipes begin with a tab
 LONGEST = 100
 DRAWN = re.compile(r" *(//|#|/\*) --+( |-|$)")
 RULE = re.compile(r"(// ---- \S.* -+|# ---- \S.* -+|/\* ---- \S.* -+ \*/)")
@@ -33,7 +34,7 @@ def tree() -> Iterator[Path]:
 def line_findings(path: Path, line: str) -> Iterator[str]:
     if line != line.rstrip():
         yield "white space at the end of the line"
-    if "\t" in line:
+    if "\t" in (line.removeprefix("\t") if path in MAKEFILES else line):
         yield "tab"
     if path.suffix in PYTHON_AND_SHELL and len(line) > LONGEST:
         yield f"longer than {LONGEST} characters"
