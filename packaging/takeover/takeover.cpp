@@ -6,9 +6,11 @@
 // elsewhere. What is left alone is named.
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -70,13 +72,21 @@ void Say(const std::string& path, const char* what) {
   fprintf(stderr, "zevd-takeover: %s: %s\n", Shown(path).c_str(), what);
 }
 
+// Opens an entry for examination, whatever it is; fails with EXDEV at the root of a mount. Numbers
+// of devices do not tell where one begins: an overlay has several.
+Descriptor OpenEntry(int directory, const char* name) {
+  open_how how = {};
+  how.flags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+  how.resolve = RESOLVE_NO_XDEV;
+  return Descriptor(static_cast<int>(syscall(SYS_openat2, directory, name, &how, sizeof how)));
+}
+
 // Null when it may be given away.
-const char* ReasonToLeave(const struct stat& found, const Owner& owner, dev_t device) {
+const char* ReasonToLeave(const struct stat& found, const Owner& owner) {
   if (S_ISLNK(found.st_mode)) return "left alone: a symbolic link";
   if (!S_ISREG(found.st_mode) && !S_ISDIR(found.st_mode)) {
     return "left alone: neither a file nor a directory";
   }
-  if (found.st_dev != device) return "left alone: on another file system";
   if (S_ISREG(found.st_mode) && found.st_nlink != 1) return "left alone: the file has other names";
   if (S_ISREG(found.st_mode) && (found.st_mode & (S_ISUID | S_ISGID)) != 0) {
     return "left alone: the file runs as its owner or group";
@@ -92,24 +102,23 @@ class Takeover {
   explicit Takeover(const Owner& owner) : owner_(owner) {}
 
   /// `place` was opened with O_PATH.
-  void Take(const Descriptor& place, const std::string& path, dev_t device, int depth) {
+  void Take(const Descriptor& place, const std::string& path, int depth) {
     struct stat found {};
     if (fstat(place.get(), &found) != 0) return Fail(path);
-    if (const char* reason = ReasonToLeave(found, owner_, device))
-      return Leave(path, found, reason);
+    if (const char* reason = ReasonToLeave(found, owner_)) return Leave(path, found, reason);
     if (found.st_uid != owner_.user || found.st_gid != owner_.group) {
       if (fchownat(place.get(), "", owner_.user, owner_.group, AT_EMPTY_PATH) != 0) {
         return Fail(path);
       }
       ++counts_.given;
     }
-    if (S_ISDIR(found.st_mode)) TakeEntries(place, path, device, depth + 1);
+    if (S_ISDIR(found.st_mode)) TakeEntries(place, path, depth + 1);
   }
 
   const Counts& counts() const { return counts_; }
 
  private:
-  void TakeEntries(const Descriptor& place, const std::string& path, dev_t device, int depth) {
+  void TakeEntries(const Descriptor& place, const std::string& path, int depth) {
     if (depth > kDeepest) return Leave(path, {}, "left alone: too deep");
     const int fd = openat(place.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     DIR* directory = fd == -1 ? nullptr : fdopendir(fd);
@@ -121,9 +130,11 @@ class Takeover {
       const std::string name = entry->d_name;
       if (name == "." || name == "..") continue;
       const std::string inside = path + "/" + name;
-      const Descriptor found(openat(fd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+      const Descriptor found = OpenEntry(fd, name.c_str());
       if (found) {
-        Take(found, inside, device, depth);
+        Take(found, inside, depth);
+      } else if (errno == EXDEV) {
+        Leave(inside, {}, "left alone: something else is mounted there");
       } else if (errno != ENOENT) {
         Fail(inside);
       }
@@ -163,9 +174,7 @@ bool IsRootsOwn(const Descriptor& directory) {
 void TakeDirectory(Takeover& takeover, const Descriptor& root, const char* name) {
   const int follow = IsRootsOwn(root) ? 0 : O_NOFOLLOW;
   const Descriptor place(openat(root.get(), name, O_PATH | O_DIRECTORY | O_CLOEXEC | follow));
-  struct stat found {};
-  if (!place || fstat(place.get(), &found) != 0) return;
-  takeover.Take(place, std::string(kRoot) + "/" + name, found.st_dev, 0);
+  if (place) takeover.Take(place, std::string(kRoot) + "/" + name, 0);
 }
 
 }  // namespace
