@@ -1,4 +1,4 @@
-"""A station from the packages, under systemd and without root: what people and consoles do there."""
+"""A station from the packages, under systemd and without root: people, consoles, the service."""
 
 import errno
 import shutil

@@ -88,14 +88,15 @@ class Machine:
     def boot(self) -> "Machine":
         """Start it, and wait until it is up."""
         self._group.mkdir()
-        command = ["systemd-nspawn", "--quiet", f"--directory={self.root}", f"--machine={self.name}",
+        command = ["systemd-nspawn", "--quiet", f"--directory={self.root}",
+                   f"--machine={self.name}",
                    "--register=no", "--keep-unit", "--private-network", "--console=pipe",
                    "--link-journal=no", "--resolv-conf=off", "--timezone=off", "--boot"]
         with open(self._console, "wb") as console:
             self._container = subprocess.Popen(
                 # It ends with this process, whatever ends that.
-                ["setpriv", "--pdeathsig=KILL", "sh", "-c", 'echo $$ > "$1/cgroup.procs" && shift && exec "$@"', "sh",
-                 self._group, *command],
+                ["setpriv", "--pdeathsig=KILL", "sh", "-c",
+                 'echo $$ > "$1/cgroup.procs" && shift && exec "$@"', "sh", self._group, *command],
                 stdin=subprocess.DEVNULL, stdout=console, stderr=subprocess.STDOUT,
                 env={**os.environ, "SYSTEMD_NSPAWN_UNIFIED_HIERARCHY": "1"})
         self.first = wait_until(self._first_process, 20, "the machine's first process")
