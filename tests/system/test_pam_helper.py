@@ -382,6 +382,33 @@ def test_the_service_answers_the_daemons_user_alone(password_service, user, answ
     assert said == answer
 
 
+LOCKING = """auth required pam_faillock.so preauth silent nodelay deny=3 unlock_time=600
+auth [success=1 default=ignore] pam_unix.so nodelay
+auth [default=die] pam_faillock.so authfail nodelay deny=3 unlock_time=600
+auth sufficient pam_faillock.so authsucc deny=3 unlock_time=600
+@include common-account
+"""
+
+
+@pytest.mark.usefixtures("password_service")
+def test_the_service_counts_failures_with_other_services(zevd_user):
+    """Two are counted by a program with all rights, in a file that belongs to the user."""
+    counts = Path("/run/faillock")
+    counts.mkdir()
+    Path("/etc/pam.d/qor").write_text(LOCKING, encoding="ascii")
+    right, wrong = b"alice " + BLANKS, b"alice wrong"
+    assert [ended(begin(wrong)) for _ in range(2)] == [1, 1]
+    assert (counts / "alice").stat().st_uid == pwd.getpwnam("alice").pw_uid
+    assert ended(ask(zevd_user, right)) == 0, "which also forgets the two"
+    assert [ended(process) for process in (begin(wrong), begin(wrong))] == [1, 1]
+    assert ended(ask(zevd_user, wrong)) == 1
+    assert (ended(ask(zevd_user, right)), ended(begin(right))) == (1, 1), "locked for both"
+    (counts / "alice").unlink()
+    assert ended(ask(zevd_user, right)) == 0
+    assert [ended(process) for process in [ask(zevd_user, wrong) for _ in range(3)]] == [1] * 3
+    assert (ended(ask(zevd_user, right)), ended(begin(right))) == (1, 1), "counted by the service"
+
+
 def test_whoever_finds_no_room_calls_again(password_service, zevd_user):
     password_service.most = 2
     checks = [ask(zevd_user, b"alice " + BLANKS) for _ in range(10)]

@@ -36,6 +36,10 @@ exec setpriv --reuid={uid} --regid={gid} --clear-groups --inh-caps=-all --boundi
 """
 
 
+# The words before a command that is to run as root without any capability.
+WITHOUT_CAPABILITIES = ["setpriv", "--bounding-set=-all", "--inh-caps=-all", "--no-new-privs"]
+
+
 def as_user(uid: int) -> list[str]:
     """The words before a command that is to run as this user, without any right."""
     return ["setpriv", f"--reuid={uid}", f"--regid={UID}", "--clear-groups", "--inh-caps=-all"]
@@ -119,7 +123,8 @@ class PasswordService:
             self.turned_away += 1
             return
         self._running.append(subprocess.Popen(
-            [HELPER, "--service"], stdin=caller, stdout=subprocess.DEVNULL))
+            [*WITHOUT_CAPABILITIES, HELPER, "--service"], stdin=caller,
+            stdout=subprocess.DEVNULL))
 
     def close(self) -> None:
         """Serve nobody any more."""
