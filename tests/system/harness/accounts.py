@@ -2,19 +2,27 @@
 
 import contextlib
 import ctypes
+import os
 import shutil
+import subprocess
 from pathlib import Path
 
 import pytest
 
 from harness import settings
 from harness.helpers import private_copy
+from harness.waiting import LIMIT, stretched
 
 HELPER = settings.build_directory() / "bin" / "qor_pam_auth"
 SERVICE = settings.REPOSITORY / "packaging" / "pam.d" / "qor"
 
 UID = 64000
 BLANKS = b"two  words and a blank "
+
+# A service file by which {script} sees what PAM is told, and everybody is accepted.
+REPORTING = """auth required pam_exec.so quiet {script}
+account required pam_permit.so
+"""
 
 
 def hashed(password: bytes) -> str:
@@ -62,3 +70,21 @@ def accounts(station, tmp_path):
         made = Accounts(passwd, shadow)
         made.add("alice", hashed(BLANKS))
         yield made
+
+
+def begin(pair: bytes, *before: str, **variables: str) -> subprocess.Popen:
+    """Start a check of this input; `before` are words before the command."""
+    process = subprocess.Popen([*before, HELPER], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE, env={**os.environ, **variables})
+    with contextlib.suppress(BrokenPipeError):
+        process.stdin.write(pair)
+        process.stdin.close()
+    process.stdin = None
+    return process
+
+
+def ended(process: subprocess.Popen) -> int:
+    """The exit status of a check, which must have printed nothing."""
+    output, errors = process.communicate(timeout=stretched(2 * LIMIT))
+    assert (output, errors) == (b"", b"")
+    return process.returncode
