@@ -1,6 +1,5 @@
 """The real password helper, with accounts of the test's own in a private user database."""
 
-import contextlib
 import ctypes
 import os
 import shutil
