@@ -13,7 +13,7 @@ from machines.station import ROOT
 pytestmark = pytest.mark.needs_machine
 
 UNITS = sorted(path.name for path in (settings.REPOSITORY / "packaging/systemd").iterdir())
-STARTED = ("zevd.service", "zevd.socket", "zevd-password.socket")
+STARTED = ("zevd.service", "zevd.socket", "zevd-password.socket", "zevd-logs.timer")
 
 # Owner, group and mode of what is there after the first start.
 MODES = {

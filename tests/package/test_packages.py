@@ -70,7 +70,7 @@ def test_units_are_sound(tree, tmp_path):
     """With the programs that they name taken from the packages; in a machine from the machine."""
     units = tmp_path / "units"
     units.mkdir()
-    programs = re.compile(r"(?<==)(\+?)(/usr/(?:bin/zev|libexec/zevd/))", re.MULTILINE)
+    programs = re.compile(r"(?<==)(\+?)(/usr/(?:bin|libexec)/zev)")
     for unit in (tree / "lib/systemd/system").iterdir():
         (units / unit.name).write_text(programs.sub(rf"\1{tree}\2", unit.read_text()))
     names = [unit.name.replace("@.", "@1.") for unit in units.iterdir()]

@@ -3,6 +3,7 @@
 import errno
 import shutil
 import socket
+from pathlib import Path
 
 import pytest
 
@@ -124,6 +125,17 @@ def test_the_interval_is_written_and_logs_are_rotated(station):
     station.machine.run("systemctl", "daemon-reload")
     station.options("-B 4096")
     station.restart()
+
+
+def test_old_logs_are_compressed(station):
+    """By the service that the timer starts, as the daemon's user."""
+    old = f"{ROOT}/logs/zev.dated/01-Jan-00:00"
+    station.machine.run("setpriv", "--reuid=zevd", "--regid=zevd", "--clear-groups", "sh", "-c",
+                        f"mkdir {old} && echo kept > {old}/box.log && "
+                        f"touch --date='3 days ago' {old}/box.log {old}")
+    station.machine.run("systemctl", "start", "zevd-logs.service")
+    assert station.machine.output("ls", old) == "box.log.zst"
+    assert station.current() != Path(old).name
 
 
 # The service

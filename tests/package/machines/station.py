@@ -92,7 +92,7 @@ class Station:
         wait_until(lambda: text in self.read(log), what=f"{text!r} in {log}")
 
     def read(self, inside: str) -> bytes:
-        """A file of the machine, whose links lead where they do there; nothing while there is none."""
+        """A file of the machine, whose links lead where they do there; empty while it is absent."""
         done = subprocess.run(["chroot", self.machine.root, "cat", inside], capture_output=True,
                               check=False)
         return done.stdout
