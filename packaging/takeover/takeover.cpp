@@ -129,7 +129,8 @@ class Takeover {
     while (const dirent* entry = readdir(directory)) {
       const std::string name = entry->d_name;
       if (name == "." || name == "..") continue;
-      const std::string inside = path + "/" + name;
+      std::string inside = path;
+      inside.append("/").append(name);
       const Descriptor found = OpenEntry(fd, name.c_str());
       if (found) {
         Take(found, inside, depth);

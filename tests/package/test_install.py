@@ -136,3 +136,18 @@ def test_installed_programs_are_stripped(machine):
     for path in ("/usr/bin/zevd", "/usr/bin/zevctl", "/usr/lib/libjix.so", "/usr/lib/libtqauth.so",
                  "/usr/libexec/zevd/qor_pam_auth"):
         assert b".debug_info" not in machine.path(path).read_bytes()
+
+
+def test_an_image_is_furnished_and_its_first_boot_starts_the_daemon():
+    """Installing where no systemd runs, as in an image that is being made, starts nothing."""
+    image = Machine()
+    try:
+        said = image.install(*packages.found())
+        assert "does not run" not in said
+        assert image.output("stat", "--format=%U:%G %a", f"{ROOT}/config/zev.conf") == \
+            MODES["/config/zev.conf"]
+        image.boot()
+        for unit in STARTED:
+            assert image.show(unit, "ActiveState") == "active"
+    finally:
+        image.end()

@@ -34,6 +34,14 @@ def root() -> Path:
     return base
 
 
+def _mirror() -> list[str]:
+    """Where apt gets Debian from; nothing, for debootstrap's own choice, when it does not say."""
+    shown = subprocess.run(["apt-get", "indextargets", "--format", "$(SITE)", "Origin: Debian",
+                            f"Release: {SUITE}", "Component: main", "Created-By: Packages"],
+                           capture_output=True, text=True, check=False)
+    return shown.stdout.splitlines()[:1]
+
+
 def _make(base: Path, included: list[str]) -> None:
     for old in PLACE.glob("base-*"):
         shutil.rmtree(old)
@@ -41,7 +49,8 @@ def _make(base: Path, included: list[str]) -> None:
     cache.mkdir(exist_ok=True)
     unfinished = PLACE / f"base-unfinished-{os.getpid()}"
     done = subprocess.run(["debootstrap", "--variant=minbase", f"--cache-dir={cache}",
-                           f"--include={','.join(included)}", SUITE, unfinished],
+                           f"--include={','.join(included)}", SUITE, unfinished,
+                           *_mirror()],
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     assert done.returncode == 0, f"debootstrap failed:\n{done.stdout[-3000:]}"
     for archive in (unfinished / "var/cache/apt/archives").glob("*.deb"):

@@ -138,6 +138,9 @@ class Machine:
     # What happens in it
 
     def _inside(self, *command: str | Path) -> list[str | Path]:
+        if not self.first:  # as in an image that is being made
+            mounted = 'mount -t proc proc "$0/proc" && exec chroot "$0" "$@"'
+            return ["unshare", "--mount", "sh", "-c", mounted, self.root, *_ENVIRONMENT, *command]
         return ["nsenter", f"--target={self.first}", "--all", "--", *_ENVIRONMENT, *command]
 
     def run(self, *command: str | Path, check: bool = True,
