@@ -136,6 +136,12 @@ std::vector<std::string> CommandPort::PortHolders(const std::string& console) {
                               DecodePortHolder);
 }
 
+std::string CommandPort::JsonLines(const std::string& command) {
+  const Header header = Request(command);
+  if (header.type != zevd::kRecordsFollow) ThrowGarbled();
+  return ReadBytes(header.count);
+}
+
 void CommandPort::Do(const std::string& command) {
   if (Request(command).type != zevd::kDone) ThrowGarbled();
 }

@@ -64,6 +64,9 @@ class CommandPort {
   /// Addresses of the clients that hold the console's management port.
   std::vector<std::string> PortHolders(const std::string& console);
 
+  /// The text with which the daemon answers "status" and "stats": JSON, one object in each line.
+  std::string JsonLines(const std::string& command);
+
   /// Runs a command whose answer is "done".
   void Do(const std::string& command);
 

@@ -73,12 +73,18 @@ const std::set<std::string> kOneName = {"attach", "log", "msg"};
 const std::set<std::string> kNames = {"clear",  "disable", "enable", "force", "reconnect",
                                       "holder", "list",    "ports",  "who"};
 
+// Commands of "config" whose argument is a file.
+const std::set<std::string> kFileNames = {"check", "import"};
+
 // The values that options can have, as far as they can be known.
 const std::map<std::string, Words> kValues = {
     {"--mode", {"ro", "sh", "ex", "er"}},
     {"--state", StateWords()},
     {"--cookie-file", {kFile}},
+    {"--events-dir", {kFile}},
+    {"--format", {"toml", "conf"}},
     {"--log-dir", {kFile}},
+    {"--output", {kFile}},
     {"--socket", {kFile}},
 };
 
@@ -86,6 +92,10 @@ const CLI::App* CommandNamed(const CLI::App& app, const std::string& name) {
   const auto commands =
       app.get_subcommands([&](const CLI::App* command) { return command->get_name() == name; });
   return commands.empty() ? nullptr : commands.front();
+}
+
+bool HasCommands(const CLI::App& app) {
+  return !app.get_subcommands(nullptr).empty();
 }
 
 /// The words before the one that is being completed, parsed as far as completion needs it.
@@ -118,8 +128,8 @@ class Line {
       awaited_.clear();
     } else if (word.starts_with("-")) {
       TakeOption(word);
-    } else if (command_ == nullptr) {
-      command_ = CommandNamed(app_, word);
+    } else if (command_ == nullptr || HasCommands(*command_)) {
+      command_ = CommandNamed(command_ == nullptr ? app_ : *command_, word);
     } else {
       ++arguments_;
     }
@@ -208,7 +218,9 @@ Words OptionNames(const CLI::App& app, const CLI::App* command) {
 
 Words Arguments(const Line& line) {
   const std::string name = line.command()->get_name();
+  if (HasCommands(*line.command())) return CommandNames(*line.command());
   if (name == "completion") return {"bash", "zsh"};
+  if (kFileNames.contains(name)) return line.arguments() == 0 ? Words{kFile} : Words();
   const bool first_only = kOneName.contains(name);
   const bool takes_names = first_only ? line.arguments() == 0 : kNames.contains(name);
   return takes_names ? ConsoleNames(line.settings()) : Words();

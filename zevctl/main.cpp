@@ -59,6 +59,7 @@ void DeclareCommands(CLI::App& app, Program& program) {
   AddAttachCommand(app, program);
   AddLogCommand(app, program);
   AddEventsCommand(app, program);
+  AddConfigCommand(app, program);
   AddCompletionCommand(app, program);
 }
 

@@ -10,6 +10,7 @@ from harness.debuglog import messages
 
 ZEVCTL_PAGE = settings.REPOSITORY / "zevctl/zevctl.1"
 ZEVD_PAGE = settings.REPOSITORY / "zevd/zevd.8"
+TOML_PAGE = settings.REPOSITORY / "zevctl/consoles.toml.5"
 CONF_PAGE = settings.REPOSITORY / "zevd/zev.conf.5"
 
 
@@ -38,7 +39,7 @@ def options_of(help_text: str) -> set[str]:
     return set(re.findall(r"(?:^  |,)(--[a-z-]+)", help_text, re.MULTILINE))
 
 
-@pytest.mark.parametrize("path", [ZEVCTL_PAGE, ZEVD_PAGE, CONF_PAGE])
+@pytest.mark.parametrize("path", [ZEVCTL_PAGE, ZEVD_PAGE, CONF_PAGE, TOML_PAGE])
 def test_the_source_is_clean(path):
     done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", path], capture_output=True,
                           text=True, check=False)
@@ -48,23 +49,26 @@ def test_the_source_is_clean(path):
 # The client
 
 
+def helps(*command: str) -> dict[str, str]:
+    """The help texts of a command and of the commands within it, each by its name."""
+    text = zevctl.succeed(None, *command, "--help")
+    within = re.findall(r"^  ([a-z]+) ", text.partition("Subcommands:")[2], re.MULTILINE)
+    return {" ".join(command): text} | {name: found for word in within
+                                        for name, found in helps(*command, word).items()}
+
+
 def test_the_clients_page_names_every_command_and_option():
     text = page(ZEVCTL_PAGE)
-    whole = zevctl.succeed(None, "--help")
-    commands = re.findall(r"^  ([a-z]+) ", whole.partition("Subcommands:")[2], re.MULTILINE)
-    assert len(commands) >= 13
-    wanted = options_of(whole).union(*(options_of(zevctl.succeed(None, command, "--help"))
-                                       for command in commands))
-    assert {word for word in {*commands, *wanted} if not re.search(
+    known = helps()
+    commands = {word for name in known for word in name.split()}
+    assert len(commands) >= 18 and "apply" in commands
+    wanted = commands.union(*(options_of(found) for found in known.values()))
+    assert {word for word in wanted if not re.search(
         rf"(?<![\w-]){word}(?![\w-])", text)} == set()
 
 
 def test_the_clients_page_names_no_option_that_is_not_there():
-    commands = re.findall(r"^  ([a-z]+) ",
-                          zevctl.succeed(None, "--help").partition("Subcommands:")[2],
-                          re.MULTILINE)
-    known = options_of(zevctl.succeed(None, "--help")).union(
-        *(options_of(zevctl.succeed(None, command, "--help")) for command in commands))
+    known = set().union(*(options_of(found) for found in helps().values()))
     assert set(re.findall(r"(?<![\w-])--[a-z-]+", page(ZEVCTL_PAGE))) <= known
 
 
@@ -164,3 +168,38 @@ def test_the_examples_of_the_files_are_understood(station):
                "ParseRegExFile", "LoadModels")
     assert [text for text in said if text.startswith(tuple(f"{name}:" for name in readers))] == []
     assert (station.config / "qor.conf").read_text() == setting
+
+
+# The readable configuration
+
+
+def test_the_page_of_the_readable_file_names_every_key():
+    source = (settings.REPOSITORY / "zevctl/config_keys.h").read_text()
+    keys = re.findall(r'KeyRow\{\s*"(\w+)"', source)
+    assert len(keys) >= 18
+    described = TOML_PAGE.read_text().partition(".Sh KEYS\n")[2].partition(".Sh ")[0]
+    told = [key for tags in re.findall(r"^\.It (.*)$", described, re.MULTILINE)
+            for key in re.split(", ", tags)]
+    assert sorted(told) == sorted(keys)
+
+
+def test_the_examples_of_the_readable_file_are_without_errors(station):
+    (station.events / "disk").write_text("disk_error 300 0 disk.*error\n")
+    examples = re.findall(r"^\.Bd .*\n([\s\S]*?)^\.Ed$", TOML_PAGE.read_text(), re.MULTILINE)
+    assert len(examples) >= 2
+    for number, example in enumerate(examples):
+        path = station.config / f"example{number}.toml"
+        path.write_text(example)
+        found = zevctl.data(None, "config", "check", str(path))
+        assert [finding for finding in found if finding["severity"] == "error"] == []
+
+
+def test_the_sample_of_a_new_installation_is_without_errors_once_it_is_no_comment(station):
+    (station.events / "disk").write_text("disk_error 300 0 disk.*error\n")
+    sample = (settings.REPOSITORY / "packaging/config/consoles.toml").read_text()
+    path = station.config / "consoles.toml"
+    path.write_text(sample)
+    assert zevctl.succeed(None, "config", "check") == f"{path}: 0 consoles, 0 errors\n"
+    path.write_text(re.sub(r"^#(?! )", "", sample, flags=re.MULTILINE))
+    told = zevctl.succeed(None, "config", "check")
+    assert re.search(r": [1-9]\d* consoles, 0 errors\n$", told)

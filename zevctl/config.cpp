@@ -1,0 +1,306 @@
+// The commands of the configuration: check, diff, apply, import.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "config_apply.h"
+#include "config_diff.h"
+#include "config_file.h"
+#include "config_load.h"
+#include "config_readable.h"
+#include "config_zev.h"
+#include "output.h"
+#include "program.h"
+
+namespace zevctl {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct ConfigOptions {
+  std::string file;
+  std::string format;
+  std::string events_dir;
+  std::string output;
+  ApplyOptions apply;
+};
+
+ConfigRequest RequestOf(const Settings& settings, const ConfigOptions& options) {
+  ConfigRequest request;
+  request.file = options.file;
+  request.events_dir = options.events_dir;
+  request.main_port = settings.port;
+  if (options.format == "toml") request.format = ConfigFormat::kReadable;
+  if (options.format == "conf") request.format = ConfigFormat::kZevConf;
+  return request;
+}
+
+void PrintJson(const Json& data) {
+  std::cout << EscapedJson(data.dump()) << "\n";
+}
+
+std::string Count(size_t number, const std::string& noun) {
+  return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+}
+
+// ---- check --------------------------------------------------------------------------------------
+
+Json FindingsAsJson(const Findings& findings) {
+  Json data = Json::array();
+  for (const Finding& finding : findings.Sorted()) {
+    data.push_back({{"file", Utf8(finding.place.file)},
+                    {"line", finding.place.line},
+                    {"column", finding.place.column},
+                    {"severity", finding.severity == Severity::kError ? "error" : "warning"},
+                    {"what", Utf8(finding.what)},
+                    {"mend", Utf8(finding.mend)}});
+  }
+  return data;
+}
+
+ExitStatus Check(const Settings& settings, const ConfigOptions& options) {
+  Findings findings;
+  const LoadedConfig config = LoadConfig(RequestOf(settings, options), findings);
+  if (options.file.empty()) {
+    CheckOwners(config, findings);
+    CheckLines(config, Severity::kError, findings);
+  }
+  if (settings.json) {
+    PrintJson(FindingsAsJson(findings));
+  } else {
+    for (const Finding& finding : findings.Sorted()) {
+      std::cout << Printable(finding.InWords()) << "\n";
+    }
+    std::cout << Printable(config.file) << ": " << Count(config.consoles.size(), "console") << ", "
+              << Count(findings.errors(), "error") << "\n";
+  }
+  return findings.errors() == 0 ? ExitStatus::kOk : ExitStatus::kFailed;
+}
+
+/// The station's readable configuration, when nothing is wrong with it.
+LoadedConfig LoadFaultless(const Settings& settings) {
+  ConfigRequest request;
+  request.file = ReadablePath();
+  request.main_port = settings.port;
+  Findings findings;
+  LoadedConfig config = LoadConfig(request, findings);
+  CheckOwners(config, findings);
+  CheckLines(config, Severity::kWarning, findings);
+  for (const Finding& finding : findings.Sorted()) Announce(finding.InWords());
+  if (findings.errors() == 0) return config;
+  throw Failure(ExitStatus::kFailed, Count(findings.errors(), "error") +
+                                         " in the configuration, and nothing was changed; mend "
+                                         "what is named above");
+}
+
+// ---- diff ---------------------------------------------------------------------------------------
+
+// Nothing when the daemon does not tell.
+std::optional<UserCounts> UsersNow(const Settings& settings) {
+  try {
+    Credentials credentials(UserName(settings));
+    CommandPort port(settings, credentials);
+    return AskForUsers(port);
+  } catch (const Failure& failure) {
+    Warn(std::string("the users are not known: ") + failure.what());
+    return {};
+  }
+}
+
+const char* Sign(ChangeKind kind) {
+  constexpr std::array kSigns = {"+", "-", "~"};
+  return kSigns.at(static_cast<size_t>(kind));
+}
+
+const char* Word(ChangeKind kind) {
+  constexpr std::array kWords = {"comes", "goes", "changes"};
+  return kWords.at(static_cast<size_t>(kind));
+}
+
+// How many users the change disconnects.
+std::optional<size_t> Cost(const Change& change, const std::optional<UserCounts>& users) {
+  if (!change.costs_users) return 0;
+  if (!users) return {};
+  return UsersLost({change}, *users);
+}
+
+std::string FieldsInWords(const Change& change) {
+  std::string text;
+  for (const FieldChange& field : change.fields) {
+    text += (text.empty() ? "" : ", ") + InWords(field);
+  }
+  return text;
+}
+
+Json ChangeAsJson(const Change& change, const std::optional<UserCounts>& users) {
+  Json fields = Json::array();
+  for (const FieldChange& field : change.fields) {
+    fields.push_back({{"field", kConfigFieldTitles[field.field]},
+                      {"before", Utf8(field.before)},
+                      {"after", Utf8(field.after)}});
+  }
+  const auto cost = Cost(change, users);
+  return {{"console", Utf8(change.name)},
+          {"change", Word(change.kind)},
+          {"address", Utf8(change.address)},
+          {"fields", fields},
+          {"users_lost", cost ? Json(*cost) : Json()}};
+}
+
+void PrintChanges(const std::vector<Change>& changes, const std::optional<UserCounts>& users,
+                  bool json) {
+  if (json) {
+    Json data = Json::array();
+    for (const Change& change : changes) data.push_back(ChangeAsJson(change, users));
+    return PrintJson(data);
+  }
+  Table table({"", "NAME", "ADDRESS", "USERS-LOST", "CHANGE"});
+  for (const Change& change : changes) {
+    const auto cost = Cost(change, users);
+    table.Add({{Sign(change.kind)},
+               {Printable(change.name)},
+               {Printable(change.address)},
+               {cost ? std::to_string(*cost) : "?"},
+               {Printable(FieldsInWords(change))}});
+  }
+  if (changes.empty()) {
+    std::cout << "no console comes, goes or changes\n";
+  } else {
+    table.Print(std::cout, TerminalWidth(), ColoursWanted());
+  }
+}
+
+ExitStatus Diff(const Settings& settings, const ConfigOptions& /*options*/) {
+  const LoadedConfig config = LoadFaultless(settings);
+  PresentZevConf();  // says what is wrong when it cannot be read
+  const auto changes = Compare(PresentConsoles(), config.consoles);
+  PrintChanges(changes, UsersNow(settings), settings.json);
+  return ExitStatus::kOk;
+}
+
+// ---- apply --------------------------------------------------------------------------------------
+
+Json ResultAsJson(const ApplyResult& result, const std::vector<size_t>& counts) {
+  return {{"consoles", result.consoles},
+          {"come", counts[0]},
+          {"go", counts[1]},
+          {"change", counts[2]},
+          {"daemon_runs", result.daemon_runs},
+          {"reload", result.reloaded ? Json(result.reload) : Json()}};
+}
+
+std::string DaemonInWords(const ApplyResult& result) {
+  if (!result.daemon_runs) return "no daemon runs; it reads the file when it starts";
+  if (!result.reloaded) return "the daemon had read it before";
+  return "the daemon has read it (reload " + std::to_string(result.reload) + ")";
+}
+
+ExitStatus RunApply(const Settings& settings, const ConfigOptions& options) {
+  const LoadedConfig config = LoadFaultless(settings);
+  const ApplyResult result = Apply(settings, config, options.apply);
+  std::vector<size_t> counts(3);
+  for (const Change& change : result.changes) ++counts[static_cast<size_t>(change.kind)];
+  if (settings.json) {
+    PrintJson(ResultAsJson(result, counts));
+  } else {
+    std::cout << Count(result.consoles, "console") << " in zev.conf: " << counts[0] << " new, "
+              << counts[1] << " gone, " << counts[2] << " changed; " << DaemonInWords(result)
+              << "\n";
+  }
+  if (!result.advice.empty()) Warn(result.advice);
+  return ExitStatus::kOk;
+}
+
+// ---- import -------------------------------------------------------------------------------------
+
+void WriteNewFile(const std::string& path, const std::string& text) {
+  const int flags = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC;
+  const Descriptor made(open(path.c_str(), flags, 0640));
+  const bool written =
+      made && write(made.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  const int error = errno;
+  if (written && fsync(made.get()) == 0) return;
+  if (made) unlink(path.c_str());
+  throw Failure(ExitStatus::kFailed, "cannot write " + path + ": " + strerror(error) +
+                                         "; name a file that is not there yet");
+}
+
+ExitStatus Import(const Settings& settings, const ConfigOptions& options) {
+  const std::string file = options.file.empty() ? ZevConfPath() : options.file;
+  const ReadFile source = ReadWhole(file);
+  if (source.kind != FileKind::kRegular) {
+    throw Failure(ExitStatus::kFailed,
+                  "cannot read " + file + ": " +
+                      (source.reason.empty() ? "no plain file" : source.reason) +
+                      "; name a zev.conf");
+  }
+  Findings findings;
+  const auto consoles = ReadZevConf(source.text, file, findings);
+  for (const Finding& finding : findings.Sorted()) Announce(finding.InWords());
+  if (findings.errors() != 0) {
+    throw Failure(ExitStatus::kFailed,
+                  "lines of " + file + " cannot be taken over; mend what is named above");
+  }
+  const std::string text = WriteReadable(consoles);
+  if (options.output.empty()) {
+    std::cout << text;
+  } else {
+    WriteNewFile(options.output, text);
+  }
+  for (const ConfigConsole& console : consoles) {
+    if (console.Text(kFieldAddress) != kLinesAddress) continue;
+    Warn("the line of \"" + console.name() +
+         "\" is not told by zev.conf; write serial, exec, ssh or ipmi in place of its tcp");
+  }
+  static_cast<void>(settings);
+  return ExitStatus::kOk;
+}
+
+// ---- Declarations -------------------------------------------------------------------------------
+
+using Action = ExitStatus (*)(const Settings&, const ConfigOptions&);
+
+CLI::App* AddAction(CLI::App& config, Program& program, const char* name, const char* help,
+                    Action action, const std::shared_ptr<ConfigOptions>& options) {
+  CLI::App* command = config.add_subcommand(name, help);
+  command->callback([=, &program] {
+    program.action = [=, &program] { return action(program.settings, *options); };
+  });
+  return command;
+}
+
+}  // namespace
+
+void AddConfigCommand(CLI::App& app, Program& program) {
+  auto options = std::make_shared<ConfigOptions>();
+  CLI::App* config = app.add_subcommand("config", "Check, compare and apply the configuration");
+  config->require_subcommand(1);
+  CLI::App* check = AddAction(*config, program, "check",
+                              "Name all that is wrong, and how to mend it", Check, options);
+  check->add_option("FILE", options->file,
+                    "consoles.toml or a zev.conf; the station's if not given");
+  check->add_option("--format", options->format, "What is in FILE, if its name does not tell")
+      ->check(CLI::IsMember({"toml", "conf"}));
+  check->add_option("--events-dir", options->events_dir, "Directory of the event files");
+  AddAction(*config, program, "diff", "Show what would come, go and change", Diff, options);
+  CLI::App* apply = AddAction(*config, program, "apply",
+                              "Write zev.conf and have the daemon read it", RunApply, options);
+  apply->add_flag("--force", options->apply.force,
+                  "Replace a zev.conf that was edited or not made by apply; accept no consoles");
+  apply->add_flag("-y,--yes", options->apply.yes, "Do not ask before users are disconnected");
+  CLI::App* import = AddAction(*config, program, "import", "Make a consoles.toml from a zev.conf",
+                               Import, options);
+  import->add_option("FILE", options->file, "A zev.conf; the station's if not given");
+  import->add_option("--output", options->output, "File to make, in place of standard output");
+}
+
+}  // namespace zevctl

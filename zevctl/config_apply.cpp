@@ -1,0 +1,190 @@
+// The order matters. Everything that can fail without harm comes first: the lock, the rights, the
+// daemon's answer, both files complete on the disk. Then the lines, which can be put back, then
+// zev.conf, and last the signal.
+#include "config_apply.h"
+
+#include <chrono>
+#include <memory>
+#include <set>
+#include <thread>
+
+#include "config_file.h"
+#include "config_lines.h"
+#include "config_process.h"
+#include "config_zev.h"
+#include "selection.h"
+
+namespace zevctl {
+
+namespace {
+
+constexpr char kFile[] = "zev.conf";
+constexpr mode_t kMode = 0640;
+constexpr std::chrono::seconds kReloadLimit{60};
+constexpr std::chrono::milliseconds kInterval{50};
+
+void CheckHost(const Settings& settings) {
+  static const std::set<std::string> kHere = {"127.0.0.1", "localhost", "::1"};
+  if (kHere.contains(settings.host)) return;
+  throw Failure(ExitStatus::kUsage,
+                "a configuration is applied on the station itself; leave out --host");
+}
+
+void CheckPresent(const std::string& present) {
+  const ZevConfOrigin origin = OriginOf(present);
+  if (origin == ZevConfOrigin::kEdited) {
+    throw Failure(ExitStatus::kFailed, ZevConfPath() +
+                                           " has been edited since the last apply; take the edits "
+                                           "over into consoles.toml, then use --force");
+  }
+  if (origin == ZevConfOrigin::kForeign) {
+    throw Failure(ExitStatus::kFailed, ZevConfPath() +
+                                           " was not made by apply; make consoles.toml from it "
+                                           "(zevctl config import), then use --force");
+  }
+}
+
+/// The running daemon, and its command port.
+struct RunningDaemon {
+  DaemonProcess process;
+  std::unique_ptr<CommandPort> port;
+  ReloadState before;
+  UserCounts users;
+};
+
+std::optional<RunningDaemon> FindDaemon(const Settings& settings, Credentials& credentials) {
+  auto process = DaemonProcess::Find(kStationRoot + "/config/zev.lock");
+  if (!process) return {};
+  const std::string pid = std::to_string(process->pid());
+  RunningDaemon daemon{std::move(*process), nullptr, {}, {}};
+  try {
+    daemon.port = std::make_unique<CommandPort>(settings, credentials);
+  } catch (const Failure& failure) {
+    throw Failure(failure.status(), "the daemon (process " + pid +
+                                        ") cannot be asked, and nothing was changed: " +
+                                        failure.what() + "; is --port its main port?");
+  }
+  daemon.before = AskForReloads(*daemon.port);
+  daemon.users = AskForUsers(*daemon.port);
+  return daemon;
+}
+
+// A daemon that cannot read its file at a reload ends.
+void CheckMayRead(const DaemonProcess& process, const ConfigDirectory& directory) {
+  const bool root = geteuid() == 0;
+  const uid_t owner = root ? directory.owner() : geteuid();
+  const gid_t group = root ? directory.group() : getegid();
+  if (process.MayRead(owner, group, kMode)) return;
+  throw Failure(ExitStatus::kFailed,
+                "the daemon could not read the new zev.conf and would end; "
+                "nothing was changed. Give " +
+                    directory.path() + " to the daemon's user (chown)");
+}
+
+std::vector<std::string> NamesThatLoseUsers(const std::vector<Change>& changes,
+                                            const UserCounts& users) {
+  std::vector<std::string> names;
+  for (const Change& change : changes) {
+    const auto count = users.find(FoldedName(change.name));
+    const bool has_users = count != users.end() && count->second > 0;
+    if (change.costs_users && has_users) names.push_back(change.name);
+  }
+  return names;
+}
+
+// ---- The reload ---------------------------------------------------------------------------------
+
+bool HasAll(CommandPort& port, const std::vector<ConfigConsole>& consoles) {
+  std::set<std::string> known;
+  for (const ConsoleRecord& record : port.Consoles()) {
+    known.insert(FoldedName(record.name) + " " + record.address + " " +
+                 std::to_string(record.port));
+  }
+  for (const ConfigConsole& console : consoles) {
+    const std::string one = FoldedName(console.name()) + " " + console.Text(kFieldAddress) + " " +
+                            console.Text(kFieldPort);
+    if (!known.contains(one)) return false;
+  }
+  return true;
+}
+
+[[noreturn]] void FailReload(const ReloadState& now, uint64_t before) {
+  const std::string what = now.reloads == before
+                               ? "zev.conf is new, but the daemon has not read it within a minute"
+                               : "zev.conf is new and the daemon has reloaded, but it lacks some "
+                                 "of its consoles; does it "
+                                 "run with -c?";
+  throw Failure(ExitStatus::kFailed, what + " See zevd.log.");
+}
+
+// A reload that had begun before does not have the new consoles, so its end is not enough.
+ReloadState WaitForReload(CommandPort& port, uint64_t before,
+                          const std::vector<ConfigConsole>& consoles) {
+  const auto deadline = std::chrono::steady_clock::now() + kReloadLimit;
+  for (;;) {
+    const ReloadState now = AskForReloads(port);
+    if (now.reloads != before && now.result != "done") {
+      throw Failure(ExitStatus::kFailed, "zev.conf is new, but the daemon's reload ended with \"" +
+                                             now.result + "\"; see zevd.log, then apply again");
+    }
+    if (now.reloads != before && HasAll(port, consoles)) return now;
+    if (std::chrono::steady_clock::now() > deadline) FailReload(now, before);
+    std::this_thread::sleep_for(kInterval);
+  }
+}
+
+// A reload without need would undo what "disable" and "enable" have set.
+bool HasRead(const ReloadState& state, bool same) {
+  const ReadFile present = ReadWhole(ZevConfPath());
+  return same && present.kind == FileKind::kRegular && present.changed < state.latest;
+}
+
+}  // namespace
+
+size_t UsersLost(const std::vector<Change>& changes, const UserCounts& users) {
+  size_t lost = 0;
+  for (const std::string& name : NamesThatLoseUsers(changes, users)) {
+    lost += users.at(FoldedName(name));
+  }
+  return lost;
+}
+
+ApplyResult Apply(const Settings& settings, const LoadedConfig& config,
+                  const ApplyOptions& options) {
+  CheckHost(settings);
+  ConfigDirectory directory(kStationRoot + "/config");
+  directory.Lock();
+  const std::string present = PresentZevConf();
+  if (!options.force) CheckPresent(present);
+  if (config.consoles.empty() && !options.force) {
+    throw Failure(ExitStatus::kFailed,
+                  "the configuration has no consoles; use --force if that is meant");
+  }
+  ApplyResult result;
+  result.consoles = config.consoles.size();
+  result.changes = Compare(PresentConsoles(), config.consoles);
+  Credentials credentials(UserName(settings));
+  auto daemon = FindDaemon(settings, credentials);
+  if (daemon) {
+    CheckMayRead(daemon->process, directory);
+    if (!options.yes) {
+      Confirm("Disconnect the users of", NamesThatLoseUsers(result.changes, daemon->users));
+    }
+  }
+  const std::string text = WriteZevConf(config.consoles);
+  const bool same = text == present;
+  StagedFile staged(directory, kFile, text, kMode);
+  LinesChange lines(directory, config.consoles);
+  lines.Start();
+  if (!same) staged.Commit();
+  lines.Keep();
+  result.advice = lines.advice();
+  result.daemon_runs = daemon.has_value();
+  if (!daemon || HasRead(daemon->before, same)) return result;
+  daemon->process.Reload();
+  result.reloaded = true;
+  result.reload = WaitForReload(*daemon->port, daemon->before.reloads, config.consoles).reloads;
+  return result;
+}
+
+}  // namespace zevctl

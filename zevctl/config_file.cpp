@@ -1,0 +1,156 @@
+#include "config_file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "exit_status.h"
+
+namespace zevctl {
+
+namespace {
+
+constexpr char kLockName[] = ".zevctl.lock";
+constexpr int kSafely = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+Failure Failed(const std::string& what, const std::string& mend) {
+  return {ExitStatus::kFailed, what + ": " + strerror(errno) + "; " + mend};
+}
+
+bool ReadAll(int fd, std::string& text) {
+  std::array<char, 65536> chunk{};
+  for (;;) {
+    const ssize_t length = read(fd, chunk.data(), chunk.size());
+    if (length > 0) text.append(chunk.data(), static_cast<size_t>(length));
+    if (length == 0) return true;
+    if (length < 0 && errno != EINTR) return false;
+  }
+}
+
+bool WriteAll(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t length = write(fd, text.data(), text.size());
+    if (length > 0) text.remove_prefix(static_cast<size_t>(length));
+    if (length < 0 && errno != EINTR) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+ReadFile ReadWhole(const std::string& path) {
+  ReadFile file;
+  const Descriptor opened(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat info {};
+  if (!opened || fstat(opened.get(), &info) != 0) {
+    file.reason = strerror(errno);
+    if (errno == ENOENT) file.kind = FileKind::kMissing;
+    return file;
+  }
+  file.owner = info.st_uid;
+  file.mode = info.st_mode;
+  file.changed = info.st_mtime;
+  file.kind = FileKind::kOther;
+  if (!S_ISREG(info.st_mode)) return file;
+  const bool read = ReadAll(opened.get(), file.text);
+  file.kind = read ? FileKind::kRegular : FileKind::kFailed;
+  if (!read) file.reason = strerror(errno);
+  return file;
+}
+
+std::vector<std::string> FilesIn(const std::string& directory, const std::string& suffix) {
+  std::vector<std::string> files;
+  const std::unique_ptr<DIR, int (*)(DIR*)> opened(opendir(directory.c_str()), closedir);
+  if (opened == nullptr) {
+    if (errno == ENOENT) return files;
+    throw Failed("cannot read the directory " + directory, "make it readable, or remove it");
+  }
+  for (const dirent* entry = readdir(opened.get()); entry != nullptr;
+       entry = readdir(opened.get())) {
+    const std::string name = entry->d_name;
+    if (!name.starts_with(".") && name.ends_with(suffix)) files.push_back(directory + "/" + name);
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+ConfigDirectory::ConfigDirectory(const std::string& path)
+    : path_(path), opened_(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+  struct stat info {};
+  if (!opened_ || fstat(opened_.get(), &info) != 0) {
+    throw Failed("cannot use the directory " + path, "make it, or run this as root");
+  }
+  owner_ = info.st_uid;
+  group_ = info.st_gid;
+}
+
+void ConfigDirectory::Lock() {
+  const std::string name = path_ + "/" + kLockName;
+  lock_ = Descriptor(openat(fd(), kLockName, O_RDWR | O_CREAT | kSafely, 0600));
+  if (!lock_) {
+    throw Failed("cannot open " + name,
+                 "run this as root or as the daemon's user, and remove what stands there");
+  }
+  struct stat info {};
+  if (fstat(lock_.get(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_nlink != 1) {
+    throw Failure(ExitStatus::kFailed, name + " is no plain file of one name; remove it");
+  }
+  if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
+    throw Failure(ExitStatus::kFailed,
+                  "somebody else is changing the configuration just now; try again later");
+  }
+  // A file that root has made must not keep out the daemon's user.
+  if (geteuid() == 0 && info.st_uid != owner_ && fchown(lock_.get(), owner_, group_) != 0) {
+    throw Failed("cannot give " + name + " to its owner", "remove it");
+  }
+}
+
+StagedFile::StagedFile(const ConfigDirectory& directory, const std::string& name,
+                       std::string_view text, mode_t mode)
+    : directory_(directory), name_(name), staged_("." + name + ".new") {
+  // What a run left that was killed. There is no other: the lock is held.
+  unlinkat(directory_.fd(), staged_.c_str(), 0);
+  try {
+    Write(text, mode);
+  } catch (const Failure&) {
+    if (is_staged_) unlinkat(directory_.fd(), staged_.c_str(), 0);
+    throw;
+  }
+}
+
+StagedFile::~StagedFile() {
+  if (is_staged_) unlinkat(directory_.fd(), staged_.c_str(), 0);
+}
+
+void StagedFile::Write(std::string_view text, mode_t mode) {
+  const std::string path = directory_.path() + "/" + name_;
+  const std::string kept = "nothing was changed; make room and write access, and try again";
+  const Descriptor made(
+      openat(directory_.fd(), staged_.c_str(), O_WRONLY | O_CREAT | O_EXCL | kSafely, 0600));
+  if (!made) throw Failed("cannot write " + path, kept);
+  is_staged_ = true;
+  const bool owned =
+      geteuid() != 0 || fchown(made.get(), directory_.owner(), directory_.group()) == 0;
+  if (!owned || fchmod(made.get(), mode) != 0 || !WriteAll(made.get(), text) ||
+      fsync(made.get()) != 0) {
+    throw Failed("cannot write " + path, kept);
+  }
+}
+
+void StagedFile::Commit() {
+  if (renameat(directory_.fd(), staged_.c_str(), directory_.fd(), name_.c_str()) != 0) {
+    throw Failed("cannot replace " + directory_.path() + "/" + name_, "nothing was changed");
+  }
+  is_staged_ = false;
+  fsync(directory_.fd());
+}
+
+}  // namespace zevctl

@@ -1,0 +1,53 @@
+// The configuration as it stands on the disk: which files it is made of, and what is wrong in them.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "config_check.h"
+#include "config_console.h"
+
+namespace zevctl {
+
+enum class ConfigFormat {
+  kReadable,  ///< consoles.toml
+  kZevConf,
+};
+
+/// The files of the station.
+std::string ReadablePath();
+std::string ZevConfPath();
+std::string LinesPath();
+
+struct ConfigRequest {
+  std::string file;                    ///< empty for the station's
+  std::optional<ConfigFormat> format;  ///< if not given, the file's name tells
+  std::string events_dir;              ///< empty for the station's
+  uint16_t main_port = 6500;
+};
+
+struct LoadedConfig {
+  ConfigFormat format = ConfigFormat::kReadable;
+  std::string file;
+  std::vector<ConfigConsole> consoles;  ///< the lines have their ports
+};
+
+/// Reads a configuration, and adds all that is wrong with it. Throws Failure when the file cannot
+/// be read.
+LoadedConfig LoadConfig(const ConfigRequest& request, Findings& findings);
+
+/// Adds what is wrong with the files that make up the configuration: who could change them.
+void CheckOwners(const LoadedConfig& config, Findings& findings);
+
+/// Adds what the lines of the configuration lack on this machine. `severity`: of a packet filter
+/// that is not loaded.
+void CheckLines(const LoadedConfig& config, Severity severity, Findings& findings);
+
+/// The consoles of the present zev.conf, as far as it can be read; none when there is no such file.
+std::vector<ConfigConsole> PresentConsoles();
+
+/// The present zev.conf. Throws Failure(kFailed) when it cannot be read; a missing one is empty.
+std::string PresentZevConf();
+
+}  // namespace zevctl
