@@ -21,6 +21,7 @@ constexpr telnet_telopt_t kOptions[] = {
 // Echo, and no go-ahead. The daemon sends the console's offers before them, up to 64 bytes.
 constexpr std::string_view kDaemonOffers = "\xFF\xFB\x01\xFF\xFB\x03";
 constexpr size_t kLongestStart = 64 + kDaemonOffers.size();
+constexpr size_t kFullStart = 63;  // offers of this length were cut for want of room
 
 constexpr char kIac = static_cast<char>(TELNET_IAC);
 
@@ -46,8 +47,7 @@ size_t FrontLength(std::string_view bytes) {
   return bytes.size() > 1 && HasOption(bytes[1]) ? 3 : 2;
 }
 
-// How much of the offers is complete commands. The daemon keeps a console's offers as a C string,
-// which ends before the number of the binary option, 0.
+// How much of the offers is complete commands.
 size_t CompleteLength(std::string_view offers) {
   size_t end = 0;
   while (end < offers.size()) {
@@ -57,6 +57,23 @@ size_t CompleteLength(std::string_view offers) {
     end += length;
   }
   return end;
+}
+
+// The console's offers as it made them. The daemon keeps them as a C string, which ends before the
+// number of the binary option, 0: so that is the option of a command without one. A console that
+// offers to be binary asks for the same behind it, as a rule; one that does not refuses it when it
+// is answered.
+std::string Completed(std::string_view offers) {
+  constexpr char kBinary = TELNET_TELOPT_BINARY;
+  const size_t kept = CompleteLength(offers);
+  std::string completed(offers.substr(0, kept));
+  const std::string_view cut = offers.substr(kept);
+  if (cut.size() != 2 || offers.size() >= kFullStart) return completed;
+  completed.append(cut).push_back(kBinary);
+  if (cut[1] == static_cast<char>(TELNET_WILL)) {
+    completed.append({kIac, static_cast<char>(TELNET_DO), kBinary});
+  }
+  return completed;
 }
 
 }  // namespace
@@ -154,8 +171,8 @@ std::string OfferFilter::Pass(std::string_view bytes) {
   over_ = place != std::string::npos || held_.size() >= kLongestStart;
   if (!over_) return {};
   if (place != std::string::npos) {
-    const size_t kept = CompleteLength(std::string_view(held_).substr(0, place));
-    held_.erase(kept, place - kept + kDaemonOffers.size());
+    const std::string offers = Completed(std::string_view(held_).substr(0, place));
+    held_.replace(0, place + kDaemonOffers.size(), offers);
   }
   return std::exchange(held_, {});
 }

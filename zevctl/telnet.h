@@ -52,9 +52,10 @@ class TelnetStream {
   std::string wire_;
 };
 
-/// Removes the daemon's own offers from the start of a session. They follow those of the console,
-/// and nobody wants an answer to them: the console would get it as keys that were never typed, the
-/// last of them the interrupt key.
+/// Removes the daemon's own offers from the start of a session, and completes those of the console,
+/// which come before them and end where the console began to ask for binary mode. Nobody wants an
+/// answer to the daemon's: the console would get it as keys that were never typed, the last of them
+/// the interrupt key.
 class OfferFilter {
  public:
   /// What is left of the bytes; nothing as long as the offers may still come.

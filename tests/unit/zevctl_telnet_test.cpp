@@ -1,4 +1,5 @@
 // The user's end of telnet, byte by byte.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -11,6 +12,7 @@
 namespace zevctl {
 namespace {
 
+using std::string_literals::operator""s;
 using std::string_view_literals::operator""sv;
 
 struct Case {
@@ -225,6 +227,7 @@ TEST(OfferFilter, RemovesTheOffersOfTheDaemonAndNothingElse) {
   const std::string ours(kDaemonOffers);
   const std::string window = "\xFF\xFD\x1F";
   const std::string longest(64, '\xF1');
+  const std::string full(61, '\xF1');
   const Start starts[] = {
       {ours, ""},
       {ours + "login: ", "login: "},
@@ -232,8 +235,12 @@ TEST(OfferFilter, RemovesTheOffersOfTheDaemonAndNothingElse) {
       {ours + ours + "login: ", ours + "login: "},
       {ours + window + ours, window + ours},
       {ours + "later " + ours, "later " + ours},
-      // Cut before the number of an option
-      {window + "\xFF\xFB" + ours + "login: ", window + "login: "},
+      // Cut before the number of the binary option
+      {window + "\xFF\xFD" + ours + "login: ", window + "\xFF\xFD\0"s + "login: "},
+      {window + "\xFF\xFB" + ours + "login: ", window + "\xFF\xFB\0\xFF\xFD\0"s + "login: "},
+      {"\xFF\xFE" + ours, "\xFF\xFE\0"s},
+      // Cut for want of room
+      {full + "\xFF\xFD" + ours, full},
       {window + "\xFF" + ours, window},
       {"\xFF\xF1\xFF\xFD\xFF" + ours, "\xFF\xF1\xFF\xFD\xFF"},
       {longest + ours + "login: ", longest + "login: "},
@@ -243,6 +250,30 @@ TEST(OfferFilter, RemovesTheOffersOfTheDaemonAndNothingElse) {
       EXPECT_EQ(Passed(start.received, cut), start.passed) << "cut at " << cut;
     }
   }
+}
+
+// What the daemon kept of a console that asked for binary mode among other things.
+TEST(OfferFilter, LetsBinaryModeBeAgreed) {
+  for (const std::string& kept : {"\xFF\xFB\x03\xFF\xFB\x01\xFF\xFD"s, "\xFF\xFB"s}) {
+    OfferFilter filter;
+    TelnetStream stream;
+    stream.Receive(filter.Pass(kept + std::string(kDaemonOffers)));
+    EXPECT_THAT(stream.TakeWire(), testing::EndsWith("\xFF\xFB\0"s));
+    stream.SendKeys("x\r"sv);
+    EXPECT_EQ(stream.TakeWire(), "x\r"sv);
+  }
+}
+
+// It offered to be binary and did not ask for the same.
+TEST(OfferFilter, LetsBinaryModeBeRefused) {
+  OfferFilter filter;
+  TelnetStream stream;
+  stream.Receive(filter.Pass("\xFF\xFB"s + std::string(kDaemonOffers)));
+  EXPECT_EQ(stream.TakeWire(), "\xFF\xFD\0\xFF\xFB\0"sv);
+  stream.Receive("\xFF\xFE\0"sv);
+  EXPECT_EQ(stream.TakeWire(), "\xFF\xFC\0"sv);
+  stream.SendKeys("\r"sv);
+  EXPECT_EQ(stream.TakeWire(), "\r\0"sv);
 }
 
 TEST(OfferFilter, GivesUpWhenTheOffersDoNotCome) {
