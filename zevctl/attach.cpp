@@ -4,14 +4,22 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <thread>
+#include <utility>
 
+#include "command_port.h"
+#include "console_words.h"
 #include "escape.h"
 #include "login.h"
+#include "name_match.h"
 #include "output.h"
 #include "program.h"
+#include "selection.h"
 #include "session.h"
+#include "session_end.h"
 
 namespace zevctl {
 
@@ -33,21 +41,22 @@ struct AttachOptions {
   bool retry = false;
 };
 
-/// The daemon closed the session because somebody asked it to. Attaching again would defeat that,
-/// and two users could go on taking the console from each other without end.
-class Terminated : public Failure {
+/// Somebody cut the user off. Attaching again would defeat that, and two users could go on taking
+/// the console from each other without end.
+class CutOff : public Failure {
  public:
-  explicit Terminated(const std::string& console)
-      : Failure(ExitStatus::kSessionEnded,
-                "somebody took the console over or cleared it; \"zevctl who " + console +
-                    "\" tells who has it") {}
+  explicit CutOff(const std::string& reason) : Failure(ExitStatus::kSessionEnded, reason) {}
 };
 
-Failure Closed(const std::string& console) {
-  return {ExitStatus::kSessionEnded,
-          "the daemon closed the session: the console's connection was lost, the console was "
-          "disabled or deleted, or the daemon ended; \"zevctl list " +
-              console + "\" tells its state, --retry waits for it"};
+// A client of ssh on the person's side takes the first ~ of a line for itself.
+bool IsOverSsh() {
+  const char* connection = getenv("SSH_CONNECTION");
+  return connection != nullptr && *connection != '\0';
+}
+
+// To a program, as ever; a person knows from the first word who says it.
+void Say(const std::string& line) {
+  Announce(isatty(STDIN_FILENO) == 1 ? "zevctl: " + line : line);
 }
 
 // The program ends by the signal, now that the terminal is restored.
@@ -62,7 +71,7 @@ class Attachment {
   Attachment(const Settings& settings, const AttachOptions& options)
       : settings_(settings),
         options_(options),
-        session_{options.console, options.mode, ToEscape(options.escape)},
+        session_{options.console, options.mode, ToEscape(options.escape), IsOverSsh()},
         credentials_(UserName(settings)) {}
 
   ExitStatus Run() {
@@ -81,6 +90,12 @@ class Attachment {
 
  private:
   ExitStatus AttachOnce();
+  Opening Open();
+  Opening OpenNamed();
+  bool FindName();
+  SessionResult RunAll(Opening opening);
+  Opening Change(const SessionChange& change);
+  Opening OpenInstead(const SessionChange& change);
   bool MayPass(const Failure& failure);
   bool MayPass(const Refused& refused);
   void TellOnce(const std::string& reason);
@@ -89,28 +104,118 @@ class Attachment {
   const AttachOptions& options_;
   SessionOptions session_;
   Credentials credentials_;
+  time_t begun_ = 0;    // when the last session did
   bool known_ = false;  // the console was there at the last attempt
   std::string told_;
 };
 
 ExitStatus Attachment::AttachOnce() {
-  Opening opening =
-      OpenMainPort(settings_, credentials_,
-                   options_.console + " mode=" + options_.mode + " " + Introduction(settings_));
+  Opening opening = OpenNamed();
   known_ = true;
   told_.clear();
-  const SessionResult result = RunSession(std::move(opening), session_);
-  if (result.mid_line && isatty(STDOUT_FILENO) == 1) Announce("");
+  const SessionResult result = RunAll(std::move(opening));
   if (result.end == SessionEnd::kSignal) EndBySignal(result.signal);
-  if (result.end == SessionEnd::kTerminated) throw Terminated(Printable(options_.console));
-  if (result.end == SessionEnd::kClosed) throw Closed(Printable(options_.console));
-  Announce("Left " + Printable(options_.console) + ".");
+  if (result.end == SessionEnd::kHungUp) {
+    throw Failure(ExitStatus::kSessionEnded,
+                  "the terminal hung up, and the session was left; attach again from another one");
+  }
+  if (result.end == SessionEnd::kClosed) {
+    const Unasking unasking(credentials_);
+    const EndReason reason = ReasonOf(result, session_, begun_, settings_, credentials_);
+    if (reason.wanted) throw CutOff(reason.text);
+    throw Failure(ExitStatus::kSessionEnded, reason.text);
+  }
+  Say("Left " + session_.console + ".");
   return ExitStatus::kOk;
+}
+
+// The name as it was typed comes first: so a user whom the command port refuses can attach, too,
+// and everybody else need not wait for all names.
+Opening Attachment::OpenNamed() {
+  try {
+    return Open();
+  } catch (const Refused& refused) {
+    if (refused.number() != kNotFound || !FindName()) throw;
+  }
+  return Open();
+}
+
+// A console that others hold is refused with their names.
+Opening Attachment::Open() {
+  try {
+    Opening opening =
+        OpenMainPort(settings_, credentials_,
+                     session_.console + " mode=" + session_.mode + " " + Introduction(settings_));
+    begun_ = time(nullptr);
+    return opening;
+  } catch (const Refused& refused) {
+    if (refused.status() != ExitStatus::kInUse) throw;
+    const Unasking unasking(credentials_);
+    throw Refused(refused.refusal(),
+                  WithHolders(refused.refusal(), session_, settings_, credentials_));
+  }
+}
+
+// False when the name means nothing else than what was refused. Throws Failure(kNoSuchConsole) when
+// it means none of the consoles, or several. A console that was attached before may have got its
+// other name since, but no other console shall take its place.
+bool Attachment::FindName() {
+  if (known_) return false;
+  std::vector<std::string> names;
+  try {
+    const Unasking unasking(credentials_);
+    names = NamesOf(CommandPort(settings_, credentials_).Consoles());
+  } catch (const Failure&) {
+    return false;
+  }
+  if (begun_ != 0) {
+    std::erase_if(names,
+                  [&](const std::string& name) { return !IsSameName(name, session_.console); });
+    if (names.empty()) return false;
+  }
+  const std::string name = FindOneName(names, session_.console);
+  return std::exchange(session_.console, name) != name;
+}
+
+// One session after the other, as the person at the terminal changes it.
+SessionResult Attachment::RunAll(Opening opening) {
+  for (;;) {
+    SessionResult result = RunSession(std::move(opening), session_, settings_, credentials_);
+    if (result.mid_line && isatty(STDOUT_FILENO) == 1) Announce("");
+    if (result.end != SessionEnd::kChange) return result;
+    opening = Change(result.change);
+    // What was typed in the meantime was not meant for the console.
+    tcflush(STDIN_FILENO, TCIFLUSH);
+  }
+}
+
+// When the daemon does not grant the new mode, the old one is taken again.
+Opening Attachment::Change(const SessionChange& change) {
+  const std::string before = session_.mode;
+  Say("Left " + session_.console + " to attach again, now " + ModeInFull(change.mode) + ".");
+  try {
+    return OpenInstead(change);
+  } catch (const Failure& failure) {
+    Warn(failure.what());
+    session_.mode = before;
+    Say("Attaching again as before, " + ModeInFull(before) + ".");
+  }
+  return Open();
+}
+
+Opening Attachment::OpenInstead(const SessionChange& change) {
+  session_.console = change.console;
+  session_.mode = change.mode;
+  if (change.clear) {
+    const Unasking unasking(credentials_);
+    CommandPort(settings_, credentials_).Do("clear " + session_.console);
+  }
+  return Open();
 }
 
 bool Attachment::MayPass(const Failure& failure) {
   if (const auto* refused = dynamic_cast<const Refused*>(&failure)) return MayPass(*refused);
-  if (dynamic_cast<const Terminated*>(&failure) != nullptr) return false;
+  if (dynamic_cast<const CutOff*>(&failure) != nullptr) return false;
   return failure.status() == ExitStatus::kNoDaemon || failure.status() == ExitStatus::kSessionEnded;
 }
 
@@ -126,8 +231,7 @@ void Attachment::TellOnce(const std::string& reason) {
   if (reason == told_) return;
   Warn(reason);
   if (told_.empty()) {
-    Announce("Trying again every " + std::to_string(kRetryPause.count()) +
-             " seconds; Ctrl-C ends it.");
+    Say("Trying again every " + std::to_string(kRetryPause.count()) + " seconds; Ctrl-C ends it.");
   }
   told_ = reason;
 }

@@ -16,10 +16,6 @@ constexpr size_t kLongestCommand = 1022;  // without the line end
 // Far more than any station has. Memory is taken only for what has arrived.
 constexpr uint32_t kMostRecords = 1'000'000;
 
-// A telnet command that does nothing (IAC NOP, RFC 854): a login skips it, and the command port
-// takes it for a line and answers with an error, which shows that the connection is open.
-constexpr std::string_view kProbe = "\xFF\xF1";
-
 [[noreturn]] void ThrowGarbled() {
   throw Failure(ExitStatus::kNoDaemon,
                 "what answers at this address is no command port of zevd; see --host and --port");
@@ -108,12 +104,26 @@ std::string DecodePortHolder(std::span<const char> bytes) {
   return PacketReader(bytes).Text(zevd::kWireNameWidth);
 }
 
+AnswerHeader DecodeHeader(std::span<const char> bytes) {
+  PacketReader reader(bytes);
+  AnswerHeader header;
+  header.type = reader.Number32();
+  header.count = reader.Number32();
+  const bool known = header.type >= zevd::kRecordsFollow && header.type <= zevd::kDone;
+  const bool long_text = header.type == zevd::kErrorFollows && header.count > zevd::kErrorTextSize;
+  if (!known || long_text) ThrowGarbled();
+  return header;
+}
+
+std::string CommandPortLine(const Settings& settings) {
+  return std::string(kCommandPortName) + " " + Introduction(settings);
+}
+
 CommandError::CommandError(const std::string& text) : Failure(StatusOfError(text), text) {}
 
 CommandPort::CommandPort(const Settings& settings, Credentials& credentials)
-    : opening_(OpenMainPort(settings, credentials,
-                            std::string(kCommandPortName) + " " + Introduction(settings), kProbe)) {
-  const Header header = ReadHeader();
+    : opening_(OpenMainPort(settings, credentials, CommandPortLine(settings), kCommandPortProbe)) {
+  const AnswerHeader header = ReadHeader();
   if (header.type != zevd::kErrorFollows) ThrowGarbled();
   ReadBytes(header.count);
 }
@@ -146,25 +156,17 @@ void CommandPort::Do(const std::string& command) {
   if (Request(command).type != zevd::kDone) ThrowGarbled();
 }
 
-CommandPort::Header CommandPort::Request(const std::string& command) {
+AnswerHeader CommandPort::Request(const std::string& command) {
   CheckLength(command);
   opening_.socket.Send(command + "\n", kAnswerLimit);
-  const Header header = ReadHeader();
+  const AnswerHeader header = ReadHeader();
   if (header.type != zevd::kErrorFollows) return header;
   const std::string text = ReadBytes(header.count);
   throw CommandError(text.substr(0, text.find('\0')));
 }
 
-CommandPort::Header CommandPort::ReadHeader() {
-  const std::string bytes = ReadBytes(zevd::kHeaderSize);
-  PacketReader reader(bytes);
-  Header header;
-  header.type = reader.Number32();
-  header.count = reader.Number32();
-  const bool known = header.type >= zevd::kRecordsFollow && header.type <= zevd::kDone;
-  const bool long_text = header.type == zevd::kErrorFollows && header.count > zevd::kErrorTextSize;
-  if (!known || long_text) ThrowGarbled();
-  return header;
+AnswerHeader CommandPort::ReadHeader() {
+  return DecodeHeader(ReadBytes(zevd::kHeaderSize));
 }
 
 std::string CommandPort::ReadBytes(size_t count) {
@@ -183,7 +185,7 @@ std::string CommandPort::ReadBytes(size_t count) {
 template <typename Record>
 std::vector<Record> CommandPort::Records(const std::string& command, size_t size,
                                          Record (*decode)(std::span<const char>)) {
-  const Header header = Request(command);
+  const AnswerHeader header = Request(command);
   if (header.type != zevd::kRecordsFollow || header.count > kMostRecords) ThrowGarbled();
   std::vector<Record> records;
   for (uint32_t i = 0; i < header.count; ++i) records.push_back(decode(ReadBytes(size)));

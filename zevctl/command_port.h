@@ -44,6 +44,23 @@ UserRecord DecodeUser(std::span<const char> bytes);
 MappedPortRecord DecodeMappedPort(std::span<const char> bytes);
 std::string DecodePortHolder(std::span<const char> bytes);
 
+/// What every answer begins with.
+struct AnswerHeader {
+  uint32_t type = 0;
+  uint32_t count = 0;
+};
+
+/// Decodes the header. Throws Failure(kNoDaemon) for one that no command port sends.
+AnswerHeader DecodeHeader(std::span<const char> bytes);
+
+/// The first line of a command connection, without its end.
+std::string CommandPortLine(const Settings& settings);
+
+/// What is sent behind it: a telnet command that does nothing (IAC NOP, RFC 854). A login skips it,
+/// and the command port takes it for a line and answers with an error, which shows that the
+/// connection is open.
+inline constexpr std::string_view kCommandPortProbe = "\xFF\xF1";
+
 /// The daemon's answer was an error text, which is the message.
 class CommandError : public Failure {
  public:
@@ -71,13 +88,8 @@ class CommandPort {
   void Do(const std::string& command);
 
  private:
-  struct Header {
-    uint32_t type = 0;
-    uint32_t count = 0;
-  };
-
-  Header Request(const std::string& command);
-  Header ReadHeader();
+  AnswerHeader Request(const std::string& command);
+  AnswerHeader ReadHeader();
   std::string ReadBytes(size_t count);
 
   template <typename Record>

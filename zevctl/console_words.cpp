@@ -23,6 +23,9 @@ constexpr std::array kModes = {
     Word{"3", "exclusive"}, Word{"4", "exclusive-revoke"}, Word{"5", "management-port"},
 };
 
+constexpr std::array kArguments = {Word{"ro", "read-only"}, Word{"sh", "shared"},
+                                   Word{"ex", "exclusive"}, Word{"er", "exclusive-revoke"}};
+
 template <size_t count>
 std::string InWords(const std::array<Word, count>& table, const std::string& code) {
   const auto* row =
@@ -38,6 +41,10 @@ std::string StateInWords(const std::string& code) {
 
 std::string ModeInWords(const std::string& code) {
   return InWords(kModes, code);
+}
+
+std::string ModeInFull(const std::string& mode) {
+  return InWords(kArguments, mode);
 }
 
 std::vector<std::string> StateWords() {

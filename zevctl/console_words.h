@@ -13,6 +13,9 @@ std::string StateInWords(const std::string& code);
 /// "read-only" for "1", and so on; "unknown" for a code without a word.
 std::string ModeInWords(const std::string& code);
 
+/// "shared" for "sh", and so on; "unknown" for what is no mode of an argument line.
+std::string ModeInFull(const std::string& mode);
+
 /// The words of all states, for --state.
 std::vector<std::string> StateWords();
 

@@ -19,6 +19,10 @@ struct Row {
 constexpr std::array kRows = {
     Row{'.', EscapeAction::kLeave, "leave the console"},
     Row{'b', EscapeAction::kBreak, "send a break"},
+    Row{'w', EscapeAction::kWho, "tell who is here"},
+    Row{'m', EscapeAction::kMode, "change the mode"},
+    Row{'l', EscapeAction::kTakeOver, "take the console over from others"},
+    Row{'r', EscapeAction::kRecent, "show recent output again"},
     Row{kSuspendKey, EscapeAction::kSuspend, "suspend zevctl"},
     Row{'?', EscapeAction::kHelp, "show this help"},
 };
@@ -46,11 +50,10 @@ std::optional<char> ControlCharacter(const std::string& text) {
   return static_cast<char>(letter - kControlBit);
 }
 
-std::string HelpLine(char escape, const std::string& key, std::string_view help) {
+std::string HelpLine(std::string combination, std::string_view help) {
   constexpr size_t kWidth = 6;
-  std::string combination = KeyName(escape) + key;
   combination.resize(std::max(combination.size() + 1, kWidth), ' ');
-  return "  " + combination + std::string(help) + "\r\n";
+  return "\n  " + combination + std::string(help);
 }
 
 }  // namespace
@@ -103,11 +106,17 @@ std::string KeyName(char key) {
   return {'^', static_cast<char>(key + kControlBit)};
 }
 
-std::string EscapeHelp(char escape) {
-  std::string text = "\r\nAt the start of a line:\r\n";
-  for (const Row& row : kRows) text += HelpLine(escape, KeyName(row.key), row.help);
+std::string EscapeName(char escape, bool over_ssh) {
+  constexpr char kEscapeOfSsh = '~';
   const std::string name = KeyName(escape);
-  return text + HelpLine(escape, name, "send " + name + " itself");
+  return over_ssh && escape == kEscapeOfSsh ? name + name : name;
+}
+
+std::string EscapeHelp(char escape, bool over_ssh) {
+  const std::string name = EscapeName(escape, over_ssh);
+  std::string text = "At the start of a line:";
+  for (const Row& row : kRows) text += HelpLine(name + KeyName(row.key), row.help);
+  return text + HelpLine(name + name, "send " + KeyName(escape) + " itself");
 }
 
 }  // namespace zevctl

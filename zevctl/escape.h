@@ -7,7 +7,7 @@
 
 namespace zevctl {
 
-enum class EscapeAction { kNone, kLeave, kBreak, kHelp, kSuspend };
+enum class EscapeAction { kNone, kLeave, kBreak, kWho, kMode, kTakeOver, kRecent, kHelp, kSuspend };
 
 struct EscapeStep {
   std::string keys;  ///< for the console, typed before the action
@@ -44,7 +44,11 @@ std::optional<char> ToEscape(const std::string& text);
 /// The key as people write it: itself, or "^" and a letter.
 std::string KeyName(char key);
 
-/// The help: one escape in each line. The lines end as a raw terminal needs it.
-std::string EscapeHelp(char escape);
+/// What the person types for the escape character: it alone, or twice where a client of ssh takes
+/// the first one for itself.
+std::string EscapeName(char escape, bool over_ssh);
+
+/// The help: one escape in each line.
+std::string EscapeHelp(char escape, bool over_ssh);
 
 }  // namespace zevctl

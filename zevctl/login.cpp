@@ -140,12 +140,17 @@ class Login {
     } else if (step == LoginStep::kPassword) {
       SendPassword();
     } else if (!ReadMore(socket_, received_, kAnswerLimit)) {
-      throw Failure(ExitStatus::kNoDaemon, "the daemon closed the connection without an answer");
+      throw Failure(ExitStatus::kNoDaemon,
+                    "the daemon closed the connection without an answer; try again, and look at "
+                    "its messages if that goes on");
     }
   }
 
   void TryAgain() {
-    Tell("Name or password is wrong.\n");
+    if (!credentials_.MayAsk()) {
+      throw Failure(ExitStatus::kNotAdmitted, "the daemon does not take the name and password");
+    }
+    Tell("zevctl: Name or password is wrong. Try again.\n");
     credentials_.Forget();
   }
 
@@ -165,19 +170,14 @@ class Login {
 
 Opening OpenOnce(const Settings& settings, Credentials& credentials, const std::string& line,
                  std::string_view probe, bool with_cookie, bool* used_cookie) {
-  std::optional<ListenerCheck> listener;
-  Socket socket = Socket::Connect(settings.host, settings.port, kConnectLimit,
-                                  [&](const sockaddr& address) { listener.emplace(address); });
-  listener->Finish(socket.fd());
-  const auto cookie = with_cookie ? UsableCookie(settings, socket, *listener) : std::nullopt;
-  *used_cookie = cookie.has_value();
-  const std::string prefix = cookie ? "token " + *cookie + " " : "";
-  std::optional<Failure> distrusted;
-  if (!listener->AdmitsPassword(settings.tunnel)) distrusted = Distrusted(*listener);
-  Opening opening = Login(std::move(socket), credentials, probe, distrusted).Run(prefix + line);
+  Contact contact = Reach(settings, kConnectLimit, with_cookie);
+  *used_cookie = !contact.proof.empty();
+  const auto& distrusted = contact.distrusted;
+  Opening opening =
+      Login(std::move(contact.socket), credentials, probe, distrusted).Run(contact.proof + line);
   // No secret was asked for. But the user may type one at a console, so the warning is given all
   // the same.
-  if (distrusted) Warn(distrusted->what());
+  if (distrusted && credentials.MayAsk()) Warn(distrusted->what());
   return opening;
 }
 
@@ -187,6 +187,17 @@ Opening OpenOnce(const Settings& settings, Credentials& credentials, const std::
 }
 
 }  // namespace
+
+Contact Reach(const Settings& settings, Milliseconds limit, bool with_cookie) {
+  std::optional<ListenerCheck> listener;
+  Socket socket = Socket::Connect(settings.host, settings.port, limit,
+                                  [&](const sockaddr& address) { listener.emplace(address); });
+  listener->Finish(socket.fd());
+  const auto cookie = with_cookie ? UsableCookie(settings, socket, *listener) : std::nullopt;
+  std::optional<Failure> distrusted;
+  if (!listener->AdmitsPassword(settings.tunnel)) distrusted = Distrusted(*listener);
+  return {std::move(socket), cookie ? "token " + *cookie + " " : "", std::move(distrusted)};
+}
 
 const std::string& Credentials::Name() {
   if (!name_.empty()) return name_;
@@ -201,8 +212,10 @@ const std::string& Credentials::Name() {
 }
 
 const Secret& Credentials::Password() {
-  if (!password_) password_ = AskSecret("Password: ");
-  if (!password_) throw Failure(ExitStatus::kNotAdmitted, "no password was given");
+  if (!password_ && may_ask_) password_ = AskSecret("Password: ");
+  if (!password_) {
+    throw Failure(ExitStatus::kNotAdmitted, "no password was given; try again and type it");
+  }
   return *password_;
 }
 
@@ -236,11 +249,14 @@ Opening OpenMainPort(const Settings& settings, Credentials& credentials, const s
                      std::string_view probe) {
   bool used_cookie = false;
   try {
-    return OpenOnce(settings, credentials, line, probe, true, &used_cookie);
+    Opening opening = OpenOnce(settings, credentials, line, probe, true, &used_cookie);
+    credentials.NoteCookie(true);
+    return opening;
   } catch (const Refused& refused) {
     if (!used_cookie || refused.number() != kWrongPassword) throw;
     if (settings.cookie_file_given) ThrowCookieRefused(settings);
   }
+  credentials.NoteCookie(false);
   // The cookie of this machine means nothing to a daemon at the far end of a tunnel, but a login
   // may do.
   return OpenOnce(settings, credentials, line, probe, false, &used_cookie);

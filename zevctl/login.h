@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "exit_status.h"
 #include "refusal.h"
@@ -18,13 +19,14 @@ namespace zevctl {
 class Refused : public Failure {
  public:
   explicit Refused(const Refusal& refusal) : Refused(refusal, refusal.Message()) {}
-  Refused(const Refusal& refusal, const std::string& message)
-      : Failure(refusal.status(), message), number_(refusal.number) {}
+  Refused(Refusal refusal, const std::string& message)
+      : Failure(refusal.status(), message), refusal_(std::move(refusal)) {}
 
-  int number() const { return number_; }
+  const Refusal& refusal() const { return refusal_; }
+  int number() const { return refusal_.number; }
 
  private:
-  int number_;
+  Refusal refusal_;
 };
 
 /// Name and password of the person, asked for on the terminal when they are first needed, and kept
@@ -48,13 +50,41 @@ class Credentials {
   /// To be called when name or password was wrong: both are asked for again.
   void Forget();
 
+  /// True when both are known and need not be asked for.
+  bool Known() const { return !name_.empty() && password_.has_value(); }
+
+  /// False while nobody may be asked: then what is not known is missing.
+  bool MayAsk() const { return may_ask_; }
+
+  /// Whether this station's cookie was of use when it was last tried. The cookie of this machine
+  /// means nothing to a daemon at the far end of a tunnel.
+  void NoteCookie(bool useful) { cookie_useful_ = useful; }
+  bool cookie_useful() const { return cookie_useful_; }
+
  private:
+  friend class Unasking;
+
   Credentials(std::string name, bool may_ask) : offered_(std::move(name)), may_ask_(may_ask) {}
 
   std::string offered_;
   bool may_ask_ = true;
+  bool cookie_useful_ = true;
   std::string name_;
   std::optional<Secret> password_;
+};
+
+/// While one exists, nobody is asked for these credentials: they serve as far as they are known.
+class Unasking {
+ public:
+  explicit Unasking(Credentials& credentials)
+      : credentials_(credentials), before_(std::exchange(credentials.may_ask_, false)) {}
+  ~Unasking() { credentials_.may_ask_ = before_; }
+  Unasking(const Unasking&) = delete;
+  Unasking& operator=(const Unasking&) = delete;
+
+ private:
+  Credentials& credentials_;
+  bool before_;
 };
 
 /// What the other end asks for next during a login.
@@ -79,6 +109,17 @@ struct Opening {
   Socket socket;
   std::string received;  ///< at least one byte
 };
+
+/// A connection to the main port on which nothing has been sent.
+struct Contact {
+  Socket socket;
+  std::string proof;                  ///< what the cookie puts before the first line; may be empty
+  std::optional<Failure> distrusted;  ///< why no name and password may be sent
+};
+
+/// Connects within the limit, and looks at the listener (listener.h) where the connection stays on
+/// this machine. Throws Failure.
+Contact Reach(const Settings& settings, Milliseconds limit, bool with_cookie);
 
 /// The name under which the user appears to others: that of --user, or else the login name.
 std::string UserName(const Settings& settings);

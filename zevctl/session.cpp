@@ -13,7 +13,9 @@
 
 #include "console_words.h"
 #include "escape.h"
+#include "notes.h"
 #include "output.h"
+#include "session_talk.h"
 #include "telnet.h"
 #include "terminal.h"
 
@@ -23,26 +25,8 @@ namespace {
 
 constexpr Milliseconds kQuietAfterInput{1000};  // the console has answered what was sent to it
 constexpr Milliseconds kLongestAnswer{10000};   // a console that never stops printing
-constexpr size_t kTailSize = 512;               // holds the daemon's last message
-constexpr std::string_view kTerminatedText = "Your session has been terminated by ";
-
-struct ModeCode {
-  std::string_view mode;
-  std::string_view code;  // on the command port
-};
-
-constexpr std::array kModeCodes = {
-    ModeCode{"ro", "1"},
-    ModeCode{"sh", "2"},
-    ModeCode{"ex", "3"},
-    ModeCode{"er", "4"},
-};
-
-std::string WordsOf(std::string_view mode) {
-  const auto* row = std::find_if(kModeCodes.begin(), kModeCodes.end(),
-                                 [&](const ModeCode& known) { return known.mode == mode; });
-  return ModeInWords(std::string(row->code));
-}
+constexpr Milliseconds kRemoval{2000};          // of the user from the console, by the daemon
+constexpr size_t kTailSize = 4096;              // holds the daemon's last message
 
 /// The end of what the console printed.
 class Tail {
@@ -52,8 +36,7 @@ class Tail {
     text_.erase(0, text_.size() - std::min(text_.size(), kTailSize));
   }
 
-  bool InLine() const { return !text_.empty() && text_.back() != '\n'; }
-  bool TellsOfTermination() const { return text_.find(kTerminatedText) != std::string::npos; }
+  const std::string& Text() const { return text_; }
 
  private:
   std::string text_;
@@ -61,50 +44,59 @@ class Tail {
 
 class Session {
  public:
-  Session(Opening opening, const SessionOptions& options)
+  Session(Opening opening, const SessionOptions& options, const Settings& settings,
+          Credentials& credentials)
       : options_(options),
         socket_(std::move(opening.socket)),
         keyboard_(STDIN_FILENO),
         escapes_(keyboard_.is_terminal() ? options.escape : std::nullopt),
         wire_(socket_.fd()),
         screen_(STDOUT_FILENO),
-        notices_(STDERR_FILENO) {
+        errors_(STDERR_FILENO),
+        notes_(screen_, errors_, keyboard_.is_terminal()) {
     keyboard_.Enter();
-    Notice(Greeting());
+    if (keyboard_.is_terminal()) {
+      talk_.emplace(options, notes_, settings, credentials);
+    } else {
+      errors_.Add(PlainGreeting());
+    }
     TakeFromDaemon(opening.received);
   }
 
   SessionResult Run() {
     while (!end_ || !screen_.empty()) Pass();
     if (*end_ == SessionEnd::kLeft) WriteDaemon();  // what was typed before the escape
-    return {*end_, signal_, tail_.InLine()};
+    if (*end_ == SessionEnd::kChange) AwaitRemoval();
+    return {*end_, signal_, notes_.InLine(), change_, error_, tail_.Text()};
   }
 
  private:
   // What a pass waits for; the order is that of the descriptors.
-  enum Source : size_t { kKeys, kDaemon, kScreen, kNotices, kSignals, kSources };
+  enum Source : size_t { kKeys, kDaemon, kScreen, kErrors, kSignals, kPort, kSources };
   using Descriptors = std::array<pollfd, kSources>;
 
-  std::string Greeting() const;
-  void Notice(const std::string& text);
+  std::string PlainGreeting() const;
 
   void Pass();
   Descriptors Interests() const;
   int Timeout() const;
   void Serve(const Descriptors& ready);
   void NoteSilence();
+  std::optional<Clock::time_point> Due() const;
 
   void ReadKeys();
   void TakeTyped(std::string_view typed);
+  void Answer(char key);
   void SendKeys(const std::string& keys);
   void Act(EscapeAction action);
   void SendBreak();
   void Suspend();
+  void AwaitRemoval();
 
   void ReadDaemon();
   void TakeFromDaemon(std::string_view bytes);
   void WriteDaemon();
-  void EndByDaemon();
+  void EndByDaemon(int error);
 
   void WriteScreen();
   void TakeSignal();
@@ -121,7 +113,9 @@ class Session {
   EscapeReader escapes_;
   OutputQueue wire_;
   OutputQueue screen_;
-  OutputQueue notices_;
+  OutputQueue errors_;
+  Notes notes_;
+  std::optional<SessionTalk> talk_;  // with a person at a terminal
   Tail tail_;
 
   bool input_over_ = false;
@@ -129,27 +123,21 @@ class Session {
   std::optional<Clock::time_point> all_sent_;  // when the last of the input had been sent
   std::optional<SessionEnd> end_;
   int signal_ = 0;
+  int error_ = 0;
+  SessionChange change_;
 };
 
-std::string Session::Greeting() const {
-  std::string attached = "Attached to " + Printable(options_.console) + " (" +
-                         WordsOf(options_.mode) +
-                         (read_only() ? ", what you type is not sent)." : ").");
-  if (!keyboard_.is_terminal()) return attached;
-  if (!options_.escape) return attached + " There is no escape: to leave, end zevctl from outside.";
-  const std::string name = KeyName(*options_.escape);
-  return attached + " Type " + name + ". at the start of a line to leave, " + name + "? for help.";
-}
-
-// In raw mode a line feed does not go to the start of the line.
-void Session::Notice(const std::string& text) {
-  notices_.Add(text + (keyboard_.is_terminal() && isatty(STDERR_FILENO) == 1 ? "\r\n" : "\n"));
+// For a program, which knows how to leave.
+std::string Session::PlainGreeting() const {
+  return "Attached to " + Printable(options_.console) + " (" + ModeInFull(options_.mode) +
+         (read_only() ? ", what you type is not sent).\n" : ").\n");
 }
 
 void Session::Pass() {
   Descriptors descriptors = Interests();
   if (poll(descriptors.data(), descriptors.size(), Timeout()) > 0) Serve(descriptors);
   NoteSilence();
+  if (talk_ && !end_) talk_->Pass();
 }
 
 // A full queue stops what fills it and nothing else. poll() ignores negative descriptors. It always
@@ -164,26 +152,34 @@ Session::Descriptors Session::Interests() const {
   descriptors[kDaemon] = {only_if(!end_ && (from_daemon | to_daemon) != 0, socket_.fd()),
                           static_cast<short>(from_daemon | to_daemon), 0};
   descriptors[kScreen] = {screen_.fd(), to_screen, 0};
-  descriptors[kNotices] = {only_if(!notices_.empty(), notices_.fd()), POLLOUT, 0};
+  descriptors[kErrors] = {only_if(!errors_.empty(), errors_.fd()), POLLOUT, 0};
   descriptors[kSignals] = {signals_.fd(), POLLIN, 0};
+  descriptors[kPort] = {talk_ && !end_ ? talk_->fd() : -1, POLLIN, 0};
   return descriptors;
 }
 
+std::optional<Clock::time_point> Session::Due() const {
+  if (end_) return {};
+  if (all_sent_) return std::min(active_ + kQuietAfterInput, *all_sent_ + kLongestAnswer);
+  return talk_ ? talk_->Due() : std::nullopt;
+}
+
 int Session::Timeout() const {
-  if (!all_sent_ || end_) return -1;
-  const auto until = std::min(active_ + kQuietAfterInput, *all_sent_ + kLongestAnswer);
-  const auto left = std::chrono::ceil<Milliseconds>(until - Clock::now()).count();
+  const auto due = Due();
+  if (!due) return -1;
+  const auto left = std::chrono::ceil<Milliseconds>(*due - Clock::now()).count();
   return static_cast<int>(std::clamp<int64_t>(left, 0, INT_MAX));
 }
 
 void Session::Serve(const Descriptors& ready) {
   if (ready[kSignals].revents != 0) TakeSignal();
-  if (ready[kNotices].revents != 0 && notices_.Write() != 0) notices_.Clear();
+  if (ready[kErrors].revents != 0 && errors_.Write() != 0) errors_.Clear();
   if (ready[kScreen].revents != 0) WriteScreen();
   if (ready[kKeys].revents != 0) ReadKeys();
   if (end_) return;
   if ((ready[kDaemon].revents & POLLOUT) != 0) WriteDaemon();
   if ((ready[kDaemon].revents & ~POLLOUT) != 0) ReadDaemon();
+  if (ready[kPort].revents != 0) talk_->Read();
 }
 
 void Session::NoteSilence() {
@@ -196,22 +192,41 @@ void Session::ReadKeys() {
   std::array<char, 4096> typed{};
   const ssize_t count = read(STDIN_FILENO, typed.data(), typed.size());
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  input_over_ = count <= 0;
-  if (count > 0) TakeTyped({typed.data(), static_cast<size_t>(count)});
+  if (count > 0) return TakeTyped({typed.data(), static_cast<size_t>(count)});
+  input_over_ = true;
+  if (!keyboard_.is_terminal()) return;
+  TakeSignal();  // of the hang-up
+  if (!end_) EndNow(SessionEnd::kHungUp);
 }
 
 void Session::TakeTyped(std::string_view typed) {
-  while (!typed.empty() && end_ != SessionEnd::kLeft) {
+  while (!typed.empty() && end_ != SessionEnd::kLeft && end_ != SessionEnd::kChange) {
+    if (talk_ && talk_->asking()) {
+      Answer(typed.front());
+      typed.remove_prefix(1);
+      continue;
+    }
     const EscapeStep step = escapes_.Next(typed);
     SendKeys(step.keys);
     Act(step.action);
   }
 }
 
+void Session::Answer(char key) {
+  const auto change = talk_->Answer(key);
+  if (!change) return;
+  change_ = *change;
+  EndNow(SessionEnd::kChange);
+}
+
 // The daemon would throw away what a read-only user types. What is typed on a terminal is sent as
 // keys, anything else as it is.
 void Session::SendKeys(const std::string& keys) {
-  if (read_only() || end_) return;
+  if (keys.empty() || end_) return;
+  if (read_only()) {
+    if (talk_) talk_->TypedInVain();
+    return;
+  }
   if (keyboard_.is_terminal()) {
     telnet_.SendKeys(keys);
   } else {
@@ -230,19 +245,21 @@ void Session::Act(EscapeAction action) {
     case EscapeAction::kBreak:
       SendBreak();
       break;
-    case EscapeAction::kHelp:
-      notices_.Add(EscapeHelp(*options_.escape));
-      break;
     case EscapeAction::kSuspend:
       Suspend();
+      break;
+    default:
+      if (talk_) talk_->Act(action);
       break;
   }
 }
 
 void Session::SendBreak() {
-  if (read_only()) return Notice("\r\nA read-only user cannot send a break.");
+  if (end_) return;
+  if (read_only()) return notes_.Say("No break was sent: you are only watching.");
   telnet_.SendBreak();
   wire_.Add(telnet_.TakeWire());
+  notes_.Say("A break was sent.");
 }
 
 // The whole job stops, as with the terminal's own suspend key, and goes on after kill(). What was
@@ -258,7 +275,7 @@ void Session::ReadDaemon() {
   std::array<char, 65536> received{};
   const ssize_t count = recv(socket_.fd(), received.data(), received.size(), 0);
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (count <= 0) return EndByDaemon();
+  if (count <= 0) return EndByDaemon(count < 0 ? errno : 0);
   active_ = Clock::now();
   TakeFromDaemon({received.data(), static_cast<size_t>(count)});
 }
@@ -271,6 +288,11 @@ void Session::TakeFromDaemon(std::string_view bytes) {
   const std::string answers = telnet_.TakeWire();
   tail_.Add(text);
   screen_.Add(text);
+  if (talk_) {
+    talk_->Follow(text);
+  } else {
+    notes_.Follow(text);
+  }
   if (!wire_.Full()) wire_.Add(answers);
 }
 
@@ -279,16 +301,32 @@ void Session::WriteDaemon() {
   if (wire_.Write() != 0) wire_.Clear();
 }
 
-void Session::EndByDaemon() {
-  end_ = tail_.TellsOfTermination() ? SessionEnd::kTerminated : SessionEnd::kClosed;
+void Session::EndByDaemon(int error) {
+  end_ = SessionEnd::kClosed;
+  error_ = error;
   wire_.Clear();
+}
+
+// What is typed before goes out as far as it is taken at once. As long as the daemon knows this
+// connection, it could refuse the next one for the sake of it.
+void Session::AwaitRemoval() {
+  WriteDaemon();
+  shutdown(socket_.fd(), SHUT_WR);
+  const auto deadline = Clock::now() + kRemoval;
+  std::array<char, 65536> rest{};
+  for (auto left = kRemoval; left > Milliseconds::zero();
+       left = std::chrono::ceil<Milliseconds>(deadline - Clock::now())) {
+    if (!WaitFor(socket_.fd(), POLLIN, left)) return;
+    const ssize_t count = recv(socket_.fd(), rest.data(), rest.size(), 0);
+    if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) return;
+  }
 }
 
 void Session::WriteScreen() {
   const int error = screen_.empty() ? EPIPE : screen_.Write();
   if (error == 0) return;
-  throw Failure(ExitStatus::kFailed,
-                std::string("the output cannot be written: ") + strerror(error));
+  throw Failure(ExitStatus::kFailed, std::string("the output cannot be written: ") +
+                                         strerror(error) + "; attach again where it can");
 }
 
 // While the program was stopped, the shell may have changed the terminal's modes.
@@ -310,9 +348,10 @@ void Session::EndNow(SessionEnd end) {
 
 }  // namespace
 
-SessionResult RunSession(Opening opening, const SessionOptions& options) {
+SessionResult RunSession(Opening opening, const SessionOptions& options, const Settings& settings,
+                         Credentials& credentials) {
   signal(SIGPIPE, SIG_IGN);  // a failed write reports it
-  return Session(std::move(opening), options).Run();
+  return Session(std::move(opening), options, settings, credentials).Run();
 }
 
 }  // namespace zevctl

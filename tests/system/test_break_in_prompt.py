@@ -96,7 +96,7 @@ def test_the_end_of_the_input_restores_the_terminal(hall):
         before = asked(person)
         person.type("\x04")
         shown = person.expect_end(zevctl.NOT_ADMITTED)
-        assert b"zevctl: no password was given\r\n" in shown
+        assert b"zevctl: no password was given; try again and type it\r\n" in shown
         assert modes(person.child) == before
 
 
@@ -181,6 +181,6 @@ def test_a_wrong_password_is_nowhere_in_memory(hall, password):
     with Terminal(hall, "attach", "box") as person:
         asked(person)
         person.type(password + "\r")
-        person.expect("Name or password is wrong.\r\n")
+        person.expect("zevctl: Name or password is wrong. Try again.\r\n")
         person.expect(NAME_QUESTION)
         assert ends(person, password) == 0

@@ -20,6 +20,7 @@ from harness.commands import DONE, Tool
 from harness.consoles import NEGOTIATION, FakeConsole, ShellConsole, TelnetServerConsole
 from harness.peers import OFFERS
 from harness.scenes import attach_when_accessible, connected, numbered, print_and_wait
+from harness.seats import ATTACHED, LEFT, greeted, leave, seated
 from harness.slow_readers import gaps_in, mark
 from harness.terminals import close_terminal
 from harness.waiting import LIMIT, free_port, stretched, wait_until
@@ -28,46 +29,38 @@ from harness.zevctl import (IN_USE, NO_DAEMON, NO_SUCH_CONSOLE, NOT_ACCESSIBLE,
                             refuse, run, words)
 from harness.helpers import FakeHelper
 
-ATTACHED = "Attached to box (shared). Type ~. at the start of a line to leave, ~? for help.\r\n"
-LEFT = "Left box.\r\n"
-HELP = ("\r\n"
-        "At the start of a line:\r\n"
+HELP = ("zevctl: At the start of a line:\r\n"
         "  ~.    leave the console\r\n"
         "  ~b    send a break\r\n"
+        "  ~w    tell who is here\r\n"
+        "  ~m    change the mode\r\n"
+        "  ~l    take the console over from others\r\n"
+        "  ~r    show recent output again\r\n"
         "  ~^Z   suspend zevctl\r\n"
         "  ~?    show this help\r\n"
         "  ~~    send ~ itself\r\n")
 
-CLOSED = ("the daemon closed the session: the console's connection was lost, the console was "
-          'disabled or deleted, or the daemon ended; "zevctl list box" tells its state, --retry '
-          "waits for it")
-TERMINATED = 'somebody took the console over or cleared it; "zevctl who box" tells who has it'
-NOT_FOUND = 'refused: 004 - Console not found. "zevctl list" shows the names.'
+CONSOLE_LOST = ("the console closed its connection, or that was lost; the daemon connects to it "
+                'again, and "zevctl attach --retry box" waits for it')
+DAEMON_ENDED = "the daemon ended; attach again when it runs, --retry waits for it"
+CLEARED = 'op@127.0.0.1 cleared the console, which cut you off; "zevctl who box" tells who has it'
+TAKEN_OVER = 'bob@127.0.0.1 took the console over; "zevctl who box" tells who is there now'
+NO_LONGER_FOUND = 'refused: 004 - Console not found. "zevctl list" shows the names.'
+NOT_FOUND = 'no console is named "lathe"; "zevctl list" shows the names'
+OP_DISABLED = ('op@127.0.0.1 disabled the console; "zevctl enable box" lets the daemon connect to '
+               "it again")
+TAKEN_OUT = ("the console was taken out of the station's configuration; \"zevctl list\" shows "
+             "those that are left")
 INACCESSIBLE = ("refused: 005 - Console is not accessible. The daemon tries to connect to it every "
                 "minute; --retry waits for it.")
 DISABLED = ('refused: 012 - Console is disabled. "zevctl enable" lets the daemon connect to it.')
 DELETED = ("refused: 011 - Console has been deleted. It was taken out of the station's "
            "configuration.")
-TRYING = "Trying again every 2 seconds; Ctrl-C ends it.\r\n"
+TRYING = "zevctl: Trying again every 2 seconds; Ctrl-C ends it.\r\n"
 
 BREAK = b"\xff\xf3"
 
 PACE = 32768
-
-
-@contextlib.contextmanager
-def seated(station, *arguments: str, console: str = "box", greeting: str = ATTACHED):
-    """A user at a terminal, attached to the console."""
-    with Terminal(station, "attach", console, *arguments) as person:
-        person.expect(greeting)
-        yield person
-
-
-def leave(person: Terminal) -> None:
-    """Leave by the escape, from the middle of a line."""
-    person.type("\r~.")
-    person.expect(LEFT)
-    person.expect_end(OK)
 
 
 def expect_signal(person: Terminal, number: int) -> None:
@@ -165,8 +158,12 @@ def test_a_reader_sends_nothing(station, box):
     greeting = ATTACHED.replace("shared", "read-only, what you type is not sent")
     with seated(station, "--mode", "ro", greeting=greeting) as person:
         position = station.mark()
-        person.type("unheard\r~b")
-        person.expect("\r\nA read-only user cannot send a break.\r\n")
+        person.type("unheard\rx")
+        person.expect("zevctl: What you type is not sent: you are only watching. ~m at the start of "
+                      "a line changes the mode.\r\n")
+        person.type("still unheard\r~b")
+        shown = person.expect("zevctl: No break was sent: you are only watching.\r\n")
+        assert shown == b""
         box.send(b"shown")
         person.expect("shown")
         writer.send(b"heard")
@@ -197,8 +194,8 @@ def test_what_the_console_printed_last_is_shown_first(station):
     console = station.console("box")
     bring_up(station, console, options=("-B", "100"))
     print_and_wait(station, console, b"the last words\r\n")
-    with seated(station) as person:
-        person.expect("the last words\r\n")
+    with Terminal(station, "attach", "box") as person:
+        assert greeted(person.child) == b"readythe last words\r\n"
 
 
 # Escapes
@@ -208,6 +205,7 @@ def test_a_break_can_be_sent(station, box):
     with seated(station) as person:
         person.type("x\r~b~by")
         box.expect_exactly(b"x\r" + BREAK + BREAK + b"y")
+        person.expect("zevctl: A break was sent.\r\nzevctl: A break was sent.\r\n")
 
 
 def test_help_is_shown(station, box):
@@ -233,10 +231,10 @@ def test_a_session_within_a_session_can_be_left(station, box):
         greeting = ATTACHED.replace("box", "shell")
         with seated(station, console="shell", greeting=greeting) as outer:
             outer.type(f"{PROGRAM} --port {station.port} attach box\r")
-            outer.expect("Attached to box (shared).")
+            outer.expect("zevctl: Attached to box (shared)")
             outer.type("x\r~~.")
             box.expect_exactly(b"x\r")
-            outer.expect("Left box.")
+            outer.expect("zevctl: Left box.")
             outer.type("echo $((6 * 7))\r")
             outer.expect("42\r\n")
             outer.type("~.")
@@ -245,8 +243,7 @@ def test_a_session_within_a_session_can_be_left(station, box):
 
 
 def test_another_escape_can_be_chosen(station, box):
-    greeting = ("Attached to box (shared). Type ^]. at the start of a line to leave, ^]? for "
-                "help.\r\n")
+    greeting = ATTACHED.replace("~.", "^].").replace("~?", "^]?")
     with seated(station, "--escape", "^]", greeting=greeting) as person:
         person.type("~.\r\x1d?")
         person.expect("\r\n  ^]^Z  suspend zevctl\r\n")
@@ -258,7 +255,7 @@ def test_another_escape_can_be_chosen(station, box):
 
 
 def test_the_escape_can_be_turned_off(station, box):
-    greeting = ("Attached to box (shared). There is no escape: to leave, end zevctl from "
+    greeting = ("zevctl: Attached to box (shared). There is no escape: to leave, end zevctl from "
                 "outside.\r\n")
     with seated(station, "--escape", "none", greeting=greeting) as person:
         person.type("~.\r~?")
@@ -333,7 +330,7 @@ def end_by_signal(number: int):
 def end_by_console(_station, console, person: Terminal) -> None:
     """Close the console."""
     console.shut()
-    person.expect(f"zevctl: {CLOSED}\r\n")
+    person.expect(f"zevctl: {CONSOLE_LOST}\r\n")
     person.expect_end(SESSION_ENDED)
 
 
@@ -341,7 +338,7 @@ def end_by_daemon(station, _console, person: Terminal) -> None:
     """Kill the daemon."""
     station.signal(signal.SIGKILL)
     station.expect_exit(-signal.SIGKILL)
-    person.expect(f"zevctl: {CLOSED}\r\n")
+    person.expect(f"zevctl: {DAEMON_ENDED}\r\n")
     person.expect_end(SESSION_ENDED)
 
 
@@ -349,7 +346,7 @@ def end_by_clearing(station, _console, person: Terminal) -> None:
     """Have an operator disconnect the user."""
     assert Tool(station).command("clear box").type == DONE
     person.expect(terminated_by("op"))
-    person.expect(f"zevctl: {TERMINATED}\r\n")
+    person.expect(f"zevctl: {CLEARED}\r\n")
     person.expect_end(SESSION_ENDED)
 
 
@@ -368,7 +365,7 @@ WAYS_OUT = {
 def test_the_terminal_is_restored(station, box, end):
     with Terminal(station, "attach", "box") as person:
         before = fresh_modes()
-        person.expect(ATTACHED)
+        greeted(person.child)
         assert modes_of(person.child)[3] & (termios.ICANON | termios.ECHO | termios.ISIG) == 0
         end(station, box, person)
         assert modes_of(person.child) == before
@@ -380,10 +377,11 @@ def test_the_terminal_is_restored_when_the_output_breaks(station, box):
     person = pexpect.spawn("/bin/sh", ["-c", line], timeout=stretched(LIMIT), env=environment())
     try:
         before = fresh_modes()
-        person.expect_exact(ATTACHED)
+        greeted(person)
         assert modes_of(person) != before
         box.send(b"four and more")
-        person.expect_exact("zevctl: the output cannot be written: Broken pipe\r\n")
+        person.expect_exact("zevctl: the output cannot be written: Broken pipe; attach again where "
+                            "it can\r\n")
         person.expect_exact("over\r\n")
         person.expect(pexpect.EOF)
         assert modes_of(person) == before
@@ -395,7 +393,7 @@ def test_signals_that_were_ignored_stay_ignored(station, box):
     line = f"trap '' HUP; exec {PROGRAM} --port {station.port} attach box"
     person = pexpect.spawn("/bin/sh", ["-c", line], timeout=stretched(LIMIT), env=environment())
     try:
-        person.expect_exact(ATTACHED)
+        greeted(person)
         person.kill(signal.SIGHUP)
         person.send("still\r~.")
         box.expect_exactly(b"still\r")
@@ -415,7 +413,7 @@ def at_a_shell(station):
     try:
         shell.expect_exact("ready> ")
         shell.sendline(f"{PROGRAM} --port {station.port} attach box")
-        shell.expect_exact(ATTACHED)
+        greeted(shell)
         yield shell
     finally:
         close_terminal(shell)
@@ -562,7 +560,7 @@ def test_a_lost_session_is_reported_without_a_terminal_too(station, box):
         box.send(b"half a line")
         assert client.stdout.read(11) == b"half a line"
         box.shut()
-        assert client.stderr.read() == f"zevctl: {CLOSED}\n".encode()
+        assert client.stderr.read() == f"zevctl: {CONSOLE_LOST}\n".encode()
         assert client.wait(stretched(LIMIT)) == SESSION_ENDED
 
 
@@ -599,7 +597,7 @@ def test_a_stalled_terminal_loses_no_key_and_no_output(station, box):
 def test_a_stalled_terminal_can_be_left(station, box):
     with Terminal(station, "attach", "box") as person:
         before = fresh_modes()
-        person.expect(ATTACHED)
+        greeted(person.child)
         print_all(station, box, numbered(15_000))
         person.type("\r~.")
         wait_until(lambda: not person.child.isalive(), what="the client to end")
@@ -623,7 +621,7 @@ def test_a_terminal_stalled_for_long_fills_no_memory(station):
     connected(station, console, "box")
     text, end = numbered(25_000), b"and that is the end of it\r\n"
     with Terminal(station, "attach", "box") as person:
-        person.expect(ATTACHED)
+        greeted(person.child)
         console.flood(text, 20).join(limit=3 * LIMIT)
         console.send(end)
         assert_small(person.child.pid)
@@ -728,7 +726,7 @@ def shown_of(descriptor: int, length: int) -> str:
 def test_a_hundred_megabytes_and_gaps_are_shown_on_a_terminal():
     digest, length = flooded_output()
     with FloodingDaemon() as daemon, Terminal(daemon, "attach", "box") as person:
-        person.expect(ATTACHED)
+        greeted(person.child)
         with daemon.flooding():
             assert shown_of(person.child.child_fd, length) == digest
         assert_small(person.child.pid)
@@ -749,14 +747,14 @@ def test_a_hundred_megabytes_and_gaps_pass_through_a_pipe():
         client.stdin.close()
         daemon.expect_exactly(b"typed")
         assert client.stdout.read() == b""
-        assert client.stderr.read() == LEFT.replace("\r", "").encode()
+        assert client.stderr.read() == b"Left box.\n"
         assert client.wait(stretched(LIMIT)) == OK
 
 
 def test_a_terminal_is_left_in_the_middle_of_a_flood():
     with FloodingDaemon() as daemon, Terminal(daemon, "attach", "box") as person:
         before = fresh_modes()
-        person.expect(ATTACHED)
+        greeted(person.child)
         with daemon.flooding():
             shown_of(person.child.child_fd, 10 * len(BLOCK))
             person.type("\r~.")
@@ -769,8 +767,8 @@ def test_a_terminal_is_left_in_the_middle_of_a_flood():
 
 
 def test_an_unknown_name_is_refused(station, box):
-    refuse(station, NO_SUCH_CONSOLE, NOT_FOUND, "attach", "nobox")
-    refuse(station, NO_SUCH_CONSOLE, NOT_FOUND, "attach", "nobox", "--retry")
+    refuse(station, NO_SUCH_CONSOLE, NOT_FOUND, "attach", "lathe")
+    refuse(station, NO_SUCH_CONSOLE, NOT_FOUND, "attach", "lathe", "--retry")
 
 
 def test_consoles_that_are_not_connected_are_refused(station):
@@ -782,17 +780,27 @@ def test_consoles_that_are_not_connected_are_refused(station):
 
 
 @pytest.mark.parametrize("held, wanted, message", [
-    ("ex", "sh", '006 - Console is locked exclusively. Watch it with --mode ro, or wait; "zevctl '
-                 'who" tells who has it.'),
-    ("sh", "ex", '007 - Cannot grant exclusive access. Console in use. Ask for --mode sh, or wait; '
-                 '"zevctl who" tells who is attached.'),
-    ("sh", "er", '007 - Cannot grant exclusive access. Console in use. Ask for --mode sh, or wait; '
-                 '"zevctl who" tells who is attached.'),
+    ("ex", "sh", "006 - Console is locked exclusively. Here: HOLDER. Watch it with --mode ro, or "
+                 "wait; OTHERS"),
+    ("sh", "ex", "007 - Cannot grant exclusive access. Console in use. Here: HOLDER. Ask for "
+                 "--mode sh, or wait; OTHERS"),
+    ("sh", "er", "007 - Cannot grant exclusive access. Console in use. Here: HOLDER. Ask for "
+                 "--mode sh, or wait; OTHERS"),
 ])
 def test_consoles_that_somebody_holds_are_refused(station, box, held, wanted, message):
-    station.attach("box", held)
+    station.attach("box", held, user="bob")
+    station.attach("box", "ro", user="eve")
+    words_for_it = {"ex": "exclusive", "sh": "shared"}[held]
+    for name, value in {
+            "HOLDER": f"bob ({words_for_it}, from 127.0.0.1, since TIME)",
+            "OTHERS": '"zevctl msg box TEXT" asks them, "zevctl clear box" cuts everybody off.',
+    }.items():
+        message = message.replace(name, value)
     for more in ((), ("--retry",)):
-        refuse(station, IN_USE, f"refused: {message}", "attach", "box", "--mode", wanted, *more)
+        done = run(station, "attach", "box", "--mode", wanted, *more)
+        assert (done.returncode, done.stdout) == (IN_USE, "")
+        told = re.sub(r"(?<=since )(\d{4}-\d\d-\d\d )?\d\d:\d\d:\d\d", "TIME", done.stderr)
+        assert told == f"zevctl: refused: {message}\n"
 
 
 def test_a_missing_daemon_is_reported():
@@ -853,13 +861,14 @@ def test_without_the_cookie_a_name_and_password_are_needed(hall):
     with Terminal(hall, "attach", "box", "--user", "ann") as person:
         before = fresh_modes()
         shown = answer(person, "root", "secret", offered="ann")
-        shown += person.expect(ATTACHED)
+        shown += greeted(person.child)
         assert b"secret" not in shown
         person.type("x")
         hall.box.expect_exactly(b"x")
         leave(person)
         assert modes_of(person.child) == before
-    assert hall.helper.pairs() == [b"root secret"]
+    # The command port is asked who else is here, and has a login of its own.
+    assert set(hall.helper.pairs()) == {b"root secret"}
 
 
 def test_three_wrong_passwords_end_the_session(hall):
@@ -870,7 +879,7 @@ def test_three_wrong_passwords_end_the_session(hall):
             shown = answer(person, "root", f"guess{number}")
             assert b"guess" not in shown
             if number < 2:
-                person.expect("Name or password is wrong.\r\n")
+                person.expect("zevctl: Name or password is wrong. Try again.\r\n")
         person.expect("zevctl: refused: 001 - Authentication failed. Try again with the name and "
                       "password that you have there.\r\n")
         person.expect_end(NOT_ADMITTED)
@@ -900,10 +909,10 @@ def test_retry_waits_for_a_console_that_comes_back(station, box):
         box.send(b"going\r\n")
         person.expect("going\r\n")
         box.close()
-        retrying(person, CLOSED)
+        retrying(person, CONSOLE_LOST)
         person.type("unheard\r")
         box.accept()
-        person.expect(ATTACHED)
+        greeted(person.child)
         person.type("heard\r")
         box.expect_exactly(b"heard\r")
         leave(person)
@@ -914,8 +923,8 @@ def test_retry_survives_a_restart_of_the_daemon(station, box):
         before = station.port
         restart(station, box)
         assert station.port == before
-        retrying(person, CLOSED)
-        person.expect(ATTACHED)
+        retrying(person, DAEMON_ENDED)
+        greeted(person.child)
         leave(person)
 
 
@@ -923,14 +932,14 @@ def test_retry_keeps_the_name_and_the_password(hall):
     (hall.config / ".cookie").unlink()
     with Terminal(hall, "attach", "box", "--retry") as person:
         answer(person, "root", "secret")
-        person.expect(ATTACHED)
+        greeted(person.child)
         hall.stop()
-        retrying(person, CLOSED)
+        retrying(person, DAEMON_ENDED)
         person.expect(f"zevctl: no daemon answers at 127.0.0.1 port {hall.port}: ")
         hall.start("-S", "1", "-p", str(hall.port))
         (hall.config / ".cookie").unlink()
         hall.box.accept()
-        shown = person.expect(ATTACHED)
+        shown = greeted(person.child)
         assert b"assword" not in shown
         leave(person)
 
@@ -943,7 +952,7 @@ def test_retry_may_begin_without_console_or_daemon(station):
         retrying(person, INACCESSIBLE)
         box.listen()
         restart(station, box)
-        shown = person.expect(ATTACHED)
+        shown = greeted(person.child)
         assert TRYING.encode() not in shown
         leave(person)
 
@@ -953,12 +962,12 @@ def test_retry_waits_for_a_disabled_console(station, box):
         tool = Tool(station)
         assert tool.command("disable box").type == DONE
         person.expect("Console has been disabled by op@127.0.0.1")
-        retrying(person, CLOSED)
+        retrying(person, OP_DISABLED)
         person.expect(f"zevctl: {DISABLED}\r\n")
         box.expect_closed()
         assert tool.command("enable box").type == DONE
         box.accept()
-        person.expect(ATTACHED)
+        greeted(person.child)
         leave(person)
 
 
@@ -969,21 +978,28 @@ def test_retry_does_not_undo_what_somebody_did(station, box, mode):
         if mode == "er":
             station.attach("box", user="bob")
             person.expect(terminated_by("bob"))
+            person.expect(f"zevctl: {TAKEN_OVER}\r\n")
         else:
             assert Tool(station).command("clear box").type == DONE
             person.expect(terminated_by("op"))
-        person.expect(f"zevctl: {TERMINATED}\r\n")
+            person.expect(f"zevctl: {CLEARED}\r\n")
         person.expect_end(SESSION_ENDED)
+
+
+def test_a_holder_is_told_who_cleared_the_console(station, box):
+    greeting = ATTACHED.replace("shared", "exclusive-revoke")
+    with seated(station, "--mode", "er", greeting=greeting) as person:
+        end_by_clearing(station, box, person)
 
 
 def test_retry_ends_when_the_console_is_gone_for_good(station, box):
     with seated(station, "--retry") as person:
         station.write_config("")
         station.signal(signal.SIGHUP)
-        retrying(person, CLOSED)
+        retrying(person, TAKEN_OUT)
         # The daemon knows the console for a moment longer.
         gone = {f"zevctl: {DELETED}\r\n": NOT_ACCESSIBLE,
-                f"zevctl: {NOT_FOUND}\r\n": NO_SUCH_CONSOLE}
+                f"zevctl: {NO_LONGER_FOUND}\r\n": NO_SUCH_CONSOLE}
         found = person.child.expect_exact(list(gone), timeout=stretched(LIMIT))
         person.expect_end(list(gone.values())[found])
 

@@ -1,4 +1,5 @@
 // Escapes: what is typed at a console, cut at every place, and what it means to the client.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -10,6 +11,9 @@
 namespace zevctl {
 namespace {
 
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+
 // What typing leads to: keys as they are, actions as words between angle brackets.
 std::string Shown(EscapeAction action) {
   switch (action) {
@@ -19,6 +23,14 @@ std::string Shown(EscapeAction action) {
       return "<leave>";
     case EscapeAction::kBreak:
       return "<break>";
+    case EscapeAction::kWho:
+      return "<who>";
+    case EscapeAction::kMode:
+      return "<mode>";
+    case EscapeAction::kTakeOver:
+      return "<take over>";
+    case EscapeAction::kRecent:
+      return "<recent>";
     case EscapeAction::kHelp:
       return "<help>";
     case EscapeAction::kSuspend:
@@ -52,6 +64,10 @@ constexpr Case kCases[] = {
     // At the start
     {"~.", "<leave>"},
     {"~b", "<break>"},
+    {"~w", "<who>"},
+    {"~m", "<mode>"},
+    {"~l", "<take over>"},
+    {"~r", "<recent>"},
     {"~?", "<help>"},
     {"~\x1A", "<suspend>"},
     {"~~", "~"},
@@ -139,7 +155,7 @@ TEST(Escape, RefusesWhatIsNotAKey) {
 }
 
 TEST(Escape, RefusesKeysThatMeanSomethingElse) {
-  for (const char* text : {".", "b", "?", "^Z", "^z", "^M", "^J"}) {
+  for (const char* text : {".", "b", "w", "m", "l", "r", "?", "^Z", "^z", "^M", "^J"}) {
     EXPECT_EQ(CheckEscape(text), "has another meaning already") << text;
   }
 }
@@ -151,22 +167,28 @@ TEST(Escape, HasAName) {
 }
 
 TEST(Escape, HelpNamesAllEscapes) {
-  EXPECT_EQ(EscapeHelp('~'),
-            "\r\n"
-            "At the start of a line:\r\n"
-            "  ~.    leave the console\r\n"
-            "  ~b    send a break\r\n"
-            "  ~^Z   suspend zevctl\r\n"
-            "  ~?    show this help\r\n"
-            "  ~~    send ~ itself\r\n");
-  EXPECT_EQ(EscapeHelp('\x1D'),
-            "\r\n"
-            "At the start of a line:\r\n"
-            "  ^].   leave the console\r\n"
-            "  ^]b   send a break\r\n"
-            "  ^]^Z  suspend zevctl\r\n"
-            "  ^]?   show this help\r\n"
-            "  ^]^]  send ^] itself\r\n");
+  EXPECT_EQ(EscapeHelp('~', false),
+            "At the start of a line:\n"
+            "  ~.    leave the console\n"
+            "  ~b    send a break\n"
+            "  ~w    tell who is here\n"
+            "  ~m    change the mode\n"
+            "  ~l    take the console over from others\n"
+            "  ~r    show recent output again\n"
+            "  ~^Z   suspend zevctl\n"
+            "  ~?    show this help\n"
+            "  ~~    send ~ itself");
+  EXPECT_THAT(EscapeHelp('\x1D', false), HasSubstr("\n  ^]^Z  suspend zevctl\n"));
+  EXPECT_THAT(EscapeHelp('\x1D', false), EndsWith("\n  ^]^]  send ^] itself"));
+}
+
+// A client of ssh takes the first ~ of a line for its own escape, and passes on the second.
+TEST(Escape, IsTypedTwiceOverSsh) {
+  EXPECT_EQ(EscapeName('~', true), "~~");
+  EXPECT_EQ(EscapeName('~', false), "~");
+  EXPECT_EQ(EscapeName('\x1D', true), "^]");
+  EXPECT_THAT(EscapeHelp('~', true), HasSubstr("\n  ~~.   leave the console\n"));
+  EXPECT_THAT(EscapeHelp('~', true), EndsWith("\n  ~~~~  send ~ itself"));
 }
 
 }  // namespace

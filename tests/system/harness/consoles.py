@@ -113,3 +113,20 @@ class TelnetServerConsole(ProgramConsole):
         assert server, "busybox is not installed"
         super().__init__([server, "telnetd", "-F", "-b", f"127.0.0.1:{port}", "-l", "/bin/sh"],
                          port)
+
+
+class Ser2netConsole(ProgramConsole):
+    """A program behind a real terminal server, which asks for binary mode on connect.
+
+    It prints what it reads, byte by byte. In the network of a test the server finds no address as
+    long as there is none but 127.0.0.1, so the interface is given one more.
+    """
+
+    def __init__(self, port: int | None = None) -> None:
+        port = port or free_port()
+        server = shutil.which("ser2net", path="/usr/sbin:/sbin:/usr/bin")
+        assert server, "ser2net is not installed"
+        subprocess.run(["ip", "address", "add", "127.65.0.2/8", "dev", "lo"], check=True)
+        line = (f"connection: &line\n  accepter: telnet(rfc2217),tcp,127.0.0.1,{port}\n"
+                "  connector: stdio(),/bin/cat\n")
+        super().__init__([server, "-n", "-Y", line], port)

@@ -286,6 +286,13 @@ class ListeningPeer(Peer):
         self.adopt(sock)
         return self
 
+    def take(self, limit: float = LIMIT) -> socket.socket:
+        """Wait for a connection and leave it to the test, beside the one in use."""
+        self._listener.settimeout(stretched(limit))
+        sock, _ = self._listener.accept()
+        sock.settimeout(stretched(limit))
+        return sock
+
     def called(self) -> bool:
         """True when a connection waits to be accepted."""
         waiting = select.poll()

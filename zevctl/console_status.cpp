@@ -1,0 +1,145 @@
+#include "console_status.h"
+
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+
+namespace zevctl {
+
+namespace {
+
+using Json = nlohmann::json;
+
+// Null, or a key that is missing or of another kind, is an empty text or 0.
+std::string Text(const Json& object, const char* key) {
+  const auto found = object.find(key);
+  return found != object.end() && found->is_string() ? found->get<std::string>() : "";
+}
+
+time_t Time(const Json& object, const char* key) {
+  const auto found = object.find(key);
+  return found != object.end() && found->is_number_integer() ? found->get<time_t>() : 0;
+}
+
+std::string FirstOf(std::string first, std::string second) {
+  return first.empty() ? std::move(second) : std::move(first);
+}
+
+Attendee ReadAttendee(const Json& user) {
+  return {FirstOf(Text(user, "user"), Text(user, "given_user")),
+          FirstOf(Text(user, "given_from"), Text(user, "from")), Text(user, "mode"),
+          Time(user, "since")};
+}
+
+ConsoleStatus ReadStatus(const Json& object) {
+  ConsoleStatus status{Text(object, "console"),
+                       Text(object, "state"),
+                       Time(object, "since"),
+                       Time(object, "last_output"),
+                       {}};
+  const auto users = object.find("users");
+  if (users == object.end() || !users->is_array()) return status;
+  for (const Json& user : *users) {
+    if (user.is_object()) status.users.push_back(ReadAttendee(user));
+  }
+  return status;
+}
+
+// Takes the next line off the front and reads it; a line that is not an object is read as null.
+Json NextObject(std::string_view& lines) {
+  const size_t end = std::min(lines.find('\n'), lines.size());
+  Json object = Json::parse(lines.substr(0, end), nullptr, false);
+  lines.remove_prefix(std::min(end + 1, lines.size()));
+  return object.is_object() ? object : Json();
+}
+
+tm LocalTime(time_t moment) {
+  tm fields{};
+  localtime_r(&moment, &fields);
+  return fields;
+}
+
+struct Unit {
+  time_t seconds;
+  const char* name;
+};
+
+constexpr std::array kUnits = {Unit{86400, "day"}, Unit{3600, "hour"}, Unit{60, "minute"},
+                               Unit{1, "second"}};
+
+}  // namespace
+
+std::optional<ConsoleStatus> ParseStatus(std::string_view answer, std::string_view console) {
+  while (!answer.empty()) {
+    const Json object = NextObject(answer);
+    if (object.is_object() && Text(object, "console") == console) return ReadStatus(object);
+  }
+  return {};
+}
+
+std::optional<time_t> ParseStarted(std::string_view answer) {
+  const Json object = NextObject(answer);
+  if (!object.is_object() || Time(object, "started") == 0) return {};
+  return Time(object, "started");
+}
+
+std::string NameAfterEvent(std::string name) {
+  std::replace(name.begin(), name.end(), '-', '_');
+  return name;
+}
+
+bool MayType(const Attendee& attendee) {
+  return attendee.mode != "read-only";
+}
+
+std::string NameOf(const Attendee& attendee) {
+  return attendee.name.empty() ? "somebody from " + attendee.from : attendee.name;
+}
+
+std::string Described(const Attendee& attendee, time_t now) {
+  const std::string from = attendee.name.empty() ? "" : ", from " + attendee.from;
+  return NameOf(attendee) + " (" + attendee.mode + from + ", since " +
+         ClockTime(attendee.since, now) + ")";
+}
+
+std::string Described(const std::vector<Attendee>& attendees, time_t now) {
+  std::string text;
+  for (size_t i = 0; i < attendees.size(); ++i) {
+    if (i > 0) text += i + 1 == attendees.size() ? " and " : ", ";
+    text += Described(attendees[i], now);
+  }
+  return text;
+}
+
+std::string ClockTime(time_t moment, time_t now) {
+  const tm then = LocalTime(moment);
+  const tm today = LocalTime(now);
+  const bool same_day = then.tm_year == today.tm_year && then.tm_yday == today.tm_yday;
+  std::array<char, 40> text{};
+  strftime(text.data(), text.size(), same_day ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &then);
+  return text.data();
+}
+
+std::string Ago(time_t moment, time_t now) {
+  const time_t age = now - moment;
+  if (age < 2) return "just now";
+  const auto* unit = std::find_if(kUnits.begin(), kUnits.end() - 1,
+                                  [&](const Unit& candidate) { return age >= candidate.seconds; });
+  const time_t count = age / unit->seconds;
+  return std::to_string(count) + " " + unit->name + (count == 1 ? "" : "s") + " ago";
+}
+
+std::vector<Attendee> Without(const std::vector<Attendee>& all, std::vector<Attendee> taken) {
+  std::vector<Attendee> rest;
+  for (const Attendee& attendee : all) {
+    const auto found = std::find(taken.begin(), taken.end(), attendee);
+    if (found == taken.end()) {
+      rest.push_back(attendee);
+    } else {
+      taken.erase(found);
+    }
+  }
+  return rest;
+}
+
+}  // namespace zevctl
