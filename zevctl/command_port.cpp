@@ -56,7 +56,28 @@ class PacketReader {
 void CheckLength(const std::string& command) {
   if (command.size() <= kLongestCommand) return;
   throw Failure(ExitStatus::kUsage, "the command is too long: at most " +
-                                        std::to_string(kLongestCommand) + " characters");
+                                        std::to_string(kLongestCommand) +
+                                        " characters; shorten it");
+}
+
+struct Advice {
+  std::string_view error;  // what the text begins with
+  std::string_view advice;
+};
+
+constexpr std::array kAdvice = {
+    Advice{"Unrecognized console", "\"zevctl list\" shows the names."},
+    Advice{kNotAPelloxConsole, "Only the management port of such a console names its holder."},
+    Advice{"Unable to connect to remote host", "Ask again once the daemon has been refused."},
+    Advice{"Out of memory.", "Look at the memory of the station, and try again."},
+    Advice{"Invalid command.", "The daemon is older than this program: bring it up to date."},
+};
+
+std::string WithAdvice(const std::string& error) {
+  for (const Advice& row : kAdvice) {
+    if (error.starts_with(row.error)) return error + " " + std::string(row.advice);
+  }
+  return error;
 }
 
 ExitStatus StatusOfError(std::string_view text) {
@@ -119,7 +140,8 @@ std::string CommandPortLine(const Settings& settings) {
   return std::string(kCommandPortName) + " " + Introduction(settings);
 }
 
-CommandError::CommandError(const std::string& text) : Failure(StatusOfError(text), text) {}
+CommandError::CommandError(const std::string& text)
+    : Failure(StatusOfError(text), WithAdvice(text)), text_(text) {}
 
 CommandPort::CommandPort(const Settings& settings, Credentials& credentials)
     : opening_(OpenMainPort(settings, credentials, CommandPortLine(settings), kCommandPortProbe)) {
@@ -174,7 +196,9 @@ std::string CommandPort::ReadBytes(size_t count) {
   std::array<char, 65536> chunk{};
   while (received.size() < count) {
     const size_t length = opening_.socket.Receive(chunk, kAnswerLimit);
-    if (length == 0) throw Failure(ExitStatus::kNoDaemon, "the daemon closed the connection");
+    if (length == 0)
+      throw Failure(ExitStatus::kNoDaemon,
+                    "the daemon closed the connection; try again, and see zevd.log");
     received.append(chunk.data(), length);
   }
   std::string bytes = received.substr(0, count);

@@ -61,10 +61,19 @@ std::string CommandPortLine(const Settings& settings);
 /// connection is open.
 inline constexpr std::string_view kCommandPortProbe = "\xFF\xF1";
 
-/// The daemon's answer was an error text, which is the message.
+/// What the daemon says of a console whose management port it does not look at.
+inline constexpr std::string_view kNotAPelloxConsole = "Not a Pellox console.";
+
+/// The daemon's answer was an error text. The message adds what to do.
 class CommandError : public Failure {
  public:
   explicit CommandError(const std::string& text);
+
+  /// What the daemon said, alone.
+  const std::string& text() const { return text_; }
+
+ private:
+  std::string text_;
 };
 
 /// A command connection. Every function throws CommandError when the daemon answers with an error,

@@ -16,6 +16,8 @@
 
 #include "command_port.h"
 #include "console_words.h"
+#include "mistake.h"
+#include "name_match.h"
 #include "output.h"
 #include "program.h"
 #include "selection.h"
@@ -79,7 +81,7 @@ const std::set<std::string> kFileNames = {"check", "import"};
 // The values that options can have, as far as they can be known.
 const std::map<std::string, Words> kValues = {
     {"--mode", {"ro", "sh", "ex", "er"}},
-    {"--state", StateWords()},
+    {"--state", StateChoices()},
     {"--cookie-file", {kFile}},
     {"--events-dir", {kFile}},
     {"--format", {"toml", "conf"}},
@@ -192,28 +194,11 @@ Words ConsoleNames(const Settings& settings) {
   }
 }
 
-Words CommandNames(const CLI::App& app) {
-  Words names;
-  for (const CLI::App* command : app.get_subcommands(nullptr)) {
-    names.push_back(command->get_name());
-  }
-  return names;
-}
-
-void AppendOptions(const CLI::App* app, Words& names) {
-  if (app == nullptr) return;
-  for (const CLI::Option* option : app->get_options()) {
-    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
-  }
-}
-
-Words OptionNames(const CLI::App& app, const CLI::App* command) {
-  Words names;
-  AppendOptions(&app, names);
-  AppendOptions(command, names);
-  std::sort(names.begin(), names.end());
-  names.erase(std::unique(names.begin(), names.end()), names.end());
-  return names;
+// True when the word that is being completed can only be the name of a console.
+bool AwaitsName(const Line& line) {
+  if (line.command() == nullptr || !line.awaited().empty()) return false;
+  const std::string name = line.command()->get_name();
+  return kOneName.contains(name) ? line.arguments() == 0 : kNames.contains(name);
 }
 
 Words Arguments(const Line& line) {
@@ -221,9 +206,7 @@ Words Arguments(const Line& line) {
   if (HasCommands(*line.command())) return CommandNames(*line.command());
   if (name == "completion") return {"bash", "zsh"};
   if (kFileNames.contains(name)) return line.arguments() == 0 ? Words{kFile} : Words();
-  const bool first_only = kOneName.contains(name);
-  const bool takes_names = first_only ? line.arguments() == 0 : kNames.contains(name);
-  return takes_names ? ConsoleNames(line.settings()) : Words();
+  return AwaitsName(line) ? ConsoleNames(line.settings()) : Words();
 }
 
 Words Candidates(const CLI::App& app, const Line& line, const std::string& current) {
@@ -235,13 +218,34 @@ Words Candidates(const CLI::App& app, const Line& line, const std::string& curre
   return line.command() == nullptr ? CommandNames(app) : Arguments(line);
 }
 
+// Several states may stand in one word.
+std::string PartThatIsDone(const Line& line, const std::string& current) {
+  if (line.awaited() != "--state") return "";
+  return current.substr(0, current.rfind(',') + 1);
+}
+
+// A shell takes what is offered for more of the word, letter by letter. So a name that was begun in
+// another case, or with the '-' that the daemon has changed to '_', goes on as it was begun; the
+// commands take it.
+std::string Continued(const std::string& begun, const std::string& candidate) {
+  return candidate.starts_with(begun) ? candidate : begun + candidate.substr(begun.size());
+}
+
 }  // namespace
 
 ExitStatus Complete(const CLI::App& app, std::vector<std::string> words) {
   const std::string current = words.empty() ? "" : words.back();
   if (!words.empty()) words.pop_back();
-  for (const std::string& candidate : Candidates(app, Line(app, words), current)) {
-    if (candidate == kFile || candidate.starts_with(current)) std::cout << candidate << "\n";
+  const Line line(app, words);
+  const std::string done = PartThatIsDone(line, current);
+  const std::string begun = current.substr(done.size());
+  for (const std::string& candidate : Candidates(app, line, current)) {
+    if (candidate == kFile) {
+      std::cout << candidate << "\n";
+    } else if (candidate.starts_with(begun) ||
+               (AwaitsName(line) && NameBeginsWith(candidate, begun))) {
+      std::cout << done << Continued(begun, candidate) << "\n";
+    }
   }
   return ExitStatus::kOk;
 }

@@ -54,4 +54,21 @@ std::vector<std::string> StateWords() {
   return words;
 }
 
+std::vector<std::string> StatesByUrgency() {
+  return {"refused", "not-connected", "unknown", "connecting", "disabled", "in-use", "connected"};
+}
+
+std::vector<std::string> StateChoices() {
+  std::vector<std::string> words = StateWords();
+  words.insert(words.end(), {"down", "up"});
+  return words;
+}
+
+bool StateIsOf(const std::string& state, const std::string& choice) {
+  const bool up = state == "connected" || state == "in-use";
+  if (choice == "up") return up;
+  if (choice == "down") return !up && state != "disabled";
+  return state == choice;
+}
+
 }  // namespace zevctl

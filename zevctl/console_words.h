@@ -16,7 +16,18 @@ std::string ModeInWords(const std::string& code);
 /// "shared" for "sh", and so on; "unknown" for what is no mode of an argument line.
 std::string ModeInFull(const std::string& mode);
 
-/// The words of all states, for --state.
+/// The words of all states.
 std::vector<std::string> StateWords();
+
+/// The words of all states that consoles can be in, "unknown" too, the most urgent first.
+std::vector<std::string> StatesByUrgency();
+
+/// What --state takes: the words of all states, and "down" and "up" for several of them.
+std::vector<std::string> StateChoices();
+
+/// True when a console in that state is one that the choice means. "up" are the connected ones, in
+/// use or not; "down" are those that should be connected and are not: all others but the disabled
+/// ones.
+bool StateIsOf(const std::string& state, const std::string& choice);
 
 }  // namespace zevctl

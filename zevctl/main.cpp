@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "mistake.h"
 #include "output.h"
 #include "program.h"
 
@@ -54,6 +55,7 @@ void DeclareCommands(CLI::App& app, Program& program) {
   app.require_subcommand(1);
   app.set_version_flag("--version", "zevctl " QOR_VERSION);
   AddStationOptions(app, program.settings);
+  AddListCommand(app, program);
   AddQueryCommands(app, program);
   AddControlCommands(app, program);
   AddAttachCommand(app, program);
@@ -74,7 +76,8 @@ ExitStatus Run(const Program& program) {
     const ExitStatus status = program.action();
     std::cout.flush();
     if (std::cout) return status;
-    return ReportFailure(ExitStatus::kFailed, "the output cannot be written");
+    return ReportFailure(ExitStatus::kFailed,
+                         "the output cannot be written; look at what takes it");
   } catch (const zevctl::Failure& failure) {
     return ReportFailure(failure.status(), failure.what());
   } catch (const std::exception& error) {
@@ -84,7 +87,11 @@ ExitStatus Run(const Program& program) {
 
 // Help and version are answers; everything else that stops the parser is a mistake in the line.
 ExitStatus Explain(const CLI::App& app, const CLI::ParseError& error) {
-  return app.exit(error) == 0 ? ExitStatus::kOk : ExitStatus::kUsage;
+  if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success)) {
+    return ReportFailure(ExitStatus::kUsage, zevctl::MistakeIn(app, error));
+  }
+  app.exit(error);
+  return ExitStatus::kOk;
 }
 
 // A line that is still being typed is not parsed but completed.

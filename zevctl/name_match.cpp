@@ -103,12 +103,11 @@ size_t Distance(std::string_view a, std::string_view b) {
   return last.back();
 }
 
-// A short word is near to everything if much may be wrong with it.
+// A word is near to everything if much may be wrong with it.
 size_t LimitFor(size_t length) {
-  constexpr size_t kShort = 3;
-  constexpr size_t kMiddling = 7;
-  if (length <= kShort) return length > 1 ? 1 : 0;
-  return length <= kMiddling ? 2 : 3;
+  constexpr size_t kLettersPerMistake = 3;
+  constexpr size_t kMost = 3;
+  return length < 2 ? 0 : std::clamp<size_t>(length / kLettersPerMistake, 1, kMost);
 }
 
 // A word that was not typed to its end is as near as one with a single mistake.
@@ -142,20 +141,25 @@ bool ComesBefore(const std::string& a, const std::string& b) {
   return order != 0 ? order < 0 : a < b;
 }
 
-// What is typed letter by letter comes first: "a-b" and "a_b" may both be there.
-std::string FindOneName(const Names& names, const std::string& typed) {
+FoundNames FindNames(const Names& names, const std::string& pattern) {
   const auto equals = [&](const std::string& name) {
-    return strcasecmp(name.c_str(), typed.c_str()) == 0;
+    return strcasecmp(name.c_str(), pattern.c_str()) == 0;
   };
-  const auto is_same = [&](const std::string& name) { return IsSameName(name, typed); };
+  const auto is_same = [&](const std::string& name) { return IsSameName(name, pattern); };
+  const auto matches = [&](const std::string& name) { return NameMatches(name, pattern); };
+  Names found = Those(names, equals);
+  if (found.empty()) found = Those(names, is_same);
+  if (!found.empty()) return {found, true};
+  return {Those(names, matches), false};
+}
+
+std::string FindOneName(const Names& names, const std::string& typed) {
+  FoundNames found = FindNames(names, typed);
   const auto begins = [&](const std::string& name) { return NameBeginsWith(name, typed); };
-  const auto matches = [&](const std::string& name) { return NameMatches(name, typed); };
-  if (typed.empty()) throw Failure(ExitStatus::kNoSuchConsole, NoSuchConsole(typed, names));
-  for (const Names& found : {Distinct(Those(names, equals)), Distinct(Those(names, is_same)),
-                             Distinct(Those(names, begins)), Distinct(Those(names, matches))}) {
-    if (found.size() == 1) return found.front();
-    if (!found.empty()) ThrowAmbiguous(typed, found);
-  }
+  const Names beginning = found.by_name || typed.empty() ? Names() : Distinct(Those(names, begins));
+  const Names candidates = beginning.empty() ? Distinct(found.names) : beginning;
+  if (candidates.size() == 1) return candidates.front();
+  if (!candidates.empty()) ThrowAmbiguous(typed, candidates);
   throw Failure(ExitStatus::kNoSuchConsole, NoSuchConsole(typed, names));
 }
 

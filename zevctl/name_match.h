@@ -30,6 +30,16 @@ std::string FindOneName(const std::vector<std::string>& names, const std::string
 /// The words nearest to a mistyped one, nearest first, at most three; empty when none is near.
 std::vector<std::string> NearestWords(std::string_view word, const std::vector<std::string>& words);
 
+/// The names that a pattern means.
+struct FoundNames {
+  std::vector<std::string> names;  ///< in the given order
+  bool by_name = false;            ///< the pattern is their name, and needs no matching
+};
+
+/// Those that have this name; else those that IsSameName(); else those that match it. "a-b" and
+/// "a_b" may both be there, and who types one of them does not mean the other.
+FoundNames FindNames(const std::vector<std::string>& names, const std::string& pattern);
+
 /// What is said when no name is, or matches, what was typed; with the nearest names.
 std::string NoSuchConsole(const std::string& typed, const std::vector<std::string>& names);
 

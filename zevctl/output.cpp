@@ -1,7 +1,9 @@
 #include "output.h"
 
+#include <locale.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <wchar.h>
 
 #include <algorithm>
 #include <array>
@@ -20,10 +22,6 @@ namespace {
 constexpr size_t kGap = 2;                                 // blanks between columns
 constexpr size_t kNarrowest = 4;                           // columns are not cut below this
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD in UTF-8
-
-bool Continues(char byte) {
-  return (static_cast<unsigned char>(byte) & 0xC0) == 0x80;
-}
 
 uint32_t CodePoint(std::string_view character) {
   constexpr std::array<unsigned, 5> kBitsOfFirst = {0, 0x7F, 0x1F, 0x0F, 0x07};
@@ -77,20 +75,33 @@ std::string Map(std::string_view text, std::string_view malformed, Replace repla
   return result;
 }
 
-// Counts characters, not bytes. Each takes one column.
-size_t Columns(std::string_view text) {
-  return text.size() - static_cast<size_t>(std::count_if(text.begin(), text.end(), Continues));
+// The C library tells widths only for the character set of the thread's locale. What is shown is
+// UTF-8, whatever the user's locale says.
+class Utf8Locale {
+ public:
+  Utf8Locale() : before_(uselocale(Ours())) {}
+  ~Utf8Locale() { uselocale(before_); }
+  Utf8Locale(const Utf8Locale&) = delete;
+  Utf8Locale& operator=(const Utf8Locale&) = delete;
+
+ private:
+  static locale_t Ours() {
+    static const locale_t ours = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{});
+    return ours;  // null where the system lacks it: then the locale stays as it is
+  }
+
+  locale_t before_;
+};
+
+// What the library has no width for is shown in one column.
+size_t ColumnsOf(std::string_view character) {
+  const int columns = wcwidth(static_cast<wchar_t>(CodePoint(character)));
+  return columns < 0 ? 1 : static_cast<size_t>(columns);
 }
 
-std::string Cut(std::string_view text, size_t columns) {
-  if (Columns(text) <= columns) return std::string(text);
-  size_t end = 0;
-  for (size_t kept = 0; kept + 1 < columns; ++kept) {
-    do {
-      ++end;
-    } while (Continues(text[end]));
-  }
-  return std::string(text.substr(0, end)) + "~";
+// The character at the front; a single byte where there is none.
+std::string_view FirstCharacter(std::string_view text) {
+  return text.substr(0, std::max<size_t>(zevd::Utf8Length(text), 1));
 }
 
 std::string_view Sequence(Colour colour) {
@@ -147,7 +158,32 @@ std::string Coloured(std::string_view text, Colour colour, bool wanted) {
   return std::string(Sequence(colour)) + std::string(text) + "\x1b[0m";
 }
 
-Table::Table(const std::vector<std::string>& headings) : rows_(1) {
+size_t Columns(std::string_view text) {
+  const Utf8Locale locale;
+  size_t columns = 0;
+  while (!text.empty()) {
+    const std::string_view character = FirstCharacter(text);
+    columns += zevd::Utf8Length(character) == 0 ? 1 : ColumnsOf(character);
+    text.remove_prefix(character.size());
+  }
+  return columns;
+}
+
+std::string Cut(std::string_view text, size_t columns) {
+  if (Columns(text) <= columns) return std::string(text);
+  std::string kept;
+  size_t used = 0;
+  for (std::string_view rest = text; columns > 0;) {
+    const std::string_view character = FirstCharacter(rest);
+    used += Columns(character);
+    if (used >= columns) break;
+    kept += character;
+    rest.remove_prefix(character.size());
+  }
+  return columns == 0 ? "" : kept + "~";
+}
+
+Table::Table(const std::vector<std::string>& headings, size_t whole) : rows_(1), whole_(whole) {
   for (const std::string& heading : headings) rows_.front().push_back({heading});
 }
 
@@ -158,10 +194,14 @@ std::vector<size_t> Table::ColumnWidths(size_t width) const {
       widths[column] = std::max(widths[column], Columns(row[column].text));
     }
   }
+  const auto first_to_cut = widths.begin() + static_cast<ptrdiff_t>(whole_);
   while (width > 0 && Sum(widths) > width) {
-    const auto widest = std::max_element(widths.begin(), widths.end());
-    if (*widest <= kNarrowest) break;
+    const auto widest = std::max_element(first_to_cut, widths.end());
+    if (widest == widths.end() || *widest <= kNarrowest) break;
     --*widest;
+  }
+  while (whole_ > 0 && width > 0 && Sum(widths) > width && widths.size() > whole_) {
+    widths.pop_back();
   }
   return widths;
 }
@@ -170,7 +210,7 @@ void Table::Print(std::ostream& out, size_t width, bool colours) const {
   const std::vector<size_t> widths = ColumnWidths(width);
   for (const auto& row : rows_) {
     std::string blanks;
-    for (size_t column = 0; column < row.size(); ++column) {
+    for (size_t column = 0; column < widths.size(); ++column) {
       const std::string text = Cut(row[column].text, widths[column]);
       out << blanks << Coloured(text, row[column].colour, colours);
       blanks.assign(widths[column] - Columns(text) + kGap, ' ');

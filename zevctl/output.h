@@ -34,6 +34,13 @@ std::string EscapedJson(std::string_view json);
 /// not wanted.
 std::string Coloured(std::string_view text, Colour colour, bool wanted);
 
+/// How many columns a terminal takes for the printable text: two for wide characters, none for
+/// those that are put on the one before.
+size_t Columns(std::string_view text);
+
+/// The printable text, ended by '~' where it was too long for that many columns.
+std::string Cut(std::string_view text, size_t columns);
+
 struct Cell {
   std::string text;
   Colour colour = Colour::kNone;
@@ -42,7 +49,9 @@ struct Cell {
 /// Rows of cells below headings. When a row would not fit, the widest column is cut.
 class Table {
  public:
-  explicit Table(const std::vector<std::string>& headings);
+  /// The first `whole` columns are never cut. Where there are such columns and cutting the others
+  /// is not enough, columns are left out from the right.
+  explicit Table(const std::vector<std::string>& headings, size_t whole = 0);
 
   void Add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
 
@@ -53,6 +62,7 @@ class Table {
   std::vector<size_t> ColumnWidths(size_t width) const;
 
   std::vector<std::vector<Cell>> rows_;  // the headings are the first one
+  size_t whole_;
 };
 
 /// Makes the line printable and writes it to standard error all at once, so that nothing that

@@ -21,7 +21,8 @@ struct Program {
 };
 
 // Each adds its commands. The order is that of the help.
-void AddQueryCommands(CLI::App& app, Program& program);  ///< list, who, ports, holder
+void AddListCommand(CLI::App& app, Program& program);
+void AddQueryCommands(CLI::App& app, Program& program);  ///< who, ports, holder
 void AddControlCommands(CLI::App& app,
                         Program& program);  ///< clear, disable, enable, msg, force, reconnect
 void AddAttachCommand(CLI::App& app, Program& program);

@@ -1,11 +1,11 @@
 #include "selection.h"
 
 #include <strings.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
 #include <map>
+#include <set>
 
 #include "output.h"
 #include "prompt.h"
@@ -13,16 +13,6 @@
 namespace zevctl {
 
 namespace {
-
-template <typename Record>
-void RequireMatch(const std::vector<Record>& records, const std::string& pattern) {
-  const bool found = std::any_of(records.begin(), records.end(), [&](const Record& record) {
-    return NameMatches(record.name, pattern);
-  });
-  if (found) return;
-  throw Failure(ExitStatus::kNoSuchConsole, "no console is named \"" + Printable(pattern) +
-                                                "\"; \"zevctl list\" shows the names");
-}
 
 constexpr size_t kNamesShown = 8;
 
@@ -34,35 +24,56 @@ std::string Listed(const std::vector<std::string>& names) {
   return names.size() > kNamesShown ? text + ", ..." : text;
 }
 
+// "box", or "2 consoles (box, web1)".
+std::string Counted(const std::vector<std::string>& names) {
+  if (names.size() == 1) return Printable(names.front());
+  return std::to_string(names.size()) + " consoles (" + Listed(names) + ")";
+}
+
+FoundNames Find(const std::vector<std::string>& names, const std::string& pattern,
+                Purpose purpose) {
+  FoundNames found = FindNames(names, pattern);
+  if (!found.names.empty()) return found;
+  if (purpose == Purpose::kLook) return {{FindOneName(names, pattern)}, false};
+  throw Failure(ExitStatus::kNoSuchConsole, NoSuchConsole(pattern, names));
+}
+
 }  // namespace
 
 template <typename Record>
-std::vector<Record> Select(const std::vector<Record>& records,
-                           const std::vector<std::string>& patterns) {
-  if (patterns.empty()) return records;
-  for (const std::string& pattern : patterns) RequireMatch(records, pattern);
-  std::vector<Record> selected;
-  std::copy_if(
-      records.begin(), records.end(), std::back_inserter(selected), [&](const Record& record) {
-        return std::any_of(patterns.begin(), patterns.end(), [&](const std::string& pattern) {
-          return NameMatches(record.name, pattern);
-        });
-      });
-  return selected;
+Selection<Record> Select(const std::vector<Record>& records,
+                         const std::vector<std::string>& patterns, Purpose purpose) {
+  if (patterns.empty()) return {records, false};
+  std::vector<std::string> names;
+  for (const Record& record : records) names.push_back(record.name);
+  Selection<Record> selection;
+  std::set<std::string> wanted;
+  for (const std::string& pattern : patterns) {
+    const FoundNames found = Find(names, pattern, purpose);
+    wanted.insert(found.names.begin(), found.names.end());
+    selection.by_name = selection.by_name && found.by_name;
+  }
+  std::copy_if(records.begin(), records.end(), std::back_inserter(selection.records),
+               [&](const Record& record) { return wanted.contains(record.name); });
+  return selection;
 }
 
-template std::vector<ConsoleRecord> Select(const std::vector<ConsoleRecord>& records,
-                                           const std::vector<std::string>& patterns);
-template std::vector<MappedPortRecord> Select(const std::vector<MappedPortRecord>& records,
-                                              const std::vector<std::string>& patterns);
+template Selection<ConsoleRecord> Select(const std::vector<ConsoleRecord>& records,
+                                         const std::vector<std::string>& patterns, Purpose purpose);
+template Selection<ConsoleView> Select(const std::vector<ConsoleView>& records,
+                                       const std::vector<std::string>& patterns, Purpose purpose);
+template Selection<MappedPortRecord> Select(const std::vector<MappedPortRecord>& records,
+                                            const std::vector<std::string>& patterns,
+                                            Purpose purpose);
 
-std::vector<std::vector<ConsoleRecord>> GroupedByName(const std::vector<ConsoleRecord>& consoles) {
+template <typename Record>
+std::vector<std::vector<Record>> GroupedByName(const std::vector<Record>& consoles) {
   const auto less = [](const std::string& a, const std::string& b) {
     return strcasecmp(a.c_str(), b.c_str()) < 0;
   };
   std::map<std::string, size_t, decltype(less)> places(less);
-  std::vector<std::vector<ConsoleRecord>> groups;
-  for (const ConsoleRecord& console : consoles) {
+  std::vector<std::vector<Record>> groups;
+  for (const Record& console : consoles) {
     const auto [place, is_new] = places.emplace(console.name, groups.size());
     if (is_new) groups.emplace_back();
     groups[place->second].push_back(console);
@@ -70,16 +81,28 @@ std::vector<std::vector<ConsoleRecord>> GroupedByName(const std::vector<ConsoleR
   return groups;
 }
 
-std::vector<std::string> NamesOf(const std::vector<ConsoleRecord>& consoles) {
+template std::vector<std::vector<ConsoleRecord>> GroupedByName(
+    const std::vector<ConsoleRecord>& consoles);
+template std::vector<std::vector<ConsoleView>> GroupedByName(
+    const std::vector<ConsoleView>& consoles);
+
+template <typename Record>
+std::vector<std::string> NamesOf(const std::vector<Record>& consoles) {
   std::vector<std::string> names;
   for (const auto& group : GroupedByName(consoles)) names.push_back(group.front().name);
   return names;
 }
 
-void Confirm(const std::string& action, const std::vector<std::string>& names) {
-  if (names.size() <= 1 || isatty(STDIN_FILENO) != 1) return;
-  const auto answer = Ask(action + " " + std::to_string(names.size()) + " consoles (" +
-                          Listed(names) + ")? [y/N] ");
+template std::vector<std::string> NamesOf(const std::vector<ConsoleRecord>& consoles);
+template std::vector<std::string> NamesOf(const std::vector<ConsoleView>& consoles);
+
+void Confirm(const std::string& action, const std::vector<std::string>& names, bool by_name) {
+  if (names.size() <= 1 && by_name) return;
+  const auto answer = Ask(action + " " + Counted(names) + "? [y/N] ");
+  if (!answer) {
+    throw Failure(ExitStatus::kDeclined, "there is no terminal to ask on about " + Counted(names) +
+                                             ", and nothing was done; --yes acts without asking");
+  }
   if (answer == "y" || answer == "yes" || answer == "Y") return;
   throw Failure(ExitStatus::kDeclined, "nothing was done");
 }

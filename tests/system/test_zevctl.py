@@ -1,16 +1,19 @@
 """The client's commands: what they print, what they do, and how they end."""
 
+import json
 import os
 import pwd
 import re
 import signal
 import struct
 import subprocess
+import time
 
 import pytest
 
 from harness import zevctl
 from harness.access import banner
+from harness.collectors import collector
 from harness.consoles import refusal
 from harness.impostors import FakeDaemon, console_record
 from harness.scenes import connected
@@ -38,27 +41,62 @@ def rows(text: str) -> list[list[str]]:
     return [line.split() for line in text.splitlines()]
 
 
+HEADING = ["NAME", "STATE", "SINCE", "OUTPUT", "USERS", "MODE", "ADDRESS", "PORT", "MODEL",
+           "PLATFORM"]
+
+
 # list
 
 
 def test_list_shows_every_console(rack):
     rack.attach("web1", mode="ex")
     ports = {name: console.port for name, console in rack.boxes.items()}
-    heading, *found = rows(zevctl.succeed(rack, "list"))
-    assert heading == ["NAME", "STATE", "USERS", "MODE", "ADDRESS", "PORT", "MODEL", "PLATFORM"]
-    assert ["web1", "in-use", "1", "exclusive", "127.0.0.1", str(ports["web1"]), "A200",
-            "p-web1"] in found
-    assert ["web2", "connected", "0", "none", "127.0.0.1", str(ports["web2"]), "A200",
-            "p-web2"] in found
-    states = {row[0]: row[1] for row in found}
-    assert states == {"web1": "in-use", "web2": "connected", "db1": "refused", "off": "disabled"}
+    heading, *found, summary = rows(zevctl.succeed(rack, "list"))
+    assert heading == HEADING
+    assert [row[:2] for row in found] == [
+        ["db1", "refused"], ["off", "disabled"], ["web1", "in-use"], ["web2", "connected"]]
+    assert found[2][4:] == ["1", "exclusive", "127.0.0.1", str(ports["web1"]), "A200", "p-web1"]
+    assert found[3][3:] == ["-", "0", "none", "127.0.0.1", str(ports["web2"]), "A200", "p-web2"]
+    assert re.fullmatch("[0-9]{2}:[0-9]{2}:[0-9]{2}", found[2][2])
+    assert " ".join(summary) == "4 consoles: 1 refused, 1 disabled, 1 in-use, 1 connected"
+
+
+def test_list_tells_since_when_and_the_last_output(rack):
+    before = int(time.time())
+    rack.boxes["web2"].send(b"hello\n")
+    wait_until(lambda: zevctl.data(rack, "list", "web2")[0]["last_output"], what="the output")
+    web2, = zevctl.data(rack, "list", "web2")
+    assert web2["since"] <= before <= web2["last_output"] <= time.time()
+    shown = rows(zevctl.succeed(rack, "list", "web2"))[1]
+    assert shown[2:4] == [time.strftime("%H:%M:%S", time.localtime(web2[key]))
+                          for key in ("since", "last_output")]
+
+
+def test_list_takes_several_states_in_one_word(rack):
+    names = zevctl.succeed(rack, "list", "-q", "--state", "down,disabled")
+    assert names.splitlines() == ["db1", "off"]
+    assert zevctl.succeed(rack, "list", "-q", "--state", "up").splitlines() == ["web1", "web2"]
+    shown = zevctl.succeed(rack, "list", "--state", "down").splitlines()
+    assert len(shown) == 3 and shown[2] == (
+        "1 shown of 4 consoles: 1 refused, 1 disabled, 2 connected")
+    assert zevctl.data(rack, "list", "-q", "--state", "down") == ["db1"]
+
+
+def test_list_sorts_numbers_as_numbers(station):
+    for name in ("n10", "n9", "N1"):
+        station.console(name, enable=0)
+    station.start()
+    assert zevctl.succeed(station, "list", "-q").splitlines() == ["N1", "n9", "n10"]
 
 
 def test_list_as_json(rack):
     rack.attach("web1", mode="ro")
     rack.attach("web1")
     found = {entry["name"]: entry for entry in zevctl.data(rack, "list")}
+    since = found["web1"].pop("since")
+    assert 0 <= time.time() - since < 3600
     assert found["web1"] == {
+        "last_output": None,
         "name": "web1", "state": "in-use", "users": 2, "mode": "shared", "address": "127.0.0.1",
         "port": rack.boxes["web1"].port, "management_port": 23, "model": "A200",
         "platform": "p-web1"}
@@ -72,6 +110,7 @@ def test_list_as_json(rack):
     (["*1"], ["web1", "db1"]),
     (["web[2-9]", "o?f"], ["web2", "off"]),
     (["web1", "w*"], ["web1", "web2"]),
+    (["D"], ["db1"]),
 ])
 def test_list_takes_patterns(rack, patterns, names):
     assert {entry["name"] for entry in zevctl.data(rack, "list", *patterns)} == set(names)
@@ -94,21 +133,38 @@ def test_an_unknown_name_is_reported(rack):
                   "list", "web1", "nowhere*")
 
 
+def test_a_mistyped_name_is_met_with_the_nearest(rack):
+    zevctl.refuse(rack, zevctl.NO_SUCH_CONSOLE, 'no console is named "wbe1"; did you mean web1? '
+                  '"zevctl list" shows the names', "clear", "wbe1")
+    zevctl.refuse(rack, zevctl.NO_SUCH_CONSOLE, '"we" may mean web1, web2; type more of the name',
+                  "list", "we")
+
+
+def test_what_acts_wants_the_whole_name(rack):
+    zevctl.refuse(rack, zevctl.NO_SUCH_CONSOLE, 'no console is named "of"; did you mean off? '
+                  '"zevctl list" shows the names', "enable", "of")
+    assert zevctl.succeed(rack, "enable", "OFF").startswith("off: enabled")
+
+
 def test_a_station_without_consoles_has_an_empty_list(station):
     station.start()
     assert zevctl.data(station, "list") == []
-    assert rows(zevctl.succeed(station, "list")) == [
-        ["NAME", "STATE", "USERS", "MODE", "ADDRESS", "PORT", "MODEL", "PLATFORM"]]
+    assert rows(zevctl.succeed(station, "list")) == [HEADING, ["no", "consoles"]]
+
+
+def on_terminal(station, columns: int) -> list[str]:
+    """The lines of the list on a terminal of that width, without colours."""
+    with Terminal(station, "list", columns=columns, env={"NO_COLOR": "1"}) as screen:
+        return screen.expect_end(zevctl.OK).decode().splitlines()
 
 
 def test_a_table_fits_the_terminal(station):
-    station.console("x" * 64, listening=False, platform="y" * 60)
+    station.console("x" * 40, enable=0, platform="y" * 60)
     station.start()
-    with Terminal(station, "list", columns=80) as screen:
-        shown = screen.expect_end(zevctl.OK).decode().splitlines()
-    assert len(shown) == 2 and all(len(re.sub("\x1b\\[[0-9]*m", "", line)) <= 80
-                                   for line in shown)
-    assert "x" * 10 in shown[1] and "~" in shown[1]
+    heading, row, _ = on_terminal(station, 100)
+    assert len(row) <= 100 and row.split()[:2] == ["x" * 40, "disabled"] and "~" in row
+    heading, row, _ = on_terminal(station, 50)
+    assert heading.split() == ["NAME", "STATE"] and row.split() == ["x" * 40, "disabled"]
 
 
 @pytest.mark.parametrize("env, coloured", [({}, True), ({"NO_COLOR": "1"}, False)])
@@ -126,6 +182,46 @@ def test_watching_shows_what_changes(rack):
         user.close()
         screen.expect("connected")
         screen.type("\x03")
+
+
+def test_watching_leaves_the_screen_as_it_was(rack):
+    with Terminal(rack, "list", "--watch", "web*", columns=120) as screen:
+        screen.expect("\x1b[?1049h")
+        shown = screen.expect("web2").decode()
+        assert re.search("[0-9]{2}:[0-9]{2}:[0-9]{2}  2 consoles: 2 connected", shown)
+        screen.type("\x03")
+        screen.expect("\x1b[?1049l")
+
+
+def test_watching_shows_no_more_than_the_screen_has(station):
+    for number in range(30):
+        station.console(f"n{number}", enable=0)
+    station.start()
+    with Terminal(station, "list", "--watch", columns=120) as screen:
+        assert b"n20" in screen.expect("... and 9 more")
+        screen.child.setwinsize(40, 120)
+        screen.expect("n29")
+        screen.type("\x03")
+
+
+def test_a_closed_pipe_ends_a_watch_at_once(rack):
+    with zevctl.start(rack, "list", "--watch", "-q") as watch:
+        assert watch.stdout.readline() == b"db1\n"
+        watch.stdout.close()
+        assert watch.wait(timeout=stretched(LIMIT)) == zevctl.OK
+        assert watch.stderr.read() == b""
+
+
+def test_a_pipe_is_told_what_changes_but_not_that_a_console_prints(rack):
+    with zevctl.start(rack, "--json", "list", "--watch", "web1") as watch:
+        assert json.loads(watch.stdout.readline())[0]["state"] == "connected"
+        position = rack.mark()
+        rack.boxes["web1"].send(b"hello\n")
+        wait_until(lambda: rack.log_text(position).count('Received command "status') >= 2,
+                   what="two looks")
+        rack.attach("web1")
+        assert json.loads(watch.stdout.readline())[0]["state"] == "in-use"
+        watch.terminate()
 
 
 def test_watching_waits_for_a_daemon_that_is_restarted(rack):
@@ -244,7 +340,8 @@ def test_ports_shows_the_port_plan(station):
 def test_holder_reports_consoles_without_one(rack):
     done = zevctl.run(rack, "--json", "holder", "web1", "db1")
     assert done.returncode == zevctl.FAILED
-    assert done.stderr == "zevctl: db1: Not a Pellox console.\n"
+    assert done.stderr == ("zevctl: db1: Not a Pellox console. Only the management port of such a "
+                           "console names its holder.\n")
     assert done.stdout == '[{"console":"web1","holder":"127.0.0.1"}]\n'
 
 
@@ -254,10 +351,15 @@ def test_holder_reports_consoles_without_one(rack):
 def test_clear_disconnects_the_users(rack):
     user = rack.attach("web1", user="ann")
     assert zevctl.succeed(rack, "--user", "op", "clear", "web1") == (
-        "web1: its users were disconnected\n")
+        "web1: 1 user was disconnected: ann\n")
     user.expect(banner("Your session has been terminated by op@127.0.0.1"))
     user.expect_closed()
     assert not rack.boxes["web1"].closed
+
+
+def test_clear_of_nobody_says_so(rack):
+    assert zevctl.succeed(rack, "clear", "-y", "web1", "db1") == (
+        "web1: nobody was attached\ndb1: nobody was attached: it is refused\n")
 
 
 def test_the_login_name_is_the_operators_name(rack):
@@ -267,27 +369,62 @@ def test_the_login_name_is_the_operators_name(rack):
 
 
 def test_disable_and_enable(rack):
-    assert zevctl.succeed(rack, "disable", "web1", "--yes") == "web1: disabled\n"
+    rack.attach("web1", user="ann")
+    rack.attach("web1", user="bob")
+    assert zevctl.succeed(rack, "disable", "web1", "--yes") == (
+        "web1: disabled, until it is enabled or the daemon reloads or restarts; "
+        "2 users were disconnected: ann, bob\n")
     rack.boxes["web1"].expect_closed()
     wait_until(lambda: zevctl.data(rack, "list", "web1")[0]["state"] == "disabled",
                what="the console to be closed")
+    assert zevctl.succeed(rack, "disable", "web1") == "web1: was disabled already\n"
     assert zevctl.succeed(rack, "enable", "web1") == (
         "web1: enabled; the daemon connects to it within a minute\n")
     rack.boxes["web1"].accept()
     wait_until(lambda: zevctl.data(rack, "list", "web1")[0]["state"] == "connected",
                what="the console to be connected again")
+    assert zevctl.succeed(rack, "enable", "web1") == (
+        "web1: was enabled already: it is connected\n")
 
 
-def test_force_says_when_it_takes_effect(rack):
-    assert zevctl.succeed(rack, "force", "db1") == (
-        "db1: its management port will be taken over at the next refusal\n")
+def test_force_says_when_it_takes_effect(station):
+    station.console("px", model="P100", listening=False)
+    station.start()
+    assert zevctl.succeed(station, "force", "px") == (
+        "px: its management port will be taken over at the next refusal\n")
+
+
+@pytest.mark.parametrize("name, status, reason", [
+    ("web1", zevctl.FAILED, 'it is connected, and there is nothing to take over; "zevctl clear" '
+     "disconnects its users"),
+    ("db1", zevctl.FAILED, "only the management port of a Pellox console can be taken over; "
+     '"zevctl reconnect" tries at once to connect'),
+    ("off", zevctl.NOT_ACCESSIBLE, 'it is disabled; "zevctl enable" it first'),
+])
+def test_what_cannot_be_forced_is_reported(rack, name, status, reason):
+    position = rack.mark()
+    zevctl.refuse(rack, status, f"{name}: not forced: {reason}", "force", name)
+    assert f"force {name}" not in commands(rack.log_text(position))
 
 
 def test_reconnect_says_which_consoles_are_tried(rack):
-    assert zevctl.succeed(rack, "reconnect", "db1", "web1", "--yes") == (
-        "web1: tried at once, unless it is connected or disabled\n"
-        "db1: tried at once, unless it is connected or disabled\n")
+    done = zevctl.run(rack, "reconnect", "*", "--yes")
+    assert done.stdout == (
+        "web1: is connected already\nweb2: is connected already\n"
+        'db1: the daemon tries now to connect; "zevctl list" shows the result\n')
+    assert (done.returncode, done.stderr) == (
+        zevctl.NOT_ACCESSIBLE, 'zevctl: off: not tried: it is disabled; "zevctl enable" it first\n')
     assert not rack.boxes["web1"].closed
+
+
+def test_without_a_terminal_nothing_is_done_to_several_consoles(rack):
+    user = rack.attach("web1")
+    zevctl.refuse(rack, zevctl.DECLINED, "there is no terminal to ask on about 2 consoles (web1, "
+                  "web2), and nothing was done; --yes acts without asking", "clear", "web1", "web2")
+    zevctl.refuse(rack, zevctl.DECLINED, "there is no terminal to ask on about web1, and nothing "
+                  "was done; --yes acts without asking", "clear", "w*1", "--json")
+    user.send(b"still here")
+    rack.boxes["web1"].expect_exactly(b"still here")
 
 
 def test_acting_on_several_consoles_needs_a_confirmation(rack):
@@ -301,7 +438,8 @@ def test_acting_on_several_consoles_needs_a_confirmation(rack):
     with Terminal(rack, "clear", "web*", columns=120) as screen:
         screen.expect("[y/N] ")
         screen.type("y\r")
-        screen.expect("web1: its users were disconnected\r\nweb2: its users were disconnected\r\n")
+        who = "1 user was disconnected: somebody from 127.0.0.1\r\n"
+        screen.expect(f"web1: {who}web2: {who}")
         screen.expect_end(zevctl.OK)
     for user in users:
         user.expect(banner(f"Your session has been terminated by {OPERATOR}@127.0.0.1"))
@@ -315,9 +453,9 @@ def test_no_question_where_none_is_needed(rack, words):
 
 
 def test_results_as_json(rack):
-    assert zevctl.data(rack, "clear", "web*") == [
-        {"console": "web1", "done": True, "text": "its users were disconnected"},
-        {"console": "web2", "done": True, "text": "its users were disconnected"}]
+    assert zevctl.data(rack, "clear", "-y", "web*") == [
+        {"console": "web1", "done": True, "text": "nobody was attached"},
+        {"console": "web2", "done": True, "text": "nobody was attached"}]
 
 
 # msg
@@ -331,21 +469,54 @@ def test_a_message_reaches_the_users(rack):
 
 
 def test_a_message_to_a_console_that_is_not_connected(rack):
-    done = zevctl.run(rack, "msg", "*", "hello")
+    rack.attach("web1")
+    done = zevctl.run(rack, "msg", "--yes", "*", "hello")
     assert done.returncode == zevctl.NOT_ACCESSIBLE
-    assert done.stdout == "web1: told\nweb2: told\n"
-    assert sorted(done.stderr.splitlines()) == [
-        "zevctl: db1: it is not connected and has no users",
-        "zevctl: off: it is not connected and has no users"]
+    assert done.stdout == "web1: told\nweb2: nobody is attached\n"
+    reason = 'it is not connected and has no users; "zevctl list" shows its state'
+    assert sorted(done.stderr.splitlines()) == [f"zevctl: db1: {reason}", f"zevctl: off: {reason}"]
 
 
 def test_a_message_of_two_lines_is_refused(rack):
-    zevctl.refuse(rack, zevctl.USAGE, "the text must be one line", "msg", "web1", "a\nclear web2")
+    zevctl.refuse(rack, zevctl.USAGE, "the text must be one line; leave out the line ends", "msg", "web1", "a\nclear web2")
 
 
 def test_a_message_that_is_too_long_is_refused(rack):
-    zevctl.refuse(rack, zevctl.USAGE, "the command is too long: at most 1022 characters",
+    zevctl.refuse(rack, zevctl.USAGE, "the command is too long: at most 1022 characters; shorten it",
                   "msg", "web1", "x" * 1100)
+
+
+# Names that the daemon changes
+
+
+@pytest.fixture
+def renamed(station, collector):
+    """A console whose name the daemon has changed at its first event."""
+    (station.events / "boom").write_text("boom 500 0 BOOM\n")
+    box = station.console("rack-1-a", events=1, event_file="boom")
+    station.start()
+    collector.accept()
+    connected(station, box, "rack-1-a")
+    box.send(b"BOOM\n")
+    wait_until(lambda: zevctl.data(station, "list", "-q") == ["rack_1_a"], what="the new name")
+    return station
+
+
+@pytest.mark.parametrize("words, done", [
+    (["list", "-q", "rack-1-a"], "rack_1_a\n"),
+    (["list", "-q", "RACK-1"], "rack_1_a\n"),
+    (["clear", "rack-1-a"], "rack_1_a: nobody was attached\n"),
+    (["msg", "Rack-1-A", "hello"], "rack_1_a: nobody is attached\n"),
+    (["reconnect", "rack_1-a"], "rack_1_a: is connected already\n"),
+    (["clear", "-y", "rack-?-*"], "rack_1_a: nobody was attached\n"),
+    (["complete", "who", "rack-1"], "rack-1_a\n"),
+    (["complete", "who", "rack_"], "rack_1_a\n"),
+])
+def test_a_console_is_found_under_both_names(renamed, words, done):
+    if words[0] == "complete":
+        assert complete(renamed, *words[1:]) == done.split()
+    else:
+        assert zevctl.succeed(renamed, *words) == done
 
 
 # The connection
@@ -387,7 +558,21 @@ def test_something_that_is_not_the_daemon_is_reported(fake_console):
 def test_invalid_command_lines_are_refused(words):
     done = zevctl.run(None, *words)
     assert done.returncode == zevctl.USAGE
-    assert done.stdout == "" and done.stderr != ""
+    assert done.stdout == "" and re.fullmatch(
+        'zevctl: .*"zevctl( [a-z]+)? --help" shows what there is\n', done.stderr)
+
+
+@pytest.mark.parametrize("words, answer", [
+    (["lst"], 'there is no command "lst"; did you mean list?'),
+    (["recon", "box"], 'there is no command "recon"; did you mean reconnect?'),
+    (["frobnicate"], 'there is no command "frobnicate";'),
+    (["list", "--wach"], "there is no option --wach; did you mean --watch?"),
+    (["--hots=box", "list"], "there is no option --hots; did you mean --host?"),
+    (["list", "--state", "conected"], '--state: no state is called "conected"; use connected;'),
+])
+def test_the_nearest_word_is_named(words, answer):
+    done = zevctl.run(None, *words)
+    assert done.stderr.startswith(f"zevctl: {answer} ")
 
 
 def test_help_and_version():
@@ -400,7 +585,7 @@ def test_output_that_cannot_be_written_is_an_error(rack):
     with open("/dev/full", "wb") as full:
         done = zevctl.start(rack, "list", stdout=full)
         assert done.wait() == zevctl.FAILED
-        assert done.stderr.read() == b"zevctl: the output cannot be written\n"
+        assert done.stderr.read() == b"zevctl: the output cannot be written; look at what takes it\n"
 
 
 @pytest.mark.parametrize("closed", ["<&-", ">&-", "2>&-", "<&- >&- 2>&-"])
@@ -469,6 +654,7 @@ def complete(station, *words: str) -> list[str]:
 
 def test_console_names_are_completed(rack):
     assert complete(rack, "attach", "w") == ["web1", "web2"]
+    assert complete(rack, "attach", "W") == ["Web1", "Web2"]
     assert complete(rack, "attach", "web1", "") == []
     assert complete(rack, "clear", "web1", "o") == ["off"]
     assert set(complete(rack, "--json", "list", "")) == {"web1", "web2", "db1", "off"}
@@ -481,6 +667,8 @@ def test_commands_and_options_are_completed(rack):
     assert complete(rack, "comp") == ["completion"]
     assert complete(rack, "list", "--sta") == ["--state"]
     assert complete(rack, "list", "--state", "dis") == ["disabled"]
+    assert complete(rack, "list", "--state", "down,ref") == ["down,refused"]
+    assert complete(rack, "LI") == []
     assert complete(rack, "attach", "x", "--mode", "") == ["ro", "sh", "ex", "er"]
     assert complete(rack, "completion", "z") == ["zsh"]
     assert complete(rack, "--cookie-file", "x") == ["<file>"]

@@ -250,6 +250,29 @@ TEST(ZevctlOutputTest, WidthsCountCharactersNotBytes) {
   EXPECT_EQ(Shown(table, 0), "N   S\n\xC3\xA9\xC3\xA9  x\nab  y\n");
 }
 
+TEST(ZevctlOutputTest, WideCharactersTakeTwoColumnsAndMarksNone) {
+  EXPECT_EQ(Columns("\u4E2D\u6587"), 4);
+  EXPECT_EQ(Columns("e\u0301"), 1);
+  EXPECT_EQ(Columns("\U0001F600"), 2);
+  EXPECT_EQ(Columns("a\xFF"), 2);
+  EXPECT_EQ(Cut("\u4E2D\u6587\u4E2D", 5), "\u4E2D\u6587~");
+  EXPECT_EQ(Cut("\u4E2D\u6587\u4E2D", 4), "\u4E2D~");
+  EXPECT_EQ(Cut("e\u0301e\u0301", 2), "e\u0301e\u0301");
+  EXPECT_EQ(Cut("abc", 0), "");
+}
+
+TEST(ZevctlOutputTest, WholeColumnsAreNeverCut) {
+  Table table({"NAME", "STATE", "PLATFORM"}, 2);
+  table.Add({{"a-long-name"}, {"not-connected"}, {"platform-1"}});
+  EXPECT_EQ(Shown(table, 33),
+            "NAME         STATE          PLAT~\n"
+            "a-long-name  not-connected  plat~\n");
+  EXPECT_EQ(Shown(table, 31),
+            "NAME         STATE\n"
+            "a-long-name  not-connected\n");
+  EXPECT_EQ(Shown(table, 3), Shown(table, 31));
+}
+
 TEST(ZevctlOutputTest, ColoursAreShownWhereTheyAreWanted) {
   EXPECT_THAT(Shown(Example(), 0, true), ::testing::HasSubstr("\x1b[32mconnected\x1b[0m\n"));
   EXPECT_THAT(Shown(Example(), 0, false), ::testing::Not(::testing::HasSubstr("\x1b")));
@@ -275,27 +298,50 @@ TEST(ZevctlSelectionTest, NamesAndPatterns) {
 TEST(ZevctlSelectionTest, KeepsTheOrderOfTheRecordsAndTakesEachOnce) {
   const std::vector<ConsoleRecord> all = {Named("b1"), Named("a1"), Named("a2")};
   const auto names = [&](const std::vector<std::string>& patterns) {
-    return NamesOf(Select(all, patterns));
+    return NamesOf(Select(all, patterns, Purpose::kAct).records);
   };
   EXPECT_THAT(names({}), ElementsAre("b1", "a1", "a2"));
   EXPECT_THAT(names({"a*", "*1"}), ElementsAre("b1", "a1", "a2"));
   EXPECT_THAT(names({"a2", "a1"}), ElementsAre("a1", "a2"));
   EXPECT_THROW(names({"a1", "c*"}), Failure);
-  EXPECT_THAT(NamesOf({}), IsEmpty());
+  EXPECT_THROW(names({"b"}), Failure);
+}
+
+TEST(ZevctlSelectionTest, LookingTakesTheStartOfOneName) {
+  const std::vector<ConsoleRecord> all = {Named("web-1"), Named("web-2"), Named("db")};
+  const auto names = [&](const std::vector<std::string>& patterns) {
+    return NamesOf(Select(all, patterns, Purpose::kLook).records);
+  };
+  EXPECT_THAT(names({"d", "WEB_1"}), ElementsAre("web-1", "db"));
+  EXPECT_THROW(names({"web"}), Failure);
+}
+
+TEST(ZevctlSelectionTest, ANameIsToldFromAPattern) {
+  const std::vector<ConsoleRecord> all = {Named("a-b"), Named("a_b"), Named("c")};
+  const auto chosen = [&](const std::string& pattern) {
+    return Select(all, {pattern}, Purpose::kAct);
+  };
+  EXPECT_THAT(NamesOf(chosen("A-B").records), ElementsAre("a-b"));
+  EXPECT_TRUE(chosen("A-B").by_name);
+  EXPECT_THAT(NamesOf(chosen("a?b").records), ElementsAre("a-b", "a_b"));
+  EXPECT_FALSE(chosen("a?b").by_name);
+  EXPECT_FALSE(chosen("[c]").by_name);
 }
 
 TEST(ZevctlSelectionTest, NamesThatDifferOnlyInCaseAreListedOnce) {
-  EXPECT_THAT(NamesOf({Named("Box"), Named("box"), Named("BOX2")}), ElementsAre("Box", "BOX2"));
+  const std::vector<ConsoleRecord> all = {Named("Box"), Named("box"), Named("BOX2")};
+  EXPECT_THAT(NamesOf(all), ElementsAre("Box", "BOX2"));
 }
 
 TEST(ZevctlSelectionTest, RecordsOfOneNameAreTogetherAndInOrder) {
-  const auto groups = GroupedByName({Named("Box"), Named("a"), Named("box"), Named("BOX")});
+  const std::vector<ConsoleRecord> all = {Named("Box"), Named("a"), Named("box"), Named("BOX")};
+  const auto groups = GroupedByName(all);
   ASSERT_EQ(groups.size(), 2);
   const auto name = [](const ConsoleRecord& console) { return console.name; };
   EXPECT_THAT(groups[0],
               ElementsAre(ResultOf(name, "Box"), ResultOf(name, "box"), ResultOf(name, "BOX")));
   EXPECT_THAT(groups[1], ElementsAre(ResultOf(name, "a")));
-  EXPECT_THAT(GroupedByName({}), IsEmpty());
+  EXPECT_THAT(GroupedByName(std::vector<ConsoleRecord>()), IsEmpty());
 }
 
 TEST(ZevctlConsoleWordsTest, CodesInWords) {
@@ -304,10 +350,25 @@ TEST(ZevctlConsoleWordsTest, CodesInWords) {
   EXPECT_EQ(StateInWords("0"), "connected");
   EXPECT_EQ(StateInWords("5"), "disabled");
   EXPECT_EQ(StateInWords("99"), "unknown");
+  EXPECT_THAT(StatesByUrgency(), ::testing::IsSupersetOf(StateWords()));
   EXPECT_EQ(ModeInWords("0"), "none");
   EXPECT_EQ(ModeInWords("4"), "exclusive-revoke");
   EXPECT_EQ(ModeInWords("5"), "management-port");
   EXPECT_EQ(ModeInWords(""), "unknown");
+}
+
+TEST(ZevctlConsoleWordsTest, DownIsWhatShouldBeConnectedAndIsNot) {
+  for (const std::string state : {"not-connected", "refused", "connecting", "unknown"}) {
+    EXPECT_TRUE(StateIsOf(state, "down")) << state;
+    EXPECT_FALSE(StateIsOf(state, "up")) << state;
+    EXPECT_TRUE(StateIsOf(state, state)) << state;
+  }
+  for (const std::string state : {"connected", "in-use"}) {
+    EXPECT_FALSE(StateIsOf(state, "down")) << state;
+    EXPECT_TRUE(StateIsOf(state, "up")) << state;
+  }
+  EXPECT_FALSE(StateIsOf("disabled", "down"));
+  EXPECT_FALSE(StateIsOf("disabled", "up"));
 }
 
 }  // namespace

@@ -87,14 +87,14 @@ def console_record(name: bytes, address: bytes = b"127.0.0.1", state: bytes = b"
 class FakeDaemon(Closing):
     """A command port, of this process, that answers with what a test gives it.
 
-    `answers` has the records, or the text of an error, for each command or else for its first word;
-    every other command is done. `opening` is sent in place of the first answer. `commands` are
+    `answers` has the records, the text of an error, or lines of JSON as a text, for each command or
+    else for its first word; "status" is unknown to it unless told, every other command is done. `opening` is sent in place of the first answer. `commands` are
     those that have come.
     """
 
-    def __init__(self, opening: bytes = b"", **answers: list[bytes] | bytes) -> None:
+    def __init__(self, opening: bytes = b"", **answers: list[bytes] | bytes | str) -> None:
         self._opening = opening
-        self._answers = answers
+        self._answers = {"status": b"Invalid command.", **answers}
         self.commands: list[str] = []
         self._listener = socket.create_server(("127.0.0.1", 0))
         self.port = self._listener.getsockname()[1]
@@ -126,6 +126,8 @@ class FakeDaemon(Closing):
             return struct.pack("<II", 3, 0)
         if isinstance(answer, bytes):
             return self._error(answer)
+        if isinstance(answer, str):
+            return struct.pack("<II", 1, len(answer.encode())) + answer.encode()
         return struct.pack("<II", 1, len(answer)) + b"".join(answer)
 
     @staticmethod
