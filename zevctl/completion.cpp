@@ -71,9 +71,9 @@ fi
 constexpr char kFile[] = "<file>";  // asks the shell to offer names of files
 
 // Commands whose first argument is the name of a console, and those all of whose arguments are.
-const std::set<std::string> kOneName = {"attach", "log", "msg"};
+const std::set<std::string> kOneName = {"attach", "msg"};
 const std::set<std::string> kNames = {"clear",  "disable", "enable", "force", "reconnect",
-                                      "holder", "list",    "ports",  "who"};
+                                      "holder", "list",    "log",    "ports", "who"};
 
 // Commands of "config" whose argument is a file.
 const std::set<std::string> kFileNames = {"check", "import"};

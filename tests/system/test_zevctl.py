@@ -657,6 +657,7 @@ def test_console_names_are_completed(rack):
     assert complete(rack, "attach", "W") == ["Web1", "Web2"]
     assert complete(rack, "attach", "web1", "") == []
     assert complete(rack, "clear", "web1", "o") == ["off"]
+    assert complete(rack, "log", "web1", "o") == ["off"]
     assert set(complete(rack, "--json", "list", "")) == {"web1", "web2", "db1", "off"}
     assert complete(None, "--host", "127.0.0.1", "--port", str(rack.port), "who", "d") == ["db1"]
     assert complete(None, f"--port={rack.port}", "who", "d") == ["db1"]
