@@ -122,7 +122,7 @@ ReloadState WaitForReload(CommandPort& port, uint64_t before,
                           const std::vector<ConfigConsole>& consoles) {
   const auto deadline = std::chrono::steady_clock::now() + kReloadLimit;
   for (;;) {
-    const ReloadState now = AskForReloads(port);
+    ReloadState now = AskForReloads(port);
     if (now.reloads != before && now.result != "done") {
       throw Failure(ExitStatus::kFailed, "zev.conf is new, but the daemon's reload ended with \"" +
                                              now.result + "\"; see zevd.log, then apply again");

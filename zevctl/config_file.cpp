@@ -76,7 +76,9 @@ std::vector<std::string> FilesIn(const std::string& directory, const std::string
   for (const dirent* entry = readdir(opened.get()); entry != nullptr;
        entry = readdir(opened.get())) {
     const std::string name = entry->d_name;
-    if (!name.starts_with(".") && name.ends_with(suffix)) files.push_back(directory + "/" + name);
+    if (name.starts_with(".") || !name.ends_with(suffix)) continue;
+    files.push_back(directory);
+    files.back().append("/").append(name);
   }
   std::sort(files.begin(), files.end());
   return files;

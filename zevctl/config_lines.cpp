@@ -26,7 +26,7 @@ constexpr char kSystemctl[] = "/usr/bin/systemctl";
 constexpr char kSystemdRuns[] = "/run/systemd/system";
 constexpr char kLinesUser[] = "zevd-lines";
 constexpr mode_t kMode = 0640;
-constexpr std::chrono::seconds kStartLimit{10};
+constexpr std::chrono::seconds kStartLimit{5};
 constexpr std::chrono::milliseconds kInterval{50};
 
 // The status with which it ended; not 0 when it could not be run.

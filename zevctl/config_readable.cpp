@@ -84,8 +84,7 @@ class Reader {
     }
   }
 
-  // ---- One table, which may stand for many consoles
-  // -----------------------------------------------
+  // What follows is about one table, which may stand for many consoles.
 
   void AddConsoles(const TomlNode& table) {
     KeyValues values = ReadKeys(table, true, findings_);

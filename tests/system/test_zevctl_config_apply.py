@@ -5,13 +5,15 @@ import os
 import re
 import signal
 import subprocess
+from pathlib import Path
 
 import pytest
 
 from harness import settings, zevctl
 from harness.consoles import FakeConsole
+from harness.helpers import private_copy
 from harness.scenes import connected
-from harness.waiting import wait_until
+from harness.waiting import free_port, wait_until
 
 FIRST_LINE = re.compile(r'# Written by "zevctl config apply" .*sha256=[0-9a-f]{64}\n')
 
@@ -225,16 +227,17 @@ def test_a_daemon_that_could_not_read_its_file_is_not_made_to(station):
     os.chown(station.root, -1, 7)
     readable(station, '[[console]]\nname = "a"\ntcp = "192.0.2.1"\n')
     (station.config / "zev.lock").touch()
+    port = free_port()
     held = subprocess.Popen(
         ["setpriv", "--reuid", "7", "--regid", "7", "--clear-groups", "--",
-         settings.daemon(), "-f", "-S", "0", "-p", "6500"],
+         settings.daemon(), "-f", "-S", "0", "-p", str(port)],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     try:
         (station.config / "zev.lock").chmod(0o666)
-        wait_until(lambda: zevctl.run(None, "list").returncode != zevctl.NO_DAEMON,
+        wait_until(lambda: zevctl.run(None, "--port", str(port), "list").returncode != zevctl.NO_DAEMON,
                    what="the daemon to listen")
         before = files(station)
-        done = zevctl.run(None, "config", "apply")
+        done = zevctl.run(None, "--port", str(port), "config", "apply")
         assert done.returncode == zevctl.FAILED
         assert "the daemon could not read the new zev.conf and would end" in done.stderr
         assert files(station) == before
@@ -242,3 +245,27 @@ def test_a_daemon_that_could_not_read_its_file_is_not_made_to(station):
         held.send_signal(signal.SIGTERM)
         held.wait()
         held.stdout.close()
+
+
+@pytest.mark.needs_namespace
+def test_without_a_user_database_all_goes_on(station, boxes, tmp_path):
+    readable(station, console(boxes["box"]))
+    with private_copy(Path("/etc/passwd"), tmp_path) as users, \
+            private_copy(Path("/etc/group"), tmp_path) as groups:
+        users.write_text("")
+        groups.write_text("")
+        zevctl.succeed(station, "config", "check")
+        zevctl.succeed(station, "config", "apply")
+    assert names(station) == {"box"}
+
+
+@pytest.mark.parametrize("text", ["[[console]]\nname = \"bo", "[[console]]\nname = \"box\"\ntcp ="])
+def test_a_half_written_file_changes_nothing(station, boxes, text):
+    readable(station, console(boxes["box"]))
+    zevctl.succeed(station, "config", "apply")
+    readable(station, text)
+    before = files(station)
+    done = zevctl.run(station, "config", "apply")
+    assert done.returncode == zevctl.FAILED
+    assert re.match(rf"{station.config}/consoles.toml:[23]:\d+: error: ", done.stderr)
+    assert (files(station), names(station)) == (before, {"box"})
