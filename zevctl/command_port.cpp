@@ -169,7 +169,7 @@ std::vector<std::string> CommandPort::PortHolders(const std::string& console) {
 }
 
 std::string CommandPort::JsonLines(const std::string& command) {
-  const Header header = Request(command);
+  const AnswerHeader header = Request(command);
   if (header.type != zevd::kRecordsFollow) ThrowGarbled();
   return ReadBytes(header.count);
 }
