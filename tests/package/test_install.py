@@ -13,6 +13,7 @@ from machines.station import ROOT
 pytestmark = pytest.mark.needs_machine
 
 UNITS = sorted(path.name for path in (settings.REPOSITORY / "packaging/systemd").iterdir())
+SAMPLES = sorted((settings.REPOSITORY / "packaging/config").iterdir())
 STARTED = ("zevd.service", "zevd.socket", "zevd-password.socket", "zevd-logs.timer")
 
 # Owner, group and mode of what is there after the first start.
@@ -22,14 +23,12 @@ MODES = {
     "/config": "zevd:zevd 750",
     "/config/.cookie": "zevd:zevd 660",
     "/config/consoles.d": "zevd:zevd 750",
-    "/config/models": "zevd:zevd 640",
-    "/config/qor.conf": "zevd:zevd 640",
-    "/config/zev.conf": "zevd:zevd 640",
     "/config/zev.lock": "zevd:zevd 660",
     "/events": "root:zevd 755",
     "/logs": "zevd:zevd 770",
     "/logs/zev.dated": "zevd:zevd 770",
     "/run": "root:zevd 2770",
+    **{f"/config/{sample.name}": "zevd:zevd 640" for sample in SAMPLES},
 }
 
 
@@ -74,11 +73,15 @@ def test_directories_and_files_have_owners_and_modes(machine):
 
 
 def test_the_configuration_is_empty_and_commented(machine):
-    lines = machine.output("cat", f"{ROOT}/config/zev.conf").splitlines()
-    assert len(lines) > 3
-    assert all(line.startswith("#") for line in lines)
+    for sample in SAMPLES:
+        assert machine.path(f"{ROOT}/config/{sample.name}").read_text() == sample.read_text()
+        if sample.name.startswith(("zev.", "consoles.")):
+            lines = sample.read_text().splitlines()
+            assert len(lines) > 3
+            assert all(line.startswith("#") for line in lines if line)
     assert machine.output("cat", f"{ROOT}/config/qor.conf") == "ZEVD_ARCH_INT=7"
     assert machine.output("ls", f"{ROOT}/events") == ""
+    assert machine.output("zevctl", "list", "--json") == "[]"
 
 
 @pytest.mark.parametrize("unit", STARTED)
