@@ -1,3 +1,4 @@
+// Consoles behind a serial port, a program, ssh or IPMI: what the line server is told of them.
 #pragma once
 
 #include <cstdint>
