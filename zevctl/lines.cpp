@@ -76,7 +76,7 @@ std::string IpmiMistake(const Line& line) {
   return ReadPassword(line.secret_file).mistake;
 }
 
-// ---- What gensio connects a line to ---------------------------------------------------------------
+// ---- What gensio connects a line to -------------------------------------------------------------
 
 // Most cables carry no modem control lines, and without "local" gensio waits for them.
 std::string SerialConnector(const Line& line) {
