@@ -205,8 +205,12 @@ std::string DaemonInWords(const ApplyResult& result) {
 }
 
 ExitStatus RunApply(const Settings& settings, const ConfigOptions& options) {
+  CheckHost(settings);
+  // Locked before the configuration is read: of two applies, the later one has the newer files.
+  ConfigDirectory directory(kStationRoot + "/config");
+  directory.Lock();
   const LoadedConfig config = LoadFaultless(settings);
-  const ApplyResult result = Apply(settings, config, options.apply);
+  const ApplyResult result = Apply(settings, directory, config, options.apply);
   std::vector<size_t> counts(3);
   for (const Change& change : result.changes) ++counts[static_cast<size_t>(change.kind)];
   if (settings.json) {

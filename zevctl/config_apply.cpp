@@ -23,14 +23,8 @@ constexpr mode_t kMode = 0640;
 constexpr std::chrono::seconds kReloadLimit{60};
 constexpr std::chrono::milliseconds kInterval{50};
 
-void CheckHost(const Settings& settings) {
-  static const std::set<std::string> kHere = {"127.0.0.1", "localhost", "::1"};
-  if (kHere.contains(settings.host)) return;
-  throw Failure(ExitStatus::kUsage,
-                "a configuration is applied on the station itself; leave out --host");
-}
-
-void CheckPresent(const std::string& present) {
+// What --force allows.
+void CheckReplacing(const std::string& present, const LoadedConfig& config) {
   const ZevConfOrigin origin = OriginOf(present);
   if (origin == ZevConfOrigin::kEdited) {
     throw Failure(ExitStatus::kFailed, ZevConfPath() +
@@ -41,6 +35,10 @@ void CheckPresent(const std::string& present) {
     throw Failure(ExitStatus::kFailed, ZevConfPath() +
                                            " was not made by apply; make consoles.toml from it "
                                            "(zevctl config import), then use --force");
+  }
+  if (config.consoles.empty()) {
+    throw Failure(ExitStatus::kFailed,
+                  "the configuration has no consoles; use --force if that is meant");
   }
 }
 
@@ -109,12 +107,10 @@ bool HasAll(CommandPort& port, const std::vector<ConfigConsole>& consoles) {
 }
 
 [[noreturn]] void FailReload(const ReloadState& now, uint64_t before) {
-  const std::string what = now.reloads == before
-                               ? "zev.conf is new, but the daemon has not read it within a minute"
-                               : "zev.conf is new and the daemon has reloaded, but it lacks some "
-                                 "of its consoles; does it "
-                                 "run with -c?";
-  throw Failure(ExitStatus::kFailed, what + " See zevd.log.");
+  constexpr char kNotRead[] = "the daemon has not read it within a minute; see zevd.log";
+  constexpr char kLacking[] = "the daemon lacks some of its consoles; was it started with -c?";
+  throw Failure(ExitStatus::kFailed, std::string("zev.conf is new, but ") +
+                                         (now.reloads == before ? kNotRead : kLacking));
 }
 
 // A reload that had begun before does not have the new consoles, so its end is not enough.
@@ -141,6 +137,13 @@ bool HasRead(const ReloadState& state, bool same) {
 
 }  // namespace
 
+void CheckHost(const Settings& settings) {
+  static const std::set<std::string> kHere = {"127.0.0.1", "localhost", "::1"};
+  if (kHere.contains(settings.host)) return;
+  throw Failure(ExitStatus::kUsage,
+                "a configuration is applied on the station itself; leave out --host");
+}
+
 size_t UsersLost(const std::vector<Change>& changes, const UserCounts& users) {
   size_t lost = 0;
   for (const std::string& name : NamesThatLoseUsers(changes, users)) {
@@ -149,27 +152,19 @@ size_t UsersLost(const std::vector<Change>& changes, const UserCounts& users) {
   return lost;
 }
 
-ApplyResult Apply(const Settings& settings, const LoadedConfig& config,
-                  const ApplyOptions& options) {
-  CheckHost(settings);
-  ConfigDirectory directory(kStationRoot + "/config");
-  directory.Lock();
+ApplyResult Apply(const Settings& settings, const ConfigDirectory& directory,
+                  const LoadedConfig& config, const ApplyOptions& options) {
   const std::string present = PresentZevConf();
-  if (!options.force) CheckPresent(present);
-  if (config.consoles.empty() && !options.force) {
-    throw Failure(ExitStatus::kFailed,
-                  "the configuration has no consoles; use --force if that is meant");
-  }
+  if (!options.force) CheckReplacing(present, config);
   ApplyResult result;
   result.consoles = config.consoles.size();
   result.changes = Compare(PresentConsoles(), config.consoles);
   Credentials credentials(UserName(settings));
-  auto daemon = FindDaemon(settings, credentials);
-  if (daemon) {
-    CheckMayRead(daemon->process, directory);
-    if (!options.yes) {
-      Confirm("Disconnect the users of", NamesThatLoseUsers(result.changes, daemon->users));
-    }
+  const auto daemon = FindDaemon(settings, credentials);
+  result.daemon_runs = daemon.has_value();
+  if (daemon) CheckMayRead(daemon->process, directory);
+  if (daemon && !options.yes) {
+    Confirm("Disconnect the users of", NamesThatLoseUsers(result.changes, daemon->users));
   }
   const std::string text = WriteZevConf(config.consoles);
   const bool same = text == present;
@@ -179,7 +174,6 @@ ApplyResult Apply(const Settings& settings, const LoadedConfig& config,
   if (!same) staged.Commit();
   lines.Keep();
   result.advice = lines.advice();
-  result.daemon_runs = daemon.has_value();
   if (!daemon || HasRead(daemon->before, same)) return result;
   daemon->process.Reload();
   result.reloaded = true;

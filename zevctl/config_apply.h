@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "config_diff.h"
+#include "config_file.h"
 #include "config_load.h"
 #include "config_station.h"
 #include "settings.h"
@@ -29,9 +30,12 @@ struct ApplyResult {
 /// The users whom the changes disconnect.
 size_t UsersLost(const std::vector<Change>& changes, const UserCounts& users);
 
-/// Puts a configuration without errors in place. Throws Failure; the station is then as before,
-/// unless the message says otherwise.
-ApplyResult Apply(const Settings& settings, const LoadedConfig& config,
-                  const ApplyOptions& options);
+/// Throws Failure(kUsage) when the settings mean a daemon on another machine.
+void CheckHost(const Settings& settings);
+
+/// Puts a configuration without errors in place, which was loaded under the lock of the directory.
+/// Throws Failure; the station is then as before, unless the message says otherwise.
+ApplyResult Apply(const Settings& settings, const ConfigDirectory& directory,
+                  const LoadedConfig& config, const ApplyOptions& options);
 
 }  // namespace zevctl

@@ -157,7 +157,8 @@ std::set<std::string> CheckEventFiles(const std::string& directory, Findings& fi
        entry = readdir(opened.get())) {
     const std::string name = entry->d_name;
     if (name == "." || name == "..") continue;
-    CheckEventFile(directory + "/" + name, name, findings);
+    std::string path = directory;
+    CheckEventFile(path.append("/").append(name), name, findings);
     names.insert(name);
   }
   return names;
