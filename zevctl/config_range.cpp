@@ -63,12 +63,13 @@ std::string AddNumbers(const std::string& item, std::vector<std::string>& number
 }
 
 std::string ReadRange(const std::string& inside, std::vector<std::string>& numbers) {
+  const std::string range = "the range [" + inside + "] ";
   std::istringstream items(inside);
   for (std::string item; std::getline(items, item, ',');) {
     const std::string mistake = AddNumbers(item, numbers);
-    if (!mistake.empty()) return "the range [" + inside + "] " + mistake;
+    if (!mistake.empty()) return range + mistake;
   }
-  if (inside.back() == ',') return "the range [" + inside + "] ends with a comma";
+  if (inside.back() == ',') return range + "ends with a comma";
   return {};
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <sstream>
 
 #include "config_keys.h"
 #include "config_range.h"
@@ -140,24 +141,18 @@ class Reader {
 
   bool RunTogether(const KeyValues& values, const std::map<std::string_view, RangeText>& expanded) {
     const RangeText& name = expanded.at("name");
-    const std::string count = std::to_string(name.texts.size());
     for (const auto& [key, range] : expanded) {
       const bool is_own = key == "port" || std::count(kTargets.begin(), kTargets.end(), key) == 1;
       const bool is_none = key == "port" && values.at(key).text == "0";
-      const std::string its = Quoted(std::string(key));
-      if (range.has_range && range.texts.size() != name.texts.size()) {
-        findings_.Error(values.at(key).place,
-                        its + " stands for " + std::to_string(range.texts.size()) +
-                            " values, but the name for " + count,
-                        "make the ranges equally long");
-        return false;
-      }
-      if (name.has_range && is_own && !range.has_range && !is_none) {
-        findings_.Error(values.at(key).place,
-                        its + " is one value, but the name stands for " + count + " consoles",
-                        "give each console its own, by a range of " + count);
-        return false;
-      }
+      const bool differs = range.has_range && range.texts.size() != name.texts.size();
+      const bool lacks = name.has_range && is_own && !range.has_range && !is_none;
+      if (!differs && !lacks) continue;
+      std::ostringstream what;
+      what << '"' << key << "\" stands for " << range.texts.size() << " values, but the name for "
+           << name.texts.size();
+      findings_.Error(values.at(key).place, what.str(),
+                      "give each console its own by a range as long as that of the name");
+      return false;
     }
     return true;
   }

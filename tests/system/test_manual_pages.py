@@ -199,7 +199,8 @@ def test_the_sample_of_a_new_installation_is_without_errors_once_it_is_no_commen
     sample = (settings.REPOSITORY / "packaging/config/consoles.toml").read_text()
     path = station.config / "consoles.toml"
     path.write_text(sample)
-    assert zevctl.succeed(None, "config", "check") == f"{path}: 0 consoles, 0 errors\n"
+    assert zevctl.succeed(None, "config", "check", str(path)) == (
+        f"{path}: 0 consoles, 0 errors\n")
     path.write_text(re.sub(r"^#(?! )", "", sample, flags=re.MULTILINE))
-    told = zevctl.succeed(None, "config", "check")
+    told = zevctl.succeed(None, "config", "check", str(path))
     assert re.search(r": [1-9]\d* consoles, 0 errors\n$", told)

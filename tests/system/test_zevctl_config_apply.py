@@ -227,13 +227,13 @@ def test_a_daemon_that_could_not_read_its_file_is_not_made_to(station):
     os.chown(station.root, -1, 7)
     readable(station, '[[console]]\nname = "a"\ntcp = "192.0.2.1"\n')
     (station.config / "zev.lock").touch()
+    (station.config / "zev.lock").chmod(0o666)
     port = free_port()
     held = subprocess.Popen(
         ["setpriv", "--reuid", "7", "--regid", "7", "--clear-groups", "--",
          settings.daemon(), "-f", "-S", "0", "-p", str(port)],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     try:
-        (station.config / "zev.lock").chmod(0o666)
         wait_until(lambda: zevctl.run(None, "--port", str(port), "list").returncode != zevctl.NO_DAEMON,
                    what="the daemon to listen")
         before = files(station)
@@ -259,7 +259,7 @@ def test_without_a_user_database_all_goes_on(station, boxes, tmp_path):
     assert names(station) == {"box"}
 
 
-@pytest.mark.parametrize("text", ["[[console]]\nname = \"bo", "[[console]]\nname = \"box\"\ntcp ="])
+@pytest.mark.parametrize("text", ['[[console]]\nname = "bo', '[[console]]\nname = "box"\ntcp ='])
 def test_a_half_written_file_changes_nothing(station, boxes, text):
     readable(station, console(boxes["box"]))
     zevctl.succeed(station, "config", "apply")

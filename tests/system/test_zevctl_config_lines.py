@@ -1,4 +1,4 @@
-"""Lines in the readable configuration: their service has them before the daemon has their consoles."""
+"""Lines in the readable configuration: their service is started before the daemon has them."""
 
 import socket
 import subprocess
@@ -155,3 +155,16 @@ def test_without_a_system_manager_the_user_is_told(station):
     done = zevctl.run(None, "config", "apply")
     assert done.returncode == zevctl.OK
     assert f"have ser2net read {station.config}/lines.yaml yourself" in done.stderr
+
+
+def test_a_missing_packet_filter_is_an_error_of_the_station(station):
+    """An apply does not wait for it: what the station has already is as open as before."""
+    readable(station, "a")
+    path = station.config / "consoles.toml"
+    missing = ("everybody on this machine can connect to the lines: the packet filter inet "
+               "zevd_lines is not loaded; start zevd-lines-filter.service, or load its rules with "
+               "nft")
+    done = zevctl.run(None, "config", "check")
+    assert done.returncode == zevctl.FAILED and f"{path}: error: {missing}\n" in done.stdout
+    applied = zevctl.run(None, "config", "apply")
+    assert applied.returncode == zevctl.OK and f"{path}: warning: {missing}\n" in applied.stderr

@@ -87,7 +87,7 @@ TEST(ConfigReadableTest, MistakesHaveTheirPlaces) {
   EXPECT_THAT(Wrong("[[console]]\nname = 'x[1-2]'\ntcp = 'y[1-3]'\n"),
               ElementsAre(HasSubstr("3:7 \"tcp\" stands for 3 values, but the name for 2")));
   EXPECT_THAT(Wrong("[[console]]\nname = 'x[1-2]'\ntcp = 'y[1-2]'\nport = 7\n"),
-              ElementsAre(HasSubstr("4:8 \"port\" is one value, but the name stands for 2")));
+              ElementsAre(HasSubstr("4:8 \"port\" stands for 1 values, but the name for 2")));
   EXPECT_THAT(Wrong("[[console]]\nname = \"x\n"), SizeIs(1));
 }
 
