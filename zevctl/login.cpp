@@ -148,7 +148,8 @@ class Login {
 
   void TryAgain() {
     if (!credentials_.MayAsk()) {
-      throw Failure(ExitStatus::kNotAdmitted, "the daemon does not take the name and password");
+      throw Failure(ExitStatus::kNotAdmitted,
+                    "the daemon does not take the name and password; attach again to type them");
     }
     Tell("zevctl: Name or password is wrong. Try again.\n");
     credentials_.Forget();
@@ -183,7 +184,8 @@ Opening OpenOnce(const Settings& settings, Credentials& credentials, const std::
 
 [[noreturn]] void ThrowCookieRefused(const Settings& settings) {
   throw Failure(ExitStatus::kNotAdmitted, "refused: the cookie in " + settings.cookie_file +
-                                              " is not that of the daemon at this address");
+                                              " is not that of the daemon at this address; leave "
+                                              "--cookie-file out, or see --host and --port");
 }
 
 }  // namespace

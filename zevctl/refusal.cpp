@@ -16,7 +16,7 @@ struct Row {
 
 constexpr std::array kRows = {
     Row{1, ExitStatus::kNotAdmitted, "Try again with the name and password that you have there."},
-    Row{2, ExitStatus::kRefused, ""},
+    Row{2, ExitStatus::kRefused, "Look for odd characters in the names that you gave."},
     Row{3, ExitStatus::kRefused, "Try again, and answer sooner."},
     Row{4, ExitStatus::kNoSuchConsole, "\"zevctl list\" shows the names."},
     Row{5, ExitStatus::kNotAccessible,
@@ -25,18 +25,19 @@ constexpr std::array kRows = {
         "Watch it with --mode ro, or wait; \"zevctl who\" tells who has it."},
     Row{7, ExitStatus::kInUse, "Ask for --mode sh, or wait; \"zevctl who\" tells who is attached."},
     Row{8, ExitStatus::kRefused, "Try again."},
-    Row{9, ExitStatus::kRefused, ""},
-    Row{11, ExitStatus::kNotAccessible, "It was taken out of the station's configuration."},
+    Row{9, ExitStatus::kRefused, "Try again."},
+    Row{11, ExitStatus::kNotAccessible,
+        "It was taken out of the station's configuration; \"zevctl list\" shows what is left."},
     Row{12, ExitStatus::kNotAccessible, "\"zevctl enable\" lets the daemon connect to it."},
     Row{13, ExitStatus::kRefused, "Look at the station's memory and processes."},
     Row{14, ExitStatus::kNotAdmitted, "Ask to be added to the group qoruser."},
-    Row{15, ExitStatus::kRefused, ""},
+    Row{15, ExitStatus::kRefused, "\"zevctl ports\" shows the ports."},
     Row{16, ExitStatus::kRefused, "Wait, or use the main port."},
 };
 
 // A number the table does not have is a refusal all the same.
 const Row& RowOf(int number) {
-  static constexpr Row kOther = {0, ExitStatus::kRefused, ""};
+  static constexpr Row kOther = {0, ExitStatus::kRefused, "The daemon's messages tell more."};
   const auto* row = std::find_if(kRows.begin(), kRows.end(),
                                  [&](const Row& candidate) { return candidate.number == number; });
   return row == kRows.end() ? kOther : *row;
@@ -60,8 +61,7 @@ std::string_view Refusal::advice() const {
 }
 
 std::string Refusal::Message() const {
-  const std::string_view what_next = advice();
-  return "refused: " + text + (what_next.empty() ? "" : " ") + std::string(what_next);
+  return "refused: " + text + " " + std::string(advice());
 }
 
 std::optional<Refusal> ParseRefusal(std::string_view bytes) {

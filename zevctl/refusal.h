@@ -16,7 +16,7 @@ struct Refusal {
 
   ExitStatus status() const;
 
-  /// What to do next, as a sentence; empty when there is nothing to suggest.
+  /// What to do next, as a sentence.
   std::string_view advice() const;
 
   /// "refused: 006 - Console is locked exclusively. Watch it with --mode ro, or wait."

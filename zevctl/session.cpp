@@ -85,6 +85,7 @@ class Session {
   std::optional<Clock::time_point> Due() const;
 
   void ReadKeys();
+  void HangUp();
   void TakeTyped(std::string_view typed);
   void Answer(char key);
   void SendKeys(const std::string& keys);
@@ -173,8 +174,9 @@ int Session::Timeout() const {
 
 void Session::Serve(const Descriptors& ready) {
   if (ready[kSignals].revents != 0) TakeSignal();
+  if ((ready[kKeys].revents & POLLHUP) != 0) HangUp();
   if (ready[kErrors].revents != 0 && errors_.Write() != 0) errors_.Clear();
-  if (ready[kScreen].revents != 0) WriteScreen();
+  if (ready[kScreen].revents != 0 && !(end_ && screen_.empty())) WriteScreen();
   if (ready[kKeys].revents != 0) ReadKeys();
   if (end_) return;
   if ((ready[kDaemon].revents & POLLOUT) != 0) WriteDaemon();
@@ -192,10 +194,18 @@ void Session::ReadKeys() {
   std::array<char, 4096> typed{};
   const ssize_t count = read(STDIN_FILENO, typed.data(), typed.size());
   if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
-  if (count > 0) return TakeTyped({typed.data(), static_cast<size_t>(count)});
-  input_over_ = true;
-  if (!keyboard_.is_terminal()) return;
-  TakeSignal();  // of the hang-up
+  input_over_ = count <= 0;
+  if (count > 0) {
+    TakeTyped({typed.data(), static_cast<size_t>(count)});
+  } else {
+    HangUp();
+  }
+}
+
+// Only a terminal hangs up; there may be a signal as well, and that is what ends the program then.
+void Session::HangUp() {
+  if (!keyboard_.is_terminal() || end_) return;
+  TakeSignal();
   if (!end_) EndNow(SessionEnd::kHungUp);
 }
 

@@ -198,9 +198,10 @@ void SessionTalk::AskTakeOver() {
 
 void SessionTalk::ShowRecent() {
   const std::string text = recent_.Text();
-  if (text.empty())
+  if (text.empty()) {
     return notes_.Say("Nothing has been printed since you attached; \"zevctl log " +
                       options_.console + "\" shows what was before.");
+  }
   notes_.Say("What was printed last:");
   notes_.Repeat(text);
   notes_.Say("That was printed before; what follows is new.");

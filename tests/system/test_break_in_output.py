@@ -42,7 +42,8 @@ def on_terminal(station, status: int, *arguments: str) -> str:
 def test_a_refusal_is_shown_harmlessly():
     with FakeDaemon(opening=b"002 - " + HOSTILE + b"\r\n") as daemon:
         shown = on_terminal(daemon, zevctl.REFUSED, "attach", "box")
-    assert shown == f"zevctl: refused: 002 - {SHOWN}\r\n"
+    assert shown == (f"zevctl: refused: 002 - {SHOWN} Look for odd characters in the names that "
+                     "you gave.\r\n")
 
 
 def test_an_error_that_ends_a_command_is_shown_harmlessly():

@@ -630,7 +630,8 @@ def test_the_cookie_of_another_daemon_is_refused(locked):
     other = locked.config / "other"
     other.write_text("A" * 16 + "\n")
     zevctl.refuse(locked, zevctl.NOT_ADMITTED, f"refused: the cookie in {other} is not that of "
-                  "the daemon at this address", "--cookie-file", str(other), "list")
+                  "the daemon at this address; leave --cookie-file out, or see --host and --port",
+                  "--cookie-file", str(other), "list")
 
 
 def test_signals_end_a_watch(rack):

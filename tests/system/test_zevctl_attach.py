@@ -26,7 +26,7 @@ from harness.terminals import close_terminal
 from harness.waiting import LIMIT, free_port, stretched, wait_until
 from harness.zevctl import (IN_USE, NO_DAEMON, NO_SUCH_CONSOLE, NOT_ACCESSIBLE,
                             NOT_ADMITTED, OK, PROGRAM, SESSION_ENDED, USAGE, Terminal, environment,
-                            refuse, run, words)
+                            refuse, run, start, words)
 from harness.helpers import FakeHelper
 
 HELP = ("zevctl: At the start of a line:\r\n"
@@ -55,7 +55,7 @@ INACCESSIBLE = ("refused: 005 - Console is not accessible. The daemon tries to c
                 "minute; --retry waits for it.")
 DISABLED = ('refused: 012 - Console is disabled. "zevctl enable" lets the daemon connect to it.')
 DELETED = ("refused: 011 - Console has been deleted. It was taken out of the station's "
-           "configuration.")
+           'configuration; "zevctl list" shows what is left.')
 TRYING = "zevctl: Trying again every 2 seconds; Ctrl-C ends it.\r\n"
 
 BREAK = b"\xff\xf3"
@@ -159,8 +159,8 @@ def test_a_reader_sends_nothing(station, box):
     with seated(station, "--mode", "ro", greeting=greeting) as person:
         position = station.mark()
         person.type("unheard\rx")
-        person.expect("zevctl: What you type is not sent: you are only watching. ~m at the start of "
-                      "a line changes the mode.\r\n")
+        person.expect("zevctl: What you type is not sent: you are only watching. ~m at the start "
+                      "of a line changes the mode.\r\n")
         person.type("still unheard\r~b")
         shown = person.expect("zevctl: No break was sent: you are only watching.\r\n")
         assert shown == b""
@@ -387,6 +387,23 @@ def test_the_terminal_is_restored_when_the_output_breaks(station, box):
         assert modes_of(person) == before
     finally:
         close_terminal(person)
+
+
+def test_a_terminal_that_hangs_up_ends_the_session(station, box):
+    """The client is no child of a shell and gets no signal; what it says goes elsewhere."""
+    ours, theirs = os.openpty()
+    client = start(station, "attach", "box", stdin=theirs, stdout=theirs)
+    try:
+        os.close(theirs)
+        assert client.stderr.readline().startswith(b"zevctl: Attached to box (shared)")
+        os.close(ours)
+        assert client.stderr.read() == (b"zevctl: the terminal hung up, and the session was left; "
+                                        b"attach again from another one\n")
+        assert client.wait(stretched(LIMIT)) == SESSION_ENDED
+    finally:
+        client.kill()
+        client.wait()
+        client.stderr.close()
 
 
 def test_signals_that_were_ignored_stay_ignored(station, box):

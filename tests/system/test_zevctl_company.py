@@ -52,7 +52,8 @@ def test_the_greeting_stands_below_the_replay_and_tells_its_age(station):
     print_and_wait(station, console, b"\r\nlogin: ")
     with Terminal(station, "attach", "box") as person:
         person.expect("ready\r\nlogin: \r\nzevctl: Attached to box (shared), which last printed "
-                      "something just now. Type ~. at the start of a line to leave, ~? for help.\r\n")
+                      "something just now. Type ~. at the start of a line to leave, ~? for "
+                      "help.\r\n")
 
 
 def test_a_console_that_never_pauses_does_not_keep_the_greeting_away(station, box):

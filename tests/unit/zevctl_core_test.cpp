@@ -111,9 +111,9 @@ TEST(ZevctlRefusalTest, EveryNumberHasAStatus) {
   }
 }
 
-TEST(ZevctlRefusalTest, MessageWithoutAdviceIsTheText) {
-  EXPECT_EQ(ParseRefusal("010 - Connection failed.\r\n")->Message(),
-            "refused: 010 - Connection failed.");
+TEST(ZevctlRefusalTest, AnUnknownNumberHasAdviceToo) {
+  EXPECT_EQ(ParseRefusal("999 - Odd.\r\n")->Message(),
+            "refused: 999 - Odd. The daemon's messages tell more.");
 }
 
 // ---- Login --------------------------------------------------------------------------------------
