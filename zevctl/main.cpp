@@ -62,6 +62,8 @@ void DeclareCommands(CLI::App& app, Program& program) {
   AddLogCommand(app, program);
   AddEventsCommand(app, program);
   AddConfigCommand(app, program);
+  AddSetupCommand(app, program);
+  AddReportCommand(app, program);
   AddCompletionCommand(app, program);
 }
 

@@ -29,6 +29,8 @@ void AddAttachCommand(CLI::App& app, Program& program);
 void AddLogCommand(CLI::App& app, Program& program);
 void AddEventsCommand(CLI::App& app, Program& program);
 void AddConfigCommand(CLI::App& app, Program& program);
+void AddSetupCommand(CLI::App& app, Program& program);
+void AddReportCommand(CLI::App& app, Program& program);
 void AddCompletionCommand(CLI::App& app, Program& program);
 
 /// Prints what may stand in place of the last word, one possibility in each line. The words are

@@ -167,7 +167,7 @@ def test_without_netlink_other_machines_are_still_told_apart(station, tmp_path, 
 def test_a_daemon_without_a_login_is_used_with_a_warning(station, tmp_path):
     """Nothing but what is typed at a console could be stolen."""
     port = free_port()
-    answers = struct.pack("<II2sII", 2, 2, b"x", 1, 0)
+    answers = struct.pack("<II2sIIII17s", 2, 2, b"x", 1, 0, 2, 17, b"Invalid command.")
     with Impostor(tmp_path, port, greeting=answers) as stranger:
         done = zevctl.run(None, "--port", str(port), "list")
         assert (done.returncode, done.stderr) == (zevctl.OK,
@@ -183,7 +183,8 @@ GREETING = struct.pack("<II2s", 2, 2, b"x")  # the answer to the probe
 
 
 @pytest.mark.parametrize("count, status, said", [
-    (1_000_000, zevctl.NO_DAEMON, "zevctl: the daemon closed the connection\n"),
+    (1_000_000, zevctl.NO_DAEMON, "zevctl: the daemon closed the connection; try again, and see "
+     "zevd.log\n"),
     (1_000_001, zevctl.NO_DAEMON, GARBLED), (0xFFFFFFFF, zevctl.NO_DAEMON, GARBLED)])
 def test_more_records_than_a_station_can_have_are_refused(count, status, said):
     with FakeDaemon(GREETING + struct.pack("<II", 1, count)) as daemon:

@@ -86,7 +86,8 @@ def test_the_users_are_shown_harmlessly():
 def test_json_is_harmless_and_the_same_data():
     answers = {"console": [console_record(HOSTILE)], "enable": HOSTILE, "who": []}
     with FakeDaemon(**answers) as daemon:
-        for arguments, key in ((["list"], "name"), (["who"], None), (["enable", "-y", "*"], "text")):
+        for arguments, key in ((["list"], "name"), (["who"], None),
+                               (["enable", "-y", "*"], "text")):
             status = zevctl.FAILED if "enable" in arguments else zevctl.OK
             shown = on_terminal(daemon, status, "--json", *arguments)
             data = json.loads(shown.splitlines()[0])

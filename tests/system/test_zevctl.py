@@ -478,12 +478,13 @@ def test_a_message_to_a_console_that_is_not_connected(rack):
 
 
 def test_a_message_of_two_lines_is_refused(rack):
-    zevctl.refuse(rack, zevctl.USAGE, "the text must be one line; leave out the line ends", "msg", "web1", "a\nclear web2")
+    zevctl.refuse(rack, zevctl.USAGE, "the text must be one line; leave out the line ends",
+                  "msg", "web1", "a\nclear web2")
 
 
 def test_a_message_that_is_too_long_is_refused(rack):
-    zevctl.refuse(rack, zevctl.USAGE, "the command is too long: at most 1022 characters; shorten it",
-                  "msg", "web1", "x" * 1100)
+    zevctl.refuse(rack, zevctl.USAGE, "the command is too long: at most 1022 characters; "
+                  "shorten it", "msg", "web1", "x" * 1100)
 
 
 # Names that the daemon changes
@@ -585,7 +586,8 @@ def test_output_that_cannot_be_written_is_an_error(rack):
     with open("/dev/full", "wb") as full:
         done = zevctl.start(rack, "list", stdout=full)
         assert done.wait() == zevctl.FAILED
-        assert done.stderr.read() == b"zevctl: the output cannot be written; look at what takes it\n"
+        assert done.stderr.read() == (
+            b"zevctl: the output cannot be written; look at what takes it\n")
 
 
 @pytest.mark.parametrize("closed", ["<&-", ">&-", "2>&-", "<&- >&- 2>&-"])

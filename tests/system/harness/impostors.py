@@ -88,8 +88,8 @@ class FakeDaemon(Closing):
     """A command port, of this process, that answers with what a test gives it.
 
     `answers` has the records, the text of an error, or lines of JSON as a text, for each command or
-    else for its first word; "status" is unknown to it unless told, every other command is done. `opening` is sent in place of the first answer. `commands` are
-    those that have come.
+    else for its first word; "status" is unknown to it unless told, and every other command is done.
+    `opening` is sent in place of the first answer. `commands` are those that have come.
     """
 
     def __init__(self, opening: bytes = b"", **answers: list[bytes] | bytes | str) -> None:
