@@ -145,7 +145,8 @@ def test_a_report_tells_much_and_no_secret(station):
     user = station.attach("box")
     user.send(WORDS.encode())
     box.expect_exactly(WORDS.encode())
-    cookie = (station.config / ".cookie").read_text().strip()
+    cookie = "QwErTyUiOpAsDfGh"
+    (station.config / ".cookie").write_text(f"{cookie}\n")
     (station.logs / "zevd.log").write_text(
         station.log_text() + f"ZEV 26/11/22_08:00:00: shown: {cookie}\n")
     assert WORDS in station.log_text()
