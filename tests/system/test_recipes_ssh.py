@@ -164,8 +164,8 @@ HOSTILE = (
     "box; touch {mark}", "$(touch {mark})", "`touch {mark}`", "box & touch {mark}", "box|sh",
     "box\ntouch {mark}", "box\nlist", "'box' ro", '"box"', "box > {mark}", "sh -c id", "*", "b?x",
     "~", "../box", "--host=evil", "-h", "list --host evil", "list --cookie-file /etc/shadow",
-    "box mode=er", "box user=root", "box xx", "box sh sh", "@@@@ $IFS", "list;id", "scp -t /tmp",
-    "/usr/lib/openssh/sftp-server", "bash -i", "x" * 101, "\\", "b\x1box")
+    "box mode=er", "box user=root", "box xx", "box sh sh", "@@@@ $IFS", "list;id", "@@@@ -",
+    "scp -t /tmp", "/usr/lib/openssh/sftp-server", "bash -i", "x" * 101, "\\", "b\x1box")
 
 
 def test_what_is_asked_for_is_never_run(server, shared_system_log):
@@ -223,6 +223,18 @@ def test_a_key_without_a_plain_name_gets_nothing(server, shared_system_log):
     stranger = server.ask("mallory", "list")
     assert stranger.returncode == 255 and "Permission denied" in stranger.stderr
     assert shared_system_log.entries() == []
+
+
+def test_variables_of_the_client_lead_nowhere_else(server):
+    """Even where the server takes them."""
+    dropin = Path("/etc/ssh/sshd_config.d/zevd-console.conf")
+    dropin.write_text(dropin.read_text() + "    AcceptEnv *\n")
+    server.sshd.close()
+    with server.run():
+        port = "-oSetEnv=ZEVCTL_PORT=1 SSH_CONNECTION=evil SSH_USER_AUTH=/dev/null"
+        done = server.ask("alice", "list", options=(port,))
+        assert (done.returncode, done.stderr) == (zevctl.OK, "")
+        assert "box" in done.stdout
 
 
 def test_without_the_servers_word_on_the_key_nobody_gets_in(server):
