@@ -234,7 +234,8 @@ def test_a_daemon_that_could_not_read_its_file_is_not_made_to(station):
          settings.daemon(), "-f", "-S", "0", "-p", str(port)],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     try:
-        wait_until(lambda: zevctl.run(None, "--port", str(port), "list").returncode != zevctl.NO_DAEMON,
+        listing = ("--port", str(port), "list")
+        wait_until(lambda: zevctl.run(None, *listing).returncode != zevctl.NO_DAEMON,
                    what="the daemon to listen")
         before = files(station)
         done = zevctl.run(None, "--port", str(port), "config", "apply")
