@@ -114,14 +114,24 @@ def test_purging_keeps_what_is_not_ours(lived_in):
     assert lived_in.read("/etc/passwd").startswith(b"root:")
 
 
-def test_the_daemon_says_why_it_does_not_start(bare):
-    """A port that is taken leaves the package installed, and the reason where it says."""
+def test_a_port_that_is_taken_is_told_and_consoles_are_logged(bare):
     bare.path("/etc/systemd/system/taken.socket").write_text(
         "[Socket]\nListenStream=0.0.0.0:6500\nService=systemd-initctl.service\n")
     bare.run("systemctl", "start", "taken.socket")
     said = bare.install(*packages.found())
-    assert "zevd: the daemon does not run. Why: journalctl -u zevd.service -u zevd.socket" in said
+    assert "zevd: zevd.socket does not run. Why: journalctl -u zevd.socket" in said
     assert "Address already in use" in bare.journal("-u", "zevd.socket")
-    assert bare.output("dpkg-query", "-f", "${Status}", "-W", "zevd") == "install ok installed"
+    assert bare.show("zevd.service", "ActiveState") == "active"
     bare.run("systemctl", "stop", "taken.socket")
+    bare.run("systemctl", "stop", "zevd.service")
     bare.run("systemctl", "start", "zevd.service")
+    assert bare.show("zevd.socket", "ActiveState") == "active"
+    bare.run("zevctl", "list")
+
+
+def test_a_daemon_that_does_not_start_is_told(bare):
+    bare.run("sh", "-c", f"mkdir -p {ROOT} && touch {ROOT}/logs")
+    said = bare.install(*packages.found())
+    assert "zevd: zevd.service does not run. Why: journalctl -u zevd.service" in said
+    assert f"zevd-check: There is no {ROOT}/logs." in bare.journal("-u", "zevd.service")
+    assert bare.output("dpkg-query", "-f", "${Status}", "-W", "zevd") == "install ok installed"
