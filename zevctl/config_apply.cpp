@@ -130,9 +130,10 @@ ReloadState WaitForReload(CommandPort& port, uint64_t before,
 }
 
 // A reload without need would undo what "disable" and "enable" have set.
-bool HasRead(const ReloadState& state, bool same) {
+// Both times are whole seconds; of a file and a reload in the same one, the file may be the newer.
+bool HasRead(const RunningDaemon& daemon, const std::vector<ConfigConsole>& consoles) {
   const ReadFile present = ReadWhole(ZevConfPath());
-  return same && present.kind == FileKind::kRegular && present.changed < state.latest;
+  return present.changed <= daemon.before.latest && HasAll(*daemon.port, consoles);
 }
 
 }  // namespace
@@ -164,7 +165,7 @@ ApplyResult Apply(const Settings& settings, const ConfigDirectory& directory,
   result.daemon_runs = daemon.has_value();
   if (daemon) CheckMayRead(daemon->process, directory);
   if (daemon && !options.yes) {
-    Confirm("Disconnect the users of", NamesThatLoseUsers(result.changes, daemon->users));
+    Confirm("Disconnect the users of", NamesThatLoseUsers(result.changes, daemon->users), true);
   }
   const std::string text = WriteZevConf(config.consoles);
   const bool same = text == present;
@@ -174,7 +175,7 @@ ApplyResult Apply(const Settings& settings, const ConfigDirectory& directory,
   if (!same) staged.Commit();
   lines.Keep();
   result.advice = lines.advice();
-  if (!daemon || HasRead(daemon->before, same)) return result;
+  if (!daemon || (same && HasRead(*daemon, config.consoles))) return result;
   daemon->process.Reload();
   result.reloaded = true;
   result.reload = WaitForReload(*daemon->port, daemon->before.reloads, config.consoles).reloads;

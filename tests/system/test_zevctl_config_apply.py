@@ -13,7 +13,7 @@ from harness import settings, zevctl
 from harness.consoles import FakeConsole
 from harness.helpers import private_copy
 from harness.scenes import connected
-from harness.waiting import free_port, wait_until
+from harness.waiting import free_port, is_listening, wait_until
 
 FIRST_LINE = re.compile(r'# Written by "zevctl config apply" .*sha256=[0-9a-f]{64}\n')
 
@@ -76,7 +76,6 @@ def test_the_file_is_whole_and_belongs_to_the_owner_of_its_directory(station, bo
 def test_a_second_apply_does_not_disturb_the_daemon(station, boxes):
     readable(station, console(boxes["box"]))
     zevctl.succeed(station, "config", "apply")
-    os.utime(station.config_file, (0, 0))
     position = station.mark()
     assert zevctl.succeed(station, "config", "apply").endswith(
         "0 new, 0 gone, 0 changed; the daemon had read it before\n")
@@ -234,9 +233,7 @@ def test_a_daemon_that_could_not_read_its_file_is_not_made_to(station):
          settings.daemon(), "-f", "-S", "0", "-p", str(port)],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     try:
-        listing = ("--port", str(port), "list")
-        wait_until(lambda: zevctl.run(None, *listing).returncode != zevctl.NO_DAEMON,
-                   what="the daemon to listen")
+        wait_until(lambda: is_listening(port), what="the daemon to listen")
         before = files(station)
         done = zevctl.run(None, "--port", str(port), "config", "apply")
         assert done.returncode == zevctl.FAILED
@@ -260,7 +257,8 @@ def test_without_a_user_database_all_goes_on(station, boxes, tmp_path):
     assert names(station) == {"box"}
 
 
-@pytest.mark.parametrize("text", ['[[console]]\nname = "bo', '[[console]]\nname = "box"\ntcp ='])
+@pytest.mark.parametrize("text", ['[[console]]\nname = "bo',
+                                  '[[console]]\nname = "box"\ntcp ='])
 def test_a_half_written_file_changes_nothing(station, boxes, text):
     readable(station, console(boxes["box"]))
     zevctl.succeed(station, "config", "apply")
