@@ -24,7 +24,7 @@ struct Password {
 Password ReadPassword(const std::string& path) {
   Password password;
   if (path.empty()) {
-    password.mistake = "an ipmi line needs a secret; name the file that holds its password";
+    password.mistake = "an ipmi line needs a password; name the file that holds it (secret_file)";
     return password;
   }
   std::ifstream file(path);
