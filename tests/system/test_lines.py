@@ -48,7 +48,8 @@ def test_a_program_is_a_console(station):
 
 def test_no_shell_reads_the_arguments_of_a_program(station):
     station.start()
-    target = r"""exec = '''sh -c 'printf "<%s>" "$@"; exec cat' sh "a b" "$HOME" "*{/etc/passwd}" "*(x)" "q\"q" "b\\s" "" é'''"""
+    target = (r"""exec = '''sh -c 'printf "<%s>" "$@"; exec cat' """
+              r"""sh "a b" "$HOME" "*{/etc/passwd}" "*(x)" "q\"q" "b\\s" "" é'''""")
     with lines.serve(station, args=target):
         with seated(station, "args") as person:
             person.type("\r")
