@@ -158,20 +158,24 @@ std::string ListenerCheck::Complaint() const {
              ". Try again.";
     case Trust::kNobody:
       return "something answers at " + where +
-             ", but no listener can be seen there: " + kNothingSent + ".";
+             ", but no listener can be seen there: " + kNothingSent +
+             ". Use the address at which zevd listens; see --host and --port.";
     case Trust::kTaken:
       return "what answers at " + where + " belongs to " + OwnersOf(*peers_) +
              ", not to root or the owner of " + ConfigDirectory() +
-             ", though what listens there is right: " + kNothingSent + ".";
+             ", though what listens there is right: " + kNothingSent +
+             ". As root, \"ss -tanpe\" shows the program.";
     case Trust::kUnseen:
       return "something answers at " + where +
-             ", but the other end of the connection cannot be seen: " + kNothingSent + ".";
+             ", but the other end of the connection cannot be seen: " + kNothingSent +
+             ". Try again, or use the address at which zevd listens.";
     case Trust::kElsewhere:
     case Trust::kStation:
     case Trust::kUntold:
       break;
   }
-  return "the system does not tell who listens at " + where + ": " + kNothingSent + ".";
+  return "the system does not tell who listens at " + where + ": " + kNothingSent +
+         ". If this is a sandbox, run zevctl outside of it.";
 }
 
 ExitStatus ListenerCheck::status() const {

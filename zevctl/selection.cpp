@@ -45,6 +45,7 @@ Selection<Record> Select(const std::vector<Record>& records,
                          const std::vector<std::string>& patterns, Purpose purpose) {
   if (patterns.empty()) return {records, false};
   std::vector<std::string> names;
+  names.reserve(records.size());
   for (const Record& record : records) names.push_back(record.name);
   Selection<Record> selection;
   std::set<std::string> wanted;

@@ -301,7 +301,8 @@ def test_without_socket_diagnostics_the_tables_are_used(port, tmp_path, netless,
 def test_without_either_nothing_is_sent(port, tmp_path, netless):
     with Impostor(tmp_path, port, uid=0) as program:
         refused(port, f"the system does not tell who listens at 127.0.0.1 port {port}: "
-                f"{NOTHING_SENT}.", env=hiding(netless, "HIDE_NETLINK", "HIDE_PROC"))
+                f"{NOTHING_SENT}. If this is a sandbox, run zevctl outside of it.",
+                env=hiding(netless, "HIDE_NETLINK", "HIDE_PROC"))
         assert program.told() == b""
 
 
@@ -363,7 +364,8 @@ def test_nothing_is_sent_to_a_connection_without_a_listener(port, tmp_path):
         subprocess.run(["sysctl", "-qw", f"net.ipv4.ip_local_port_range={port} {port}"], check=True)
         elsewhere.close()
         refused(port, f"something answers at 127.0.0.1 port {port}, but no listener can be seen "
-                f"there: {NOTHING_SENT}.")
+                f"there: {NOTHING_SENT}. Use the address at which zevd listens; see --host and "
+                "--port.")
 
 
 # At the other end of the connection
@@ -431,7 +433,8 @@ def test_a_stranger_who_meets_the_connection_half_way(port, tmp_path, netless, h
     assert ended == (zevctl.NOT_THE_DAEMON,
                      f"zevctl: what answers at 127.0.0.1 port {port} belongs to user {STRANGER}, "
                      f"not to root or the owner of {settings.root()}/config, though what listens "
-                     f"there is right: {NOTHING_SENT}.\n")
+                     f"there is right: {NOTHING_SENT}. As root, "
+                     '"ss -tanpe" shows the program.\n')
 
 
 @pytest.mark.parametrize("hidden", [(), ("HIDE_NETLINK",)])

@@ -841,7 +841,7 @@ def test_a_missing_daemon_is_reported():
 def test_mistakes_in_the_command_line_are_reported(arguments, message):
     done = run(None, "attach", *arguments)
     assert (done.returncode, done.stdout) == (USAGE, "")
-    assert done.stderr.startswith(message + "\n")
+    assert done.stderr == f'zevctl: {message}; "zevctl attach --help" shows what there is\n'
 
 
 # With security
