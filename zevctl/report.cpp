@@ -31,7 +31,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr size_t kLastMessages = 100;
-constexpr off_t kLogEnd = 64 * 1024;  // bytes of zevd.log that are looked at
+constexpr off_t kLogEnd = 65536;  // bytes of zevd.log that are looked at
 
 using Lines = std::vector<std::string>;
 

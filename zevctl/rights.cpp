@@ -111,7 +111,7 @@ void Rights::Member(const std::string& user) {
 void Rights::Join(const std::string& user, const std::string& group) {
   if (IsMember(user, group)) return Note(Step::Kind::kRight, user + " is in the group " + group);
   Mend(user, "added to the group " + group, [&] {
-    const std::string failure = Run({"gpasswd", "--add", user, group});
+    std::string failure = Run({"gpasswd", "--add", user, group});
     any_member_added_ = any_member_added_ || failure.empty();
     return failure;
   });
