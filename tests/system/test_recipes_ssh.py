@@ -113,13 +113,21 @@ def server(shared_system_log, station, tmp_path):
         unmount(directory)
 
 
+def at_the_box(log, what: str, count: int) -> list[dict[str, str]]:
+    """What the daemon tells of people at the console; clients ask the command port as well."""
+    def entries() -> list[dict[str, str]]:
+        return [entry for entry in log.entries(what) if entry["console"] == "box"]
+    wait_until(lambda: len(entries()) >= count, what=f"{count} entries of {what!r} at the box")
+    return entries()
+
+
 def test_two_people_are_known_by_their_keys(server, shared_system_log):
     alice = server.sit_down("alice", "box")
     alice.expect_exact("Attached to box")
     bob = server.sit_down("bob", "box", "ro")
     bob.expect_exact("Attached to box")
     seen = {(entry["given_user"], entry["given_from"], entry["mode"])
-            for entry in shared_system_log.wait("attach", 2)}
+            for entry in at_the_box(shared_system_log, "attach", 2)}
     assert seen == {("alice", "127.0.0.1", "sh"), ("bob", "127.0.0.1", "ro")}
     listed = server.ask("alice", "who").stdout
     assert re.search(r"box +alice +shared +127\.0\.0\.1\n", listed), listed
@@ -132,13 +140,14 @@ def test_two_people_are_known_by_their_keys(server, shared_system_log):
     alice.send("\r~.")
     alice.expect_exact("Left box.")
     close_terminal(bob)
-    assert {entry["given_user"] for entry in shared_system_log.wait("leave", 2)} == {"alice", "bob"}
+    left = at_the_box(shared_system_log, "leave", 2)
+    assert {entry["given_user"] for entry in left} == {"alice", "bob"}
 
 
 def test_the_address_is_that_of_the_person(server, shared_system_log):
     words = server.words("alice", "-t", "-b", "127.0.1.9")
     person = pexpect.spawn("ssh", [*words, "box"], timeout=stretched(LIMIT))
-    (entry,) = shared_system_log.wait("attach")
+    (entry,) = at_the_box(shared_system_log, "attach", 1)
     assert (entry["given_user"], entry["given_from"]) == ("alice", "127.0.1.9")
     close_terminal(person)
 

@@ -176,7 +176,7 @@ def test_every_line_is_whole_however_often_the_directory_changes(station):
 def test_nothing_is_lost_under_load_however_often_the_directory_changes(station):
     boxes = [station.console(name) for name in ("box", "other")]
     bring_up(station, *boxes, options=("-d", "1", "-a", "0d"))
-    printed = numbered(100_000)  # many passes, and in each many records that are written together
+    printed = numbered(200_000)  # many passes, and in each many records that are written together
     position = station.mark()
     for flood in [box.flood(printed, 1) for box in boxes]:
         flood.join(limit=60)
