@@ -1,19 +1,11 @@
-"""The documents against the programs: what they list, and the lines that they give to be copied."""
+"""The documents against the programs: what they list."""
 
-import contextlib
-import os
 import re
-import signal
-import subprocess
 
-import pytest
-
-from harness import settings, zevctl
+from harness import settings
 from harness.access import bring_up
 from harness.commands import Tool
-from harness.isolation import children
 from harness.scenes import leave
-from harness.waiting import LIMIT, stretched, wait_listening, wait_until
 
 README = settings.REPOSITORY / "README.md"
 PROTOCOL = settings.REPOSITORY / "docs/protocol.md"
@@ -47,78 +39,8 @@ def test_the_readme_tells_every_mode():
     source = (DAEMON / "user.cpp").read_text()
     modes = re.findall(r'\{k\w+, "(\w\w)", "', source)
     assert len(modes) == 4
-    attach = between(README.read_text(), "### 6. Attach", "\n### ")
+    attach = between(README.read_text(), "### 8. Attach", "\n### ")
     assert sorted(first_cells(attach)) == sorted(modes)
-
-
-class Newcomer:
-    """Copies a step's lines into a shell; programs that stay are this process's to end."""
-
-    def __init__(self, scratch) -> None:
-        self.output = scratch / "screen"
-        self._steps = dict(re.findall(r"^### \d+\. (.*)\n((?:(?!^##)[\s\S])*)",
-                                      README.read_text(), re.MULTILINE))
-        self._environment = {**zevctl.environment(),
-                             "PATH": f"{settings.build_directory()}/bin:{os.environ['PATH']}"}
-
-    def follow(self, step: str) -> None:
-        """Run all the lines of a step; each must succeed."""
-        lines = "".join(re.findall(r"^```sh\n(.*?)^```$", self._steps[step],
-                                   re.MULTILINE | re.DOTALL))
-        assert lines
-        # Another test's daemon has the same name; the machine's own command would name it too.
-        lines = lines.replace("$(pidof zevd)", str(self.daemon()))
-        with open(self.output, "ab") as output:
-            done = subprocess.run(["bash", "-e", "-c", lines], cwd=settings.REPOSITORY,
-                                  env=self._environment, stdin=subprocess.DEVNULL, stdout=output,
-                                  stderr=output, timeout=stretched(3 * LIMIT), check=False)
-        assert done.returncode == 0, (lines, self.screen())
-
-    def screen(self) -> str:
-        """What all the programs have printed."""
-        return self.output.read_text(errors="replace")
-
-    @staticmethod
-    def daemon() -> int:
-        """The process id of the daemon that is left in the background; 0 before it is started."""
-        for pid in children():
-            with contextlib.suppress(FileNotFoundError):  # one that has ended has no program
-                if os.readlink(f"/proc/{pid}/exe") == str(settings.daemon()):
-                    return pid
-        return 0
-
-
-def state_of(console: str) -> str:
-    """What the client lists for a console; empty when it does not list it."""
-    listed = {line["name"]: line["state"] for line in zevctl.data(None, "list")}
-    return listed.get(console, "")
-
-
-@pytest.mark.needs_namespace
-def test_the_readmes_lines_make_a_station(isolated, program, tmp_path):
-    """All steps but those that install, build, and change the users of the machine."""
-    newcomer = Newcomer(tmp_path)
-    newcomer.follow("A console to attach to")
-    wait_listening(2001)
-    for step in ("The configuration file", "A pattern", "Start"):
-        newcomer.follow(step)
-    wait_listening(6500)
-    wait_until(lambda: state_of("lab1") == "connected", what="lab1 to be connected")
-    newcomer.follow("Attach")
-    assert "Attached to lab1 (shared)." in newcomer.screen()
-    newcomer.follow("Logs and events")
-    event = re.compile(r"^\S+ 300 lab1 disk_error: .*disk error$", re.MULTILINE)
-    wait_until(lambda: event.search(newcomer.screen()), what="the event")
-    configured = settings.STANDARD_ROOT / "config/zev.conf"
-    configured.write_text(configured.read_text() + 'lab2 127.0.0.1 1 0 0 A200 r "OS" 1 0 0 0 "" \n')
-    assert state_of("lab2") == ""
-    newcomer.follow("Change the consoles")
-    wait_until(lambda: state_of("lab2") == "disabled", what="lab2 to be known")
-    seen = len(newcomer.screen())
-    newcomer.follow("Every day")
-    assert re.search(r"^\S+ shell \$ disk error$", newcomer.screen()[seen:], re.MULTILINE)
-    os.kill(newcomer.daemon(), signal.SIGTERM)
-    wait_until(lambda: newcomer.daemon() == 0, what="the daemon to end")
 
 
 # The command port
