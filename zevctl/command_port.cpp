@@ -196,9 +196,10 @@ std::string CommandPort::ReadBytes(size_t count) {
   std::array<char, 65536> chunk{};
   while (received.size() < count) {
     const size_t length = opening_.socket.Receive(chunk, kAnswerLimit);
-    if (length == 0)
+    if (length == 0) {
       throw Failure(ExitStatus::kNoDaemon,
                     "the daemon closed the connection; try again, and see zevd.log");
+    }
     received.append(chunk.data(), length);
   }
   std::string bytes = received.substr(0, count);

@@ -57,10 +57,11 @@ sockaddr_un AddressOf(const std::string& path) {
 
 Descriptor NewSocket() {
   Descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!made)
+  if (!made) {
     throw Failure(ExitStatus::kFailed,
                   std::string("no socket: ") + strerror(errno) +
                       "; end other programs, or raise the limit with ulimit -n");
+  }
   return made;
 }
 

@@ -13,7 +13,13 @@ from pathlib import Path
 REPOSITORY = Path(__file__).resolve().parents[2]
 PAGE = REPOSITORY / "docs/security.md"
 NAMED = re.compile(r"`([a-z]\w*\.py|[a-z]\w*_test\.cpp)?(?:::(test_\w+))?`")
-HOMES = {".py": REPOSITORY / "tests/system", ".cpp": REPOSITORY / "tests/unit"}
+HOMES = {".py": ("tests/system", "tests/package"), ".cpp": ("tests/unit",)}
+
+
+def place_of(file: str) -> Path:
+    """Where the file is, or would be."""
+    homes = [REPOSITORY / home / file for home in HOMES[Path(file).suffix]]
+    return next((path for path in homes if path.is_file()), homes[0])
 
 
 def named_tests(text: str) -> Iterator[tuple[Path, str]]:
@@ -21,7 +27,7 @@ def named_tests(text: str) -> Iterator[tuple[Path, str]]:
     path = PAGE
     for file, test in NAMED.findall(text):
         if file:
-            path = HOMES[Path(file).suffix] / file
+            path = place_of(file)
         if file or test:
             yield path, test
 

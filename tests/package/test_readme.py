@@ -36,8 +36,9 @@ class SerialPort:
         self._end = os.open(inside, os.O_RDWR | os.O_NOCTTY | os.O_NONBLOCK)
         fcntl.ioctl(self._end, _UNLOCK, struct.pack("i", 0))
         number, = struct.unpack("I", fcntl.ioctl(self._end, _GET_NUMBER, b"\0" * 4))
-        machine.run("sh", "-c", f"chgrp dialout /dev/pts/{number} && chmod 660 /dev/pts/{number} && "
-                                f"ln -s /dev/pts/{number} /dev/ttyUSB0")
+        machine.run("chgrp", "dialout", f"/dev/pts/{number}")
+        machine.run("chmod", "660", f"/dev/pts/{number}")
+        machine.run("ln", "-s", f"/dev/pts/{number}", "/dev/ttyUSB0")
 
     def write(self, data: bytes) -> None:
         """Print something."""
