@@ -124,7 +124,8 @@ def test_a_hundred_users_read_too_slowly(station, ethernet, box, paces):
     for user in users:
         *_, last = told(user, text, 6 * LIMIT)
         waited += len(text) - last.end
-    assert QUEUES // 2 < waited <= most
+    # What the kernel has taken behind a last mark waits in no queue any more: a page for each user.
+    assert QUEUES // 2 < waited <= most + len(users) * PAGE
     assert is_sanitized(station.pid) or grown < most + OVERHEAD
     holds_all(station, "box", text)
     box.send(b"for everybody")
