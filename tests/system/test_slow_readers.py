@@ -30,6 +30,7 @@ MUCH = numbered(50_000)
 
 # What the allocator may need on top of the queues.
 OVERHEAD = 8 << 20
+PAGE = 4096
 
 
 @pytest.fixture
