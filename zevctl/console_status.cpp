@@ -1,8 +1,9 @@
 #include "console_status.h"
 
 #include <algorithm>
-#include <array>
 #include <nlohmann/json.hpp>
+
+#include "moment.h"
 
 namespace zevctl {
 
@@ -53,20 +54,6 @@ Json NextObject(std::string_view& lines) {
   return object.is_object() ? object : Json();
 }
 
-tm LocalTime(time_t moment) {
-  tm fields{};
-  localtime_r(&moment, &fields);
-  return fields;
-}
-
-struct Unit {
-  time_t seconds;
-  const char* name;
-};
-
-constexpr std::array kUnits = {Unit{86400, "day"}, Unit{3600, "hour"}, Unit{60, "minute"},
-                               Unit{1, "second"}};
-
 }  // namespace
 
 std::optional<ConsoleStatus> ParseStatus(std::string_view answer, std::string_view console) {
@@ -109,24 +96,6 @@ std::string Described(const std::vector<Attendee>& attendees, time_t now) {
     text += Described(attendees[i], now);
   }
   return text;
-}
-
-std::string ClockTime(time_t moment, time_t now) {
-  const tm then = LocalTime(moment);
-  const tm today = LocalTime(now);
-  const bool same_day = then.tm_year == today.tm_year && then.tm_yday == today.tm_yday;
-  std::array<char, 40> text{};
-  strftime(text.data(), text.size(), same_day ? "%H:%M:%S" : "%Y-%m-%d %H:%M:%S", &then);
-  return text.data();
-}
-
-std::string Ago(time_t moment, time_t now) {
-  const time_t age = now - moment;
-  if (age < 2) return "just now";
-  const auto* unit = std::find_if(kUnits.begin(), kUnits.end() - 1,
-                                  [&](const Unit& candidate) { return age >= candidate.seconds; });
-  const time_t count = age / unit->seconds;
-  return std::to_string(count) + " " + unit->name + (count == 1 ? "" : "s") + " ago";
 }
 
 std::vector<Attendee> Without(const std::vector<Attendee>& all, std::vector<Attendee> taken) {

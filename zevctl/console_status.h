@@ -49,12 +49,6 @@ std::string Described(const Attendee& attendee, time_t now);
 /// The descriptions, with commas and "and".
 std::string Described(const std::vector<Attendee>& attendees, time_t now);
 
-/// "08:05:10", with the date in front unless that is today's.
-std::string ClockTime(time_t moment, time_t now);
-
-/// "3 minutes ago"; "just now" below two seconds, and for a clock that is ahead.
-std::string Ago(time_t moment, time_t now);
-
 /// Those of the first who are not among the second.
 std::vector<Attendee> Without(const std::vector<Attendee>& all, std::vector<Attendee> taken);
 

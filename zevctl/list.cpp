@@ -3,7 +3,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
 #include <ctime>
 #include <iostream>
 #include <map>
@@ -16,6 +15,7 @@
 #include "command_port.h"
 #include "console_view.h"
 #include "console_words.h"
+#include "moment.h"
 #include "output.h"
 #include "program.h"
 #include "selection.h"
@@ -78,25 +78,8 @@ Colour ColourOf(const ConsoleView& console) {
   return console.IsDisabled() ? Colour::kDim : Colour::kRed;
 }
 
-tm LocalTime(time_t moment) {
-  tm fields{};
-  localtime_r(&moment, &fields);
-  return fields;
-}
-
-std::string Formatted(const char* format, const tm& fields) {
-  std::array<char, 32> text{};
-  strftime(text.data(), text.size(), format, &fields);
-  return text.data();
-}
-
-// The time of day, or of another day the date as well.
-std::string ShortTime(time_t moment, time_t now) {
-  if (moment == 0) return "-";
-  const tm then = LocalTime(moment);
-  const tm today = LocalTime(now);
-  const bool same_day = then.tm_year == today.tm_year && then.tm_yday == today.tm_yday;
-  return Formatted(same_day ? "%H:%M:%S" : "%Y-%m-%d %H:%M", then);
+std::string TimeOrDash(time_t moment, time_t now) {
+  return moment == 0 ? "-" : ShortClockTime(moment, now);
 }
 
 size_t CountOfUsers(const ConsoleView& console) {
@@ -140,8 +123,8 @@ void PrintTable(const std::vector<ConsoleView>& consoles, std::ostream& out) {
   for (const ConsoleView& console : consoles) {
     table.Add({{Printable(console.name)},
                {Printable(console.state_word), ColourOf(console)},
-               {ShortTime(console.since, now)},
-               {ShortTime(console.last_output, now)},
+               {TimeOrDash(console.since, now)},
+               {TimeOrDash(console.last_output, now)},
                {std::to_string(CountOfUsers(console))},
                {ModeInWords(console.mode)},
                {Printable(console.address)},
@@ -235,8 +218,9 @@ void WatchOnTerminal(const Settings& settings, const ListOptions& options) {
   Found found = station.Look(options);
   AlternateScreen screen;
   for (std::string why;;) {
-    const std::string clock = Formatted("%H:%M:%S", LocalTime(time(nullptr)));
-    std::vector<std::string> lines = {clock + "  " + Summary(found) + "  (Ctrl-C ends)"};
+    const time_t now = time(nullptr);
+    std::vector<std::string> lines = {ClockTime(now, now) + "  " + Summary(found) +
+                                      "  (Ctrl-C ends)"};
     if (!why.empty()) lines.push_back("zevctl: " + Printable(why));
     for (std::string& line : Lines(Body(found, options, false))) lines.push_back(std::move(line));
     screen.Show(lines);

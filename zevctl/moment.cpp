@@ -1,5 +1,7 @@
 #include "moment.h"
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <iterator>
@@ -24,6 +26,34 @@ constexpr char kAge[] =
 constexpr time_t kAgeUnits[] = {kWeek, kDay, kHour, kMinute, 1};
 
 enum Group { kWhole, kYear, kMonth, kDayOfMonth, kWord, kHours, kMinutes, kSeconds, kZone };
+
+struct Unit {
+  time_t seconds;
+  const char* name;
+};
+
+constexpr std::array kUnits = {Unit{kDay, "day"}, Unit{kHour, "hour"}, Unit{kMinute, "minute"},
+                               Unit{1, "second"}};
+
+tm LocalTime(time_t moment) {
+  tm fields{};
+  localtime_r(&moment, &fields);
+  return fields;
+}
+
+std::string Formatted(const char* format, const tm& fields) {
+  std::array<char, 40> text{};
+  strftime(text.data(), text.size(), format, &fields);
+  return text.data();
+}
+
+// In the other form when it is of another day.
+std::string OfTodayOr(const char* other_form, time_t moment, time_t now) {
+  const tm then = LocalTime(moment);
+  const tm today = LocalTime(now);
+  const bool same_day = then.tm_year == today.tm_year && then.tm_yday == today.tm_yday;
+  return Formatted(same_day ? "%H:%M:%S" : other_form, then);
+}
 
 int Number(const std::string& digits) {
   int number = 0;
@@ -67,8 +97,7 @@ time_t InUtc(const tm& fields) {
 }
 
 tm FieldsOf(const std::smatch& found, time_t now) {
-  tm fields{};
-  localtime_r(&now, &fields);
+  tm fields = LocalTime(now);
   if (found[kYear].matched) {
     fields.tm_year = Number(found[kYear]) - 1900;
     fields.tm_mon = Number(found[kMonth]) - 1;
@@ -113,12 +142,25 @@ std::optional<time_t> ParseMoment(const std::string& text, time_t now) {
   return InUtc(fields) - *offset;
 }
 
+std::string ClockTime(time_t moment, time_t now) {
+  return OfTodayOr("%Y-%m-%d %H:%M:%S", moment, now);
+}
+
+std::string ShortClockTime(time_t moment, time_t now) {
+  return OfTodayOr("%Y-%m-%d %H:%M", moment, now);
+}
+
+std::string Ago(time_t moment, time_t now) {
+  const time_t age = now - moment;
+  if (age < 2) return "just now";
+  const auto* unit = std::find_if(kUnits.begin(), kUnits.end() - 1,
+                                  [&](const Unit& candidate) { return age >= candidate.seconds; });
+  const time_t count = age / unit->seconds;
+  return std::to_string(count) + " " + unit->name + (count == 1 ? "" : "s") + " ago";
+}
+
 std::string Rfc3339(time_t moment) {
-  tm local{};
-  localtime_r(&moment, &local);
-  char text[40];
-  strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
-  std::string stamp = text;
+  std::string stamp = Formatted("%Y-%m-%dT%H:%M:%S%z", LocalTime(moment));
   return stamp.insert(stamp.size() - 2, 1, ':');
 }
 

@@ -16,6 +16,15 @@ extern const char kMomentForms[];
 /// what ages refer to.
 std::optional<time_t> ParseMoment(const std::string& text, time_t now);
 
+/// "08:05:10" in local time, with the date in front unless that is today's.
+std::string ClockTime(time_t moment, time_t now);
+
+/// The same for a column of a table: behind a date, the seconds are left out.
+std::string ShortClockTime(time_t moment, time_t now);
+
+/// "3 minutes ago"; "just now" below two seconds, and for a clock that is ahead.
+std::string Ago(time_t moment, time_t now);
+
 /// The moment, in seconds since the epoch, in the form of RFC 3339: local time with its zone.
 std::string Rfc3339(time_t moment);
 

@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "console_words.h"
+#include "moment.h"
 #include "output.h"
 
 namespace zevctl {

@@ -1,4 +1,4 @@
-// Moments as people write them.
+// Moments as people write them, and as they are shown.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -9,6 +9,8 @@
 namespace zevctl {
 
 namespace {
+
+constexpr time_t kMorning = 1'795'000'000;  // 2026-11-18 11:06:40 UTC
 
 TEST(MomentTest, HasManyForms) {
   const Zone zone("ZON-2");
@@ -104,6 +106,28 @@ TEST(MomentTest, IsShownWithItsZone) {
   const Zone zone("ZON+3:30");
   EXPECT_EQ(Rfc3339(kNow), "2026-11-21T04:30:00-03:30");
   EXPECT_EQ(ParseMoment(Rfc3339(kNow), 0), kNow);
+}
+
+TEST(MomentTest, OfAnotherDayIsShownWithItsDate) {
+  const Zone zone("UTC");
+  EXPECT_EQ(ClockTime(kMorning - 5, kMorning), "11:06:35");
+  EXPECT_EQ(ClockTime(kMorning - kDay, kMorning), "2026-11-17 11:06:40");
+  EXPECT_EQ(ClockTime(kMorning - 365 * kDay, kMorning), "2025-11-18 11:06:40");
+  EXPECT_EQ(ShortClockTime(kMorning - 5, kMorning), "11:06:35");
+  EXPECT_EQ(ShortClockTime(kMorning - kDay, kMorning), "2026-11-17 11:06");
+}
+
+TEST(MomentTest, IsShownAsAnAge) {
+  struct Case {
+    time_t age;
+    const char* words;
+  };
+  constexpr Case kCases[] = {
+      {-100, "just now"},      {0, "just now"},      {1, "just now"},          {2, "2 seconds ago"},
+      {59, "59 seconds ago"},  {60, "1 minute ago"}, {3599, "59 minutes ago"}, {3600, "1 hour ago"},
+      {86399, "23 hours ago"}, {86400, "1 day ago"}, {900000, "10 days ago"},
+  };
+  for (const Case& tried : kCases) EXPECT_EQ(Ago(kMorning - tried.age, kMorning), tried.words);
 }
 
 }  // namespace
