@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "config_console.h"
+#include "console_status.h"
 
 namespace zevctl {
 
@@ -17,38 +17,31 @@ Failure Garbled() {
           "the daemon does not tell about itself as expected; is it as new as zevctl?"};
 }
 
-template <typename Take>
-void ForEachObject(const std::string& text, Take take) {
-  std::istringstream lines(text);
-  try {
-    for (std::string line; std::getline(lines, line);) take(Json::parse(line));
-  } catch (const Json::exception&) {
-    throw Garbled();
-  }
-}
-
 time_t TimeIn(const Json& value) {
   return value.is_null() ? 0 : value.get<time_t>();
 }
 
 }  // namespace
 
-ReloadState AskForReloads(CommandPort& port) {
+ReloadState AskForReloads(CommandPort& port) try {
+  const Json stats = Json::parse(port.JsonLines("stats"));
   ReloadState state;
-  ForEachObject(port.JsonLines("stats"), [&](const Json& stats) {
-    state.reloads = stats.at("reloads").get<uint64_t>();
-    state.latest = std::max(TimeIn(stats.at("started")), TimeIn(stats.at("last_reload")));
-    const Json& result = stats.at("last_reload_result");
-    state.result = result.is_null() ? "" : result.get<std::string>();
-  });
+  state.reloads = stats.at("reloads").get<uint64_t>();
+  state.latest = std::max(TimeIn(stats.at("started")), TimeIn(stats.at("last_reload")));
+  const Json& result = stats.at("last_reload_result");
+  state.result = result.is_null() ? "" : result.get<std::string>();
   return state;
+} catch (const Json::exception&) {
+  throw Garbled();
 }
 
 UserCounts AskForUsers(CommandPort& port) {
+  const StatusAnswer answer = ParseStatus(port.JsonLines("status"));
+  if (!answer.whole) throw Garbled();
   UserCounts users;
-  ForEachObject(port.JsonLines("status"), [&](const Json& console) {
-    users[FoldedName(console.at("console").get<std::string>())] += console.at("users").size();
-  });
+  for (const ConsoleStatus& status : answer.consoles) {
+    users[FoldedName(status.console)] += status.users.size();
+  }
   return users;
 }
 

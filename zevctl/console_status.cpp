@@ -32,18 +32,33 @@ Attendee ReadAttendee(const Json& user) {
           Time(user, "since")};
 }
 
-ConsoleStatus ReadStatus(const Json& object) {
-  ConsoleStatus status{Text(object, "console"),
-                       Text(object, "state"),
-                       Time(object, "since"),
-                       Time(object, "last_output"),
-                       {}};
+bool NamesConsole(const Json& object) {
+  const auto name = object.find("console");
+  return name != object.end() && name->is_string();
+}
+
+void AddUsers(const Json& object, ConsoleStatus& status, bool& whole) {
   const auto users = object.find("users");
-  if (users == object.end() || !users->is_array()) return status;
-  for (const Json& user : *users) {
-    if (user.is_object()) status.users.push_back(ReadAttendee(user));
+  if (users == object.end() || !users->is_array()) {
+    whole = false;
+    return;
   }
-  return status;
+  for (const Json& user : *users) {
+    if (user.is_object()) {
+      status.users.push_back(ReadAttendee(user));
+    } else {
+      whole = false;
+    }
+  }
+}
+
+void AddConsole(const Json& object, StatusAnswer& answer) {
+  ConsoleStatus& status = answer.consoles.emplace_back();
+  status.console = Text(object, "console");
+  status.state = Text(object, "state");
+  status.since = Time(object, "since");
+  status.last_output = Time(object, "last_output");
+  AddUsers(object, status, answer.whole);
 }
 
 // Takes the next line off the front and reads it; a line that is not an object is read as null.
@@ -56,12 +71,25 @@ Json NextObject(std::string_view& lines) {
 
 }  // namespace
 
-std::optional<ConsoleStatus> ParseStatus(std::string_view answer, std::string_view console) {
+StatusAnswer ParseStatus(std::string_view answer) {
+  StatusAnswer parsed;
   while (!answer.empty()) {
     const Json object = NextObject(answer);
-    if (object.is_object() && Text(object, "console") == console) return ReadStatus(object);
+    if (NamesConsole(object)) {
+      AddConsole(object, parsed);
+    } else {
+      parsed.whole = false;
+    }
   }
-  return {};
+  return parsed;
+}
+
+std::optional<ConsoleStatus> ParseStatus(std::string_view answer, std::string_view console) {
+  std::vector<ConsoleStatus> consoles = ParseStatus(answer).consoles;
+  const auto found =
+      std::find_if(consoles.begin(), consoles.end(),
+                   [&](const ConsoleStatus& status) { return status.console == console; });
+  return found == consoles.end() ? std::nullopt : std::optional(std::move(*found));
 }
 
 std::optional<time_t> ParseStarted(std::string_view answer) {

@@ -28,6 +28,15 @@ struct ConsoleStatus {
   std::vector<Attendee> users;  ///< in the order of arrival
 };
 
+struct StatusAnswer {
+  std::vector<ConsoleStatus> consoles;  ///< in the order of the answer
+  bool whole = true;  ///< false when it has what is no console or no user, which is left out
+};
+
+/// The answer to "status": an object in each line. Of a console or a user, a key that is missing or
+/// of another kind is an empty text or 0.
+StatusAnswer ParseStatus(std::string_view answer);
+
 /// The console of that very name among those that the answer describes, the connected one first;
 /// nothing when there is none. An answer that is not what it should be has none.
 std::optional<ConsoleStatus> ParseStatus(std::string_view answer, std::string_view console);

@@ -50,6 +50,27 @@ TEST(ConsoleStatus, IsNothingWhereTheAnswerMakesNoSense) {
   EXPECT_THAT(odd->users, SizeIs(1));
 }
 
+TEST(ConsoleStatus, AreReadInTheirOrderFromAWholeAnswer) {
+  const StatusAnswer answer = ParseStatus(kAnswer);
+  EXPECT_TRUE(answer.whole);
+  ASSERT_THAT(answer.consoles, SizeIs(2));
+  EXPECT_EQ(answer.consoles[0].console, "BOX");
+  EXPECT_THAT(answer.consoles[0].users, IsEmpty());
+  EXPECT_EQ(answer.consoles[1].console, "box");
+  EXPECT_THAT(answer.consoles[1].users, SizeIs(2));
+  EXPECT_TRUE(ParseStatus("").whole);
+}
+
+TEST(ConsoleStatus, OfAnAnswerThatIsNotWholeIsWhatMakesSense) {
+  for (const char* line :
+       {"", "null", "[]", "{", "\xFF", "{}", R"({"console":1,"users":[]})", R"({"console":"a"})",
+        R"({"console":"a","users":null})", R"({"console":"a","users":[1]})"}) {
+    const StatusAnswer answer = ParseStatus(std::string(line) + "\n" + kAnswer);
+    EXPECT_FALSE(answer.whole) << line;
+    EXPECT_EQ(answer.consoles.back().console, "box") << line;
+  }
+}
+
 TEST(ConsoleStatus, TellsWhenTheDaemonStarted) {
   EXPECT_EQ(ParseStarted("{\"started\":5,\"console_bytes\":6}\n"), 5);
   for (const char* answer : {"", "{}\n", "7\n", "{\"started\":null}"}) {
