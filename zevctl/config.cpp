@@ -262,8 +262,8 @@ ExitStatus Import(const Settings& settings, const ConfigOptions& options) {
   }
   for (const ConfigConsole& console : consoles) {
     if (console.Text(kFieldAddress) != kLinesAddress) continue;
-    Warn("the line of \"" + console.name() +
-         "\" is not told by zev.conf; write serial, exec, ssh or ipmi in place of its tcp");
+    Warn("zev.conf does not describe the line of \"" + console.name() +
+         "\"; write serial, exec, ssh or ipmi in place of its tcp");
   }
   static_cast<void>(settings);
   return ExitStatus::kOk;

@@ -108,7 +108,8 @@ bool HasAll(CommandPort& port, const std::vector<ConfigConsole>& consoles) {
 
 [[noreturn]] void FailReload(const ReloadState& now, uint64_t before) {
   constexpr char kNotRead[] = "the daemon has not read it within a minute; see zevd.log";
-  constexpr char kLacking[] = "the daemon lacks some of its consoles; was it started with -c?";
+  constexpr char kLacking[] =
+      "the daemon does not have all of its consoles; was it started with -c?";
   throw Failure(ExitStatus::kFailed, std::string("zev.conf is new, but ") +
                                          (now.reloads == before ? kNotRead : kLacking));
 }

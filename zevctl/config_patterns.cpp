@@ -79,7 +79,7 @@ class PatternLine {
     const std::string pattern(parts_[3]);
     if (zevd::IsHardPattern(pattern.c_str())) {
       findings_.Warning(At(starts_[3]),
-                        "the pattern is dear: a process of its own has to match the whole file",
+                        "the pattern is costly: a process of its own has to match the whole file",
                         "write it without back-references, large counts and choices after .*");
       return;
     }

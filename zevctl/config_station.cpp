@@ -13,8 +13,7 @@ namespace {
 using Json = nlohmann::json;
 
 Failure Garbled() {
-  return {ExitStatus::kNoDaemon,
-          "the daemon does not tell about itself as expected; is it as new as zevctl?"};
+  return {ExitStatus::kNoDaemon, "the daemon's answer is not understood; is it as new as zevctl?"};
 }
 
 time_t TimeIn(const Json& value) {

@@ -10,7 +10,7 @@ namespace zevctl {
 
 namespace {
 
-constexpr char kMend[] = "correct it as TOML wants it; consoles.toml(5) shows examples";
+constexpr char kMend[] = "correct it; consoles.toml(5) shows examples";
 
 Place PlaceOf(const toml::source_region& source, const std::string& file) {
   return {file, source.begin.line, source.begin.column};

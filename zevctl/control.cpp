@@ -147,7 +147,7 @@ Outcome Reconnect(CommandPort& port, const Target& target, const std::string& co
   const ConsoleView* const down = FirstDown(target);
   if (down == nullptr) return {ExitStatus::kOk, "is connected already"};
   if (down->state_word == "connecting") return {ExitStatus::kOk, "is being tried already"};
-  return {ExitStatus::kOk, "the daemon tries now to connect; \"zevctl list\" shows the result"};
+  return {ExitStatus::kOk, "the daemon is trying to connect; \"zevctl list\" shows the result"};
 }
 
 // For this command the daemon knows no console by its name that is not connected.
@@ -174,7 +174,7 @@ constexpr std::array kControls = {
     ControlRow{"enable", "Let disabled consoles be connected again", "Enable", Enable},
     ControlRow{"force", "Take the management port over at the next refusal",
                "Take over the management ports of", Force},
-    ControlRow{"reconnect", "Try now to connect consoles that are not connected", "Reconnect",
+    ControlRow{"reconnect", "Try at once to connect consoles that are not connected", "Reconnect",
                Reconnect},
 };
 

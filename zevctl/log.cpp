@@ -90,7 +90,7 @@ std::string NothingFound(const std::string& name, const LogNames& existing,
   for (const std::string& similar : SimilarNames(name, existing)) {
     names += (names.empty() ? "" : ", ") + Printable(similar);
   }
-  if (names.empty()) return message + "; \"ls " + directory + "/current\" shows which there are";
+  if (names.empty()) return message + "; \"ls " + directory + "/current\" lists the logs";
   return message + "; ask for a similar name: " + names;
 }
 
@@ -258,7 +258,7 @@ void AddFilterOptions(CLI::App& command, LogOptions& options) {
       ->needs(pattern);
   command
       .add_option("-C,--context", options.context,
-                  "Also so many records of the console before and after each that --grep takes")
+                  "Also this many records of the console before and after each match")
       ->needs(pattern)
       ->check(CLI::Range(size_t{0}, kMostContext));
   command

@@ -136,8 +136,8 @@ bool CompressedLog::FindFrame(off_t start) {
   if (length == ZSTD_CONTENTSIZE_ERROR) return false;
   if (length == ZSTD_CONTENTSIZE_UNKNOWN || length > kLargestFrame) {
     Tell(
-        "has a piece that is too large to be read, as zevd-logs makes none; unpack the file with "
-        "\"zstd -d\" to have all of it");
+        "has a piece that is too large to be read, which zevd-logs never makes; unpack the file "
+        "with \"zstd -d\" to have all of it");
     return false;
   }
   off_t end = EndOfBlocks(start + static_cast<off_t>(HeaderSize(header)));

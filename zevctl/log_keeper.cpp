@@ -190,7 +190,7 @@ void LogKeeper::OpenDated() {
   }
   struct stat current {};
   if (fstatat(dated_.get(), "current", &current, 0) != 0) {
-    throw Failure(ExitStatus::kFailed, "no directory is sure to be closed, as there is no " +
+    throw Failure(ExitStatus::kFailed, "cannot tell which directories are closed: there is no " +
                                            Printable(path) +
                                            "/current; start zevd, which makes it");
   }

@@ -149,7 +149,7 @@ class Login {
   void TryAgain() {
     if (!credentials_.MayAsk()) {
       throw Failure(ExitStatus::kNotAdmitted,
-                    "the daemon does not take the name and password; attach again to type them");
+                    "the daemon does not accept the name and password; attach again to type them");
     }
     Tell("zevctl: Name or password is wrong. Try again.\n");
     credentials_.Forget();

@@ -44,7 +44,7 @@ void AddStationOptions(CLI::App& app, Settings& settings) {
       ->check(RefuseBlanks);
   app.add_option(
          "--from", settings.from,
-         "Address that others see, when somebody from elsewhere types; the connection's own "
+         "Address that others see, for somebody who comes from elsewhere; the connection's own "
          "if not given")
       ->check(RefuseBlanks);
   app.add_flag("--json", settings.json, "Print data as JSON");
@@ -79,7 +79,7 @@ ExitStatus Run(const Program& program) {
     std::cout.flush();
     if (std::cout) return status;
     return ReportFailure(ExitStatus::kFailed,
-                         "the output cannot be written; look at what takes it");
+                         "the output cannot be written; look at what reads it");
   } catch (const zevctl::Failure& failure) {
     return ReportFailure(failure.status(), failure.what());
   } catch (const std::exception& error) {

@@ -186,7 +186,7 @@ ExitStatus Report(const Settings& settings) {
 
 void AddReportCommand(CLI::App& app, Program& program) {
   CLI::App* command =
-      app.add_subcommand("report", "Gather what a helper needs to know, without secrets");
+      app.add_subcommand("report", "Gather what others need in order to help, without secrets");
   command->callback(
       [&program] { program.action = [&program] { return Report(program.settings); }; });
 }

@@ -145,7 +145,7 @@ void Rights::Cookie() {
       cookie && fstat(cookie.get(), &file) == 0 && S_ISREG(file.st_mode) && file.st_nlink == 1;
   if (usable) return Adjust(cookie.get(), path, true);
   Note(Step::Kind::kProblem,
-       path + " is no file that can be used; look at it, remove it, and restart zevd");
+       path + " is not a usable file; look at it, remove it, and restart zevd");
 }
 
 void Rights::Adjust(int fd, const std::string& path, bool for_group_alone) {
@@ -162,7 +162,7 @@ void Rights::Adjust(int fd, const std::string& path, bool for_group_alone) {
                                    ", neither to root nor to the daemon: chown zevd " + path);
   }
   if (other_group) {
-    Note(Step::Kind::kProblem, path + " is of the group " + NameOfGroup(file.st_gid) +
+    Note(Step::Kind::kProblem, path + " belongs to the group " + NameOfGroup(file.st_gid) +
                                    "; unless that is meant: chgrp " + kStationGroup + " " + path);
   } else if (group != file.st_gid) {
     Mend(path, std::string("given to the group ") + kStationGroup, [&] {

@@ -80,7 +80,7 @@ void TellWhatIsNext(const Rights& rights, const std::vector<std::string>& users)
     std::cout << "Nobody was named: \"zevctl setup USER\" lets a user log in to the consoles.\n";
   }
   if (rights.any_member_added()) {
-    std::cout << "Groups count from the next login: log out and in again.\n";
+    std::cout << "New groups take effect at the next login: log out and in again.\n";
   }
 }
 

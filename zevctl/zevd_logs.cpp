@@ -56,7 +56,7 @@ int KeepDays(bool& is_good) try {
   const auto days = zevctl::KeepDaysIn(Settings(path));
   if (days) return *days;
   throw Failure(ExitStatus::kFailed, path +
-                                         ": ZEVD_KEEP_DAYS= is followed by no number of days; "
+                                         ": ZEVD_KEEP_DAYS= is not followed by a number of days; "
                                          "write a number up to 36500, where 0 keeps all logs");
 } catch (const Failure& failure) {
   Tell(failure.what() + std::string("; no log is removed"));

@@ -119,7 +119,7 @@ def test_a_port_that_is_taken_is_told_and_consoles_are_logged(bare):
         "[Socket]\nListenStream=0.0.0.0:6500\nService=systemd-initctl.service\n")
     bare.run("systemctl", "start", "taken.socket")
     said = bare.install(*packages.found())
-    assert "zevd: zevd.socket does not run. Why: journalctl -u zevd.socket" in said
+    assert "zevd: zevd.socket is not running. To see why, run: journalctl -u zevd.socket" in said
     assert "Address already in use" in bare.journal("-u", "zevd.socket")
     assert bare.show("zevd.service", "ActiveState") == "active"
     bare.run("systemctl", "stop", "taken.socket")
@@ -132,6 +132,6 @@ def test_a_port_that_is_taken_is_told_and_consoles_are_logged(bare):
 def test_a_daemon_that_does_not_start_is_told(bare):
     bare.run("sh", "-c", f"mkdir -p {ROOT} && touch {ROOT}/logs")
     said = bare.install(*packages.found())
-    assert "zevd: zevd.service does not run. Why: journalctl -u zevd.service" in said
+    assert "zevd: zevd.service is not running. To see why, run: journalctl -u zevd.service" in said
     assert f"zevd-check: There is no {ROOT}/logs." in bare.journal("-u", "zevd.service")
     assert bare.output("dpkg-query", "-f", "${Status}", "-W", "zevd") == "install ok installed"

@@ -308,9 +308,9 @@ def test_a_setting_that_makes_no_sense_is_reported_and_removes_nothing(station, 
     settings_file.write_text(f"ZEVD_KEEP_DAYS={value}\n")
     make_log(station, b"1\n", days=99999)
     done = keep(status=zevctl.FAILED)
-    assert done.stderr == (f"zevd-logs: {settings_file}: ZEVD_KEEP_DAYS= is followed by no number "
-                           "of days; write a number up to 36500, where 0 keeps all logs; no log is "
-                           "removed\n")
+    assert done.stderr == (f"zevd-logs: {settings_file}: ZEVD_KEEP_DAYS= is not followed by a "
+                           "number of days; write a number up to 36500, where 0 keeps all logs; no "
+                           "log is removed\n")
     assert files(station) == ["box.log.zst"]
 
 
@@ -332,7 +332,7 @@ def test_what_it_needs_is_reported(station):
     make_log(station, b"1\n")
     current(station).unlink()
     done = keep(status=zevctl.FAILED)
-    assert done.stderr == (f"zevd-logs: no directory is sure to be closed, as there is no "
+    assert done.stderr == (f"zevd-logs: cannot tell which directories are closed: there is no "
                            f"{current(station)}; start zevd, which makes it\n")
     assert keep("-h").stdout.startswith("Usage: zevd-logs [-l DIR]\n")
     for arguments in (["-x"], ["extra"], ["-l"]):

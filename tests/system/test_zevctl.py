@@ -411,7 +411,7 @@ def test_reconnect_says_which_consoles_are_tried(rack):
     done = zevctl.run(rack, "reconnect", "*", "--yes")
     assert done.stdout == (
         "web1: is connected already\nweb2: is connected already\n"
-        'db1: the daemon tries now to connect; "zevctl list" shows the result\n')
+        'db1: the daemon is trying to connect; "zevctl list" shows the result\n')
     assert (done.returncode, done.stderr) == (
         zevctl.NOT_ACCESSIBLE, 'zevctl: off: not tried: it is disabled; "zevctl enable" it first\n')
     assert not rack.boxes["web1"].closed
@@ -587,7 +587,7 @@ def test_output_that_cannot_be_written_is_an_error(rack):
         done = zevctl.start(rack, "list", stdout=full)
         assert done.wait() == zevctl.FAILED
         assert done.stderr.read() == (
-            b"zevctl: the output cannot be written; look at what takes it\n")
+            b"zevctl: the output cannot be written; look at what reads it\n")
 
 
 @pytest.mark.parametrize("closed", ["<&-", ">&-", "2>&-", "<&- >&- 2>&-"])

@@ -235,7 +235,7 @@ def test_a_name_without_a_log_is_refused(three):
     where = f"{three.logs}/zev.dated"
     zevctl.refuse(None, zevctl.NO_SUCH_CONSOLE, f"no log of bx in {where}; ask for a similar "
                   "name: box", "log", "bx")
-    unknown = f'in {where}; "ls {where}/current" shows which there are'
+    unknown = f'in {where}; "ls {where}/current" lists the logs'
     zevctl.refuse(None, zevctl.NO_SUCH_CONSOLE, f"no log of else?[2J {unknown}", "log",
                   "else\x1b[2J")
     zevctl.refuse(None, zevctl.NO_SUCH_CONSOLE, f"no log of else* {unknown}", "log", "else*")
@@ -504,7 +504,7 @@ def test_it_waits_for_a_log_that_is_not_there_yet(station, box, follow):
     client.wait_texts([b"ready\n"])
     directory = f"{station.logs}/zev.dated"
     assert client.end() == (f'zevctl: no log of other in {directory}; "ls {directory}/current" '
-                            "shows which there are; waiting for it\n")
+                            "lists the logs; waiting for it\n")
 
 
 def test_it_outlives_its_directory(station, box, follow):

@@ -1,4 +1,4 @@
-"""The client's commands for a station's people: who may use it, and what a helper needs to know."""
+"""The client's commands for a station's people: setting up, and a report for those who help."""
 
 import os
 import shutil
@@ -53,7 +53,7 @@ def test_one_command_lets_a_user_in_without_a_password(machine):
         f"{machine.config} was changed from mode 0700 to 0750",
         f"{machine.config}/.cookie is not there yet: the daemon makes it when it starts",
         "/etc/pam.d/qor is there",
-        "Groups count from the next login: log out and in again."]
+        "New groups take effect at the next login: log out and in again."]
     machine.start("-S", "1")
     connected(machine, box, "box")
     done = as_person(machine, "list", "-q")
@@ -113,7 +113,7 @@ def test_what_is_planted_in_the_cookies_place_is_left_alone(machine):
     (machine.config / ".cookie").symlink_to(victim)
     done = zevctl.run(None, "setup", PERSON)
     assert done.returncode == zevctl.FAILED
-    assert done.stderr == (f"zevctl: {machine.config}/.cookie is no file that can be used; look at "
+    assert done.stderr == (f"zevctl: {machine.config}/.cookie is not a usable file; look at "
                            "it, remove it, and restart zevd\n")
     assert (victim.stat().st_gid, victim.stat().st_mode & 0o7777) == (0, 0o600)
 
@@ -127,7 +127,7 @@ def test_another_owner_and_another_group_are_reported(machine):
     assert done.stderr.splitlines() == [
         f"zevctl: {machine.config} belongs to games, neither to root nor to the daemon: "
         f"chown zevd {machine.config}",
-        f"zevctl: {machine.config} is of the group games; unless that is meant: "
+        f"zevctl: {machine.config} belongs to the group games; unless that is meant: "
         f"chgrp zevd {machine.config}",
         "zevctl: /etc/pam.d/qor is missing, without which nobody can log in by password; "
         "install it (packaging/pam.d/qor)"]

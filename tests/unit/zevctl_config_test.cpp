@@ -192,7 +192,8 @@ TEST(ConfigPatternsTest, UsualPatternsAreFine) {
 
 TEST(ConfigPatternsTest, WhatIsWrongIsNamed) {
   EXPECT_THAT(WrongPatterns("a 1 0 (\n"), ElementsAre(HasSubstr("f:1:7 the pattern does not")));
-  EXPECT_THAT(WrongPatterns("a 1 0 (x)\\1\n"), ElementsAre(HasSubstr("f:1:7 the pattern is dear")));
+  EXPECT_THAT(WrongPatterns("a 1 0 (x)\\1\n"),
+              ElementsAre(HasSubstr("f:1:7 the pattern is costly")));
   EXPECT_THAT(WrongPatterns("a\t1\t0\tx\n"), ElementsAre(HasSubstr("the priority is missing")));
   EXPECT_THAT(WrongPatterns("a 1 0\n"), ElementsAre(HasSubstr("the pattern is missing")));
   EXPECT_THAT(WrongPatterns("a 1 0 x$\n"),
