@@ -8,15 +8,11 @@ from pathlib import Path
 import pytest
 
 from harness import lines, zevctl
-from harness.helpers import private_copy
 from harness.isolation import mount_tmpfs, unmount
 from harness.logs import log_of, read
 from harness.waiting import free_port, wait_listening, wait_until
 
 pytestmark = pytest.mark.needs_namespace
-
-RULES = Path(__file__).parents[2] / "packaging/nftables/zevd-lines.nft"
-
 
 NOT_LOADED = "the packet filter inet zevd_lines is not loaded"
 
@@ -114,14 +110,12 @@ def may_connect(user: str) -> bool:
 
 def test_nobody_but_the_daemon_and_root_reaches_a_line(station, tmp_path):
     station.start()
-    with private_copy(Path("/etc/passwd"), tmp_path) as users:
-        with users.open("a", encoding="ascii") as entries:
-            entries.write("zevd:x:64999:65534::/:/bin/sh\n")
+    with lines.users(tmp_path):
         with lines.LineServer(lines.apply(station, cat='exec = "cat"'), {10001}):
             assert may_connect("nobody")
             assert NOT_LOADED in zevctl.run(station, "config", "check").stdout
             for _ in range(2):
-                subprocess.run(["nft", "-f", RULES], check=True)
+                lines.load_filter()
             assert not may_connect("nobody")
             assert NOT_LOADED not in zevctl.run(station, "config", "check").stdout
             assert may_connect("root")

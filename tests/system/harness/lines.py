@@ -1,15 +1,20 @@
 """Lines: the line server over the configuration that the client wrote."""
 
+import contextlib
+import os
+import pwd
 import shutil
 import subprocess
 from pathlib import Path
 
 from harness import zevctl
 from harness.closing import Closing
+from harness.helpers import private_copy
 from harness.station import Station
 from harness.waiting import LIMIT, wait_until
 
 ADDRESS = "127.65.0.1"
+RULES = Path(__file__).parents[3] / "packaging/nftables/zevd-lines.nft"
 
 
 def add_address() -> None:
@@ -18,6 +23,34 @@ def add_address() -> None:
     With 127.0.0.1 alone the C library says that there is no IPv4, and ser2net does not listen.
     """
     subprocess.run(["ip", "address", "add", f"{ADDRESS}/32", "dev", "lo"], check=True)
+
+
+@contextlib.contextmanager
+def users(scratch: Path):
+    """The users of the daemon and of the lines, each with a group, in the test's namespace only."""
+    with private_copy(Path("/etc/passwd"), scratch) as passwd, \
+            private_copy(Path("/etc/group"), scratch) as group:
+        for number, name in enumerate(("zevd", "zevd-lines"), 64998):
+            with passwd.open("a", encoding="ascii") as entries:
+                entries.write(f"{name}:x:{number}:{number}::/:/bin/sh\n")
+            with group.open("a", encoding="ascii") as entries:
+                entries.write(f"{name}:x:{number}:\n")
+        yield
+
+
+@contextlib.contextmanager
+def acting_as(user: str):
+    """Sockets that are made in the block are this user's, also after it."""
+    os.seteuid(pwd.getpwnam(user).pw_uid)
+    try:
+        yield
+    finally:
+        os.seteuid(0)
+
+
+def load_filter() -> None:
+    """Load the packet filter in front of the lines."""
+    subprocess.run(["nft", "-f", RULES], check=True)
 
 
 def listening() -> set[int]:
