@@ -106,7 +106,7 @@ Outcome Disable(CommandPort& port, const Target& target, const std::string& comm
 Outcome Enable(CommandPort& port, const Target& target, const std::string& command) {
   port.Do(command);
   if (AnyDisabled(target)) {
-    return {ExitStatus::kOk, "enabled; the daemon connects to it within a minute"};
+    return {ExitStatus::kOk, "enabled; the daemon connects to it at once"};
   }
   return {ExitStatus::kOk, "was enabled already: it is " + target.consoles.front().state_word};
 }

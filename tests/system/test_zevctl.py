@@ -379,7 +379,7 @@ def test_disable_and_enable(rack):
                what="the console to be closed")
     assert zevctl.succeed(rack, "disable", "web1") == "web1: was disabled already\n"
     assert zevctl.succeed(rack, "enable", "web1") == (
-        "web1: enabled; the daemon connects to it within a minute\n")
+        "web1: enabled; the daemon connects to it at once\n")
     rack.boxes["web1"].accept()
     wait_until(lambda: zevctl.data(rack, "list", "web1")[0]["state"] == "connected",
                what="the console to be connected again")
