@@ -20,7 +20,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kLimit{10};
-constexpr size_t kMostOutput = 256 * 1024;
+constexpr size_t kMostOutput = size_t{256} * 1024;
 
 /// What posix_spawn() does in the child before it starts the program.
 class ChildFiles {
@@ -52,6 +52,7 @@ std::vector<std::string> EnglishEnvironment() {
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
   for (std::string& text : texts) pointers.push_back(text.data());
   pointers.push_back(nullptr);
   return pointers;
