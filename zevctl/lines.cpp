@@ -1,10 +1,11 @@
 #include "lines.h"
 
 #include <array>
-#include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "line_words.h"
+#include "secret_file.h"
 
 namespace zevctl {
 
@@ -15,24 +16,16 @@ constexpr char kSshDirectory[] = "/var/lib/zevd-lines/.ssh";
 
 // ---- The password of an ipmi line ---------------------------------------------------------------
 
-struct Password {
-  std::string text;
-  std::string mistake;  // empty when there is none
-};
-
 // A comma would end the password for gensio, and nothing quotes one there.
-Password ReadPassword(const std::string& path) {
-  Password password;
+SecretLine ReadPassword(const std::string& path) {
+  SecretLine password;
   if (path.empty()) {
     password.mistake = "an ipmi line needs a password; name the file that holds it (secret_file)";
     return password;
   }
-  std::ifstream file(path);
-  std::getline(file, password.text);
-  if (!file && !file.eof()) {
-    password.mistake =
-        "the secret's file \"" + path + "\" cannot be read; make it readable for you";
-  } else if (password.text.empty()) {
+  password = ReadSecretLine(path);
+  if (!password.mistake.empty()) return password;
+  if (password.text.empty()) {
     password.mistake = "the secret's file \"" + path + "\" has no password in its first line";
   } else if (password.text.size() > kLongestIpmiPassword) {
     password.mistake = "the password in \"" + path + "\" is longer than the 20 bytes of IPMI";
@@ -112,7 +105,7 @@ std::string SshConnector(const Line& line) {
 
 std::string IpmiConnector(const Line& line) {
   const IpmiTarget target = ReadIpmiTarget(line.target).value();
-  const Password password = ReadPassword(line.secret_file);
+  const SecretLine password = ReadPassword(line.secret_file);
   if (!password.mistake.empty()) throw std::runtime_error(password.mistake);
   std::string connector = "ipmisol,lan";
   if (!target.user.empty()) connector += " -U " + QuotedWord(target.user);
@@ -169,6 +162,18 @@ std::string LinesYaml(const std::vector<Line>& lines) {
   std::string yaml = "%YAML 1.1\n# Written by \"zevctl config apply\", and written over.\n---\n";
   for (const Line& line : lines) yaml += Connection(line);
   return yaml;
+}
+
+LineBlocks BlocksOf(const std::string& yaml) {
+  LineBlocks blocks;
+  std::string* block = nullptr;
+  std::istringstream lines(yaml);
+  for (std::string line; std::getline(lines, line);) {
+    // A connection begins with its name, which ends with its port. No other line begins so.
+    if (line.starts_with("connection: &")) block = &blocks[line.substr(line.rfind('_') + 1)];
+    if (block != nullptr) *block += line + "\n";
+  }
+  return blocks;
 }
 
 std::string LineMistake(const Line& line) {

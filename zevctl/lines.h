@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -27,9 +28,13 @@ inline constexpr char kLinesAddress[] = "127.65.0.1";
 inline constexpr std::uint16_t kFirstLinePort = 10001;
 
 /// The text of config/lines.yaml: each of `lines` must be without mistakes. It holds the passwords
-/// of ipmi lines, so nobody but the daemon's group may read it.
+/// of ipmi lines, so nobody but the daemon's user may read it.
 /// @throws std::runtime_error when a password's file has become unreadable.
 std::string LinesYaml(const std::vector<Line>& lines);
+
+/// What lines.yaml says of each line, by its port.
+using LineBlocks = std::map<std::string, std::string>;
+LineBlocks BlocksOf(const std::string& yaml);
 
 /// What is wrong with a line and what mends it; empty when nothing is.
 std::string LineMistake(const Line& line);

@@ -53,7 +53,7 @@ def management_controller(directory: Path, port: int, serial: int):
 
 def test_serial_over_lan_is_a_console(station, tmp_path):
     lines.add_address()
-    secret = tmp_path / "secret"
+    secret = tmp_path / "bmc.secret"
     secret.write_text("secret\n", encoding="ascii")
     secret.chmod(0o600)
     port, serial = free_port(), FakeConsole("serial")

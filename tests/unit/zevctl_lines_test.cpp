@@ -20,7 +20,7 @@ using Words = std::vector<std::string>;
 class PasswordFile {
  public:
   explicit PasswordFile(const std::string& text) {
-    const int descriptor = mkstemp(name_.data());
+    const int descriptor = mkstemps(name_.data(), 7);
     EXPECT_GE(descriptor, 0);
     close(descriptor);
     std::ofstream(name_) << text;
@@ -32,7 +32,7 @@ class PasswordFile {
   const std::string& name() const { return name_; }
 
  private:
-  std::string name_ = testing::TempDir() + "zevctl_lines_XXXXXX";
+  std::string name_ = testing::TempDir() + "zevctl_lines_XXXXXX.secret";
 };
 
 std::string MistakeOf(LineKind kind, const std::string& target, const std::string& secret = "") {
@@ -184,6 +184,17 @@ TEST(LinesYaml, HoldsThePassword) {
   const PasswordFile file("p '\"\\*{w\nsecond\n");
   EXPECT_EQ(ConnectorOf(LineKind::kIpmi, "adm@bmc:6230", file.name()),
             R"('ipmisol,lan -U "adm" -P "p ''\"\\*{*w" -p 6230 bmc,115200')");
+}
+
+TEST(BlocksOf, FindsEachLineByItsPort) {
+  const Line first{"a_1", LineKind::kExec, "cat", "", 10001};
+  const Line second{"b", LineKind::kExec, "connection: &x_7", "", 10002};
+  const auto blocks = BlocksOf(LinesYaml({first, second}));
+  EXPECT_EQ(blocks.size(), 2U);
+  EXPECT_EQ(blocks.at("10001"), BlocksOf(LinesYaml({first})).at("10001"));
+  const Line other{"b", LineKind::kExec, "dd", "", 10002};
+  EXPECT_NE(blocks.at("10002"), BlocksOf(LinesYaml({other})).at("10002"));
+  EXPECT_TRUE(BlocksOf("").empty());
 }
 
 TEST(LinesYaml, ThrowsWhenThePasswordHasGone) {
