@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -14,6 +15,7 @@
 #include "config_apply.h"
 #include "config_diff.h"
 #include "config_file.h"
+#include "config_lines.h"
 #include "config_load.h"
 #include "config_readable.h"
 #include "config_zev.h"
@@ -67,22 +69,37 @@ Json FindingsAsJson(const Findings& findings) {
   return data;
 }
 
-ExitStatus Check(const Settings& settings, const ConfigOptions& options) {
-  Findings findings;
-  const LoadedConfig config = LoadConfig(RequestOf(settings, options), findings);
-  if (options.file.empty()) {
+StationConfig LoadForCheck(const ConfigRequest& request) {
+  StationConfig checked;
+  if (!request.file.empty()) {
+    checked.files.emplace_back();
+    checked.files.back().config = LoadConfig(request, checked.files.back().findings);
+    return checked;
+  }
+  checked = LoadStation(request);
+  for (auto& [config, findings] : checked.files) {
     CheckOwners(config, findings);
     CheckLines(config, Severity::kError, findings);
   }
+  return checked;
+}
+
+ExitStatus Check(const Settings& settings, const ConfigOptions& options) {
+  const StationConfig checked = LoadForCheck(RequestOf(settings, options));
+  Findings findings;
+  for (const CheckedConfig& file : checked.files) findings.Add(file.findings);
   if (settings.json) {
     PrintJson(FindingsAsJson(findings));
   } else {
     for (const Finding& finding : findings.Sorted()) {
       std::cout << Printable(finding.InWords()) << "\n";
     }
-    std::cout << Printable(config.file) << ": " << Count(config.consoles.size(), "console") << ", "
-              << Count(findings.errors(), "error") << "\n";
+    for (const auto& [config, own] : checked.files) {
+      std::cout << Printable(config.file) << ": " << Count(config.consoles.size(), "console")
+                << ", " << Count(own.errors(), "error") << "\n";
+    }
   }
+  if (!checked.note.empty()) Warn(checked.note);
   return findings.errors() == 0 ? ExitStatus::kOk : ExitStatus::kFailed;
 }
 
@@ -133,14 +150,6 @@ std::optional<size_t> Cost(const Change& change, const std::optional<UserCounts>
   return UsersLost({change}, *users);
 }
 
-std::string FieldsInWords(const Change& change) {
-  std::string text;
-  for (const FieldChange& field : change.fields) {
-    text += (text.empty() ? "" : ", ") + InWords(field);
-  }
-  return text;
-}
-
 Json ChangeAsJson(const Change& change, const std::optional<UserCounts>& users) {
   Json fields = Json::array();
   for (const FieldChange& field : change.fields) {
@@ -149,11 +158,9 @@ Json ChangeAsJson(const Change& change, const std::optional<UserCounts>& users) 
                       {"after", Utf8(field.after)}});
   }
   const auto cost = Cost(change, users);
-  return {{"console", Utf8(change.name)},
-          {"change", Word(change.kind)},
-          {"address", Utf8(change.address)},
-          {"fields", fields},
-          {"users_lost", cost ? Json(*cost) : Json()}};
+  return {{"console", Utf8(change.name)},        {"change", Word(change.kind)},
+          {"address", Utf8(change.address)},     {"fields", fields},
+          {"line_changed", change.line_changed}, {"users_lost", cost ? Json(*cost) : Json()}};
 }
 
 void PrintChanges(const std::vector<Change>& changes, const std::optional<UserCounts>& users,
@@ -170,7 +177,7 @@ void PrintChanges(const std::vector<Change>& changes, const std::optional<UserCo
                {Printable(change.name)},
                {Printable(change.address)},
                {cost ? std::to_string(*cost) : "?"},
-               {Printable(FieldsInWords(change))}});
+               {Printable(InWords(change))}});
   }
   if (changes.empty()) {
     std::cout << "no console comes, goes or changes\n";
@@ -179,10 +186,20 @@ void PrintChanges(const std::vector<Change>& changes, const std::optional<UserCo
   }
 }
 
+// Nothing when the present lines cannot be read; others than the daemon's user and root may not.
+std::set<std::string> ChangedLinesIfKnown(const LoadedConfig& config) {
+  try {
+    return ChangedLines(ConfigDirectory(kStationRoot + "/config"), config.consoles);
+  } catch (const Failure& failure) {
+    Warn(std::string("the lines are not compared: ") + failure.what());
+    return {};
+  }
+}
+
 ExitStatus Diff(const Settings& settings, const ConfigOptions& /*options*/) {
   const LoadedConfig config = LoadFaultless(settings);
   PresentZevConf();  // says what is wrong when it cannot be read
-  const auto changes = Compare(PresentConsoles(), config.consoles);
+  const auto changes = Compare(PresentConsoles(), config.consoles, ChangedLinesIfKnown(config));
   PrintChanges(changes, UsersNow(settings), settings.json);
   return ExitStatus::kOk;
 }
@@ -238,14 +255,40 @@ void WriteNewFile(const std::string& path, const std::string& text) {
                                          "; name a file that is not there yet");
 }
 
+// The package brings a consoles.toml without consoles, which is kept beside the new one.
+bool ReplaceSample(const std::string& path, const std::string& text) {
+  const std::string name = path.substr(path.rfind('/') + 1);
+  const std::string directory_path = kStationRoot + "/config";
+  std::error_code ignored;
+  const std::string parent = std::filesystem::absolute(path, ignored).parent_path();
+  if (name != "consoles.toml" || !std::filesystem::equivalent(parent, directory_path, ignored)) {
+    return false;
+  }
+  ConfigDirectory directory(directory_path);
+  directory.Lock();
+  const ReadFile present = ReadSafely(directory_path, name);
+  Findings findings;
+  if (present.kind != FileKind::kRegular ||
+      !ReadReadable({{path, present.text}}, findings).empty() || findings.errors() != 0) {
+    return false;
+  }
+  StagedFile staged(directory, name, text, present.mode & (S_IRWXU | S_IRGRP | S_IROTH));
+  const std::string kept = name + ".orig";
+  if (linkat(directory.fd(), name.c_str(), directory.fd(), kept.c_str(), 0) != 0) {
+    throw Failure(ExitStatus::kFailed, "cannot keep " + path + " as " + kept + ": " +
+                                           strerror(errno) + "; move one of them away");
+  }
+  staged.Commit();
+  Warn(path + " had no consoles, and has been replaced; what stood there is kept in " + kept);
+  return true;
+}
+
 ExitStatus Import(const Settings& settings, const ConfigOptions& options) {
   const std::string file = options.file.empty() ? ZevConfPath() : options.file;
-  const ReadFile source = ReadWhole(file);
+  const ReadFile source = ReadConfigFile(file);
   if (source.kind != FileKind::kRegular) {
     throw Failure(ExitStatus::kFailed,
-                  "cannot read " + file + ": " +
-                      (source.reason.empty() ? "no plain file" : source.reason) +
-                      "; name a zev.conf");
+                  "cannot read " + file + ": " + source.reason + "; name a zev.conf");
   }
   Findings findings;
   const auto consoles = ReadZevConf(source.text, file, findings);
@@ -257,7 +300,7 @@ ExitStatus Import(const Settings& settings, const ConfigOptions& options) {
   const std::string text = WriteReadable(consoles);
   if (options.output.empty()) {
     std::cout << text;
-  } else {
+  } else if (!ReplaceSample(options.output, text)) {
     WriteNewFile(options.output, text);
   }
   for (const ConfigConsole& console : consoles) {

@@ -133,7 +133,7 @@ ReloadState WaitForReload(CommandPort& port, uint64_t before,
 // A reload without need would undo what "disable" and "enable" have set.
 // Both times are whole seconds; of a file and a reload in the same one, the file may be the newer.
 bool HasRead(const RunningDaemon& daemon, const std::vector<ConfigConsole>& consoles) {
-  const ReadFile present = ReadWhole(ZevConfPath());
+  const ReadFile present = ReadConfigFile(ZevConfPath());
   return present.changed <= daemon.before.latest && HasAll(*daemon.port, consoles);
 }
 
@@ -160,7 +160,8 @@ ApplyResult Apply(const Settings& settings, const ConfigDirectory& directory,
   if (!options.force) CheckReplacing(present, config);
   ApplyResult result;
   result.consoles = config.consoles.size();
-  result.changes = Compare(PresentConsoles(), config.consoles);
+  result.changes =
+      Compare(PresentConsoles(), config.consoles, ChangedLines(directory, config.consoles));
   Credentials credentials(UserName(settings));
   const auto daemon = FindDaemon(settings, credentials);
   result.daemon_runs = daemon.has_value();

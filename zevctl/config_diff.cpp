@@ -37,7 +37,8 @@ bool IsSwitchedOff(const ConfigConsole& before, const ConfigConsole& after) {
 }  // namespace
 
 std::vector<Change> Compare(const std::vector<ConfigConsole>& before,
-                            const std::vector<ConfigConsole>& after) {
+                            const std::vector<ConfigConsole>& after,
+                            const std::set<std::string>& lines) {
   const ByAddress old = Indexed(before);
   const ByAddress now = Indexed(after);
   std::vector<Change> gone;
@@ -48,18 +49,20 @@ std::vector<Change> Compare(const std::vector<ConfigConsole>& before,
     if (old.at(address) != &console) continue;
     const auto found = now.find(address);
     if (found == now.end()) {
-      gone.push_back({ChangeKind::kGoes, console.name(), address, {}, true});
+      gone.push_back({ChangeKind::kGoes, console.name(), address, {}, true, false});
       continue;
     }
     auto fields = ChangedFields(console, *found->second);
-    if (fields.empty()) continue;
+    const bool line =
+        console.Text(kFieldAddress) == kLinesAddress && lines.contains(console.Text(kFieldPort));
+    if (fields.empty() && !line) continue;
     changed.push_back({ChangeKind::kChanges, console.name(), address, std::move(fields),
-                       IsSwitchedOff(console, *found->second)});
+                       line || IsSwitchedOff(console, *found->second), line});
   }
   for (const ConfigConsole& console : after) {
     const std::string address = AddressOf(console);
     if (old.contains(address) || now.at(address) != &console) continue;
-    come.push_back({ChangeKind::kComes, console.name(), address, {}, false});
+    come.push_back({ChangeKind::kComes, console.name(), address, {}, false, false});
   }
   gone.insert(gone.end(), changed.begin(), changed.end());
   gone.insert(gone.end(), come.begin(), come.end());
@@ -69,6 +72,15 @@ std::vector<Change> Compare(const std::vector<ConfigConsole>& before,
 std::string InWords(const FieldChange& change) {
   return std::string(kConfigFieldTitles[change.field]) + " " + change.before + " -> " +
          change.after;
+}
+
+std::string InWords(const Change& change) {
+  std::string text;
+  for (const FieldChange& field : change.fields) {
+    text += (text.empty() ? "" : ", ") + InWords(field);
+  }
+  if (change.line_changed) text += text.empty() ? "line: changed" : ", line: changed";
+  return text;
 }
 
 }  // namespace zevctl

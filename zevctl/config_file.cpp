@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "exit_status.h"
+#include "safe_file.h"
 
 namespace zevctl {
 
@@ -35,6 +36,15 @@ bool ReadAll(int fd, std::string& text) {
   }
 }
 
+void Take(const Descriptor& opened, const struct stat& info, ReadFile& file) {
+  file.owner = info.st_uid;
+  file.mode = info.st_mode;
+  file.changed = info.st_mtime;
+  const bool read = ReadAll(opened.get(), file.text);
+  file.kind = read ? FileKind::kRegular : FileKind::kFailed;
+  file.reason = read ? "" : strerror(errno);
+}
+
 bool WriteAll(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t length = write(fd, text.data(), text.size());
@@ -55,14 +65,23 @@ ReadFile ReadWhole(const std::string& path) {
     if (errno == ENOENT) file.kind = FileKind::kMissing;
     return file;
   }
-  file.owner = info.st_uid;
-  file.mode = info.st_mode;
-  file.changed = info.st_mtime;
   file.kind = FileKind::kOther;
-  if (!S_ISREG(info.st_mode)) return file;
-  const bool read = ReadAll(opened.get(), file.text);
-  file.kind = read ? FileKind::kRegular : FileKind::kFailed;
-  if (!read) file.reason = strerror(errno);
+  file.reason = "it is no plain file";
+  if (S_ISREG(info.st_mode)) Take(opened, info, file);
+  return file;
+}
+
+ReadFile ReadSafely(const std::string& directory, const std::string& name) {
+  ReadFile file;
+  const SafeFile opened = OpenSafely(directory, name);
+  file.reason = opened.reason;
+  if (opened.opened) {
+    Take(opened.opened, opened.info, file);
+  } else if (opened.error == 0) {
+    file.kind = FileKind::kUnsafe;
+  } else if (opened.error == ENOENT) {
+    file.kind = FileKind::kMissing;
+  }
   return file;
 }
 

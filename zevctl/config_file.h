@@ -16,13 +16,14 @@ enum class FileKind {
   kRegular,
   kMissing,
   kOther,   ///< a directory, a pipe, a device
+  kUnsafe,  ///< what stands there may be somebody else's file
   kFailed,  ///< it cannot be opened or read
 };
 
 struct ReadFile {
   FileKind kind = FileKind::kFailed;
   std::string text;    ///< of a regular file
-  std::string reason;  ///< why it cannot be opened or read
+  std::string reason;  ///< why it cannot or must not be read, if it is there
   uid_t owner = 0;
   mode_t mode = 0;
   time_t changed = 0;
@@ -30,6 +31,10 @@ struct ReadFile {
 
 /// The content of a file, if it is a regular one. Links are followed.
 ReadFile ReadWhole(const std::string& path);
+
+/// The content of a file below a directory whose owner the reader does not trust. A link, another
+/// name of a file and what is no regular file are kUnsafe.
+ReadFile ReadSafely(const std::string& directory, const std::string& name);
 
 /// The files of a directory that end in `suffix` and do not begin with a dot, sorted. None when
 /// there is no such directory; throws Failure(kFailed) when it cannot be read.

@@ -30,6 +30,11 @@ void Findings::Add(const Finding& finding) {
   if (finding.severity == Severity::kError) ++errors_;
 }
 
+void Findings::Add(const Findings& others) {
+  list_.insert(list_.end(), others.list_.begin(), others.list_.end());
+  errors_ += others.errors_;
+}
+
 void Findings::Error(const Place& place, const std::string& what, const std::string& mend) {
   Add({place, Severity::kError, what, mend});
 }

@@ -37,6 +37,8 @@ class Findings {
   void Error(const Place& place, const std::string& what, const std::string& mend);
   void Warning(const Place& place, const std::string& what, const std::string& mend);
 
+  void Add(const Findings& others);
+
   size_t errors() const { return errors_; }
   bool empty() const { return list_.empty(); }
 

@@ -25,8 +25,7 @@ constexpr char kUnit[] = "zevd-lines.service";
 constexpr char kSystemctl[] = "/usr/bin/systemctl";
 constexpr char kSystemdRuns[] = "/run/systemd/system";
 constexpr char kLinesUser[] = "zevd-lines";
-constexpr mode_t kMode = 0640;
-constexpr std::chrono::seconds kStartLimit{5};
+constexpr mode_t kMode = 0600;  // passwords are in it
 constexpr std::chrono::milliseconds kInterval{50};
 
 // The status with which it ended; not 0 when it could not be run.
@@ -74,8 +73,14 @@ const Line* FirstDead(const std::vector<Line>& lines, uid_t owner) {
   return dead == lines.end() ? nullptr : &*dead;
 }
 
-const Line* WaitForAll(const std::vector<Line>& lines, uid_t owner) {
-  const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
+size_t CountDead(const std::vector<Line>& lines, uid_t owner) {
+  return static_cast<size_t>(std::count_if(
+      lines.begin(), lines.end(), [&](const Line& line) { return !Listens(line, owner); }));
+}
+
+const Line* WaitForAll(const std::vector<Line>& lines, uid_t owner,
+                       std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   for (;;) {
     const Line* dead = FirstDead(lines, owner);
     if (dead == nullptr || std::chrono::steady_clock::now() > deadline) return dead;
@@ -97,15 +102,56 @@ std::vector<Line> LinesOf(const std::vector<ConfigConsole>& consoles) {
   return lines;
 }
 
+// Nobody but apply writes the file, and it gives it to the directory's owner. Another owner's
+// content must not become the daemon's user's when it is put back.
+ReadFile PresentLines(const ConfigDirectory& directory) {
+  ReadFile file = ReadSafely(directory.path(), kFile);
+  if (file.kind == FileKind::kMissing) return file;
+  if (file.kind == FileKind::kRegular && file.owner != directory.owner()) {
+    file.reason = "it belongs to user " + std::to_string(file.owner);
+  }
+  if (file.reason.empty()) return file;
+  const std::string mend = file.kind == FileKind::kFailed
+                               ? "run this as root"
+                               : "remove it, and the next apply makes it anew";
+  throw Failure(ExitStatus::kFailed,
+                "cannot use " + LinesPath() + ": " + file.reason + "; " + mend);
+}
+
+std::set<std::string> ChangedLines(const ConfigDirectory& directory,
+                                   const std::vector<ConfigConsole>& consoles) {
+  const LineBlocks before = BlocksOf(PresentLines(directory).text);
+  const LineBlocks after = BlocksOf(LinesYaml(LinesOf(consoles)));
+  std::set<std::string> changed;
+  for (const auto& [port, block] : before) {
+    const auto now = after.find(port);
+    if (now == after.end() || now->second != block) changed.insert(port);
+  }
+  return changed;
+}
+
+// Each new line is a process that the system manager starts, a few at a time.
+std::chrono::milliseconds StartLimit(size_t lines) {
+  constexpr std::chrono::milliseconds kAtLeast{5000};
+  constexpr std::chrono::milliseconds kEach{200};
+  return kAtLeast + kEach * static_cast<int>(lines);
+}
+
 LinesChange::LinesChange(const ConfigDirectory& directory,
                          const std::vector<ConfigConsole>& consoles)
     : directory_(directory), lines_(LinesOf(consoles)) {
-  const ReadFile present = ReadWhole(LinesPath());
+  const ReadFile present = PresentLines(directory);
   had_file_ = present.kind == FileKind::kRegular;
   before_ = present.text;
   if (!had_file_ && lines_.empty()) return;
   const std::string text = LinesYaml(lines_);
-  if (!had_file_ || text != before_) staged_.emplace(directory, kFile, text, kMode);
+  const LineBlocks old = BlocksOf(before_);
+  for (const auto& [port, block] : BlocksOf(text)) {
+    const auto known = old.find(port);
+    if (known == old.end() || known->second != block) ++new_lines_;
+  }
+  const bool as_wanted = (present.mode & ALLPERMS) == kMode && text == before_;
+  if (!had_file_ || !as_wanted) staged_.emplace(directory, kFile, text, kMode);
 }
 
 LinesChange::~LinesChange() {
@@ -124,6 +170,7 @@ bool LinesChange::RunsServices() const {
 void LinesChange::Start() {
   const uid_t owner = directory_.owner();
   if (!staged_ && FirstDead(lines_, owner) == nullptr) return;
+  const auto limit = StartLimit(std::max(new_lines_, CountDead(lines_, owner)));
   if (staged_) {
     staged_->Commit();
     started_ = true;
@@ -137,7 +184,7 @@ void LinesChange::Start() {
   if (RunSystemctl(lines_.empty() ? "stop" : "reload-or-restart") != 0) {
     throw Failure(ExitStatus::kFailed, AsBefore("zevd-lines.service cannot be started"));
   }
-  const Line* dead = WaitForAll(lines_, owner);
+  const Line* dead = WaitForAll(lines_, owner, limit);
   if (dead == nullptr) return;
   throw Failure(ExitStatus::kFailed,
                 AsBefore("the line of \"" + dead->name + "\" does not listen on port " +

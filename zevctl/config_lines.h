@@ -2,7 +2,9 @@
 // start.
 #pragma once
 
+#include <chrono>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -40,11 +42,23 @@ class LinesChange {
   std::string before_;  // the old file's content
   bool had_file_ = false;
   std::optional<StagedFile> staged_;  // nothing when the content is the same
+  size_t new_lines_ = 0;              // those that are started, be it again
   bool started_ = false;
   std::string advice_;
 };
 
 /// The lines of the consoles.
 std::vector<Line> LinesOf(const std::vector<ConfigConsole>& consoles);
+
+/// The present lines.yaml, which may be missing. Throws Failure(kFailed) when it cannot be used.
+ReadFile PresentLines(const ConfigDirectory& directory);
+
+/// The ports of present lines that get something else behind them, or are gone: their users are
+/// cut off. Throws Failure(kFailed) when the present file cannot be used.
+std::set<std::string> ChangedLines(const ConfigDirectory& directory,
+                                   const std::vector<ConfigConsole>& consoles);
+
+/// How long so many lines may take to start.
+std::chrono::milliseconds StartLimit(size_t lines);
 
 }  // namespace zevctl

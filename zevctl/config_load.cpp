@@ -32,11 +32,10 @@ std::string DirectoryOf(const std::string& file) {
 }
 
 std::string TextOf(const std::string& path) {
-  ReadFile file = ReadWhole(path);
+  ReadFile file = ReadConfigFile(path);
   if (file.kind == FileKind::kRegular) return std::move(file.text);
-  const std::string reason = file.kind == FileKind::kOther ? "it is no plain file" : file.reason;
-  throw Failure(ExitStatus::kFailed,
-                "cannot read " + path + ": " + reason + "; name another file, or mend this one");
+  throw Failure(ExitStatus::kFailed, "cannot read " + path + ": " + file.reason +
+                                         "; name another file, or mend this one");
 }
 
 std::vector<std::string> ReadableFiles(const std::string& main_file) {
@@ -55,10 +54,25 @@ std::vector<ConfigConsole> LoadReadable(const std::string& main_file, Findings& 
   return consoles;
 }
 
-// A station that has no readable file yet is checked as it is.
-std::string StationsFile() {
-  const bool has_readable = access(ReadablePath().c_str(), F_OK) == 0;
-  return has_readable || access(ZevConfPath().c_str(), F_OK) != 0 ? ReadablePath() : ZevConfPath();
+bool IsThere(const std::string& path) {
+  struct stat info {};
+  return lstat(path.c_str(), &info) == 0;
+}
+
+// Mistakes in the readable files themselves may have cost consoles.
+bool HasNoConsoles(const CheckedConfig& readable) {
+  const auto findings = readable.findings.Sorted();
+  return readable.config.consoles.empty() &&
+         std::none_of(findings.begin(), findings.end(),
+                      [](const Finding& finding) { return finding.place.file.ends_with(".toml"); });
+}
+
+CheckedConfig CheckFile(ConfigRequest request, const std::string& file) {
+  CheckedConfig checked;
+  request.file = file;
+  request.format.reset();
+  checked.config = LoadConfig(request, checked.findings);
+  return checked;
 }
 
 ConfigFormat FormatOf(const std::string& file) {
@@ -69,10 +83,14 @@ ConfigFormat FormatOf(const std::string& file) {
                                         "--format toml or --format conf");
 }
 
+bool IsOfOthers(const ReadFile& file, uid_t directory_owner) {
+  return file.owner != 0 && file.owner != directory_owner && file.owner != geteuid();
+}
+
 void CheckOwner(const std::string& path, uid_t directory_owner, Findings& findings) {
-  const ReadFile file = ReadWhole(path);
+  const ReadFile file = ReadConfigFile(path);
   if (file.kind != FileKind::kRegular) return;
-  if (file.owner != 0 && file.owner != directory_owner && file.owner != geteuid()) {
+  if (IsOfOthers(file, directory_owner)) {
     findings.Error({path}, "the file belongs to user " + std::to_string(file.owner),
                    "give it to the owner of its directory, who alone may say what is run");
   }
@@ -95,9 +113,15 @@ std::string LinesPath() {
   return ConfigPath("lines.yaml");
 }
 
+ReadFile ReadConfigFile(const std::string& path) {
+  const std::string directory = ConfigPath("");
+  if (!path.starts_with(directory)) return ReadWhole(path);
+  return ReadSafely(directory, path.substr(directory.size()));
+}
+
 LoadedConfig LoadConfig(const ConfigRequest& request, Findings& findings) {
   LoadedConfig config;
-  config.file = request.file.empty() ? StationsFile() : request.file;
+  config.file = request.file;
   config.format = request.format ? *request.format : FormatOf(config.file);
   const bool readable = config.format == ConfigFormat::kReadable;
   config.consoles = readable ? LoadReadable(config.file, findings)
@@ -109,6 +133,29 @@ LoadedConfig LoadConfig(const ConfigRequest& request, Findings& findings) {
       request.events_dir.empty() ? kStationRoot + "/events" : request.events_dir, findings);
   CheckConsoles(config.consoles, settings, findings);
   return config;
+}
+
+StationConfig LoadStation(const ConfigRequest& request) {
+  StationConfig station;
+  const ZevConfOrigin origin = OriginOf(PresentZevConf());
+  const bool is_others = origin == ZevConfOrigin::kForeign || origin == ZevConfOrigin::kEdited;
+  if (!IsThere(ReadablePath()) && IsThere(ZevConfPath())) {
+    station.files.push_back(CheckFile(request, ZevConfPath()));
+    return station;
+  }
+  station.files.push_back(CheckFile(request, ReadablePath()));
+  if (!is_others) return station;
+  const bool has_none = HasNoConsoles(station.files.front());
+  if (has_none) station.files.clear();
+  station.files.push_back(CheckFile(request, ZevConfPath()));
+  station.note = ZevConfPath() + (origin == ZevConfOrigin::kForeign
+                                      ? " counts, which was not made by apply"
+                                      : " counts, which has been edited since the last apply");
+  station.note += has_none ? ", as consoles.toml has no consoles; make one from it with "
+                             "\"zevctl config import\""
+                           : "; consoles.toml takes its place only with "
+                             "\"zevctl config apply --force\"";
+  return station;
 }
 
 void CheckOwners(const LoadedConfig& config, Findings& findings) {
@@ -153,12 +200,20 @@ void CheckLines(const LoadedConfig& config, Severity severity, Findings& finding
 }
 
 std::string PresentZevConf() {
-  const ReadFile file = ReadWhole(ZevConfPath());
-  return file.kind == FileKind::kMissing ? "" : TextOf(ZevConfPath());
+  const ReadFile file = ReadConfigFile(ZevConfPath());
+  if (file.kind == FileKind::kMissing) return "";
+  struct stat directory {};
+  if (file.kind == FileKind::kRegular && stat(ConfigPath("").c_str(), &directory) == 0 &&
+      IsOfOthers(file, directory.st_uid)) {
+    throw Failure(ExitStatus::kFailed, ZevConfPath() + " belongs to user " +
+                                           std::to_string(file.owner) +
+                                           "; give it to the owner of its directory");
+  }
+  return TextOf(ZevConfPath());
 }
 
 std::vector<ConfigConsole> PresentConsoles() {
-  const ReadFile file = ReadWhole(ZevConfPath());
+  const ReadFile file = ReadConfigFile(ZevConfPath());
   Findings ignored;
   return ReadZevConf(file.text, ZevConfPath(), ignored);
 }

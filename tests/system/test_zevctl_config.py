@@ -155,6 +155,73 @@ def test_what_is_no_file_is_refused_at_once(station, make):
                   "file, or mend this one", "config", "check")
 
 
+@pytest.mark.parametrize("make, reason", [(os.symlink, "it is a link"),
+                                          (os.link, "it has more than one name")])
+@pytest.mark.parametrize("name", ["consoles.toml", "consoles.d/a.toml", "zev.conf"])
+def test_other_names_of_a_file_are_refused(station, name, make, reason):
+    (station.config / "consoles.d").mkdir()
+    (station.config / "consoles.toml").write_text('[[console]]\nname = "a"\ntcp = "192.0.2.1"\n')
+    path = station.config / name
+    path.unlink(missing_ok=True)
+    (station.root / "far").write_text("far = away\n")
+    make(station.root / "far", path)
+    for command in ("check", "diff"):
+        zevctl.refuse(None, zevctl.FAILED, f"cannot read {path}: {reason}; name another file, or "
+                      "mend this one", "config", command)
+
+
+def test_included_files_behind_a_link_are_refused(station, tmp_path):
+    (tmp_path / "a.toml").write_text("far = away\n")
+    (station.config / "consoles.d").symlink_to(tmp_path)
+    (station.config / "consoles.toml").write_text("")
+    zevctl.refuse(None, zevctl.FAILED, f"cannot read {station.config}/consoles.d/a.toml: Not a "
+                  "directory; name another file, or mend this one", "config", "check")
+
+
+def test_a_zev_conf_of_somebody_else_is_refused(station):
+    os.chown(station.config_file, 77, 77)
+    (station.config / "consoles.toml").write_text('[[console]]\nname = "a"\ntcp = "192.0.2.1"\n')
+    zevctl.refuse(None, zevctl.FAILED, f"{station.config_file} belongs to user 77; give it to the "
+                  "owner of its directory", "config", "check")
+
+
+# Which of the station's files count
+
+
+def test_an_empty_sample_does_not_hide_the_zev_conf_that_counts(station):
+    station.write_config(GOOD.replace(" 2001 ", " x "))
+    (station.config / "consoles.toml").write_text("# the package's\n[defaults]\nlogin = true\n")
+    done = zevctl.run(None, "config", "check")
+    assert done.returncode == zevctl.FAILED
+    assert f'{station.config_file}:1:15: error: the console port "x" is no port' in done.stdout
+    assert done.stdout.endswith(f"\n{station.config_file}: 1 console, 1 error\n")
+    assert done.stderr == (
+        f"zevctl: {station.config_file} counts, which was not made by apply, as consoles.toml has "
+        'no consoles; make one from it with "zevctl config import"\n')
+
+
+@pytest.mark.parametrize("applied, how", [
+    (False, "was not made by apply"), (True, "has been edited since the last apply")])
+def test_of_two_files_with_consoles_both_are_checked(station, applied, how):
+    path = station.config / "consoles.toml"
+    path.write_text('[[console]]\nname = "a"\ntcp = "192.0.2.1"\n')
+    if applied:
+        zevctl.succeed(None, "config", "apply")
+        assert zevctl.succeed(None, "config", "check") == f"{path}: 1 console, 0 errors\n"
+    station.config_file.write_text(station.config_file.read_text() + GOOD.replace(" 23 ", " y "))
+    path.write_text('[[console]]\nname = "a"\ntcp = "192.0.2.1:x"\n')
+    done = zevctl.run(None, "config", "check")
+    assert done.returncode == zevctl.FAILED
+    assert f'{path}:3:7: error: the console port "x" is no port' in done.stdout
+    assert 'error: the management port "y" is no port' in done.stdout
+    consoles = "2 consoles" if applied else "1 console"
+    assert done.stdout.endswith(f"\n{path}: 1 console, 1 error\n"
+                                f"{station.config_file}: {consoles}, 1 error\n")
+    assert done.stderr == (
+        f"zevctl: {station.config_file} counts, which {how}; consoles.toml takes its place only "
+        'with "zevctl config apply --force"\n')
+
+
 # diff
 
 
@@ -217,10 +284,40 @@ def test_import_and_apply_change_nothing(station):
 def test_import_never_writes_over_a_file(station):
     station.write_config(GOOD)
     path = station.config / "consoles.toml"
-    path.write_text("# mine\n")
+    mine = '[[console]]\nname = "mine"\ntcp = "192.0.2.1"\n'
+    path.write_text(mine)
     zevctl.refuse(None, zevctl.FAILED, f"cannot write {path}: File exists; name a file that is not "
                   "there yet", "config", "import", "--output", str(path))
-    assert path.read_text() == "# mine\n"
+    assert path.read_text() == mine
+    path.write_text("half [")
+    zevctl.refuse(None, zevctl.FAILED, f"cannot write {path}: File exists; name a file that is not "
+                  "there yet", "config", "import", "--output", str(path))
+
+
+def test_import_replaces_a_file_without_consoles_and_keeps_it(station):
+    station.write_config(GOOD)
+    os.chown(station.config, 7, 8)
+    path, kept = station.config / "consoles.toml", station.config / "consoles.toml.orig"
+    path.write_text("# the package's\n")
+    path.chmod(0o640)
+    done = zevctl.run(None, "config", "import", "--output", str(path))
+    assert (done.returncode, done.stderr) == (zevctl.OK, f"zevctl: {path} had no consoles, and has "
+                                              "been replaced; what stood there is kept in "
+                                              "consoles.toml.orig\n")
+    assert kept.read_text() == "# the package's\n"
+    assert '[[console]]\nname = "box"\n' in path.read_text()
+    info = path.stat()
+    assert (info.st_uid, info.st_gid, info.st_mode & 0o777) == (7, 8, 0o640)
+
+
+def test_import_never_writes_over_what_was_kept(station):
+    station.write_config(GOOD)
+    path, kept = station.config / "consoles.toml", station.config / "consoles.toml.orig"
+    path.write_text("# new\n")
+    kept.write_text("# old\n")
+    zevctl.refuse(None, zevctl.FAILED, f"cannot keep {path} as consoles.toml.orig: File exists; "
+                  "move one of them away", "config", "import", "--output", str(path))
+    assert (path.read_text(), kept.read_text()) == ("# new\n", "# old\n")
 
 
 def test_import_refuses_lines_that_the_daemon_leaves_out(station):

@@ -4,6 +4,7 @@
 
 #include "config_check.h"
 #include "config_diff.h"
+#include "config_lines.h"
 #include "config_patterns.h"
 #include "config_process.h"
 #include "config_readable.h"
@@ -166,6 +167,23 @@ TEST(ConfigDiffTest, WhoeverGoesOrIsDisabledCostsUsers) {
   EXPECT_TRUE(changes[0].kind == ChangeKind::kGoes && changes[0].costs_users);
   EXPECT_TRUE(changes[1].kind == ChangeKind::kChanges && changes[1].costs_users);
   EXPECT_TRUE(changes[2].kind == ChangeKind::kComes && !changes[2].costs_users);
+}
+
+TEST(ConfigDiffTest, ALineThatChangesCostsUsers) {
+  Findings findings;
+  const std::string line = "a 127.65.0.1 10001 0 0 A p \"o\" 1 1 1 1 \"\" \n";
+  const std::string other = "b 192.0.2.1 10001 0 0 A p \"o\" 1 1 1 1 \"\" \n";
+  const auto consoles = ReadZevConf(line + other, "f", findings);
+  const auto changes = Compare(consoles, consoles, {"10001"});
+  ASSERT_THAT(changes, SizeIs(1));
+  EXPECT_EQ(changes.front().name, "a");
+  EXPECT_TRUE(changes.front().costs_users);
+  EXPECT_EQ(InWords(changes.front()), "line: changed");
+}
+
+TEST(LinesChangeTest, MoreLinesMayTakeLonger) {
+  EXPECT_EQ(StartLimit(0), std::chrono::seconds(5));
+  EXPECT_EQ(StartLimit(500), std::chrono::seconds(105));
 }
 
 TEST(ConfigDiffTest, WhatIsTheSameDoesNotShow) {
