@@ -130,6 +130,19 @@ ReloadState WaitForReload(CommandPort& port, uint64_t before,
   }
 }
 
+// The daemon has met the port of a line that was started again while nobody listened there, and
+// would try it again after a minute. What it does not want to try now, it refuses: no harm.
+void ReconnectLines(CommandPort& port, const std::vector<Change>& changes) {
+  for (const Change& change : changes) {
+    if (!change.line_changed) continue;
+    try {
+      port.Do("reconnect " + change.name);
+    } catch (const CommandError&) {
+      continue;
+    }
+  }
+}
+
 // A reload without need would undo what "disable" and "enable" have set.
 // Both times are whole seconds; of a file and a reload in the same one, the file may be the newer.
 bool HasRead(const RunningDaemon& daemon, const std::vector<ConfigConsole>& consoles) {
@@ -177,10 +190,13 @@ ApplyResult Apply(const Settings& settings, const ConfigDirectory& directory,
   if (!same) staged.Commit();
   lines.Keep();
   result.advice = lines.advice();
-  if (!daemon || (same && HasRead(*daemon, config.consoles))) return result;
-  daemon->process.Reload();
-  result.reloaded = true;
-  result.reload = WaitForReload(*daemon->port, daemon->before.reloads, config.consoles).reloads;
+  if (!daemon) return result;
+  if (!same || !HasRead(*daemon, config.consoles)) {
+    daemon->process.Reload();
+    result.reloaded = true;
+    result.reload = WaitForReload(*daemon->port, daemon->before.reloads, config.consoles).reloads;
+  }
+  ReconnectLines(*daemon->port, result.changes);
   return result;
 }
 

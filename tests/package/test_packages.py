@@ -3,6 +3,7 @@
 import os
 import re
 import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -71,7 +72,7 @@ def test_units_are_sound(tree, tmp_path):
     units = tmp_path / "units"
     units.mkdir()
     programs = re.compile(r"(?<==)(\+?)(/usr/(?:bin|libexec)/zev)")
-    for unit in (tree / "lib/systemd/system").iterdir():
+    for unit in filter(Path.is_file, (tree / "lib/systemd/system").iterdir()):
         (units / unit.name).write_text(programs.sub(rf"\1{tree}\2", unit.read_text()))
     names = [unit.name.replace("@.", "@1.") for unit in units.iterdir()]
     assert "zevd.service" in names

@@ -357,7 +357,7 @@ def test_another_log_directory_can_be_given(station, tmp_path):
 def test_the_units_are_valid(unit, tmp_path):
     for name in ("zevd-logs.service", "zevd-logs.timer"):
         text = (settings.REPOSITORY / "packaging/systemd" / name).read_text()
-        (tmp_path / name).write_text(text.replace("/usr/libexec/zevd-logs", str(PROGRAM)))
+        (tmp_path / name).write_text(text.replace("/usr/libexec/zevd/zevd-logs", str(PROGRAM)))
     done = subprocess.run(["systemd-analyze", "verify", "--man=no", tmp_path / unit],
                           capture_output=True, text=True, check=False)
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
