@@ -1,5 +1,6 @@
 """A station from the packages, under systemd and without root: people, consoles, the service."""
 
+import contextlib
 import errno
 import shutil
 import socket
@@ -59,6 +60,23 @@ def test_passwords_are_checked_by_a_service_of_their_own(station):
     refused = machine.run("setpriv", "--reuid=nobody", "--clear-groups", "test", "-w",
                           "/run/zevd/password.sock", check=False)
     assert refused.returncode == 1
+
+
+def test_at_most_eight_passwords_are_checked_at_a_time(station):
+    """A ninth caller is closed before he may ask; as soon as one has gone there is room again."""
+    path = f"/proc/{station.machine.first}/root/run/zevd/password.sock"
+    with contextlib.ExitStack() as stack:
+        def call() -> socket.socket:
+            sock = stack.enter_context(socket.socket(socket.AF_UNIX))
+            sock.settimeout(10)
+            sock.connect(path)
+            return sock
+
+        callers = [call() for _ in range(8)]
+        assert [caller.recv(1) for caller in callers] == [b"?"] * 8
+        assert call().recv(1) == b""
+        callers[0].close()
+        wait_until(lambda: call().recv(1) == b"?", what="room for another")
 
 
 # Consoles

@@ -77,7 +77,7 @@ class Server:
 
     def sit_down(self, name: str, *request: str) -> pexpect.spawn:
         """Ask for something on a terminal."""
-        child = pexpect.spawn("ssh", [*self.words(name, "-t", "-e", "none"), "--", *request],
+        child = pexpect.spawn("ssh", [*self.words(name, "-t"), "--", *request],
                               timeout=stretched(LIMIT), dimensions=(24, 200))
         child.delaybeforesend = None
         return child
@@ -137,7 +137,7 @@ def test_two_people_are_known_by_their_keys(server, shared_system_log):
     server.box.send(b"good morning\r\n")
     for person in (alice, bob):
         person.expect_exact("good morning")
-    alice.send("\r~.")
+    alice.send("\r~~.")
     alice.expect_exact("Left box.")
     close_terminal(bob)
     left = at_the_box(shared_system_log, "leave", 2)
