@@ -90,3 +90,6 @@ def test_the_serial_port_of_a_virtual_machine_is_a_console(station, tmp_path):
             person.expect("Attached to")
             person.type("echo\x03\xfe~")
             person.expect("echo\x03\xfe~".encode())
+            person.type("\n")
+            wait_until(lambda: "echo\x03\xfe~\n".encode() in read(log_of(station, "vm")),
+                       what="the log")
