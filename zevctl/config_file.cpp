@@ -13,7 +13,7 @@
 #include <memory>
 
 #include "exit_status.h"
-#include "safe_file.h"
+#include "owned_file.h"
 
 namespace zevctl {
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 
-#include "safe_file.h"
+#include "owned_file.h"
 #include "settings.h"
 
 namespace zevctl {

@@ -1,4 +1,4 @@
-#include "safe_file.h"
+#include "owned_file.h"
 
 #include <fcntl.h>
 
