@@ -20,6 +20,7 @@ import shlex
 import shutil
 import subprocess
 import sys
+import time
 from pathlib import Path
 
 from kept_passes import KeptPasses, digest
@@ -106,34 +107,45 @@ def common_key() -> str:
     return digest(*parts)
 
 
-def key_of(source: Path, entry: dict, command: list[str], common: str) -> str | None:
-    """A digest of all that decides the outcome of a source's check.
+def key_of(source: Path, entry: dict, command: list[str], common: str) -> tuple[str, list[Path]]:
+    """A digest of all that decides the outcome of a source's check, and the files among that.
 
     The preprocessor is asked anew each time, as a header that has just appeared may take the place
     of another one. It gives what the compiler is to read, and names all files that this comes from.
     They count as they are too: clang-tidy looks at comments and at the layout. A source that cannot
-    be preprocessed has no digest: its check will tell.
+    be preprocessed has an empty digest: its check will tell.
     """
     macros = [] if is_test(source) else ["-D__clang_analyzer__"]  # as clang-tidy does
     run = subprocess.run([*PREPROCESS, *macros, *flags_of(entry["command"])],
                          cwd=entry["directory"], capture_output=True, check=False)
     if run.returncode != 0:
-        return None
+        return "", []
     names = sorted({os.fsencode(source), *INCLUDED.findall(run.stderr)})
-    contents = [(Path(entry["directory"]) / os.fsdecode(name)).read_bytes() for name in names]
+    files = [Path(entry["directory"]) / os.fsdecode(name) for name in names]
+    contents = [file.read_bytes() for file in files]
     return digest(common.encode(), json.dumps([entry, command]).encode(), run.stdout,
-                  *names, *contents)
+                  *names, *contents), files
+
+
+def edited_since(begin: int, files: list[Path]) -> bool:
+    """Whether one of the files has changed, or has gone, since that time in nanoseconds.
+
+    The time of a file may be a tick of the system's clock behind.
+    """
+    tick = 20_000_000
+    return any(not file.exists() or file.stat().st_ctime_ns > begin - tick for file in files)
 
 
 def outcome(source: Path, entry: dict, database: Path, common: str, kept: KeptPasses) -> str:
     """Check one source, unless it is known to pass."""
     command = check(source, entry, database)
-    key = key_of(source, entry, command, common)
+    begin = time.time_ns()
+    key, files = key_of(source, entry, command, common)
     if key and kept.has(key):
         return "unchanged"
     if not survives(command, entry["directory"]):
         return "failed"
-    if key and key == key_of(source, entry, command, common):  # nobody edited it meanwhile
+    if key and not edited_since(begin, files):
         kept.add(key)
     return "passed"
 
