@@ -287,7 +287,7 @@ class Tour:
         current = self._files.logs / "zev.dated/current"
         for file, wanted in ((current / f"{name}.log", rf"{STAMP} .*{name} is up\n"),
                              (current / "consolidated.log", rf"{STAMP} {name} status report .*\n"),
-                             (self._files.events, rf".* 300 qor\.zevd\.console\.{name}: .*\n")):
+                             (self._files.events, rf".* 300 {name} fans: .*\n")):
             line = wait_until(lambda file=file, wanted=wanted: find_line(file, wanted),
                               f"a line {wanted!r} in {file}")
             print(f"  {file.name:>16} | {line}", end="")
