@@ -2,7 +2,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -10,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "arguments.h"
 #include "command_port.h"
 #include "console_words.h"
 #include "escape.h"
@@ -246,27 +246,26 @@ std::string CheckName(const std::string& name) {
 
 }  // namespace
 
-void AddAttachCommand(CLI::App& app, Program& program) {
+void AddAttachCommand(Command& app, Program& program) {
   const auto options = std::make_shared<AttachOptions>();
-  CLI::App* command = app.add_subcommand("attach", "Watch a console and type at it");
-  command->add_option("NAME", options->console, "Console")->required()->check(CheckName);
+  Command command = app.AddCommand("attach", "Watch a console and type at it");
+  command.AddOption("NAME", options->console, "Console").Required().Verify(CheckName);
   command
-      ->add_option("--mode", options->mode,
-                   "ro: watch only; sh: type together with others; ex: be the only one who types; "
-                   "er: the same, until the next user comes")
-      ->check(CLI::IsMember({"ro", "sh", "ex", "er"}))
-      ->capture_default_str();
+      .AddOption("--mode", options->mode,
+                 "ro: watch only; sh: type together with others; ex: be the only one who types; "
+                 "er: the same, until the next user comes")
+      .OneOf({"ro", "sh", "ex", "er"})
+      .ShowDefault();
   command
-      ->add_option("--escape", options->escape,
-                   "Key that begins an escape at the start of a line: a character, ^ and a letter, "
-                   "or none")
-      ->check(CheckEscape)
-      ->capture_default_str();
-  command->add_flag("--retry", options->retry,
-                    "Attach again when the console or the daemon comes back");
-  command->callback([options, &program] {
-    program.action = [options, &program] { return Attachment(program.settings, *options).Run(); };
-  });
+      .AddOption("--escape", options->escape,
+                 "Key that begins an escape at the start of a line: a character, ^ and a letter, "
+                 "or none")
+      .Verify(CheckEscape)
+      .ShowDefault();
+  command.AddFlag("--retry", options->retry,
+                  "Attach again when the console or the daemon comes back");
+  command.SetAction(program,
+                    [options, &program] { return Attachment(program.settings, *options).Run(); });
 }
 
 }  // namespace zevctl

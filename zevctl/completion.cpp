@@ -4,7 +4,6 @@
 //
 // What is offered ends up on a command line. So no name is offered that a shell would read as more
 // than a word, or zevctl as an option. The functions take what they are offered as text.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -12,8 +11,10 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 
+#include "arguments.h"
 #include "command_port.h"
 #include "console_words.h"
 #include "mistake.h"
@@ -90,27 +91,28 @@ const std::map<std::string, Words> kValues = {
     {"--socket", {kFile}},
 };
 
-const CLI::App* CommandNamed(const CLI::App& app, const std::string& name) {
-  const auto commands =
-      app.get_subcommands([&](const CLI::App* command) { return command->get_name() == name; });
-  return commands.empty() ? nullptr : commands.front();
+std::optional<Command> CommandNamed(const Command& app, const std::string& name) {
+  for (const Command& command : app.Commands()) {
+    if (command.name() == name) return command;
+  }
+  return {};
 }
 
-bool HasCommands(const CLI::App& app) {
-  return !app.get_subcommands(nullptr).empty();
+bool HasCommands(const Command& app) {
+  return !app.Commands().empty();
 }
 
 /// The words before the one that is being completed, parsed as far as completion needs it.
 class Line {
  public:
-  Line(const CLI::App& app, const Words& words) : app_(app) {
+  Line(const Command& app, const Words& words) : app_(app) {
     TakeVariable("ZEVCTL_HOST", "--host");
     TakeVariable("ZEVCTL_PORT", "--port");
     for (const std::string& word : words) Take(word);
   }
 
-  /// The command that was named, or null.
-  const CLI::App* command() const { return command_; }
+  /// The command that was named, if any.
+  const std::optional<Command>& command() const { return command_; }
   size_t arguments() const { return arguments_; }
 
   /// The option whose value is the word that is being completed; empty when there is none.
@@ -130,8 +132,8 @@ class Line {
       awaited_.clear();
     } else if (word.starts_with("-")) {
       TakeOption(word);
-    } else if (command_ == nullptr || HasCommands(*command_)) {
-      command_ = CommandNamed(command_ == nullptr ? app_ : *command_, word);
+    } else if (!command_ || HasCommands(*command_)) {
+      command_ = CommandNamed(command_.value_or(app_), word);
     } else {
       ++arguments_;
     }
@@ -148,11 +150,8 @@ class Line {
   }
 
   bool WantsValue(const std::string& name) const {
-    for (const CLI::App* app : {&app_, command_}) {
-      const CLI::Option* option = app == nullptr ? nullptr : app->get_option_no_throw(name);
-      if (option != nullptr) return option->get_expected_max() > 0;
-    }
-    return false;
+    if (const auto takes = app_.TakesValue(name)) return *takes;
+    return command_ && command_->TakesValue(name).value_or(false);
   }
 
   void TakeValue(const std::string& name, const std::string& value) {
@@ -162,8 +161,8 @@ class Line {
     if (name == "--cookie-file") settings_.cookie_file = value;
   }
 
-  const CLI::App& app_;
-  const CLI::App* command_ = nullptr;
+  const Command app_;
+  std::optional<Command> command_;
   std::string awaited_;
   size_t arguments_ = 0;
   Settings settings_;
@@ -196,26 +195,26 @@ Words ConsoleNames(const Settings& settings) {
 
 // True when the word that is being completed can only be the name of a console.
 bool AwaitsName(const Line& line) {
-  if (line.command() == nullptr || !line.awaited().empty()) return false;
-  const std::string name = line.command()->get_name();
+  if (!line.command() || !line.awaited().empty()) return false;
+  const std::string name = line.command()->name();
   return kOneName.contains(name) ? line.arguments() == 0 : kNames.contains(name);
 }
 
 Words Arguments(const Line& line) {
-  const std::string name = line.command()->get_name();
+  const std::string name = line.command()->name();
   if (HasCommands(*line.command())) return CommandNames(*line.command());
   if (name == "completion") return {"bash", "zsh"};
   if (kFileNames.contains(name)) return line.arguments() == 0 ? Words{kFile} : Words();
   return AwaitsName(line) ? ConsoleNames(line.settings()) : Words();
 }
 
-Words Candidates(const CLI::App& app, const Line& line, const std::string& current) {
+Words Candidates(const Command& app, const Line& line, const std::string& current) {
   if (!line.awaited().empty()) {
     const auto values = kValues.find(line.awaited());
     return values == kValues.end() ? Words() : values->second;
   }
   if (current.starts_with("-")) return OptionNames(app, line.command());
-  return line.command() == nullptr ? CommandNames(app) : Arguments(line);
+  return line.command() ? Arguments(line) : CommandNames(app);
 }
 
 // Several states may stand in one word.
@@ -233,7 +232,7 @@ std::string Continued(const std::string& begun, const std::string& candidate) {
 
 }  // namespace
 
-ExitStatus Complete(const CLI::App& app, std::vector<std::string> words) {
+ExitStatus Complete(const Command& app, std::vector<std::string> words) {
   const std::string current = words.empty() ? "" : words.back();
   if (!words.empty()) words.pop_back();
   const Line line(app, words);
@@ -250,17 +249,13 @@ ExitStatus Complete(const CLI::App& app, std::vector<std::string> words) {
   return ExitStatus::kOk;
 }
 
-void AddCompletionCommand(CLI::App& app, Program& program) {
+void AddCompletionCommand(Command& app, Program& program) {
   auto shell = std::make_shared<std::string>();
-  CLI::App* command = app.add_subcommand("completion", "Print the completion code for a shell");
-  command->add_option("SHELL", *shell, "bash or zsh")
-      ->required()
-      ->check(CLI::IsMember({"bash", "zsh"}));
-  command->callback([shell, &program] {
-    program.action = [shell] {
-      std::cout << (*shell == "bash" ? kBash : kZsh);
-      return ExitStatus::kOk;
-    };
+  Command command = app.AddCommand("completion", "Print the completion code for a shell");
+  command.AddOption("SHELL", *shell, "bash or zsh").Required().OneOf({"bash", "zsh"});
+  command.SetAction(program, [shell] {
+    std::cout << (*shell == "bash" ? kBash : kZsh);
+    return ExitStatus::kOk;
   });
 }
 

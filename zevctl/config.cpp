@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -12,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "arguments.h"
 #include "config_apply.h"
 #include "config_diff.h"
 #include "config_file.h"
@@ -316,38 +316,35 @@ ExitStatus Import(const Settings& settings, const ConfigOptions& options) {
 
 using Action = ExitStatus (*)(const Settings&, const ConfigOptions&);
 
-CLI::App* AddAction(CLI::App& config, Program& program, const char* name, const char* help,
-                    Action action, const std::shared_ptr<ConfigOptions>& options) {
-  CLI::App* command = config.add_subcommand(name, help);
-  command->callback([=, &program] {
-    program.action = [=, &program] { return action(program.settings, *options); };
-  });
+Command AddAction(Command& config, Program& program, const char* name, const char* help,
+                  Action action, const std::shared_ptr<ConfigOptions>& options) {
+  Command command = config.AddCommand(name, help);
+  command.SetAction(program, [=, &program] { return action(program.settings, *options); });
   return command;
 }
 
 }  // namespace
 
-void AddConfigCommand(CLI::App& app, Program& program) {
+void AddConfigCommand(Command& app, Program& program) {
   auto options = std::make_shared<ConfigOptions>();
-  CLI::App* config = app.add_subcommand("config", "Check, compare and apply the configuration");
-  config->require_subcommand(1);
-  CLI::App* check = AddAction(*config, program, "check",
-                              "Name all that is wrong, and how to mend it", Check, options);
-  check->add_option("FILE", options->file,
-                    "consoles.toml or a zev.conf; the station's if not given");
-  check->add_option("--format", options->format, "What is in FILE, if its name does not tell")
-      ->check(CLI::IsMember({"toml", "conf"}));
-  check->add_option("--events-dir", options->events_dir, "Directory of the event files");
-  AddAction(*config, program, "diff", "Show what would come, go and change", Diff, options);
-  CLI::App* apply = AddAction(*config, program, "apply",
-                              "Write zev.conf and have the daemon read it", RunApply, options);
-  apply->add_flag("--force", options->apply.force,
-                  "Replace a zev.conf that was edited or not made by apply; accept no consoles");
-  apply->add_flag("-y,--yes", options->apply.yes, "Do not ask before users are disconnected");
-  CLI::App* import = AddAction(*config, program, "import", "Make a consoles.toml from a zev.conf",
-                               Import, options);
-  import->add_option("FILE", options->file, "A zev.conf; the station's if not given");
-  import->add_option("--output", options->output, "File to make, in place of standard output");
+  Command config = app.AddCommand("config", "Check, compare and apply the configuration");
+  config.RequireCommand();
+  Command check = AddAction(config, program, "check", "Name all that is wrong, and how to mend it",
+                            Check, options);
+  check.AddOption("FILE", options->file, "consoles.toml or a zev.conf; the station's if not given");
+  check.AddOption("--format", options->format, "What is in FILE, if its name does not tell")
+      .OneOf({"toml", "conf"});
+  check.AddOption("--events-dir", options->events_dir, "Directory of the event files");
+  AddAction(config, program, "diff", "Show what would come, go and change", Diff, options);
+  Command apply = AddAction(config, program, "apply", "Write zev.conf and have the daemon read it",
+                            RunApply, options);
+  apply.AddFlag("--force", options->apply.force,
+                "Replace a zev.conf that was edited or not made by apply; accept no consoles");
+  apply.AddFlag("-y,--yes", options->apply.yes, "Do not ask before users are disconnected");
+  Command import =
+      AddAction(config, program, "import", "Make a consoles.toml from a zev.conf", Import, options);
+  import.AddOption("FILE", options->file, "A zev.conf; the station's if not given");
+  import.AddOption("--output", options->output, "File to make, in place of standard output");
 }
 
 }  // namespace zevctl

@@ -1,11 +1,11 @@
 // The commands that act on consoles: clear, disable, enable, msg, force, reconnect.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "arguments.h"
 #include "command_port.h"
 #include "console_view.h"
 #include "output.h"
@@ -261,39 +261,34 @@ ExitStatus RunMessage(const Settings& settings, const ControlOptions& options) {
   return RunOnAll(settings, kMessage, options, Joined(options.text));
 }
 
-void AddYes(CLI::App* command, ControlOptions& options) {
-  command->add_flag("-y,--yes", options.yes,
-                    "Do not ask before acting on several consoles, or on a pattern");
+void AddYes(Command& command, ControlOptions& options) {
+  command.AddFlag("-y,--yes", options.yes,
+                  "Do not ask before acting on several consoles, or on a pattern");
 }
 
-void AddControl(CLI::App& app, Program& program, const ControlRow& row) {
+void AddControl(Command& app, Program& program, const ControlRow& row) {
   auto options = std::make_shared<ControlOptions>();
-  CLI::App* command = app.add_subcommand(row.name, row.help);
-  command->add_option("NAME", options->patterns, "Names or shell patterns")->required();
+  Command command = app.AddCommand(row.name, row.help);
+  command.AddOption("NAME", options->patterns, "Names or shell patterns").Required();
   AddYes(command, *options);
-  command->callback([options, &row, &program] {
-    program.action = [options, &row, &program] {
-      return RunControl(program.settings, row, *options);
-    };
-  });
+  command.SetAction(
+      program, [options, &row, &program] { return RunControl(program.settings, row, *options); });
 }
 
-void AddMessage(CLI::App& app, Program& program) {
+void AddMessage(Command& app, Program& program) {
   auto options = std::make_shared<ControlOptions>();
-  CLI::App* command = app.add_subcommand(kMessage.name, kMessage.help);
-  command->add_option("NAME", options->patterns.emplace_back(), "A name or shell pattern")
-      ->required();
-  command->add_option("TEXT", options->text, "The text; several words are joined by blanks")
-      ->required();
+  Command command = app.AddCommand(kMessage.name, kMessage.help);
+  command.AddOption("NAME", options->patterns.emplace_back(), "A name or shell pattern").Required();
+  command.AddOption("TEXT", options->text, "The text; several words are joined by blanks")
+      .Required();
   AddYes(command, *options);
-  command->callback([options, &program] {
-    program.action = [options, &program] { return RunMessage(program.settings, *options); };
-  });
+  command.SetAction(program,
+                    [options, &program] { return RunMessage(program.settings, *options); });
 }
 
 }  // namespace
 
-void AddControlCommands(CLI::App& app, Program& program) {
+void AddControlCommands(Command& app, Program& program) {
   for (const ControlRow& row : kControls) AddControl(app, program, row);
   AddMessage(app, program);
 }

@@ -8,12 +8,12 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <list>
 #include <memory>
 #include <optional>
 
+#include "arguments.h"
 #include "event_line.h"
 #include "event_pattern.h"
 #include "event_socket.h"
@@ -200,16 +200,14 @@ ExitStatus RunEvents(const Settings& settings, const EventsOptions& options) {
 
 }  // namespace
 
-void AddEventsCommand(CLI::App& app, Program& program) {
+void AddEventsCommand(Command& app, Program& program) {
   const auto options = std::make_shared<EventsOptions>();
-  CLI::App* command =
-      app.add_subcommand("events", "Receive the station's events and print them as they come");
-  command->add_option("--socket", options->socket, "Socket to which the daemon posts events")
-      ->capture_default_str();
-  command->add_option("--priority", options->priority, "Only events of this priority and above");
-  command->callback([options, &program] {
-    program.action = [options, &program] { return RunEvents(program.settings, *options); };
-  });
+  Command command =
+      app.AddCommand("events", "Receive the station's events and print them as they come");
+  command.AddOption("--socket", options->socket, "Socket to which the daemon posts events")
+      .ShowDefault();
+  command.AddOption("--priority", options->priority, "Only events of this priority and above");
+  command.SetAction(program, [options, &program] { return RunEvents(program.settings, *options); });
 }
 
 }  // namespace zevctl

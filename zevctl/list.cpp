@@ -1,7 +1,6 @@
 // The command "list": consoles, problems first, once or for as long as somebody watches.
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <ctime>
 #include <iostream>
@@ -12,6 +11,7 @@
 #include <sstream>
 
 #include "alternate_screen.h"
+#include "arguments.h"
 #include "command_port.h"
 #include "console_view.h"
 #include "console_words.h"
@@ -281,22 +281,20 @@ std::string RefuseState(const std::string& word) {
 
 }  // namespace
 
-void AddListCommand(CLI::App& app, Program& program) {
+void AddListCommand(Command& app, Program& program) {
   auto options = std::make_shared<ListOptions>();
-  CLI::App* command = app.add_subcommand("list", "Show consoles with their state and users");
-  command->add_option("PATTERN", options->patterns,
-                      "Names, starts of names or shell patterns; all if not given");
+  Command command = app.AddCommand("list", "Show consoles with their state and users");
+  command.AddOption("PATTERN", options->patterns,
+                    "Names, starts of names or shell patterns; all if not given");
   command
-      ->add_option("--state", options->states,
-                   "Only consoles in these states, such as down,disabled; may be repeated")
-      ->check(RefuseState)
-      ->delimiter(',')
-      ->allow_extra_args(false);
-  command->add_flag("-q,--quiet", options->names_only, "Only the names, one in each line");
-  command->add_flag("--watch", options->watch, "Show the newest state until interrupted");
-  command->callback([options, &program] {
-    program.action = [options, &program] { return List(program.settings, *options); };
-  });
+      .AddOption("--state", options->states,
+                 "Only consoles in these states, such as down,disabled; may be repeated")
+      .Verify(RefuseState)
+      .SplitAt(',')
+      .OneEachTime();
+  command.AddFlag("-q,--quiet", options->names_only, "Only the names, one in each line");
+  command.AddFlag("--watch", options->watch, "Show the newest state until interrupted");
+  command.SetAction(program, [options, &program] { return List(program.settings, *options); });
 }
 
 }  // namespace zevctl

@@ -3,13 +3,13 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <memory>
 #include <optional>
 
+#include "arguments.h"
 #include "local_only.h"
 #include "log_directories.h"
 #include "log_filter.h"
@@ -242,56 +242,52 @@ ExitStatus RunLog(const Settings& settings, const LogOptions& options) try {
   return ExitStatus::kOk;
 }
 
-void AddFilterOptions(CLI::App& command, LogOptions& options) {
+void AddFilterOptions(Command& command, LogOptions& options) {
   const std::string forms = std::string(": ") + kMomentForms;
-  command.add_option("--since", options.since, "Only records of this time and later" + forms);
-  CLI::Option* until =
-      command.add_option("--until", options.until, "Only records of this time and earlier");
-  CLI::Option* pattern = command.add_option(
+  command.AddOption("--since", options.since, "Only records of this time and later" + forms);
+  const Option until =
+      command.AddOption("--until", options.until, "Only records of this time and earlier");
+  const Option pattern = command.AddOption(
       "--grep", options.pattern,
       "Only records in which this POSIX extended regular expression matches what follows the time; "
       "when there is none, the status is 1");
-  command.add_flag("-i,--ignore-case", options.ignore_case, "Ignore case in --grep")
-      ->needs(pattern);
+  command.AddFlag("-i,--ignore-case", options.ignore_case, "Ignore case in --grep").Needs(pattern);
   command
-      .add_flag("-v,--invert-match", options.inverted, "Only records in which --grep finds nothing")
-      ->needs(pattern);
+      .AddFlag("-v,--invert-match", options.inverted, "Only records in which --grep finds nothing")
+      .Needs(pattern);
   command
-      .add_option("-C,--context", options.context,
-                  "Also this many records of the console before and after each match")
-      ->needs(pattern)
-      ->check(CLI::Range(size_t{0}, kMostContext));
+      .AddOption("-C,--context", options.context,
+                 "Also this many records of the console before and after each match")
+      .Needs(pattern)
+      .InRange(size_t{0}, kMostContext);
   command
-      .add_flag(
+      .AddFlag(
           "-f,--follow", options.follow,
           "Go on with what is logged from now on, after the last 10 records if neither --lines "
           "nor a filter is given")
-      ->excludes(until);
+      .Excludes(until);
 }
 
 }  // namespace
 
-void AddLogCommand(CLI::App& app, Program& program) {
+void AddLogCommand(Command& app, Program& program) {
   const auto options = std::make_shared<LogOptions>();
-  CLI::App* command =
-      app.add_subcommand("log", "Show what consoles have printed, from the station's log files");
+  Command command =
+      app.AddCommand("log", "Show what consoles have printed, from the station's log files");
   command
-      ->add_option("NAME", options->consoles,
-                   "Console, the start of its name, or a pattern for several, merged by time; or "
-                   "\"consolidated\" for what all consoles printed while unattended")
-      ->required();
-  command->add_option("-n,--lines", options->lines, "How many of the last records to show")
-      ->check(CLI::Range(size_t{0}, kMostLines));
-  AddFilterOptions(*command, *options);
+      .AddOption("NAME", options->consoles,
+                 "Console, the start of its name, or a pattern for several, merged by time; or "
+                 "\"consolidated\" for what all consoles printed while unattended")
+      .Required();
+  command.AddOption("-n,--lines", options->lines, "How many of the last records to show")
+      .InRange(size_t{0}, kMostLines);
+  AddFilterOptions(command, *options);
   command
-      ->add_option("--also", options->earlier_names,
-                   "Earlier name of the console, whose logs are shown too")
-      ->allow_extra_args(false);  // one name each time
-  command->add_option("--log-dir", options->log_dir, "The daemon's log directory")
-      ->capture_default_str();
-  command->callback([options, &program] {
-    program.action = [options, &program] { return RunLog(program.settings, *options); };
-  });
+      .AddOption("--also", options->earlier_names,
+                 "Earlier name of the console, whose logs are shown too")
+      .OneEachTime();  // one name each time
+  command.AddOption("--log-dir", options->log_dir, "The daemon's log directory").ShowDefault();
+  command.SetAction(program, [options, &program] { return RunLog(program.settings, *options); });
 }
 
 }  // namespace zevctl

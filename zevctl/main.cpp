@@ -3,19 +3,24 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
 #include <string>
 #include <string_view>
 
+#include "arguments.h"
 #include "mistake.h"
 #include "output.h"
 #include "program.h"
 
 namespace {
 
+using zevctl::Command;
+using zevctl::CommandLine;
 using zevctl::ExitStatus;
+using zevctl::Option;
+using zevctl::ParseEnd;
+using zevctl::ParseResult;
 using zevctl::Program;
 using zevctl::Settings;
 
@@ -25,35 +30,33 @@ std::string RefuseBlanks(const std::string& text) {
   return has_blank || text.empty() ? "must be one word, without blanks" : "";
 }
 
-void AddStationOptions(CLI::App& app, Settings& settings) {
-  app.add_option("--host", settings.host, "Host on which zevd runs")
-      ->envname("ZEVCTL_HOST")
-      ->capture_default_str();
-  app.add_option("--port", settings.port, "Its main port")
-      ->envname("ZEVCTL_PORT")
-      ->check(CLI::Range(1, 65535))
-      ->capture_default_str();
-  CLI::Option* cookie_file =
-      app.add_option("--cookie-file", settings.cookie_file, "File with the daemon's cookie")
-          ->each([&settings](const std::string&) { settings.cookie_file_given = true; })
-          ->capture_default_str();
-  app.add_flag("--tunnel", settings.tunnel,
-               "The port is your own tunnel to the daemon; your password may be sent through it")
-      ->excludes(cookie_file);
-  app.add_option("--user", settings.user, "Name that others see; your login name if not given")
-      ->check(RefuseBlanks);
-  app.add_option(
+void AddStationOptions(Command& app, Settings& settings) {
+  app.AddOption("--host", settings.host, "Host on which zevd runs")
+      .FromVariable("ZEVCTL_HOST")
+      .ShowDefault();
+  app.AddOption("--port", settings.port, "Its main port")
+      .FromVariable("ZEVCTL_PORT")
+      .InRange(1, 65535)
+      .ShowDefault();
+  const Option cookie_file =
+      app.AddOption("--cookie-file", settings.cookie_file, "File with the daemon's cookie")
+          .Tell(settings.cookie_file_given)
+          .ShowDefault();
+  app.AddFlag("--tunnel", settings.tunnel,
+              "The port is your own tunnel to the daemon; your password may be sent through it")
+      .Excludes(cookie_file);
+  app.AddOption("--user", settings.user, "Name that others see; your login name if not given")
+      .Verify(RefuseBlanks);
+  app.AddOption(
          "--from", settings.from,
          "Address that others see, for somebody who comes from elsewhere; the connection's own "
          "if not given")
-      ->check(RefuseBlanks);
-  app.add_flag("--json", settings.json, "Print data as JSON");
+      .Verify(RefuseBlanks);
+  app.AddFlag("--json", settings.json, "Print data as JSON");
 }
 
-void DeclareCommands(CLI::App& app, Program& program) {
-  app.fallthrough();  // the options of the station may follow the command
-  app.require_subcommand(1);
-  app.set_version_flag("--version", "zevctl " QOR_VERSION);
+void DeclareCommands(Command& app, Program& program) {
+  app.RequireCommand();
   AddStationOptions(app, program.settings);
   AddListCommand(app, program);
   AddQueryCommands(app, program);
@@ -88,11 +91,11 @@ ExitStatus Run(const Program& program) {
 }
 
 // Help and version are answers; everything else that stops the parser is a mistake in the line.
-ExitStatus Explain(const CLI::App& app, const CLI::ParseError& error) {
-  if (error.get_exit_code() != static_cast<int>(CLI::ExitCodes::Success)) {
-    return ReportFailure(ExitStatus::kUsage, zevctl::MistakeIn(app, error));
+ExitStatus Explain(const Command& app, const ParseResult& result) {
+  if (result.end != ParseEnd::kAnswered) {
+    return ReportFailure(ExitStatus::kUsage, zevctl::MistakeIn(app, result));
   }
-  app.exit(error);
+  std::cout << result.text;
   return ExitStatus::kOk;
 }
 
@@ -108,14 +111,10 @@ void OccupyStandardDescriptors() {
   if (fd > STDERR_FILENO) close(fd);
 }
 
-ExitStatus ParseAndRun(CLI::App& app, Program& program, int argc, char** argv) {
-  if (IsBeingTyped(argc, argv)) return zevctl::Complete(app, {argv + 2, argv + argc});
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return Explain(app, error);
-  }
-  return Run(program);
+ExitStatus ParseAndRun(CommandLine& line, Program& program, int argc, char** argv) {
+  if (IsBeingTyped(argc, argv)) return zevctl::Complete(line.program(), {argv + 2, argv + argc});
+  const ParseResult result = line.Parse(argc, argv);
+  return result.end == ParseEnd::kParsed ? Run(program) : Explain(line.program(), result);
 }
 
 }  // namespace
@@ -123,10 +122,12 @@ ExitStatus ParseAndRun(CLI::App& app, Program& program, int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     OccupyStandardDescriptors();
-    CLI::App app("Watches and works the consoles of a zevd station.", "zevctl");
+    CommandLine line("Watches and works the consoles of a zevd station.", "zevctl",
+                     "zevctl " QOR_VERSION);
+    Command app = line.program();
     Program program;
     DeclareCommands(app, program);
-    return static_cast<int>(ParseAndRun(app, program, argc, argv));
+    return static_cast<int>(ParseAndRun(line, program, argc, argv));
   } catch (...) {
     // Not even a message can be relied on here: there may be no memory for it.
     return static_cast<int>(ExitStatus::kFailed);

@@ -1,6 +1,5 @@
 #include "mistake.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 
 #include "name_match.h"
@@ -12,18 +11,6 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-void AppendOptions(const CLI::App* app, Words& names) {
-  if (app == nullptr) return;
-  for (const CLI::Option* option : app->get_options()) {
-    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
-  }
-}
-
-const CLI::App* CommandIn(const CLI::App& app) {
-  const auto commands = app.get_subcommands();
-  return commands.empty() ? nullptr : commands.front();
-}
-
 bool IsOption(const std::string& word) {
   return word.starts_with("-");
 }
@@ -34,13 +21,14 @@ std::string Suggestion(const std::string& word, const Words& words) {
   return nearest.empty() ? ";" : "; did you mean " + Alternatives(nearest) + "?";
 }
 
-std::string AboutCommand(const CLI::App& app, const Words& unknown) {
+std::string AboutCommand(const Command& app, const Words& unknown) {
   const auto word = std::find_if_not(unknown.begin(), unknown.end(), IsOption);
   if (word == unknown.end()) return "no command was given;";
   return "there is no command \"" + Printable(*word) + "\"" + Suggestion(*word, CommandNames(app));
 }
 
-std::string AboutWord(const CLI::App& app, const CLI::App* command, const std::string& word) {
+std::string AboutWord(const Command& app, const std::optional<Command>& command,
+                      const std::string& word) {
   if (!IsOption(word)) return "\"" + Printable(word) + "\" is more than the command takes;";
   const std::string name = word.substr(0, word.find('='));
   return "there is no option " + Printable(name) + Suggestion(name, OptionNames(app, command));
@@ -48,30 +36,29 @@ std::string AboutWord(const CLI::App& app, const CLI::App* command, const std::s
 
 }  // namespace
 
-Words CommandNames(const CLI::App& app) {
+Words CommandNames(const Command& app) {
   Words names;
-  for (const CLI::App* command : app.get_subcommands(nullptr)) names.push_back(command->get_name());
+  for (const Command& command : app.Commands()) names.push_back(command.name());
   return names;
 }
 
-Words OptionNames(const CLI::App& app, const CLI::App* command) {
-  Words names;
-  AppendOptions(&app, names);
-  AppendOptions(command, names);
+Words OptionNames(const Command& app, const std::optional<Command>& command) {
+  Words names = app.LongOptions();
+  const Words of_command = command ? command->LongOptions() : Words();
+  names.insert(names.end(), of_command.begin(), of_command.end());
   std::sort(names.begin(), names.end());
   names.erase(std::unique(names.begin(), names.end()), names.end());
   return names;
 }
 
-std::string MistakeIn(const CLI::App& app, const CLI::ParseError& error) {
-  const CLI::App* const command = CommandIn(app);
-  const Words unknown = app.remaining(true);
-  const bool about_words = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError);
-  const bool required = error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError);
-  std::string text = std::string(error.what()) + ";";
-  if (required && command == nullptr) text = AboutCommand(app, unknown);
+std::string MistakeIn(const Command& app, const ParseResult& mistake) {
+  const std::optional<Command> command = app.NamedCommand();
+  const Words unknown = app.WordsLeft();
+  const bool about_words = mistake.end == ParseEnd::kTooMany;
+  std::string text = mistake.text + ";";
+  if (mistake.end == ParseEnd::kMissing && !command) text = AboutCommand(app, unknown);
   if (about_words && !unknown.empty()) text = AboutWord(app, command, unknown.front());
-  const std::string name = command == nullptr ? "" : " " + command->get_name();
+  const std::string name = command ? " " + command->name() : "";
   return text + " \"zevctl" + name + " --help\" shows what there is";
 }
 

@@ -1,25 +1,23 @@
 // What is said about a command line that the parser did not understand.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
-namespace CLI {
-class App;
-class ParseError;
-}  // namespace CLI
+#include "arguments.h"
 
 namespace zevctl {
 
-/// What is wrong, the nearest words where one was mistyped, and where to look. `app` is the parser
-/// that failed.
-std::string MistakeIn(const CLI::App& app, const CLI::ParseError& error);
+/// What is wrong, the nearest words where one was mistyped, and where to look. `app` is what was
+/// being parsed.
+std::string MistakeIn(const Command& app, const ParseResult& mistake);
 
 /// The names of the commands.
-std::vector<std::string> CommandNames(const CLI::App& app);
+std::vector<std::string> CommandNames(const Command& app);
 
 /// The long options that may stand behind the command, "--" included, in order; those that may
-/// stand before any command, too. `command` may be null.
-std::vector<std::string> OptionNames(const CLI::App& app, const CLI::App* command);
+/// stand before any command, too.
+std::vector<std::string> OptionNames(const Command& app, const std::optional<Command>& command);
 
 }  // namespace zevctl

@@ -9,11 +9,9 @@
 #include "exit_status.h"
 #include "settings.h"
 
-namespace CLI {
-class App;
-}
-
 namespace zevctl {
+
+class Command;
 
 struct Program {
   Settings settings;
@@ -21,21 +19,21 @@ struct Program {
 };
 
 // Each adds its commands. The order is that of the help.
-void AddListCommand(CLI::App& app, Program& program);
-void AddQueryCommands(CLI::App& app, Program& program);  ///< who, ports, holder
-void AddControlCommands(CLI::App& app,
+void AddListCommand(Command& app, Program& program);
+void AddQueryCommands(Command& app, Program& program);  ///< who, ports, holder
+void AddControlCommands(Command& app,
                         Program& program);  ///< clear, disable, enable, msg, force, reconnect
-void AddAttachCommand(CLI::App& app, Program& program);
-void AddLogCommand(CLI::App& app, Program& program);
-void AddEventsCommand(CLI::App& app, Program& program);
-void AddConfigCommand(CLI::App& app, Program& program);
-void AddSetupCommand(CLI::App& app, Program& program);
-void AddReportCommand(CLI::App& app, Program& program);
-void AddCompletionCommand(CLI::App& app, Program& program);
+void AddAttachCommand(Command& app, Program& program);
+void AddLogCommand(Command& app, Program& program);
+void AddEventsCommand(Command& app, Program& program);
+void AddConfigCommand(Command& app, Program& program);
+void AddSetupCommand(Command& app, Program& program);
+void AddReportCommand(Command& app, Program& program);
+void AddCompletionCommand(Command& app, Program& program);
 
 /// Prints what may stand in place of the last word, one possibility in each line. The words are
 /// those of a command line that is being typed, without the program's name. The functions for the
 /// shells call it.
-ExitStatus Complete(const CLI::App& app, std::vector<std::string> words);
+ExitStatus Complete(const Command& app, std::vector<std::string> words);
 
 }  // namespace zevctl

@@ -1,9 +1,9 @@
 // The commands that only look: who, ports, holder.
-#include <CLI/CLI.hpp>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "arguments.h"
 #include "attendance.h"
 #include "command_port.h"
 #include "console_words.h"
@@ -132,22 +132,20 @@ ExitStatus Holder(const Settings& settings, const Patterns& patterns) {
   return report.Print(settings.json);
 }
 
-void AddQuery(CLI::App& app, Program& program, const char* name, const char* help,
+void AddQuery(Command& app, Program& program, const char* name, const char* help,
               ExitStatus (*query)(const Settings&, const Patterns&), bool required) {
   auto patterns = std::make_shared<Patterns>();
-  CLI::App* command = app.add_subcommand(name, help);
+  Command command = app.AddCommand(name, help);
   command
-      ->add_option(required ? "NAME" : "PATTERN", *patterns,
-                   "Names, starts of names or shell patterns")
-      ->required(required);
-  command->callback([=, &program] {
-    program.action = [=, &program] { return query(program.settings, *patterns); };
-  });
+      .AddOption(required ? "NAME" : "PATTERN", *patterns,
+                 "Names, starts of names or shell patterns")
+      .Required(required);
+  command.SetAction(program, [=, &program] { return query(program.settings, *patterns); });
 }
 
 }  // namespace
 
-void AddQueryCommands(CLI::App& app, Program& program) {
+void AddQueryCommands(Command& app, Program& program) {
   AddQuery(app, program, "who", "Show who is attached", Who, false);
   AddQuery(app, program, "ports", "Show the ports on which users reach consoles", Ports, false);
   AddQuery(app, program, "holder", "Show who holds the management port", Holder, true);

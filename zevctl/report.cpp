@@ -4,7 +4,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <deque>
@@ -14,6 +13,7 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "arguments.h"
 #include "command_port.h"
 #include "console_view.h"
 #include "console_words.h"
@@ -184,11 +184,10 @@ ExitStatus Report(const Settings& settings) {
 
 }  // namespace
 
-void AddReportCommand(CLI::App& app, Program& program) {
-  CLI::App* command =
-      app.add_subcommand("report", "Gather what others need in order to help, without secrets");
-  command->callback(
-      [&program] { program.action = [&program] { return Report(program.settings); }; });
+void AddReportCommand(Command& app, Program& program) {
+  Command command =
+      app.AddCommand("report", "Gather what others need in order to help, without secrets");
+  command.SetAction(program, [&program] { return Report(program.settings); });
 }
 
 }  // namespace zevctl

@@ -2,12 +2,12 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "arguments.h"
 #include "output.h"
 #include "program.h"
 #include "rights.h"
@@ -99,14 +99,12 @@ ExitStatus Setup(const Settings& settings, const SetupOptions& options) {
 
 }  // namespace
 
-void AddSetupCommand(CLI::App& app, Program& program) {
+void AddSetupCommand(Command& app, Program& program) {
   auto options = std::make_shared<SetupOptions>();
-  CLI::App* command = app.add_subcommand("setup", "Let users of this machine use the consoles");
-  command->add_option("USER", options->users, "Their names; whoever called sudo if not given");
-  command->add_flag("--dry-run", options->dry_run, "Only tell what would be done");
-  command->callback([options, &program] {
-    program.action = [options, &program] { return Setup(program.settings, *options); };
-  });
+  Command command = app.AddCommand("setup", "Let users of this machine use the consoles");
+  command.AddOption("USER", options->users, "Their names; whoever called sudo if not given");
+  command.AddFlag("--dry-run", options->dry_run, "Only tell what would be done");
+  command.SetAction(program, [options, &program] { return Setup(program.settings, *options); });
 }
 
 }  // namespace zevctl
