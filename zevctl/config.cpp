@@ -19,14 +19,13 @@
 #include "config_load.h"
 #include "config_readable.h"
 #include "config_zev.h"
+#include "json_line.h"
 #include "output.h"
 #include "program.h"
 
 namespace zevctl {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 struct ConfigOptions {
   std::string file;
@@ -47,7 +46,7 @@ ConfigRequest RequestOf(const Settings& settings, const ConfigOptions& options) 
 }
 
 void PrintJson(const Json& data) {
-  std::cout << EscapedJson(data.dump()) << "\n";
+  std::cout << JsonLine(data) << "\n";
 }
 
 std::string Count(size_t number, const std::string& noun) {

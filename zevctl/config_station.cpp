@@ -5,12 +5,11 @@
 
 #include "config_console.h"
 #include "console_status.h"
+#include "json_line.h"
 
 namespace zevctl {
 
 namespace {
-
-using Json = nlohmann::json;
 
 Failure Garbled() {
   return {ExitStatus::kNoDaemon, "the daemon's answer is not understood; is it as new as zevctl?"};
@@ -23,7 +22,7 @@ time_t TimeIn(const Json& value) {
 }  // namespace
 
 ReloadState AskForReloads(CommandPort& port) try {
-  const Json stats = Json::parse(port.JsonLines("stats"));
+  const Json stats = ReadJson(port.JsonLines("stats"));
   ReloadState state;
   state.reloads = stats.at("reloads").get<uint64_t>();
   state.latest = std::max(TimeIn(stats.at("started")), TimeIn(stats.at("last_reload")));

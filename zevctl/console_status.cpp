@@ -3,13 +3,12 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "json_line.h"
 #include "moment.h"
 
 namespace zevctl {
 
 namespace {
-
-using Json = nlohmann::json;
 
 // Null, or a key that is missing or of another kind, is an empty text or 0.
 std::string Text(const Json& object, const char* key) {
@@ -64,7 +63,7 @@ void AddConsole(const Json& object, StatusAnswer& answer) {
 // Takes the next line off the front and reads it; a line that is not an object is read as null.
 Json NextObject(std::string_view& lines) {
   const size_t end = std::min(lines.find('\n'), lines.size());
-  Json object = Json::parse(lines.substr(0, end), nullptr, false);
+  Json object = ReadJson(lines.substr(0, end));
   lines.remove_prefix(std::min(end + 1, lines.size()));
   return object.is_object() ? object : Json();
 }

@@ -8,6 +8,7 @@
 #include "arguments.h"
 #include "command_port.h"
 #include "console_view.h"
+#include "json_line.h"
 #include "output.h"
 #include "program.h"
 #include "selection.h"
@@ -15,8 +16,6 @@
 namespace zevctl {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 struct ControlOptions {
   std::vector<std::string> patterns;
@@ -197,7 +196,7 @@ class Control {
   }
 
   ExitStatus Print(bool json) const {
-    if (json) std::cout << EscapedJson(data_.dump()) << "\n";
+    if (json) std::cout << JsonLine(data_) << "\n";
     for (const auto& [done, line] : lines_) {
       if (!done) Warn(line);
       if (done && !json) std::cout << line << "\n";

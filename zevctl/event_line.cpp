@@ -1,6 +1,7 @@
 #include "event_line.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "output.h"
 
@@ -14,7 +15,7 @@ constexpr int kDeepest = 32;  // printing and destroying an object take stack fo
 std::string TextOf(const Event& object, const char* key) {
   const auto found = object.find(key);
   if (found == object.end() || found->is_null()) return "-";
-  return found->is_string() ? found->get<std::string>() : found->dump();
+  return found->is_string() ? found->get<std::string>() : JsonText(*found);
 }
 
 std::optional<std::string> Variable(const Event& event, const char* name) {
@@ -33,19 +34,14 @@ std::string WithoutLineEnd(std::string message) {
 std::string RepeatsOf(const Event& event) {
   const auto repeats = event.find("repeats");
   if (repeats == event.end() || !repeats->is_number_unsigned()) return {};
-  return " (" + repeats->dump() + " times)";
+  return " (" + JsonText(*repeats) + " times)";
 }
 
 }  // namespace
 
 std::optional<Event> ParseEvent(std::string_view line) {
-  bool too_deep = false;
-  const auto watch_depth = [&](int depth, Event::parse_event_t, const Event&) {
-    too_deep = too_deep || depth > kDeepest;
-    return !too_deep;
-  };
-  Event event = Event::parse(Utf8(line), watch_depth, /*allow_exceptions=*/false);
-  if (too_deep || !event.is_object()) return {};
+  Event event = ReadJson(Utf8(line), kDeepest);
+  if (!event.is_object()) return {};
   return event;
 }
 
@@ -90,7 +86,7 @@ std::string EventColumns::Padded(std::string text, size_t& width) {
 }
 
 std::string EventAsJson(const Event& event) {
-  return EscapedJson(event.dump());
+  return JsonLine(event);
 }
 
 void LineCutter::Add(std::string_view bytes, const Handler& line, const TooLongHandler& too_long) {

@@ -2,14 +2,15 @@
 #pragma once
 
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "json_line.h"
+
 namespace zevctl {
 
-using Event = nlohmann::ordered_json;
+using Event = Json;
 
 /// The event of one line, made valid UTF-8; nothing when the line is not a JSON object, or is
 /// nested so deeply that it must be meant to do harm.

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <list>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "arguments.h"

@@ -15,6 +15,7 @@
 #include "command_port.h"
 #include "console_view.h"
 #include "console_words.h"
+#include "json_line.h"
 #include "moment.h"
 #include "output.h"
 #include "program.h"
@@ -24,8 +25,6 @@
 namespace zevctl {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr std::chrono::milliseconds kWatchInterval{2000};
 
@@ -159,7 +158,7 @@ std::string Body(const Found& found, const ListOptions& options, bool json) {
   std::ostringstream text;
   if (json) {
     const Json data = options.names_only ? NamesAsJson(found.shown) : AsJson(found.shown);
-    text << EscapedJson(data.dump()) << "\n";
+    text << JsonLine(data) << "\n";
   } else if (options.names_only) {
     for (const ConsoleView& console : found.shown) text << Printable(console.name) << "\n";
   } else {
@@ -237,7 +236,7 @@ std::string News(const Found& found, const ListOptions& options) {
   if (!options.names_only) {
     for (Json& console : data) console.erase("last_output");
   }
-  return data.dump();
+  return JsonText(data);
 }
 
 void WatchInPipe(const Settings& settings, const ListOptions& options) {

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "json_line.h"
 #include "moment.h"
 #include "output.h"
 
@@ -76,12 +77,12 @@ void LogPrinter::TakeWithContext(const LogReader& log, const Record& record, boo
 // Every record gets a line of its own, even when it has no line end or another one.
 std::string LogPrinter::TextOf(const LogReader& log, const Record& record, bool is_match) const {
   if (style_.form == LogForm::kJson) {
-    nlohmann::ordered_json data;
-    data["time"] = record.time ? nlohmann::ordered_json(Rfc3339(*record.time)) : nullptr;
+    Json data;
+    data["time"] = record.time ? Json(Rfc3339(*record.time)) : nullptr;
     data["console"] = Utf8(record.console.empty() ? log.name() : record.console);
     data["text"] = Utf8(record.text);
     if (style_.context > 0) data["match"] = is_match;
-    return EscapedJson(data.dump()) + "\n";
+    return JsonLine(data) + "\n";
   }
   const std::string name =
       style_.name_width ? Padded(Harmless(log.name()), *style_.name_width) : "";

@@ -7,6 +7,7 @@
 #include "attendance.h"
 #include "command_port.h"
 #include "console_words.h"
+#include "json_line.h"
 #include "output.h"
 #include "program.h"
 #include "selection.h"
@@ -14,8 +15,6 @@
 namespace zevctl {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 /// A command connection for one question.
 class Station {
@@ -31,7 +30,7 @@ class Station {
 };
 
 void PrintJson(const Json& data) {
-  std::cout << EscapedJson(data.dump()) << "\n";
+  std::cout << JsonLine(data) << "\n";
 }
 
 void PrintTable(const Table& table) {

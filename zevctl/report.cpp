@@ -18,6 +18,7 @@
 #include "console_view.h"
 #include "console_words.h"
 #include "descriptor.h"
+#include "json_line.h"
 #include "output.h"
 #include "program.h"
 #include "program_run.h"
@@ -27,8 +28,6 @@
 namespace zevctl {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 constexpr size_t kLastMessages = 100;
 constexpr off_t kLogEnd = 65536;  // bytes of zevd.log that are looked at
@@ -84,9 +83,9 @@ Lines Daemon(const Settings& settings) try {
   Credentials nobody = Credentials::Unasked();
   CommandPort port(settings, nobody);
   Lines lines = Counted(ViewConsoles(port));
-  const Json stats = Json::parse(port.JsonLines("stats"), nullptr, false);
+  const Json stats = ReadJson(port.JsonLines("stats"));
   if (!stats.is_object()) return lines;
-  for (const auto& [key, value] : stats.items()) lines.push_back(key + ": " + value.dump());
+  for (const auto& [key, value] : stats.items()) lines.push_back(key + ": " + JsonText(value));
   return lines;
 } catch (const Failure& failure) {
   return {std::string("it was not asked: ") + failure.what()};
@@ -178,7 +177,7 @@ ExitStatus Report(const Settings& settings) {
     for (const std::string& line : lines) std::cout << Printable(line) << "\n";
     std::cout << "\n";
   }
-  if (settings.json) std::cout << EscapedJson(data.dump()) << "\n";
+  if (settings.json) std::cout << JsonLine(data) << "\n";
   return ExitStatus::kOk;
 }
 

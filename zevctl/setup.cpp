@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "arguments.h"
+#include "json_line.h"
 #include "output.h"
 #include "program.h"
 #include "rights.h"
@@ -15,8 +16,6 @@
 namespace zevctl {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 struct SetupOptions {
   std::vector<std::string> users;
@@ -72,7 +71,7 @@ void PrintSteps(const Rights& rights, bool json) {
       std::cout << Printable(step.text) << "\n";
     }
   }
-  if (json) std::cout << EscapedJson(data.dump()) << "\n";
+  if (json) std::cout << JsonLine(data) << "\n";
 }
 
 void TellWhatIsNext(const Rights& rights, const std::vector<std::string>& users) {
