@@ -94,10 +94,6 @@ Option Command::AddOption(const std::string& names, std::string& value, const st
   return Option(*app_->add_option(names, value, help));
 }
 
-Option Command::AddOption(const std::string& names, int& value, const std::string& help) {
-  return Option(*app_->add_option(names, value, help));
-}
-
 Option Command::AddOption(const std::string& names, uint16_t& value, const std::string& help) {
   return Option(*app_->add_option(names, value, help));
 }

@@ -73,7 +73,6 @@ class Command {
   // Names without dashes, like "NAME", are those of an argument that is known by its place. The
   // value keeps what it has when none is given. A list takes one value or more.
   Option AddOption(const std::string& names, std::string& value, const std::string& help);
-  Option AddOption(const std::string& names, int& value, const std::string& help);
   Option AddOption(const std::string& names, uint16_t& value, const std::string& help);
   Option AddOption(const std::string& names, size_t& value, const std::string& help);
   Option AddOption(const std::string& names, double& value, const std::string& help);
