@@ -62,10 +62,17 @@ def is_test(source: Path) -> bool:
 
 
 def flags_of(command: str) -> list[str]:
-    """The command without the compiler's name, the output and the request to write one."""
+    """The command without the compiler's name, the output and the request to write one.
+
+    Nor is a precompiled header included: every source must include what it needs.
+    """
     words = shlex.split(command)[1:]
     output = words.index("-o")
-    return [word for word in words[:output] + words[output + 2:] if word != "-c"]
+    del words[output:output + 2]
+    for i in reversed([i for i, word in enumerate(words) if word == "-include"]):
+        if words[i + 1].endswith("/cmake_pch.hxx"):
+            del words[i:i + 2]
+    return [word for word in words if word not in ("-c", "-Winvalid-pch")]
 
 
 def check(source: Path, entry: dict, database: Path) -> list[str]:
