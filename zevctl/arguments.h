@@ -91,7 +91,7 @@ class Command {
   /// What main() runs when the line names this command.
   void SetAction(Program& program, std::function<ExitStatus()> action);
 
-  // ---- What was declared and parsed, for completion and for messages ----
+  // What was declared and parsed, for completion and for messages.
 
   std::string name() const;
   std::vector<Command> Commands() const;
