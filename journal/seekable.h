@@ -58,7 +58,7 @@ class SeekableSegment : public SegmentSource {
   struct Context;
 
   void ReadTable();
-  void ReadChecksums();
+  void ReadChecksums(uint64_t file_offset, uint32_t file_length);
 
   int fd_;
   std::vector<Frame> frames_;

@@ -15,15 +15,17 @@ namespace journal {
 /// Goes through a segment from some place to an end. Belongs to one thread.
 ///
 /// Behind bytes that are no record, the next record is where the damaged one says that it ends, or
-/// else the first sound one with a higher running number: a console's output may hold bytes that
-/// look like a record.
+/// else the first sound one whose running number fits: a console's output may hold bytes that look
+/// like a record.
 class SegmentScan {
  public:
   /// What Next() came upon.
   enum class Found { kRecord, kDamage, kEnd };
 
-  /// `begin`: where a record starts. `end`: behind the last byte to be read.
-  SegmentScan(SegmentSource& source, uint64_t begin, uint64_t end);
+  /// `begin`: where a record starts. `end`: behind the last byte to be read. `number`: the running
+  /// number that the first record should have, if that is known.
+  SegmentScan(SegmentSource& source, uint64_t begin, uint64_t end,
+              std::optional<uint64_t> number = {});
 
   /// Throws what the source throws.
   Found Next();
@@ -35,21 +37,19 @@ class SegmentScan {
 
  private:
   std::string_view BytesAt(uint64_t offset);
-  std::optional<RecordHeader> RecordAt(uint64_t offset);
   uint64_t EndOfDamage(uint64_t begin);
-  bool IsLater(const RecordHeader& header) const;
+  bool Continues(uint64_t damage, uint64_t offset);
 
   SegmentSource& source_;
   uint64_t end_;
   uint64_t offset_ = 0;
   uint64_t length_ = 0;
-  uint64_t next_;  // where to go on
-  std::optional<uint64_t> last_number_;
+  uint64_t next_;                   // where to go on
+  std::optional<uint64_t> number_;  // of the next record
   RecordHeader header_;
   std::string_view payload_;
   std::string buffer_;
   uint64_t buffer_offset_ = 0;
-  uint64_t buffer_length_ = 0;
 };
 
 /// The index of a whole segment. `station` and `segment` are those that it should have: with
