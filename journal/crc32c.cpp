@@ -68,11 +68,16 @@ const bool kHasInstruction = __builtin_cpu_supports("sse4.2") != 0;
 }  // namespace
 
 uint32_t Crc32c(const void* bytes, size_t size, uint32_t before) {
-  const auto* data = static_cast<const unsigned char*>(bytes);
 #if defined(__x86_64__)
-  if (kHasInstruction) return ~ByInstruction(data, size, ~before);
+  if (kHasInstruction) {
+    return ~ByInstruction(static_cast<const unsigned char*>(bytes), size, ~before);
+  }
 #endif
-  return ~ByTables(data, size, ~before);
+  return Crc32cByTables(bytes, size, before);
+}
+
+uint32_t Crc32cByTables(const void* bytes, size_t size, uint32_t before) {
+  return ~ByTables(static_cast<const unsigned char*>(bytes), size, ~before);
 }
 
 }  // namespace journal

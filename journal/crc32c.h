@@ -11,4 +11,7 @@ namespace journal {
 /// Uses the processor's instruction where it has one.
 uint32_t Crc32c(const void* bytes, size_t size, uint32_t before = 0);
 
+/// The same without that instruction.
+uint32_t Crc32cByTables(const void* bytes, size_t size, uint32_t before = 0);
+
 }  // namespace journal
