@@ -61,16 +61,20 @@ bool CursorBase::OpenFile() {
 bool CursorBase::IsFileOfSegment() {
   std::array<char, kSegmentHeaderSize> bytes{};
   const size_t count = opened_.source->ReadAt(0, bytes);
+  const SegmentIndex& index = segment_->index();
   SegmentHeader header;
   const HeaderFault fault = DecodeSegmentHeader({bytes.data(), count}, &header);
   if (fault != HeaderFault::kNone) {
     NoteDamage(0, kSegmentHeaderSize, "has a damaged header");
-    return true;
+  } else if (header.station != index.header.station || header.segment != index.header.segment) {
+    opened_.reason = "is another segment under this name";
+    return false;
   }
-  const SegmentHeader& indexed = segment_->index().header;
-  if (header.station == indexed.station && header.segment == indexed.segment) return true;
-  opened_.reason = "is another segment under this name";
-  return false;
+  const uint64_t size = opened_.source->Size();
+  if (size < index.size && !segment_->may_grow) {
+    NoteDamage(size, index.size - size, "has become shorter");
+  }
+  return true;
 }
 
 void CursorBase::NoteDamage(uint64_t offset, uint64_t bytes, const std::string& reason) {

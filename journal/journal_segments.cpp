@@ -25,7 +25,7 @@ std::string ReadAll(SegmentSource& source, uint64_t size) {
 }
 
 // The daemon writes a record's bytes in their order: while only a part of them is there, the rest
-// may come.
+// may come, and the inside of that part may look like a record.
 bool MayBecomeRecord(SegmentSource& source, uint64_t offset, uint64_t end) {
   if (end - offset < kRecordHeaderSize) return true;
   std::array<char, sizeof(uint32_t)> bytes{};
@@ -42,8 +42,9 @@ void Grow(SegmentIndexBuilder& builder, SegmentSource& source, bool may_grow) {
   for (auto found = scan.Next(); found != SegmentScan::Found::kEnd; found = scan.Next()) {
     if (found == SegmentScan::Found::kRecord) {
       builder.AddRecord(scan.header(), scan.payload());
-    } else if (may_grow && MayBecomeRecord(source, scan.offset(), end)) {
-      return;
+    } else if (may_grow && (scan.offset() + scan.length() == end ||
+                            MayBecomeRecord(source, scan.offset(), end))) {
+      return;  // where the damage ends shows later
     } else {
       builder.AddDamage(scan.length());
     }

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "console_names.h"
-#include "journal_directory.h"
 #include "journal_encode.h"
+#include "segment_directory.h"
 #include "segment_index.h"
 #include "segment_source.h"
 
@@ -72,7 +72,7 @@ class JournalSegments {
   void Finish(Segment& segment);
   void ThrowUnlessReadable() const;
 
-  JournalDirectory directory_;
+  SegmentDirectory directory_;
   std::optional<uint64_t> station_;
   ConsoleNames names_;
   Map segments_;

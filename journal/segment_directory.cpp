@@ -1,4 +1,4 @@
-#include "journal_directory.h"
+#include "segment_directory.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -72,14 +72,20 @@ void AddTo(std::map<uint64_t, SegmentFiles>& segments, std::string_view name) {
   }
 }
 
+// With a slash at its end the path of a link would be that of its target.
+std::string WithoutSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
 }  // namespace
 
 File::~File() {
   if (fd_ >= 0) close(fd_);
 }
 
-JournalDirectory::JournalDirectory(const std::string& path) : path_(path) {
-  directory_ = File(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+SegmentDirectory::SegmentDirectory(const std::string& path) : path_(WithoutSlashes(path)) {
+  directory_ = File(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory_) throw ErrorOfSystem(path, errno);
   struct stat info {};
   if (fstat(directory_.get(), &info) != 0) throw ErrorOfSystem(path, errno);
@@ -89,7 +95,7 @@ JournalDirectory::JournalDirectory(const std::string& path) : path_(path) {
   owner_ = info.st_uid;
 }
 
-std::map<uint64_t, SegmentFiles> JournalDirectory::List() const {
+std::map<uint64_t, SegmentFiles> SegmentDirectory::List() const {
   // A description of its own: each listing begins at the beginning.
   const int fd = openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) throw ErrorOfSystem(path_, errno);
@@ -109,7 +115,7 @@ std::map<uint64_t, SegmentFiles> JournalDirectory::List() const {
   return segments;
 }
 
-OpenedFile JournalDirectory::OpenName(const std::string& name) const {
+OpenedFile SegmentDirectory::OpenName(const std::string& name) const {
   OpenedFile opened;
   // A pipe that someone has put there would make the opening wait.
   constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
@@ -132,11 +138,11 @@ OpenedFile JournalDirectory::OpenName(const std::string& name) const {
   return opened;
 }
 
-OpenedFile JournalDirectory::Open(uint64_t segment, FileKind kind) const {
+OpenedFile SegmentDirectory::Open(uint64_t segment, FileKind kind) const {
   return OpenName(NameOf(segment, kind));
 }
 
-std::optional<uint64_t> JournalDirectory::Station() const {
+std::optional<uint64_t> SegmentDirectory::Station() const {
   const OpenedFile id = OpenName("id");
   if (!id.file) return {};
   std::array<char, 32> bytes{};

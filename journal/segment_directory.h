@@ -49,10 +49,10 @@ struct OpenedFile {
   std::string reason;       ///< why it is not opened, when it is there
 };
 
-class JournalDirectory {
+class SegmentDirectory {
  public:
   /// Throws JournalError.
-  explicit JournalDirectory(const std::string& path);
+  explicit SegmentDirectory(const std::string& path);
 
   const std::string& path() const { return path_; }
 
