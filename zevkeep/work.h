@@ -1,0 +1,62 @@
+// What the steps of one pass share.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "chain.h"
+#include "segment_store.h"
+
+namespace zevkeep {
+
+/// Tells the operator and the system's log.
+class Teller {
+ public:
+  explicit Teller(bool verbose) : verbose_(verbose) {}
+
+  /// On standard output, if it was asked for.
+  void Detail(const std::string& text) const;
+  /// On standard error: something could not be done. The pass goes on.
+  void Problem(const std::string& text);
+  /// To the system's log, where who may write to the journal's directory cannot change it.
+  static void Record(int priority, const std::string& text);
+
+  size_t problems() const { return problems_; }
+
+ private:
+  bool verbose_;
+  size_t problems_ = 0;
+};
+
+struct Work {
+  const journal::SegmentStore& store;
+  Teller& tell;
+  bool dry_run = false;
+  uint64_t station = 0;
+  journal::Chain chain = {};
+  bool disk_was_full = false;
+
+  // What has been done.
+  size_t sealed = 0;
+  size_t compressed = 0;
+  size_t removed = 0;
+};
+
+/// A problem with a segment: notes a full disk, and tells what to do about it. `error`: the
+/// system's number.
+void TellFailure(Work& work, const std::string& what, int error);
+
+// The steps. Each tells what it cannot do and leaves it for the next pass.
+
+/// Finds the chain's ends, and finishes what an earlier pass has begun. False when nothing may be
+/// done until somebody has looked.
+bool LoadChain(Work& work);
+void SealSegments(Work& work);
+void CompressSegments(Work& work);
+
+struct Limits;
+/// Removes sealed segments beyond the limits, the oldest first, but never the newest segment: where
+/// it ends, the daemon goes on.
+void RemoveSegments(Work& work, const Limits& limits, int64_t now);
+
+}  // namespace zevkeep
