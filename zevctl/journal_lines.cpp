@@ -52,24 +52,9 @@ bool LineBytes::TakeText(char byte) {
 
 // ---- Lines of many consoles ---------------------------------------------------------------------
 
-bool InterruptsOutput(Kind kind) {
-  switch (kind) {
-    case Kind::kLost:
-    case Kind::kPaused:
-    case Kind::kNotLogged:
-    case Kind::kGap:
-    case Kind::kStarted:
-    case Kind::kStopped:
-    case Kind::kTorn:
-      return true;
-    default:
-      return false;
-  }
-}
-
 void LineAssembler::Take(const journal::Record& record) {
   if (record.header.kind != Kind::kOutput) {
-    if (!InterruptsOutput(record.header.kind)) return;
+    if ((journal::KindBit(record.header.kind) & kInterruptions) == 0) return;
     if (!record.console) return Finish();
     const auto place = lines_.find(*record.console);
     if (place != lines_.end()) HandOverRest(place);

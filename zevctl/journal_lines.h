@@ -15,6 +15,13 @@ namespace zevctl {
 /// In bytes. A longer line is taken in pieces of this length.
 constexpr size_t kLongestPrintedLine = 16384;
 
+/// The kinds of records that interrupt a console's output, or may do so.
+inline constexpr journal::Kinds kInterruptions =
+    journal::KindBit(journal::Kind::kLost) | journal::KindBit(journal::Kind::kPaused) |
+    journal::KindBit(journal::Kind::kNotLogged) | journal::KindBit(journal::Kind::kGap) |
+    journal::KindBit(journal::Kind::kStarted) | journal::KindBit(journal::Kind::kStopped) |
+    journal::KindBit(journal::Kind::kTorn);
+
 /// A line, or a piece of one.
 struct PrintedLine {
   size_t console = 0;          ///< a Console's id
@@ -84,8 +91,5 @@ class LineAssembler {
   HeadFinder head_;
   std::map<size_t, Line> lines_;
 };
-
-/// Whether a record of this kind interrupts a console's output, or may do so.
-bool InterruptsOutput(journal::Kind kind);
 
 }  // namespace zevctl

@@ -242,12 +242,6 @@ std::string StampJson(int64_t wall) {
   return Formatted("%Y-%m-%dT%H:%M:%S", fields) + Digits(moment.nanoseconds, 9) + "Z";
 }
 
-std::string Harmless(std::string_view text) {
-  std::string shown(text);
-  std::replace(shown.begin(), shown.end(), '\t', ' ');
-  return Printable(shown);
-}
-
 std::string DurationText(int64_t nanoseconds) {
   struct Unit {
     int64_t seconds;

@@ -16,9 +16,6 @@ std::string StampText(int64_t wall);
 /// The same in the form of RFC 3339, in UTC, with nanoseconds.
 std::string StampJson(int64_t wall);
 
-/// A text on one line that is safe for a terminal; a tab becomes a blank.
-std::string Harmless(std::string_view text);
-
 /// How long it was, in words such as "2 minutes".
 std::string DurationText(int64_t nanoseconds);
 

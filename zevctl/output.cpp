@@ -143,6 +143,12 @@ std::string Printable(std::string_view text) {
   });
 }
 
+std::string Harmless(std::string_view text) {
+  std::string shown(text);
+  std::replace(shown.begin(), shown.end(), '\t', ' ');
+  return Printable(shown);
+}
+
 std::string EscapedJson(std::string_view json) {
   return Map(json, kReplacement, [](std::string_view character) {
     return IsHarmful(character) ? JsonEscape(character) : std::string(character);

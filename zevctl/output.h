@@ -23,6 +23,9 @@ size_t TerminalWidth();
 /// paragraphs. Everything that a console or a stranger may have chosen is shown in this form.
 std::string Printable(std::string_view text);
 
+/// The same with a blank in place of each tab, which is harmless and common in what consoles print.
+std::string Harmless(std::string_view text);
+
 /// The text as valid UTF-8 for JSON: U+FFFD stands for every byte that is not part of a character.
 std::string Utf8(std::string_view text);
 
