@@ -73,8 +73,9 @@ constexpr char kFile[] = "<file>";  // asks the shell to offer names of files
 
 // Commands whose first argument is the name of a console, and those all of whose arguments are.
 const std::set<std::string> kOneName = {"attach", "msg"};
-const std::set<std::string> kNames = {"clear",  "disable", "enable", "force", "reconnect",
-                                      "holder", "list",    "log",    "ports", "who"};
+const std::set<std::string> kNames = {"clear",     "disable", "enable", "force",
+                                      "reconnect", "history", "holder", "list",
+                                      "log",       "ports",   "who"};
 
 // Commands of "config" whose argument is a file.
 const std::set<std::string> kFileNames = {"check", "import"};
@@ -86,6 +87,7 @@ const std::map<std::string, Words> kValues = {
     {"--cookie-file", {kFile}},
     {"--events-dir", {kFile}},
     {"--format", {"toml", "conf"}},
+    {"--journal-dir", {kFile}},
     {"--log-dir", {kFile}},
     {"--output", {kFile}},
     {"--socket", {kFile}},

@@ -39,6 +39,17 @@ class Choice {
  public:
   explicit Choice(const Consoles& consoles) : consoles_(consoles) {}
 
+  /// What one word means. Who is meant by the present name need not be told of an earlier one.
+  void Add(const Names& names) {
+    meant_ = {names.begin(), names.end()};
+    for (const std::string& name : names) Add(name);
+  }
+
+  ChosenConsoles Result(bool by_name) {
+    return {{ids_.begin(), ids_.end()}, {names_.begin(), names_.end()}, remarks_, by_name};
+  }
+
+ private:
   void Add(const std::string& name) {
     names_.insert(name);
     const bool is_taken = std::any_of(consoles_.begin(), consoles_.end(),
@@ -53,11 +64,6 @@ class Choice {
     }
   }
 
-  ChosenConsoles Result(bool by_name) {
-    return {{ids_.begin(), ids_.end()}, {names_.begin(), names_.end()}, remarks_, by_name};
-  }
-
- private:
   void Take(const journal::Console& console, const std::string& name) {
     ids_.insert(console.id);
     for (const journal::ConsoleName& known : console.names) names_.insert(known.name);
@@ -65,6 +71,7 @@ class Choice {
   }
 
   void Remark(const journal::Console& console, const std::string& name, const std::string& when) {
+    if (meant_.contains(console.name())) return;
     const std::string remark = Printable(console.name()) + " was called " + Printable(name) + when;
     if (std::find(remarks_.begin(), remarks_.end(), remark) == remarks_.end()) {
       remarks_.push_back(remark);
@@ -72,6 +79,7 @@ class Choice {
   }
 
   const Consoles& consoles_;
+  std::set<std::string> meant_;
   std::set<size_t> ids_;
   std::set<std::string> names_;
   Names remarks_;
@@ -87,7 +95,7 @@ ChosenConsoles ChooseConsoles(const Consoles& consoles, const Names& typed,
   for (const std::string& word : typed) {
     const FoundNames found = Meant(names, word);
     by_name = by_name && found.by_name;
-    for (const std::string& name : found.names) choice.Add(name);
+    choice.Add(found.names);
   }
   return choice.Result(by_name);
 }

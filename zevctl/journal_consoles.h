@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "journal.h"
+#include "journal/journal.h"
 
 namespace zevctl {
 

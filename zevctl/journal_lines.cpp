@@ -50,6 +50,10 @@ bool LineBytes::TakeText(char byte) {
   return false;
 }
 
+bool TellsOfLoss(Kind kind) {
+  return kind == Kind::kGap || kind == Kind::kPaused || kind == Kind::kTorn;
+}
+
 // ---- Lines of many consoles ---------------------------------------------------------------------
 
 void LineAssembler::Take(const journal::Record& record) {

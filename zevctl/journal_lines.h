@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "journal.h"
+#include "journal/journal.h"
 
 namespace zevctl {
 
@@ -21,6 +21,9 @@ inline constexpr journal::Kinds kInterruptions =
     journal::KindBit(journal::Kind::kNotLogged) | journal::KindBit(journal::Kind::kGap) |
     journal::KindBit(journal::Kind::kStarted) | journal::KindBit(journal::Kind::kStopped) |
     journal::KindBit(journal::Kind::kTorn);
+
+/// Whether something is missing there; what tells the end of a pause does not count again.
+bool TellsOfLoss(journal::Kind kind);
 
 /// A line, or a piece of one.
 struct PrintedLine {

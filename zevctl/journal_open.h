@@ -5,7 +5,7 @@
 #include <string>
 
 #include "exit_status.h"
-#include "journal.h"
+#include "journal/journal.h"
 
 namespace zevctl {
 

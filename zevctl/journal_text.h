@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "journal.h"
+#include "journal/journal.h"
 
 namespace zevctl {
 

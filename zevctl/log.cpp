@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <memory>
 #include <optional>
 
@@ -136,7 +135,7 @@ class LogCommand {
   }
 
   ExitStatus Run() {
-    if (options_.follow) EndBySignals();
+    if (options_.follow) EndBySignals();  // no output is held back
     UseAllDescriptors();
     std::vector<LogDirectory> directories = OpenLogDirectories(options_.log_dir);
     const LogNames existing = NamesIn(directories);
@@ -161,7 +160,6 @@ class LogCommand {
   void GoToFirst(LogReaders& readers) const;
   void ShowHistory(LogReaders& readers);
   [[noreturn]] void Follow(Follower& follower);
-  static void EndBySignals();
 
   const LogOptions& options_;
   LogForm form_;
@@ -223,15 +221,6 @@ void LogCommand::Follow(Follower& follower) {
     if (poll(&output, 1, kTickInterval.count()) > 0 && ReaderHasGone(output.revents)) {
       throw ReaderGone();
     }
-  }
-}
-
-// There is nothing to clean up, and no output is held back. So a signal may end the program at any
-// time, even while the output is blocked.
-void LogCommand::EndBySignals() {
-  for (const int number : {SIGINT, SIGTERM}) {
-    const auto before = signal(number, [](int) { _exit(static_cast<int>(ExitStatus::kOk)); });
-    if (before == SIG_IGN) signal(number, SIG_IGN);
   }
 }
 

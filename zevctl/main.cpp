@@ -63,6 +63,7 @@ void DeclareCommands(Command& app, Program& program) {
   AddControlCommands(app, program);
   AddAttachCommand(app, program);
   AddLogCommand(app, program);
+  AddHistoryCommand(app, program);
   AddEventsCommand(app, program);
   AddConfigCommand(app, program);
   AddSetupCommand(app, program);

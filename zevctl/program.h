@@ -25,6 +25,7 @@ void AddControlCommands(Command& app,
                         Program& program);  ///< clear, disable, enable, msg, force, reconnect
 void AddAttachCommand(Command& app, Program& program);
 void AddLogCommand(Command& app, Program& program);
+void AddHistoryCommand(Command& app, Program& program);
 void AddEventsCommand(Command& app, Program& program);
 void AddConfigCommand(Command& app, Program& program);
 void AddSetupCommand(Command& app, Program& program);

@@ -40,6 +40,13 @@ void StandardOutput::Write(size_t most) {
   written_ = 0;
 }
 
+void EndBySignals() {
+  for (const int number : {SIGINT, SIGTERM}) {
+    const auto before = signal(number, [](int) { _exit(static_cast<int>(ExitStatus::kOk)); });
+    if (before == SIG_IGN) signal(number, SIG_IGN);
+  }
+}
+
 bool ReaderHasGone(short poll_result) {
   return (poll_result & (POLLERR | POLLHUP | POLLNVAL)) != 0;
 }

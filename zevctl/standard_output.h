@@ -35,6 +35,10 @@ class StandardOutput {
   size_t written_ = 0;  // bytes at its front that are done with
 };
 
+/// For output without an end: from here on SIGINT and SIGTERM end the program with status 0 at any
+/// time, even while the output is blocked; nothing is cleaned up. What was ignored stays so.
+void EndBySignals();
+
 /// True when poll() tells that nobody reads standard output any more.
 bool ReaderHasGone(short poll_result);
 
