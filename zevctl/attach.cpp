@@ -6,13 +6,16 @@
 #include <cstdlib>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <thread>
 #include <utility>
 
 #include "arguments.h"
+#include "attach_history.h"
 #include "command_port.h"
 #include "console_words.h"
 #include "escape.h"
+#include "journal_open.h"
 #include "login.h"
 #include "name_match.h"
 #include "output.h"
@@ -30,6 +33,8 @@ constexpr std::chrono::seconds kRetryPause{2};
 constexpr size_t kLongestName = 64;                 // the daemon cuts what is longer
 constexpr std::string_view kReservedName = "@@@@";  // makes a connection a command port
 
+constexpr size_t kMostHistory = 10'000;
+
 constexpr int kNotFound = 4;
 constexpr int kNotAccessible = 5;
 constexpr int kDisabled = 12;
@@ -39,6 +44,8 @@ struct AttachOptions {
   std::string mode = "sh";
   std::string escape = "~";
   bool retry = false;
+  size_t history = 0;  // lines
+  std::string journal_dir = DefaultJournalDirectory();
 };
 
 /// Somebody cut the user off. Attaching again would defeat that, and two users could go on taking
@@ -110,9 +117,16 @@ class Attachment {
 };
 
 ExitStatus Attachment::AttachOnce() {
+  std::optional<AttachHistory> history;
+  const bool is_first = begun_ == 0;
+  if (is_first && options_.history > 0) {
+    history.emplace(settings_, options_.journal_dir, options_.history);
+  }
   Opening opening = OpenNamed();
   known_ = true;
   told_.clear();
+  if (history) history->Show(session_.console, opening);
+  history.reset();
   const SessionResult result = RunAll(std::move(opening));
   if (result.end == SessionEnd::kSignal) EndBySignal(result.signal);
   if (result.end == SessionEnd::kHungUp) {
@@ -264,6 +278,11 @@ void AddAttachCommand(Command& app, Program& program) {
       .ShowDefault();
   command.AddFlag("--retry", options->retry,
                   "Attach again when the console or the daemon comes back");
+  command
+      .AddOption("--history", options->history,
+                 "Show so many of the lines before, from the journal")
+      .InRange(size_t{0}, kMostHistory);
+  command.AddOption("--journal-dir", options->journal_dir, kJournalDirHelp).ShowDefault();
   command.SetAction(program,
                     [options, &program] { return Attachment(program.settings, *options).Run(); });
 }
