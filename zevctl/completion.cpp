@@ -73,9 +73,9 @@ constexpr char kFile[] = "<file>";  // asks the shell to offer names of files
 
 // Commands whose first argument is the name of a console, and those all of whose arguments are.
 const std::set<std::string> kOneName = {"attach", "msg"};
-const std::set<std::string> kNames = {"clear",     "disable", "enable", "force",
-                                      "reconnect", "history", "holder", "list",
-                                      "log",       "ports",   "who"};
+const std::set<std::string> kNames = {"clear",   "disable",   "enable", "force",
+                                      "history", "holder",    "list",   "log",
+                                      "ports",   "reconnect", "who"};
 
 // Commands of "config" whose argument is a file.
 const std::set<std::string> kFileNames = {"check", "import"};

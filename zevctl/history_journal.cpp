@@ -175,8 +175,9 @@ std::string JournalPart::HeadOf(const journal::Record& record) {
   const auto cursor = journal_.Read(query);
   std::string head;
   journal::Record before;
-  for (size_t count = 0; count < kLongestHead && cursor->Next(&before); ++count) {
-    if (before.position < begin_) return HeadBeforeJournal(*record.console) + head;
+  for (size_t count = 0; count < kLongestHead; ++count) {
+    const bool is_first = !cursor->Next(&before) || before.position < begin_;
+    if (is_first) return HeadBeforeJournal(*record.console) + head;
     if (before.header.kind != Kind::kOutput) return head;
     head.insert(0, before.payload);
     if (EndsLine(before.payload)) return head;
