@@ -117,7 +117,7 @@ void AttachHistory::ShowFor(size_t console, Opening& opening) {
     piece->payload.resize(piece->payload.size() - count);
     left -= count;
   }
-  Print(console, pieces);
+  opening.shown = Print(console, pieces);
 }
 
 // ---- The moment of attaching --------------------------------------------------------------------
@@ -215,8 +215,8 @@ std::string AttachHistory::After(size_t console, const Position& place) const {
   return telnet.TakeText();
 }
 
-// A line in the making is what the session goes on with.
-void AttachHistory::Print(size_t console, const Pieces& pieces) const {
+// Returns the line in the making, with which the session goes on.
+std::string AttachHistory::Print(size_t console, const Pieces& pieces) const {
   std::deque<std::string> shown;
   const auto show = [&](std::string text) {
     shown.push_back(std::move(text));
@@ -236,11 +236,12 @@ void AttachHistory::Print(size_t console, const Pieces& pieces) const {
     show("* " + StampText(piece.header.wall) + " " + Harmless(RecordText(record)) + "\n");
   }
   assembler.Finish();
-  if (shown.empty()) return;
+  if (shown.empty()) return "";
   Announce("zevctl: What was printed before, up to here:");
   StandardOutput output;
   for (const std::string& text : shown) output.Add(text);
   output.Flush();
+  return shown.back().ends_with('\n') ? "" : shown.back();
 }
 
 }  // namespace zevctl

@@ -43,7 +43,7 @@ class AttachHistory {
   std::string After(size_t console, const journal::Position& place) const;
   size_t AwaitSeam(size_t console, const journal::Position& place, const std::string& before,
                    Opening& opening);
-  void Print(size_t console, const Pieces& pieces) const;
+  std::string Print(size_t console, const Pieces& pieces) const;
 
   const Settings& settings_;
   std::string directory_;

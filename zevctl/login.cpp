@@ -127,7 +127,7 @@ class Login {
       Answer(step);
     }
     ThrowIfRefused(socket_, received_);
-    return {std::move(socket_), std::move(received_)};
+    return {std::move(socket_), std::move(received_), {}};
   }
 
  private:

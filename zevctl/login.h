@@ -108,6 +108,7 @@ class LoginDialogue {
 struct Opening {
   Socket socket;
   std::string received;  ///< at least one byte
+  std::string shown;     ///< what the terminal shows already of the line that goes on
 };
 
 /// A connection to the main port on which nothing has been sent.

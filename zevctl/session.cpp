@@ -60,6 +60,7 @@ class Session {
     } else {
       errors_.Add(PlainGreeting());
     }
+    notes_.Follow(opening.shown);
     TakeFromDaemon(opening.received);
   }
 

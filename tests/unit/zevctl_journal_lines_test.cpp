@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "journal_fields.h"
+#include "journal/journal_fields.h"
 #include "journal_lines.h"
 #include "journal_text.h"
 
