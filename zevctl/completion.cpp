@@ -14,6 +14,7 @@
 #include <optional>
 #include <set>
 
+#include "acts.h"
 #include "arguments.h"
 #include "command_port.h"
 #include "console_words.h"
@@ -73,9 +74,12 @@ constexpr char kFile[] = "<file>";  // asks the shell to offer names of files
 
 // Commands whose first argument is the name of a console, and those all of whose arguments are.
 const std::set<std::string> kOneName = {"attach", "msg"};
-const std::set<std::string> kNames = {"clear",   "disable",   "enable", "force",
-                                      "history", "holder",    "list",   "log",
-                                      "ports",   "reconnect", "who"};
+const std::set<std::string> kNames = {"audit",  "clear",     "disable",  "enable", "force",
+                                      "health", "history",   "holder",   "list",   "log",
+                                      "ports",  "reconnect", "rehearse", "who"};
+
+// Those of them whose first argument is a file.
+const std::set<std::string> kFileThenNames = {"rehearse"};
 
 // Commands of "config" whose argument is a file.
 const std::set<std::string> kFileNames = {"check", "import"};
@@ -84,6 +88,7 @@ const std::set<std::string> kFileNames = {"check", "import"};
 const std::map<std::string, Words> kValues = {
     {"--mode", {"ro", "sh", "ex", "er"}},
     {"--state", StateChoices()},
+    {"--what", WordsOfActs()},
     {"--cookie-file", {kFile}},
     {"--events-dir", {kFile}},
     {"--format", {"toml", "conf"}},
@@ -199,6 +204,7 @@ Words ConsoleNames(const Settings& settings) {
 bool AwaitsName(const Line& line) {
   if (!line.command() || !line.awaited().empty()) return false;
   const std::string name = line.command()->name();
+  if (kFileThenNames.contains(name)) return line.arguments() > 0;
   return kOneName.contains(name) ? line.arguments() == 0 : kNames.contains(name);
 }
 
@@ -207,6 +213,7 @@ Words Arguments(const Line& line) {
   if (HasCommands(*line.command())) return CommandNames(*line.command());
   if (name == "completion") return {"bash", "zsh"};
   if (kFileNames.contains(name)) return line.arguments() == 0 ? Words{kFile} : Words();
+  if (kFileThenNames.contains(name) && line.arguments() == 0) return {kFile};
   return AwaitsName(line) ? ConsoleNames(line.settings()) : Words();
 }
 
@@ -219,9 +226,9 @@ Words Candidates(const Command& app, const Line& line, const std::string& curren
   return line.command() ? Arguments(line) : CommandNames(app);
 }
 
-// Several states may stand in one word.
+// Several states or acts may stand in one word.
 std::string PartThatIsDone(const Line& line, const std::string& current) {
-  if (line.awaited() != "--state") return "";
+  if (line.awaited() != "--state" && line.awaited() != "--what") return "";
   return current.substr(0, current.rfind(',') + 1);
 }
 

@@ -65,6 +65,8 @@ void DeclareCommands(Command& app, Program& program) {
   AddLogCommand(app, program);
   AddHistoryCommand(app, program);
   AddEventsCommand(app, program);
+  AddRehearseCommand(app, program);
+  AddAuditCommand(app, program);
   AddConfigCommand(app, program);
   AddSetupCommand(app, program);
   AddReportCommand(app, program);

@@ -1,0 +1,51 @@
+#include "past_time.h"
+
+#include <ctime>
+
+#include "journal_open.h"
+#include "moment.h"
+#include "output.h"
+
+namespace zevctl {
+
+namespace {
+
+std::optional<time_t> Moment(const std::string& option, const std::string& text, time_t now) {
+  if (text.empty()) return {};
+  const auto moment = ParseMoment(text, now);
+  if (moment) return moment;
+  throw Failure(ExitStatus::kUsage,
+                option + ": \"" + Printable(text) + "\" is no time; write " + kMomentForms);
+}
+
+}  // namespace
+
+// The end's whole second belongs to the range.
+PastRange ReadRange(const std::string& since, const std::string& until) {
+  const time_t now = time(nullptr);
+  const auto begin = Moment("--since", since, now);
+  const auto end = Moment("--until", until, now);
+  if (begin && end && *begin > *end) {
+    throw Failure(ExitStatus::kUsage, "--since is later than --until; exchange them");
+  }
+  PastRange range;
+  if (begin) range.since = *begin * kSecondInNanoseconds;
+  if (end) range.until = (*end + 1) * kSecondInNanoseconds - 1;
+  return range;
+}
+
+void WarnOfDamage(const journal::Cursor& cursor) {
+  for (const journal::Damage& damage : cursor.damages()) {
+    Warn("the journal is damaged at " + journal::PositionText(damage.position) + ": " +
+         Printable(damage.reason) + "; \"zevctl journal verify\" tells more");
+  }
+}
+
+ExitStatus WithJournalErrors(const std::string& directory,
+                             const std::function<ExitStatus()>& command) try {
+  return command();
+} catch (const journal::JournalError& error) {
+  throw JournalFailure(error, directory);
+}
+
+}  // namespace zevctl
