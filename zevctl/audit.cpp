@@ -50,15 +50,16 @@ class WantedActs {
   }
 
  private:
-  // A name that the journal does not know may be one that somebody was refused.
+  // A name that the journal does not know may be one at which somebody was refused.
   std::vector<std::string> NamesMeant(const std::vector<journal::Console>& consoles) const {
     std::vector<std::string> names;
     for (const std::string& typed : options_.consoles) {
+      names.push_back(typed);
       try {
         const ChosenConsoles chosen = ChooseConsoles(consoles, {typed});
         names.insert(names.end(), chosen.names.begin(), chosen.names.end());
       } catch (const Failure&) {
-        names.push_back(typed);
+        continue;
       }
     }
     return names;

@@ -198,10 +198,10 @@ void PrintExamples(const EventFile& file, const Outcome& outcome,
 
 std::string Summary(const EventFile& file, const Outcome& outcome) {
   std::string text =
-      std::to_string(outcome.matched) + " of " + std::to_string(outcome.lines) + " lines matched";
+      "Lines: " + std::to_string(outcome.lines) + ", matched: " + std::to_string(outcome.matched);
   if (outcome.attended > 0) {
-    text += "; " + std::to_string(outcome.attended) +
-            " lines were printed while somebody was attached, and make no events";
+    text += ", printed while somebody was attached, which makes no events: " +
+            std::to_string(outcome.attended);
   }
   if (file.IsHard()) text += "; a process of its own has to match the whole file";
   return text + ".\n";
