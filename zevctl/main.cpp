@@ -67,6 +67,7 @@ void DeclareCommands(Command& app, Program& program) {
   AddEventsCommand(app, program);
   AddRehearseCommand(app, program);
   AddAuditCommand(app, program);
+  AddHealthCommand(app, program);
   AddConfigCommand(app, program);
   AddSetupCommand(app, program);
   AddReportCommand(app, program);

@@ -10,7 +10,7 @@ namespace {
 using journal::Kind;
 using journal::KindBit;
 
-constexpr int64_t kLookBack = 24 * 3600 * kSecondInNanoseconds;
+constexpr int64_t kLookBack = int64_t{24} * 3600 * kSecondInNanoseconds;
 
 constexpr journal::Kinds kOfUsers =
     KindBit(Kind::kAttached) | KindBit(Kind::kLeft) | KindBit(Kind::kStarted);

@@ -29,6 +29,7 @@ void AddHistoryCommand(Command& app, Program& program);
 void AddEventsCommand(Command& app, Program& program);
 void AddRehearseCommand(Command& app, Program& program);
 void AddAuditCommand(Command& app, Program& program);
+void AddHealthCommand(Command& app, Program& program);
 void AddConfigCommand(Command& app, Program& program);
 void AddSetupCommand(Command& app, Program& program);
 void AddReportCommand(Command& app, Program& program);
