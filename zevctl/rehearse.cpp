@@ -1,5 +1,5 @@
 // "zevctl rehearse": an event file tried out on what consoles printed in the past.
-#include <unistd.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -32,6 +32,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr size_t kMostExamples = 1'000'000;  // they are kept in memory
+constexpr int kNiceness = 10;
 constexpr double kDear =
     100;  // microseconds: a processor matches no more than 10,000 lines a second
 
@@ -278,6 +279,7 @@ void Print(bool as_json, Rehearsal& rehearsal, const Outcome& outcome,
 
 ExitStatus RunRehearse(const Settings& settings, const RehearseOptions& options) {
   RequireThisHost(settings, "rehearse", "the journal");
+  setpriority(PRIO_PROCESS, 0, kNiceness);  // the daemon beside it comes first
   return WithJournalErrors(options.journal_dir, [&] {
     Rehearsal rehearsal(ReadFileOf(options));
     WarnOfLines(rehearsal.file());
