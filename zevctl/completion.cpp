@@ -73,7 +73,7 @@ fi
 constexpr char kFile[] = "<file>";  // asks the shell to offer names of files
 
 // Commands whose first argument is the name of a console, and those all of whose arguments are.
-const std::set<std::string> kOneName = {"attach", "msg"};
+const std::set<std::string> kOneName = {"attach", "msg", "replay"};
 const std::set<std::string> kNames = {"audit",  "clear",     "disable",  "enable", "force",
                                       "health", "history",   "holder",   "list",   "log",
                                       "ports",  "reconnect", "rehearse", "who"};
@@ -91,6 +91,7 @@ const std::map<std::string, Words> kValues = {
     {"--what", WordsOfActs()},
     {"--cookie-file", {kFile}},
     {"--events-dir", {kFile}},
+    {"--export", {"asciicast", "text"}},
     {"--format", {"toml", "conf"}},
     {"--journal-dir", {kFile}},
     {"--log-dir", {kFile}},

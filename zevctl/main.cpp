@@ -64,6 +64,7 @@ void DeclareCommands(Command& app, Program& program) {
   AddAttachCommand(app, program);
   AddLogCommand(app, program);
   AddHistoryCommand(app, program);
+  AddReplayCommand(app, program);
   AddEventsCommand(app, program);
   AddRehearseCommand(app, program);
   AddAuditCommand(app, program);

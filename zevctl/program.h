@@ -26,6 +26,7 @@ void AddControlCommands(Command& app,
 void AddAttachCommand(Command& app, Program& program);
 void AddLogCommand(Command& app, Program& program);
 void AddHistoryCommand(Command& app, Program& program);
+void AddReplayCommand(Command& app, Program& program);
 void AddEventsCommand(Command& app, Program& program);
 void AddRehearseCommand(Command& app, Program& program);
 void AddAuditCommand(Command& app, Program& program);
