@@ -14,6 +14,7 @@
 #include "options.h"
 #include "paths.h"
 #include "safe_file.h"
+#include "suite_config.h"
 
 namespace zevd {
 
@@ -35,29 +36,6 @@ FILE* StreamOrExit(int fd, const char* mode) {
   return file;
 }
 
-/// Reads a file line by line, of any length and with any bytes.
-class LineReader {
- public:
-  explicit LineReader(FILE* file) : file_(file) {}
-  ~LineReader() { free(line_); }
-  LineReader(const LineReader&) = delete;
-  LineReader& operator=(const LineReader&) = delete;
-
-  bool Next() {
-    length_ = getline(&line_, &room_, file_);
-    return length_ >= 0;
-  }
-  bool IsSetting() const { return strncmp(line_, kKey, strlen(kKey)) == 0; }
-  const char* Value() const { return line_ + strlen(kKey); }
-  void CopyTo(FILE* out) const { fwrite(line_, 1, static_cast<size_t>(length_), out); }
-
- private:
-  FILE* file_;
-  char* line_ = nullptr;
-  size_t room_ = 0;
-  ssize_t length_ = 0;
-};
-
 // False, with errno set, when not everything could be written.
 bool CloseWritten(FILE* file) {
   const bool lost = fflush(file) != 0 || ferror(file) != 0;
@@ -76,10 +54,12 @@ void WriteSetting(FILE* file) {
 bool ReadSetting(FILE* file) {
   bool found = false;
   {
-    LineReader lines(file);
-    while (!found && lines.Next()) found = lines.IsSetting();
+    SuiteConfigLines lines(file);
+    const char* value = nullptr;
+    while (value == nullptr && lines.Next()) value = lines.ValueOf(kKey);
+    found = value != nullptr;
     if (found && USE_CMD_LINE_ARCH_TIME == 0) {
-      log_archive_time = static_cast<int32_t>(static_cast<uint32_t>(atoi(lines.Value())) *
+      log_archive_time = static_cast<int32_t>(static_cast<uint32_t>(atoi(value)) *
                                               static_cast<uint32_t>(kSecondsPerDay));
     }
   }
@@ -93,9 +73,9 @@ bool ReadSetting(FILE* file) {
 }
 
 void CopyWithNewSetting(FILE* from, FILE* to) {
-  LineReader lines(from);
+  SuiteConfigLines lines(from);
   while (lines.Next()) {
-    if (lines.IsSetting()) {
+    if (lines.ValueOf(kKey) != nullptr) {
       WriteSetting(to);
     } else {
       lines.CopyTo(to);
@@ -137,7 +117,7 @@ void RewriteFile() {
   char path[] = "/tmp/qorconfXXXXXX";
   FILE* from = WriteTemporaryFile(path);
   FILE* to = OpenForRewriting(path);
-  LineReader lines(from);
+  SuiteConfigLines lines(from);
   while (lines.Next()) lines.CopyTo(to);
   const bool complete = feof(from) != 0;
   fclose(from);

@@ -11,6 +11,7 @@
 #include "counters.h"
 #include "error.h"
 #include "fixed_text.h"
+#include "journal_records.h"
 #include "list.h"
 #include "lists.h"
 #include "sockets.h"
@@ -134,6 +135,8 @@ UserNode* JoinConnectedConsole(ConsoleNode* cnode, const NewUser& user) REQUIRES
     DiscardUserNode(unode);
     return nullptr;
   }
+  JournalAttached(unode);
+  JournalPause(cnode);
   SendBufferedConsoleOutputToUser(cnode, unode);
   SendText(unode->output.get(), user.greeting);
   return unode;
@@ -163,6 +166,8 @@ void LeaveConsole(UserNode* unode) {
   const WriteLock lock(acl_lock, CallSite{kAttach, __LINE__});
   UserList* users = unode->cnode->user_list;
   if (IsUserInUserList(unode, users)) RemoveUserFromList(unode, users);
+  JournalLeft(unode);
+  JournalPause(unode->cnode);
   DiscardUserNode(unode);
 }
 

@@ -13,6 +13,7 @@
 
 #include "error.h"
 #include "fixed_text.h"
+#include "journal_records.h"
 #include "timestamp.h"
 
 namespace zevd {
@@ -129,9 +130,10 @@ void OpenAudit(const char* log) {
 }
 
 void Audit(const AuditEntry& entry) {
-  if (log_socket == -1) return;
   static constexpr Identity kNobody{};
   const Identity& identity = entry.identity == nullptr ? kNobody : *entry.identity;
+  JournalAudit(entry.what, entry.result, identity, entry.console, entry.mode, entry.reason);
+  if (log_socket == -1) return;
   EntryText text(SeverityOf(entry));
   text.Add("what", entry.what);
   text.Add("result", entry.result);

@@ -4,6 +4,16 @@
 
 namespace zevd {
 
+int64_t Nanoseconds(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return static_cast<int64_t>(now.tv_sec) * kNanosecondsPerSecond + now.tv_nsec;
+}
+
+int64_t WallNanoseconds() {
+  return Nanoseconds(CLOCK_REALTIME);
+}
+
 int64_t MonotonicMicroseconds() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);

@@ -1,11 +1,19 @@
-// The clock that nobody sets (CLOCK_MONOTONIC), and what is measured with it. Any thread.
+// The clocks, and what is measured with the one that nobody sets (CLOCK_MONOTONIC). Any thread.
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 
 namespace zevd {
 
 inline constexpr int64_t kMicrosecondsPerSecond = 1'000'000;
+inline constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+/// The clock as nanoseconds since its beginning.
+int64_t Nanoseconds(clockid_t clock);
+
+/// The wall clock, which may be set: nanoseconds since 1970, UTC.
+int64_t WallNanoseconds();
 
 int64_t MonotonicMicroseconds();
 int64_t MonotonicMilliseconds();

@@ -219,7 +219,7 @@ constexpr CommandRow kCommands[] = {
     {"disable", kDisableCommand, CommandArgument::kConsole, kActs,
      [](char* name, CommandNode* tool, char*) REQUIRES(cmd_lock) { DisableConsole(name, tool); }},
     {"enable", kEnableCommand, CommandArgument::kConsole, kActs,
-     [](char* name, CommandNode*, char*) { EnableConsole(name); }},
+     [](char* name, CommandNode* tool, char*) REQUIRES(cmd_lock) { EnableConsole(name, tool); }},
     {"mapped_port", kMappedPortCommand, CommandArgument::kOptionalConsole, kLooks,
      [](char* name, CommandNode*, char*) { ProcessMappedPortCommand(name); }},
     {"force", kForceCommand, CommandArgument::kConsole, kActs,

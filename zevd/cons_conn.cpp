@@ -34,6 +34,7 @@
 #include "descriptor_set.h"
 #include "error.h"
 #include "fixed_text.h"
+#include "journal_records.h"
 #include "list.h"
 #include "lists.h"
 #include "log.h"
@@ -149,6 +150,7 @@ bool ApplyConnectionStatus(ConsoleNode* cnode, int result) {
   constexpr char kFunction[] = "UpdateConnectionStatus";
   if (cnode->enable == 0) {
     DEBUG_AS(kFunction, kInfo, "Console %s was disabled.\n", cnode->cname);
+    if (cnode->status == kConnected) JournalLost(cnode, "The console was disabled.");
     AbandonConnection(cnode, kNotConnected, 0);
     return false;
   }
@@ -160,6 +162,7 @@ bool ApplyConnectionStatus(ConsoleNode* cnode, int result) {
       cnode->status = kConnected;
       attempt_wait.Forget(cnode->sock);
       counters.console_connections.Add();
+      JournalConnected(cnode);
       if (cnode->log_fd == -1) OpenLogFile(cnode);
       DrainTelnetControlSequence(cnode->sock, cnode->telnet_cmd, sizeof cnode->telnet_cmd);
       return true;

@@ -32,6 +32,8 @@
 #include "console_users.h"
 #include "counters.h"
 #include "error.h"
+#include "journal_keeper.h"
+#include "journal_records.h"
 #include "list.h"
 #include "lists.h"
 #include "load.h"
@@ -59,7 +61,8 @@ bool IsClosed(const ConsoleNode& cnode) {
   return cnode.status == kNotConnected || cnode.enable == 0;
 }
 
-void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) {
+void CloseAfterReceiveFailure(ConsoleNode* cnode, ssize_t result) REQUIRES(acl_lock) {
+  cnode->receive_error = result == 0 ? 0 : errno;
   DEBUG_AS("ProcessConsoleOutput", kDetail, "recv() returned %d : %s\n", static_cast<int>(result),
            strerror(errno));
   CloseConsoleConnection(cnode);
@@ -234,6 +237,7 @@ void Reload() {
   RefreshMappedPorts();
   cons_conn_waker.Wake();
   GetZevdArchIntFromConfFile();
+  ReloadJournal();
   thread_waitreq_mask &= ~kOtherThreads;
 }
 
@@ -316,6 +320,7 @@ void MonitorConsoleOutput() {
     DeleteMarked(&looks);
     RelayOutput(&fdset);
     matcher.Serve();
+    RepeatLostNames();
     if (AnyConsoleClosed(&looks)) MoveClosedConsoles(&looks);
     if (LogDirExpired() != 0) RotateLogs();
   }
@@ -400,6 +405,7 @@ void CleanUpClosedConnections() {
     CloseUserConnections(cnode, "The console's connection was closed.");
     cnode->status = kNotConnected;
     counters.console_losses.Add();
+    JournalClosed(cnode);
     ForgetSocket(*a_cons_list, cnode->sock);
     close(cnode->sock);
     cnode->sock = -1;

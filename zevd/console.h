@@ -60,6 +60,15 @@ struct ConsoleSettings {
   EventSetNode* enode;   ///< event set, shared; null when none
 };
 
+/// What the journal needs to know of a console (journal_records.h).
+struct ConsoleJournal {
+  uint32_t number;             ///< of this run; 0 until the console is on a list. Never changes
+  const char* pause_reason;    ///< why its output is not kept; null when it is
+  int64_t pause_begin;         ///< wall time in nanoseconds
+  uint64_t bytes_left_out;     ///< since then
+  char holder[kUserNameSize];  ///< the user for whose sake; empty when there is none
+};
+
 struct ConsoleNode : ConsoleSettings {
   char telnet_cmd[kNameSize];  ///< negotiation that the console sent right after connecting
   /// Connected or connecting socket, -1 when none. Written under the list's lock; on a_cons_list
@@ -87,6 +96,9 @@ struct ConsoleNode : ConsoleSettings {
   uint64_t left_out_since GUARDED_BY(acl_lock);
   /// How often the longest turn of the output monitor is halved for this console.
   int turn_halvings GUARDED_BY(acl_lock);
+  /// Why receiving from it failed, 0 when the console closed the connection.
+  int receive_error GUARDED_BY(acl_lock);
+  ConsoleJournal journal;
   char pellox_port_holder_ipaddr[kNameSize];  ///< who held the session at the last refusal
 };
 

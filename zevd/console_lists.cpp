@@ -4,6 +4,7 @@
 
 #include "console_users.h"
 #include "error.h"
+#include "journal_records.h"
 #include "list.h"
 #include "log.h"
 #include "mapped_port.h"
@@ -29,6 +30,8 @@ bool Meets(const ConsoleNode& cnode, MoveCriterion criterion) {
 
 void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
   DEBUG_AS("DeleteMarkedConsoles", kInfo, "Console %s is being deleted.\n", cnode->cname);
+  if (cnode->status == kConnected) JournalLost(cnode, "The console was deleted.");
+  JournalGone(cnode);
   if (cnode->sock != -1) {
     ForgetSocket(*list, cnode->sock);
     close(cnode->sock);
@@ -45,6 +48,8 @@ void DeleteConsole(ConsoleNode* cnode, ConsoleList* list) {
 // For a console that is on no list, because there was no memory for it: nobody else would close
 // what it has open. The next reload makes a new record of it.
 void AbandonConsole(ConsoleNode* cnode) {
+  if (cnode->status == kConnected) JournalLost(cnode, "There was no memory for it.");
+  JournalGone(cnode);
   cnode->status = kNotConnected;
   if (cnode->sock != -1) close(cnode->sock.exchange(-1));
   CloseLogFile(cnode);

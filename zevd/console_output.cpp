@@ -6,6 +6,7 @@
 
 #include "console_users.h"
 #include "error.h"
+#include "journal_records.h"
 #include "log.h"
 #include "log_batch.h"
 
@@ -68,7 +69,9 @@ void DispatchConsoleOutput(ConsoleNode* cnode, char* buf, int count) {
     shown += size;
   }
   batch.Flush();
-  if (shown > 0) SendConsoleOutputToUsers(cnode, buf, shown);
+  if (shown == 0) return;
+  JournalOutput(cnode, buf, static_cast<size_t>(shown));
+  SendConsoleOutputToUsers(cnode, buf, shown);
 }
 
 }  // namespace zevd

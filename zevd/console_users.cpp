@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "error.h"
+#include "journal_records.h"
 #include "list.h"
 #include "options.h"
 #include "user_output.h"
@@ -56,6 +57,7 @@ void CloseUserConnections(ConsoleNode* cnode, const char* reason) {
   ENTERING();
   for (UserNode* unode : Nodes(*cnode->user_list)) CloseUserConnection(unode, reason);
   DropElements(*cnode->user_list);
+  JournalPause(cnode);
 }
 
 namespace {

@@ -7,6 +7,7 @@
 #include "console.h"
 #include "console_users.h"
 #include "error.h"
+#include "journal_records.h"
 #include "list.h"
 #include "lists.h"
 #include "locks.h"
@@ -42,7 +43,8 @@ void ThrowUsersOff(const char* function, ConsoleNode* cnode, const char* text, c
   CloseUserConnections(cnode, reason);
 }
 
-void MarkDisabled(ConsoleNode* cnode) {
+void MarkDisabled(ConsoleNode* cnode, const CommandNode* tool) REQUIRES(cmd_lock) {
+  if (cnode->enable != 0) JournalDisabled(cnode, &tool->identity);
   cnode->status = kNotConnected;
   cnode->enable = 0;
 }
@@ -82,13 +84,13 @@ void DisableConsole(const char* cons_name, const CommandNode* tool) {
     const WriteLockPair lock(acl_lock, icl_lock, Release::kSecondFirst, HERE);
     found = ForEachMatch(*a_cons_list, cons_name, [&](ConsoleNode* cnode) {
       ThrowUsersOff(kFunction, cnode, text.text, "An operator disabled the console.");
-      MarkDisabled(cnode);
+      MarkDisabled(cnode, tool);
       cons_mon_waker.Wake();
     });
     if (!found) {
       found = ForEachMatch(*i_cons_list, cons_name, [&](ConsoleNode* cnode) {
         DEBUG_AS(kFunction, kInfo, "%s\n", text.text);
-        MarkDisabled(cnode);
+        MarkDisabled(cnode, tool);
         cons_conn_waker.Wake();
       });
     }
@@ -97,9 +99,10 @@ void DisableConsole(const char* cons_name, const CommandNode* tool) {
   AnswerDone();
 }
 
-void EnableConsole(const char* cons_name) {
+void EnableConsole(const char* cons_name, const CommandNode* tool) {
   ENTERING();
-  const auto enable = [](ConsoleNode* cnode) {
+  const auto enable = [&](ConsoleNode* cnode) REQUIRES(cmd_lock) {
+    if (cnode->enable == 0) JournalEnabled(cnode, &tool->identity);
     cnode->enable = 1;
     cons_conn_waker.Wake();
   };
@@ -124,8 +127,12 @@ void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char
   {
     const WriteLock lock(acl_lock, HERE);
     found |= ForEachMatch(*a_cons_list, to_all ? nullptr : cons_name,
-                          [&](ConsoleNode* cnode) { SendMsgToUsers(cnode, text); });
+                          [&](ConsoleNode* cnode) REQUIRES(cmd_lock) {
+                            SendMsgToUsers(cnode, text);
+                            if (!to_all) JournalMessage(cnode, tool->identity, message);
+                          });
   }
+  if (to_all) JournalMessage(nullptr, tool->identity, message);
   if (!found) return AnswerUnrecognized(cons_name);
   AnswerDone();
 }

@@ -15,7 +15,7 @@ void ClearConsole(const char* cons_name, const CommandNode* tool) REQUIRES(cmd_l
 void DisableConsole(const char* cons_name, const CommandNode* tool) REQUIRES(cmd_lock);
 
 /// Lets the consoles of that name be connected again.
-void EnableConsole(const char* cons_name);
+void EnableConsole(const char* cons_name, const CommandNode* tool) REQUIRES(cmd_lock);
 
 /// Sends a message to the users of the connected consoles of that name; "-" stands for all
 /// consoles.

@@ -27,6 +27,7 @@ constexpr int kSlotTaken = 1;
 constexpr int kSlotBeingFilled = 2;
 
 std::atomic<EventPoster> event_poster{nullptr};
+std::atomic<EndStep> end_step{nullptr};
 
 constexpr size_t kMessageSize = 8192;
 constexpr unsigned kExitSeconds = 1;  // for which a second thread leaves the process to the first
@@ -174,6 +175,10 @@ void PostDaemonError(const char* text, int priority) {
   if (poster != nullptr) poster(text, priority);
 }
 
+void SetEndStep(EndStep step) {
+  end_step = step;
+}
+
 void ExitProcess(int code, const char* file, int line) {
   zev_debug(kInfo, "Exiting with code %d from file %s line %d\n", code, file, line);
   // exit() must run once. A second thread leaves the first the time that it needs, but no more: the
@@ -181,7 +186,10 @@ void ExitProcess(int code, const char* file, int line) {
   // waits for. When the handler has interrupted exit() itself, there is nothing to wait for.
   static std::atomic<pthread_t> leaving{};
   pthread_t nobody{};
-  if (leaving.compare_exchange_strong(nobody, pthread_self())) exit(code);
+  if (leaving.compare_exchange_strong(nobody, pthread_self())) {
+    if (const EndStep step = end_step; step != nullptr) step();
+    exit(code);
+  }
   if (leaving.load() != pthread_self()) sleep(kExitSeconds);
   _exit(code);
 }

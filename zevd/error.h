@@ -56,6 +56,11 @@ using EventPoster = void (*)(const char* text, int priority);
 void SetEventPoster(EventPoster poster);
 inline constexpr int kErrorPriority = 700;
 
+/// What is done before the process ends, whoever ends it: it must be safe from any thread and from
+/// the SIGTERM handler, and last for less than a second. Handed in by what stands above this file.
+using EndStep = void (*)();
+void SetEndStep(EndStep step);
+
 /// Posts the daemon error event with `text`, then ExitProcess(1, ...).
 [[noreturn]] void TerminateProcess(const char* text, const char* file, int line);
 

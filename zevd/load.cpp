@@ -15,6 +15,7 @@
 #include "error.h"
 #include "event_set.h"
 #include "fixed_text.h"
+#include "journal_records.h"
 #include "list.h"
 #include "lists.h"
 #include "load_steps.h"
@@ -180,9 +181,15 @@ void PrintList(const ConsoleList& list) {
 
 void Overwrite(const ConsoleNode& configured, ConsoleNode* live, LogRenames* renames)
     REQUIRES(acl_lock, icl_lock) {
-  if (strcmp(live->cname, configured.cname) != 0) renames->Rename(live, configured.cname);
+  const bool is_renamed = strcmp(live->cname, configured.cname) != 0;
+  const bool was_enabled = live->enable != 0;
+  if (is_renamed) renames->Rename(live, configured.cname);
   static_cast<ConsoleSettings&>(*live) = configured;
   live->deleted = 0;
+  if (is_renamed) JournalName(live);
+  if (was_enabled && live->enable == 0) JournalDisabled(live, nullptr);
+  if (!was_enabled && live->enable != 0) JournalEnabled(live, nullptr);
+  JournalPause(live);
   if (live->enable == 0) live->status = kNotConnected;
 }
 
@@ -309,6 +316,8 @@ void MergeConsoleLists(ConsoleList* new_list) {
     RemoveConsoleFromList(cnode, new_list);
     if (AddConsoleToList(cnode, i_cons_list) == 0) {
       inaccessible.Add(cnode);
+      JournalName(cnode);
+      JournalPause(cnode);
     } else {
       FreeConsoleNode(cnode);
     }

@@ -13,6 +13,7 @@
 #include "error.h"
 #include "event.h"
 #include "event_set.h"
+#include "journal_records.h"
 #include "log_batch.h"
 #include "log_directory.h"
 #include "log_steps.h"
@@ -59,7 +60,8 @@ void PostMatch(ConsoleNode* cnode, const char* buf, int count) {
   constexpr size_t kTextSize = 8192;
   const RegExList* patterns = cnode->enode == nullptr ? nullptr : cnode->enode->re_list;
   if (patterns != nullptr && patterns->matcher_set != 0) {
-    matcher.Take(cnode->cname, patterns->matcher_set, {buf, static_cast<size_t>(count)});
+    matcher.Take(cnode->cname, patterns->matcher_set, {buf, static_cast<size_t>(count)},
+                 cnode->journal.number);
     return;
   }
   char* pattern = nullptr;
@@ -68,7 +70,10 @@ void PostMatch(ConsoleNode* cnode, const char* buf, int count) {
   char text[kTextSize];
   snprintf(text, sizeof text, "%.*s", count, buf);
   DEBUG_AS("WriteBuffer", kInfo, "Matched pattern \"%s\" in string \"%s\".\n", pattern, text);
+  JournalEvent(cnode->journal.number, NameOfPattern(*patterns, pattern, priority), priority, text);
+  const bool gets_other_name = strchr(cnode->cname, '-') != nullptr;  // event.h
   PostJixEvent("qor.zevd.console", "name", cnode->cname, "message", text, priority);
+  if (gets_other_name) JournalName(cnode);
   free(pattern);
 }
 

@@ -16,6 +16,8 @@
 #include "event.h"
 #include "event_set.h"
 #include "fixed_text.h"
+#include "journal_keeper.h"
+#include "journal_records.h"
 #include "lists.h"
 #include "load.h"
 #include "lock_file.h"
@@ -74,6 +76,8 @@ void LoadConfiguration() NO_THREAD_SAFETY_ANALYSIS {  // no other thread exists 
   LoadEventFiles(ev_list);
   matcher.SetsChanged();
   LoadConfigFile(i_cons_list);
+  JournalNamesOf(*i_cons_list);
+  JournalPausesOf(*i_cons_list);
   LoadModels(&model_list);
 }
 
@@ -96,6 +100,7 @@ void CreateWorkerThreads() {
   CreateUserConnectionsThread();
   CreateUserMonitorThread();
   CreateCommandMonitorThread();
+  CreateJournalThread();
 }
 
 }  // namespace
@@ -119,6 +124,7 @@ void CreateWorkerThreads() {
   ConnectToJix();
   Initialize();
   ArrangeSignals();
+  StartJournal();
   WarnOfNoSecurity();
   CheckConfigDir();
   if (security_enabled != 0) GenerateCookie();

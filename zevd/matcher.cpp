@@ -20,6 +20,7 @@
 #include "event.h"
 #include "event_set.h"
 #include "fixed_text.h"
+#include "journal_records.h"
 #include "list.h"
 #include "lists.h"
 #include "matcher_process.h"
@@ -33,6 +34,7 @@ struct MatcherLine {
   MatcherLine* next;
   uint64_t number;
   uint32_t set;
+  uint32_t console;
   size_t length;
   char cname[kNameSize];
 
@@ -167,12 +169,14 @@ void RenameConsole(const char* name, const char* changed) EXCLUDES(acl_lock, icl
     const WriteLock lock(acl_lock, HERE);
     if (ConsoleNode* cnode = LocateConsoleInList(name, a_cons_list); cnode != nullptr) {
       CopyText(cnode->cname, changed);
+      JournalName(cnode);
       return;
     }
   }
   const WriteLockPair lock(acl_lock, icl_lock, Release::kFirstFirst, HERE);
   if (ConsoleNode* cnode = LocateConsoleInList(name, i_cons_list); cnode != nullptr) {
     CopyText(cnode->cname, changed);
+    JournalName(cnode);
   }
 }
 
@@ -181,6 +185,9 @@ void PostMatch(MatcherLine* line, const MatcherMessage& message) EXCLUDES(acl_lo
   snprintf(text, sizeof text, "%.*s", static_cast<int>(line->length), line->Bytes());
   DEBUG_AS("WriteBuffer", kInfo, "Matched pattern \"%.*s\" in string \"%s\".\n",
            static_cast<int>(message.length), message.text, text);
+  const RegExNode* pattern = FindPattern(line->set, message.header.number);
+  JournalEvent(line->console, pattern == nullptr ? message.Text() : pattern->jix_name,
+               message.header.value, text);
   char changed[kNameSize];
   CopyText(changed, line->cname);
   PostJixEvent("qor.zevd.console", "name", changed, "message", text, message.header.value);
@@ -193,7 +200,7 @@ constinit Matcher matcher{StartMatcherProcess};
 
 // ---- Lines --------------------------------------------------------------------------------------
 
-void Matcher::Take(const char* cname, uint32_t set, std::string_view record) {
+void Matcher::Take(const char* cname, uint32_t set, std::string_view record, uint32_t console) {
   // A NUL ends the text, as it does in the daemon's own matching.
   const std::string_view text = record.substr(0, std::min(record.find('\0'), kTextSize - 1));
   const size_t size = sizeof(MatcherLine) + text.size();
@@ -203,7 +210,7 @@ void Matcher::Take(const char* cname, uint32_t set, std::string_view record) {
     if (lost_++ == 0) lost_since_ = MonotonicMicroseconds();
     return;
   }
-  auto* line = new (room) MatcherLine{nullptr, ++last_line_, set, text.size(), {}};
+  auto* line = new (room) MatcherLine{nullptr, ++last_line_, set, console, text.size(), {}};
   CopyText(line->cname, cname);
   text.copy(line->Bytes(), text.size());
   (first_ == nullptr ? first_ : last_->next) = line;

@@ -38,8 +38,9 @@ class Matcher {
   /// is another.
   void SetsChanged();
 
-  /// A console's record, to be matched against a set of the matcher's. Any thread.
-  void Take(const char* cname, uint32_t set, std::string_view record);
+  /// A console's record, to be matched against a set of the matcher's. `console` is its number in
+  /// the journal. Any thread.
+  void Take(const char* cname, uint32_t set, std::string_view record, uint32_t console = 0);
 
   /// Takes in answers, posts events, and replaces a matcher that has ended. The thread "cons_mon",
   /// whose wait an answer ends, calls it once in each pass.

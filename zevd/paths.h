@@ -16,6 +16,7 @@ inline constexpr char kLockFile[] = QOR_ROOT "/config/zev.lock";
 inline constexpr char kSuiteConfigFile[] = QOR_ROOT "/config/qor.conf";
 inline constexpr char kEventsDir[] = QOR_ROOT "/events";
 inline constexpr char kLogDir[] = QOR_ROOT "/logs";
+inline constexpr char kJournalDir[] = QOR_ROOT "/journal";
 
 /// Size of the buffers in which paths are built, terminator included; longer paths are cut.
 inline constexpr size_t kPathSize = 4097;

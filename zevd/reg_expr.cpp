@@ -313,4 +313,11 @@ int MatchPattern(const char* buf, int count, const RegExList* regex_list, char**
   return 1;
 }
 
+const char* NameOfPattern(const RegExList& regex_list, const char* pattern, int priority) {
+  const RegExNode* found = FindNode(regex_list, [&](const RegExNode& node) {
+    return node.priority == priority && strcmp(node.pattern, pattern) == 0;
+  });
+  return found == nullptr ? pattern : found->jix_name;
+}
+
 }  // namespace zevd

@@ -71,4 +71,8 @@ int ParseRegExFile(const char* filename, RegExList* regex_list);
 int MatchPattern(const char* buf, int count, const RegExList* regex_list, char** pattern,
                  int* priority);
 
+/// The name of the first pattern with that text and priority, which is what MatchPattern() gives;
+/// the text itself when there is none.
+const char* NameOfPattern(const RegExList& regex_list, const char* pattern, int priority);
+
 }  // namespace zevd

@@ -1,6 +1,8 @@
 #include "status.h"
 
 #include <algorithm>
+#include <cinttypes>
+#include <cstdio>
 #include <ctime>
 #include <new>
 #include <string>
@@ -10,6 +12,7 @@
 #include "counters.h"
 #include "error.h"
 #include "identity.h"
+#include "journal_keeper.h"
 #include "json_text.h"
 #include "list.h"
 #include "lists.h"
@@ -123,6 +126,21 @@ void AppendLastReload(JsonText& json) {
   json.Key("last_reload_result").TextOrNull(word);
 }
 
+void AppendJournal(JsonText& json) {
+  const JournalStatus journal = GetJournalStatus();
+  char end[64] = "";
+  if (journal.station != 0) {
+    snprintf(end, sizeof end, "%016" PRIx64 ":%" PRIu64 ":%" PRIu64, journal.station,
+             journal.segment, journal.offset);
+  }
+  json.Key("journal").Text(journal.state);
+  json.Key("journal_records").Number(journal.records);
+  json.Key("journal_bytes").Number(journal.bytes);
+  json.Key("journal_records_lost").Number(journal.lost);
+  json.Key("journal_gaps").Number(journal.gaps);
+  json.Key("journal_end").TextOrNull(end);
+}
+
 std::string Stats() {
   std::string text;
   JsonText json(text);
@@ -130,6 +148,7 @@ std::string Stats() {
   json.Key("started").Time(CountingSince());
   for (const CounterRow& row : kCounters) json.Key(row.key).Number((counters.*row.counter).Get());
   AppendLastReload(json);
+  AppendJournal(json);
   json.EndObject();
   return text + '\n';
 }

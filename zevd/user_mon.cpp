@@ -24,6 +24,7 @@
 #include "console_users.h"
 #include "counters.h"
 #include "error.h"
+#include "journal_records.h"
 #include "list.h"
 #include "lists.h"
 #include "liveness.h"
@@ -99,6 +100,7 @@ void RelayToConsole(UserNode* unode, char* buf, ssize_t seen) REQUIRES(ul_lock) 
   }
   const int error = errno;
   unode->console_stall.End();
+  if (sent > 0) JournalTyped(unode, {buf, static_cast<size_t>(sent)});
   Consume(unode, buf, sent < 0 ? seen : sent);
   if (sent < 0) DropTypingUser(unode, error);
 }
@@ -145,7 +147,11 @@ void RemoveUser(UserNode* unode) REQUIRES(ul_lock, acl_lock) {
     closing_outputs.Add(std::move(unode->output));
   }
   RemoveUserFromList(unode, user_list);
-  if (IsUserInUserList(unode, cnode->user_list)) RemoveUserFromList(unode, cnode->user_list);
+  JournalLeft(unode);
+  if (IsUserInUserList(unode, cnode->user_list)) {
+    RemoveUserFromList(unode, cnode->user_list);
+    JournalPause(cnode);
+  }
   delete unode;
   const int references = DropReference(cnode);
   if (references >= 0) return;

@@ -15,6 +15,7 @@ Waker cons_mon_waker;
 Waker user_conn_waker;
 Waker user_mon_waker;
 Waker cmd_mon_waker;
+Waker journal_waker;
 
 bool Waker::Open() {
   descriptor_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

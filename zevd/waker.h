@@ -50,5 +50,6 @@ extern Waker cons_mon_waker;
 extern Waker user_conn_waker;
 extern Waker user_mon_waker;
 extern Waker cmd_mon_waker;
+extern Waker journal_waker;  ///< opened when there is a journal for the first time
 
 }  // namespace zevd

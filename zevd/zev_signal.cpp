@@ -2,6 +2,7 @@
 
 #include <sys/signalfd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -46,8 +47,19 @@ int OpenSignalDescriptor(int signum) {
   return descriptor;
 }
 
+namespace {
+
+std::atomic<bool> term_received{false};
+
+}  // namespace
+
+bool TermReceived() {
+  return term_received;
+}
+
 void TermHandler(int /*sig*/) {
   ENTERING();
+  term_received = true;
   zev_debug(kError, "Received SIGTERM.\n");
   EXIT_PROCESS(1);
 }

@@ -18,6 +18,9 @@ int OpenSignalDescriptor(int signum);
 /// The SIGTERM handler: reports the signal and ends the process with status 1. Main thread only.
 void TermHandler(int sig);
 
+/// Whether the handler has run. Any thread.
+bool TermReceived();
+
 /// The asynchronous way to collect SIGHUP, for a program that does not poll for it. The daemon
 /// polls, and neither installs the handler nor reads the flag.
 void InitHupSignalHandler();

@@ -1,0 +1,117 @@
+#include "journal_scan.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+namespace zevd {
+
+using journal::RecordHeader;
+using journal::SegmentHeader;
+
+namespace {
+
+constexpr size_t kMostRecord = journal::kRecordHeaderSize + journal::kMostPayload;
+
+// The beginning of an index (docs/journal.md): mark, version, and where its numbers stand.
+constexpr char kIndexMark[] = "ZEVJIDX\n";
+constexpr uint16_t kIndexVersion = 1;
+constexpr size_t kIndexVersionAt = 8;
+constexpr size_t kIndexStationAt = 24;
+constexpr size_t kIndexSegmentAt = 32;
+constexpr size_t kIndexNextRecordAt = 89;
+constexpr size_t kIndexStart = kIndexNextRecordAt + sizeof(uint64_t);
+
+/// A window on a file that is read from front to back.
+class FileWindow {
+ public:
+  explicit FileWindow(int fd) : fd_(fd), buffer_(16 * kMostRecord) {}
+
+  /// The bytes at an offset that is not before the last one: a whole record's at least, unless the
+  /// file ends before.
+  std::string_view At(uint64_t offset) {
+    if (offset + kMostRecord > begin_ + length_ && !at_end_) Fill(offset);
+    return std::string_view(buffer_.data(), length_).substr(offset - begin_);
+  }
+
+  bool HasFailed() const { return failed_; }
+
+ private:
+  void Fill(uint64_t offset) {
+    begin_ = offset;
+    length_ = 0;
+    while (length_ < buffer_.size()) {
+      const ssize_t count = pread(fd_, buffer_.data() + length_, buffer_.size() - length_,
+                                  static_cast<off_t>(begin_ + length_));
+      failed_ = count < 0;
+      at_end_ = count <= 0;
+      if (at_end_) return;
+      length_ += static_cast<size_t>(count);
+    }
+  }
+
+  int fd_;
+  std::vector<char> buffer_;
+  uint64_t begin_ = 0;
+  size_t length_ = 0;
+  bool failed_ = false;
+  bool at_end_ = false;  // nothing follows what is in the buffer
+};
+
+// Whether a record may stand so far behind the last one: a console may have printed a journal,
+// whose records lie within one of ours.
+bool Follows(const RecordHeader& record, uint64_t next_record, uint64_t distance) {
+  const uint64_t most_between = distance / journal::kRecordHeaderSize;
+  return record.number >= next_record && record.number - next_record <= most_between;
+}
+
+void ScanRecords(FileWindow& file, SegmentScan* scan) {
+  uint64_t offset = scan->end;
+  while (offset + journal::kRecordHeaderSize <= scan->size) {
+    const auto record = journal::DecodeRecord(file.At(offset));
+    if (!record || !Follows(*record, scan->next_record, offset - scan->end)) {
+      ++offset;
+      continue;
+    }
+    offset += record->length;
+    scan->end = offset;
+    scan->next_record = record->number + 1;
+  }
+}
+
+}  // namespace
+
+std::optional<SegmentScan> ScanSegment(int fd) {
+  struct stat status {};
+  if (fstat(fd, &status) != 0) return {};
+  SegmentScan scan;
+  scan.size = static_cast<uint64_t>(status.st_size);
+  FileWindow file(fd);
+  scan.fault = journal::DecodeSegmentHeader(file.At(0), &scan.header);
+  if (scan.fault == journal::HeaderFault::kNone) {
+    scan.end = journal::kSegmentHeaderSize;
+    scan.next_record = scan.header.first_record;
+    ScanRecords(file, &scan);
+  }
+  if (file.HasFailed()) return {};
+  return scan;
+}
+
+std::optional<uint64_t> NextRecordOfIndex(int fd, uint64_t station, uint64_t segment) {
+  char start[kIndexStart];
+  if (pread(fd, start, sizeof start, 0) != sizeof start) return {};
+  if (memcmp(start, kIndexMark, strlen(kIndexMark)) != 0 ||
+      journal::GetNumber<uint16_t>(start + kIndexVersionAt) != kIndexVersion ||
+      journal::GetNumber<uint64_t>(start + kIndexStationAt) != station ||
+      journal::GetNumber<uint64_t>(start + kIndexSegmentAt) != segment) {
+    return {};
+  }
+  return journal::GetNumber<uint64_t>(start + kIndexNextRecordAt);
+}
+
+}  // namespace zevd
