@@ -43,7 +43,7 @@ struct UserNode {
   char cons_name[kNameSize];
   int send_error GUARDED_BY(ul_lock);  ///< why sending to the console failed, 0 when it did not
   Stall console_stall GUARDED_BY(ul_lock);  ///< the console takes nothing of what the user types
-  bool typed_iac GUARDED_BY(ul_lock);  ///< what was typed last begins a telnet command
+  bool typed_iac GUARDED_BY(ul_lock);       ///< what was typed last begins a telnet command
   std::unique_ptr<UserOutput> output;       ///< the way of everything that the user is sent
 };
 

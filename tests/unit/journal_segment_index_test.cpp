@@ -184,8 +184,7 @@ TEST(SegmentIndexTest, AnotherVersionIsTold) {
   EXPECT_EQ(IndexFault::kVersion, DecodeIndex(bytes, &index));
 }
 
-// ---- Damage
-// --------------------------------------------------------------------------------------
+// ---- Damage -------------------------------------------------------------------------------------
 
 TEST(SegmentScanTest, ADamagedRecordCostsItselfOnly) {
   SegmentBytes segment;
