@@ -37,14 +37,17 @@ size_t LimitOf(Kind kind) {
 constinit JournalQueue journal_queue;
 
 bool JournalQueue::SwitchOn(std::string_view started) {
-  const TermSignalHold hold;
-  const MutexLock lock(mutex_);
-  if (ring_ == nullptr) ring_ = new (std::nothrow) char[kSize];
-  if (ring_ == nullptr) return false;
-  if (on_) return true;
-  on_ = true;
-  clock_known_ = false;
-  Add(Kind::kStarted, 0, started);
+  {
+    const TermSignalHold hold;
+    const MutexLock lock(mutex_);
+    if (ring_ == nullptr) ring_ = new (std::nothrow) char[kSize];
+    if (ring_ == nullptr) return false;
+    if (on_) return true;
+    on_ = true;
+    clock_known_ = false;
+    Add(Kind::kStarted, 0, started);
+  }
+  journal_waker.Wake();
   return true;
 }
 

@@ -64,6 +64,11 @@ const char* NameOf(const Identity& who) {
   return who.user[0] != '\0' ? who.user : who.given_user;
 }
 
+std::string_view WithoutLineEnd(std::string_view text) {
+  const size_t last = text.find_last_not_of("\r\n");
+  return text.substr(0, last == std::string_view::npos ? 0 : last + 1);
+}
+
 // ---- Pauses -------------------------------------------------------------------------------------
 
 // Why the console's output is not kept, or null. As in WriteBuffer(), the first user counts.
@@ -258,11 +263,9 @@ void JournalTyped(UserNode* unode, std::string_view bytes) {
 
 void JournalMessage(const ConsoleNode* cnode, const Identity& who, const char* message) {
   if (!IsOn()) return;
-  const std::string_view text = message;
-  const size_t last = text.find_last_not_of("\r\n");
   Payload<kLongText + kFewFields>()
       .Add(Field::kUser, NameOf(who))
-      .Add(Field::kText, text.substr(0, last == std::string_view::npos ? 0 : last + 1))
+      .Add(Field::kText, WithoutLineEnd(message))
       .Push(Kind::kMessage, cnode == nullptr ? 0 : cnode->journal.number);
 }
 
@@ -273,7 +276,7 @@ void JournalEvent(uint32_t console, std::string_view pattern, int priority, std:
   Payload<kLongText + kFewFields>()
       .AddNumber(Field::kPriority, priority)
       .Add(Field::kPattern, pattern)
-      .Add(Field::kText, line.substr(0, kLongText))
+      .Add(Field::kText, WithoutLineEnd(line).substr(0, kLongText))
       .Push(Kind::kEvent, console);
 }
 
