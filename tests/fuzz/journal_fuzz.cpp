@@ -117,6 +117,7 @@ std::vector<Found> Read(const Journal& journal, const Query& query) {
 
 std::vector<std::string> Places(const std::vector<Found>& found) {
   std::vector<std::string> places;
+  places.reserve(found.size());
   for (const Found& one : found) places.push_back(journal::PositionText(one.position));
   return places;
 }

@@ -2,12 +2,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <iterator>
 #include <memory>
-#include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "journal/journal.h"
 #include "journal_encode.h"
@@ -19,7 +21,6 @@ namespace {
 
 using test::Damages;
 using test::JournalFiles;
-using test::ReadOutput;
 using test::ReadRest;
 using test::SegmentBytes;
 using test::Strings;
@@ -77,11 +78,12 @@ TEST_F(JournalDamageTest, CostsTheRecordThatItHits) {
     bytes[place] = static_cast<char>(bytes[place] ^ 0x55);
     PutFirst(bytes);
     Strings expected = all;
-    const auto hit = std::upper_bound(places_.begin(), places_.end(), place) - places_.begin() - 1;
-    expected.erase(expected.begin() + hit);
+    const auto behind = std::upper_bound(places_.begin(), places_.end(), place);
+    const uint64_t hit = *std::prev(behind);
+    expected.erase(expected.begin() + std::distance(places_.begin(), behind) - 1);
     ASSERT_EQ(Read(), expected) << place;
     ASSERT_THAT(damages_, SizeIs(1)) << place;
-    ASSERT_TRUE(damages_[0].starts_with("1:" + std::to_string(places_[hit]) + '+')) << place;
+    ASSERT_TRUE(damages_[0].starts_with("1:" + std::to_string(hit) + '+')) << place;
   }
 }
 

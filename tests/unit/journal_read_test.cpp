@@ -24,6 +24,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 constexpr int64_t kSecond = 1'000'000'000;
+constexpr int64_t kHour = 3600 * kSecond;
 
 // Two consoles in three segments; the second and third have more blocks than one.
 class JournalReadTest : public ::testing::TestWithParam<int> {
@@ -244,7 +245,7 @@ TEST(JournalClockTest, MayStepBackAndForth) {
   const JournalFiles files;
   SegmentBytes bytes;
   for (const int hour : {5, 3, 9, 4, 1}) {
-    bytes.SetWall(hour * 3600 * kSecond);
+    bytes.SetWall(hour * kHour);
     bytes.Output(1, std::to_string(hour));
     for (int i = 0; i < 6; ++i) bytes.Output(2, std::string(60000, 'x'));
   }
@@ -252,8 +253,8 @@ TEST(JournalClockTest, MayStepBackAndForth) {
   const Journal journal(files.path());
   Query query;
   query.consoles = {0};
-  query.since = 3 * 3600 * kSecond;
-  query.until = 6 * 3600 * kSecond;
+  query.since = 3 * kHour;
+  query.until = 6 * kHour;
   EXPECT_THAT(ReadOutput(journal, query), ElementsAre("5", "3", "4"));
 }
 
