@@ -15,7 +15,7 @@ constexpr int64_t kSecond = 1'000'000'000;  // in nanoseconds
 constexpr int64_t kSeamWidth = 3 * kSecond;
 constexpr time_t kLag = 1;              // seconds by which a log's stamp may be later
 constexpr size_t kLogPieceSize = 1024;  // logs have longer lines in pieces
-constexpr time_t kSpans[] = {3600, 86400, 30 * 86400};
+constexpr time_t kSpans[] = {3600, 86400, time_t{30} * 86400};
 
 // Consoles are looked for by name as the daemon does, which may have changed '-' to '_'.
 std::string Folded(std::string_view name) {
