@@ -100,10 +100,15 @@ bool AgreeOn(const std::string& a, const std::string& b) {
   return a.empty() || b.empty() || a == b;
 }
 
+// The name that a login has proved, or else the one that was given.
+const std::string& NameOf(const Act& act) {
+  return act.user.empty() ? act.given_user : act.user;
+}
+
 bool AreDoubles(const Act& a, const Act& b) {
   return a.is_audit != b.is_audit && a.what == b.what && a.result == b.result &&
-         IsSameName(a.console, b.console) && a.user == b.user && a.given_user == b.given_user &&
-         a.from == b.from && AgreeOn(a.mode, b.mode);
+         IsSameName(a.console, b.console) && NameOf(a) == NameOf(b) && AgreeOn(a.from, b.from) &&
+         AgreeOn(a.mode, b.mode);
 }
 
 // Each of two doubles may tell what the other does not.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 
 #include "command_port.h"
@@ -80,17 +81,28 @@ class Gathering {
   // Nobody is asked for a password: a monitor has nobody to ask.
   void AskDaemon() try {
     Credentials nobody = Credentials::Unasked();
-    const StatusAnswer answer = ParseStatus(CommandPort(settings_, nobody).JsonLines("status"));
+    CommandPort port(settings_, nobody);
+    const StatusAnswer answer = ParseStatus(port.JsonLines("status"));
     for (const ConsoleStatus& status : answer.consoles) {
       facts_.consoles.push_back(FactsFrom(status));
     }
     facts_.from_daemon = true;
+    NoteJournalState(port.JsonLines("stats"));
   } catch (const Failure& failure) {
     why_not_asked_ = failure.what();
     if (failure.status() == ExitStatus::kNoDaemon) {
       facts_.station.no_daemon = "the daemon does not answer";
     }
     Note("the daemon was not asked, and the states are those of the journal: " + why_not_asked_);
+  }
+
+  void NoteJournalState(const std::string& stats) {
+    const auto data = nlohmann::json::parse(stats, nullptr, false);
+    if (!data.is_object()) return;
+    const auto state = data.find("journal");
+    if (state == data.end()) return;
+    facts_.journal_is_off = *state == "off";
+    facts_.journal_is_stopped = *state == "stopped";
   }
 
   void OpenPast() {
@@ -101,6 +113,11 @@ class Gathering {
           "ZEVD_JOURNAL= in qor.conf switches it on");
     }
     facts_.from_journal = true;
+    if (facts_.journal_is_off) {
+      Note(
+          "the journal is switched off, so flooding, gaps and usual pauses are those of before; "
+          "ZEVD_JOURNAL= in qor.conf switches it on");
+    }
     past_ = std::make_unique<HealthPast>(std::move(journal), rules_);
     if (!facts_.from_daemon) past_->EndWithNewestRecord();
   }

@@ -49,7 +49,9 @@ struct HealthFacts {
   std::vector<std::string> notes;  ///< what could not be looked at, and why
   bool from_daemon = false;        ///< the states are the daemon's, not the journal's
   bool from_journal = false;       ///< there is a journal
-  int64_t now = 0;                 ///< up to when silence counts
+  bool journal_is_off = false;     ///< as the daemon says, like the next one
+  bool journal_is_stopped = false;
+  int64_t now = 0;  ///< up to when silence counts
 };
 
 /// Where the line is drawn.

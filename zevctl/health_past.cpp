@@ -16,7 +16,6 @@ using journal::KindBit;
 
 constexpr int64_t kSecond = HealthRules::kSecond;
 constexpr int64_t kGapsSince = int64_t{24} * 3600 * kSecond;
-constexpr int64_t kPausesSince = 7 * kGapsSince;
 constexpr int64_t kWritingTakes = 60 * kSecond;  // what a log or the journal may be behind
 constexpr size_t kMostRecordsForLine = 4096;
 
@@ -24,20 +23,17 @@ constexpr journal::Kinds kOfState = KindBit(Kind::kConnected) | KindBit(Kind::kL
                                     KindBit(Kind::kDisabled) | KindBit(Kind::kEnabled);
 constexpr journal::Kinds kOfPauses = KindBit(Kind::kPaused) | KindBit(Kind::kNotLogged);
 
+constexpr char kNotConnected[] = "not-connected";
+
 struct StateRow {
   Kind kind;
   const char* word;  // as the daemon says it
 };
 
 constexpr StateRow kStates[] = {{Kind::kConnected, "connected"},
-                                {Kind::kLost, "not-connected"},
+                                {Kind::kLost, kNotConnected},
                                 {Kind::kDisabled, "disabled"},
-                                {Kind::kEnabled, "not-connected"}};
-
-std::string UserOf(const journal::FieldReader& fields) {
-  const std::string_view user = fields.Text(Field::kUser);
-  return std::string(user.empty() ? fields.Text(Field::kGivenUser) : user);
-}
+                                {Kind::kEnabled, kNotConnected}};
 
 /// Takes records from the newest on; the first of a kind tells how a console is now.
 class NewestStates {
@@ -46,38 +42,58 @@ class NewestStates {
     for (ConsoleFacts& console : *consoles) consoles_[*console.id] = &console;
   }
 
-  void Take(const journal::Record& record) {
-    if (!record.console) return;
-    const auto console = consoles_.find(*record.console);
-    if (console == consoles_.end()) return;
+  /// False when nothing older counts: the daemon started, and knew of no connection or user.
+  bool Take(const journal::Record& record) {
+    if (record.header.kind == Kind::kStarted) return TakeStart(record);
+    const auto console = record.console ? consoles_.find(*record.console) : consoles_.end();
+    if (console == consoles_.end()) return true;
     if ((KindBit(record.header.kind) & kOfPauses) != 0) {
       TakePause(record, console->second);
-    } else if (console->second->state.empty()) {
+    } else {
       TakeState(record, console->second);
     }
+    return true;
   }
 
-  bool AreMissing() const { return known_ < consoles_.size(); }
-
  private:
+  // A connection that is lost because the console is disabled is told after that.
   void TakeState(const journal::Record& record, ConsoleFacts* facts) {
+    const Kind kind = record.header.kind;
+    const bool may_be_disabled = lost_.erase(*record.console) > 0;
+    if (!facts->state.empty() && !(may_be_disabled && kind == Kind::kDisabled)) return;
     for (const StateRow& row : kStates) {
-      if (record.header.kind == row.kind) facts->state = row.word;
+      if (kind == row.kind) facts->state = row.word;
     }
     facts->since = record.header.wall;
-    ++known_;
+    if (kind == Kind::kLost) lost_.insert(*record.console);
   }
 
   void TakePause(const journal::Record& record, ConsoleFacts* facts) {
     if (!paused_.insert(*record.console).second || record.header.kind != Kind::kPaused) return;
+    const std::string_view holder = journal::FieldReader(record.payload).Text(Field::kUser);
+    if (holder.empty()) {
+      facts->is_logged = false;  // nobody holds it, so its flag is the reason
+      return;
+    }
     facts->is_hidden = true;
-    facts->hidden_by = UserOf(journal::FieldReader(record.payload));
+    facts->hidden_by = holder;
     facts->hidden_since = record.header.wall;
+  }
+
+  // When the journal was switched on later, it says so as the reason.
+  bool TakeStart(const journal::Record& record) {
+    if (journal::FieldReader(record.payload).Has(Field::kReason)) return true;
+    for (auto& [id, console] : consoles_) {
+      if (!console->state.empty()) continue;
+      console->state = kNotConnected;
+      console->since = record.header.wall;
+    }
+    return false;
   }
 
   std::map<size_t, ConsoleFacts*> consoles_;
   std::set<size_t> paused_;  // those of which a pause or its end has been seen
-  size_t known_ = 0;
+  std::set<size_t> lost_;    // those whose newest state is a lost connection
 };
 
 }  // namespace
@@ -107,20 +123,15 @@ std::vector<ConsoleFacts> HealthPast::LastKnown() const {
   return consoles;
 }
 
-// One look back for all consoles; it goes beyond the look for pauses only where a state is missing.
+// One look back for all consoles, as far as the daemon's start.
 void HealthPast::AddStates(std::vector<ConsoleFacts>* consoles) const {
   NewestStates states(consoles);
   journal::Query query;
   query.backward = true;
-  query.kinds = kOfState | kOfPauses;
-  query.since = rules_.now - kPausesSince;
-  const auto recent = journal_->Read(query);
-  for (journal::Record record; recent->Next(&record);) states.Take(record);
-  query.kinds = kOfState;
-  query.until = *query.since - 1;
-  query.since.reset();
-  const auto older = journal_->Read(query);
-  for (journal::Record record; states.AreMissing() && older->Next(&record);) states.Take(record);
+  query.kinds = kOfState | kOfPauses | KindBit(Kind::kStarted);
+  const auto cursor = journal_->Read(query);
+  for (journal::Record record; cursor->Next(&record) && states.Take(record);) {
+  }
 }
 
 void HealthPast::Complete(HealthFacts* facts) const {
@@ -137,7 +148,7 @@ void HealthPast::Complete(HealthFacts* facts) const {
   }
   AddFlood(&facts->consoles);
   AddGaps(facts);
-  if (facts->from_daemon) AddStandstill(facts);
+  if (facts->from_daemon && !facts->journal_is_off) AddStandstill(facts);
 }
 
 // The sample is read for those only that have been silent for so long that it matters.
@@ -187,6 +198,7 @@ void HealthPast::AddGaps(HealthFacts* facts) const {
 
 // A console's output that is not recorded on purpose says nothing of the journal.
 void HealthPast::AddStandstill(HealthFacts* facts) const {
+  if (facts->journal_is_stopped) facts->station.journal_stands_since = end_.value_or(rules_.now);
   if (!end_) return;
   for (const ConsoleFacts& console : facts->consoles) {
     if (!console.id || console.is_hidden || console.is_logged != true || !console.last_output) {

@@ -40,10 +40,12 @@ void PastLines::LearnWhoIsAttached() {
   for (journal::Record record; cursor->Next(&record);) NoteUsers(record);
 }
 
-// A daemon that starts has no users.
+// A daemon that starts has no users; one that goes on with its journal, which is the reason that it
+// then gives, may have them.
 void PastLines::NoteUsers(const journal::Record& record) {
   const Kind kind = record.header.kind;
-  if (kind == Kind::kStarted) {
+  const bool goes_on = journal::FieldReader(record.payload).Has(journal::Field::kReason);
+  if (kind == Kind::kStarted && !goes_on) {
     for (auto& [console, state] : consoles_) state.users = 0;
   }
   if (!record.console) return;

@@ -1,8 +1,11 @@
 """`zevctl audit`: who did what, and when the record has holes, from the journal."""
 
+import re
+
 import pytest
 
 from harness import zevctl
+from harness.scenes import box_of
 from journal_writer import Field, JournalWriter, Kind, flip
 
 ANN = {Field.USER: "ann", Field.FROM: "10.1.1.1"}
@@ -186,6 +189,27 @@ def test_a_kind_that_does_not_exist_is_refused(journal):
     done = zevctl.run(None, "audit", "--what", "logins")
     assert done.returncode == zevctl.USAGE
     assert "is none of attach, break, clear" in done.stderr
+
+
+def test_what_is_done_with_a_daemon_is_told_once(station):
+    (station.config / "qor.conf").write_text("ZEVD_ARCH_INT=7\nZEVD_JOURNAL=100\n")
+    box = box_of(station)
+    user = station.attach("box", mode="er")
+    zevctl.succeed(station, "msg", "-y", "box", "going down")
+    user.expect(b"going down")
+    user.close()
+    station.wait_log(re.compile("^CleanUpClosedConnections: Closing connection with user "))
+    zevctl.succeed(station, "disable", "-y", "box")
+    box.expect_closed()
+    station.stop()
+    found = [act for act in acts() if act["console"] in ("box", None)]
+    assert words(found) == ["start", "security", "attach", "not-logged", "msg", "leave", "disable",
+                            "stop"]
+    _, _, attach, hidden, message, left, disabled, _ = found
+    assert (attach["result"], attach["mode"], attach["from"]) == ("accepted", "er", "127.0.0.1")
+    assert hidden["begin"] < hidden["end"]
+    assert message["text"] == "going down" and message["from"] == "127.0.0.1"
+    assert left["mode"] == "er" and disabled["result"] == "done"
 
 
 def test_kinds_are_completed_also_behind_a_comma(station):

@@ -1,6 +1,7 @@
 """`zevctl health`: what is wrong with consoles and their record, for people and for monitors."""
 
 import json
+import subprocess
 import time
 
 import pytest
@@ -106,12 +107,39 @@ def test_silence_counts_from_the_last_output(station):
     assert problems(health(station, WARNING, "--silent", "1s")) == {("silent", "web")}
 
 
-def test_a_journal_that_is_not_written_is_critical(station):
-    with JournalWriter(station.root / "journal", begin=time.time_ns() - HOUR) as journal:
-        journal.output(journal.console("web"), b"old\n")
-    station_of(station, "web")
-    found = health(station, CRITICAL)
-    assert ("journal", None) in problems(found)
+def switch_journal_on(station: Station) -> None:
+    """Have the daemon that is started next keep a journal."""
+    (station.config / "qor.conf").write_text("ZEVD_ARCH_INT=7\nZEVD_JOURNAL=100\n")
+
+
+@pytest.mark.needs_namespace
+def test_a_journal_that_cannot_be_written_is_critical(station):
+    directory = station.root / "journal"
+    directory.mkdir()
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=128k,mode=0750", "tmpfs", directory],
+                   check=True)
+    switch_journal_on(station)
+    web, = station_of(station, "web")
+    wait_until(lambda: any(directory.glob("*.seg")), what="the journal")
+    for _ in range(200):
+        web.send(b"x" * 999 + b"\n")
+    wait_until(lambda: ("journal", None) in problems(json.loads(
+        zevctl.run(station, "--json", "health").stdout)), what="the journal to stop")
+    assert "journal" in zevctl.run(station, "health").stdout
+    health(station, CRITICAL)
+
+
+def test_a_station_with_a_journal_is_fine_and_a_flood_is_told(station):
+    switch_journal_on(station)
+    web, _ = station_of(station, "web", "db")
+    wait_until(lambda: any((station.root / "journal").glob("*.seg")), what="the journal")
+    found = health(station, FINE)
+    assert (found["journal"], found["problems"], found["notes"]) == (True, [], [])
+    for _ in range(30):
+        web.send(b"x" * 999 + b"\n")
+    wait_until(lambda: zevctl.run(station, "health", "--flood", "30000").returncode == WARNING,
+               what="the flood in the journal")
+    assert problems(health(station, WARNING, "--flood", "30000")) == {("flooding", "web")}
 
 
 # From the journal, without a daemon
@@ -136,6 +164,24 @@ def test_states_come_from_the_journal_when_no_daemon_answers(journal):
     found = health(None, CRITICAL, "--log-dir", "/nowhere")
     assert found["states_from"] == "journal" and found["consoles"] == 2
     assert problems(found) == {("daemon", None), ("down", "db")}
+
+
+def test_a_start_of_the_daemon_ends_what_was_before(journal):
+    now = time.time_ns()
+    for name in ("web", "db"):
+        console = journal.console(name, at=now - HOUR)
+        journal.record(Kind.CONNECTED, console)
+        journal.record(Kind.PAUSED, console, {Field.USER: "ann"})
+    journal.new_run()
+    journal.record(Kind.STARTED)
+    web, off, plain, _db = (journal.console(name) for name in ("web", "off", "plain", "db"))
+    for console in (web, off, plain):
+        journal.record(Kind.CONNECTED, console)
+    journal.record(Kind.PAUSED, plain, {Field.REASON: "The console's logging flag is not 1."})
+    journal.record(Kind.DISABLED, off, {Field.USER: "ann"})
+    journal.record(Kind.LOST, off, {Field.REASON: "The console was disabled."})
+    assert problems(health(None, CRITICAL)) == {
+        ("daemon", None), ("down", "db"), ("disabled", "off"), ("no-log", "plain")}
 
 
 def test_silence_longer_than_usual_is_told(journal):

@@ -12,7 +12,7 @@ from harness import zevctl
 from harness.collectors import collector
 from harness.logs import bring_up, waker
 from harness.station import Station
-from harness.waiting import LIMIT, stretched
+from harness.waiting import LIMIT, stretched, wait_until
 from journal_writer import Field, JournalWriter, Kind
 
 EVER = ("--since", "2020-01-01")
@@ -273,24 +273,61 @@ def printed_to_both(journal: JournalWriter, box, output: bytes, dice: random.Ran
         output = output[size:]
 
 
+def verdicts_of(found: dict) -> set[tuple[str, int]]:
+    """Each line that would make an event, with the priority of the pattern that wins."""
+    verdicts = {(example["line"], pattern["priority"]) for pattern in found["patterns"]
+                for example in pattern["examples"] if example["wins"]}
+    assert 20 < len(verdicts) < found["lines"] and len({priority for _, priority in verdicts}) > 2
+    return verdicts
+
+
+def write_random_events(station: Station, author: Author, hard: bool) -> None:
+    """An event file with patterns of all kinds, and one for the last line."""
+    patterns = [author.pattern(place, hard and place % 4 == 1) for place in range(8)]
+    write_events(station, *patterns, "last 99 1 ^END OF IT")
+
+
+def random_output(author: Author, count: int = 300) -> bytes:
+    """Lines of which some match."""
+    return b"".join(author.line(number) for number in range(count)) + b"END OF IT\n"
+
+
+def assert_posted(manager, verdicts: set[tuple[str, int]]) -> None:
+    """The daemon has posted just these events."""
+    posted = manager.wait_events(len(verdicts), limit=2 * LIMIT)
+    assert posted[-1]["vars"]["message"] == "END OF IT\n"
+    assert {(event["vars"]["message"], event["priority"]) for event in posted} == verdicts
+
+
 @pytest.mark.parametrize("hard", [False, True], ids=["easy", "hard"])
 @pytest.mark.parametrize("seed", [SEED, SEED + 1, SEED + 2])
 def test_every_verdict_is_the_daemons(station, collector, waker, tmp_path, hard, seed):
     print("seed", seed)
     author = Author(seed)
-    count = 300
-    patterns = [author.pattern(place, hard and place % 4 == 1) for place in range(8)]
-    write_events(station, *patterns, "last 99 1 ^END OF IT")
+    write_random_events(station, author, hard)
     box = station.console("box", events=1, event_file="set")
     bring_up(station, box, options=("-d", "0"))
     manager = collector.accept()
-    output = b"".join(author.line(number) for number in range(count)) + b"END OF IT\n"
     with JournalWriter(tmp_path / "journal") as journal:
-        printed_to_both(journal, box, output, author.dice)
+        printed_to_both(journal, box, random_output(author), author.dice)
     found = rehearsed("--journal-dir", str(tmp_path / "journal"), "--show", "1000000")
-    verdicts = {(example["line"], pattern["priority"]) for pattern in found["patterns"]
-                for example in pattern["examples"] if example["wins"]}
-    assert 20 < len(verdicts) < found["lines"] and len({priority for _, priority in verdicts}) > 2
-    posted = manager.wait_events(len(verdicts), limit=2 * LIMIT)
-    assert posted[-1]["vars"]["message"] == "END OF IT\n"
-    assert {(event["vars"]["message"], event["priority"]) for event in posted} == verdicts
+    assert_posted(manager, verdicts_of(found))
+
+
+@pytest.mark.parametrize("hard", [False, True], ids=["easy", "hard"])
+def test_the_daemons_own_journal_gives_its_verdicts(station, collector, waker, hard):
+    print("seed", SEED)
+    author = Author(SEED)
+    write_random_events(station, author, hard)
+    (station.config / "qor.conf").write_text("ZEVD_ARCH_INT=7\nZEVD_JOURNAL=100\n")
+    box = station.console("box", events=1, event_file="set")
+    bring_up(station, box, options=("-d", "0"))
+    manager = collector.accept()
+    box.send(random_output(author))
+
+    def last_line_found() -> dict | None:
+        found = rehearsed("box", "--show", "1000000")
+        return found if by_name(found)["last"]["wins"] == 1 else None
+
+    found = wait_until(last_line_found, what="the output in the journal")
+    assert_posted(manager, verdicts_of(found))

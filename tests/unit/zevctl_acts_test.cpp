@@ -68,6 +68,14 @@ TEST_F(ActListTest, FoldsDoublesOverOtherActs) {
   EXPECT_THAT(Words(), ElementsAre("disable", "clear"));
 }
 
+TEST_F(ActListTest, FoldsDoublesOfWhichOneTellsTheNameAlone) {
+  Take(Kind::kMessage, 0, {{Field::kUser, "ann"}, {Field::kText, "hello"}});
+  Audit("msg", "done", 1);
+  ASSERT_THAT(Words(), ElementsAre("msg"));
+  EXPECT_EQ(list_.acts()[0].from, "10.1.1.1");
+  EXPECT_EQ(list_.acts()[0].text, "hello");
+}
+
 TEST_F(ActListTest, KeepsWhatHappenedTwice) {
   Take(Kind::kAttached, 0, kByAnn);
   Take(Kind::kAttached, 1, kByAnn);
