@@ -84,8 +84,8 @@ class WantedActs {
   std::vector<std::string> names_;
 };
 
-std::vector<Act> ReadActs(const AuditOptions& options, const journal::Journal& journal) {
-  const PastRange range = ReadRange(options.since, options.until);
+std::vector<Act> ReadActs(const AuditOptions& options, const PastRange& range,
+                          const journal::Journal& journal) {
   journal::Query query;
   query.kinds = KindsOfActs();
   query.since = range.since;
@@ -224,12 +224,14 @@ std::unique_ptr<journal::Journal> OpenForAudit(const std::string& directory) {
 ExitStatus RunAudit(const Settings& settings, const AuditOptions& options) {
   RequireThisHost(settings, "audit", "the journal");
   return WithJournalErrors(options.journal_dir, [&] {
+    const PastRange range = ReadRange(options.since, options.until);
     const auto journal = OpenForAudit(options.journal_dir);
-    const std::vector<Act> acts = ReadActs(options, *journal);
+    const std::vector<Act> acts = ReadActs(options, range, *journal);
     if (settings.json) {
       PrintJson(acts);
     } else {
       PrintTable(acts);
+      std::cout << WhereJournalBegins(*journal, range);
     }
     return ExitStatus::kOk;
   });

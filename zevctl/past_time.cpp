@@ -3,6 +3,7 @@
 #include <ctime>
 
 #include "journal_open.h"
+#include "journal_text.h"
 #include "moment.h"
 #include "output.h"
 
@@ -32,6 +33,14 @@ PastRange ReadRange(const std::string& since, const std::string& until) {
   if (begin) range.since = *begin * kSecondInNanoseconds;
   if (end) range.until = (*end + 1) * kSecondInNanoseconds - 1;
   return range;
+}
+
+std::string WhereJournalBegins(const journal::Journal& journal, const PastRange& range) {
+  const auto segments = journal.segments();
+  if (segments.empty()) return "";
+  const int64_t begin = segments.front().first_wall;
+  if (range.since && *range.since >= begin) return "";
+  return "The journal begins at " + StampText(begin) + ".\n";
 }
 
 void WarnOfDamage(const journal::Cursor& cursor) {

@@ -23,6 +23,9 @@ inline constexpr int64_t kSecondInNanoseconds = 1'000'000'000;
 /// The options --since and --until, of which each may be empty. Throws Failure(kUsage).
 PastRange ReadRange(const std::string& since, const std::string& until);
 
+/// For people: since when the journal tells of the range, a line; empty when it tells of all.
+std::string WhereJournalBegins(const journal::Journal& journal, const PastRange& range);
+
 /// Warns of what a cursor has stepped over.
 void WarnOfDamage(const journal::Cursor& cursor);
 

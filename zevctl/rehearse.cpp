@@ -104,9 +104,10 @@ void KeepExamples(const RehearseOptions& options, const PastLine& line, const Ve
   }
 }
 
-Outcome Try(const RehearseOptions& options, const journal::Journal& journal, Rehearsal& rehearsal) {
+Outcome Try(const RehearseOptions& options, const PastRange& range, const journal::Journal& journal,
+            Rehearsal& rehearsal) {
   PastLinesQuery query;
-  query.range = ReadRange(options.since, options.until);
+  query.range = range;
   query.keeps_returns = options.keeps_returns;
   if (!options.consoles.empty()) {
     query.consoles = ChooseConsoles(journal.consoles(), options.consoles).ids;
@@ -268,24 +269,28 @@ void PrintJson(const EventFile& file, const std::vector<PatternFigures>& figures
 
 // ---- The command --------------------------------------------------------------------------------
 
-void Print(bool as_json, Rehearsal& rehearsal, const Outcome& outcome,
-           const std::vector<journal::Console>& consoles) {
+void PrintForPeople(Rehearsal& rehearsal, const Outcome& outcome, const PastRange& range,
+                    const journal::Journal& journal) {
   const EventFile& file = rehearsal.file();
-  if (as_json) return PrintJson(file, rehearsal.figures(), outcome, consoles);
   PrintTable(file, rehearsal.figures());
-  std::cout << Summary(file, outcome);
-  PrintExamples(file, outcome, consoles);
+  std::cout << Summary(file, outcome) << WhereJournalBegins(journal, range);
+  PrintExamples(file, outcome, journal.consoles());
 }
 
 ExitStatus RunRehearse(const Settings& settings, const RehearseOptions& options) {
   RequireThisHost(settings, "rehearse", "the journal");
   setpriority(PRIO_PROCESS, 0, kNiceness);  // the daemon beside it comes first
   return WithJournalErrors(options.journal_dir, [&] {
+    const PastRange range = ReadRange(options.since, options.until);
     Rehearsal rehearsal(ReadFileOf(options));
     WarnOfLines(rehearsal.file());
     const auto journal = OpenJournal(options.journal_dir);
-    const Outcome outcome = Try(options, *journal, rehearsal);
-    Print(settings.json, rehearsal, outcome, journal->consoles());
+    const Outcome outcome = Try(options, range, *journal, rehearsal);
+    if (settings.json) {
+      PrintJson(rehearsal.file(), rehearsal.figures(), outcome, journal->consoles());
+    } else {
+      PrintForPeople(rehearsal, outcome, range, *journal);
+    }
     if (outcome.is_interrupted) {
       Warn("interrupted; the figures are those of the lines before " +
            std::string("the interruption, so begin later with --since"));

@@ -58,7 +58,10 @@ def test_the_table_tells_who_did_what_and_from_where(journal):
         ["2026-11-22", "12:00:00.002", "login", "refused", "eve", "10.9.9.9", "web", "wrong",
          "password"],
         ["2026-11-22", "12:00:00.003", "mode", "done", "ann", "10.1.1.1", "web", "sh", "->", "ex"],
-        ["2026-11-22", "12:00:00.004", "stop"]]
+        ["2026-11-22", "12:00:00.004", "stop"],
+        ["The", "journal", "begins", "at", "2026-11-22", "12:00:00.000."]]
+    since = zevctl.succeed(None, "audit", "--since", "2026-11-22T12:00:00Z")
+    assert "begins" not in since
 
 
 def test_json_has_every_field(journal):

@@ -81,6 +81,7 @@ def test_the_table_names_what_to_look_at(station, journal):
         ["twice", "50", "1", "1", "1", "dear: needs a process of its own"],
         ["bad", "1", "0", "0", "0", "left out: does not compile: Unmatched ( or \\("]]
     assert lines[6] == "Lines: 2, matched: 2; a process of its own has to match the whole file."
+    assert lines[7].startswith("The journal begins at ")
 
 
 def test_lines_that_somebody_watched_make_no_events(station, journal):
