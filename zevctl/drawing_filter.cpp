@@ -1,6 +1,7 @@
 #include "drawing_filter.h"
 
 #include <algorithm>
+#include <charconv>
 #include <vector>
 
 #include "output.h"
@@ -16,8 +17,12 @@ constexpr unsigned char kCancel = 0x18;
 constexpr unsigned char kSubstitute = 0x1A;
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD in UTF-8
 
+constexpr char kRepeat = 'b';  // the last character
+
 constexpr size_t kLongestSequence = 128;
 constexpr size_t kLongestString = 4096;
+constexpr size_t kMostDigits = 3;
+constexpr char kMostNumber[] = "1000";
 
 // Bell, backspace, tab, line feed, vertical tab, form feed, carriage return, and the two that
 // choose between sets of characters.
@@ -25,7 +30,7 @@ constexpr std::string_view kControls = "\a\b\t\n\v\f\r\x0E\x0F";
 
 // Control sequences (ECMA-48) that move the cursor, erase, insert, delete, scroll, and set colours,
 // margins and tabs. "h" and "l" are looked at more closely.
-constexpr std::string_view kDrawing = "@ABCDEFGHIJKLMPSTXZ`abdefgmrsu";
+constexpr std::string_view kDrawing = "@ABCDEFGHIJKLMPSTXZ`adefgmrsu";
 
 // Behind an escape character: save and restore the cursor, move it, set a tab, reset, and choose a
 // set of characters.
@@ -78,6 +83,22 @@ bool OnlyParameters(std::string_view text) {
   return std::all_of(text.begin(), text.end(), IsParameter);
 }
 
+// Without numbers that are more than any screen has: an emulation may count them down.
+std::string WithBoundedNumbers(std::string_view sequence) {
+  std::string bounded;
+  std::string number;
+  for (const char byte : sequence) {
+    if (byte >= '0' && byte <= '9') {
+      number += byte;
+      continue;
+    }
+    bounded += number.size() > kMostDigits ? kMostNumber : number;
+    bounded += byte;
+    number.clear();
+  }
+  return bounded;
+}
+
 // A whole control sequence as it may pass; empty when it may not.
 std::string Passing(std::string_view sequence) {
   const char last = sequence.back();
@@ -86,7 +107,7 @@ std::string Passing(std::string_view sequence) {
   const bool is_selective_erase = between.starts_with('?') && (last == 'J' || last == 'K');
   if (is_selective_erase) between.remove_prefix(1);
   const bool draws = OnlyParameters(between) && kDrawing.find(last) != std::string_view::npos;
-  return draws || sequence == kSoftReset ? std::string(sequence) : "";
+  return draws || sequence == kSoftReset ? WithBoundedNumbers(sequence) : "";
 }
 
 bool MayPassEscape(std::string_view sequence) {
@@ -121,7 +142,7 @@ void DrawingFilter::Take(std::string_view bytes, const Sink& sink) {
     const auto first = static_cast<unsigned char>(piece[0]);
     rest.remove_prefix(length);
     if (plain > 0) {
-      sink(piece);
+      Put(piece, sink);
     } else if (place_ == Place::kString || place_ == Place::kStringEscape) {
       TakeInString(first, sink);
     } else if (place_ != Place::kText && first < 0x80) {
@@ -150,7 +171,7 @@ void DrawingFilter::TakeText(std::string_view character, const Sink& sink) {
   if (first == kEscapeKey) {
     Begin();
   } else if (first >= 0x80) {
-    sink(Printable(character) == character ? character : kReplacement);
+    Put(Printable(character) == character ? character : kReplacement, sink);
   } else if (kControls.find(character[0]) != std::string_view::npos) {
     sink(character);
   }
@@ -205,10 +226,30 @@ void DrawingFilter::Begin() {
 
 void DrawingFilter::End(const Sink& sink) {
   const bool is_control = place_ == Place::kControl;
+  if (is_control && sequence_.back() == kRepeat) return Repeat(sequence_, sink);
   const std::string passing =
       is_control ? Passing(sequence_) : (MayPassEscape(sequence_) ? sequence_ : "");
   Drop();
   if (!passing.empty()) sink(passing);
+}
+
+void DrawingFilter::Put(std::string_view text, const Sink& sink) {
+  size_t begin = text.size() - 1;
+  while (begin > 0 && (text[begin] & 0xC0) == 0x80) --begin;
+  last_character_ = text.substr(begin);
+  sink(text);
+}
+
+// Emulations differ in what they repeat, and how often: a character without a width, for example.
+void DrawingFilter::Repeat(std::string_view sequence, const Sink& sink) {
+  const std::string bounded = WithBoundedNumbers(sequence);
+  Drop();
+  size_t count = 1;
+  std::from_chars(bounded.data() + 2, bounded.data() + bounded.size() - 1, count);
+  if (last_character_.empty() || !OnlyParameters(bounded.substr(2, bounded.size() - 3))) return;
+  std::string text;
+  for (; count > 0; --count) text += last_character_;
+  if (!text.empty()) sink(text);
 }
 
 void DrawingFilter::Drop() {

@@ -39,10 +39,13 @@ class DrawingFilter {
   void Begin();
   void End(const Sink& sink);
   void Drop();
+  void Put(std::string_view text, const Sink& sink);
+  void Repeat(std::string_view sequence, const Sink& sink);
 
   Utf8Joiner joiner_;
   Place place_ = Place::kText;
   std::string sequence_;
+  std::string last_character_;
   size_t string_length_ = 0;
 };
 

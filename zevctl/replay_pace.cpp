@@ -1,6 +1,7 @@
 #include "replay_pace.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace zevctl {
 
@@ -22,7 +23,7 @@ Nanoseconds Between(const Instant& earlier, const Instant& later) {
 }
 
 Nanoseconds Seconds(double seconds) {
-  return Nanoseconds(static_cast<int64_t>(std::clamp(seconds, 0.0, kMostSeconds) / kNanosecond));
+  return Nanoseconds(std::llround(std::clamp(seconds, 0.0, kMostSeconds) / kNanosecond));
 }
 
 Pace::Pace(double speed, std::optional<Nanoseconds> most_idle)

@@ -59,7 +59,7 @@ std::string Utf8Joiner::Take(std::string_view bytes) {
 }
 
 std::string Utf8Joiner::Finish() {
-  const std::string end(begun_.empty() ? std::string_view() : kReplacement);
+  std::string end(begun_.empty() ? std::string_view() : kReplacement);
   begun_.clear();
   return end;
 }

@@ -1,93 +1,18 @@
-"""`zevctl replay`: a console's screen as it was, on a terminal and for other programs."""
+"""`zevctl replay` on a terminal: a console's screen as it was."""
 
-import json
 import signal
-import subprocess
 from pathlib import Path
 
-import pyte
 import pytest
 
 from harness import zevctl
 from harness.screens import QUESTIONS, Screen
+# `tape` and `play` are fixtures.
+from harness.tapes import CRASH, HOSTILE, crash, play, tape
 from harness.waiting import LIMIT, stretched, wait_until
-from journal_writer import SECOND, Field, JournalWriter, Kind, flip, nanoseconds
+from journal_writer import Field, Kind, flip
 
-BEGIN = nanoseconds("2026-11-22 03:10:00")
-SINCE = "2026-11-22T03:10:00Z"
 LEFT, RIGHT, FAR_LEFT, HOME, END = "\x1b[D", "\x1b[C", "\x1b[1;2D", "\x1b[H", "\x1b[F"
-
-
-class Tape:
-    """A journal of one console; times are seconds from BEGIN on, as both clocks tell them."""
-
-    def __init__(self, directory: Path, name: str = "web") -> None:
-        self.directory = directory
-        self.journal = JournalWriter(directory, begin=BEGIN - SECOND)
-        self.console = self.journal.console(name, "10.0.0.1", 4001)
-
-    def record(self, kind: Kind, seconds: float, payload=b"") -> None:
-        """Write a record of the console."""
-        span = round(seconds * SECOND)
-        self.journal.record(kind, self.console, payload, at=BEGIN + span, monotonic=span + SECOND)
-
-    def output(self, seconds: float, data: bytes) -> None:
-        """The console prints."""
-        self.record(Kind.OUTPUT, seconds, data)
-
-    def event(self, seconds: float, pattern: str, line: str) -> None:
-        """A pattern has matched a line."""
-        self.record(Kind.EVENT, seconds,
-                    {Field.PATTERN: pattern, Field.PRIORITY: 1, Field.TEXT: line})
-
-    def attached(self, seconds: float, user: str) -> None:
-        """Somebody attaches."""
-        self.record(Kind.ATTACHED, seconds,
-                    {Field.USER: user, Field.FROM: "10.0.0.9", Field.MODE: "sh"})
-
-    def arguments(self, *more: str) -> list[str]:
-        """The command line that replays it, without the program; from BEGIN on if nothing else."""
-        since = [] if "--since" in more else ["--since", SINCE]
-        return ["replay", "web", "--journal-dir", str(self.directory), *since, *more]
-
-
-@pytest.fixture
-def tape(tmp_path):
-    made = Tape(tmp_path / "journal")
-    yield made
-    made.journal.close()
-
-
-@pytest.fixture
-def play(tape):
-    """Replays the tape on a terminal; the function's options are those of the command."""
-    screens = []
-
-    def start(*options: str, **terminal) -> Screen:
-        screens.append(Screen(str(zevctl.PROGRAM), *tape.arguments(*options), **terminal))
-        return screens[-1]
-
-    yield start
-    for screen in screens:
-        screen.close()
-
-
-def crash(tape: Tape) -> None:
-    """A boot, a crash with an event, a user, and a long silence in front of the next prompt."""
-    tape.output(0, b"booting\r\n")
-    tape.output(4, b"\x1b[1;31mpanic\x1b[0m: one\r\n")
-    tape.event(4.1, "PANIC", "panic: one")
-    tape.attached(20, "anna")
-    tape.output(25, b"rebooting\r\n")
-    tape.output(30, b"panic: two\r\n")
-    tape.event(30.1, "PANIC", "panic: two")
-    tape.output(7200, b"login: ")
-
-
-CRASH = ["booting", "panic: one", "rebooting", "panic: two", "login:"]
-
-
-# ---- On a terminal -------------------------------------------------------------------------------
 
 
 def test_it_plays_to_the_end_and_shortens_pauses(tape, play):
@@ -256,7 +181,8 @@ def test_e_goes_from_event_to_event(tape, play):
 NOTES = [
     (Kind.CONNECTED, b"", "connected"),
     (Kind.LOST, {Field.REASON: "reset"}, "the connection was lost: reset"),
-    (Kind.PAUSED, {Field.USER: "ann", Field.REASON: "mode"}, "not logged from here on by ann: mode"),
+    (Kind.PAUSED, {Field.USER: "ann", Field.REASON: "mode"},
+     "not logged from here on by ann: mode"),
     (Kind.NOT_LOGGED, {Field.USER: "ann", Field.BYTES: 7}, "not logged by ann, 7 bytes"),
     (Kind.GAP, {Field.COUNT: 3, Field.REASON: "disk full"}, "gap: 3 records"),
     (Kind.ATTACHED, {Field.USER: "bob", Field.MODE: "ex"}, "bob attached (exclusive)"),
@@ -359,19 +285,10 @@ def test_a_terminal_that_takes_nothing_does_not_keep_it(tape, play):
     for index in range(2000):
         tape.output(index / 1000, b"\x1b[2J" + bytes([65 + index % 26]) * 1800)
     screen = play()
-    wait_until(lambda: screen.process.poll() is None and zevctl_blocked(screen),
+    wait_until(lambda: screen.process.poll() is None and screen.is_full(),
                what="a full terminal")
     screen.process.send_signal(signal.SIGTERM)
     assert screen.process.wait(stretched(LIMIT)) == -signal.SIGTERM
-
-
-def zevctl_blocked(screen: Screen) -> bool:
-    """Whether more than a kernel's buffer of output has been made, of which nobody took any."""
-    import fcntl
-    import struct
-    import termios
-    count = struct.unpack("I", fcntl.ioctl(screen.terminal, termios.FIONREAD, b"\0" * 4))[0]
-    return count >= 4000
 
 
 def test_stopping_and_going_on(tape, play):
@@ -416,11 +333,6 @@ def test_what_is_damaged_is_told(tape, play):
     assert done.stderr.startswith("zevctl: the journal is damaged here: ")
 
 
-HOSTILE = (b"\x1b[6n\x1b[c\x1b[>c\x1b[5n\x1b[18t\x1b[?2026$p\x1bZ\x05\x1b]0;title\a\x1b]52;c;eA==\a"
-           b"\x1b]11;?\x1b\\\x1bP$qm\x1b\\\x1b[?1000h\x1b[?2004h\x1b[>4;2m\x1b=\xc2\x9b6n\x1b[8;9;9t"
-           b"\xe2\x80\xaelarutan\r\n\x1b[2l\x1b[5ishown\x1b]never ends")
-
-
 def test_hostile_output_reaches_nobody(tape, play):
     tape.output(0, HOSTILE)
     screen = play()
@@ -430,143 +342,3 @@ def test_hostile_output_reaches_nobody(tape, play):
     assert not QUESTIONS.search(screen.drawn)
     assert b"\x1b]" not in screen.drawn and b"\x1bP" not in screen.drawn
     assert screen.modes() == screen.modes_before
-
-
-# ---- For other programs --------------------------------------------------------------------------
-
-
-def exported(tape: Tape, form: str, *more: str) -> str:
-    return zevctl.succeed(None, *tape.arguments("--export", form, *more))
-
-
-def cast(text: str) -> tuple[dict, list]:
-    header, *events = [json.loads(line) for line in text.splitlines()]
-    return header, events
-
-
-def test_an_asciicast_has_times_texts_and_markers(tape):
-    crash(tape)
-    header, events = cast(exported(tape, "asciicast", "--size", "132x43"))
-    assert header == {"version": 2, "width": 132, "height": 43, "timestamp": BEGIN // SECOND,
-                      "title": header["title"]}
-    assert header["title"].startswith("web, 2026-11-2")
-    assert events[1:] == [
-        [0, "o", "booting\r\n"],
-        [4, "o", "\x1b[1;31mpanic\x1b[0m: one\r\n"],
-        [4.1, "m", "event: pattern PANIC, priority 1: panic: one"],
-        [20, "m", "anna@10.0.0.9 attached (shared)"],
-        [25, "o", "rebooting\r\n"],
-        [30, "o", "panic: two\r\n"],
-        [30.1, "m", "event: pattern PANIC, priority 1: panic: two"],
-        [7200, "o", "login: "]]
-
-
-def test_a_character_that_records_cut_is_joined(tape):
-    tape.output(0, b"\xe2\x82")
-    tape.output(1, b"\xac \xfe\xc3")
-    assert [event[2] for event in cast(exported(tape, "asciicast"))[1][1:]] == ["€ \ufffd", "\ufffd"]
-
-
-def test_a_wish_for_short_pauses_is_in_the_header(tape):
-    crash(tape)
-    assert cast(exported(tape, "asciicast", "--max-idle", "1.5"))[0]["idle_time_limit"] == 1.5
-
-
-def test_asciinema_plays_what_replay_shows(tape, play, tmp_path):
-    tape.output(0, b"hidden\r\n\x1b[2J\x1b[3;4H\x1b[1;34mblue\x1b[0m\r\n\xe2\x82")
-    tape.output(1, b"\xac and \xe6\x97\xa5\xe6\x9c\xac\r\n")
-    tape.output(2, b"\x1b[5;20r\x1b[20;1Hone\r\ntwo\r\nthree" + HOSTILE)
-    screen = play("--speed", "100", rows=25)
-    screen.wait_status("end")
-    file = tmp_path / "web.cast"
-    assert exported(tape, "asciicast", "--max-idle", "0.1", "-o", str(file)) == ""
-    with Screen("/usr/bin/asciinema", "play", "-s", "100", str(file), rows=24) as other:
-        assert other.wait_end() == 0
-        assert not QUESTIONS.search(other.drawn)
-        mine, theirs = screen.screen, other.screen
-        for row in range(24):
-            assert [mine.buffer[row][column] for column in range(80)] == \
-                [theirs.buffer[row][column] for column in range(80)], row
-        assert "blue" in other.draw()[2] and "日本" in other.draw()[3]
-
-
-def test_text_is_what_a_person_reads(tape):
-    tape.output(0, b"\x1b[1;31mpanic\x1b[0m: \xe2\x82")
-    tape.output(1, b"\xac\r\n10%\r100%\r\n" + HOSTILE.replace(b"shown", b"") + b"\r\nlogin: ")
-    assert exported(tape, "text").splitlines()[:2] == ["panic: €", "100%"]
-    assert "\x1b" not in exported(tape, "text")
-    assert exported(tape, "text").splitlines()[-1] == "login: "
-
-
-def test_a_file_is_new_and_ones_own(tape, tmp_path):
-    crash(tape)
-    file = tmp_path / "out"
-    exported(tape, "text", "-o", str(file))
-    assert file.read_text().splitlines() == [*CRASH[:-1], "login: "]
-    assert file.stat().st_mode & 0o777 == 0o600
-    zevctl.refuse(None, zevctl.FAILED, f"{file} cannot be made: File exists; name another file "
-                  "with --output", *tape.arguments("--export", "text", "-o", str(file)))
-
-
-def test_a_full_disk_is_told(tape):
-    crash(tape)
-    with open("/dev/full", "wb") as full:
-        done = subprocess.run([zevctl.PROGRAM, *tape.arguments("--export", "text")], stdout=full,
-                              stderr=subprocess.PIPE, check=False, env=zevctl.environment())
-    assert done.returncode == zevctl.FAILED
-    assert done.stderr.startswith(b"zevctl: ") and b"No space left" in done.stderr
-
-
-def test_a_reader_that_goes_is_no_error(tape):
-    for index in range(200):
-        tape.output(index, b"0123456789abcde\r\n" * 400)
-    process = zevctl.start(None, *tape.arguments("--export", "asciicast"))
-    assert process.stdout.read(100)
-    process.stdout.close()
-    assert process.wait(stretched(LIMIT)) == 0
-    assert process.stderr.read() == b""
-    process.stderr.close()
-
-
-# ---- What cannot be ------------------------------------------------------------------------------
-
-
-def test_without_a_terminal_the_exports_are_named(tape):
-    crash(tape)
-    zevctl.refuse(None, zevctl.USAGE, "a replay needs a terminal on standard output; for a file "
-                  "or a program, use --export asciicast or --export text", *tape.arguments())
-
-
-def test_nothing_of_that_time(tape):
-    crash(tape)
-    message = zevctl.run(None, *tape.arguments("--export", "text", "--since",
-                                               "2026-11-23T00:00:00Z", "--until",
-                                               "2026-11-23T01:00:00Z"))
-    assert message.returncode == zevctl.FAILED
-    assert "the journal has nothing of web from" in message.stderr
-    assert message.stderr.endswith("; give an earlier --since\n")
-
-
-@pytest.mark.parametrize("arguments, part", [
-    (["--since", "now-ish"], '--since: "now-ish" is no time'),
-    (["--since", "2026-11-22", "--until", "2026-11-21"], "--since is later than --until"),
-    (["--speed", "0"], "--speed"),
-    (["--size", "80"], "--size"),
-    (["--size", "80x24x2"], "--size"),
-    (["--export", "gif"], "--export"),
-])
-def test_mistakes_are_told(tape, arguments, part):
-    crash(tape)
-    line = ["replay", "web", "--journal-dir", str(tape.directory), "--export", "text", *arguments]
-    done = zevctl.run(None, *line)
-    assert done.returncode == zevctl.USAGE and part in done.stderr, done.stderr
-
-
-def test_no_journal_and_no_console(tape, tmp_path):
-    crash(tape)
-    done = zevctl.run(None, "replay", "web", "--export", "text", "--journal-dir",
-                      str(tmp_path / "none"))
-    assert done.returncode == zevctl.FAILED and "there is no journal in" in done.stderr
-    done = zevctl.run(None, "replay", "db", "--export", "text", "--journal-dir",
-                      str(tape.directory))
-    assert done.returncode == zevctl.NO_SUCH_CONSOLE and "db" in done.stderr

@@ -81,7 +81,7 @@ TEST(DrawingFilter, PassesWhatDraws) {
         "\x1b[1;20r", "\x1b[4h", "\x1b[38;2;1;2;3mx", "\x1b[38:5:9mx", "\x1b[!p",
         "\x1b"
         "c",
-        "\x1b#8", "a\b\tb\v\f\x0E\x0F", "\x1b[?2J", "\x1b[3b"}) {
+        "\x1b#8", "a\b\tb\v\f\x0E\x0F", "\x1b[?2J", "\x1b[3L"}) {
     EXPECT_EQ(Filtered(text), text);
     EXPECT_EQ(FilteredBytewise(text), text);
   }
@@ -154,6 +154,17 @@ TEST(DrawingFilter, AStringThatNeverEndsHidesNoMoreThanItsLine) {
 TEST(DrawingFilter, ASequenceThatNeverEndsIsBounded) {
   const std::string flood(100'000, '1');
   EXPECT_GT(Filtered("\x1b[" + flood).size(), flood.size() - 200);
+}
+
+TEST(DrawingFilter, NumbersAreNoMoreThanAScreenHas) {
+  EXPECT_EQ(Filtered("\x1b[2147483648I\x1b[999;1000H\x1b[009C"),
+            "\x1b[1000I\x1b[999;1000H\x1b[009C");
+}
+
+TEST(DrawingFilter, RepeatsTheLastCharacter) {
+  EXPECT_EQ(Filtered("\x1b[3bax\x1b[3b\x1b[b!"), "axxxxx!");
+  EXPECT_EQ(Filtered("\xC3\xA4\x1b[1m\x1b[2b"), "\xC3\xA4\x1b[1m\xC3\xA4\xC3\xA4");
+  EXPECT_EQ(Filtered("x\x1b[999999999b").size(), 1001U);
 }
 
 TEST(DrawingFilter, ASequenceIsCancelledAndBegunAnew) {

@@ -46,7 +46,7 @@ TEST(VirtualScreen, KnowsTheAlternateScreenAndTheCursor) {
   EXPECT_EQ(screen.Row(0), "editor");
   EXPECT_FALSE(screen.cursor_is_visible());
   screen.Put("\x1b[?25h\x1b[?1049l");
-  EXPECT_EQ(screen.Row(0), "shell$");
+  EXPECT_EQ(screen.Row(0), "shell$ ");
   EXPECT_TRUE(screen.cursor_is_visible());
 }
 
@@ -68,6 +68,13 @@ TEST(VirtualScreen, ItsPictureDrawsTheSame) {
   for (int row = 0; row < 4; ++row) EXPECT_EQ(other.Row(row), screen.Row(row)) << row;
   EXPECT_EQ(other.cursor_row(), screen.cursor_row());
   EXPECT_EQ(other.cursor_column(), screen.cursor_column());
+}
+
+TEST(VirtualScreen, RepeatsWhatHasNoWidth) {
+  DrawingFilter filter;
+  VirtualScreen screen({1, 2});
+  screen.Put(filter.Take("\x1b[5b\xCC\x81\x1b[5b\n\xCC\x81\x1b[5bx\x1b[9b"));
+  EXPECT_THAT(screen.Row(0), HasSubstr("x"));
 }
 
 // Whatever comes, rows hold nothing but text and the sequences of colours.

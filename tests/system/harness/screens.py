@@ -108,6 +108,11 @@ class Screen(Closing):
         assert_no_sanitizer_report(said)
         return said
 
+    def is_full(self) -> bool:
+        """Whether there is about as much as a terminal holds that nobody has taken."""
+        waiting = fcntl.ioctl(self.terminal, termios.FIONREAD, b"\0" * 4)
+        return struct.unpack("I", waiting)[0] >= 4000
+
     def hang_up(self) -> None:
         """Close the terminal's window."""
         for end in (self._program_end, self.terminal):
