@@ -10,16 +10,23 @@ from pathlib import Path
 
 from consoles import PORT, Console, address
 from users import Desk, Tool, deaf_tool, log_in, strangers
-from windows import Window, Windows
+from windows import StationWindows, Window
 
 from harness.station import Station, console_line
 from harness.waiting import stretched
 
 LOG_ROOM = 4 << 30  # bytes
+JOURNAL_ROOM = 4 << 30
+JOURNAL_LIMIT = 512  # MiB; whatever is older is removed by its keeper
+
+_LEFT = 65536  # bytes, on a disk that is about to be full
+_JOURNAL_QUEUE = 8 << 20  # what the daemon keeps until there is room in the journal
+_FLOODING = 20  # consoles that print more than that meanwhile
 
 # Why lines of the whole station may be missing.
 FULL_DISK = "full disk"
 NO_LOG = "no log can be opened"
+FULL_JOURNAL = "full journal"
 
 _EVENT_FILE = "lines"
 _PATTERNS = "a 100 1 @[0-9]*[05] burst\nb 200 0 (HELLO|LAST) \nc 300 1 =[0-9]+7 \n"
@@ -85,14 +92,15 @@ class World:
     """The station and what is around it, as the steps change them."""
 
     def __init__(self, station: Station, desk: Desk, consoles: list[Console], tool: Tool,
-                 collector: Collector, common: Windows, cuts: Windows) -> None:
+                 collector: Collector, windows: StationWindows) -> None:
         self._station = station
         self._desk = desk
         self._consoles = consoles
         self._tool = tool
         self._collector = collector
-        self._common = common
-        self._cuts = cuts
+        self._common = windows.output
+        self._cuts = windows.cuts
+        self._journal_is_full = windows.journal_is_full
         self._dropped: set[int] = set()
         self._disabled: set[int] = set()
         self._generation: dict[int, int] = {}
@@ -124,7 +132,8 @@ class World:
 
     def set_interval(self, days: int) -> None:
         """Set how long logs are kept in one directory, from the next reload on."""
-        self._replace(self._station.config / "qor.conf", f"# shared\nZEVD_ARCH_INT={days}\n")
+        self._replace(self._station.config / "qor.conf",
+                      f"# shared\nZEVD_ARCH_INT={days}\nZEVD_JOURNAL={JOURNAL_LIMIT}\n")
 
     def set_helper(self, kind: str = "", seconds: float = 0) -> None:
         """Set the program that checks passwords from now on."""
@@ -147,7 +156,7 @@ class World:
     def _may_close(self, console: Console, why: str) -> list[Window]:
         """From now on the daemon may hang up on the console, with output unread."""
         now = time.time()
-        return [console.ledger.windows.open(why, now), console.closings.open(why, now),
+        return [*console.ledger.may_close(why, now), console.closings.open(why, now),
                 console.upsets.open(why, now)]
 
     async def run(self, kind: str, number: int, duration: float, seed: int) -> None:
@@ -295,11 +304,24 @@ class World:
     async def _station_full_disk(self, _console: Console, duration: float, seed: int) -> None:
         async with self._turn:
             window = self._common.open(FULL_DISK, time.time())
-            _resize(self._station.logs, _used(self._station.logs) + 65536)
-            for number in random.Random(seed).choices(range(len(self._consoles)), k=50):
-                self._consoles[number].burst(100)
+            _resize(self._station.logs, _used(self._station.logs) + _LEFT)
+            for console in random.Random(seed).choices(self._consoles, k=50):
+                console.burst(100)
             await asyncio.sleep(duration)
             _resize(self._station.logs, LOG_ROOM)
+            await asyncio.sleep(_SETTLED)
+            window.close(time.time())
+
+    async def _station_full_journal(self, _console: Console, duration: float, seed: int) -> None:
+        """The journal says what it has lost; the logs lose nothing."""
+        async with self._turn:
+            window = self._journal_is_full.open(FULL_JOURNAL, time.time())
+            journal = journal_of(self._station)
+            _resize(journal, _used(journal) + _LEFT)
+            for console in random.Random(seed).sample(self._consoles, k=_FLOODING):
+                console.flood(_JOURNAL_QUEUE // _FLOODING * 2)
+            await asyncio.sleep(duration)
+            _resize(journal, JOURNAL_ROOM)
             await asyncio.sleep(_SETTLED)
             window.close(time.time())
 
@@ -327,6 +349,16 @@ class World:
             obstacle.unlink()
             await self._rotate(0)
             window.close(time.time())
+
+    async def keep_journal(self) -> None:
+        """Have the journal's keeper do what it does every few minutes."""
+        async with self._turn:
+            keeper = await asyncio.create_subprocess_exec(
+                self._station.program.with_name("zevkeep"), stdout=subprocess.PIPE,
+                stderr=subprocess.STDOUT)
+            said, _ = await keeper.communicate()
+        if keeper.returncode != 0:
+            self._desk.fail(f"zevkeep ended with status {keeper.returncode}: {said!r}")
 
     # Others
 
@@ -385,6 +417,11 @@ class World:
             if not console.connected:
                 await self._tool.command(f"enable {console.ledger.name}")
                 await self._tool.command(f"force {console.ledger.name}")
+
+
+def journal_of(station: Station) -> Path:
+    """Where the daemon keeps its journal."""
+    return station.root / "journal"
 
 
 def door_port(number: int) -> int:

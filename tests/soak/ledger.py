@@ -12,17 +12,15 @@ place of what was not, must make up what the console has printed meanwhile.
 
 import contextlib
 import re
-from collections import Counter, deque
+from collections import deque
 from dataclasses import dataclass, field
-from typing import Callable, Iterator
+from typing import Iterator
 
-from windows import Windows, clock
+from journal_book import JournalBook
+from stream import Stream, common_prefix
+from windows import Window, Windows, clock
 
-CHUNK = 1024  # how much the daemon reads at once
 RECORD = 1024  # the longest record
-_HISTORY = 65536
-_DROPPED_CHUNK = "chunks with a high byte in front"
-_LOST = "LOST"
 _REMEMBERED = 200  # records and visits
 
 _TAIL = 16384  # more than the replay of a new user and what is on its way to the daemon
@@ -36,26 +34,6 @@ _DROPPED = b"\r\0"
 # The bytes after a telnet command's first; the pieces of a command that two chunks share are
 # logged. Consoles print them for nothing else.
 TELNET_BYTES = b"\x01\xfb\xfc"
-
-
-@dataclass
-class Counts:
-    """What has happened to the lines so far."""
-
-    printed: int = 0
-    found: int = 0
-    accounted: Counter[str] = field(default_factory=Counter)  # by reason
-    unwatched: int = 0
-    remains: int = 0  # bytes of torn telnet commands
-    worst_lag: float = 0.0
-
-
-@dataclass(frozen=True)
-class Sent:
-    """One successful send: where it ends in the stream, and when it was made."""
-
-    end: int
-    when: float
 
 
 class View:
@@ -114,7 +92,7 @@ class View:
 
     def _compare(self, content: bytes) -> str:
         if not self._printed.startswith(content, self._place):
-            same = _common_prefix(content, self._printed, self._place)
+            same = common_prefix(content, self._printed, self._place)
             due = bytes(self._printed[self._place + same:self._place + same + 80])
             return (f"shows {content[same:same + 80]!r} for {due!r} after {self.shown + same} "
                     f"bytes and {self.gaps} gaps")
@@ -124,28 +102,17 @@ class View:
 
 
 @dataclass
-class Ledger:
+class Ledger(Stream):
     """The books of one console."""
 
-    name: str
-    counts: Counts
-    common: Windows  # of the whole station: output may be lost
-    common_cuts: Windows  # likewise: lines may be cut
-    fail: Callable[[str], None]
-    dirty: bool = False  # prints bytes that are not text
-    windows: Windows = field(default_factory=Windows)  # output may be lost
+    common_cuts: Windows = field(default_factory=Windows)  # of the whole station: lines may be cut
+    journal: JournalBook | None = None  # what the journal holds of it
     cuts: Windows = field(default_factory=Windows)  # a line may be cut in two
     watched: Windows = field(default_factory=Windows)  # somebody may be attached
 
     def __post_init__(self) -> None:
-        self.reasons: set[str] = set()  # why lines are missing
-        self._stream = bytearray()  # printed and not yet found
-        self._base = 0  # where it begins in all that was ever printed
-        self._sends: deque[Sent] = deque()
-        self._drop_points: deque[int] = deque()
-        self._unsure: deque[tuple[int, int]] = deque()
+        super().__post_init__()
         self._telnet_left = 0
-        self._history = bytearray()
         self._cut = self._full = False
         self._seen_unwatched: deque[float] = deque(maxlen=_REMEMBERED)
         self._surely_watched: deque[tuple[float, float]] = deque(maxlen=_REMEMBERED)
@@ -173,10 +140,9 @@ class Ledger:
         del self._tail[:-_TAIL]
         for view in self._views:
             view.sent(raw)
-        kept = self._kept(raw) if self.dirty else raw.translate(None, _DROPPED)
-        self._stream += kept
-        self._sends.append(Sent(self._end, when))
-        self.counts.printed += kept.count(b"\n")
+        self.append(self._kept(raw) if self.dirty else raw.translate(None, _DROPPED), when)
+        if self.journal is not None:
+            self.journal.sent(raw, when)
 
     def _kept(self, raw: bytes) -> bytes:
         kept = bytearray()
@@ -191,21 +157,16 @@ class Ledger:
                 kept.append(byte)
         return bytes(kept)
 
-    @property
-    def _end(self) -> int:
-        return self._base + len(self._stream)
-
     def connection_ended(self, when: float, lost: int = 0) -> None:
         """The connection is over; up to `lost` bytes of it were still on their way."""
         self._telnet_left = 0
         self.cuts.moment("end of a connection", when)
-        if lost:
-            self._unsure.append((self._end - lost, self._end))
+        for stream in filter(None, (self, self.journal)):
+            stream.lost(lost)
 
-    @property
-    def outstanding(self) -> int:
-        """How many bytes have not been found yet."""
-        return len(self._stream)
+    def may_close(self, why: str, when: float) -> list[Window]:
+        """From now on the daemon may close the connection and leave output unread."""
+        return [stream.windows.open(why, when) for stream in filter(None, (self, self.journal))]
 
     # What its logs hold
 
@@ -222,7 +183,7 @@ class Ledger:
             self.fail(f"{self.name}: {content[:80]!r} follows a line that was cut")
         self._full = self._cut = False
         if content:
-            self._take(stamp, content)
+            self.take(stamp, content)
             self._look_at_end(stamp, content)
 
     def _is_added(self, stamp: float) -> bool:
@@ -248,122 +209,11 @@ class Ledger:
     def _may_be_cut(self, stamp: float) -> bool:
         return self.cuts.touch(stamp, stamp + 1) or self.common_cuts.touch(stamp, stamp + 1)
 
-    def _take(self, stamp: float, content: bytes) -> None:
-        if self._stream.startswith(content):
-            self._advance(len(content), stamp)
-            return
-        if self.dirty and (pieces := self._fit(content, 0, depth=8)) is not None:
-            for skipped, taken in pieces:
-                self._account(0, skipped, _DROPPED_CHUNK)
-                self._advance(skipped, None)
-                self._advance(taken, stamp)
-            return
-        found = self._stream.find(content)
-        if found >= 0:
-            self._skip(found, f"before {content[:60]!r}")
-            self._advance(len(content), stamp)
-            return
-        kind = "twice or late" if content in self._history else "torn or foreign"
-        self.fail(f"{self.name}: {kind}: the log at {clock(stamp)} holds {content[:200]!r}, "
-                  f"due is {bytes(self._stream[:200])!r}")
-
-    def _fit(self, content: bytes, start: int, depth: int) -> list[tuple[int, int]] | None:
-        """Take the content for output from which chunks with a high byte in front were dropped.
-
-        Pieces of the stream from `start` on, each as what is skipped and what is taken.
-        """
-        shared = _common_prefix(content, self._stream, start)
-        if shared == len(content):
-            return [(0, shared)]
-        if depth == 0:
-            return None
-        for point in self._points(start, start + shared):
-            taken = point - start
-            rest = content[taken:]
-            for end in self._chunk_ends(point):
-                if not self._stream.startswith(rest[:8], end):
-                    continue
-                more = self._fit(rest, end, depth - 1)
-                if more is not None:
-                    (skipped, first), *others = more
-                    return [(0, taken), (end - point + skipped, first), *others]
-        return None
-
-    def _points(self, first: int, last: int) -> Iterator[int]:
-        """Where a dropped chunk may begin, the last place first; positions in the stream."""
-        for point in reversed(self._drop_points):
-            if first <= point - self._base <= last:
-                yield point - self._base
-
-    def _chunk_ends(self, point: int) -> Iterator[int]:
-        """Where a chunk may end that begins there: after a send, or when it is full."""
-        ends = {sent.end - self._base for sent in self._sends}
-        for end in range(point, min(point + CHUNK, len(self._stream)) + 1):
-            if end in ends or end - point > CHUNK * 3 // 4:
-                yield end
-
-    def _advance(self, count: int, stamp: float | None) -> None:
-        """The first bytes of the stream are done with; found in the log, if there is a stamp."""
-        taken = bytes(self._stream[:count])
-        del self._stream[:count]
-        self._base += count
-        if stamp is not None:
-            self.counts.found += taken.count(b"\n")
-        self._history += taken
-        del self._history[:-_HISTORY]
-        sent = None
-        while self._sends and self._sends[0].end <= self._base:
-            sent = self._sends.popleft()
-        if sent is not None and stamp is not None:
-            self.counts.worst_lag = max(self.counts.worst_lag, stamp - sent.when)
-            if sent.when > stamp + 1.5:
-                self.fail(f"{self.name}: logged at {clock(stamp)}, before it was printed at "
-                          f"{clock(sent.when)}")
-        while self._drop_points and self._drop_points[0] < self._base:
-            self._drop_points.popleft()
-        while self._unsure and self._unsure[0][1] <= self._base:
-            self._unsure.popleft()
-
-    def _account(self, start: int, end: int, reason: str) -> None:
-        lines = self._stream.count(b"\n", start, end)
-        if lines:
-            self.counts.accounted[reason] += lines
-            self.reasons.add(reason)
-
-    def _skip(self, count: int, where: str) -> None:
-        """The first bytes of the stream are in no log: each of them needs an excuse."""
-        start = 0
-        for sent in self._sends:
-            end = min(sent.end - self._base, count)
-            if end <= start:
-                continue
-            reason = self._excuse(start, end, sent.when)
-            self._account(start, end, reason or _LOST)
-            if not reason:
-                piece = bytes(self._stream[start:end])
-                self.fail(f"{self.name}: lost {where}: {len(piece)} bytes printed at "
-                          f"{clock(sent.when)}: {piece[:120]!r}; windows: {self.windows}; "
-                          f"station: {self.common}")
-            start = end
-        self._advance(count, None)
-
-    def _excuse(self, start: int, end: int, when: float) -> str:
-        """Why the piece of one send may be missing; nothing when it must not be."""
-        reason = self.windows.reason(when) or self.common.reason(when)
-        if reason:
-            return reason
-        first, last = start + self._base, end + self._base
-        if any(begin <= first and last <= close for begin, close in self._unsure):
-            return "reset connections"
-        if any(point <= first and last <= point + CHUNK for point in self._drop_points):
-            return _DROPPED_CHUNK
-        return ""
-
     def settle(self) -> None:
         """Nothing more will be logged: what was printed and not found must be excused."""
         if self._cut:
             self.fail(f"{self.name}: a line that was cut has no end")
-        self._skip(len(self._stream), "at the end")
+        super().settle()
 
     # The consolidated log
 
@@ -412,15 +262,3 @@ class Ledger:
         """Nothing more will come."""
         while self._unwatched:
             self._must_be_watched(*self._unwatched.popleft())
-
-
-def _common_prefix(content: bytes, stream: bytearray, start: int) -> int:
-    """How much of the content is in the stream at that place."""
-    low, high = 0, len(content)
-    while low < high:
-        middle = (low + high + 1) // 2
-        if stream.startswith(content[:middle], start):
-            low = middle
-        else:
-            high = middle - 1
-    return low

@@ -26,8 +26,9 @@ _EVENTS_AT_LEAST = 0.5
 _STATION_EVENTS = {
     "rotate": (10, 0, 1), "reload": (6, 0, 0), "drop": (6, 1, 8), "rename": (6, 0, 0),
     "configure_disabled": (4, 1, 8), "hup_storm": (4, 0, 0), "bad_lines": (4, 0, 0),
-    "event_files": (3, 0, 0), "full_disk": (4, 2, 6), "vanished_logs": (3, 0, 4),
-    "unwritable_logs": (3, 1, 5), "collector_stalls": (4, 3, 15), "collector_dies": (4, 1, 10),
+    "event_files": (3, 0, 0), "full_disk": (4, 2, 6), "full_journal": (4, 2, 6),
+    "vanished_logs": (3, 0, 4), "unwritable_logs": (3, 1, 5), "collector_stalls": (4, 3, 15),
+    "collector_dies": (4, 1, 10),
     "helper_hangs": (5, 3, 12), "helper_crashes": (2, 1, 3), "deaf_tool": (4, 3, 10),
     "strangers": (6, 1, 8), "message_to_all": (3, 0, 0)}
 _BETWEEN_STATION_EVENTS = 6.0  # seconds

@@ -26,12 +26,16 @@ sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "system"))
 
 from consoles import Console  # noqa: E402  (the harness is found through the line above)
-from faults import FULL_DISK, LOG_ROOM, NO_LOG, Collector, World  # noqa: E402
-from ledger import Counts, Ledger  # noqa: E402
+from faults import (FULL_DISK, JOURNAL_ROOM, LOG_ROOM, NO_LOG, Collector,  # noqa: E402
+                    World, journal_of)
+from journal_book import JournalBook  # noqa: E402
+from journal_watch import JournalWatch, verify  # noqa: E402
+from ledger import Ledger  # noqa: E402
 from log_reader import LogReader  # noqa: E402
 from plan import Step, plan  # noqa: E402
+from stream import Counts  # noqa: E402
 from users import Desk, Tool, Visit  # noqa: E402
-from windows import Windows  # noqa: E402
+from windows import StationWindows  # noqa: E402
 
 from harness import isolation, settings  # noqa: E402
 from harness.collectors import socket_path  # noqa: E402
@@ -49,6 +53,7 @@ _WARM_UP_PART = 0.15
 _WARM_UP_AT_MOST = 300.0
 _REPORTS_EVERY = 60.0
 _READS_LOGS_EVERY = 3.0
+_KEEPS_JOURNAL_EVERY = 60.0
 _UP_WITHIN = 90.0
 _LOGGED_WITHIN = 30.0
 _SHOWN = 60  # complaints
@@ -69,23 +74,29 @@ class Soak:
         self._seconds = seconds
         self._complaints: list[str] = []
         self._counts = Counts()
-        self._common = Windows()
-        self._cuts = Windows()
+        self._journal_counts = Counts()
+        self._windows = StationWindows()
         self._begin = time.time()
         self._consoles = [self._console(number) for number in range(count)]
         self._reader = LogReader(
             station.logs,
             lambda number, when, text: self._consoles[number].ledger.record(when, text),
             lambda number, when, text: self._consoles[number].ledger.consolidated(when, text))
+        self._journal = JournalWatch(journal_of(station), self._windows, self._book, self.fail)
         self._reading = asyncio.Lock()
         self._steps_file = open(station.output.path.with_name("steps"), "w", encoding="ascii")
         self._steps_done: dict[str, int] = {}
         self._warm_rss = 0
 
     def _console(self, number: int) -> Console:
-        ledger = Ledger(f"c{number}", self._counts, self._common, self._cuts, self.fail,
-                        dirty=number % 10 == 7)
+        name, dirty = f"c{number}", number % 10 == 7
+        book = JournalBook(name, self._journal_counts, self._windows.journal, self.fail, dirty)
+        ledger = Ledger(name, self._counts, self._windows.output, self.fail, dirty,
+                        common_cuts=self._windows.cuts, journal=book)
         return Console(number, ledger, self._seed, self.fail)
+
+    def _book(self, number: int) -> JournalBook:
+        return self._consoles[number].ledger.journal
 
     def fail(self, what: str) -> None:
         """Something is wrong; the run goes on, unless the daemon has ended."""
@@ -127,7 +138,7 @@ class Soak:
         self._begin = time.time()
         background = [asyncio.create_task(self._work(work)) for work in (
             self._report(), self._read_logs(), self._warm_up(), self._measure_own_lag(),
-            *map(self._use_tool, range(3)))]
+            self._keep_journal(), *map(self._use_tool, range(3)))]
         await self._follow_plan()
         await self._come_to_rest()
         for task in background:
@@ -157,7 +168,7 @@ class Soak:
         self._desk = Desk(0, b"", self.fail)
         self._tools = [Tool(self._desk, f"tool{number}") for number in range(4)]
         self._world = World(station, self._desk, self._consoles, self._tools[0], self._collector,
-                            self._common, self._cuts)
+                            self._windows)
         self._world.write_files()
         self._world.set_interval(7)
         self._world.set_helper()
@@ -224,6 +235,12 @@ class Soak:
             await asyncio.sleep(_READS_LOGS_EVERY)
             async with self._reading:
                 await self._reader.catch_up()
+                self._journal.catch_up()
+
+    async def _keep_journal(self) -> None:
+        while True:
+            await asyncio.sleep(_KEEPS_JOURNAL_EVERY)
+            await self._world.keep_journal()
 
     async def _warm_up(self) -> None:
         await asyncio.sleep(min(_WARM_UP_AT_MOST, _WARM_UP_PART * self._seconds))
@@ -277,7 +294,9 @@ class Soak:
         end = time.time() + stretched(_LOGGED_WITHIN)
         while True:
             await self._reader.catch_up()
-            if not any(console.ledger.outstanding for console in self._consoles):
+            self._journal.catch_up()
+            if not any(console.ledger.outstanding or console.ledger.journal.outstanding
+                       for console in self._consoles):
                 break
             if time.time() > end:
                 break
@@ -286,6 +305,8 @@ class Soak:
         for console in self._consoles:
             console.ledger.settle()
             console.ledger.settle_consolidated()
+            console.ledger.journal.settle()
+        self._journal.settle()
         self._look_for_messages()
 
     def _look_for_messages(self) -> None:
@@ -317,6 +338,7 @@ class Soak:
         reasons = "; ".join(f"{count} {why}" for why, count in counts.accounted.most_common())
         print(f"soak: {counts.printed} lines printed, {counts.found} found, "
               f"{counts.accounted.total()} accounted for ({reasons})")
+        self._journal.sum_up(self._journal_counts)
         print(f"soak: {counts.unwatched} records in the consolidated log; "
               f"{self._collector.events} events; output was read within {counts.worst_lag:.1f} s; "
               f"{counts.remains} bytes of torn telnet commands")
@@ -327,8 +349,9 @@ class Soak:
         print(f"soak: {desk.echoes.count} echoes, the worst {desk.echoes.worst:.3f} s; "
               f"{desk.answers.count} commands, the slowest {desk.answers.worst:.3f} s; this "
               f"program was late by up to {self._desk.own_lag.worst:.3f} s")
-        if counts.printed != counts.found + counts.accounted.total():
-            self.fail("the counts do not agree")
+        for books in (counts, self._journal_counts):
+            if books.printed != books.found + books.accounted.total():
+                self.fail("the counts do not agree")
 
 
 def run_inside(arguments: argparse.Namespace, scratch: Path) -> int:
@@ -339,6 +362,8 @@ def run_inside(arguments: argparse.Namespace, scratch: Path) -> int:
     resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
     station = Station(scratch)
     isolation.mount_tmpfs(station.logs, size=str(LOG_ROOM))
+    journal_of(station).mkdir()
+    isolation.mount_tmpfs(journal_of(station), size=str(JOURNAL_ROOM), mode="0750")
 
     async def soak() -> bool:
         return await Soak(station, arguments.seed, arguments.minutes * 60,
@@ -347,6 +372,7 @@ def run_inside(arguments: argparse.Namespace, scratch: Path) -> int:
     try:
         good = asyncio.run(soak())
         station.close()
+        good = verify(station.program.parent) and good
     except (AssertionError, NotReached) as error:
         print(f"soak: FAILURE: {error}")
         good = False

@@ -5,7 +5,7 @@ All times are those of the machine's clock in seconds, as the stamps in the logs
 
 import math
 import time
-from dataclasses import dataclass
+from dataclasses import dataclass, field
 
 from harness.waiting import stretched
 
@@ -77,3 +77,13 @@ class Windows:
         return ", ".join(f"{window.why} {clock(window.start)}-"
                          f"{'now' if math.isinf(window.end) else clock(window.end)}"
                          for window in self._all[-_SHOWN:]) or "none"
+
+
+@dataclass
+class StationWindows:
+    """When the whole station may lose something."""
+
+    output: Windows = field(default_factory=Windows)  # for the logs
+    cuts: Windows = field(default_factory=Windows)  # lines of the logs may be cut in two
+    journal: Windows = field(default_factory=Windows)  # for the journal, as it says itself
+    journal_is_full: Windows = field(default_factory=Windows)  # it may say so

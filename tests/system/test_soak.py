@@ -12,9 +12,11 @@ from harness.settings import REPOSITORY
 sys.path.insert(0, str(REPOSITORY / "tests" / "soak"))
 
 # The directory is found through the line above.
-from ledger import CHUNK, HELD_BACK, RECORD, Counts, Ledger, View  # noqa: E402
+from journal_book import JournalBook  # noqa: E402
+from ledger import HELD_BACK, RECORD, Ledger, View  # noqa: E402
 from log_reader import LogFile, LogReader  # noqa: E402
 from plan import plan  # noqa: E402
+from stream import CHUNK, Counts  # noqa: E402
 from windows import Windows  # noqa: E402
 
 LINES = [b"@7.%d some words\n" % number for number in range(6)]
@@ -31,8 +33,8 @@ class Books:
         self.counts = Counts()
         self.station = Windows()
         self.station_cuts = Windows()
-        self.ledger = Ledger("c7", self.counts, self.station, self.station_cuts,
-                             self.complaints.append, dirty)
+        self.ledger = Ledger("c7", self.counts, self.station, self.complaints.append, dirty,
+                             common_cuts=self.station_cuts)
         for number, line in enumerate(LINES if lines is None else lines):
             self.ledger.sent(line, self.at(number))
 
@@ -248,6 +250,106 @@ def test_the_consolidated_log_has_nothing_that_the_consoles_own_lacks():
     books.ledger.record(books.at(0), LINES[0])
     books.ledger.consolidated(books.at(1), LINES[1])
     books.wrong("which is not in the console's log")
+
+
+# The journal
+
+
+class JournalBooks:
+    """What the journal holds of a console, after the lines have been printed."""
+
+    def __init__(self, dirty: bool = False, lines: list[bytes] | None = None) -> None:
+        self.complaints: list[str] = []
+        self.counts = Counts()
+        self.gaps = Windows()
+        self.book = JournalBook("c7", self.counts, self.gaps, self.complaints.append, dirty)
+        for number, line in enumerate(LINES if lines is None else lines):
+            self.book.sent(line, Books.at(number))
+
+    def hold(self, *records: bytes | int) -> list[str]:
+        """The records are these, a number for bytes that the journal says it has not."""
+        for record in records:
+            if isinstance(record, int):
+                self.book.not_logged(record)
+            else:
+                self.book.output(Books.at(len(LINES)), record)
+        self.book.settle()
+        if not self.complaints:
+            assert self.counts.printed == self.counts.found + self.counts.accounted.total()
+        return self.complaints
+
+
+def wrong(complaints: list[str], word: str) -> bool:
+    """There is one complaint, or more of the same, and the first holds the word."""
+    return bool(complaints) and word in complaints[0]
+
+
+def test_the_journal_holds_every_byte_in_records_of_any_size():
+    printed = b"".join(LINES)
+    for size in (1, 7, len(printed)):
+        pieces = [printed[place:place + size] for place in range(0, len(printed), size)]
+        assert JournalBooks().hold(*pieces) == []
+    raw = [b"@7.1 a\0b\r\n", b"\xff\xfb\x01@7.2 c\r\n"]
+    assert JournalBooks(lines=raw).hold(b"".join(raw)) == []
+    assert wrong(JournalBooks(lines=raw).hold(b"@7.1 ab\n", raw[1]), "torn or foreign")
+
+
+def test_the_journal_lacks_what_it_says_it_lacks_and_no_byte_more_or_less():
+    pause = len(LINES[2] + LINES[3])
+    assert JournalBooks().hold(*LINES[:2], pause, *LINES[4:]) == []
+    assert JournalBooks().hold(*LINES[:2], pause - 7, 7, *LINES[4:]) == []
+    assert JournalBooks().hold(*LINES[:4], len(LINES[4] + LINES[5])) == []
+    assert wrong(JournalBooks().hold(*LINES[:2], pause - 1, *LINES[4:]), "it tells of")
+    assert wrong(JournalBooks().hold(*LINES[:2], pause + 1, *LINES[4:]), "as it says, and holds")
+    assert wrong(JournalBooks().hold(*LINES, 1), "only 0 are missing")
+    assert wrong(JournalBooks().hold(*LINES[:2], *LINES[4:]), "lost before")
+    assert wrong(JournalBooks().hold(*LINES[:5]), "lost at the end")
+
+
+def test_what_the_logs_may_lack_is_no_excuse_for_the_journal():
+    books = Books()
+    books.ledger.journal = JournalBook("c7", Counts(), Windows(), books.complaints.append)
+    for number, line in enumerate(LINES):
+        books.ledger.journal.sent(line, books.at(number))
+    books.ledger.windows.open("exclusive visit", 0)
+    books.station.open("full disk", 0)
+    books.all_but(3).good()
+    for line in LINES[:3] + LINES[4:]:
+        books.ledger.journal.output(books.at(5), line)
+    assert wrong(books.complaints, "lost before b'@7.4 ")
+
+
+def test_where_a_connection_may_end_the_journal_may_lack_what_was_not_read():
+    books = JournalBooks()
+    (window,) = [window for window in Books().ledger.may_close("disabled", 0)]
+    books.book.windows.open("disabled", Books.at(3) - 1).close(Books.at(3) + 1)
+    assert window.why == "disabled"
+    assert books.hold(*LINES[:3], *LINES[4:]) == []
+    books = JournalBooks()
+    books.book.lost(len(LINES[5]))
+    assert books.hold(*LINES[:3], len(LINES[3]), LINES[4]) == []
+    books = JournalBooks()
+    books.book.lost(len(LINES[5]))
+    assert books.hold(*LINES[:4], len(LINES[4])) == []
+    books = JournalBooks()
+    books.book.lost(len(LINES[5]))
+    assert wrong(books.hold(*LINES[:4], len(LINES[4]) - 1), "it tells of")
+
+
+def test_a_gap_of_the_journal_excuses_its_time_alone():
+    books = JournalBooks()
+    books.gaps.open("gap", Books.at(3) - 1).close(Books.at(3) + 1)
+    assert books.hold(*LINES[:3], *LINES[4:]) == []
+    books = JournalBooks()
+    books.gaps.open("gap", Books.at(3) - 1).close(Books.at(3) + 1)
+    assert wrong(books.hold(*LINES[:3], *LINES[5:]), "lost before")
+
+
+def test_a_chunk_that_nobody_watched_may_be_missing_whole():
+    lines = [b"@7.0 before\n", b"\xff\xfb\x01@7.1 dropped\n", b"@7.2 behind\n"]
+    assert JournalBooks(dirty=True, lines=lines).hold(lines[0], lines[2]) == []
+    assert JournalBooks(dirty=True, lines=lines).hold(*lines) == []
+    assert wrong(JournalBooks(dirty=True, lines=lines).hold(lines[1]), "lost before")
 
 
 # What users see
