@@ -49,6 +49,7 @@ void RunChurn(Context& context);
 void RunIdleRacks(Context& context);
 void RunEnable(Context& context);
 void RunEchoSpread(Context& context);
+void RunJournal(Context& context);
 
 /// The same measured through the daemon and through the relay.
 struct Samples {

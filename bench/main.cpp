@@ -36,6 +36,7 @@ constexpr Scenario kScenarios[] = {
      bench::RunIdleRacks},
     {"enable", "until disabled consoles are connected again", bench::RunEnable},
     {"echo-spread", "a key beside consoles that print one after the other", bench::RunEchoSpread},
+    {"journal", "the journal's processor time and a key beside it", bench::RunJournal},
 };
 
 struct Options {

@@ -16,6 +16,7 @@ namespace {
 const std::string kRoot = QOR_ROOT;
 const std::string kDatedLogs = kRoot + "/logs/zev.dated/";
 const std::string kCurrent = kDatedLogs + "current";
+const std::string kJournal = kRoot + "/journal";
 const std::string kHangPipe = kRoot + "/run/hang";
 constexpr double kBetweenQuestions = 0.010;  // a long answer keeps the daemon from connecting
 const std::string kLoopback = "127.0.0.1";
@@ -161,9 +162,37 @@ void Station::Rotate() {
 }
 
 void Station::SetArchiveInterval(int days) {
+  WriteSettings("ZEVD_ARCH_INT=" + std::to_string(days) + "\n");
+}
+
+void Station::WriteSettings(const std::string& text) {
   const std::string path = kRoot + "/config/qor.conf";
-  Write(path + ".new", "ZEVD_ARCH_INT=" + std::to_string(days) + "\n");
+  Write(path + ".new", text);
   std::filesystem::rename(path + ".new", path);
+}
+
+void Station::KeepJournal(bool keep) const {
+  constexpr int kMebibytes = 1'000;
+  WriteSettings("ZEVD_JOURNAL=" + std::to_string(keep ? kMebibytes : 0) + "\n");
+  Reload();
+  WaitUntil(keep ? "a journal" : "the journal's end", [&] { return KeepsJournal() == keep; });
+}
+
+// While it keeps a journal, the daemon has its newest segment open.
+bool Station::KeepsJournal() const {
+  const std::string descriptors = "/proc/" + std::to_string(daemon_->pid()) + "/fd";
+  for (const auto& entry : std::filesystem::directory_iterator(descriptors)) {
+    std::error_code closed_now;
+    if (read_symlink(entry.path(), closed_now).extension() == ".seg") return true;
+  }
+  return false;
+}
+
+uintmax_t Station::JournalSize() {
+  uintmax_t size = 0;
+  if (!std::filesystem::exists(kJournal)) return size;
+  for (const auto& entry : std::filesystem::directory_iterator(kJournal)) size += entry.file_size();
+  return size;
 }
 
 void Station::CheckWhole() {

@@ -51,6 +51,10 @@ class Station {
   /// Makes the daemon begin a new directory of logs, and waits until it has; it may begin it more
   /// than once. It reads its files twice for that.
   void Rotate();
+  /// Makes the daemon keep a journal, or do without one, and waits until it does.
+  void KeepJournal(bool keep) const;
+  /// What is in the journal's directory; 0 without one.
+  static uintmax_t JournalSize();
   size_t consoles() const { return consoles_.size(); }
   /// Throws when the daemon has ended or a console was lost.
   void CheckWhole();
@@ -69,6 +73,8 @@ class Station {
   std::string ConfigurationLine(size_t console) const;
   void WriteConfiguration() const;
   static void SetArchiveInterval(int days);
+  static void WriteSettings(const std::string& text);
+  bool KeepsJournal() const;
   size_t Reachable() const;
   void WaitUntilConnected();
   bool Listens() const;
