@@ -43,8 +43,8 @@ void ThrowUsersOff(const char* function, ConsoleNode* cnode, const char* text, c
   CloseUserConnections(cnode, reason);
 }
 
-void MarkDisabled(ConsoleNode* cnode, const CommandNode* tool) REQUIRES(cmd_lock) {
-  if (cnode->enable != 0) JournalDisabled(cnode, &tool->identity);
+void MarkDisabled(ConsoleNode* cnode, const Identity& who) {
+  if (cnode->enable != 0) JournalDisabled(cnode, &who);
   cnode->status = kNotConnected;
   cnode->enable = 0;
 }
@@ -78,19 +78,20 @@ void ClearConsole(const char* cons_name, const CommandNode* tool) {
 void DisableConsole(const char* cons_name, const CommandNode* tool) {
   ENTERING();
   const OperatorText text("Console has been disabled", tool);
+  const Identity& who = tool->identity;
   constexpr char kFunction[] = "DisableConsole";
   bool found = false;
   {
     const WriteLockPair lock(acl_lock, icl_lock, Release::kSecondFirst, HERE);
     found = ForEachMatch(*a_cons_list, cons_name, [&](ConsoleNode* cnode) {
       ThrowUsersOff(kFunction, cnode, text.text, "An operator disabled the console.");
-      MarkDisabled(cnode, tool);
+      MarkDisabled(cnode, who);
       cons_mon_waker.Wake();
     });
     if (!found) {
       found = ForEachMatch(*i_cons_list, cons_name, [&](ConsoleNode* cnode) {
         DEBUG_AS(kFunction, kInfo, "%s\n", text.text);
-        MarkDisabled(cnode, tool);
+        MarkDisabled(cnode, who);
         cons_conn_waker.Wake();
       });
     }
@@ -101,8 +102,9 @@ void DisableConsole(const char* cons_name, const CommandNode* tool) {
 
 void EnableConsole(const char* cons_name, const CommandNode* tool) {
   ENTERING();
-  const auto enable = [&](ConsoleNode* cnode) REQUIRES(cmd_lock) {
-    if (cnode->enable == 0) JournalEnabled(cnode, &tool->identity);
+  const Identity& who = tool->identity;
+  const auto enable = [&](ConsoleNode* cnode) {
+    if (cnode->enable == 0) JournalEnabled(cnode, &who);
     cnode->enable = 1;
     cons_conn_waker.Wake();
   };
@@ -119,6 +121,7 @@ void EnableConsole(const char* cons_name, const CommandNode* tool) {
 void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char* message) {
   ENTERING();
   constexpr char kAllConsoles[] = "-";
+  const Identity& who = tool->identity;
   char text[kMessageBufferSize];
   snprintf(text, sizeof text, "Message from %s@%s: \n\n\r%s", tool->user_name, tool->ipaddr,
            message);
@@ -126,13 +129,12 @@ void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char
   bool found = to_all;
   {
     const WriteLock lock(acl_lock, HERE);
-    found |= ForEachMatch(*a_cons_list, to_all ? nullptr : cons_name,
-                          [&](ConsoleNode* cnode) REQUIRES(cmd_lock) {
-                            SendMsgToUsers(cnode, text);
-                            if (!to_all) JournalMessage(cnode, tool->identity, message);
-                          });
+    found |= ForEachMatch(*a_cons_list, to_all ? nullptr : cons_name, [&](ConsoleNode* cnode) {
+      SendMsgToUsers(cnode, text);
+      if (!to_all) JournalMessage(cnode, who, message);
+    });
   }
-  if (to_all) JournalMessage(nullptr, tool->identity, message);
+  if (to_all) JournalMessage(nullptr, who, message);
   if (!found) return AnswerUnrecognized(cons_name);
   AnswerDone();
 }

@@ -72,7 +72,7 @@ std::optional<std::vector<uint64_t>> Segments(int directory) {
   }
   closedir(entries);
   std::ranges::sort(segments, std::greater());
-  segments.erase(std::ranges::unique(segments).begin(), segments.end());
+  segments.erase(std::unique(segments.begin(), segments.end()), segments.end());
   return segments;
 }
 

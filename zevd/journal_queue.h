@@ -61,7 +61,7 @@ class JournalQueue {
 
   JournalLosses Losses() EXCLUDES(mutex_);
 
-  // ---- The journal's thread --------------------------------------------------------------------
+  // The journal's thread only.
 
   /// Whole records, the oldest first; about kBatch bytes at most. Empty when none waits. They stay
   /// where they are until Drop(). What the queue does not know is left open: their running numbers

@@ -147,8 +147,8 @@ std::string Stats() {
   json.BeginObject();
   json.Key("started").Time(CountingSince());
   for (const CounterRow& row : kCounters) json.Key(row.key).Number((counters.*row.counter).Get());
-  AppendLastReload(json);
   AppendJournal(json);
+  AppendLastReload(json);
   json.EndObject();
   return text + '\n';
 }

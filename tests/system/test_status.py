@@ -16,8 +16,8 @@ STATS_KEYS = ["started", "console_connections", "console_failures", "console_los
               "console_bytes", "log_records", "log_bytes", "log_records_lost", "connections",
               "refusals", "logins_accepted", "logins_refused", "users_attached", "users_left",
               "bytes_not_shown", "tools_attached", "commands", "events_posted", "events_dropped",
-              "reloads", "last_reload", "last_reload_result", "journal", "journal_records",
-              "journal_bytes", "journal_records_lost", "journal_gaps", "journal_end"]
+              "reloads", "journal", "journal_records", "journal_bytes", "journal_records_lost",
+              "journal_gaps", "journal_end", "last_reload", "last_reload_result"]
 
 
 def is_recent(moment: int) -> bool:

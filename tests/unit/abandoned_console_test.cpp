@@ -62,7 +62,8 @@ TEST_F(AbandonedConsoleTest, DisabledConsoleLosesItsLogWithItsSocket) {
 
 TEST_F(AbandonedConsoleTest, LogOfAConsoleThatIsEnabledAgainAtOnceStaysOpen) {
   Disable();
-  EnableConsole("mycons");
+  const CommandNode tool{};
+  EnableConsole("mycons", &tool);
   EXPECT_EQ(UpdateConnectionStatus(), 1);
   EXPECT_EQ(cnode_->status, kConnected);
   EXPECT_EQ(cnode_->log_fd, log_fd_);

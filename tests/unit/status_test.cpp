@@ -159,9 +159,13 @@ TEST_F(JsonAnswerTest, StatsAreOneObjectOfNumbers) {
             "log_bytes log_records_lost connections refusals logins_accepted logins_refused "
             "users_attached users_left bytes_not_shown tools_attached commands events_posted "
             "events_dropped "
-            "reloads last_reload last_reload_result ");
+            "reloads journal journal_records journal_bytes journal_records_lost journal_gaps "
+            "journal_end last_reload last_reload_result ");
   EXPECT_THAT(text, StartsWith("{\"started\": 1000000000, \"console_connections\": "));
   EXPECT_THAT(text, ::testing::EndsWith(", \"reloads\": " + reloads +
+                                        ", \"journal\": \"off\", \"journal_records\": 0, "
+                                        "\"journal_bytes\": 0, \"journal_records_lost\": 0, "
+                                        "\"journal_gaps\": 0, \"journal_end\": null"
                                         ", \"last_reload\": 1000000005, "
                                         "\"last_reload_result\": \"done\"}\n"));
 }
