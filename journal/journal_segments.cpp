@@ -115,6 +115,8 @@ void JournalSegments::Refresh() {
 }
 
 void JournalSegments::Load(Segment& segment) {
+  segment.fault.clear();
+  segment.cause.reset();
   const bool is_begun = segment.builder.has_value();
   if (!is_begun && segment.files.has_index && LoadIndex(segment)) {
     segment.file_size = Open(segment.number).file_size;
@@ -178,8 +180,6 @@ bool JournalSegments::Begin(Segment& segment, SegmentSource& source) {
   const HeaderFault fault = DecodeSegmentHeader({bytes.data(), count}, &header);
   if (fault == HeaderFault::kShort && segment.may_grow) return false;
   if (fault == HeaderFault::kNone && header.segment == segment.number && IsOwn(header)) {
-    segment.fault.clear();
-    segment.cause.reset();
     segment.builder.emplace(header);
     return true;
   }
