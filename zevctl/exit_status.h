@@ -20,6 +20,7 @@ enum class ExitStatus : int {
   kSessionEnded = 9,   ///< the daemon closed a session that the user had not left
   kDeclined = 10,      ///< the user did not confirm
   kNotTheDaemon = 11,  ///< somebody else listens on the daemon's port; no secret was sent
+  kDamaged = 12,       ///< the journal is not as it was written
 };
 
 /// Ends the program with a message for the user.

@@ -71,6 +71,7 @@ void DeclareCommands(Command& app, Program& program) {
   AddHealthCommand(app, program);
   AddConfigCommand(app, program);
   AddSetupCommand(app, program);
+  AddJournalCommand(app, program);
   AddReportCommand(app, program);
   AddCompletionCommand(app, program);
 }

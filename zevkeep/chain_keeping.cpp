@@ -68,7 +68,7 @@ Chain MakeAnew(Work& work, const Map& segments) {
   work.tell.Problem(work.store.path() + "/" + journal::kChainName +
                     " is damaged or missing and is made anew; run \"zevctl journal verify\"");
   if (work.dry_run) return chain;
-  Teller::Record(LOG_WARNING, "chain made anew " + SealText(work.station, chain.sealed));
+  work.tell.Record(LOG_WARNING, "chain made anew " + SealText(work.station, chain.sealed));
   const int fd = work.store.fd();
   if (renameat(fd, journal::kChainName, fd, journal::kBadChainName) != 0) {
     PlaceBytes(work.store, journal::kBadChainName, "");

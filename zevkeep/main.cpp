@@ -15,8 +15,8 @@
 #include <string>
 
 #include "placing.h"
+#include "retention_limits.h"
 #include "segment_store.h"
-#include "settings.h"
 #include "work.h"
 
 namespace {
@@ -59,7 +59,11 @@ int64_t Now() {
   return now.tv_sec * int64_t{1'000'000'000} + now.tv_nsec;
 }
 
-// The segments that the limits allow: nothing is removed when they cannot be read.
+void TellSystemLog(int priority, const std::string& text) {
+  syslog(LOG_AUTHPRIV | priority, "%s", text.c_str());
+}
+
+// What the limits allow: nothing is removed when they cannot be read.
 zevkeep::Limits LimitsOf(const Options& options, zevkeep::Teller& tell) try {
   return zevkeep::ReadLimits(options.config);
 } catch (const std::exception& error) {
@@ -85,7 +89,7 @@ bool IsEmpty(const journal::SegmentStore& store) {
 }
 
 int Keep(const Options& options) {
-  zevkeep::Teller tell(options.verbose || options.dry_run);
+  zevkeep::Teller tell(options.verbose || options.dry_run, TellSystemLog);
   const journal::SegmentStore store(options.directory, geteuid());
   if (flock(store.fd(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK) throw std::system_error(errno, std::generic_category());

@@ -9,8 +9,8 @@
 #include <system_error>
 
 #include "placing.h"
+#include "retention_limits.h"
 #include "sealing.h"
-#include "settings.h"
 #include "work.h"
 
 namespace zevkeep {
@@ -56,8 +56,9 @@ int64_t EndOf(const Work& work, uint64_t number, const SealedIndex& sealed) {
 
 bool IsOlder(const Work& work, uint64_t number, const SealedIndex& sealed, uint64_t days,
              int64_t now) {
-  return days != 0 &&
-         EndOf(work, number, sealed) < now - static_cast<int64_t>(days) * kNanosecondsPerDay;
+  constexpr uint64_t kMostDays = 100'000;  // more cannot be counted in nanoseconds
+  const auto age = static_cast<int64_t>(std::min(days, kMostDays)) * kNanosecondsPerDay;
+  return days != 0 && EndOf(work, number, sealed) < now - age;
 }
 
 // The hash with which the chain goes on behind the segment.
@@ -80,7 +81,7 @@ void RemoveSegment(Work& work, const Link& link, const char* reason) {
   for (const Form form : kForms) Remove(work.store, NameOf(link.segment, form));
   Settle(work.store);
   ++work.removed;
-  Teller::Record(LOG_NOTICE, "removed " + SealText(work.station, link));
+  work.tell.Record(LOG_NOTICE, "removed " + SealText(work.station, link));
   work.tell.Detail("removed " + name + reason);
 }
 

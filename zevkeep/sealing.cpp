@@ -131,7 +131,7 @@ std::string SealText(uint64_t station, const journal::Link& link) {
 }
 
 void TellSeal(const Work& work) {
-  Teller::Record(LOG_NOTICE, "sealed " + SealText(work.station, work.chain.sealed));
+  work.tell.Record(LOG_NOTICE, "sealed " + SealText(work.station, work.chain.sealed));
 }
 
 void SealSegments(Work& work) {

@@ -1,7 +1,5 @@
 #include "work.h"
 
-#include <syslog.h>
-
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -15,10 +13,6 @@ void Teller::Detail(const std::string& text) const {
 void Teller::Problem(const std::string& text) {
   ++problems_;
   std::cerr << "zevkeep: " + text + "\n";
-}
-
-void Teller::Record(int priority, const std::string& text) {
-  syslog(LOG_AUTHPRIV | priority, "%s", text.c_str());
 }
 
 void TellFailure(Work& work, const std::string& what, int error) {

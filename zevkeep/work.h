@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "chain.h"
 #include "segment_store.h"
@@ -12,19 +14,22 @@ namespace zevkeep {
 /// Tells the operator and the system's log.
 class Teller {
  public:
-  explicit Teller(bool verbose) : verbose_(verbose) {}
+  /// Writes to the system's log, where who may write to the journal's directory cannot change it.
+  using Recorder = std::function<void(int priority, const std::string& text)>;
+
+  Teller(bool verbose, Recorder record) : verbose_(verbose), record_(std::move(record)) {}
 
   /// On standard output, if it was asked for.
   void Detail(const std::string& text) const;
   /// On standard error: something could not be done. The pass goes on.
   void Problem(const std::string& text);
-  /// To the system's log, where who may write to the journal's directory cannot change it.
-  static void Record(int priority, const std::string& text);
+  void Record(int priority, const std::string& text) const { record_(priority, text); }
 
   size_t problems() const { return problems_; }
 
  private:
   bool verbose_;
+  Recorder record_;
   size_t problems_ = 0;
 };
 

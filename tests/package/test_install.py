@@ -14,7 +14,8 @@ pytestmark = pytest.mark.needs_machine
 
 UNITS = sorted(path.name for path in (settings.REPOSITORY / "packaging/systemd").iterdir())
 SAMPLES = sorted((settings.REPOSITORY / "packaging/config").iterdir())
-STARTED = ("zevd.service", "zevd.socket", "zevd-password.socket", "zevd-logs.timer")
+STARTED = ("zevd.service", "zevd.socket", "zevd-password.socket", "zevd-logs.timer",
+           "zevkeep.timer")
 
 # Owner, group and mode of what is there after the first start.
 MODES = {

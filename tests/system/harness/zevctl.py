@@ -16,7 +16,7 @@ PROGRAM = settings.build_directory() / "bin" / "zevctl"
 
 # The exit statuses of the manual page.
 OK, FAILED, USAGE, NO_DAEMON, NOT_ADMITTED, NO_SUCH_CONSOLE, NOT_ACCESSIBLE, IN_USE, REFUSED, \
-    SESSION_ENDED, DECLINED, NOT_THE_DAEMON = range(12)
+    SESSION_ENDED, DECLINED, NOT_THE_DAEMON, DAMAGED = range(13)
 
 
 def environment(**changes: str) -> dict[str, str]:

@@ -1,4 +1,4 @@
-#include "settings.h"
+#include "retention_limits.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -22,8 +22,8 @@ struct Key {
   const char* unit;
 };
 constexpr Key kKeys[] = {
-    {"ZEVD_JOURNAL=", &Limits::mebibytes, uint64_t{1} << 24, "MiB"},
-    {"ZEVD_JOURNAL_DAYS=", &Limits::days, 36500, "days"},
+    {"ZEVD_JOURNAL=", &Limits::mebibytes, uint64_t{1} << 40, "MiB"},
+    {"ZEVD_JOURNAL_DAYS=", &Limits::days, 1'000'000, "days"},
 };
 
 uint64_t ValueOf(const Key& key, std::string_view text) {
