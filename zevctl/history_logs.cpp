@@ -94,7 +94,13 @@ bool Seam::Takes(size_t console, const std::string& text) {
   const auto found = lines->second.find(text);
   if (found == lines->second.end()) return false;
   lines->second.erase(found);
+  taken_[console].insert(text);
   return true;
+}
+
+bool Seam::HasTaken(size_t console, const std::string& text) const {
+  const auto texts = taken_.find(console);
+  return texts != taken_.end() && texts->second.contains(text);
 }
 
 std::string Seam::HeadOf(size_t console, const std::string& text) const {
@@ -162,7 +168,21 @@ class LogPart::Reading {
     if (!console) return false;
     if (seam_->Takes(*console, text)) return true;
     const std::string head = at_end ? seam_->HeadOf(*console, text) : "";
-    return !head.empty() && heads_.emplace(*console, head).second;
+    if (!head.empty() && heads_.emplace(*console, head).second) return true;
+    return at_end ? IsBehind(*console, text, time) : IsBefore(*console, time);
+  }
+
+  // Where the journal lasts for a moment only, a line may belong to the time behind it, or before
+  // it: what stands behind a line that the journal has, or before one.
+  bool IsBehind(size_t console, const std::string& text, time_t time) const {
+    if (!seam_->HasLinesOf(console)) return time > SecondOf(*part_.hole_.end);
+    return seam_->HasTaken(console) && !seam_->HasTaken(console, text);
+  }
+
+  bool IsBefore(size_t console, time_t time) const {
+    if (!part_.hole_.follows_moment) return false;
+    if (!seam_->HasLinesOf(console)) return time <= SecondOf(*part_.hole_.begin);
+    return !seam_->HasTaken(console);
   }
 
   const LogPart& part_;

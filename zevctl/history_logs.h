@@ -23,6 +23,7 @@ namespace zevctl {
 struct Hole {
   std::optional<int64_t> begin;
   std::optional<int64_t> end;
+  bool follows_moment = false;  ///< the journal lasted for a moment only before it
 };
 
 /// The lines that the journal has close to both ends of a hole. Logs have whole seconds, so what
@@ -35,8 +36,15 @@ class Seam {
   /// The console whose log has this name.
   std::optional<size_t> ConsoleOf(const std::string& log) const;
 
+  /// Whether the journal has lines of the console close to the hole.
+  bool HasLinesOf(size_t console) const { return lines_.contains(console); }
+
   /// True when the journal has that line, which is then used up.
   bool Takes(size_t console, const std::string& text);
+
+  /// Whether any line of the console, or one with this text, has been used up.
+  bool HasTaken(size_t console) const { return taken_.contains(console); }
+  bool HasTaken(size_t console, const std::string& text) const;
 
   /// What the journal lacks of a line whose end it has: it began in the middle of that line. Empty
   /// when it is not such a line.
@@ -48,6 +56,7 @@ class Seam {
 
   std::map<std::string, size_t, std::less<>> names_;  // in the form in which they are compared
   std::map<size_t, std::multiset<std::string>> lines_;
+  std::map<size_t, std::set<std::string>> taken_;
   std::map<size_t, std::string> first_;  // of each console behind the hole
 };
 

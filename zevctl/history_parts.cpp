@@ -56,6 +56,7 @@ class Maker {
       AddLogs(hole);
       AddJournal(stretch, &stretch == &stretches.back());
       hole.begin = stretch.end;
+      hole.follows_moment = stretch.end - stretch.begin < kShortestHole;
     }
     hole.end.reset();
     if (!sources_.follows) AddLogs(hole);
