@@ -47,7 +47,7 @@ uint32_t WireNumber(size_t set) {
 [[noreturn]] void BeMatcher(int socket, pid_t parent) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(0);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) signal(number, SIG_DFL);
+  for (int number = 1; number < SIGRTMIN; ++number) signal(number, SIG_DFL);
   setpgid(0, 0);
   zevd::RunMatcher(socket);
   _exit(0);
