@@ -74,14 +74,9 @@ TEST(Utf8Joiner, SaysAtTheEndThatARestNeverCame) {
 TEST(DrawingFilter, PassesWhatDraws) {
   for (const std::string text :
        {"plain \xC3\xA4 text\r\n", "\x1b[1;31mred\x1b[0m", "\x1b[2J\x1b[H", "\x1b[?1049h",
-        "\x1b[?25l", "\x1b(0qqq\x1b(B",
-        "\x1b"
-        "7\x1b[5;5Hx\x1b"
-        "8",
-        "\x1b[1;20r", "\x1b[4h", "\x1b[38;2;1;2;3mx", "\x1b[38:5:9mx", "\x1b[!p",
-        "\x1b"
-        "c",
-        "\x1b#8", "a\b\tb\v\f\x0E\x0F", "\x1b[?2J", "\x1b[3L"}) {
+        "\x1b[?25l", "\x1b(0qqq\x1b(B", "\0337\x1b[5;5Hx\0338", "\x1b[1;20r", "\x1b[4h",
+        "\x1b[38;2;1;2;3mx", "\x1b[38:5:9mx", "\x1b[!p", "\033c", "\x1b#8", "a\b\tb\v\f\x0E\x0F",
+        "\x1b[?2J", "\x1b[3L"}) {
     EXPECT_EQ(Filtered(text), text);
     EXPECT_EQ(FilteredBytewise(text), text);
   }
