@@ -1,4 +1,4 @@
-"""The history of what a real daemon has seen: its journal, its logs, and sessions at its consoles."""
+"""The history of what a real daemon has seen: journal, logs, and sessions at its consoles."""
 
 import json
 
