@@ -10,8 +10,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <ios>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -189,10 +192,10 @@ void CheckGrowing(const std::vector<File>& files, std::string_view sizes) {
   const auto cursor = journal->Read({});
   std::vector<Found> found;
   ReadRest(*cursor, &found);
-  std::string written;
+  std::ofstream growing(files.back().path, std::ios::binary | std::ios::app);
   for (const std::string_view piece : fuzz::Cut(files.back().bytes, sizes)) {
-    written += piece;
-    fuzz::WriteFile(files.back().path.c_str(), written);
+    growing << piece << std::flush;
+    REQUIRE(growing.good());
     journal->Refresh();
     ReadRest(*cursor, &found);
   }

@@ -156,13 +156,13 @@ TEST_F(JournalDamageTest, OfACompressedSegmentIsTold) {
   for (size_t place = 0; place < sound.size(); ++place) {
     std::string bytes = sound;
     bytes[place] = static_cast<char>(bytes[place] ^ 0x55);
-    test::WriteFile(files_.Compressed(1), bytes);
+    test::Overwrite(files_.Compressed(1), bytes);
     const Strings texts = Read();
     ASSERT_TRUE(texts.size() == 5 || !damages_.empty()) << place;
     ASSERT_THAT(texts, Contains("five")) << place;
   }
   for (size_t size = 0; size < sound.size(); ++size) {
-    test::WriteFile(files_.Compressed(1), sound.substr(0, size));
+    test::Overwrite(files_.Compressed(1), sound.substr(0, size));
     ASSERT_THAT(Read(), ElementsAre("five")) << size;
     ASSERT_THAT(damages_, SizeIs(1)) << size;
   }
@@ -176,9 +176,9 @@ TEST_F(JournalDamageTest, OfAnIndexCostsNothing) {
   for (size_t place = 0; place < sound.size(); ++place) {
     std::string bytes = sound;
     bytes[place] = static_cast<char>(bytes[place] ^ 0x55);
-    test::WriteFile(files_.Index(1), bytes);
+    test::Overwrite(files_.Index(1), bytes);
     ASSERT_EQ(Read(), all) << place;
-    test::WriteFile(files_.Index(1), sound.substr(0, place));
+    test::Overwrite(files_.Index(1), sound.substr(0, place));
     ASSERT_EQ(Read(), all) << place;
   }
 }

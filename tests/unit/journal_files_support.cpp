@@ -24,7 +24,7 @@ std::filesystem::path JournalFiles::File(uint64_t segment, const char* suffix) c
 }
 
 void JournalFiles::Put(const SegmentBytes& segment) const {
-  WriteFile(Raw(segment.header.segment), segment.bytes);
+  Overwrite(Raw(segment.header.segment), segment.bytes);
 }
 
 void JournalFiles::Seal(uint64_t segment) const {
@@ -49,6 +49,15 @@ void JournalFiles::Remove(uint64_t segment) const {
   for (const auto& file : {Raw(segment), Compressed(segment), Index(segment)}) {
     std::filesystem::remove(file);
   }
+}
+
+void Overwrite(const std::filesystem::path& path, std::string_view content) {
+  const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0640);
+  if (fd < 0) ThrowErrno("open");
+  const ssize_t count = pwrite(fd, content.data(), content.size(), 0);
+  const bool is_done = count == static_cast<ssize_t>(content.size()) && ftruncate(fd, count) == 0;
+  close(fd);
+  if (!is_done) ThrowErrno("pwrite");
 }
 
 void EncodeHeaderOf(SegmentBytes& segment) {

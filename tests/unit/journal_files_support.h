@@ -37,6 +37,10 @@ class JournalFiles {
   TemporaryDirectory directory_;
 };
 
+/// Gives a file other contents in place. A file that is emptied first goes to the disk when it is
+/// closed, which takes more time than all else in a test.
+void Overwrite(const std::filesystem::path& path, std::string_view content);
+
 /// A segment of another run of the daemon.
 SegmentBytes SegmentOfRun(uint64_t run, uint64_t segment, uint64_t first_record);
 
