@@ -28,15 +28,15 @@ using Map = std::map<uint64_t, StoredSegment>;
 // Whether what the seals say agrees with the chain. A seal that cannot be read does not disagree.
 bool Agrees(const Work& work, const Map& segments, const Chain& chain) {
   if (chain.removed.segment > chain.sealed.segment) return false;
+  if (chain.removed.segment == 0 && chain.removed.hash != journal::Hash{}) return false;
   for (const auto& [number, files] : segments) {
     if (!files.has_index) continue;
-    const bool is_first = number == chain.removed.segment + 1;
-    const bool is_head = number == chain.sealed.segment;
-    if (!is_first && !is_head) continue;
     const SealedIndex sealed = work.store.ReadIndex(work.station, number);
     if (!sealed.fault.empty()) continue;
-    if (is_first && sealed.seal.previous != chain.removed.hash) return false;
-    if (is_head && sealed.seal.hash != chain.sealed.hash) return false;
+    const bool is_first = number == chain.removed.segment + 1;
+    const bool is_head = number == chain.sealed.segment;
+    if (is_first != (sealed.seal.previous == chain.removed.hash)) return false;
+    if (is_head != (sealed.seal.hash == chain.sealed.hash)) return false;
   }
   return true;
 }

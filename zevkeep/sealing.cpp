@@ -57,7 +57,8 @@ void TellDamage(Work& work, uint64_t number, const SegmentIndex& index, HeaderFa
                       "sealed as it is: run \"zevctl journal verify\"");
   } else if (!index.damages.empty()) {
     work.tell.Problem(Segment(number) + " is damaged in " + std::to_string(index.damages.size()) +
-                      " places; it is sealed as it is: run \"zevctl journal verify\"");
+                      (index.damages.size() == 1 ? " place" : " places") +
+                      "; it is sealed as it is: run \"zevctl journal verify\"");
   }
 }
 
