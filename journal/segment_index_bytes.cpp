@@ -21,9 +21,9 @@ constexpr size_t kBehindChecksum = kChecksumAt + sizeof(uint32_t);
 
 // The fewest bytes that each takes: no list is longer than its bytes allow.
 constexpr size_t kLeastBlock = 48;
-constexpr size_t kLeastConsole = 4 + 1 + 4 + 4 * 8;
-constexpr size_t kLeastName = 2 + 2 + 2 + 2 * 8;
-constexpr size_t kLeastDamage = 2 * 8;
+constexpr size_t kLeastConsole = 41;
+constexpr size_t kLeastName = 22;
+constexpr size_t kLeastDamage = 16;
 
 class Writer {
  public:

@@ -50,7 +50,8 @@ def found(*wanted: str) -> list[dict]:
 
 def test_a_sound_journal(journal):
     assert re.fullmatch(
-        rf"station {journal.station:016x}: 4 segments, 3 of them sealed, 8 records, nothing is wrong\n"
+        rf"station {journal.station:016x}: 4 segments, 3 of them sealed, 8 records, nothing is "
+        rf"wrong\n"
         r"last seal: segment 3, hash [0-9a-f]{64}\n", zevctl.succeed(None, "journal", "verify"))
     told = zevctl.data(None, "journal", "verify")[0]
     assert told["findings"] == [] and told["last_seal"]["segment"] == 3 and told["sealed"] == 3
@@ -121,7 +122,8 @@ def test_a_truncated_segment(journal):
 
 def test_a_journal_that_cannot_be_verified(station):
     place = station.root / "journal"
-    zevctl.refuse(None, zevctl.FAILED, f"{place}: there is no journal; set ZEVD_JOURNAL= in qor.conf "
+    zevctl.refuse(None, zevctl.FAILED, f"{place}: there is no journal; set ZEVD_JOURNAL= in "
+                                       f"qor.conf "
                   "to have one", "journal", "verify")
     aside = station.root / "aside"
     with JournalWriter(aside) as journal:

@@ -1,4 +1,4 @@
-"""zevkeep: the journal's segments are sealed, compressed and removed, whatever happens meanwhile."""
+"""zevkeep: segments are sealed, compressed and removed, whatever happens meanwhile."""
 
 import datetime
 import fcntl
@@ -62,9 +62,10 @@ def test_segments_are_sealed_and_compressed(station):
     journal = write(station, 3, 700000)
     raw = [journal.segment(number).read_bytes() for number in (1, 2, 3)]
     assert keep().stdout == "sealed 3, compressed 2, removed 0 segments\n"
-    assert names(journal.directory) == ["1.idx", "1.seg.zst", "2.idx", "2.seg.zst", "3.idx", "3.seg",
-                                        "chain", "id"]
-    assert [unpacked(journal.segment(number).with_suffix(".seg.zst")) for number in (1, 2)] == raw[:2]
+    assert names(journal.directory) == [
+        "1.idx", "1.seg.zst", "2.idx", "2.seg.zst", "3.idx", "3.seg", "chain", "id"]
+    packed = [journal.segment(number).with_suffix(".seg.zst") for number in (1, 2)]
+    assert [unpacked(path) for path in packed] == raw[:2]
     assert journal.segment(3).read_bytes() == raw[2]
     for path in journal.directory.iterdir():
         assert path.stat().st_mode & 0o777 == 0o640
@@ -193,8 +194,8 @@ def test_old_ones_go_by_the_time_of_their_last_record(station):
         journal.new_segment()
     assert keep().stdout == "sealed 5, compressed 4, removed 2 segments\n"
     # The clock was wrong in the fourth; it goes behind the third.
-    assert names(journal.directory) == ["3.idx", "3.seg.zst", "4.idx", "4.seg.zst", "5.idx", "5.seg",
-                                        "chain", "id"]
+    assert names(journal.directory) == [
+        "3.idx", "3.seg.zst", "4.idx", "4.seg.zst", "5.idx", "5.seg", "chain", "id"]
     assert verify(station) == ""
 
 
@@ -204,7 +205,8 @@ def test_with_a_bad_limit_nothing_is_removed(station, text):
     settings_file = station.config / "qor.conf"
     settings_file.write_text(text)
     said = keep(status=1).stderr
-    assert re.fullmatch(rf"zevkeep: {settings_file}: ZEVD_JOURNAL(_DAYS)?= is not followed by a number "
+    assert re.fullmatch(rf"zevkeep: {settings_file}: ZEVD_JOURNAL(_DAYS)?= is not followed by a "
+                        rf"number "
                         r"of (MiB|days); write one up to \d+; no segment is removed\n", said)
     assert names(journal.directory)[0] == "1.idx"
 
@@ -283,7 +285,8 @@ def test_a_full_disk_loses_nothing(station):
         before = names(directory)
         said = keep(status=1).stderr
         assert said.splitlines()[0] == (
-            "zevkeep: the file \"chain\" cannot be brought up to date: No space left on device; make "
+            "zevkeep: the file \"chain\" cannot be brought up to date: No space left on device; "
+            "make "
             "room on the disk, or lower ZEVD_JOURNAL= in qor.conf")
         assert names(directory) == before and journal.segment(1).read_bytes() == raw
         (directory / "filler").unlink()
@@ -307,9 +310,11 @@ def test_on_a_full_disk_the_oldest_beyond_the_limits_go_first(station):
         journal.close()
         fill(directory)
         said = keep(status=1).stderr
-        assert said == ("zevkeep: segment 5 cannot be sealed: No space left on device; make room on "
+        assert said == ("zevkeep: segment 5 cannot be sealed: No space left on device; make room "
+                        "on "
                         "the disk, or lower ZEVD_JOURNAL= in qor.conf\n"
-                        "zevkeep: segment 4 cannot be compressed: No space left on device; make room "
+                        "zevkeep: segment 4 cannot be compressed: No space left on device; make "
+                        "room "
                         "on the disk, or lower ZEVD_JOURNAL= in qor.conf\n")
         assert names(directory)[0] == "1.idx"
         limit(station, 1)
@@ -329,12 +334,14 @@ def test_a_link_and_anothers_directory_are_refused(station):
     place = journal.directory
     aside = place.rename(place.with_name("elsewhere"))
     place.symlink_to(aside)
-    assert keep(status=1).stderr == (f"zevkeep: {place} is a link or no directory; put the journal's "
+    assert keep(status=1).stderr == (f"zevkeep: {place} is a link or no directory; put the "
+                                     f"journal's "
                                      "directory in its place\n")
     place.unlink()
     aside.rename(place)
     place.chmod(0o770)
-    assert keep(status=1).stderr == (f"zevkeep: {place} can be written by others; look at what is in "
+    assert keep(status=1).stderr == (f"zevkeep: {place} can be written by others; look at what is "
+                                     f"in "
                                      "it and set its mode to 0750\n")
     place.chmod(0o750)
     os.chown(place, 12345, 12345)
@@ -364,7 +371,8 @@ def test_a_damaged_segment_is_sealed_as_it_is(station):
     assert said == ("zevkeep: segment 2 is damaged in 1 place; it is sealed as it is: run \"zevctl "
                     "journal verify\"\n")
     said = verify(station, zevctl.DAMAGED)
-    assert re.fullmatch(r"zevctl: 0{19}2\.seg\.zst, byte \d+: \d+ bytes were no records when it was "
+    assert re.fullmatch(r"zevctl: 0{19}2\.seg\.zst, byte \d+: \d+ bytes were no records when it "
+                        r"was "
                         r"sealed; the records there are lost, .*\n", said)
 
 
@@ -379,8 +387,10 @@ def test_a_torn_end_is_left_to_the_daemon(station):
 def test_a_segment_of_another_version_stays(station):
     journal = write(station, 1)
     journal.new_segment()
-    journal.segment(1).write_bytes(journal.segment(1).read_bytes().replace(b"\n\x01\0", b"\n\x02\0", 1))
-    assert keep(status=1).stderr == ("zevkeep: segment 1 has the format of another version; run the "
+    old, new = b"\n\x01\0", b"\n\x02\0"
+    journal.segment(1).write_bytes(journal.segment(1).read_bytes().replace(old, new, 1))
+    assert keep(status=1).stderr == ("zevkeep: segment 1 has the format of another version; run "
+                                     "the "
                                      "zevkeep of the daemon's version\n")
     journal.close()
 
@@ -440,5 +450,6 @@ def test_the_page_tells_every_option():
     page = path.read_text()
     options = set(re.findall(r"--([a-z-]+)", keep("--help").stdout))
     assert options == set(re.findall(r"(?:Fl |, )-([a-z-]+)", page))
-    done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", path], capture_output=True, text=True, check=False)
+    done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", path], capture_output=True,
+                          text=True, check=False)
     assert (done.returncode, done.stdout) == (0, "")

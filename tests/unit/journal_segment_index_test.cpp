@@ -184,8 +184,6 @@ TEST(SegmentIndexTest, AnotherVersionIsTold) {
   EXPECT_EQ(IndexFault::kVersion, DecodeIndex(bytes, &index));
 }
 
-// ---- Damage -------------------------------------------------------------------------------------
-
 TEST(SegmentScanTest, ADamagedRecordCostsItselfOnly) {
   SegmentBytes segment;
   segment.Output(1, "one");
