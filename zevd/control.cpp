@@ -43,8 +43,8 @@ void ThrowUsersOff(const char* function, ConsoleNode* cnode, const char* text, c
   CloseUserConnections(cnode, reason);
 }
 
-void MarkDisabled(ConsoleNode* cnode, const Identity& who) {
-  if (cnode->enable != 0) JournalDisabled(cnode, &who);
+void MarkDisabled(ConsoleNode* cnode, const Identity* who) {
+  if (cnode->enable != 0) JournalDisabled(cnode, who);
   cnode->status = kNotConnected;
   cnode->enable = 0;
 }
@@ -78,7 +78,7 @@ void ClearConsole(const char* cons_name, const CommandNode* tool) {
 void DisableConsole(const char* cons_name, const CommandNode* tool) {
   ENTERING();
   const OperatorText text("Console has been disabled", tool);
-  const Identity& who = tool->identity;
+  const Identity* who = &tool->identity;
   constexpr char kFunction[] = "DisableConsole";
   bool found = false;
   {
@@ -102,9 +102,9 @@ void DisableConsole(const char* cons_name, const CommandNode* tool) {
 
 void EnableConsole(const char* cons_name, const CommandNode* tool) {
   ENTERING();
-  const Identity& who = tool->identity;
+  const Identity* who = &tool->identity;
   const auto enable = [&](ConsoleNode* cnode) {
-    if (cnode->enable == 0) JournalEnabled(cnode, &who);
+    if (cnode->enable == 0) JournalEnabled(cnode, who);
     cnode->enable = 1;
     cons_conn_waker.Wake();
   };
@@ -121,7 +121,7 @@ void EnableConsole(const char* cons_name, const CommandNode* tool) {
 void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char* message) {
   ENTERING();
   constexpr char kAllConsoles[] = "-";
-  const Identity& who = tool->identity;
+  const Identity* who = &tool->identity;
   char text[kMessageBufferSize];
   snprintf(text, sizeof text, "Message from %s@%s: \n\n\r%s", tool->user_name, tool->ipaddr,
            message);
@@ -131,10 +131,10 @@ void SendMsgToConsole(const char* cons_name, const CommandNode* tool, const char
     const WriteLock lock(acl_lock, HERE);
     found |= ForEachMatch(*a_cons_list, to_all ? nullptr : cons_name, [&](ConsoleNode* cnode) {
       SendMsgToUsers(cnode, text);
-      if (!to_all) JournalMessage(cnode, who, message);
+      if (!to_all) JournalMessage(cnode, *who, message);
     });
   }
-  if (to_all) JournalMessage(nullptr, who, message);
+  if (to_all) JournalMessage(nullptr, *who, message);
   if (!found) return AnswerUnrecognized(cons_name);
   AnswerDone();
 }

@@ -38,7 +38,7 @@ constinit JournalQueue journal_queue;
 
 bool JournalQueue::SwitchOn(std::string_view started) {
   {
-    const TermSignalHold hold;
+    const TermSignalDelay delay;
     const MutexLock lock(mutex_);
     if (ring_ == nullptr) ring_ = new (std::nothrow) char[kSize];
     if (ring_ == nullptr) return false;
@@ -53,7 +53,7 @@ bool JournalQueue::SwitchOn(std::string_view started) {
 
 void JournalQueue::SwitchOff(std::string_view stopped) {
   {
-    const TermSignalHold hold;
+    const TermSignalDelay delay;
     const MutexLock lock(mutex_);
     if (!on_) return;
     Add(Kind::kStopped, 0, stopped);
@@ -85,7 +85,7 @@ void JournalQueue::Push(Kind kind, uint32_t console, std::string_view payload) {
   if (!IsOn()) return;
   bool must_wake = false;
   {
-    const TermSignalHold hold;
+    const TermSignalDelay delay;
     const MutexLock lock(mutex_);
     if (!on_) return;
     const size_t before = used_;
@@ -106,7 +106,7 @@ bool JournalQueue::WantsNames() {
 }
 
 JournalLosses JournalQueue::Losses() {
-  const TermSignalHold hold;
+  const TermSignalDelay delay;
   const MutexLock lock(mutex_);
   return losses_;
 }

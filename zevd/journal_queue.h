@@ -100,8 +100,8 @@ class JournalQueue {
 
   std::atomic<bool> on_{false};
 
-  /// Held for the time of a copy. Whoever holds it keeps SIGTERM away, as the end of the process
-  /// waits for the journal's thread, which needs it.
+  /// Held for the time of a copy. Whoever holds it has the SIGTERM handler wait, as the end of the
+  /// process waits for the journal's thread, which needs it.
   Mutex mutex_;
 
   /// A ring of records, none of which is split: where the last one before its end ends, there is

@@ -19,4 +19,19 @@ class TermSignalHold {
   sigset_t saved_;
 };
 
+/// The same without a system call, for a few instructions that are run very often: the handler
+/// itself puts its work off (PutOffTermSignal()) until the calling thread is through. Not for code
+/// that may wait for long.
+class TermSignalDelay {
+ public:
+  TermSignalDelay();
+  ~TermSignalDelay();
+  TermSignalDelay(const TermSignalDelay&) = delete;
+  TermSignalDelay& operator=(const TermSignalDelay&) = delete;
+};
+
+/// For the SIGTERM handler: true when it has interrupted such code. It then returns, and is called
+/// again when that code is through.
+bool PutOffTermSignal();
+
 }  // namespace zevd

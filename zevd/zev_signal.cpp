@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "error.h"
+#include "signal_hold.h"
 
 namespace zevd {
 
@@ -58,6 +59,7 @@ bool TermReceived() {
 }
 
 void TermHandler(int /*sig*/) {
+  if (PutOffTermSignal()) return;
   ENTERING();
   term_received = true;
   zev_debug(kError, "Received SIGTERM.\n");

@@ -245,4 +245,4 @@ def test_a_segment_ends_when_it_is_full(station):
     first = segment_files(journals.directory(station))[0]
     assert (64 << 20) - (600 << 10) < first.stat().st_size <= 64 << 20
     data = files[0].read_bytes()[:4096]
-    assert data[40:48] == first.read_bytes()[40:48], "the same run"
+    assert data[48:56] == first.read_bytes()[48:56], "the same run"

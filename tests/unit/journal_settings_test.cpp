@@ -47,7 +47,7 @@ TEST_F(JournalSettingsTest, OneBadValueLeavesAllAsTheyWere) {
        {"ZEVD_JOURNAL=+1", "ZEVD_JOURNAL=1.5", "ZEVD_JOURNAL= 1", "ZEVD_JOURNAL=1099511627777",
         "ZEVD_JOURNAL_DAYS=1000001", "ZEVD_JOURNAL_INPUT=", "ZEVD_JOURNAL_INPUT=All"}) {
     const DebugCapture debug;
-    EXPECT_FALSE(Read("ZEVD_JOURNAL_DAYS=1\n" + std::string(bad) + "\n")) << bad;
+    EXPECT_FALSE(Read("ZEVD_ARCH_INT=7\n" + std::string(bad) + "\n")) << bad;
     EXPECT_EQ(settings_.mebibytes, 7U);
     EXPECT_EQ(settings_.days, 8U);
     EXPECT_EQ(settings_.input, JournalInput::kLength);
