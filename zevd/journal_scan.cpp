@@ -12,7 +12,6 @@
 namespace zevd {
 
 using journal::RecordHeader;
-using journal::SegmentHeader;
 
 namespace {
 
