@@ -135,13 +135,13 @@ def test_the_page_of_the_files_names_every_part_of_a_pattern(station):
 
 
 def test_the_page_of_the_files_names_every_setting(station):
-    """The settings that the daemon writes are those whose keys are in its sources."""
+    """The settings that the daemon knows are those whose keys are in its sources; it writes one."""
     station.start()
     written = (station.config / "qor.conf").read_text()
     sources = "".join(path.read_text()
                       for path in sorted((settings.REPOSITORY / "zevd").glob("*.cpp")))
     keys = re.findall(r'"([A-Z_]+)="', sources)
-    assert re.findall(r"^([A-Z_]+)=", written, re.MULTILINE) == keys
+    assert re.findall(r"^([A-Z_]+)=", written, re.MULTILINE) == ["ZEVD_ARCH_INT"] == keys[:1]
     assert list(items(section(CONF_PAGE, "SETTINGS"))) == keys
 
 
