@@ -23,6 +23,7 @@ DEMO = Path(__file__).resolve().parent
 REPLAY_BYTES = 4096
 EXIT_AFTER_SIGTERM = 1
 PATTERNS = "fans 300 1 fans turning\n"
+SETTINGS = "ZEVD_JOURNAL=16\n"
 UNPRIVILEGED_PORTS_BELOW_EPHEMERAL = range(20000, 32000)
 
 
@@ -79,6 +80,7 @@ def write_files(root: Path, consoles: tuple[Console, ...]) -> None:
         (root / directory).mkdir()
     (root / "config").chmod(0o750)
     (root / "config/models").write_text("A|A200\n")
+    (root / "config/qor.conf").write_text(SETTINGS)
     (root / "events/reports").write_text(PATTERNS)
     text = "".join(config_line(console) for console in consoles)
     (root / "config/zev.conf").write_text(text)
@@ -86,6 +88,8 @@ def write_files(root: Path, consoles: tuple[Console, ...]) -> None:
     print("".join(f"    {line}\n" for line in text.splitlines()))
     print(f"  {root}/events/reports has a pattern: lines that match are posted as events\n")
     print(f"    {PATTERNS}")
+    print(f"  {root}/config/qor.conf asks for a journal of so many MiB at most\n")
+    print(f"    {SETTINGS}")
 
 
 def start_consoles(processes: Processes, shell: Console, machine: Console) -> None:
@@ -140,6 +144,7 @@ def show_how_to_attach(main_port: int, consoles: tuple[Console, ...], chosen: pl
     {client} attach --mode ro {machine.name}
     {client} msg {shell.name} hello
     {chosen.client.relative_to(place.REPOSITORY)} log -f --log-dir {seen_root}/logs {machine.name}
+    {chosen.client.relative_to(place.REPOSITORY)} replay --journal-dir {seen_root}/journal {machine.name}
 
   With a telnet client, through a console's own port:
 

@@ -1,10 +1,11 @@
 """What the demo's users do and see. Every step counts only if the bytes really arrived."""
 
+import contextlib
 import re
 import socket
 import subprocess
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from dataclasses import dataclass
 from pathlib import Path
 from typing import TypeVar
@@ -152,20 +153,34 @@ class Client:
     def attach(self, console: str, command: str, answer: str) -> None:
         """Sit down at a terminal, attach, type a command, see the answer, and leave."""
         print(f"  $ zevctl attach {console}")
-        with pexpect.spawn(self._command[0], [*self._command[1:], "attach", console],
-                           timeout=PATIENCE, dimensions=(24, 100)) as terminal:
+        with self._on_terminal("attach", console) as terminal:
+            terminal.expect_exact(f"Attached to {console}")
+            terminal.send(command + "\r")
+            terminal.expect_exact(answer)
+            shown = terminal.before + terminal.after
+            terminal.send("\r~.")
+        show("screen", "", b"Attached to " + console.encode() + shown)
+
+    def replay(self, console: str, text: str, *options: str) -> None:
+        """Watch at a terminal what happened at a console, as far as the text, and leave."""
+        print(f"  $ zevctl replay {' '.join(options)} {console}")
+        with self._on_terminal("replay", *options, console) as terminal:
+            terminal.expect_exact(text)
+            terminal.send("q")
+        print(f"  screen       | ... {text} ...")
+
+    @contextlib.contextmanager
+    def _on_terminal(self, *words: str) -> Iterator[pexpect.spawn]:
+        """The client at a terminal; it must end in good order behind the block."""
+        with pexpect.spawn(self._command[0], [*self._command[1:], *words], timeout=PATIENCE,
+                           dimensions=(24, 100)) as terminal:
             try:
-                terminal.expect_exact(f"Attached to {console}")
-                terminal.send(command + "\r")
-                terminal.expect_exact(answer)
-                shown = terminal.before + terminal.after
-                terminal.send("\r~.")
+                yield terminal
                 terminal.expect(pexpect.EOF)
             except pexpect.ExceptionPexpect as error:
-                raise StepFailed(f"zevctl attach: {error}") from None
-        show("screen", "", b"Attached to " + console.encode() + shown)
+                raise StepFailed(f"zevctl {words[0]}: {error}") from None
         if terminal.wait() != 0:
-            raise StepFailed("zevctl attach did not end as it should")
+            raise StepFailed(f"zevctl {words[0]} did not end as it should")
 
 
 @dataclass(frozen=True)
@@ -197,6 +212,7 @@ class Tour:
         self._lock_a_console()
         self._look_at_the_logs()
         self._use_the_client()
+        self._see_it_again()
         print("The tour is over: every step was seen to work.")
 
     def _daemon_is_up(self) -> None:
@@ -305,6 +321,22 @@ class Tour:
         if "7 times 8 is 56" not in logged:
             raise StepFailed("what was printed is not in the log")
         seen("list, attach and log work")
+
+    def _see_it_again(self) -> None:
+        heading("What happened is found and seen again")
+        shell, machine = self._shell.name, self._machine.name
+        print("  The daemon keeps a journal: each byte with its time, and who did what.\n")
+        found = self._client.run("history", "--grep", "the disk is|attached", "--users", shell)
+        if not re.search(r"^\S+ \S+ \| the disk is 42% full", found, re.MULTILINE):
+            raise StepFailed("what erin had the shell print is not in the journal")
+        if not re.search(r"\berin@\S+ attached \(exclusive\)", found):
+            raise StepFailed("the journal does not tell that erin attached")
+        shown = self._client.run("replay", "--export", "text", shell)
+        for answer in ("6 times 7 is 42", "the disk is 42% full", "7 times 8 is 56"):
+            if answer not in shown:
+                raise StepFailed(f"{answer!r} is not in the replay of {shell}")
+        self._client.replay(machine, f"{machine} is up", "--speed", "50", "--max-idle", "0.5")
+        seen(f"the journal has the whole tour, and the boot of {machine} was played once more")
 
 
 def find_line(file: Path, pattern: str) -> str:
