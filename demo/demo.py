@@ -135,16 +135,16 @@ def show_how_to_attach(main_port: int, consoles: tuple[Console, ...], chosen: pl
     shell, machine, refuser = consoles
     heading("Now you: from another terminal of this machine, in the directory of the clone")
     seen_root = chosen.root_for_others(daemon.pid)
-    client = (f"{chosen.client.relative_to(place.REPOSITORY)} --port {main_port} "
-              f"--cookie-file {seen_root}/config/.cookie")
+    program = chosen.client.relative_to(place.REPOSITORY)
+    client = f"{program} --port {main_port} --cookie-file {seen_root}/config/.cookie"
     print(f"""  With the operators' client; ~. at the start of a line leaves a console:
 
     {client} list
     {client} attach {shell.name}
     {client} attach --mode ro {machine.name}
     {client} msg {shell.name} hello
-    {chosen.client.relative_to(place.REPOSITORY)} log -f --log-dir {seen_root}/logs {machine.name}
-    {chosen.client.relative_to(place.REPOSITORY)} replay --journal-dir {seen_root}/journal {machine.name}
+    {program} log -f --log-dir {seen_root}/logs {machine.name}
+    {program} replay --journal-dir {seen_root}/journal {machine.name}
 
   With a telnet client, through a console's own port:
 

@@ -138,7 +138,8 @@ def assert_found_and_seen_again(guest) -> None:
     assert raw_history() == guest.printed
     found = history("--grep", "Kernel panic", "--context", "60")
     assert found.returncode == zevctl.OK
-    for part in (PANIC, r"RIP: 0033:0x[0-9a-f]+", r"RSP: 002b:[0-9a-f]+", r"R13: [0-9a-f]{16} R14:"):
+    registers = (r"RIP: 0033:0x[0-9a-f]+", r"RSP: 002b:[0-9a-f]+", r"R13: [0-9a-f]{16} R14:")
+    for part in (PANIC, *registers):
         assert re.search(part, found.stdout), (part, found.stdout)
     lines = [line for line in guest.printed.decode().replace("\r", "").split("\n") if line]
     assert "Linux version" in lines[0] and len(lines) > 200
