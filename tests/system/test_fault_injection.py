@@ -175,7 +175,8 @@ NO_MODELS = work("LoadModels: fopen( */models, ...) failed : {e}",
 NO_INTERVAL = (end("GetZevdArchIntFromConfFile: fopen( \"*/qor.conf\", ...) failed : {e}")
                + end("GetZevdArchIntFromConfFile: write( \"*/qor.conf\", ...) failed : {e}")
                + end("GetZevdArchIntFromConfFile: chown( */qor.conf, ...) failed : {e}")
-               + end("GetZevdArchIntFromConfFile: chmod( */qor.conf, ...) failed : {e}"))
+               + end("GetZevdArchIntFromConfFile: chmod( */qor.conf, ...) failed : {e}")
+               + work("Journal: fopen( \"*/qor.conf\", ...) failed : {e}"))
 
 
 def lock(call: str) -> tuple[Says, ...]:

@@ -1,10 +1,12 @@
 """The far end of one of the daemon's connections: a console that it called, or a user."""
 
+import math
 import os
 import select
 import socket
 import struct
 import threading
+import time
 from typing import Self
 
 from harness.closing import Closing
@@ -18,10 +20,15 @@ OFFERS = b"\xff\xfb\x01\xff\xfb\x03"
 
 
 class Flood:
-    """A block of data sent over and over by a thread of its own."""
+    """A block of data sent over and over by a thread of its own.
 
-    def __init__(self, sock: socket.socket, block: bytes, times: int) -> None:
+    `rate`: bytes a second at most.
+    """
+
+    def __init__(self, sock: socket.socket, block: bytes, times: int,
+                 rate: float = math.inf) -> None:
         self.sent = 0
+        self._pause = len(block) / rate
         self._stopped = False
         self._socket = sock
         self._block = block
@@ -35,6 +42,8 @@ class Flood:
                 if self._stopped:
                     return
                 self._send_block()
+                if self._pause:
+                    time.sleep(self._pause)
         except OSError:
             return  # the connection has gone
 
@@ -150,9 +159,10 @@ class Peer(Closing):
         """Send all of it; fails when the other end takes nothing for too long."""
         self.socket.sendall(data)
 
-    def flood(self, block: bytes, times: int) -> Flood:
-        """Send the block `times` times in the background, at whatever pace it is taken."""
-        self._floods.append(Flood(self.socket, block, times))
+    def flood(self, block: bytes, times: int, rate: float = math.inf) -> Flood:
+        """Send the block `times` times in the background, at whatever pace it is taken, but at
+        `rate` bytes a second at most."""
+        self._floods.append(Flood(self.socket, block, times, rate))
         return self._floods[-1]
 
     def stop_reading(self) -> None:
