@@ -6,9 +6,10 @@ were, and they must be exactly the ones that are missing there. The excuses of t
 here: a log that is full or cannot be opened costs the journal nothing.
 """
 
+import time
 from dataclasses import dataclass
 
-from stream import CHUNK, Stream
+from stream import CHUNK, LINE, Stream
 from windows import clock
 
 NOT_LOGGED = "not logged, as the journal says"
@@ -22,6 +23,8 @@ class JournalBook(Stream):
     def __post_init__(self) -> None:
         super().__post_init__()
         self._told = 0  # bytes that the journal says it has not, and that have not been met yet
+        self._is_behind_gap = False
+        self._waiting = b""  # kept behind a gap, until its place is known
 
     def sent(self, raw: bytes, when: float) -> None:
         """The daemon has been sent these bytes."""
@@ -32,10 +35,32 @@ class JournalBook(Stream):
 
     def not_logged(self, count: int) -> None:
         """So many bytes were not kept here, as a record says."""
+        self._take_waiting()
         self._told += count
 
+    def gap(self) -> None:
+        """Records are missing here, perhaps some of this console."""
+        self._take_waiting()
+        self._is_behind_gap = True
+
     def output(self, stamp: float, content: bytes) -> None:
-        """The next record of the console's output."""
+        """The next record of the console's output.
+
+        Behind a gap, a piece of a line may be found in more than one place; what has the number of
+        a line in it may not.
+        """
+        self._waiting += content
+        if self._is_behind_gap and LINE.search(self._waiting) is None:
+            return
+        self._take_waiting(stamp)
+
+    def _take_waiting(self, stamp: float | None = None) -> None:
+        content, self._waiting = self._waiting, b""
+        self._is_behind_gap = False
+        if content:
+            self._put(time.time() if stamp is None else stamp, content)
+
+    def _put(self, stamp: float, content: bytes) -> None:
         if not self._told or self._starts_at(self._told, content):
             self._leave_out(self._told)
             self.take(stamp, content)
@@ -93,6 +118,7 @@ class JournalBook(Stream):
 
     def settle(self) -> None:
         """Nothing more will come."""
+        self._take_waiting()
         if self._told:
             self._leave_out(len(self._stream))
         super().settle()

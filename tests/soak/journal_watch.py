@@ -11,18 +11,21 @@ from journal_records import (ATTACHED, BEGIN, BYTES, END, GAP, NOT_LOGGED, OUTPU
 from stream import Counts
 from windows import StationWindows, clock
 
+from harness.waiting import stretched
+
 _NAME = re.compile(r"c(\d+)(?:r\d+)?")
 _SECOND = 10**9
+_NOTED_WITHIN = stretched(1.0)  # the time of a send is taken when it has been made
 
 
 class JournalWatch:
     """Hands the records of the journal to the books of their consoles."""
 
     def __init__(self, directory: Path, windows: StationWindows,
-                 book: Callable[[int], JournalBook], fail: Callable[[str], None]) -> None:
+                 books: Callable[[], list[JournalBook]], fail: Callable[[str], None]) -> None:
         self._directory = directory
         self._windows = windows
-        self._book = book
+        self._books = books  # of all consoles, in the order of their numbers
         self._fail = fail
         self._reader = JournalReader(directory, self._take, fail)
         self._pauses = 0
@@ -45,7 +48,7 @@ class JournalWatch:
             self._attached += 1
 
     def _book_of(self, record: Record) -> JournalBook:
-        return self._book(int(_NAME.fullmatch(record.console)[1]))
+        return self._books()[int(_NAME.fullmatch(record.console)[1])]
 
     def _take_gap(self, record: Record) -> None:
         """Records are lost for a reason only: the disk was full."""
@@ -54,7 +57,9 @@ class JournalWatch:
         if not self._windows.journal_is_full.touch(begin, end):
             self._fail(f"the journal has a gap from {clock(begin)} to {clock(end)}; "
                        f"it was full: {self._windows.journal_is_full}")
-        self._windows.journal.open("gap, as the journal says", begin).close(end)
+        self._windows.journal.open("gap, as the journal says", begin).close(end + _NOTED_WITHIN)
+        for book in self._books():
+            book.gap()
 
     def settle(self) -> None:
         """Nothing more will be written of the consoles."""

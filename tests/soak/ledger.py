@@ -17,14 +17,13 @@ from dataclasses import dataclass, field
 from typing import Iterator
 
 from journal_book import JournalBook
-from stream import Stream, common_prefix
+from stream import LINE, Stream, common_prefix
 from windows import Window, Windows, clock
 
 RECORD = 1024  # the longest record
 _REMEMBERED = 200  # records and visits
 
 _TAIL = 16384  # more than the replay of a new user and what is on its way to the daemon
-_NUMBER = re.compile(rb"@\d+\.\d+ ")  # how each line begins, and nothing else
 _MARK = re.compile(rb"\r\n\[zevd: (\d+) bytes were not shown\]\r\n")
 HELD_BACK = 64  # received, and perhaps the beginning of a mark
 
@@ -81,7 +80,7 @@ class View:
 
     def _align(self) -> bool:
         """Find the place of what was received first, by the number of a line."""
-        for number in _NUMBER.finditer(self._waiting):
+        for number in LINE.finditer(self._waiting):
             found = self._printed.find(number[0])
             if found >= 0:
                 self._place = max(0, found - number.start())

@@ -77,12 +77,14 @@ class Soak:
         self._journal_counts = Counts()
         self._windows = StationWindows()
         self._begin = time.time()
+        self._books: list[JournalBook] = []
         self._consoles = [self._console(number) for number in range(count)]
         self._reader = LogReader(
             station.logs,
             lambda number, when, text: self._consoles[number].ledger.record(when, text),
             lambda number, when, text: self._consoles[number].ledger.consolidated(when, text))
-        self._journal = JournalWatch(journal_of(station), self._windows, self._book, self.fail)
+        self._journal = JournalWatch(journal_of(station), self._windows, lambda: self._books,
+                                     self.fail)
         self._reading = asyncio.Lock()
         self._steps_file = open(station.output.path.with_name("steps"), "w", encoding="ascii")
         self._steps_done: dict[str, int] = {}
@@ -91,12 +93,11 @@ class Soak:
     def _console(self, number: int) -> Console:
         name, dirty = f"c{number}", number % 10 == 7
         book = JournalBook(name, self._journal_counts, self._windows.journal, self.fail, dirty)
+        self._books.append(book)
         ledger = Ledger(name, self._counts, self._windows.output, self.fail, dirty,
                         common_cuts=self._windows.cuts, journal=book)
         return Console(number, ledger, self._seed, self.fail)
 
-    def _book(self, number: int) -> JournalBook:
-        return self._consoles[number].ledger.journal
 
     def fail(self, what: str) -> None:
         """Something is wrong; the run goes on, unless the daemon has ended."""

@@ -6,6 +6,7 @@ what was still on its way when a console reset its connection, and, without a us
 begins with a high byte.
 """
 
+import re
 from collections import Counter, deque
 from dataclasses import dataclass, field
 from typing import Callable, Iterator
@@ -13,6 +14,7 @@ from typing import Callable, Iterator
 from windows import Windows, clock
 
 CHUNK = 1024  # how much the daemon reads at once
+LINE = re.compile(rb"@\d+\.\d+ ")  # how each line begins, and nothing else
 DROPPED_CHUNK = "chunks with a high byte in front"
 LOST = "LOST"
 _HISTORY = 65536

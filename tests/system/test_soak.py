@@ -345,6 +345,15 @@ def test_a_gap_of_the_journal_excuses_its_time_alone():
     assert wrong(books.hold(*LINES[:3], *LINES[5:]), "lost before")
 
 
+def test_a_piece_of_a_line_behind_a_gap_is_found_where_it_belongs():
+    books = JournalBooks(lines=[*LINES[:4], LINES[4][:8], LINES[4][8:], b"@7.5 more\n"])
+    books.gaps.open("gap", Books.at(1) - 1).close(Books.at(4) + 1)
+    books.book.output(Books.at(0), LINES[0])
+    books.book.gap()
+    assert LINES[4][8:] in LINES[1]
+    assert books.hold(LINES[4][8:], b"@7.5 more\n") == []
+
+
 def test_a_chunk_that_nobody_watched_may_be_missing_whole():
     lines = [b"@7.0 before\n", b"\xff\xfb\x01@7.1 dropped\n", b"@7.2 behind\n"]
     assert JournalBooks(dirty=True, lines=lines).hold(lines[0], lines[2]) == []
