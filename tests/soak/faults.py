@@ -318,8 +318,9 @@ class World:
             window = self._journal_is_full.open(FULL_JOURNAL, time.time())
             journal = journal_of(self._station)
             _resize(journal, _used(journal) + _LEFT)
-            for console in random.Random(seed).sample(self._consoles, k=_FLOODING):
-                console.flood(_JOURNAL_QUEUE // _FLOODING * 2)
+            flooding = min(_FLOODING, len(self._consoles))
+            for console in random.Random(seed).sample(self._consoles, k=flooding):
+                console.flood(_JOURNAL_QUEUE // flooding * 2)
             await asyncio.sleep(duration)
             _resize(journal, JOURNAL_ROOM)
             await asyncio.sleep(_SETTLED)

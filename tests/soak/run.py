@@ -1,9 +1,9 @@
 """Runs the daemon for an hour among consoles that print, users who come and go, and faults.
 
-At the end every line that a console printed must be in its logs, once and in order, or accounted
-for; the daemon must have lived all the time, must use as much memory and as many descriptors as
-before, and no console may have stayed away. The seed, which is printed first, decides what happens
-when.
+At the end every line that a console printed must be in its logs, once and in order, and every byte
+in the journal, or accounted for, and the journal must be whole to its last seal. The daemon must
+have lived all the time, must use as much memory and as many descriptors as before, and no console
+may have stayed away. The seed, which is printed first, decides what happens when.
 
 Usage: run.py [--seed N] [--minutes M] [--consoles N] [--build DIR]
 """
@@ -51,6 +51,7 @@ MEMORY_GROWTH = 4 << 20
 
 _WARM_UP_PART = 0.15
 _WARM_UP_AT_MOST = 300.0
+_JOURNAL_FILLS_FOR = 3.0
 _REPORTS_EVERY = 60.0
 _READS_LOGS_EVERY = 3.0
 _KEEPS_JOURNAL_EVERY = 60.0
@@ -244,7 +245,11 @@ class Soak:
             await self._world.keep_journal()
 
     async def _warm_up(self) -> None:
-        await asyncio.sleep(min(_WARM_UP_AT_MOST, _WARM_UP_PART * self._seconds))
+        length = min(_WARM_UP_AT_MOST, _WARM_UP_PART * self._seconds)
+        await asyncio.sleep(length / 2)
+        # What the daemon keeps while it cannot write has been in memory once, like all the rest.
+        await self._world.run("full_journal", 0, _JOURNAL_FILLS_FOR, self._seed)
+        await asyncio.sleep(length / 2)
         self._warm_rss = self._station.rss()
 
     async def _measure_own_lag(self) -> None:
