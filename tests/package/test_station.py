@@ -125,9 +125,11 @@ def test_the_interval_is_written_and_logs_are_rotated(station):
                            for name, value in clock.env.items() if name != "ASAN_OPTIONS")
     station.drop_in("clock", f"Environment={environment}")
     station.machine.run("sh", "-c", f"echo OTHER=kept >> {QOR_CONF}")
+    settings = station.read(QOR_CONF)
+    assert settings.startswith(b"ZEVD_ARCH_INT=7\n") and settings.endswith(b"\nOTHER=kept\n")
     station.options("-B 4096 -a 2w")
     station.restart()
-    assert station.read(QOR_CONF) == b"ZEVD_ARCH_INT=14\nOTHER=kept\n"
+    assert station.read(QOR_CONF) == settings.replace(b"_INT=7\n", b"_INT=14\n", 1)
     assert station.machine.output("stat", "--format=%U:%G %a", QOR_CONF) == "zevd:zevd 640"
     before = station.current()
     clock.shift(13 * DAY)
