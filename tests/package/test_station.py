@@ -158,6 +158,19 @@ def test_old_logs_are_compressed(station):
     assert station.current() != Path(old).name
 
 
+def test_a_segment_that_the_daemon_has_left_is_sealed(station):
+    """By the service that the timer starts, as the daemon's user."""
+    station.machine.run("sh", "-c", f"echo ZEVD_JOURNAL=64 >> {QOR_CONF}")
+    station.restart()
+    wait_until(station.machine.path(f"{ROOT}/journal/{1:020}.seg").exists, what="a journal")
+    station.restart()
+    station.machine.run("systemctl", "start", "zevkeep.service")
+    verified = station.machine.output("zevctl", "journal", "verify")
+    assert "2 segments, 1 of them sealed" in verified and "nothing is wrong" in verified
+    last = verified.rpartition("hash ")[2].strip()
+    assert last in station.machine.journal("-t", "zevkeep")
+
+
 # The service
 
 
