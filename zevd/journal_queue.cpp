@@ -1,5 +1,6 @@
 #include "journal_queue.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <new>
@@ -149,7 +150,7 @@ bool JournalQueue::Put(Kind kind, uint32_t console, std::string_view payload, co
   PutNumber(place + journal::kRecordMonotonicAt, now.monotonic);
   PutNumber(place + journal::kRecordConsoleAt, console);
   PutNumber(place + journal::kRecordKindAt, static_cast<uint8_t>(kind));
-  memcpy(place + journal::kRecordHeaderSize, payload.data(), payload.size());
+  std::copy(payload.begin(), payload.end(), place + journal::kRecordHeaderSize);
   return true;
 }
 

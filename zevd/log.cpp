@@ -66,7 +66,7 @@ void PostMatch(ConsoleNode* cnode, const char* buf, int count) {
   }
   char* pattern = nullptr;
   int priority = 0;
-  if (MatchPattern(buf, count, patterns, &pattern, &priority) == 0) return;
+  if (MatchPattern(buf, count, patterns, &pattern, &priority) == 0 || patterns == nullptr) return;
   char text[kTextSize];
   snprintf(text, sizeof text, "%.*s", count, buf);
   DEBUG_AS("WriteBuffer", kInfo, "Matched pattern \"%s\" in string \"%s\".\n", pattern, text);
