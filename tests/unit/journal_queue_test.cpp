@@ -68,7 +68,7 @@ class JournalQueueTest : public ::testing::Test {
   }
 
   // Never freed, as the daemon's own: the ring is not, either.
-  static inline std::vector<JournalQueue*> kept_;
+  static inline auto& kept_ = *new std::vector<JournalQueue*>;
   JournalQueue* queue_ = kept_.emplace_back(new JournalQueue);
 };
 

@@ -78,7 +78,7 @@ class JournalWriterTest : public ::testing::Test {
 
   test::StationRoot root_;
   DebugCapture debug_;
-  static inline std::vector<JournalQueue*> kept_;
+  static inline auto& kept_ = *new std::vector<JournalQueue*>;
   JournalQueue* queue_ = kept_.emplace_back(new JournalQueue);
 };
 
