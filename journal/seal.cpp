@@ -51,7 +51,7 @@ std::optional<Hash> ParseHash(std::string_view text) {
   for (size_t i = 0; i < text.size(); ++i) {
     const size_t digit = std::string_view(kDigits).find(text[i]);
     if (digit == std::string_view::npos) return {};
-    hash[i / 2] = static_cast<unsigned char>(hash[i / 2] << 4 | digit);
+    hash[i / 2] = static_cast<unsigned char>(size_t{hash[i / 2]} << 4 | digit);
   }
   return hash;
 }

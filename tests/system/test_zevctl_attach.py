@@ -9,6 +9,7 @@ import signal
 import subprocess
 import termios
 import threading
+import time
 from typing import Iterator
 
 import pexpect
@@ -910,6 +911,8 @@ def test_three_wrong_passwords_end_the_session(hall):
 def restart(station, console, *options: str) -> None:
     """End the daemon and start another one on the same port, with the console connected."""
     station.stop()
+    second = int(time.time())  # the client knows in which one a daemon was started, no more
+    wait_until(lambda: int(time.time()) > second, what="the next second")
     position = station.mark()
     station.start("-p", str(station.port), *options)
     console.accept()

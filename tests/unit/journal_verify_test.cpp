@@ -249,7 +249,7 @@ TEST_F(KeptJournalTest, ATornEndOfTheNewestSegmentIsLeftToTheDaemon) {
 }
 
 TEST_F(KeptJournalTest, ASegmentThatHasJustBeenBegunIsLeftAlone) {
-  for (const size_t size : {0, 1, 63}) {
+  for (const size_t size : {0U, 1U, 63U}) {
     WriteFile(file(5, Form::kRaw), NextSegment().bytes.substr(0, size));
     EXPECT_EQ(0u, Keep(kOld));
     EXPECT_FALSE(exists(file(5, Form::kIndex)));
