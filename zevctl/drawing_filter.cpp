@@ -122,7 +122,8 @@ bool BeginsString(unsigned char byte) {
 }
 
 bool IsPlain(char byte) {
-  return byte >= ' ' && byte != 0x7F;
+  const auto code = static_cast<unsigned char>(byte);
+  return code >= 0x20 && code < 0x7F;
 }
 
 size_t PlainAtFront(std::string_view text) {

@@ -1,6 +1,8 @@
 #include "past_time.h"
 
+#include <algorithm>
 #include <ctime>
+#include <limits>
 
 #include "journal_open.h"
 #include "journal_text.h"
@@ -19,6 +21,12 @@ std::optional<time_t> Moment(const std::string& option, const std::string& text,
                 option + ": \"" + Printable(text) + "\" is no time; write " + kMomentForms);
 }
 
+// As far as nanoseconds reach: some 290 years from 1970.
+int64_t WallTime(time_t second) {
+  constexpr time_t kLastSecond = std::numeric_limits<int64_t>::max() / kSecondInNanoseconds - 1;
+  return std::clamp(second, -kLastSecond, kLastSecond) * kSecondInNanoseconds;
+}
+
 }  // namespace
 
 // The end's whole second belongs to the range.
@@ -30,8 +38,8 @@ PastRange ReadRange(const std::string& since, const std::string& until) {
     throw Failure(ExitStatus::kUsage, "--since is later than --until; exchange them");
   }
   PastRange range;
-  if (begin) range.since = *begin * kSecondInNanoseconds;
-  if (end) range.until = (*end + 1) * kSecondInNanoseconds - 1;
+  if (begin) range.since = WallTime(*begin);
+  if (end) range.until = WallTime(*end) + kSecondInNanoseconds - 1;
   return range;
 }
 

@@ -31,7 +31,8 @@ constexpr std::array kHelp = {
     "+ -           twice as fast, half as fast",
     "q             quit",
     "",
-    "Seconds are those of the replay: pauses that --max-idle shortens count as shortened.",
+    "Seconds are those of the replay:",
+    "pauses that --max-idle shortens count as shortened.",
     "Any key goes back to the replay.",
 };
 
