@@ -147,6 +147,13 @@ std::vector<std::string> WordsOfActs() {
   return {words.begin(), words.end()};
 }
 
+bool OnlyAuditTells(const journal::Record& record) {
+  const journal::FieldReader fields(record.payload);
+  const std::string_view what = fields.Text(Field::kWhat);
+  return fields.Text(Field::kResult) == "refused" ||
+         std::find(std::begin(kAuditWords), std::end(kAuditWords), what) != std::end(kAuditWords);
+}
+
 void ActList::Take(const journal::Record& record, const std::string& console) {
   const KindRow* row = RowOf(record.header.kind);
   if (row == nullptr) return;

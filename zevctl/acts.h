@@ -48,6 +48,9 @@ journal::Kinds KindsOfActs();
 /// The words of Act::what that there can be, for help and completion.
 std::vector<std::string> WordsOfActs();
 
+/// Of a record of the audit: whether no other record tells of the same.
+bool OnlyAuditTells(const journal::Record& record);
+
 /// Gathers acts from records in the order of the journal. What stands there twice, by itself and in
 /// the audit, is one act; so are the beginning and the end of a pause of the record.
 class ActList {

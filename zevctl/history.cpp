@@ -48,9 +48,9 @@ constexpr journal::Kinds kShownKinds = kInterruptions | KindBit(Kind::kOutput) |
                                        KindBit(Kind::kDisabled) | KindBit(Kind::kEnabled) |
                                        KindBit(Kind::kEvent) | KindBit(Kind::kClockStep);
 
-constexpr journal::Kinds kUserKinds = KindBit(Kind::kInput) | KindBit(Kind::kAttached) |
-                                      KindBit(Kind::kLeft) | KindBit(Kind::kMode) |
-                                      KindBit(Kind::kMessage) | KindBit(Kind::kBreak);
+constexpr journal::Kinds kUserKinds =
+    KindBit(Kind::kInput) | KindBit(Kind::kAttached) | KindBit(Kind::kLeft) | KindBit(Kind::kMode) |
+    KindBit(Kind::kMessage) | KindBit(Kind::kBreak) | KindBit(Kind::kAudit);
 
 struct HistoryOptions {
   Names consoles;
@@ -167,7 +167,7 @@ void HistoryCommand::Choose() {
   const WantedLogs wanted_logs(chosen_.names, sources_.log_names);
   const bool has_logs = std::any_of(logs.begin(), logs.end(),
                                     [&](const std::string& name) { return wanted_logs.Has(name); });
-  if (!has_logs) return;
+  if (!has_logs || options_.no_output) return;  // logs have nothing else
   wanted_.open_logs = [this, wanted_logs] { return OpenLogs(sources_.directories, wanted_logs); };
 }
 
@@ -206,13 +206,15 @@ ExitStatus HistoryCommand::ShowBytes() const {
   return ExitStatus::kOk;
 }
 
-// The newest parts that have so many lines; the start of the first of them is moved.
+// The newest parts that have so many lines, at least one of them; the start of the first is moved.
 size_t HistoryCommand::FirstPart(const HistoryParts& parts, size_t count,
                                  const HistoryPrinter& printer) const {
   const auto is_wanted = [&](const HistoryLine& line) { return printer.IsWanted(line); };
   size_t first = parts.size();
-  for (size_t left = count; first > 0 && left > 0;) {
+  size_t left = count;
+  while (first > 0) {
     left -= std::min(left, parts[--first]->StartAtLast(left, options_.context, is_wanted));
+    if (left == 0) break;
   }
   return first;
 }
@@ -306,8 +308,8 @@ void AddHistoryOptions(Command& command, HistoryOptions& options) {
   AddSearchOptions(command, options, raw);
   Option users = command.AddFlag(
       "--users", options.users,
-      "Also what users did: who attached and left, modes, messages, breaks, and what was typed "
-      "where that is kept");
+      "Also what users did: who attached and left, who was refused, modes, messages, breaks, "
+      "commands, and what was typed where that is kept");
   users.Excludes(raw);
   command.AddFlag("--no-output", options.no_output, "Leave out what the consoles printed")
       .Excludes(raw);

@@ -4,6 +4,7 @@
 #include <set>
 #include <utility>
 
+#include "acts.h"
 #include "journal/journal_fields.h"
 #include "journal_text.h"
 
@@ -72,11 +73,13 @@ class JournalPart::Reading {
  private:
   // A line that was interrupted stands before what interrupted it.
   void Take(const journal::Record& record) {
+    auto console = record.console;
+    if (record.header.kind == Kind::kAudit && !(console = part_.ConsoleOfAct(record))) return;
     assembler_.Take(record);
     if (record.header.kind == Kind::kOutput) return;
     missing_ += TellsOfLoss(record.header.kind) ? 1 : 0;
     const std::string text = RecordText(record);
-    HistoryLine line = Begin(record.console, record.header.wall, record.position);
+    HistoryLine line = Begin(console, record.header.wall, record.position);
     line.text = text;
     line.kind = journal::KindWord(record.header.kind);
     line.record = &record;
@@ -154,6 +157,18 @@ void JournalPart::ReadOn(const HistoryHandler& handle) {
   }
   reading_->Run();
   missing_ = reading_->missing();
+}
+
+// The audit is the station's: its records name their console. Nothing when it is none of the wanted
+// ones, and when another record tells of the same.
+std::optional<size_t> JournalPart::ConsoleOfAct(const journal::Record& record) const {
+  if (!OnlyAuditTells(record)) return {};
+  const std::string_view name = journal::FieldReader(record.payload).Text(journal::Field::kConsole);
+  const auto& wanted = stretch_.consoles;
+  for (const size_t id : journal_.Find(name)) {
+    if (std::find(wanted.begin(), wanted.end(), id) != wanted.end()) return id;
+  }
+  return {};
 }
 
 int64_t JournalPart::BeginOf(uint64_t segment) const {

@@ -55,6 +55,7 @@ class JournalPart : public HistoryPart {
   journal::Query QueryFor(const std::optional<journal::Position>& from) const;
   std::optional<journal::Position> Back(const journal::Position& from, size_t records) const;
   journal::Position LinesBefore(size_t console, const journal::Position& place, size_t count) const;
+  std::optional<size_t> ConsoleOfAct(const journal::Record& record) const;
   std::string HeadOf(const journal::Record& record);
   std::string HeadBeforeJournal(size_t console);
   int64_t BeginOf(uint64_t segment) const;

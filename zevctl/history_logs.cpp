@@ -68,7 +68,7 @@ void Seam::Collect(const journal::Journal& journal, const std::vector<size_t>& c
   LineAssembler assembler([&](const PrintedLine& line) {
     if (at_end) first_.try_emplace(line.console, line.text);
     for (std::string_view rest = line.text;;) {
-      lines_[line.console].emplace(rest.substr(0, kLogPieceSize));
+      ++lines_[line.console].counts[std::string(rest.substr(0, kLogPieceSize))].all;
       if (rest.size() <= kLogPieceSize) break;
       rest.remove_prefix(kLogPieceSize);
     }
@@ -91,16 +91,30 @@ std::optional<size_t> Seam::ConsoleOf(const std::string& log) const {
 bool Seam::Takes(size_t console, const std::string& text) {
   const auto lines = lines_.find(console);
   if (lines == lines_.end()) return false;
-  const auto found = lines->second.find(text);
-  if (found == lines->second.end()) return false;
-  lines->second.erase(found);
-  taken_[console].insert(text);
+  const auto found = lines->second.counts.find(text);
+  if (found == lines->second.counts.end() || found->second.taken == found->second.all) return false;
+  ++found->second.taken;
+  lines->second.has_taken = true;
   return true;
 }
 
+bool Seam::HasTaken(size_t console) const {
+  const auto lines = lines_.find(console);
+  return lines != lines_.end() && lines->second.has_taken;
+}
+
 bool Seam::HasTaken(size_t console, const std::string& text) const {
-  const auto texts = taken_.find(console);
-  return texts != taken_.end() && texts->second.contains(text);
+  const auto lines = lines_.find(console);
+  if (lines == lines_.end()) return false;
+  const auto found = lines->second.counts.find(text);
+  return found != lines->second.counts.end() && found->second.taken > 0;
+}
+
+void Seam::Refill() {
+  for (auto& [console, lines] : lines_) {
+    for (auto& [text, count] : lines.counts) count.taken = 0;
+    lines.has_taken = false;
+  }
 }
 
 std::string Seam::HeadOf(size_t console, const std::string& text) const {
@@ -115,7 +129,7 @@ std::string Seam::HeadOf(size_t console, const std::string& text) const {
 /// One pass over the logs.
 class LogPart::Reading {
  public:
-  Reading(const LogPart& part, std::optional<Seam> seam) : part_(part), seam_(std::move(seam)) {}
+  Reading(const LogPart& part, Seam* seam) : part_(part), seam_(seam) {}
 
   void Run(const HistoryHandler& handle) {
     LogReaders readers = part_.open_();
@@ -163,7 +177,7 @@ class LogPart::Reading {
     const Hole& hole = part_.hole_;
     const bool at_begin = hole.begin && time <= SecondOf(*hole.begin) + kLag;
     const bool at_end = hole.end && time >= SecondOf(*hole.end);
-    if (!seam_ || !(at_begin || at_end)) return false;
+    if (seam_ == nullptr || !(at_begin || at_end)) return false;
     const auto console = seam_->ConsoleOf(log.name());
     if (!console) return false;
     if (seam_->Takes(*console, text)) return true;
@@ -186,7 +200,7 @@ class LogPart::Reading {
   }
 
   const LogPart& part_;
-  std::optional<Seam> seam_;
+  Seam* seam_;  // none without a journal
   LineHeads heads_;
   std::map<const LogReader*, bool> after_cr_;
 };
@@ -202,10 +216,15 @@ LogPart::LogPart(std::function<LogReaders()> open, const Hole& hole, const Span&
   if (hole.end) to_ = Earlier(to_, std::optional(SecondOf(*hole.end) + kLag));
 }
 
-// A reading uses up what the journal has, so each needs its own.
-std::optional<Seam> LogPart::FreshSeam() {
-  if (!seam_ && make_seam_) seam_ = make_seam_();
-  return seam_;
+// A reading uses up what the journal has.
+Seam* LogPart::FreshSeam() {
+  if (!make_seam_) return nullptr;
+  if (seam_) {
+    seam_->Refill();
+  } else {
+    seam_ = make_seam_();
+  }
+  return &*seam_;
 }
 
 void LogPart::Read(const HistoryHandler& handle) {
@@ -221,6 +240,15 @@ LineHeads LogPart::Heads() {
   return reading.TakeHeads();
 }
 
+// Whether nothing is older. A log's first stamp need not be its oldest, but nearly is.
+bool LogPart::IsAll(time_t since) const {
+  if (from_ && since <= *from_) return true;
+  const LogReaders readers = open_();
+  return std::none_of(readers.begin(), readers.end(), [&](const auto& reader) {
+    return reader->TimeHere().value_or(kEndOfTime) < since + kClockSlack;
+  });
+}
+
 // Further and further back. Where the context of matches is wanted, everything is read: nobody
 // knows how long before it was printed.
 size_t LogPart::StartAtLast(size_t count, size_t context, const HistoryTest& is_wanted) {
@@ -229,13 +257,13 @@ size_t LogPart::StartAtLast(size_t count, size_t context, const HistoryTest& is_
   size_t found = 0;
   const HistoryHandler handle = [&](const HistoryLine& line) { found += is_wanted(line) ? 1 : 0; };
   for (const time_t span : kSpans) {
-    if (context > 0) break;
-    from_ = Later(first, std::optional(end - span));
+    if (context > 0 || IsAll(end - span)) break;
+    from_ = end - span;
     found = 0;
     Read(handle);
     if (found >= count) return found;
+    from_ = first;
   }
-  from_ = first;
   found = 0;
   Read(handle);
   return found;

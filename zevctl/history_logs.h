@@ -7,8 +7,8 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "history_journal.h"
@@ -43,8 +43,11 @@ class Seam {
   bool Takes(size_t console, const std::string& text);
 
   /// Whether any line of the console, or one with this text, has been used up.
-  bool HasTaken(size_t console) const { return taken_.contains(console); }
+  bool HasTaken(size_t console) const;
   bool HasTaken(size_t console, const std::string& text) const;
+
+  /// Nothing has been used up any more.
+  void Refill();
 
   /// What the journal lacks of a line whose end it has: it began in the middle of that line. Empty
   /// when it is not such a line.
@@ -54,9 +57,18 @@ class Seam {
   void Collect(const journal::Journal& journal, const std::vector<size_t>& consoles, int64_t since,
                int64_t until, bool at_end);
 
+  // How often a text is there, and how many of those have been used up.
+  struct Count {
+    size_t all = 0;
+    size_t taken = 0;
+  };
+  struct Lines {
+    std::unordered_map<std::string, Count> counts;
+    bool has_taken = false;
+  };
+
   std::map<std::string, size_t, std::less<>> names_;  // in the form in which they are compared
-  std::map<size_t, std::multiset<std::string>> lines_;
-  std::map<size_t, std::set<std::string>> taken_;
+  std::map<size_t, Lines> lines_;
   std::map<size_t, std::string> first_;  // of each console behind the hole
 };
 
@@ -82,7 +94,8 @@ class LogPart : public HistoryPart {
  private:
   class Reading;
 
-  std::optional<Seam> FreshSeam();
+  Seam* FreshSeam();
+  bool IsAll(time_t since) const;
 
   std::function<LogReaders()> open_;
   Hole hole_;

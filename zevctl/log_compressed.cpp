@@ -9,6 +9,7 @@
 #include <cstring>
 #include <iterator>
 #include <list>
+#include <set>
 #include <utility>
 
 #include "exit_status.h"
@@ -240,8 +241,12 @@ void CompressedLog::TellOfDamage(off_t place) {
        "it");
 }
 
+// Once for each file, however often it is read.
 void CompressedLog::Tell(const std::string& what) {
-  if (!std::exchange(told_, true)) Warn("the compressed log of " + name_ + " " + what);
+  static std::set<std::pair<dev_t, ino_t>> told;
+  struct stat info {};
+  if (fstat(fd_, &info) != 0 || !told.emplace(info.st_dev, info.st_ino).second) return;
+  Warn("the compressed log of " + name_ + " " + what);
 }
 
 }  // namespace zevctl

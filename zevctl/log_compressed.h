@@ -61,7 +61,6 @@ class CompressedLog {
   int fd_;
   std::string name_;
   std::vector<Frame> frames_;
-  bool told_ = false;
 };
 
 }  // namespace zevctl

@@ -93,6 +93,20 @@ def test_who_did_what_is_shown_where_it_is_asked_for(night):
         "* ann changed the mode from shared to exclusive", "* ann@10.0.0.5 left"]
 
 
+def test_what_only_the_audit_tells_is_among_what_users_did(night):
+    ann = {Field.USER: "ann", Field.FROM: "10.0.0.5"}
+    for what, console, result in (("clear", "web", "done"), ("force", "db1", "done"),
+                                  ("attach", "web", "accepted"), ("disable", "web", "done"),
+                                  ("login", "web", "refused"), ("login", "", "accepted")):
+        night.record(Kind.AUDIT, 0, {Field.WHAT: what, Field.CONSOLE: console,
+                                     Field.RESULT: result, **ann})
+    assert texts("web", "--users", "--no-output", "--since", "2026-11-22 03:12:06") == [
+        "* the connection was lost: Connection reset by peer",
+        "* ann@10.0.0.5: clear web, done", "* ann@10.0.0.5: login web, refused"]
+    assert texts("web", "db1", "--users", "--no-output", "--grep", "force") == [
+        "db1 * ann@10.0.0.5: force db1, done"]
+
+
 def test_nobody_takes_silence_for_calm(journal):
     web = journal.console("web")
     begin = nanoseconds("2026-11-22 03:10:00")
@@ -320,6 +334,16 @@ def test_without_a_journal_the_logs_are_shown(station):
         {"time": "2026-11-22T03:00:01.000000000Z", "console": "web", "kind": "output",
          "text": "\x1b", "complete": True, "source": "log", "position": None}]
     assert texts("web", "--since", "2026-11-22", "--grep", "one") == ["| one"]
+
+
+def test_what_logs_cannot_have_is_not_looked_for_there(station, journal):
+    journal.record(Kind.CONNECTED, journal.console("web"), {})
+    directory = station.root / "logs/zev.dated/221126_000000"
+    directory.mkdir(parents=True)
+    (directory / "web.log.zst").write_bytes(b"this is no archive")
+    said = ("the compressed log of web is damaged at byte 0 of the file, and what can be read is "
+            "shown; restore the file from a copy to have all of it")
+    assert texts("web", said=said) == texts("web", "--no-output") == ["* connected"]
 
 
 def test_the_logs_go_before_the_journal_without_a_line_twice_or_lost(station, journal):
