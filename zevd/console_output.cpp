@@ -9,6 +9,7 @@
 #include "journal_records.h"
 #include "log.h"
 #include "log_batch.h"
+#include "waker.h"
 
 namespace zevd {
 
@@ -70,8 +71,11 @@ void DispatchConsoleOutput(ConsoleNode* cnode, char* buf, int count) {
   }
   batch.Flush();
   if (shown == 0) return;
-  JournalOutput(cnode, buf, static_cast<size_t>(shown));
+  // The record comes first, as what users have seen is kept when the daemon ends; waking who writes
+  // it comes last, as an echo does not wait for a disk.
+  const bool is_writer_due = JournalOutput(cnode, buf, static_cast<size_t>(shown));
   SendConsoleOutputToUsers(cnode, buf, shown);
+  if (is_writer_due) journal_waker.Wake();
 }
 
 }  // namespace zevd

@@ -83,17 +83,17 @@ void JournalQueue::Clear() {
 }
 
 void JournalQueue::Push(Kind kind, uint32_t console, std::string_view payload) {
-  if (!IsOn()) return;
-  bool must_wake = false;
-  {
-    const TermSignalDelay delay;
-    const MutexLock lock(mutex_);
-    if (!on_) return;
-    const size_t before = used_;
-    Add(kind, console, payload);
-    must_wake = (before == 0 && used_ != 0) || (before < kBatch && used_ >= kBatch);
-  }
-  if (must_wake) journal_waker.Wake();
+  if (PushQuietly(kind, console, payload)) journal_waker.Wake();
+}
+
+bool JournalQueue::PushQuietly(Kind kind, uint32_t console, std::string_view payload) {
+  if (!IsOn()) return false;
+  const TermSignalDelay delay;
+  const MutexLock lock(mutex_);
+  if (!on_) return false;
+  const size_t before = used_;
+  Add(kind, console, payload);
+  return (before == 0 && used_ != 0) || (before < kBatch && used_ >= kBatch);
 }
 
 void JournalQueue::SetReason(const char* reason) {

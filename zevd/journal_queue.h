@@ -52,6 +52,11 @@ class JournalQueue {
   /// with any lock held: the mutex is a leaf.
   void Push(journal::Kind kind, uint32_t console, std::string_view payload) EXCLUDES(mutex_);
 
+  /// The same without a system call. True when the journal's thread is to be woken: whoever calls
+  /// it does so soon.
+  [[nodiscard]] bool PushQuietly(journal::Kind kind, uint32_t console, std::string_view payload)
+      EXCLUDES(mutex_);
+
   /// Why records will be lost if any are, for the records of gaps; a text of static lifetime.
   void SetReason(const char* reason) EXCLUDES(mutex_);
 

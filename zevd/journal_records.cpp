@@ -146,14 +146,14 @@ void JournalGone(ConsoleNode* cnode) {
       .Push(Kind::kConsoleGone, cnode->journal.number);
 }
 
-void JournalOutput(ConsoleNode* cnode, const char* bytes, size_t count) {
-  if (!IsOn()) return;
+bool JournalOutput(ConsoleNode* cnode, const char* bytes, size_t count) {
+  if (!IsOn()) return false;
   JournalPause(cnode);
-  if (cnode->journal.pause_reason != nullptr) {
-    cnode->journal.bytes_left_out += count;
-  } else {
-    journal_queue.Push(Kind::kOutput, cnode->journal.number, {bytes, count});
+  if (cnode->journal.pause_reason == nullptr) {
+    return journal_queue.PushQuietly(Kind::kOutput, cnode->journal.number, {bytes, count});
   }
+  cnode->journal.bytes_left_out += count;
+  return false;
 }
 
 void JournalPause(ConsoleNode* cnode) {

@@ -33,8 +33,9 @@ void JournalPausesOf(const ConsoleList& list);
 /// The console has been deleted.
 void JournalGone(ConsoleNode* cnode);
 
-/// Output as users get it, unless the record is paused.
-void JournalOutput(ConsoleNode* cnode, const char* bytes, size_t count) REQUIRES(acl_lock);
+/// Output as users get it, unless the record is paused. As JournalQueue::PushQuietly().
+[[nodiscard]] bool JournalOutput(ConsoleNode* cnode, const char* bytes, size_t count)
+    REQUIRES(acl_lock);
 
 /// Looks whether the console's output is kept, and tells when that has changed: its first user or
 /// its logging flag may be others.

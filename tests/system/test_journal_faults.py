@@ -238,10 +238,12 @@ def test_a_segment_ends_when_it_is_full(station):
     station.start("-d", "0")
     console.accept()
     block = numbered((1 << 20) // 40)
-    flood = console.flood(block, 70)
-    flood.join(6 * LIMIT)
-    files = wait_until(lambda: segment_files(journals.directory(station))[1:], 3 * LIMIT,
-                       "a second segment")
+
+    def print_more() -> list:
+        console.flood(block, 4).join(LIMIT)
+        return segment_files(journals.directory(station))[1:]
+
+    files = wait_until(print_more, 3 * LIMIT, "a second segment")
     first = segment_files(journals.directory(station))[0]
     assert (64 << 20) - (600 << 10) < first.stat().st_size <= 64 << 20
     data = files[0].read_bytes()[:4096]
