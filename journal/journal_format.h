@@ -144,6 +144,15 @@ enum class Field : uint8_t {
   kPreviousMode = 23,
 };
 
+// Of the index of a sealed segment (segment_index.h), what the daemon reads: how it begins, and
+// where its numbers stand.
+inline constexpr char kIndexMagic[] = "ZEVJIDX\n";  // without the NUL
+inline constexpr uint16_t kIndexVersion = 1;
+inline constexpr size_t kIndexVersionAt = 8;      // uint16_t
+inline constexpr size_t kIndexStationAt = 24;     // uint64_t
+inline constexpr size_t kIndexSegmentAt = 32;     // uint64_t
+inline constexpr size_t kIndexNextRecordAt = 89;  // uint64_t
+
 inline constexpr size_t kFieldHeaderSize = 3;
 inline constexpr size_t kMostFieldValue = 0xFFFF;
 

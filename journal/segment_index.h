@@ -14,8 +14,6 @@
 
 namespace journal {
 
-inline constexpr uint16_t kIndexVersion = 1;
-
 /// A block is closed by the record with which it has this many bytes.
 inline constexpr size_t kBlockSize = 256 << 10;
 inline constexpr size_t kMostBlockSize = kBlockSize + kRecordHeaderSize + kMostPayload;

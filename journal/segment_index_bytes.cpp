@@ -9,14 +9,11 @@ namespace journal {
 
 namespace {
 
-constexpr char kIndexMagic[] = "ZEVJIDX\n";  // without the NUL
-
-// Offsets in front of the contents. The checksum is of all behind it.
-constexpr size_t kVersionAt = 8;    // uint16_t
+// Further offsets in front of the contents. The checksum is of all behind it.
 constexpr size_t kReservedAt = 10;  // uint16_t: 0
 constexpr size_t kChecksumAt = 12;  // uint32_t
 constexpr size_t kLengthAt = 16;    // uint64_t: of the whole index
-constexpr size_t kContentsAt = 24;
+constexpr size_t kContentsAt = kIndexStationAt;
 constexpr size_t kBehindChecksum = kChecksumAt + sizeof(uint32_t);
 
 // The fewest bytes that each takes: no list is longer than its bytes allow.
@@ -113,6 +110,7 @@ class Reader {
   bool has_failed_ = false;
 };
 
+// Where the daemon looks, journal_format.h tells.
 void AddHeader(Writer& to, const SegmentIndex& index) {
   to.Add(index.header.station);
   to.Add(index.header.segment);
@@ -253,7 +251,7 @@ std::string EncodeIndex(const SegmentIndex& index) {
     to.Add(damage.length);
   }
   std::string& bytes = to.bytes();
-  PutNumber(&bytes[kVersionAt], kIndexVersion);
+  PutNumber(&bytes[kIndexVersionAt], kIndexVersion);
   PutNumber(&bytes[kReservedAt], uint16_t{0});
   PutNumber(&bytes[kLengthAt], uint64_t{bytes.size()});
   PutNumber(&bytes[kChecksumAt],
@@ -265,7 +263,7 @@ IndexFault DecodeIndex(std::string_view bytes, SegmentIndex* index, size_t* leng
   if (bytes.size() < kContentsAt) return IndexFault::kShort;
   const char* data = bytes.data();
   if (memcmp(data, kIndexMagic, kMagicSize) != 0) return IndexFault::kForeign;
-  if (GetNumber<uint16_t>(data + kVersionAt) != kIndexVersion) return IndexFault::kVersion;
+  if (GetNumber<uint16_t>(data + kIndexVersionAt) != kIndexVersion) return IndexFault::kVersion;
   const auto size = GetNumber<uint64_t>(data + kLengthAt);
   if (size > bytes.size()) return IndexFault::kShort;
   if (size < kContentsAt || GetNumber<uint16_t>(data + kReservedAt) != 0 ||

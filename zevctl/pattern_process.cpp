@@ -19,24 +19,11 @@ namespace zevctl {
 
 namespace {
 
+using zevd::kMatcherComplaints;
 using zevd::MatcherKind;
 using zevd::MatcherMessage;
 
 constexpr int kMostFailures = 3;
-
-struct Complaint {
-  MatcherKind kind;
-  const char* text;
-};
-
-// In the daemon's words.
-constexpr Complaint kComplaints[] = {
-    {MatcherKind::kCompileTooLong, "takes too long to compile"},
-    {MatcherKind::kCompileCrashed, "cannot be compiled"},
-    {MatcherKind::kMatchTooLong, "took too long on a line"},
-    {MatcherKind::kMatchCrashed, "could not be matched with a line"},
-    {MatcherKind::kMatchOutOfMemory, "needs too much memory for a line"},
-};
 
 // The number of a set on the wire; 0 is none.
 uint32_t WireNumber(size_t set) {
@@ -141,9 +128,9 @@ void PatternProcess::NoteLeftOut(const Answer& answer) {
     return;
   }
   const auto* complaint =
-      std::find_if(std::begin(kComplaints), std::end(kComplaints),
-                   [&](const Complaint& candidate) { return candidate.kind == header.kind; });
-  if (complaint != std::end(kComplaints)) state.reason = complaint->text;
+      std::find_if(std::begin(kMatcherComplaints), std::end(kMatcherComplaints),
+                   [&](const auto& candidate) { return candidate.kind == header.kind; });
+  if (complaint != std::end(kMatcherComplaints)) state.reason = complaint->text;
 }
 
 // When the process ends, the line that it was at is given up, as the daemon gives it up.

@@ -17,14 +17,7 @@ namespace {
 
 constexpr size_t kMostRecord = journal::kRecordHeaderSize + journal::kMostPayload;
 
-// The beginning of an index (docs/journal.md): mark, version, and where its numbers stand.
-constexpr char kIndexMark[] = "ZEVJIDX\n";
-constexpr uint16_t kIndexVersion = 1;
-constexpr size_t kIndexVersionAt = 8;
-constexpr size_t kIndexStationAt = 24;
-constexpr size_t kIndexSegmentAt = 32;
-constexpr size_t kIndexNextRecordAt = 89;
-constexpr size_t kIndexStart = kIndexNextRecordAt + sizeof(uint64_t);
+constexpr size_t kIndexStart = journal::kIndexNextRecordAt + sizeof(uint64_t);
 
 /// A window on a file that is read from front to back.
 class FileWindow {
@@ -104,13 +97,13 @@ std::optional<SegmentScan> ScanSegment(int fd) {
 std::optional<uint64_t> NextRecordOfIndex(int fd, uint64_t station, uint64_t segment) {
   char start[kIndexStart];
   if (pread(fd, start, sizeof start, 0) != sizeof start) return {};
-  if (memcmp(start, kIndexMark, strlen(kIndexMark)) != 0 ||
-      journal::GetNumber<uint16_t>(start + kIndexVersionAt) != kIndexVersion ||
-      journal::GetNumber<uint64_t>(start + kIndexStationAt) != station ||
-      journal::GetNumber<uint64_t>(start + kIndexSegmentAt) != segment) {
+  if (memcmp(start, journal::kIndexMagic, strlen(journal::kIndexMagic)) != 0 ||
+      journal::GetNumber<uint16_t>(start + journal::kIndexVersionAt) != journal::kIndexVersion ||
+      journal::GetNumber<uint64_t>(start + journal::kIndexStationAt) != station ||
+      journal::GetNumber<uint64_t>(start + journal::kIndexSegmentAt) != segment) {
     return {};
   }
-  return journal::GetNumber<uint64_t>(start + kIndexNextRecordAt);
+  return journal::GetNumber<uint64_t>(start + journal::kIndexNextRecordAt);
 }
 
 }  // namespace zevd

@@ -52,20 +52,6 @@ constexpr int64_t kSecond = 1'000'000;
 constexpr int64_t kLongestDelay = 64 * kSecond;
 constexpr int64_t kLostPause = 5 * kSecond;  // between two reports of lost lines
 
-/// What is reported of a pattern that was too much for the matcher.
-struct Complaint {
-  MatcherKind kind;
-  const char* text;
-};
-
-constexpr Complaint kComplaints[] = {
-    {MatcherKind::kCompileTooLong, "takes too long to compile"},
-    {MatcherKind::kCompileCrashed, "cannot be compiled"},
-    {MatcherKind::kMatchTooLong, "took too long on a line"},
-    {MatcherKind::kMatchCrashed, "could not be matched with a line"},
-    {MatcherKind::kMatchOutOfMemory, "needs too much memory for a line"},
-};
-
 /// The one variable of the matcher's environment: where it may have to look for its libraries.
 class LibraryPath {
  public:
@@ -152,7 +138,7 @@ void ReportBadPattern(std::string_view text) {
 }
 
 void ReportLeftOut(const MatcherMessage& message) {
-  for (const Complaint& complaint : kComplaints) {
+  for (const MatcherComplaint& complaint : kMatcherComplaints) {
     if (complaint.kind != message.header.kind) continue;
     char cause[32] = "";
     if (message.header.value != 0)

@@ -28,6 +28,20 @@ enum class MatcherKind : uint32_t {
   kMatchOutOfMemory  ///< ran out of the memory that the matcher is allowed
 };
 
+/// What is said of a pattern that was too much for the matcher.
+struct MatcherComplaint {
+  MatcherKind kind;
+  const char* text;  ///< follows the pattern
+};
+
+inline constexpr MatcherComplaint kMatcherComplaints[] = {
+    {MatcherKind::kCompileTooLong, "takes too long to compile"},
+    {MatcherKind::kCompileCrashed, "cannot be compiled"},
+    {MatcherKind::kMatchTooLong, "took too long on a line"},
+    {MatcherKind::kMatchCrashed, "could not be matched with a line"},
+    {MatcherKind::kMatchOutOfMemory, "needs too much memory for a line"},
+};
+
 struct MatcherHeader {
   MatcherKind kind = MatcherKind::kForget;
   uint32_t set = 0;     ///< RegExList::matcher_set

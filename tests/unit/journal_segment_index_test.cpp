@@ -39,6 +39,15 @@ SegmentBytes ThreeConsoles() {
   return segment;
 }
 
+TEST(SegmentIndexTest, HasWhatTheDaemonReadsWhereItLooks) {
+  const SegmentIndex index = ThreeConsoles().Index();
+  const std::string bytes = EncodeIndex(index);
+  EXPECT_EQ(kIndexVersion, GetNumber<uint16_t>(&bytes[kIndexVersionAt]));
+  EXPECT_EQ(index.header.station, GetNumber<uint64_t>(&bytes[kIndexStationAt]));
+  EXPECT_EQ(5u, GetNumber<uint64_t>(&bytes[kIndexSegmentAt]));
+  EXPECT_EQ(109u, GetNumber<uint64_t>(&bytes[kIndexNextRecordAt]));
+}
+
 TEST(SegmentIndexTest, CountsRecordsAndBytesOfEachConsole) {
   const SegmentIndex index = ThreeConsoles().Index();
   EXPECT_EQ(9u, index.records);
