@@ -48,6 +48,9 @@ constexpr int kEndLooks = 900;
 /// Whether the thread exists. Main thread only.
 bool has_thread = false;
 
+/// There is to be a journal: if there is none, it has been given up.
+std::atomic<bool> is_wanted{false};
+
 std::atomic<bool> can_end{false};  ///< the thread makes passes
 std::atomic<bool> must_end{false};
 std::atomic<bool> has_ended{false};
@@ -219,6 +222,7 @@ void StartJournal() {
   ENTERING();
   if (!ReadSettings() || settings.mebibytes == 0) return;
   SwitchOn(nullptr);
+  is_wanted = true;
 }
 
 void CreateJournalThread() {
@@ -240,15 +244,16 @@ void CreateJournalThread() {
 void ReloadJournal() {
   ENTERING();
   if (!ReadSettings()) return;
-  const bool is_wanted = settings.mebibytes != 0;
-  if (is_wanted == journal_queue.IsOn()) return;
-  if (!is_wanted) {
-    SwitchOff();
-  } else if (SwitchOn("The journal was switched on.")) {
+  const bool wanted = settings.mebibytes != 0;
+  if (!wanted) is_wanted = false;
+  if (wanted == journal_queue.IsOn()) return;
+  if (!wanted) return SwitchOff();
+  if (SwitchOn("The journal was switched on.")) {
     PutNames();
     PutPauses();
     CreateJournalThread();
   }
+  is_wanted = true;
 }
 
 void RepeatLostNames() {
@@ -256,6 +261,7 @@ void RepeatLostNames() {
 }
 
 void EndJournal() {
+  is_wanted = false;
   if (!can_end) return;
   must_end = true;
   journal_waker.Wake();
@@ -265,8 +271,9 @@ void EndJournal() {
 JournalStatus GetJournalStatus() {
   const JournalLosses losses = journal_queue.Losses();
   const MutexLock lock(status_mutex);
-  const char* state = is_stopped ? "stopped" : "on";
-  return {journal_queue.IsOn() ? state : "off",
+  const char* without = is_wanted ? "refused" : "off";
+  const char* with = is_stopped ? "stopped" : "on";
+  return {journal_queue.IsOn() ? with : without,
           known_end.records,
           known_end.bytes,
           losses.records,

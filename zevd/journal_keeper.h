@@ -29,9 +29,11 @@ void EndJournal();
 
 /// The state of the journal, for the command "stats".
 struct JournalStatus {
-  const char* state;  ///< "off", "on", or "stopped" while the system refuses to write
-  uint64_t records;   ///< that have been written since the start
-  uint64_t bytes;     ///< of those records
+  /// "off"; "on"; "stopped" while the system refuses to write; "refused" while the settings say
+  /// that there is to be one and the daemon has given it up.
+  const char* state;
+  uint64_t records;  ///< that have been written since the start
+  uint64_t bytes;    ///< of those records
   uint64_t lost;
   uint64_t gaps;
   uint64_t station;  ///< 0: nothing has been written yet

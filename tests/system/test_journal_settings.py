@@ -169,7 +169,7 @@ def test_a_journal_in_a_wrong_place_stays_off_and_costs_nothing_else(station, sp
     console = station.console("box")
     begin(station, console)
     station.wait_log(f"Journal: {why}. {STAYS_OFF}")
-    assert state(station) == "off"
+    wait_until(lambda: state(station) == "refused", what="the journal to be given up")
     user = station.attach("box")
     user.send(b"typed")
     console.expect(b"typed")
@@ -186,6 +186,11 @@ def test_a_reload_tries_again(station):
     begin(station, console)
     station.wait_log(STAYS_OFF.join(("Journal: " + str(journals.directory(station))
                                      + " is no directory, or a link. ", "")))
+    wait_until(lambda: state(station) == "refused", what="the journal to be given up")
+    change(station, "ZEVD_JOURNAL=0")
+    assert state(station) == "off"
+    change(station, ON)
+    wait_until(lambda: state(station) == "refused", what="the journal to be given up again")
     journals.directory(station).unlink()
     reload(station)
     wait_for(station, Kind.STARTED)
@@ -208,7 +213,7 @@ def test_a_second_daemon_leaves_the_journal_alone(station, tmp_path):
     try:
         station.wait_log(f"Journal: another daemon keeps the journal in "
                          f"{journals.directory(station)}. {STAYS_OFF}", after=position)
-        assert state(station) == "off"
+        wait_until(lambda: state(station) == "refused", what="the journal to be given up")
         assert station.log is first_log
         station.stop()
     finally:
