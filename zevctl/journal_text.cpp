@@ -253,8 +253,13 @@ std::string DurationText(int64_t nanoseconds) {
   const auto* unit = std::find_if(kUnits.begin(), kUnits.end() - 1, [&](const Unit& candidate) {
     return seconds >= candidate.seconds;
   });
-  const int64_t count = seconds / unit->seconds;
-  return std::to_string(count) + " " + unit->name + (count == 1 ? "" : "s");
+  const auto amount = [](int64_t part, const Unit& of) {
+    return CountText(static_cast<uint64_t>(part / of.seconds), of.name);
+  };
+  const std::string text = amount(seconds, *unit);
+  const int64_t rest = seconds % unit->seconds;
+  const auto* next = unit + 1;
+  return next == kUnits.end() || rest < next->seconds ? text : text + " " + amount(rest, *next);
 }
 
 std::string RecordText(const journal::Record& record) {

@@ -16,7 +16,7 @@ std::string StampText(int64_t wall);
 /// The same in the form of RFC 3339, in UTC, with nanoseconds.
 std::string StampJson(int64_t wall);
 
-/// How long it was, in words such as "2 minutes".
+/// How long it was, in words such as "2 minutes" or "1 hour 59 minutes": two units at most.
 std::string DurationText(int64_t nanoseconds);
 
 /// What a record other than output tells, in words: "the connection was lost: Connection refused".

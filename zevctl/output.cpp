@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <numeric>
+#include <sstream>
 
 #include "utf8.h"
 
@@ -21,6 +22,7 @@ namespace {
 
 constexpr size_t kGap = 2;                                 // blanks between columns
 constexpr size_t kNarrowest = 4;                           // columns are not cut below this
+constexpr size_t kIndent = 4;                              // of what stands below a row
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";  // U+FFFD in UTF-8
 
 uint32_t CodePoint(std::string_view character) {
@@ -189,15 +191,34 @@ std::string Cut(std::string_view text, size_t columns) {
   return columns == 0 ? "" : kept + "~";
 }
 
+std::string CountText(uint64_t count, const std::string& noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::vector<std::string> Wrapped(std::string_view text, size_t columns) {
+  if (columns == 0) return {std::string(text)};
+  std::vector<std::string> lines;
+  std::istringstream words{std::string(text)};
+  for (std::string word; words >> word;) {
+    const bool fits = !lines.empty() && Columns(lines.back()) + 1 + Columns(word) <= columns;
+    if (fits) {
+      lines.back() += " " + word;
+    } else {
+      lines.push_back(word);
+    }
+  }
+  return lines;
+}
+
 Table::Table(const std::vector<std::string>& headings, size_t whole) : rows_(1), whole_(whole) {
-  for (const std::string& heading : headings) rows_.front().push_back({heading});
+  for (const std::string& heading : headings) rows_.front().cells.push_back({heading});
 }
 
 std::vector<size_t> Table::ColumnWidths(size_t width) const {
-  std::vector<size_t> widths(rows_.front().size());
-  for (const auto& row : rows_) {
-    for (size_t column = 0; column < row.size(); ++column) {
-      widths[column] = std::max(widths[column], Columns(row[column].text));
+  std::vector<size_t> widths(rows_.front().cells.size());
+  for (const auto& [cells, below] : rows_) {
+    for (size_t column = 0; column < cells.size(); ++column) {
+      widths[column] = std::max(widths[column], Columns(cells[column].text));
     }
   }
   const auto first_to_cut = widths.begin() + static_cast<ptrdiff_t>(whole_);
@@ -214,14 +235,20 @@ std::vector<size_t> Table::ColumnWidths(size_t width) const {
 
 void Table::Print(std::ostream& out, size_t width, bool colours) const {
   const std::vector<size_t> widths = ColumnWidths(width);
-  for (const auto& row : rows_) {
+  const size_t width_below = width > kIndent ? width - kIndent : 0;
+  for (const auto& [cells, below] : rows_) {
     std::string blanks;
     for (size_t column = 0; column < widths.size(); ++column) {
-      const std::string text = Cut(row[column].text, widths[column]);
-      out << blanks << Coloured(text, row[column].colour, colours);
+      const std::string text = Cut(cells[column].text, widths[column]);
+      out << blanks << Coloured(text, cells[column].colour, colours);
       blanks.assign(widths[column] - Columns(text) + kGap, ' ');
     }
     out << "\n";
+    for (const std::string& text : below) {
+      for (const std::string& line : Wrapped(text, width_below)) {
+        out << std::string(kIndent, ' ') << line << "\n";
+      }
+    }
   }
 }
 

@@ -2,6 +2,7 @@
 // harmless, and lines on standard error.
 #pragma once
 
+#include <cstdint>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -44,27 +45,43 @@ size_t Columns(std::string_view text);
 /// The printable text, ended by '~' where it was too long for that many columns.
 std::string Cut(std::string_view text, size_t columns);
 
+/// "1 console", "2 consoles".
+std::string CountText(uint64_t count, const std::string& noun);
+
+/// The text in lines of that many columns at most, divided at blanks; a longer word has a line of
+/// its own. One line when `columns` is 0.
+std::vector<std::string> Wrapped(std::string_view text, size_t columns);
+
 struct Cell {
   std::string text;
   Colour colour = Colour::kNone;
 };
 
-/// Rows of cells below headings. When a row would not fit, the widest column is cut.
+/// Rows of cells below headings. When a row would not fit, the widest column is cut. What must be
+/// read to its end stands below a row, indented, and is wrapped instead.
 class Table {
  public:
   /// The first `whole` columns are never cut. Where there are such columns and cutting the others
   /// is not enough, columns are left out from the right.
   explicit Table(const std::vector<std::string>& headings, size_t whole = 0);
 
-  void Add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
+  /// Each of `below` begins a line.
+  void Add(std::vector<Cell> row, std::vector<std::string> below = {}) {
+    rows_.push_back({std::move(row), std::move(below)});
+  }
 
   /// `width`: of the terminal, in columns; 0 for a table that is as wide as needed.
   void Print(std::ostream& out, size_t width, bool colours) const;
 
  private:
+  struct Row {
+    std::vector<Cell> cells;
+    std::vector<std::string> below;
+  };
+
   std::vector<size_t> ColumnWidths(size_t width) const;
 
-  std::vector<std::vector<Cell>> rows_;  // the headings are the first one
+  std::vector<Row> rows_;  // the headings are the first one
   size_t whole_;
 };
 

@@ -21,13 +21,12 @@ std::optional<time_t> Moment(const std::string& option, const std::string& text,
                 option + ": \"" + Printable(text) + "\" is no time; write " + kMomentForms);
 }
 
-// As far as nanoseconds reach: some 290 years from 1970.
-int64_t WallTime(time_t second) {
-  constexpr time_t kLastSecond = std::numeric_limits<int64_t>::max() / kSecondInNanoseconds - 1;
-  return std::clamp(second, -kLastSecond, kLastSecond) * kSecondInNanoseconds;
-}
-
 }  // namespace
+
+int64_t NanosecondsOf(time_t seconds) {
+  constexpr time_t kMost = std::numeric_limits<int64_t>::max() / kSecondInNanoseconds - 1;
+  return std::clamp(seconds, -kMost, kMost) * kSecondInNanoseconds;
+}
 
 // The end's whole second belongs to the range.
 PastRange ReadRange(const std::string& since, const std::string& until) {
@@ -38,8 +37,8 @@ PastRange ReadRange(const std::string& since, const std::string& until) {
     throw Failure(ExitStatus::kUsage, "--since is later than --until; exchange them");
   }
   PastRange range;
-  if (begin) range.since = WallTime(*begin);
-  if (end) range.until = WallTime(*end) + kSecondInNanoseconds - 1;
+  if (begin) range.since = NanosecondsOf(*begin);
+  if (end) range.until = NanosecondsOf(*end) + kSecondInNanoseconds - 1;
   return range;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <optional>
 #include <string>
@@ -19,6 +20,9 @@ struct PastRange {
 };
 
 inline constexpr int64_t kSecondInNanoseconds = 1'000'000'000;
+
+/// Seconds in nanoseconds, as far as those reach: some 290 years.
+int64_t NanosecondsOf(time_t seconds);
 
 /// The options --since and --until, of which each may be empty. Throws Failure(kUsage).
 PastRange ReadRange(const std::string& since, const std::string& until);

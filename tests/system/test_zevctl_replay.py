@@ -19,7 +19,8 @@ def test_it_plays_to_the_end_and_shortens_pauses(tape, play):
     crash(tape)
     screen = play("--speed", "100", "--max-idle", "2")
     screen.wait_rows(*CRASH)
-    screen.wait_status(" web  2026-11-22 05:10:00  x100  end", "1 hour of silence shortened")
+    screen.wait_status(" web  2026-11-22 05:10:00  x100  end",
+                       "1 hour 59 minutes of silence shortened")
 
 
 def test_colours_and_the_cursor_are_those_of_the_console(tape, play):

@@ -273,6 +273,38 @@ TEST(ZevctlOutputTest, WholeColumnsAreNeverCut) {
   EXPECT_EQ(Shown(table, 3), Shown(table, 31));
 }
 
+TEST(ZevctlOutputTest, WhatStandsBelowARowIsWrappedAndNeverCut) {
+  Table table({"NAME", "STATE"}, 1);
+  table.Add({{"web"}, {"silent"}}, {"it has printed nothing", "press Enter"});
+  table.Add({{"db"}, {"up"}});
+  EXPECT_EQ(Shown(table, 20),
+            "NAME  STATE\n"
+            "web   silent\n"
+            "    it has printed\n"
+            "    nothing\n"
+            "    press Enter\n"
+            "db    up\n");
+  EXPECT_EQ(Shown(table, 0),
+            "NAME  STATE\n"
+            "web   silent\n"
+            "    it has printed nothing\n"
+            "    press Enter\n"
+            "db    up\n");
+}
+
+TEST(ZevctlOutputTest, WrappedLinesEndAtBlanks) {
+  EXPECT_THAT(Wrapped("one two three", 7), ElementsAre("one two", "three"));
+  EXPECT_THAT(Wrapped("one two three", 6), ElementsAre("one", "two", "three"));
+  EXPECT_THAT(Wrapped("a longer word", 4), ElementsAre("a", "longer", "word"));
+  EXPECT_THAT(Wrapped("one  two", 0), ElementsAre("one  two"));
+}
+
+TEST(ZevctlOutputTest, OneIsNoPlural) {
+  EXPECT_EQ(CountText(0, "byte"), "0 bytes");
+  EXPECT_EQ(CountText(1, "byte"), "1 byte");
+  EXPECT_EQ(CountText(2, "byte"), "2 bytes");
+}
+
 TEST(ZevctlOutputTest, ColoursAreShownWhereTheyAreWanted) {
   EXPECT_THAT(Shown(Example(), 0, true), ::testing::HasSubstr("\x1b[32mconnected\x1b[0m\n"));
   EXPECT_THAT(Shown(Example(), 0, false), ::testing::Not(::testing::HasSubstr("\x1b")));

@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <utility>
 
+#include "journal_text.h"
 #include "moment.h"
+#include "past_time.h"
 #include "zevctl_log_support.h"
 
 namespace zevctl {
@@ -128,6 +131,27 @@ TEST(MomentTest, IsShownAsAnAge) {
       {86399, "23 hours ago"}, {86400, "1 day ago"}, {900000, "10 days ago"},
   };
   for (const Case& tried : kCases) EXPECT_EQ(Ago(kMorning - tried.age, kMorning), tried.words);
+}
+
+TEST(DurationTextTest, HasTwoUnitsAtMost) {
+  constexpr int64_t kSecond = 1'000'000'000;
+  const std::pair<int64_t, const char*> rows[] = {
+      {0, "0 seconds"},
+      {1, "1 second"},
+      {60, "1 minute"},
+      {61, "1 minute 1 second"},
+      {7199, "1 hour 59 minutes"},
+      {3605, "1 hour"},
+      {90000, "1 day 1 hour"},
+      {86400 + 3599, "1 day"},
+  };
+  for (const auto& [seconds, text] : rows) EXPECT_EQ(DurationText(seconds * kSecond), text);
+}
+
+TEST(NanosecondsOfTest, EndsWhereNanosecondsDo) {
+  EXPECT_EQ(NanosecondsOf(2), 2'000'000'000);
+  EXPECT_GT(NanosecondsOf(time_t{1} << 60), NanosecondsOf(time_t{9'000'000'000}));
+  EXPECT_LT(NanosecondsOf(-(time_t{1} << 60)), NanosecondsOf(-time_t{9'000'000'000}));
 }
 
 }  // namespace
