@@ -56,6 +56,8 @@ std::string TextOf(std::string_view bytes) {
 // ---- Where journal and logs meet ----------------------------------------------------------------
 
 Seam::Seam(const journal::Journal& journal, const std::vector<size_t>& consoles, const Hole& hole) {
+  // Whoever has a name now goes before who had it once.
+  for (const size_t id : consoles) names_.emplace(Folded(journal.consoles()[id].name()), id);
   for (const size_t id : consoles) {
     for (const auto& known : journal.consoles()[id].names) names_.emplace(Folded(known.name), id);
   }

@@ -66,8 +66,17 @@ class Choice {
 
   void Take(const journal::Console& console, const std::string& name) {
     ids_.insert(console.id);
-    for (const journal::ConsoleName& known : console.names) names_.insert(known.name);
+    for (const journal::ConsoleName& known : console.names) {
+      if (!IsOthersNow(console, known.name)) names_.insert(known.name);
+    }
     if (console.name() != name) Remark(console, name, " before");
+  }
+
+  // What stands under that name, such as a log, is the other console's.
+  bool IsOthersNow(const journal::Console& console, const std::string& name) const {
+    return name != console.name() &&
+           std::any_of(consoles_.begin(), consoles_.end(),
+                       [&](const auto& other) { return other.name() == name; });
   }
 
   void Remark(const journal::Console& console, const std::string& name, const std::string& when) {

@@ -10,8 +10,9 @@
 namespace zevctl {
 
 struct ChosenConsoles {
-  std::vector<size_t> ids;           ///< as in Journal::consoles(), each once, in that order
-  std::vector<std::string> names;    ///< what was meant, and every name of these consoles
+  std::vector<size_t> ids;  ///< as in Journal::consoles(), each once, in that order
+  /// What was meant, and every name of these consoles, but none that is another's now.
+  std::vector<std::string> names;
   std::vector<std::string> remarks;  ///< for people: who is called otherwise now
   bool by_name = true;               ///< everything that was typed was a name in full
 };

@@ -399,6 +399,27 @@ def test_the_logs_of_earlier_names_belong_to_the_console(station, journal):
     assert texts("other") == ["| of another"]
 
 
+def test_a_name_that_is_anothers_now_does_not_show_that_ones_logs(station, journal):
+    first = journal.console("web")
+    journal.console("db1", number=first)
+    journal.console("web")
+    write_log(station, "web", ("02:00:00", b"of the other\n"))
+    write_log(station, "db1", ("02:00:00", b"its own\n"))
+    assert [text for source, text in sources("db1") if source == "log"] == ["its own"]
+    assert [text for source, text in sources("*") if source == "log"] == [
+        "of the other", "its own"]
+
+
+def test_a_log_belongs_to_the_console_that_has_its_name_now(station, journal):
+    journal.wall = nanoseconds("2026-11-22 03:00:05.3")
+    first = journal.console("web")
+    journal.console("db1", number=first)
+    journal.output(journal.console("web"), b"same\n", at="2026-11-22 03:00:05.4")
+    journal.output(first, b"its own\n")
+    write_log(station, "web", ("03:00:05", b"same\n"))
+    assert [pair for pair in sources("*") if pair[1] == "same"] == [("journal", "same")]
+
+
 # Following
 
 

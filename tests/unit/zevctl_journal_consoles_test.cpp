@@ -51,6 +51,19 @@ TEST(ChooseConsoles, MeansWhoeverHasTheNameNow) {
               ElementsAre("db was called web, too, before another console got that name"));
 }
 
+TEST(ChooseConsoles, LeavesOutEarlierNamesThatAreAnothersNow) {
+  const std::vector consoles = {Named(0, {"web", "old", "db"}), Named(1, {"web"})};
+  const ChosenConsoles chosen = ChooseConsoles(consoles, {"db"});
+  EXPECT_THAT(chosen.ids, ElementsAre(0));
+  EXPECT_THAT(chosen.names, ElementsAre("db", "old"));
+  EXPECT_THAT(ChooseConsoles(consoles, {"db", "web"}).names, ElementsAre("db", "old", "web"));
+}
+
+TEST(ChooseConsoles, TakesBothConsolesOfOneName) {
+  const std::vector consoles = {Named(0, {"web"}, true), Named(1, {"web"})};
+  EXPECT_THAT(ChooseConsoles(consoles, {"web"}).names, ElementsAre("web"));
+}
+
 TEST(ChooseConsoles, TakesNamesThatOnlyTheLogsHave) {
   const ChosenConsoles chosen = ChooseConsoles({Named(0, {"web"})}, {"gone"}, {"gone", "web"});
   EXPECT_THAT(chosen.ids, IsEmpty());
