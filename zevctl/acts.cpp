@@ -17,6 +17,8 @@ constexpr int64_t kMostBetweenDoubles = 2'000'000'000;
 
 constexpr char kPause[] = "pause";
 constexpr char kNotLogged[] = "not-logged";
+constexpr char kStart[] = "start";
+constexpr char kStop[] = "stop";
 
 /// What the record of a kind tells; the audit's own words are in the record.
 struct KindRow {
@@ -39,8 +41,8 @@ constexpr KindRow kKinds[] = {
     {Kind::kGap, "gap", ""},
     {Kind::kTorn, "torn", ""},
     {Kind::kClockStep, "clock-step", ""},
-    {Kind::kStarted, "start", ""},
-    {Kind::kStopped, "stop", ""},
+    {Kind::kStarted, kStart, ""},
+    {Kind::kStopped, kStop, ""},
 };
 
 // What only the audit tells of.
@@ -128,7 +130,7 @@ bool Act::IsHole() const {
 }
 
 bool Act::IsOfWholeRecord() const {
-  constexpr const char* kWords[] = {"gap", "torn", "clock-step", "start", "stop"};
+  constexpr const char* kWords[] = {"gap", "torn", "clock-step", kStart, kStop};
   return console.empty() &&
          std::find(std::begin(kWords), std::end(kWords), what) != std::end(kWords);
 }
@@ -159,6 +161,7 @@ void ActList::Take(const journal::Record& record, const std::string& console) {
   if (row == nullptr) return;
   Act act = ActOf(record, *row, console);
   if (Fold(act)) return;
+  if (act.what == kStart || act.what == kStop) EndPauses(act);
   if (act.what == kNotLogged && EndPause(act)) return;
   if (act.what == kPause) {
     act.what = kNotLogged;
@@ -176,6 +179,18 @@ bool ActList::Fold(const Act& act) {
     return true;
   }
   return false;
+}
+
+// No pause outlives the daemon or its journal, and one that was killed has not told the end.
+// Switching has a reason.
+void ActList::EndPauses(const Act& act) {
+  const char* why = act.reason.empty() ? "The daemon ended." : "The journal was switched off.";
+  for (auto former = acts_.rbegin(); former != acts_.rend(); ++former) {
+    if (former->what == kStart || former->what == kStop) return;
+    if (former->what != kNotLogged || former->end) continue;
+    former->end = act.wall;
+    former->reason += (former->reason.empty() ? "" : " ") + std::string(why);
+  }
 }
 
 // The end of a pause tells all that its beginning has told.

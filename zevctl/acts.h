@@ -52,7 +52,8 @@ std::vector<std::string> WordsOfActs();
 bool OnlyAuditTells(const journal::Record& record);
 
 /// Gathers acts from records in the order of the journal. What stands there twice, by itself and in
-/// the audit, is one act; so are the beginning and the end of a pause of the record.
+/// the audit, is one act; so are the beginning and the end of a pause of the record. A pause that
+/// was open when the daemon ended is taken to have ended then, and has that in its reason.
 class ActList {
  public:
   /// `console`: the name of the record's console, empty for the station's own records.
@@ -64,6 +65,7 @@ class ActList {
  private:
   bool Fold(const Act& act);
   bool EndPause(const Act& act);
+  void EndPauses(const Act& act);
 
   std::vector<Act> acts_;
 };

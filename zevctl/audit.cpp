@@ -114,7 +114,7 @@ std::string Joined(const std::vector<std::string>& parts) {
 }
 
 std::string Counted(const std::optional<int64_t>& count, const char* what) {
-  return count ? std::to_string(*count) + " " + what : "";
+  return count ? CountText(static_cast<uint64_t>(*count), what) : "";
 }
 
 // From when to when a hole reaches.
@@ -135,8 +135,8 @@ std::string ModeChange(const Act& act) {
 }
 
 std::string DetailsOf(const Act& act) {
-  return Joined({ModeChange(act), Extent(act), act.reason, act.text, Counted(act.count, "records"),
-                 Counted(act.bytes, "bytes"), act.version.empty() ? "" : "version " + act.version});
+  return Joined({ModeChange(act), Extent(act), act.reason, act.text, Counted(act.count, "record"),
+                 Counted(act.bytes, "byte"), act.version.empty() ? "" : "version " + act.version});
 }
 
 // By login, or as given, which says so.
@@ -152,15 +152,16 @@ Colour ColourOf(const Act& act) {
 
 void PrintTable(const std::vector<Act>& acts) {
   constexpr size_t kWhole = 3;  // time, what, result
-  Table table({"TIME", "WHAT", "RESULT", "USER", "FROM", "CONSOLE", "DETAILS"}, kWhole);
+  Table table({"TIME", "WHAT", "RESULT", "USER", "FROM", "CONSOLE"}, kWhole);
   for (const Act& act : acts) {
+    const std::string details = Harmless(DetailsOf(act));
     table.Add({{StampText(act.wall)},
                {Printable(act.what), ColourOf(act)},
                {Printable(act.result), ColourOf(act)},
                {Printable(Whoever(act.user, act.given_user))},
                {Printable(Whoever(act.from, act.given_from))},
-               {Printable(act.console)},
-               {Harmless(DetailsOf(act))}});
+               {Printable(act.console)}},
+              details.empty() ? std::vector<std::string>() : std::vector{details});
   }
   table.Print(std::cout, TerminalWidth(), ColoursWanted());
 }

@@ -53,15 +53,26 @@ def test_the_table_tells_who_did_what_and_from_where(journal):
     journal.record(Kind.STOPPED)
     lines = zevctl.succeed(None, "audit", *EVER).splitlines()
     assert [line.split() for line in lines] == [
-        ["TIME", "WHAT", "RESULT", "USER", "FROM", "CONSOLE", "DETAILS"],
-        ["2026-11-22", "12:00:00.001", "start", "version", "0.9"],
-        ["2026-11-22", "12:00:00.002", "login", "refused", "eve", "10.9.9.9", "web", "wrong",
-         "password"],
-        ["2026-11-22", "12:00:00.003", "mode", "done", "ann", "10.1.1.1", "web", "sh", "->", "ex"],
+        ["TIME", "WHAT", "RESULT", "USER", "FROM", "CONSOLE"],
+        ["2026-11-22", "12:00:00.001", "start"],
+        ["version", "0.9"],
+        ["2026-11-22", "12:00:00.002", "login", "refused", "eve", "10.9.9.9", "web"],
+        ["wrong", "password"],
+        ["2026-11-22", "12:00:00.003", "mode", "done", "ann", "10.1.1.1", "web"],
+        ["sh", "->", "ex"],
         ["2026-11-22", "12:00:00.004", "stop"],
         ["The", "journal", "begins", "at", "2026-11-22", "12:00:00.000."]]
     since = zevctl.succeed(None, "audit", "--since", "2026-11-22T12:00:00Z")
     assert "begins" not in since
+
+
+def test_details_are_not_cut_on_a_terminal(journal):
+    text = "the machine goes down at noon for an hour and comes back with another disk in it"
+    journal.record(Kind.MESSAGE, journal.console("web"), {**ANN, Field.TEXT: text})
+    with zevctl.Terminal(None, "audit", *EVER, columns=80) as screen:
+        shown = screen.expect_end(zevctl.OK).decode().splitlines()
+    assert all(len(line) <= 80 for line in shown)
+    assert text in " ".join(line.strip() for line in shown if line.startswith("    "))
 
 
 def test_json_has_every_field(journal):
@@ -113,6 +124,15 @@ def test_a_pause_of_the_record_is_one_row_with_both_ends(journal):
     assert "since 2026-11-22 12:30:00.000" in table
 
 
+def test_a_pause_ends_when_the_daemon_is_killed(journal):
+    journal.record(Kind.PAUSED, journal.console("web"), ANN, at="2026-11-22 12:10:00")
+    journal.new_run()
+    journal.record(Kind.STARTED, at="2026-11-22 12:20:00")
+    pause, _start = acts()
+    assert (pause["end"], pause["reason"]) == ("2026-11-22T12:20:00.000000000Z",
+                                               "The daemon ended.")
+
+
 def test_holes_and_steps_of_the_clock_are_told(journal):
     journal.record(Kind.GAP, 0, {Field.COUNT: 5, Field.BYTES: 99, Field.REASON: "full"})
     journal.record(Kind.TORN, 0, {Field.SEGMENT: 1, Field.BYTES: 17})
@@ -134,8 +154,12 @@ def test_names_choose_acts_and_leave_holes_in(journal):
     journal.record(Kind.GAP, 0, {Field.COUNT: 1})
     assert words(acts("www")) == ["attach", "leave", "gap"]
     assert words(acts("web_1")) == ["attach", "leave", "gap"]
+    other = journal.console("web-1")
+    journal.record(Kind.DISABLED, other, ANN)
+    assert words(acts("www")) == ["attach", "leave", "gap"]
+    assert words(acts("web-1")) == ["gap", "disable"]
     assert words(acts("nowhere")) == ["login", "gap"]
-    assert len(acts("*")) == 5
+    assert len(acts("*")) == 6
 
 
 @pytest.mark.parametrize("arguments, expected", [

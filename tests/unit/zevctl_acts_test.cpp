@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,6 +18,7 @@ namespace {
 using journal::Field;
 using journal::Kind;
 using ::testing::ElementsAre;
+using ::testing::Pair;
 
 constexpr int64_t kSecond = 1'000'000'000;
 
@@ -118,6 +120,26 @@ TEST_F(ActListTest, TellsAPauseOnceWithBothEnds) {
 TEST_F(ActListTest, TellsAPauseWhoseBeginningIsTooOld) {
   Take(Kind::kNotLogged, 60 * kSecond, kByAnn);
   EXPECT_THAT(Words(), ElementsAre("not-logged"));
+}
+
+TEST_F(ActListTest, EndsAPauseWithTheDaemonOrItsJournal) {
+  Take(Kind::kPaused, 1 * kSecond, kByAnn);
+  Take(Kind::kStarted, 2 * kSecond, {}, "");
+  Take(Kind::kPaused, 3 * kSecond, {{Field::kReason, "The console's logging flag is not 1."}});
+  Take(Kind::kStopped, 4 * kSecond, {}, "");
+  Take(Kind::kStarted, 5 * kSecond, {}, "");
+  Take(Kind::kPaused, 6 * kSecond, kByAnn);
+  Take(Kind::kStopped, 7 * kSecond, {{Field::kReason, "The journal was switched off."}}, "");
+  Take(Kind::kPaused, 8 * kSecond, kByAnn);
+  std::vector<std::pair<std::optional<int64_t>, std::string>> ends;
+  for (const Act& act : list_.acts()) {
+    if (act.what == "not-logged") ends.emplace_back(act.end, act.reason);
+  }
+  EXPECT_THAT(
+      ends,
+      ElementsAre(Pair(2 * kSecond, "The daemon ended."),
+                  Pair(4 * kSecond, "The console's logging flag is not 1. The daemon ended."),
+                  Pair(7 * kSecond, "The journal was switched off."), Pair(std::nullopt, "")));
 }
 
 TEST(KindsOfActsTest, HaveNoOutput) {
