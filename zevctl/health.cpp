@@ -45,7 +45,7 @@ std::optional<int64_t> Age(const std::string& text) {
   constexpr time_t kNow = time_t{1} << 40;
   const auto moment = ParseMoment(text, kNow);
   if (!moment || *moment >= kNow) return {};
-  return (kNow - *moment) * kSecondInNanoseconds;
+  return NanosecondsOf(kNow - *moment);
 }
 
 std::string RefuseAge(const std::string& text) {
@@ -91,22 +91,23 @@ std::string Upper(std::string word) {
 
 // The first line is what monitors show.
 std::string Summary(const Report& report) {
-  return Upper(WordOf(report.level)) + ": " + std::to_string(report.facts.consoles.size()) +
-         " consoles, " + std::to_string(Count(report, HealthLevel::kCritical)) + " critical, " +
-         std::to_string(Count(report, HealthLevel::kWarning)) + " warnings";
+  const std::string consoles =
+      report.facts.knows_consoles ? CountText(report.facts.consoles.size(), "console") + ", " : "";
+  return Upper(WordOf(report.level)) + ": " + consoles +
+         std::to_string(Count(report, HealthLevel::kCritical)) + " critical, " +
+         CountText(Count(report, HealthLevel::kWarning), "warning");
 }
 
 void PrintTable(const Report& report) {
   constexpr size_t kWhole = 3;  // console, problem, since
   const time_t now = time(nullptr);
-  Table table({"CONSOLE", "PROBLEM", "SINCE", "WHAT", "DO"}, kWhole);
+  Table table({"CONSOLE", "PROBLEM", "SINCE"}, kWhole);
   for (const Problem& problem : report.problems) {
     const bool critical = problem.level == HealthLevel::kCritical;
     table.Add({{problem.console.empty() ? "-" : Printable(problem.console)},
                {problem.kind, critical ? Colour::kRed : Colour::kYellow},
-               {problem.since ? ShortClockTime(*problem.since / kSecondInNanoseconds, now) : "-"},
-               {Harmless(problem.what)},
-               {Harmless(problem.mend)}});
+               {problem.since ? ShortClockTime(*problem.since / kSecondInNanoseconds, now) : "-"}},
+              {Harmless(problem.what), Harmless(problem.mend)});
   }
   table.Print(std::cout, TerminalWidth(), ColoursWanted());
 }
@@ -128,15 +129,25 @@ Json AsJson(const Problem& problem) {
           {"do", Utf8(problem.mend)}};
 }
 
+// "daemon", "journal", or nothing.
+Json StatesFrom(const HealthFacts& facts) {
+  if (!facts.knows_consoles) return {};
+  return facts.from_daemon ? "daemon" : "journal";
+}
+
+Json CountOfConsoles(const HealthFacts& facts) {
+  return facts.knows_consoles ? Json(facts.consoles.size()) : Json();
+}
+
 void PrintJson(const Report& report) {
   Json problems = Json::array();
   for (const Problem& problem : report.problems) problems.push_back(AsJson(problem));
   Json notes = Json::array();
   for (const std::string& note : report.facts.notes) notes.push_back(Utf8(note));
   const Json data = {{"level", WordOf(report.level)},
-                     {"states_from", report.facts.from_daemon ? "daemon" : "journal"},
+                     {"states_from", StatesFrom(report.facts)},
                      {"journal", report.facts.from_journal},
-                     {"consoles", report.facts.consoles.size()},
+                     {"consoles", CountOfConsoles(report.facts)},
                      {"problems", problems},
                      {"notes", notes}};
   std::cout << EscapedJson(data.dump()) << "\n";
@@ -149,6 +160,19 @@ ExitStatus StatusFor(HealthLevel level) {
   return static_cast<ExitStatus>(level);
 }
 
+// Monitors show what is on standard output, so that is where it is told why nothing is known.
+ExitStatus TellUnknown(const Settings& settings, const std::string& why) {
+  Report report;
+  report.level = HealthLevel::kUnknown;
+  report.facts.notes = {why};
+  if (settings.json) {
+    PrintJson(report);
+  } else {
+    std::cout << Upper(WordOf(report.level)) << ": " << Harmless(why) << "\n";
+  }
+  return StatusFor(report.level);
+}
+
 ExitStatus RunHealth(const Settings& settings, const HealthOptions& options) try {
   const Report report = Examine(settings, options);
   if (settings.json) {
@@ -157,30 +181,26 @@ ExitStatus RunHealth(const Settings& settings, const HealthOptions& options) try
     PrintForPeople(report);
   }
   return StatusFor(report.level);
-} catch (const journal::JournalError& error) {
-  Warn(JournalFailure(error, options.sources.journal_dir).what());
-  return StatusFor(HealthLevel::kUnknown);
 } catch (const Failure& failure) {
-  Warn(failure.what());
-  return StatusFor(HealthLevel::kUnknown);
+  return TellUnknown(settings, failure.what());
 }
 
 }  // namespace
 
 void AddHealthCommand(Command& app, Program& program) {
   const auto options = std::make_shared<HealthOptions>();
-  Command command = app.AddCommand(
-      "health", "Show what is wrong with consoles and their record, also for monitors");
+  Command command =
+      app.AddCommand("health", "Show what is wrong with consoles and the record of them");
   command.AddOption("PATTERN", options->consoles,
                     "Names, starts of names or shell patterns; all if not given");
   command
       .AddOption("--silent", options->silence,
-                 "Silence from which on a console is a problem, such as 1h; ten times its usual "
-                 "pause, an hour at least, if not given")
+                 "Report consoles that have printed nothing for this long, such as 1h; if not "
+                 "given, for ten times their usual pause and at least an hour")
       .Verify(RefuseAge);
   command
       .AddOption("--flood", options->flood,
-                 "Bytes printed within five minutes from which on a console floods")
+                 "Report consoles that have printed this many bytes within five minutes")
       .InRange(size_t{1}, SIZE_MAX)
       .ShowDefault();
   command.AddOption("--journal-dir", options->sources.journal_dir, kJournalDirHelp).ShowDefault();

@@ -53,30 +53,44 @@ ConsoleFacts FactsFrom(const ConsoleStatus& status) {
 class Gathering {
  public:
   Gathering(const Settings& settings, const HealthSources& sources, const HealthRules& rules)
-      : settings_(settings), sources_(sources), rules_(rules) {}
+      : settings_(settings), sources_(sources), rules_(rules) {
+    facts_.now = rules.now;
+  }
 
   HealthFacts Gather(const std::vector<std::string>& patterns) {
     AskDaemon();
     if (IsThisHost(settings_)) {
-      OpenPast();
+      LookAtPast([this] { OpenPast(); });
     } else {
+      why_no_past_ = "Its journal is on the other machine.";
       Note("the journal and the logs are on the other machine, and are not looked at");
     }
-    if (!facts_.from_daemon && past_ == nullptr) {
-      throw Failure(ExitStatus::kNoDaemon,
-                    why_not_asked_ + " There is no journal to look at instead, either.");
-    }
-    if (!facts_.from_daemon) facts_.consoles = past_->LastKnown();
+    if (!facts_.from_daemon) TakeStatesOfPast();
+    if (!facts_.knows_consoles) return StationAlone();
     Choose(patterns);
-    if (IsThisHost(settings_)) ReadFlags();
-    if (past_ != nullptr) past_->Complete(&facts_);
-    if (IsThisHost(settings_)) LookAtLogs();
-    facts_.now = past_ == nullptr ? rules_.now : past_->now();
+    if (IsThisHost(settings_)) LookFurther();
     return std::move(facts_);
   }
 
  private:
   void Note(const std::string& note) { facts_.notes.push_back(note); }
+
+  // That the daemon does not answer is known, and enough.
+  HealthFacts StationAlone() {
+    if (facts_.station.no_daemon.empty()) {
+      throw Failure(ExitStatus::kNoDaemon, why_not_asked_ + " " + why_no_past_);
+    }
+    Note("the daemon was not asked, and nothing is known of the consoles: " + why_not_asked_);
+    return std::move(facts_);
+  }
+
+  void LookFurther() {
+    ReadFlags();
+    LookAtPast([this] {
+      if (past_ != nullptr) past_->Complete(&facts_);
+    });
+    LookAtPast([this] { LookAtLogs(); });
+  }
 
   // Nobody is asked for a password: a monitor has nobody to ask.
   void AskDaemon() try {
@@ -87,13 +101,20 @@ class Gathering {
       facts_.consoles.push_back(FactsFrom(status));
     }
     facts_.from_daemon = true;
-    NoteJournalState(port.JsonLines("stats"));
+    facts_.knows_consoles = true;
+    AskForJournalState(port);
   } catch (const Failure& failure) {
     why_not_asked_ = failure.what();
     if (failure.status() == ExitStatus::kNoDaemon) {
       facts_.station.no_daemon = "the daemon does not answer";
     }
-    Note("the daemon was not asked, and the states are those of the journal: " + why_not_asked_);
+  }
+
+  // An older daemon tells states and nothing else.
+  void AskForJournalState(CommandPort& port) try {
+    NoteJournalState(port.JsonLines("stats"));
+  } catch (const Failure& failure) {
+    Note(std::string("the daemon does not tell whether it keeps a journal: ") + failure.what());
   }
 
   void NoteJournalState(const std::string& stats) {
@@ -102,24 +123,56 @@ class Gathering {
     const auto state = data.find("journal");
     if (state == data.end()) return;
     facts_.journal_is_off = *state == "off";
-    facts_.journal_is_stopped = *state == "stopped";
+    facts_.station.is_journal_stopped = *state == "stopped";
+    facts_.station.is_journal_refused = *state == "refused";
+  }
+
+  // What the journal would add may be missing: that is a note.
+  template <typename Look>
+  void LookAtPast(Look look) try {
+    look();
+  } catch (const journal::JournalError& error) {
+    GiveUpPast(JournalFailure(error, sources_.journal_dir).what());
+  } catch (const Failure& failure) {
+    GiveUpPast(failure.what());
+  }
+
+  void GiveUpPast(const std::string& why) {
+    past_.reset();
+    why_no_past_ = "The journal cannot be looked at instead: " + why;
+    Note("the journal was not looked at: " + why);
   }
 
   void OpenPast() {
     auto journal = OpenJournalIfAny(sources_.journal_dir);
     if (journal == nullptr) {
-      return Note(
-          "there is no journal, so flooding, gaps and usual pauses are not known; "
-          "ZEVD_JOURNAL= in qor.conf switches it on");
-    }
-    facts_.from_journal = true;
-    if (facts_.journal_is_off) {
-      Note(
-          "the journal is switched off, so flooding, gaps and usual pauses are those of before; "
-          "ZEVD_JOURNAL= in qor.conf switches it on");
+      why_no_past_ = "There is no journal to look at instead, either.";
+      return Note("there is no journal, so flooding, gaps and usual pauses are not known" +
+                  HowToHaveOne());
     }
     past_ = std::make_unique<HealthPast>(std::move(journal), rules_);
+    facts_.from_journal = true;
+    if (facts_.journal_is_off) {
+      Note("the journal is switched off, so flooding, gaps and usual pauses are those of before" +
+           HowToHaveOne());
+    }
     if (!facts_.from_daemon) past_->EndWithNewestRecord();
+    facts_.now = past_->now();
+  }
+
+  // One that the daemon refuses to keep is switched on already.
+  std::string HowToHaveOne() const {
+    if (facts_.station.is_journal_refused) return "";
+    return "; ZEVD_JOURNAL= in qor.conf switches it on";
+  }
+
+  void TakeStatesOfPast() {
+    LookAtPast([this] {
+      if (past_ == nullptr) return;
+      facts_.consoles = past_->LastKnown();
+      facts_.knows_consoles = true;
+      Note("the daemon was not asked, and the states are those of the journal: " + why_not_asked_);
+    });
   }
 
   // Throws for a pattern that means nothing.
@@ -177,6 +230,7 @@ class Gathering {
   HealthRules rules_;
   HealthFacts facts_;
   std::string why_not_asked_;
+  std::string why_no_past_;
   std::unique_ptr<HealthPast> past_;
 };
 

@@ -18,8 +18,7 @@ struct HealthSources {
 };
 
 /// `patterns`: the wanted consoles; all if there is none. Of --host another machine, only the
-/// daemon is asked. Throws Failure when nothing can be known, or a pattern means nothing, and
-/// JournalError.
+/// daemon is asked. Throws Failure when nothing can be known, or a pattern means nothing.
 HealthFacts GatherHealth(const Settings& settings, const HealthSources& sources,
                          const std::vector<std::string>& patterns, HealthRules rules);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "journal_text.h"
+#include "output.h"
 
 namespace zevctl {
 
@@ -19,7 +20,6 @@ class Judge {
     Flood();
     Log();
     Recording();
-    Gaps();
     return std::move(problems_);
   }
 
@@ -66,7 +66,7 @@ class Judge {
   void Flood() {
     if (facts_.recent_bytes < rules_.flood) return;
     Add(HealthLevel::kWarning, "flooding",
-        "it has printed " + std::to_string(facts_.recent_bytes) + " bytes in " +
+        "it has printed " + CountText(facts_.recent_bytes, "byte") + " in " +
             DurationText(HealthRules::kRecent),
         "see what it prints: " + Command("log -n 50"), {});
   }
@@ -91,14 +91,6 @@ class Judge {
     Add(HealthLevel::kWarning, "not-recorded",
         who + " holds it exclusively with revoke, and nothing is recorded",
         "ask " + who + " to leave it or to use another mode", facts_.hidden_since);
-  }
-
-  void Gaps() {
-    if (!facts_.last_gap) return;
-    Add(HealthLevel::kWarning, "gap",
-        std::to_string(facts_.lost_records) + " records are missing in its journal",
-        "see whether the disk is slow; " + Command("audit --what gap") + " lists the gaps",
-        facts_.last_gap);
   }
 
   const ConsoleFacts& facts_;
@@ -127,14 +119,24 @@ std::vector<Problem> ProblemsOf(const StationFacts& facts) {
                         "see whether it runs: \"systemctl status zevd\"",
                         {}});
   }
-  if (facts.journal_stands_since) {
+  if (facts.is_journal_refused) {
+    problems.push_back({HealthLevel::kCritical,
+                        "journal",
+                        "",
+                        "the daemon does not keep the journal that it is to keep",
+                        "see the daemon's output for the reason, mend that and reload the "
+                        "daemon: \"systemctl reload zevd\"",
+                        {}});
+  }
+  if (facts.is_journal_stopped || facts.journal_stands_since) {
     problems.push_back({HealthLevel::kCritical, "journal", "",
                         "consoles print, and the journal is not written",
                         "see whether the disk is full: \"df\"", facts.journal_stands_since});
   }
   if (facts.last_gap) {
     problems.push_back({HealthLevel::kWarning, "gap", "",
-                        std::to_string(facts.lost_records) + " records are missing in the journal",
+                        CountText(facts.lost_records, "record") +
+                            (facts.lost_records == 1 ? " is" : " are") + " missing in the journal",
                         "see whether the disk is slow or was full; \"zevctl audit --what gap\" "
                         "lists the gaps",
                         facts.last_gap});

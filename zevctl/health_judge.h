@@ -29,17 +29,17 @@ struct ConsoleFacts {
   std::optional<bool> is_logged;      ///< by its flag
   bool is_log_missing = false;        ///< there is no log, although it has printed something
   std::optional<int64_t> log_behind;  ///< a line since then is not in the log
-  uint64_t lost_records = 0;          ///< in gaps of the journal
-  std::optional<int64_t> last_gap;
 
   bool IsUp() const { return state == "connected" || state == "in-use"; }
 };
 
 /// What stands for the station instead of a console.
 struct StationFacts {
-  std::string no_daemon;  ///< why the daemon does not answer; empty when it does
+  std::string no_daemon;            ///< why the daemon does not answer; empty when it does
+  bool is_journal_refused = false;  ///< as the daemon says, like the next one
+  bool is_journal_stopped = false;
   std::optional<int64_t> journal_stands_since;
-  uint64_t lost_records = 0;
+  uint64_t lost_records = 0;  ///< in gaps of the journal
   std::optional<int64_t> last_gap;
 };
 
@@ -47,11 +47,11 @@ struct HealthFacts {
   std::vector<ConsoleFacts> consoles;  ///< those that are wanted, by name
   StationFacts station;
   std::vector<std::string> notes;  ///< what could not be looked at, and why
+  bool knows_consoles = false;     ///< from the daemon or the journal
   bool from_daemon = false;        ///< the states are the daemon's, not the journal's
-  bool from_journal = false;       ///< there is a journal
-  bool journal_is_off = false;     ///< as the daemon says, like the next one
-  bool journal_is_stopped = false;
-  int64_t now = 0;  ///< up to when silence counts
+  bool from_journal = false;       ///< there is a journal that can be read
+  bool journal_is_off = false;     ///< as the daemon says
+  int64_t now = 0;                 ///< up to when silence counts
 };
 
 /// Where the line is drawn.

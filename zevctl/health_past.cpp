@@ -148,7 +148,8 @@ void HealthPast::Complete(HealthFacts* facts) const {
   }
   AddFlood(&facts->consoles);
   AddGaps(facts);
-  if (facts->from_daemon && !facts->journal_is_off) AddStandstill(facts);
+  const bool is_kept = !facts->journal_is_off && !facts->station.is_journal_refused;
+  if (facts->from_daemon && is_kept) AddStandstill(facts);
 }
 
 // The sample is read for those only that have been silent for so long that it matters.
@@ -175,6 +176,7 @@ void HealthPast::AddFlood(std::vector<ConsoleFacts>* consoles) const {
   }
 }
 
+// Records are lost before anybody looks whose they are: gaps are the station's.
 void HealthPast::AddGaps(HealthFacts* facts) const {
   journal::Query query;
   query.kinds = KindBit(Kind::kGap);
@@ -182,23 +184,14 @@ void HealthPast::AddGaps(HealthFacts* facts) const {
   const auto cursor = journal_->Read(query);
   for (journal::Record record; cursor->Next(&record);) {
     const auto count = journal::FieldReader(record.payload).Number(Field::kCount).value_or(0);
-    const auto lost = static_cast<uint64_t>(std::max<int64_t>(count, 0));
-    if (!record.console) {
-      facts->station.lost_records += lost;
-      facts->station.last_gap = record.header.wall;
-      continue;
-    }
-    for (ConsoleFacts& console : facts->consoles) {
-      if (console.id != record.console) continue;
-      console.lost_records += lost;
-      console.last_gap = record.header.wall;
-    }
+    facts->station.lost_records += static_cast<uint64_t>(std::max<int64_t>(count, 0));
+    facts->station.last_gap = record.header.wall;
   }
 }
 
 // A console's output that is not recorded on purpose says nothing of the journal.
 void HealthPast::AddStandstill(HealthFacts* facts) const {
-  if (facts->journal_is_stopped) facts->station.journal_stands_since = end_.value_or(rules_.now);
+  if (facts->station.is_journal_stopped) facts->station.journal_stands_since = end_;
   if (!end_) return;
   for (const ConsoleFacts& console : facts->consoles) {
     if (!console.id || console.is_hidden || console.is_logged != true || !console.last_output) {

@@ -1,6 +1,7 @@
 """`zevctl health`: what is wrong with consoles and their record, for people and for monitors."""
 
 import json
+import os
 import subprocess
 import time
 
@@ -8,8 +9,9 @@ import pytest
 
 from harness import zevctl
 from harness.consoles import FakeConsole
+from harness.impostors import NAME_PROMPT, FakeDaemon
 from harness.logs import bring_up, log_of, wait_records
-from harness.station import Station
+from harness.station import Station, console_line
 from harness.waiting import free_port, wait_until
 from journal_writer import SECOND, Field, JournalWriter, Kind
 
@@ -71,8 +73,12 @@ def test_consoles_that_are_down_or_disabled_are_named(station):
     assert found["problems"][0]["level"] == "critical"
     assert problems(health(station, WARNING, "off", "web")) == {("disabled", "off")}
     done = zevctl.run(station, "health")
-    assert done.stdout.startswith("CRITICAL: 3 consoles, 1 critical, 1 warnings\nCONSOLE ")
-    assert '"zevctl reconnect dark"' in done.stdout
+    summary, headings, dark, what, advice, *_ = done.stdout.splitlines()
+    assert summary == "CRITICAL: 3 consoles, 1 critical, 1 warning"
+    assert headings.split() == ["CONSOLE", "PROBLEM", "SINCE"]
+    assert dark.split()[:2] == ["dark", "down"]
+    assert what == "    it is refused"
+    assert advice == '    see whether its port answers; "zevctl reconnect dark" tries at once'
 
 
 def test_a_console_whose_flag_says_so_has_no_log(station):
@@ -218,11 +224,10 @@ def test_gaps_of_the_last_day_are_told(journal):
     journal.record(Kind.GAP, 0, {Field.COUNT: 1000}, at=now - 2 * DAY)
     journal.record(Kind.GAP, 0, {Field.COUNT: 4}, at=now - HOUR)
     journal.record(Kind.GAP, 0, {Field.COUNT: 3}, at=now - HOUR)
-    journal.record(Kind.GAP, web, {Field.COUNT: 2}, at=now - MINUTE)
+    journal.output(web, b"still here\n", at=now - MINUTE)
     gaps = {problem["console"]: problem["what"] for problem in health(None, CRITICAL)["problems"]
             if problem["problem"] == "gap"}
-    assert gaps == {None: "7 records are missing in the journal",
-                    "web": "2 records are missing in its journal"}
+    assert gaps == {None: "7 records are missing in the journal"}
 
 
 def test_a_pause_that_has_not_ended_is_told(journal):
@@ -239,21 +244,156 @@ def test_a_pause_that_has_not_ended_is_told(journal):
 # What cannot be known
 
 
-def test_without_daemon_and_journal_nothing_is_known(station):
-    done = zevctl.run(None, "--port", str(free_port()), "health")
-    assert (done.returncode, done.stdout) == (UNKNOWN, "")
-    assert done.stderr.endswith("There is no journal to look at instead, either.\n")
+@pytest.mark.parametrize("names", [(), ("web",)])
+def test_without_daemon_and_journal_it_is_critical(station, names):
+    found = health(None, CRITICAL, *names)
+    assert problems(found) == {("daemon", None)}
+    assert (found["states_from"], found["consoles"], found["journal"]) == (None, None, False)
+    assert found["notes"][1].startswith("the daemon was not asked, and nothing is known of the ")
+    done = zevctl.run(None, "health", *names)
+    assert done.stdout.startswith("CRITICAL: 1 critical, 0 warnings\n")
+
+
+def refused_entry() -> FakeDaemon:
+    """A daemon that asks for a name, which nobody gives."""
+    return FakeDaemon(opening=NAME_PROMPT)
+
+
+def test_where_nothing_can_be_known_monitors_are_told_why(station):
+    with refused_entry() as daemon:
+        done = zevctl.run(None, "--port", str(daemon.port), "health")
+        assert (done.returncode, done.stderr) == (UNKNOWN, "")
+        assert done.stdout.startswith("UNKNOWN: ")
+        assert done.stdout.endswith(" There is no journal to look at instead, either.\n")
+        found = health(None, UNKNOWN, "--port", str(daemon.port))
+    assert (found["level"], found["states_from"], found["problems"]) == ("unknown", None, [])
+    assert found["notes"] == [done.stdout.removeprefix("UNKNOWN: ").rstrip()]
 
 
 def test_a_console_that_does_not_exist_is_unknown(station):
     station_of(station, "web")
     done = zevctl.run(station, "health", "nobody")
-    assert done.returncode == UNKNOWN and "nobody" in done.stderr
+    assert done.returncode == UNKNOWN and done.stdout.startswith("UNKNOWN: no console is named")
+
+
+def spoil(station: Station) -> None:
+    """Leave something in the journal's place that is none."""
+    (station.root / "journal").write_text("no journal\n")
+
+
+def test_a_journal_that_cannot_be_read_leaves_what_the_daemon_tells(station):
+    station_of(station, "web")
+    spoil(station)
+    found = health(station, FINE)
+    assert (found["states_from"], found["journal"]) == ("daemon", False)
+    assert found["notes"][0].startswith("the journal was not looked at: the journal in ")
+
+
+def test_a_journal_that_cannot_be_read_does_not_hide_that_there_is_no_daemon(station):
+    spoil(station)
+    assert problems(health(None, CRITICAL)) == {("daemon", None)}
+
+
+def test_a_journal_that_cannot_be_read_and_is_stopped_is_critical(station):
+    spoil(station)
+    with FakeDaemon(status=status_of("web", time.time()), stats='{"journal": "stopped"}\n'
+                    ) as daemon:
+        found = health(None, CRITICAL, "--port", str(daemon.port))
+    assert problems(found) == {("journal", None)}
+
+
+def test_a_journal_that_cannot_be_read_is_told_where_nothing_is_known(station):
+    spoil(station)
+    with refused_entry() as daemon:
+        note, = health(None, UNKNOWN, "--port", str(daemon.port))["notes"]
+    assert "The journal cannot be looked at instead: the journal in " in note
+
+
+def status_of(name: str, last_output: float) -> str:
+    """What a daemon tells of a console that is connected."""
+    return json.dumps({"console": name, "state": "connected", "since": int(last_output) - 60,
+                       "last_output": int(last_output), "users": []}) + "\n"
+
+
+def test_an_older_daemon_that_only_tells_states_is_believed(station):
+    with FakeDaemon(status=status_of("web", time.time()), stats=b"Invalid command.") as daemon:
+        found = health(None, FINE, "--port", str(daemon.port))
+    assert (found["states_from"], found["consoles"]) == ("daemon", 1)
+    assert found["notes"][0].startswith("the daemon does not tell whether it keeps a journal: ")
+
+
+# What the record lacks
+
+
+def test_a_journal_that_the_daemon_refuses_is_critical(station):
+    spoil(station)
+    switch_journal_on(station)
+    station_of(station, "web")
+    wait_until(lambda: ("journal", None) in problems(json.loads(
+        zevctl.run(station, "--json", "health").stdout)), what="the journal to be refused")
+    problem, = health(station, CRITICAL)["problems"]
+    assert problem["what"] == "the daemon does not keep the journal that it is to keep"
+    assert "reload" in problem["do"]
+
+
+def logging(station: Station, *names: str) -> None:
+    """A configuration with these consoles, which have logs."""
+    station.write_config(*(console_line(name, 1) for name in names))
+
+
+def test_a_journal_that_stays_behind_is_critical(station, journal):
+    now = time.time()
+    end = int(now - 600) * SECOND
+    journal.output(journal.console("web", at=end - SECOND), b"late\n", at=end)
+    logging(station, "web")
+    with FakeDaemon(status=status_of("web", now - 570), stats='{"journal": "on"}\n') as daemon:
+        health(None, FINE, "--port", str(daemon.port))
+    with FakeDaemon(status=status_of("web", now), stats='{"journal": "on"}\n') as daemon:
+        problem, = health(None, CRITICAL, "--port", str(daemon.port))["problems"]
+    assert (problem["problem"], problem["console"]) == ("journal", None)
+    assert problem["what"] == "consoles print, and the journal is not written"
+
+
+def test_a_log_that_stays_behind_is_critical(station, journal):
+    station_of(station, "web")
+    now = time.time_ns()
+    console = journal.console("web", at=now - HOUR)
+    journal.output(console, b"logged\n", at=now - 10 * MINUTE)
+    os.utime(log_of(station, "web"), ns=(now - 10 * MINUTE, now - 10 * MINUTE))
+    health(station, FINE)
+    journal.output(console, b"not logged\n", at=now - 5 * MINUTE)
+    problem, = health(station, CRITICAL)["problems"]
+    assert (problem["problem"], problem["console"]) == ("no-log", "web")
+    assert problem["what"] == "it prints and its log is not written"
+
+
+def test_advice_is_not_cut_on_a_terminal(station):
+    name = "a-console-of-a-long-name-in-the-third-rack-of-the-second-room"
+    station.console_line(name, 1, enable=0)
+    station.start("-d", "0")
+    with zevctl.Terminal(station, "health", columns=80) as screen:
+        shown = screen.expect_end(WARNING).decode().splitlines()
+    assert shown[0] == "WARNING: 1 console, 0 critical, 1 warning"
+    below = " ".join(line.strip() for line in shown if line.startswith("    "))
+    assert below == (f'it is disabled, and nothing is recorded "zevctl enable {name}" has it '
+                     "watched again")
 
 
 def test_another_machines_files_are_not_looked_at(station):
-    done = zevctl.run(None, "--host", "localhost.invalid", "health")
-    assert done.returncode == UNKNOWN
+    spoil(station)
+    found = health(None, CRITICAL, "--host", "localhost.invalid")
+    assert problems(found) == {("daemon", None)}
+    assert found["notes"][0] == ("the journal and the logs are on the other machine, and are not "
+                                 "looked at")
+
+
+@pytest.mark.parametrize("age", ["115741d", "999999999w"])
+def test_a_silence_of_ages_is_no_short_one(station, journal, age):
+    regular(journal, "web", 10 * SECOND, time.time_ns() - HOUR)
+    with FakeDaemon(status=status_of("web", time.time() - 3600), stats='{"journal": "off"}\n'
+                    ) as daemon:
+        health(None, FINE, "--port", str(daemon.port), "--silent", age)
+        health(None, WARNING, "--port", str(daemon.port), "--silent", "59m")
 
 
 @pytest.mark.parametrize("text", ["08:05", "1", "h", "-1h", "0s"])

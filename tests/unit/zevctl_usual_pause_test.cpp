@@ -185,10 +185,20 @@ TEST_F(HealthJudgeTest, CallsAConsoleFloodingFromTheLimitOn) {
 
 TEST_F(HealthJudgeTest, CountsTheWorst) {
   facts_.is_log_missing = true;
-  facts_.last_gap = 1;
+  facts_.recent_bytes = rules_.flood;
   const std::vector<Problem> problems = ProblemsOf(facts_, rules_);
+  EXPECT_EQ(problems.size(), 2U);
   EXPECT_EQ(LevelOf(problems), HealthLevel::kCritical);
   EXPECT_EQ(LevelOf({}), HealthLevel::kFine);
+}
+
+TEST(HealthOfStationTest, CountsWhatIsMissingInWords) {
+  StationFacts facts;
+  facts.last_gap = 1;
+  facts.lost_records = 1;
+  EXPECT_EQ(ProblemsOf(facts).at(0).what, "1 record is missing in the journal");
+  facts.lost_records = 2;
+  EXPECT_EQ(ProblemsOf(facts).at(0).what, "2 records are missing in the journal");
 }
 
 }  // namespace
