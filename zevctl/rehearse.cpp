@@ -33,8 +33,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr size_t kMostExamples = 1'000'000;  // they are kept in memory
 constexpr int kNiceness = 10;
-constexpr double kDear =
-    100;  // microseconds: a processor matches no more than 10,000 lines a second
+constexpr double kCostly = 100;  // microseconds: 10,000 lines a second keep a processor busy
 
 struct RehearseOptions {
   std::string file;
@@ -131,17 +130,17 @@ Outcome Try(const RehearseOptions& options, const PastRange& range, const journa
 
 // ---- Judging patterns ---------------------------------------------------------------------------
 
-bool IsDear(const EventPattern& pattern, const PatternFigures& figures) {
-  return pattern.is_hard || figures.MeanCost() >= kDear;
+bool IsCostly(const EventPattern& pattern, const PatternFigures& figures) {
+  return pattern.is_hard || figures.MeanCost() >= kCostly;
 }
 
 std::string RemarkOn(const EventPattern& pattern, const PatternFigures& figures) {
   if (!figures.left_out.empty()) return "left out: " + figures.left_out;
   std::string remark = figures.matched == 0 ? "never matched" : "";
   if (figures.matched > 0 && figures.wins == 0) remark = "never wins";
-  if (IsDear(pattern, figures)) {
+  if (IsCostly(pattern, figures)) {
     remark += (remark.empty() ? "" : ", ") +
-              std::string(pattern.is_hard ? "dear: needs a process of its own" : "dear");
+              std::string(pattern.is_hard ? "costly: needs a process of its own" : "costly");
   }
   return remark;
 }
@@ -156,7 +155,7 @@ std::string CostText(double microseconds) {
 
 Colour ColourOf(const EventPattern& pattern, const PatternFigures& figures) {
   if (!figures.left_out.empty()) return Colour::kRed;
-  if (IsDear(pattern, figures)) return Colour::kYellow;
+  if (IsCostly(pattern, figures)) return Colour::kYellow;
   return figures.matched == 0 ? Colour::kDim : Colour::kNone;
 }
 
@@ -239,7 +238,7 @@ Json PatternAsJson(const EventPattern& pattern, const PatternFigures& figures) {
           {"pattern", Utf8(pattern.expression)},
           {"line", pattern.line},
           {"hard", pattern.is_hard},
-          {"dear", IsDear(pattern, figures)},
+          {"costly", IsCostly(pattern, figures)},
           {"tried", figures.tried},
           {"matched", figures.matched},
           {"wins", figures.wins},
@@ -316,10 +315,12 @@ void AddRehearseCommand(Command& app, Program& program) {
                  std::string("Only lines of this time and later: ") + kMomentForms)
       .ShowDefault();
   command.AddOption("--until", options->until, "Only lines of this time and earlier");
-  command.AddOption("--show", options->examples, "Also this many of the last lines of each pattern")
+  command
+      .AddOption("--show", options->examples,
+                 "Also show this many of the last lines that each pattern matched")
       .InRange(size_t{0}, kMostExamples);
   command.AddFlag("--carriage-returns", options->keeps_returns,
-                  "Lines as of a daemon that keeps carriage returns in its logs (-s 0)");
+                  "Have a carriage return end a line, as for a daemon with -s 0");
   command.AddOption("--events-dir", options->events_dir, "The station's event files").ShowDefault();
   command.AddOption("--journal-dir", options->journal_dir, kJournalDirHelp).ShowDefault();
   command.SetAction(program,

@@ -78,7 +78,7 @@ def test_the_table_names_what_to_look_at(station, journal):
         ["any", "300", "1", "1", "1", ""],
         ["late", "200", "1", "0", "0", "never wins"],
         ["never", "100", "0", "0", "0", "never matched"],
-        ["twice", "50", "1", "1", "1", "dear: needs a process of its own"],
+        ["twice", "50", "1", "1", "1", "costly: needs a process of its own"],
         ["bad", "1", "0", "0", "0", "left out: does not compile: Unmatched ( or \\("]]
     assert lines[6] == "Lines: 2, matched: 2; a process of its own has to match the whole file."
     assert lines[7].startswith("The journal begins at ")
