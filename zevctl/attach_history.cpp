@@ -52,11 +52,13 @@ std::string SessionText(const std::string& received) {
   return telnet.TakeText();
 }
 
-// Takes what comes within the time.
-void Receive(Opening& opening, Milliseconds limit) {
+// Takes what comes within the time. False at the end of the session: then nothing more will come.
+bool Receive(Opening& opening, Milliseconds limit) {
   std::array<char, 65536> chunk{};
-  if (!WaitFor(opening.socket.fd(), POLLIN, limit)) return;
-  opening.received.append(chunk.data(), opening.socket.Receive(chunk, limit));
+  if (!WaitFor(opening.socket.fd(), POLLIN, limit)) return true;
+  const size_t count = opening.socket.Receive(chunk, limit);
+  opening.received.append(chunk.data(), count);
+  return count > 0;
 }
 
 }  // namespace
@@ -124,10 +126,10 @@ void AttachHistory::ShowFor(size_t console, Opening& opening) {
 
 std::optional<Position> AttachHistory::AwaitAttached(size_t console, Opening& opening) {
   const auto deadline = Clock::now() + kJournalLag;
-  for (;;) {
+  for (bool goes_on = true;;) {
     const auto place = FindAttached(console);
-    if (place || Clock::now() >= deadline) return place;
-    Receive(opening, kLook);
+    if (place || !goes_on || Clock::now() >= deadline) return place;
+    goes_on = Receive(opening, kLook);
     journal_->Refresh();
   }
 }
@@ -158,11 +160,11 @@ size_t AttachHistory::AwaitSeam(size_t console, const Position& place, const std
                                 Opening& opening) {
   const auto deadline = Clock::now() + kSeamLimit;
   for (;;) {
-    Receive(opening, kLook);
+    const bool goes_on = Receive(opening, kLook);
     const std::string received = SessionText(opening.received);
     const auto repeated = RepeatedBytes(received, before, After(console, place));
     if (repeated) return *repeated;
-    if (Clock::now() >= deadline) return ProbablyRepeatedBytes(received, before);
+    if (!goes_on || Clock::now() >= deadline) return ProbablyRepeatedBytes(received, before);
     journal_->Refresh();
   }
 }
