@@ -85,8 +85,7 @@ Tape TapeOf(const journal::Journal& journal, size_t console, const Period& perio
 }
 
 void RequireRecords(const Tape& tape, const std::string& name, const Period& period) {
-  journal::Record record;
-  if (tape.FromStart()->Next(&record)) return;
+  if (!tape.IsEmpty()) return;
   throw Failure(ExitStatus::kFailed, "the journal has nothing of " + Printable(name) + " from " +
                                          Rfc3339(period.since) + " to " + Rfc3339(period.until) +
                                          "; give an earlier --since");

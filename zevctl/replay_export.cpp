@@ -21,7 +21,8 @@ constexpr int64_t kSecond = 1'000'000'000;  // nanoseconds
 constexpr std::array kMarked = {
     Kind::kAttached, Kind::kLeft,      Kind::kMode,    Kind::kConnected, Kind::kLost,
     Kind::kDisabled, Kind::kEnabled,   Kind::kMessage, Kind::kBreak,     Kind::kEvent,
-    Kind::kPaused,   Kind::kNotLogged, Kind::kGap,     Kind::kClockStep,
+    Kind::kPaused,   Kind::kNotLogged, Kind::kGap,     Kind::kClockStep, Kind::kStarted,
+    Kind::kStopped,  Kind::kTorn,
 };
 
 bool IsMarked(Kind kind) {

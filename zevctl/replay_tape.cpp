@@ -4,16 +4,35 @@
 
 namespace zevctl {
 
+using journal::Kind;
+using journal::KindBit;
+
 Tape::Tape(const journal::Journal& journal, std::vector<size_t> consoles,
            std::optional<int64_t> since, std::optional<int64_t> until)
     : journal_(journal), consoles_(std::move(consoles)), since_(since), until_(until) {}
 
+// What happened to the station happened to the console, too: its output may be missing, the clock
+// was set, the daemon started. What users did elsewhere, which the audit tells, did not.
 journal::Query Tape::Base() const {
   journal::Query query;
   query.consoles = consoles_;
+  query.with_station = true;
+  query.kinds = ~KindBit(Kind::kAudit);
   query.since = since_;
   query.until = until_;
   return query;
+}
+
+journal::Query Tape::OnlyOfConsole() const {
+  journal::Query query = Base();
+  query.with_station = false;
+  query.kinds &= ~KindBit(Kind::kConsole);
+  return query;
+}
+
+bool Tape::IsEmpty() const {
+  journal::Record record;
+  return !journal_.Read(OnlyOfConsole())->Next(&record);
 }
 
 std::unique_ptr<journal::Cursor> Tape::FromStart() const {
@@ -27,7 +46,7 @@ std::unique_ptr<journal::Cursor> Tape::From(const journal::Position& record) con
 }
 
 std::unique_ptr<journal::Cursor> Tape::FromEnd() const {
-  journal::Query query = Base();
+  journal::Query query = OnlyOfConsole();
   query.backward = true;
   return journal_.Read(query);
 }

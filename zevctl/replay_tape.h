@@ -25,7 +25,7 @@ struct Landing {
   Nanoseconds elapsed{0};
 };
 
-/// Of one console, between two times.
+/// Of one console, between two times; with what happened to the whole station meanwhile.
 class Tape {
  public:
   /// Times in nanoseconds since the epoch, both inclusive. The journal must live longer.
@@ -34,9 +34,12 @@ class Tape {
 
   std::optional<int64_t> since() const { return since_; }
 
+  /// True when nothing happened at the console. The station's own records do not count.
+  bool IsEmpty() const;
+
   std::unique_ptr<journal::Cursor> FromStart() const;
   std::unique_ptr<journal::Cursor> From(const journal::Position& record) const;
-  /// Backward, the last record first.
+  /// Backward, the console's last record first; without the station's own records.
   std::unique_ptr<journal::Cursor> FromEnd() const;
   /// Backward; without the record itself.
   std::unique_ptr<journal::Cursor> Before(const journal::Position& record) const;
@@ -49,6 +52,7 @@ class Tape {
 
  private:
   journal::Query Base() const;
+  journal::Query OnlyOfConsole() const;
 
   const journal::Journal& journal_;
   std::vector<size_t> consoles_;

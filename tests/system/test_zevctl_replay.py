@@ -10,7 +10,7 @@ from harness.screens import QUESTIONS, Screen
 # `tape` and `play` are fixtures.
 from harness.tapes import CRASH, HOSTILE, crash, play, tape
 from harness.waiting import LIMIT, stretched, wait_until
-from journal_writer import Field, Kind, flip
+from journal_writer import SECOND, Field, Kind, flip
 
 LEFT, RIGHT, FAR_LEFT, HOME, END = "\x1b[D", "\x1b[C", "\x1b[1;2D", "\x1b[H", "\x1b[F"
 
@@ -186,6 +186,10 @@ NOTES = [
      "not logged from here on by ann: mode"),
     (Kind.NOT_LOGGED, {Field.USER: "ann", Field.BYTES: 7}, "not logged by ann, 7 bytes"),
     (Kind.GAP, {Field.COUNT: 3, Field.REASON: "disk full"}, "gap: 3 records"),
+    (Kind.CLOCK_STEP, {Field.BEGIN: 0, Field.END: 5 * SECOND}, "the clock was set forward by 5 s"),
+    (Kind.STARTED, {Field.VERSION: "0.1.0", Field.PID: 7}, "the daemon started (version 0.1.0"),
+    (Kind.STOPPED, b"", "the daemon stopped"),
+    (Kind.TORN, {Field.SEGMENT: 3, Field.BYTES: 1}, "the end of segment 3 was torn"),
     (Kind.ATTACHED, {Field.USER: "bob", Field.MODE: "ex"}, "bob attached (exclusive)"),
 ]
 
@@ -196,6 +200,25 @@ def test_what_is_not_output_is_in_the_status_line(tape, play, kind, payload, tex
     tape.record(kind, 0.1, payload)
     screen = play(columns=120)
     screen.wait_status("end", "03:10:00 " + text)
+
+
+def test_what_users_did_elsewhere_is_not_told(tape, play):
+    tape.output(0, b"one\r\n")
+    tape.record(Kind.CONNECTED, 0.1)
+    tape.record(Kind.AUDIT, 0.2, {Field.WHAT: "clear", Field.USER: "ann", Field.CONSOLE: "db"})
+    screen = play(columns=120)
+    screen.wait_status("end", "03:10:00 connected")
+
+
+def test_the_end_is_behind_what_happened_to_the_station(tape, play):
+    tape.output(0, b"one\r\n")
+    tape.record(Kind.STOPPED, 60)
+    screen = play("--max-idle", "0", columns=120)
+    screen.type(END)
+    screen.wait_rows("one")
+    screen.wait_status("03:11:00", "end", "the daemon stopped")
+    screen.type(LEFT)
+    screen.wait_status("03:10:50")
 
 
 def test_the_screen_before_the_start_is_there(tape, play):

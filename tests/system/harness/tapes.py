@@ -16,6 +16,10 @@ HOSTILE = (b"\x1b[6n\x1b[c\x1b[>c\x1b[5n\x1b[18t\x1b[?2026$p\x1bZ\x05\x1b]0;titl
            b"\xc2\x9b6n\x1b[8;9;9t\xe2\x80\xaelarutan\r\n\x1b[2l\x1b[5ishown\x1b]never ends")
 
 
+# Records of these kinds belong to the station, not to a console.
+OF_THE_STATION = {Kind.GAP, Kind.CLOCK_STEP, Kind.STARTED, Kind.STOPPED, Kind.AUDIT, Kind.TORN}
+
+
 class Tape:
     """A journal of one console; times are seconds from BEGIN on, as both clocks tell them."""
 
@@ -25,9 +29,10 @@ class Tape:
         self.console = self.journal.console(name, "10.0.0.1", 4001)
 
     def record(self, kind: Kind, seconds: float, payload=b"") -> None:
-        """Write a record of the console."""
+        """Write a record of the console, or of the station where the kind wants that."""
         span = round(seconds * SECOND)
-        self.journal.record(kind, self.console, payload, at=BEGIN + span, monotonic=span + SECOND)
+        console = 0 if kind in OF_THE_STATION else self.console
+        self.journal.record(kind, console, payload, at=BEGIN + span, monotonic=span + SECOND)
 
     def output(self, seconds: float, data: bytes) -> None:
         """The console prints."""
