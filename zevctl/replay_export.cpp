@@ -46,7 +46,9 @@ std::string Header(const AsciicastOptions& options, int64_t wall) {
 /// Writes the records of a tape one by one.
 class AsciicastWriter {
  public:
-  AsciicastWriter(const Tape& tape, const TextSink& sink) : tape_(tape), sink_(sink) {}
+  /// Goes on behind what the decoder has had.
+  AsciicastWriter(const Tape& tape, const TextSink& sink, const Decoder& decoder)
+      : tape_(tape), sink_(sink), decoder_{decoder.telnet, decoder.filter} {}
 
   void Take(const journal::Record& record) {
     const Instant instant = InstantOf(record);
@@ -95,16 +97,14 @@ std::vector<journal::Damage> ExportAsciicast(const Tape& tape, const AsciicastOp
                                              const TextSink& sink) {
   const auto cursor = tape.FromStart();
   journal::Record record;
-  bool is_first = true;
-  AsciicastWriter writer(tape, sink);
-  while (cursor->Next(&record)) {
-    if (is_first) {
-      sink(Header(options, record.header.wall));
-      writer.Write('o', Player(tape, options.size).screen().Picture());
-    }
-    is_first = false;
+  if (!cursor->Next(&record)) return cursor->damages();
+  sink(Header(options, record.header.wall));
+  const Player start(tape, options.size);
+  AsciicastWriter writer(tape, sink, start.decoder());
+  writer.Write('o', start.screen().Picture());
+  do {
     writer.Take(record);
-  }
+  } while (cursor->Next(&record));
   writer.Finish();
   return cursor->damages();
 }
@@ -112,7 +112,7 @@ std::vector<journal::Damage> ExportAsciicast(const Tape& tape, const AsciicastOp
 std::vector<journal::Damage> ExportText(const Tape& tape, const TextSink& sink) {
   const auto cursor = tape.FromStart();
   journal::Record record;
-  Decoder decoder;
+  Decoder decoder = Player(tape, {}).decoder();  // with the line that the start cuts in two
   while (cursor->Next(&record)) {
     if (record.header.kind != Kind::kOutput) continue;
     decoder.Take(

@@ -22,13 +22,15 @@ struct AsciicastOptions {
   std::optional<Nanoseconds> most_idle;  ///< a wish that stands in the header
 };
 
-/// The tape as an asciicast, version 2: what a terminal draws as output, and a marker for what else
-/// happened. Output that would make a terminal do more than draw is left out.
+/// The tape as an asciicast, version 2: the screen as it was at the start, what a terminal draws as
+/// output, and a marker for what else happened. Output that would make a terminal do more than draw
+/// is left out.
 /// Returns what of it cannot be read.
 std::vector<journal::Damage> ExportAsciicast(const Tape& tape, const AsciicastOptions& options,
                                              const TextSink& sink);
 
-/// The tape's lines, without escape sequences. Returns what of it cannot be read.
+/// The tape's lines, without escape sequences; the first is whole, also when it began before the
+/// tape. Returns what of it cannot be read.
 std::vector<journal::Damage> ExportText(const Tape& tape, const TextSink& sink);
 
 /// One line of an asciicast: seconds since its begin, the kind of event, and text.

@@ -3,6 +3,7 @@
 #include <vterm.h>
 
 #include <algorithm>
+#include <cstdio>
 
 #include "output.h"
 
@@ -66,15 +67,28 @@ std::string Looks(const VTermScreenCell& cell) {
 }
 
 constexpr char kPlainLooks[] = "\x1b[0m";
+constexpr char kAskMargins[] = "\x1bP$qr\x1b\\";
+constexpr char kMarginsAnswer[] = "\x1bP1$r%d;%dr";
+
+std::string Place(int row, int column) {
+  return "\x1b[" + std::to_string(row + 1) + ";" + std::to_string(column + 1) + "H";
+}
+
+// Nobody has asked. Without this the answers would pile up.
+void DropAnswer(const char* /*bytes*/, size_t /*count*/, void* /*user*/) {}
+
+void KeepAnswer(const char* bytes, size_t count, void* answer) {
+  static_cast<std::string*>(answer)->append(bytes, count);
+}
 
 }  // namespace
 
-// The screen tells by itself of everything but whether the cursor is to be seen.
+// What the screen does not tell when it is asked.
 struct VirtualScreen::Callbacks {
-  static int SetProperty(VTermProp property, VTermValue* value, void* screen) {
-    if (property == VTERM_PROP_CURSORVISIBLE) {
-      static_cast<VirtualScreen*>(screen)->cursor_is_visible_ = value->boolean != 0;
-    }
+  static int SetProperty(VTermProp property, VTermValue* value, void* user) {
+    auto* const screen = static_cast<VirtualScreen*>(user);
+    if (property == VTERM_PROP_CURSORVISIBLE) screen->cursor_is_visible_ = value->boolean != 0;
+    if (property == VTERM_PROP_ALTSCREEN) screen->is_alternate_ = value->boolean != 0;
     return 1;
   }
 
@@ -97,9 +111,7 @@ VirtualScreen::VirtualScreen(ScreenSize size)
       terminal_(vterm_new(size_.rows, size_.columns), vterm_free),
       screen_(vterm_obtain_screen(terminal_.get())) {
   vterm_set_utf8(terminal_.get(), 1);
-  // Answers go nowhere. Without this they would pile up.
-  vterm_output_set_callback(
-      terminal_.get(), [](const char*, size_t, void*) {}, nullptr);
+  vterm_output_set_callback(terminal_.get(), DropAnswer, nullptr);
   vterm_screen_set_callbacks(screen_, Callbacks::Table(), this);
   vterm_screen_enable_altscreen(screen_, 1);
   Reset();
@@ -145,14 +157,50 @@ int VirtualScreen::cursor_column() const {
   return std::clamp(place.col, 0, size_.columns - 1);
 }
 
+// The looks of what is written next.
+std::string VirtualScreen::PenLooks() const {
+  const VTermState* const state = vterm_obtain_state(terminal_.get());
+  const auto value = [&](VTermAttr attribute) {
+    VTermValue found{};
+    vterm_state_get_penattr(state, attribute, &found);
+    return found;
+  };
+  VTermScreenCell cell{};
+  cell.attrs.bold = value(VTERM_ATTR_BOLD).boolean != 0 ? 1 : 0;
+  cell.attrs.italic = value(VTERM_ATTR_ITALIC).boolean != 0 ? 1 : 0;
+  cell.attrs.underline = value(VTERM_ATTR_UNDERLINE).number != 0 ? 1 : 0;
+  cell.attrs.blink = value(VTERM_ATTR_BLINK).boolean != 0 ? 1 : 0;
+  cell.attrs.reverse = value(VTERM_ATTR_REVERSE).boolean != 0 ? 1 : 0;
+  cell.attrs.strike = value(VTERM_ATTR_STRIKE).boolean != 0 ? 1 : 0;
+  cell.fg = value(VTERM_ATTR_FOREGROUND).color;
+  cell.bg = value(VTERM_ATTR_BACKGROUND).color;
+  const std::string looks = Looks(cell);
+  return looks == kPlainLooks ? "" : looks;
+}
+
+// The rows that scroll; empty when all of them do. Only the terminal's answer to a program tells.
+std::string VirtualScreen::Margins() const {
+  std::string answer;
+  vterm_output_set_callback(terminal_.get(), KeepAnswer, &answer);
+  vterm_input_write(terminal_.get(), kAskMargins, sizeof kAskMargins - 1);
+  vterm_output_set_callback(terminal_.get(), DropAnswer, nullptr);
+  int top = 1;
+  int bottom = size_.rows;
+  if (sscanf(answer.c_str(), kMarginsAnswer, &top, &bottom) != 2) return "";
+  if (top == 1 && bottom == size_.rows) return "";
+  return "\x1b[" + std::to_string(top) + ";" + std::to_string(bottom) + "r";
+}
+
+// Setting margins moves the cursor, so its place comes behind them.
 std::string VirtualScreen::Picture() const {
-  std::string text = "\x1b[0m\x1b[H\x1b[2J";
+  std::string text = is_alternate_ ? "\x1b[?1049h" : "";
+  text += "\x1b[0m\x1b[H\x1b[2J";
   for (int row = 0; row < size_.rows; ++row) {
     const std::string drawn = Row(row);
-    if (!drawn.empty()) text += "\x1b[" + std::to_string(row + 1) + ";1H" + drawn;
+    if (!drawn.empty()) text += Place(row, 0) + drawn;
   }
-  return text + "\x1b[" + std::to_string(cursor_row() + 1) + ";" +
-         std::to_string(cursor_column() + 1) + "H";
+  text += Margins() + Place(cursor_row(), cursor_column()) + PenLooks();
+  return cursor_is_visible_ ? text : text + "\x1b[?25l";
 }
 
 }  // namespace zevctl

@@ -42,16 +42,21 @@ class VirtualScreen {
   int cursor_column() const;
   bool cursor_is_visible() const { return cursor_is_visible_; }
 
-  /// What draws the whole screen, and puts the cursor in its place, on a terminal of this size.
+  /// What draws the whole screen on a terminal of this size, and makes the terminal go on as this
+  /// one would: with its cursor, its colours, its margins, and on the alternate screen.
   std::string Picture() const;
 
  private:
   struct Callbacks;
 
+  std::string PenLooks() const;
+  std::string Margins() const;
+
   ScreenSize size_;
   std::unique_ptr<VTerm, void (*)(VTerm*)> terminal_;
   VTermScreen* screen_;  // belongs to the terminal
   bool cursor_is_visible_ = true;
+  bool is_alternate_ = false;
 };
 
 }  // namespace zevctl

@@ -10,7 +10,7 @@ from harness.screens import QUESTIONS, Screen
 # `tape` and `play` are fixtures.
 from harness.tapes import BEGIN, CRASH, HOSTILE, Tape, crash, play, tape
 from harness.waiting import LIMIT, stretched
-from journal_writer import SECOND
+from journal_writer import SECOND, Field, Kind
 
 
 def exported(tape: Tape, form: str, *more: str) -> str:
@@ -46,6 +46,46 @@ def test_a_character_that_records_cut_is_joined(tape):
     assert texts == ["€ \ufffd", "\ufffd"]
 
 
+def test_what_happened_to_the_station_is_marked(tape):
+    tape.output(0, b"one\r\n")
+    tape.record(Kind.GAP, 1, {Field.COUNT: 1, Field.REASON: "disk full"})
+    tape.record(Kind.STOPPED, 2)
+    tape.record(Kind.AUDIT, 3, {Field.WHAT: "clear", Field.USER: "ann", Field.CONSOLE: "db"})
+    tape.record(Kind.STARTED, 4, {Field.VERSION: "0.1.0", Field.PID: 7})
+    assert cast(exported(tape, "asciicast"))[1][1:] == [
+        [0, "o", "one\r\n"],
+        [1, "m", "gap: 1 record could not be kept: disk full"],
+        [2, "m", "the daemon stopped"],
+        [4, "m", "the daemon started (version 0.1.0, process 7)"]]
+
+
+MIDDLE = ("--since", "2026-11-22T03:10:05Z")  # where two() cuts
+
+
+def two(tape: Tape, before: bytes, after: bytes) -> None:
+    """Output that an export beginning in the MIDDLE cuts in two."""
+    tape.output(0, before)
+    tape.output(10, after)
+
+
+@pytest.mark.parametrize("before, after, shown", [
+    (b"\xe2\x82", b"\xac\r\n", "\u20ac\r\n"),
+    (b"\x1b[1;3", b"1mred", "\x1b[1;31mred"),
+    (b"\x1b]0;ti", b"tle\aplain", "plain"),
+    (b"\xff\xfa\x18", b"A\xff\xf0plain", "plain"),
+], ids=["character", "sequence", "title", "telnet"])
+def test_what_the_start_cuts_is_joined(tape, before, after, shown):
+    two(tape, b"one\r\n" + before, after)
+    header, (picture, event) = cast(exported(tape, "asciicast", *MIDDLE))
+    assert header["timestamp"] == BEGIN // SECOND + 10
+    assert picture[:2] == [0, "o"] and "one" in picture[2] and event == [0, "o", shown]
+
+
+def test_text_has_the_line_whole_that_the_start_cuts(tape):
+    two(tape, b"one\r\n10 \xe2\x82", b"\xac\r\nlast\r\n")
+    assert exported(tape, "text", *MIDDLE) == "10 \u20ac\nlast\n"
+
+
 def test_a_wish_for_short_pauses_is_in_the_header(tape):
     crash(tape)
     assert cast(exported(tape, "asciicast", "--max-idle", "1.5"))[0]["idle_time_limit"] == 1.5
@@ -67,6 +107,26 @@ def test_asciinema_plays_what_replay_shows(tape, play, tmp_path):
             assert [mine.buffer[row][column] for column in range(80)] == \
                 [theirs.buffer[row][column] for column in range(80)], row
         assert "blue" in other.draw()[2] and "日本" in other.draw()[3]
+
+
+def letters(screen: Screen) -> list[list[tuple[str, str]]]:
+    """What stands in each row, with its colours, without the blanks."""
+    rows = ([screen.screen.buffer[row][column] for column in range(80)] for row in range(24))
+    return [[(cell.data, cell.fg) for cell in row if cell.data != " "] for row in rows]
+
+
+def test_asciinema_goes_on_where_the_screen_was(tape, play, tmp_path):
+    two(tape, b"shell$ \x1b[?1049h\x1b[2J\x1b[20;1Hbelow\x1b[5;8r\x1b[5;1H\x1b[34mfirst\x1b[8;3H",
+        b"one\r\ntwo\r\nthree")
+    file = tmp_path / "web.cast"
+    assert exported(tape, "asciicast", "-o", str(file), *MIDDLE) == ""
+    screen = play("--speed", "100", *MIDDLE, rows=25)
+    screen.wait_status("end")
+    with Screen("/usr/bin/asciinema", "play", str(file), rows=24) as other:
+        assert other.wait_end() == 0
+        assert other.rows()[7].endswith("three") and other.rows()[19] == "below"
+        assert letters(other) == letters(screen)
+        assert {color for letter, color in letters(other)[7]} == {"blue"}
 
 
 def test_text_is_what_a_person_reads(tape):

@@ -70,6 +70,21 @@ TEST(VirtualScreen, ItsPictureDrawsTheSame) {
   EXPECT_EQ(other.cursor_column(), screen.cursor_column());
 }
 
+TEST(VirtualScreen, ItsPictureLetsAnotherGoOn) {
+  for (const std::string before :
+       {"\x1b[1;4;31;45mred", "\x1b[38;5;200;7mx", "\x1b[38;2;1;2;3;3mx", "\x1b[2;3r\x1b[3;5H",
+        "shell$ \x1b[?1049h\x1b[2;4Heditor", "\x1b[?25l"}) {
+    VirtualScreen screen({4, 20});
+    screen.Put(before);
+    VirtualScreen other({4, 20});
+    other.Put(screen.Picture());
+    EXPECT_EQ(other.Picture(), screen.Picture()) << before;
+    EXPECT_EQ(other.cursor_is_visible(), screen.cursor_is_visible()) << before;
+    for (VirtualScreen* const each : {&screen, &other}) each->Put("more\n\n\nend");
+    EXPECT_EQ(other.Picture(), screen.Picture()) << before;
+  }
+}
+
 TEST(VirtualScreen, RepeatsWhatHasNoWidth) {
   DrawingFilter filter;
   VirtualScreen screen({1, 2});
