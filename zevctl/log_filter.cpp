@@ -4,10 +4,10 @@
 
 namespace zevctl {
 
-Pattern::Pattern(const std::string& text, bool ignore_case) {
+Pattern::Pattern(const std::string& text, bool ignore_case, const std::string& source) {
   const int error = regcomp(&compiled_, text.c_str(), REG_EXTENDED | (ignore_case ? REG_ICASE : 0));
   if (error == 0) return;
-  throw Failure(ExitStatus::kUsage, "--grep: " + ErrorText(error) +
+  throw Failure(ExitStatus::kUsage, source + ": " + ErrorText(error) +
                                         "; put \\ before a character that stands for itself");
 }
 

@@ -15,8 +15,8 @@ namespace zevctl {
 /// A POSIX extended regular expression.
 class Pattern {
  public:
-  /// Throws Failure(kUsage) when the text is none.
-  Pattern(const std::string& text, bool ignore_case);
+  /// Throws Failure(kUsage) when the text is none; the message begins with its `source`.
+  Pattern(const std::string& text, bool ignore_case, const std::string& source = "--grep");
   ~Pattern();
   Pattern(const Pattern&) = delete;
   Pattern& operator=(const Pattern&) = delete;

@@ -200,7 +200,7 @@ void ReplayControl::TypePattern(const KeyPress& press) {
 void ReplayControl::TakePattern(const std::string& text) {
   if (text.empty() && !pattern_) return;
   try {
-    if (!text.empty()) pattern_ = std::make_unique<Pattern>(text, false);
+    if (!text.empty()) pattern_ = std::make_unique<Pattern>(text, false, "pattern");
     NextMatch();
   } catch (const Failure& failure) {
     remark_ = failure.what();

@@ -174,14 +174,13 @@ class NextMatchScan : public Scan {
         cursor_(tape.From(here_.record)) {}
 
   bool Work() override {
-    size_t bytes = 0;
+    const size_t limit = matcher_.looked_at() + kBytesAtOnce;
     journal::Record record;
-    for (size_t i = 0; i < kRecordsAtOnce && bytes < kBytesAtOnce; ++i) {
+    for (size_t i = 0; i < kRecordsAtOnce && matcher_.looked_at() < limit; ++i) {
       if (!cursor_->Next(&record)) return true;
       if (record.header.kind != Kind::kOutput) continue;
       const size_t played = record.position == here_.record ? here_.offset : 0;
       const std::vector<size_t> places = matcher_.Take(record.payload.substr(played));
-      bytes += record.payload.size();
       if (places.empty()) continue;
       found_ = Landing{{record.position, played + places.front()}, Nanoseconds(0)};
       return true;
@@ -205,15 +204,17 @@ class PreviousMatchScan : public Scan {
 
   bool Work() override {
     const bool is_first = Collect();
+    const size_t overlap = Overlap();
     LineMatcher matcher(pattern_, {});
     if (!is_first) matcher.SkipLine();
-    for (const KeptRecord& record : chunk_) {
-      for (const size_t place : matcher.Take(record.payload)) {
-        const Point point{record.position, place};
+    for (size_t i = 0; i < chunk_.size(); ++i) {
+      if (i == overlap) matcher.EndSkipping();
+      for (const size_t place : matcher.Take(chunk_[i].payload)) {
+        const Point point{chunk_[i].position, place};
         if (point < here_) found_ = Landing{point, Nanoseconds(0)};
       }
     }
-    KeepOverlap();
+    overlap_.assign(chunk_.begin(), chunk_.begin() + static_cast<ptrdiff_t>(overlap));
     return is_first || found_;
   }
 
@@ -236,15 +237,17 @@ class PreviousMatchScan : public Scan {
     return is_first;
   }
 
-  // As far as the first line's end: the line began in the chunk before.
-  void KeepOverlap() {
-    overlap_.clear();
+  // How many records there are to the first line's end: the line began in the chunk before, and is
+  // looked at with that. A line that is too long for it is looked at in pieces.
+  size_t Overlap() const {
+    size_t count = 0;
     size_t bytes = 0;
-    for (const KeptRecord& record : chunk_) {
-      overlap_.push_back(record);
-      bytes += record.payload.size();
-      if (bytes >= kMostOverlap || record.payload.find('\n') != std::string::npos) break;
+    while (count < chunk_.size() && bytes < kMostOverlap) {
+      const std::string& payload = chunk_[count++].payload;
+      bytes += payload.size();
+      if (payload.find('\n') != std::string::npos) break;
     }
+    return count;
   }
 
   const Pattern& pattern_;

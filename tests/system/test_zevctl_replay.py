@@ -151,12 +151,43 @@ def test_earlier_matches_are_found_far_back(tape, play):
     screen.wait_rows("needle")
 
 
+def test_a_match_is_found_before_it_is_typed_over(tape, play):
+    tape.output(0, b"one\r\n")
+    tape.output(1, b"panic: x\r          \rpanic: y\x1b[1G\x1b[Kok\r\n")
+    screen = play()
+    screen.type(" " + HOME + "/^panic\r")
+    screen.wait_rows("one", "panic: x")
+    screen.type("n")
+    screen.wait_rows("one", "panic: y")
+    screen.type("n")
+    screen.wait_status("no later match")
+    screen.type("N")
+    screen.wait_rows("one", "panic: x")
+
+
+def test_earlier_matches_are_found_in_a_line_without_end(tape, play):
+    progress = b"".join(b"%6d of many blocks\r" % number for number in range(2000))
+    for index in range(30):
+        tape.output(index / 100, progress)
+        if index in (4, 14):
+            tape.output(index / 100, b"needle %d              \r" % index)
+    screen = play("--speed", "100")
+    screen.wait_status("end")
+    screen.type("/needle\rN")
+    screen.wait_rows("needle 14")
+    screen.type("N")
+    screen.wait_rows("needle 4")
+    screen.type("N")
+    screen.wait_status("no earlier match")
+    screen.type("n")
+    screen.wait_rows("needle 14")
+
+
 def test_a_pattern_that_is_none_is_told(tape, play):
     crash(tape)
-    screen = play()
+    screen = play(columns=120)
     screen.type("/(\r")
-    screen.wait_status("(")
-    screen.wait(lambda: not screen.status().startswith("/"))
+    screen.wait_status("pattern: Unmatched (", "; put \\ before a character that stands for itself")
     screen.type("n")
     screen.wait_status("/")
     screen.type("\x03")
