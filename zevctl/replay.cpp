@@ -42,11 +42,13 @@ struct ReplayLine {
   std::string since;
   std::string until;
   double speed = 1;
+  bool speed_given = false;
   double max_idle = 5;
   bool max_idle_given = false;
   std::optional<std::string> form;
   std::optional<std::string> output;
   std::string size = "80x24";
+  bool size_given = false;
   std::string journal_dir = DefaultJournalDirectory();
 };
 
@@ -173,6 +175,22 @@ std::vector<journal::Damage> ExportAs(const TextSink& sink, const Tape& tape,
   return ExportAsciicast(tape, options, sink);
 }
 
+// Nobody is to believe that an option does something where it cannot.
+void RefuseIdleOptions(const ReplayLine& line) {
+  const auto refuse = [](bool is_idle, const std::string& text) {
+    if (is_idle) throw Failure(ExitStatus::kUsage, text);
+  };
+  const bool is_text = line.form == "text";
+  refuse(
+      line.form && line.speed_given,
+      "--speed: an export is not played; leave the option out, or use \"asciinema play --speed\" "
+      "with an asciicast");
+  refuse(is_text && line.max_idle_given,
+         "--max-idle: plain text has no pauses; leave the option out, or use --export asciicast");
+  refuse(is_text && line.size_given,
+         "--size: plain text has no terminal; leave the option out, or use --export asciicast");
+}
+
 // What can be read is of use all the same.
 void WarnOf(const std::vector<journal::Damage>& damages) {
   if (damages.empty()) return;
@@ -205,6 +223,7 @@ ExitStatus Export(const Tape& tape, const ReplayLine& line, const std::string& n
 // ---- The command --------------------------------------------------------------------------------
 
 ExitStatus RunReplay(const Settings& settings, const ReplayLine& line) try {
+  RefuseIdleOptions(line);
   RequireThisHost(settings, "replay", "the journal");
   if (!line.form) RequireTerminal();
   const Period period = PeriodOf(line);
@@ -225,14 +244,15 @@ ExitStatus RunReplay(const Settings& settings, const ReplayLine& line) try {
 void AddTimeOptions(Command& command, ReplayLine& line) {
   command.AddOption(
       "--since", line.since,
-      std::string("Where it begins; an hour before its end if not given: ") + kMomentForms);
-  command.AddOption("--until", line.until, "Where it ends; now if not given");
-  command.AddOption("--speed", line.speed, "How many times as fast as it was")
+      std::string("Time to begin at, an hour before the end if not given: ") + kMomentForms);
+  command.AddOption("--until", line.until, "Time to end at; now if not given");
+  command.AddOption("--speed", line.speed, "Play so many times as fast; below 1, slower")
       .InRange(Pace::kSlowest, Pace::kFastest)
+      .Tell(line.speed_given)
       .ShowDefault();
   command
       .AddOption("--max-idle", line.max_idle,
-                 "Shorten pauses to this many seconds of the record; 0 leaves them as they were")
+                 "Shorten longer pauses to this many seconds; 0 keeps them as they were")
       .InRange(0.0, kMostIdle)
       .Tell(line.max_idle_given)
       .ShowDefault();
@@ -242,16 +262,15 @@ void AddExportOptions(Command& command, ReplayLine& line) {
   const Option form =
       command
           .AddOption("--export", line.form,
-                     "Write it for other programs, in place of playing it: an asciicast of "
-                     "version 2, or its lines as plain text")
+                     "Write a file instead of playing: an asciicast of version 2, or the lines as "
+                     "plain text")
           .OneOf({"asciicast", "text"});
-  command
-      .AddOption("-o,--output", line.output,
-                 "File to make with --export, in place of standard output")
+  command.AddOption("-o,--output", line.output, "New file for --export, instead of standard output")
       .Needs(form);
-  command.AddOption("--size", line.size, "Columns and rows of the terminal in an asciicast")
+  command.AddOption("--size", line.size, "Columns and rows of an asciicast's terminal")
       .Needs(form)
       .Verify(CheckSize)
+      .Tell(line.size_given)
       .ShowDefault();
 }
 

@@ -186,6 +186,29 @@ def test_nothing_of_that_time(tape):
     assert message.stderr.endswith("; give an earlier --since\n")
 
 
+def test_what_happened_to_the_station_alone_is_nothing(tape):
+    crash(tape)
+    tape.record(Kind.STARTED, 86400 + 60, {Field.VERSION: "0.1.0", Field.PID: 7})
+    tape.journal.new_segment()  # the console is defined anew
+    done = zevctl.run(None, *tape.arguments("--export", "text", "--since", "2026-11-23T03:00:00Z",
+                                            "--until", "2026-11-23T04:00:00Z"))
+    assert done.returncode == zevctl.FAILED
+    assert "the journal has nothing of web from" in done.stderr
+
+
+@pytest.mark.parametrize("form, option, part", [
+    ("text", ["--speed", "2"], "--speed: an export is not played; leave the option out, or use"),
+    ("asciicast", ["--speed", "1"], "--speed: an export is not played"),
+    ("text", ["--max-idle", "5"], "--max-idle: plain text has no pauses; leave the option out"),
+    ("text", ["--size", "80x24"], "--size: plain text has no terminal; leave the option out"),
+])
+def test_options_that_an_export_cannot_heed_are_refused(tape, form, option, part):
+    crash(tape)
+    done = zevctl.run(None, *tape.arguments("--export", form, *option))
+    assert (done.returncode, done.stdout) == (zevctl.USAGE, "")
+    assert done.stderr.startswith("zevctl: " + part), done.stderr
+
+
 @pytest.mark.parametrize("arguments, part", [
     (["--since", "now-ish"], '--since: "now-ish" is no time'),
     (["--since", "2026-11-22", "--until", "2026-11-21"], "--since is later than --until"),
