@@ -280,7 +280,7 @@ void AddAttachCommand(Command& app, Program& program) {
                   "Attach again when the console or the daemon comes back");
   command
       .AddOption("--history", options->history,
-                 "Show so many of the lines before, from the journal")
+                 "First show so many of the last lines, from the journal")
       .InRange(size_t{0}, kMostHistory);
   command.AddOption("--journal-dir", options->journal_dir, kJournalDirHelp).ShowDefault();
   command.SetAction(program,
