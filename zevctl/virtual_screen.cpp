@@ -67,6 +67,7 @@ std::string Looks(const VTermScreenCell& cell) {
 }
 
 constexpr char kPlainLooks[] = "\x1b[0m";
+constexpr char kSaveCursor[] = "\x1b\x37";
 constexpr char kAskMargins[] = "\x1bP$qr\x1b\\";
 constexpr char kMarginsAnswer[] = "\x1bP1$r%d;%dr";
 
@@ -123,8 +124,11 @@ void VirtualScreen::Put(std::string_view text) {
   vterm_input_write(terminal_.get(), text.data(), text.size());
 }
 
+// The emulation has nothing saved then: a program that restores a cursor which it saved before the
+// output that there is would go on in black on black, with its cursor hidden.
 void VirtualScreen::Reset() {
   vterm_screen_reset(screen_, 1);
+  Put(kSaveCursor);
 }
 
 std::string VirtualScreen::Row(int row) const {

@@ -59,6 +59,17 @@ TEST(VirtualScreen, AResetLeavesNothing) {
   EXPECT_TRUE(screen.cursor_is_visible());
 }
 
+TEST(VirtualScreen, RestoresACursorThatWasNeverSaved) {
+  VirtualScreen screen({3, 20});
+  for (const std::string restore : {"\x1b\x38", "\x1b[?1048l", "\x1b[?1049l"}) {
+    screen.Put("\x1b[31mred\x1b\x37\x1b[?25l");
+    screen.Reset();
+    screen.Put("\x1b[2;5H" + restore + "text");
+    EXPECT_EQ(screen.Row(0), "text") << restore;
+    EXPECT_TRUE(screen.cursor_is_visible()) << restore;
+  }
+}
+
 TEST(VirtualScreen, ItsPictureDrawsTheSame) {
   VirtualScreen screen({4, 20});
   screen.Put("\x1b[1mone\x1b[0m\r\n\x1b[3;5H\x1b[44mtwo");
