@@ -10,6 +10,7 @@
 #include <iterator>
 #include <list>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include "exit_status.h"
@@ -241,11 +242,13 @@ void CompressedLog::TellOfDamage(off_t place) {
        "it");
 }
 
-// Once for each file, however often it is read.
+// Once for each file, however often it is read, unless it is written anew.
 void CompressedLog::Tell(const std::string& what) {
-  static std::set<std::pair<dev_t, ino_t>> told;
+  static std::set<std::tuple<dev_t, ino_t, time_t, long>> told;
   struct stat info {};
-  if (fstat(fd_, &info) != 0 || !told.emplace(info.st_dev, info.st_ino).second) return;
+  if (fstat(fd_, &info) != 0) return;
+  const timespec& written = info.st_mtim;
+  if (!told.emplace(info.st_dev, info.st_ino, written.tv_sec, written.tv_nsec).second) return;
   Warn("the compressed log of " + name_ + " " + what);
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -29,8 +30,12 @@ std::string Contents(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
+// Each at a time of its own, as damage is told once of each file.
 void Write(const std::filesystem::path& path, const std::string& bytes) {
+  static int times = 0;
   std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+  std::filesystem::last_write_time(
+      path, std::filesystem::file_time_type::clock::now() + std::chrono::seconds(++times));
 }
 
 class CompressedLogTest : public LogFilesTest {
@@ -169,6 +174,18 @@ TEST_F(CompressedLogTest, IsReadAsFarAsItIsThere) {
     EXPECT_EQ(Read(0, 100), text) << size;
     ::testing::internal::GetCapturedStderr();
   }
+}
+
+TEST_F(CompressedLogTest, ComplainsOnceOfEachFile) {
+  Append("a", "box", "1\n");
+  Compress();
+  Write(packed(), "no archive");
+  ::testing::internal::CaptureStderr();
+  Read(0, 100);
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("is damaged at byte 0"));
+  ::testing::internal::CaptureStderr();
+  Read(0, 100);
+  EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
 }
 
 TEST_F(CompressedLogTest, SurvivesAnyDamagedByte) {
