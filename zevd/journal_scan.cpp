@@ -28,7 +28,9 @@ class FileWindow {
   /// file ends before.
   std::string_view At(uint64_t offset) {
     if (offset + kMostRecord > begin_ + length_ && !at_end_) Fill(offset);
-    return std::string_view(buffer_.data(), length_).substr(offset - begin_);
+    // Reading may have failed, or the file may have become shorter since its size was asked for.
+    return std::string_view(buffer_.data(), length_)
+        .substr(std::min<uint64_t>(offset - begin_, length_));
   }
 
   bool HasFailed() const { return failed_; }
@@ -65,7 +67,9 @@ bool Follows(const RecordHeader& record, uint64_t next_record, uint64_t distance
 void ScanRecords(FileWindow& file, SegmentScan* scan) {
   uint64_t offset = scan->end;
   while (offset + journal::kRecordHeaderSize <= scan->size) {
-    const auto record = journal::DecodeRecord(file.At(offset));
+    const std::string_view bytes = file.At(offset);
+    if (bytes.size() < journal::kRecordHeaderSize) return;
+    const auto record = journal::DecodeRecord(bytes);
     if (!record || !Follows(*record, scan->next_record, offset - scan->end)) {
       ++offset;
       continue;
