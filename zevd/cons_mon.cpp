@@ -406,6 +406,7 @@ void CleanUpClosedConnections() {
     cnode->status = kNotConnected;
     counters.console_losses.Add();
     JournalClosed(cnode);
+    cnode->receive_error = 0;
     ForgetSocket(*a_cons_list, cnode->sock);
     close(cnode->sock);
     cnode->sock = -1;
