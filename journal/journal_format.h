@@ -77,14 +77,14 @@ enum class Kind : uint8_t {
   kDisabled = 10,    ///< by whom, as kAttached but for the mode
   kEnabled = 11,     ///< as kDisabled
   kMessage = 12,     ///< an operator's message to the console's users: user, text
-  kBreak = 13,       ///< a break was sent: user
+  kBreak = 13,       ///< a break was sent: user; count if there were several
   kEvent = 14,       ///< pattern (its name), priority, text (the line)
   kPaused = 15,      ///< from here on the output is not kept: user, reason
   kNotLogged = 16,   ///< until here it was not: begin, end, bytes, user, reason
   kGap = 17,         ///< records were lost here: count, bytes, begin, end, reason
   kClockStep = 18,   ///< the wall clock was set: begin (what it would have shown), end (shown now)
-  kStarted = 19,     ///< the daemon: version, pid
-  kStopped = 20,     ///< the daemon ended in good order
+  kStarted = 19,     ///< the daemon: version, pid; reason if it ran before
+  kStopped = 20,     ///< the daemon ended in good order, or goes on without a journal: reason
   kAudit = 21,       ///< who did what: what, result, user, given_user, from, given_from, console,
                      ///< mode, reason
   kTorn = 22,  ///< the end of an earlier segment was no whole record and was cut off: segment,

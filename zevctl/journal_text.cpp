@@ -109,6 +109,12 @@ std::string ChangedMode(const FieldReader& fields) {
          Mode(fields, Field::kMode);
 }
 
+std::string Breaks(const FieldReader& fields) {
+  const int64_t count = fields.Number(Field::kCount).value_or(1);
+  return (count == 1 ? "a break was" : Number(fields, Field::kCount) + " breaks were") + " sent" +
+         By(fields);
+}
+
 std::string Missing(const FieldReader& fields) {
   const auto bytes = fields.Number(Field::kBytes);
   return "gap: " + Counted(fields, Field::kCount, "record") +
@@ -178,7 +184,7 @@ constexpr std::array kWords = {
     Words{Kind::kEnabled, [](Fields f) { return "enabled" + By(f); }},
     Words{Kind::kMessage,
           [](Fields f) { return "message" + By(f) + ": " + Text(f, Field::kText); }},
-    Words{Kind::kBreak, [](Fields f) { return "a break was sent" + By(f); }},
+    Words{Kind::kBreak, Breaks},
     Words{Kind::kEvent, Event},
     Words{Kind::kPaused, [](Fields f) { return "not logged from here on" + By(f) + Because(f); }},
     Words{Kind::kNotLogged, NotLogged},

@@ -256,9 +256,12 @@ void JournalTyped(UserNode* unode, std::string_view bytes) {
     if (input == JournalInput::kAll) payload.Add(Field::kText, bytes);
     payload.Push(Kind::kInput, console);
   }
-  for (int left = CountBreaks(unode, bytes); left > 0; --left) {
-    Payload<kFewFields>().Add(Field::kUser, name).Push(Kind::kBreak, console);
-  }
+  const int breaks = CountBreaks(unode, bytes);
+  if (breaks == 0) return;
+  Payload<kFewFields> payload;
+  payload.Add(Field::kUser, name);
+  if (breaks > 1) payload.AddNumber(Field::kCount, breaks);
+  payload.Push(Kind::kBreak, console);
 }
 
 void JournalMessage(const ConsoleNode* cnode, const Identity& who, const char* message) {
