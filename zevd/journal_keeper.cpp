@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cinttypes>
 #include <cstring>
+#include <exception>
 #include <new>
 
 #include "clock.h"
@@ -42,8 +43,8 @@ namespace {
 constexpr char kJournal[] = "Journal";
 constexpr int64_t kGather = 80;           // milliseconds for which records wait for others
 constexpr int64_t kRetryInterval = 1000;  // milliseconds between two tries to write
+constexpr int64_t kEndLimit = 800;        // milliseconds that the end waits for the thread
 constexpr useconds_t kEndLook = 1000;     // microseconds between two looks at the end
-constexpr int kEndLooks = 900;
 
 /// Whether the thread exists. Main thread only.
 bool has_thread = false;
@@ -131,8 +132,10 @@ class Keeper {
       return writer_.WriteWaiting();
     } catch (const std::bad_alloc&) {
       ReportOutOfMemory(kJournal);
-      return JournalResult::kFailed;
+    } catch (const std::exception& fault) {
+      DEBUG_AS(kJournal, kError, "Writing the journal failed : %s\n", fault.what());
     }
+    return JournalResult::kFailed;
   }
 
   void Note(JournalResult result) {
@@ -153,7 +156,11 @@ class Keeper {
 
   // What could not be written is given up.
   void Leave() {
-    queue_.Forget();
+    const uint64_t untold = queue_.Forget();
+    if (must_end && untold != 0) {
+      DEBUG_AS(kJournal, kError, "The journal ends without %" PRIu64 " records that were lost.\n",
+               untold);
+    }
     writer_.Close();
     has_trouble_ = false;
   }
@@ -265,7 +272,9 @@ void EndJournal() {
   if (!can_end) return;
   must_end = true;
   journal_waker.Wake();
-  for (int look = 0; look < kEndLooks && !has_ended; ++look) usleep(kEndLook);
+  // A busy machine makes each look longer: time counts.
+  const int64_t limit = MonotonicMilliseconds() + kEndLimit;
+  while (!has_ended && MonotonicMilliseconds() < limit) usleep(kEndLook);
 }
 
 JournalStatus GetJournalStatus() {

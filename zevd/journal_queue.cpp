@@ -45,6 +45,7 @@ bool JournalQueue::SwitchOn(std::string_view started) {
     if (ring_ == nullptr) return false;
     if (on_) return true;
     on_ = true;
+    names_lost_ = false;  // all of them are put in anew
     clock_known_ = false;
     Add(Kind::kStarted, 0, started);
   }
@@ -69,17 +70,53 @@ void JournalQueue::Abandon() {
   Clear();
 }
 
-void JournalQueue::Forget() {
+uint64_t JournalQueue::Forget() {
   const MutexLock lock(mutex_);
   if (!on_) Clear();
+  return gap_.records;
 }
 
+// What waits is lost. The gap stays, and stands in front of what comes when the queue takes records
+// again.
 void JournalQueue::Clear() {
-  head_ = tail_ = used_ = 0;
-  wrap_ = kSize;
+  const Gap later = gap_;
   gap_ = {};
-  names_lost_ = false;
+  while (used_ != 0) {
+    const char* record = ring_ + head_;
+    const auto length = journal::GetNumber<uint32_t>(record + journal::kRecordLengthAt);
+    LoseWaiting(record, length);
+    Take(length);
+  }
+  Widen(later);
   wants_names_ = false;
+}
+
+// A gap that no record tells of any more is part of the present one. It has been counted.
+void JournalQueue::Widen(const Gap& other) {
+  if (other.records == 0) return;
+  if (gap_.records == 0) {
+    gap_.begin = other.begin;
+    gap_.reason = other.reason;
+  }
+  gap_.records += other.records;
+  gap_.bytes += other.bytes;
+  gap_.end = other.end;
+}
+
+void JournalQueue::LoseWaiting(const char* record, size_t length) {
+  const auto kind = static_cast<Kind>(journal::GetNumber<uint8_t>(record + journal::kRecordKindAt));
+  const Times then = {journal::GetNumber<int64_t>(record + journal::kRecordWallAt),
+                      journal::GetNumber<int64_t>(record + journal::kRecordMonotonicAt)};
+  if (kind != Kind::kGap) return Lose(kind, length, then);
+  const journal::FieldReader told(
+      {record + journal::kRecordHeaderSize, length - journal::kRecordHeaderSize});
+  const auto number = [&](Field field) { return told.Number(field).value_or(0); };
+  Widen({.records = static_cast<uint64_t>(number(Field::kCount)),
+         .bytes = static_cast<uint64_t>(number(Field::kBytes)),
+         .begin = number(Field::kBegin),
+         .end = number(Field::kEnd),
+         .reason = reason_ == nullptr ? kTooSlow : reason_});
+  --losses_.gaps;
 }
 
 void JournalQueue::Push(Kind kind, uint32_t console, std::string_view payload) {
@@ -118,21 +155,27 @@ JournalQueue::Times JournalQueue::Now() {
   return {Nanoseconds(CLOCK_REALTIME), Nanoseconds(CLOCK_MONOTONIC)};
 }
 
-// A place for so many bytes in one piece, if no more than `limit` are used then; else null.
+// Whether so many bytes find a place in one piece, with no more than `limit` used then.
+bool JournalQueue::HasRoom(size_t size, size_t limit) const {
+  if (used_ + size > limit) return false;
+  if (used_ == 0) return size <= kSize;
+  if (tail_ <= head_) return size <= head_ - tail_;
+  const size_t behind = kSize - tail_;
+  return size <= behind || (size <= head_ && used_ + behind + size <= limit);
+}
+
+// Such a place, or null.
 char* JournalQueue::Room(size_t size, size_t limit) {
+  if (!HasRoom(size, limit)) return nullptr;
   if (used_ == 0) {
     head_ = tail_ = 0;
     wrap_ = kSize;
   }
-  if (used_ + size > limit) return nullptr;
   const bool wrapped = used_ != 0 && tail_ <= head_;
   if (!wrapped && kSize - tail_ < size) {
-    if (head_ < size || used_ + (kSize - tail_) + size > limit) return nullptr;
     wrap_ = tail_;
     used_ += kSize - tail_;
     tail_ = 0;
-  } else if (wrapped && head_ - tail_ < size) {
-    return nullptr;
   }
   char* place = ring_ + tail_;
   tail_ += size;
@@ -203,8 +246,7 @@ void JournalQueue::Add(Kind kind, uint32_t console, std::string_view payload) {
   // A gap is told of only when what comes behind it has room too: otherwise one would follow the
   // other without a record between them.
   const size_t size = journal::kRecordHeaderSize + payload.size();
-  const bool has_room = used_ + size <= LimitOf(kind);
-  if (has_room && PutGap(now) && PutClockStep(now) &&
+  if (HasRoom(size, LimitOf(kind)) && PutGap(now) && PutClockStep(now) &&
       Put(kind, console, payload, now, LimitOf(kind))) {
     return;
   }
@@ -224,8 +266,7 @@ std::span<char> JournalQueue::Front() {
   return {ring_ + head_, taken};
 }
 
-void JournalQueue::Drop(size_t bytes) {
-  const MutexLock lock(mutex_);
+void JournalQueue::Take(size_t bytes) {
   head_ += bytes;
   used_ -= bytes;
   if (head_ == wrap_ && tail_ < head_) {
@@ -233,6 +274,11 @@ void JournalQueue::Drop(size_t bytes) {
     head_ = 0;
     wrap_ = kSize;
   }
+}
+
+void JournalQueue::Drop(size_t bytes) {
+  const MutexLock lock(mutex_);
+  Take(bytes);
   if (!on_) return;
   if (gap_.records != 0 && used_ + kReserve <= kOrdinary) PutGap(Now());
   if (names_lost_ && used_ <= kOrdinary / 2) {

@@ -42,11 +42,16 @@ class JournalQueue {
   /// Takes a last record, kStopped, and no other from then on.
   void SwitchOff(std::string_view stopped) EXCLUDES(mutex_);
 
-  /// Takes nothing from now on and forgets what waits. The journal's thread only.
+  /// Takes nothing from now on; what waits is lost, and told as a gap when the queue is switched on
+  /// again. The journal's thread only.
   void Abandon() EXCLUDES(mutex_);
 
-  /// Forgets what waits, if nothing is taken any more. The journal's thread only.
-  void Forget() EXCLUDES(mutex_);
+  /// The same, if nothing is taken any more. How many lost records no record tells of yet. The
+  /// journal's thread only.
+  uint64_t Forget() EXCLUDES(mutex_);
+
+  /// Has WantsNames() ask for all names. Any thread.
+  void AskForNames() { wants_names_ = true; }
 
   /// Puts a record in, with the present time. It is lost when there is no room for it. Any thread,
   /// with any lock held: the mutex is a leaf.
@@ -94,6 +99,7 @@ class JournalQueue {
   };
 
   static Times Now();
+  bool HasRoom(size_t size, size_t limit) const REQUIRES(mutex_);
   char* Room(size_t size, size_t limit) REQUIRES(mutex_);
   bool Put(journal::Kind kind, uint32_t console, std::string_view payload, const Times& now,
            size_t limit) REQUIRES(mutex_);
@@ -102,6 +108,9 @@ class JournalQueue {
   bool PutClockStep(const Times& now) REQUIRES(mutex_);
   void Add(journal::Kind kind, uint32_t console, std::string_view payload) REQUIRES(mutex_);
   void Clear() REQUIRES(mutex_);
+  void Take(size_t bytes) REQUIRES(mutex_);
+  void LoseWaiting(const char* record, size_t length) REQUIRES(mutex_);
+  void Widen(const Gap& other) REQUIRES(mutex_);
 
   std::atomic<bool> on_{false};
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include "clock.h"
@@ -66,9 +67,12 @@ JournalResult JournalWriter::Fail(const std::string& call) {
 JournalResult JournalWriter::OpenDirectory() {
   const JournalResult result = directory_.Open(path_, &trouble_);
   if (result == JournalResult::kFailed) queue_.SetReason(strerrordesc_np(errno));
+  if (result == JournalResult::kRefused) queue_.SetReason("The directory was refused.");
   if (result != JournalResult::kDone) return result;
-  next_segment_ = directory_.next_segment();
-  next_record_ = directory_.next_record();
+  // The newest segments may have been removed meanwhile: no number is given twice.
+  const bool is_same = end_.station == directory_.station();
+  next_segment_ = std::max(directory_.next_segment(), is_same ? next_segment_ : 0);
+  next_record_ = std::max(directory_.next_record(), is_same ? next_record_ : 0);
   torn_told_ = false;
   end_.station = directory_.station();
   return result;
@@ -157,14 +161,26 @@ void JournalWriter::Stamp(std::span<char> batch) const {
   }
 }
 
+// What is in the file must not be written again, whatever happens here: names that find no memory
+// are told once more.
+void JournalWriter::NoteNames(std::span<const char> written) {
+  try {
+    for (size_t at = 0; at < written.size(); at += LengthOf(&written[at])) {
+      names_.Note(HeaderOf(&written[at]), PayloadOf(&written[at]));
+    }
+  } catch (const std::bad_alloc&) {
+    queue_.AskForNames();
+  }
+}
+
 void JournalWriter::TakeNote(std::span<const char> written) {
   for (size_t at = 0; at < written.size(); at += LengthOf(&written[at])) {
-    names_.Note(HeaderOf(&written[at]), PayloadOf(&written[at]));
     ++next_record_;
     ++end_.records;
   }
   end_.bytes += written.size();
   end_.offset = segment_.size();
+  NoteNames(written);
   queue_.Drop(written.size());
 }
 

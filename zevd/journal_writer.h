@@ -55,6 +55,7 @@ class JournalWriter {
   JournalResult BeginSegment(std::span<const char> batch);
   JournalResult Fail(const std::string& call);
   void Stamp(std::span<char> batch) const;
+  void NoteNames(std::span<const char> written);
   void TakeNote(std::span<const char> written);
 
   JournalQueue& queue_;

@@ -147,6 +147,46 @@ TEST_F(JournalQueueTest, NamesHaveRoomWhereOthersHaveNone) {
   EXPECT_EQ(records[records.size() - 2].kind, Kind::kGap);
 }
 
+TEST_F(JournalQueueTest, WhatWaitsWhenItIsForgottenIsToldAsAGapLater) {
+  FillUp(std::string(1000, 'x'));
+  const auto lost_before = queue_->Losses().records;
+  TakeBatch(*queue_);
+  queue_->Push(Kind::kOutput, 1, "waits behind the gap");
+  queue_->SwitchOff("stopped");
+  const uint64_t untold = queue_->Forget();
+  EXPECT_GT(untold, 7000U);
+  EXPECT_EQ(queue_->Losses().records, untold);
+  EXPECT_EQ(queue_->Losses().gaps, 0U);
+  EXPECT_EQ(lost_before, 1U);
+  EXPECT_EQ(queue_->Waiting(), 0U);
+  ASSERT_TRUE(queue_->SwitchOn("again"));
+  const auto records = TakeAll(*queue_);
+  ASSERT_EQ(records.size(), 2U);
+  ASSERT_EQ(records[0].kind, Kind::kGap);
+  EXPECT_EQ(FieldReader(records[0].payload).Number(Field::kCount), static_cast<int64_t>(untold));
+  EXPECT_LE(*FieldReader(records[0].payload).Number(Field::kBegin),
+            *FieldReader(records[0].payload).Number(Field::kEnd));
+  EXPECT_EQ(records[1].kind, Kind::kStarted);
+  EXPECT_EQ(queue_->Forget(), 0U);
+}
+
+TEST_F(JournalQueueTest, NoGapFollowsAnotherBecauseOfTheEndOfTheRing) {
+  // The ring is so full that a record would fit if the bytes behind the wrap did not count.
+  const std::string payload(60000, 'x');
+  FillUp(payload);
+  TakeBatch(*queue_);
+  for (int i = 0; i < 30; ++i) queue_->Push(Kind::kOutput, 1, payload);
+  uint64_t gaps = 0;
+  bool was_gap = false;
+  for (const Queued& record : TakeAll(*queue_)) {
+    const bool is_gap = record.kind == Kind::kGap;
+    EXPECT_FALSE(is_gap && was_gap);
+    was_gap = is_gap;
+    gaps += is_gap ? 1 : 0;
+  }
+  EXPECT_GE(gaps, 1U);
+}
+
 TEST_F(JournalQueueTest, LostNamesAreAskedForOnceThereIsRoom) {
   FillUp(std::string(1000, 'x'));
   while (queue_->Losses().records < 2) queue_->Push(Kind::kConsole, 3, std::string(1000, 'n'));

@@ -210,6 +210,34 @@ TEST_F(JournalWriterTest, TwoWritersDoNotShareAJournal) {
   EXPECT_EQ(Records(2).size(), 1U);
 }
 
+TEST_F(JournalWriterTest, NoNumberIsGivenTwiceWhenTheNewestSegmentsAreRemoved) {
+  auto writer = Writer({.bytes = 1000});
+  ASSERT_EQ(writer.WriteWaiting(), JournalResult::kDone);
+  Output(std::string(950, 'x'));
+  ASSERT_EQ(writer.WriteWaiting(), JournalResult::kDone);
+  std::filesystem::remove(Segment(2));
+  writer.EndOldSegment();
+  Output("next");
+  ASSERT_EQ(writer.WriteWaiting(), JournalResult::kDone);
+  EXPECT_EQ(Records(3)[0].header.number, 3U);
+}
+
+TEST_F(JournalWriterTest, RecordsAreWrittenOnceWhenMemoryIsShort) {
+  auto writer = Writer();
+  ASSERT_EQ(writer.WriteWaiting(), JournalResult::kDone);
+  queue_->Push(Kind::kConsole, 1, "one");
+  Output("kept");
+  {
+    const test::FailAllocation fail(1, test::FailAllocation::kForEver);
+    EXPECT_EQ(writer.WriteWaiting(), JournalResult::kDone);
+    EXPECT_TRUE(fail.reached());
+  }
+  EXPECT_TRUE(queue_->WantsNames());
+  Output("next");
+  ASSERT_EQ(writer.WriteWaiting(), JournalResult::kDone);
+  EXPECT_EQ(Records(1).size(), 4U);
+}
+
 TEST_F(JournalWriterTest, TheNumberGoesOnBehindASealedSegment) {
   {
     auto writer = Writer();
