@@ -67,6 +67,12 @@ void EncodeRecordHeader(char* place, const RecordHeader& header, std::string_vie
   PutNumber(place + kRecordChecksumAt, ChecksumOfRecord(place, payload));
 }
 
+bool MayContinue(std::string_view bytes, uint64_t number, uint64_t lost) {
+  if (bytes.size() < kRecordHeaderSize) return false;
+  const auto found = GetNumber<uint64_t>(bytes.data() + kRecordNumberAt);
+  return found >= number && found - number <= lost / kRecordHeaderSize;
+}
+
 std::optional<RecordHeader> DecodeRecord(std::string_view bytes) {
   if (bytes.size() < kRecordHeaderSize) return {};
   const char* data = bytes.data();

@@ -25,4 +25,9 @@ void EncodeRecordHeader(char* place, const RecordHeader& header, std::string_vie
 /// none. Its payload is the `length - kRecordHeaderSize` bytes behind the header.
 std::optional<RecordHeader> DecodeRecord(std::string_view bytes);
 
+/// Whether a record may begin there whose running number is `number` or as much more as records
+/// found room in `lost` bytes. Costs nothing: the checksum, which may be over 64 KiB, is for what
+/// passes this.
+bool MayContinue(std::string_view bytes, uint64_t number, uint64_t lost);
+
 }  // namespace journal

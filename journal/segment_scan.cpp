@@ -43,10 +43,8 @@ std::string_view SegmentScan::BytesAt(uint64_t offset) {
 bool SegmentScan::Continues(uint64_t damage, uint64_t offset) {
   const std::string_view bytes = BytesAt(offset);
   if (!IsPossible(LengthAt(bytes))) return false;
-  const auto header = DecodeRecord(bytes);
-  if (!header) return false;
-  return !number_ || (header->number >= *number_ &&
-                      header->number - *number_ <= (offset - damage) / kRecordHeaderSize);
+  if (number_ && !MayContinue(bytes, *number_, offset - damage)) return false;
+  return DecodeRecord(bytes).has_value();
 }
 
 uint64_t SegmentScan::EndOfDamage(uint64_t begin) {

@@ -78,8 +78,9 @@ class Verifier {
   // What has been removed, or is being removed now.
   bool IsLeftOver(uint64_t number, const StoredSegment& files) {
     if (!chain_ || number > chain_->removed.segment) return false;
-    bool is_remainder = number == chain_->removed.segment;
-    if (is_remainder && files.has_index) {
+    // The index goes last when a segment is removed.
+    bool is_remainder = number == chain_->removed.segment && files.has_index;
+    if (is_remainder) {
       const SealedIndex sealed = store_.ReadIndex(result_.station, number);
       is_remainder =
           sealed.is_missing || (sealed.fault.empty() && sealed.seal.hash == chain_->removed.hash);

@@ -57,11 +57,11 @@ class FileWindow {
   bool at_end_ = false;  // nothing follows what is in the buffer
 };
 
-// Whether a record may stand so far behind the last one: a console may have printed a journal,
-// whose records lie within one of ours.
-bool Follows(const RecordHeader& record, uint64_t next_record, uint64_t distance) {
-  const uint64_t most_between = distance / journal::kRecordHeaderSize;
-  return record.number >= next_record && record.number - next_record <= most_between;
+// A console may have printed a journal, whose records lie within one of ours: their numbers tell
+// them apart.
+std::optional<RecordHeader> RecordAt(std::string_view bytes, uint64_t number, uint64_t lost) {
+  if (!journal::MayContinue(bytes, number, lost)) return {};
+  return journal::DecodeRecord(bytes);
 }
 
 void ScanRecords(FileWindow& file, SegmentScan* scan) {
@@ -69,8 +69,8 @@ void ScanRecords(FileWindow& file, SegmentScan* scan) {
   while (offset + journal::kRecordHeaderSize <= scan->size) {
     const std::string_view bytes = file.At(offset);
     if (bytes.size() < journal::kRecordHeaderSize) return;
-    const auto record = journal::DecodeRecord(bytes);
-    if (!record || !Follows(*record, scan->next_record, offset - scan->end)) {
+    const auto record = RecordAt(bytes, scan->next_record, offset - scan->end);
+    if (!record) {
       ++offset;
       continue;
     }

@@ -91,12 +91,19 @@ void CatchUp(Work& work, const Map& segments) {
 }
 
 // An earlier pass was ended while it removed this segment. Only what has the seal that the chain
-// tells is removed: a wrong number must not cost a journal.
+// tells is removed, and the index goes last: a wrong number must not cost a journal.
 void FinishRemoval(Work& work, const Map& segments) {
   const Link& removed = work.chain.removed;
   const auto found = segments.find(removed.segment);
   if (found == segments.end()) return;
-  if (found->second.has_index) {
+  const StoredSegment& files = found->second;
+  if (!files.has_index && (files.has_raw || files.has_compressed)) {
+    work.tell.Problem("segment " + std::to_string(removed.segment) +
+                      " has been removed, but its records are there without their index; run "
+                      "\"zevctl journal verify\"");
+    return;
+  }
+  if (files.has_index) {
     const SealedIndex sealed = work.store.ReadIndex(work.station, removed.segment);
     if (!sealed.is_missing && (!sealed.fault.empty() || sealed.seal.hash != removed.hash)) {
       work.tell.Problem("segment " + std::to_string(removed.segment) +
@@ -106,10 +113,7 @@ void FinishRemoval(Work& work, const Map& segments) {
     }
   }
   if (work.dry_run) return;
-  for (const Form form : {Form::kRaw, Form::kCompressed, Form::kIndex}) {
-    Remove(work.store, NameOf(removed.segment, form));
-  }
-  Settle(work.store);
+  RemoveFiles(work.store, removed.segment);
 }
 
 }  // namespace

@@ -43,6 +43,16 @@ void WriteOver(const journal::SegmentStore& store, const std::string& name,
   }
 }
 
+// Whoever may read the directory may read what is in it, also when the keeper's own group is
+// another: it may be root's. Where that is not allowed, the file stays as it is.
+void GiveToGroupOf(const journal::SegmentStore& store, int fd) {
+  struct stat directory {};
+  struct stat file {};
+  if (fstat(store.fd(), &directory) != 0 || fstat(fd, &file) != 0) Fail();
+  if (file.st_gid == directory.st_gid) return;
+  if (fchown(fd, static_cast<uid_t>(-1), directory.st_gid) != 0 && errno != EPERM) Fail();
+}
+
 }  // namespace
 
 void Place(const journal::SegmentStore& store, const std::string& name,
@@ -52,6 +62,7 @@ void Place(const journal::SegmentStore& store, const std::string& name,
   if (!file) Fail();
   try {
     write(file.get());
+    GiveToGroupOf(store, file.get());
     if (fchmod(file.get(), kMode) != 0 || fsync(file.get()) != 0 ||
         renameat(store.fd(), kTemporary, store.fd(), name.c_str()) != 0) {
       Fail();
@@ -80,6 +91,14 @@ void PlaceChain(const journal::SegmentStore& store, const journal::Chain& chain)
 
 void Remove(const journal::SegmentStore& store, const std::string& name) {
   if (unlinkat(store.fd(), name.c_str(), 0) != 0 && errno != ENOENT) Fail();
+}
+
+void RemoveFiles(const journal::SegmentStore& store, uint64_t segment) {
+  Remove(store, NameOf(segment, journal::Form::kRaw));
+  Remove(store, NameOf(segment, journal::Form::kCompressed));
+  Settle(store);
+  Remove(store, NameOf(segment, journal::Form::kIndex));
+  Settle(store);
 }
 
 void Settle(const journal::SegmentStore& store) {

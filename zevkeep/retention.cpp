@@ -41,15 +41,17 @@ uint64_t BytesOf(const Work& work, uint64_t number) {
   return bytes;
 }
 
-// When something was last recorded in it; when its files were last changed, if its index does not
-// tell.
+// When something was last recorded in it, which cannot be later than its files were written: a
+// clock may have been far ahead. When they were written, if its index does not tell.
 int64_t EndOf(const Work& work, uint64_t number, const SealedIndex& sealed) {
-  if (sealed.fault.empty() && sealed.index.records > 0) return sealed.index.highest_wall;
   int64_t end = 0;
   struct stat info {};
   for (const Form form : kForms) {
     if (!Examine(work, number, form, &info)) continue;
     end = std::max(end, info.st_mtim.tv_sec * kNanosecondsPerSecond + info.st_mtim.tv_nsec);
+  }
+  if (sealed.fault.empty() && sealed.index.records > 0) {
+    return std::min(end, sealed.index.highest_wall);
   }
   return end;
 }
@@ -78,8 +80,7 @@ void RemoveSegment(Work& work, const Link& link, const char* reason) {
   }
   work.chain.removed = link;
   PlaceChain(work.store, work.chain);
-  for (const Form form : kForms) Remove(work.store, NameOf(link.segment, form));
-  Settle(work.store);
+  RemoveFiles(work.store, link.segment);
   ++work.removed;
   work.tell.Record(LOG_NOTICE, "removed " + SealText(work.station, link));
   work.tell.Detail("removed " + name + reason);

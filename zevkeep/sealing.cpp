@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
@@ -75,7 +76,13 @@ void Seal(Work& work, uint64_t number, const SegmentIndex& index, journal::Segme
                    " records, hash " + HashText(seal.hash));
 }
 
+// What is sealed is on the disk: the daemon does not wait for that.
+void Sync(int fd) {
+  if (fsync(fd) != 0) throw std::system_error(errno, std::generic_category());
+}
+
 Outcome SealLocked(Work& work, uint64_t number, bool is_newest, int fd) {
+  if (!work.dry_run) Sync(fd);
   journal::RawSegment source(fd);
   HeaderFault fault = HeaderFault::kNone;
   const SegmentIndex index = IndexOf(source, work.station, number, &fault);
@@ -104,7 +111,8 @@ Outcome SealSegment(Work& work, uint64_t number, bool is_newest) {
   const journal::StoredFile file = work.store.Open(NameOf(number, Form::kRaw), O_RDONLY);
   if (!file) throw std::system_error(errno, std::generic_category());
   if (is_newest && !HasHeader(file.get())) return Outcome::kLater;
-  if (flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+  // The daemon writes the newest only, so nobody else's lock of another one matters.
+  if (is_newest && flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK) throw std::system_error(errno, std::generic_category());
     work.tell.Detail(Segment(number) + " is being written");
     return Outcome::kLater;

@@ -196,7 +196,7 @@ int main() {
   const Descriptor root(open(kRoot, O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!root) return kDone;
   Takeover takeover({entry->pw_uid, entry->pw_gid});
-  for (const char* name : {"config", "logs"}) TakeDirectory(takeover, root, name);
+  for (const char* name : {"config", "logs", "journal"}) TakeDirectory(takeover, root, name);
   const Counts& counts = takeover.counts();
   if (counts.given > 0) {
     printf("zevd-takeover: gave %u files and directories in %s to the user %s.\n", counts.given,
