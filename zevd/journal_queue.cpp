@@ -21,6 +21,7 @@ namespace {
 
 constexpr int64_t kSecond = kNanosecondsPerSecond;
 constexpr char kTooSlow[] = "The disk was too slow.";
+constexpr size_t kMostGap = journal::kRecordHeaderSize + 256;
 constexpr size_t kOrdinary = JournalQueue::kSize - JournalQueue::kReserve;
 
 bool IsName(Kind kind) {
@@ -211,7 +212,7 @@ void JournalQueue::Lose(Kind kind, size_t bytes, const Times& now) {
 // True when no loss is left untold.
 bool JournalQueue::PutGap(const Times& now) {
   if (gap_.records == 0) return true;
-  char room[256];
+  char room[kMostGap - journal::kRecordHeaderSize];
   FieldWriter fields(room, sizeof room);
   fields.AddNumber(Field::kCount, static_cast<int64_t>(gap_.records));
   fields.AddNumber(Field::kBytes, static_cast<int64_t>(gap_.bytes));
@@ -246,7 +247,8 @@ void JournalQueue::Add(Kind kind, uint32_t console, std::string_view payload) {
   // A gap is told of only when what comes behind it has room too: otherwise one would follow the
   // other without a record between them.
   const size_t size = journal::kRecordHeaderSize + payload.size();
-  if (HasRoom(size, LimitOf(kind)) && PutGap(now) && PutClockStep(now) &&
+  const size_t in_front = gap_.records == 0 ? 0 : kMostGap;
+  if (HasRoom(in_front + size, LimitOf(kind)) && PutGap(now) && PutClockStep(now) &&
       Put(kind, console, payload, now, LimitOf(kind))) {
     return;
   }
