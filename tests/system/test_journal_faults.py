@@ -193,6 +193,48 @@ def test_a_full_disk_stops_the_journal_and_nothing_else(station):
     unmount(directory)
 
 
+def begin_on_full_disk(station) -> int:
+    """Start a daemon whose journal cannot be written any more; the size of its only segment."""
+    directory = journals.directory(station)
+    directory.mkdir(mode=0o750)
+    mount_tmpfs(directory, size="1m", mode="0750")
+    console = station.console("box")
+    begin(station, console)
+    wait_output(station, "box", READY)
+    (directory / "filler").write_bytes(b"x" * (1024 * 1024 - 64 * 1024))
+    console.send(numbered(8000))
+    station.wait_log(f"Journal: write failed : No space left on device. {STOPS}")
+    return segment_files(directory)[0].stat().st_size
+
+
+def test_what_waited_on_a_full_disk_is_told_when_the_journal_is_switched_on_again(station):
+    begin_on_full_disk(station)
+    directory = journals.directory(station)
+    journals.change(station, "ZEVD_JOURNAL=0")
+    wait_until(lambda: stats(station)["journal_records_lost"] > 0, what="the loss in the numbers")
+    subprocess.run(["mount", "-o", "remount,size=64m", directory], check=True)
+    journals.change(station, "ZEVD_JOURNAL=100")
+    wait_for(station, Kind.STARTED, count=2)
+    journal = finish(station)
+    gap, = journal.of(Kind.GAP)
+    again = journal.of(Kind.STARTED)[1]
+    assert gap.number < again.number
+    assert gap.values[Field.COUNT] > 0
+    assert gap.values[Field.REASON] == "No space left on device"
+    assert gap.values[Field.BEGIN] <= gap.values[Field.END] <= gap.wall
+    unmount(directory)
+
+
+def test_the_end_tells_what_a_full_disk_has_kept_from_the_journal(station):
+    size = begin_on_full_disk(station)
+    station.stop()
+    assert re.search(r"Journal: The journal ends without \d+ records that were lost\.\n",
+                     station.log_text())
+    segment, = segment_files(journals.directory(station))
+    assert segment.stat().st_size == size
+    unmount(journals.directory(station))
+
+
 def test_a_directory_that_is_removed_is_made_anew(station):
     console = station.console("box")
     begin(station, console)
