@@ -27,8 +27,8 @@ void PlaceChain(const journal::SegmentStore& store, const journal::Chain& chain)
 /// Removes a file, and a missing one is no error. Throws std::system_error.
 void Remove(const journal::SegmentStore& store, const std::string& name);
 
-/// Removes the files of a segment; its index is the last one to go, whatever happens to the machine.
-/// Throws std::system_error.
+/// Removes the files of a segment; its index is the last one to go, whatever happens to the
+/// machine. Throws std::system_error.
 void RemoveFiles(const journal::SegmentStore& store, uint64_t segment);
 
 /// What has been renamed or removed is so on the disk. Throws std::system_error.

@@ -27,6 +27,8 @@ class RootsStation:
         with machine.network():
             self.box = FakeConsole("box", greeting=b"in the old days\r\n")
         machine.run("sh", "-c", f"cat > {CONFIG}", given=line("box", self.box.port, OWN_PORT, '""'))
+        machine.run("sh", "-c", f"cat > {ROOT}/config/qor.conf",
+                    given="ZEVD_ARCH_INT=7\nZEVD_JOURNAL=16\n")
         machine.run("/opt/old/bin/zevd", "-a", "2w")
         self.box.accept()
         self.wait_log("in the old days")
@@ -49,9 +51,13 @@ class RootsStation:
         """The daemon of the packages goes on with what was left, under its new owner."""
         self.box.accept()
         wait_until(lambda: self.log().count("in the old days") == 2, what="the log to go on")
-        find = f"find {ROOT}/config {ROOT}/logs ! -type l ! -user zevd -o ! -type l ! -group zevd"
+        find = (f"find {ROOT}/config {ROOT}/logs {ROOT}/journal ! -type l ! -user zevd "
+                "-o ! -type l ! -group zevd")
         assert self.machine.output("sh", "-c", find) == ""
-        assert self.machine.output("cat", f"{ROOT}/config/qor.conf") == "ZEVD_ARCH_INT=14"
+        assert self.machine.output("cat", f"{ROOT}/config/qor.conf") == (
+            "ZEVD_ARCH_INT=14\nZEVD_JOURNAL=16")
+        shown = self.machine.output("zevctl", "history", "box", "--since", "1h")
+        assert shown.count("* the daemon started") == 2
 
 
 def owner(machine, path: str) -> str:

@@ -119,6 +119,20 @@ def test_what_another_user_has_left_is_refused(checked, name):
 
 
 @pytest.mark.needs_namespace
+@pytest.mark.parametrize("name", ["journal", "journal/id"])
+def test_a_journal_of_another_user_is_refused(checked, name):
+    directory = checked.root / "journal"
+    directory.mkdir(0o750)
+    (directory / "id").write_text("0123456789abcdef\n")
+    for path in (directory, directory / "id"):
+        os.chown(path, checked.uid, UID)
+    assert check(checked).returncode == 0
+    os.chown(checked.root / name, 0, 0)
+    assert mend(checked) == f"chown -R zevd:zevd {checked.root / name}"
+    assert check(checked).returncode == 0
+
+
+@pytest.mark.needs_namespace
 @pytest.mark.parametrize("name", ["config/zev.conf", "config/models", "events"])
 def test_what_cannot_be_read_is_refused(checked, name):
     path = checked.root / name

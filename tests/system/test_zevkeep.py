@@ -128,6 +128,24 @@ def test_a_segment_that_is_written_is_left_alone(station):
     assert verify(station) == ""
 
 
+def test_a_readers_lock_holds_up_nothing_that_is_complete(station):
+    journal = write(station, 2)
+    with open(journal.segment(1), "rb") as first:
+        fcntl.flock(first, fcntl.LOCK_SH)
+        assert keep().stdout == "sealed 2, compressed 1, removed 0 segments\n"
+    assert verify(station) == ""
+
+
+def test_what_it_makes_belongs_to_the_directorys_group(station):
+    journal = write(station, 2)
+    os.chown(journal.directory, -1, 60)
+    keep()
+    groups = {name: path.stat().st_gid for name, path in (
+        (path.name.lstrip("0"), path) for path in journal.directory.iterdir())}
+    assert {name for name, group in groups.items() if group == 60} == {
+        "1.idx", "1.seg.zst", "2.idx", "chain"}
+
+
 def test_a_dry_run_changes_nothing(station):
     limit(station, 1, 1)
     journal = write(station, 3, begin="2020-01-01 00:00:00")
@@ -177,6 +195,20 @@ def test_the_oldest_go_when_the_journal_is_too_large(station, system_log):
     removed = [entry.decode() for entry in system_log.raw() if b" removed " in entry]
     assert [re.search(r'segment="(\d+)"', entry)[1] for entry in removed] == ["1", "2", "3"]
     assert verify(station) == ""
+
+
+def test_a_clock_far_ahead_keeps_nothing_for_ever(station):
+    limit(station, 1000, 1)
+    with JournalWriter(station.root / "journal", begin=ago(20)) as journal:
+        box = journal.console("box")
+        journal.output(box, b"one", at="2090-01-01 00:00:00")
+        journal.new_segment()
+        journal.output(box, b"two")
+    keep()
+    for path in journal.directory.glob("*1.*"):
+        os.utime(path, (0, 0))
+    assert keep().stdout == "sealed 0, compressed 0, removed 1 segment\n"
+    assert names(journal.directory) == ["2.idx", "2.seg", "chain", "id"]
 
 
 def test_old_ones_go_by_the_time_of_their_last_record(station):
@@ -260,6 +292,21 @@ def test_killed_while_it_removes_it_goes_on(station):
     keep()
     assert names(journal.directory) == ["40.idx", "40.seg", "chain", "id"]
     assert verify(station) == ""
+
+
+def test_records_without_index_are_no_remainder_of_a_removal(station):
+    journal = write(station, 3)
+    keep()
+    (journal.directory / "chain").unlink()
+    journal.segment(1).with_suffix(".idx").unlink()
+    before = names(journal.directory)
+    said = keep(status=1).stderr
+    assert ("zevkeep: segment 1 has been removed, but its records are there without their index; "
+            "run \"zevctl journal verify\"\n") in said
+    assert set(before) <= set(names(journal.directory))
+    (journal.directory / "chain.damaged").unlink()
+    assert "says that this segment has been removed, but it is there" in verify(
+        station, zevctl.DAMAGED)
 
 
 def fill(directory) -> None:
