@@ -1,5 +1,6 @@
 """The journal where something goes wrong: kills, torn ends, full disks, clocks that step."""
 
+import itertools
 import os
 import re
 import shutil
@@ -67,11 +68,13 @@ def test_what_a_kill_leaves_is_what_the_console_printed(station):
     bring_up(station, console)
     wait_for(station, Kind.STARTED, count=5)
     journal = finish(station)
-    printed = READY + numbered(500) * 200
+    printed = READY + numbered(500) * 2000
     for segment in journal.segments[:4]:
-        kept = b"".join(record.payload for record in segment.records
-                        if record.kind == Kind.OUTPUT)
-        assert kept and printed.startswith(kept), segment.path
+        # On a busy machine the flood may be too much for the queue: it is whole up to there.
+        whole = list(itertools.takewhile(lambda record: record.kind != Kind.GAP, segment.records))
+        kept = b"".join(record.payload for record in whole if record.kind == Kind.OUTPUT)
+        same = len(os.path.commonprefix((kept, printed)))
+        assert kept and same == len(kept), (segment.path, same, kept[same:same + 100])
 
 
 def test_a_torn_end_is_cut_off_and_told(station):
