@@ -18,7 +18,6 @@ namespace zevkeep {
 namespace {
 
 using journal::Chain;
-using journal::Form;
 using journal::Link;
 using journal::SealedIndex;
 using journal::StoredSegment;
