@@ -25,7 +25,7 @@ READY = b"ready\r\n"
 LAST = b"once more\r\n"
 KEY = 60  # bytes that occur once in what is printed
 LIMIT = 30.0
-GAP = re.compile(r"gap: (\d+) records \((\d+) bytes\) could not be kept from \S+ \S+ to \S+ \S+: "
+GAP = re.compile(r"gap: (\d+) records? \((\d+) bytes?\) could not be kept from \S+ \S+ to \S+ \S+: "
                  "No space left on device")
 
 
