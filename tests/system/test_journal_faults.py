@@ -153,16 +153,22 @@ def test_an_ordinary_end_loses_nothing(station):
 # Disks
 
 
-@pytest.mark.needs_namespace
-def test_a_full_disk_stops_the_journal_and_nothing_else(station):
+def begin_on_small_disk(station, mebibytes: int):
+    """Start a daemon whose journal has 64 KiB left on a disk of its own; returns its console."""
     directory = journals.directory(station)
     directory.mkdir(mode=0o750)
-    mount_tmpfs(directory, size="2m", mode="0750")
+    mount_tmpfs(directory, size=f"{mebibytes}m", mode="0750")
     console = station.console("box")
     begin(station, console)
     wait_output(station, "box", READY)
-    filler = directory / "filler"
-    filler.write_bytes(b"x" * (2 * 1024 * 1024 - 64 * 1024))
+    (directory / "filler").write_bytes(b"x" * ((mebibytes << 20) - (64 << 10)))
+    return console
+
+
+@pytest.mark.needs_namespace
+def test_a_full_disk_stops_the_journal_and_nothing_else(station):
+    directory = journals.directory(station)
+    console = begin_on_small_disk(station, 2)
     text = numbered(12 * 1024 * 1024 // 40)
     flood = threading.Thread(target=console.send, args=(text,), daemon=True)
     user = station.attach("box", user="anna")
@@ -198,16 +204,9 @@ def test_a_full_disk_stops_the_journal_and_nothing_else(station):
 
 def begin_on_full_disk(station) -> int:
     """Start a daemon whose journal cannot be written any more; the size of its only segment."""
-    directory = journals.directory(station)
-    directory.mkdir(mode=0o750)
-    mount_tmpfs(directory, size="1m", mode="0750")
-    console = station.console("box")
-    begin(station, console)
-    wait_output(station, "box", READY)
-    (directory / "filler").write_bytes(b"x" * (1024 * 1024 - 64 * 1024))
-    console.send(numbered(8000))
+    begin_on_small_disk(station, 1).send(numbered(8000))
     station.wait_log(f"Journal: write failed : No space left on device. {STOPS}")
-    return segment_files(directory)[0].stat().st_size
+    return segment_files(journals.directory(station))[0].stat().st_size
 
 
 def test_what_waited_on_a_full_disk_is_told_when_the_journal_is_switched_on_again(station):

@@ -1,5 +1,6 @@
 """Event sets with patterns that are too hard for the system's matcher, and their effects."""
 
+import math
 import os
 import re
 import resource
@@ -23,6 +24,7 @@ from harness.waiting import LIMIT, stretched, wait_until
 ENDLESS = r"(a*)*\1b"  # takes minutes for a line of 1 KB
 DEEP = r"(x|)(\1\1|t1)+"  # uses up the stack on any line
 LONG_LINE = b"a" * 1000 + b"\n"
+MOMENT = 0.002  # of work, in seconds: more than the worker needs to take a line
 BOMB = "((a{1,255}){1,255}){1,255}"
 
 
@@ -334,7 +336,9 @@ def test_nothing_of_it_outlives_the_daemon(station, number):
     box = matching(station, f"a 1 0 {ENDLESS}")
     matcher = matcher_of(station)
     worker = worker_of(matcher)
+    begun = _worked(worker)
     box.send(LONG_LINE)
+    wait_until(lambda: _worked(worker) > begun + MOMENT, what="the worker to be at the line")
     if number == signal.SIGTERM:
         station.stop()
     else:
@@ -343,6 +347,14 @@ def test_nothing_of_it_outlives_the_daemon(station, number):
     # Processes without a parent become children of the test, which does not wait for them here.
     wait_until(lambda: all(gone(pid) or _is_zombie(pid) for pid in (matcher, worker)),
                what="the matcher to end")
+
+
+def _worked(pid: int) -> float:
+    """Seconds on a processor, for ever once it has gone; proc(5) has them in nanoseconds."""
+    try:
+        return int(Path(f"/proc/{pid}/schedstat").read_text(encoding="ascii").split()[0]) / 1e9
+    except (FileNotFoundError, ProcessLookupError):
+        return math.inf
 
 
 def _is_zombie(pid: int) -> bool:
