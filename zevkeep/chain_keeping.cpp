@@ -95,21 +95,18 @@ void FinishRemoval(Work& work, const Map& segments) {
   const Link& removed = work.chain.removed;
   const auto found = segments.find(removed.segment);
   if (found == segments.end()) return;
-  const StoredSegment& files = found->second;
-  if (!files.has_index && (files.has_raw || files.has_compressed)) {
+  if (!found->second.has_index) {
     work.tell.Problem("segment " + std::to_string(removed.segment) +
                       " has been removed, but its records are there without their index; run "
                       "\"zevctl journal verify\"");
     return;
   }
-  if (files.has_index) {
-    const SealedIndex sealed = work.store.ReadIndex(work.station, removed.segment);
-    if (!sealed.is_missing && (!sealed.fault.empty() || sealed.seal.hash != removed.hash)) {
-      work.tell.Problem("segment " + std::to_string(removed.segment) +
-                        " has been removed, but another one is in its place; run \"zevctl journal "
-                        "verify\"");
-      return;
-    }
+  const SealedIndex sealed = work.store.ReadIndex(work.station, removed.segment);
+  if (!sealed.is_missing && (!sealed.fault.empty() || sealed.seal.hash != removed.hash)) {
+    work.tell.Problem("segment " + std::to_string(removed.segment) +
+                      " has been removed, but another one is in its place; run \"zevctl journal "
+                      "verify\"");
+    return;
   }
   if (work.dry_run) return;
   RemoveFiles(work.store, removed.segment);
