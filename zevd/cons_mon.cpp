@@ -111,6 +111,7 @@ bool ReadConsole(ConsoleNode* cnode) REQUIRES(acl_lock) {
     return false;
   }
   counters.console_bytes.Add(static_cast<uint64_t>(count));
+  counters.console_lines.Add(static_cast<uint64_t>(std::count(buf, buf + count, '\n')));
   cnode->last_output = time(nullptr);
   DispatchConsoleOutput(cnode, buf, static_cast<int>(count));
   // One that has just filled a chunk is likely to go on; one that printed a line is not asked

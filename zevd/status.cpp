@@ -1,5 +1,9 @@
 #include "status.h"
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -43,6 +47,7 @@ constexpr CounterRow kCounters[] = {
     {"console_failures", &Counters::console_failures},
     {"console_losses", &Counters::console_losses},
     {"console_bytes", &Counters::console_bytes},
+    {"console_lines", &Counters::console_lines},
     {"log_records", &Counters::log_records},
     {"log_bytes", &Counters::log_bytes},
     {"log_records_lost", &Counters::log_records_lost},
@@ -53,6 +58,7 @@ constexpr CounterRow kCounters[] = {
     {"users_attached", &Counters::users_attached},
     {"users_left", &Counters::users_left},
     {"bytes_not_shown", &Counters::bytes_not_shown},
+    {"slow_readers", &Counters::slow_readers},
     {"tools_attached", &Counters::tools_attached},
     {"commands", &Counters::commands},
     {"events_posted", &Counters::events_posted},
@@ -126,6 +132,39 @@ void AppendLastReload(JsonText& json) {
   json.Key("last_reload_result").TextOrNull(word);
 }
 
+void AppendRefusals(JsonText& json) {
+  json.Key("refusals_by_number").BeginObject();
+  for (size_t i = 0; i < kHighestRefusal; ++i) {
+    char number[8];
+    snprintf(number, sizeof number, "%03zu", i + 1);
+    json.Key(number).Number(counters.refusals_by_number[i].Get());
+  }
+  json.EndObject();
+}
+
+// The memory that the process has now; 0 where the system does not tell.
+uint64_t ResidentBytes() {
+  char text[128] = "";
+  const int fd = open("/proc/self/statm", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  const ssize_t length = read(fd, text, sizeof text - 1);
+  close(fd);
+  unsigned long pages = 0;
+  if (length <= 0 || sscanf(text, "%*u %lu", &pages) != 1) return 0;
+  return uint64_t{pages} * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+// What the process has cost so far.
+void AppendCost(JsonText& json) {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  const auto microseconds = [](const timeval& span) {
+    return static_cast<uint64_t>(span.tv_sec) * 1'000'000 + static_cast<uint64_t>(span.tv_usec);
+  };
+  json.Key("cpu_microseconds").Number(microseconds(usage.ru_utime) + microseconds(usage.ru_stime));
+  json.Key("memory_bytes").Number(ResidentBytes());
+}
+
 void AppendJournal(JsonText& json) {
   const JournalStatus journal = GetJournalStatus();
   char end[64] = "";
@@ -147,6 +186,8 @@ std::string Stats() {
   json.BeginObject();
   json.Key("started").Time(CountingSince());
   for (const CounterRow& row : kCounters) json.Key(row.key).Number((counters.*row.counter).Get());
+  AppendRefusals(json);
+  AppendCost(json);
   AppendJournal(json);
   AppendLastReload(json);
   json.EndObject();

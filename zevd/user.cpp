@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -21,6 +22,8 @@ namespace zevd {
 thread_local const char* u_err_msg = nullptr;
 
 namespace {
+
+static_assert(kUserErrorCount == kHighestRefusal);
 
 constexpr const char* kUserErrorTexts[kUserErrorCount] = {
     "001 - Authentication failed.\r\n",
@@ -86,6 +89,8 @@ void SendErrorToUser(int sock, const char* err_msg) {
   if (err_msg == nullptr) return;
   zev_debug(kInfo, "%s: %s", __func__, err_msg);
   counters.refusals.Add();
+  const size_t number = strtoul(err_msg, nullptr, 10);
+  if (number >= 1 && number <= kHighestRefusal) counters.refusals_by_number[number - 1].Add();
   TEMP_FAILURE_RETRY(send(sock, err_msg, strlen(err_msg), 0));
 }
 

@@ -73,6 +73,13 @@ bool UserOutput::SendNow(const char** bytes, size_t* count) {
   return true;
 }
 
+void UserOutput::CountLeftOut(size_t count) {
+  if (count == 0) return;
+  counters.bytes_not_shown.Add(count);
+  if (!slow_) counters.slow_readers.Add();
+  slow_ = true;
+}
+
 bool UserOutput::Send(const char* bytes, size_t count) {
   const MutexLock lock(mutex_);
   // The input monitor has found that or is about to; it must not cost the users after this one
@@ -81,7 +88,7 @@ bool UserOutput::Send(const char* bytes, size_t count) {
   const bool waited = !queue_.IsEmpty();
   if (!waited && !SendNow(&bytes, &count)) return false;
   if (count == 0) return true;
-  counters.bytes_not_shown.Add(queue_.Append(bytes, count));
+  CountLeftOut(queue_.Append(bytes, count));
   if (!waited) AwaitRoom();
   return true;
 }

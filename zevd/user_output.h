@@ -49,6 +49,7 @@ class UserOutput {
 
   bool SendNow(const char** bytes, size_t* count) REQUIRES(mutex_);
   bool SendFromQueue() EXCLUDES(mutex_);
+  void CountLeftOut(size_t count) REQUIRES(mutex_);
   void AwaitRoom() REQUIRES(mutex_);
 
   const int sock_;  // of the user's record, or of ClosingOutputs
@@ -57,6 +58,7 @@ class UserOutput {
   Mutex mutex_;
   OutputQueue queue_ GUARDED_BY(mutex_);
   bool failed_ GUARDED_BY(mutex_) = false;  // while the queue was being emptied
+  bool slow_ GUARDED_BY(mutex_) = false;    // something was left out
   // Of ClosingOutputs.
   UserOutput* next_ = nullptr;
   int64_t close_at_ = 0;  // microseconds of the monotonic clock

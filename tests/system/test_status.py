@@ -13,10 +13,13 @@ from harness.waiting import wait_until
 CONSOLE_KEYS = ["console", "state", "since", "last_output", "users"]
 USER_KEYS = ["user", "given_user", "from", "given_from", "mode", "since"]
 STATS_KEYS = ["started", "console_connections", "console_failures", "console_losses",
-              "console_bytes", "log_records", "log_bytes", "log_records_lost", "connections",
+              "console_bytes", "console_lines", "log_records", "log_bytes", "log_records_lost",
+              "connections",
               "refusals", "logins_accepted", "logins_refused", "users_attached", "users_left",
-              "bytes_not_shown", "tools_attached", "commands", "events_posted", "events_dropped",
-              "reloads", "journal", "journal_records", "journal_bytes", "journal_records_lost",
+              "bytes_not_shown", "slow_readers", "tools_attached", "commands", "events_posted",
+              "events_dropped",
+              "reloads", "refusals_by_number", "cpu_microseconds", "memory_bytes", "journal",
+              "journal_records", "journal_bytes", "journal_records_lost",
               "journal_gaps", "journal_end", "last_reload", "last_reload_result"]
 
 
@@ -87,10 +90,14 @@ def test_stats_count_what_has_happened(station, box):
     assert list(told) == STATS_KEYS
     assert is_recent(told["started"])
     expected = {"console_connections": 1, "console_failures": 0, "console_losses": 0,
-                "console_bytes": 6, "log_records_lost": 0, "connections": 3, "refusals": 1,
+                "console_bytes": 6, "console_lines": 1, "slow_readers": 0, "log_records_lost": 0,
+                "connections": 3, "refusals": 1,
                 "users_attached": 1, "users_left": 1, "tools_attached": 1, "commands": 2,
                 "reloads": 0, "last_reload": None, "last_reload_result": None}
     assert {key: told[key] for key in expected} == expected
+    assert {number: count for number, count in told["refusals_by_number"].items() if count} == {
+        "004": 1}
+    assert told["cpu_microseconds"] > 0 and told["memory_bytes"] > 1 << 20
     assert told["log_records"] == 2 and told["log_bytes"] > 12
 
 

@@ -154,16 +154,21 @@ TEST_F(JsonAnswerTest, StatsAreOneObjectOfNumbers) {
     if (text[end + 1] == ':') keys += text.substr(at + 1, end - at - 1) + " ";
     at = end;
   }
-  EXPECT_EQ(keys,
-            "started console_connections console_failures console_losses console_bytes log_records "
-            "log_bytes log_records_lost connections refusals logins_accepted logins_refused "
-            "users_attached users_left bytes_not_shown tools_attached commands events_posted "
-            "events_dropped "
-            "reloads journal journal_records journal_bytes journal_records_lost journal_gaps "
-            "journal_end last_reload last_reload_result ");
+  EXPECT_EQ(
+      keys,
+      "started console_connections console_failures console_losses console_bytes console_lines "
+      "log_records log_bytes log_records_lost connections refusals logins_accepted logins_refused "
+      "users_attached users_left bytes_not_shown slow_readers tools_attached "
+      "commands events_posted "
+      "events_dropped "
+      "reloads refusals_by_number 001 002 003 004 005 006 007 008 009 010 011 012 013 014 015 016 "
+      "cpu_microseconds memory_bytes journal journal_records journal_bytes journal_records_lost "
+      "journal_gaps "
+      "journal_end last_reload last_reload_result ");
   EXPECT_THAT(text, StartsWith("{\"started\": 1000000000, \"console_connections\": "));
-  EXPECT_THAT(text, ::testing::EndsWith(", \"reloads\": " + reloads +
-                                        ", \"journal\": \"off\", \"journal_records\": 0, "
+  EXPECT_THAT(text,
+              HasSubstr(", \"reloads\": " + reloads + ", \"refusals_by_number\": {\"001\": "));
+  EXPECT_THAT(text, ::testing::EndsWith(", \"journal\": \"off\", \"journal_records\": 0, "
                                         "\"journal_bytes\": 0, \"journal_records_lost\": 0, "
                                         "\"journal_gaps\": 0, \"journal_end\": null"
                                         ", \"last_reload\": 1000000005, "
