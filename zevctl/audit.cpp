@@ -7,7 +7,7 @@
 
 #include "acts.h"
 #include "arguments.h"
-#include "journal_consoles.h"
+#include "audit_acts.h"
 #include "journal_open.h"
 #include "journal_text.h"
 #include "local_only.h"
@@ -24,84 +24,11 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 struct AuditOptions {
-  std::vector<std::string> consoles;
+  ActFilter filter;
   std::string since = "7d";
   std::string until;
-  std::string user;
-  std::string from;
-  std::vector<std::string> words;
   std::string journal_dir = DefaultJournalDirectory();
 };
-
-// ---- Which acts ---------------------------------------------------------------------------------
-
-/// What the options ask for.
-class WantedActs {
- public:
-  WantedActs(const AuditOptions& options, const journal::Journal& journal) : options_(options) {
-    if (options.consoles.empty()) return;
-    names_ = NamesMeant(journal.consoles());
-  }
-
-  bool Has(const Act& act) const {
-    return HasConsole(act) && IsBy(act) && IsFrom(act) &&
-           (options_.words.empty() || std::find(options_.words.begin(), options_.words.end(),
-                                                act.what) != options_.words.end());
-  }
-
- private:
-  // A name that the journal does not know may be one at which somebody was refused.
-  std::vector<std::string> NamesMeant(const std::vector<journal::Console>& consoles) const {
-    std::vector<std::string> names;
-    for (const std::string& typed : options_.consoles) {
-      names.push_back(typed);
-      try {
-        const ChosenConsoles chosen = ChooseConsoles(consoles, {typed});
-        names.insert(names.end(), chosen.names.begin(), chosen.names.end());
-      } catch (const Failure&) {
-        continue;
-      }
-    }
-    return names;
-  }
-
-  // Holes in the record of the whole station are holes in that of each console.
-  bool HasConsole(const Act& act) const {
-    if (options_.consoles.empty() || act.IsOfWholeRecord()) return true;
-    return std::any_of(names_.begin(), names_.end(),
-                       [&](const std::string& name) { return NameMatches(act.console, name); });
-  }
-
-  bool IsBy(const Act& act) const {
-    return options_.user.empty() || options_.user == act.user || options_.user == act.given_user;
-  }
-
-  bool IsFrom(const Act& act) const {
-    return options_.from.empty() || options_.from == act.from || options_.from == act.given_from;
-  }
-
-  const AuditOptions& options_;
-  std::vector<std::string> names_;
-};
-
-std::vector<Act> ReadActs(const AuditOptions& options, const PastRange& range,
-                          const journal::Journal& journal) {
-  journal::Query query;
-  query.kinds = KindsOfActs();
-  query.since = range.since;
-  query.until = range.until;
-  const auto cursor = journal.Read(query);
-  ActList list;
-  for (journal::Record record; cursor->Next(&record);) {
-    list.Take(record, record.console ? journal.consoles()[*record.console].name() : "");
-  }
-  WarnOfDamage(*cursor);
-  const WantedActs wanted(options, journal);
-  std::vector<Act> acts;
-  std::copy_if(list.acts().begin(), list.acts().end(), std::back_inserter(acts),
-               [&](const Act& act) { return wanted.Has(act); });
-  return acts;
-}
 
 // ---- For people ---------------------------------------------------------------------------------
 
@@ -168,43 +95,9 @@ void PrintTable(const std::vector<Act>& acts) {
 
 // ---- For programs -------------------------------------------------------------------------------
 
-Json TextOrNull(const std::string& text) {
-  return text.empty() ? Json() : Json(Utf8(text));
-}
-
-Json NumberOrNull(const std::optional<int64_t>& number) {
-  return number ? Json(*number) : Json();
-}
-
-Json TimeOrNull(const std::optional<int64_t>& wall) {
-  return wall ? Json(StampJson(*wall)) : Json();
-}
-
-Json AsJson(const Act& act) {
-  return {{"time", StampJson(act.wall)},
-          {"what", Utf8(act.what)},
-          {"result", TextOrNull(act.result)},
-          {"user", TextOrNull(act.user)},
-          {"given_user", TextOrNull(act.given_user)},
-          {"from", TextOrNull(act.from)},
-          {"given_from", TextOrNull(act.given_from)},
-          {"console", TextOrNull(act.console)},
-          {"mode", TextOrNull(act.mode)},
-          {"previous_mode", TextOrNull(act.previous_mode)},
-          {"reason", TextOrNull(act.reason)},
-          {"text", TextOrNull(act.text)},
-          {"begin", TimeOrNull(act.begin)},
-          {"end", TimeOrNull(act.end)},
-          {"count", NumberOrNull(act.count)},
-          {"bytes", NumberOrNull(act.bytes)},
-          {"version", TextOrNull(act.version)},
-          {"pid", NumberOrNull(act.pid)},
-          {"position", journal::PositionText(act.position)}};
-}
-
 void PrintJson(const std::vector<Act>& acts) {
   Json data = Json::array();
-  for (const Act& act : acts) data.push_back(AsJson(act));
+  for (const Act& act : acts) data.push_back(ActData(act));
   std::cout << EscapedJson(data.dump()) << "\n";
 }
 
@@ -227,7 +120,9 @@ ExitStatus RunAudit(const Settings& settings, const AuditOptions& options) {
   return WithJournalErrors(options.journal_dir, [&] {
     const PastRange range = ReadRange(options.since, options.until);
     const auto journal = OpenForAudit(options.journal_dir);
-    const std::vector<Act> acts = ReadActs(options, range, *journal);
+    std::vector<journal::Damage> damages;
+    const std::vector<Act> acts = ReadActs(options.filter, range, *journal, &damages);
+    WarnOfDamage(damages);
     if (settings.json) {
       PrintJson(acts);
     } else {
@@ -249,22 +144,23 @@ std::string RefuseWord(const std::string& word) {
 void AddAuditCommand(Command& app, Program& program) {
   const auto options = std::make_shared<AuditOptions>();
   Command command = app.AddCommand("audit", "Show who did what, from the journal");
-  command.AddOption("NAME", options->consoles,
+  command.AddOption("NAME", options->filter.consoles,
                     "Only acts at these consoles: names, earlier names or shell patterns");
   command
       .AddOption("--since", options->since,
                  std::string("Only acts of this time and later: ") + kMomentForms)
       .ShowDefault();
   command.AddOption("--until", options->until, "Only acts of this time and earlier");
-  command.AddOption("--what", options->words, "Only acts of these kinds, such as login,attach")
+  command
+      .AddOption("--what", options->filter.words, "Only acts of these kinds, such as login,attach")
       .Verify(RefuseWord)
       .SplitAt(',')
       .OneEachTime();
   command.AddOption("--journal-dir", options->journal_dir, kJournalDirHelp).ShowDefault();
   command.SetAction(program, [options, &program] {
     // Nobody is called anything here: these options choose.
-    options->user = program.settings.user;
-    options->from = program.settings.from;
+    options->filter.user = program.settings.user;
+    options->filter.from = program.settings.from;
     return RunAudit(program.settings, *options);
   });
 }

@@ -17,12 +17,14 @@
 #include "acts.h"
 #include "arguments.h"
 #include "command_port.h"
+#include "config_file.h"
 #include "console_words.h"
 #include "mistake.h"
 #include "name_match.h"
 #include "output.h"
 #include "program.h"
 #include "selection.h"
+#include "token_file.h"
 
 namespace zevctl {
 
@@ -123,6 +125,9 @@ class Line {
   const std::optional<Command>& command() const { return command_; }
   size_t arguments() const { return arguments_; }
 
+  /// The command is one of another command's, such as "journal list".
+  bool is_nested() const { return is_nested_; }
+
   /// The option whose value is the word that is being completed; empty when there is none.
   const std::string& awaited() const { return awaited_; }
 
@@ -141,6 +146,7 @@ class Line {
     } else if (word.starts_with("-")) {
       TakeOption(word);
     } else if (!command_ || HasCommands(*command_)) {
+      is_nested_ = command_.has_value();
       command_ = CommandNamed(command_.value_or(app_), word);
     } else {
       ++arguments_;
@@ -173,6 +179,7 @@ class Line {
   std::optional<Command> command_;
   std::string awaited_;
   size_t arguments_ = 0;
+  bool is_nested_ = false;
   Settings settings_;
 };
 
@@ -201,9 +208,18 @@ Words ConsoleNames(const Settings& settings) {
   }
 }
 
+// The names of the tokens that can be withdrawn, for whoever may read them.
+Words TokenNames() {
+  const ReadFile file = ReadSafely(kStationRoot + "/config", kTokenFile);
+  size_t bad_line = 0;
+  Words names;
+  for (const Token& token : ParseTokens(file.text, &bad_line)) names.push_back(token.name);
+  return names;
+}
+
 // True when the word that is being completed can only be the name of a console.
 bool AwaitsName(const Line& line) {
-  if (!line.command() || !line.awaited().empty()) return false;
+  if (!line.command() || line.is_nested() || !line.awaited().empty()) return false;
   const std::string name = line.command()->name();
   if (kFileThenNames.contains(name)) return line.arguments() > 0;
   return kOneName.contains(name) ? line.arguments() == 0 : kNames.contains(name);
@@ -213,6 +229,7 @@ Words Arguments(const Line& line) {
   const std::string name = line.command()->name();
   if (HasCommands(*line.command())) return CommandNames(*line.command());
   if (name == "completion") return {"bash", "zsh"};
+  if (name == "withdraw") return line.arguments() == 0 ? TokenNames() : Words();
   if (kFileNames.contains(name)) return line.arguments() == 0 ? Words{kFile} : Words();
   if (kFileThenNames.contains(name) && line.arguments() == 0) return {kFile};
   return AwaitsName(line) ? ConsoleNames(line.settings()) : Words();

@@ -12,16 +12,14 @@
 #include <vector>
 
 #include "arguments.h"
+#include "history_choice.h"
 #include "history_journal.h"
 #include "history_parts.h"
 #include "history_printer.h"
 #include "history_raw.h"
-#include "journal_consoles.h"
 #include "journal_open.h"
 #include "local_only.h"
-#include "log_directories.h"
 #include "log_filter.h"
-#include "log_merge.h"
 #include "moment.h"
 #include "name_match.h"
 #include "output.h"
@@ -32,8 +30,6 @@ namespace zevctl {
 
 namespace {
 
-using journal::Kind;
-using journal::KindBit;
 using Names = std::vector<std::string>;
 
 constexpr size_t kUsualLines = 200;    // shown when nothing says which
@@ -41,16 +37,6 @@ constexpr size_t kFollowedLines = 10;  // the same before following
 constexpr size_t kMostLines = 1'000'000;
 constexpr size_t kMostContext = 10'000;
 constexpr std::chrono::duration<int, std::milli> kTickInterval{100};
-constexpr char kConsolidated[] = "consolidated";
-
-constexpr journal::Kinds kShownKinds = kInterruptions | KindBit(Kind::kOutput) |
-                                       KindBit(Kind::kConsoleGone) | KindBit(Kind::kConnected) |
-                                       KindBit(Kind::kDisabled) | KindBit(Kind::kEnabled) |
-                                       KindBit(Kind::kEvent) | KindBit(Kind::kClockStep);
-
-constexpr journal::Kinds kUserKinds =
-    KindBit(Kind::kInput) | KindBit(Kind::kAttached) | KindBit(Kind::kLeft) | KindBit(Kind::kMode) |
-    KindBit(Kind::kMessage) | KindBit(Kind::kBreak) | KindBit(Kind::kAudit);
 
 struct HistoryOptions {
   Names consoles;
@@ -74,15 +60,12 @@ struct HistoryOptions {
 /// The journal and the logs, as far as there are any.
 struct Sources {
   std::unique_ptr<journal::Journal> journal;
-  std::vector<LogDirectory> directories;
-  LogNames log_names;
+  PastLogs logs;
 };
 
 // A station with a journal need not have logs.
 void AddLogs(const std::string& log_dir, Sources* sources) try {
-  sources->directories = OpenLogDirectories(log_dir);
-  sources->log_names = NamesIn(sources->directories);
-  sources->log_names.erase(kConsolidated);
+  sources->logs = OpenPastLogs(log_dir);
 } catch (const Failure& failure) {
   if (sources->journal) return;
   throw Failure(failure.status(), "there is no journal, and " + std::string(failure.what()));
@@ -116,13 +99,20 @@ class HistoryCommand {
   HistoryCommand(const Settings& settings, const HistoryOptions& options)
       : options_(options), json_(settings.json), sources_(OpenSources(options)) {
     const time_t now = time(nullptr);
-    wanted_.since = Moment("--since", options.since, now);
-    wanted_.until = Moment("--until", options.until, now);
-    if (wanted_.since && wanted_.until && *wanted_.since > *wanted_.until) {
+    const auto since = Moment("--since", options.since, now);
+    const auto until = Moment("--until", options.until, now);
+    if (since && until && *since > *until) {
       throw Failure(ExitStatus::kUsage, "--since is later than --until; exchange them");
     }
     if (options.pattern) pattern_.emplace(*options.pattern, options.ignore_case);
-    Choose();
+    HistoryChoice choice =
+        ChooseHistory(sources_.journal.get(), sources_.logs, options.consoles, options.users);
+    chosen_ = std::move(choice.chosen);
+    wanted_ = std::move(choice.wanted);
+    wanted_.since = since;
+    wanted_.until = until;
+    wanted_.follows = options.follow;
+    if (options.no_output) wanted_.open_logs = nullptr;  // logs have nothing else
   }
 
   ExitStatus Run() {
@@ -137,8 +127,6 @@ class HistoryCommand {
   }
 
  private:
-  void Choose();
-  Names LogsWanted() const;
   std::optional<size_t> NameWidth() const;
   std::optional<size_t> LinesWanted() const;
   ExitStatus ShowBytes() const;
@@ -154,22 +142,6 @@ class HistoryCommand {
   ChosenConsoles chosen_;
   HistorySources wanted_;
 };
-
-void HistoryCommand::Choose() {
-  const std::vector<journal::Console> none;
-  const auto& consoles = sources_.journal ? sources_.journal->consoles() : none;
-  const Names logs(sources_.log_names.begin(), sources_.log_names.end());
-  chosen_ = ChooseConsoles(consoles, options_.consoles, logs);
-  if (!chosen_.ids.empty()) wanted_.journal = sources_.journal.get();
-  wanted_.consoles = chosen_.ids;
-  wanted_.kinds = options_.users ? kShownKinds | kUserKinds : kShownKinds;
-  wanted_.follows = options_.follow;
-  const WantedLogs wanted_logs(chosen_.names, sources_.log_names);
-  const bool has_logs = std::any_of(logs.begin(), logs.end(),
-                                    [&](const std::string& name) { return wanted_logs.Has(name); });
-  if (!has_logs || options_.no_output) return;  // logs have nothing else
-  wanted_.open_logs = [this, wanted_logs] { return OpenLogs(sources_.directories, wanted_logs); };
-}
 
 // Lines of several consoles have the console's name in front.
 std::optional<size_t> HistoryCommand::NameWidth() const {

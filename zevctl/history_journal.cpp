@@ -39,7 +39,9 @@ JournalPart::JournalPart(const journal::Journal& journal, JournalStretch stretch
     : journal_(journal),
       stretch_(std::move(stretch)),
       begin_(stretch_.from),
-      find_heads_(std::move(find_heads)) {}
+      find_heads_(std::move(find_heads)) {
+  if (stretch_.start) stretch_.from = *stretch_.start;
+}
 
 class JournalPart::Reading {
  public:
@@ -147,7 +149,7 @@ Query JournalPart::QueryFor(const std::optional<Position>& from) const {
 void JournalPart::Read(const HistoryHandler& handle) {
   Reading reading(*this, stretch_.from, stretch_.to, handle);
   reading.Run();
-  reading.Finish();
+  if (!stretch_.goes_on) reading.Finish();
   missing_ = reading.missing();
 }
 
@@ -256,7 +258,7 @@ size_t JournalPart::StartAtLast(size_t count, size_t context, const HistoryTest&
     if (!place) break;
     Reading reading(*this, *place, start, handle);
     reading.Run();
-    if (step == std::max(count, kFirstStep)) reading.Finish();
+    if (step == std::max(count, kFirstStep) && !stretch_.goes_on) reading.Finish();
     start = *place;
   }
   stretch_.from = start;

@@ -22,8 +22,10 @@ struct JournalStretch {
   journal::Kinds kinds = journal::kAllKinds;
   std::optional<int64_t> since;  ///< wall times, inclusive
   std::optional<int64_t> until;
-  journal::Position from;               ///< the first record
-  std::optional<journal::Position> to;  ///< behind the last one; none: as far as there is more
+  journal::Position from;                  ///< the first record
+  std::optional<journal::Position> to;     ///< behind the last one; none: as far as there is more
+  std::optional<journal::Position> start;  ///< where reading begins, if not at `from`
+  bool goes_on = false;  ///< a line in the making at the end is whole in what is behind it
 };
 
 /// What consoles printed before the journal began to be kept, up to there: by their ids.

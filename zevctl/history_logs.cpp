@@ -13,6 +13,7 @@ namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;  // in nanoseconds
 constexpr int64_t kSeamWidth = 3 * kSecond;
+constexpr time_t kLongestMoment = 2;    // in seconds; Hole::follows_moment
 constexpr time_t kLag = 1;              // seconds by which a log's stamp may be later
 constexpr size_t kLogPieceSize = 1024;  // logs have longer lines in pieces
 constexpr time_t kSpans[] = {3600, 86400, time_t{30} * 86400};
@@ -136,7 +137,7 @@ class LogPart::Reading {
   void Run(const HistoryHandler& handle) {
     LogReaders readers = part_.open_();
     for (const auto& reader : readers) {
-      if (part_.from_) reader->SkipBefore(*part_.from_);
+      if (part_.from_) reader->SkipBefore(*part_.from_ - lead_);
     }
     const time_t end = part_.to_ ? *part_.to_ + kClockSlack : kEndOfTime;
     ReadInOrder(
@@ -150,7 +151,8 @@ class LogPart::Reading {
   void Take(const LogReader& log, const Record& record, const HistoryHandler& handle) {
     if (EndsTheLineBefore(log, record) || !record.time || !IsInTime(*record.time)) return;
     const std::string text = TextOf(record.text);
-    if (IsInJournal(log, text, *record.time)) return;
+    if (IsInJournal(log, text, *record.time) || (part_.from_ && *record.time < *part_.from_))
+      return;
     HistoryLine line;
     line.console = log.name();
     line.wall = static_cast<int64_t>(*record.time) * kSecond;
@@ -171,7 +173,16 @@ class LogPart::Reading {
   }
 
   bool IsInTime(time_t time) const {
-    return (!part_.from_ || time >= *part_.from_) && (!part_.to_ || time <= *part_.to_);
+    return (!part_.from_ || time >= *part_.from_ - lead_) && (!part_.to_ || time <= *part_.to_);
+  }
+
+  // Behind a moment of the journal, its lines must pass by to tell what stands behind them: they
+  // may be of an earlier second than its end.
+  static time_t LeadOf(const LogPart& part) {
+    const Hole& hole = part.hole_;
+    const bool begins_there =
+        hole.begin && part.from_ && *part.from_ <= SecondOf(*hole.begin) + kLag;
+    return begins_there && hole.follows_moment ? kLongestMoment : 0;
   }
 
   // Far from the ends of the hole the journal has nothing.
@@ -202,7 +213,8 @@ class LogPart::Reading {
   }
 
   const LogPart& part_;
-  Seam* seam_;  // none without a journal
+  const time_t lead_ = LeadOf(part_);  // in seconds
+  Seam* seam_;                         // none without a journal
   LineHeads heads_;
   std::map<const LogReader*, bool> after_cr_;
 };
@@ -242,13 +254,13 @@ LineHeads LogPart::Heads() {
   return reading.TakeHeads();
 }
 
-// Whether nothing is older. A log's first stamp need not be its oldest, but nearly is.
-bool LogPart::IsAll(time_t since) const {
-  if (from_ && since <= *from_) return true;
-  const LogReaders readers = open_();
-  return std::none_of(readers.begin(), readers.end(), [&](const auto& reader) {
-    return reader->TimeHere().value_or(kEndOfTime) < since + kClockSlack;
-  });
+// The time before which there is nothing. A log's first stamp need not be its oldest, but nearly
+// is.
+time_t LogPart::Begin() const {
+  time_t begin = kEndOfTime;
+  for (const auto& reader : open_()) begin = std::min(begin, reader->TimeHere().value_or(begin));
+  if (begin != kEndOfTime) begin -= kClockSlack;
+  return std::max(begin, from_.value_or(begin));
 }
 
 // Further and further back. Where the context of matches is wanted, everything is read: nobody
@@ -256,10 +268,11 @@ bool LogPart::IsAll(time_t since) const {
 size_t LogPart::StartAtLast(size_t count, size_t context, const HistoryTest& is_wanted) {
   const auto first = from_;
   const time_t end = to_.value_or(time(nullptr));
+  const time_t begin = context > 0 ? kEndOfTime : Begin();
   size_t found = 0;
   const HistoryHandler handle = [&](const HistoryLine& line) { found += is_wanted(line) ? 1 : 0; };
   for (const time_t span : kSpans) {
-    if (context > 0 || IsAll(end - span)) break;
+    if (end - span <= begin) break;
     from_ = end - span;
     found = 0;
     Read(handle);

@@ -95,7 +95,7 @@ class LogPart : public HistoryPart {
   class Reading;
 
   Seam* FreshSeam();
-  bool IsAll(time_t since) const;
+  time_t Begin() const;
 
   std::function<LogReaders()> open_;
   Hole hole_;

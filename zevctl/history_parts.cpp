@@ -52,18 +52,24 @@ class Maker {
     if (sources_.journal != nullptr) stretches = StretchesOf(*sources_.journal);
     Hole hole;
     for (const Stretch& stretch : stretches) {
+      if (IsBehind(stretch)) return std::move(parts_);
       hole.end = stretch.begin;
-      AddLogs(hole);
+      if (!sources_.from || sources_.from->segment < stretch.first) AddLogs(hole);
       AddJournal(stretch, &stretch == &stretches.back());
       hole.begin = stretch.end;
       hole.follows_moment = stretch.end - stretch.begin < kShortestHole;
     }
     hole.end.reset();
-    if (!sources_.follows) AddLogs(hole);
+    if (!sources_.follows && !sources_.before) AddLogs(hole);
     return std::move(parts_);
   }
 
  private:
+  // Nothing of the stretch, nor of the hole in front of it, is before the place that is the end.
+  bool IsBehind(const Stretch& stretch) const {
+    return sources_.before && sources_.before->segment < stretch.first;
+  }
+
   void AddLogs(const Hole& hole) {
     heads_ = nullptr;
     const bool is_early = since_ && hole.end && *hole.end + kSecond < *since_;
@@ -85,6 +91,7 @@ class Maker {
     const bool is_followed = is_last && sources_.follows;
     const bool is_early = since_ && stretch.end < *since_ && !is_last;
     const bool is_late = until_ && stretch.begin > *until_ && !is_last;
+    if (sources_.from && sources_.from->segment > stretch.last) return;
     if (sources_.consoles.empty() || ((is_early || is_late) && !is_followed)) return;
     const uint64_t station = sources_.journal->station();
     JournalStretch wanted;
@@ -94,6 +101,11 @@ class Maker {
     wanted.until = until_;
     wanted.from = {station, stretch.first, 0};
     if (!is_last) wanted.to = journal::Position{station, stretch.last + 1, 0};
+    if (sources_.from && wanted.from < *sources_.from) wanted.start = sources_.from;
+    if (sources_.before && (!wanted.to || *sources_.before < *wanted.to)) {
+      wanted.to = sources_.before;
+      wanted.goes_on = true;
+    }
     parts_.push_back(std::make_unique<JournalPart>(*sources_.journal, std::move(wanted), heads_));
   }
 

@@ -22,7 +22,9 @@ struct HistorySources {
   std::function<LogReaders()> open_logs;  ///< empty: there are none
   std::optional<time_t> since;            ///< seconds since the epoch, inclusive
   std::optional<time_t> until;
-  bool follows = false;  ///< what comes behind the journal's end is left to it
+  bool follows = false;                     ///< what comes behind the journal's end is left to it
+  std::optional<journal::Position> from;    ///< of the journal: only what begins there or later
+  std::optional<journal::Position> before;  ///< and only what ends before this
 };
 
 /// The wall times of what is wanted.

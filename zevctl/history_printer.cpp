@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "history_json.h"
 #include "journal_text.h"
 #include "output.h"
 
@@ -67,18 +68,8 @@ std::string HistoryPrinter::TextOf(const HistoryLine& line) const {
 }
 
 std::string HistoryPrinter::JsonOf(const HistoryLine& line, bool is_match) const {
-  nlohmann::ordered_json data;
-  data["time"] = StampJson(line.wall);
-  data["console"] =
-      line.console.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(Utf8(line.console));
-  data["kind"] = line.kind;
-  data["text"] = Utf8(line.text);
-  if (line.is_output) data["complete"] = line.is_complete;
-  data["source"] = line.position ? "journal" : "log";
-  data["position"] = line.position ? nlohmann::ordered_json(journal::PositionText(*line.position))
-                                   : nlohmann::ordered_json();
+  nlohmann::ordered_json data = HistoryData(line);
   if (style_.context > 0) data["match"] = is_match;
-  if (line.record != nullptr) AddFields(*line.record, &data);
   return EscapedJson(data.dump()) + "\n";
 }
 

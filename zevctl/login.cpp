@@ -214,6 +214,7 @@ const std::string& Credentials::Name() {
 }
 
 const Secret& Credentials::Password() {
+  was_wanted_ = true;
   if (!password_ && may_ask_) password_ = AskSecret("Password: ");
   if (!password_) {
     throw Failure(ExitStatus::kNotAdmitted, "no password was given; try again and type it");

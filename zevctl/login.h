@@ -40,6 +40,11 @@ class Credentials {
   /// For connections during which nobody may be asked: they fail when a login is wanted.
   static Credentials Unasked() { return Credentials("", false); }
 
+  /// Of a person who has been asked elsewhere, and is not asked again.
+  static Credentials Given(std::string name, Secret password) {
+    return {std::move(name), std::move(password)};
+  }
+
   Credentials(const Credentials&) = delete;
   Credentials& operator=(const Credentials&) = delete;
 
@@ -53,6 +58,9 @@ class Credentials {
   /// True when both are known and need not be asked for.
   bool Known() const { return !name_.empty() && password_.has_value(); }
 
+  /// True when the daemon has wanted the password.
+  bool WasWanted() const { return was_wanted_; }
+
   /// False while nobody may be asked: then what is not known is missing.
   bool MayAsk() const { return may_ask_; }
 
@@ -65,10 +73,13 @@ class Credentials {
   friend class Unasking;
 
   Credentials(std::string name, bool may_ask) : offered_(std::move(name)), may_ask_(may_ask) {}
+  Credentials(std::string name, Secret password)
+      : may_ask_(false), name_(std::move(name)), password_(std::move(password)) {}
 
   std::string offered_;
   bool may_ask_ = true;
   bool cookie_useful_ = true;
+  bool was_wanted_ = false;
   std::string name_;
   std::optional<Secret> password_;
 };

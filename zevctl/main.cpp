@@ -72,6 +72,7 @@ void DeclareCommands(Command& app, Program& program) {
   AddConfigCommand(app, program);
   AddSetupCommand(app, program);
   AddJournalCommand(app, program);
+  AddTokenCommand(app, program);
   AddReportCommand(app, program);
   AddCompletionCommand(app, program);
 }

@@ -70,7 +70,7 @@ void PastLines::Read(const Taker& take) {
       goes_on = goes_on && take({console, record.header.wall, line, StateOf(console).users > 0});
     });
   }
-  WarnOfDamage(*cursor);
+  WarnOfDamage(cursor->damages());
 }
 
 void PastLines::Take(const journal::Record& record, const LoggedLines::Taker& take) {

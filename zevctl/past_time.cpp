@@ -50,8 +50,8 @@ std::string WhereJournalBegins(const journal::Journal& journal, const PastRange&
   return "The journal begins at " + StampText(begin) + ".\n";
 }
 
-void WarnOfDamage(const journal::Cursor& cursor) {
-  for (const journal::Damage& damage : cursor.damages()) {
+void WarnOfDamage(const std::vector<journal::Damage>& damages) {
+  for (const journal::Damage& damage : damages) {
     Warn("the journal is damaged at " + journal::PositionText(damage.position) + ": " +
          Printable(damage.reason) + "; \"zevctl journal verify\" tells more");
   }

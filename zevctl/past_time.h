@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "exit_status.h"
 #include "journal/journal.h"
@@ -31,7 +32,7 @@ PastRange ReadRange(const std::string& since, const std::string& until);
 std::string WhereJournalBegins(const journal::Journal& journal, const PastRange& range);
 
 /// Warns of what a cursor has stepped over.
-void WarnOfDamage(const journal::Cursor& cursor);
+void WarnOfDamage(const std::vector<journal::Damage>& damages);
 
 /// Runs a command that reads a journal; what the journal throws becomes a Failure.
 ExitStatus WithJournalErrors(const std::string& directory,

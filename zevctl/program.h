@@ -34,6 +34,7 @@ void AddHealthCommand(Command& app, Program& program);
 void AddConfigCommand(Command& app, Program& program);
 void AddSetupCommand(Command& app, Program& program);
 void AddJournalCommand(Command& app, Program& program);
+void AddTokenCommand(Command& app, Program& program);
 void AddReportCommand(Command& app, Program& program);
 void AddCompletionCommand(Command& app, Program& program);
 

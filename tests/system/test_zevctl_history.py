@@ -529,3 +529,14 @@ def test_attach_tells_when_the_journal_stands_still(box, station, journal):
         person.expect("up to here:\r\nold\r\n")
         greeted(person.child)
         leave(person)
+
+
+def test_a_journal_of_a_moment_may_end_in_the_next_second(station):
+    with JournalWriter(station.root / "journal", begin="2026-11-22 03:00:00.800") as journal:
+        web = journal.console("web", at="2026-11-22 03:00:00.800")
+        journal.output(web, b"on\n", at="2026-11-22 03:00:00.900")
+        journal.record(Kind.STOPPED, at="2026-11-22 03:00:01.050")
+    write_log(station, "web", ("03:00:00", b"off\n"), ("03:00:00", b"on\n"),
+              ("03:00:01", b"off again\n"))
+    assert sources("web") == [
+        ("log", "off"), ("journal", "on"), ("journal", "the daemon stopped"), ("log", "off again")]
