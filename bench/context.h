@@ -50,6 +50,7 @@ void RunIdleRacks(Context& context);
 void RunEnable(Context& context);
 void RunEchoSpread(Context& context);
 void RunJournal(Context& context);
+void RunWeb(Context& context);
 
 /// The same measured through the daemon and through the relay.
 struct Samples {

@@ -25,7 +25,7 @@ def analyze(*words: str) -> subprocess.CompletedProcess:
                           env={**os.environ, "SYSTEMD_COLORS": "0", "SYSTEMD_PAGER": "cat"})
 
 
-@pytest.mark.parametrize("unit", ["zevd.service", "zevd-password@.service"])
+@pytest.mark.parametrize("unit", ["zevd.service", "zevd-password@.service", "zevweb.service"])
 def test_a_service_is_hardly_exposed(unit):
     done = analyze("security", "--offline=true", "--no-pager", UNITS / unit)
     assert done.returncode == 0, done.stderr
@@ -39,10 +39,10 @@ def test_the_units_are_understood(tmp_path):
     """Their programs are looked for, so those are put where the test has some."""
     mine = [unit for unit in UNITS.iterdir()
             if unit.name in ("zevd.service", "zevd.socket", "zevd-password.socket",
-                             "zevd-password@.service")]
-    assert len(mine) == 4
+                             "zevd-password@.service", "zevweb.service")]
+    assert len(mine) == 5
     for unit in mine:
-        text = re.sub(r"^(Exec\w+)=/usr/(bin/zevd|libexec/zevd/[a-z_-]+)\b", r"\1=/bin/true",
+        text = re.sub(r"^(Exec\w+)=/usr/(bin/zev(d|web)|libexec/zevd/[a-z_-]+)\b", r"\1=/bin/true",
                       unit.read_text(encoding="ascii"), flags=re.MULTILINE)
         (tmp_path / unit.name).write_text(text, encoding="ascii")
     names = sorted(unit.name.replace("@", "@1") for unit in mine)
