@@ -4,7 +4,10 @@ import contextlib
 import fcntl
 import os
 import re
+import ssl
 import struct
+import urllib.error
+import urllib.request
 
 import pytest
 
@@ -87,6 +90,20 @@ def virtual_machine(installed):
         yield console
 
 
+def page() -> str:
+    """What a browser on the station gets; nothing while the server starts."""
+    link, = re.findall(r"`(https://127\.0\.0\.1:\d+/)`", README.read_text())
+    unsigned = ssl.create_default_context()
+    unsigned.check_hostname = False
+    unsigned.verify_mode = ssl.CERT_NONE
+    try:
+        with urllib.request.urlopen(link, timeout=20, context=unsigned) as answer:
+            return answer.read().decode()
+    except urllib.error.URLError as error:
+        assert isinstance(error.reason, ConnectionRefusedError), error
+        return ""
+
+
 def test_the_readme_installs_what_script_package_makes():
     install, = steps()["Install"]
     assert install.splitlines()[-1].startswith("apt install ./build/packages/*.deb ")
@@ -136,3 +153,6 @@ def test_the_readmes_lines_make_a_station(installed, serial_port, virtual_machin
                what="the log")
     assert "another kind" in newcomer.follow("Every day")
     assert "changeme" not in installed.output("cat", "/tmp/zevd-report")
+
+    newcomer.follow("In a browser")
+    wait_until(lambda: "<title>" in page(), what="the page")
