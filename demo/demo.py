@@ -15,9 +15,10 @@ from collections.abc import Iterator
 from pathlib import Path
 
 import place
+from browser import NAME, Page
 from processes import Processes
-from tour import (HOST, Client, Console, DaemonOutput, Files, StepFailed, Tour, heading, seen,
-                  wait_until)
+from steps import HOST, StepFailed, heading, seen, wait_until
+from tour import Client, Console, DaemonOutput, Files, Tour
 
 DEMO = Path(__file__).resolve().parent
 REPLAY_BYTES = 4096
@@ -131,7 +132,7 @@ def start_collector(processes: Processes, chosen: place.Place, output: Path) -> 
 
 
 def show_how_to_attach(main_port: int, consoles: tuple[Console, ...], chosen: place.Place,
-                       daemon: subprocess.Popen) -> None:
+                       daemon: subprocess.Popen, page: Page) -> None:
     shell, machine, refuser = consoles
     heading("Now you: from another terminal of this machine, in the directory of the clone")
     seen_root = chosen.root_for_others(daemon.pid)
@@ -158,6 +159,10 @@ def show_how_to_attach(main_port: int, consoles: tuple[Console, ...], chosen: pl
   them over the network can attach and type as well; the shell runs with the rights of the user
   nobody.
 
+  With a browser on this machine:
+
+    {page.link}      name {NAME}, password {page.password} (both are the demo's own)
+
   The demo goes on until you press Ctrl-C here.""")
 
 
@@ -174,9 +179,9 @@ def end_daemon(daemon: subprocess.Popen, main_port: int) -> None:
 
 
 def keep_running(daemon: subprocess.Popen, main_port: int, consoles: tuple[Console, ...],
-                 chosen: place.Place) -> None:
+                 chosen: place.Place, page: Page) -> None:
     """Leave everything running until somebody ends the demo."""
-    show_how_to_attach(main_port, consoles, chosen, daemon)
+    show_how_to_attach(main_port, consoles, chosen, daemon, page)
     try:
         status = daemon.wait()
     except Interrupted as reason:
@@ -187,7 +192,7 @@ def keep_running(daemon: subprocess.Popen, main_port: int, consoles: tuple[Conso
 
 def run(chosen: place.Place, once: bool, processes: Processes, refused: int) -> None:
     """Start everything, take the tour, and end the daemon."""
-    main_port, *ports = free_ports(6)
+    main_port, web_port, *ports = free_ports(7)
     consoles = (
         Console("shell", ports[0], ports[1], "a shell on a terminal, behind a telnet port"),
         Console("server1", ports[2], ports[3], "a machine that boots, then prints for ever"),
@@ -202,11 +207,12 @@ def run(chosen: place.Place, once: bool, processes: Processes, refused: int) -> 
     files = Files(chosen.root / "logs", chosen.root / "logs/events", chosen.root / "config/.cookie")
     start_collector(processes, chosen, files.events)
     output = DaemonOutput(chosen.root / "logs/zevd.log")
+    page = Page(processes, chosen, main_port, web_port)
     daemon = start_daemon(processes, chosen, main_port, chosen.root / "logs/zevd.log")
     try:
-        Tour(main_port, consoles, output, files, Client(chosen.client, main_port)).run()
+        Tour(main_port, consoles, output, files, Client(chosen.client, main_port), page).run()
         if not once:
-            keep_running(daemon, main_port, consoles, chosen)
+            keep_running(daemon, main_port, consoles, chosen, page)
         end_daemon(daemon, main_port)
     except StepFailed:
         print("\nThe daemon's last words:\n", *output.text().splitlines()[-20:], sep="\n")

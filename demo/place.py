@@ -39,6 +39,16 @@ class Place:
         """The operators' client of the same build."""
         return self.daemon.with_name("zevctl")
 
+    @property
+    def web(self) -> Path:
+        """The program that serves the station to browsers."""
+        return self.daemon.with_name("zevweb")
+
+    @property
+    def page(self) -> Path:
+        """The files of the page that it serves."""
+        return self.daemon.parent.parent / "share/zevweb"
+
     def root_for_others(self, daemon_pid: int) -> Path:
         """The root directory as a path that leads there from outside the demo too."""
         if self.preset == "fallback":

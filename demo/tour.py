@@ -4,30 +4,17 @@ import contextlib
 import re
 import socket
 import subprocess
-import time
-from collections.abc import Callable, Iterator
+from collections.abc import Iterator
 from dataclasses import dataclass
 from pathlib import Path
-from typing import TypeVar
 
 import pexpect
 
-PATIENCE = 20.0
-HOST = "127.0.0.1"
+from browser import Page
+from steps import HOST, PATIENCE, StepFailed, heading, seen, show, wait_until
+
 TELNET_OFFERS = b"\xff\xfb\x01\xff\xfb\x03"
 STAMP = r"\d\d/\d\d/\d\d_\d\d:\d\d:\d\d"
-READABLE = {
-    b"\xff\xfb\x01": b"[telnet: will echo]",
-    b"\xff\xfb\x03": b"[telnet: will suppress go-ahead]",
-    b"\x07": b"[bell]",
-    b"\r": b"",
-}
-
-Found = TypeVar("Found")
-
-
-class StepFailed(Exception):
-    """Something that a step of the tour must see was not seen."""
 
 
 @dataclass(frozen=True)
@@ -38,33 +25,6 @@ class Console:
     port: int
     mapped_port: int
     what: str
-
-
-def wait_until(condition: Callable[[], Found], what: str) -> Found:
-    """Ask again and again until the answer is true, and return it."""
-    deadline = time.monotonic() + PATIENCE
-    while not (answer := condition()):
-        if time.monotonic() > deadline:
-            raise StepFailed(f"waited {PATIENCE:g} s for {what} in vain")
-        time.sleep(0.02)
-    return answer
-
-
-def heading(text: str) -> None:
-    print(f"\n=== {text}\n")
-
-
-def seen(text: str) -> None:
-    """Report a fact that has just been checked."""
-    print(f"  ok: {text}\n")
-
-
-def show(who: str, action: str, text: bytes) -> None:
-    """Print bytes as a person would see them, with telnet's and other marks made readable."""
-    for mark, words in READABLE.items():
-        text = text.replace(mark, words)
-    for line in text.decode(errors="backslashreplace").splitlines():
-        print(f"  {who:>6} {action:5} | {line}".rstrip())
 
 
 class User:
@@ -196,12 +156,13 @@ class Tour:
     """The steps, in order; the first one that fails ends the tour."""
 
     def __init__(self, main_port: int, consoles: tuple[Console, Console, Console],
-                 output: DaemonOutput, files: Files, client: Client) -> None:
+                 output: DaemonOutput, files: Files, client: Client, page: Page) -> None:
         self._main_port = main_port
         self._shell, self._machine, self._refuser = consoles
         self._output = output
         self._files = files
         self._client = client
+        self._page = page
 
     def run(self) -> None:
         self._daemon_is_up()
@@ -213,6 +174,7 @@ class Tour:
         self._look_at_the_logs()
         self._use_the_client()
         self._see_it_again()
+        self._open_the_page()
         print("The tour is over: every step was seen to work.")
 
     def _daemon_is_up(self) -> None:
@@ -337,6 +299,17 @@ class Tour:
                 raise StepFailed(f"{answer!r} is not in the replay of {shell}")
         self._client.replay(machine, f"{machine} is up", "--speed", "50", "--max-idle", "0.5")
         seen(f"the journal has the whole tour, and the boot of {machine} was played once more")
+
+    def _open_the_page(self) -> None:
+        heading("The station in a browser")
+        self._page.start()
+        if "<title>" not in self._page.html():
+            raise StepFailed("the page is not served")
+        self._page.log_in()
+        states = self._page.consoles()
+        if states.get(self._shell.name) != "connected" or len(states) != 3:
+            raise StepFailed(f"the page shows {states}")
+        seen(f"{self._page.link} is served, somebody logged in, and sees three consoles")
 
 
 def find_line(file: Path, pattern: str) -> str:
