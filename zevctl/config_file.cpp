@@ -128,8 +128,8 @@ void ConfigDirectory::Lock() {
     throw Failure(ExitStatus::kFailed,
                   "somebody else is changing the configuration just now; try again later");
   }
-  // A file that root has made must not keep out the daemon's user.
-  if (geteuid() == 0 && info.st_uid != owner_ && fchown(lock_.get(), owner_, group_) != 0) {
+  // A file that somebody else has made must not keep out the daemon's user.
+  if (info.st_uid != owner_ && fchown(lock_.get(), owner_, group_) != 0 && geteuid() == 0) {
     throw Failed("cannot give " + name + " to its owner", "remove it");
   }
 }
@@ -158,10 +158,11 @@ void StagedFile::Write(std::string_view text, mode_t mode) {
       openat(directory_.fd(), staged_.c_str(), O_WRONLY | O_CREAT | O_EXCL | kSafely, 0600));
   if (!made) throw Failed("cannot write " + path, kept);
   is_staged_ = true;
+  // Who may give it away without being root does it, too; after that it cannot change the mode.
+  const bool written = fchmod(made.get(), mode) == 0 && WriteAll(made.get(), text);
   const bool owned =
-      geteuid() != 0 || fchown(made.get(), directory_.owner(), directory_.group()) == 0;
-  if (!owned || fchmod(made.get(), mode) != 0 || !WriteAll(made.get(), text) ||
-      fsync(made.get()) != 0) {
+      fchown(made.get(), directory_.owner(), directory_.group()) == 0 || geteuid() != 0;
+  if (!written || !owned || fsync(made.get()) != 0) {
     throw Failed("cannot write " + path, kept);
   }
 }

@@ -65,10 +65,14 @@ std::string Defaults(const Values& common) {
   return text.empty() ? text : "\n[defaults]\n" + text;
 }
 
+std::string Heading(const ConfigConsole& console) {
+  return "\n[[console]]\nname = " + TomlString(console.name()) +
+         "\ntcp = " + TomlString(console.Text(kFieldAddress) + ":" + console.Text(kFieldPort)) +
+         "\n";
+}
+
 std::string Console(const ConfigConsole& console, const Values& values, const Values& common) {
-  std::string text =
-      "\n[[console]]\nname = " + TomlString(console.name()) +
-      "\ntcp = " + TomlString(console.Text(kFieldAddress) + ":" + console.Text(kFieldPort)) + "\n";
+  std::string text = Heading(console);
   for (const auto& [key, value] : values) {
     if (value != common.at(key)) text += std::string(key) + " = " + value + "\n";
   }
@@ -87,6 +91,17 @@ std::string WriteReadable(const std::vector<ConfigConsole>& consoles) {
       "# \"zevctl config apply\" makes it count; consoles.toml(5) describes it.\n";
   text += Defaults(common);
   for (size_t i = 0; i < consoles.size(); ++i) text += Console(consoles[i], all[i], common);
+  return text;
+}
+
+std::string WriteIncluded(const std::vector<ConfigConsole>& consoles) {
+  std::string text;
+  for (const ConfigConsole& console : consoles) {
+    text += Heading(console);
+    for (const auto& [key, value] : ValuesOf(console)) {
+      text += std::string(key) + " = " + value + "\n";
+    }
+  }
   return text;
 }
 

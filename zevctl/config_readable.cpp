@@ -6,7 +6,6 @@
 
 #include "config_keys.h"
 #include "config_range.h"
-#include "config_toml.h"
 
 namespace zevctl {
 
@@ -223,6 +222,12 @@ std::vector<ConfigConsole> ReadReadable(const std::vector<ConfigSource>& sources
     const auto root = ParseToml(source.text, source.file, findings);
     if (root) reader.Take(*root, &source == &sources.front());
   }
+  return reader.Consoles();
+}
+
+std::vector<ConfigConsole> ReadReadable(const TomlNode& root, Findings& findings) {
+  Reader reader(findings);
+  reader.Take(root, true);
   return reader.Consoles();
 }
 

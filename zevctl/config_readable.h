@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "config_console.h"
+#include "config_toml.h"
 
 namespace zevctl {
 
@@ -20,8 +21,15 @@ struct ConfigSource {
 std::vector<ConfigConsole> ReadReadable(const std::vector<ConfigSource>& sources,
                                         Findings& findings);
 
+/// The same for one file that was parsed before, in which other keys may have stood beside these.
+std::vector<ConfigConsole> ReadReadable(const TomlNode& root, Findings& findings);
+
 /// The readable file for consoles that were read from zev.conf. What most of them have in common
 /// becomes the defaults.
 std::string WriteReadable(const std::vector<ConfigConsole>& consoles);
+
+/// The consoles for a file of consoles.d. Each says everything itself, whatever the defaults of the
+/// main file are.
+std::string WriteIncluded(const std::vector<ConfigConsole>& consoles);
 
 }  // namespace zevctl

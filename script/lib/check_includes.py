@@ -14,7 +14,8 @@ from pathlib import Path, PurePath
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 TABLE = Path(__file__).with_name("layers.toml")
-PROGRAMS = {"zevd", "zevctl", "zevkeep", "zevweb", "journal", "qor_pam_auth", "platform"}
+PROGRAMS = {"zevd", "zevctl", "zevkeep", "zevweb", "zevfleet", "journal", "qor_pam_auth",
+            "platform"}
 SOURCES = {".cpp", ".h"}
 LONGEST = 450
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])(.+)[>"]', re.MULTILINE)

@@ -12,6 +12,7 @@ ZEVCTL_PAGE = settings.REPOSITORY / "zevctl/zevctl.1"
 ZEVD_PAGE = settings.REPOSITORY / "zevd/zevd.8"
 TOML_PAGE = settings.REPOSITORY / "zevctl/consoles.toml.5"
 CONF_PAGE = settings.REPOSITORY / "zevd/zev.conf.5"
+FLEET_PAGE = settings.REPOSITORY / "zevfleet/zevfleet.8"
 
 
 def page(path) -> str:
@@ -39,11 +40,30 @@ def options_of(help_text: str) -> set[str]:
     return set(re.findall(r"(?:^  |,)(--[a-z-]+)", help_text, re.MULTILINE))
 
 
-@pytest.mark.parametrize("path", [ZEVCTL_PAGE, ZEVD_PAGE, CONF_PAGE, TOML_PAGE])
+@pytest.mark.parametrize("path", [ZEVCTL_PAGE, ZEVD_PAGE, CONF_PAGE, TOML_PAGE, FLEET_PAGE])
 def test_the_source_is_clean(path):
     done = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", path], capture_output=True,
                           text=True, check=False)
     assert (done.returncode, done.stdout) == (0, "")
+
+
+def test_the_page_of_the_fleet_names_every_command_option_and_key():
+    program = settings.build_directory() / "bin/zevfleet"
+
+    def help_of(*words: str) -> str:
+        return subprocess.run([program, *words, "--help"], capture_output=True, text=True,
+                              check=True).stdout
+
+    commands = re.findall(r"^  ([a-z]+) ", help_of().partition("Subcommands:")[2], re.MULTILINE)
+    described = page(FLEET_PAGE)
+    for command in commands:
+        assert re.search(rf"^     {command}\b", described, re.MULTILINE), command
+        for option in options_of(help_of(command)) - {"--help"}:
+            assert option in described or option == "--yes", option
+    source = (settings.REPOSITORY / "zevfleet/fleet_options.cpp").read_text(encoding="ascii")
+    source = re.sub(r"Keys KeysOf\(NatsOptions.*?^}", "", source, flags=re.DOTALL | re.MULTILINE)
+    for key in set(re.findall(r'\{"([a-z_]+)", Take', source)) - {"nats"}:
+        assert re.search(rf"\b{key}\b", described), key
 
 
 # The client

@@ -9,7 +9,7 @@ from pathlib import Path
 REPOSITORY = Path(__file__).resolve().parents[3]
 BUILD = REPOSITORY / "build"
 PACKAGES = BUILD / "packages"
-NAMES = ("zevd", "zevctl", "zevweb", "libjix-standin", "libtqauth-standin")
+NAMES = ("zevd", "zevctl", "zevweb", "zevfleet", "libjix-standin", "libtqauth-standin")
 
 
 def found() -> list[Path]:

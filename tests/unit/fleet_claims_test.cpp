@@ -1,0 +1,173 @@
+// Which consoles a station claims and lets go of.
+#include "fleet_claims.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "fleet_clock.h"
+#include "fleet_support.h"
+
+namespace zevfleet {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::UnorderedElementsAre;
+
+class FleetClaimsTest : public testing::Test {
+ protected:
+  void Whole(std::vector<EtcdKey> keys, int64_t now = 0) {
+    view_.Take({.is_whole = true, .present = std::move(keys), .gone = {}}, now);
+  }
+  void Comes(const EtcdKey& key, int64_t now) {
+    view_.Take({.is_whole = false, .present = {key}, .gone = {}}, now);
+  }
+  void Goes(const std::string& key, int64_t now) {
+    view_.Take({.is_whole = false, .present = {}, .gone = {"/zevfleet/hall/" + key}}, now);
+  }
+  static UsersOf Users(std::optional<size_t> count) {
+    return [count](const std::string&) { return count; };
+  }
+
+  FleetView view_{"hall"};
+  const ClaimSelf self_{
+      .station = "st1", .lease = kTestLease, .ready = true, .return_time = 30 * kSecond};
+};
+
+TEST_F(FleetClaimsTest, NamedStationsComeFirstAndOthersInAnOrderOfTheConsole) {
+  Whole({StationKey("st1", 1), StationKey("st2", 2), StationKey("st3", 3, false)});
+  EXPECT_THAT(Ranking(ConsoleFor("box", {"st2", "st3", "st1"}), view_), ElementsAre("st2", "st1"));
+  EXPECT_THAT(Ranking(ConsoleFor("box", {"st2"}, false), view_), ElementsAre("st2"));
+  EXPECT_THAT(Ranking(ConsoleFor("box", {"gone"}, false), view_), IsEmpty());
+  size_t first = 0;
+  for (int i = 0; i < 1000; ++i) {
+    const auto order = Ranking(ConsoleFor("box" + std::to_string(i), {}), view_);
+    EXPECT_THAT(order, UnorderedElementsAre("st1", "st2"));
+    if (order.front() == "st1") ++first;
+  }
+  EXPECT_GT(first, 400U);
+  EXPECT_LT(first, 600U);
+}
+
+TEST_F(FleetClaimsTest, AConsoleIsClaimedAtOnceByItsFirstStation) {
+  Whole({StationKey("st1", kTestLease), ConsoleKey(ConsoleFor("box", {"st1"}))});
+  EXPECT_THAT(ToClaim(view_, self_, 0), ElementsAre("box"));
+}
+
+TEST_F(FleetClaimsTest, TheNextStationWaitsForTheOneBeforeIt) {
+  Whole({StationKey("st1", kTestLease), StationKey("st2", 2),
+         ConsoleKey(ConsoleFor("box", {"st2", "st1"}))});
+  EXPECT_THAT(ToClaim(view_, self_, 2 * kSecond - 1), IsEmpty());
+  EXPECT_THAT(ToClaim(view_, self_, 2 * kSecond), ElementsAre("box"));
+  // Without the one before it, it does not take as long.
+  Goes("stations/st2", 0);
+  EXPECT_THAT(ToClaim(view_, self_, kSecond - 1), IsEmpty());
+  EXPECT_THAT(ToClaim(view_, self_, kSecond), ElementsAre("box"));
+}
+
+TEST_F(FleetClaimsTest, TheWaitBeginsWhenTheConsoleBecomesFree) {
+  Whole({StationKey("st1", kTestLease), ConsoleKey(ConsoleFor("box", {"st2"})),
+         ClaimKey("box", "st2", 2)});
+  EXPECT_THAT(ToClaim(view_, self_, 100 * kSecond), IsEmpty());
+  Goes("claims/" + AddressFor("box"), 100 * kSecond);
+  EXPECT_THAT(ToClaim(view_, self_, 100 * kSecond), IsEmpty());
+  EXPECT_THAT(ToClaim(view_, self_, 101 * kSecond), ElementsAre("box"));
+  Comes(ClaimKey("box", "st3", 3), 101 * kSecond);
+  EXPECT_THAT(ToClaim(view_, self_, 200 * kSecond), IsEmpty());
+}
+
+TEST_F(FleetClaimsTest, OneThatIsNotReadyClaimsNothing) {
+  Whole({StationKey("st1", kTestLease, false), ConsoleKey(ConsoleFor("box", {"st1"}))});
+  EXPECT_THAT(ToClaim(view_, self_, 100 * kSecond), IsEmpty());
+  Comes(StationKey("st1", kTestLease), 0);
+  ClaimSelf unready = self_;
+  unready.ready = false;
+  EXPECT_THAT(ToClaim(view_, unready, 100 * kSecond), IsEmpty());
+  EXPECT_THAT(ToClaim(view_, self_, 100 * kSecond), ElementsAre("box"));
+}
+
+TEST_F(FleetClaimsTest, AClaimThatIsNotUnderstoodIsSomebodysNevertheless) {
+  Whole({StationKey("st1", kTestLease),
+         ConsoleKey(ConsoleFor("box", {"st1"})),
+         {.key = "/zevfleet/hall/claims/" + AddressFor("box"), .value = "mine"}});
+  EXPECT_THAT(ToClaim(view_, self_, 100 * kSecond), IsEmpty());
+  EXPECT_THAT(view_.Problems(), SizeIs(1));
+}
+
+TEST_F(FleetClaimsTest, WhatIsHeldIsHeldByTheLeaseOfNow) {
+  Whole({ConsoleKey(ConsoleFor("a", {})), ConsoleKey(ConsoleFor("b", {})),
+         ConsoleKey(ConsoleFor("c", {})), ClaimKey("a", "st1", kTestLease),
+         ClaimKey("b", "st1", kTestLease + 1), ClaimKey("c", "st2", kTestLease)});
+  EXPECT_THAT(Held(view_, self_), ElementsAre("a"));
+}
+
+TEST_F(FleetClaimsTest, AnAddressThatNoConsoleHasAnyMoreIsStillHeld) {
+  SharedConsole moved = ConsoleFor("box", {});
+  moved.line = LineFor("box");
+  Whole(
+      {ClaimKey("box", "st1", kTestLease), ClaimKey("gone", "st1", kTestLease), ConsoleKey(moved)});
+  EXPECT_THAT(Held(view_, self_), IsEmpty());
+  EXPECT_THAT(HeldAddresses(view_, self_), ElementsAre(AddressFor("box"), AddressFor("gone")));
+  // The new address is nobody's.
+  EXPECT_EQ(view_.FreeSince("box"), 0);
+}
+
+TEST_F(FleetClaimsTest, OneThatMayNotBeHereAnyMoreIsLetGo) {
+  Whole({ConsoleKey(ConsoleFor("box", {"st2"}, false)), ClaimKey("box", "st1", kTestLease)});
+  EXPECT_THAT(ToRelease(view_, self_, Users(3), 0), ElementsAre("box"));
+}
+
+TEST_F(FleetClaimsTest, ABetterStationGetsItOnceItIsBackForAWhileAndNobodyIsAttached) {
+  Whole({ConsoleKey(ConsoleFor("box", {"st2"})), ClaimKey("box", "st1", kTestLease)});
+  EXPECT_FALSE(MayRelease(view_, self_, 100 * kSecond));
+  Comes(StationKey("st2", 2), 100 * kSecond);
+  EXPECT_FALSE(MayRelease(view_, self_, 130 * kSecond - 1));
+  EXPECT_TRUE(MayRelease(view_, self_, 130 * kSecond));
+  EXPECT_THAT(ToRelease(view_, self_, Users(0), 130 * kSecond), ElementsAre("box"));
+  EXPECT_THAT(ToRelease(view_, self_, Users(1), 130 * kSecond), IsEmpty());
+  EXPECT_THAT(ToRelease(view_, self_, Users({}), 130 * kSecond), IsEmpty());  // nobody knows
+}
+
+TEST_F(FleetClaimsTest, ABetterStationThatIsNotReadyOrNewAgainStartsFromTheBeginning) {
+  Whole({ConsoleKey(ConsoleFor("box", {"st2"})), ClaimKey("box", "st1", kTestLease),
+         StationKey("st2", 2)});
+  Comes(StationKey("st2", 2, false), 20 * kSecond);
+  EXPECT_FALSE(MayRelease(view_, self_, 100 * kSecond));
+  Comes(StationKey("st2", 2), 100 * kSecond);
+  Comes(StationKey("st2", 3), 120 * kSecond);  // by another lease
+  EXPECT_FALSE(MayRelease(view_, self_, 150 * kSecond - 1));
+  EXPECT_TRUE(MayRelease(view_, self_, 150 * kSecond));
+}
+
+TEST_F(FleetClaimsTest, AWorseStationIsNoReason) {
+  Whole({ConsoleKey(ConsoleFor("box", {"st1", "st2"})), ClaimKey("box", "st1", kTestLease),
+         StationKey("st2", 2)});
+  EXPECT_FALSE(MayRelease(view_, self_, 100 * kSecond));
+}
+
+TEST_F(FleetClaimsTest, OneThatWasSentGoesAtOnceWhoeverIsAttached) {
+  Whole({ConsoleKey(ConsoleFor("box", {"st2"}, true, true)), ClaimKey("box", "st1", kTestLease)});
+  EXPECT_THAT(ToRelease(view_, self_, Users(3), 0), IsEmpty());  // the other one is not there
+  Comes(StationKey("st2", 2), 0);
+  EXPECT_THAT(ToRelease(view_, self_, Users(3), 0), ElementsAre("box"));
+}
+
+TEST_F(FleetClaimsTest, WhatWasSentHereHasArrivedOnceItIsHeld) {
+  Whole({ConsoleKey(ConsoleFor("a", {"st1"}, true, true)),
+         ConsoleKey(ConsoleFor("b", {"st1"}, true, true)), ConsoleKey(ConsoleFor("c", {"st1"})),
+         ConsoleKey(ConsoleFor("d", {"st2"}, true, true)), ClaimKey("a", "st1", kTestLease),
+         ClaimKey("c", "st1", kTestLease), ClaimKey("d", "st1", kTestLease)});
+  EXPECT_THAT(Arrived(view_, self_), ElementsAre("a"));
+}
+
+TEST_F(FleetClaimsTest, AWholeListReplacesWhatWasKnown) {
+  Whole({StationKey("st1", 1), ConsoleKey(ConsoleFor("a", {}))});
+  Whole({StationKey("st2", 1), ConsoleKey(ConsoleFor("b", {}))}, kSecond);
+  EXPECT_THAT(view_.stations(), SizeIs(1));
+  EXPECT_EQ(view_.FreeSince("a"), std::nullopt);
+  EXPECT_EQ(view_.FreeSince("b"), kSecond);
+}
+
+}  // namespace
+}  // namespace zevfleet

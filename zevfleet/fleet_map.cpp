@@ -1,0 +1,86 @@
+#include "fleet_map.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "descriptor.h"
+#include "exit_status.h"
+#include "json_line.h"
+#include "output.h"
+
+namespace zevfleet {
+
+namespace {
+
+using zevctl::Json;
+
+constexpr int64_t kMapFormat = 1;
+constexpr mode_t kMode = 0644;
+
+Json Stations(const FleetOptions& options, const FleetView& view) {
+  Json list = Json::array();
+  std::map<std::string, const SeenStation*> all;
+  for (const auto& [name, seen] : view.consoles()) {
+    for (const std::string& station : seen.console.stations) all.emplace(station, nullptr);
+  }
+  all.emplace(options.station, nullptr);
+  for (const auto& [name, seen] : view.stations()) all[name] = &seen;
+  for (const auto& [name, seen] : all) {
+    const FleetStation station = seen != nullptr ? seen->station : FleetStation{};
+    list.push_back({{"name", name},
+                    {"address", station.address},
+                    {"web", station.web},
+                    {"alive", seen != nullptr},
+                    {"ready", station.ready},
+                    {"version", station.version}});
+  }
+  return list;
+}
+
+Json Consoles(const FleetView& view) {
+  Json list = Json::array();
+  for (const auto& [name, seen] : view.consoles()) {
+    const SeenClaim* claim = view.ClaimOf(seen.console);
+    list.push_back({{"name", zevctl::Utf8(name)},
+                    {"station", claim != nullptr ? claim->claim.station : ""},
+                    {"stations", seen.console.stations}});
+  }
+  return list;
+}
+
+}  // namespace
+
+std::string MapText(const FleetOptions& options, const FleetView& view, const MapNote& note) {
+  return zevctl::JsonText({{"format", kMapFormat},
+                           {"site", options.site},
+                           {"station", options.station},
+                           {"as_of", note.as_of},
+                           {"connected", note.connected},
+                           {"problem", zevctl::Utf8(note.problem)},
+                           {"stations", Stations(options, view)},
+                           {"consoles", Consoles(view)}}) +
+         "\n";
+}
+
+void PublishMap(const FleetOptions& options, const std::string& text) {
+  const std::string path = options.MapFile();
+  const std::string staged = path + ".new";
+  unlink(staged.c_str());
+  const zevctl::Descriptor file(
+      open(staged.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, kMode));
+  const bool written =
+      file && fchmod(file.get(), kMode) == 0 &&
+      write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+      rename(staged.c_str(), path.c_str()) == 0;
+  if (written) return;
+  throw zevctl::Failure(zevctl::ExitStatus::kFailed,
+                        "cannot write " + path + ": " + strerror(errno));
+}
+
+}  // namespace zevfleet

@@ -1,0 +1,26 @@
+// The map of the fleet that this station publishes for its operators and its page: who has which
+// console, which stations there are, and how old that knowledge is. docs/fleet.md describes the
+// file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "fleet_options.h"
+#include "fleet_view.h"
+
+namespace zevfleet {
+
+struct MapNote {
+  int64_t as_of = 0;       ///< seconds since the epoch: when etcd last confirmed it; 0 for never
+  bool connected = false;  ///< it is as of now
+  std::string problem;     ///< in words; empty for none
+};
+
+/// The map as JSON text.
+std::string MapText(const FleetOptions& options, const FleetView& view, const MapNote& note);
+
+/// Puts the text in place of the file's. Throws zevctl::Failure.
+void PublishMap(const FleetOptions& options, const std::string& text);
+
+}  // namespace zevfleet

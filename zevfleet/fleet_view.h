@@ -1,0 +1,78 @@
+// What this station knows of the fleet: the keys of etcd as values, kept up to date by what the
+// watch brings. Belongs to the main thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "fleet_etcd.h"
+#include "fleet_record.h"
+
+namespace zevfleet {
+
+/// What the watch brings: either all keys, or changes since.
+struct FleetNews {
+  bool is_whole = false;          ///< all other keys are gone
+  std::vector<EtcdKey> present;   ///< with their values
+  std::vector<std::string> gone;  ///< names of keys
+};
+
+struct SeenConsole {
+  SharedConsole console;
+  int64_t mod_revision = 0;
+};
+
+struct SeenClaim {
+  ConsoleClaim claim;
+  int64_t lease = 0;
+};
+
+struct SeenStation {
+  FleetStation station;
+  int64_t lease = 0;
+  int64_t ready_since = 0;  ///< of CLOCK_BOOTTIME, as seen here; 0 while it is not ready
+};
+
+class FleetView {
+ public:
+  explicit FleetView(const std::string& site) : keys_(site) {}
+
+  /// `now`: of CLOCK_BOOTTIME.
+  void Take(const FleetNews& news, int64_t now);
+
+  bool is_known() const { return is_known_; }
+  const std::optional<FleetIdentity>& identity() const { return identity_; }
+  const std::map<std::string, SeenConsole>& consoles() const { return consoles_; }
+  /// By addresses.
+  const std::map<std::string, SeenClaim>& claims() const { return claims_; }
+  /// The claim of a console's address, or null.
+  const SeenClaim* ClaimOf(const SharedConsole& console) const;
+  const std::map<std::string, SeenStation>& stations() const { return stations_; }
+
+  /// Since when nobody has the console, as seen here; nothing while somebody has it.
+  std::optional<int64_t> FreeSince(const std::string& console) const;
+
+  /// Keys with values that are not understood, in words.
+  std::vector<std::string> Problems() const;
+
+ private:
+  void TakeKey(const EtcdKey& key, int64_t now);
+  bool TakeValue(const EtcdKey& key, int64_t now);
+  void Drop(const std::string& key);
+  void TakeStation(const EtcdKey& key, FleetStation station, int64_t now);
+
+  FleetKeys keys_;
+  bool is_known_ = false;
+  std::optional<FleetIdentity> identity_;
+  std::map<std::string, SeenConsole> consoles_;
+  std::map<std::string, SeenClaim> claims_;  // by addresses
+  std::map<std::string, SeenStation> stations_;
+  std::map<std::string, int64_t> free_since_;
+  std::set<std::string> foreign_;
+};
+
+}  // namespace zevfleet
