@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "arguments.h"
+#include "far_commands.h"
 #include "mistake.h"
 #include "output.h"
 #include "program.h"
@@ -53,6 +54,11 @@ void AddStationOptions(Command& app, Settings& settings) {
          "if not given")
       .Verify(RefuseBlanks);
   app.AddFlag("--json", settings.json, "Print data as JSON");
+  app.AddFlag("--fleet", settings.fleet, "The consoles of all stations of the fleet are meant");
+  app.AddOption("--fleet-map", settings.fleet_map, "The map of the fleet").ShowDefault();
+  app.AddOption("--ssh", settings.fleet_ssh, "Program that reaches the other stations")
+      .FromVariable("ZEVCTL_SSH")
+      .ShowDefault();
 }
 
 void DeclareCommands(Command& app, Program& program) {
@@ -121,7 +127,13 @@ void OccupyStandardDescriptors() {
 ExitStatus ParseAndRun(CommandLine& line, Program& program, int argc, char** argv) {
   if (IsBeingTyped(argc, argv)) return zevctl::Complete(line.program(), {argv + 2, argv + argc});
   const ParseResult result = line.Parse(argc, argv);
-  return result.end == ParseEnd::kParsed ? Run(program) : Explain(line.program(), result);
+  if (result.end != ParseEnd::kParsed) return Explain(line.program(), result);
+  if (program.settings.fleet) {
+    program.action = [&] {
+      return zevctl::RunInFleet(line.program(), program.settings, {argv + 1, argv + argc});
+    };
+  }
+  return Run(program);
 }
 
 }  // namespace

@@ -18,6 +18,9 @@ struct Settings {
   std::string user;     ///< the name that others see; empty for the login name
   std::string from;     ///< the address that others see; empty for the connection's own
   bool json = false;
+  bool fleet = false;                                  ///< the consoles of all stations are meant
+  std::string fleet_map = "/run/zevfleet/fleet.json";  ///< where zevfleet publishes its map
+  std::string fleet_ssh = "ssh";                       ///< what reaches other stations
 };
 
 }  // namespace zevctl

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "config_file.h"
 #include "descriptor.h"
 #include "exit_status.h"
 #include "json_line.h"
@@ -66,6 +67,16 @@ std::string MapText(const FleetOptions& options, const FleetView& view, const Ma
                            {"stations", Stations(options, view)},
                            {"consoles", Consoles(view)}}) +
          "\n";
+}
+
+std::string OldMapText(const FleetOptions& options, const std::string& problem) {
+  Json map = zevctl::ReadJson(zevctl::ReadWhole(options.MapFile()).text);
+  const bool is_ours = map.is_object() && map.value("format", Json()) == kMapFormat &&
+                       map.value("site", Json()) == options.site;
+  if (!is_ours) return MapText(options, FleetView(options.site), {.problem = problem});
+  map["connected"] = false;
+  map["problem"] = zevctl::Utf8(problem);
+  return zevctl::JsonText(map) + "\n";
 }
 
 void PublishMap(const FleetOptions& options, const std::string& text) {

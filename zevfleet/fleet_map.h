@@ -20,6 +20,9 @@ struct MapNote {
 /// The map as JSON text.
 std::string MapText(const FleetOptions& options, const FleetView& view, const MapNote& note);
 
+/// The map that was published last, as one that is not as of now; an empty one where there is none.
+std::string OldMapText(const FleetOptions& options, const std::string& problem);
+
 /// Puts the text in place of the file's. Throws zevctl::Failure.
 void PublishMap(const FleetOptions& options, const std::string& text);
 

@@ -164,7 +164,7 @@ class Tenure {
 };
 
 void PublishOutside(const FleetOptions& options, const std::string& problem) {
-  PublishMap(options, MapText(options, FleetView(options.site), {.problem = problem}));
+  PublishMap(options, OldMapText(options, problem));
 }
 
 // Nothing when an end is wanted first.

@@ -57,6 +57,11 @@ class Machine:
         self.run(["ip", "link", "set", "lo", "up"])
 
     @property
+    def pid(self) -> int:
+        """A process that is in the machine's namespaces."""
+        return self._holder.pid
+
+    @property
     def root(self) -> Path:
         """The machine's root directory, as seen from the test."""
         return Path(f"/proc/{self._holder.pid}/root")
