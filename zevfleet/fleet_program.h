@@ -32,6 +32,7 @@ void Tell(const std::string& text);
 // Each adds its commands. The order is that of the help.
 void AddCheckCommand(zevctl::Command& app, FleetProgram& program);
 void AddOwnershipCommands(zevctl::Command& app, FleetProgram& program);  ///< run, guard, prepare
-void AddManageCommands(zevctl::Command& app, FleetProgram& program);     ///< apply, move, status
+void AddShipCommand(zevctl::Command& app, FleetProgram& program);
+void AddManageCommands(zevctl::Command& app, FleetProgram& program);  ///< apply, move, status
 
 }  // namespace zevfleet

@@ -21,6 +21,7 @@ void DeclareCommands(zevctl::Command& app, zevfleet::FleetProgram& program) {
   AddCheckCommand(app, program);
   AddOwnershipCommands(app, program);
   AddManageCommands(app, program);
+  AddShipCommand(app, program);
 }
 
 }  // namespace
