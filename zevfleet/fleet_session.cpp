@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "exit_status.h"
 #include "fleet_clock.h"
 
 namespace zevfleet {
@@ -21,6 +22,8 @@ constexpr int64_t kRefreshTime = 50 * kMillisecond;
 constexpr int64_t kCheckTime = 5 * kSecond;
 constexpr int64_t kSaveTime = kSecond;
 constexpr int64_t kDrainTime = 2 * kSecond;
+constexpr int64_t kTrialTime =
+    5 * kSecond;  // a server that is full may still take a message or two
 
 // In milliseconds.
 constexpr int64_t kIdlePatience = 50;
@@ -204,8 +207,8 @@ void ShipSession::Take(const ShipAnswer& answer) {
     in_flight_.pop_front();
     ++first_token_;
     ++work_.messages;
-    work_.is_well();
   }
+  if (answered_ - begun_ > kTrialTime) BeWell();
 }
 
 int64_t ShipSession::Patience() const {
@@ -224,10 +227,15 @@ void ShipSession::TakeAnswers() {
   }
 }
 
+void ShipSession::BeWell() {
+  if (!is_well_) work_.be_well();
+  is_well_ = true;
+}
+
 // All is in the stream: nothing else would tell that it, or the journal, has been replaced.
 void ShipSession::CheckIdle() {
   if (has_more_ || !in_flight_.empty()) return;
-  work_.is_well();
+  BeWell();
   const int64_t now = BootNow();
   if (now - checked_ < kCheckTime) return;
   checked_ = now;
@@ -246,8 +254,12 @@ void ShipSession::Save(bool now) {
   }
   if (!acknowledged_ || (saved_ && saved_->place == acknowledged_->place)) return;
   acknowledged_->time = time(nullptr);
-  work_.file.Write(*acknowledged_);
   saved_ = acknowledged_;
+  try {
+    work_.file.Write(*acknowledged_);
+  } catch (const zevctl::Failure& failure) {  // the stream itself knows what it has
+    work_.complain(failure.what());
+  }
 }
 
 // What is under way may still be acknowledged.
@@ -259,7 +271,7 @@ void ShipSession::Drain() {
 
 void ShipSession::Run() {
   Begin();
-  checked_ = BootNow();
+  begun_ = checked_ = BootNow();
   while (!work_.is_over()) {
     Fill();
     TakeAnswers();

@@ -23,10 +23,11 @@ struct ShipWork {
   ShippedFile& file;
   ShipSource& source;
   std::function<bool()> is_over;  ///< whether the process is to end
-  std::function<void()> is_well;  ///< told when something has been acknowledged, or nothing waits
-  bool once = false;              ///< end where the journal ended when shipping began
-  bool labelled = false;          ///< messages must not be taken for such as the stream had before
-  uint64_t messages = 0;          ///< that have been acknowledged
+  std::function<void()> be_well;  ///< called once: all is in the stream, or it has been going well
+  std::function<void(const std::string&)> complain;  ///< called with what is wrong with the file
+  bool once = false;      ///< end where the journal ended when shipping began
+  bool labelled = false;  ///< messages must not be taken for such as the stream had before
+  uint64_t messages = 0;  ///< that have been acknowledged
 };
 
 class ShipSession {
@@ -69,6 +70,7 @@ class ShipSession {
   int64_t Patience() const;
   void CheckIdle();
   void Drain();
+  void BeWell();
   void Save(bool now);
 
   ShipWork& work_;
@@ -92,6 +94,8 @@ class ShipSession {
   int64_t refreshed_ = 0;
   int64_t checked_ = 0;
   int64_t saved_at_ = 0;
+  int64_t begun_ = 0;
+  bool is_well_ = false;
 };
 
 }  // namespace zevfleet

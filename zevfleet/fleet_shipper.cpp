@@ -27,7 +27,7 @@ int64_t PauseAfter(int failures) {
 }
 
 std::string InWords(const Setback& setback) {
-  const std::string reason = setback.what();
+  std::string reason = setback.what();
   switch (setback.kind()) {
     case Kind::kJournal:
       return reason;
@@ -62,6 +62,12 @@ void Shipper::Recovered() {
   TellOnce("ships to the stream " + StreamName({options_.site, options_.station}));
 }
 
+void Shipper::Complain(const std::string& text) {
+  if (text == complaint_) return;
+  complaint_ = text;
+  Tell(text);
+}
+
 void Shipper::OpenSource() try {
   if (!source_) source_ = std::make_unique<ShipSource>(journal_);
   source_->Refresh();
@@ -80,7 +86,8 @@ void Shipper::Try() {
                 .file = file_,
                 .source = *source_,
                 .is_over = is_over_,
-                .is_well = [this] { Recovered(); },
+                .be_well = [this] { Recovered(); },
+                .complain = [this](const std::string& text) { Complain(text); },
                 .once = once_,
                 .labelled = labelled_};
   const auto take_over = [&] {

@@ -30,6 +30,7 @@ class Shipper {
   void OpenSource();
   void TakeSetback(const Setback& setback);
   void Recovered();
+  void Complain(const std::string& text);
   void TellOnce(const std::string& text);
   void Pause() const;
 
@@ -43,6 +44,7 @@ class Shipper {
   uint64_t messages_ = 0;
   int failures_ = 0;  // in a row
   std::string told_;
+  std::string complaint_;
 };
 
 }  // namespace zevfleet

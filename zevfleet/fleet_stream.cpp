@@ -79,6 +79,9 @@ void SetTls(natsOptions* options, const NatsOptions& nats) {
   }
 }
 
+// The library would print each error that the server tells of; CheckErrors() asks for the last one.
+void KeepQuiet(natsConnection*, natsSubscription*, natsStatus, void*) {}
+
 // The library must not connect again by itself: it would send what it has kept.
 void SetConnecting(natsOptions* options, const NatsOptions& nats, const ShipName& name) {
   std::vector<const char*> urls;
@@ -91,6 +94,7 @@ void SetConnecting(natsOptions* options, const NatsOptions& nats, const ShipName
   natsOptions_SetWriteDeadline(options, kWriteTime);
   natsOptions_SetPingInterval(options, kPingTime);
   natsOptions_SetMaxPingsOut(options, kMostPings);
+  natsOptions_SetErrorHandler(options, KeepQuiet, nullptr);
   if (!nats.credentials.empty()) {
     SeeTo(natsOptions_SetUserCredentialsFromFiles(options, nats.credentials.c_str(), nullptr),
           "cannot use " + nats.credentials);
@@ -293,10 +297,22 @@ bool ShipStream::Publish(const ShipMessage& message, const std::string& label, u
   return true;
 }
 
+// A message that this user may not send gets no answer.
+void ShipStream::CheckErrors() {
+  const char* text = nullptr;
+  const natsStatus status = natsConnection_GetLastError(nats_->connection.get(), &text);
+  if (status == NATS_NOT_PERMITTED) {
+    throw Setback(Setback::Kind::kRefused, text != nullptr ? text : Reason(status));
+  }
+}
+
 std::optional<ShipAnswer> ShipStream::TakeAnswer(int64_t milliseconds) {
   natsMsg* taken = nullptr;
   const natsStatus status = natsSubscription_NextMsg(&taken, nats_->answers.get(), milliseconds);
-  if (status == NATS_TIMEOUT) return {};
+  if (status == NATS_TIMEOUT) {
+    CheckErrors();
+    return {};
+  }
   if (status != NATS_OK) throw Setback(Setback::Kind::kAway, Reason(status));
   const Message message(taken);
   return AnswerIn(taken);

@@ -83,6 +83,7 @@ class ShipStream {
  private:
   struct Nats;
   void Make();
+  void CheckErrors();
 
   FleetOptions options_;
   ShipName name_;

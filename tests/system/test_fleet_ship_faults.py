@@ -1,15 +1,14 @@
 """zevfleet ship while servers, connections and the program itself fail."""
 
-import json
 import shutil
 import subprocess
 import threading
 
 import pytest
 
-from harness.consoles import FakeConsole
 from harness.journals import begin, wait_output
-from harness.nats import (SITE, STATION, STREAM, Message, NatsServer, assert_each_once, output_of)
+from harness.nats import (SITE, STATION, STREAM, Message, NatsServer, assert_each_once,
+                          output_of)
 from harness.ship import (Ship, cluster, cluster_ship, nats, ship,  # noqa: F401
                           wait_shipped)
 from harness.waiting import LIMIT, wait_until
@@ -304,6 +303,7 @@ def test_a_full_stream_that_takes_nothing_new(ship, nats):
     assert sizes == [9007, 13] * 20
 
 
+@pytest.mark.slow
 def test_a_cluster_loses_its_leader(cluster, cluster_ship):
     growing = Growing(cluster_ship)
     try:
@@ -323,6 +323,7 @@ def test_a_cluster_loses_its_leader(cluster, cluster_ship):
     wait_all(cluster.leader_of(), "web", lines)
 
 
+@pytest.mark.slow
 def test_a_cluster_without_a_majority_is_waited_for(cluster, cluster_ship):
     growing = Growing(cluster_ship)
     try:
@@ -358,3 +359,36 @@ def test_once_ends_at_a_setback(ship, nats):
     done = ship.run("--once")
     assert done.returncode == 1 and "cannot reach NATS" in done.stderr
 
+
+def test_it_ships_although_it_cannot_note_how_far(ship, nats):
+    (ship.state / ".shipped.new").mkdir(parents=True)
+    with JournalWriter(ship.journal, hold=True) as journal:
+        web = journal.console("web")
+        ship.start()
+        ship.wait_said("cannot write ")
+        for number in range(5):
+            journal.output(web, numbered(number * 10, 10))
+            wait_shipped(nats, 2 + number)
+    wait_all(nats, "web", numbered(0, 50))
+    ship.stop()
+    assert ship.text().count("cannot write ") == 1
+    assert ship.once() == 0
+
+
+def test_what_others_send_is_passed(ship, nats):
+    with JournalWriter(ship.journal, hold=True) as journal:
+        web = journal.console("web")
+        ship.start()
+        wait_shipped(nats, 1)
+        with nats.client() as client:
+            client.request(f"{BEGIN}.web.out", b"forged")
+            journal.output(web, b"one\r\n")
+            wait_shipped(nats, 3)
+            client.request(f"{BEGIN}.web.out", b"forged")
+            ship.kill()
+            ship.shipped.unlink(missing_ok=True)
+            journal.output(web, b"two\r\n")
+            assert ship.once() == 1
+            found = client.messages()
+    texts = [message.data for message in found]
+    assert texts[1:] == [b"forged", b"one\r\n", b"forged", b"two\r\n"]

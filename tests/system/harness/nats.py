@@ -65,7 +65,7 @@ def parse_headers(block: bytes) -> dict[str, str]:
 class NatsClient:
     """One connection to a server, in the protocol's own words."""
 
-    def __init__(self, port: int) -> None:
+    def __init__(self, port: int, user: str = "") -> None:
         self._socket = socket.create_connection(("127.0.0.1", port), timeout=stretched(LIMIT))
         self._input = self._socket.makefile("rb")
         self.info = json.loads(self._line().removeprefix(b"INFO "))
@@ -73,6 +73,8 @@ class NatsClient:
         self._asked = 0
         words = {"verbose": False, "pedantic": False, "headers": True, "no_responders": True,
                  "lang": "test", "version": "0", "protocol": 1}
+        if user:
+            words["user"], _, words["pass"] = user.partition(":")
         self._send(f"CONNECT {json.dumps(words)}\r\nSUB answer.{id(self)}.* 1\r\nPING\r\n".encode())
         assert self._line() == b"PONG"
 
@@ -195,6 +197,7 @@ class NatsServer:
         self.cluster_port = free_port()
         self.routes: list[str] = []
         self.settings = settings
+        self.user = ""  # "NAME:PASSWORD" of the test's own connections
         self.limit = limit
         self.directory = scratch / f"nats-{name}"
         self.directory.mkdir()
@@ -246,7 +249,7 @@ class NatsServer:
 
     def client(self) -> NatsClient:
         """A connection to it."""
-        return NatsClient(self.port)
+        return NatsClient(self.port, self.user)
 
     def kill(self) -> None:
         """End it without a warning."""
