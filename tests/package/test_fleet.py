@@ -16,6 +16,7 @@ from machines.station import ROOT
 pytestmark = pytest.mark.needs_machine
 
 UNITS = ("zevfleet.service", "zevfleet-guard.service")
+SHIP = "zevfleet-ship.service"
 SETTINGS = f"{ROOT}/config/zevfleet.toml"
 MAP = "/run/zevfleet/fleet.json"
 CLIENT_PORT = 2379
@@ -65,7 +66,7 @@ def owner(machine) -> str:
 
 
 def test_nothing_runs_until_it_is_started(station):
-    for unit in UNITS:
+    for unit in (*UNITS, SHIP):
         assert station.machine.show(unit, "ActiveState") == "inactive"
     assert station.machine.show("zevfleet.service", "UnitFileState") == "disabled"
     # The daemon has started with what runs before it, without any settings.
@@ -119,6 +120,27 @@ def test_a_stopped_run_costs_the_daemon_its_life_and_the_console(station, shared
     # Both have been started again, and the console is taken by a new lease.
     shared.accept()
     wait_until(lambda: owner(machine) == "st1", 4 * LEASE, "the map")
+
+
+def test_the_journal_is_shipped_by_its_own_user(station, tmp_path):
+    machine = station.machine
+    with machine.network(), open(tmp_path / "nats.log", "wb") as log:
+        server = subprocess.Popen(["nats-server", "-js", "-sd", tmp_path / "streams",
+                                   "-a", "127.0.0.1"], stdin=subprocess.DEVNULL, stdout=log,
+                                  stderr=log)
+    try:
+        machine.run("sh", "-c", f"echo ZEVD_JOURNAL=64 >> {ROOT}/config/qor.conf; "
+                    f"printf '[nats]\nurls = [\"nats://127.0.0.1:4222\"]\n' >> {SETTINGS}")
+        machine.run("systemctl", "reload", "zevd.service")
+        machine.run("systemctl", "start", SHIP)
+        wait_until(lambda: machine.run("test", "-s", "/var/lib/zevfleet/shipped",
+                                       check=False).returncode == 0, 20, "something to be shipped")
+        assert machine.output("stat", "--format=%U", "/var/lib/zevfleet/shipped") == "zevfleet"
+        machine.run("systemctl", "stop", SHIP)
+        assert machine.show(SHIP, "Result") == "success"
+    finally:
+        server.kill()
+        server.wait()
 
 
 def test_an_upgrade_moves_nothing(station, tmp_path):

@@ -28,7 +28,8 @@ def analyze(*words: str) -> subprocess.CompletedProcess:
 
 
 @pytest.mark.parametrize("unit", ["zevd.service", "zevd-password@.service", "zevweb.service",
-                                  "zevfleet.service", "zevfleet-guard.service"])
+                                  "zevfleet.service", "zevfleet-guard.service",
+                                  "zevfleet-ship.service"])
 def test_a_service_is_hardly_exposed(unit):
     done = analyze("security", "--offline=true", "--no-pager", UNITS / unit)
     assert done.returncode == 0, done.stderr
@@ -44,8 +45,8 @@ def test_the_units_are_understood(tmp_path):
     mine = [unit for unit in UNITS.iterdir()
             if unit.name in ("zevd.service", "zevd.socket", "zevd-password.socket",
                              "zevd-password@.service", "zevweb.service", "zevfleet.service",
-                             "zevfleet-guard.service")]
-    assert len(mine) == 7
+                             "zevfleet-guard.service", "zevfleet-ship.service")]
+    assert len(mine) == 8
     for unit in mine:
         text = re.sub(r"^(Exec\w+)=/usr/(bin/zev(d|web|fleet)|libexec/zevd/[a-z_-]+)\b",
                       r"\1=/bin/true", unit.read_text(encoding="ascii"), flags=re.MULTILINE)
