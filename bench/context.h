@@ -51,6 +51,7 @@ void RunEnable(Context& context);
 void RunEchoSpread(Context& context);
 void RunJournal(Context& context);
 void RunWeb(Context& context);
+void RunShip(Context& context);
 
 /// The same measured through the daemon and through the relay.
 struct Samples {

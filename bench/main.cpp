@@ -38,6 +38,7 @@ constexpr Scenario kScenarios[] = {
     {"echo-spread", "a key beside consoles that print one after the other", bench::RunEchoSpread},
     {"journal", "the journal's processor time and a key beside it", bench::RunJournal},
     {"web", "a thousand who watch in browsers, and the scrape of a large station", bench::RunWeb},
+    {"ship", "the journal to NATS, by zevfleet", bench::RunShip},
 };
 
 struct Options {
