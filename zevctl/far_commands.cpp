@@ -12,6 +12,7 @@
 #include "config_console.h"
 #include "far_words.h"
 #include "json_line.h"
+#include "moment.h"
 #include "name_match.h"
 #include "output.h"
 #include "selection.h"
@@ -53,6 +54,12 @@ void TellMissing(const FarMap& map, const std::string& station, const std::strin
        CountText(ConsolesOf(map, station), "console") + " of the fleet");
 }
 
+// A station that has no such console, or where nothing matches, has nothing to say.
+bool HasNothing(const FarResult& result) {
+  return result.status == static_cast<int>(ExitStatus::kNoSuchConsole) ||
+         (result.status == static_cast<int>(ExitStatus::kFailed) && result.errors.empty());
+}
+
 /// Names every station whose answer is missing, and says what the command ends with: all that is
 /// left out is told.
 ExitStatus TellMissing(const FarMap& map, const std::vector<FarResult>& results) {
@@ -63,13 +70,12 @@ ExitStatus TellMissing(const FarMap& map, const std::vector<FarResult>& results)
     status = ExitStatus::kNoDaemon;
   }
   for (const FarResult& result : results) {
-    // A station that has no such console has nothing to say about it.
-    const bool knows_none = result.status == static_cast<int>(ExitStatus::kNoSuchConsole);
-    if (result.status == 0 || knows_none) continue;
+    if (result.status == 0 || HasNothing(result)) continue;
     const std::string why = FirstLine(result.errors);
     TellMissing(map, result.station, why.empty() ? "it cannot be reached" : why);
     status = ExitStatus::kNoDaemon;
   }
+  const bool all_found_nothing = !results.empty() && std::ranges::all_of(results, HasNothing);
   const bool all_lack = !results.empty() && std::ranges::all_of(results, [](const FarResult& one) {
     return one.status == static_cast<int>(ExitStatus::kNoSuchConsole);
   });
@@ -77,7 +83,7 @@ ExitStatus TellMissing(const FarMap& map, const std::vector<FarResult>& results)
     Warn("no station has such a console");
     return ExitStatus::kNoSuchConsole;
   }
-  return status;
+  return all_found_nothing ? ExitStatus::kFailed : status;
 }
 
 // The answers to the same question about another console, at the same stations.
@@ -167,6 +173,8 @@ void AddUnseen(const Line& line, std::vector<Json>& objects) {
 std::string CellText(const Json& object, const std::string& key) {
   const auto found = object.find(key);
   if (found == object.end() || found->is_null()) return "-";
+  const bool is_time = key == "since" || key == "last_output";
+  if (is_time && found->is_number()) return ShortClockTime(found->get<time_t>(), time(nullptr));
   if (found->is_string()) return Printable(found->get<std::string>());
   return JsonLine(*found);
 }

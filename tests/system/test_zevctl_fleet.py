@@ -1,95 +1,17 @@
 """zevctl --fleet: the consoles of all stations from any of them."""
 
 import json
-import os
-import pty
 import signal
 import stat
 import subprocess
-from pathlib import Path
 
 import pytest
 
-from harness import settings
-from harness.fleet import LEASE, TAKE_OVER, Fleet, FleetStation
+from harness.fleet import LEASE, TAKE_OVER, Fleet
+from harness.operators import BIN, Operator, Seat, reach
 from harness.waiting import wait_until
 
 pytestmark = pytest.mark.needs_namespace
-
-BIN = settings.build_directory() / "bin"
-
-
-def reach(fleet: Fleet, scratch: Path) -> Path:
-    """What the tests use in place of ssh: it runs the command in the other station's namespaces."""
-    script = scratch / "reach"
-    cases = "".join(f"{one.machine.address}) pid={one.machine.pid} ;;\n" for one in fleet.stations)
-    script.write_text(
-        "#!/bin/sh\n"
-        'while :; do case $1 in -o) shift 2 ;; -t) shift ;; *) break ;; esac; done\n'
-        f'case $1 in\n{cases}*) echo "no route to $1" >&2; exit 255 ;;\nesac\n'
-        f'[ ! -e "{scratch}/cut-$1" ] || {{ echo "no answer from $1" >&2; exit 255; }}\n'
-        f'PATH="{BIN}:$PATH" exec nsenter --target $pid --mount --net sh -c "$2"\n',
-        encoding="ascii")
-    script.chmod(0o755)
-    return script
-
-
-class Operator:
-    """Somebody at a station."""
-
-    def __init__(self, fleet: Fleet, station: FleetStation, shell: str) -> None:
-        self.fleet, self.station, self._shell = fleet, station, shell
-
-    def line(self, *words: str) -> list:
-        """The command line."""
-        return [BIN / "zevctl", "--fleet", "--ssh", self._shell, *words]
-
-    def run(self, *words: str) -> subprocess.CompletedProcess:
-        """Run it to its end."""
-        return self.station.machine.run(self.line(*words), check=False, text=True,
-                                        capture_output=True, stdin=subprocess.DEVNULL)
-
-    def succeed(self, *words: str) -> str:
-        """What it prints when all goes well."""
-        done = self.run(*words)
-        assert (done.returncode, done.stderr) == (0, ""), done
-        return done.stdout
-
-
-class Seat:
-    """An operator's terminal."""
-
-    def __init__(self, operator: Operator, *words: str) -> None:
-        self._terminal, far_end = pty.openpty()
-        self.process = operator.station.machine.popen(
-            operator.line(*words), stdin=far_end, stdout=far_end, stderr=far_end,
-            start_new_session=True)
-        os.close(far_end)
-        os.set_blocking(self._terminal, False)
-        self.seen = b""
-
-    def shows(self, text: bytes) -> bool:
-        """Whether the text has come."""
-        try:
-            self.seen += os.read(self._terminal, 65536)
-        except (BlockingIOError, OSError):
-            pass
-        return text in self.seen
-
-    def wait(self, text: bytes, limit: float = 10.0) -> None:
-        """Wait for the text."""
-        wait_until(lambda: self.shows(text), limit, f"{text!r} in {self.seen[-400:]!r}")
-
-    def type(self, keys: bytes) -> None:
-        """Press keys."""
-        os.write(self._terminal, keys)
-
-    def end(self) -> None:
-        """Go away."""
-        self.process.kill()
-        self.process.wait()
-        os.close(self._terminal)
-
 
 @pytest.fixture
 def fleet(tmp_path, isolated):
@@ -158,26 +80,41 @@ def test_a_log_is_read_where_the_console_is(fleet, operator):
     wait_until(lambda: "far away" in operator.run("log", "box02").stdout, what="the line")
 
 
+def wait_journal(operator: Operator, name: str, text: str) -> None:
+    """Wait until the journal has a line; the log has it first, but only with its second."""
+    wait_until(lambda: '"source":"journal"' in operator.run(
+        "--json", "history", "--grep", text, name).stdout, what="the line")
+
+
+def journal_lines(operator: Operator, *words: str) -> list[dict]:
+    """What the journals say."""
+    lines = operator.succeed("--json", "history", *words).splitlines()
+    return [one for one in map(json.loads, lines) if one["source"] == "journal"]
+
+
 def test_a_search_asks_all_stations_and_is_in_order_of_time(fleet, operator):
     for name in ("box02", "box01", "box04"):
         fleet.rack.say(name, f"needle in {name}\r\n".encode())
-        wait_until(lambda one=name: f"needle in {one}" in operator.run(
-            "history", "--grep", "needle", one).stdout, what="the line")
-    found = operator.succeed("history", "--grep", "needle", "box*").splitlines()
-    assert [line.split()[1:3] for line in found] == [["st2", "box02"], ["st1", "box01"],
-                                                     ["st2", "box04"]]
-    assert [line.split()[-1] for line in found] == ["box02", "box01", "box04"]
+        wait_journal(operator, name, "needle")
+    told = journal_lines(operator, "--grep", "needle", "box*")
+    assert [(one["station"], one["console"]) for one in told] == [
+        ("st2", "box02"), ("st1", "box01"), ("st2", "box04")]
+    shown = operator.succeed("history", "--grep", "needle", "box02").splitlines()[-1]
+    assert shown.split(" ", 1)[0] == told[0]["time"]
+    assert shown.split(" ", 1)[1] == "st2 box02 login: needle in box02"
+    nothing = operator.run("history", "--grep", "thimble", "box*")
+    assert (nothing.returncode, nothing.stdout, nothing.stderr) == (1, "", "")
 
 
 def test_the_history_of_a_console_that_moved_is_whole(fleet, operator):
     fleet.rack.say("box01", b"before\r\n")
-    wait_until(lambda: "before" in operator.run("history", "box01").stdout, what="the line")
+    wait_journal(operator, "box01", "before")
     fleet.stations[0].fleet("move", "box01", "st2")
     wait_until(lambda: fleet.owners()["box01"] == "st2", what="the console to move")
     fleet.rack.say("box01", b"afterwards\r\n")
-    wait_until(lambda: "afterwards" in operator.run("history", "box01").stdout, what="the line")
-    lines = operator.succeed("history", "box01").splitlines()
-    told = [line.split()[1] for line in lines if line.endswith(("before", "afterwards"))]
+    wait_journal(operator, "box01", "afterwards")
+    told = [one["station"] for one in journal_lines(operator, "box01")
+            if one["text"].endswith(("before", "afterwards"))]
     assert told == ["st1", "st2"]
 
 

@@ -12,6 +12,7 @@ from pathlib import Path
 from harness import settings
 from harness.realm import HERE, RACK, Machine, Realm
 from harness.sole_consoles import SoleRack
+from harness.station import assert_no_sanitizer_report
 from harness.waiting import wait_until
 
 SITE = "hall"
@@ -251,6 +252,7 @@ class FleetStation:
         """End everything."""
         for one in self.processes():
             one.end()
+            assert_no_sanitizer_report(one.text())
 
 
 class Fleet:
