@@ -1,4 +1,5 @@
-"""A fleet to which everything happens: three servers of etcd, three stations, fifty consoles.
+"""A fleet to which everything happens: three servers of etcd and of NATS, three stations,
+fifty consoles.
 
     script/soak --fleet [MINUTES [SEED]]
 """
@@ -24,13 +25,13 @@ def main() -> None:
     isolation.adopt_orphans()
     isolation.enter_private_namespaces(settings.root())
     with tempfile.TemporaryDirectory() as scratch:
-        fleet = Fleet(Path(scratch), 3, 50, etcds=3)
+        fleet = Fleet(Path(scratch), 3, 50, etcds=3, ships=True)
         try:
             done = run_faults(fleet, seed, minutes * 60)
         finally:
             fleet.end()
             mount_point.release()
-    print(f"{len(done)} faults, and never two connections to a console")
+    print(f"{len(done)} faults, never two connections to a console, nothing lost")
 
 
 if __name__ == "__main__":

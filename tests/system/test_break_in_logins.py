@@ -109,10 +109,14 @@ def test_sixty_wrong_logins_start_eight_helpers(hall):
         caller.send(b"root%d\r\nguess\r\n" % number)
     wait_until(lambda: len(list(station.root.glob("running.*"))) == 8, what="eight helpers")
     assert len(children_of(station.pid)) == 8
+
+    def counted() -> list[int]:
+        return [int(line) for line in (station.root / "peaks").read_text("ascii").split()]
+    wait_until(lambda: len(counted()) == 8, what="each of them to have counted")
     (station.root / "gate").touch()
     wait_until(lambda: all(caller.received.count(NAME) == 2 for caller in callers),
                3 * LIMIT, "sixty answers")
-    peaks = [int(line) for line in (station.root / "peaks").read_text("ascii").split()]
+    peaks = counted()
     # One helper was asked for each of the sixty guesses, and none admits.
     assert len(peaks) == 60
     assert max(peaks) == 8

@@ -1,4 +1,4 @@
-"""Three servers of etcd, three stations and fifty consoles, to which everything happens at once.
+"""Three servers of etcd and of NATS, three stations and fifty consoles: everything happens to them.
 
 `script/soak --fleet` does the same for longer, and with other seeds.
 """
@@ -16,7 +16,7 @@ SECONDS = 25.0
 
 @pytest.mark.parametrize("seed", SEEDS)
 def test_a_console_never_has_two_connections(tmp_path, isolated, seed):
-    fleet = Fleet(tmp_path, 3, 50, etcds=3)
+    fleet = Fleet(tmp_path, 3, 50, etcds=3, ships=True)
     try:
         assert run_faults(fleet, seed, SECONDS)
     finally:

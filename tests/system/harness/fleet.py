@@ -10,6 +10,7 @@ from base64 import b64decode
 from pathlib import Path
 
 from harness import settings
+from harness.nats import NatsCluster
 from harness.realm import HERE, RACK, Machine, Realm
 from harness.sole_consoles import SoleRack
 from harness.station import assert_no_sanitizer_report
@@ -22,6 +23,11 @@ TAKE_OVER = LEASE + 5.0
 RUN = Path("/run/zevfleet")
 CLIENT_PORT = 2379
 DATA = "/run/etcd"  # in memory: a busy disk would make leases late
+
+
+def _lines(values: dict) -> str:
+    """Settings, as TOML has them."""
+    return "".join(f"{key} = {json.dumps(value)}\n" for key, value in values.items())
 
 
 class Kept:
@@ -162,18 +168,29 @@ class FleetStation:
         self.daemon: Kept | None = None
         self.run: Kept | None = None
         self.guard: Kept | None = None
+        self.ship: Kept | None = None
+        self._ships = False
 
     def inside(self, path: Path) -> Path:
         """A path of the machine, as seen from the test."""
         return self.machine.root / path.relative_to("/")
 
-    def configure(self, endpoints: list[str], **changed: str | int) -> None:
-        """Write zevfleet.toml."""
-        values = {"site": SITE, "station": self.name, "address": self.machine.address,
-                  "return_seconds": 1} | changed
-        text = "".join(f"{key} = {json.dumps(value)}\n" for key, value in values.items())
-        text += f"[etcd]\nendpoints = {json.dumps(endpoints)}\nlease_seconds = {LEASE}\n"
+    def configure(self, endpoints: list[str], etcd: dict[str, str | int] | None = None,
+                  nats: list[str] | None = None, **changed: str | int) -> None:
+        """Write zevfleet.toml: with further settings for etcd, and with what ships to `nats`."""
+        tables = {"etcd": {"endpoints": endpoints, "lease_seconds": LEASE} | (etcd or {})}
+        if nats:
+            tables["nats"] = {"urls": nats, "replicas": len(nats)}
+        text = _lines({"site": SITE, "station": self.name, "address": self.machine.address,
+                       "return_seconds": 1} | changed)
+        text += "".join(f"[{name}]\n{_lines(values)}" for name, values in tables.items())
         (self.config / "zevfleet.toml").write_text(text, encoding="utf-8")
+
+    def keep_journal(self) -> None:
+        """Have the daemon write one, which is shipped from now on."""
+        (self.config / "qor.conf").write_text("ZEVD_ARCH_INT=7\nZEVD_JOURNAL=100\n",
+                                              encoding="ascii")
+        self._ships = True
 
     def start_daemon(self, env: dict[str, str] | None = None) -> None:
         """Keep the daemon."""
@@ -182,10 +199,12 @@ class FleetStation:
                            before=[self._bin / "zevfleet", "prepare"], env=env)
 
     def start(self, env: dict[str, str] | None = None) -> None:
-        """Keep everything; `env` is for what claims consoles."""
+        """Keep everything; `env` is for what claims consoles and what ships."""
         self.start_daemon()
         self.guard = self.keep("guard")
         self.run = self.keep("run", env)
+        if self._ships:
+            self.ship = self.keep("ship", env)
 
     def keep(self, command: str, env: dict[str, str] | None = None) -> Kept:
         """Keep one command of zevfleet."""
@@ -236,7 +255,8 @@ class FleetStation:
 
     def processes(self) -> list[Kept]:
         """What is kept."""
-        return [one for one in (self.run, self.guard, self.daemon) if one is not None]
+        kept = self.run, self.guard, self.ship, self.daemon
+        return [one for one in kept if one is not None]
 
     def freeze(self) -> None:
         """Stop everything at once, as a machine that stands still."""
@@ -258,7 +278,9 @@ class FleetStation:
 class Fleet:
     """All of it."""
 
-    def __init__(self, scratch: Path, stations: int, consoles: int, etcds: int = 1) -> None:
+    def __init__(self, scratch: Path, stations: int, consoles: int, etcds: int = 1,
+                 ships: bool = False) -> None:
+        """With `ships` each machine of etcd has NATS, too, and the stations ship to it."""
         self.scratch = scratch
         self.realm = Realm()
         self.etcd = [EtcdServer(self.realm.add(f"e{i + 1}"), scratch) for i in range(etcds)]
@@ -266,8 +288,13 @@ class Fleet:
                          for i in range(stations)]
         self.names = [f"box{i + 1:02}" for i in range(consoles)]
         self.rack = SoleRack(self.names)
+        machines = [server.machine for server in self.etcd]
+        self.nats = NatsCluster(scratch, machines=machines) if ships else None
         for station in self.stations:
-            station.configure([server.url for server in self.etcd])
+            station.configure([server.url for server in self.etcd],
+                              nats=self.nats.urls if self.nats else None)
+            if self.nats:
+                station.keep_journal()
 
     def start_etcd(self) -> None:
         """Start the cluster, and wait until it answers."""
@@ -343,12 +370,14 @@ class Fleet:
                     return server
         return None
 
-    def start(self) -> "Fleet":
-        """etcd, the fleet file and all stations."""
+    def start(self, envs: list[dict[str, str] | None] | None = None) -> "Fleet":
+        """etcd, NATS, the fleet file and all stations, with an environment for each."""
         self.start_etcd()
+        if self.nats:
+            self.nats.start()
         self.apply()
-        for station in self.stations:
-            station.start()
+        for station, env in zip(self.stations, envs or [None] * len(self.stations)):
+            station.start(env)
         return self
 
     def station_of(self, address: str | None) -> str | None:
@@ -379,5 +408,7 @@ class Fleet:
             station.end()
         for server in self.etcd:
             server.end()
+        if self.nats:
+            self.nats.close()
         self.rack.end()
         self.realm.end()

@@ -10,6 +10,7 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
+from harness.realm import Machine
 from harness.waiting import LIMIT, free_port, stretched, wait_until
 
 SITE, STATION = "hall1", "st1"
@@ -65,8 +66,8 @@ def parse_headers(block: bytes) -> dict[str, str]:
 class NatsClient:
     """One connection to a server, in the protocol's own words."""
 
-    def __init__(self, port: int, user: str = "") -> None:
-        self._socket = socket.create_connection(("127.0.0.1", port), timeout=stretched(LIMIT))
+    def __init__(self, port: int, user: str = "", host: str = "127.0.0.1") -> None:
+        self._socket = socket.create_connection((host, port), timeout=stretched(LIMIT))
         self._input = self._socket.makefile("rb")
         self.info = json.loads(self._line().removeprefix(b"INFO "))
         self._subscriptions = 0
@@ -188,11 +189,13 @@ class NatsClient:
 
 
 class NatsServer:
-    """A server in a process of its own. What it keeps stays when it ends."""
+    """A server in a process of its own, or on a machine. What it keeps stays when it ends."""
 
     def __init__(self, scratch: Path, name: str = "n1", settings: str = "",
-                 limit: str = "400MB") -> None:
+                 limit: str = "400MB", machine: Machine | None = None) -> None:
         self.name = name
+        self.machine = machine
+        self.host = machine.address if machine else "127.0.0.1"
         self.port = free_port()
         self.cluster_port = free_port()
         self.routes: list[str] = []
@@ -207,20 +210,20 @@ class NatsServer:
     @property
     def url(self) -> str:
         """Where it is reached."""
-        return f"nats://127.0.0.1:{self.port}"
+        return f"nats://{self.host}:{self.port}"
 
     @property
     def route(self) -> str:
         """Where the others of its cluster reach it."""
-        return f"nats-route://127.0.0.1:{self.cluster_port}"
+        return f"nats-route://{self.host}:{self.cluster_port}"
 
     def write_settings(self) -> Path:
         """Write the file with its settings."""
-        text = (f'server_name: {self.name}\nlisten: "127.0.0.1:{self.port}"\n'
+        text = (f'server_name: {self.name}\nlisten: "{self.host}:{self.port}"\n'
                 f'jetstream {{ store_dir: "{self.directory}/store", max_memory_store: 16MB, '
                 f"max_file_store: {self.limit} }}\n{self.settings}\n")
         if self.routes:
-            text += (f'cluster {{ name: hall, listen: "127.0.0.1:{self.cluster_port}", '
+            text += (f'cluster {{ name: hall, listen: "{self.host}:{self.cluster_port}", '
                      f"routes: {json.dumps(self.routes)} }}\n")
         path = self.directory / "nats.conf"
         path.write_text(text)
@@ -228,11 +231,13 @@ class NatsServer:
 
     def start(self, wait: bool = True) -> "NatsServer":
         """Start it, and wait until it answers."""
+        words = ["setpriv", "--pdeathsig", "KILL", "--", "nats-server", "-c",
+                 str(self.write_settings())]
+        if self.machine:
+            words = self.machine.inside(words)
         with open(self.output, "ab") as output:
-            self.process = subprocess.Popen(
-                ["setpriv", "--pdeathsig", "KILL", "--", "nats-server", "-c",
-                 str(self.write_settings())],
-                stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+            self.process = subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=output,
+                                            stderr=output)
         if wait:
             wait_until(self.answers, what=f"{self.name} to answer; see {self.output}")
         return self
@@ -249,7 +254,7 @@ class NatsServer:
 
     def client(self) -> NatsClient:
         """A connection to it."""
-        return NatsClient(self.port, self.user)
+        return NatsClient(self.port, self.user, self.host)
 
     def kill(self) -> None:
         """End it without a warning."""
@@ -282,8 +287,11 @@ class NatsServer:
 class NatsCluster:
     """Servers that keep their streams together."""
 
-    def __init__(self, scratch: Path, count: int = 3) -> None:
-        self.servers = [NatsServer(scratch, f"n{number}") for number in range(1, count + 1)]
+    def __init__(self, scratch: Path, count: int = 3,
+                 machines: list[Machine] | None = None) -> None:
+        where = machines or [None] * count
+        self.servers = [NatsServer(scratch, f"n{number}", machine=machine)
+                        for number, machine in enumerate(where, start=1)]
         for server in self.servers:
             server.routes = [other.route for other in self.servers]
 
