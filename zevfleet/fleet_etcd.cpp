@@ -69,11 +69,17 @@ std::string Decoded(const Json& object, const char* key) {
   throw EtcdError(lacks_leader ? Cause::kUnreachable : Cause::kRefused, message);
 }
 
-bool IsStaleToken(const Json& answer) {
+std::string MessageIn(const Json& answer) {
+  return answer.value("message", answer.value("error", std::string()));
+}
+
+// A token that is not known any more, or none where one is wanted.
+bool IsForWantOfLogin(const Json& answer) {
   const int64_t code = NumberIn(answer, "code");
-  const std::string message = answer.value("message", answer.value("error", std::string()));
+  const std::string message = MessageIn(answer);
   return code == kUnauthenticated ||
-         (code == kInvalidArgument && message.find("auth") != std::string::npos);
+         (code == kInvalidArgument && (message.find("auth") != std::string::npos ||
+                                       message.find("user name is empty") != std::string::npos));
 }
 
 const Json& Member(const Json& object, const char* key) {
@@ -191,6 +197,19 @@ void Etcd::LogIn() {
   const Json answer = PostOnce("/v3/auth/authenticate",
                                Json{{"name", options_.user}, {"password", password}}.dump());
   token_ = answer.value("token", std::string());
+  wants_login_ = MessageIn(answer).find("authentication is not enabled") == std::string::npos;
+  if (!token_.empty() || !wants_login_) return;
+  try {
+    ThrowRefusal(answer);
+  } catch (const EtcdError& error) {
+    if (error.cause() == Cause::kUnreachable) Leave();
+    throw EtcdError(error.cause(),
+                    "cannot log in to etcd as \"" + options_.user + "\": " + error.what());
+  }
+}
+
+void Etcd::LogInOnce() {
+  if (!options_.user.empty() && token_.empty() && wants_login_) LogIn();
 }
 
 Json Etcd::PostOnce(const std::string& path, const std::string& body) {
@@ -212,10 +231,10 @@ Json Etcd::PostOnce(const std::string& path, const std::string& body) {
 
 Json Etcd::Post(const std::string& path, const Json& request) {
   const std::string body = request.dump();
-  if (!options_.user.empty() && token_.empty()) LogIn();
+  LogInOnce();
   Json answer = PostOnce(path, body);
   const auto has_error = [&] { return answer.contains("error") || answer.contains("code"); };
-  if (has_error() && !options_.user.empty() && IsStaleToken(answer)) {
+  if (has_error() && !options_.user.empty() && IsForWantOfLogin(answer)) {
     token_.clear();
     LogIn();
     answer = PostOnce(path, body);
@@ -283,7 +302,7 @@ void Etcd::Revoke(int64_t lease) {
 
 void Etcd::Watch(const std::string& prefix, int64_t revision, const TakeEvents& take,
                  const std::atomic<bool>& stop) {
-  if (!options_.user.empty() && token_.empty()) LogIn();
+  LogInOnce();
   const Json request = {{"create_request",
                          {{"key", Encoded(prefix)},
                           {"range_end", Encoded(EndOfPrefix(prefix))},
@@ -300,6 +319,7 @@ void Etcd::Watch(const std::string& prefix, int64_t revision, const TakeEvents& 
     }
     if (answer.contains("error") || result.value("canceled", false)) {
       token_.clear();
+      wants_login_ = true;
       refusal.emplace(Cause::kRefused, endpoint + " has ended the watch");
       return false;
     }

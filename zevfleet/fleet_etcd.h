@@ -125,12 +125,14 @@ class Etcd {
   Json Post(const std::string& path, const Json& request);
   Json PostOnce(const std::string& path, const std::string& body);
   void LogIn();
+  void LogInOnce();
   void Note(const Json& answer);
 
   EtcdOptions options_;
   std::unique_ptr<Handle> handle_;
   size_t endpoint_ = 0;
   std::string token_;
+  bool wants_login_ = true;  // until it says that anybody may do everything
   EtcdTerm term_;
   int64_t clock_ahead_ = 0;
 };

@@ -91,22 +91,27 @@ class EtcdServer:
 
     def __init__(self, machine: Machine, scratch: Path) -> None:
         self.machine = machine
-        self.url = f"http://{machine.address}:{CLIENT_PORT}"
+        self.scheme = "http"
+        self.options: list[str] = []  # further ones
         self._log = scratch / f"{machine.name}.log"
         self.process: subprocess.Popen | None = None
+
+    @property
+    def url(self) -> str:
+        """Where it is reached."""
+        return f"{self.scheme}://{self.machine.address}:{CLIENT_PORT}"
 
     def start(self, cluster: list[Machine]) -> None:
         """Start it; it is found again by its data."""
         peers = ",".join(f"{one.name}=http://{one.address}:2380" for one in cluster)
         mine = f"http://{self.machine.address}"
         words = ["etcd", "--name", self.machine.name, "--data-dir", DATA,
-                 "--listen-client-urls", f"{mine}:{CLIENT_PORT}",
-                 "--advertise-client-urls", f"{mine}:{CLIENT_PORT}",
+                 "--listen-client-urls", self.url, "--advertise-client-urls", self.url,
                  "--listen-peer-urls", f"{mine}:2380",
                  "--initial-advertise-peer-urls", f"{mine}:2380",
                  "--initial-cluster", peers, "--initial-cluster-state", "new",
                  "--heartbeat-interval", "100", "--election-timeout", "1000",
-                 "--logger", "zap"]
+                 "--logger", "zap", *self.options]
         with open(self._log, "ab") as log:
             self.process = self.machine.popen(words, stdin=subprocess.DEVNULL, stdout=log,
                                               stderr=log)
@@ -288,6 +293,7 @@ class Fleet:
                          for i in range(stations)]
         self.names = [f"box{i + 1:02}" for i in range(consoles)]
         self.rack = SoleRack(self.names)
+        self.etcdctl_options: list[str] = []  # further ones
         machines = [server.machine for server in self.etcd]
         self.nats = NatsCluster(scratch, machines=machines) if ships else None
         for station in self.stations:
@@ -308,7 +314,8 @@ class Fleet:
         """Ask etcd from a machine that is always there."""
         endpoints = ",".join(server.url for server in self.etcd)
         return subprocess.run(["etcdctl", "--endpoints", endpoints, "--command-timeout", "5s",
-                               *words], check=check, text=True, capture_output=True, input=given,
+                               *self.etcdctl_options, *words], check=check, text=True,
+                              capture_output=True, input=given,
                               env={**os.environ, "ETCDCTL_API": "3"})
 
     def file(self, stations: dict[str, list[str]] | None = None) -> str:

@@ -54,12 +54,13 @@ class LocalConnection(http.client.HTTPConnection):
         self.sock.connect(str(self.path))
 
 
-def certificate(directory: Path, name: str = "station") -> tuple[Path, Path]:
-    """A certificate for 127.0.0.1 that signs itself, and its key."""
+def certificate(directory: Path, name: str = "station",
+                address: str = "127.0.0.1") -> tuple[Path, Path]:
+    """A certificate for an address of the test's that signs itself, and its key."""
     files = directory / f"{name}.pem", directory / f"{name}.key"
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
                     "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj", f"/CN={name}",
-                    "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost", "-keyout", files[1],
+                    "-addext", f"subjectAltName=IP:{address},DNS:localhost", "-keyout", files[1],
                     "-out", files[0]], check=True, capture_output=True)
     return files
 
