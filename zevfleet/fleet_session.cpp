@@ -25,9 +25,11 @@ constexpr int64_t kDrainTime = 2 * kSecond;
 constexpr int64_t kTrialTime =
     5 * kSecond;  // a server that is full may still take a message or two
 
-// In milliseconds.
-constexpr int64_t kIdlePatience = 50;
-constexpr int64_t kBusyPatience = 100;
+// How long answers are waited for, and how often they are looked at meanwhile: when nothing is in
+// flight there are none.
+constexpr int64_t kIdlePatience = 50 * kMillisecond;
+constexpr int64_t kBusyPatience = 100 * kMillisecond;
+constexpr int64_t kBusyNap = kMillisecond;
 
 std::set<Topic> TopicsOf(const NatsOptions& nats) {
   std::set<Topic> topics;
@@ -216,11 +218,21 @@ int64_t ShipSession::Patience() const {
   return in_flight_.empty() ? kIdlePatience : kBusyPatience;
 }
 
-void ShipSession::TakeAnswers() {
-  int64_t patience = Patience();
-  while (const auto answer = stream_.TakeAnswer(patience)) {
+bool ShipSession::TakeWhatHasCome() {
+  bool any = false;
+  while (const auto answer = stream_.TakeAnswer()) {
     Take(*answer);
-    patience = 0;
+    any = true;
+  }
+  return any;
+}
+
+void ShipSession::TakeAnswers() {
+  const int64_t end = BootNow() + Patience();
+  while (!TakeWhatHasCome()) {
+    const int64_t now = BootNow();
+    if (now >= end) break;
+    SleepUntil(in_flight_.empty() ? end : std::min(end, now + kBusyNap));
   }
   if (!in_flight_.empty() && BootNow() - answered_ > kAnswerTime) {
     throw Setback(Kind::kAway, "the server does not acknowledge what it is sent");

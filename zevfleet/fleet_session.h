@@ -66,6 +66,7 @@ class ShipSession {
 
   // Being answered.
   void TakeAnswers();
+  bool TakeWhatHasCome();
   void Take(const ShipAnswer& answer);
   int64_t Patience() const;
   void CheckIdle();

@@ -30,6 +30,7 @@ constexpr int64_t kHour = 3600 * kNanoseconds;
 constexpr int64_t kConnectTime = 3000;
 constexpr int64_t kAnswerTime = 5000;
 constexpr int64_t kWriteTime = 5000;
+constexpr int kSpareTime = 20000;  // for whatever else a call does
 constexpr int64_t kPingTime = 5000;
 constexpr int kMostPings = 2;
 
@@ -164,6 +165,12 @@ uint64_t TokenOf(natsMsg* message) {
   return token;
 }
 
+// In seconds: each server is tried when a connection is made.
+int MostTime(const NatsOptions& nats) {
+  const auto servers = static_cast<int64_t>(nats.urls.size());
+  return static_cast<int>((kConnectTime * servers + kSpareTime) / 1000);
+}
+
 ShipAnswer AnswerIn(natsMsg* message) {
   ShipAnswer answer;
   answer.token = TokenOf(message);
@@ -201,7 +208,9 @@ ShipStream::ShipStream(const FleetOptions& options)
     : options_(options),
       name_{options.site, options.station},
       stream_(StreamName(name_)),
+      watch_(MostTime(options.nats)),
       nats_(std::make_unique<Nats>()) {
+  const LibraryWatch::Call call(watch_);
   nats_->options = MakeOptions(options.nats, name_);
   natsConnection* connection = nullptr;
   natsStatus status = natsConnection_Connect(&connection, nats_->options.get());
@@ -226,7 +235,10 @@ ShipStream::ShipStream(const FleetOptions& options)
   nats_->answers.reset(answers);
 }
 
-ShipStream::~ShipStream() = default;
+ShipStream::~ShipStream() {
+  const LibraryWatch::Call call(watch_);
+  nats_.reset();
+}
 
 void ShipStream::Make() {
   const NatsOptions& nats = options_.nats;
@@ -248,6 +260,7 @@ void ShipStream::Make() {
 }
 
 StreamTail ShipStream::Ask() {
+  const LibraryWatch::Call call(watch_);
   jsStreamInfo* found = nullptr;
   jsErrCode code{};
   jsCtx* streams = nats_->streams.get();
@@ -266,6 +279,7 @@ StreamTail ShipStream::Ask() {
 }
 
 std::optional<ShipPlace> ShipStream::PlaceAt(uint64_t sequence) {
+  const LibraryWatch::Call call(watch_);
   natsMsg* found = nullptr;
   jsErrCode code{};
   const natsStatus status =
@@ -279,6 +293,7 @@ std::optional<ShipPlace> ShipStream::PlaceAt(uint64_t sequence) {
 
 bool ShipStream::Publish(const ShipMessage& message, const std::string& label, uint64_t behind,
                          uint64_t token) {
+  const LibraryWatch::Call call(watch_);
   natsMsg* made = nullptr;
   const std::string reply = nats_->inbox + "." + std::to_string(token);
   const std::string_view content = message.content();
@@ -306,9 +321,10 @@ void ShipStream::CheckErrors() {
   }
 }
 
-std::optional<ShipAnswer> ShipStream::TakeAnswer(int64_t milliseconds) {
+std::optional<ShipAnswer> ShipStream::TakeAnswer() {
+  const LibraryWatch::Call call(watch_);
   natsMsg* taken = nullptr;
-  const natsStatus status = natsSubscription_NextMsg(&taken, nats_->answers.get(), milliseconds);
+  const natsStatus status = natsSubscription_NextMsg(&taken, nats_->answers.get(), 0);
   if (status == NATS_TIMEOUT) {
     CheckErrors();
     return {};

@@ -4,7 +4,8 @@
 // number that the stream must have): whatever is lost on the way, refused, or sent a second time,
 // the stream has all messages up to its last one, each once and in their order. That is why each
 // station has a stream of its own. A connection that has broken is given up: nothing is sent again
-// on a new one before the stream has been asked what it has.
+// on a new one before the stream has been asked what it has. Calls that do not return end the
+// process.
 //
 // Belongs to one thread.
 #pragma once
@@ -15,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "fleet_library_watch.h"
 #include "fleet_message.h"
 #include "fleet_options.h"
 
@@ -77,8 +79,8 @@ class ShipStream {
   bool Publish(const ShipMessage& message, const std::string& label, uint64_t behind,
                uint64_t token);
 
-  /// The next answer; waits for it for so many milliseconds. Throws Setback.
-  std::optional<ShipAnswer> TakeAnswer(int64_t milliseconds);
+  /// The next answer, if one has come. Throws Setback.
+  std::optional<ShipAnswer> TakeAnswer();
 
  private:
   struct Nats;
@@ -88,6 +90,7 @@ class ShipStream {
   FleetOptions options_;
   ShipName name_;
   std::string stream_;
+  LibraryWatch watch_;
   std::unique_ptr<Nats> nats_;
 };
 

@@ -6,12 +6,13 @@ import threading
 
 import pytest
 
+from harness.clock import ShiftedClock
 from harness.journals import begin, wait_output
 from harness.nats import (SITE, STATION, STREAM, Message, NatsServer, assert_each_once,
                           output_of)
 from harness.ship import (Ship, cluster, cluster_ship, nats, ship,  # noqa: F401
                           wait_shipped)
-from harness.waiting import LIMIT, wait_until
+from harness.waiting import LIMIT, stretched, wait_until
 from journal_writer import JournalWriter
 
 BEGIN = f"{SITE}.{STATION}"
@@ -215,6 +216,36 @@ def test_packets_are_lost_for_longer_than_anybody_waits(ship, nats, growing):
     grown(growing)
     subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
     wait_all(nats, "web", growing.end())
+
+
+def test_a_clock_that_is_set_back_delays_nothing(ship, nats, tmp_path):
+    clock = ShiftedClock(tmp_path)
+    ship.env = clock.env
+    with JournalWriter(ship.journal) as journal:
+        console = journal.console("web")
+        journal.output(console, numbered(0, 1))
+        ship.start()
+        wait_all(nats, "web", numbered(0, 1))
+        # What the library waits for by the library's clock ends by that of the machine.
+        clock.shift(86400)
+        journal.output(console, numbered(1, 1))
+        wait_all(nats, "web", numbered(0, 2))
+
+
+@pytest.mark.slow
+def test_it_ends_when_a_wait_of_the_library_does_not(ship, nats, tmp_path):
+    clock = ShiftedClock(tmp_path)
+    ship.env = clock.env
+    with JournalWriter(ship.journal) as journal:
+        journal.output(journal.console("web"), numbered(0, 1))
+    ship.start()
+    wait_all(nats, "web", numbered(0, 1))
+    clock.shift(86400)
+    with nats.held():
+        assert ship.process.wait(stretched(60)) == 1
+    assert ship.text().endswith("zevfleet: a call of the NATS library does not return, as when the "
+                                "clock is set back; ends\n")
+    ship.process = None
 
 
 def test_a_held_server_does_not_keep_it_from_ending(ship, nats, growing):

@@ -1,5 +1,6 @@
 """The program that ships the journal, beside NATS servers of the test's own."""
 
+import os
 import signal
 import subprocess
 from pathlib import Path
@@ -25,6 +26,7 @@ class Ship:
         self.state = scratch / "state"
         self.output = scratch / "zevfleet.out"
         self.nats_lines: list[str] = []
+        self.env: dict[str, str] = {}
         self.process: subprocess.Popen | None = None
 
     @property
@@ -51,7 +53,8 @@ class Ship:
         with open(self.output, "ab") as output:
             self.process = subprocess.Popen(
                 ["setpriv", "--pdeathsig", "KILL", "--", *self.command()],
-                stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+                stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                env={**os.environ, **self.env})
         return self
 
     def run(self, *options: str) -> subprocess.CompletedProcess[str]:
