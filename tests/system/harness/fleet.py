@@ -204,8 +204,8 @@ class FleetStation:
                            before=[self._bin / "zevfleet", "prepare"], env=env)
 
     def start(self, env: dict[str, str] | None = None) -> None:
-        """Keep everything; `env` is for what claims consoles and what ships."""
-        self.start_daemon()
+        """Keep everything; `env` is for all but the guard."""
+        self.start_daemon(env)
         self.guard = self.keep("guard")
         self.run = self.keep("run", env)
         if self._ships:
