@@ -8,6 +8,7 @@ import pytest
 
 from harness.nats import (SITE, STATION, STREAM, NatsServer, assert_each_once, name_in,
                           output_of)
+from harness.nkeys import Party, server_settings
 from harness.ship import Ship, cluster, nats, ship, wait_shipped  # noqa: F401
 from harness.waiting import wait_listening, wait_until
 from harness.web import certificate
@@ -509,6 +510,26 @@ def test_a_file_that_is_not_there(ship, key):
     done = ship.run("--once")
     assert done.returncode == 1 and done.stderr.count("\n") == 1, done.stderr
     assert "/nowhere" in done.stderr
+
+
+def test_credentials(ship, nats, tmp_path):
+    operator, account, user = (Party(kind, tmp_path, kind)
+                               for kind in ("operator", "account", "user"))
+    system, stranger = (Party("account", tmp_path, name) for name in ("system", "stranger"))
+    nats.stop()
+    nats.settings = server_settings(operator, account, system)
+    nats.start(wait=False)
+    wait_listening(nats.port)
+    with JournalWriter(ship.journal) as journal:
+        journal.console("web")
+    done = ship.run("--once")
+    assert done.returncode == 1 and "Authorization Violation" in done.stderr, done.stderr
+    ship.nats_lines = [f'credentials = "{user.credentials(stranger)}"']
+    done = ship.run("--once")
+    assert done.returncode == 1 and "Authorization Violation" in done.stderr, done.stderr
+    ship.nats_lines = [f'credentials = "{user.credentials(account)}"']
+    assert ship.once() == 1
+    assert ship.once() == 0
 
 
 # ---- More than one station -----------------------------------------------------------------------
