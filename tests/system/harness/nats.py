@@ -180,7 +180,8 @@ class NatsClient:
     def _stored(text: bytes) -> Message | None:
         answer = json.loads(text)
         if "error" in answer:
-            assert answer["error"]["err_code"] == 10037, answer  # it has been deleted
+            if answer["error"]["err_code"] != 10037:  # it has been deleted
+                raise NatsError(answer["error"])
             return None
         message = answer["message"]
         return Message(message["seq"], message["subject"],

@@ -1,7 +1,7 @@
 """NATS's own kind of logins: keys and signed claims, as its servers and clients read them.
 
-The forms are those of NATS's documentation: base32 texts of a prefix, the key and a CRC-16, and JSON
-Web Tokens that are signed by Ed25519.
+The forms are those of NATS's documentation: base32 texts of a prefix, the key and a CRC-16, and
+JSON Web Tokens that are signed by Ed25519.
 """
 
 import base64
