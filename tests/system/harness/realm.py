@@ -88,7 +88,9 @@ class Machine:
         _ip("link", "set", self._links[link], "up")
 
     def end(self) -> None:
-        """The namespaces go when the last process in them has ended."""
+        """The namespaces go when the last process in them has ended; the links go now."""
+        for link in self._links.values():
+            _ip("link", "delete", link)
         self._holder.send_signal(signal.SIGKILL)
         self._holder.wait()
 
@@ -119,3 +121,5 @@ class Realm:
         """End what holds the machines; their processes have to be ended before."""
         for machine in self.machines:
             machine.end()
+        for network in (OFFICE, RACK):
+            _ip("link", "delete", self.bridge(network))
