@@ -8,6 +8,9 @@ namespace zevfleet {
 /// Nanoseconds of CLOCK_BOOTTIME (clock_gettime(2)).
 int64_t BootNow();
 
+/// Nanoseconds of the processor that this thread has used.
+int64_t ProcessorNow();
+
 inline constexpr int64_t kMillisecond = 1'000'000;
 inline constexpr int64_t kSecond = 1'000'000'000;
 

@@ -3,6 +3,7 @@
 #include <linux/magic.h>
 #include <sys/vfs.h>
 
+#include <algorithm>
 #include <csignal>
 #include <ctime>
 #include <filesystem>
@@ -28,6 +29,11 @@ constexpr int64_t kMapInterval = kSecond;
 constexpr int64_t kBetweenTries = 2 * kSecond;
 constexpr int64_t kWatchPatience = 3 * kSecond;  // for one's own beat
 constexpr int64_t kConfirmedFor = 5 * kSecond;   // as long the map counts as of now
+
+// What a round, or a map, of a large fleet takes of the processor is followed by a pause so many
+// times as long.
+constexpr int64_t kRoundPause = 4;
+constexpr int64_t kMapPause = 20;
 
 volatile sig_atomic_t end_wanted = 0;
 
@@ -86,15 +92,29 @@ class Tenure {
 
   ExitStatus Serve() {
     while (end_wanted == 0) {
-      for (const FleetNews& news : watch_.Wait(kTick)) view_.Take(news, BootNow());
+      for (const FleetNews& news : watch_.Wait(Patience())) view_.Take(news, BootNow());
       const std::string loss = keeper_.Loss();
       if (!loss.empty()) return Lose(loss);
-      Round(BootNow());
+      is_wanted_ = BootNow() < round_due_;
+      if (!is_wanted_) PacedRound();
     }
     return Leave();
   }
 
  private:
+  // In milliseconds: what has come waits until a round is due.
+  int Patience() const {
+    if (!is_wanted_) return kTick;
+    const int64_t left = std::max<int64_t>(round_due_ - BootNow(), 0);
+    return static_cast<int>(std::min<int64_t>(left / kMillisecond + 1, kTick));
+  }
+
+  void PacedRound() {
+    const int64_t begin = ProcessorNow();
+    Round(BootNow());
+    round_due_ = BootNow() + kRoundPause * (ProcessorNow() - begin);
+  }
+
   void Round(int64_t now) {
     CheckWatch(now);
     std::string trouble = keeper_.Trouble();
@@ -127,12 +147,13 @@ class Tenure {
     }
     complaints_.Note(problem);
     if (now < map_due_) return;
-    map_due_ = now + kMapInterval;
+    const int64_t begin = ProcessorNow();
     const int64_t age = now - keeper_.confirmed();
     const MapNote note{.as_of = time(nullptr) - age / kSecond,
                        .connected = view_.is_known() && age < kConfirmedFor,
                        .problem = problem};
     PublishMap(options_, MapText(options_, view_, note));
+    map_due_ = now + std::max(kMapInterval, kMapPause * (ProcessorNow() - begin));
   }
 
   ExitStatus Lose(const std::string& why) {
@@ -157,6 +178,8 @@ class Tenure {
   FleetView view_;
   FleetOwner owner_;
   Complaints complaints_;
+  bool is_wanted_ = false;  // a round, which has to wait
+  int64_t round_due_ = 0;   // moments of BootNow()
   int64_t map_due_ = 0;
   int64_t watch_until_ = 0;
   LeaseKeeper keeper_;

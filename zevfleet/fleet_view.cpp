@@ -15,7 +15,9 @@ std::optional<std::string> Behind(const std::string& prefix, const std::string& 
 }  // namespace
 
 void FleetView::Take(const FleetNews& news, int64_t now) {
+  const uint64_t before = changes_;
   if (news.is_whole) {
+    ++changes_;
     identity_.reset();
     consoles_.clear();
     claims_.clear();
@@ -29,6 +31,11 @@ void FleetView::Take(const FleetNews& news, int64_t now) {
   }
   for (const std::string& key : news.gone) Drop(key);
   for (const EtcdKey& key : news.present) TakeKey(key, now);
+  // Most news are that a station lives, and there may be a hundred thousand consoles.
+  if (changes_ != before) NoteFree(now);
+}
+
+void FleetView::NoteFree(int64_t now) {
   for (const auto& [name, seen] : consoles_) {
     if (ClaimOf(seen.console) != nullptr) {
       free_since_.erase(name);
@@ -41,6 +48,7 @@ void FleetView::Take(const FleetNews& news, int64_t now) {
 
 void FleetView::TakeKey(const EtcdKey& key, int64_t now) {
   foreign_.erase(key.key);
+  if (!Behind(keys_.Stations(), key.key)) ++changes_;
   if (TakeValue(key, now)) return;
   Drop(key.key);
   foreign_.insert(key.key);
@@ -81,6 +89,7 @@ void FleetView::TakeStation(const EtcdKey& key, FleetStation station, int64_t no
 
 void FleetView::Drop(const std::string& key) {
   foreign_.erase(key);
+  if (!Behind(keys_.Stations(), key)) ++changes_;
   if (key == keys_.Fleet()) identity_.reset();
   if (const auto name = Behind(keys_.Consoles(), key)) consoles_.erase(*name);
   if (const auto address = Behind(keys_.Claims(), key)) claims_.erase(*address);

@@ -64,8 +64,10 @@ class FleetView {
   bool TakeValue(const EtcdKey& key, int64_t now);
   void Drop(const std::string& key);
   void TakeStation(const EtcdKey& key, FleetStation station, int64_t now);
+  void NoteFree(int64_t now);
 
   FleetKeys keys_;
+  uint64_t changes_ = 0;  // of consoles and claims
   bool is_known_ = false;
   std::optional<FleetIdentity> identity_;
   std::map<std::string, SeenConsole> consoles_;

@@ -50,6 +50,14 @@ TEST_F(FleetClaimsTest, NamedStationsComeFirstAndOthersInAnOrderOfTheConsole) {
   EXPECT_LT(first, 600U);
 }
 
+TEST_F(FleetClaimsTest, WhatElseHappensDoesNotChangeSinceWhenAConsoleIsFree) {
+  Whole({StationKey("st1", kTestLease), ConsoleKey(ConsoleFor("box", {"st2", "st1"}))}, kSecond);
+  Comes(StationKey("st1", kTestLease), 2 * kSecond);
+  Comes(ConsoleKey(ConsoleFor("new", {})), 3 * kSecond);
+  EXPECT_EQ(view_.FreeSince("box"), kSecond);
+  EXPECT_EQ(view_.FreeSince("new"), 3 * kSecond);
+}
+
 TEST_F(FleetClaimsTest, AConsoleIsClaimedAtOnceByItsFirstStation) {
   Whole({StationKey("st1", kTestLease), ConsoleKey(ConsoleFor("box", {"st1"}))});
   EXPECT_THAT(ToClaim(view_, self_, 0), ElementsAre("box"));
