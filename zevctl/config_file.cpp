@@ -26,23 +26,30 @@ Failure Failed(const std::string& what, const std::string& mend) {
   return {ExitStatus::kFailed, what + ": " + strerror(errno) + "; " + mend};
 }
 
-bool ReadAll(int fd, std::string& text) {
+// Stops behind `most` bytes, so that a file that grows meanwhile does not fill the memory.
+bool ReadAll(int fd, size_t most, std::string& text) {
   std::array<char, 65536> chunk{};
-  for (;;) {
+  while (text.size() <= most) {
     const ssize_t length = read(fd, chunk.data(), chunk.size());
     if (length > 0) text.append(chunk.data(), static_cast<size_t>(length));
     if (length == 0) return true;
     if (length < 0 && errno != EINTR) return false;
   }
+  return true;
 }
 
-void Take(const Descriptor& opened, const struct stat& info, ReadFile& file) {
+void Take(const Descriptor& opened, const struct stat& info, ReadFile& file,
+          size_t most = SIZE_MAX) {
   file.owner = info.st_uid;
   file.mode = info.st_mode;
   file.changed = info.st_mtime;
-  const bool read = ReadAll(opened.get(), file.text);
+  const bool read = ReadAll(opened.get(), most, file.text);
   file.kind = read ? FileKind::kRegular : FileKind::kFailed;
   file.reason = read ? "" : strerror(errno);
+  if (!read || file.text.size() <= most) return;
+  file.kind = FileKind::kOther;
+  file.text = {};
+  file.reason = "it is too large";
 }
 
 bool WriteAll(int fd, std::string_view text) {
@@ -56,7 +63,7 @@ bool WriteAll(int fd, std::string_view text) {
 
 }  // namespace
 
-ReadFile ReadWhole(const std::string& path) {
+ReadFile ReadWhole(const std::string& path, size_t most) {
   ReadFile file;
   const Descriptor opened(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   struct stat info {};
@@ -67,7 +74,7 @@ ReadFile ReadWhole(const std::string& path) {
   }
   file.kind = FileKind::kOther;
   file.reason = "it is no plain file";
-  if (S_ISREG(info.st_mode)) Take(opened, info, file);
+  if (S_ISREG(info.st_mode)) Take(opened, info, file, most);
   return file;
 }
 

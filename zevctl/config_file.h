@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -29,8 +30,9 @@ struct ReadFile {
   time_t changed = 0;
 };
 
-/// The content of a file, if it is a regular one. Links are followed.
-ReadFile ReadWhole(const std::string& path);
+/// The content of a file, if it is a regular one. Links are followed. One of more than `most` bytes
+/// is kOther.
+ReadFile ReadWhole(const std::string& path, size_t most = SIZE_MAX);
 
 /// The content of a file below a directory whose owner the reader does not trust. A link, another
 /// name of a file and what is no regular file are kUnsafe.

@@ -16,9 +16,42 @@ namespace {
 
 constexpr int kFormat = 1;
 constexpr int kDeepest = 5;
+constexpr int64_t kLastMoment = 253402300799;  // of the year 9999: later ones are no times
 
 Failure NoMap(const std::string& why) {
   return {ExitStatus::kNoDaemon, why + "; \"zevfleet run\" writes it on each station of a fleet"};
+}
+
+Failure NotUnderstood() {
+  return NoMap("the map of the fleet is not understood");
+}
+
+// The library would make a number of what is none, and any number one of seconds.
+time_t MomentIn(const Json& data) {
+  const bool is_moment = data.is_number_integer() && data >= 0 && data <= kLastMoment;
+  if (!is_moment) throw NotUnderstood();
+  return data.get<time_t>();
+}
+
+const Json& ListIn(const Json& data, const char* key) {
+  const Json& list = data.at(key);
+  if (!list.is_array()) throw NotUnderstood();
+  return list;
+}
+
+FarStation StationIn(const Json& data) {
+  return {.name = data.at("name"),
+          .address = data.at("address"),
+          .web = data.at("web"),
+          .alive = data.at("alive"),
+          .ready = data.at("ready"),
+          .version = data.at("version")};
+}
+
+FarConsole ConsoleIn(const Json& data) {
+  FarConsole console{.name = data.at("name"), .station = data.at("station"), .stations = {}};
+  for (const Json& station : ListIn(data, "stations")) console.stations.push_back(station);
+  return console;
 }
 
 }  // namespace
@@ -31,22 +64,19 @@ const FarStation* FarMap::Station(const std::string& wanted) const {
 FarMap ParseFarMap(const std::string& text) try {
   const Json data = ReadJson(text, kDeepest);
   if (!data.is_object() || data.at("format") != kFormat) {
-    throw NoMap("the map of the fleet is not understood");
+    throw NotUnderstood();
   }
   FarMap map;
+  data.at("site").get_to(map.site);
   data.at("station").get_to(map.station);
-  data.at("as_of").get_to(map.as_of);
+  map.as_of = MomentIn(data.at("as_of"));
   data.at("connected").get_to(map.connected);
   data.at("problem").get_to(map.problem);
-  for (const Json& station : data.at("stations")) {
-    map.stations.push_back({station.at("name"), station.at("address"), station.at("alive")});
-  }
-  for (const Json& console : data.at("consoles")) {
-    map.consoles.push_back({console.at("name"), console.at("station")});
-  }
+  for (const Json& one : ListIn(data, "stations")) map.stations.push_back(StationIn(one));
+  for (const Json& one : ListIn(data, "consoles")) map.consoles.push_back(ConsoleIn(one));
   return map;
 } catch (const Json::exception&) {
-  throw NoMap("the map of the fleet is not understood");
+  throw NotUnderstood();
 }
 
 FarMap LoadFarMap(const std::string& path) {

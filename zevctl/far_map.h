@@ -13,15 +13,20 @@ inline constexpr char kFarMapFile[] = "/run/zevfleet/fleet.json";
 struct FarStation {
   std::string name;
   std::string address;  ///< empty for one that has not been seen since the map was begun
-  bool alive = false;
+  std::string web;      ///< of its page; empty for none
+  bool alive = false;   ///< it has a lease
+  bool ready = false;   ///< its daemon and its guard run
+  std::string version;
 };
 
 struct FarConsole {
   std::string name;
-  std::string station;  ///< that has it; empty for none
+  std::string station;                ///< that has it; empty for none
+  std::vector<std::string> stations;  ///< that should have it, the best first
 };
 
 struct FarMap {
+  std::string site;
   std::string station;  ///< that published it: this one
   time_t as_of = 0;     ///< when it was last confirmed; 0 for never
   bool connected = false;

@@ -7,6 +7,7 @@
 #include "web_consoles.h"
 #include "web_control.h"
 #include "web_daemon.h"
+#include "web_fleet.h"
 #include "web_history.h"
 #include "web_journals.h"
 #include "web_marks.h"
@@ -25,12 +26,14 @@ struct Interface::Parts {
       : daemon(settings.station),
         journals(settings.journal),
         searched(settings.journal, kMostSearches),
-        logs(settings.logs) {}
+        logs(settings.logs),
+        fleet(settings.fleet_map) {}
 
   WebDaemon daemon;
   WebJournals journals;
   WebJournals searched;  // by what may take long: nothing else waits for it
   std::string logs;
+  WebFleet fleet;
 };
 
 Interface::Interface(const InterfaceSettings& settings)
@@ -66,6 +69,8 @@ void Interface::AddRoutes(std::vector<Route>* routes) {
       [&](const Request& request) { return ListUsers(parts.daemon, request); });
   add("GET", "/api/stats", Access::kReader,
       [&](const Request& request) { return ShowStats(parts.daemon, request); });
+  add("GET", "/api/fleet", Access::kReader,
+      [&](const Request& request) { return ShowFleet(parts.fleet, request); });
   add("POST", "/api/consoles/{name}/{command}", Access::kPerson,
       [&](const Request& request) { return ControlConsole(parts.daemon, request); });
   add("POST", "/api/msg", Access::kPerson,

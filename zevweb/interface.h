@@ -14,6 +14,7 @@ struct InterfaceSettings {
   zevctl::Settings station;  ///< host, port and cookie of the daemon
   std::string journal;       ///< directories
   std::string logs;
+  std::string fleet_map;  ///< the file of zevfleet, which need not exist
 };
 
 class Interface {

@@ -68,7 +68,7 @@ ExitStatus Serve(const zevweb::WebOptions& options) {
   zevweb::WebTokens tokens(zevctl::kStationRoot + "/config");
   zevweb::WebGate gate(options, sessions, people, tokens);
   zevweb::Account account({Station(options), journal}, sessions, people);
-  zevweb::Interface interface({Station(options), journal, logs});
+  zevweb::Interface interface({Station(options), journal, logs, options.fleet_map});
   zevweb::WorkerPool workers(zevweb::WebServer::Wake);
   zevweb::Live live({Station(options), journal}, workers);
   std::vector<zevweb::Route> routes;

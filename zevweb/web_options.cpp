@@ -167,6 +167,7 @@ WebOptions ReadWebOptions(const std::string& text, const std::string& file, Find
       {"page", TakePath(options.page)},
       {"directory", TakePath(options.directory)},
       {"main_port", TakeNumber(options.main_port, 1, 65535)},
+      {"fleet_map", TakePath(options.fleet_map)},
       {"proxy", TakeInner(proxy, findings)},
       {"sessions", TakeInner(sessions, findings)},
   };

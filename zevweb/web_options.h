@@ -19,6 +19,7 @@ struct WebOptions {
   std::string page = ZEVWEB_PAGE;    ///< directory of the page's files
   std::string directory = "/var/lib/zevweb";
   uint16_t main_port = 6500;
+  std::string fleet_map = "/run/zevfleet/fleet.json";
 
   struct Proxy {
     std::string socket;  ///< empty: there is no proxy

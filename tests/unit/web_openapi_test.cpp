@@ -37,7 +37,7 @@ TEST(OpenApiTest, DescribesEveryRouteAndNoOther) {
   WebPeople people;
   WorkerPool workers([] {});
   Account account({zevctl::Settings(), "journal"}, sessions, people);
-  Interface interface({zevctl::Settings(), "journal", "logs"});
+  Interface interface({zevctl::Settings(), "journal", "logs", "fleet.json"});
   Live live({zevctl::Settings(), "journal"}, workers);
   std::vector<Route> routes;
   std::vector<ChannelRoute> channels;

@@ -21,18 +21,25 @@ using testing::StartsWith;
 
 constexpr char kMap[] = R"({"format": 1, "site": "hall", "station": "st1", "as_of": 1000,
   "connected": true, "problem": "", "stations": [
-    {"name": "st1", "address": "192.0.2.1", "web": "", "alive": true},
-    {"name": "st2", "address": "192.0.2.2", "web": "", "alive": false}],
-  "consoles": [{"name": "box-1", "station": "st2", "stations": []},
+    {"name": "st1", "address": "192.0.2.1", "web": "https://192.0.2.1", "alive": true,
+     "ready": true, "version": "1.0"},
+    {"name": "st2", "address": "192.0.2.2", "web": "", "alive": false, "ready": false,
+     "version": ""}],
+  "consoles": [{"name": "box-1", "station": "st2", "stations": ["st1", "st2"]},
                {"name": "box2", "station": "", "stations": []}]})";
 
 TEST(FarMapTest, StationsAndConsolesAreRead) {
   const FarMap map = ParseFarMap(kMap);
+  EXPECT_EQ(map.site, "hall");
   EXPECT_EQ(map.station, "st1");
+  EXPECT_EQ(map.Station("st1")->web, "https://192.0.2.1");
+  EXPECT_EQ(map.Station("st1")->version, "1.0");
+  EXPECT_TRUE(map.Station("st1")->ready);
   EXPECT_EQ(map.Station("st2")->address, "192.0.2.2");
   EXPECT_FALSE(map.Station("st2")->alive);
   EXPECT_EQ(map.Station("st3"), nullptr);
   EXPECT_EQ(FindFarConsole(map, "box-1").station, "st2");
+  EXPECT_THAT(FindFarConsole(map, "box-1").stations, ElementsAre("st1", "st2"));
   EXPECT_EQ(FindFarConsole(map, "BOX_1").name, "box-1");
   EXPECT_THROW(FindFarConsole(map, "box"), Failure);
 }
@@ -41,6 +48,27 @@ TEST(FarMapTest, WhatIsNoMapIsRefused) {
   for (const char* text : {"", "[]", "{}", R"({"format": 2})", R"({"format": 1})", "half"}) {
     EXPECT_THROW(ParseFarMap(text), Failure) << text;
   }
+}
+
+// The map with one of its texts replaced.
+std::string Forged(const std::string& text, const std::string& replacement) {
+  std::string map = kMap;
+  return map.replace(map.find(text), text.size(), replacement);
+}
+
+TEST(FarMapTest, WhatIsForgedIsRefused) {
+  EXPECT_NO_THROW(ParseFarMap(Forged("1000", "253402300799")));
+  for (const char* moment : {"-1", "1e300", "1.5", "true", "\"1000\"", "null", "253402300800",
+                             "18446744073709551615", "99999999999999999999"}) {
+    EXPECT_THROW(ParseFarMap(Forged("1000", moment)), Failure) << moment;
+  }
+  for (const char* list : {"{\"a\": \"st1\"}", "[1]", "[[\"st1\"]]", "\"st1\"", "null"}) {
+    EXPECT_THROW(ParseFarMap(Forged(R"(["st1", "st2"])", list)), Failure) << list;
+  }
+  EXPECT_THROW(ParseFarMap(Forged("\"hall\"", "{}")), Failure);
+  EXPECT_THROW(ParseFarMap(Forged("\"1.0\"", "1.0")), Failure);
+  EXPECT_THROW(ParseFarMap(Forged("\"alive\": false", "\"alive\": 0")), Failure);
+  EXPECT_THROW(ParseFarMap(Forged("hall", "\xff")), Failure);
 }
 
 TEST(FarMapTest, AnOldMapSaysHowOldItIs) {

@@ -5,6 +5,7 @@ import test from 'node:test';
 
 const load = (name) => import(`${process.env.ZEVWEB_MODULES}/${name}.mjs`);
 const { choose, matches } = await load('filter');
+const fleets = await load('fleet');
 const { asTyped, pieces, summary, visible } = await load('paste');
 const { age, clock, millis, typedTime } = await load('moments');
 const { canTakeOver, refusalInWords, refusalNumber } = await load('refusals');
@@ -37,6 +38,69 @@ test('a filter looks at name, address, state and users', () => {
   for (const filter of ['bob', 'web bob', '-anna', 'web -connected']) {
     assert.ok(!matches(one, filter), filter);
   }
+});
+
+function station(name, web, values = {}) {
+  return { name, address: '', web, alive: true, ready: true, version: '1', ...values };
+}
+
+function far(name, at, stations = [at]) {
+  return { name, station: at, stations };
+}
+
+const kFleet = {
+  site: 'hall', station: 'st1', as_of: null, stale: false, connected: true, problem: null,
+  stations: [station('st1', 'https://one'), station('st2', 'https://two/x/?y#z'),
+    station('st3', null)],
+  consoles: [far('a10', 'st1'), far('a9', 'st2'), far('b', 'st3', ['st2', 'st3']),
+    far('c', null, ['st1']), far('d', 'st2', [])],
+};
+
+test('a station is ready, not ready, or away', () => {
+  const words = (alive, ready) => fleets.stateInWords(station('s', null, { alive, ready }));
+  assert.deepEqual([words(true, true), words(true, false), words(false, true)],
+    ['ready', 'not ready', 'away']);
+  assert.deepEqual([...fleets.heldBy(kFleet)], [['st1', 1], ['st2', 2], ['st3', 1]]);
+});
+
+test('consoles of the fleet: nobody has it, it is elsewhere, then by name', () => {
+  const all = fleets.chooseFleet(kFleet.consoles, '', 10);
+  assert.deepEqual(all.rows.map((one) => one.name), ['c', 'b', 'a9', 'a10', 'd']);
+  assert.deepEqual(all.rows.map(fleets.placeProblem),
+    ['no station has it', 'should be at st2', '', '', '']);
+  const some = fleets.chooseFleet(kFleet.consoles, '-st3', 2);
+  assert.deepEqual([some.rows.map((one) => one.name), some.count, some.problems],
+    [['c', 'a9'], 4, 1]);
+});
+
+test('the first of many are those that sorting would give', () => {
+  const order = (one, other) => one - other;
+  for (const size of [0, 1, 5, 200]) {
+    const items = Array.from({ length: size }, (_, at) => (at * 7919) % 101);
+    for (const most of [1, 3, 200, 1000]) {
+      assert.deepEqual(fleets.firstOf(items, most, order),
+        [...items].sort(order).slice(0, most), `${size} ${most}`);
+    }
+  }
+});
+
+test('what a filter finds at other stations is counted', () => {
+  const found = (filter) => fleets.elsewhereInWords(kFleet, filter);
+  assert.equal(found(''), '');
+  assert.equal(found(' '), '');
+  assert.equal(found('a'), '1 at other stations');
+  assert.equal(found('-a'), '2 at other stations, 1 at no station');
+  assert.equal(found('a9'), '1 at other stations');
+  assert.equal(found('a10'), '');
+});
+
+test('a console is opened here, at the page of its station, or not in a page', () => {
+  const where = (name, at) => fleets.consoleAddress(kFleet, far(name, at));
+  assert.equal(where('a b', 'st1'), '#/consoles/a%20b');
+  assert.equal(where('a/b', 'st2'), 'https://two/x/?y#/consoles/a%2Fb');
+  for (const at of ['st3', 'st4', null]) assert.equal(where('x', at), null);
+  for (const web of ['javascript:alert(1)', 'data:,x', 'ftp://x', 'x', '', '//x', null,
+    'https://me:secret@x']) assert.equal(fleets.pageAddress(web), null, web);
 });
 
 test('a paste goes in lines or in so many bytes, and no byte is lost', () => {

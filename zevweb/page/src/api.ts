@@ -1,7 +1,7 @@
 // Requests to the station. Whatever goes wrong becomes an ApiError whose text can be shown as it is.
 
 import type {
-  AuditAnswer, ConsoleList, HistoryAnswer, MarksAnswer, ReplayRecords, ReplayScreen, SessionInfo,
+  AuditAnswer, ConsoleList, FleetAnswer, HistoryAnswer, MarksAnswer, ReplayRecords, ReplayScreen, SessionInfo,
 } from './types.ts';
 
 export class ApiError extends Error {
@@ -90,6 +90,7 @@ export const api = {
   consoles: () => get<ConsoleList>('/api/consoles'),
   history: (name: string, query: Query) =>
     get<HistoryAnswer>(consolePath(name, 'history'), query),
+  fleet: () => get<FleetAnswer>('/api/fleet'),
   search: (query: Query) => get<HistoryAnswer>('/api/search', query),
   audit: (query: Query) => get<AuditAnswer>('/api/audit', query),
   marks: (name: string, query: Query) => get<MarksAnswer>(consolePath(name, 'marks'), query),

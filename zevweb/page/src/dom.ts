@@ -33,6 +33,15 @@ export function fill(parent: Element, ...children: Child[]): void {
   append(parent, ...children);
 }
 
+/** The same, but elements that are there already stay, with the keyboard and a click that began. */
+export function refill(parent: Element, ...children: (HTMLElement | null)[]): void {
+  const wanted = children.filter((child) => child !== null);
+  const had = parent.children;
+  const isSame = wanted.length === had.length
+    && wanted.every((child, index) => child.isEqualNode(had[index] ?? null));
+  if (!isSame) parent.replaceChildren(...wanted);
+}
+
 export function button(
   label: string, action: (event: Event) => void, attributes: Attributes = {},
 ): HTMLButtonElement {

@@ -14,13 +14,17 @@ export function isLeader(event: KeyboardEvent): boolean {
 const kHelp: readonly [string, readonly [string, string][]][] = [
   ['Everywhere', [
     ['?', 'this help'], ['g', 'the list of consoles'], ['s', 'search over many consoles'],
-    ['a', 'audit: who did what'], ['t', 'light, dark, or as the system'], ['Esc', 'one step back'],
+    ['a', 'audit: who did what'], ['f', 'the fleet, where the station is in one'],
+    ['t', 'light, dark, or as the system'], ['Esc', 'one step back'],
   ]],
   ['In the list', [
     ['/', 'filter; words that must be there, -word that must not'],
     ['arrows j k', 'move'], ['Enter', 'watch the console'], ['Space', 'select it'],
     ['Shift+Enter', 'open the selected ones side by side'], ['h', 'its history'],
     ['r', 'replay it'], ['c', 'reconnect, enable, disable, clear, message'],
+  ]],
+  ['In the fleet', [
+    ['/', 'filter'], ['arrows j k', 'move'], ['Enter', 'open the console, here or at its station'],
   ]],
   ['At a console: as they are while you watch, after Ctrl+] while you type', [
     ['1 2 3 4', 'watch; type shared, exclusive, exclusive until asked'],

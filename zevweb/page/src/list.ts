@@ -1,10 +1,12 @@
 // The list of all consoles.
 
 import { announce, button, element, fill } from './dom.ts';
+import { elsewhereInWords } from './fleet.ts';
+import { fleetStore } from './fleet_store.ts';
 import { choose, hasProblem } from './filter.ts';
 import { commands } from './commands.ts';
 import { age, clock } from './moments.ts';
-import { go } from './route.ts';
+import { go, routeText } from './route.ts';
 import { store } from './store.ts';
 import type { ConsoleInfo } from './types.ts';
 import type { View } from './view.ts';
@@ -53,17 +55,20 @@ export class ListView implements View {
   private readonly beside = button('Open side by side', () => this.open(null), {
     title: 'Opens the selected consoles',
   });
+  private readonly elsewhere = element('p', { class: 'elsewhere', id: 'elsewhere', hidden: true },
+    element('a', {}));
   private shown: ConsoleInfo[] = [];
   private current: string | null = null;
   private readonly selected = new Set<string>();
-  private readonly forget: () => void;
+  private readonly forget: (() => void)[];
 
   constructor(open: readonly string[] = []) {
     for (const name of open) this.selected.add(name);
     this.current = open[0] ?? null;
     this.node = element('section', { class: 'list', 'aria-label': 'List of consoles' },
-      element('div', { class: 'bar' }, this.filter, this.beside, this.count), this.rows);
-    this.forget = store.onChange(() => this.show(false));
+      element('div', { class: 'bar' }, this.filter, this.beside, this.count), this.rows, this.elsewhere);
+    this.forget = [store.onChange(() => this.show(false)),
+      fleetStore.onChange(() => this.showElsewhere())];
     this.show(false);
   }
 
@@ -72,7 +77,7 @@ export class ListView implements View {
   }
 
   close(): void {
-    this.forget();
+    for (const forget of this.forget) forget();
   }
 
   key(event: KeyboardEvent): boolean {
@@ -98,6 +103,18 @@ export class ListView implements View {
       this.current = this.shown[0]?.name ?? null;
     }
     this.draw(this.shown.slice(0, kMostRows));
+    this.showElsewhere();
+  }
+
+  /** Matching consoles of the fleet that this list does not have. */
+  private showElsewhere(): void {
+    const filter = this.filter.value;
+    const text = fleetStore.fleet === null ? '' : elsewhereInWords(fleetStore.fleet, filter);
+    const link = this.elsewhere.firstElementChild as HTMLAnchorElement;
+    const label = `In the fleet: ${text}`;
+    if (link.textContent !== label) link.textContent = label;
+    link.href = routeText('fleet', [], { q: filter });
+    this.elsewhere.hidden = text === '';
   }
 
   /** Rows stay the same elements, so nothing jumps and a screen reader keeps its place. */

@@ -5,6 +5,8 @@ import { AuditView } from './audit.ts';
 import { ConsolesView } from './consoles_view.ts';
 import { askWith } from './dialog.ts';
 import { announce, button, byId, element, fill } from './dom.ts';
+import { fleetStore } from './fleet_store.ts';
+import { FleetView } from './fleet_view.ts';
 import { HistoryView } from './history.ts';
 import { isForField, showHelp } from './keys.ts';
 import { ListView } from './list.ts';
@@ -19,8 +21,12 @@ import type { View } from './view.ts';
 
 const kAgain = 2000;  // milliseconds until a station that does not answer is asked again
 
+const kParts = [['list', 'Consoles', 'consoles'], ['search', 'Search', 'search'],
+  ['audit', 'Audit', 'audit'], ['fleet', 'Fleet', 'fleet']] as const;
+
 let view: View | null = null;
 let loggedIn = false;
+let hasFleetPart = false;
 
 function makeView(route: Route): View {
   const name = route.names[0] ?? '';
@@ -30,17 +36,22 @@ function makeView(route: Route): View {
     case 'replay': return new ReplayView(name, route.query);
     case 'search': return new SearchView(route.query);
     case 'audit': return new AuditView();
+    case 'fleet': return new FleetView(route.query);
     case 'list': return new ListView();
   }
 }
 
 function showTop(): void {
   document.title = view === null ? 'Consoles' : view.title;
-  const parts = [['list', 'Consoles', 'consoles'], ['search', 'Search', 'search'],
-    ['audit', 'Audit', 'audit']] as const;
+  const parts = kParts.filter(([to]) => to !== 'fleet' || fleetStore.exists);
   fill(byId('nav'), ...parts.map(([to, label, part]) => element('a', {
     href: routeText(to), 'aria-current': view?.part === part ? 'page' : false,
   }, label)));
+  hasFleetPart = fleetStore.exists;
+}
+
+function whenFleetAnswered(): void {
+  if (loggedIn && fleetStore.exists !== hasFleetPart) showTop();
 }
 
 function showView(): void {
@@ -115,6 +126,7 @@ async function logOut(): Promise<void> {
 function showLogin(reason: string): void {
   loggedIn = false;
   store.stop();
+  fleetStore.stop();
   view?.close();
   view = null;
   byId('top').hidden = true;
@@ -133,6 +145,7 @@ async function begin(): Promise<void> {
     byId('who').textContent = `${session.name} from ${session.address}`;
     byId('top').hidden = false;
     store.start();
+    fleetStore.start();
     showView();
   } catch (error) {
     if (error instanceof ApiError && error.status === 401) return;
@@ -147,6 +160,9 @@ function commonKey(event: KeyboardEvent): boolean {
     case 'g': go('list'); return true;
     case 's': go('search'); return true;
     case 'a': go('audit'); return true;
+    case 'f':
+      if (fleetStore.exists) go('fleet');
+      return fleetStore.exists;
     case 't': nextTheme(); return true;
     case 'Escape': go('list'); return true;
     default: return false;
@@ -172,6 +188,7 @@ byId('skip').addEventListener('click', (event) => {
   else byId('main').focus();
 });
 store.onChange(showProblem);
+fleetStore.onChange(whenFleetAnswered);
 window.addEventListener('hashchange', showView);
 document.addEventListener('keydown', whenKey);
 permitTerminalStyles();

@@ -2,12 +2,12 @@
 // is kept or passed on shows the same again.
 
 export interface Route {
-  view: 'list' | 'consoles' | 'history' | 'replay' | 'search' | 'audit';
+  view: 'list' | 'consoles' | 'history' | 'replay' | 'search' | 'audit' | 'fleet';
   names: string[];
   query: Record<string, string>;
 }
 
-const kViews = ['consoles', 'history', 'replay', 'search', 'audit'] as const;
+const kViews = ['consoles', 'history', 'replay', 'search', 'audit', 'fleet'] as const;
 
 function decoded(text: string): string {
   try {

@@ -100,6 +100,36 @@ export interface AuditAnswer {
   reason: string | null;
 }
 
+export interface FleetStation {
+  name: string;
+  address: string;
+  web: string | null;
+  alive: boolean;
+  ready: boolean;
+  version: string;
+}
+
+export interface FleetConsole {
+  name: string;
+  station: string | null;
+  stations: string[];
+}
+
+export interface Fleet {
+  site: string;
+  station: string;
+  as_of: string | null;
+  stale: boolean;
+  connected: boolean;
+  problem: string | null;
+  stations: FleetStation[];
+  consoles: FleetConsole[];
+}
+
+export interface FleetAnswer {
+  fleet: Fleet | null;
+}
+
 export interface SessionInfo {
   name: string;
   address: string;
