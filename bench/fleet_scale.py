@@ -191,8 +191,9 @@ def measure(scratch: Path, stations: int) -> None:
         received = followers.received
         time.sleep(AT_REST)
         each = (followers.received - received) / AT_REST / len(others) / 1e6
-        print(f"{stations} stations, {CONSOLES * len(others)} consoles: claimed in {written:.0f} s, "
-              f"all known after {known:.0f} s; at rest: etcd {etcd.share:.0f} % of a core, "
+        print(f"{stations} stations, {CONSOLES * len(others)} consoles: claimed in "
+              f"{written:.0f} s, all known after {known:.0f} s; at rest: "
+              f"etcd {etcd.share:.0f} % of a core, "
               f"{etcd.mebibytes:.0f} MiB; zevfleet run {run.share:.0f} %, {run.mebibytes:.0f} MiB; "
               f"to each station {each:.2f} MB/s", flush=True)
         others[0].stop()

@@ -16,6 +16,7 @@ namespace {
 
 constexpr int kFormat = 1;
 constexpr int kDeepest = 5;
+constexpr time_t kFreshFor = 15;  // seconds; zevfleet writes it at least every few seconds
 constexpr int64_t kLastMoment = 253402300799;  // of the year 9999: later ones are no times
 
 Failure NoMap(const std::string& why) {
@@ -85,8 +86,9 @@ FarMap LoadFarMap(const std::string& path) {
   throw NoMap("there is no map of the fleet (" + path + ")");
 }
 
+// One that nobody writes any more says to the end that it is as of now.
 std::string AgeInWords(const FarMap& map) {
-  if (map.connected) return {};
+  if (map.connected && time(nullptr) - map.as_of <= kFreshFor) return {};
   const std::string age = map.as_of == 0
                               ? "the map of the fleet has never been confirmed"
                               : "the map of the fleet is of " + ClockTime(map.as_of, time(nullptr));

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <fstream>
 
 #include "arguments.h"
@@ -73,6 +74,8 @@ TEST(FarMapTest, WhatIsForgedIsRefused) {
 
 TEST(FarMapTest, AnOldMapSaysHowOldItIs) {
   FarMap map = ParseFarMap(kMap);
+  EXPECT_THAT(AgeInWords(map), StartsWith("the map of the fleet is of "));
+  map.as_of = time(nullptr);
   EXPECT_EQ(AgeInWords(map), "");
   map.connected = false;
   EXPECT_THAT(AgeInWords(map), StartsWith("the map of the fleet is of "));
