@@ -15,6 +15,7 @@ from harness import settings
 from harness.clock import ShiftedClock
 from harness.fleet import SITE, Fleet, FleetStation
 from harness.nats import Message, NatsError, NatsServer, assert_each_once
+from harness.realm import Machine
 from harness.waiting import stretched, wait_until
 from journal_reader import read_journal
 from journal_writer import Kind
@@ -32,7 +33,7 @@ class FaultyFleet:
         self.chance = random.Random(seed)
         self.done: list[str] = []
         self._kinds = [self._stop_run, self._stop_run_and_daemon, self._kill_one, self._cut_station,
-                       self._cut_etcd, self._stop_etcd, self._lose_quorum, self._kill_etcd,
+                       self._cut_server, self._stop_etcd, self._lose_quorum, self._kill_etcd,
                        self._fill_disk, self._step_clock, self._stop_nats, self._kill_nats,
                        self._wipe_stream]
 
@@ -107,17 +108,20 @@ class FaultyFleet:
         process.signal(signal.SIGKILL)
         return lambda: None
 
-    def _cut_station(self) -> Undo:
-        station = self._station()
-        self._note(f"{station.name}: cut off")
-        station.machine.cut()
-        return station.machine.heal
+    def _cut(self, machine: Machine) -> Undo:
+        way = self.chance.choice(("from", "to", "both"))
+        self._note(f"{machine.name}: cut off ({way})")
+        if way == "both":
+            machine.cut()
+        else:
+            machine.cut_one_way(way)
+        return machine.heal
 
-    def _cut_etcd(self) -> Undo:
-        server = self.chance.choice(self.fleet.etcd)
-        self._note(f"{server.machine.name}: cut off")
-        server.machine.cut()
-        return server.machine.heal
+    def _cut_station(self) -> Undo:
+        return self._cut(self._station().machine)
+
+    def _cut_server(self) -> Undo:
+        return self._cut(self.chance.choice(self.fleet.etcd).machine)
 
     def _stop_etcd(self) -> Undo:
         server = self.fleet.leader() or self.fleet.etcd[0]

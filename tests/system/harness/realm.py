@@ -18,8 +18,23 @@ RACK = "10.78.0"
 HERE = 1
 
 
+# What comes from the links of one set, or would go to those of the other, is dropped.
+_FILTER = """
+add table bridge realm
+add set bridge realm from { type ifname; }
+add set bridge realm to { type ifname; }
+add chain bridge realm passing { type filter hook forward priority 0; }
+add rule bridge realm passing iifname @from drop
+add rule bridge realm passing oifname @to drop
+"""
+
+
 def _ip(*words: str) -> None:
     subprocess.run(["ip", *words], check=True)
+
+
+def _nft(script: str) -> None:
+    subprocess.run(["nft", "-f", "-"], input=script, text=True, check=True)
 
 
 class Machine:
@@ -31,6 +46,7 @@ class Machine:
         self.rack_address = f"{RACK}.{number}"
         self._realm = realm
         self._links = {"eth0": f"of{number}", "rack0": f"ra{number}"}
+        self._deaf: dict[str, str] = {}  # links, by the way on which nothing passes
         # The process has nothing to do but to hold the namespaces.
         self._holder = subprocess.Popen(
             ["unshare", "--mount", "--net", "--propagation", "private", "sleep", "infinity"])
@@ -83,9 +99,18 @@ class Machine:
         """Nothing passes the link any more, and nobody is told."""
         _ip("link", "set", self._links[link], "down")
 
+    def cut_one_way(self, way: str, link: str = "eth0") -> None:
+        """Nothing passes "from" the machine, or "to" it; what goes the other way does."""
+        self._realm.filter()
+        _nft(f"add element bridge realm {way} {{ {self._links[link]} }}")
+        self._deaf[way] = link
+
     def heal(self, link: str = "eth0") -> None:
         """All is as before."""
         _ip("link", "set", self._links[link], "up")
+        for way in [way for way, cut in self._deaf.items() if cut == link]:
+            _nft(f"delete element bridge realm {way} {{ {self._links[link]} }}")
+            del self._deaf[way]
 
     def end(self) -> None:
         """The namespaces go when the last process in them has ended; the links go now."""
@@ -100,6 +125,7 @@ class Realm:
 
     def __init__(self) -> None:
         self.machines: list[Machine] = []
+        self._filters = False
         for network in (OFFICE, RACK):
             bridge = self.bridge(network)
             _ip("link", "add", bridge, "type", "bridge")
@@ -110,6 +136,12 @@ class Realm:
     def bridge(network: str) -> str:
         """The name of the network's bridge."""
         return "office" if network == OFFICE else "rack"
+
+    def filter(self) -> None:
+        """From now on the bridges look at what passes them."""
+        if not self._filters:
+            _nft(_FILTER)
+        self._filters = True
 
     def add(self, name: str) -> Machine:
         """A machine more."""
@@ -123,3 +155,5 @@ class Realm:
             machine.end()
         for network in (OFFICE, RACK):
             _ip("link", "delete", self.bridge(network))
+        if self._filters:
+            _nft("delete table bridge realm")
