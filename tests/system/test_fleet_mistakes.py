@@ -55,7 +55,7 @@ def test_without_etcd_a_station_goes_on_alone(make):
     station = fleet.stations[0]
     give_own_console(fleet, station, "box02")
     station.start()
-    wait_until(lambda: fleet.owners() == {"box01": None, "box02": "st1"}, what="its own console")
+    wait_until(lambda: fleet.owners() == {"box01": None, "box02": "st1"}, START, "its own console")
     wait_until(lambda: station.map().get("problem", "").startswith(fleet.etcd[0].url),
                what="the reason")
     assert station.map()["connected"] is False
@@ -131,7 +131,7 @@ def test_keys_of_others_do_not_count(make, key, value, consoles):
     station.start()
     wait_problem(station, f'the key "{PREFIX}{key}" of etcd was not written by zevfleet, or by a '
                           "newer one; it does not count")
-    wait_until(lambda: fleet.owners() == consoles, what="what is right to count")
+    wait_until(lambda: fleet.owners() == consoles, START, "what is right to count")
     fleet.etcdctl("del", PREFIX + key)
     wait_until(lambda: station.map()["problem"] == "", what="the problem to be over")
     fleet.wait_owned()

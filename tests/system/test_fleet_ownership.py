@@ -265,7 +265,7 @@ def test_a_console_that_is_sent_goes_whoever_is_attached(make):
     wait_until(lambda: fleet.stations[0].users("box01") == 1, what="a user")
     told = fleet.stations[1].fleet("move", "box01", "st2")
     assert told.stdout == "box01 goes to st2\n"
-    wait_until(lambda: fleet.owners()["box01"] == "st2", what="the console to move")
+    wait_until(lambda: fleet.owners()["box01"] == "st2", START, "the console to move")
     user.wait_end()
     # From now on it prefers its new station, but is no longer sent there.
     wait_until(lambda: fleet.record("box01")["stations"] == ["st2", "st1"]
@@ -298,5 +298,5 @@ def test_a_new_file_counts_at_once(make):
     assert done.stdout == ("~ box01: st1 *\n- box02\n"
                            '3 consoles in the fleet "hall", 2 changed\n')
     wait_until(lambda: fleet.owners() == {"box01": None, "box02": "st1", "box03": "st1",
-                                          "box04": "st2"}, what="the new connections")
+                                          "box04": "st2"}, START, "the new connections")
     assert fleet.apply(text).stdout == '3 consoles in the fleet "hall", 0 changed\n'

@@ -110,7 +110,7 @@ def test_the_history_of_a_console_that_moved_is_whole(fleet, operator):
     fleet.rack.say("box01", b"before\r\n")
     wait_journal(operator, "box01", "before")
     fleet.stations[0].fleet("move", "box01", "st2")
-    wait_until(lambda: fleet.owners()["box01"] == "st2", what="the console to move")
+    wait_until(lambda: fleet.owners()["box01"] == "st2", 30.0, "the console to move")
     fleet.rack.say("box01", b"afterwards\r\n")
     wait_journal(operator, "box01", "afterwards")
     told = [one["station"] for one in journal_lines(operator, "box01")
