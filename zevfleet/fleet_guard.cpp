@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 
 #include "fleet_clock.h"
@@ -19,27 +20,42 @@ constexpr int64_t kLook =
     100 * kMillisecond;  // a stopped machine is noticed that soon after waking
 constexpr int kKillMilliseconds = 100;
 
+constexpr char kLate[] = "the lease has not been renewed in time";
+constexpr char kUnguarded[] = "the guard ends, and this station has consoles of the fleet";
+
+volatile sig_atomic_t end_wanted = 0;
+
+void WantEnd(int /*signal*/) {
+  end_wanted = 1;
+}
+
+void HearSignals() {
+  struct sigaction action {};
+  action.sa_handler = WantEnd;
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+}
+
 std::string DaemonLock() {
   return zevctl::kStationRoot + "/config/zev.lock";
 }
 
-bool EndRun(const FleetOptions& options, int64_t deadline) {
+bool EndRun(const FleetOptions& options, int64_t deadline, const std::string& why) {
   const auto run = LockHolder::Find(options.RunLock());
   if (!run) return false;
   // One that started afterwards knows that the lease is over.
   const auto started = run->Started();
   if (!started || *started >= deadline) return false;
   run->Kill(kKillMilliseconds);
-  Tell("the lease has not been renewed in time: process " + std::to_string(run->pid()) +
-       " (zevfleet run) was killed");
+  Tell(why + ": process " + std::to_string(run->pid()) + " (zevfleet run) was killed");
   return true;
 }
 
-bool EndDaemon() {
+bool EndDaemon(const std::string& why) {
   const auto daemon = LockHolder::Find(DaemonLock(), kDaemonUnit);
   if (!daemon) return false;
   daemon->Kill(kKillMilliseconds);
-  Tell("the lease has not been renewed in time: process " + std::to_string(daemon->pid()) +
+  Tell(why + ": process " + std::to_string(daemon->pid()) +
        " (zevd) was killed, as other stations may take its consoles over");
   return true;
 }
@@ -69,6 +85,17 @@ class FollowedFile {
   dev_t device_ = 0;
 };
 
+// A run that was stopped in good order has given everything back by then. What is left is of one
+// that could not, and nobody would end it in time from now on.
+void LetGoUnguarded(const FleetOptions& options, FollowedFile& file) {
+  const auto state = file.Get();
+  if (!state || !state->holds) return;
+  const int64_t now = BootNow();
+  EndRun(options, now, kUnguarded);
+  DeadlineFile::ForWriting(options.LeaseFile(), true).SetDeadline(now);
+  EndDaemon(kUnguarded);
+}
+
 }  // namespace
 
 Verdict Judge(const LeaseState& state, int64_t now) {
@@ -78,8 +105,8 @@ Verdict Judge(const LeaseState& state, int64_t now) {
 
 bool Enforce(const FleetOptions& options, const LeaseState& state, int64_t now) {
   const Verdict verdict = Judge(state, now);
-  bool any = verdict.run && EndRun(options, state.deadline);
-  if (verdict.daemon) any = EndDaemon() || any;
+  bool any = verdict.run && EndRun(options, state.deadline, kLate);
+  if (verdict.daemon) any = EndDaemon(kLate) || any;
   return any;
 }
 
@@ -89,13 +116,16 @@ zevctl::ExitStatus Guard(const FleetOptions& options) {
   // It must not wait for a page of its own when the machine is short of memory.
   mlockall(MCL_CURRENT | MCL_FUTURE);
   FollowedFile file(options.LeaseFile());
-  for (;;) {
+  HearSignals();
+  while (end_wanted == 0) {
     const auto state = file.Get();
     const int64_t now = BootNow();
     if (state) Enforce(options, *state, now);
     const bool is_ahead = state && state->deadline > now;
     SleepUntil(is_ahead ? std::min(state->deadline, now + kLook) : now + kLook);
   }
+  LetGoUnguarded(options, file);
+  return zevctl::ExitStatus::kOk;
 }
 
 }  // namespace zevfleet

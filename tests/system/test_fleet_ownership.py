@@ -239,6 +239,18 @@ def test_a_station_that_is_stopped_leaves_in_good_order(make):
     assert "this station leaves the fleet" in leaving.run.text()
 
 
+def test_a_guard_that_is_stopped_leaves_nothing_behind(make):
+    fleet = settle(make(2, 4).start())
+    left = fleet.stations[0]
+    pid = left.daemon.pid
+    left.run.end()
+    left.guard.stop()
+    assert "the guard ends, and this station has consoles of the fleet: process " \
+        f"{pid} (zevd) was killed" in left.guard.text()
+    fleet.wait_owned(["st2"], limit=START)
+    assert left.consoles() == {}
+
+
 # Going back
 
 

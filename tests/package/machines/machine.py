@@ -107,8 +107,9 @@ class Machine:
         assert self._container.poll() is None, self._console.read_text(errors="replace")
         children = Path(f"/proc/{self._container.pid}/task/{self._container.pid}/children")
         for child in map(int, children.read_text().split()):
-            if Path(f"/proc/{child}/comm").read_text() == "systemd\n":
-                return child
+            with contextlib.suppress(FileNotFoundError):  # it has ended meanwhile
+                if Path(f"/proc/{child}/comm").read_text() == "systemd\n":
+                    return child
         return 0
 
     def _is_up(self) -> bool:
