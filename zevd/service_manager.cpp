@@ -73,8 +73,8 @@ void OpenNotifySocket() {
 // Four signs of life in the time that the manager waits for one: a late pass costs nothing.
 void SetFeedingInterval() {
   constexpr int64_t kSignsInTime = 4;
-  if (getenv("WATCHDOG_PID") != nullptr && !IsMine("WATCHDOG_PID")) return;
-  feeding_interval = NumberIn("WATCHDOG_USEC") / kSignsInTime;
+  const bool is_mine = getenv("WATCHDOG_PID") == nullptr || IsMine("WATCHDOG_PID");
+  feeding_interval = is_mine ? NumberIn("WATCHDOG_USEC") / kSignsInTime : 0;
 }
 
 bool ListensOn(int fd, uint16_t port) {

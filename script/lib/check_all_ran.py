@@ -1,6 +1,6 @@
 """Checks that every unit test in the sources was really run.
 
-Usage: check_all_ran.py SOURCE_DIRECTORY CTEST_JUNIT_REPORT [--with-threads]
+Usage: check_all_ran.py SOURCE_DIRECTORY DIRECTORY_OF_GOOGLETEST_REPORTS [--with-threads]
 
 With the option only sources that start threads count.
 
@@ -15,7 +15,7 @@ from pathlib import Path
 
 TEST = re.compile(r"^(?:TYPED_)?TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\s*\)", re.MULTILINE)
 THREADS = re.compile(r"std::thread|pthread_create")
-PLAIN_NAME = re.compile(r"^(?:\w+/)?(\w+)(?:/\w+)?\.(\w+)")
+PLAIN_NAME = re.compile(r"^(?:\w+/)?([A-Za-z]\w*)(?:/\d+)?\.(\w+)")
 
 
 def written(directory: Path, with_threads: bool) -> dict[str, Path]:
@@ -30,10 +30,12 @@ def written(directory: Path, with_threads: bool) -> dict[str, Path]:
     return tests
 
 
-def run(report: Path) -> set[str]:
-    """Every test that was run, without the decorations of parameters and types."""
-    cases = ElementTree.parse(report).iter("testcase")
-    names = (case.get("name", "") for case in cases if case.get("status") in ("run", "fail"))
+def run(reports: Path) -> set[str]:
+    """Every test that was run to its end, without the decorations of parameters and types."""
+    cases = (case for report in reports.glob("*.xml")
+             for case in ElementTree.parse(report).iter("testcase"))
+    names = (f"{case.get('classname')}.{case.get('name')}" for case in cases
+             if case.get("result") == "completed")
     return {".".join(match.groups()) for name in names if (match := PLAIN_NAME.match(name))}
 
 

@@ -35,7 +35,7 @@ using ::testing::SizeIs;
 constexpr int kFirst = 3;
 constexpr char kAlive[] = "WATCHDOG=1";
 
-/// The environment and the socket of a service manager. Each test has a process of its own.
+/// The environment and the socket of a service manager.
 class ServiceManagerTest : public ::testing::Test {
  protected:
   ServiceManagerTest() : name_("zevd-unit-test-" + std::to_string(getpid())) {
