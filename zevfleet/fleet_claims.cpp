@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <set>
+#include <string_view>
+#include <utility>
 
 #include "fleet_clock.h"
 
@@ -13,9 +15,9 @@ namespace {
 // to be complete. A take-over has five seconds for all of it.
 constexpr int64_t kStep = kSecond;
 
-// FNV-1a (64 bits): the same number at every station.
-uint64_t Hash(const std::string& text) {
-  uint64_t hash = 0xCBF29CE484222325;
+// FNV-1a (64 bits): the same number at every station. A text in two parts goes on with the number
+// of the first.
+uint64_t Hash(const std::string& text, uint64_t hash = 0xCBF29CE484222325) {
   for (const char byte : text) {
     hash = (hash ^ static_cast<unsigned char>(byte)) * 0x100000001B3;
   }
@@ -59,7 +61,7 @@ std::vector<std::string> Ranking(const SharedConsole& console, const FleetView& 
   std::vector<std::pair<uint64_t, std::string>> rest;
   for (const auto& [name, seen] : view.stations()) {
     if (seen.station.ready && !named.contains(name)) {
-      rest.emplace_back(Hash(console.name + " " + name), name);
+      rest.emplace_back(Hash(name, Hash(console.name + " ")), name);
     }
   }
   std::ranges::sort(rest, std::greater<>());
@@ -69,34 +71,57 @@ std::vector<std::string> Ranking(const SharedConsole& console, const FleetView& 
 
 std::vector<std::string> Held(const FleetView& view, const ClaimSelf& self) {
   std::vector<std::string> held;
-  for (const auto& [name, seen] : view.consoles()) {
-    const SeenClaim* claim = view.ClaimOf(seen.console);
-    if (claim != nullptr && IsMine(*claim, self)) held.push_back(name);
+  for (const std::string& address : HeldAddresses(view, self)) {
+    for (std::string& name : view.NamesAt(address)) held.push_back(std::move(name));
   }
+  std::ranges::sort(held);
   return held;
 }
 
 std::vector<std::string> HeldAddresses(const FleetView& view, const ClaimSelf& self) {
   std::vector<std::string> addresses;
-  for (const auto& [address, claim] : view.claims()) {
-    if (IsMine(claim, self)) addresses.push_back(address);
+  for (const std::string& address : view.AddressesOf(self.lease)) {
+    if (IsMine(view.claims().at(address), self)) addresses.push_back(address);
   }
   return addresses;
 }
 
+namespace {
+
+// As long as the station must wait for those before it in the ranking, one that is there and ready.
+// The ranking itself would take too long for a thousand consoles of a station that has failed.
+int64_t WaitOf(const std::string& station, const SharedConsole& console, const FleetView& view) {
+  int64_t place = 0;
+  for (const std::string& named : console.stations) {
+    if (named == station) return (1 + place) * kStep;
+    if (IsReady(view, named)) ++place;
+  }
+  const uint64_t begin = Hash(console.name + " ");
+  const auto own = std::pair<uint64_t, std::string_view>(Hash(station, begin), station);
+  for (const auto& [name, seen] : view.stations()) {
+    if (!seen.station.ready ||
+        own >= std::pair<uint64_t, std::string_view>(Hash(name, begin), name)) {
+      continue;
+    }
+    if (std::ranges::find(console.stations, name) == console.stations.end()) ++place;
+  }
+  return (1 + place) * kStep;
+}
+
+}  // namespace
+
 std::vector<std::string> ToClaim(const FleetView& view, const ClaimSelf& self, int64_t now) {
   std::vector<std::string> names;
-  if (!self.ready) return names;
-  for (const auto& [name, seen] : view.consoles()) {
-    const auto free_since = view.FreeSince(name);
-    if (!free_since) continue;
-    const std::vector<std::string> order = Ranking(seen.console, view);
-    const auto place = std::ranges::find(order, self.station);
-    if (place == order.end()) continue;
+  if (!self.ready || !IsReady(view, self.station)) return names;
+  for (const auto& [name, free_since] : view.free_since()) {
+    const SharedConsole& console = view.consoles().at(name).console;
+    const int64_t free_for = now - free_since;
     const bool is_first_choice =
-        !seen.console.stations.empty() && seen.console.stations.front() == self.station;
-    const int64_t steps = is_first_choice ? 0 : 1 + (place - order.begin());
-    if (now - *free_since >= steps * kStep) names.push_back(name);
+        !console.stations.empty() && console.stations.front() == self.station;
+    const bool may_be_next = free_for >= kStep && MayHave(console, self.station);
+    if (is_first_choice || (may_be_next && free_for >= WaitOf(self.station, console, view))) {
+      names.push_back(name);
+    }
   }
   return names;
 }

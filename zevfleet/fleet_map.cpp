@@ -24,7 +24,7 @@ using zevctl::Json;
 constexpr int64_t kMapFormat = 1;
 constexpr mode_t kMode = 0644;
 
-Json Stations(const FleetOptions& options, const FleetView& view) {
+std::string Stations(const FleetOptions& options, const FleetView& view) {
   Json list = Json::array();
   std::map<std::string, const SeenStation*> all;
   for (const auto& [name, seen] : view.consoles()) {
@@ -41,32 +41,42 @@ Json Stations(const FleetOptions& options, const FleetView& view) {
                     {"ready", station.ready},
                     {"version", station.version}});
   }
-  return list;
+  return zevctl::JsonText(list);
 }
 
-Json Consoles(const FleetView& view) {
-  Json list = Json::array();
+// Each on its own: a document of all of them would take many times the memory of its text.
+std::string Consoles(const FleetView& view) {
+  std::string list;
   for (const auto& [name, seen] : view.consoles()) {
     const SeenClaim* claim = view.ClaimOf(seen.console);
-    list.push_back({{"name", zevctl::Utf8(name)},
-                    {"station", claim != nullptr ? claim->claim.station : ""},
-                    {"stations", seen.console.stations}});
+    list += list.empty() ? "[" : ",";
+    list += zevctl::JsonText({{"name", zevctl::Utf8(name)},
+                              {"station", claim != nullptr ? claim->claim.station : ""},
+                              {"stations", seen.console.stations}});
   }
-  return list;
+  return list.empty() ? "[]" : list + "]";
 }
 
 }  // namespace
 
 std::string MapText(const FleetOptions& options, const FleetView& view, const MapNote& note) {
-  return zevctl::JsonText({{"format", kMapFormat},
-                           {"site", options.site},
-                           {"station", options.station},
-                           {"as_of", note.as_of},
-                           {"connected", note.connected},
-                           {"problem", zevctl::Utf8(note.problem)},
-                           {"stations", Stations(options, view)},
-                           {"consoles", Consoles(view)}}) +
-         "\n";
+  return FleetMap(options).Text(view, note);
+}
+
+std::string FleetMap::Text(const FleetView& view, const MapNote& note) {
+  if (version_ != view.version()) {
+    stations_ = Stations(options_, view);
+    consoles_ = Consoles(view);
+    version_ = view.version();
+  }
+  std::string text = zevctl::JsonText({{"format", kMapFormat},
+                                       {"site", options_.site},
+                                       {"station", options_.station},
+                                       {"as_of", note.as_of},
+                                       {"connected", note.connected},
+                                       {"problem", zevctl::Utf8(note.problem)}});
+  text.pop_back();
+  return text + ",\"stations\":" + stations_ + ",\"consoles\":" + consoles_ + "}\n";
 }
 
 std::string OldMapText(const FleetOptions& options, const std::string& problem) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "fleet_options.h"
@@ -19,6 +20,20 @@ struct MapNote {
 
 /// The map as JSON text.
 std::string MapText(const FleetOptions& options, const FleetView& view, const MapNote& note);
+
+/// The map of one view, each second anew: what has not changed is not put together again.
+class FleetMap {
+ public:
+  explicit FleetMap(const FleetOptions& options) : options_(options) {}
+
+  std::string Text(const FleetView& view, const MapNote& note);
+
+ private:
+  const FleetOptions& options_;
+  std::optional<uint64_t> version_;  // of the view, as of which these are
+  std::string stations_;
+  std::string consoles_;
+};
 
 /// The map that was published last, as one that is not as of now; an empty one where there is none.
 std::string OldMapText(const FleetOptions& options, const std::string& problem);

@@ -1,7 +1,7 @@
 #include "fleet_owner.h"
 
 #include <algorithm>
-#include <set>
+#include <iterator>
 
 #include "fleet_clock.h"
 #include "fleet_holder.h"
@@ -18,10 +18,19 @@ constexpr int64_t kBetweenQuestions = 2 * kSecond;
 // A daemon that has just started may end again.
 constexpr int64_t kDaemonSettles = kSecond;
 constexpr int64_t kAfterFailure = 10 * kSecond;
-constexpr size_t kTogether = 40;  // etcd takes 128 operations in a transaction, --max-txn-ops
 
-bool Has(const std::vector<std::string>& names, const std::string& name) {
-  return std::ranges::find(names, name) != names.end();
+// Both are sorted, and there may be thousands of them.
+std::vector<std::string> Without(const std::vector<std::string>& names,
+                                 const std::vector<std::string>& others) {
+  std::vector<std::string> rest;
+  std::ranges::set_difference(names, others, std::back_inserter(rest));
+  return rest;
+}
+
+std::vector<zevctl::ConfigConsole> Parsed(const std::map<std::string, std::string>& lines) {
+  std::vector<zevctl::ConfigConsole> consoles;
+  for (const auto& [name, line] : lines) consoles.push_back(*ParseLine(line));
+  return consoles;
 }
 
 }  // namespace
@@ -33,6 +42,7 @@ FleetOwner::FleetOwner(const FleetOptions& options, Etcd& etcd, DeadlineFile& fi
       file_(file),
       member_(member),
       keys_(options.site),
+      claimer_(options.site, etcd, member),
       files_(options_),
       daemon_(options_) {}
 
@@ -64,7 +74,7 @@ void FleetOwner::Work(const FleetView& view, int64_t now) {
   if (now < not_before_ || daemon_since_ == 0) return;
   problem_.clear();
   Serve(view, held, Leaving(view, now), now);
-  Claim(view, now);
+  claimer_.Claim(view, ToClaim(view, Self(now), now));
   NoteArrivals(view);
 }
 
@@ -76,33 +86,6 @@ void FleetOwner::WatchDaemon(int64_t now) {
   }
   if (daemon_since_ == 0) daemon_since_ = now;
   if (now - daemon_seen_ >= kBetweenQuestions && daemon_.Consoles()) daemon_seen_ = now;
-}
-
-// ---- Claiming -----------------------------------------------------------------------------------
-
-void FleetOwner::Claim(const FleetView& view, int64_t now) {
-  const Names names = ToClaim(view, Self(now), now);
-  for (size_t begin = 0; begin < names.size(); begin += kTogether) {
-    const size_t end = std::min(begin + kTogether, names.size());
-    ClaimTogether(view, Names(names.begin() + static_cast<ptrdiff_t>(begin),
-                              names.begin() + static_cast<ptrdiff_t>(end)));
-  }
-}
-
-// All of them or, where another station has been quicker with one, each on its own. The view brings
-// the claims that were made.
-void FleetOwner::ClaimTogether(const FleetView& view, const Names& names) {
-  const std::string value = Encode(ConsoleClaim{options_.station, member_.station.instance});
-  EtcdTransaction claim;
-  for (const std::string& name : names) {
-    const SeenConsole& seen = view.consoles().at(name);
-    const std::string key = keys_.Claims() + seen.console.address;
-    claim.IfMissing(key)
-        .IfUnchanged(keys_.Consoles() + name, seen.mod_revision)
-        .Put(key, value, member_.lease.id);
-  }
-  if (etcd_.Commit(claim) || names.size() == 1) return;
-  for (const std::string& name : names) ClaimTogether(view, {name});
 }
 
 void FleetOwner::NoteArrivals(const FleetView& view) {
@@ -132,23 +115,21 @@ FleetOwner::Names FleetOwner::Leaving(const FleetView& view, int64_t now) {
 void FleetOwner::Serve(const FleetView& view, const Names& held, const Names& leaving,
                        int64_t now) {
   std::map<std::string, std::string> wanted;
-  std::vector<zevctl::ConfigConsole> consoles;
-  for (const std::string& name : held) {
-    if (Has(leaving, name)) continue;
+  Names addresses;
+  for (const std::string& name : Without(held, leaving)) {
     const SharedConsole& console = view.consoles().at(name).console;
     wanted[name] = console.line;
-    consoles.push_back(*ParseLine(console.line));
+    addresses.push_back(console.address);
   }
   if (!served_is_known_ || wanted != served_) {
     try {
-      Change(consoles, wanted);
+      Change(Parsed(wanted), wanted);
     } catch (const zevctl::Failure& failure) {
       return TakeFailure(failure.what(), view, held, now);
     }
   }
-  Names unwanted = HeldAddresses(view, Self(now));
-  for (const zevctl::ConfigConsole& console : consoles) std::erase(unwanted, AddressOf(console));
-  GiveUpClaims(unwanted);
+  std::ranges::sort(addresses);
+  claimer_.GiveUp(Without(HeldAddresses(view, Self(now)), addresses));
 }
 
 // Throws zevctl::Failure.
@@ -218,21 +199,10 @@ void FleetOwner::GiveUpUnserved(const std::map<std::string, std::string>& addres
     const bool is_served = has->contains(zevctl::FoldedName(name)) || FleetFiles::Mention(address);
     if (!is_served) unserved.push_back(address);
   }
-  GiveUpClaims(unserved);
+  claimer_.GiveUp(unserved);
 }
 
 // ---- Letting go ---------------------------------------------------------------------------------
-
-void FleetOwner::GiveUpClaims(const Names& addresses) {
-  for (size_t begin = 0; begin < addresses.size(); begin += kTogether) {
-    EtcdTransaction give_up;
-    for (size_t i = begin; i < std::min(begin + kTogether, addresses.size()); ++i) {
-      const std::string key = keys_.Claims() + addresses[i];
-      give_up.IfOfLease(key, member_.lease.id).Delete(key);
-    }
-    etcd_.Commit(give_up);
-  }
-}
 
 void LetDaemonGo(FleetFiles& files, const FleetDaemon& daemon, DeadlineFile& file) {
   try {
@@ -248,7 +218,7 @@ void FleetOwner::GiveBack(const FleetView& view) {
   LetDaemonGo(files_, daemon_, file_);
   served_.clear();
   served_is_known_ = true;
-  GiveUpClaims(HeldAddresses(view, Self(0)));
+  claimer_.GiveUp(HeldAddresses(view, Self(0)));
 }
 
 }  // namespace zevfleet

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "fleet_claimer.h"
 #include "fleet_claims.h"
 #include "fleet_daemon.h"
 #include "fleet_deadline.h"
@@ -41,8 +42,6 @@ class FleetOwner {
   using Names = std::vector<std::string>;
 
   void WatchDaemon(int64_t now);
-  void Claim(const FleetView& view, int64_t now);
-  void ClaimTogether(const FleetView& view, const Names& names);
   Names Leaving(const FleetView& view, int64_t now);
   void Serve(const FleetView& view, const Names& held, const Names& leaving, int64_t now);
   void Change(const std::vector<zevctl::ConfigConsole>& consoles,
@@ -50,7 +49,6 @@ class FleetOwner {
   bool ApplyAndCheck(const std::vector<zevctl::ConfigConsole>& consoles, const Names& gone);
   void TakeFailure(const std::string& why, const FleetView& view, const Names& held, int64_t now);
   void GiveUpUnserved(const std::map<std::string, std::string>& addresses);
-  void GiveUpClaims(const Names& addresses);
   void NoteArrivals(const FleetView& view);
   ClaimSelf Self(int64_t now) const;
 
@@ -59,6 +57,7 @@ class FleetOwner {
   DeadlineFile& file_;
   const Membership member_;
   const FleetKeys keys_;
+  FleetClaimer claimer_;
   FleetFiles files_;
   FleetDaemon daemon_;
   std::map<std::string, std::string> served_;  // lines, by name: what the daemon's files have

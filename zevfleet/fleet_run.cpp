@@ -24,7 +24,8 @@ namespace {
 
 using zevctl::ExitStatus;
 
-constexpr int kTick = 500;  // milliseconds
+constexpr int64_t kTick = 500 * kMillisecond;
+constexpr int64_t kPace = 100 * kMillisecond;  // while the fleet changes all the time
 constexpr int64_t kMapInterval = kSecond;
 constexpr int64_t kBetweenTries = 2 * kSecond;
 constexpr int64_t kWatchPatience = 3 * kSecond;  // for one's own beat
@@ -88,6 +89,7 @@ class Tenure {
         owner_(options, etcd, file, member),
         keeper_(options.etcd, file, member.lease, keys_.Stations() + options.station,
                 member.station),
+        map_(options),
         watch_(options.etcd, keys_.prefix()) {}
 
   ExitStatus Serve() {
@@ -95,27 +97,32 @@ class Tenure {
       for (const FleetNews& news : watch_.Wait(Patience())) view_.Take(news, BootNow());
       const std::string loss = keeper_.Loss();
       if (!loss.empty()) return Lose(loss);
-      is_wanted_ = BootNow() < round_due_;
-      if (!is_wanted_) PacedRound();
+      if (BootNow() >= RoundDue()) PacedRound();
     }
     return Leave();
   }
 
  private:
+  // What the watch brings most are the beats of all stations, which call for nothing.
+  int64_t RoundDue() const {
+    return std::max(round_ + (view_.version() == seen_ ? kTick : kPace), pause_until_);
+  }
+
   // In milliseconds: what has come waits until a round is due.
   int Patience() const {
-    if (!is_wanted_) return kTick;
-    const int64_t left = std::max<int64_t>(round_due_ - BootNow(), 0);
-    return static_cast<int>(std::min<int64_t>(left / kMillisecond + 1, kTick));
+    const int64_t left = std::clamp<int64_t>(RoundDue() - BootNow(), 0, kTick);
+    return static_cast<int>(left / kMillisecond) + 1;
   }
 
   void PacedRound() {
     const int64_t begin = ProcessorNow();
     Round(BootNow());
-    round_due_ = BootNow() + kRoundPause * (ProcessorNow() - begin);
+    pause_until_ = BootNow() + kRoundPause * (ProcessorNow() - begin);
   }
 
   void Round(int64_t now) {
+    round_ = now;
+    seen_ = view_.version();
     CheckWatch(now);
     std::string trouble = keeper_.Trouble();
     if (view_.is_known()) {
@@ -152,7 +159,7 @@ class Tenure {
     const MapNote note{.as_of = time(nullptr) - age / kSecond,
                        .connected = view_.is_known() && age < kConfirmedFor,
                        .problem = problem};
-    PublishMap(options_, MapText(options_, view_, note));
+    PublishMap(options_, map_.Text(view_, note));
     map_due_ = now + std::max(kMapInterval, kMapPause * (ProcessorNow() - begin));
   }
 
@@ -178,11 +185,14 @@ class Tenure {
   FleetView view_;
   FleetOwner owner_;
   Complaints complaints_;
-  bool is_wanted_ = false;  // a round, which has to wait
-  int64_t round_due_ = 0;   // moments of BootNow()
+  uint64_t seen_ = 0;  // the version of the view in the last round
+  // Moments of BootNow().
+  int64_t round_ = 0;  // of the last one
+  int64_t pause_until_ = 0;
   int64_t map_due_ = 0;
   int64_t watch_until_ = 0;
   LeaseKeeper keeper_;
+  FleetMap map_;
   FleetWatch watch_;
 };
 

@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fleet_etcd.h"
@@ -45,6 +46,9 @@ class FleetView {
   void Take(const FleetNews& news, int64_t now);
 
   bool is_known() const { return is_known_; }
+  /// Grows with all that may change what a station does or what its map says. The beat of a station
+  /// does not: each station has one every few seconds.
+  uint64_t version() const { return version_; }
   const std::optional<FleetIdentity>& identity() const { return identity_; }
   const std::map<std::string, SeenConsole>& consoles() const { return consoles_; }
   /// By addresses.
@@ -53,7 +57,14 @@ class FleetView {
   const SeenClaim* ClaimOf(const SharedConsole& console) const;
   const std::map<std::string, SeenStation>& stations() const { return stations_; }
 
-  /// Since when nobody has the console, as seen here; nothing while somebody has it.
+  /// The addresses with a claim that ends with the lease. Sorted.
+  const std::set<std::string>& AddressesOf(int64_t lease) const;
+  /// The consoles with that address. Sorted; more than one only after a mistake.
+  std::vector<std::string> NamesAt(const std::string& address) const;
+
+  /// The consoles that nobody has, each with the moment since when, as seen here.
+  const std::map<std::string, int64_t>& free_since() const { return free_since_; }
+  /// The same of one console; nothing while somebody has it.
   std::optional<int64_t> FreeSince(const std::string& console) const;
 
   /// Keys with values that are not understood, in words.
@@ -64,10 +75,14 @@ class FleetView {
   bool TakeValue(const EtcdKey& key, int64_t now);
   void Drop(const std::string& key);
   void TakeStation(const EtcdKey& key, FleetStation station, int64_t now);
-  void NoteFree(int64_t now);
+  void Clear(const FleetNews& whole);
+  void SetConsole(const std::string& name, SeenConsole seen);
+  void DropConsole(const std::string& name);
+  void SetClaim(const std::string& address, SeenClaim seen);
+  void DropClaim(const std::string& address);
+  void NoteFree(const std::string& name, int64_t now);
 
   FleetKeys keys_;
-  uint64_t changes_ = 0;  // of consoles and claims
   bool is_known_ = false;
   std::optional<FleetIdentity> identity_;
   std::map<std::string, SeenConsole> consoles_;
@@ -75,6 +90,12 @@ class FleetView {
   std::map<std::string, SeenStation> stations_;
   std::map<std::string, int64_t> free_since_;
   std::set<std::string> foreign_;
+  uint64_t version_ = 0;
+  // What follows from these: a fleet has many more consoles than one station, or one change, is
+  // concerned with.
+  std::set<std::pair<std::string, std::string>> at_;  // addresses and names of consoles
+  std::map<int64_t, std::set<std::string>> leased_;   // addresses, by the lease of their claims
+  std::set<std::string> touched_;                     // consoles that may have become free, or not
 };
 
 }  // namespace zevfleet

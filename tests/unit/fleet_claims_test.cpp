@@ -4,8 +4,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <utility>
+
 #include "fleet_clock.h"
+#include "fleet_map.h"
 #include "fleet_support.h"
+#include "json_line.h"
 
 namespace zevfleet {
 namespace {
@@ -72,6 +78,35 @@ TEST_F(FleetClaimsTest, TheNextStationWaitsForTheOneBeforeIt) {
   Goes("stations/st2", 0);
   EXPECT_THAT(ToClaim(view_, self_, kSecond - 1), IsEmpty());
   EXPECT_THAT(ToClaim(view_, self_, kSecond), ElementsAre("box"));
+}
+
+TEST_F(FleetClaimsTest, EachWaitsAsLongAsItsPlaceInTheRankingSays) {
+  std::vector<EtcdKey> keys;
+  for (int i = 1; i <= 7; ++i) {
+    keys.push_back(StationKey("st" + std::to_string(i), i, i != 4));
+  }
+  for (int i = 0; i < 50; ++i) {
+    const std::string name = "box" + std::to_string(i);
+    keys.push_back(ConsoleKey(ConsoleFor(name, {"st2", "st4", "gone", "st3"}, i % 5 != 0)));
+  }
+  Whole(keys);
+  for (const auto& [name, seen] : view_.consoles()) {
+    const auto order = Ranking(seen.console, view_);
+    for (int i = 1; i <= 7; ++i) {
+      const ClaimSelf self{.station = "st" + std::to_string(i), .lease = i, .ready = true};
+      const auto claims_at = [&, of = name](int64_t now) {
+        return std::ranges::count(ToClaim(view_, self, now), of) == 1;
+      };
+      const auto place = std::ranges::find(order, self.station);
+      if (place == order.end()) {
+        EXPECT_FALSE(claims_at(100 * kSecond));
+        continue;
+      }
+      const int64_t wait = i == 2 ? 0 : (1 + (place - order.begin())) * kSecond;
+      EXPECT_TRUE(claims_at(wait));
+      EXPECT_EQ(claims_at(wait - 1), i == 2);  // the first choice does not wait at all
+    }
+  }
 }
 
 TEST_F(FleetClaimsTest, TheWaitBeginsWhenTheConsoleBecomesFree) {
@@ -167,6 +202,92 @@ TEST_F(FleetClaimsTest, WhatWasSentHereHasArrivedOnceItIsHeld) {
          ConsoleKey(ConsoleFor("d", {"st2"}, true, true)), ClaimKey("a", "st1", kTestLease),
          ClaimKey("c", "st1", kTestLease), ClaimKey("d", "st1", kTestLease)});
   EXPECT_THAT(Arrived(view_, self_), ElementsAre("a"));
+}
+
+TEST_F(FleetClaimsTest, WhatHoldsAfterManyChangesHoldsForTheSameKeysAtOnce) {
+  const std::vector<std::string> names = {"a", "b", "c", "d"};
+  std::map<std::string, EtcdKey> there;
+  uint32_t chance = 1;
+  const auto next = [&](uint32_t below) {
+    return (chance = chance * 1664525 + 1013904223) / 7 % below;
+  };
+  for (int64_t now = 0; now < 3000; ++now) {
+    const std::string& name = names[next(4)];
+    EtcdKey key = ConsoleKey(ConsoleFor(name, {}));
+    if (next(2) == 0) key = ClaimKey(name, next(2) == 0 ? "st1" : "st2", 7 + next(2));
+    if (next(9) == 0) key.value = "foreign";
+    if (next(3) == 0) {
+      view_.Take({.is_whole = false, .present = {}, .gone = {key.key}}, now);
+      there.erase(key.key);
+    } else {
+      Comes(key, now);
+      there[key.key] = key;
+    }
+    FleetView fresh("hall");
+    FleetNews whole{.is_whole = true, .present = {}, .gone = {}};
+    for (const auto& [text, one] : there) whole.present.push_back(one);
+    fresh.Take(whole, now);
+    ASSERT_EQ(Held(view_, self_), Held(fresh, self_)) << now;
+    ASSERT_EQ(HeldAddresses(view_, self_), HeldAddresses(fresh, self_)) << now;
+    for (const std::string& one : names) {
+      ASSERT_EQ(view_.FreeSince(one).has_value(), fresh.FreeSince(one).has_value()) << now;
+    }
+    if (next(50) == 0) view_.Take(whole, now);
+  }
+}
+
+TEST_F(FleetClaimsTest, AConsoleStaysFreeSinceThenWhenAllIsReadAgain) {
+  const std::vector<EtcdKey> keys = {ConsoleKey(ConsoleFor("a", {})),
+                                     ConsoleKey(ConsoleFor("b", {})), ClaimKey("b", "st2", 2)};
+  Whole(keys);
+  Whole({keys[0], keys[1]}, kSecond);
+  EXPECT_EQ(view_.FreeSince("a"), 0);
+  EXPECT_EQ(view_.FreeSince("b"), kSecond);
+}
+
+TEST_F(FleetClaimsTest, ABeatIsNoChangeOfTheFleetButWhatElseAStationSaysIs) {
+  Whole({StationKey("st2", 2), ConsoleKey(ConsoleFor("box", {}))});
+  uint64_t version = view_.version();
+  const auto has_changed = [&] {
+    return view_.version() != std::exchange(version, view_.version());
+  };
+  const EtcdKey key = StationKey("st2", 2);
+  auto station = *DecodeStation("st2", key.value);
+  ++station.beat;
+  Comes({.key = key.key, .value = Encode(station), .lease = 2}, kSecond);
+  EXPECT_FALSE(has_changed());
+  EXPECT_EQ(view_.stations().at("st2").station.beat, station.beat);
+  station.ready = false;
+  Comes({.key = key.key, .value = Encode(station), .lease = 2}, kSecond);
+  EXPECT_TRUE(has_changed());
+  Comes({.key = key.key, .value = Encode(station), .lease = 3}, kSecond);
+  EXPECT_TRUE(has_changed());
+  Comes(ClaimKey("box", "st2", 3), kSecond);
+  EXPECT_TRUE(has_changed());
+  Goes("claims/" + AddressFor("box"), kSecond);
+  EXPECT_TRUE(has_changed());
+  Goes("stations/st2", kSecond);
+  EXPECT_TRUE(has_changed());
+}
+
+TEST_F(FleetClaimsTest, TheMapShowsWhatHasChanged) {
+  FleetOptions options;
+  options.site = "hall";
+  options.station = "st1";
+  FleetMap map(options);
+  const auto owner = [&] {
+    const zevctl::Json text = zevctl::ReadJson(map.Text(view_, {.as_of = 5, .problem = "none"}));
+    EXPECT_EQ(text.value("as_of", 0), 5);
+    EXPECT_EQ(text.value("problem", ""), "none");
+    EXPECT_EQ(text.value("stations", zevctl::Json()).size(), 1U);
+    return text.at("consoles").at(0).value("station", "?");
+  };
+  EXPECT_EQ(zevctl::ReadJson(map.Text(view_, {})).at("consoles"), zevctl::Json::array());
+  Whole({StationKey("st1", kTestLease), ConsoleKey(ConsoleFor("box", {}))});
+  EXPECT_EQ(owner(), "");
+  Comes(ClaimKey("box", "st1", kTestLease), 0);
+  EXPECT_EQ(owner(), "st1");
+  EXPECT_EQ(owner(), "st1");
 }
 
 TEST_F(FleetClaimsTest, AWholeListReplacesWhatWasKnown) {

@@ -1,0 +1,39 @@
+// Claims in etcd, as they are made and given up: as many at a time as etcd takes. Which ones is
+// decided elsewhere.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "fleet_etcd.h"
+#include "fleet_join.h"
+#include "fleet_record.h"
+#include "fleet_view.h"
+
+namespace zevfleet {
+
+/// Claims for one station with one lease. Belongs to the thread of the connection. Every call
+/// throws EtcdError.
+class FleetClaimer {
+ public:
+  FleetClaimer(const std::string& site, Etcd& etcd, const Membership& member)
+      : keys_(site), etcd_(etcd), member_(member) {}
+
+  /// Claims consoles that the view has as free; another station may be quicker with some of them.
+  /// The watch brings the claims that were made.
+  void Claim(const FleetView& view, const std::vector<std::string>& names);
+
+  /// Gives claims up that are this station's.
+  void GiveUp(const std::vector<std::string>& addresses);
+
+ private:
+  using Names = std::vector<std::string>;
+
+  void ClaimTogether(const FleetView& view, const Names& names);
+
+  const FleetKeys keys_;
+  Etcd& etcd_;
+  const Membership member_;
+};
+
+}  // namespace zevfleet
