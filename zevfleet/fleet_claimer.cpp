@@ -33,15 +33,26 @@ void FleetClaimer::ClaimTogether(const FleetView& view, const Names& names) {
   for (const std::string& name : names) ClaimTogether(view, {name});
 }
 
-void FleetClaimer::GiveUp(const Names& addresses) {
+void FleetClaimer::GiveUp(const FleetView& view, const Names& addresses) {
+  std::erase_if(given_up_, [&](const auto& entry) { return !HasGivenUp(view, entry.first); });
+  for (const std::string& address : addresses) {
+    given_up_[address] = view.claims().at(address).mod_revision;
+  }
   for (size_t begin = 0; begin < addresses.size(); begin += kTogether) {
     EtcdTransaction give_up;
     for (size_t i = begin; i < std::min(begin + kTogether, addresses.size()); ++i) {
       const std::string key = keys_.Claims() + addresses[i];
-      give_up.IfOfLease(key, member_.lease.id).Delete(key);
+      give_up.IfUnchanged(key, given_up_.at(addresses[i])).Delete(key);
     }
     etcd_.Commit(give_up);
   }
+}
+
+bool FleetClaimer::HasGivenUp(const FleetView& view, const std::string& address) const {
+  const auto claim = view.claims().find(address);
+  const auto given_up = given_up_.find(address);
+  return claim != view.claims().end() && given_up != given_up_.end() &&
+         claim->second.mod_revision <= given_up->second;
 }
 
 }  // namespace zevfleet

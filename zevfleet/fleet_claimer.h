@@ -2,6 +2,8 @@
 // decided elsewhere.
 #pragma once
 
+#include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -23,8 +25,12 @@ class FleetClaimer {
   /// The watch brings the claims that were made.
   void Claim(const FleetView& view, const std::vector<std::string>& names);
 
-  /// Gives claims up that are this station's.
-  void GiveUp(const std::vector<std::string>& addresses);
+  /// Gives claims up that are this station's. From here on they are given up, whatever becomes of
+  /// the request, and however long the view still has them.
+  void GiveUp(const FleetView& view, const std::vector<std::string>& addresses);
+
+  /// True for an address whose claim, as the view has it, was given up: it may be another's by now.
+  bool HasGivenUp(const FleetView& view, const std::string& address) const;
 
  private:
   using Names = std::vector<std::string>;
@@ -34,6 +40,7 @@ class FleetClaimer {
   const FleetKeys keys_;
   Etcd& etcd_;
   const Membership member_;
+  std::map<std::string, int64_t> given_up_;  // revisions of claims, by addresses
 };
 
 }  // namespace zevfleet

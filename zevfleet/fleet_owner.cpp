@@ -62,7 +62,7 @@ ClaimSelf FleetOwner::Self(int64_t now) const {
 void FleetOwner::Work(const FleetView& view, int64_t now) {
   guard_runs_ = IsLocked(options_.GuardLock());
   WatchDaemon(now);
-  const Names held = Held(view, Self(now));
+  Names held = Held(view, Self(now));
   const bool is_lost = now - daemon_seen_ >= kDaemonPatience;
   if (!guard_runs_ || is_lost) {
     problem_ = !guard_runs_         ? "\"zevfleet guard\" does not run"
@@ -73,6 +73,9 @@ void FleetOwner::Work(const FleetView& view, int64_t now) {
   }
   if (now < not_before_ || daemon_since_ == 0) return;
   problem_.clear();
+  std::erase_if(held, [&](const std::string& name) {
+    return claimer_.HasGivenUp(view, view.consoles().at(name).console.address);
+  });
   Serve(view, held, Leaving(view, now), now);
   claimer_.Claim(view, ToClaim(view, Self(now), now));
   NoteArrivals(view);
@@ -129,7 +132,7 @@ void FleetOwner::Serve(const FleetView& view, const Names& held, const Names& le
     }
   }
   std::ranges::sort(addresses);
-  claimer_.GiveUp(Without(HeldAddresses(view, Self(now)), addresses));
+  claimer_.GiveUp(view, Without(HeldAddresses(view, Self(now)), addresses));
 }
 
 // Throws zevctl::Failure.
@@ -186,12 +189,13 @@ void FleetOwner::TakeFailure(const std::string& why, const FleetView& view, cons
   } catch (const zevctl::Failure& failure) {
     problem_ = failure.what();
   }
-  GiveUpUnserved(refused);
+  GiveUpUnserved(view, refused);
 }
 
 // A reload that had read the files before they were put back has ended when the daemon answers
 // again.
-void FleetOwner::GiveUpUnserved(const std::map<std::string, std::string>& addresses) {
+void FleetOwner::GiveUpUnserved(const FleetView& view,
+                                const std::map<std::string, std::string>& addresses) {
   const auto has = daemon_.Consoles();
   if (!has) return;
   Names unserved;
@@ -199,7 +203,7 @@ void FleetOwner::GiveUpUnserved(const std::map<std::string, std::string>& addres
     const bool is_served = has->contains(zevctl::FoldedName(name)) || FleetFiles::Mention(address);
     if (!is_served) unserved.push_back(address);
   }
-  claimer_.GiveUp(unserved);
+  claimer_.GiveUp(view, unserved);
 }
 
 // ---- Letting go ---------------------------------------------------------------------------------
@@ -218,7 +222,7 @@ void FleetOwner::GiveBack(const FleetView& view) {
   LetDaemonGo(files_, daemon_, file_);
   served_.clear();
   served_is_known_ = true;
-  claimer_.GiveUp(HeldAddresses(view, Self(0)));
+  claimer_.GiveUp(view, HeldAddresses(view, Self(0)));
 }
 
 }  // namespace zevfleet

@@ -48,7 +48,7 @@ class FleetOwner {
               std::map<std::string, std::string>& wanted);
   bool ApplyAndCheck(const std::vector<zevctl::ConfigConsole>& consoles, const Names& gone);
   void TakeFailure(const std::string& why, const FleetView& view, const Names& held, int64_t now);
-  void GiveUpUnserved(const std::map<std::string, std::string>& addresses);
+  void GiveUpUnserved(const FleetView& view, const std::map<std::string, std::string>& addresses);
   void NoteArrivals(const FleetView& view);
   ClaimSelf Self(int64_t now) const;
 

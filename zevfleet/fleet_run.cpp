@@ -125,25 +125,28 @@ class Tenure {
     seen_ = view_.version();
     CheckWatch(now);
     std::string trouble = keeper_.Trouble();
+    if (trouble.empty() && is_blind_) trouble = "etcd does not tell this station what changes";
     if (view_.is_known()) {
       try {
         owner_.Work(view_, now);
       } catch (const EtcdError& error) {
         trouble = error.what();
       }
-      keeper_.SetReady(owner_.IsReady(now));
+      keeper_.SetReady(owner_.IsReady(now) && !is_blind_);
     }
     Publish(now, trouble);
   }
 
-  // The watch brings this station's own beat, too; when it does not, it brings nothing.
+  // The watch brings this station's own beats, too; when it does not, it brings nothing.
   void CheckWatch(int64_t now) {
     const auto self = view_.stations().find(options_.station);
-    const bool is_new =
-        self != view_.stations().end() && self->second.station.beat >= keeper_.beat();
-    if (is_new || now - keeper_.confirmed() < kWatchPatience || now < watch_until_) return;
-    watch_.Restart();
-    watch_until_ = now + kWatchPatience;
+    const bool has_come =
+        self != view_.stations().end() && self->second.station.beat >= awaited_beat_;
+    if (!has_come && now - awaited_since_ < kWatchPatience) return;
+    if (!has_come) watch_.Restart();
+    is_blind_ = !has_come;
+    awaited_beat_ = keeper_.beat();
+    awaited_since_ = now;
   }
 
   void Publish(int64_t now, const std::string& trouble) {
@@ -157,7 +160,7 @@ class Tenure {
     const int64_t begin = ProcessorNow();
     const int64_t age = now - keeper_.confirmed();
     const MapNote note{.as_of = time(nullptr) - age / kSecond,
-                       .connected = view_.is_known() && age < kConfirmedFor,
+                       .connected = view_.is_known() && !is_blind_ && age < kConfirmedFor,
                        .problem = problem};
     PublishMap(options_, map_.Text(view_, note));
     map_due_ = now + std::max(kMapInterval, kMapPause * (ProcessorNow() - begin));
@@ -185,12 +188,14 @@ class Tenure {
   FleetView view_;
   FleetOwner owner_;
   Complaints complaints_;
-  uint64_t seen_ = 0;  // the version of the view in the last round
+  uint64_t seen_ = 0;          // the version of the view in the last round
+  uint64_t awaited_beat_ = 0;  // this station's own
+  bool is_blind_ = false;      // it does not come: nobody is to count on this station
   // Moments of BootNow().
   int64_t round_ = 0;  // of the last one
   int64_t pause_until_ = 0;
   int64_t map_due_ = 0;
-  int64_t watch_until_ = 0;
+  int64_t awaited_since_ = 0;
   LeaseKeeper keeper_;
   FleetMap map_;
   FleetWatch watch_;

@@ -93,7 +93,8 @@ void FleetView::TakeKey(const EtcdKey& key, int64_t now) {
   Drop(key.key);
   foreign_.insert(key.key);
   // Whoever wrote it may have the console: it is not free.
-  if (const auto address = Behind(keys_.Claims(), key.key)) SetClaim(*address, {{}, key.lease});
+  if (const auto address = Behind(keys_.Claims(), key.key))
+    SetClaim(*address, {{}, key.lease, key.mod_revision});
 }
 
 bool FleetView::TakeValue(const EtcdKey& key, int64_t now) {
@@ -109,7 +110,7 @@ bool FleetView::TakeValue(const EtcdKey& key, int64_t now) {
   }
   if (const auto address = Behind(keys_.Claims(), key.key)) {
     const auto claim = DecodeClaim(key.value);
-    if (claim) SetClaim(*address, {*claim, key.lease});
+    if (claim) SetClaim(*address, {*claim, key.lease, key.mod_revision});
     return claim.has_value();
   }
   if (const auto name = Behind(keys_.Stations(), key.key)) {

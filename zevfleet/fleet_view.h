@@ -30,6 +30,7 @@ struct SeenConsole {
 struct SeenClaim {
   ConsoleClaim claim;
   int64_t lease = 0;
+  int64_t mod_revision = 0;
 };
 
 struct SeenStation {

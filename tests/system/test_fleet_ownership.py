@@ -1,11 +1,12 @@
 """Many stations as one: who has which console, and that never two have the same."""
 
+import re
 import signal
 import time
 
 import pytest
 
-from harness.fleet import LEASE, TAKE_OVER, Fleet, FleetStation
+from harness.fleet import CLIENT_PORT, LEASE, TAKE_OVER, Fleet, FleetStation
 from harness.waiting import stretched, wait_until
 
 pytestmark = pytest.mark.needs_namespace
@@ -225,6 +226,47 @@ def test_without_its_guard_a_station_has_nothing(make):
     assert bare.daemon.pid == pid  # it let go in good order
     wait_until(lambda: bare.map()["problem"] == '"zevfleet guard" does not run', what="the reason")
     bare.guard = bare.keep("guard")
+    settle(fleet)
+
+
+def hold_up_news(station: FleetStation) -> None:
+    """Etcd is asked and answers, but of changes it tells the station nothing more."""
+    def traffic() -> dict[str, tuple[int, int]]:
+        lines = station.machine.run(["ss", "-tinHO", "dport", "=", str(CLIENT_PORT)],
+                                    capture_output=True, text=True).stdout.splitlines()
+        return {line.split()[3].rpartition(":")[2]: tuple(
+                    int(re.search(rf" {field}:(\d+)", line)[1])
+                    for field in ("bytes_sent", "bytes_received")) for line in lines}
+
+    before = traffic()
+
+    def told() -> set[str]:
+        return {port for port, (sent, received) in traffic().items()
+                if port in before and sent == before[port][0] and received > before[port][1]}
+
+    silent = wait_until(told, what="news of etcd")
+    station.machine.run(["nft", "-f", "-"], text=True, input=(
+        "table ip late { chain input { type filter hook input priority 0;"
+        f" tcp sport {CLIENT_PORT} tcp dport != {{ {', '.join(before.keys() - silent)} }} drop;"
+        " }; }"))
+
+
+def test_claims_that_were_given_up_are_not_used_before_etcd_has_said_so(make):
+    fleet = settle(make(2, 4).start())
+    late = fleet.stations[0]
+    before = {name: len(fleet.rack[name].owners)
+              for name, owner in fleet.preferred().items() if owner == late.name}
+    hold_up_news(late)
+    late.guard.end()
+    wait_until(lambda: late.consoles() == {}, what="the station to have let go")
+    late.guard = late.keep("guard")
+    other = fleet.stations[1].machine.rack_address
+    wait_until(lambda: all(other in fleet.rack[name].owners[count:]
+                           for name, count in before.items()),
+               TAKE_OVER, "the other to have had its consoles")
+    wait_until(lambda: late.map()["problem"] == "etcd does not tell this station what changes",
+               what="the reason")
+    late.machine.run(["nft", "delete", "table", "ip", "late"])
     settle(fleet)
 
 
