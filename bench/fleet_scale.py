@@ -83,7 +83,6 @@ class OtherStation:
 
     def _live(self) -> None:
         while not self._is_over.is_set():
-            self._write_beat()
             self._etcd.ask("lease/keepalive", {"ID": str(self.lease)})
             self._write_beat()
             self._is_over.wait(BETWEEN_BEATS)
