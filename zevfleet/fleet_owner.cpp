@@ -29,6 +29,7 @@ std::vector<std::string> Without(const std::vector<std::string>& names,
 
 std::vector<zevctl::ConfigConsole> Parsed(const std::map<std::string, std::string>& lines) {
   std::vector<zevctl::ConfigConsole> consoles;
+  consoles.reserve(lines.size());
   for (const auto& [name, line] : lines) consoles.push_back(*ParseLine(line));
   return consoles;
 }
