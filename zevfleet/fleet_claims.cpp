@@ -51,24 +51,6 @@ bool MayHave(const SharedConsole& console, const std::string& station) {
 
 }  // namespace
 
-std::vector<std::string> Ranking(const SharedConsole& console, const FleetView& view) {
-  std::vector<std::string> order;
-  const std::set<std::string> named(console.stations.begin(), console.stations.end());
-  for (const std::string& station : console.stations) {
-    if (IsReady(view, station)) order.push_back(station);
-  }
-  if (!console.others) return order;
-  std::vector<std::pair<uint64_t, std::string>> rest;
-  for (const auto& [name, seen] : view.stations()) {
-    if (seen.station.ready && !named.contains(name)) {
-      rest.emplace_back(Hash(name, Hash(console.name + " ")), name);
-    }
-  }
-  std::ranges::sort(rest, std::greater<>());
-  for (auto& [hash, name] : rest) order.push_back(std::move(name));
-  return order;
-}
-
 std::vector<std::string> Held(const FleetView& view, const ClaimSelf& self) {
   std::vector<std::string> held;
   for (const std::string& address : HeldAddresses(view, self)) {
@@ -88,8 +70,8 @@ std::vector<std::string> HeldAddresses(const FleetView& view, const ClaimSelf& s
 
 namespace {
 
-// As long as the station must wait for those before it in the ranking, one that is there and ready.
-// The ranking itself would take too long for a thousand consoles of a station that has failed.
+// As long as a station that is there and ready must wait for those before it. They are counted, not
+// put in order: there may be thousands of consoles of a station that has failed.
 int64_t WaitOf(const std::string& station, const SharedConsole& console, const FleetView& view) {
   int64_t place = 0;
   for (const std::string& named : console.stations) {

@@ -23,19 +23,16 @@ struct ClaimSelf {
 /// How many users are attached to a console; nothing when that is not known.
 using UsersOf = std::function<std::optional<size_t>(const std::string& console)>;
 
-/// The stations in the order in which they should have the console: those that it names, then, if
-/// others may have it, the rest in an order that differs from console to console. Only stations
-/// that are there and ready.
-std::vector<std::string> Ranking(const SharedConsole& console, const FleetView& view);
-
 /// The consoles whose addresses this station has by its lease. Sorted.
 std::vector<std::string> Held(const FleetView& view, const ClaimSelf& self);
 
 /// All addresses that it has, also those that no console has any more.
 std::vector<std::string> HeldAddresses(const FleetView& view, const ClaimSelf& self);
 
-/// Those that nobody has and that this station should claim now. The best station comes first, and
-/// the others only when it has not, each a little later.
+/// Those that nobody has and that this station should claim now: its own first choices at once, and
+/// others when those before it have not. Before it come the stations that the console names before
+/// it and, if it is not named itself but others may have the console, the rest in an order that
+/// differs from console to console; only stations that are there and ready count.
 std::vector<std::string> ToClaim(const FleetView& view, const ClaimSelf& self, int64_t now);
 
 /// Those that this station has and should let go: those that may not be here any more, those of a

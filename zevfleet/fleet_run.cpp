@@ -125,7 +125,7 @@ class Tenure {
     seen_ = view_.version();
     CheckWatch(now);
     std::string trouble = keeper_.Trouble();
-    if (trouble.empty() && is_blind_) trouble = "etcd does not tell this station what changes";
+    if (trouble.empty() && is_blind_) trouble = Blindness();
     if (view_.is_known()) {
       try {
         owner_.Work(view_, now);
@@ -147,6 +147,11 @@ class Tenure {
     is_blind_ = !has_come;
     awaited_beat_ = keeper_.beat();
     awaited_since_ = now;
+  }
+
+  std::string Blindness() {
+    const std::string why = watch_.Trouble();
+    return "etcd does not tell this station what changes" + (why.empty() ? "" : ": " + why);
   }
 
   void Publish(int64_t now, const std::string& trouble) {

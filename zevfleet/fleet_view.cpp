@@ -30,7 +30,6 @@ void FleetView::Take(const FleetNews& news, int64_t now) {
 // Stations, and since when consoles are free, are known from before.
 void FleetView::Clear(const FleetNews& whole) {
   for (const auto& [name, seen] : consoles_) touched_.insert(name);
-  identity_.reset();
   consoles_.clear();
   claims_.clear();
   at_.clear();
@@ -98,11 +97,7 @@ void FleetView::TakeKey(const EtcdKey& key, int64_t now) {
 }
 
 bool FleetView::TakeValue(const EtcdKey& key, int64_t now) {
-  if (key.key == keys_.Fleet()) {
-    identity_ = DecodeIdentity(key.value);
-    ++version_;
-    return identity_.has_value();
-  }
+  if (key.key == keys_.Fleet()) return DecodeIdentity(key.value).has_value();
   if (const auto name = Behind(keys_.Consoles(), key.key)) {
     const auto console = DecodeConsole(*name, key.value);
     if (console) SetConsole(*name, {*console, key.mod_revision});
@@ -133,7 +128,6 @@ void FleetView::TakeStation(const EtcdKey& key, FleetStation station, int64_t no
 void FleetView::Drop(const std::string& key) {
   ++version_;
   foreign_.erase(key);
-  if (key == keys_.Fleet()) identity_.reset();
   if (const auto name = Behind(keys_.Consoles(), key)) DropConsole(*name);
   if (const auto address = Behind(keys_.Claims(), key)) DropClaim(*address);
   if (const auto name = Behind(keys_.Stations(), key)) stations_.erase(*name);
@@ -159,12 +153,6 @@ std::vector<std::string> FleetView::NamesAt(const std::string& address) const {
     names.push_back(one->second);
   }
   return names;
-}
-
-std::optional<int64_t> FleetView::FreeSince(const std::string& console) const {
-  const auto found = free_since_.find(console);
-  if (found == free_since_.end()) return {};
-  return found->second;
 }
 
 std::vector<std::string> FleetView::Problems() const {

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -50,7 +49,6 @@ class FleetView {
   /// Grows with all that may change what a station does or what its map says. The beat of a station
   /// does not: each station has one every few seconds.
   uint64_t version() const { return version_; }
-  const std::optional<FleetIdentity>& identity() const { return identity_; }
   const std::map<std::string, SeenConsole>& consoles() const { return consoles_; }
   /// By addresses.
   const std::map<std::string, SeenClaim>& claims() const { return claims_; }
@@ -65,8 +63,6 @@ class FleetView {
 
   /// The consoles that nobody has, each with the moment since when, as seen here.
   const std::map<std::string, int64_t>& free_since() const { return free_since_; }
-  /// The same of one console; nothing while somebody has it.
-  std::optional<int64_t> FreeSince(const std::string& console) const;
 
   /// Keys with values that are not understood, in words.
   std::vector<std::string> Problems() const;
@@ -85,7 +81,6 @@ class FleetView {
 
   FleetKeys keys_;
   bool is_known_ = false;
-  std::optional<FleetIdentity> identity_;
   std::map<std::string, SeenConsole> consoles_;
   std::map<std::string, SeenClaim> claims_;  // by addresses
   std::map<std::string, SeenStation> stations_;

@@ -25,15 +25,8 @@ FleetWatch::~FleetWatch() {
 std::vector<FleetNews> FleetWatch::Wait(int milliseconds) {
   std::unique_lock lock(mutex_);
   changed_.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                    [this] { return woken_ || !news_.empty(); });
-  woken_ = false;
+                    [this] { return !news_.empty(); });
   return std::exchange(news_, {});
-}
-
-void FleetWatch::Wake() {
-  const std::lock_guard lock(mutex_);
-  woken_ = true;
-  changed_.notify_all();
 }
 
 std::string FleetWatch::Trouble() {

@@ -26,9 +26,6 @@ class FleetWatch {
   /// What has come since the last call; waits for that many milliseconds at most. Main thread.
   std::vector<FleetNews> Wait(int milliseconds);
 
-  /// Any thread: the wait ends at once.
-  void Wake();
-
   /// The connection may hang: begin another one, at another endpoint. Any thread.
   void Restart() { restart_ = true; }
 
@@ -50,7 +47,6 @@ class FleetWatch {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<FleetNews> news_;  // guarded by mutex_, as what follows
-  bool woken_ = false;
   std::string trouble_;
   std::thread thread_;
 };

@@ -264,8 +264,8 @@ def test_claims_that_were_given_up_are_not_used_before_etcd_has_said_so(make):
     wait_until(lambda: all(other in fleet.rack[name].owners[count:]
                            for name, count in before.items()),
                TAKE_OVER, "the other to have had its consoles")
-    wait_until(lambda: late.map()["problem"] == "etcd does not tell this station what changes",
-               what="the reason")
+    wait_until(lambda: late.map()["problem"].startswith(
+        "etcd does not tell this station what changes"), what="the reason")
     late.machine.run(["nft", "delete", "table", "ip", "late"])
     settle(fleet)
 
