@@ -167,7 +167,8 @@ class Tenure {
     const MapNote note{.as_of = time(nullptr) - age / kSecond,
                        .connected = view_.is_known() && !is_blind_ && age < kConfirmedFor,
                        .problem = problem};
-    PublishMap(options_, map_.Text(view_, note));
+    // Until etcd has told what there is, the map of the run before this one says more.
+    PublishMap(options_, view_.is_known() ? map_.Text(view_, note) : OldMapText(options_, problem));
     map_due_ = now + std::max(kMapInterval, kMapPause * (ProcessorNow() - begin));
   }
 
@@ -197,7 +198,7 @@ class Tenure {
   uint64_t awaited_beat_ = 0;  // this station's own
   bool is_blind_ = false;      // it does not come: nobody is to count on this station
   // Moments of BootNow().
-  int64_t round_ = 0;  // of the last one
+  int64_t round_ = BootNow();  // of the last one
   int64_t pause_until_ = 0;
   int64_t map_due_ = 0;
   int64_t awaited_since_ = 0;
