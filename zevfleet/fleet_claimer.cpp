@@ -20,17 +20,29 @@ void FleetClaimer::Claim(const FleetView& view, const Names& names) {
 
 // All of them or, where another station has been quicker with one, each on its own.
 void FleetClaimer::ClaimTogether(const FleetView& view, const Names& names) {
-  const std::string value = Encode(ConsoleClaim{member_.station.name, member_.station.instance});
   EtcdTransaction claim;
   for (const std::string& name : names) {
     const SeenConsole& seen = view.consoles().at(name);
     const std::string key = keys_.Claims() + seen.console.address;
     claim.IfMissing(key)
         .IfUnchanged(keys_.Consoles() + name, seen.mod_revision)
-        .Put(key, value, member_.lease.id);
+        .Put(key, value_, member_.lease.id);
   }
   if (etcd_.Commit(claim) || names.size() == 1) return;
   for (const std::string& name : names) ClaimTogether(view, {name});
+}
+
+bool FleetClaimer::Renew(const FleetView& view, const Names& addresses) {
+  for (size_t begin = 0; begin < addresses.size(); begin += kTogether) {
+    EtcdTransaction renewal;
+    for (size_t i = begin; i < std::min(begin + kTogether, addresses.size()); ++i) {
+      const std::string key = keys_.Claims() + addresses[i];
+      renewal.IfUnchanged(key, view.claims().at(addresses[i]).mod_revision)
+          .Put(key, value_, member_.lease.id);
+    }
+    if (!etcd_.Commit(renewal)) return false;
+  }
+  return true;
 }
 
 void FleetClaimer::GiveUp(const FleetView& view, const Names& addresses) {

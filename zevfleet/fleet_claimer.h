@@ -19,11 +19,19 @@ namespace zevfleet {
 class FleetClaimer {
  public:
   FleetClaimer(const std::string& site, Etcd& etcd, const Membership& member)
-      : keys_(site), etcd_(etcd), member_(member) {}
+      : keys_(site),
+        etcd_(etcd),
+        member_(member),
+        value_(Encode(ConsoleClaim{member.station.name, member.station.instance})) {}
 
   /// Claims consoles that the view has as free; another station may be quicker with some of them.
   /// The watch brings the claims that were made.
   void Claim(const FleetView& view, const std::vector<std::string>& names);
+
+  /// Writes claims that are this station's anew, by which they get other revisions: what an earlier
+  /// run of this lease has asked for and etcd does not yet have done then changes nothing any more.
+  /// False when etcd has other claims than the view, which then is about to learn it.
+  bool Renew(const FleetView& view, const std::vector<std::string>& addresses);
 
   /// Gives claims up that are this station's. From here on they are given up, whatever becomes of
   /// the request, and however long the view still has them.
@@ -40,6 +48,7 @@ class FleetClaimer {
   const FleetKeys keys_;
   Etcd& etcd_;
   const Membership member_;
+  const std::string value_;                  // of a claim
   std::map<std::string, int64_t> given_up_;  // revisions of claims, by addresses
 };
 

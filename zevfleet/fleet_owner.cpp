@@ -74,6 +74,8 @@ void FleetOwner::Work(const FleetView& view, int64_t now) {
   }
   if (now < not_before_ || daemon_since_ == 0) return;
   problem_.clear();
+  if (!claims_are_renewed_ && !claimer_.Renew(view, HeldAddresses(view, Self(now)))) return;
+  claims_are_renewed_ = true;
   std::erase_if(held, [&](const std::string& name) {
     return claimer_.HasGivenUp(view, view.consoles().at(name).console.address);
   });

@@ -65,7 +65,8 @@ class FleetOwner {
   int64_t daemon_seen_ = 0;                    // CLOCK_BOOTTIME: when it last answered
   int64_t daemon_since_ = 0;                   // since when it runs; 0 while it does not
   bool guard_runs_ = false;
-  int64_t not_before_ = 0;  // after a failure, when to try again
+  bool claims_are_renewed_ = false;  // those of an earlier run of the lease
+  int64_t not_before_ = 0;           // after a failure, when to try again
   std::string problem_;
 };
 

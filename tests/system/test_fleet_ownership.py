@@ -6,7 +6,7 @@ import time
 
 import pytest
 
-from harness.fleet import CLIENT_PORT, LEASE, TAKE_OVER, Fleet, FleetStation
+from harness.fleet import CLIENT_PORT, LEASE, PREFIX, TAKE_OVER, Fleet, FleetStation
 from harness.waiting import stretched, wait_until
 
 pytestmark = pytest.mark.needs_namespace
@@ -196,6 +196,28 @@ def test_a_run_that_is_killed_goes_on_with_its_lease(make):
                        what="more renewals")
     assert {name: fleet.rack[name].owners for name in fleet.names} == before
     assert [station.daemon.pid for station in fleet.stations] == daemons
+
+
+def test_what_a_killed_run_asked_of_etcd_comes_too_late(make):
+    fleet = settle(make(2, 4).start())
+    killed = fleet.stations[0]
+    connections = {name: list(fleet.rack[name].owners) for name in fleet.names}
+
+    def revisions() -> dict[str, int]:
+        claims, values = fleet.listing("claims"), fleet.keys("claims")
+        return {address: claim["mod_revision"] for address, claim in claims.items()
+                if values[address]["station"] == killed.name}
+
+    before = revisions()
+    assert len(before) == 2
+    killed.run.signal(signal.SIGKILL)
+    wait_until(lambda: not before.items() & revisions().items(), what="claims written anew")
+    for address, revision in before.items():  # as a run gives a claim up
+        key = f"{PREFIX}claims/{address}"
+        done = fleet.etcdctl("txn", given=f'mod("{key}") = "{revision}"\n\ndel {key}\n\n\n')
+        assert done.stdout.split()[0] == "FAILURE"
+    settle(fleet)
+    assert {name: fleet.rack[name].owners for name in fleet.names} == connections
 
 
 def test_a_daemon_that_is_killed_has_its_consoles_again(make):

@@ -342,9 +342,14 @@ class Fleet:
 
     def keys(self, kind: str) -> dict[str, dict]:
         """The values of one kind of keys in etcd, by name."""
+        return {name: json.loads(b64decode(one["value"]))
+                for name, one in self.listing(kind).items()}
+
+    def listing(self, kind: str) -> dict[str, dict]:
+        """One kind of keys as etcd's JSON describes them, by name."""
         prefix = f"{PREFIX}{kind}/"
         answer = json.loads(self.etcdctl("get", "--prefix", prefix, "-w", "json").stdout)
-        return {b64decode(one["key"]).decode()[len(prefix):]: json.loads(b64decode(one["value"]))
+        return {b64decode(one["key"]).decode()[len(prefix):]: one
                 for one in answer.get("kvs", [])}
 
     def value(self, key: str) -> str:
