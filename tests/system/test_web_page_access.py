@@ -61,6 +61,8 @@ def test_keyboard_screen_reader_themes_and_a_narrow_screen(rack, web, browser):
     browser.see(".keys", "Esc")
     assert not browser.do("evaluate", script="document.documentElement.scrollWidth > 360")
     assert browser.text(".list") == ""
+    assert browser.do("evaluate", script="{ const heading = document.querySelector('h1');"
+                      " heading.checkVisibility() && heading.getBoundingClientRect().right <= 0; }")
     browser.do("evaluate", script="{ const modes = document.querySelector('.pane select');"
                " modes.value = '2'; modes.dispatchEvent(new Event('change')); }")
     browser.see(browser.status("web1"), "You type")
