@@ -771,6 +771,8 @@ class Injection:
                 subject.heal()
             else:
                 subject.until(subject.consoles_are_back, "the consoles to be called again")
+                # What cannot be sent to one of a console's users costs it the others, too.
+                subject.until(subject.users_are_gone, "the users to be gone")
             subject.works()
         subject.costly = None
         self.phase.afterwards()
@@ -815,7 +817,7 @@ class Injection:
 # Tests
 
 
-@pytest.fixture(scope="module")
+@pytest.fixture(scope="session")
 def library(tmp_path_factory):
     """What is loaded into the daemons."""
     return build_library(tmp_path_factory.mktemp("failing-calls"))
