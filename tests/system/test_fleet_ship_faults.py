@@ -40,8 +40,8 @@ def wait_all(server: NatsServer, console: str, lines: bytes, limit: float = 6 * 
                 state = client.state()
             except AssertionError:
                 return b""
-            found = client.messages(first=state["last_seq"]) if state["messages"] else []
-            return found[-1].data if found else b""
+            found = client.messages(first=state["last_seq"] - 8) if state["messages"] else []
+            return output_of(found, console)
     wait_until(lambda: last().endswith(lines[-15:]), limit, "the last line in the stream")
     assert output_of(messages(server), console) == lines
 

@@ -168,7 +168,7 @@ def test_an_attachment_follows_its_console(fleet, operator):
     seat.type(b"typed there\r")
     wait_until(lambda: b"typed there" in fleet.rack["box02"].typed, what="the keys")
     fleet.stations[1].end()
-    seat.wait(b"[zevctl: box02 is at station st1 now]", TAKE_OVER + 5)
+    seat.wait(b"[zevctl: box02 is at station st1 now]", 3 * TAKE_OVER)
     wait_until(lambda: fleet.stations[0].users("box02") == 1, what="the user again")
     seat.type(b"typed here\r")
     wait_until(lambda: b"typed here" in fleet.rack["box02"].typed, what="the keys")
