@@ -122,6 +122,7 @@ def test_a_person_leaves_and_finds_the_shell_as_it_was(station):
     with seated(station, "shell user=ann") as person:
         type_command(person, 7)
         person.type("memory=kept\r")
+        person.expect("memory=kept\r\n")  # telnet keeps to itself what it has not sent by then
         person.type("\x1d")
         person.expect("telnet> ")
         person.type("quit\r")
