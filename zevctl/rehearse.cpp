@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <deque>
 #include <iostream>
@@ -34,6 +35,8 @@ using Json = nlohmann::ordered_json;
 constexpr size_t kMostExamples = 1'000'000;  // they are kept in memory
 constexpr int kNiceness = 10;
 constexpr double kCostly = 100;  // microseconds: 10,000 lines a second keep a processor busy
+// The first lines cost more than those that follow, whatever the pattern is.
+constexpr uint64_t kLinesToJudgeBy = 100;
 
 struct RehearseOptions {
   std::string file;
@@ -131,7 +134,7 @@ Outcome Try(const RehearseOptions& options, const PastRange& range, const journa
 // ---- Judging patterns ---------------------------------------------------------------------------
 
 bool IsCostly(const EventPattern& pattern, const PatternFigures& figures) {
-  return pattern.is_hard || figures.MeanCost() >= kCostly;
+  return pattern.is_hard || (figures.tried >= kLinesToJudgeBy && figures.MeanCost() >= kCostly);
 }
 
 std::string RemarkOn(const EventPattern& pattern, const PatternFigures& figures) {
