@@ -23,11 +23,14 @@ UP = b"guest is up\r\n"
 BOOTS_WITHIN = 60.0
 
 # Standard input is a second serial line, which leads to the test and not to the daemon. It is open
-# before the guest says that it is up: what comes earlier would be lost.
+# before the guest says that it is up: what comes earlier would be lost. From then on the kernel of
+# a guest that has too little of a busy processor would complain of its clocks at any time, even in
+# the middle of a line; a panic is printed in spite of the level.
 INIT = """#!/bin/busybox sh
 /bin/busybox mount -t proc proc /proc
 /bin/busybox mount -t devtmpfs dev /dev
 exec </dev/ttyS1 >/dev/ttyS0 2>&1
+echo 1 > /proc/sys/kernel/printk
 echo "guest is up"
 while read -r word; do
     [ "$word" != crash ] || echo c > /proc/sysrq-trigger
@@ -54,7 +57,11 @@ def initial_file_system(directory: Path) -> Path:
 
 
 class Guest(Closing):
-    """A Linux machine whose serial console is a TCP port. It boots when somebody calls there."""
+    """A Linux machine whose serial console is a TCP port. It boots when somebody calls there.
+
+    Its kernel does not check that the timer interrupts: on a busy processor it would find that it
+    does not, and panic.
+    """
 
     def __init__(self, directory: Path) -> None:
         self.port = free_port()
@@ -68,7 +75,7 @@ class Guest(Closing):
         return ["qemu-system-x86_64", "-display", "none", "-monitor", "none", "-nodefaults",
                 "-net", "none", "-accel", "tcg", "-m", "128", "-no-reboot",
                 "-kernel", str(KERNEL), "-initrd", str(initial_file_system(directory)),
-                "-append", "console=ttyS0 panic=-1 loglevel=7",
+                "-append", "console=ttyS0 panic=-1 loglevel=7 no_timer_check",
                 "-chardev", f"{line},id=control,port={self._control_port},wait=off",
                 "-chardev", f"{line},id=console,port={self.port},wait=on,logfile={self._printed}",
                 "-serial", "chardev:console", "-serial", "chardev:control"]
@@ -167,14 +174,14 @@ def test_a_panic_that_nobody_watches_is_found_and_replayed(station, guest):
 
 
 def test_the_journal_tells_who_kept_a_panic_to_himself(station, guest):
-    printed = guest.printed
-    wait_until(lambda: raw_history().endswith(UP), BOOTS_WITHIN, "the boot in the journal")
+    wait_until(lambda: UP in raw_history(), BOOTS_WITHIN, "the boot in the journal")
     holder = station.attach("guest", user="ann", mode="er")
     crash(station, guest)
     holder.expect(PANIC.encode())
-    assert raw_history() == printed
+    logged = raw_history()
+    assert UP in logged and guest.printed.startswith(logged)
     found = history("--grep", "Kernel panic")
     assert found.returncode == zevctl.FAILED and PANIC not in found.stdout
-    hidden = len(guest.printed) - len(printed)
+    hidden = len(guest.printed) - len(logged)
     told = re.search(r"not logged from .* to .* by (\S+), (\d+) bytes", history().stdout)
     assert told is not None and told.groups() == ("ann", str(hidden)), history().stdout
