@@ -159,6 +159,8 @@ LOG_LOST = help_needed(
 )
 LOG_NOT_RENAMED = help_needed("UpdateConsole : rename() failed : {e}")
 LINK_LEFT = work("RemoveSymlinkToCurrDir: unlink() failed : {e}")
+# Logs may rotate before the first console is connected, whose log makes the link.
+LINK_MISSING = work("RemoveSymlinkToCurrDir: unlink() failed : No such file or directory")
 
 NEW_LOG_REFUSED = (
     end("OpenLogFile: chown( *.log, ...) failed : {e}",
@@ -246,7 +248,7 @@ START: Table = {
     "read": SILENT,
     "mkdirat": LOG_LOST,
     "unlinkat": SILENT,
-    "symlinkat": LOG_LOST,
+    "symlinkat": LOG_LOST + LINK_MISSING,
     "readlinkat": SILENT + LOG_LOST,
     "opendir": EVENTS_LOST + NOT_COUNTED,
     "readdir": SILENT + EVENTS_LOST + NOT_COUNTED,
