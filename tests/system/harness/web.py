@@ -6,6 +6,8 @@ import json
 import socket
 import ssl
 import subprocess
+import time
+from collections.abc import Callable
 from pathlib import Path
 
 import pytest
@@ -217,6 +219,20 @@ class Web:
         if answer.status == 204:
             self.cookie = answer.headers["Set-Cookie"].partition(";")[0]
         return answer
+
+    @staticmethod
+    def tries_until_refused(log_in: Callable[[], Answer], burst: int, pause: int) -> None:
+        """Log in with a wrong password until there is a wait.
+
+        `burst` tries are allowed at once, and one more for each `pause` (seconds) that they take.
+        """
+        begin = time.monotonic()
+        tries = 0
+        while (status := log_in().status) != 429:
+            assert status == 401
+            tries += 1
+            assert tries <= burst + (time.monotonic() - begin) / pause
+        assert tries >= burst
 
     def send(self, method: str, path: str, body=None, headers: dict[str, str] | None = None
              ) -> tuple[int, str | None, bytes]:
