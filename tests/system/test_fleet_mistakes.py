@@ -9,7 +9,7 @@ import pytest
 from harness import settings
 from harness.clock import ShiftedClock
 from harness.failing_calls import FailingCalls, build_library
-from harness.fleet import LEASE, PREFIX, RUN, TAKE_OVER, Fleet, FleetStation
+from harness.fleet import LEASE, PREFIX, TAKE_OVER, Fleet, FleetStation
 from harness.waiting import wait_until
 
 pytestmark = pytest.mark.needs_namespace
@@ -325,11 +325,10 @@ def test_the_deadline_is_kept_in_memory(make, tmp_path):
 
 
 def test_there_is_one_run_and_one_guard(make):
-    station = make(1, 1).start().stations[0]
+    fleet = make(1, 1).start()
+    fleet.wait_owned()  # both are at work
+    station = fleet.stations[0]
     for command in ("run", "guard"):
-        wait_until(lambda one=command: station.inside(RUN / f"{one}.lock").exists(),
-                   what="the lock")
-        getattr(station, command).pid
         done = station.fleet(command, check=False)
         assert done.returncode == 1
         assert done.stderr == f'zevfleet: another "zevfleet {command}" is at work already\n'

@@ -15,12 +15,13 @@ from harness.nats import NatsCluster
 from harness.realm import HERE, RACK, Machine, Realm
 from harness.sole_consoles import SoleRack
 from harness.station import assert_no_sanitizer_report
-from harness.waiting import wait_until
+from harness.waiting import stretched, wait_until
 
 SITE = "hall"
 PREFIX = f"/zevfleet/{SITE}/"
 LEASE = 5  # seconds, the least that is allowed
 TAKE_OVER = LEASE + 5.0
+ENDS_WITHIN = 120.0  # what ends by itself
 RUN = Path("/run/zevfleet")
 CLIENT_PORT = 2379
 DATA = "/run/etcd"  # in memory: a busy disk would make leases late
@@ -220,12 +221,14 @@ class FleetStation:
     def fleet(self, *words: str, check: bool = True) -> subprocess.CompletedProcess:
         """Run zevfleet there."""
         return self.machine.run([self._bin / "zevfleet", *words], check=check, text=True,
-                                capture_output=True, stdin=subprocess.DEVNULL)
+                                capture_output=True, stdin=subprocess.DEVNULL,
+                                timeout=stretched(ENDS_WITHIN))
 
     def zevctl(self, *words: str, check: bool = True) -> subprocess.CompletedProcess:
         """Run zevctl there."""
         return self.machine.run([self._bin / "zevctl", *words], check=check, text=True,
-                                capture_output=True, stdin=subprocess.DEVNULL)
+                                capture_output=True, stdin=subprocess.DEVNULL,
+                                timeout=stretched(ENDS_WITHIN))
 
     def answers(self) -> bool:
         """Whether its daemon does."""
