@@ -3,14 +3,13 @@
 
 import pytest
 
-from harness.fleet import PREFIX, Fleet
+from harness.fleet import LASTING, PREFIX, Fleet
 from harness.waiting import wait_until
 from harness.web import certificate
 
 pytestmark = pytest.mark.needs_namespace
 
 NAME, PASSWORD = "stations", "secret words"
-LONG_LEASE = 20  # seconds; it outlasts a restart of etcd on a busy machine
 
 
 @pytest.fixture
@@ -139,7 +138,7 @@ def test_a_station_logs_in(fleet, login):
 
 def test_a_login_that_etcd_forgot_is_made_again(fleet, login):
     want_logins(fleet)
-    configure(fleet, lease_seconds=LONG_LEASE, **login)
+    configure(fleet, lease_seconds=LASTING, **login)
     fleet.apply()
     station, server = fleet.stations[0], fleet.etcd[0]
     station.start()
@@ -156,7 +155,7 @@ def test_a_login_that_etcd_forgot_is_made_again(fleet, login):
 
 
 def test_logins_can_be_wanted_while_the_fleet_is_at_work(fleet, login):
-    configure(fleet, lease_seconds=LONG_LEASE, **login)
+    configure(fleet, lease_seconds=LASTING, **login)
     fleet.apply()
     station = fleet.stations[0]
     station.start()

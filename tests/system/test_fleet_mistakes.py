@@ -9,7 +9,7 @@ import pytest
 from harness import settings
 from harness.clock import ShiftedClock
 from harness.failing_calls import FailingCalls, build_library
-from harness.fleet import LEASE, PREFIX, TAKE_OVER, Fleet, FleetStation
+from harness.fleet import LASTING, LEASE, PREFIX, TAKE_OVER, Fleet, FleetStation
 from harness.waiting import wait_until
 
 pytestmark = pytest.mark.needs_namespace
@@ -86,9 +86,9 @@ def test_two_fleets_of_one_name_are_told_apart(make):
 
 
 def test_two_stations_of_one_name_are_told_apart(make):
-    fleet = make(2, 2)
+    fleet = make(2, 2, lease=LASTING)
     first, second = fleet.stations
-    second.configure([fleet.etcd[0].url], station="st1")
+    second.configure([fleet.etcd[0].url], {"lease_seconds": LASTING}, station="st1")
     fleet.start_etcd()
     fleet.apply()
     first.start()
@@ -260,7 +260,7 @@ def test_lines_that_were_edited_by_hand_stay_as_they_are(make):
 
 
 def test_a_daemon_keeps_consoles_whose_lease_is_good(make):
-    fleet = make(1, 1).start()
+    fleet = make(1, 1, lease=LASTING).start()
     fleet.wait_owned()
     station = fleet.stations[0]
     before = (station.config / "zev.conf").read_text(encoding="ascii")
@@ -272,14 +272,14 @@ def test_a_daemon_keeps_consoles_whose_lease_is_good(make):
 
 def test_a_run_that_was_stopped_in_the_middle_does_not_write_afterwards(make):
     """What the guard and the preparation rely on: a process of the old lease is gone."""
-    fleet = make(1, 1).start()
+    fleet = make(1, 1, lease=2 * LEASE).start()
     fleet.wait_owned()
     station = fleet.stations[0]
     station.guard.end()
     station.run.signal(signal.SIGSTOP)
     pid = station.run.pid
-    deadline = time.monotonic() + LEASE
-    wait_until(lambda: time.monotonic() > deadline, LEASE + 1, "the lease to be over")
+    deadline = time.monotonic() + 2 * LEASE
+    wait_until(lambda: time.monotonic() > deadline, 2 * LEASE + 1, "the lease to be over")
     station.fleet("prepare")
     wait_until(lambda: station.run.pid != pid, what="the stopped process to be ended")
     assert (station.config / "zev.conf").read_text(encoding="ascii").count("box01 ") == 0
@@ -325,7 +325,7 @@ def test_the_deadline_is_kept_in_memory(make, tmp_path):
 
 
 def test_there_is_one_run_and_one_guard(make):
-    fleet = make(1, 1).start()
+    fleet = make(1, 1, lease=LASTING).start()
     fleet.wait_owned()  # both are at work
     station = fleet.stations[0]
     for command in ("run", "guard"):

@@ -21,6 +21,7 @@ SITE = "hall"
 PREFIX = f"/zevfleet/{SITE}/"
 LEASE = 5  # seconds, the least that is allowed
 TAKE_OVER = LEASE + 5.0
+LASTING = 20  # seconds of a lease that a busy machine does not let end
 ENDS_WITHIN = 120.0  # what ends by itself
 RUN = Path("/run/zevfleet")
 CLIENT_PORT = 2379
@@ -289,8 +290,12 @@ class Fleet:
     """All of it."""
 
     def __init__(self, scratch: Path, stations: int, consoles: int, etcds: int = 1,
-                 ships: bool = False) -> None:
-        """With `ships` each machine of etcd has NATS, too, and the stations ship to it."""
+                 ships: bool = False, lease: int = LEASE) -> None:
+        """With `ships` each machine of etcd has NATS, too, and the stations ship to it.
+
+        The least lease (seconds) may end by itself when the machine is busy: a test that counts
+        on one that lasts takes a longer one.
+        """
         self.scratch = scratch
         self.realm = Realm()
         self.etcd = [EtcdServer(self.realm.add(f"e{i + 1}"), scratch) for i in range(etcds)]
@@ -302,7 +307,7 @@ class Fleet:
         machines = [server.machine for server in self.etcd]
         self.nats = NatsCluster(scratch, machines=machines) if ships else None
         for station in self.stations:
-            station.configure([server.url for server in self.etcd],
+            station.configure([server.url for server in self.etcd], {"lease_seconds": lease},
                               nats=self.nats.urls if self.nats else None)
             if self.nats:
                 station.keep_journal()
